@@ -1,0 +1,81 @@
+# How every library, test and installed file of this project is declared.
+
+# Warnings and sanitizers of a target that is compiled here; nothing of it reaches an installed target.
+function(kr_compile_options target)
+    target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wno-sign-conversion
+                           -Wnon-virtual-dtor -Woverloaded-virtual -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
+    if(KR_WERROR)
+        target_compile_options(${target} PRIVATE -Werror)
+    endif()
+    if(KR_SANITIZE)
+        target_compile_options(${target} PRIVATE -fsanitize=${KR_SANITIZE} -fno-omit-frame-pointer
+                               -fno-sanitize-recover=undefined)
+        target_link_options(${target} PRIVATE -fsanitize=${KR_SANITIZE})
+        if(CMAKE_CXX_COMPILER_ID STREQUAL GNU)
+            # g++ 12 reports false positives of these two once a sanitizer has rewritten the code.
+            target_compile_options(${target} PRIVATE -Wno-maybe-uninitialized -Wno-tsan)
+        endif()
+    endif()
+endfunction()
+
+# kr_add_library(<name> SOURCES ... [PUBLIC <libs>] [PRIVATE <libs>] [PC_REQUIRES <modules>])
+# Declares the shared library KRVision::<name> from this folder: public headers in include/<name>/.
+function(kr_add_library name)
+    cmake_parse_arguments(arg "" "" "SOURCES;PUBLIC;PRIVATE;PC_REQUIRES" ${ARGN})
+    add_library(${name} SHARED ${arg_SOURCES})
+    add_library(KRVision::${name} ALIAS ${name})
+    target_compile_features(${name} PUBLIC cxx_std_20)
+    target_include_directories(${name} PUBLIC $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}/include>
+                                              $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+    target_link_libraries(${name} PUBLIC ${arg_PUBLIC} PRIVATE ${arg_PRIVATE})
+    set_target_properties(${name} PROPERTIES
+        CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON
+        VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR}
+        CXX_EXTENSIONS OFF)
+    kr_compile_options(${name})
+
+    install(TARGETS ${name} EXPORT KRVisionTargets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+    install(DIRECTORY include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+    # Found from where the file lies, so that an installation can be anywhere.
+    file(RELATIVE_PATH KR_PC_PREFIX /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
+    set(KR_PC_NAME ${name})
+    list(JOIN arg_PC_REQUIRES " " KR_PC_REQUIRES)
+    configure_file(${PROJECT_SOURCE_DIR}/cmake/library.pc.in ${CMAKE_CURRENT_BINARY_DIR}/${name}.pc @ONLY)
+    install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${name}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+endfunction()
+
+# kr_add_test(<name> SOURCES ... LINK ...): one GoogleTest program; each of its tests is one test of CTest.
+function(kr_add_test name)
+    if(NOT KR_TESTS)
+        return()
+    endif()
+    cmake_parse_arguments(arg "" "" "SOURCES;LINK" ${ARGN})
+    add_executable(${name} ${arg_SOURCES})
+    target_compile_features(${name} PRIVATE cxx_std_20)
+    target_link_libraries(${name} PRIVATE ${arg_LINK} GTest::gmock GTest::gtest_main)
+    kr_compile_options(${name})
+    gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60)
+endfunction()
+
+function(kr_install_package)
+    include(CMakePackageConfigHelpers)
+    configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/KRVisionConfig.cmake.in
+        ${PROJECT_BINARY_DIR}/KRVisionConfig.cmake INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/KRVision)
+    write_basic_package_version_file(${PROJECT_BINARY_DIR}/KRVisionConfigVersion.cmake
+        COMPATIBILITY SameMinorVersion)
+    install(FILES ${PROJECT_BINARY_DIR}/KRVisionConfig.cmake ${PROJECT_BINARY_DIR}/KRVisionConfigVersion.cmake
+            DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/KRVision)
+    install(EXPORT KRVisionTargets NAMESPACE KRVision:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/KRVision)
+endfunction()
+
+# A program outside the tree that finds and uses the installed package, headers and all.
+function(kr_add_install_test)
+    if(KR_SANITIZE)
+        return() # the consumer would have to be built with the same sanitizer
+    endif()
+    add_test(NAME InstalledPackageServesAnotherProject
+        COMMAND ${CMAKE_COMMAND} -DBUILD=${PROJECT_BINARY_DIR} -DCONSUMER=${PROJECT_SOURCE_DIR}/cmake/consumer
+                -DWORK=${PROJECT_BINARY_DIR}/consumer -DCAMERA=${KR_CAMERA} -DCXX=${CMAKE_CXX_COMPILER}
+                -DLIBDIR=${CMAKE_INSTALL_LIBDIR}
+                -P ${PROJECT_SOURCE_DIR}/cmake/consumer/run.cmake)
+endfunction()

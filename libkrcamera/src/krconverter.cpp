@@ -1,0 +1,268 @@
+#include "krconverter.hpp"
+
+#include "krgstreamer.hpp"
+
+#include <krvision/krvisiondefinitions.hpp>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <new>
+#include <stdexcept>
+#include <utility>
+
+namespace KR {
+
+namespace {
+
+struct ColorSpace {
+    int code;
+    GstVideoFormat format;
+    const char* name;
+};
+
+constexpr std::array colorSpaces{
+    ColorSpace{0, GST_VIDEO_FORMAT_GRAY8, "luma"}, ColorSpace{9, GST_VIDEO_FORMAT_YUY2, "YUV422"},
+    ColorSpace{11, GST_VIDEO_FORMAT_RGB, "RGB"},   ColorSpace{13, GST_VIDEO_FORMAT_BGR, "BGR"},
+    ColorSpace{18, GST_VIDEO_FORMAT_BGRx, "BGRx"},
+};
+
+constexpr std::size_t maximumIdleConversions = 8;
+constexpr std::size_t maximumIdleBuffers = 4;
+constexpr std::align_val_t bufferAlignment{64};
+
+const ColorSpace* findColorSpace(int code) noexcept {
+    const auto found = std::ranges::find(colorSpaces, code, &ColorSpace::code);
+    return found == colorSpaces.end() ? nullptr : found;
+}
+
+// A wide image (32:9) keeps the proportions of the camera's picture; the others are filled by it.
+bool isLetterboxed(int resolution) noexcept {
+    return resolution >= 13 && resolution <= 17;
+}
+
+struct Rectangle {
+    int x, y, width, height;
+};
+
+// Where the picture goes in the image. Left edge and width are even: two pixels share their colour in YUV422.
+Rectangle placePicture(const GstVideoInfo& in, const GstVideoInfo& out, bool letterboxed) {
+    Rectangle place{0, 0, out.width, out.height};
+    if (!letterboxed) {
+        return place;
+    }
+    const gint64 inWidth = static_cast<gint64>(in.width) * std::max(in.par_n, 1);
+    const gint64 inHeight = static_cast<gint64>(in.height) * std::max(in.par_d, 1);
+    if (inWidth * out.height >= inHeight * out.width) {
+        place.height = static_cast<int>(std::max<gint64>(1, inHeight * out.width / inWidth));
+        place.y = (out.height - place.height) / 2;
+    } else {
+        place.width = static_cast<int>(std::max<gint64>(2, inWidth * out.height / inHeight / 2 * 2));
+        place.x = (out.width - place.width) / 4 * 2;
+    }
+    return place;
+}
+
+// What the converter is told about the images that come in.
+GstVideoInfo describeInput(const GstVideoInfo& in, const GstVideoInfo& out) {
+    GstVideoInfo info = in;
+    // Fields are converted as whole images; both sides must have the same mode.
+    GST_VIDEO_INFO_INTERLACE_MODE(&info) = GST_VIDEO_INTERLACE_MODE_PROGRESSIVE;
+    // The converter leaves a range of 0 to 255 as it is when the matrix stays the same. This one is different enough
+    // to make it look, and alike enough for the result to differ by one at most.
+    if (GST_VIDEO_INFO_IS_YUV(&in) && !GST_VIDEO_INFO_IS_RGB(&out) &&
+        in.colorimetry.range == GST_VIDEO_COLOR_RANGE_0_255 &&
+        in.colorimetry.matrix == GST_VIDEO_COLOR_MATRIX_BT601) {
+        info.colorimetry.matrix = GST_VIDEO_COLOR_MATRIX_FCC;
+    }
+    return info;
+}
+
+// How many pixels of the image that comes in make one of the scaled image, per direction. GStreamer's own choice
+// grows with the scale, and from a dozen on its rounding errors show as stripes.
+int countTaps(const GstVideoInfo& in, const Rectangle& place) {
+    const double scale =
+        std::max(static_cast<double>(in.width) / place.width, static_cast<double>(in.height) / place.height);
+    return std::clamp(2 * static_cast<int>(std::ceil(scale)), 2, 6);
+}
+
+GstVideoConverter* makeConverter(const GstVideoInfo& in, const GstVideoInfo& out, const Rectangle& place) {
+    GstVideoInfo from = describeInput(in, out);
+    GstVideoInfo to = out;
+    to.fps_n = from.fps_n; // both sides must have the same rate
+    to.fps_d = from.fps_d;
+    GstStructure* options = gst_structure_new(
+        "options", GST_VIDEO_CONVERTER_OPT_RESAMPLER_METHOD, GST_TYPE_VIDEO_RESAMPLER_METHOD,
+        GST_VIDEO_RESAMPLER_METHOD_LINEAR, GST_VIDEO_CONVERTER_OPT_RESAMPLER_TAPS, G_TYPE_UINT,
+        countTaps(in, place), GST_VIDEO_CONVERTER_OPT_DITHER_METHOD, GST_TYPE_VIDEO_DITHER_METHOD,
+        GST_VIDEO_DITHER_NONE, GST_VIDEO_CONVERTER_OPT_DEST_X, G_TYPE_INT, place.x,
+        GST_VIDEO_CONVERTER_OPT_DEST_Y, G_TYPE_INT, place.y, GST_VIDEO_CONVERTER_OPT_DEST_WIDTH, G_TYPE_INT,
+        place.width, GST_VIDEO_CONVERTER_OPT_DEST_HEIGHT, G_TYPE_INT, place.height, nullptr);
+    return gst_video_converter_new(&from, &to, options); // takes the options
+}
+
+} // namespace
+
+std::optional<GstVideoInfo> getImageInfo(int resolution, int colorSpace) {
+    const ColorSpace* space = findColorSpace(colorSpace);
+    if (space == nullptr || !isResolutionSupported(resolution)) {
+        return std::nullopt;
+    }
+    int width = 0;
+    int height = 0;
+    setSizeFromResolution(resolution, width, height);
+    GstVideoInfo info;
+    gst_video_info_set_format(&info, space->format, static_cast<guint>(width), static_cast<guint>(height));
+    if (!GST_VIDEO_INFO_IS_RGB(&info)) {
+        // The same for all sizes, and for luma the same as for YUV422. GStreamer's own default changes to BT.709
+        // with the height, and to 0 to 255 without colours.
+        gst_video_colorimetry_from_string(&info.colorimetry, GST_VIDEO_COLORIMETRY_BT601);
+    }
+    return info;
+}
+
+bool isResolutionSupported(int resolution) noexcept {
+    return resolution >= 0 && resolution <= 17;
+}
+
+bool isColorSpaceSupported(int colorSpace) noexcept {
+    return findColorSpace(colorSpace) != nullptr;
+}
+
+std::string listColorSpaces() {
+    std::string list;
+    for (const ColorSpace& space : colorSpaces) {
+        list += (list.empty() ? "" : ", ") + std::to_string(space.code) + " (" + space.name + ")";
+    }
+    return list;
+}
+
+struct KRConverter::Conversion {
+    Conversion(const GstVideoInfo& from, int toResolution, int toColorSpace)
+        : in(from), resolution(toResolution), colorSpace(toColorSpace),
+          out(getImageInfo(resolution, colorSpace).value()),
+          converter(makeConverter(in, out, placePicture(in, out, isLetterboxed(resolution)))) {
+        if (converter == nullptr) {
+            throw std::runtime_error(std::string("images of the format ") + GST_VIDEO_INFO_NAME(&in) +
+                                     " cannot be converted");
+        }
+    }
+    ~Conversion() {
+        if (converter != nullptr) {
+            gst_video_converter_free(converter);
+        }
+    }
+    Conversion(const Conversion&) = delete;
+    Conversion& operator=(const Conversion&) = delete;
+
+    const GstVideoInfo in;
+    const int resolution;
+    const int colorSpace;
+    const GstVideoInfo out;
+    GstVideoConverter* const converter;
+};
+
+/// Memory for converted images. Pages that have been touched are worth keeping.
+class KRConverter::Buffers : public std::enable_shared_from_this<Buffers> {
+public:
+    Buffers() { idle_.reserve(maximumIdleBuffers); }
+    ~Buffers() {
+        for (const auto& [bytes, size] : idle_) {
+            free(bytes);
+        }
+    }
+    Buffers(const Buffers&) = delete;
+    Buffers& operator=(const Buffers&) = delete;
+
+    /// At least `size` bytes of any content, aligned to 64; comes back when the last holder lets go of it.
+    boost::shared_ptr<unsigned char[]> take(std::size_t size) {
+        unsigned char* bytes = takeIdle(size);
+        if (bytes == nullptr) {
+            bytes = static_cast<unsigned char*>(::operator new[](size, bufferAlignment));
+        }
+        return {bytes,
+                [owner = shared_from_this(), size](unsigned char* used) { owner->giveBack(used, size); }};
+    }
+
+private:
+    static void free(unsigned char* bytes) noexcept { ::operator delete[](bytes, bufferAlignment); }
+
+    unsigned char* takeIdle(std::size_t size) {
+        const std::lock_guard lock(mutex_);
+        const auto found = std::ranges::find(idle_, size, &Idle::second);
+        if (found == idle_.end()) {
+            return nullptr;
+        }
+        unsigned char* bytes = found->first;
+        idle_.erase(found);
+        return bytes;
+    }
+
+    void giveBack(unsigned char* bytes, std::size_t size) noexcept {
+        unsigned char* surplus = nullptr;
+        {
+            const std::lock_guard lock(mutex_);
+            if (idle_.size() == maximumIdleBuffers) {
+                surplus = idle_.front().first;
+                idle_.erase(idle_.begin());
+            }
+            idle_.emplace_back(bytes, size);
+        }
+        if (surplus != nullptr) {
+            free(surplus);
+        }
+    }
+
+    using Idle = std::pair<unsigned char*, std::size_t>;
+    std::mutex mutex_;
+    std::vector<Idle> idle_; ///< guarded by mutex_, longest idle first
+};
+
+KRConverter::KRConverter() : buffers_(std::make_shared<Buffers>()) {}
+KRConverter::~KRConverter() = default;
+
+KRBinary KRConverter::convert(const GstVideoFrame& image, int resolution, int colorSpace) {
+    std::unique_ptr<Conversion> conversion = take(image.info, resolution, colorSpace);
+    const std::size_t size = GST_VIDEO_INFO_SIZE(&conversion->out);
+    boost::shared_ptr<unsigned char[]> bytes = buffers_->take(size);
+    const GstHandle<GstBuffer> buffer(gst_buffer_new_wrapped_full(static_cast<GstMemoryFlags>(0), bytes.get(),
+                                                                  size, 0, size, nullptr, nullptr));
+    GstVideoInfo info = conversion->out;
+    GstVideoFrame converted;
+    if (!gst_video_frame_map(&converted, &info, buffer.get(), GST_MAP_WRITE)) {
+        throw std::runtime_error("the memory for a converted image cannot be mapped");
+    }
+    gst_video_converter_frame(conversion->converter, &image, &converted);
+    gst_video_frame_unmap(&converted);
+    giveBack(std::move(conversion));
+    return {std::move(bytes), size};
+}
+
+std::unique_ptr<KRConverter::Conversion> KRConverter::take(const GstVideoInfo& in, int resolution,
+                                                           int colorSpace) {
+    {
+        const std::lock_guard lock(mutex_);
+        const auto found = std::ranges::find_if(idle_, [&](const std::unique_ptr<Conversion>& idle) {
+            return idle->resolution == resolution && idle->colorSpace == colorSpace &&
+                   gst_video_info_is_equal(&idle->in, &in);
+        });
+        if (found != idle_.end()) {
+            std::unique_ptr<Conversion> conversion = std::move(*found);
+            idle_.erase(found);
+            return conversion;
+        }
+    }
+    return std::make_unique<Conversion>(in, resolution, colorSpace);
+}
+
+void KRConverter::giveBack(std::unique_ptr<Conversion> conversion) {
+    std::unique_ptr<Conversion> surplus;
+    const std::lock_guard lock(mutex_);
+    if (idle_.size() == maximumIdleConversions) {
+        surplus = std::move(idle_.front());
+        idle_.erase(idle_.begin());
+    }
+    idle_.push_back(std::move(conversion));
+}
+
+} // namespace KR

@@ -1,0 +1,232 @@
+#include "krpipeline.hpp"
+
+#include <krplatform/krthread.hpp>
+
+#include <algorithm>
+#include <stdexcept>
+
+namespace KR {
+
+namespace {
+
+const std::string noVideo = "there is no video in it";
+constexpr GstClockTime pullTimeout = 50 * GST_MSECOND;
+// A still image played as a film would otherwise be decoded as fast as the processor can.
+constexpr std::chrono::milliseconds shortestPass(33);
+
+} // namespace
+
+KRPipeline::KRPipeline(const KRSource& source) : source_(source) {
+    initGStreamer();
+    try {
+        build();
+        start();
+    } catch (...) {
+        stop();
+        throw;
+    }
+}
+
+KRPipeline::~KRPipeline() {
+    stop();
+}
+
+void KRPipeline::build() {
+    pipeline_.reset(gst_pipeline_new(nullptr));
+    gst_object_ref_sink(pipeline_.get());
+    bus_.reset(gst_element_get_bus(pipeline_.get()));
+    // One clock for good: a clock that a source brings along may get lost while it runs.
+    const GstHandle<GstClock> clock(gst_system_clock_obtain());
+    gst_pipeline_use_clock(GST_PIPELINE(pipeline_.get()), clock.get());
+
+    const GstHandle<GstElement> bin = makeSourceBin(source_);
+    sink_.reset(gst_bin_get_by_name(GST_BIN(bin.get()), imageSinkName));
+    balance_.reset(gst_bin_get_by_name(GST_BIN(bin.get()), "balance"));
+    flip_.reset(gst_bin_get_by_name(GST_BIN(bin.get()), "flip"));
+    gst_bin_add(GST_BIN(pipeline_.get()), bin.get()); // keeps a reference
+    applyParameters();
+}
+
+void KRPipeline::start() {
+    passStart_ = std::chrono::steady_clock::now();
+    capturesInPass_ = 0;
+    GstStateChangeReturn result = gst_element_set_state(pipeline_.get(), GST_STATE_PAUSED);
+    if (result != GST_STATE_CHANGE_FAILURE) {
+        // Live images come when they are taken; the others are to be shown when they are due.
+        g_object_set(sink_.get(), "sync", result != GST_STATE_CHANGE_NO_PREROLL, nullptr);
+        result = gst_element_set_state(pipeline_.get(), GST_STATE_PLAYING);
+    }
+    if (result == GST_STATE_CHANGE_FAILURE) {
+        readBus(0);
+        throw std::runtime_error(failure_.value_or("the pipeline does not start"));
+    }
+}
+
+void KRPipeline::stop() noexcept {
+    if (pipeline_) {
+        gst_element_set_state(pipeline_.get(), GST_STATE_NULL);
+    }
+}
+
+std::optional<KRCapture> KRPipeline::pull() {
+    GstAppSink* sink = GST_APP_SINK(sink_.get());
+    GstHandle<GstSample> sample(gst_app_sink_try_pull_sample(sink, pullTimeout));
+    // A sink at its end does not wait any more; the bus hears of the end when the last image has been shown.
+    readBus(!sample && gst_app_sink_is_eos(sink) ? pullTimeout : 0);
+    if (sample) {
+        ++capturesInPass_;
+        return capture(std::move(sample));
+    }
+    if (failure_) {
+        throw std::runtime_error(*failure_);
+    }
+    if (ended_) {
+        if (!isLooped(source_)) {
+            throw std::runtime_error("the source has ended");
+        }
+        rewind();
+    }
+    return std::nullopt;
+}
+
+// Reads everything there is, so that messages nobody wants do not pile up.
+void KRPipeline::readBus(GstClockTime timeout) {
+    constexpr auto wanted = static_cast<GstMessageType>(GST_MESSAGE_ERROR | GST_MESSAGE_WARNING |
+                                                        GST_MESSAGE_EOS | GST_MESSAGE_ELEMENT);
+    while (const GstHandle<GstMessage> message{gst_bus_timed_pop_filtered(bus_.get(), timeout, wanted)}) {
+        timeout = 0;
+        switch (GST_MESSAGE_TYPE(message.get())) {
+        case GST_MESSAGE_ERROR:
+            readError(message.get());
+            break;
+        case GST_MESSAGE_WARNING:
+            readWarning(message.get());
+            break;
+        case GST_MESSAGE_EOS:
+            ended_ = true;
+            break;
+        default:
+            if (const GstStructure* details = gst_message_get_structure(message.get());
+                details != nullptr && gst_structure_has_name(details, "missing-plugin")) {
+                const char* name = gst_structure_get_string(details, "name");
+                missing_ = std::string(" (missing: ") + (name != nullptr ? name : "a plug-in") + ")";
+            }
+        }
+    }
+}
+
+// That nothing fits the sink comes as a warning; whether an error follows is a matter of luck.
+void KRPipeline::readWarning(GstMessage* message) {
+    GError* error = nullptr;
+    gst_message_parse_warning(message, &error, nullptr);
+    const GstHandle<GError> owned(error);
+    const bool ownLink = source_.kind != KRSource::Kind::Gst;
+    if (ownLink && !failure_ && g_error_matches(error, GST_PARSE_ERROR, GST_PARSE_ERROR_DELAYED_LINK)) {
+        failure_ = noVideo + missing_;
+    }
+}
+
+// The first error is the cause, those that follow are its consequences.
+void KRPipeline::readError(GstMessage* message) {
+    if (failure_) {
+        return;
+    }
+    GError* error = nullptr;
+    gchar* debug = nullptr;
+    gst_message_parse_error(message, &error, &debug);
+    const GstHandle<GError> ownedError(error);
+    const GstHandle<gchar> ownedDebug(debug);
+    failure_ = error->message;
+    if (!missing_.empty()) {
+        *failure_ += missing_;
+        return;
+    }
+    // The debug text begins with a place in GStreamer's sources; what it adds stands in its last line.
+    const std::string place = debug != nullptr ? debug : "";
+    const std::size_t lastLine = place.rfind('\n');
+    if (place.find("not-linked") != std::string::npos) {
+        failure_ = noVideo;
+    } else if (lastLine != std::string::npos && lastLine + 1 < place.size()) {
+        *failure_ += " (" + place.substr(lastLine + 1) + ")";
+    }
+}
+
+void KRPipeline::rewind() {
+    if (capturesInPass_ == 0) {
+        throw std::runtime_error(noVideo);
+    }
+    sleepUntil(passStart_ + shortestPass);
+    ended_ = false;
+    passStart_ = std::chrono::steady_clock::now();
+    capturesInPass_ = 0;
+    constexpr auto flags = static_cast<GstSeekFlags>(GST_SEEK_FLAG_FLUSH | GST_SEEK_FLAG_KEY_UNIT);
+    if (!gst_element_seek_simple(pipeline_.get(), GST_FORMAT_TIME, flags, 0)) {
+        // Some formats cannot be searched: begin with a new pipeline.
+        stop();
+        build();
+        start();
+    }
+}
+
+void KRPipeline::setParameters(const std::map<int, int>& values) {
+    parameters_ = values;
+    applyParameters();
+}
+
+void KRPipeline::applyParameters() {
+    if (parameters_.empty()) {
+        return;
+    }
+    const auto value = [this](int id) {
+        const auto found = parameters_.find(id);
+        return found != parameters_.end() ? found->second
+                                          : findParameter(getParameters(source_), id)->defaultValue;
+    };
+    g_object_set(balance_.get(), "brightness", value(ParameterId::Brightness) / 100.0, "contrast",
+                 value(ParameterId::Contrast) / 100.0, "saturation", value(ParameterId::Saturation) / 100.0,
+                 "hue", value(ParameterId::Hue) / 180.0, nullptr);
+    const bool horizontal = value(ParameterId::HorizontalFlip) != 0;
+    const bool vertical = value(ParameterId::VerticalFlip) != 0;
+    const GstVideoOrientationMethod direction = horizontal && vertical ? GST_VIDEO_ORIENTATION_180
+                                                : horizontal           ? GST_VIDEO_ORIENTATION_HORIZ
+                                                : vertical             ? GST_VIDEO_ORIENTATION_VERT
+                                                                       : GST_VIDEO_ORIENTATION_IDENTITY;
+    g_object_set(flip_.get(), "video-direction", direction, nullptr);
+}
+
+KRCapture KRPipeline::capture(GstHandle<GstSample> sample) {
+    KRCapture result;
+    GstCaps* caps = gst_sample_get_caps(sample.get());
+    GstBuffer* buffer = gst_sample_get_buffer(sample.get());
+    if (caps == nullptr || buffer == nullptr || !gst_video_info_from_caps(&result.info, caps)) {
+        throw std::runtime_error("the source delivers something that is no image");
+    }
+    result.captureTime_usec = getCaptureTime(sample.get());
+    result.buffer.reset(gst_buffer_ref(buffer));
+    return result;
+}
+
+std::int64_t KRPipeline::getCaptureTime(GstSample* sample) {
+    using namespace std::chrono;
+    const GstHandle<GstClock> clock(gst_pipeline_get_clock(GST_PIPELINE(pipeline_.get())));
+    const auto clockNow = static_cast<std::int64_t>(gst_clock_get_time(clock.get()));
+    const std::int64_t now_usec = duration_cast<microseconds>(system_clock::now().time_since_epoch()).count();
+
+    std::int64_t time_usec = now_usec;
+    const GstSegment* segment = gst_sample_get_segment(sample);
+    const GstClockTime pts = GST_BUFFER_PTS(gst_sample_get_buffer(sample));
+    if (GST_CLOCK_TIME_IS_VALID(pts) && segment->format == GST_FORMAT_TIME) {
+        guint64 running = 0;
+        if (const int sign = gst_segment_to_running_time_full(segment, GST_FORMAT_TIME, pts, &running);
+            sign != 0) {
+            const std::int64_t taken = static_cast<std::int64_t>(gst_element_get_base_time(pipeline_.get())) +
+                                       sign * static_cast<std::int64_t>(running);
+            // A driver's time stamp may lie in the future; the image does not.
+            time_usec -= std::max<std::int64_t>(0, clockNow - taken) / 1000;
+        }
+    }
+    lastCaptureTime_usec_ = std::max(time_usec, lastCaptureTime_usec_ + 1);
+    return lastCaptureTime_usec_;
+}
+
+} // namespace KR

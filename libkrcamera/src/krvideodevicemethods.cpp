@@ -1,0 +1,82 @@
+#include "krcamera/krvideodevice.hpp"
+
+namespace KR {
+
+void KRVideoDevice::publishMethods() {
+    const char* className = "KRVideoDevice";
+    const auto addId = [this] { addParam("id", "Identifier that subscribeCamera returned."); };
+
+    functionName("subscribeCamera", className, "Subscribes to a camera; the first subscriber opens it.");
+    addParam("name", "Name of the subscriber, the beginning of its identifier.");
+    addParam("camera", "Index of the camera, from 0.");
+    addParam("resolution", "Resolution code, 0 to 17.");
+    addParam("colorSpace", "Colour space code: 0 luma, 9 YUV422, 11 RGB, 13 BGR, 18 BGRx.");
+    addParam("frameRate", "Images per second that the subscriber means to fetch, 1 to 30.");
+    setReturn("id", "Identifier of the subscription.");
+    bindMethodOverload(createFunctor(this, &KRVideoDevice::subscribeCamera));
+
+    functionName("unsubscribe", className, "Ends a subscription; the last one of a camera closes it.");
+    addId();
+    bindMethodOverload(createFunctor(this, &KRVideoDevice::unsubscribe));
+
+    functionName("getImageRemote", className,
+                 "Fetches the newest image that the subscription has not had, waiting for one for a while.");
+    addId();
+    setReturn("image",
+              "Array of 12 elements: width, height, bytes per pixel, colour space, seconds, microseconds, "
+              "pixels, camera, and left, top, right and bottom angle.");
+    bindMethodOverload(createFunctor(this, &KRVideoDevice::getImageRemote));
+
+    functionName("releaseImage", className, "Lets go of the image that was fetched last.");
+    addId();
+    bindMethodOverload(createFunctor(this, &KRVideoDevice::releaseImage));
+
+    functionName("setFrameRate", className, "Sets how often the subscriber means to fetch an image.");
+    addId();
+    addParam("frameRate", "Images per second, 1 to 30.");
+    setReturn("accepted", "False for an unsupported frame rate.");
+    bindMethodOverload(createFunctor(this, &KRVideoDevice::setFrameRate));
+
+    functionName("getFrameRate", className, "Tells how often the subscriber means to fetch an image.");
+    addId();
+    setReturn("frameRate", "Images per second.");
+    bindMethodOverload(createFunctor(this, &KRVideoDevice::getFrameRate));
+
+    functionName("setResolution", className, "Sets the resolution of the images to come.");
+    addId();
+    addParam("resolution", "Resolution code, 0 to 17.");
+    setReturn("accepted", "False for an unsupported resolution.");
+    bindMethodOverload(createFunctor(this, &KRVideoDevice::setResolution));
+
+    functionName("setColorSpace", className, "Sets the colour space of the images to come.");
+    addId();
+    addParam("colorSpace", "Colour space code: 0 luma, 9 YUV422, 11 RGB, 13 BGR, 18 BGRx.");
+    setReturn("accepted", "False for an unsupported colour space.");
+    bindMethodOverload(createFunctor(this, &KRVideoDevice::setColorSpace));
+
+    functionName("setActiveCamera", className, "Moves the subscription to another camera.");
+    addId();
+    addParam("camera", "Index of the camera, from 0.");
+    setReturn("accepted", "False if there is no such camera.");
+    bindMethodOverload(createFunctor(this, &KRVideoDevice::setActiveCamera));
+
+    functionName("getCameraModel", className, "Tells what kind of camera stands behind an index.");
+    addParam("camera", "Index of the camera, from 0.");
+    setReturn("model", "1 test picture, 2 file, 3 V4L2 device, 4 pipeline; -1 if there is no such camera.");
+    bindMethodOverload(createFunctor(this, &KRVideoDevice::getCameraModel));
+
+    functionName("setCameraParameter", className,
+                 "Changes the picture of the subscription's camera, for all its subscribers.");
+    addId();
+    addParam("parameter", "Number of the V4L2 control of the same meaning.");
+    addParam("value", "New value.");
+    setReturn("accepted", "False for a value out of range.");
+    bindMethodOverload(createFunctor(this, &KRVideoDevice::setCameraParameter));
+
+    functionName("setAllCameraParametersToDefault", className,
+                 "Gives the picture of the subscription's camera its original look back.");
+    addId();
+    bindMethodOverload(createFunctor(this, &KRVideoDevice::setAllCameraParametersToDefault));
+}
+
+} // namespace KR

@@ -1,0 +1,226 @@
+#include "cameratest.hpp"
+
+#include <fstream>
+#include <sstream>
+
+namespace KR {
+
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+class SourceTest : public CameraTest {
+protected:
+    std::string startError(const std::string& source) {
+        return errorOf([&] { start({"test", source}); });
+    }
+    std::string openError(const std::string& source) {
+        start({"test", source});
+        return errorOf([&] { subscribe(1); });
+    }
+    /// Fetches what there is to fetch. Returns how many images that were, and the error behind them.
+    std::pair<int, std::string> drain(const std::string& id) {
+        int images = 0;
+        for (;;) {
+            const std::string error = errorOf([&] { fetch(id); });
+            if (error != "no error") {
+                return {images, error};
+            }
+            ++images;
+        }
+    }
+
+    TemporaryFolder folder;
+};
+
+TEST_F(SourceTest, UnknownSchemesAreRefusedAtConstructionWithTheSupportedOnes) {
+    for (const std::string source : {"webcam:0", "/dev/video0", "", "TEST"}) {
+        EXPECT_EQ(startError(source), "KRVideoDevice: camera 1: camera source \"" + source +
+                                          "\" is not supported; supported are test, test:PATTERN, file:PATH, "
+                                          "v4l2:DEVICE, gst:PIPELINE");
+    }
+    for (const std::string source : {"file:", "file", "v4l2:", "gst:"}) {
+        EXPECT_THAT(startError(source),
+                    HasSubstr("camera source \"" + source + "\" is incomplete; supported are"));
+    }
+}
+
+TEST_F(SourceTest, UnknownPatternsAreRefusedWithThePatternsThereAre) {
+    EXPECT_THAT(
+        startError("test:polka-dots"),
+        AllOf(StartsWith("KRVideoDevice: camera 1: there is no test pattern \"polka-dots\"; the patterns "
+                         "are smpte, snow, black, "),
+              HasSubstr(", ball, ")));
+    EXPECT_THAT(startError("test:"), HasSubstr("there is no test pattern \"\""));
+}
+
+TEST_F(SourceTest, AServiceHas1To128Cameras) {
+    EXPECT_EQ(errorOf([&] { start({}); }), "KRVideoDevice: 0 camera sources were given; expected 1 to 128");
+    EXPECT_EQ(errorOf([&] { start(std::vector<std::string>(129, "test")); }),
+              "KRVideoDevice: 129 camera sources were given; expected 1 to 128");
+}
+
+TEST_F(SourceTest, AMissingFileIsNamedAndTheOtherCamerasRun) {
+    EXPECT_THAT(openError("file:/nonexistent/film.avi"),
+                AllOf(StartsWith("subscribeCamera: camera 1 (file:/nonexistent/film.avi) cannot be opened: "),
+                      HasSubstr("No such file \"/nonexistent/film.avi\"")));
+    fetch(subscribe(0));
+}
+
+TEST_F(SourceTest, AFileThatIsNoFilmIsRefused) {
+    const std::string text = folder / "film.txt";
+    std::ofstream(text) << "It was a dark and stormy night.\n";
+    EXPECT_THAT(openError("file:" + text), HasSubstr("cannot be opened: Could not determine type of stream"));
+    const std::string sound = folder / "sound.wav";
+    runPipeline("audiotestsrc num-buffers=5 ! wavenc ! filesink location=" + sound);
+    EXPECT_THAT(openError("file:" + sound), HasSubstr("cannot be opened: there is no video in it"));
+    EXPECT_THAT(openError("file:" + (folder / ".")), HasSubstr("is a directory"));
+}
+
+TEST_F(SourceTest, AMissingDecoderIsNamed) {
+    const std::string film = folder / "film.avi";
+    writeFilm(film);
+    std::ostringstream content;
+    content << std::ifstream(film, std::ios::binary).rdbuf();
+    std::string bytes = content.str();
+    for (std::size_t at = 0; (at = bytes.find("MJPG", at)) != std::string::npos;) {
+        bytes.replace(at, 4, "XQZW");
+    }
+    std::ofstream(film, std::ios::binary) << bytes;
+    EXPECT_THAT(openError("file:" + film), AllOf(HasSubstr("(missing: "), HasSubstr("decoder)")));
+}
+
+TEST_F(SourceTest, APipelineThatIsNoneIsRefusedWithGStreamersReason) {
+    EXPECT_EQ(openError("gst:total garbage"),
+              "subscribeCamera: camera 1 (gst:total garbage) cannot be opened: no element \"total\"");
+    EXPECT_THAT(openError("gst:videotestsrc ! "), HasSubstr("cannot be opened: syntax error"));
+    EXPECT_THAT(openError("gst:audiotestsrc"), HasSubstr("could not link"));
+    EXPECT_THAT(openError("gst:videotestsrc ! fakesink"), HasSubstr("could not link"));
+    fetch(subscribe(0));
+}
+
+TEST_F(SourceTest, AMissingDeviceIsNamed) {
+    EXPECT_THAT(
+        openError("v4l2:/dev/nonexistent"),
+        AllOf(HasSubstr("camera 1 (v4l2:/dev/nonexistent) cannot be "), HasSubstr("'/dev/nonexistent'")));
+}
+
+TEST_F(SourceTest, ASourceThatDeliversNothingCannotBeOpened) {
+    EXPECT_THAT(openError("gst:videotestsrc is-live=true ! valve drop=true"),
+                HasSubstr("no image within 10 s"));
+    EXPECT_THAT(openError("gst:videotestsrc num-buffers=0"), HasSubstr("the source has ended"));
+}
+
+TEST_F(SourceTest, APipelineIsACamera) {
+    start({"gst:videotestsrc pattern=white is-live=true ! video/x-raw,format=GRAY8,width=320,height=240",
+           "gst:videotestsrc pattern=red ! video/x-raw,format=BGR,width=96,height=64,framerate=25/1"});
+    const std::string gray = subscribe(0, Resolution::QuarterVga, Space::Luma);
+    EXPECT_GT(fetch(gray).at(10, 10)[0], 230);
+    const std::string red = subscribe(1, 0, Space::Rgb);
+    for (int i = 0; i < 5; ++i) {
+        const std::vector<int> pixel = fetch(red).at(159, 119);
+        EXPECT_GT(pixel[0], 250);
+        EXPECT_LT(pixel[1] + pixel[2], 10);
+    }
+}
+
+TEST_F(SourceTest, APipelineMayEndInAnElementWhosePadsComeLater) {
+    const std::string film = folder / "film.avi";
+    writeFilm(film);
+    start({"gst:filesrc location=" + film + " ! decodebin"});
+    fetch(subscribe(0));
+}
+
+TEST_F(SourceTest, TwoCamerasRunAtOnce) {
+    start({"test:red", "test:blue"});
+    const std::string red = subscribe(0, Resolution::QuarterVga, Space::Rgb);
+    const std::string blue = subscribe(1, Resolution::QuarterVga, Space::Rgb);
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_GT(fetch(red).at(0, 0)[0], 250);
+        EXPECT_GT(fetch(blue).at(0, 0)[2], 250);
+    }
+}
+
+TEST_F(SourceTest, ASourceThatEndsIsReportedAndStartsAgainWithANewSubscriber) {
+    const std::string source = "gst:videotestsrc num-buffers=3 is-live=true";
+    start({source});
+    const std::string failure = "getImageRemote: camera 0 (" + source + ") has failed: the source has ended";
+    const std::string id = subscribe();
+    const auto [images, error] = drain(id);
+    EXPECT_GE(images, 1);
+    EXPECT_LE(images, 3);
+    EXPECT_EQ(error, failure);
+    EXPECT_EQ(errorOf([&] { fetch(id); }), failure);
+    proxy->releaseImage(id);
+    EXPECT_TRUE(proxy->setResolution(id, 1));
+
+    const std::string later = subscribe();
+    EXPECT_NO_THROW(fetch(later));
+    EXPECT_NO_THROW(fetch(id)); // all its subscribers have it again
+    proxy->unsubscribe(id);
+    EXPECT_EQ(drain(later).second, failure);
+    proxy->unsubscribe(later);
+}
+
+TEST_F(SourceTest, APipelineThatBreaksIsReportedAndCanBeLeft) {
+    const std::string source = "gst:videotestsrc is-live=true ! identity error-after=5";
+    start({source, "test"});
+    const std::string id = subscribe();
+    const auto [images, error] = drain(id);
+    EXPECT_GE(images, 1);
+    EXPECT_LE(images, 4);
+    EXPECT_THAT(error,
+                StartsWith("getImageRemote: camera 0 (" + source + ") has failed: Failed after iterations"));
+    EXPECT_TRUE(proxy->setActiveCamera(id, 1));
+    EXPECT_EQ(fetch(id).camera, 1);
+    proxy->unsubscribe(id);
+}
+
+// Ten images, 35 different ones fetched: it must have started again three times.
+TEST_F(SourceTest, AFileIsLoopedAndItsCaptureTimesRiseAllTheSame) {
+    const std::string film = folder / "quoted \"film\" \\ with 'blanks'.avi";
+    writeFilm(folder / "film.avi", "green");
+    std::filesystem::rename(folder / "film.avi", film);
+    start({"file:" + film});
+    const std::string id = subscribe(0, Resolution::QuarterVga, Space::Rgb);
+    std::int64_t last = 0;
+    for (int i = 0; i < 35; ++i) {
+        const Image image = fetch(id);
+        EXPECT_GT(image.time_usec, last);
+        last = image.time_usec;
+        const std::vector<int> pixel = image.at(160, 120);
+        EXPECT_GT(pixel[1], 245);
+        EXPECT_LT(pixel[0] + pixel[2], 20);
+    }
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    EXPECT_LT(last, std::chrono::duration_cast<std::chrono::microseconds>(now).count());
+}
+
+TEST_F(SourceTest, AFileThatCannotBeSearchedIsLoopedToo) {
+    const std::string film = folder / "film.multipart";
+    runPipeline("videotestsrc num-buffers=3 ! video/x-raw,width=320,height=240 ! jpegenc ! multipartmux"
+                " ! filesink location=" +
+                film);
+    start({"file:" + film});
+    const std::string id = subscribe(0, Resolution::QuarterVga, Space::Rgb);
+    std::int64_t last = 0;
+    for (int i = 0; i < 10; ++i) {
+        const Image image = fetch(id);
+        EXPECT_GT(image.time_usec, last);
+        last = image.time_usec;
+    }
+}
+
+TEST_F(SourceTest, AStillImageIsAFilmOfOneImage) {
+    const std::string still = folder / "still.png";
+    runPipeline("videotestsrc num-buffers=1 pattern=blue ! video/x-raw,width=320,height=240 ! pngenc"
+                " ! filesink location=" +
+                still);
+    start({"file:" + still});
+    const std::string id = subscribe(0, Resolution::QuarterVga, Space::Rgb);
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_GT(fetch(id).at(160, 120)[2], 250);
+    }
+}
+
+} // namespace KR

@@ -1,0 +1,175 @@
+#include "cameratest.hpp"
+
+#include <atomic>
+#include <random>
+#include <thread>
+
+namespace KR {
+
+using testing::AnyOf;
+using testing::HasSubstr;
+
+class ThreadTest : public CameraTest {};
+
+namespace {
+
+const std::string stalled = "gst:videotestsrc is-live=true ! valve drop=true";
+
+} // namespace
+
+TEST_F(ThreadTest, EightThreadsChangeSettingsAtRandom) {
+    start({"test", "test:smpte", "gst:videotestsrc is-live=true ! video/x-raw,width=320,height=240"});
+    std::vector<std::string> shared;
+    for (int camera = 0; camera < 3; ++camera) {
+        shared.push_back(subscribe(camera));
+    }
+    std::vector<std::thread> threads;
+    std::atomic<int> images{0};
+    for (unsigned seed = 1; seed <= 8; ++seed) {
+        threads.emplace_back([&, seed] {
+            std::mt19937 random(seed);
+            const auto below = [&random](int bound) {
+                return std::uniform_int_distribution<>(0, bound - 1)(random);
+            };
+            std::string own = subscribe(below(3));
+            for (int i = 0; i < 60; ++i) {
+                const std::string id = below(2) == 0 ? own : shared[static_cast<std::size_t>(below(3))];
+                switch (below(10)) {
+                case 0:
+                    EXPECT_TRUE(proxy->setResolution(id, std::array{0, 1, 2, 7, 8, 12, 16, 17}[below(8)]));
+                    break;
+                case 1:
+                    EXPECT_TRUE(proxy->setColorSpace(id, std::array{0, 9, 11, 13, 18}[below(5)]));
+                    break;
+                case 2:
+                    EXPECT_TRUE(proxy->setFrameRate(id, 1 + below(30)));
+                    break;
+                case 3:
+                    EXPECT_TRUE(proxy->setActiveCamera(id, below(3)));
+                    break;
+                case 4:
+                    // A shared subscription may move to the camera that has no parameters.
+                    if (const std::string error =
+                            errorOf([&] { proxy->setCameraParameter(id, 0x00980900, below(200) - 100); });
+                        error != "no error") {
+                        EXPECT_THAT(error, HasSubstr("it has: none"));
+                    }
+                    break;
+                case 5:
+                    proxy->setAllCameraParametersToDefault(id);
+                    break;
+                case 6:
+                    proxy->unsubscribe(own);
+                    own = subscribe(below(3));
+                    break;
+                default:
+                    // Several threads may compete for the images of a shared subscription.
+                    if (const std::string error = errorOf([&] { fetch(id); }); error != "no error") {
+                        EXPECT_THAT(error, HasSubstr("no image within"));
+                    } else {
+                        ++images;
+                    }
+                    proxy->releaseImage(id);
+                }
+            }
+            proxy->unsubscribe(own);
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_GT(images, 0);
+    for (const std::string& id : shared) {
+        fetch(id);
+        proxy->unsubscribe(id);
+    }
+}
+
+TEST_F(ThreadTest, ACameraThatTakesItsTimeToOpenHoldsNobodyUp) {
+    start({"test", stalled});
+    std::string error;
+    std::atomic<bool> done{false};
+    std::thread opening([&] {
+        error = errorOf([&] { subscribe(1); });
+        done = true;
+    });
+    waitUntil([] { return getThreadNames().count("KRCamera 1") == 1; });
+    const std::string id = subscribe(0);
+    fetch(id);
+    EXPECT_TRUE(proxy->setResolution(id, 1));
+    proxy->unsubscribe(id);
+    EXPECT_FALSE(done);
+    service.reset();
+    opening.join();
+    EXPECT_EQ(error, "subscribeCamera: camera 1 (" + stalled +
+                         ") cannot be opened: the camera service is shutting down");
+}
+
+TEST_F(ThreadTest, AFetchThatWaitsEndsWithTheService) {
+    start({"gst:videotestsrc is-live=true ! video/x-raw,framerate=1/60"});
+    const std::string id = subscribe();
+    fetch(id);
+    std::atomic<int> waits{0};
+    std::string error;
+    std::thread waiting([&] {
+        do {
+            try {
+                fetch(id);
+            } catch (const KRError& thrown) {
+                error = thrown.getDescription();
+                ++waits;
+            }
+        } while (error.find("no image within") != std::string::npos);
+    });
+    waitUntil([&] { return waits > 0; }); // from now on it waits most of the time
+    service.reset();
+    waiting.join();
+    // The others when the service went just between two fetches.
+    EXPECT_THAT(error, AnyOf(HasSubstr("the camera service is shutting down"), HasSubstr("exiting"),
+                             HasSubstr("no module")));
+    EXPECT_EQ(getThreadNames().count("KRCamera 0"), 0U);
+}
+
+TEST_F(ThreadTest, AFetchThatWaitsEndsWithItsSubscription) {
+    start({"gst:videotestsrc is-live=true ! video/x-raw,framerate=1/60"});
+    const std::string id = subscribe(0, Resolution::Vga, Space::Yuv422, 1);
+    fetch(id);
+    std::atomic<bool> fetching{false};
+    std::string error;
+    std::thread waiting([&] {
+        fetching = true;
+        error = errorOf([&] { fetch(id); });
+    });
+    waitUntil([&] { return fetching.load(); });
+    proxy->unsubscribe(id);
+    waiting.join();
+    EXPECT_THAT(error, AnyOf(HasSubstr("has ended"), HasSubstr("does not exist")));
+}
+
+TEST_F(ThreadTest, AFetchThatWaitsFollowsItsSubscriptionToAnotherCamera) {
+    start({"gst:videotestsrc is-live=true ! video/x-raw,framerate=1/60", "test"});
+    const std::string id = subscribe(0, Resolution::Vga, Space::Yuv422, 1);
+    fetch(id);
+    std::atomic<bool> fetching{false};
+    int camera = -1;
+    std::thread waiting([&] {
+        fetching = true;
+        camera = fetch(id).camera;
+    });
+    waitUntil([&] { return fetching.load(); });
+    EXPECT_TRUE(proxy->setActiveCamera(id, 1));
+    waiting.join();
+    EXPECT_EQ(camera, 1);
+}
+
+TEST_F(ThreadTest, TheServiceGoesWithSubscribersAndComesBack) {
+    for (int i = 0; i < 3; ++i) {
+        start({"test", "test"});
+        fetch(subscribe(0));
+        fetch(subscribe(1));
+        service.reset();
+        EXPECT_EQ(getThreadNames().count("KRCamera 0") + getThreadNames().count("KRCamera 1"), 0U);
+    }
+}
+
+} // namespace KR

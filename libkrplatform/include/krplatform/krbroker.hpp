@@ -1,0 +1,65 @@
+#pragma once
+
+#include "krplatform/krexport.hpp"
+
+#include <boost/smart_ptr/enable_shared_from_this.hpp>
+#include <boost/smart_ptr/shared_ptr.hpp>
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace KR {
+
+class KRBrokerPrivate;
+class KRProxy;
+
+/// A broker's link to the services that it can reach. Lives as long as its broker.
+class KR_EXPORT KRSession {
+public:
+    /// Blocks, without a time limit, until a module of this name can be called. Thread-safe.
+    void waitForService(const std::string& name);
+    /// The same for at most `timeout`. \return whether it can be called
+    bool waitForService(const std::string& name, std::chrono::milliseconds timeout);
+
+private:
+    friend class KRBrokerPrivate;
+    explicit KRSession(KRBrokerPrivate& broker) : broker_(broker) {}
+    KRBrokerPrivate& broker_;
+};
+
+/// Holds modules by name, hands out proxies on them and runs the call threads.
+///
+/// Modules hold their broker, so it goes after the last of them; it holds none of them except the memory
+/// module, which it runs itself. All operations are thread-safe.
+class KR_EXPORT KRBroker : public boost::enable_shared_from_this<KRBroker> {
+public:
+    /// A broker for the modules of this process: "local:". It runs the memory module "KRMemory" unless the
+    /// address says "local:?memory=none".
+    /// \throws KRError an address that is not understood
+    static boost::shared_ptr<KRBroker> create(const std::string& url = "local:");
+    ~KRBroker();
+    KRBroker(const KRBroker&) = delete;
+    KRBroker& operator=(const KRBroker&) = delete;
+
+    /// A proxy on the module of this name, which need not exist yet: calls through it fail until it does. The
+    /// second argument has no meaning and is 0.
+    boost::shared_ptr<KRProxy> getProxy(const std::string& module, int = 0);
+
+    KRSession& getSession() noexcept;
+
+    /// Names of the modules that can be called, in order.
+    std::vector<std::string> getModuleList() const;
+
+    /// Call threads that exist now, busy or idle. They grow with the posted calls in flight and go again after
+    /// two idle seconds.
+    std::size_t getCallThreadCount() const;
+
+private:
+    friend class KRBrokerPrivate;
+    KRBroker();
+    std::unique_ptr<KRBrokerPrivate> p_;
+};
+
+} // namespace KR

@@ -1,0 +1,33 @@
+#pragma once
+
+#include "krplatform/krexport.hpp"
+#include "krplatform/krsourcelocation.hpp"
+
+#include <stdexcept>
+#include <string>
+
+namespace KR {
+
+/// The error that a caller of a remote method sees, whichever module raised it.
+///
+/// what() is one line: "module.method: description (file:line)"; line breaks inside the three texts show
+/// as "\n". The texts themselves stay as given. Reentrant.
+class KR_EXPORT KRError : public std::runtime_error {
+public:
+    KRError(std::string module, std::string method, std::string description,
+            KRSourceLocation where = KRSourceLocation::current());
+    ~KRError() override;
+
+    const std::string& getModule() const noexcept { return module_; }
+    const std::string& getMethod() const noexcept { return method_; }
+    const std::string& getDescription() const noexcept { return description_; }
+    const KRSourceLocation& getLocation() const noexcept { return where_; }
+
+private:
+    std::string module_;
+    std::string method_;
+    std::string description_;
+    KRSourceLocation where_;
+};
+
+} // namespace KR

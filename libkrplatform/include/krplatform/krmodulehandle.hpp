@@ -1,0 +1,62 @@
+#pragma once
+
+#include "krplatform/krmodule.hpp"
+
+#include <boost/smart_ptr/shared_ptr.hpp>
+
+#include <concepts>
+#include <memory>
+#include <string>
+#include <utility>
+
+namespace KR {
+
+/// Owns a module, alone. When it goes the module comes down in order: new calls are refused, its detection is
+/// stopped while the derived class still stands, running calls finish, then it is destroyed.
+template <class Module>
+class KRModuleHandle {
+public:
+    KRModuleHandle() = default;
+    explicit KRModuleHandle(std::unique_ptr<Module> module) noexcept : module_(std::move(module)) {}
+    KRModuleHandle(KRModuleHandle&&) noexcept = default;
+    KRModuleHandle& operator=(KRModuleHandle&& other) noexcept {
+        if (this != &other) {
+            reset();
+            module_ = std::move(other.module_);
+        }
+        return *this;
+    }
+    template <std::derived_from<Module> Derived>
+    KRModuleHandle(KRModuleHandle<Derived>&& other) noexcept : module_(other.release()) {} // NOLINT
+    ~KRModuleHandle() { reset(); }
+
+    Module* get() const noexcept { return module_.get(); }
+    Module* operator->() const noexcept { return module_.get(); }
+    Module& operator*() const noexcept { return *module_; }
+    explicit operator bool() const noexcept { return module_ != nullptr; }
+
+    /// Takes the module down now; returns when it is destroyed.
+    void reset() noexcept {
+        if (module_) {
+            shutDownAndDestroy(std::move(module_));
+        }
+    }
+    /// Hands the module over; whoever has it shuts it down.
+    std::unique_ptr<Module> release() noexcept { return std::move(module_); }
+
+private:
+    std::unique_ptr<Module> module_;
+};
+
+/// Creates a module and makes it reachable once its constructor has finished.
+/// \throws KRError the name is empty or taken; whatever the constructor throws
+template <class Module, class... Arguments>
+[[nodiscard]] KRModuleHandle<Module> createModule(const boost::shared_ptr<KRBroker>& broker,
+                                                  const std::string& name, Arguments&&... arguments) {
+    KRModuleHandle<Module> handle(
+        std::make_unique<Module>(broker, name, std::forward<Arguments>(arguments)...));
+    handle->makeReachable();
+    return handle;
+}
+
+} // namespace KR

@@ -1,0 +1,70 @@
+#pragma once
+
+#include "krplatform/krexport.hpp"
+#include "krplatform/krmodule.hpp"
+#include "krplatform/krvalue.hpp"
+
+#include <boost/smart_ptr/shared_ptr.hpp>
+
+#include <array>
+#include <memory>
+#include <span>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace KR {
+
+class KRBroker;
+
+/// Calls the methods of a module by name.
+///
+/// A proxy names a module, it does not hold one: it finds the module at each call, so it serves again when a
+/// module has gone and another has come under its name. Inside one process a call is a direct call on the
+/// caller's thread. All operations are thread-safe.
+class KR_EXPORT KRProxy {
+public:
+    KRProxy(boost::shared_ptr<KRBroker> broker, std::string module);
+    virtual ~KRProxy();
+    KRProxy(const KRProxy&) = delete;
+    KRProxy& operator=(const KRProxy&) = delete;
+
+    const std::string& getModuleName() const noexcept;
+
+    /// Calls a method and returns its result as an R; overloads are found by number, then by type of arguments.
+    /// \throws KRError no such module; no such method; wrong number or type of arguments (the error lists the
+    /// signatures there are); the result is no R; whatever the method throws
+    template <class R = void, class... A>
+    R call(std::string_view method, A&&... arguments) const {
+        const std::array<KRValue, sizeof...(A)> values{KRValue(std::forward<A>(arguments))...};
+        if constexpr (std::is_void_v<R>) {
+            callValues(method, values);
+        } else {
+            return callValues(method, values).template to<R>();
+        }
+    }
+    /// The same with arguments and result as values.
+    KRValue callValues(std::string_view method, std::span<const KRValue> arguments) const;
+
+    /// Calls a method on a call thread and returns at once. The result is dropped; a failure is logged.
+    /// A call that was accepted runs, whatever becomes of the proxy, and the module stands until it has returned.
+    /// \throws KRError no such module; the module is exiting
+    template <class... A>
+    void post(std::string_view method, A&&... arguments) const {
+        postValues(method, {KRValue(std::forward<A>(arguments))...});
+    }
+    void postValues(std::string_view method, std::vector<KRValue> arguments) const;
+
+    /// The methods that the module publishes, in publication order. \throws KRError no such module
+    std::vector<KRMethodDescription> getMethodList() const;
+    /// The methods of this name with description, parameters and result, for people to read.
+    /// \throws KRError no such module; no such method
+    std::string getMethodHelp(std::string_view method) const;
+
+private:
+    struct Private;
+    std::unique_ptr<Private> p_;
+};
+
+} // namespace KR

@@ -1,0 +1,49 @@
+#pragma once
+
+#include "krplatform/krexport.hpp"
+#include "krplatform/krproxy.hpp"
+
+#include <string>
+
+namespace KR {
+
+/// The camera service, typed.
+///
+/// Calls whatever module is registered as "KRVideoDevice". All operations are thread-safe; each throws what the
+/// service throws, and KRError when there is no such module. `id` is the identifier that subscribeCamera()
+/// returned. Setters return false for a value that the camera refuses and change nothing then.
+class KR_EXPORT KRVideoDeviceProxy {
+public:
+    explicit KRVideoDeviceProxy(const boost::shared_ptr<KRBroker>& broker);
+
+    /// Subscribes to a camera; the first subscriber opens it. Frame rate in images per second.
+    /// \return the identifier to use from now on
+    std::string subscribeCamera(const std::string& name, int camera, int resolution, int colorSpace,
+                                int frameRate);
+    void unsubscribe(const std::string& id);
+
+    /// The newest image that this subscription has not had: an array of 12 elements (see KRImage::fromKRValue),
+    /// pixels shared with the service, not copied. Waits for one for a while.
+    /// \throws KRError no image in time; a value that would make its reader leave a buffer: a negative size,
+    /// more layers than the colour space has, fewer pixels than the size tells
+    KRValue getImageRemote(const std::string& id);
+    /// Gives the image that was fetched last back.
+    void releaseImage(const std::string& id);
+
+    bool setFrameRate(const std::string& id, int frameRate);
+    int getFrameRate(const std::string& id) const;
+    bool setResolution(const std::string& id, int resolution);
+    bool setColorSpace(const std::string& id, int colorSpace);
+    bool setActiveCamera(const std::string& id, int camera);
+    /// -1 for a camera that does not exist.
+    int getCameraModel(int camera) const;
+    bool setCameraParameter(const std::string& id, int parameter, int value);
+    void setAllCameraParametersToDefault(const std::string& id);
+
+    const KRProxy& getProxy() const noexcept { return proxy_; }
+
+private:
+    KRProxy proxy_;
+};
+
+} // namespace KR

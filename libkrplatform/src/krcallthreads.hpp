@@ -1,0 +1,31 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <functional>
+#include <memory>
+
+namespace KR {
+
+/// Threads that run posted calls: as many as there are calls under way, however long these block.
+/// A thread without work retires after a while. Thread-safe.
+class KRCallThreads {
+public:
+    static constexpr std::chrono::seconds kIdleTime{2};
+
+    KRCallThreads();
+    /// Runs what was posted, then ends the threads. May run on one of them.
+    ~KRCallThreads();
+
+    /// Runs the job on a thread of its own choice, soon. The job must not throw.
+    /// \throws std::system_error no thread could be started; the job is dropped
+    void post(std::function<void()> job);
+
+    std::size_t getCount() const;
+
+private:
+    struct State;
+    std::shared_ptr<State> state_;
+};
+
+} // namespace KR

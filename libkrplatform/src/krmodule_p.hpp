@@ -1,0 +1,49 @@
+#pragma once
+
+#include "krplatform/krmodule.hpp"
+
+#include "krmodulegate.hpp"
+
+#include <map>
+#include <memory>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace KR {
+
+class KRDirectory;
+
+struct KRModule::Private {
+    struct Method {
+        KRMethodDescription description;
+        boost::shared_ptr<KRFunctorBase> functor;
+    };
+
+    Private(boost::shared_ptr<KRBroker> parentBroker, const std::string& moduleName, KRModule& module);
+
+    /// The result of the method that fits; called with the module's gate entered.
+    KRValue call(std::string_view method, std::span<const KRValue> arguments) const;
+    const Method* findMethod(std::string_view method, std::span<const KRValue> arguments) const;
+    std::string describeMethods(std::string_view method) const;
+    std::string getSignatures(const std::vector<std::size_t>& indices) const;
+    KRDirectory& getDirectory() const;
+
+    // Constant after construction.
+    const std::string name;
+    const boost::shared_ptr<KRBroker> broker;
+    const std::shared_ptr<KRModuleGate> gate;
+
+    // Constant once the gate is open; until then for the constructing thread alone.
+    std::vector<Method> methods;
+    std::map<std::string, std::vector<std::size_t>, std::less<>> methodsByName; // indices of methods
+    KRMethodDescription openDescription;
+};
+
+/// The methods of a module as a value and back: one array [name, class, description, parameters, result] per
+/// method, a parameter or a result being [name, description, type].
+KRValue toValue(const std::vector<KRMethodDescription>& methods);
+std::vector<KRMethodDescription> toMethodDescriptions(const KRValue& value);
+
+} // namespace KR

@@ -1,0 +1,234 @@
+#include "krplatform/krlog.hpp"
+
+#include "krplatform/krthread.hpp"
+
+#include "patience.hpp"
+#include "recordedlog.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace KR {
+namespace {
+
+using test::Event;
+using test::RecordedLog;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::SizeIs;
+
+/// What the function writes to standard error.
+template <class Function>
+std::string standardErrorOf(Function function) {
+    testing::internal::CaptureStderr();
+    function();
+    return testing::internal::GetCapturedStderr();
+}
+
+TEST(KRLog, ARecordCarriesLevelCategoryMessagePlaceThreadAndTime) {
+    std::optional<KRLogRecord> heard;
+    const KRLogListener listener([&](const KRLogRecord& record) { heard = record; });
+    const auto before = std::chrono::system_clock::now();
+    std::thread thread([] {
+        setThreadName("a thread whose name is long");
+        logWarning("core.extractor", "something");
+    });
+    thread.join();
+    ASSERT_TRUE(heard);
+    EXPECT_EQ(heard->level, KRLogLevel::Warning);
+    EXPECT_EQ(heard->category, "core.extractor");
+    EXPECT_EQ(heard->message, "something");
+    EXPECT_THAT(heard->location.file, EndsWith("krlog_test.cpp"));
+    EXPECT_GT(heard->location.line, 0u);
+    EXPECT_EQ(heard->thread, "a thread whose name is long");
+    EXPECT_GE(heard->time, before);
+    EXPECT_LE(heard->time, std::chrono::system_clock::now());
+}
+
+TEST(KRLog, EachLevelHasItsFunction) {
+    std::vector<KRLogLevel> levels;
+    const KRLogListener listener([&](const KRLogRecord& record) { levels.push_back(record.level); });
+    logError("c", "m");
+    logWarning("c", "m");
+    logInfo("c", "m");
+    logVerbose("c", "m");
+    EXPECT_THAT(levels, testing::ElementsAre(KRLogLevel::Error, KRLogLevel::Warning, KRLogLevel::Info,
+                                             KRLogLevel::Verbose));
+}
+
+TEST(KRLog, ALineEndAtTheEndIsNoPartOfTheRecord) {
+    const RecordedLog recorded;
+    logError("KRImage", "cannot convert\n");
+    logError("KRImage", "first\nsecond\r\n");
+    EXPECT_EQ(recorded.find(KRLogLevel::Error, "cannot").at(0).message, "cannot convert");
+    EXPECT_EQ(recorded.find(KRLogLevel::Error, "first").at(0).message, "first\nsecond");
+}
+
+TEST(KRLog, StandardErrorGetsOneLinePerRecord) {
+    const std::string text = standardErrorOf([] { logError("KRImage", "first\nsecond\n"); });
+    EXPECT_THAT(text, HasSubstr("error KRImage: first\\nsecond"));
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1);
+}
+
+TEST(KRLog, StandardErrorShowsTheChosenLevelAndGraverOnes) {
+    EXPECT_THAT(standardErrorOf([] { logInfo("c", "m"); }), Not(IsEmpty()));
+    EXPECT_THAT(standardErrorOf([] { logVerbose("c", "m"); }), IsEmpty());
+    setLogLevel(KRLogLevel::Warning);
+    EXPECT_THAT(standardErrorOf([] { logInfo("c", "m"); }), IsEmpty());
+    EXPECT_THAT(standardErrorOf([] { logWarning("c", "m"); }), Not(IsEmpty()));
+    setLogLevel(KRLogLevel::Verbose);
+    EXPECT_THAT(standardErrorOf([] { logVerbose("c", "m"); }), Not(IsEmpty()));
+    setLogLevel(KRLogLevel::Info);
+}
+
+TEST(KRLog, AMessageThatLooksLikeAFormatIsPrintedAsItIs) {
+    EXPECT_THAT(standardErrorOf([] { logError("{}", "{0} %s {"); }), HasSubstr("error {}: {0} %s {"));
+}
+
+TEST(KRLogListener, HearsRecordsThatStandardErrorDoesNotShow) {
+    const RecordedLog recorded;
+    logVerbose("c", "quiet");
+    EXPECT_THAT(recorded.find(KRLogLevel::Verbose, "quiet"), SizeIs(1));
+}
+
+TEST(KRLogListener, HearsNothingMoreOnceItIsGone) {
+    int first = 0;
+    int second = 0;
+    const KRLogListener stays([&](const KRLogRecord&) { ++first; });
+    {
+        const KRLogListener goes([&](const KRLogRecord&) { ++second; });
+        logVerbose("c", "both");
+    }
+    logVerbose("c", "one");
+    EXPECT_EQ(first, 2);
+    EXPECT_EQ(second, 1);
+}
+
+TEST(KRLogListener, DoesNotHearWhatItLogsItself) {
+    int heard = 0;
+    const KRLogListener listener([&](const KRLogRecord&) {
+        ++heard;
+        logVerbose("c", "answer");
+    });
+    logVerbose("c", "question");
+    EXPECT_EQ(heard, 1);
+}
+
+TEST(KRLogListener, TwoThatLogDoNotAnswerEachOtherForEver) {
+    std::vector<std::string> heardByFirst;
+    std::vector<std::string> heardBySecond;
+    const KRLogListener first([&](const KRLogRecord& record) {
+        heardByFirst.push_back(record.message);
+        if (heardByFirst.size() < 100) {
+            logVerbose("c", "first's");
+        }
+    });
+    const KRLogListener second([&](const KRLogRecord& record) {
+        heardBySecond.push_back(record.message);
+        if (heardBySecond.size() < 100) {
+            logVerbose("c", "second's");
+        }
+    });
+    logVerbose("c", "start");
+    EXPECT_THAT(heardByFirst, testing::ElementsAre("start", "second's"));
+    EXPECT_THAT(heardBySecond, testing::ElementsAre("first's", "start"));
+}
+
+TEST(KRLogListener, MayBeDestroyedFromWithinItsFunction) {
+    std::unique_ptr<KRLogListener> listener;
+    int heard = 0;
+    listener = std::make_unique<KRLogListener>([&](const KRLogRecord&) {
+        ++heard;
+        listener.reset();
+    });
+    logVerbose("c", "one");
+    logVerbose("c", "two");
+    EXPECT_EQ(heard, 1);
+}
+
+TEST(KRLogListener, MayBeDestroyedFromWithinAnotherThatItsFunctionReached) {
+    std::unique_ptr<KRLogListener> outer;
+    const KRLogListener inner([&](const KRLogRecord& record) {
+        if (record.message == "nested") {
+            outer.reset();
+        }
+    });
+    outer = std::make_unique<KRLogListener>([](const KRLogRecord&) { logVerbose("c", "nested"); });
+    logVerbose("c", "start");
+    EXPECT_FALSE(outer);
+}
+
+TEST(KRLogListener, ItsDestructorWaitsForTheFunctionOnAnotherThread) {
+    Event entered;
+    std::atomic<bool> finished = false;
+    auto listener = std::make_unique<KRLogListener>([&](const KRLogRecord&) {
+        entered.set();
+        std::this_thread::yield();
+        finished = true;
+    });
+    std::thread logging([] { logVerbose("c", "m"); });
+    EXPECT_TRUE(entered.wait());
+    listener.reset();
+    EXPECT_TRUE(finished);
+    logging.join();
+}
+
+TEST(KRLogListener, LocksNothingThatAnotherThreadNeedsToLog) {
+    std::atomic<int> heard = 0;
+    const KRLogListener listener([&](const KRLogRecord& record) {
+        ++heard;
+        if (record.message == "outer") {
+            std::thread([] { logVerbose("c", "from another thread"); }).join();
+        }
+    });
+    logVerbose("c", "outer");
+    EXPECT_EQ(heard, 2);
+}
+
+TEST(KRLogListener, MayThrowWithoutHarmToWhoeverLogs) {
+    int heard = 0;
+    const KRLogListener throwing([](const KRLogRecord&) { throw std::runtime_error("listener"); });
+    const KRLogListener counting([&](const KRLogRecord&) { ++heard; });
+    logInfo("test", "a line");
+    EXPECT_EQ(heard, 1);
+}
+
+TEST(KRLogListener, ComesAndGoesWhileOthersLog) {
+    std::atomic<bool> done = false;
+    std::vector<std::thread> loggers;
+    for (int i = 0; i < 3; ++i) {
+        loggers.emplace_back([&] {
+            while (!done) {
+                logVerbose("c", "m");
+            }
+        });
+    }
+    for (int round = 0; round < 300; ++round) {
+        auto alive = std::make_unique<std::atomic<bool>>(true); // ASan tells if it is heard after it has gone
+        Event heard;
+        const KRLogListener listener([&](const KRLogRecord&) {
+            EXPECT_TRUE(*alive);
+            heard.set();
+        });
+        EXPECT_TRUE(heard.wait());
+    }
+    done = true;
+    for (std::thread& logger : loggers) {
+        logger.join();
+    }
+}
+
+} // namespace
+} // namespace KR

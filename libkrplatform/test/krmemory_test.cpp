@@ -1,0 +1,168 @@
+#include "krplatform/krmemoryproxy.hpp"
+
+#include "krplatform/krbroker.hpp"
+
+#include "testmodule.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace KR {
+namespace {
+
+using test::makeModule;
+using test::TestModule;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::ThrowsMessage;
+
+TEST(KRMemory, KeepsWhatWasWrittenLast) {
+    KRMemoryProxy memory(KRBroker::create());
+    memory.insertData("key", 1);
+    EXPECT_EQ(memory.getData("key"), 1);
+    memory.insertData("key", KRValue::array("now", "an array"));
+    EXPECT_EQ(memory.getData("key"), KRValue::array("now", "an array"));
+}
+
+TEST(KRMemory, KeepsAValueOfEveryType) {
+    KRMemoryProxy memory(KRBroker::create());
+    for (const KRValue& value : {KRValue(), KRValue(-1), KRValue(0.5f), KRValue("text"),
+                                 KRValue(KRBinary::copyOf("ab", 2)), KRValue::array(1, KRValue::array())}) {
+        memory.insertData("key", value);
+        EXPECT_EQ(memory.getData("key"), value);
+    }
+}
+
+TEST(KRMemory, CopiesNoBytesOfABinary) {
+    KRMemoryProxy memory(KRBroker::create());
+    const KRBinary pixels = KRBinary::copyOf("pixels", 6);
+    memory.insertData("image", KRValue::array(pixels));
+    EXPECT_EQ(memory.getData("image")[0].GetBinary().data(), pixels.data());
+}
+
+TEST(KRMemory, AKeyThatIsNotThereIsAnErrorThatNamesIt) {
+    KRMemoryProxy memory(KRBroker::create());
+    const auto namesIt = ThrowsMessage<KRError>(HasSubstr("there is no data named key"));
+    EXPECT_THAT([&] { memory.getData("key"); }, namesIt);
+    EXPECT_THAT([&] { memory.removeData("key"); }, namesIt);
+}
+
+TEST(KRMemory, ForgetsWhatIsRemoved) {
+    KRMemoryProxy memory(KRBroker::create());
+    memory.insertData("key", 1);
+    memory.removeData("key");
+    EXPECT_THROW(memory.getData("key"), KRError);
+    EXPECT_THROW(memory.removeData("key"), KRError);
+    EXPECT_THAT(memory.getDataList(), IsEmpty());
+}
+
+TEST(KRMemory, ListsTheKeysThatBeginWithAPrefix) {
+    KRMemoryProxy memory(KRBroker::create());
+    for (const char* key : {"Face/Count", "Face", "Fac", "Faces", "Motion", ""}) {
+        memory.insertData(key, 1);
+    }
+    EXPECT_THAT(memory.getDataList(), ElementsAre("", "Fac", "Face", "Face/Count", "Faces", "Motion"));
+    EXPECT_THAT(memory.getDataList("Face"), ElementsAre("Face", "Face/Count", "Faces"));
+    EXPECT_THAT(memory.getDataList("Z"), IsEmpty());
+    EXPECT_THAT(memory.getDataList("Motion!"), IsEmpty());
+}
+
+TEST(KRMemory, IsAModuleLikeAnyOther) {
+    const auto broker = KRBroker::create();
+    const auto proxy = broker->getProxy("KRMemory");
+    proxy->call("insertData", "key", 5);
+    EXPECT_EQ(proxy->call<int>("getData", "key"), 5);
+    EXPECT_THAT(proxy->getMethodHelp("subscribeToEvent"),
+                HasSubstr("subscribeToEvent(string event, string client, string callback)"));
+    std::vector<std::string> names;
+    for (const auto& method : proxy->getMethodList()) {
+        names.push_back(method.name);
+    }
+    EXPECT_THAT(names, ElementsAre("insertData", "getData", "getDataList", "removeData", "declareEvent",
+                                   "declareEvent", "raiseEvent", "subscribeToEvent", "unsubscribeFromEvent",
+                                   "getEventList", "getEventSubscribers"));
+}
+
+TEST(KRMemory, WithoutOneEachOperationIsAnError) {
+    KRMemoryProxy memory(KRBroker::create("local:?memory=none"));
+    EXPECT_EQ(memory.getProxy().getModuleName(), "KRMemory");
+    EXPECT_THAT([&] { memory.insertData("key", 1); },
+                ThrowsMessage<KRError>(HasSubstr("there is no module named KRMemory")));
+    EXPECT_THROW(memory.getDataList(), KRError);
+    EXPECT_THROW(memory.declareEvent("event"), KRError);
+    EXPECT_THROW(memory.raiseEvent("event", 1), KRError);
+}
+
+TEST(KRMemory, MayBeAModuleOfOnesOwn) {
+    const auto broker = KRBroker::create("local:?memory=none");
+    std::vector<std::string> asked;
+    const auto own = makeModule(broker, "KRMemory", [&](TestModule& m) {
+        m.add("insertData",
+              [&](const std::string& key, const KRValue&) { asked.push_back("insert " + key); });
+        m.add("getData", [&](const std::string& key) { return KRValue(key + "'s value"); });
+        m.add("declareEvent", [&](const std::string& event, const std::string& extractor) {
+            asked.push_back("declare " + event + " of " + extractor);
+        });
+        m.add("declareEvent", [&](const std::string& event) { asked.push_back("declare " + event); });
+    });
+    KRMemoryProxy memory(broker);
+    memory.insertData("key", KRValue::array());
+    memory.declareEvent("event", "extractor");
+    memory.declareEvent("event");
+    EXPECT_EQ(memory.getData("key"), "key's value");
+    EXPECT_THAT(asked, ElementsAre("insert key", "declare event of extractor", "declare event"));
+}
+
+TEST(KRMemory, ServesManyThreads) {
+    const auto broker = KRBroker::create();
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([&, key = std::to_string(i)] {
+            KRMemoryProxy memory(broker);
+            for (int round = 0; round < 200; ++round) {
+                memory.insertData(key, round);
+                memory.insertData("shared", KRValue::array(round, round));
+                EXPECT_EQ(memory.getData(key), round);
+                const KRValue shared = memory.getData("shared");
+                EXPECT_EQ(shared[0], shared[1]);
+                EXPECT_THAT(memory.getDataList(key), ElementsAre(key));
+                memory.removeData(key);
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+}
+
+/// A binary whose release calls the memory, as a module's own buffers may.
+KRBinary makeBinaryThatCalls(KRMemoryProxy& memory, int& released) {
+    static constexpr unsigned char kFrame[] = {1};
+    return {boost::shared_ptr<const unsigned char[]>(kFrame,
+                                                     [&](const unsigned char*) {
+                                                         memory.getDataList();
+                                                         ++released;
+                                                     }),
+            1};
+}
+
+TEST(KRMemory, LocksNothingWhileItLetsAValueGo) {
+    KRMemoryProxy memory(KRBroker::create());
+    int released = 0;
+    memory.insertData("key", makeBinaryThatCalls(memory, released));
+    memory.insertData("key", makeBinaryThatCalls(memory, released));
+    EXPECT_EQ(released, 1);
+    memory.removeData("key");
+    EXPECT_EQ(released, 2);
+    memory.raiseEvent("event", makeBinaryThatCalls(memory, released));
+    memory.raiseEvent("event", 0);
+    EXPECT_EQ(released, 3);
+}
+
+} // namespace
+} // namespace KR

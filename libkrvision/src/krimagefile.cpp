@@ -1,0 +1,210 @@
+#include "krvision/krimage.hpp"
+
+#include "krheaderfields.hpp"
+#include "krownedbytes.hpp"
+#include "krplatform/krlog.hpp"
+#include "krppm.hpp"
+#include "krwrappingproduct.hpp"
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+
+#include <sys/stat.h>
+
+namespace KR {
+
+namespace {
+
+// The first word of a file. Version 0 is version 1 without the angles.
+constexpr std::uint32_t kOxiVersion1 = 0x4F584931; // "1IXO" in the file
+constexpr std::uint32_t kOxiVersion0 = 0x4F584930; // "0IXO"
+
+constexpr std::size_t kOxiFieldsSize = 28; // between the first word and the angles
+constexpr std::size_t kOxiAnglesSize = 16;
+
+// More pixels than any resolution has in any colour space.
+constexpr int kUnusualSize = 2560 * 1920 * 12;
+
+struct CloseFile {
+    void operator()(std::FILE* file) const noexcept { std::fclose(file); }
+};
+using File = std::unique_ptr<std::FILE, CloseFile>;
+
+bool readBytes(std::FILE* file, void* to, std::size_t size) {
+    return size == 0 || std::fread(to, 1, size, file) == size; // no bytes: `to` may be null
+}
+
+bool writeBytes(std::FILE* file, const void* from, std::size_t size) {
+    return size == 0 || std::fwrite(from, 1, size, file) == size;
+}
+
+bool close(File& file) {
+    return std::fclose(file.release()) == 0;
+}
+
+// Without a buffer of its own, a file moves the pixels in one piece straight from or to the image.
+File openUnbuffered(const char* path, const char* mode) {
+    File file(std::fopen(path, mode));
+    if (file) {
+        std::setvbuf(file.get(), nullptr, _IONBF, 0);
+    }
+    return file;
+}
+
+// Whether the file may be so long. A pipe or a device does not tell.
+bool mayHold(std::FILE* file, std::int64_t size) {
+    struct stat status;
+    return ::fstat(::fileno(file), &status) != 0 || !S_ISREG(status.st_mode) || status.st_size >= size;
+}
+
+// Writes `count` groups of pixels, of `In` bytes in the buffer and `Out` bytes in the file, many at a time.
+template <std::size_t In, std::size_t Out, class Convert>
+bool writeConverted(std::FILE* file, const unsigned char* in, std::size_t count, Convert convert) {
+    constexpr std::size_t kGroups = 4096;
+    std::array<unsigned char, kGroups * Out> block;
+    while (count > 0) {
+        const std::size_t groups = std::min(count, kGroups);
+        unsigned char* out = block.data();
+        for (std::size_t i = 0; i < groups; ++i, in += In, out += Out) {
+            convert(in, out);
+        }
+        if (!writeBytes(file, block.data(), groups * Out)) {
+            return false;
+        }
+        count -= groups;
+    }
+    return true;
+}
+
+} // namespace
+
+bool KRImage::writeFile(const char* path) const {
+    const int size = wrappingProduct(width, height, nbLayers);
+    if (!hasBytes(*this, size)) {
+        return false;
+    }
+    File file = openUnbuffered(path, "wb");
+    if (!file) {
+        return false;
+    }
+    std::array<unsigned char, sizeof kOxiVersion1 + kOxiFieldsSize + kOxiAnglesSize> header;
+    unsigned char* at = header.data();
+    putField(at, kOxiVersion1);
+    putField<std::int32_t>(at, width);
+    putField<std::int32_t>(at, height);
+    putField<std::int32_t>(at, nbLayers);
+    putField<std::int32_t>(at, colorSpace);
+    putField(at, timeStamp);
+    putField<std::int32_t>(at, cameraId);
+    for (const float angle : {leftAngle, topAngle, rightAngle, bottomAngle}) {
+        putField(at, angle);
+    }
+    return writeBytes(file.get(), header.data(), header.size()) &&
+           writeBytes(file.get(), data.get(), static_cast<std::size_t>(size)) && close(file);
+}
+
+bool KRImage::readFile(const char* path) {
+    File file = openUnbuffered(path, "rb");
+    std::uint32_t version = 0;
+    if (!file || !readBytes(file.get(), &version, sizeof version)) {
+        return false;
+    }
+    if (version != kOxiVersion1 && version != kOxiVersion0) {
+        logError("vision.krimage", "readFile: Error while reading image: not an .oxi format\n");
+        return false;
+    }
+    std::array<unsigned char, kOxiFieldsSize + kOxiAnglesSize> header;
+    const std::size_t headerSize = version == kOxiVersion1 ? header.size() : kOxiFieldsSize;
+    if (!readBytes(file.get(), header.data(), headerSize)) {
+        return false;
+    }
+    const unsigned char* at = header.data();
+    const auto fileWidth = takeField<std::int32_t>(at);
+    const auto fileHeight = takeField<std::int32_t>(at);
+    const auto fileLayers = takeField<std::int32_t>(at);
+    const int size = wrappingProduct(fileWidth, fileHeight, fileLayers);
+
+    if (fileWidth == width && fileHeight == height && fileLayers == nbLayers) {
+        // Only the pixels change, the rest of the header is dropped; deliberate.
+        if (!hasBytes(*this, size)) {
+            return false;
+        }
+    } else {
+        if (!ownsData()) {
+            logError("vision.krimage", "readFile: external buffer not compatible.\n");
+            return false;
+        }
+        if (size > kUnusualSize &&
+            !mayHold(file.get(), static_cast<std::int64_t>(sizeof version + headerSize) + size)) {
+            return false;
+        }
+        data = internalDataUninitialized(static_cast<std::size_t>(size));
+        width = fileWidth;
+        height = fileHeight;
+        nbLayers = fileLayers;
+        colorSpace = takeField<std::int32_t>(at);
+        timeStamp = takeField<std::int64_t>(at);
+        cameraId = static_cast<signed char>(takeField<std::int32_t>(at));
+        const bool hasAngles = version == kOxiVersion1;
+        leftAngle = hasAngles ? takeField<float>(at) : kDefaultLeftAngle;
+        topAngle = hasAngles ? takeField<float>(at) : kDefaultTopAngle;
+        rightAngle = hasAngles ? takeField<float>(at) : kDefaultRightAngle;
+        bottomAngle = hasAngles ? takeField<float>(at) : kDefaultBottomAngle;
+    }
+    return readBytes(file.get(), data.get(), static_cast<std::size_t>(size)) && close(file);
+}
+
+int KRImage::savePPM(const char* path) const {
+    File file(std::fopen(path, "wb"));
+    if (!file) {
+        return -1;
+    }
+    const int result = writePpm(*this, file.get());
+    if (result != 1) {
+        return result;
+    }
+    return close(file) ? 1 : -6;
+}
+
+int writePpm(const KRImage& image, std::FILE* file) {
+    if (std::fprintf(file, "P6\n%d %d\n %d\n", image.width, image.height, 255) < 1) {
+        return -2;
+    }
+    const int pixels = wrappingProduct(image.width, image.height);
+    const int size = wrappingProduct(image.width, image.height, image.nbLayers);
+    const unsigned char* data = image.data.get();
+    if (image.nbLayers == 3) {
+        const bool written = hasBytes(image, size) && writeBytes(file, data, static_cast<std::size_t>(size));
+        return written ? 1 : -3;
+    }
+    if (image.nbLayers == 2 && pixels > 0) {
+        // Luma and chroma go where red, green and blue belong; deliberate.
+        const bool written =
+            hasBytes(image, size) && writeConverted<4, 6>(file, data, static_cast<std::size_t>(pixels) / 2,
+                                                          [](const unsigned char* yuv, unsigned char* out) {
+                                                              const unsigned char y0 = yuv[0], u = yuv[1],
+                                                                                  y1 = yuv[2], v = yuv[3];
+                                                              out[0] = y0;
+                                                              out[1] = u;
+                                                              out[2] = v;
+                                                              out[3] = y1;
+                                                              out[4] = u;
+                                                              out[5] = v;
+                                                          });
+        return written ? 1 : -4;
+    }
+    if (image.nbLayers == 1 && pixels > 0) {
+        const bool written =
+            hasBytes(image, size) && writeConverted<1, 3>(file, data, static_cast<std::size_t>(pixels),
+                                                          [](const unsigned char* grey, unsigned char* out) {
+                                                              out[0] = out[1] = out[2] = *grey;
+                                                          });
+        return written ? 1 : -5;
+    }
+    return 1;
+}
+
+} // namespace KR

@@ -1,0 +1,383 @@
+#include "krvision/krvideo.hpp"
+
+#include "krfile.hpp"
+#include "krheaderfields.hpp"
+#include "krownedbytes.hpp"
+#include "krplatform/krerror.hpp"
+#include "krvision/krvisiondefinitions.hpp"
+#include "krwrappingproduct.hpp"
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <cstring>
+#include <iostream>
+#include <new>
+#include <stdexcept>
+#include <utility>
+
+namespace KR {
+
+namespace {
+
+// The first word of a file: "1VXO" or "0VXO"; in version 0 the chunks hold no angles.
+constexpr std::uint32_t kOxvVersion1 = 0x4F585631;
+constexpr std::uint32_t kOxvVersion0 = 0x4F585630;
+
+constexpr std::uint32_t kFileHeaderSize = 16;
+constexpr std::uint64_t kFrameCountOffset = 8; // in the file's header
+constexpr std::uint32_t kUnknownFrameCount = 0xFFFFFFFF;
+constexpr std::uint32_t kColorSpaces = 17; // those that a file may have: 0 to 16
+
+// Each chunk begins with the time stamp, the camera and four angles, in place of as many bytes of pixels.
+constexpr std::size_t kChunkHeaderSize = 25;
+constexpr std::size_t kAnglesOffset = 9;
+
+static_assert(sizeof(streamHeader) == 16, "lies in the file as it is");
+
+std::uint32_t dataOffsetOf(std::uint32_t streams, std::uint32_t extraHeaderSize) {
+    return kFileHeaderSize + std::uint32_t{sizeof(streamHeader)} * streams + extraHeaderSize;
+}
+
+std::array<unsigned char, kChunkHeaderSize> makeChunkHeader(long long timestamp, char cameraIndex, float a0,
+                                                            float a1, float a2, float a3) {
+    std::array<unsigned char, kChunkHeaderSize> header;
+    unsigned char* at = header.data();
+    putField<std::int64_t>(at, timestamp);
+    putField(at, cameraIndex);
+    for (const float angle : {a0, a1, a2, a3}) {
+        putField(at, angle);
+    }
+    return header;
+}
+
+} // namespace
+
+/// The files and where the reader stands in its one. Reentrant.
+class KRVideoPrivate {
+public:
+    /// Where the four angles are taken from.
+    enum class Angles { AsWritten, OneByteApart };
+
+    std::vector<streamProperties> readStreams(std::uint32_t count) const;
+    void moveTo(unsigned int frame, unsigned int stream);
+    /// Where the current frame's chunk of the current stream begins; wraps round at 32 bits.
+    std::uint32_t offsetOfChunk() const;
+    std::uint32_t chunkSize() const { return streams[currentStream].chunkSize; }
+
+    /// Sees to it that the current stream's chunk can be read into the image.
+    bool prepare(KRImage& image, bool adapt) const;
+    bool fit(KRImage& image) const;
+    /// Reads the chunk at `position`, and moves that to its end.
+    void readChunk(KRImage& image, Angles angles);
+
+    void writeChunk(const std::array<unsigned char, kChunkHeaderSize>& header, const void* image, int size);
+
+    bool isReading = false; // then there is at least one stream
+    bool isRecording = false;
+    KRFile input;
+    KRFile output;
+    std::string path;                      // of the file opened last, as are the next two
+    std::uint32_t version = 0;             // first word of the file that is read
+    std::uint32_t frameCount = 0;          // while recording, chunks written
+    std::uint32_t dataOffset = 0;          // of the first frame
+    std::uint32_t frameSize = 0;           // bytes of all chunks of a frame
+    std::vector<streamProperties> streams; // of the file that is read
+    std::uint32_t currentStream = 0;
+    std::uint32_t currentFrame = 0;
+    std::uint64_t position = 0; // in the file that is read
+};
+
+KRVideo::KRVideo() : p_(std::make_unique<KRVideoPrivate>()) {}
+KRVideo::~KRVideo() = default;
+
+// ---- reading
+
+// The streams are read one by one, not allocated at once: the file's count of them may be any number.
+std::vector<streamProperties> KRVideoPrivate::readStreams(std::uint32_t count) const {
+    std::vector<streamProperties> found;
+    for (std::uint32_t i = 0; i < count; ++i) {
+        streamHeader header = {};
+        const bool isComplete =
+            input.readAt(&header, sizeof header, kFileHeaderSize + std::uint64_t{sizeof header} * i) ==
+            sizeof header;
+        const int resolution =
+            getResolutionFromSize(static_cast<int>(header.width), static_cast<int>(header.height));
+        if (!isComplete || resolution < 0 || resolution > kVGA) {
+            throw KRError("KRVideo", "readVideo", "Unsupported resolution");
+        }
+        if (header.colorSpace >= kColorSpaces) {
+            throw KRError("KRVideo", "readVideo", "invalid color space");
+        }
+        const auto layers =
+            static_cast<std::uint32_t>(getNumLayersInColorSpace(static_cast<int>(header.colorSpace)));
+        found.push_back({header.width, header.height, static_cast<std::uint32_t>(resolution),
+                         header.colorSpace, layers, header.depth,
+                         (header.height * header.width * layers * header.depth) >> 3});
+    }
+    return found;
+}
+
+bool KRVideo::readVideo(std::string path) {
+    KRVideoPrivate& p = *p_;
+    p.isReading = false;
+    p.path = std::move(path);
+    if (!p.input.openToRead(p.path)) {
+        throw KRError("KRVideo", "readVideo", "Can't open file " + p.path + ". Check its path and presence");
+    }
+    std::array<std::uint32_t, 4> header = {}; // version, extra header size, frames, streams
+    p.input.readAt(header.data(), kFileHeaderSize, 0);
+    try {
+        if ((header[0] & ~std::uint32_t{1}) != kOxvVersion0) {
+            throw KRError("KRVideo", "readVideo", "This oxv file version isn't supported");
+        }
+        p.streams = p.readStreams(std::max(header[3], std::uint32_t{1}));
+    } catch (...) {
+        p.input.close();
+        throw;
+    }
+    const auto streamCount = static_cast<std::uint32_t>(p.streams.size());
+    p.version = header[0];
+    p.frameCount = header[2];
+    p.dataOffset = dataOffsetOf(streamCount, header[1]);
+    p.frameSize = 0;
+    for (const streamProperties& stream : p.streams) {
+        p.frameSize += stream.chunkSize;
+    }
+    p.currentStream = 0;
+    p.position = kFileHeaderSize + sizeof(streamHeader) * std::uint64_t{streamCount};
+    p.isReading = true;
+    return true;
+}
+
+void KRVideoPrivate::moveTo(unsigned int frame, unsigned int stream) {
+    currentFrame = frame >= frameCount ? frameCount - 1 : frame;
+    currentStream = std::min(stream, static_cast<std::uint32_t>(streams.size()) - 1);
+}
+
+std::uint32_t KRVideoPrivate::offsetOfChunk() const {
+    std::uint32_t offset = dataOffset + currentFrame * frameSize;
+    for (std::uint32_t i = 0; i < currentStream; ++i) {
+        offset += streams[i].chunkSize;
+    }
+    return offset;
+}
+
+bool KRVideoPrivate::prepare(KRImage& image, bool adapt) const {
+    if (!adapt) {
+        return chunkSize() >= kChunkHeaderSize && hasBytes(image, chunkSize());
+    }
+    if (!image.ownsData()) {
+        return false;
+    }
+    const streamProperties& stream = streams[currentStream];
+    const std::uint32_t imageSize = stream.width * stream.height * stream.nbLayers;
+    if (image.colorSpace == static_cast<int>(stream.colorSpace) &&
+        image.nbLayers == static_cast<int>(stream.nbLayers) &&
+        image.width == static_cast<int>(stream.width) && image.height == static_cast<int>(stream.height) &&
+        countOwnedBytes(image) >= std::ptrdiff_t{std::max(imageSize, stream.chunkSize)}) {
+        return true;
+    }
+    try {
+        KRImage fitting(image);
+        if (!fit(fitting)) {
+            return false;
+        }
+        image = fitting;
+        return true;
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+}
+
+bool KRVideoPrivate::fit(KRImage& image) const {
+    const streamProperties& stream = streams[currentStream];
+    const unsigned char* const former = image.data.get();
+    if (image.colorSpace != static_cast<int>(stream.colorSpace)) {
+        try {
+            image.setColorSpace(static_cast<int>(stream.colorSpace));
+        } catch (const std::invalid_argument&) {
+            // The image's size has no code to make a larger buffer for: it gets one below.
+        }
+    }
+    if (image.width != static_cast<int>(stream.width) || image.height != static_cast<int>(stream.height)) {
+        image.setResolution(static_cast<int>(stream.resolution));
+    }
+    image.nbLayers = static_cast<int>(stream.nbLayers);
+
+    // The buffer may still be too small: setResolution compares codes, and the depth may be above 8.
+    const std::uint32_t imageSize = stream.width * stream.height * stream.nbLayers;
+    const std::uint32_t size = std::max(imageSize, stream.chunkSize);
+    if (countOwnedBytes(image) < std::ptrdiff_t{size}) {
+        if (size > imageSize && !input.reaches(size)) {
+            return false;
+        }
+        image.data = KRImage::internalDataUninitialized(size);
+        image.allocatedSize = static_cast<int>(size);
+        image.allocatedResolution = static_cast<int>(stream.resolution);
+        image.allocatedLayers = static_cast<int>(stream.nbLayers);
+    }
+    if (image.data.get() != former) {
+        std::memset(image.data.get(), 0, kChunkHeaderSize); // what the image is told if nothing can be read
+    }
+    return true;
+}
+
+void KRVideoPrivate::readChunk(KRImage& image, Angles angles) {
+    input.readAt(image.data.get(), chunkSize(), position);
+    position += chunkSize();
+
+    const unsigned char* at = image.data.get();
+    image.timeStamp = takeField<std::int64_t>(at);
+    image.cameraId = takeField<signed char>(at);
+    if (version == kOxvVersion0) {
+        image.leftAngle = kDefaultLeftAngle;
+        image.topAngle = kDefaultTopAngle;
+        image.rightAngle = kDefaultRightAngle;
+        image.bottomAngle = kDefaultBottomAngle;
+        return;
+    }
+    // One byte apart, the floats overlap and all but the first are not those that were written; deliberate.
+    const std::size_t step = angles == Angles::AsWritten ? sizeof(float) : 1;
+    const unsigned char* angle = image.data.get() + kAnglesOffset;
+    for (float* field : {&image.leftAngle, &image.topAngle, &image.rightAngle, &image.bottomAngle}) {
+        std::memcpy(field, angle, sizeof *field);
+        angle += step;
+    }
+}
+
+bool KRVideo::goToFrame(unsigned int frame, unsigned int stream) {
+    if (!p_->isReading) {
+        return false;
+    }
+    p_->moveTo(frame, stream);
+    p_->position = p_->offsetOfChunk();
+    return true;
+}
+
+bool KRVideo::getFrame(KRImage& image, unsigned int frame, unsigned int stream, bool adapt) {
+    if (!p_->isReading) {
+        return false;
+    }
+    p_->moveTo(frame, stream);
+    if (!p_->prepare(image, adapt)) {
+        return false;
+    }
+    p_->position = p_->offsetOfChunk();
+    p_->readChunk(image, KRVideoPrivate::Angles::AsWritten);
+    return true;
+}
+
+bool KRVideo::getNextFrame(KRImage& image, bool adapt) {
+    if (!p_->isReading) {
+        return false;
+    }
+    if (++p_->currentFrame >= p_->frameCount) {
+        p_->currentFrame = p_->frameCount - 1;
+        return false;
+    }
+    if (!p_->prepare(image, adapt)) {
+        return false;
+    }
+    p_->position += p_->frameSize - p_->chunkSize(); // the other streams' chunks
+    p_->readChunk(image, KRVideoPrivate::Angles::OneByteApart);
+    return true;
+}
+
+bool KRVideo::getPrecedingFrame(KRImage& image, bool adapt) {
+    if (!p_->isReading || p_->currentFrame == 0) {
+        return false;
+    }
+    --p_->currentFrame;
+    if (!p_->prepare(image, adapt)) {
+        return false;
+    }
+    p_->position = p_->offsetOfChunk();
+    p_->readChunk(image, KRVideoPrivate::Angles::OneByteApart);
+    return true;
+}
+
+unsigned int KRVideo::getFrameCount() const noexcept {
+    return p_->frameCount;
+}
+
+const std::vector<streamProperties>& KRVideo::getStreams() const noexcept {
+    return p_->streams;
+}
+
+unsigned int KRVideo::getCurrentFrame() const noexcept {
+    return p_->currentFrame;
+}
+
+unsigned int KRVideo::getCurrentStream() const noexcept {
+    return p_->currentStream;
+}
+
+// ---- recording
+
+bool KRVideo::recordVideo(std::string path, unsigned int extraHeaderSize, std::vector<streamHeader> streams) {
+    path += ".oxv";
+    if (!p_->output.openToWrite(path)) {
+        throw KRError("KRVideo", "recordVideo", "Can't open file. Check its path and presence");
+    }
+    const auto streamCount = static_cast<std::uint32_t>(streams.size());
+    const std::array<std::uint32_t, 4> header = {kOxvVersion1, extraHeaderSize, kUnknownFrameCount,
+                                                 streamCount};
+    p_->output.append(header.data(), kFileHeaderSize, streams.data(), streams.size() * sizeof(streamHeader));
+    p_->path = std::move(path);
+    p_->frameCount = 0;
+    // The extra header is the offset's, but not the file's: deliberate.
+    p_->dataOffset = dataOffsetOf(streamCount, extraHeaderSize);
+    p_->isRecording = true;
+    return true;
+}
+
+void KRVideoPrivate::writeChunk(const std::array<unsigned char, kChunkHeaderSize>& header, const void* image,
+                                int size) {
+    const std::size_t imageSize = static_cast<std::size_t>(std::max(size, 0));
+    const std::size_t rest = std::max(imageSize, kChunkHeaderSize) - kChunkHeaderSize;
+    const void* from = rest > 0 ? static_cast<const char*>(image) + kChunkHeaderSize : nullptr;
+    output.append(header.data(), header.size(), from, rest);
+    ++frameCount;
+}
+
+bool KRVideo::write(char* buffer, int size, long long timestamp, char cameraIndex, float a0, float a1,
+                    float a2, float a3) {
+    if (!p_->isRecording) {
+        return false;
+    }
+    p_->writeChunk(makeChunkHeader(timestamp, cameraIndex, a0, a1, a2, a3), buffer, size);
+    return true;
+}
+
+bool KRVideo::write(int rows, int cols, char* bgr, long long timestamp, char cameraIndex, float a0, float a1,
+                    float a2, float a3) {
+    if (!p_->isRecording) {
+        return false;
+    }
+    // An empty buffer of its own lets the image make the one that it needs.
+    KRImage image(cols, rows, kYUV422ColorSpace, true, 0.0f, 0.0f, 0.0f, 0.0f);
+    image.nbLayers = 0;
+    image.data = KRImage::emptyData(false);
+    image.computeYUV422imageFromBGR(rows, cols, bgr);
+    const int size = wrappingProduct(2, rows, cols);
+    if (size % 4 != 0) { // the last pixel has no partner, and is not converted
+        std::memset(image.data.get() + size - 2, 0, 2);
+    }
+    p_->writeChunk(makeChunkHeader(timestamp, cameraIndex, a0, a1, a2, a3), image.data.get(), size);
+    return true;
+}
+
+// ---- both
+
+void KRVideo::closeVideo() {
+    if (p_->isRecording) {
+        p_->isRecording = false;
+        p_->output.writeAt(&p_->frameCount, sizeof p_->frameCount, kFrameCountOffset);
+        p_->output.close();
+        std::cout << "stop recording " << p_->path << " file (" << p_->frameCount << " frames)" << std::endl;
+    }
+    p_->input.close();
+}
+
+} // namespace KR

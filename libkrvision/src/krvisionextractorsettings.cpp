@@ -1,0 +1,192 @@
+// The settings of a vision extractor; the acquisition is in krvisionextractor_p.cpp.
+
+#include "krvisionextractor_p.hpp"
+
+#include "krvision/krvisiondefinitions.hpp"
+
+#include "krplatform/krlog.hpp"
+#include "krplatform/krthread.hpp"
+
+namespace KR {
+
+void KRVisionExtractorPrivate::setSubscriptionParameters(const std::vector<std::pair<int, int>>& parameters) {
+    {
+        const std::lock_guard lock(parametersMutex);
+        cameraParameters = parameters;
+    }
+    if (subscribed) {
+        xSetSubscriptionParameters();
+    }
+}
+
+bool KRVisionExtractorPrivate::setColorSpace(int newColorSpace) {
+    if (!subscribed) {
+        // Not kept for the next subscription either, unlike resolution and camera: deliberate.
+        logProblem("The module has not been subscribed to, so you cannot set the colorspace.");
+        return false;
+    }
+    const std::unique_lock guard(colorSpaceLock);
+    const bool accepted = videoDeviceProxy->setColorSpace(getSubscriberId(), newColorSpace);
+    if (accepted) {
+        colorSpace = newColorSpace;
+    }
+    return accepted;
+}
+
+bool KRVisionExtractorPrivate::setResolution(int newResolution) {
+    if (subscribed) {
+        const std::unique_lock guard(resolutionLock);
+        const bool accepted = videoDeviceProxy->setResolution(getSubscriberId(), newResolution);
+        if (accepted) {
+            resolution = newResolution;
+        }
+        return accepted;
+    }
+    if (!isResolutionValid(newResolution)) {
+        return false;
+    }
+    const std::unique_lock guard(resolutionLock);
+    resolution = newResolution;
+    return true;
+}
+
+bool KRVisionExtractorPrivate::setActiveCamera(int camera) {
+    if (subscribed) {
+        const bool wasProcessing = isProcessing();
+        if (wasProcessing) {
+            pause(true);
+        }
+        sleepMilliseconds(50); // lets the loop reach its pause
+        bool accepted = false;
+        {
+            const std::unique_lock guard(cameraLock);
+            // An error passes with the loop still paused: deliberate.
+            accepted = videoDeviceProxy->setActiveCamera(getSubscriberId(), camera);
+            if (accepted) {
+                activeCamera = camera;
+            }
+        }
+        if (wasProcessing) {
+            pause(false);
+        }
+        return accepted;
+    }
+    try {
+        if (videoDeviceProxy->getCameraModel(camera) == -1) {
+            throw KRError(owner->getName(), "setActiveCamera", "camera not found");
+        }
+        const std::unique_lock guard(cameraLock);
+        activeCamera = camera;
+        return true;
+    } catch (const KRError& error) {
+        // No separator behind the module's name, and the spelling: deliberate.
+        logError(kLogCategory, owner->getName() + "Can't swith active camera to " + std::to_string(camera) +
+                                   ": " + error.what());
+        return false;
+    }
+}
+
+bool KRVisionExtractorPrivate::hasSubscriber(const std::string& subscriber) {
+    for (const KRValue& entry : owner->getSubscribersInfo().to<std::vector<KRValue>>()) {
+        if (entry[0].to<std::string>() == subscriber) {
+            return true;
+        }
+    }
+    return false;
+}
+
+void KRVisionExtractorPrivate::updatePeriodOf(const std::string& subscriber, int frameRate) {
+    if (frameRate == 0) {
+        throw KRError(owner->getName(), "setFrameRate", "a frame rate of 0 has no period");
+    }
+    owner->updatePeriod(subscriber, 1000 / frameRate);
+}
+
+bool KRVisionExtractorPrivate::setFrameRate(int frameRate) {
+    const KRValue subscribers = owner->getSubscribersInfo();
+    if (!subscribed) {
+        logProblem("The module has not been subscribed to, so you cannot set the framerate.");
+        return false;
+    }
+    const std::unique_lock guard(frameRateLock);
+    const bool accepted = videoDeviceProxy->setFrameRate(getSubscriberId(), frameRate);
+    if (accepted) {
+        for (std::size_t i = 0; i < subscribers.getSize(); ++i) {
+            const auto subscriber = subscribers[i][0].to<std::string>();
+            try {
+                updatePeriodOf(subscriber, frameRate);
+            } catch (const KRError&) {
+                if (hasSubscriber(subscriber)) {
+                    throw;
+                } // else it has left meanwhile, and the others still want their period
+            }
+        }
+    }
+    return accepted;
+}
+
+bool KRVisionExtractorPrivate::setFrameRate(const std::string& subscriber, int frameRate) {
+    if (!hasSubscriber(subscriber)) {
+        logProblem("setFrameRate, unknown subscriber name: " + subscriber);
+        return false;
+    }
+    // Not refused here while there is no camera subscription, the camera service does that: deliberate.
+    const std::unique_lock guard(frameRateLock);
+    const bool accepted = videoDeviceProxy->setFrameRate(getSubscriberId(), frameRate);
+    if (accepted) {
+        updatePeriodOf(subscriber, frameRate);
+    }
+    return accepted;
+}
+
+void KRVisionExtractorPrivate::setVideoDeviceFrameRate(int frameRate) {
+    videoDeviceProxy->setFrameRate(getSubscriberId(), frameRate);
+}
+
+void KRVisionExtractorPrivate::setParameter(const std::string& name, const KRValue& value) {
+    if (!value.isValid() || !value.isArray()) {
+        logProblem("Parameter is not valid, parameter must be a valid array.");
+        return;
+    }
+    // Refuses the very size that the message asks for: deliberate.
+    if (value.getSize() < 2) {
+        logProblem("Wrong parameter size, parameter must be an array of size 1. Current size is " +
+                   std::to_string(value.getSize()));
+        return;
+    }
+    if (name == "resolution") {
+        owner->setResolution(value[0].to<int>());
+    } else if (name == "pause") {
+        owner->pause(value[0].to<int>() == 1);
+    } else {
+        logProblem(
+            "Unknown parameter value. Parameter must be resolution or pause, but current parameter is " +
+            name);
+    }
+}
+
+int KRVisionExtractorPrivate::getResolution() {
+    const std::shared_lock guard(resolutionLock);
+    return resolution;
+}
+
+int KRVisionExtractorPrivate::getColorSpace() {
+    const std::shared_lock guard(colorSpaceLock);
+    return colorSpace;
+}
+
+int KRVisionExtractorPrivate::getActiveCamera() {
+    const std::shared_lock guard(cameraLock);
+    return activeCamera;
+}
+
+int KRVisionExtractorPrivate::getFrameRate() {
+    const std::shared_lock guard(frameRateLock);
+    return subscribed ? videoDeviceProxy->getFrameRate(getSubscriberId()) : -1;
+}
+
+int KRVisionExtractorPrivate::getMinimumPeriod() const noexcept {
+    return activeCamera == 2 ? 50 : 33; // camera 2 is slower than the others: deliberate
+}
+
+} // namespace KR

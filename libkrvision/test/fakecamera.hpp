@@ -1,0 +1,231 @@
+#pragma once
+
+#include "krvision/krvisionextractor.hpp"
+
+#include "krplatform/krbroker.hpp"
+#include "krplatform/krlog.hpp"
+#include "krplatform/krmodulehandle.hpp"
+#include "krplatform/krproxy.hpp"
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace KR::test {
+
+/// What happened, in order, written down by several threads.
+class Journal {
+public:
+    void add(const std::string& line) {
+        const std::lock_guard lock(mutex_);
+        lines_.push_back(line);
+        added_.notify_all();
+    }
+    std::vector<std::string> get() const {
+        const std::lock_guard lock(mutex_);
+        return lines_;
+    }
+    std::ptrdiff_t count(const std::string& line) const {
+        const std::lock_guard lock(mutex_);
+        return std::count(lines_.begin(), lines_.end(), line);
+    }
+    /// Blocks until the line stands there so many times. \return whether it does
+    bool waitFor(const std::string& line, std::ptrdiff_t times = 1) const {
+        std::unique_lock lock(mutex_);
+        return added_.wait_for(lock, std::chrono::seconds(60),
+                               [&] { return std::count(lines_.begin(), lines_.end(), line) >= times; });
+    }
+    /// Blocks until so many more of the line stand there than now.
+    bool waitForMore(const std::string& line, std::ptrdiff_t times = 1) const {
+        return waitFor(line, count(line) + times);
+    }
+
+private:
+    mutable std::mutex mutex_;
+    mutable std::condition_variable added_;
+    std::vector<std::string> lines_; // guarded by mutex_
+};
+
+inline KRValue makeImageValue(int width, int height, int layers, int colorSpace) {
+    KRValue pixels;
+    const std::vector<unsigned char> bytes(static_cast<std::size_t>(width * height * layers), 7);
+    pixels.SetBinary(bytes.data(), bytes.size());
+    return KRValue::array(width, height, layers, colorSpace, 1500000000, 123456, pixels, 1, 0.4F, 0.3F, -0.4F,
+                          -0.3F);
+}
+
+/// A camera service for tests: writes down each call and answers as told.
+class FakeCamera : public KRModule {
+public:
+    FakeCamera(boost::shared_ptr<KRBroker> broker, const std::string& name, Journal& calls)
+        : KRModule(std::move(broker), name), journal(calls) {
+        publish("subscribeCamera", {"name", "camera", "resolution", "colorSpace", "frameRate"},
+                &FakeCamera::subscribeCamera);
+        publish("unsubscribe", {"id"}, &FakeCamera::unsubscribe);
+        publish("getImageRemote", {"id"}, &FakeCamera::getImageRemote);
+        publish("releaseImage", {"id"}, &FakeCamera::releaseImage);
+        publish("setFrameRate", {"id", "value"}, &FakeCamera::setFrameRate);
+        publish("getFrameRate", {"id"}, &FakeCamera::getFrameRate);
+        publish("setResolution", {"id", "value"}, &FakeCamera::setResolution);
+        publish("setColorSpace", {"id", "value"}, &FakeCamera::setColorSpace);
+        publish("setActiveCamera", {"id", "value"}, &FakeCamera::setActiveCamera);
+        publish("getCameraModel", {"camera"}, &FakeCamera::getCameraModel);
+        publish("setCameraParameter", {"id", "parameter", "value"}, &FakeCamera::setCameraParameter);
+        publish("setAllCameraParametersToDefault", {"id"}, &FakeCamera::setAllCameraParametersToDefault);
+    }
+
+    std::string subscribeCamera(const std::string& name, int camera, int resolution, int colorSpace,
+                                int frameRate) {
+        std::ostringstream line;
+        line << "subscribeCamera " << name << " " << camera << " " << resolution << " " << colorSpace << " "
+             << frameRate;
+        note("subscribeCamera", line.str());
+        return name + "_1";
+    }
+    void unsubscribe(const std::string& id) { note("unsubscribe", "unsubscribe " + id); }
+    KRValue getImageRemote(const std::string& id) {
+        note("getImageRemote", "getImageRemote " + id);
+        const std::lock_guard lock(mutex_);
+        return image_;
+    }
+    void releaseImage(const std::string& id) { note("releaseImage", "releaseImage " + id); }
+    bool setFrameRate(const std::string& id, int value) { return set("setFrameRate", id, value); }
+    int getFrameRate(const std::string& id) {
+        note("getFrameRate", "getFrameRate " + id);
+        return 24;
+    }
+    bool setResolution(const std::string& id, int value) { return set("setResolution", id, value); }
+    bool setColorSpace(const std::string& id, int value) { return set("setColorSpace", id, value); }
+    bool setActiveCamera(const std::string& id, int value) { return set("setActiveCamera", id, value); }
+    int getCameraModel(int camera) {
+        note("getCameraModel", "getCameraModel " + std::to_string(camera));
+        return camera < 3 ? 1 : -1;
+    }
+    bool setCameraParameter(const std::string& id, int parameter, int value) {
+        return set("setCameraParameter", id + " " + std::to_string(parameter), value);
+    }
+    void setAllCameraParametersToDefault(const std::string& id) {
+        note("setAllCameraParametersToDefault", "setAllCameraParametersToDefault " + id);
+    }
+
+    /// What an operation does after it was written down, before it answers: throw, block, or nothing.
+    void on(const std::string& operation, std::function<void()> action) {
+        const std::lock_guard lock(mutex_);
+        actions_[operation] = std::move(action);
+    }
+    void fail(const std::string& operation) {
+        on(operation, [operation] { throw KRError("KRVideoDevice", operation, "injected"); });
+    }
+    void setImage(const KRValue& image) {
+        const std::lock_guard lock(mutex_);
+        image_ = image;
+    }
+
+    std::atomic<bool> accepts = true; ///< what the setters answer
+    Journal& journal;
+
+private:
+    template <class Member>
+    void publish(const std::string& method, const std::vector<std::string>& parameters, Member member) {
+        functionName(method, "FakeCamera", "");
+        for (const std::string& parameter : parameters) {
+            addParam(parameter, "");
+        }
+        advertiseMethod(getCurrentMethodDescription(), this, member);
+    }
+    void note(const std::string& operation, const std::string& line) {
+        journal.add(line);
+        std::function<void()> action;
+        {
+            const std::lock_guard lock(mutex_);
+            action = actions_[operation];
+        }
+        if (action) {
+            action();
+        }
+    }
+    bool set(const std::string& operation, const std::string& id, int value) {
+        note(operation, operation + " " + id + " " + std::to_string(value));
+        return accepts;
+    }
+
+    std::mutex mutex_;
+    std::map<std::string, std::function<void()>> actions_; // guarded by mutex_
+    KRValue image_ = makeImageValue(160, 120, 2, 9);       // guarded by mutex_
+};
+
+/// A vision extractor that writes its hooks into the same journal as the camera its calls.
+class TestExtractor : public KRVisionExtractor {
+public:
+    TestExtractor(boost::shared_ptr<KRBroker> broker, const std::string& name, Journal& hooks,
+                  int resolution = 0, int colorSpace = 9, int frameRate = 30, int camera = 0)
+        : KRVisionExtractor(std::move(broker), name, resolution, colorSpace, frameRate, camera),
+          journal(hooks) {}
+
+    void xStartImageProcessing() override { journal.add("xStartImageProcessing"); }
+    void xProcessImage(KRImage* image) override {
+        journal.add("xProcessImage");
+        std::function<void(KRImage*)> action;
+        {
+            const std::lock_guard lock(mutex_);
+            action = onImage_;
+            last_ = image;
+        }
+        if (action) {
+            action(image);
+        }
+    }
+    void xStopImageProcessing() override { journal.add("xStopImageProcessing"); }
+
+    /// The image that came last, for a run that has ended without deleting it.
+    [[nodiscard]] std::unique_ptr<KRImage> takeUndeleted() {
+        const std::lock_guard lock(mutex_);
+        return std::unique_ptr<KRImage>(std::exchange(last_, nullptr));
+    }
+
+    void onImage(std::function<void(KRImage*)> action) {
+        const std::lock_guard lock(mutex_);
+        onImage_ = std::move(action);
+    }
+
+    Journal& journal;
+
+private:
+    std::mutex mutex_;
+    std::function<void(KRImage*)> onImage_; // guarded by mutex_
+    KRImage* last_ = nullptr;               // guarded by mutex_
+};
+
+/// A vision extractor named "Motion" on a fake camera service, and what it logs.
+struct Stage {
+    explicit Stage(int frameRate = 30, int cameraIndex = 0)
+        : extractor(createModule<TestExtractor>(broker, "Motion", journal, 0, 9, frameRate, cameraIndex)) {}
+
+    /// Level and text of what the vision extractors have logged.
+    std::vector<std::string> getLog() const { return log->get(); }
+    bool waitForLog(const std::string& line) const { return log->waitFor(line); }
+
+    std::shared_ptr<Journal> log = std::make_shared<Journal>();
+    KRLogListener listener{[log = log](const KRLogRecord& record) {
+        if (record.category == "KRVisionExtractor") {
+            static const char* const levels[] = {"error", "warning", "info", "verbose"};
+            log->add(std::string(levels[static_cast<int>(record.level)]) + "|" + record.message);
+        }
+    }};
+    Journal journal;
+    boost::shared_ptr<KRBroker> broker = KRBroker::create("local:");
+    KRModuleHandle<FakeCamera> camera = createModule<FakeCamera>(broker, "KRVideoDevice", journal);
+    KRModuleHandle<TestExtractor> extractor;
+};
+
+inline const std::string kId = "VisionExtractorMotion_1";
+
+} // namespace KR::test
