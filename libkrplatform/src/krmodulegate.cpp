@@ -2,15 +2,13 @@
 
 #include "krmodule_p.hpp"
 
-#include <algorithm>
-#include <vector>
-
 namespace KR {
 
 namespace {
 
-// Gates of the calls on this thread's stack, innermost last.
-thread_local std::vector<const KRModuleGate*> callsOfThisThread;
+// The innermost call on this thread's stack. Each call knows the one around it, so nothing is allocated that
+// would have to be freed when the thread ends.
+thread_local const KRModuleGate::Running* innermostCall = nullptr;
 
 } // namespace
 
@@ -76,7 +74,11 @@ void KRModuleGate::waitForCalls() const noexcept {
 }
 
 std::uint64_t KRModuleGate::countCallsOfThisThread() const noexcept {
-    return static_cast<std::uint64_t>(std::count(callsOfThisThread.begin(), callsOfThisThread.end(), this));
+    std::uint64_t count = 0;
+    for (const Running* call = innermostCall; call != nullptr; call = call->around_) {
+        count += &call->gate_ == this ? 1 : 0;
+    }
+    return count;
 }
 
 KRValue KRModuleGate::call(std::string_view method, std::span<const KRValue> arguments) {
@@ -84,17 +86,12 @@ KRValue KRModuleGate::call(std::string_view method, std::span<const KRValue> arg
     return Running(*this).call(method, arguments);
 }
 
-KRModuleGate::Running::Running(KRModuleGate& gate) : gate_(gate) {
-    try {
-        callsOfThisThread.push_back(&gate);
-    } catch (...) {
-        gate.leave();
-        throw;
-    }
+KRModuleGate::Running::Running(KRModuleGate& gate) noexcept : gate_(gate), around_(innermostCall) {
+    innermostCall = this;
 }
 
 KRModuleGate::Running::~Running() {
-    callsOfThisThread.pop_back();
+    innermostCall = around_;
     gate_.leave();
 }
 

@@ -47,14 +47,16 @@ public:
     /// For as long as it stands, a call that was counted runs on this thread; leaves at its end.
     class Running {
     public:
-        explicit Running(KRModuleGate& gate);
+        explicit Running(KRModuleGate& gate) noexcept;
         ~Running();
         Running(const Running&) = delete;
         Running& operator=(const Running&) = delete;
         KRValue call(std::string_view method, std::span<const KRValue> arguments);
 
     private:
+        friend KRModuleGate;
         KRModuleGate& gate_;
+        const Running* const around_; // the call that this one was made from, on this thread
     };
 
 private:

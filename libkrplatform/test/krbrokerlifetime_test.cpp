@@ -11,6 +11,9 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstddef>
+#include <filesystem>
+#include <iterator>
 #include <string>
 #include <thread>
 #include <vector>
@@ -21,6 +24,10 @@ namespace {
 using test::Event;
 using test::makeModule;
 using test::TestModule;
+
+std::ptrdiff_t countThreads() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
+}
 
 TEST(KRBrokerLifetime, AModuleKeepsItsBroker) {
     auto broker = KRBroker::create();
@@ -35,6 +42,7 @@ TEST(KRBrokerLifetime, AModuleKeepsItsBroker) {
 }
 
 TEST(KRBrokerLifetime, TheLastModuleTakesTheBrokerWithItFromInsideItsOwnCall) {
+    const auto threads = countThreads();
     for (int round = 0; round < 50; ++round) {
         auto broker = KRBroker::create();
         const boost::weak_ptr<KRBroker> watch = broker;
@@ -54,9 +62,12 @@ TEST(KRBrokerLifetime, TheLastModuleTakesTheBrokerWithItFromInsideItsOwnCall) {
         ASSERT_TRUE(destroyed.wait());
         EXPECT_TRUE(test::eventually([&] { return watch.expired(); }));
     }
+    EXPECT_TRUE(test::eventually([&] { return countThreads() == threads; }))
+        << countThreads() << " threads are left";
 }
 
 TEST(KRBrokerLifetime, TheLastModuleMayGoWhileAnEventIsDeliveredToIt) {
+    const auto threads = countThreads();
     for (int round = 0; round < 50; ++round) {
         auto broker = KRBroker::create();
         const boost::weak_ptr<KRBroker> watch = broker;
@@ -80,6 +91,8 @@ TEST(KRBrokerLifetime, TheLastModuleMayGoWhileAnEventIsDeliveredToIt) {
         ASSERT_TRUE(destroyed.wait());
         EXPECT_TRUE(test::eventually([&] { return watch.expired(); }));
     }
+    EXPECT_TRUE(test::eventually([&] { return countThreads() == threads; }))
+        << countThreads() << " threads are left";
 }
 
 TEST(KRBrokerLifetime, ABrokerMayGoWhileItsMemoryStillHasWorkPosted) {

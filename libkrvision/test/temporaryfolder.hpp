@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -43,8 +44,9 @@ inline void writeAll(const std::string& path, const Bytes& bytes) {
 }
 
 inline void append(Bytes& bytes, const void* from, std::size_t size) {
-    const auto* first = static_cast<const unsigned char*>(from);
-    bytes.insert(bytes.end(), first, first + size);
+    const std::size_t end = bytes.size();
+    bytes.resize(end + size);
+    std::memcpy(bytes.data() + end, from, size);
 }
 
 template <class T>
