@@ -28,6 +28,7 @@ extern "C" {
 #include <new>
 #include <random>
 #include <string>
+#include <string_view>
 
 namespace {
 
@@ -91,16 +92,24 @@ void registerConversion(const std::string& subject, const std::string& implement
     registered->Unit(benchmark::kMicrosecond);
 }
 
-// ---- ours: the fastest that the processor has, and the one that any processor has
+// ---- ours: the fastest that the processor has, AVX2 if that is another, and the one that any processor has
 
 void registerOurs(const std::string& subject, const Conversion& convert) {
+    const auto registerForced = [&](const std::string& implementation, const KR::ConversionPath* path) {
+        registerConversion(subject, implementation, [convert, path](Frame& frame) {
+            KR::forceConversionPath(path);
+            convert(frame);
+            KR::forceConversionPath(nullptr);
+        });
+    };
     registerConversion(subject, "krvision", convert);
-    registerConversion(subject, "scalar", [convert](Frame& frame) {
-        static const KR::ConversionPath* scalar = KR::conversionPaths().back();
-        KR::forceConversionPath(scalar);
-        convert(frame);
-        KR::forceConversionPath(nullptr);
-    });
+    const auto paths = KR::conversionPaths();
+    for (const KR::ConversionPath* path : paths) {
+        if (path != paths.front() && std::string_view(path->name) == "AVX2") {
+            registerForced("avx2", path);
+        }
+    }
+    registerForced("scalar", paths.back());
 }
 
 // ---- a copy of half the bytes in and out together

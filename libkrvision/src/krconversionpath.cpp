@@ -10,6 +10,9 @@ std::atomic<const ConversionPath*> forcedPath = nullptr;
 
 std::vector<const ConversionPath*> conversionPaths() {
     auto paths = vectorConversionPaths();
+    if (const ConversionPath* avx512 = avx512ConversionPath()) {
+        paths.insert(paths.begin(), avx512);
+    }
     paths.push_back(&scalarConversionPath);
     return paths;
 }

@@ -25,8 +25,11 @@ struct ConversionPath {
 /// The formulas as they stand, one pair at a time: what all the others are tested against.
 extern const ConversionPath scalarConversionPath;
 
-/// The vector implementations that this processor can run, the fastest first.
+/// The implementations of one vector source that this processor can run, the fastest first.
 std::vector<const ConversionPath*> vectorConversionPaths();
+
+/// The one for AVX-512 with VBMI and VNNI; null if this processor does not have them.
+const ConversionPath* avx512ConversionPath();
 
 /// All implementations that this processor can run, the fastest first and the scalar one last. For tests.
 KR_EXPORT std::vector<const ConversionPath*> conversionPaths();

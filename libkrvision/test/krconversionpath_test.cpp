@@ -291,6 +291,8 @@ TEST(KRConversionPaths, IncludeEveryInstructionSetOfThisProcessor) {
     const auto has = [&names](const char* name) { return std::count(names.begin(), names.end(), name) == 1; };
     EXPECT_EQ(has("SSSE3"), __builtin_cpu_supports("ssse3") != 0);
     EXPECT_EQ(has("SSE4"), __builtin_cpu_supports("sse4.2") != 0);
+    EXPECT_EQ(has("AVX512_VBMI"),
+              __builtin_cpu_supports("avx512vbmi") != 0 && __builtin_cpu_supports("avx512vnni") != 0);
     EXPECT_EQ(has("AVX2"), __builtin_cpu_supports("avx2") != 0 && __builtin_cpu_supports("fma") != 0);
 }
 #endif
