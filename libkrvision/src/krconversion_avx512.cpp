@@ -2,6 +2,8 @@
 // (VNNI). Nothing but the functions marked KR_AVX512 is compiled for these: no other code may come to need them.
 #include "krconversionpath.hpp"
 
+#include "krprefetch.hpp"
+
 #if defined(__x86_64__)
 
 #if defined(__GNUC__) && !defined(__clang__)
@@ -26,6 +28,7 @@ KR_AVX512 inline Vector load(const void* bytes) {
 }
 
 KR_AVX512 inline void store(unsigned char* bytes, Vector vector) {
+    prefetchForWriting(bytes);
     _mm512_storeu_si512(bytes, vector);
 }
 

@@ -8,6 +8,7 @@
 #include <hwy/highway.h>
 
 #include "krconversionpath.hpp"
+#include "krprefetch.hpp"
 
 HWY_BEFORE_NAMESPACE();
 namespace KR {
@@ -31,17 +32,6 @@ using QuadWords = hn::Repartition<std::uint64_t, Bytes>;
 using ByteVector = hn::Vec<Bytes>;
 using WordVector = hn::Vec<Words>;
 using Coefficients = hn::Vec<SignedBytes>;
-
-constexpr std::size_t kPrefetchAhead = 1024; // bytes of output
-
-// Asks for the cache line of output that comes kPrefetchAhead later. It may lie past the end: nothing is touched.
-HWY_INLINE void prefetchForWriting(unsigned char* output) {
-#if HWY_ARCH_X86
-    asm volatile("prefetchw %0" : : "m"(*(output + kPrefetchAhead)));
-#else
-    __builtin_prefetch(output + kPrefetchAhead, 1);
-#endif
-}
 
 // A block from `bytes`, the next one from `distance` further on. Reads nothing before, between runs no more than
 // 16 bytes before the second, and nothing after.
