@@ -85,6 +85,7 @@ private:
     std::string getUnsubscribedId() const;
     bool hasSubscriber(const std::string& subscriber);
     void updatePeriodOf(const std::string& subscriber, int frameRate);
+    void updatePeriodIfSubscribed(const std::string& subscriber, int frameRate);
     void logProblem(const std::string& message);
 
     // Constant after construction.

@@ -102,6 +102,23 @@ void KRVisionExtractorPrivate::updatePeriodOf(const std::string& subscriber, int
     owner->updatePeriod(subscriber, 1000 / frameRate);
 }
 
+void KRVisionExtractorPrivate::updatePeriodIfSubscribed(const std::string& subscriber, int frameRate) {
+    constexpr int kTries = 3; // it may leave and come back between the failure and the look at it
+    for (int failures = 0;;) {
+        try {
+            updatePeriodOf(subscriber, frameRate);
+            return;
+        } catch (const KRError&) {
+            if (!hasSubscriber(subscriber)) {
+                return;
+            }
+            if (++failures == kTries) {
+                throw;
+            }
+        }
+    }
+}
+
 bool KRVisionExtractorPrivate::setFrameRate(int frameRate) {
     const KRValue subscribers = owner->getSubscribersInfo();
     if (!subscribed) {
@@ -112,14 +129,7 @@ bool KRVisionExtractorPrivate::setFrameRate(int frameRate) {
     const bool accepted = videoDeviceProxy->setFrameRate(getSubscriberId(), frameRate);
     if (accepted) {
         for (std::size_t i = 0; i < subscribers.getSize(); ++i) {
-            const auto subscriber = subscribers[i][0].to<std::string>();
-            try {
-                updatePeriodOf(subscriber, frameRate);
-            } catch (const KRError&) {
-                if (hasSubscriber(subscriber)) {
-                    throw;
-                } // else it has left meanwhile, and the others still want their period
-            }
+            updatePeriodIfSubscribed(subscribers[i][0].to<std::string>(), frameRate);
         }
     }
     return accepted;
