@@ -31,6 +31,7 @@ function(kr_add_library name)
     set_target_properties(${name} PROPERTIES
         CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON
         VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR}
+        INSTALL_RPATH "$ORIGIN" # they find each other, wherever they are installed
         CXX_EXTENSIONS OFF)
     kr_compile_options(${name})
 

@@ -1,0 +1,102 @@
+// kr image info
+
+#include "colorspace.hpp"
+#include "command.hpp"
+#include "json.hpp"
+#include "oxiheader.hpp"
+#include "timestamp.hpp"
+
+#include <CLI/CLI.hpp>
+
+#include <cstdio>
+#include <exception>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace KR::tool {
+
+namespace {
+
+struct Options {
+    std::vector<std::string> files;
+    bool json = false;
+};
+
+void show(const std::string& file, const OxiHeader& oxi) {
+    std::printf("%s\n", file.c_str());
+    std::printf("  format        oxi, version %d\n", oxi.version);
+    std::printf("  size          %dx%d pixels of %d bytes\n", oxi.width, oxi.height, oxi.layers);
+    std::printf("  colour space  %s\n", describeColorSpace(oxi.colorSpace).c_str());
+    std::printf("  taken         %s\n", formatTimeStamp(oxi.timeStamp).c_str());
+    std::printf("  camera        %d\n", oxi.cameraId);
+    if (oxi.version == 1) {
+        std::printf("  angles        left %g, top %g, right %g, bottom %g rad\n",
+                    static_cast<double>(oxi.leftAngle), static_cast<double>(oxi.topAngle),
+                    static_cast<double>(oxi.rightAngle), static_cast<double>(oxi.bottomAngle));
+    }
+    std::printf("  on disk       %llu bytes\n", static_cast<unsigned long long>(oxi.fileSize));
+}
+
+Json toJson(const std::string& file, const OxiHeader& oxi, const std::vector<std::string>& problems) {
+    Json json = {{"file", file},
+                 {"format", "oxi"},
+                 {"version", oxi.version},
+                 {"width", oxi.width},
+                 {"height", oxi.height},
+                 {"layers", oxi.layers},
+                 {"color_space", oxi.colorSpace},
+                 {"time_usec", oxi.timeStamp},
+                 {"camera", oxi.cameraId}};
+    if (oxi.version == 1) {
+        json["angles_rad"] = {{"left", oxi.leftAngle},
+                              {"top", oxi.topAngle},
+                              {"right", oxi.rightAngle},
+                              {"bottom", oxi.bottomAngle}};
+    }
+    json["file_bytes"] = oxi.fileSize;
+    json["problems"] = problems;
+    return json;
+}
+
+ExitCode showFiles(const Options& options) {
+    Json list = Json::array();
+    ExitCode code = ExitCode::Done;
+    for (const std::string& file : options.files) {
+        try {
+            const OxiHeader oxi = readOxiHeader(file);
+            const std::vector<std::string> problems = findProblems(oxi);
+            if (options.json) {
+                list.push_back(toJson(file, oxi, problems));
+            } else {
+                show(file, oxi);
+            }
+            for (const std::string& problem : problems) {
+                complain(file + ": " + problem);
+                code = ExitCode::Failed;
+            }
+        } catch (const std::exception& error) {
+            complain(error.what());
+            code = ExitCode::Failed;
+        }
+    }
+    if (options.json) {
+        printJson(list);
+    }
+    return code;
+}
+
+std::function<ExitCode()> declare(CLI::App& app) {
+    auto options = std::make_shared<Options>();
+    app.add_option("FILE", options->files, "oxi files")->required();
+    app.add_flag("--json", options->json, "Writes an array with an object for each file");
+    return [options] { return showFiles(*options); };
+}
+
+const GroupRegistration group("image", "Image files");
+const CommandRegistration command({"image", "info", "Shows what image files say of themselves",
+                                   "  kr image info left.oxi right.oxi", declare});
+
+} // namespace
+
+} // namespace KR::tool

@@ -1,0 +1,60 @@
+#pragma once
+
+#include <functional>
+#include <stdexcept>
+#include <string>
+
+namespace CLI {
+class App;
+}
+
+namespace KR::tool {
+
+/// What the program tells the shell.
+enum class ExitCode {
+    Done = 0,
+    Failed = 1,
+    WrongUsage = 2,
+    DataLost = 3, ///< done, but some of the data could not be kept
+};
+
+/// One verb of the command line, `kr GROUP NAME`.
+///
+/// Its results go to standard output, and everything else to standard error. Where it lists something, it takes
+/// `--json` too (json.hpp); where it works through frames, it shows a Progress (progress.hpp).
+struct Command {
+    std::string group;
+    std::string name;
+    std::string summary; ///< one line, without a full stop
+    std::string example; ///< a command line or some, for the end of its --help
+
+    /// Adds the options of the verb to its part of the command line. Called once.
+    /// \return what the verb does, called after the options have been read. Of what that throws, a KRError is
+    /// shown with its description and another std::exception with its what(); the program has failed then, or been
+    /// used wrongly if it is a UsageError
+    std::function<std::function<ExitCode()>(CLI::App&)> declare;
+};
+
+/// Makes a verb part of the program: an object of this class in the source file of the verb.
+struct CommandRegistration {
+    explicit CommandRegistration(Command command);
+};
+
+/// Says what the verbs of a group are about: one object, in the source file of any of them.
+struct GroupRegistration {
+    GroupRegistration(std::string group, std::string summary);
+};
+
+/// The options contradict each other, or one of them is wrong in a way that CLI11 cannot see.
+class UsageError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+/// Shows a line on standard error, with the name of the program before it.
+void complain(const std::string& text);
+
+/// Reads the command line and does what it says. Throws nothing.
+ExitCode runCommandLine(int argc, const char* const* argv);
+
+} // namespace KR::tool

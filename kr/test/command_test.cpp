@@ -1,0 +1,77 @@
+#include "command.hpp"
+
+#include "program.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+using namespace KR::test;
+using testing::HasSubstr;
+
+// The names in the list of subcommands of a --help.
+std::vector<std::string> listSubcommands(const std::vector<std::string>& arguments) {
+    std::istringstream help(kr(arguments).out);
+    std::vector<std::string> names;
+    bool isList = false;
+    for (std::string line; std::getline(help, line);) {
+        if (line == "Subcommands:") {
+            isList = true;
+        } else if (isList && line.size() > 2 && line.substr(0, 2) == "  " && line[2] != ' ') {
+            names.push_back(line.substr(2, line.find(' ', 2) - 2));
+        } else if (isList && line.empty()) {
+            break;
+        }
+    }
+    return names;
+}
+
+TEST(KrCommand, HelpIsDataAndDone) {
+    const Outcome run = kr({"--help"});
+    EXPECT_EQ(run.exitCode, 0);
+    EXPECT_EQ(run.err, "");
+    EXPECT_THAT(run.out, HasSubstr("image"));
+    EXPECT_THAT(run.out, HasSubstr("3 done but data was lost"));
+}
+
+TEST(KrCommand, EveryVerbHasAnExampleInItsHelp) {
+    const std::vector<std::string> groups = listSubcommands({"--help"});
+    ASSERT_FALSE(groups.empty());
+    for (const std::string& group : groups) {
+        const std::vector<std::string> verbs = listSubcommands({group, "--help"});
+        EXPECT_FALSE(verbs.empty()) << group;
+        for (const std::string& verb : verbs) {
+            const Outcome run = kr({group, verb, "--help"});
+            EXPECT_EQ(run.exitCode, 0);
+            EXPECT_THAT(run.out, HasSubstr("Example:\n  kr " + group + " " + verb));
+        }
+    }
+}
+
+TEST(KrCommand, WrongUsageIsToldOnStandardErrorWithCode2) {
+    for (const std::vector<std::string>& arguments :
+         std::vector<std::vector<std::string>>{{},
+                                               {"image"},
+                                               {"painting"},
+                                               {"image", "paint"},
+                                               {"image", "info"},
+                                               {"image", "info", "--wrong", "a"}}) {
+        const Outcome run = kr(arguments);
+        EXPECT_EQ(run.exitCode, 2);
+        EXPECT_EQ(run.out, "");
+        EXPECT_THAT(run.err, HasSubstr("kr: "));
+    }
+}
+
+TEST(KrCommand, OutputThatCannotBeWrittenIsAFailure) {
+    const std::string command = std::string(KR_PROGRAM) + " --help >/dev/full 2>/dev/null";
+    const int status = std::system(command.c_str());
+    EXPECT_EQ(WEXITSTATUS(status), 1);
+}
+
+} // namespace

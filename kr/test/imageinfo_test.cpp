@@ -1,0 +1,89 @@
+#include "program.hpp"
+
+#include "temporaryfolder.hpp"
+
+#include <krvision/krimage.hpp>
+#include <krvision/krvisiondefinitions.hpp>
+#include <nlohmann/json.hpp>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace {
+
+using namespace KR::test;
+using KR::KRImage;
+using testing::HasSubstr;
+
+class KrImageInfo : public testing::Test {
+protected:
+    std::string path(const std::string& name) const { return folder_.path(name); }
+    std::string write(const std::string& name) const {
+        KRImage image(KR::kQVGA, KR::kYUV422ColorSpace, false, 0.5f, 0.25f, -0.5f, -0.25f);
+        image.timeStamp = 1500000000123456;
+        image.cameraId = -2;
+        EXPECT_TRUE(image.writeFile(path(name).c_str()));
+        return path(name);
+    }
+
+private:
+    const TemporaryFolder folder_;
+};
+
+TEST_F(KrImageInfo, ShowsWhatTheFileSays) {
+    const std::string file = write("a.oxi");
+    const Outcome run = kr({"image", "info", file});
+    EXPECT_EQ(run.exitCode, 0);
+    EXPECT_EQ(run.err, "");
+    EXPECT_EQ(run.out, file + "\n"
+                              "  format        oxi, version 1\n"
+                              "  size          320x240 pixels of 2 bytes\n"
+                              "  colour space  YUV422 (9)\n"
+                              "  taken         2017-07-14 02:40:00.123456 UTC\n"
+                              "  camera        -2\n"
+                              "  angles        left 0.5, top 0.25, right -0.5, bottom -0.25 rad\n"
+                              "  on disk       153648 bytes\n");
+}
+
+TEST_F(KrImageInfo, ShowsTheSameAsJson) {
+    const std::string file = write("a.oxi");
+    const Outcome run = kr({"image", "info", file, file, "--json"});
+    EXPECT_EQ(run.exitCode, 0);
+    const auto json = nlohmann::json::parse(run.out);
+    ASSERT_EQ(json.size(), 2u);
+    EXPECT_EQ(json[1]["file"], file);
+    EXPECT_EQ(json[1]["width"], 320);
+    EXPECT_EQ(json[1]["color_space"], 9);
+    EXPECT_EQ(json[1]["time_usec"], 1500000000123456);
+    EXPECT_EQ(json[1]["camera"], -2);
+    EXPECT_EQ(json[1]["angles_rad"]["bottom"], -0.25);
+    EXPECT_EQ(json[1]["problems"].size(), 0u);
+}
+
+TEST_F(KrImageInfo, AFileThatIsNoneFailsAndTheOthersAreShown) {
+    const std::string file = write("a.oxi");
+    writeAll(path("other"), Bytes(100, 'x'));
+    writeAll(path("short"), {'1', 'I', 'X', 'O', 0});
+    const Outcome run = kr({"image", "info", path("missing"), path("other"), path("short"), path(""), file});
+    EXPECT_EQ(run.exitCode, 1);
+    EXPECT_EQ(run.err, "kr: " + path("missing") + ": cannot be read: No such file or directory\n" + //
+                           "kr: " + path("other") + ": is no oxi file\n" +                          //
+                           "kr: " + path("short") + ": ends within its header, after 5 bytes\n" +   //
+                           "kr: " + path("") + ": cannot be read: Is a directory\n");
+    EXPECT_THAT(run.out, HasSubstr(file));
+}
+
+TEST_F(KrImageInfo, TellsWhatIsWrong) {
+    Bytes bytes = readAll(write("a.oxi"));
+    bytes[12] = 3; // layers
+    writeAll(path("layers.oxi"), bytes);
+    bytes[7] = 0x70; // width
+    writeAll(path("huge.oxi"), bytes);
+    const Outcome run = kr({"image", "info", path("layers.oxi"), path("huge.oxi")});
+    EXPECT_EQ(run.exitCode, 1);
+    EXPECT_THAT(run.err, HasSubstr("a pixel in colour space YUV422 (9) has 2 bytes, not 3"));
+    EXPECT_THAT(run.err, HasSubstr("it has 153648 bytes, and needs 230448"));
+    EXPECT_THAT(run.err, HasSubstr("there is no image of 1879048512x240 pixels of 3 bytes"));
+}
+
+} // namespace
