@@ -4,12 +4,14 @@
 #include "command.hpp"
 #include "json.hpp"
 #include "oxiheader.hpp"
+#include "picture.hpp"
 #include "timestamp.hpp"
 
 #include <CLI/CLI.hpp>
 
 #include <cstdio>
 #include <exception>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
@@ -59,20 +61,56 @@ Json toJson(const std::string& file, const OxiHeader& oxi, const std::vector<std
     return json;
 }
 
+Json toJson(const std::string& file, const Picture& picture) {
+    return {{"file", file},
+            {"format", picture.format},
+            {"width", picture.width},
+            {"height", picture.height},
+            {"grey", picture.isGrey},
+            {"file_bytes", std::filesystem::file_size(file)},
+            {"problems", Json::array()}};
+}
+
+void show(const std::string& file, const Picture& picture) {
+    std::printf("%s\n", file.c_str());
+    std::printf("  format        %s%s\n", picture.format, picture.isGrey ? ", grey" : "");
+    std::printf("  size          %dx%d pixels\n", picture.width, picture.height);
+    std::printf("  on disk       %llu bytes\n",
+                static_cast<unsigned long long>(std::filesystem::file_size(file)));
+}
+
+/// Shows one file, or adds it to the list.
+/// \return whether nothing is wrong with it
+bool showFile(const std::string& file, Json* list) {
+    if (!isOxiFile(file)) {
+        const Picture picture =
+            readPicture(file); // all of it: that is the only way to know that it can be read
+        if (list != nullptr) {
+            list->push_back(toJson(file, picture));
+        } else {
+            show(file, picture);
+        }
+        return true;
+    }
+    const OxiHeader oxi = readOxiHeader(file);
+    const std::vector<std::string> problems = findProblems(oxi);
+    if (list != nullptr) {
+        list->push_back(toJson(file, oxi, problems));
+    } else {
+        show(file, oxi);
+    }
+    for (const std::string& problem : problems) {
+        complain(file + ": " + problem);
+    }
+    return problems.empty();
+}
+
 ExitCode showFiles(const Options& options) {
     Json list = Json::array();
     ExitCode code = ExitCode::Done;
     for (const std::string& file : options.files) {
         try {
-            const OxiHeader oxi = readOxiHeader(file);
-            const std::vector<std::string> problems = findProblems(oxi);
-            if (options.json) {
-                list.push_back(toJson(file, oxi, problems));
-            } else {
-                show(file, oxi);
-            }
-            for (const std::string& problem : problems) {
-                complain(file + ": " + problem);
+            if (!showFile(file, options.json ? &list : nullptr)) {
                 code = ExitCode::Failed;
             }
         } catch (const std::exception& error) {
@@ -88,14 +126,14 @@ ExitCode showFiles(const Options& options) {
 
 std::function<ExitCode()> declare(CLI::App& app) {
     auto options = std::make_shared<Options>();
-    app.add_option("FILE", options->files, "oxi files")->required();
+    app.add_option("FILE", options->files, "oxi, ppm, pgm, png or jpeg files")->required();
     app.add_flag("--json", options->json, "Writes an array with an object for each file");
     return [options] { return showFiles(*options); };
 }
 
 const GroupRegistration group("image", "Image files");
 const CommandRegistration command({"image", "info", "Shows what image files say of themselves",
-                                   "  kr image info left.oxi right.oxi", declare});
+                                   "  kr image info left.oxi right.png", declare});
 
 } // namespace
 

@@ -109,4 +109,16 @@ std::vector<std::string> findProblems(const OxiHeader& header) {
     return problems;
 }
 
+KRImage readOxi(const std::string& path) {
+    const std::vector<std::string> problems = findProblems(readOxiHeader(path));
+    if (!problems.empty()) {
+        throw std::runtime_error(path + ": " + problems.front());
+    }
+    KRImage image(0, 0, kLumaColorSpace, false, 0.0f, 0.0f, 0.0f, 0.0f);
+    if (!image.readFile(path.c_str())) {
+        throw std::runtime_error(path + ": cannot be read");
+    }
+    return image;
+}
+
 } // namespace KR::tool

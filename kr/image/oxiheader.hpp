@@ -1,5 +1,7 @@
 #pragma once
 
+#include <krvision/krimage.hpp>
+
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -35,5 +37,9 @@ OxiHeader readOxiHeader(const std::string& path);
 
 /// What is wrong with the file, a sentence each; empty if its image can be used.
 std::vector<std::string> findProblems(const OxiHeader& header);
+
+/// Reads a file that has been looked through for problems.
+/// \throws std::runtime_error with the path: the first of its problems; it cannot be read
+KRImage readOxi(const std::string& path);
 
 } // namespace KR::tool

@@ -67,7 +67,7 @@ TEST_F(KrImageInfo, AFileThatIsNoneFailsAndTheOthersAreShown) {
     const Outcome run = kr({"image", "info", path("missing"), path("other"), path("short"), path(""), file});
     EXPECT_EQ(run.exitCode, 1);
     EXPECT_EQ(run.err, "kr: " + path("missing") + ": cannot be read: No such file or directory\n" + //
-                           "kr: " + path("other") + ": is no oxi file\n" +                          //
+                           "kr: " + path("other") + ": is no oxi, ppm, png or jpeg file\n" +        //
                            "kr: " + path("short") + ": ends within its header, after 5 bytes\n" +   //
                            "kr: " + path("") + ": cannot be read: Is a directory\n");
     EXPECT_THAT(run.out, HasSubstr(file));

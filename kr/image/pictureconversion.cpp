@@ -1,0 +1,155 @@
+#include "pictureconversion.hpp"
+
+#include "colorspace.hpp"
+
+#include <krvision/krvisiondefinitions.hpp>
+
+#include <algorithm>
+#include <cstddef>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace KR::tool {
+
+namespace {
+
+using Pixels = std::vector<unsigned char>;
+
+[[noreturn]] void refuse(int colorSpace) {
+    throw std::runtime_error("nobody here knows what colour space " + std::to_string(colorSpace) +
+                             " means; known are " + listColorSpaces());
+}
+
+void swapRedAndBlue(Pixels& pixels) {
+    for (std::size_t i = 0; i + 2 < pixels.size(); i += 3) {
+        std::swap(pixels[i], pixels[i + 2]);
+    }
+}
+
+// `pixels` of YUV422, an even number of them, as R G B.
+Pixels convertYuv422(unsigned char* yuv422, std::size_t pixels) {
+    KRImage image(static_cast<int>(pixels), 1, kYUV422ColorSpace, true, 0.0f, 0.0f, 0.0f, 0.0f);
+    image.data = KRImage::externalData(yuv422);
+    Pixels rgb(3 * pixels);
+    image.computeBGRimageFromYUV422(rgb.data());
+    swapRedAndBlue(rgb);
+    return rgb;
+}
+
+// Pairs of pixels, the last one twice if it has no partner.
+std::size_t roundUpToPairs(std::size_t pixels) {
+    return (pixels + 1) / 2 * 2;
+}
+
+Pixels convertFromYuv422(const unsigned char* from, std::size_t pixels) {
+    Pixels yuv422(from, from + 2 * pixels);
+    if (pixels % 2 != 0) { // it has a Y and a U, but no V
+        yuv422.push_back(yuv422[2 * pixels - 2]);
+        yuv422.push_back(pixels > 1 ? yuv422[2 * pixels - 3] : 128);
+    }
+    Pixels rgb = convertYuv422(yuv422.data(), roundUpToPairs(pixels));
+    rgb.resize(3 * pixels);
+    return rgb;
+}
+
+Pixels convertFromLuma(const unsigned char* luma, std::size_t pixels) {
+    Pixels yuv422(2 * roundUpToPairs(pixels), 128);
+    for (std::size_t i = 0; i < pixels; ++i) {
+        yuv422[2 * i] = luma[i];
+    }
+    Pixels rgb = convertYuv422(yuv422.data(), roundUpToPairs(pixels));
+    rgb.resize(3 * pixels);
+    return rgb;
+}
+
+// As B G R, and the last pixel once more if their number is odd.
+Pixels makeBgrPairs(const Picture& picture) {
+    Pixels bgr = picture.rgb;
+    swapRedAndBlue(bgr);
+    if (bgr.size() % 2 != 0) {
+        const Pixels last(bgr.end() - 3, bgr.end());
+        bgr.insert(bgr.end(), last.begin(), last.end());
+    }
+    return bgr;
+}
+
+void convertToYuv422(const Picture& picture, KRImage& image) {
+    if (picture.width % 2 != 0) {
+        throw std::runtime_error("YUV422 is for an even number of pixels in a row, not for " +
+                                 std::to_string(picture.width) + "; choose another colour space");
+    }
+    Pixels bgr = makeBgrPairs(picture);
+    image.computeYUV422imageFromBGR(picture.height, picture.width, reinterpret_cast<char*>(bgr.data()));
+}
+
+void convertToLuma(const Picture& picture, KRImage& image) {
+    Pixels bgr = makeBgrPairs(picture);
+    const int pixels = static_cast<int>(bgr.size() / 3);
+    KRImage yuv422(pixels, 1, kYUV422ColorSpace, false, 0.0f, 0.0f, 0.0f, 0.0f);
+    yuv422.computeYUV422imageFromBGR(1, pixels, reinterpret_cast<char*>(bgr.data()));
+    for (std::ptrdiff_t i = 0; i < static_cast<std::ptrdiff_t>(picture.rgb.size() / 3); ++i) {
+        image.data[i] = yuv422.data[2 * i];
+    }
+}
+
+// Colour spaces of three or four bytes: where R, G and B are in them.
+struct Order {
+    std::ptrdiff_t red, green, blue;
+};
+
+Order orderOf(int colorSpace) {
+    switch (colorSpace) {
+    case kRgbColorSpace:
+        return {0, 1, 2};
+    case kBgrColorSpace:
+    case kBgrxColorSpace:
+        return {2, 1, 0};
+    default:
+        refuse(colorSpace);
+    }
+}
+
+} // namespace
+
+Picture makePicture(const KRImage& image) {
+    Picture picture;
+    picture.width = image.width;
+    picture.height = image.height;
+    picture.isGrey = image.colorSpace == kLumaColorSpace;
+    const unsigned char* pixels = image.data.get();
+    const auto count = static_cast<std::size_t>(image.width) * static_cast<std::size_t>(image.height);
+    if (image.colorSpace == kLumaColorSpace) {
+        picture.rgb = convertFromLuma(pixels, count);
+    } else if (image.colorSpace == kYUV422ColorSpace) {
+        picture.rgb = convertFromYuv422(pixels, count);
+    } else {
+        const Order order = orderOf(image.colorSpace);
+        picture.rgb.reserve(3 * count);
+        for (std::size_t i = 0; i < count; ++i, pixels += image.nbLayers) {
+            picture.rgb.insert(picture.rgb.end(),
+                               {pixels[order.red], pixels[order.green], pixels[order.blue]});
+        }
+    }
+    return picture;
+}
+
+KRImage makeImage(const Picture& picture, int colorSpace) {
+    KRImage image(picture.width, picture.height, colorSpace, false, 0.0f, 0.0f, 0.0f, 0.0f);
+    if (colorSpace == kLumaColorSpace) {
+        convertToLuma(picture, image);
+    } else if (colorSpace == kYUV422ColorSpace) {
+        convertToYuv422(picture, image);
+    } else {
+        const Order order = orderOf(colorSpace);
+        unsigned char* pixels = image.data.get();
+        for (std::size_t i = 0; i < picture.rgb.size(); i += 3, pixels += image.nbLayers) {
+            pixels[order.red] = picture.rgb[i];
+            pixels[order.green] = picture.rgb[i + 1];
+            pixels[order.blue] = picture.rgb[i + 2];
+        }
+    }
+    return image;
+}
+
+} // namespace KR::tool

@@ -1,0 +1,294 @@
+// kr image convert and kr image dump
+
+#include "colorspace.hpp"
+#include "pictureconversion.hpp"
+#include "program.hpp"
+
+#include "temporaryfolder.hpp"
+
+#include <krvision/krimage.hpp>
+#include <krvision/krvisiondefinitions.hpp>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cstdlib>
+#include <filesystem>
+
+#include <sys/stat.h>
+
+namespace {
+
+using namespace KR::test;
+using namespace KR::tool;
+using KR::KRImage;
+using testing::HasSubstr;
+
+constexpr int kWidth = 64;
+constexpr int kHeight = 48;
+
+// Four fields: red, green, blue, and a ramp of grey.
+Picture makeTestPicture() {
+    Picture picture;
+    picture.width = kWidth;
+    picture.height = kHeight;
+    for (int y = 0; y < kHeight; ++y) {
+        for (int x = 0; x < kWidth; ++x) {
+            const auto grey = static_cast<unsigned char>(x * 4);
+            const std::array<std::array<unsigned char, 3>, 4> fields = {
+                {{255, 0, 0}, {0, 255, 0}, {0, 0, 255}, {grey, grey, grey}}};
+            const auto& field = fields[static_cast<std::size_t>(2 * (y >= kHeight / 2) + (x >= kWidth / 2))];
+            picture.rgb.insert(picture.rgb.end(), field.begin(), field.end());
+        }
+    }
+    return picture;
+}
+
+int largestDifference(const Picture& one, const Picture& other) {
+    EXPECT_EQ(one.width, other.width);
+    EXPECT_EQ(one.height, other.height);
+    int largest = 0;
+    for (std::size_t i = 0; i < one.rgb.size() && i < other.rgb.size(); ++i) {
+        largest = std::max(largest, std::abs(one.rgb[i] - other.rgb[i]));
+    }
+    return largest;
+}
+
+class KrImageConvert : public testing::Test {
+protected:
+    std::string path(const std::string& name) const { return folder_.path(name); }
+    std::string writeOxi(const std::string& name, int colorSpace) const {
+        KRImage image = makeImage(picture, colorSpace);
+        image.timeStamp = 1500000000123456;
+        image.cameraId = -2;
+        image.bottomAngle = -0.25f;
+        EXPECT_TRUE(image.writeFile(path(name).c_str()));
+        return path(name);
+    }
+    Outcome convert(const std::string& in, const std::string& out,
+                    std::vector<std::string> options = {}) const {
+        options.insert(options.begin(), {"image", "convert", path(in), path(out)});
+        return kr(options);
+    }
+    std::vector<std::string> listFolder() const {
+        std::vector<std::string> names;
+        for (const auto& entry : std::filesystem::directory_iterator(path(""))) {
+            names.push_back(entry.path().filename());
+        }
+        return names;
+    }
+
+    const Picture picture = makeTestPicture();
+
+private:
+    const TemporaryFolder folder_;
+};
+
+TEST_F(KrImageConvert, EveryColorSpaceComesOutInTheRightColoursInEveryFormat) {
+    struct Case {
+        int colorSpace;
+        int tolerance; // of a picture without loss; the library's green is off by as much in strong colours
+    };
+    for (const Case& c : {Case{KR::kYUV422ColorSpace, 63}, Case{kRgbColorSpace, 0}, Case{kBgrColorSpace, 0},
+                          Case{kBgrxColorSpace, 0}}) {
+        writeOxi("a.oxi", c.colorSpace);
+        for (const std::string format : {"ppm", "png", "jpg"}) {
+            const Outcome outcome = convert("a.oxi", "a." + format);
+            EXPECT_EQ(outcome.exitCode, 0) << outcome.err;
+            EXPECT_EQ(outcome.err, "");
+            EXPECT_EQ(outcome.out, "");
+            const int tolerance =
+                c.tolerance + (format == "jpg" ? 40 : 0); // jpeg blurs the edges of the fields
+            EXPECT_LE(largestDifference(readPicture(path("a." + format)), picture), tolerance)
+                << c.colorSpace << " " << format;
+        }
+    }
+}
+
+TEST_F(KrImageConvert, Yuv422ComesOutAsTheLibraryConvertsIt) {
+    KRImage image = makeImage(picture, KR::kYUV422ColorSpace);
+    ASSERT_TRUE(image.writeFile(path("a.oxi").c_str()));
+    Bytes bgr(picture.rgb.size());
+    ASSERT_TRUE(image.computeBGRimageFromYUV422(bgr.data()));
+    EXPECT_EQ(convert("a.oxi", "a.png").exitCode, 0);
+    const Picture result = readPicture(path("a.png"));
+    ASSERT_EQ(result.rgb.size(), bgr.size());
+    for (std::size_t i = 0; i < bgr.size(); ++i) {
+        ASSERT_EQ(result.rgb[i], bgr[i / 3 * 3 + 2 - i % 3]) << i;
+    }
+}
+
+TEST_F(KrImageConvert, LumaComesOutAsGreyFromBlackToWhite) {
+    KRImage luma(3, 1, KR::kLumaColorSpace, false, 0.0f, 0.0f, 0.0f, 0.0f);
+    luma.data[0] = 16;
+    luma.data[1] = 126;
+    luma.data[2] = 235;
+    ASSERT_TRUE(luma.writeFile(path("a.oxi").c_str()));
+    EXPECT_EQ(convert("a.oxi", "a.png").exitCode, 0);
+    const Picture result = readPicture(path("a.png"));
+    EXPECT_TRUE(result.isGrey);
+    EXPECT_EQ(result.rgb, (Bytes{0, 0, 0, 128, 128, 128, 254, 254, 254})); // 235 is 254 by the library
+}
+
+TEST_F(KrImageConvert, PicturesComeBackAsTheyWere) {
+    for (const std::string format : {"ppm", "png"}) {
+        writePicture(picture, path("a." + format));
+        for (const std::string space : {"bgr", "rgb", "BGRx"}) {
+            const Outcome outcome = convert("a." + format, "b.oxi", {"--color-space", space});
+            EXPECT_EQ(outcome.exitCode, 0) << outcome.err;
+            EXPECT_EQ(convert("b.oxi", "b." + format).exitCode, 0);
+            EXPECT_EQ(readAll(path("b." + format)), readAll(path("a." + format)));
+        }
+    }
+}
+
+TEST_F(KrImageConvert, APictureBecomesYuv422AndAGreyOneLuma) {
+    writePicture(picture, path("a.png"));
+    EXPECT_EQ(convert("a.png", "a.oxi").exitCode, 0);
+    KRImage image(1, 1, 0, false, 0.0f, 0.0f, 0.0f, 0.0f);
+    ASSERT_TRUE(image.readFile(path("a.oxi").c_str()));
+    EXPECT_EQ(image.colorSpace, KR::kYUV422ColorSpace);
+    EXPECT_EQ(image.timeStamp, -1);
+    EXPECT_LE(largestDifference(makePicture(image), picture), 63);
+
+    Picture grey = picture;
+    for (std::size_t i = 0; i < grey.rgb.size(); ++i) {
+        grey.rgb[i] = static_cast<unsigned char>(i / 3);
+    }
+    grey.isGrey = true;
+    writePicture(grey, path("g.png"));
+    EXPECT_EQ(convert("g.png", "g.oxi").exitCode, 0);
+    ASSERT_TRUE(image.readFile(path("g.oxi").c_str()));
+    EXPECT_EQ(image.colorSpace, KR::kLumaColorSpace);
+    EXPECT_LE(largestDifference(makePicture(image), grey), 2);
+}
+
+TEST_F(KrImageConvert, FromOxiToOxiKeepsWhatTheImageSaysOfItself) {
+    writeOxi("a.oxi", kRgbColorSpace);
+    EXPECT_EQ(convert("a.oxi", "b.oxi").exitCode, 0);
+    EXPECT_EQ(readAll(path("b.oxi")), readAll(path("a.oxi")));
+    EXPECT_EQ(convert("a.oxi", "b.oxi", {"--color-space", "yuv422"}).exitCode, 0);
+    EXPECT_EQ(readAll(path("b.oxi")), readAll(writeOxi("c.oxi", KR::kYUV422ColorSpace)));
+}
+
+TEST_F(KrImageConvert, TheLastOfAnOddNumberOfPixelsIsConvertedToo) {
+    Picture odd;
+    odd.width = 3;
+    odd.height = 3;
+    odd.rgb.assign(27, 200);
+    for (const int colorSpace : {KR::kLumaColorSpace, kRgbColorSpace}) {
+        EXPECT_LE(largestDifference(makePicture(makeImage(odd, colorSpace)), odd), 1);
+    }
+    KRImage yuv422(3, 3, KR::kYUV422ColorSpace, false, 0.0f, 0.0f, 0.0f, 0.0f);
+    for (int i = 0; i < 18; ++i) {
+        yuv422.data[i] = i % 2 == 0 ? 235 : 128;
+    }
+    EXPECT_EQ(makePicture(yuv422).rgb, Bytes(27, 254));
+}
+
+TEST_F(KrImageConvert, WhatCannotBeConvertedIsTold) {
+    Picture odd;
+    odd.width = 3;
+    odd.height = 1;
+    odd.rgb.assign(9, 0);
+    writePicture(odd, path("odd.png"));
+    writeOxi("a.oxi", kRgbColorSpace);
+    KRImage other(2, 2, 10, false, 0.0f, 0.0f, 0.0f, 0.0f);
+    ASSERT_TRUE(other.writeFile(path("other.oxi").c_str()));
+    Bytes cut = readAll(path("a.oxi"));
+    cut.resize(1000);
+    writeAll(path("cut.oxi"), cut);
+    writeAll(path("ppm.ppm"), {'P', '6', ' ', '9', ' ', '9', ' ', '2', '5', '5', '\n', 1, 2});
+    writeAll(path("deep.ppm"), {'P', '6', ' ', '1', ' ', '1', ' ', '2', '5', '6', '\n', 1, 2});
+    Bytes png = readAll(path("odd.png"));
+    png.resize(png.size() / 2);
+    writeAll(path("cut.png"), png);
+
+    struct Case {
+        std::string in, out;
+        std::vector<std::string> options;
+        int exitCode;
+        std::string text;
+    };
+    for (const Case& c : {
+             Case{"odd.png", "b.oxi", {}, 1, "YUV422 is for an even number of pixels in a row, not for 3"},
+             Case{
+                 "other.oxi", "b.png", {}, 1, "nobody here knows what colour space 10 means; known are luma"},
+             Case{"cut.oxi", "b.png", {}, 1, "cut.oxi: the file ends within the pixels: it has 1000 bytes"},
+             Case{"ppm.ppm", "b.png", {}, 1, "ppm.ppm: ends within the pixels"},
+             Case{"deep.ppm", "b.png", {}, 1, "deep.ppm: has samples up to 256"},
+             Case{"cut.png", "b.ppm", {}, 1, "cut.png: "},
+             Case{"missing.oxi", "b.png", {}, 1, "missing.oxi: cannot be read: No such file"},
+             Case{"a.oxi", "missing/b.png", {}, 1, "there is no folder"},
+             Case{"a.oxi", "a.oxi", {}, 1, "is the file that is read"},
+             Case{"a.oxi", "b.bmp", {}, 2, "the extension says the format"},
+             Case{"a.oxi", "b.oxi", {"--color-space", "red"}, 2, "there is no colour space red"},
+             Case{"a.oxi", "b.png", {"--color-space", "rgb"}, 2, "--color-space is for oxi files only"},
+             Case{"a.oxi", "b.jpg", {"--quality", "101"}, 2, "--quality"},
+         }) {
+        const Outcome outcome = convert(c.in, c.out, c.options);
+        EXPECT_EQ(outcome.exitCode, c.exitCode);
+        EXPECT_EQ(outcome.out, "");
+        EXPECT_THAT(outcome.err, HasSubstr(c.text));
+    }
+    EXPECT_THAT(listFolder(), testing::UnorderedElementsAre("odd.png", "a.oxi", "other.oxi", "cut.oxi",
+                                                            "ppm.ppm", "deep.ppm", "cut.png"));
+}
+
+TEST_F(KrImageConvert, AResultThatFailsLeavesWhatWasThere) {
+    writeAll(path("a.oxi"), {'1', 'I', 'X', 'O'});
+    writeAll(path("a.png"), {1, 2, 3});
+    EXPECT_EQ(convert("a.oxi", "a.png").exitCode, 1);
+    EXPECT_EQ(readAll(path("a.png")), (Bytes{1, 2, 3}));
+}
+
+TEST_F(KrImageConvert, ADiskThatIsFullIsAFailure) {
+    const std::string in = writeOxi("a.oxi", kRgbColorSpace);
+    for (const std::string format : {"oxi", "ppm", "png", "jpg"}) {
+        std::filesystem::create_symlink("/dev/full", path("full." + format));
+        const Outcome outcome = convert("a.oxi", "full." + format);
+        EXPECT_EQ(outcome.exitCode, 1);
+        EXPECT_NE(outcome.err, "");
+    }
+    EXPECT_TRUE(std::filesystem::is_character_file("/dev/full"));
+}
+
+TEST_F(KrImageConvert, ReplacesTheFileBehindALink) {
+    writeOxi("a.oxi", kRgbColorSpace);
+    writeAll(path("old.png"), {1});
+    std::filesystem::create_symlink("old.png", path("link.png"));
+    EXPECT_EQ(convert("a.oxi", "link.png").exitCode, 0);
+    EXPECT_TRUE(std::filesystem::is_symlink(path("link.png")));
+    EXPECT_EQ(largestDifference(readPicture(path("old.png")), picture), 0);
+}
+
+TEST_F(KrImageConvert, PpmHeadersMayHaveCommentsAndOtherMaxima) {
+    const std::string text = "P5 # grey\n# two\n2 1\n#x\n15\n";
+    Bytes bytes(text.begin(), text.end());
+    bytes.insert(bytes.end(), {0, 15});
+    writeAll(path("a.pgm"), bytes);
+    const Picture result = readPicture(path("a.pgm"));
+    EXPECT_TRUE(result.isGrey);
+    EXPECT_EQ(result.rgb, (Bytes{0, 0, 0, 255, 255, 255}));
+}
+
+TEST_F(KrImageConvert, InfoShowsPicturesToo) {
+    writePicture(picture, path("a.png"));
+    const Outcome outcome = kr({"image", "info", path("a.png")});
+    EXPECT_EQ(outcome.exitCode, 0);
+    EXPECT_THAT(outcome.out, HasSubstr("  format        png\n  size          64x48 pixels\n"));
+}
+
+TEST_F(KrImageConvert, DumpShowsTheFieldsOfTheImage) {
+    const Outcome outcome = kr({"image", "dump", writeOxi("a.oxi", KR::kYUV422ColorSpace)});
+    EXPECT_EQ(outcome.exitCode, 0);
+    EXPECT_THAT(outcome.out, HasSubstr("\nWidth         : 64\nHeight        : 48\nNbLayers      : 2\n"));
+    EXPECT_THAT(outcome.out, HasSubstr("TimeStamp     : 1500000000123456\n"));
+    KRImage tiny(1, 1, KR::kLumaColorSpace, false, 0.0f, 0.0f, 0.0f, 0.0f);
+    ASSERT_TRUE(tiny.writeFile(path("tiny.oxi").c_str()));
+    EXPECT_EQ(kr({"image", "dump", path("tiny.oxi")}).exitCode, 0);
+    EXPECT_EQ(kr({"image", "dump", path("missing.oxi")}).exitCode, 1);
+}
+
+} // namespace
