@@ -1,0 +1,32 @@
+#pragma once
+
+#include "progress.hpp"
+#include "recording.hpp"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace KR::tool {
+
+/// Something that is wrong with a recording.
+struct Problem {
+    std::uint64_t offset; ///< the byte of the file where it is
+    std::optional<std::uint64_t> frame;
+    std::optional<std::size_t> stream;
+    std::string text;
+};
+
+/// Finds everything that is wrong with a recording, in the order of the file. Reads the beginning of each chunk.
+/// \param progress  advances with the frames
+/// \throws std::runtime_error it cannot be read
+std::vector<Problem> diagnose(Recording& recording, Progress& progress);
+
+/// Why a reader would not open a file with such a stream; empty if it would.
+std::string explainUnreadable(const RecordedStream& stream);
+
+/// Reads the time stamps of the complete frames of a stream.
+std::vector<std::int64_t> readTimeStamps(Recording& recording, std::size_t stream, Progress& progress);
+
+} // namespace KR::tool

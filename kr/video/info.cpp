@@ -1,0 +1,184 @@
+// kr video info
+
+#include "colorspace.hpp"
+#include "command.hpp"
+#include "diagnosis.hpp"
+#include "json.hpp"
+#include "recording.hpp"
+#include "timeline.hpp"
+#include "timestamp.hpp"
+
+#include <CLI/CLI.hpp>
+
+#include <algorithm>
+#include <cstdio>
+#include <memory>
+
+namespace KR::tool {
+
+namespace {
+
+struct Options {
+    std::string file;
+    bool json = false;
+};
+
+struct StreamInfo {
+    RecordedStream stream;
+    Timeline timeline;
+};
+
+using Unsigned = unsigned long long;
+
+double toMilliseconds(std::int64_t time_usec) {
+    return static_cast<double>(time_usec) / 1000.0;
+}
+
+// What the file would have if all frames were there that there should be.
+std::uint64_t countExpectedBytes(const Recording& recording) {
+    return recording.getDataOffset() + recording.countExpectedFrames() * recording.getFrameSize();
+}
+
+// Bad ones may have many: the first few tell what they are like, and --json has them all.
+constexpr std::size_t kMostShown = 10;
+
+template <class Event, class Show>
+void showSome(const char* what, const std::vector<Event>& events, Show showOne) {
+    std::printf("    %-16s%zu\n", what, events.size());
+    for (std::size_t i = 0; i < std::min(events.size(), kMostShown); ++i) {
+        showOne(events[i]);
+    }
+    if (events.size() > kMostShown) {
+        std::printf("      and %zu more\n", events.size() - kMostShown);
+    }
+}
+
+void show(std::size_t number, const StreamInfo& info) {
+    const RecordedStream& stream = info.stream;
+    const Timeline& time = info.timeline;
+    std::printf("  stream %zu\n", number);
+    std::printf("    size            %ux%u pixels\n", stream.width, stream.height);
+    std::printf("    colour space    %s, depth %u\n", describeColorSpace(stream.colorSpace).c_str(),
+                stream.depth);
+    if (time.frames == 0) {
+        return;
+    }
+    std::printf("    begins          %s\n", formatTimeStamp(time.first).c_str());
+    std::printf("    ends            %s\n", formatTimeStamp(time.last).c_str());
+    std::printf("    duration        %.3f s\n", static_cast<double>(time.getDuration()) / 1e6);
+    if (time.getRate() > 0) {
+        std::printf("    rate            %.2f frames/s, usual interval %.1f ms\n", time.getRate(),
+                    toMilliseconds(time.usualInterval));
+    }
+    showSome("gaps", time.gaps, [](const Timeline::Gap& gap) {
+        std::printf("      before frame %llu: %.1f ms, %llu frames missing\n",
+                    static_cast<Unsigned>(gap.frame), toMilliseconds(gap.length),
+                    static_cast<Unsigned>(gap.missingFrames));
+    });
+    showSome("backward jumps", time.jumps, [](const Timeline::Jump& jump) {
+        std::printf("      at frame %llu: by %.1f ms\n", static_cast<Unsigned>(jump.frame),
+                    toMilliseconds(jump.length));
+    });
+}
+
+void show(const Recording& recording, const std::vector<StreamInfo>& streams) {
+    const std::uint64_t expected = countExpectedBytes(recording);
+    std::printf("%s\n", recording.getPath().c_str());
+    std::printf("  format            oxv, version %d\n", recording.getVersion());
+    std::printf("  frames            %llu", static_cast<Unsigned>(recording.countCompleteFrames()));
+    if (recording.getAnnouncedCount() == Recording::kNeverClosed) {
+        std::printf("; the recording was never closed\n");
+    } else if (recording.getAnnouncedCount() != recording.countCompleteFrames()) {
+        std::printf("; the header says %u\n", recording.getAnnouncedCount());
+    } else {
+        std::printf("\n");
+    }
+    std::printf("  on disk           %llu bytes, ", static_cast<Unsigned>(recording.getFileSize()));
+    if (expected == recording.getFileSize()) {
+        std::printf("as expected\n");
+    } else {
+        std::printf("expected %llu\n", static_cast<Unsigned>(expected));
+    }
+    for (std::size_t i = 0; i < streams.size(); ++i) {
+        show(i, streams[i]);
+    }
+}
+
+Json toJson(const StreamInfo& info) {
+    Json gaps = Json::array(), jumps = Json::array();
+    for (const Timeline::Gap& gap : info.timeline.gaps) {
+        gaps.push_back(
+            {{"frame", gap.frame}, {"length_usec", gap.length}, {"missing_frames", gap.missingFrames}});
+    }
+    for (const Timeline::Jump& jump : info.timeline.jumps) {
+        jumps.push_back({{"frame", jump.frame}, {"length_usec", jump.length}});
+    }
+    return {{"width", info.stream.width},
+            {"height", info.stream.height},
+            {"color_space", info.stream.colorSpace},
+            {"depth", info.stream.depth},
+            {"chunk_bytes", info.stream.chunkSize},
+            {"first_time_usec", info.timeline.first},
+            {"last_time_usec", info.timeline.last},
+            {"duration_usec", info.timeline.getDuration()},
+            {"frames_per_second", info.timeline.getRate()},
+            {"usual_interval_usec", info.timeline.usualInterval},
+            {"gaps", gaps},
+            {"backward_jumps", jumps}};
+}
+
+Json toJson(const Recording& recording, const std::vector<StreamInfo>& streams) {
+    Json list = Json::array();
+    for (const StreamInfo& stream : streams) {
+        list.push_back(toJson(stream));
+    }
+    const bool isClosed = recording.getAnnouncedCount() != Recording::kNeverClosed;
+    Json json = {{"file", recording.getPath()},
+                 {"format", "oxv"},
+                 {"version", recording.getVersion()},
+                 {"frames", recording.countCompleteFrames()},
+                 {"closed", isClosed},
+                 {"announced_frames", nullptr},
+                 {"file_bytes", recording.getFileSize()},
+                 {"expected_bytes", countExpectedBytes(recording)},
+                 {"streams", list}};
+    if (isClosed) {
+        json["announced_frames"] = recording.getAnnouncedCount();
+    }
+    return json;
+}
+
+ExitCode showFile(const Options& options) {
+    Recording recording(options.file);
+    recording.requireFrames();
+    std::vector<StreamInfo> streams;
+    {
+        Progress progress(recording.countCompleteFrames() * recording.getStreams().size());
+        for (std::size_t i = 0; i < recording.getStreams().size(); ++i) {
+            streams.push_back(
+                {recording.getStreams()[i], makeTimeline(readTimeStamps(recording, i, progress))});
+        }
+    }
+    if (options.json) {
+        printJson(toJson(recording, streams));
+    } else {
+        show(recording, streams);
+    }
+    return ExitCode::Done;
+}
+
+std::function<ExitCode()> declare(CLI::App& app) {
+    auto options = std::make_shared<Options>();
+    app.add_option("FILE", options->file, "an oxv file")->required();
+    app.add_flag("--json", options->json, "Writes an object, with all gaps and jumps");
+    return [options] { return showFile(*options); };
+}
+
+const GroupRegistration group("video", "Recordings");
+const CommandRegistration command({"video", "info",
+                                   "Shows the streams of a recording, its length and its gaps",
+                                   "  kr video info corridor.oxv", declare});
+
+} // namespace
+
+} // namespace KR::tool
