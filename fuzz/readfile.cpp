@@ -1,0 +1,75 @@
+// KRImage::readFile on any bytes, into an image of each kind, and then what else one does with an image.
+
+#include "memoryfile.hpp"
+
+#include <krvision/krimage.hpp>
+#include <krvision/krvisiondefinitions.hpp>
+
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <vector>
+
+namespace {
+
+using KR::KRImage;
+
+KRImage makeImage(int width, int height, bool isEmpty) {
+    return {width, height, KR::kYUV422ColorSpace, isEmpty, 0.0f, 0.0f, 0.0f, 0.0f};
+}
+
+bool read(KRImage& image, const MemoryFile& file) {
+    try {
+        return image.readFile(file.getPath().c_str());
+    } catch (const std::bad_alloc&) {
+        return false; // a size that came out negative
+    }
+}
+
+// An image that has been read has all its pixels, and every operation finds them.
+void use(const KRImage& image, bool mayBeSmall) {
+    const MemoryFile out(nullptr, 0);
+    if (!image.writeFile(out.getPath().c_str())) {
+        std::abort();
+    }
+    KRImage again = image.deepCopy();
+    if (!again.readFile(out.getPath().c_str())) {
+        std::abort();
+    }
+    const auto size =
+        static_cast<std::size_t>(static_cast<unsigned>(image.width) * static_cast<unsigned>(image.height) *
+                                 static_cast<unsigned>(image.nbLayers));
+    if (size > 0 && std::memcmp(again.data.get(), image.data.get(), size) != 0) {
+        std::abort();
+    }
+    image.savePPM("/dev/null");
+    image.toKRValue();
+    if (!mayBeSmall || size >= 16) {
+        image.toString();
+    }
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    const MemoryFile file(data, size);
+
+    KRImage owned = makeImage(1, 1, false);
+    if (read(owned, file)) {
+        use(owned, true);
+        if (!read(owned, file)) { // of the image's own geometry now
+            std::abort();
+        }
+    }
+
+    KRImage none = makeImage(16, 16, true);
+    read(none, file);
+
+    std::vector<unsigned char> pixels(2 * 16 * 16);
+    KRImage external = makeImage(16, 16, true);
+    external.data = KRImage::externalData(pixels.data());
+    if (read(external, file)) {
+        use(external, false);
+    }
+    return 0;
+}

@@ -1,0 +1,94 @@
+// KRVideo::readVideo on any bytes, followed by every frame operation. The last bytes of the file are also the list of
+// the operations.
+
+#include "memoryfile.hpp"
+
+#include <krplatform/krerror.hpp>
+#include <krvision/krvideo.hpp>
+#include <krvision/krvisiondefinitions.hpp>
+
+#include <algorithm>
+#include <vector>
+
+namespace {
+
+using KR::KRImage;
+using KR::KRVideo;
+
+KRImage makeImage(int width, int height, bool isEmpty) {
+    return {width, height, KR::kLumaColorSpace, isEmpty, 0.0f, 0.0f, 0.0f, 0.0f};
+}
+
+/// Every kind of image that a caller may come with.
+class Images {
+public:
+    explicit Images(std::size_t largestChunk) : pixels_(largestChunk) {
+        external_.data = KRImage::externalData(pixels_.data());
+    }
+    KRImage& choose(std::uint8_t operation) {
+        KRImage* const images[] = {&small_, &large_, &none_, &external_};
+        return *images[operation >> 3 & 3];
+    }
+
+private:
+    std::vector<unsigned char> pixels_; // the caller's promise, where nothing adapts
+    KRImage small_ = makeImage(1, 1, false);
+    KRImage large_ = makeImage(640, 480, false);
+    KRImage none_ = makeImage(160, 120, true);
+    KRImage external_ = makeImage(160, 120, true);
+};
+
+void operate(KRVideo& video, Images& images, std::uint8_t operation) {
+    const unsigned frame = operation >> 5;
+    const unsigned last = video.getFrameCount() - 1;
+    const unsigned stream = operation >> 6;
+    const bool adapt = (operation & 4) != 0;
+    KRImage& image = images.choose(operation);
+    switch (operation & 3) {
+    case 0:
+        video.goToFrame((operation & 16) != 0 ? last - frame : frame, stream);
+        break;
+    case 1:
+        video.getFrame(image, (operation & 16) != 0 ? last - frame : frame, stream, adapt);
+        break;
+    case 2:
+        video.getNextFrame(image, adapt);
+        break;
+    default:
+        video.getPrecedingFrame(image, adapt);
+        break;
+    }
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    const MemoryFile file(data, size);
+    KRVideo video;
+    try {
+        video.readVideo(file.getPath());
+    } catch (const KR::KRError&) {
+        return 0;
+    }
+    std::size_t largestChunk = 0;
+    for (const KR::streamProperties& stream : video.getStreams()) {
+        largestChunk = std::max<std::size_t>(largestChunk, stream.chunkSize);
+    }
+    constexpr std::size_t kMostMemory = std::size_t{1}
+                                        << 24; // some depths ask for gigabytes: no caller has them
+    if (largestChunk > kMostMemory) {
+        KRImage image = makeImage(1, 1, false);
+        video.getFrame(image, 0, 0, true);
+        video.getNextFrame(image, true);
+        return 0;
+    }
+    Images images(largestChunk);
+    constexpr std::size_t kMostOperations = 24;
+    for (std::size_t i = 0; i < std::min(size, kMostOperations); ++i) {
+        operate(video, images, data[size - 1 - i]);
+    }
+    video.closeVideo();
+    KRImage image = makeImage(1, 1, false);
+    video.getNextFrame(image, true);
+    return 0;
+}

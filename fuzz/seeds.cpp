@@ -1,0 +1,98 @@
+// Writes what the fuzzers begin with, FOLDER/oxi and FOLDER/oxv: files as the library makes them, and cut ones.
+
+#include <krvision/krimage.hpp>
+#include <krvision/krvideo.hpp>
+#include <krvision/krvisiondefinitions.hpp>
+
+#include <cstdint>
+#include <cstdio>
+#include <exception>
+#include <filesystem>
+#include <fstream>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace {
+
+namespace fs = std::filesystem;
+using KR::KRImage;
+using KR::KRVideo;
+using KR::streamHeader;
+
+void writeCut(const fs::path& file, std::uintmax_t size) {
+    const fs::path cut = file.parent_path() / (file.stem().string() + "-cut" + file.extension().string());
+    fs::copy_file(file, cut, fs::copy_options::overwrite_existing);
+    fs::resize_file(cut, size);
+}
+
+// The version is the first byte of a file, and version 0 has no other difference that a reader would trip over.
+void writeVersion0(const fs::path& file) {
+    const fs::path old = file.parent_path() / (file.stem().string() + "-0" + file.extension().string());
+    fs::copy_file(file, old, fs::copy_options::overwrite_existing);
+    std::fstream(old, std::ios::in | std::ios::out | std::ios::binary).put('0');
+}
+
+void writeImages(const fs::path& folder) {
+    fs::create_directories(folder);
+    for (const int colorSpace : {KR::kLumaColorSpace, KR::kYUV422ColorSpace, 11, 19}) {
+        for (const int size : {0, 1, 2, 16}) {
+            KRImage image(size, size, colorSpace, false, 0.5f, 0.25f, -0.5f, -0.25f);
+            image.timeStamp = 1500000000123456;
+            const fs::path file = folder / (std::to_string(colorSpace) + "-" + std::to_string(size) + ".oxi");
+            if (!image.writeFile(file.c_str())) {
+                throw std::runtime_error(file.string() + " cannot be written");
+            }
+            writeCut(file, fs::file_size(file) / 2);
+            writeVersion0(file);
+        }
+    }
+}
+
+void writeRecordings(const fs::path& folder) {
+    fs::create_directories(folder);
+    // Depths below 8 make frames small enough to get through many of them.
+    const std::vector<std::vector<streamHeader>> kinds = {
+        {{160, 120, 0, 8}},
+        {{160, 120, 9, 1}, {160, 120, 0, 1}},
+        {{320, 240, 0, 1}},
+        {{160, 120, 0, 1}, {160, 120, 13, 1}, {160, 120, 16, 1}},
+    };
+    for (std::size_t kind = 0; kind < kinds.size(); ++kind) {
+        const fs::path file = folder / std::to_string(kind);
+        KRVideo video;
+        video.recordVideo(file.string(), kind == 1 ? 25 : 0, kinds[kind]);
+        for (int frame = 0; frame < 2; ++frame) {
+            for (const streamHeader& stream : kinds[kind]) {
+                const int layers = KR::getNumLayersInColorSpace(static_cast<int>(stream.colorSpace));
+                std::vector<char> image(stream.width * stream.height * static_cast<unsigned>(layers) *
+                                        stream.depth / 8);
+                video.write(image.data(), static_cast<int>(image.size()), 1500000000123456 + frame * 33333, 0,
+                            0.5f, 0.25f, -0.5f, -0.25f);
+            }
+        }
+        if (kind != 2) { // which stays as one that was never closed
+            video.closeVideo();
+        }
+        const fs::path written = file.string() + ".oxv";
+        writeCut(written, fs::file_size(written) - 1000);
+        writeVersion0(written);
+    }
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    if (argc != 2) {
+        std::fprintf(stderr, "fuzz_seeds FOLDER\n");
+        return 2;
+    }
+    try {
+        writeImages(fs::path(argv[1]) / "oxi");
+        writeRecordings(fs::path(argv[1]) / "oxv");
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "fuzz_seeds: %s\n", error.what());
+        return 1;
+    }
+    return 0;
+}
