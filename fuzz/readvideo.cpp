@@ -1,5 +1,5 @@
-// KRVideo::readVideo on any bytes, followed by every frame operation. The last bytes of the file are also the list of
-// the operations.
+// KRVideo::readVideo on any bytes, followed by every frame operation. The last bytes of the input are also the list of
+// the operations. To a short input zeros are added, so that headers alone can be tried out on frames that are there.
 
 #include "memoryfile.hpp"
 
@@ -63,7 +63,11 @@ void operate(KRVideo& video, Images& images, std::uint8_t operation) {
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    const MemoryFile file(data, size);
+    constexpr std::size_t kShort = 1024;
+    constexpr std::size_t kExtended = 100000;
+    std::vector<std::uint8_t> bytes(data, data + size);
+    bytes.resize(size < kShort ? kExtended : size);
+    const MemoryFile file(bytes.data(), bytes.size());
     KRVideo video;
     try {
         video.readVideo(file.getPath());

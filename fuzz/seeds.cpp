@@ -21,7 +21,8 @@ using KR::KRVideo;
 using KR::streamHeader;
 
 void writeCut(const fs::path& file, std::uintmax_t size) {
-    const fs::path cut = file.parent_path() / (file.stem().string() + "-cut" + file.extension().string());
+    const std::string name = file.stem().string() + "-" + std::to_string(size) + file.extension().string();
+    const fs::path cut = file.parent_path() / name;
     fs::copy_file(file, cut, fs::copy_options::overwrite_existing);
     fs::resize_file(cut, size);
 }
@@ -53,10 +54,9 @@ void writeRecordings(const fs::path& folder) {
     fs::create_directories(folder);
     // Depths below 8 make frames small enough to get through many of them.
     const std::vector<std::vector<streamHeader>> kinds = {
-        {{160, 120, 0, 8}},
-        {{160, 120, 9, 1}, {160, 120, 0, 1}},
-        {{320, 240, 0, 1}},
-        {{160, 120, 0, 1}, {160, 120, 13, 1}, {160, 120, 16, 1}},
+        {{160, 120, 0, 8}},  {{160, 120, 9, 1}, {160, 120, 0, 1}},
+        {{320, 240, 0, 1}},  {{160, 120, 0, 1}, {160, 120, 13, 1}, {160, 120, 16, 1}},
+        {{160, 120, 0, 16}},
     };
     for (std::size_t kind = 0; kind < kinds.size(); ++kind) {
         const fs::path file = folder / std::to_string(kind);
@@ -76,6 +76,7 @@ void writeRecordings(const fs::path& folder) {
         }
         const fs::path written = file.string() + ".oxv";
         writeCut(written, fs::file_size(written) - 1000);
+        writeCut(written, 100); // all headers and little else: what is most worth changing
         writeVersion0(written);
     }
 }
