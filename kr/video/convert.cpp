@@ -1,0 +1,210 @@
+// kr video convert
+
+#include "command.hpp"
+#include "copy.hpp"
+#include "filmreader.hpp"
+#include "frames.hpp"
+#include "outputfile.hpp"
+#include "picture.hpp"
+#include "pipelinesink.hpp"
+#include "recordingwriter.hpp"
+
+#include <krvision/krvisiondefinitions.hpp>
+
+#include <CLI/CLI.hpp>
+
+#include <algorithm>
+#include <limits>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+
+namespace KR::tool {
+
+namespace {
+
+struct Options {
+    std::string in;
+    std::string out;
+    std::optional<std::size_t> stream;
+    std::uint64_t from = 0;
+    std::uint64_t to = std::numeric_limits<std::uint64_t>::max();
+    std::string codec;
+    std::string size = "640x480";
+};
+
+struct Range {
+    std::uint64_t first;
+    std::uint64_t count;
+};
+
+Range chooseFrames(const Options& options, const Recording& recording) {
+    const std::uint64_t frames = recording.countCompleteFrames();
+    if (options.from >= frames) {
+        throw std::runtime_error(options.in + ": there is no frame " + std::to_string(options.from) +
+                                 "; there are " + std::to_string(frames));
+    }
+    return {options.from, std::min(options.to, frames - 1) - options.from + 1};
+}
+
+void convertTo(FrameSink& sink, Frames& frames, const Range& range, std::int64_t interval_usec) {
+    FrameClock clock(interval_usec);
+    Progress progress(range.count);
+    for (std::uint64_t frame = range.first; frame < range.first + range.count; ++frame) {
+        const KRImage& image = frames.read(frame);
+        sink.write(image, frame, clock.next(image.timeStamp));
+        progress.advance();
+    }
+    sink.finish();
+}
+
+void convertToFile(const Options& options, const std::string& extension, Recording& recording,
+                   const Range& range) {
+    OutputFile out(options.out, options.in);
+    if (extension == ".oxv") {
+        Progress progress(range.count);
+        copyFrames(recording, range.first, range.count, options.stream, out.getPath(), progress);
+    } else {
+        const std::size_t stream = options.stream.value_or(0);
+        Frames frames(recording, stream);
+        const std::int64_t interval = estimateInterval(recording, stream, range.first);
+        const std::unique_ptr<FrameSink> sink =
+            extension == ".y4m" ? makeY4mSink(out.getPath(), interval)
+                                : makeFilmSink(out.getPath(), extension, options.codec, interval);
+        convertTo(*sink, frames, range, interval);
+    }
+    out.commit();
+}
+
+ExitCode convertRecording(const Options& options, Recording& recording) {
+    const std::string extension = getExtension(options.out);
+    recording.requireFrames();
+    if (options.stream && *options.stream >= recording.getStreams().size()) {
+        throw std::runtime_error(options.in + ": there is no stream " + std::to_string(*options.stream) +
+                                 "; the last one is " + std::to_string(recording.getStreams().size() - 1));
+    }
+    const Range range = chooseFrames(options, recording);
+    if (isPictureExtension(extension)) {
+        Frames frames(recording, options.stream.value_or(0));
+        convertTo(*makePictureSink(options.out), frames, range, 0);
+    } else {
+        convertToFile(options, extension, recording, range);
+    }
+    const std::uint64_t missing = recording.countExpectedFrames() - recording.countCompleteFrames();
+    if (missing > 0 && options.to >= recording.countCompleteFrames()) {
+        complain(options.in + ": " + std::to_string(missing) + (missing == 1 ? " frame is" : " frames are") +
+                 " missing or cut at its end");
+        return ExitCode::DataLost;
+    }
+    return ExitCode::Done;
+}
+
+int parseSize(const std::string& size) {
+    for (int resolution = 0; resolution <= kVGA; ++resolution) {
+        int width = 0, height = 0;
+        setSizeFromResolution(resolution, width, height);
+        if (size == std::to_string(width) + "x" + std::to_string(height)) {
+            return resolution;
+        }
+    }
+    throw UsageError("--size " + size + ": recordings have 160x120, 320x240 or 640x480 pixels");
+}
+
+ExitCode convertFilm(const Options& options) {
+    const int resolution = parseSize(options.size);
+    if (options.stream) {
+        throw UsageError("--stream is for recordings; of a film, the first picture that there is is taken");
+    }
+    OutputFile out(options.out, options.in);
+    const std::unique_ptr<FilmReader> film = openFilm(options.in, resolution);
+    KRImage image(resolution, kYUV422ColorSpace, false, 0.0f, 0.0f, 0.0f, 0.0f);
+    RecordingWriter writer(out.getPath(),
+                           {static_cast<std::uint32_t>(image.width), static_cast<std::uint32_t>(image.height),
+                            static_cast<std::uint32_t>(kYUV422ColorSpace), 8});
+    ExitCode code = ExitCode::Done;
+    {
+        Progress progress(film->estimateFrames());
+        for (std::uint64_t frame = 0; frame <= options.to && film->readNext(image); ++frame) {
+            if (frame >= options.from && !writer.hasRoom()) {
+                complain("a recording has no room beyond 4 GiB: " + options.out + " ends before frame " +
+                         std::to_string(frame) + "; make another one with --from " + std::to_string(frame));
+                code = ExitCode::DataLost;
+                break;
+            }
+            if (frame >= options.from) {
+                writer.write(image);
+            }
+            progress.advance();
+        }
+    }
+    if (writer.countFrames() == 0) {
+        throw std::runtime_error(options.in + ": there is no frame " + std::to_string(options.from));
+    }
+    writer.close();
+    out.commit();
+    return code;
+}
+
+bool isRecording(const std::string& path) {
+    try {
+        const Recording recording(path);
+        return true;
+    } catch (const NoRecording&) {
+        return false;
+    }
+}
+
+ExitCode convert(const Options& options) {
+    const std::string extension = getExtension(options.out);
+    const bool isKnown = extension == ".oxv" || extension == ".y4m" || isFilmExtension(extension) ||
+                         isPictureExtension(extension);
+    if (!isKnown) {
+        throw UsageError(options.out +
+                         ": the extension says the format: .mkv, .mp4, .y4m, .png, .ppm, .jpg or .oxv");
+    }
+    if (!options.codec.empty() && !isFilmExtension(extension)) {
+        throw UsageError("--codec is for " + listFilmFormats());
+    }
+    if (options.from > options.to) {
+        throw UsageError("--from " + std::to_string(options.from) + " is behind --to " +
+                         std::to_string(options.to));
+    }
+    if (isRecording(options.in)) {
+        Recording recording(options.in);
+        return convertRecording(options, recording);
+    }
+    if (extension != ".oxv") {
+        throw UsageError(options.in + " is no oxv file; from other videos, kr makes .oxv files only");
+    }
+    return convertFilm(options);
+}
+
+std::function<ExitCode()> declare(CLI::App& app) {
+    auto options = std::make_shared<Options>();
+    app.add_option("IN", options->in, "an oxv file, or a video file that GStreamer can decode")->required();
+    app.add_option(
+           "OUT", options->out,
+           "a name that ends in .mkv or .mp4, in .y4m, in .png, .ppm or .jpg for a picture of each frame "
+           "(its number goes where %d or %06d is, or before the extension), or in .oxv")
+        ->required();
+    app.add_option("--stream", options->stream,
+                   "0 is the first one, and taken if it is not told; to oxv: all of them");
+    app.add_option("--from", options->from, "the first frame; 0 if it is not told");
+    app.add_option("--to", options->to, "the last frame; that of the recording if it is not told");
+    app.add_option("--codec", options->codec,
+                   "of " + listFilmFormats() + ", the first one if it is not told");
+    app.add_option("--size", options->size,
+                   "from a video file: 160x120, 320x240 or, if it is not told, 640x480");
+    return [options] { return convert(*options); };
+}
+
+const CommandRegistration
+    command({"video", "convert", "Converts a recording to what other programs read, or a video to one",
+             "  kr video convert corridor.oxv corridor.mkv\n"
+             "  kr video convert corridor.oxv --stream 1 --from 100 --to 199 frame-%04d.png\n"
+             "  kr video convert film.mp4 film.oxv",
+             declare});
+
+} // namespace
+
+} // namespace KR::tool

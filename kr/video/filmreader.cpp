@@ -1,0 +1,113 @@
+#include "filmreader.hpp"
+
+#include "gstreamer.hpp"
+
+#include <krvision/krvisiondefinitions.hpp>
+
+#include <gst/app/gstappsink.h>
+#include <gst/video/video.h>
+
+#include <cstring>
+#include <stdexcept>
+#include <utility>
+
+namespace KR::tool {
+
+namespace {
+
+std::string describe(int resolution) {
+    int width = 0, height = 0;
+    setSizeFromResolution(resolution, width, height);
+    return "filesrc name=source ! decodebin ! videoconvert ! videoscale add-borders=true ! "
+           "video/x-raw,format=YUY2,pixel-aspect-ratio=1/1,colorimetry=bt601,width=" +
+           std::to_string(width) + ",height=" + std::to_string(height) +
+           " ! appsink name=sink sync=false max-buffers=4 enable-last-sample=false";
+}
+
+class GstFilmReader : public FilmReader {
+public:
+    GstFilmReader(const std::string& path, int resolution) : path_(path), line_(describe(resolution)) {
+        // A path is no part of the description, for quotes and blanks in it mean something there.
+        g_object_set(line_.find("source").get(), "location", path.c_str(), nullptr);
+        sink_ = line_.find("sink");
+        try {
+            line_.start();
+            first_ = pull();
+            if (!first_) {
+                throw std::runtime_error("there is no video in it");
+            }
+        } catch (const std::runtime_error& error) {
+            throw std::runtime_error(path + ": " + error.what());
+        }
+    }
+
+    std::uint64_t estimateFrames() const override {
+        GstVideoInfo info;
+        gint64 duration = 0;
+        if (!first_ || !gst_video_info_from_caps(&info, gst_sample_get_caps(first_.get())) ||
+            info.fps_n <= 0 || !gst_element_query_duration(line_.get(), GST_FORMAT_TIME, &duration) ||
+            duration <= 0) {
+            return 0;
+        }
+        return gst_util_uint64_scale(static_cast<guint64>(duration), static_cast<guint64>(info.fps_n),
+                                     static_cast<guint64>(info.fps_d) * GST_SECOND);
+    }
+
+    bool readNext(KRImage& image) override {
+        try {
+            const GstHandle<GstSample> sample = first_ ? std::move(first_) : pull();
+            if (sample) {
+                copy(sample.get(), image);
+            }
+            return sample != nullptr;
+        } catch (const std::runtime_error& error) {
+            throw std::runtime_error(path_ + ": " + error.what());
+        }
+    }
+
+private:
+    /// \return null: there are no more
+    GstHandle<GstSample> pull() {
+        GstAppSink* sink = GST_APP_SINK(sink_.get());
+        while (true) {
+            GstHandle<GstSample> sample(gst_app_sink_try_pull_sample(sink, 50 * GST_MSECOND));
+            if (sample || gst_app_sink_is_eos(sink)) {
+                line_.waitForEnd(0); // an error ends the frames, too
+                return sample;
+            }
+            line_.waitForEnd(0);
+        }
+    }
+
+    static void copy(GstSample* sample, KRImage& image) {
+        GstBuffer* buffer = gst_sample_get_buffer(sample);
+        GstVideoInfo info;
+        GstVideoFrame frame;
+        if (!gst_video_info_from_caps(&info, gst_sample_get_caps(sample)) ||
+            !gst_video_frame_map(&frame, &info, buffer, GST_MAP_READ)) {
+            throw std::runtime_error("a frame cannot be used");
+        }
+        const auto row = static_cast<std::size_t>(image.width) * 2;
+        const auto* from = static_cast<const unsigned char*>(GST_VIDEO_FRAME_PLANE_DATA(&frame, 0));
+        const auto stride = static_cast<std::size_t>(GST_VIDEO_FRAME_PLANE_STRIDE(&frame, 0));
+        for (std::size_t y = 0; y < static_cast<std::size_t>(image.height); ++y) {
+            std::memcpy(image.data.get() + y * row, from + y * stride, row);
+        }
+        gst_video_frame_unmap(&frame);
+        const GstClockTime time = GST_BUFFER_PTS(buffer);
+        image.timeStamp = GST_CLOCK_TIME_IS_VALID(time) ? static_cast<std::int64_t>(time / GST_USECOND) : -1;
+    }
+
+    const std::string path_;
+    GstLine line_;
+    GstHandle<GstElement> sink_;
+    GstHandle<GstSample> first_; // read ahead, to see whether there is one
+};
+
+} // namespace
+
+std::unique_ptr<FilmReader> openFilm(const std::string& path, int resolution) {
+    return std::make_unique<GstFilmReader>(path, resolution);
+}
+
+} // namespace KR::tool
