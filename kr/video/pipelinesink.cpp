@@ -28,16 +28,17 @@ struct Film {
 };
 
 // Encoders of GStreamer's base and good plug-ins. jpegenc takes the range of YUV as it comes, but a jpeg has the full
-// one: it is given R G B. vp9enc does not say what mp4mux wants to know.
+// one: it is given R G B. vp9enc does not say what mp4mux needs to know.
 constexpr std::array kFilms = {
     Film{".mkv", "jpeg", "videoconvert ! video/x-raw,format=RGB ! jpegenc quality=90 ! matroskamux"},
     Film{".mkv", "vp8",
          "videoconvert ! vp8enc deadline=1 cpu-used=4 end-usage=cq cq-level=10 max-quantizer=40 "
          "target-bitrate=20000000 keyframe-max-dist=60 ! matroskamux"},
     Film{".mp4", "vp9",
-         "videoconvert ! video/x-raw,format=I420 ! vp9enc deadline=1 cpu-used=6 end-usage=cq cq-level=20 "
-         "target-bitrate=20000000 keyframe-max-dist=60 ! "
-         "capssetter caps=\"video/x-vp9,chroma-format=(string)4:2:0\" ! mp4mux"},
+         "videoconvert ! video/x-raw,format=I420,colorimetry=bt601 ! vp9enc deadline=1 cpu-used=6 "
+         "end-usage=cq "
+         "cq-level=20 target-bitrate=20000000 keyframe-max-dist=60 ! capssetter caps=\"video/x-vp9,"
+         "chroma-format=(string)4:2:0,chroma-site=(string)mpeg2,colorimetry=(string)bt601\" ! mp4mux"},
 };
 
 const Film& findFilm(const std::string& extension, const std::string& codec) {

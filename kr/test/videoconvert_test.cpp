@@ -1,0 +1,270 @@
+// kr video convert, extract and play
+
+#include "frames.hpp"
+#include "framesink.hpp"
+#include "pictureconversion.hpp"
+#include "recordings.hpp"
+
+#include <krvision/krvideo.hpp>
+#include <krvision/krvisiondefinitions.hpp>
+
+#include <gmock/gmock.h>
+
+#include <cstdlib>
+#include <fstream>
+
+namespace {
+
+using namespace KR::test;
+using namespace KR::tool;
+using KR::KRImage;
+using KR::KRVideo;
+using testing::HasSubstr;
+
+constexpr unsigned kFrames = 12;
+
+// A field of one colour that changes from frame to frame; byte by byte, so that nothing is converted.
+std::array<unsigned char, 4> colorOf(unsigned frame, unsigned stream) {
+    const auto luma = static_cast<unsigned char>(60 + 10 * frame);
+    return stream == 0 ? std::array<unsigned char, 4>{luma, 90, luma, 200}  // reddish
+                       : std::array<unsigned char, 4>{luma, 200, luma, 90}; // bluish
+}
+
+class KrVideoConvert : public Recordings {
+protected:
+    /// Two streams of YUV422, 160x120 and 320x240, with 50 ms between the frames.
+    std::string record(const std::string& name) const {
+        KRVideo video;
+        video.recordVideo(path(name), 0, {{160, 120, kYuv422, 8}, {320, 240, kYuv422, 8}});
+        for (unsigned frame = 0; frame < kFrames; ++frame) {
+            for (unsigned stream = 0; stream < 2; ++stream) {
+                Bytes image;
+                while (image.size() < (stream == 0 ? 38400u : 153600u)) {
+                    append(image, colorOf(frame, stream));
+                }
+                video.write(reinterpret_cast<char*>(image.data()), static_cast<int>(image.size()),
+                            1500000000000000 + 50000 * frame, static_cast<char>(stream), 0.5f, 0.25f, -0.5f,
+                            -0.25f);
+            }
+        }
+        testing::internal::CaptureStdout();
+        video.closeVideo();
+        testing::internal::GetCapturedStdout();
+        return path(name) + ".oxv";
+    }
+    Outcome convert(const std::string& in, const std::string& out,
+                    std::vector<std::string> options = {}) const {
+        options.insert(options.begin(), {"video", "convert", in, path(out)});
+        return kr(options);
+    }
+    void expectDone(const Outcome& outcome) const {
+        EXPECT_EQ(outcome.exitCode, 0);
+        EXPECT_EQ(outcome.out, "");
+        EXPECT_EQ(outcome.err, "");
+    }
+    /// The whole picture has the frame's colour, as the library converts it.
+    static void expectColor(const Picture& picture, unsigned frame, unsigned stream, int tolerance) {
+        const std::array<unsigned char, 4> color = colorOf(frame, stream);
+        KRImage pair(2, 1, kYuv422, false, 0.0f, 0.0f, 0.0f, 0.0f);
+        std::copy(color.begin(), color.end(), pair.data.get());
+        const Picture expected = makePicture(pair);
+        ASSERT_EQ(picture.rgb.size(), 3u * picture.width * picture.height);
+        for (std::size_t i = 0; i < picture.rgb.size(); ++i) {
+            ASSERT_LE(std::abs(picture.rgb[i] - expected.rgb[i % 3]), tolerance)
+                << "frame " << frame << ", pixel " << i / 3;
+        }
+    }
+};
+
+TEST_F(KrVideoConvert, AFilmHasTheFramesTheColoursAndTheRateOfTheRecording) {
+    const std::string in = record("in");
+    struct Case {
+        std::string name;
+        std::vector<std::string> options;
+    };
+    for (const Case& c :
+         {Case{"a.mkv", {}}, Case{"b.mkv", {"--codec", "vp8"}}, Case{"c.mp4", {}}, Case{"d.y4m", {}}}) {
+        SCOPED_TRACE(c.name);
+        std::vector<std::string> options = c.options;
+        options.insert(options.end(), {"--stream", "1"});
+        expectDone(convert(in, c.name, options));
+        expectDone(convert(path(c.name), "back.oxv", {"--size", "320x240"}));
+        Recording back(path("back.oxv"));
+        Frames frames(back, 0);
+        ASSERT_EQ(frames.count(), kFrames);
+        for (unsigned frame = 0; frame < kFrames; ++frame) {
+            const KRImage& image = frames.read(frame);
+            EXPECT_NEAR(static_cast<double>(image.timeStamp - back.readChunkHeader(0, 0).timeStamp),
+                        50000.0 * frame, 1000.0);
+            expectColor(makePicture(image), frame, 1, 12);
+        }
+        EXPECT_EQ(kr({"video", "doctor", path("back.oxv")}).out, "");
+    }
+}
+
+TEST_F(KrVideoConvert, NumberedPicturesAreOfTheFramesThatWereAskedFor) {
+    const std::string in = record("in");
+    expectDone(convert(in, "p-%03d.png", {"--from", "3", "--to", "5"}));
+    expectDone(convert(in, "q.ppm", {"--from", "11", "--stream", "1", "--to", "1000"}));
+    for (unsigned frame = 3; frame <= 5; ++frame) {
+        const Picture picture = readPicture(path("p-00" + std::to_string(frame) + ".png"));
+        EXPECT_EQ(picture.width, 160);
+        expectColor(picture, frame, 0, 0);
+    }
+    expectColor(readPicture(path("q-000011.ppm")), 11, 1, 0);
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(path("")), {}), 5);
+}
+
+TEST_F(KrVideoConvert, NumbersGoWhereTheyAreAskedFor) {
+    EXPECT_EQ(numberPath("a.png", 7), "a-000007.png");
+    EXPECT_EQ(numberPath("x/a%d.png", 7), "x/a7.png");
+    EXPECT_EQ(numberPath("a%04d-%d.png", 12345), "a12345-%d.png");
+    EXPECT_EQ(numberPath("a%s%99d.png", 7), "a%s%99d-000007.png");
+}
+
+TEST_F(KrVideoConvert, FromOxvToOxvCopiesWhatWasAskedFor) {
+    const std::string in = record("in");
+    expectDone(convert(in, "all.oxv", {"--from", "2", "--to", "4"}));
+    KRVideo video;
+    video.readVideo(path("all.oxv"));
+    ASSERT_EQ(video.getFrameCount(), 3u);
+    ASSERT_EQ(video.getStreams().size(), 2u);
+    KRImage image = makeEmptyImage();
+    ASSERT_TRUE(video.getFrame(image, 2, 1, true));
+    EXPECT_EQ(image.timeStamp, 1500000000000000 + 50000 * 4);
+    EXPECT_EQ(image.cameraId, 1);
+    EXPECT_EQ(image.data[28], colorOf(4, 1)[0]);
+
+    expectDone(convert(in, "one.oxv", {"--stream", "1"}));
+    video.readVideo(path("one.oxv"));
+    ASSERT_EQ(video.getFrameCount(), kFrames);
+    ASSERT_EQ(video.getStreams().size(), 1u);
+    EXPECT_EQ(video.getStreams()[0].width, 320u);
+    EXPECT_EQ(kr({"video", "doctor", path("one.oxv")}).out, "");
+}
+
+TEST_F(KrVideoConvert, Y4mHoldsThePlanes) {
+    const std::string in = record("in");
+    expectDone(convert(in, "a.y4m", {"--to", "0"}));
+    const Bytes file = readAll(path("a.y4m"));
+    const std::string header = "YUV4MPEG2 W160 H120 F1000000:50000 Ip A1:1 C422 XCOLORRANGE=LIMITED\nFRAME\n";
+    ASSERT_EQ(file.size(), header.size() + 38400);
+    EXPECT_EQ(std::string(file.begin(), file.begin() + static_cast<std::ptrdiff_t>(header.size())), header);
+    const auto color = colorOf(0, 0);
+    EXPECT_EQ(file[header.size()], color[0]);
+    EXPECT_EQ(file[header.size() + 19199], color[0]);
+    EXPECT_EQ(file[header.size() + 19200], color[1]);
+    EXPECT_EQ(file[header.size() + 28799], color[1]);
+    EXPECT_EQ(file[header.size() + 28800], color[3]);
+    EXPECT_EQ(file.back(), color[3]);
+}
+
+TEST_F(KrVideoConvert, ARecordingThatWasCutIsConvertedAndTheLossTold) {
+    Bytes file = readAll(record("in"));
+    file.resize(file.size() - 1);
+    const std::string in = write("cut.oxv", file);
+    const Outcome outcome = convert(in, "a.y4m");
+    EXPECT_EQ(outcome.exitCode, 3);
+    EXPECT_THAT(outcome.err, HasSubstr("1 frame is missing or cut at its end"));
+    EXPECT_EQ(readAll(path("a.y4m")).size(), 68u + 11 * (6 + 38400u));
+    expectDone(convert(in, "b.y4m", {"--to", "10"}));
+}
+
+TEST_F(KrVideoConvert, ResolutionsThatReadersRefuseAreConverted) {
+    KRVideo video;
+    video.recordVideo(path("large"), 0, {{1280, 960, kYuv422, 8}});
+    Bytes image(1280 * 960 * 2, 128);
+    video.write(reinterpret_cast<char*>(image.data()), static_cast<int>(image.size()), 0, 0, 0, 0, 0, 0);
+    const std::string in = path("large.oxv");
+    expectDone(kr({"video", "extract", in, "--frame", "0", path("a.png")}));
+    const Picture picture = readPicture(path("a.png"));
+    EXPECT_EQ(picture.width, 1280);
+    EXPECT_EQ(picture.rgb, Bytes(3 * 1280 * 960, 130));
+}
+
+TEST_F(KrVideoConvert, WhatCannotBeConvertedIsToldAndLeavesNothing) {
+    const std::string in = record("in");
+    const std::string empty = write("empty.oxv", make(0, 0));
+    const std::string text = write("text.mkv", Bytes(1000, 'x'));
+    struct Case {
+        std::string in, out;
+        std::vector<std::string> options;
+        int exitCode;
+        std::string text;
+    };
+    for (const Case& c : {
+             Case{in, "a.avi", {}, 2, "the extension says the format"},
+             Case{in,
+                  "a.mkv",
+                  {"--codec", "h264"},
+                  2,
+                  "there is no codec h264 for .mkv files; there are mkv (jpeg"},
+             Case{in, "a.y4m", {"--codec", "jpeg"}, 2, "--codec is for mkv (jpeg, vp8), mp4 (vp9)"},
+             Case{in, "a.y4m", {"--from", "2", "--to", "1"}, 2, "--from 2 is behind --to 1"},
+             Case{in, "a.y4m", {"--from", "12"}, 1, "there is no frame 12; there are 12"},
+             Case{in, "a.y4m", {"--stream", "2"}, 1, "there is no stream 2; the last one is 1"},
+             Case{empty, "a.mkv", {}, 1, "there is no frame 0; there are 0"},
+             Case{in, "missing/a.mkv", {}, 1, "there is no folder"},
+             Case{in, "missing/a.png", {}, 1, "missing/a-000000.png: "},
+             Case{in, "in.oxv", {}, 1, "is the file that is read"},
+             Case{text, "a.oxv", {}, 1, "text.mkv: "},
+             Case{text, "a.mkv", {}, 2, "is no oxv file"},
+             Case{text, "a.oxv", {"--size", "1x1"}, 2, "--size 1x1: recordings have"},
+             Case{path("missing"), "a.oxv", {}, 1, "missing: cannot be read: No such file"},
+         }) {
+        const Outcome outcome = convert(c.in, c.out, c.options);
+        EXPECT_EQ(outcome.exitCode, c.exitCode) << c.text;
+        EXPECT_EQ(outcome.out, "");
+        EXPECT_THAT(outcome.err, HasSubstr(c.text));
+    }
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(path("")), {}), 3);
+}
+
+TEST_F(KrVideoConvert, ADiskThatIsFullIsAFailure) {
+    const std::string in = record("in");
+    for (const std::string format : {"mkv", "y4m", "oxv"}) {
+        std::filesystem::create_symlink("/dev/full", path("full." + format));
+        const Outcome outcome = convert(in, "full." + format);
+        EXPECT_EQ(outcome.exitCode, 1) << format;
+        EXPECT_THAT(outcome.err, HasSubstr("kr: "));
+    }
+}
+
+TEST_F(KrVideoConvert, ExtractMakesAPictureOfOneFrame) {
+    const std::string in = record("in");
+    expectDone(kr({"video", "extract", in, "--frame", "7", "--stream", "1", path("a.png")}));
+    expectColor(readPicture(path("a.png")), 7, 1, 0);
+    expectDone(kr({"video", "extract", in, "--frame", "7", path("a.oxi")}));
+    KRImage image(1, 1, 0, false, 0.0f, 0.0f, 0.0f, 0.0f);
+    ASSERT_TRUE(image.readFile(path("a.oxi").c_str()));
+    EXPECT_EQ(image.timeStamp, 1500000000000000 + 7 * 50000);
+    EXPECT_EQ(image.bottomAngle, -0.25f);
+    const Outcome outcome = kr({"video", "extract", in, "--frame", "12", path("b.png")});
+    EXPECT_EQ(outcome.exitCode, 1);
+    EXPECT_THAT(outcome.err, HasSubstr("there is no frame 12; there are 12"));
+}
+
+TEST_F(KrVideoConvert, PlaySaysWhatToDoWhereThereIsNoDisplay) {
+    const std::string in = record("in");
+    ::unsetenv("DISPLAY");
+    ::unsetenv("WAYLAND_DISPLAY");
+    const Outcome outcome = kr({"video", "play", in});
+    EXPECT_EQ(outcome.exitCode, 1);
+    EXPECT_THAT(outcome.err, HasSubstr("there is no display here"));
+    EXPECT_THAT(outcome.err, HasSubstr("kr video convert " + in));
+}
+
+// ---- time
+
+TEST(KrFrameClock, GoesByTheTimeStampsWhereTheyRise) {
+    FrameClock clock(100);
+    EXPECT_EQ(clock.next(5000), 0);
+    EXPECT_EQ(clock.next(5030), 30);
+    EXPECT_EQ(clock.next(5030), 130);
+    EXPECT_EQ(clock.next(4000), 230);
+    EXPECT_EQ(clock.next(4010), 240);
+    EXPECT_EQ(clock.next(INT64_MAX), 340);
+    EXPECT_EQ(clock.next(INT64_MIN), 440);
+}
+
+} // namespace
