@@ -71,6 +71,8 @@ public:
     /// Reads the chunk at `position`, and moves that to its end.
     void readChunk(KRImage& image, Angles angles);
 
+    /// An image that makes the buffer it needs when it is first converted to.
+    static KRImage makeUnsizedImage();
     void writeChunk(const std::array<unsigned char, kChunkHeaderSize>& header, const void* image, int size);
 
     bool isReading = false; // then there is at least one stream
@@ -85,7 +87,8 @@ public:
     std::vector<streamProperties> streams; // of the file that is read
     std::uint32_t currentStream = 0;
     std::uint32_t currentFrame = 0;
-    std::uint64_t position = 0; // in the file that is read
+    std::uint64_t position = 0;             // in the file that is read
+    KRImage converted = makeUnsizedImage(); // of the frame that came as BGR
 };
 
 KRVideo::KRVideo() : p_(std::make_unique<KRVideoPrivate>()) {}
@@ -315,6 +318,13 @@ unsigned int KRVideo::getCurrentStream() const noexcept {
 
 // ---- recording
 
+KRImage KRVideoPrivate::makeUnsizedImage() {
+    KRImage image(0, 0, kYUV422ColorSpace, true, 0.0f, 0.0f, 0.0f, 0.0f);
+    image.nbLayers = 0;
+    image.data = KRImage::emptyData(false);
+    return image;
+}
+
 bool KRVideo::recordVideo(std::string path, unsigned int extraHeaderSize, std::vector<streamHeader> streams) {
     path += ".oxv";
     if (!p_->output.openToWrite(path)) {
@@ -355,10 +365,7 @@ bool KRVideo::write(int rows, int cols, char* bgr, long long timestamp, char cam
     if (!p_->isRecording) {
         return false;
     }
-    // An empty buffer of its own lets the image make the one that it needs.
-    KRImage image(cols, rows, kYUV422ColorSpace, true, 0.0f, 0.0f, 0.0f, 0.0f);
-    image.nbLayers = 0;
-    image.data = KRImage::emptyData(false);
+    KRImage& image = p_->converted; // its memory is used again for the next frame of this size
     image.computeYUV422imageFromBGR(rows, cols, bgr);
     const int size = wrappingProduct(2, rows, cols);
     if (size % 4 != 0) { // the last pixel has no partner, and is not converted
@@ -375,6 +382,7 @@ void KRVideo::closeVideo() {
         p_->isRecording = false;
         p_->output.writeAt(&p_->frameCount, sizeof p_->frameCount, kFrameCountOffset);
         p_->output.close();
+        p_->converted = KRVideoPrivate::makeUnsizedImage();
         std::cout << "stop recording " << p_->path << " file (" << p_->frameCount << " frames)" << std::endl;
     }
     p_->input.close();
