@@ -1,75 +1,47 @@
 #pragma once
 
-#include "krconverter.hpp"
 #include "krframe.hpp"
-#include "krsource.hpp"
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
-#include <map>
 #include <memory>
-#include <mutex>
-#include <optional>
 #include <string>
-#include <thread>
 
 namespace KR {
 
-/// One camera, from opening to closing: a capture thread of its own that runs the source, and the newest
-/// frame.
+/// One camera, from its first subscriber to its last. Thread-safe but where it says otherwise.
 class KRCamera {
 public:
-    KRCamera(int index, KRSource source);
-    /// Closes it.
-    ~KRCamera();
+    struct Status {
+        std::string state; ///< as in KRCameraInfo, but never "closed"
+        std::string failure;
+        int width = 0; ///< of the newest frame; 0 if there is none
+        int height = 0;
+    };
+
+    KRCamera() = default;
+    virtual ~KRCamera() = default;
     KRCamera(const KRCamera&) = delete;
     KRCamera& operator=(const KRCamera&) = delete;
 
-    /// Starts the source and waits for its first frame, at most ten seconds. Once only.
+    /// Starts the camera, at the first call, and waits until it delivers, at most ten seconds. If it has failed,
+    /// has it try again at once.
     /// \throws std::runtime_error  it failed, delivered nothing in time, or requestStop() came in between
-    void open();
+    virtual void open() = 0;
 
-    /// Asks the capture thread to end and wakes everyone who waits for a frame. Returns at once. Thread-safe.
-    void requestStop();
+    /// Wakes everyone who waits. Returns at once.
+    virtual void requestStop() = 0;
 
-    /// Stops the source and waits for the capture thread. Not beside open() or another close().
-    void close();
+    /// Stops the camera for good. Not beside another close().
+    virtual void close() = 0;
 
-    /// Waits for a frame with a number greater than `after` and returns the newest.
-    /// \return null if there is none by the deadline, and as soon as none can come any more: the camera has
-    /// failed or is stopping. Thread-safe.
-    std::shared_ptr<KRFrame> waitForFrame(std::uint64_t after,
-                                          std::chrono::steady_clock::time_point deadline);
+    /// Waits for a frame with a number greater than `after`.
+    /// \return null if there is none by the deadline, and as soon as the camera is stopping
+    /// \throws std::runtime_error  the camera has failed or ended, and nothing is left to hand out
+    virtual std::shared_ptr<KRFrame> waitForFrame(std::uint64_t after,
+                                                  std::chrono::steady_clock::time_point deadline) = 0;
 
-    /// Why no more frames come, if the source has failed or ended. Thread-safe.
-    std::optional<std::string> getFailure() const;
-    /// requestStop() has been called. Thread-safe.
-    bool isStopping() const;
-
-    /// Sets one of the source's parameters from one of the next frames on. Thread-safe.
-    void setParameter(int id, int value);
-    /// Thread-safe.
-    void setAllParametersToDefault();
-
-private:
-    void run();
-    void captureFrames();
-    bool isOver() const { return stopping_ || failure_.has_value(); }
-
-    const int index_;
-    const KRSource source_;
-    const std::shared_ptr<KRConverter> converter_;
-    std::thread thread_; ///< touched by open() and close() only
-
-    mutable std::mutex mutex_;
-    std::condition_variable changed_;
-    // Guarded by mutex_:
-    std::shared_ptr<KRFrame> newest_;
-    std::optional<std::string> failure_;
-    bool stopping_ = false;
-    std::map<int, int> parameters_;
-    bool parametersChanged_ = false;
+    virtual Status getStatus() const = 0;
 };
 
 } // namespace KR

@@ -1,5 +1,11 @@
 #include "krcameraslot.hpp"
 
+#include "krlivecamera.hpp"
+#include "krpipeline.hpp"
+#include "krrecording.hpp"
+#include "krsteppedcamera.hpp"
+#include "krv4l2controls.hpp"
+
 #include <krplatform/krlog.hpp>
 
 #include <stdexcept>
@@ -7,33 +13,87 @@
 
 namespace KR {
 
+namespace {
+
+const KRSoftwareControls noControls;
+
+} // namespace
+
+KRCameraSlot::KRCameraSlot(int index, KRSource source) : index_(index), source_(std::move(source)) {
+    if (source_.kind == KRSource::Kind::V4l2) {
+        controls_ = std::make_unique<KRV4l2Controls>(source_.argument);
+        return;
+    }
+    auto controls = hasPictureControls(source_) ? std::make_unique<KRSoftwareControls>(getPictureControls())
+                                                : std::make_unique<KRSoftwareControls>();
+    softwareControls_ = controls.get();
+    controls_ = std::move(controls);
+}
+
 std::string KRCameraSlot::getTitle() const {
     return "camera " + std::to_string(index_) + " (" + source_.text + ")";
 }
 
-void KRCameraSlot::acquire() {
-    const std::lock_guard users(usersMutex_);
-    const std::shared_ptr<KRCamera> camera = getCamera();
-    if (!camera || camera->getFailure()) {
-        open();
+KRCameraInfo KRCameraSlot::getInfo() const {
+    KRCameraInfo info;
+    info.camera = index_;
+    info.source = source_.text;
+    info.model = static_cast<int>(source_.kind);
+    info.state = "closed";
+    std::shared_ptr<KRCamera> camera;
+    {
+        const std::lock_guard lock(mutex_);
+        camera = camera_;
+        info.subscribers = users_;
     }
-    ++users_;
+    if (camera) {
+        const KRCamera::Status status = camera->getStatus();
+        info.state = status.state;
+        info.failure = status.failure;
+        info.width = status.width;
+        info.height = status.height;
+    }
+    return info;
+}
+
+void KRCameraSlot::acquire() {
+    std::shared_ptr<KRCamera> camera;
+    {
+        const std::lock_guard users(usersMutex_);
+        const std::lock_guard lock(mutex_);
+        if (shutDown_) {
+            throw std::runtime_error(getTitle() + " cannot be opened: the camera service is shutting down");
+        }
+        if (!camera_) {
+            camera_ = makeCamera();
+        }
+        camera = camera_;
+        ++users_;
+    }
+    try {
+        camera->open();
+    } catch (const std::runtime_error& error) {
+        const std::string text = getTitle() + " cannot be opened: " + error.what();
+        release();
+        throw std::runtime_error(text);
+    }
 }
 
 void KRCameraSlot::release() {
     const std::lock_guard users(usersMutex_);
-    if (--users_ == 0) {
-        close();
+    {
+        const std::lock_guard lock(mutex_);
+        if (--users_ > 0) {
+            return;
+        }
     }
+    close();
 }
 
 void KRCameraSlot::shutDown() {
     {
         const std::lock_guard lock(mutex_);
         shutDown_ = true;
-        if (opening_) {
-            opening_->requestStop();
-        }
         if (camera_) {
             camera_->requestStop();
         }
@@ -52,34 +112,20 @@ bool KRCameraSlot::isShutDown() const {
     return shutDown_;
 }
 
-// A camera that has failed stays until its successor runs, to tell those who use it what happened.
-void KRCameraSlot::open() {
-    const auto camera = std::make_shared<KRCamera>(index_, source_);
-    {
-        const std::lock_guard lock(mutex_);
-        if (shutDown_) {
-            throw std::runtime_error(getTitle() + " cannot be opened: the camera service is shutting down");
+std::shared_ptr<KRCamera> KRCameraSlot::makeCamera() {
+    if (source_.kind == KRSource::Kind::Recording && source_.pacedByFetch) {
+        return std::make_shared<KRSteppedCamera>(source_.argument, source_.stream);
+    }
+    const auto open = [this]() -> std::unique_ptr<KRImageSource> {
+        if (source_.kind == KRSource::Kind::Recording) {
+            return std::make_unique<KRRecordingPlayer>(source_.argument, source_.stream);
         }
-        opening_ = camera;
-    }
-    try {
-        camera->open();
-    } catch (const std::runtime_error& error) {
-        camera->close();
-        const std::lock_guard lock(mutex_);
-        opening_.reset();
-        throw std::runtime_error(getTitle() + " cannot be opened: " + error.what());
-    }
-    std::shared_ptr<KRCamera> failed;
-    {
-        const std::lock_guard lock(mutex_);
-        opening_.reset();
-        failed = std::exchange(camera_, camera);
-    }
-    if (failed) {
-        failed->close();
-    }
-    logInfo("KRVideoDevice", getTitle() + " is open");
+        auto pipeline = std::make_unique<KRPipeline>(
+            source_, softwareControls_ != nullptr ? *softwareControls_ : noControls);
+        controls_->cameraOpened();
+        return pipeline;
+    };
+    return std::make_shared<KRLiveCamera>(index_, getTitle(), open, isSteady(source_));
 }
 
 void KRCameraSlot::close() {
@@ -90,6 +136,7 @@ void KRCameraSlot::close() {
     }
     if (camera) {
         camera->close();
+        controls_->cameraClosed();
         logInfo("KRVideoDevice", getTitle() + " is closed");
     }
 }

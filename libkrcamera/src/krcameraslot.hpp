@@ -1,7 +1,10 @@
 #pragma once
 
 #include "krcamera.hpp"
+#include "krsoftwarecontrols.hpp"
 #include "krsource.hpp"
+
+#include <krplatform/krcamerainfo.hpp>
 
 #include <memory>
 #include <mutex>
@@ -13,39 +16,42 @@ namespace KR {
 /// Thread-safe. Opening and closing one slot does not hold up the others.
 class KRCameraSlot {
 public:
-    KRCameraSlot(int index, KRSource source) : index_(index), source_(std::move(source)) {}
+    KRCameraSlot(int index, KRSource source);
 
     const KRSource& getSource() const noexcept { return source_; }
     /// "camera 1 (file:/tmp/a.avi)".
     std::string getTitle() const;
+    KRControls& getControls() noexcept { return *controls_; }
+    KRCameraInfo getInfo() const;
 
-    /// Counts a user in. Opens the camera for the first one, and again for any later one if it has failed;
-    /// those who are in already then go on with the new one. \throws std::runtime_error  the camera cannot be
-    /// opened; the text names camera, source and reason
+    /// Counts a user in, once the camera delivers: opens it for the first one, and has it try again at once for any
+    /// later one if it has failed. \throws std::runtime_error  the camera cannot be opened, and the user is
+    /// not counted; the text names camera, source and reason
     void acquire();
     /// Counts a user out.
     void release();
     /// Closes the camera for good, whoever uses it, and wakes those who wait for its frames.
     void shutDown();
 
-    /// The open camera, or null.
+    /// The camera while there are users, or null.
     std::shared_ptr<KRCamera> getCamera() const;
     bool isShutDown() const;
 
 private:
-    void open();
+    std::shared_ptr<KRCamera> makeCamera();
     void close();
 
     const int index_;
     const KRSource source_;
+    KRSoftwareControls* softwareControls_ = nullptr; ///< null for a camera with controls of its own
+    std::unique_ptr<KRControls> controls_;           ///< constant
 
-    std::mutex usersMutex_; ///< held while the camera opens and closes
-    int users_ = 0;         ///< guarded by usersMutex_
+    std::mutex usersMutex_; ///< held while the camera closes
 
     mutable std::mutex mutex_; ///< taken after usersMutex_, never held while the camera opens and closes
-    // Guarded by mutex_:
+    // Guarded by mutex_; users_ changes with usersMutex_ held, too.
     std::shared_ptr<KRCamera> camera_;
-    std::shared_ptr<KRCamera> opening_; ///< the camera that open() waits for
+    int users_ = 0;
     bool shutDown_ = false;
 };
 

@@ -30,12 +30,20 @@ struct KRFrame::Mapping {
     GstVideoFrame frame;
 };
 
-KRFrame::KRFrame(std::uint64_t number, std::int64_t captureTime_usec, GstHandle<GstBuffer> buffer,
-                 const GstVideoInfo& info, std::shared_ptr<KRConverter> converter)
-    : number_(number), captureTime_usec_(captureTime_usec), mapping_(new Mapping(buffer, info)),
+KRFrame::KRFrame(std::uint64_t number, const KRCapture& capture, std::shared_ptr<KRConverter> converter)
+    : number_(number), captureTime_usec_(capture.captureTime_usec), taken_(capture.taken),
+      angles_(capture.angles), mapping_(new Mapping(capture.buffer, capture.info)),
       converter_(std::move(converter)) {}
 
 KRFrame::~KRFrame() = default;
+
+int KRFrame::getWidth() const noexcept {
+    return mapping_->frame.info.width;
+}
+
+int KRFrame::getHeight() const noexcept {
+    return mapping_->frame.info.height;
+}
 
 KRBinary KRFrame::getPixels(int resolution, int colorSpace) {
     const std::optional<GstVideoInfo> wanted = getImageInfo(resolution, colorSpace);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "krcapture.hpp"
 #include "krconverter.hpp"
 #include "krgstreamer.hpp"
 
@@ -18,16 +19,20 @@ namespace KR {
 /// One image of a camera, for all subscribers. Thread-safe.
 class KRFrame {
 public:
-    /// \param number  greater than that of every frame before
+    /// \param number  counts the frames of its camera, from 1
     /// \throws std::runtime_error  the buffer cannot be read
-    KRFrame(std::uint64_t number, std::int64_t captureTime_usec, GstHandle<GstBuffer> buffer,
-            const GstVideoInfo& info, std::shared_ptr<KRConverter> converter);
+    KRFrame(std::uint64_t number, const KRCapture& capture, std::shared_ptr<KRConverter> converter);
     ~KRFrame();
     KRFrame(const KRFrame&) = delete;
     KRFrame& operator=(const KRFrame&) = delete;
 
     std::uint64_t getNumber() const noexcept { return number_; }
-    std::int64_t getCaptureTime() const noexcept { return captureTime_usec_; } ///< since the Unix epoch
+    std::int64_t getCaptureTime() const noexcept { return captureTime_usec_; } ///< microseconds, Unix epoch
+    std::chrono::steady_clock::time_point getTaken() const noexcept { return taken_; }
+    const KRAngles& getAngles() const noexcept { return angles_; }
+    /// As the camera delivers it, pixels.
+    int getWidth() const noexcept;
+    int getHeight() const noexcept;
 
     /// The pixels in a supported resolution and colour space, rows without padding. The camera's own memory
     /// if that holds just these; otherwise they are converted at the first call and the same for everyone
@@ -47,6 +52,8 @@ private:
 
     const std::uint64_t number_;
     const std::int64_t captureTime_usec_;
+    const std::chrono::steady_clock::time_point taken_;
+    const KRAngles angles_;
     const boost::shared_ptr<Mapping> mapping_;
     const std::shared_ptr<KRConverter> converter_;
     std::mutex mutex_;

@@ -1,5 +1,7 @@
 #include "krpipeline.hpp"
 
+#include "krsourcebin.hpp"
+
 #include <krplatform/krthread.hpp>
 
 #include <algorithm>
@@ -16,7 +18,8 @@ constexpr std::chrono::milliseconds shortestPass(33);
 
 } // namespace
 
-KRPipeline::KRPipeline(const KRSource& source) : source_(source) {
+KRPipeline::KRPipeline(const KRSource& source, const KRSoftwareControls& controls)
+    : source_(source), controls_(controls) {
     initGStreamer();
     try {
         build();
@@ -41,10 +44,11 @@ void KRPipeline::build() {
 
     const GstHandle<GstElement> bin = makeSourceBin(source_);
     sink_.reset(gst_bin_get_by_name(GST_BIN(bin.get()), imageSinkName));
+    gain_.reset(gst_bin_get_by_name(GST_BIN(bin.get()), "gain"));
     balance_.reset(gst_bin_get_by_name(GST_BIN(bin.get()), "balance"));
     flip_.reset(gst_bin_get_by_name(GST_BIN(bin.get()), "flip"));
     gst_bin_add(GST_BIN(pipeline_.get()), bin.get()); // keeps a reference
-    applyParameters();
+    applyControls();
 }
 
 void KRPipeline::start() {
@@ -69,6 +73,9 @@ void KRPipeline::stop() noexcept {
 }
 
 std::optional<KRCapture> KRPipeline::pull() {
+    if (controls_.getVersion() != appliedVersion_) {
+        applyControls();
+    }
     GstAppSink* sink = GST_APP_SINK(sink_.get());
     GstHandle<GstSample> sample(gst_app_sink_try_pull_sample(sink, pullTimeout));
     // A sink at its end does not wait any more; the bus hears of the end when the last image has been shown.
@@ -168,25 +175,19 @@ void KRPipeline::rewind() {
     }
 }
 
-void KRPipeline::setParameters(const std::map<int, int>& values) {
-    parameters_ = values;
-    applyParameters();
-}
-
-void KRPipeline::applyParameters() {
-    if (parameters_.empty()) {
+void KRPipeline::applyControls() {
+    appliedVersion_ = controls_.getVersion(); // before the values: a change in between counts again
+    if (!hasPictureControls(source_)) {
         return;
     }
-    const auto value = [this](int id) {
-        const auto found = parameters_.find(id);
-        return found != parameters_.end() ? found->second
-                                          : findParameter(getParameters(source_), id)->defaultValue;
-    };
-    g_object_set(balance_.get(), "brightness", value(ParameterId::Brightness) / 100.0, "contrast",
-                 value(ParameterId::Contrast) / 100.0, "saturation", value(ParameterId::Saturation) / 100.0,
-                 "hue", value(ParameterId::Hue) / 180.0, nullptr);
-    const bool horizontal = value(ParameterId::HorizontalFlip) != 0;
-    const bool vertical = value(ParameterId::VerticalFlip) != 0;
+    const auto value = [this](int id) { return controls_.getValue(id); };
+    const double gain = value(ControlId::Gain) / 100.0;
+    g_object_set(gain_.get(), "contrast", gain, "saturation", gain, nullptr);
+    g_object_set(balance_.get(), "brightness", value(ControlId::Brightness) / 100.0, "contrast",
+                 value(ControlId::Contrast) / 100.0, "saturation", value(ControlId::Saturation) / 100.0,
+                 "hue", value(ControlId::Hue) / 180.0, nullptr);
+    const bool horizontal = value(ControlId::HorizontalFlip) != 0;
+    const bool vertical = value(ControlId::VerticalFlip) != 0;
     const GstVideoOrientationMethod direction = horizontal && vertical ? GST_VIDEO_ORIENTATION_180
                                                 : horizontal           ? GST_VIDEO_ORIENTATION_HORIZ
                                                 : vertical             ? GST_VIDEO_ORIENTATION_VERT
@@ -201,32 +202,34 @@ KRCapture KRPipeline::capture(GstHandle<GstSample> sample) {
     if (caps == nullptr || buffer == nullptr || !gst_video_info_from_caps(&result.info, caps)) {
         throw std::runtime_error("the source delivers something that is no image");
     }
-    result.captureTime_usec = getCaptureTime(sample.get());
+    const std::chrono::nanoseconds age = getAge(sample.get());
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    const auto time = std::chrono::duration_cast<std::chrono::microseconds>(now - age);
+    lastCaptureTime_usec_ = std::max<std::int64_t>(time.count(), lastCaptureTime_usec_ + 1);
+    result.captureTime_usec = lastCaptureTime_usec_;
+    result.taken = std::chrono::steady_clock::now() - age;
     result.buffer.reset(gst_buffer_ref(buffer));
     return result;
 }
 
-std::int64_t KRPipeline::getCaptureTime(GstSample* sample) {
-    using namespace std::chrono;
-    const GstHandle<GstClock> clock(gst_pipeline_get_clock(GST_PIPELINE(pipeline_.get())));
-    const auto clockNow = static_cast<std::int64_t>(gst_clock_get_time(clock.get()));
-    const std::int64_t now_usec = duration_cast<microseconds>(system_clock::now().time_since_epoch()).count();
-
-    std::int64_t time_usec = now_usec;
+// How long ago the image was taken.
+std::chrono::nanoseconds KRPipeline::getAge(GstSample* sample) const {
     const GstSegment* segment = gst_sample_get_segment(sample);
     const GstClockTime pts = GST_BUFFER_PTS(gst_sample_get_buffer(sample));
-    if (GST_CLOCK_TIME_IS_VALID(pts) && segment->format == GST_FORMAT_TIME) {
-        guint64 running = 0;
-        if (const int sign = gst_segment_to_running_time_full(segment, GST_FORMAT_TIME, pts, &running);
-            sign != 0) {
-            const std::int64_t taken = static_cast<std::int64_t>(gst_element_get_base_time(pipeline_.get())) +
-                                       sign * static_cast<std::int64_t>(running);
-            // A driver's time stamp may lie in the future; the image does not.
-            time_usec -= std::max<std::int64_t>(0, clockNow - taken) / 1000;
-        }
+    guint64 running = 0;
+    if (!GST_CLOCK_TIME_IS_VALID(pts) || segment->format != GST_FORMAT_TIME) {
+        return {};
     }
-    lastCaptureTime_usec_ = std::max(time_usec, lastCaptureTime_usec_ + 1);
-    return lastCaptureTime_usec_;
+    const int sign = gst_segment_to_running_time_full(segment, GST_FORMAT_TIME, pts, &running);
+    if (sign == 0) {
+        return {};
+    }
+    const GstHandle<GstClock> clock(gst_pipeline_get_clock(GST_PIPELINE(pipeline_.get())));
+    const auto now = static_cast<std::int64_t>(gst_clock_get_time(clock.get()));
+    const std::int64_t taken = static_cast<std::int64_t>(gst_element_get_base_time(pipeline_.get())) +
+                               sign * static_cast<std::int64_t>(running);
+    // A driver's time stamp may lie in the future; the image does not.
+    return std::chrono::nanoseconds(std::max<std::int64_t>(0, now - taken));
 }
 
 } // namespace KR

@@ -1,43 +1,30 @@
 #pragma once
 
+#include "krcapture.hpp"
 #include "krgstreamer.hpp"
+#include "krsoftwarecontrols.hpp"
 #include "krsource.hpp"
 
 #include <gst/app/gstappsink.h>
-#include <gst/video/video.h>
 
 #include <chrono>
 #include <cstdint>
-#include <map>
 #include <optional>
 #include <string>
 
 namespace KR {
 
-/// One image as the source delivered it.
-struct KRCapture {
-    GstHandle<GstBuffer> buffer;
-    GstVideoInfo info;
-    std::int64_t captureTime_usec; ///< since the Unix epoch
-};
-
-/// A running source. Thread-bound: made, used and destroyed on one thread.
-class KRPipeline {
+/// A source that GStreamer runs. Its capture times strictly increase. A looped one starts again at its end.
+class KRPipeline : public KRImageSource {
 public:
-    /// Builds and starts it. \throws std::runtime_error it cannot; the text is GStreamer's
-    explicit KRPipeline(const KRSource& source);
+    /// Builds and starts it. Both arguments must outlive it.
+    /// \param controls  looked up at every pull; those of getPictureControls() if the source has them
+    /// \throws std::runtime_error it cannot; the text is GStreamer's
+    KRPipeline(const KRSource& source, const KRSoftwareControls& controls);
     /// Stops it. Buffers that were pulled stay valid.
-    ~KRPipeline();
-    KRPipeline(const KRPipeline&) = delete;
-    KRPipeline& operator=(const KRPipeline&) = delete;
+    ~KRPipeline() override;
 
-    /// The newest image not pulled yet, or nothing if none came within 50 ms. Capture times strictly
-    /// increase. A looped source starts again at its end. \throws std::runtime_error  the source has failed
-    /// or ended and everything it delivered has been pulled
-    std::optional<KRCapture> pull();
-
-    /// Sets the picture's parameters: a value per id that getParameters() lists for the source.
-    void setParameters(const std::map<int, int>& values);
+    std::optional<KRCapture> pull() override;
 
 private:
     void build();
@@ -47,17 +34,20 @@ private:
     void readError(GstMessage* message);
     void readWarning(GstMessage* message);
     void rewind();
-    void applyParameters();
+    void applyControls();
     KRCapture capture(GstHandle<GstSample> sample);
-    std::int64_t getCaptureTime(GstSample* sample);
+    std::chrono::nanoseconds getAge(GstSample* sample) const;
 
     const KRSource& source_;
+    const KRSoftwareControls& controls_;
+    std::uint64_t appliedVersion_ = 0; ///< of the controls
     GstHandle<GstElement> pipeline_;
     GstHandle<GstElement> sink_;
-    GstHandle<GstElement> balance_; ///< null, like flip_, in a source without software parameters
+    // Null in a source without picture controls:
+    GstHandle<GstElement> gain_;
+    GstHandle<GstElement> balance_;
     GstHandle<GstElement> flip_;
     GstHandle<GstBus> bus_;
-    std::map<int, int> parameters_;
     std::optional<std::string> failure_;
     std::string missing_; ///< what GStreamer said it lacks, as the end of a sentence; or empty
     bool ended_ = false;

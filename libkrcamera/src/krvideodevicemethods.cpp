@@ -62,7 +62,9 @@ void KRVideoDevice::publishMethods() {
 
     functionName("getCameraModel", className, "Tells what kind of camera stands behind an index.");
     addParam("camera", "Index of the camera, from 0.");
-    setReturn("model", "1 test picture, 2 file, 3 V4L2 device, 4 pipeline; -1 if there is no such camera.");
+    setReturn("model",
+              "1 test picture, 2 file, 3 V4L2 device, 4 pipeline, 5 URI, 6 still image, 7 recording; -1 if "
+              "there is no such camera.");
     bindMethodOverload(createFunctor(this, &KRVideoDevice::getCameraModel));
 
     functionName("setCameraParameter", className,
@@ -70,13 +72,34 @@ void KRVideoDevice::publishMethods() {
     addId();
     addParam("parameter", "Number of the V4L2 control of the same meaning.");
     addParam("value", "New value.");
-    setReturn("accepted", "False for a value out of range.");
+    setReturn("accepted", "False for a value that the camera refuses.");
     bindMethodOverload(createFunctor(this, &KRVideoDevice::setCameraParameter));
 
     functionName("setAllCameraParametersToDefault", className,
                  "Gives the picture of the subscription's camera its original look back.");
     addId();
     bindMethodOverload(createFunctor(this, &KRVideoDevice::setAllCameraParametersToDefault));
+
+    functionName("getCameraList", className, "Lists the cameras and how they do.");
+    setReturn("cameras",
+              "Array of arrays: index, source, model, state (closed, opening, open, failed), failure, width "
+              "and height as delivered, number of subscribers.");
+    bindMethodOverload(createFunctor(this, &KRVideoDevice::getCameraList));
+
+    functionName("getControls", className, "Lists what can be set about the picture of a camera.");
+    addParam("camera", "Index of the camera, from 0.");
+    setReturn("controls", "Array of arrays: id, name, minimum, maximum, step, default, value.");
+    bindMethodOverload(createFunctor(this, &KRVideoDevice::getControls));
+
+    functionName("getStatistics", className, "Tells what each subscription has got.");
+    setReturn("statistics",
+              "Array of arrays: identifier, camera, images delivered, images missed, and median, 99th "
+              "percentile and maximum in milliseconds of age at delivery, interval, and time held.");
+    bindMethodOverload(createFunctor(this, &KRVideoDevice::getStatistics));
+
+    functionName("getSubscribers", className, "Lists the subscriptions and their settings.");
+    setReturn("subscribers", "Array of arrays: identifier, camera, resolution, colour space, frame rate.");
+    bindMethodOverload(createFunctor(this, &KRVideoDevice::getSubscribers));
 }
 
 } // namespace KR

@@ -39,8 +39,9 @@ public:
     /// Blocks until so many images of this kind have come since the start. \return whether they have
     bool waitFor(int camera, int width, int colorSpace, int images) {
         std::unique_lock lock(mutex_);
-        return got_.wait_for(lock, std::chrono::seconds(60),
-                             [&] { return images_[{camera, width, colorSpace}] >= images; });
+        return got_.wait_for(lock, std::chrono::seconds(60), [&] {
+            return images_[{camera, width, colorSpace}] >= images;
+        });
     }
     /// Every image had pixels and a later time than the one before from the same camera.
     bool isSound() {
@@ -149,7 +150,7 @@ TEST_F(KRExtractorsOnCameras, ACameraThatCannotBeOpenedMakesItsExtractorExitAndL
     EXPECT_TRUE(good->waitFor(0, 320, Space::Yuv422, 3));
 }
 
-TEST_F(KRExtractorsOnCameras, ACameraThatEndsLeavesItsExtractorRunningWithoutImages) {
+TEST_F(KRExtractorsOnCameras, ACameraThatEndsLeavesItsExtractorRunningAndItsImagesComeBack) {
     start({"gst:videotestsrc num-buffers=3 is-live=true"});
     std::mutex mutex;
     std::condition_variable said;
@@ -167,6 +168,7 @@ TEST_F(KRExtractorsOnCameras, ACameraThatEndsLeavesItsExtractorRunningWithoutIma
         std::unique_lock lock(mutex);
         ASSERT_TRUE(said.wait_for(lock, std::chrono::seconds(60), [&] { return failures >= 2; }));
     }
+    EXPECT_TRUE(counter->waitFor(0, 320, Space::Yuv422, 7)); // three each time
     EXPECT_TRUE(counter->isProcessing());
     counter->unsubscribe("client");
     EXPECT_FALSE(counter->isProcessing());

@@ -23,9 +23,11 @@ protected:
             info.size = stride * static_cast<std::size_t>(height);
         }
         memory.assign(info.size, 128);
-        GstHandle<GstBuffer> buffer(gst_buffer_new_wrapped_full(GST_MEMORY_FLAG_READONLY, memory.data(),
-                                                                info.size, 0, info.size, nullptr, nullptr));
-        return std::make_unique<KRFrame>(1, 0, std::move(buffer), info, std::make_shared<KRConverter>());
+        KRCapture capture;
+        capture.info = info;
+        capture.buffer.reset(gst_buffer_new_wrapped_full(GST_MEMORY_FLAG_READONLY, memory.data(), info.size,
+                                                         0, info.size, nullptr, nullptr));
+        return std::make_unique<KRFrame>(1, capture, std::make_shared<KRConverter>());
     }
 
     /// The pixels of such a frame are the camera's memory itself.

@@ -1,6 +1,6 @@
 #include "cameratest.hpp"
 
-#include "../src/krcameraparameter.hpp"
+#include "../src/krsoftwarecontrols.hpp"
 
 namespace KR {
 
@@ -11,7 +11,7 @@ TEST_F(ParameterTest, BrightnessShowsInThePictureAndGoesBack) {
     const std::string id = subscribe(0, Resolution::QuarterVga, Space::Luma);
     const std::string other = subscribe(0, Resolution::Vga, Space::Yuv422);
     EXPECT_LT(fetch(id).at(100, 100)[0], 20);
-    EXPECT_TRUE(proxy->setCameraParameter(id, ParameterId::Brightness, 50));
+    EXPECT_TRUE(proxy->setCameraParameter(id, ControlId::Brightness, 50));
     fetchUntil(id, [](const Image& image) { return image.at(100, 100)[0] > 100; });
     fetchUntil(other, [](const Image& image) { return image.at(100, 100)[0] > 100; });
     proxy->setAllCameraParametersToDefault(id);
@@ -21,15 +21,54 @@ TEST_F(ParameterTest, BrightnessShowsInThePictureAndGoesBack) {
 TEST_F(ParameterTest, ContrastSaturationAndHueShowInThePicture) {
     start({"test:red"});
     const std::string id = subscribe(0, Resolution::QuarterVga, Space::Rgb);
-    EXPECT_TRUE(proxy->setCameraParameter(id, ParameterId::Saturation, 0));
+    EXPECT_TRUE(proxy->setCameraParameter(id, ControlId::Saturation, 0));
     fetchUntil(id, [](const Image& image) { return std::abs(image.at(9, 9)[0] - image.at(9, 9)[1]) < 5; });
     proxy->setAllCameraParametersToDefault(id);
     fetchUntil(id, [](const Image& image) { return image.at(9, 9)[0] > 250 && image.at(9, 9)[1] < 5; });
-    EXPECT_TRUE(proxy->setCameraParameter(id, ParameterId::Contrast, 0));
+    EXPECT_TRUE(proxy->setCameraParameter(id, ControlId::Contrast, 0));
     fetchUntil(id, [](const Image& image) { return image.at(9, 9)[0] < 200; });
     proxy->setAllCameraParametersToDefault(id);
-    EXPECT_TRUE(proxy->setCameraParameter(id, ParameterId::Hue, 180));
+    EXPECT_TRUE(proxy->setCameraParameter(id, ControlId::Hue, 180));
     fetchUntil(id, [](const Image& image) { return image.at(9, 9)[2] > image.at(9, 9)[0]; });
+}
+
+TEST_F(ParameterTest, GainMakesThePictureBrighterAndDarkerAndKeepsItsColors) {
+    start({"test:red"});
+    const std::string id = subscribe(0, Resolution::QuarterVga, Space::Yuv422);
+    EXPECT_EQ(fetch(id).at(100, 100, 4), (std::vector{81, 90, 81, 240}));
+    EXPECT_TRUE(proxy->setCameraParameter(id, ControlId::Gain, 50));
+    const Image half = fetchUntil(id, [](const Image& image) { return image.at(100, 100)[0] < 60; });
+    EXPECT_NEAR(half.at(100, 100)[0], 16 + (81 - 16) / 2, 2);
+    EXPECT_NEAR(half.at(100, 100, 4)[1], 128 + (90 - 128) / 2, 2);
+    EXPECT_NEAR(half.at(100, 100, 4)[3], 128 + (240 - 128) / 2, 2);
+    EXPECT_TRUE(proxy->setCameraParameter(id, ControlId::Gain, 200));
+    fetchUntil(id, [](const Image& image) { return image.at(100, 100)[0] > 140; });
+}
+
+TEST_F(ParameterTest, ControlsAreListedWithTheirValuesWhetherTheCameraIsOpenOrNot) {
+    start({"test", "gst:videotestsrc is-live=true", "v4l2:/dev/nonexistent"});
+    const auto valueOfHue = [this] {
+        const std::vector<KRCameraControl> controls = proxy->getControls(0);
+        EXPECT_EQ(controls.size(), 7U);
+        const KRCameraControl& hue = controls.at(3);
+        EXPECT_EQ(hue.toKRValue(), KRValue::array(ControlId::Hue, "hue", -180, 180, 1, 0, hue.value));
+        return hue.value;
+    };
+    EXPECT_EQ(valueOfHue(), 0);
+    const std::string id = subscribe();
+    EXPECT_TRUE(proxy->setCameraParameter(id, ControlId::Hue, -90));
+    EXPECT_EQ(valueOfHue(), -90);
+    EXPECT_FALSE(proxy->setCameraParameter(id, ControlId::Hue, 181));
+    EXPECT_EQ(valueOfHue(), -90);
+    proxy->unsubscribe(id);
+    EXPECT_EQ(valueOfHue(), 0);
+    EXPECT_TRUE(proxy->getControls(1).empty());
+    EXPECT_EQ(
+        errorOf([&] { proxy->getControls(2); }),
+        "getControls: camera 2 (v4l2:/dev/nonexistent): the device '/dev/nonexistent' cannot be opened: "
+        "No such file or directory");
+    EXPECT_EQ(errorOf([&] { proxy->getControls(3); }),
+              "getControls: camera 3 does not exist; there are cameras 0 to 2");
 }
 
 TEST_F(ParameterTest, FlipsTurnThePicture) {
@@ -40,11 +79,11 @@ TEST_F(ParameterTest, FlipsTurnThePicture) {
     const std::string id = subscribe(0, Resolution::QuarterVga, Space::Rgb);
     const auto isWhite = [](const Image& image, int x, int y) { return image.at(x, y)[1] > 200; };
     EXPECT_TRUE(isWhite(fetch(id), 5, 5));
-    EXPECT_TRUE(proxy->setCameraParameter(id, ParameterId::HorizontalFlip, 1));
+    EXPECT_TRUE(proxy->setCameraParameter(id, ControlId::HorizontalFlip, 1));
     fetchUntil(id, [&](const Image& image) { return isWhite(image, 314, 5) && !isWhite(image, 5, 5); });
-    EXPECT_TRUE(proxy->setCameraParameter(id, ParameterId::VerticalFlip, 1));
+    EXPECT_TRUE(proxy->setCameraParameter(id, ControlId::VerticalFlip, 1));
     fetchUntil(id, [&](const Image& image) { return isWhite(image, 314, 234) && !isWhite(image, 314, 5); });
-    EXPECT_TRUE(proxy->setCameraParameter(id, ParameterId::HorizontalFlip, 0));
+    EXPECT_TRUE(proxy->setCameraParameter(id, ControlId::HorizontalFlip, 0));
     fetchUntil(id, [&](const Image& image) { return isWhite(image, 5, 234) && !isWhite(image, 314, 234); });
     proxy->setAllCameraParametersToDefault(id);
     fetchUntil(id, [&](const Image& image) { return isWhite(image, 5, 5) && !isWhite(image, 5, 234); });
@@ -53,7 +92,7 @@ TEST_F(ParameterTest, FlipsTurnThePicture) {
 TEST_F(ParameterTest, LastUntilTheCameraCloses) {
     start({"test:black"});
     const std::string id = subscribe(0, Resolution::QuarterVga, Space::Luma);
-    EXPECT_TRUE(proxy->setCameraParameter(id, ParameterId::Brightness, 50));
+    EXPECT_TRUE(proxy->setCameraParameter(id, ControlId::Brightness, 50));
     fetchUntil(id, [](const Image& image) { return image.at(100, 100)[0] > 100; });
     proxy->unsubscribe(id);
     EXPECT_LT(fetch(subscribe(0, Resolution::QuarterVga, Space::Luma)).at(100, 100)[0], 20);
@@ -62,7 +101,7 @@ TEST_F(ParameterTest, LastUntilTheCameraCloses) {
 TEST_F(ParameterTest, ValuesOutOfRangeAreRefused) {
     start({"test"});
     const std::string id = subscribe();
-    for (const KRCameraParameter& parameter : getSoftwareParameters()) {
+    for (const KRCameraControl& parameter : getPictureControls()) {
         EXPECT_FALSE(proxy->setCameraParameter(id, parameter.id, parameter.minimum - 1)) << parameter.name;
         EXPECT_FALSE(proxy->setCameraParameter(id, parameter.id, parameter.maximum + 1)) << parameter.name;
         EXPECT_TRUE(proxy->setCameraParameter(id, parameter.id, parameter.minimum)) << parameter.name;
@@ -77,9 +116,10 @@ TEST_F(ParameterTest, UnknownParametersAreRefusedWithTheOnesThereAre) {
         errorOf([&] { proxy->setCameraParameter(subscribe(0), 12, 0); }),
         "setCameraParameter: camera 0 (test) has no parameter 12; it has: 0x00980900 (brightness, -100 to "
         "100), 0x00980901 (contrast, 0 to 200), 0x00980902 (saturation, 0 to 200), 0x00980903 (hue, -180 to "
-        "180), 0x00980914 (horizontal flip, 0 to 1), 0x00980915 (vertical flip, 0 to 1)");
+        "180), 0x00980913 (gain, 0 to 200), 0x00980914 (horizontal flip, 0 to 1), 0x00980915 (vertical flip, "
+        "0 to 1)");
     const std::string id = subscribe(1);
-    EXPECT_EQ(errorOf([&] { proxy->setCameraParameter(id, ParameterId::Brightness, 0); }),
+    EXPECT_EQ(errorOf([&] { proxy->setCameraParameter(id, ControlId::Brightness, 0); }),
               "setCameraParameter: camera 1 (gst:videotestsrc is-live=true) has no parameter 9963776; it "
               "has: none");
     proxy->setAllCameraParametersToDefault(id);

@@ -180,11 +180,12 @@ TEST_F(SubscriptionTest, ACameraIsOpenFromItsFirstSubscriberToItsLast) {
 }
 
 TEST_F(SubscriptionTest, TheModelTellsTheKindOfSource) {
-    start({"test", "file:/nonexistent", "v4l2:/dev/nonexistent", "gst:videotestsrc"});
-    for (int camera = 0; camera < 4; ++camera) {
+    start({"test", "file:/nonexistent", "v4l2:/dev/nonexistent", "gst:videotestsrc", "http://127.0.0.1/",
+           "image:/nonexistent", "oxv:/nonexistent"});
+    for (int camera = 0; camera < 7; ++camera) {
         EXPECT_EQ(proxy->getCameraModel(camera), camera + 1);
     }
-    EXPECT_EQ(proxy->getCameraModel(4), -1);
+    EXPECT_EQ(proxy->getCameraModel(7), -1);
     EXPECT_EQ(proxy->getCameraModel(-1), -1);
 }
 
@@ -199,7 +200,8 @@ TEST_F(SubscriptionTest, EveryMethodIsPublishedWithItsDescription) {
     EXPECT_THAT(names, testing::UnorderedElementsAre(
                            "subscribeCamera", "unsubscribe", "getImageRemote", "releaseImage", "setFrameRate",
                            "getFrameRate", "setResolution", "setColorSpace", "setActiveCamera",
-                           "getCameraModel", "setCameraParameter", "setAllCameraParametersToDefault"));
+                           "getCameraModel", "setCameraParameter", "setAllCameraParametersToDefault",
+                           "getCameraList", "getControls", "getStatistics", "getSubscribers"));
 }
 
 } // namespace KR

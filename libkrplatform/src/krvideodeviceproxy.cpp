@@ -57,6 +57,16 @@ void checkImage(const KRValue& image) {
     }
 }
 
+template <class T>
+std::vector<T> readAll(const KRValue& values) {
+    std::vector<T> all;
+    all.reserve(values.getSize());
+    for (std::size_t i = 0; i < values.getSize(); ++i) {
+        all.push_back(T::fromKRValue(values[i]));
+    }
+    return all;
+}
+
 } // namespace
 
 KRVideoDeviceProxy::KRVideoDeviceProxy(const boost::shared_ptr<KRBroker>& broker)
@@ -111,6 +121,22 @@ bool KRVideoDeviceProxy::setCameraParameter(const std::string& id, int parameter
 
 void KRVideoDeviceProxy::setAllCameraParametersToDefault(const std::string& id) {
     proxy_.call("setAllCameraParametersToDefault", id);
+}
+
+std::vector<KRCameraInfo> KRVideoDeviceProxy::getCameraList() const {
+    return readAll<KRCameraInfo>(proxy_.call<KRValue>("getCameraList"));
+}
+
+std::vector<KRCameraControl> KRVideoDeviceProxy::getControls(int camera) const {
+    return readAll<KRCameraControl>(proxy_.call<KRValue>("getControls", camera));
+}
+
+std::vector<KRSubscriptionStatistics> KRVideoDeviceProxy::getStatistics() const {
+    return readAll<KRSubscriptionStatistics>(proxy_.call<KRValue>("getStatistics"));
+}
+
+std::vector<KRSubscriberInfo> KRVideoDeviceProxy::getSubscribers() const {
+    return readAll<KRSubscriberInfo>(proxy_.call<KRValue>("getSubscribers"));
 }
 
 } // namespace KR

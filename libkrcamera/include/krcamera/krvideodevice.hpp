@@ -30,7 +30,8 @@ namespace KR {
 class KR_EXPORT KRVideoDevice : public KRModule {
 public:
     /// \param sources  one source string per camera, in the order of their indices: "test", "test:PATTERN",
-    /// "file:PATH", "v4l2:DEVICE" or "gst:PIPELINE". Nothing is opened yet.
+    /// "file:PATH", "image:PATH", "v4l2:DEVICE", a URI of http, https or rtsp, "oxv:PATH[#STREAM][?pace=own|fetch]"
+    /// or "gst:PIPELINE". Nothing is opened yet.
     /// \throws KRError no source, or more than 128; a source string that is not understood; the name is
     /// taken
     KRVideoDevice(boost::shared_ptr<KRBroker> broker, const std::string& name,
@@ -39,7 +40,7 @@ public:
     ~KRVideoDevice() override;
 
     /// Subscribes to a camera. The first subscriber opens it and waits for its first frame, at most ten
-    /// seconds; a camera that has failed is opened again.
+    /// seconds; a camera that has failed tries again at once.
     /// \param resolution  code 0 to 17
     /// \param colorSpace  code 0, 9, 11, 13 or 18
     /// \param frameRate  images per second, 1 to 30: how often the subscriber means to ask
@@ -57,7 +58,8 @@ public:
     /// \return an array of 12 elements: width, height, bytes per pixel, colour space, capture time since
     /// the Unix epoch (whole seconds, microseconds), pixels (rows without padding; shared, not copied),
     /// camera, and the field of view (left, top, right, bottom; radians)
-    /// \throws KRError no image in time; the camera has failed or ended; the service is shutting down
+    /// \throws KRError no image in time; the camera has failed or ended, and is not back yet; the service
+    /// is shutting down
     KRValue getImageRemote(const std::string& id);
 
     /// Lets go of the image that was fetched last; without effect if there is none. The next fetch does so
@@ -74,17 +76,31 @@ public:
     /// \throws KRError the camera cannot be opened; the subscription keeps the one it has
     bool setActiveCamera(const std::string& id, int camera);
 
-    /// 1 for a test picture, 2 for a file, 3 for a V4L2 device, 4 for a pipeline; -1 if there is no such
-    /// camera.
+    /// 1 for a test picture, 2 for a file, 3 for a V4L2 device, 4 for a pipeline, 5 for a URI, 6 for a still image,
+    /// 7 for a recording; -1 if there is no such camera.
     int getCameraModel(int camera) const;
 
-    /// Changes the picture of the camera that the subscription uses, for everyone, until the camera closes.
-    /// It shows in one of the next frames.
+    /// Changes the picture of the camera that the subscription uses, for everyone, until the camera closes; a
+    /// V4L2 device keeps it beyond that. It shows in one of the next frames. getControls() tells the value that
+    /// took effect.
     /// \param parameter  number of a V4L2 control
-    /// \return false if the value is out of range
-    /// \throws KRError the camera has no such parameter
+    /// \return false, and nothing has changed: the value is out of range, or the camera refuses it now
+    /// \throws KRError the camera has no such parameter, or cannot be reached
     bool setCameraParameter(const std::string& id, int parameter, int value);
+    /// \throws KRError the camera cannot be reached
     void setAllCameraParametersToDefault(const std::string& id);
+
+    /// \name What the service tells of itself
+    /// An array with one element per camera, control or subscription, in the form that
+    /// <krplatform/krcamerainfo.hpp> describes; subscriptions are listed from the oldest on.
+    ///@{
+    KRValue getCameraList() const; ///< elements: KRCameraInfo
+    /// Elements: KRCameraControl. The camera need not be open.
+    /// \throws KRError no such camera; the device cannot be reached
+    KRValue getControls(int camera) const;
+    KRValue getStatistics() const;  ///< elements: KRSubscriptionStatistics
+    KRValue getSubscribers() const; ///< elements: KRSubscriberInfo
+    ///@}
 
 protected:
     void xShutDown() override;

@@ -1,9 +1,11 @@
 #pragma once
 
+#include "krplatform/krcamerainfo.hpp"
 #include "krplatform/krexport.hpp"
 #include "krplatform/krproxy.hpp"
 
 #include <string>
+#include <vector>
 
 namespace KR {
 
@@ -39,6 +41,19 @@ public:
     int getCameraModel(int camera) const;
     bool setCameraParameter(const std::string& id, int parameter, int value);
     void setAllCameraParametersToDefault(const std::string& id);
+
+    /// \name What the service tells of itself
+    /// They also throw a KRError if the service answers with something else.
+    ///@{
+    /// All cameras, in the order of their indices.
+    std::vector<KRCameraInfo> getCameraList() const;
+    /// What can be set with setCameraParameter() on a camera, and its present values.
+    std::vector<KRCameraControl> getControls(int camera) const;
+    /// Those of all subscriptions, the oldest first.
+    std::vector<KRSubscriptionStatistics> getStatistics() const;
+    /// All subscriptions, the oldest first.
+    std::vector<KRSubscriberInfo> getSubscribers() const;
+    ///@}
 
     const KRProxy& getProxy() const noexcept { return proxy_; }
 

@@ -1,0 +1,66 @@
+#pragma once
+
+#include "krcamera.hpp"
+#include "krcapture.hpp"
+
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <thread>
+
+namespace KR {
+
+/// A camera that runs by itself: a capture thread of its own, and the newest frame.
+///
+/// When its source fails or ends, the thread opens it again, after 250 ms at first and ever more slowly up to once in
+/// 5 s, until images come.
+class KRLiveCamera : public KRCamera {
+public:
+    /// \param title   for the log
+    /// \param open    starts the source; called on the capture thread. \throws std::runtime_error it cannot
+    /// \param steady  no image for ten seconds is a failure, also after the first
+    KRLiveCamera(int index, std::string title, std::function<std::unique_ptr<KRImageSource>()> open,
+                 bool steady);
+    /// Closes it.
+    ~KRLiveCamera() override;
+
+    void open() override;
+    void requestStop() override;
+    void close() override;
+    std::shared_ptr<KRFrame> waitForFrame(std::uint64_t after,
+                                          std::chrono::steady_clock::time_point deadline) override;
+    Status getStatus() const override;
+
+private:
+    void run();
+    /// Runs the source until the camera is to stop. \throws std::exception the source has failed
+    void captureFrames();
+    void show(KRCapture capture);
+    void noteFailure(const std::string& reason);
+    /// \return false if the camera is to stop
+    bool pause(std::chrono::steady_clock::duration delay);
+
+    const int index_;
+    const std::string title_;
+    const std::function<std::unique_ptr<KRImageSource>()> openSource_;
+    const bool steady_;
+    const std::shared_ptr<KRConverter> converter_;
+    // Touched by the capture thread only:
+    std::uint64_t framesCaptured_ = 0;
+    bool delivers_ = false; ///< since the source was opened the last time
+
+    mutable std::mutex mutex_;
+    std::condition_variable changed_;
+    // Guarded by mutex_:
+    std::thread thread_;
+    bool started_ = false;
+    bool stopping_ = false;
+    bool tryNow_ = false;
+    std::shared_ptr<KRFrame> newest_;
+    std::optional<std::string> failure_; ///< from a failure to the next frame
+    int timesOpened_ = 0;
+    int timesFailed_ = 0;
+};
+
+} // namespace KR

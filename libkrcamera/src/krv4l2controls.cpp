@@ -1,0 +1,146 @@
+#include "krv4l2controls.hpp"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <linux/videodev2.h>
+#include <stdexcept>
+#include <sys/ioctl.h>
+#include <system_error>
+#include <unistd.h>
+
+namespace KR {
+
+namespace {
+
+class Device {
+public:
+    /// \throws std::runtime_error it cannot be opened
+    explicit Device(const std::string& path) : file_(open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC)) {
+        if (file_ < 0) {
+            throw std::runtime_error("the device '" + path +
+                                     "' cannot be opened: " + std::generic_category().message(errno));
+        }
+    }
+    ~Device() { close(file_); }
+    Device(const Device&) = delete;
+    Device& operator=(const Device&) = delete;
+
+    /// \return false, with the reason in errno
+    template <class Argument>
+    bool control(unsigned long request, Argument& argument) const {
+        int result = 0;
+        do {
+            result = ioctl(file_, request, &argument);
+        } while (result == -1 && errno == EINTR);
+        return result == 0;
+    }
+    bool setControl(int id, int value) const {
+        v4l2_control setting{static_cast<__u32>(id), value};
+        return control(VIDIOC_S_CTRL, setting);
+    }
+    bool getControl(int id, int& value) const {
+        v4l2_control setting{static_cast<__u32>(id), 0};
+        const bool got = control(VIDIOC_G_CTRL, setting);
+        value = setting.value;
+        return got;
+    }
+
+private:
+    const int file_;
+};
+
+bool isUsable(const v4l2_queryctrl& query) noexcept {
+    constexpr __u32 useless = V4L2_CTRL_FLAG_DISABLED | V4L2_CTRL_FLAG_READ_ONLY | V4L2_CTRL_FLAG_WRITE_ONLY;
+    return (query.flags & useless) == 0 &&
+           (query.type == V4L2_CTRL_TYPE_INTEGER || query.type == V4L2_CTRL_TYPE_BOOLEAN ||
+            query.type == V4L2_CTRL_TYPE_MENU || query.type == V4L2_CTRL_TYPE_INTEGER_MENU);
+}
+
+std::vector<KRCameraControl> listOf(const Device& device) {
+    std::vector<KRCameraControl> controls;
+    v4l2_queryctrl query{};
+    query.id = V4L2_CTRL_FLAG_NEXT_CTRL;
+    while (device.control(VIDIOC_QUERYCTRL, query)) {
+        int value = 0;
+        if (isUsable(query) && device.getControl(static_cast<int>(query.id), value)) {
+            const auto* text = reinterpret_cast<const char*>(query.name);
+            controls.push_back({static_cast<int>(query.id),
+                                {text, strnlen(text, sizeof query.name)},
+                                query.minimum,
+                                query.maximum,
+                                query.step,
+                                query.default_value,
+                                value});
+        }
+        query.id |= V4L2_CTRL_FLAG_NEXT_CTRL;
+    }
+    return controls;
+}
+
+} // namespace
+
+std::vector<KRCameraControl> KRV4l2Controls::list() {
+    return listOf(Device(device_));
+}
+
+KRControls::Answer KRV4l2Controls::set(int id, int value) {
+    const Device device(device_);
+    v4l2_queryctrl query{};
+    query.id = static_cast<__u32>(id);
+    if ((query.id & (V4L2_CTRL_FLAG_NEXT_CTRL | V4L2_CTRL_FLAG_NEXT_COMPOUND)) != 0 ||
+        !device.control(VIDIOC_QUERYCTRL, query) || !isUsable(query)) {
+        return Answer::Unknown;
+    }
+    // A driver clamps what is out of range and reports success.
+    if (value < query.minimum || value > query.maximum) {
+        return Answer::Refused;
+    }
+    if (!device.setControl(id, value)) {
+        if (errno == EINVAL || errno == ERANGE || errno == EBUSY || errno == EACCES) {
+            return Answer::Refused;
+        }
+        throw std::runtime_error("the control \"" + std::string(reinterpret_cast<const char*>(query.name)) +
+                                 "\" cannot be set: " + std::generic_category().message(errno));
+    }
+    int effective = value;
+    device.getControl(id, effective);
+    const std::lock_guard lock(mutex_);
+    values_[id] = effective;
+    return Answer::Done;
+}
+
+void KRV4l2Controls::reset() {
+    const Device device(device_);
+    {
+        const std::lock_guard lock(mutex_);
+        values_.clear();
+    }
+    for (const KRCameraControl& control : listOf(device)) {
+        if (control.value != control.defaultValue) {
+            device.setControl(control.id, control.defaultValue); // one that is locked now stays as it is
+        }
+    }
+}
+
+void KRV4l2Controls::cameraOpened() noexcept {
+    try {
+        const std::lock_guard lock(mutex_);
+        if (values_.empty()) {
+            return;
+        }
+        const Device device(device_);
+        for (const auto& [id, value] : values_) {
+            device.setControl(id, value);
+        }
+    } catch (const std::exception&) {
+        // The device has gone again: its capture will say so.
+    }
+}
+
+void KRV4l2Controls::cameraClosed() noexcept {
+    const std::lock_guard lock(mutex_);
+    values_.clear();
+}
+
+} // namespace KR

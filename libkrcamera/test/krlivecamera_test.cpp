@@ -1,0 +1,185 @@
+#include "../src/krlivecamera.hpp"
+
+#include <krplatform/krthread.hpp>
+
+#include "../../libkrplatform/test/patience.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <functional>
+#include <stdexcept>
+
+namespace KR {
+
+using test::Event;
+using test::eventually;
+
+/// A camera whose source does what the test says.
+class LiveCameraTest : public testing::Test {
+protected:
+    using Clock = std::chrono::steady_clock;
+
+    class Source : public KRImageSource {
+    public:
+        explicit Source(LiveCameraTest& owner) : test(owner) { ++test.running; }
+        ~Source() override { --test.running; }
+        std::optional<KRCapture> pull() override { return test.pull(); }
+
+    private:
+        LiveCameraTest& test;
+    };
+
+    LiveCameraTest() { initGStreamer(); }
+
+    static KRCapture makeCapture() {
+        KRCapture capture;
+        gst_video_info_set_format(&capture.info, GST_VIDEO_FORMAT_GRAY8, 320, 240);
+        capture.buffer.reset(gst_buffer_new_allocate(nullptr, capture.info.size, nullptr));
+        capture.taken = Clock::now();
+        return capture;
+    }
+    std::shared_ptr<KRFrame> fetch(std::uint64_t after) {
+        return camera->waitForFrame(after, Clock::now() + test::kPatience);
+    }
+    std::string errorOf(const std::function<void()>& function) {
+        try {
+            function();
+        } catch (const std::runtime_error& error) {
+            return error.what();
+        }
+        return "no error";
+    }
+
+    std::function<void()> open = [] {};
+    std::function<std::optional<KRCapture>()> pull = [] {
+        sleepMilliseconds(1);
+        return makeCapture();
+    };
+    std::atomic<int> attempts = 0;
+    std::atomic<int> running = 0;
+    std::unique_ptr<KRLiveCamera> camera = std::make_unique<KRLiveCamera>(
+        0, "camera 0",
+        [this]() -> std::unique_ptr<KRImageSource> {
+            ++attempts;
+            open();
+            return std::make_unique<Source>(*this);
+        },
+        false);
+};
+
+TEST_F(LiveCameraTest, FailsAndComesBackByItselfAndGoesOnCounting) {
+    std::atomic<bool> plugged = true;
+    open = [&] {
+        if (!plugged) {
+            throw std::runtime_error("no device");
+        }
+    };
+    pull = [&]() -> std::optional<KRCapture> {
+        if (!plugged) {
+            throw std::runtime_error("unplugged");
+        }
+        sleepMilliseconds(1);
+        return makeCapture();
+    };
+    camera->open();
+    EXPECT_EQ(camera->getStatus().state, "open");
+    EXPECT_EQ(camera->getStatus().width, 320);
+    const std::uint64_t first = fetch(0)->getNumber();
+    plugged = false;
+    ASSERT_TRUE(eventually([&] { return camera->getStatus().failure == "no device"; }));
+    EXPECT_EQ(camera->getStatus().state, "failed");
+    EXPECT_NO_THROW(fetch(0)); // what came before
+    const std::uint64_t last = fetch(0)->getNumber();
+    EXPECT_EQ(errorOf([&] { fetch(last); }), "no device");
+    EXPECT_EQ(running, 0);
+
+    plugged = true;
+    ASSERT_TRUE(eventually([&] { return camera->getStatus().state == "open"; }));
+    EXPECT_GT(fetch(last)->getNumber(), first);
+    EXPECT_EQ(camera->getStatus().failure, "");
+}
+
+TEST_F(LiveCameraTest, TriesAtEverGreaterIntervalsUpToFiveSeconds) {
+    const auto start = Clock::now();
+    std::vector<std::chrono::milliseconds> times; // touched by the capture thread until it has ended
+    open = [&] {
+        times.push_back(std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start));
+        throw std::runtime_error("no device");
+    };
+    EXPECT_EQ(errorOf([&] { camera->open(); }), "no device");
+    ASSERT_TRUE(eventually([&] { return attempts >= 4; }));
+    camera->close();
+    EXPECT_GE(times[1] - times[0], std::chrono::milliseconds(250));
+    EXPECT_GE(times[2] - times[1], std::chrono::milliseconds(500));
+    EXPECT_GE(times[3] - times[2], std::chrono::milliseconds(1000));
+}
+
+TEST_F(LiveCameraTest, OpeningOneThatHasFailedTriesAtOnce) {
+    std::atomic<bool> plugged = false;
+    open = [&] {
+        if (!plugged) {
+            throw std::runtime_error("no device");
+        }
+    };
+    for (int i = 1; i <= 3; ++i) {
+        EXPECT_EQ(errorOf([&] { camera->open(); }), "no device");
+        EXPECT_GE(attempts, i);
+    }
+    plugged = true;
+    camera->open();
+    EXPECT_EQ(camera->getStatus().state, "open");
+}
+
+TEST_F(LiveCameraTest, ClosingDoesNotWaitForTheNextAttempt) {
+    open = [] { throw std::runtime_error("no device"); };
+    EXPECT_EQ(errorOf([&] { camera->open(); }), "no device");
+    ASSERT_TRUE(eventually([&] { return attempts >= 3; })); // the next one is a second away
+    camera->close();
+    EXPECT_EQ(fetch(0), nullptr);
+    EXPECT_EQ(errorOf([&] { camera->open(); }), "the camera service is shutting down");
+}
+
+TEST_F(LiveCameraTest, AFetchThatWaitsHearsOfTheFailure) {
+    Event failing;
+    std::atomic<bool> first = true;
+    pull = [&]() -> std::optional<KRCapture> {
+        if (first.exchange(false)) {
+            return makeCapture();
+        }
+        if (failing.hasHappened()) {
+            throw std::runtime_error("unplugged");
+        }
+        sleepMilliseconds(1);
+        return std::nullopt;
+    };
+    camera->open();
+    auto fetching = test::startAndLetSleep([&] { return errorOf([&] { fetch(1); }); });
+    failing.set();
+    EXPECT_EQ(test::resultOf(fetching), "unplugged");
+    camera->close();
+}
+
+// What nobody fetches is let go of as soon as the next one comes.
+TEST_F(LiveCameraTest, HoldsNoFrameButTheNewest) {
+    std::atomic<int> held = 0;
+    pull = [&]() -> std::optional<KRCapture> {
+        sleepMilliseconds(1);
+        KRCapture capture = makeCapture();
+        ++held;
+        gst_mini_object_weak_ref(
+            GST_MINI_OBJECT(capture.buffer.get()),
+            [](gpointer count, GstMiniObject*) { --*static_cast<std::atomic<int>*>(count); }, &held);
+        return capture;
+    };
+    camera->open();
+    for (std::uint64_t last = 0; last < 20;) {
+        last = fetch(last)->getNumber();
+        EXPECT_LE(held, 4); // the newest, the one that comes, and the one that the test holds
+    }
+    camera->close();
+    EXPECT_EQ(held, 0);
+}
+
+} // namespace KR

@@ -1,0 +1,152 @@
+#include "cameratest.hpp"
+
+#include <krvision/krvideo.hpp>
+
+#include <cstring>
+#include <fstream>
+
+namespace KR {
+
+using testing::AllOf;
+using testing::HasSubstr;
+
+/// Recordings of two streams: 160x120 luma and 320x240 YUV422, image i of stream s filled with 10 * s + i.
+class RecordingTest : public CameraTest {
+protected:
+    static constexpr int frames = 4;
+    static constexpr std::int64_t beginning_usec = 1'500'000'000'000'000;
+    static constexpr std::int64_t step_usec = 20'000;
+
+    static std::int64_t timeOf(int frame) { return beginning_usec + frame * step_usec + frame; }
+
+    void record(bool close = true) {
+        KRVideo video;
+        video.recordVideo(path, 0, {{160, 120, 0, 8}, {320, 240, 9, 8}});
+        std::vector<char> pixels(320 * 240 * 2);
+        for (int i = 0; i < frames; ++i) {
+            for (const int stream : {0, 1}) {
+                std::fill(pixels.begin(), pixels.end(), static_cast<char>(10 * stream + i));
+                const float angle = 0.1F * static_cast<float>(i);
+                video.write(pixels.data(), stream == 0 ? 160 * 120 : 320 * 240 * 2, timeOf(i), 5, angle,
+                            angle + 1, angle + 2, angle + 3);
+            }
+        }
+        if (close) {
+            video.closeVideo();
+        }
+    }
+
+    TemporaryFolder folder;
+    const std::string path = folder / "film";
+    const std::string source = "oxv:" + path + ".oxv";
+};
+
+TEST_F(RecordingTest, BearsItsOwnTimeStampsAndAnglesAndTheIndexOfTheCamera) {
+    record();
+    start({"test", source + "#1?pace=fetch"});
+    const std::string id = subscribe(1, Resolution::QuarterVga, Space::Yuv422);
+    for (int i = 0; i < frames; ++i) {
+        const Image image = fetch(id);
+        EXPECT_EQ(image.time_usec, timeOf(i));
+        const float angle = 0.1F * static_cast<float>(i);
+        EXPECT_EQ(image.angles, (std::array{angle, angle + 1, angle + 2, angle + 3}));
+        EXPECT_EQ(image.camera, 1);
+        EXPECT_THAT(std::vector<int>(image.data(), image.data() + image.pixels.size()),
+                    testing::Each(10 + i)); // the first 25 bytes are made up
+    }
+}
+
+TEST_F(RecordingTest, AtThePaceOfTheFetchesEachSubscriptionGetsEachImageOnce) {
+    record();
+    start({source + "?pace=fetch"});
+    const std::string one = subscribe(0, 0, Space::Luma);
+    const auto next = [this](const std::string& id) { return fetch(id).at(50, 50)[0]; };
+    EXPECT_EQ(next(one), 0);
+    EXPECT_EQ(next(one), 1);
+    const std::string two = subscribe(0, 0, Space::Luma, 1);
+    for (int i = 0; i < frames; ++i) {
+        EXPECT_EQ(next(two), i);
+    }
+    EXPECT_EQ(next(one), 2);
+    proxy->releaseImage(one);
+    EXPECT_EQ(next(one), 3);
+    const std::string ended =
+        "getImageRemote: camera 0 (" + source + "?pace=fetch) has failed: the recording has ended";
+    EXPECT_EQ(errorOf([&] { fetch(one); }), ended);
+    EXPECT_EQ(errorOf([&] { fetch(two); }), ended);
+    EXPECT_EQ(errorOf([&] { fetch(one); }), ended); // and does not begin again by itself
+    EXPECT_EQ(proxy->getStatistics().at(0).delivered, frames);
+    EXPECT_EQ(proxy->getStatistics().at(0).missed, 0);
+    EXPECT_EQ(next(subscribe(0, 0, Space::Luma)), 0);
+}
+
+TEST_F(RecordingTest, AtItsOwnPaceItIsPlayedAgainAndAgain) {
+    record();
+    start({source + "#0", source + "?pace=own"});
+    for (const int camera : {0, 1}) {
+        const std::string id = subscribe(camera, 0, Space::Luma);
+        std::set<std::int64_t> times;
+        bool again = false;
+        for (std::int64_t last = 0; times.size() < frames || !again;) {
+            const std::int64_t time = fetch(id).time_usec;
+            again = again || time <= last;
+            last = time;
+            times.insert(time);
+        }
+        for (int i = 0; i < frames; ++i) {
+            EXPECT_EQ(times.count(timeOf(i)), 1U);
+        }
+    }
+}
+
+TEST_F(RecordingTest, AnUnfinishedOneIsPlayedAsFarAsItGoes) {
+    record(false);
+    std::filesystem::resize_file(path + ".oxv", std::filesystem::file_size(path + ".oxv") - 1);
+    start({source + "#1?pace=fetch"});
+    const std::string id = subscribe(0, Resolution::QuarterVga);
+    for (int i = 0; i < frames - 1; ++i) {
+        EXPECT_EQ(fetch(id).time_usec, timeOf(i));
+    }
+    EXPECT_THAT(errorOf([&] { fetch(id); }), HasSubstr("the recording has ended"));
+}
+
+TEST_F(RecordingTest, ASubscriptionThatComesBackBeginsAtTheFirstImage) {
+    record();
+    start({source + "?pace=fetch", "test"});
+    const std::string id = subscribe(0, 0, Space::Luma);
+    fetch(id);
+    fetch(id);
+    EXPECT_TRUE(proxy->setActiveCamera(id, 1));
+    fetch(id);
+    EXPECT_TRUE(proxy->setActiveCamera(id, 0));
+    EXPECT_EQ(fetch(id).time_usec, timeOf(0));
+}
+
+TEST_F(RecordingTest, WhatCannotBePlayedIsRefusedWithTheReason) {
+    const auto openError = [this](const std::string& text) {
+        start({text});
+        return errorOf([&] { subscribe(); });
+    };
+    for (const std::string pace : {"own", "fetch"}) {
+        const std::string option = "?pace=" + pace;
+        EXPECT_THAT(openError("oxv:/nonexistent.oxv" + option),
+                    HasSubstr("cannot be opened: Can't open file /nonexistent.oxv"));
+        record();
+        EXPECT_THAT(openError(source + "#2" + option), HasSubstr("there is no stream 2 in it; it has 2"));
+        std::ofstream(path + ".txt") << "It was a dark and stormy night.\n";
+        EXPECT_THAT(openError("oxv:" + path + ".txt" + option), HasSubstr("version isn't supported"));
+        KRVideo video;
+        video.recordVideo(folder / "empty", 0, {{160, 120, 0, 8}});
+        video.closeVideo();
+        EXPECT_THAT(openError("oxv:" + (folder / "empty.oxv") + option),
+                    HasSubstr("there is no image in it"));
+        video.recordVideo(folder / "hsv", 0, {{160, 120, 12, 8}});
+        video.closeVideo();
+        EXPECT_THAT(
+            openError("oxv:" + (folder / "hsv.oxv") + option),
+            HasSubstr("its images are of colour space 12 and 8 bits; supported are 8 bits and 0 (luma)"));
+    }
+    EXPECT_THAT(errorOf([&] { start({source + "?pace=slow"}); }), HasSubstr("has an unknown pace"));
+}
+
+} // namespace KR

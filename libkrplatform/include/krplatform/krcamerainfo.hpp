@@ -1,0 +1,77 @@
+#pragma once
+
+#include "krplatform/krexport.hpp"
+#include "krplatform/krvalue.hpp"
+
+#include <string>
+
+namespace KR {
+
+// What the camera service tells of itself. Each travels as an array of the fields, in their order.
+// fromKRValue() reads one; it throws a KRError if there are fewer elements, or one of another type.
+
+/// One camera of the service.
+struct KR_EXPORT KRCameraInfo {
+    int camera = 0;     ///< index
+    std::string source; ///< what it was made from: "v4l2:/dev/video0"
+    int model = 0;      ///< as getCameraModel() answers
+    /// "closed": nobody is subscribed; "opening": no image yet; "open"; "failed": it is being opened again.
+    std::string state;
+    std::string failure; ///< why it has failed, or empty
+    int width = 0;       ///< of the newest image, as the camera delivers it; 0 if there is none
+    int height = 0;
+    int subscribers = 0;
+
+    KRValue toKRValue() const;
+    static KRCameraInfo fromKRValue(const KRValue& value);
+};
+
+/// One thing about a camera's picture that can be set while it runs.
+struct KR_EXPORT KRCameraControl {
+    int id = 0; ///< number of the V4L2 control of the same meaning
+    std::string name;
+    int minimum = 0;
+    int maximum = 0;
+    int step = 1;
+    int defaultValue = 0;
+    int value = 0;
+
+    KRValue toKRValue() const;
+    static KRCameraControl fromKRValue(const KRValue& value);
+};
+
+/// One subscription with its settings.
+struct KR_EXPORT KRSubscriberInfo {
+    std::string id; ///< identifier
+    int camera = 0;
+    int resolution = 0;
+    int colorSpace = 0;
+    int frameRate = 0; ///< images per second
+
+    KRValue toKRValue() const;
+    static KRSubscriberInfo fromKRValue(const KRValue& value);
+};
+
+/// Three numbers that say how a duration was spread; milliseconds, 0 if there was none.
+struct KRDurations {
+    float median_ms = 0;
+    float p99_ms = 0; ///< 99 of 100 were not longer
+    float max_ms = 0;
+};
+
+/// What a subscription has got since it began. Median and p99 are at most 3 % too great.
+struct KR_EXPORT KRSubscriptionStatistics {
+    std::string id; ///< identifier
+    int camera = 0;
+    int delivered = 0; ///< images fetched
+    int missed = 0;    ///< images of the camera that came between two that were fetched
+    // These travel as three elements each.
+    KRDurations age;      ///< from capture to delivery
+    KRDurations interval; ///< from delivery to delivery
+    KRDurations hold;     ///< from delivery to release
+
+    KRValue toKRValue() const;
+    static KRSubscriptionStatistics fromKRValue(const KRValue& value);
+};
+
+} // namespace KR
