@@ -16,6 +16,14 @@ constexpr GstClockTime pullTimeout = 50 * GST_MSECOND;
 // A still image played as a film would otherwise be decoded as fast as the processor can.
 constexpr std::chrono::milliseconds shortestPass(33);
 
+// A network camera sends one stream. Unless told, the element that takes it apart waits for more of them.
+void expectOneStream(GstBin*, GstBin*, GstElement* element, gpointer) {
+    const GstElementFactory* factory = gst_element_get_factory(element);
+    if (factory != nullptr && g_str_equal(GST_OBJECT_NAME(factory), "multipartdemux")) {
+        g_object_set(element, "single-stream", TRUE, nullptr);
+    }
+}
+
 } // namespace
 
 KRPipeline::KRPipeline(const KRSource& source, const KRSoftwareControls& controls)
@@ -42,6 +50,9 @@ void KRPipeline::build() {
     const GstHandle<GstClock> clock(gst_system_clock_obtain());
     gst_pipeline_use_clock(GST_PIPELINE(pipeline_.get()), clock.get());
 
+    if (source_.kind == KRSource::Kind::Network) {
+        g_signal_connect(pipeline_.get(), "deep-element-added", G_CALLBACK(expectOneStream), nullptr);
+    }
     const GstHandle<GstElement> bin = makeSourceBin(source_);
     sink_.reset(gst_bin_get_by_name(GST_BIN(bin.get()), imageSinkName));
     gain_.reset(gst_bin_get_by_name(GST_BIN(bin.get()), "gain"));
@@ -167,8 +178,9 @@ void KRPipeline::rewind() {
     passStart_ = std::chrono::steady_clock::now();
     capturesInPass_ = 0;
     constexpr auto flags = static_cast<GstSeekFlags>(GST_SEEK_FLAG_FLUSH | GST_SEEK_FLAG_KEY_UNIT);
-    if (!gst_element_seek_simple(pipeline_.get(), GST_FORMAT_TIME, flags, 0)) {
-        // Some formats cannot be searched: begin with a new pipeline.
+    if (source_.kind != KRSource::Kind::File ||
+        !gst_element_seek_simple(pipeline_.get(), GST_FORMAT_TIME, flags, 0)) {
+        // Some formats and servers cannot be searched: begin with a new pipeline.
         stop();
         build();
         start();

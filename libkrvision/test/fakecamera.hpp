@@ -1,5 +1,6 @@
 #pragma once
 
+#include "krvision/krvisiondefinitions.hpp"
 #include "krvision/krvisionextractor.hpp"
 
 #include "krplatform/krbroker.hpp"
@@ -62,7 +63,11 @@ inline KRValue makeImageValue(int width, int height, int layers, int colorSpace)
                           -0.3F);
 }
 
-/// A camera service for tests: writes down each call and answers as told.
+/// What a fake camera does with the value of a setting; one that takes everything also takes any identifier.
+enum class Taste { OfItsOwn, TakesEverything, RefusesEverything };
+
+/// A camera service for tests: writes down each call, answers as told, and else as the real one would. Its three
+/// cameras have the parameters 11 and 12, from 0 to 100, and a new image at any time.
 class FakeCamera : public KRModule {
 public:
     FakeCamera(boost::shared_ptr<KRBroker> broker, const std::string& name, Journal& calls)
@@ -82,38 +87,81 @@ public:
         publish("setAllCameraParametersToDefault", {"id"}, &FakeCamera::setAllCameraParametersToDefault);
     }
 
+    /// The number in the identifier is the smallest one that is free.
     std::string subscribeCamera(const std::string& name, int camera, int resolution, int colorSpace,
                                 int frameRate) {
         std::ostringstream line;
         line << "subscribeCamera " << name << " " << camera << " " << resolution << " " << colorSpace << " "
              << frameRate;
         note("subscribeCamera", line.str());
-        return name + "_1";
+        const auto check = [this](bool supported, const std::string& what, int value) {
+            if (!takes(supported)) {
+                refuse("subscribeCamera", what + " " + std::to_string(value) + " is not supported");
+            }
+        };
+        check(isCamera(camera), "camera", camera);
+        check(isResolution(resolution), "resolution", resolution);
+        check(isColorSpaceValid(colorSpace), "colour space", colorSpace);
+        check(isFrameRate(frameRate), "frame rate", frameRate);
+        const std::lock_guard lock(mutex_);
+        int number = 1;
+        while (subscriptions_.count(name + "_" + std::to_string(number)) > 0) {
+            ++number;
+        }
+        const std::string id = name + "_" + std::to_string(number);
+        subscriptions_[id] = {camera, resolution, colorSpace, frameRate};
+        return id;
     }
-    void unsubscribe(const std::string& id) { note("unsubscribe", "unsubscribe " + id); }
+    void unsubscribe(const std::string& id) {
+        note("unsubscribe", "unsubscribe " + id);
+        find("unsubscribe", id);
+        const std::lock_guard lock(mutex_);
+        subscriptions_.erase(id);
+    }
     KRValue getImageRemote(const std::string& id) {
         note("getImageRemote", "getImageRemote " + id);
+        const Subscription subscription = find("getImageRemote", id);
         const std::lock_guard lock(mutex_);
-        return image_;
+        return image_.isValid() ? image_ : makeNextImage(subscription);
     }
-    void releaseImage(const std::string& id) { note("releaseImage", "releaseImage " + id); }
-    bool setFrameRate(const std::string& id, int value) { return set("setFrameRate", id, value); }
+    void releaseImage(const std::string& id) {
+        note("releaseImage", "releaseImage " + id);
+        find("releaseImage", id);
+    }
+    bool setFrameRate(const std::string& id, int value) {
+        return set("setFrameRate", id, value, isFrameRate(value), &Subscription::frameRate);
+    }
     int getFrameRate(const std::string& id) {
         note("getFrameRate", "getFrameRate " + id);
-        return 24;
+        const int own = find("getFrameRate", id).frameRate;
+        return toldFrameRate > 0 ? toldFrameRate.load() : own;
     }
-    bool setResolution(const std::string& id, int value) { return set("setResolution", id, value); }
-    bool setColorSpace(const std::string& id, int value) { return set("setColorSpace", id, value); }
-    bool setActiveCamera(const std::string& id, int value) { return set("setActiveCamera", id, value); }
+    bool setResolution(const std::string& id, int value) {
+        return set("setResolution", id, value, isResolution(value), &Subscription::resolution);
+    }
+    bool setColorSpace(const std::string& id, int value) {
+        return set("setColorSpace", id, value, isColorSpaceValid(value), &Subscription::colorSpace);
+    }
+    bool setActiveCamera(const std::string& id, int value) {
+        return set("setActiveCamera", id, value, isCamera(value), &Subscription::camera);
+    }
     int getCameraModel(int camera) {
         note("getCameraModel", "getCameraModel " + std::to_string(camera));
-        return camera < 3 ? 1 : -1;
+        return isCamera(camera) ? 1 : -1;
     }
     bool setCameraParameter(const std::string& id, int parameter, int value) {
-        return set("setCameraParameter", id + " " + std::to_string(parameter), value);
+        note("setCameraParameter",
+             "setCameraParameter " + id + " " + std::to_string(parameter) + " " + std::to_string(value));
+        find("setCameraParameter", id);
+        if (!takes(parameter == 11 || parameter == 12)) {
+            refuse("setCameraParameter",
+                   "no parameter " + std::to_string(parameter) + "; there are 11 and 12");
+        }
+        return takes(value >= 0 && value <= 100);
     }
     void setAllCameraParametersToDefault(const std::string& id) {
         note("setAllCameraParametersToDefault", "setAllCameraParametersToDefault " + id);
+        find("setAllCameraParametersToDefault", id);
     }
 
     /// What an operation does after it was written down, before it answers: throw, block, or nothing.
@@ -124,12 +172,14 @@ public:
     void fail(const std::string& operation) {
         on(operation, [operation] { throw KRError("KRVideoDevice", operation, "injected"); });
     }
+    /// What every fetch gets from now on.
     void setImage(const KRValue& image) {
         const std::lock_guard lock(mutex_);
         image_ = image;
     }
 
-    std::atomic<bool> accepts = true; ///< what the setters answer
+    std::atomic<Taste> taste = Taste::OfItsOwn;
+    std::atomic<int> toldFrameRate = 0; ///< what getFrameRate answers; 0: what was set
     Journal& journal;
 
 private:
@@ -152,14 +202,62 @@ private:
             action();
         }
     }
-    bool set(const std::string& operation, const std::string& id, int value) {
+    struct Subscription {
+        int camera = 0;
+        int resolution = 0;
+        int colorSpace = 0;
+        int frameRate = 0;
+    };
+
+    static bool isCamera(int value) { return value >= 0 && value < 3; }
+    static bool isResolution(int value) { return value >= 0 && value <= 17; }
+    static bool isFrameRate(int value) { return value >= 1 && value <= 30; }
+    [[noreturn]] static void refuse(const std::string& method, const std::string& why) {
+        throw KRError("KRVideoDevice", method, why);
+    }
+
+    Subscription find(const std::string& method, const std::string& id) {
+        const std::lock_guard lock(mutex_);
+        const auto found = subscriptions_.find(id);
+        if (found == subscriptions_.end()) {
+            if (taste == Taste::TakesEverything) {
+                return {};
+            }
+            refuse(method, "subscription \"" + id + "\" does not exist");
+        }
+        return found->second;
+    }
+    bool takes(bool supported) const {
+        return taste == Taste::OfItsOwn ? supported : taste == Taste::TakesEverything;
+    }
+    bool set(const std::string& operation, const std::string& id, int value, bool supported,
+             int Subscription::*setting) {
         note(operation, operation + " " + id + " " + std::to_string(value));
-        return accepts;
+        find(operation, id);
+        if (!takes(supported)) {
+            return false;
+        }
+        const std::lock_guard lock(mutex_);
+        subscriptions_[id].*setting = value;
+        return true;
+    }
+    /// With mutex_ held.
+    KRValue makeNextImage(const Subscription& subscription) {
+        int width = 0;
+        int height = 0;
+        setSizeFromResolution(subscription.resolution, width, height);
+        KRValue image = makeImageValue(width, height, getNumLayersInColorSpace(subscription.colorSpace),
+                                       subscription.colorSpace);
+        image[4] = image[4].to<int>() + ++images_;
+        image[7] = subscription.camera;
+        return image;
     }
 
     std::mutex mutex_;
-    std::map<std::string, std::function<void()>> actions_; // guarded by mutex_
-    KRValue image_ = makeImageValue(160, 120, 2, 9);       // guarded by mutex_
+    std::map<std::string, std::function<void()>> actions_; // guarded by mutex_, as what follows
+    std::map<std::string, Subscription> subscriptions_;
+    KRValue image_;
+    int images_ = 0;
 };
 
 /// A vision extractor that writes its hooks into the same journal as the camera its calls.
@@ -207,7 +305,9 @@ private:
 /// A vision extractor named "Motion" on a fake camera service, and what it logs.
 struct Stage {
     explicit Stage(int frameRate = 30, int cameraIndex = 0)
-        : extractor(createModule<TestExtractor>(broker, "Motion", journal, 0, 9, frameRate, cameraIndex)) {}
+        : extractor(createModule<TestExtractor>(broker, "Motion", journal, 0, 9, frameRate, cameraIndex)) {
+        camera->taste = Taste::TakesEverything;
+    }
 
     /// Level and text of what the vision extractors have logged.
     std::vector<std::string> getLog() const { return log->get(); }

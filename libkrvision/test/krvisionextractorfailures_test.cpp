@@ -85,6 +85,7 @@ TEST(KRVisionExtractorFailures, ARefusedResetOrUnsubscriptionIsLoggedAndTheSubsc
     for (const char* operation : {"setAllCameraParametersToDefault", "unsubscribe"}) {
         SCOPED_TRACE(operation);
         Stage stage;
+        stage.camera->toldFrameRate = 24;
         stage.extractor->subscribe("client", 33, 0.0F);
         stage.camera->fail(operation);
         stage.extractor->unsubscribe("client");

@@ -91,7 +91,7 @@ TEST(KRVisionExtractorMethods, EachReachesItsOperation) {
     EXPECT_FALSE(proxy->call<bool>("isProcessing"));
     proxy->call("subscribe", "client", 33, 0.5F);
     EXPECT_TRUE(proxy->call<bool>("isProcessing"));
-    EXPECT_EQ(proxy->call<int>("getFrameRate"), 24);
+    EXPECT_EQ(proxy->call<int>("getFrameRate"), 30);
     proxy->call("pause", true);
     EXPECT_TRUE(proxy->call<bool>("isPaused"));
     proxy->call("setParameter", "pause", KRValue::array(0, 0));
