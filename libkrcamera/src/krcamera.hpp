@@ -1,6 +1,7 @@
 #pragma once
 
 #include "krframe.hpp"
+#include "krsize.hpp"
 
 #include <chrono>
 #include <cstdint>
@@ -28,6 +29,10 @@ public:
     /// has it try again at once.
     /// \throws std::runtime_error  it failed, delivered nothing in time, or requestStop() came in between
     virtual void open() = 0;
+
+    /// Says that pictures of this size are asked for. A camera that has several sizes delivers one that serves the
+    /// largest picture asked for since it was made.
+    virtual void want(const KRSize& /*size*/) {}
 
     /// Wakes everyone who waits. Returns at once.
     virtual void requestStop() = 0;

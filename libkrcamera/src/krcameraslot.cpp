@@ -56,7 +56,7 @@ KRCameraInfo KRCameraSlot::getInfo() const {
     return info;
 }
 
-void KRCameraSlot::acquire() {
+void KRCameraSlot::acquire(const KRSize& size) {
     std::shared_ptr<KRCamera> camera;
     {
         const std::lock_guard users(usersMutex_);
@@ -70,12 +70,19 @@ void KRCameraSlot::acquire() {
         camera = camera_;
         ++users_;
     }
+    camera->want(size);
     try {
         camera->open();
     } catch (const std::runtime_error& error) {
         const std::string text = getTitle() + " cannot be opened: " + error.what();
         release();
         throw std::runtime_error(text);
+    }
+}
+
+void KRCameraSlot::want(const KRSize& size) const {
+    if (const std::shared_ptr<KRCamera> camera = getCamera()) {
+        camera->want(size);
     }
 }
 
@@ -116,12 +123,12 @@ std::shared_ptr<KRCamera> KRCameraSlot::makeCamera() {
     if (source_.kind == KRSource::Kind::Recording && source_.pacedByFetch) {
         return std::make_shared<KRSteppedCamera>(source_.argument, source_.stream);
     }
-    const auto open = [this]() -> std::unique_ptr<KRImageSource> {
+    const auto open = [this](const KRSize& wanted) -> std::unique_ptr<KRImageSource> {
         if (source_.kind == KRSource::Kind::Recording) {
             return std::make_unique<KRRecordingPlayer>(source_.argument, source_.stream);
         }
         auto pipeline = std::make_unique<KRPipeline>(
-            source_, softwareControls_ != nullptr ? *softwareControls_ : noControls);
+            source_, softwareControls_ != nullptr ? *softwareControls_ : noControls, wanted);
         controls_->cameraOpened();
         return pipeline;
     };

@@ -25,9 +25,11 @@ public:
     KRCameraInfo getInfo() const;
 
     /// Counts a user in, once the camera delivers: opens it for the first one, and has it try again at once for any
-    /// later one if it has failed. \throws std::runtime_error  the camera cannot be opened, and the user is
+    /// later one if it has failed. \param size  of the pictures that the user wants \throws std::runtime_error  the camera cannot be opened, and the user is
     /// not counted; the text names camera, source and reason
-    void acquire();
+    void acquire(const KRSize& size);
+    /// A user wants pictures of another size.
+    void want(const KRSize& size) const;
     /// Counts a user out.
     void release();
     /// Closes the camera for good, whoever uses it, and wakes those who wait for its frames.

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "krgstreamer.hpp"
+#include "krsize.hpp"
 
 #include <gst/video/video.h>
 
@@ -38,6 +39,9 @@ public:
     /// The newest image not pulled yet, or nothing if none came within 50 ms.
     /// \throws std::runtime_error  the source has failed or ended and everything it delivered has been pulled
     virtual std::optional<KRCapture> pull() = 0;
+
+    /// Whether it would deliver the same images if it were opened for pictures of this size.
+    virtual bool suits(const KRSize& /*wanted*/) const { return true; }
 };
 
 } // namespace KR

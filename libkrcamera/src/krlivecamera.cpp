@@ -23,8 +23,7 @@ std::string describeTimeout() {
 
 } // namespace
 
-KRLiveCamera::KRLiveCamera(int index, std::string title, std::function<std::unique_ptr<KRImageSource>()> open,
-                           bool steady)
+KRLiveCamera::KRLiveCamera(int index, std::string title, OpenSource open, bool steady)
     : index_(index), title_(std::move(title)), openSource_(std::move(open)), steady_(steady),
       converter_(std::make_shared<KRConverter>()) {}
 
@@ -54,6 +53,11 @@ void KRLiveCamera::open() {
         opened) { // a source that has ended after its first images has been opened all the same
         throw std::runtime_error(timesFailed_ != failed ? *failure_ : describeTimeout());
     }
+}
+
+void KRLiveCamera::want(const KRSize& size) {
+    const std::lock_guard lock(mutex_);
+    wanted_ = {std::max(wanted_.width, size.width), std::max(wanted_.height, size.height)};
 }
 
 void KRLiveCamera::requestStop() {
@@ -113,7 +117,8 @@ void KRLiveCamera::run() {
         const auto start = steady_clock::now();
         delivers_ = false;
         try {
-            captureFrames();
+            while (captureFrames()) {
+            }
             return;
         } catch (const std::exception& error) {
             noteFailure(error.what());
@@ -123,15 +128,23 @@ void KRLiveCamera::run() {
     } while (pause(delay));
 }
 
-void KRLiveCamera::captureFrames() {
-    const std::unique_ptr<KRImageSource> source = openSource_();
+bool KRLiveCamera::captureFrames() {
+    std::unique_lock lock(mutex_);
+    KRSize wanted = wanted_;
+    lock.unlock();
+    const std::unique_ptr<KRImageSource> source = openSource_(wanted);
     auto last = steady_clock::now();
     for (;;) {
-        {
-            const std::lock_guard lock(mutex_);
-            if (stopping_) {
-                return;
-            }
+        lock.lock();
+        const bool stopping = stopping_;
+        const bool grows = wanted != wanted_;
+        wanted = wanted_;
+        lock.unlock();
+        if (stopping) {
+            return false;
+        }
+        if (grows && !source->suits(wanted)) {
+            return true;
         }
         if (std::optional<KRCapture> capture = source->pull()) {
             show(std::move(*capture));

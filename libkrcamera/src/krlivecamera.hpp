@@ -17,15 +17,18 @@ namespace KR {
 /// 5 s, until images come.
 class KRLiveCamera : public KRCamera {
 public:
+    using OpenSource = std::function<std::unique_ptr<KRImageSource>(const KRSize& wanted)>;
+
     /// \param title   for the log
-    /// \param open    starts the source; called on the capture thread. \throws std::runtime_error it cannot
+    /// \param open    starts the source for pictures of a size; called on the capture thread.
+    ///                \throws std::runtime_error it cannot
     /// \param steady  no image for ten seconds is a failure, also after the first
-    KRLiveCamera(int index, std::string title, std::function<std::unique_ptr<KRImageSource>()> open,
-                 bool steady);
+    KRLiveCamera(int index, std::string title, OpenSource open, bool steady);
     /// Closes it.
     ~KRLiveCamera() override;
 
     void open() override;
+    void want(const KRSize& size) override;
     void requestStop() override;
     void close() override;
     std::shared_ptr<KRFrame> waitForFrame(std::uint64_t after,
@@ -34,8 +37,9 @@ public:
 
 private:
     void run();
-    /// Runs the source until the camera is to stop. \throws std::exception the source has failed
-    void captureFrames();
+    /// Runs the source. \return false when the camera is to stop, true when the source is to be opened anew for
+    /// larger pictures \throws std::exception the source has failed
+    bool captureFrames();
     void show(KRCapture capture);
     void noteFailure(const std::string& reason);
     /// \return false if the camera is to stop
@@ -43,7 +47,7 @@ private:
 
     const int index_;
     const std::string title_;
-    const std::function<std::unique_ptr<KRImageSource>()> openSource_;
+    const OpenSource openSource_;
     const bool steady_;
     const std::shared_ptr<KRConverter> converter_;
     // Touched by the capture thread only:
@@ -57,6 +61,7 @@ private:
     bool started_ = false;
     bool stopping_ = false;
     bool tryNow_ = false;
+    KRSize wanted_;
     std::shared_ptr<KRFrame> newest_;
     std::optional<std::string> failure_; ///< from a failure to the next frame
     int timesOpened_ = 0;

@@ -26,9 +26,13 @@ void expectOneStream(GstBin*, GstBin*, GstElement* element, gpointer) {
 
 } // namespace
 
-KRPipeline::KRPipeline(const KRSource& source, const KRSoftwareControls& controls)
+KRPipeline::KRPipeline(const KRSource& source, const KRSoftwareControls& controls, const KRSize& wanted)
     : source_(source), controls_(controls) {
     initGStreamer();
+    if (source_.kind == KRSource::Kind::V4l2) {
+        modes_ = listV4l2Modes(source_.argument);
+        v4l2Caps_ = chooseV4l2Caps(modes_, wanted);
+    }
     try {
         build();
         start();
@@ -53,7 +57,7 @@ void KRPipeline::build() {
     if (source_.kind == KRSource::Kind::Network) {
         g_signal_connect(pipeline_.get(), "deep-element-added", G_CALLBACK(expectOneStream), nullptr);
     }
-    const GstHandle<GstElement> bin = makeSourceBin(source_);
+    const GstHandle<GstElement> bin = makeSourceBin(source_, v4l2Caps_);
     sink_.reset(gst_bin_get_by_name(GST_BIN(bin.get()), imageSinkName));
     gain_.reset(gst_bin_get_by_name(GST_BIN(bin.get()), "gain"));
     balance_.reset(gst_bin_get_by_name(GST_BIN(bin.get()), "balance"));
@@ -105,6 +109,10 @@ std::optional<KRCapture> KRPipeline::pull() {
         rewind();
     }
     return std::nullopt;
+}
+
+bool KRPipeline::suits(const KRSize& wanted) const {
+    return source_.kind != KRSource::Kind::V4l2 || chooseV4l2Caps(modes_, wanted) == v4l2Caps_;
 }
 
 // Reads everything there is, so that messages nobody wants do not pile up.

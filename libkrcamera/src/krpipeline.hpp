@@ -4,6 +4,7 @@
 #include "krgstreamer.hpp"
 #include "krsoftwarecontrols.hpp"
 #include "krsource.hpp"
+#include "krv4l2mode.hpp"
 
 #include <gst/app/gstappsink.h>
 
@@ -11,6 +12,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace KR {
 
@@ -19,12 +21,14 @@ class KRPipeline : public KRImageSource {
 public:
     /// Builds and starts it. Both arguments must outlive it.
     /// \param controls  looked up at every pull; those of getPictureControls() if the source has them
+    /// \param wanted    the size of the pictures that it is to serve, if it has several
     /// \throws std::runtime_error it cannot; the text is GStreamer's
-    KRPipeline(const KRSource& source, const KRSoftwareControls& controls);
+    KRPipeline(const KRSource& source, const KRSoftwareControls& controls, const KRSize& wanted);
     /// Stops it. Buffers that were pulled stay valid.
     ~KRPipeline() override;
 
     std::optional<KRCapture> pull() override;
+    bool suits(const KRSize& wanted) const override;
 
 private:
     void build();
@@ -41,6 +45,9 @@ private:
     const KRSource& source_;
     const KRSoftwareControls& controls_;
     std::uint64_t appliedVersion_ = 0; ///< of the controls
+    // Of a V4L2 device:
+    std::vector<KRV4l2Mode> modes_;
+    std::string v4l2Caps_;
     GstHandle<GstElement> pipeline_;
     GstHandle<GstElement> sink_;
     // Null in a source without picture controls:

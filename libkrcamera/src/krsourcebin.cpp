@@ -7,14 +7,11 @@ namespace KR {
 
 namespace {
 
-// The first structure is a wish; a device that lacks it gives the nearest that it has.
-constexpr const char* v4l2Caps =
-    "video/x-raw,format=YUY2,width=640,height=480,framerate=30/1;video/x-raw;image/jpeg";
 constexpr const char* adjust = " ! videobalance name=gain ! videobalance name=balance ! videoflip name=flip";
 
 // In the syntax of gst-launch. Paths are no part of it: they are set as properties of the element "source", for
 // quotes and backslashes in them mean something to the parser.
-std::string describe(const KRSource& source) {
+std::string describe(const KRSource& source, const std::string& v4l2Caps) {
     switch (source.kind) {
     case KRSource::Kind::Test:
         // The size and layout that most subscribers ask for: their images need no conversion.
@@ -32,7 +29,7 @@ std::string describe(const KRSource& source) {
                            "videoconvert") +
                adjust;
     case KRSource::Kind::V4l2:
-        return std::string("v4l2src name=source ! capsfilter caps=\"") + v4l2Caps + "\" ! decodebin";
+        return "v4l2src name=source ! capsfilter caps=\"" + v4l2Caps + "\" ! decodebin";
     case KRSource::Kind::Gst:
     case KRSource::Kind::Recording:
         break;
@@ -67,10 +64,11 @@ const char* getSourceProperty(const KRSource& source) {
 
 } // namespace
 
-GstHandle<GstElement> makeSourceBin(const KRSource& source) {
+GstHandle<GstElement> makeSourceBin(const KRSource& source, const std::string& v4l2Caps) {
     GError* error = nullptr;
-    GstHandle<GstElement> bin(gst_parse_bin_from_description_full(
-        connectSink(describe(source)).c_str(), FALSE, nullptr, GST_PARSE_FLAG_FATAL_ERRORS, &error));
+    GstHandle<GstElement> bin(
+        gst_parse_bin_from_description_full(connectSink(describe(source, v4l2Caps)).c_str(), FALSE, nullptr,
+                                            GST_PARSE_FLAG_FATAL_ERRORS, &error));
     const GstHandle<GError> ownedError(error);
     if (bin) {
         gst_object_ref_sink(bin.get());

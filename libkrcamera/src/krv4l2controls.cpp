@@ -1,54 +1,28 @@
 #include "krv4l2controls.hpp"
 
+#include "krv4l2device.hpp"
+
 #include <cerrno>
 #include <cstring>
-#include <fcntl.h>
 #include <linux/videodev2.h>
 #include <stdexcept>
-#include <sys/ioctl.h>
 #include <system_error>
-#include <unistd.h>
 
 namespace KR {
 
 namespace {
 
-class Device {
-public:
-    /// \throws std::runtime_error it cannot be opened
-    explicit Device(const std::string& path) : file_(open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC)) {
-        if (file_ < 0) {
-            throw std::runtime_error("the device '" + path +
-                                     "' cannot be opened: " + std::generic_category().message(errno));
-        }
-    }
-    ~Device() { close(file_); }
-    Device(const Device&) = delete;
-    Device& operator=(const Device&) = delete;
+bool setControl(const KRV4l2Device& device, int id, int value) {
+    v4l2_control setting{static_cast<__u32>(id), value};
+    return device.control(VIDIOC_S_CTRL, setting);
+}
 
-    /// \return false, with the reason in errno
-    template <class Argument>
-    bool control(unsigned long request, Argument& argument) const {
-        int result = 0;
-        do {
-            result = ioctl(file_, request, &argument);
-        } while (result == -1 && errno == EINTR);
-        return result == 0;
-    }
-    bool setControl(int id, int value) const {
-        v4l2_control setting{static_cast<__u32>(id), value};
-        return control(VIDIOC_S_CTRL, setting);
-    }
-    bool getControl(int id, int& value) const {
-        v4l2_control setting{static_cast<__u32>(id), 0};
-        const bool got = control(VIDIOC_G_CTRL, setting);
-        value = setting.value;
-        return got;
-    }
-
-private:
-    const int file_;
-};
+bool getControl(const KRV4l2Device& device, int id, int& value) {
+    v4l2_control setting{static_cast<__u32>(id), 0};
+    const bool got = device.control(VIDIOC_G_CTRL, setting);
+    value = setting.value;
+    return got;
+}
 
 bool isUsable(const v4l2_queryctrl& query) noexcept {
     constexpr __u32 useless = V4L2_CTRL_FLAG_DISABLED | V4L2_CTRL_FLAG_READ_ONLY | V4L2_CTRL_FLAG_WRITE_ONLY;
@@ -57,13 +31,13 @@ bool isUsable(const v4l2_queryctrl& query) noexcept {
             query.type == V4L2_CTRL_TYPE_MENU || query.type == V4L2_CTRL_TYPE_INTEGER_MENU);
 }
 
-std::vector<KRCameraControl> listOf(const Device& device) {
+std::vector<KRCameraControl> listOf(const KRV4l2Device& device) {
     std::vector<KRCameraControl> controls;
     v4l2_queryctrl query{};
     query.id = V4L2_CTRL_FLAG_NEXT_CTRL;
     while (device.control(VIDIOC_QUERYCTRL, query)) {
         int value = 0;
-        if (isUsable(query) && device.getControl(static_cast<int>(query.id), value)) {
+        if (isUsable(query) && getControl(device, static_cast<int>(query.id), value)) {
             const auto* text = reinterpret_cast<const char*>(query.name);
             controls.push_back({static_cast<int>(query.id),
                                 {text, strnlen(text, sizeof query.name)},
@@ -81,11 +55,11 @@ std::vector<KRCameraControl> listOf(const Device& device) {
 } // namespace
 
 std::vector<KRCameraControl> KRV4l2Controls::list() {
-    return listOf(Device(device_));
+    return listOf(KRV4l2Device(device_));
 }
 
 KRControls::Answer KRV4l2Controls::set(int id, int value) {
-    const Device device(device_);
+    const KRV4l2Device device(device_);
     v4l2_queryctrl query{};
     query.id = static_cast<__u32>(id);
     if ((query.id & (V4L2_CTRL_FLAG_NEXT_CTRL | V4L2_CTRL_FLAG_NEXT_COMPOUND)) != 0 ||
@@ -96,7 +70,7 @@ KRControls::Answer KRV4l2Controls::set(int id, int value) {
     if (value < query.minimum || value > query.maximum) {
         return Answer::Refused;
     }
-    if (!device.setControl(id, value)) {
+    if (!setControl(device, id, value)) {
         if (errno == EINVAL || errno == ERANGE || errno == EBUSY || errno == EACCES) {
             return Answer::Refused;
         }
@@ -104,21 +78,21 @@ KRControls::Answer KRV4l2Controls::set(int id, int value) {
                                  "\" cannot be set: " + std::generic_category().message(errno));
     }
     int effective = value;
-    device.getControl(id, effective);
+    getControl(device, id, effective);
     const std::lock_guard lock(mutex_);
     values_[id] = effective;
     return Answer::Done;
 }
 
 void KRV4l2Controls::reset() {
-    const Device device(device_);
+    const KRV4l2Device device(device_);
     {
         const std::lock_guard lock(mutex_);
         values_.clear();
     }
     for (const KRCameraControl& control : listOf(device)) {
         if (control.value != control.defaultValue) {
-            device.setControl(control.id, control.defaultValue); // one that is locked now stays as it is
+            setControl(device, control.id, control.defaultValue); // one that is locked now stays as it is
         }
     }
 }
@@ -129,9 +103,9 @@ void KRV4l2Controls::cameraOpened() noexcept {
         if (values_.empty()) {
             return;
         }
-        const Device device(device_);
+        const KRV4l2Device device(device_);
         for (const auto& [id, value] : values_) {
-            device.setControl(id, value);
+            setControl(device, id, value);
         }
     } catch (const std::exception&) {
         // The device has gone again: its capture will say so.

@@ -25,15 +25,13 @@ std::chrono::milliseconds getPatience(int frameRate) noexcept {
 }
 
 KRValue makeImageValue(const KRSubscription::Settings& settings, const KRFrame& frame, KRBinary pixels) {
-    int width = 0;
-    int height = 0;
-    setSizeFromResolution(settings.resolution, width, height);
+    const KRSize size = getSize(settings.resolution);
     const std::int64_t time_usec = frame.getCaptureTime();
     const KRAngles& angles = frame.getAngles();
-    return KRValue::array(width, height, getNumLayersInColorSpace(settings.colorSpace), settings.colorSpace,
-                          static_cast<int>(time_usec / 1000000), static_cast<int>(time_usec % 1000000),
-                          std::move(pixels), settings.camera, angles.left, angles.top, angles.right,
-                          angles.bottom);
+    return KRValue::array(size.width, size.height, getNumLayersInColorSpace(settings.colorSpace),
+                          settings.colorSpace, static_cast<int>(time_usec / 1000000),
+                          static_cast<int>(time_usec % 1000000), std::move(pixels), settings.camera,
+                          angles.left, angles.top, angles.right, angles.bottom);
 }
 
 } // namespace
@@ -84,7 +82,7 @@ std::string KRVideoDevice::subscribeCamera(const std::string& name, int camera, 
         p_->fail(method, "frame rate " + std::to_string(frameRate) +
                              " is not supported; supported are 1 to 30 images per second");
     }
-    p_->acquire(method, slot);
+    p_->acquire(method, slot, resolution);
     const std::lock_guard lock(p_->mutex);
     const std::uint64_t number = ++p_->subscriptionsMade;
     const std::string id = name + "_" + std::to_string(number);
@@ -172,6 +170,7 @@ bool KRVideoDevice::setResolution(const std::string& id, int resolution) {
         return false;
     }
     subscription->setResolution(resolution);
+    p_->slots[subscription->getSettings().camera]->want(getSize(resolution));
     return true;
 }
 
@@ -199,7 +198,7 @@ bool KRVideoDevice::setActiveCamera(const std::string& id, int camera) {
     if (camera == position.settings.camera) {
         return true;
     }
-    p_->acquire(method, *slot);
+    p_->acquire(method, *slot, position.settings.resolution);
     subscription->setCamera(camera);
     p_->slots[position.settings.camera]->release();
     return true;

@@ -1,9 +1,17 @@
 #include "krvideodevice_p.hpp"
 
+#include <krvision/krvisiondefinitions.hpp>
+
 #include <algorithm>
 #include <stdexcept>
 
 namespace KR {
+
+KRSize getSize(int resolution) noexcept {
+    KRSize size;
+    setSizeFromResolution(resolution, size.width, size.height);
+    return size;
+}
 
 void KRVideoDevice::Private::fail(const char* method, const std::string& text, KRSourceLocation where) const {
     throw KRError(name, method, text, where);
@@ -22,9 +30,9 @@ KRCameraSlot& KRVideoDevice::Private::getSlot(const char* method, int camera) co
                                         : "there are cameras 0 to " + std::to_string(slots.size() - 1)));
 }
 
-void KRVideoDevice::Private::acquire(const char* method, KRCameraSlot& slot) const {
+void KRVideoDevice::Private::acquire(const char* method, KRCameraSlot& slot, int resolution) const {
     try {
-        slot.acquire();
+        slot.acquire(getSize(resolution));
     } catch (const std::runtime_error& error) {
         fail(method, error.what());
     }

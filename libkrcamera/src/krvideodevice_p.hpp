@@ -16,6 +16,9 @@
 
 namespace KR {
 
+/// Of a resolution code that is supported.
+KRSize getSize(int resolution) noexcept;
+
 /// The cameras and subscriptions of the service. Thread-safe; `method` is the operation that an error names.
 struct KRVideoDevice::Private {
     using Subscriptions = std::vector<std::pair<std::string, std::shared_ptr<KRSubscription>>>;
@@ -30,7 +33,7 @@ struct KRVideoDevice::Private {
     /// \throws KRError there is no such camera
     KRCameraSlot& getSlot(const char* method, int camera) const;
     /// \throws KRError it cannot be opened
-    void acquire(const char* method, KRCameraSlot& slot) const;
+    void acquire(const char* method, KRCameraSlot& slot, int resolution) const;
 
     /// \throws KRError there is no such subscription
     std::shared_ptr<KRSubscription> find(const char* method, const std::string& id) const;

@@ -26,6 +26,7 @@ protected:
         explicit Source(LiveCameraTest& owner) : test(owner) { ++test.running; }
         ~Source() override { --test.running; }
         std::optional<KRCapture> pull() override { return test.pull(); }
+        bool suits(const KRSize& size) const override { return size.width <= test.openedFor; }
 
     private:
         LiveCameraTest& test;
@@ -59,10 +60,12 @@ protected:
     };
     std::atomic<int> attempts = 0;
     std::atomic<int> running = 0;
+    std::atomic<int> openedFor = 0; ///< width
     std::unique_ptr<KRLiveCamera> camera = std::make_unique<KRLiveCamera>(
         0, "camera 0",
-        [this]() -> std::unique_ptr<KRImageSource> {
+        [this](const KRSize& wanted) -> std::unique_ptr<KRImageSource> {
             ++attempts;
+            openedFor = wanted.width;
             open();
             return std::make_unique<Source>(*this);
         },
@@ -159,6 +162,19 @@ TEST_F(LiveCameraTest, AFetchThatWaitsHearsOfTheFailure) {
     failing.set();
     EXPECT_EQ(test::resultOf(fetching), "unplugged");
     camera->close();
+}
+
+TEST_F(LiveCameraTest, IsOpenedAnewForALargerPictureThanItServesAndForNoOther) {
+    camera->want({320, 240});
+    camera->open();
+    EXPECT_EQ(openedFor, 320);
+    camera->want({160, 120});
+    const std::uint64_t before = fetch(0)->getNumber();
+    camera->want({640, 480});
+    EXPECT_TRUE(eventually([&] { return openedFor == 640; }));
+    EXPECT_GT(fetch(before + 1)->getNumber(), before);
+    EXPECT_EQ(attempts, 2);
+    EXPECT_EQ(camera->getStatus().failure, "");
 }
 
 // What nobody fetches is let go of as soon as the next one comes.

@@ -1,0 +1,114 @@
+// kr camera controls
+
+#include "cameras.hpp"
+#include "command.hpp"
+#include "json.hpp"
+
+#include <CLI/CLI.hpp>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <stdexcept>
+#include <utility>
+
+namespace KR::tool {
+
+namespace {
+
+struct Options {
+    CameraOptions cameras;
+    int camera = 0;
+    std::vector<std::string> settings;
+    bool json = false;
+};
+
+int readInt(const std::string& text, const std::string& setting) {
+    char* end = nullptr;
+    errno = 0;
+    const long number = std::strtol(text.c_str(), &end, 0);
+    if (text.empty() || *end != '\0' || errno != 0 || number > INT_MAX || number < INT_MIN) {
+        throw UsageError("--set " + setting + ": expected ID=VALUE, such as 0x00980900=20 or brightness=20");
+    }
+    return static_cast<int>(number);
+}
+
+// A control by its number or its name.
+int findControl(const std::vector<KRCameraControl>& controls, const std::string& text,
+                const std::string& setting) {
+    const auto found = std::ranges::find(controls, text, &KRCameraControl::name);
+    return found != controls.end() ? found->id : readInt(text, setting);
+}
+
+void apply(KRVideoDeviceProxy& service, const Subscription& subscription, const Options& options) {
+    const std::vector<KRCameraControl> controls = service.getControls(options.camera);
+    for (const std::string& setting : options.settings) {
+        const std::size_t equals = setting.rfind('=');
+        const std::string value = equals == std::string::npos ? "" : setting.substr(equals + 1);
+        const int number = readInt(value, setting);
+        const int control = findControl(controls, setting.substr(0, equals), setting);
+        if (!service.setCameraParameter(subscription.getId(), control, number)) {
+            throw std::runtime_error("the camera refuses " + setting);
+        }
+    }
+}
+
+void show(const KRCameraControl& control) {
+    std::printf("0x%08x  %-32s %11d to %-11d step %-5d default %-11d value %d\n",
+                static_cast<unsigned>(control.id), control.name.c_str(), control.minimum, control.maximum,
+                control.step, control.defaultValue, control.value);
+}
+
+ExitCode showControls(const Options& options) {
+    Cameras cameras(options.cameras);
+    cameras.require(options.camera);
+    KRVideoDeviceProxy& service = cameras.getService();
+    std::unique_ptr<Subscription> subscription; // controls are set on a camera that is open
+    if (!options.settings.empty()) {
+        subscription = std::make_unique<Subscription>(service, options.camera, 2, 9);
+        apply(service, *subscription, options);
+    }
+    Json json = Json::array();
+    for (const KRCameraControl& control : service.getControls(options.camera)) {
+        if (options.json) {
+            json.push_back({{"id", control.id},
+                            {"name", control.name},
+                            {"minimum", control.minimum},
+                            {"maximum", control.maximum},
+                            {"step", control.step},
+                            {"default", control.defaultValue},
+                            {"value", control.value}});
+        } else {
+            show(control);
+        }
+    }
+    if (options.json) {
+        printJson(json);
+    }
+    return ExitCode::Done;
+}
+
+std::function<ExitCode()> declare(CLI::App& app) {
+    auto options = std::make_shared<Options>();
+    app.add_option("N", options->camera, "which camera")->required();
+    app.add_option("--set", options->settings,
+                   "ID=VALUE: sets a control, by its number or its name, before they are listed. May be "
+                   "given several "
+                   "times")
+        ->expected(1)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    options->cameras.declare(app);
+    app.add_flag("--json", options->json, "Writes an array with an object for each control");
+    return [options] { return showControls(*options); };
+}
+
+const CommandRegistration command({"camera", "controls", "Lists what can be set about a picture, and sets it",
+                                   "  kr camera controls 0 --camera 0=v4l2:/dev/video0 --set brightness=140",
+                                   declare});
+
+} // namespace
+
+} // namespace KR::tool
