@@ -1,0 +1,222 @@
+// What a camera costs: the processor time of one second of images, beside a bare GStreamer pipeline on the same source.
+
+#include <krcamera/krvideodevice.hpp>
+#include <krplatform/krbroker.hpp>
+#include <krplatform/krlog.hpp>
+#include <krplatform/krmodulehandle.hpp>
+#include <krplatform/krvideodeviceproxy.hpp>
+
+#include <benchmark/benchmark.h>
+#include <gst/gst.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using namespace KR;
+
+constexpr int framesPerSecond = 30;
+constexpr int warmUpFrames = 15; // plug-ins, buffers and code are loaded then
+constexpr int vga = 2;
+constexpr int yuv422 = 9;
+constexpr int bgr = 13;
+
+double getProcessorTime() {
+    timespec time{};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
+    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
+}
+
+void runPipeline(const std::string& description) {
+    GError* error = nullptr;
+    GstElement* pipeline = gst_parse_launch(description.c_str(), &error);
+    if (error != nullptr) {
+        throw std::runtime_error(error->message);
+    }
+    gst_element_set_state(pipeline, GST_STATE_PLAYING);
+    GstBus* bus = gst_element_get_bus(pipeline);
+    const auto end = static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR);
+    gst_message_unref(gst_bus_timed_pop_filtered(bus, GST_CLOCK_TIME_NONE, end));
+    gst_object_unref(bus);
+    gst_element_set_state(pipeline, GST_STATE_NULL);
+    gst_object_unref(pipeline);
+}
+
+/// A film of three seconds, made once.
+class Film {
+public:
+    static const std::string& getPath() {
+        static const Film film;
+        return film.path_;
+    }
+
+private:
+    Film() : path_((std::filesystem::temp_directory_path() / "krcamera-benchmark.avi").string()) {
+        runPipeline(
+            "videotestsrc num-buffers=90 pattern=smpte ! video/x-raw,width=640,height=480,framerate=30/1 ! "
+            "videoconvert ! video/x-raw,format=Y42B ! jpegenc ! avimux ! filesink location=" +
+            path_);
+    }
+    ~Film() { std::filesystem::remove(path_); }
+
+    const std::string path_;
+};
+
+/// A camera service with one camera, and subscribers that fetch every image on threads of their own.
+class Service {
+public:
+    Service(const std::string& source, int subscribers, int colorSpace)
+        : module_(createModule<KRVideoDevice>(broker_, "KRVideoDevice", std::vector{source})),
+          proxy_(broker_) {
+        for (int i = 0; i < subscribers; ++i) {
+            const std::string id = proxy_.subscribeCamera("benchmark", 0, vga, colorSpace, framesPerSecond);
+            threads_.emplace_back([this, id, counts = i == 0] { fetch(id, counts); });
+        }
+    }
+    ~Service() {
+        ending_ = true;
+        for (std::thread& thread : threads_) {
+            thread.join();
+        }
+    }
+
+    /// Blocks until so many images have come to the first subscriber since the last call.
+    void wait(int images) {
+        const int end = seen_ + images;
+        for (int now = images_; now < end; now = images_) {
+            images_.wait(now);
+        }
+        seen_ = end;
+    }
+
+private:
+    void fetch(const std::string& id, bool counts) {
+        while (!ending_) {
+            try {
+                const KRValue image = proxy_.getImageRemote(id);
+                proxy_.releaseImage(id);
+            } catch (const KRError&) {
+                continue; // late
+            }
+            if (counts) {
+                ++images_;
+                images_.notify_one();
+            }
+        }
+    }
+
+    boost::shared_ptr<KRBroker> broker_ = KRBroker::create("local:");
+    KRModuleHandle<KRVideoDevice> module_;
+    KRVideoDeviceProxy proxy_;
+    std::atomic<bool> ending_ = false;
+    std::atomic<int> images_ = 0;
+    int seen_ = 0;
+    std::vector<std::thread> threads_;
+};
+
+void measureService(benchmark::State& state, const std::string& source, int subscribers, int colorSpace,
+                    const std::string& label) {
+    setLogLevel(KRLogLevel::Warning);
+    Service service(source, subscribers, colorSpace);
+    service.wait(warmUpFrames);
+    for ([[maybe_unused]] const auto iteration : state) {
+        const double start = getProcessorTime();
+        service.wait(framesPerSecond);
+        state.SetIterationTime(getProcessorTime() - start);
+    }
+    state.SetLabel(label);
+}
+
+/// The pipeline must end after two seconds; the first of them, in which it starts, does not count.
+void measurePipeline(benchmark::State& state, const std::string& source, const std::string& label) {
+    for ([[maybe_unused]] const auto iteration : state) {
+        GstElement* pipeline =
+            gst_parse_launch((source + " ! fakesink name=sink sync=true signal-handoffs=true "
+                                       "enable-last-sample=false")
+                                 .c_str(),
+                             nullptr);
+        std::atomic<int> images = 0;
+        GstElement* sink = gst_bin_get_by_name(GST_BIN(pipeline), "sink");
+        g_signal_connect(sink, "handoff", G_CALLBACK(+[](GstElement*, GstBuffer*, GstPad*, gpointer count) {
+                             ++*static_cast<std::atomic<int>*>(count);
+                             static_cast<std::atomic<int>*>(count)->notify_one();
+                         }),
+                         &images);
+        const auto wait = [&images](int end) {
+            for (int now = images; now < end; now = images) {
+                images.wait(now);
+            }
+        };
+        gst_element_set_state(pipeline, GST_STATE_PLAYING);
+        wait(warmUpFrames);
+        const double start = getProcessorTime();
+        wait(warmUpFrames + framesPerSecond);
+        state.SetIterationTime(getProcessorTime() - start);
+        gst_element_set_state(pipeline, GST_STATE_NULL);
+        gst_object_unref(sink);
+        gst_object_unref(pipeline);
+    }
+    state.SetLabel(label);
+}
+
+const std::string testSource =
+    "videotestsrc is-live=true pattern=ball ! video/x-raw,format=YUY2,width=640,height=480,framerate=30/1";
+
+const std::string filmSource() {
+    return "filesrc location=" + Film::getPath() + " ! decodebin ! videoconvert ! video/x-raw,format=YUY2";
+}
+
+void testPicture(benchmark::State& state) {
+    measureService(state, "test", 1, yuv422, "test picture, 1 subscriber");
+}
+void testPictureOfGStreamer(benchmark::State& state) {
+    measurePipeline(state, testSource, "test picture, 1 subscriber");
+}
+void testPictureForTen(benchmark::State& state) {
+    measureService(state, "test", 10, yuv422, "test picture, 10 subscribers");
+}
+void convertedPicture(benchmark::State& state) {
+    measureService(state, "test", 1, bgr, "test picture as BGR, 1 subscriber");
+}
+void convertedPictureForTen(benchmark::State& state) {
+    measureService(state, "test", 10, bgr, "test picture as BGR, 10 subscribers");
+}
+void film(benchmark::State& state) {
+    measureService(state, "file:" + Film::getPath(), 1, yuv422, "film, 1 subscriber");
+}
+void filmOfGStreamer(benchmark::State& state) {
+    measurePipeline(state, filmSource(), "film, 1 subscriber");
+}
+void filmForTen(benchmark::State& state) {
+    measureService(state, "file:" + Film::getPath(), 10, yuv422, "film, 10 subscribers");
+}
+
+void add(const char* name, void (*measure)(benchmark::State&)) {
+    benchmark::RegisterBenchmark(name, measure)
+        ->UseManualTime()
+        ->Iterations(2)
+        ->Unit(benchmark::kMicrosecond);
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    gst_init(&argc, &argv);
+    add("second_of_a_camera/krvision/test", testPicture);
+    add("second_of_a_camera/gstreamer/test", testPictureOfGStreamer);
+    add("second_of_a_camera/krvision/test10", testPictureForTen);
+    add("second_of_a_camera/krvision/bgr", convertedPicture);
+    add("second_of_a_camera/krvision/bgr10", convertedPictureForTen);
+    add("second_of_a_camera/krvision/film", film);
+    add("second_of_a_camera/gstreamer/film", filmOfGStreamer);
+    add("second_of_a_camera/krvision/film10", filmForTen);
+    benchmark::Initialize(&argc, argv);
+    benchmark::RunSpecifiedBenchmarks();
+}

@@ -1,0 +1,166 @@
+#include "program.hpp"
+#include "temporaryfolder.hpp"
+
+#include <krvision/krimage.hpp>
+#include <krvision/krvideo.hpp>
+
+#include <nlohmann/json.hpp>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+
+namespace KR {
+namespace {
+
+using nlohmann::json;
+using test::kr;
+using test::Outcome;
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::MatchesRegex;
+
+TEST(KrCamera, ListsTheCamerasThatItIsGiven) {
+    const Outcome one = kr({"camera", "list"});
+    EXPECT_EQ(one.exitCode, 0) << one.err;
+    EXPECT_EQ(one.out, "  0  test\n");
+    const Outcome two =
+        kr({"camera", "list", "--camera", "1=test:snow", "--camera", "0=gst:videotestsrc", "--json"});
+    EXPECT_EQ(two.exitCode, 0) << two.err;
+    const json list = json::parse(two.out);
+    ASSERT_EQ(list.size(), 2U);
+    EXPECT_EQ(list[0]["source"], "gst:videotestsrc");
+    EXPECT_EQ(list[1]["model"], 1);
+}
+
+TEST(KrCamera, CamerasThatAreNoneAreRefused) {
+    const auto complaintOf = [](const std::string& option) {
+        const Outcome outcome = kr({"camera", "list", "--camera", option});
+        EXPECT_EQ(outcome.exitCode, 2) << option;
+        return outcome.err;
+    };
+    EXPECT_THAT(complaintOf("test"), HasSubstr("expected N=SOURCE"));
+    EXPECT_THAT(complaintOf("x=test"), HasSubstr("expected N=SOURCE"));
+    EXPECT_THAT(complaintOf("1=test"), HasSubstr("camera 0 is missing"));
+    const Outcome twice = kr({"camera", "list", "--camera", "0=test", "--camera", "0=test"});
+    EXPECT_THAT(twice.err, HasSubstr("there is a camera 0 already"));
+    const Outcome unknown = kr({"camera", "list", "--camera", "0=webcam"});
+    EXPECT_EQ(unknown.exitCode, 1);
+    EXPECT_THAT(unknown.err, HasSubstr("camera source \"webcam\" is not supported"));
+    const Outcome none = kr({"camera", "info", "3"});
+    EXPECT_EQ(none.exitCode, 2);
+    EXPECT_THAT(none.err, HasSubstr("there is no camera 3; there is only camera 0"));
+}
+
+TEST(KrCamera, ShowsWhatACameraDelivers) {
+    const Outcome outcome = kr({"camera", "info", "0", "--json"});
+    EXPECT_EQ(outcome.exitCode, 0) << outcome.err;
+    const json info = json::parse(outcome.out);
+    EXPECT_EQ(info["width"], 640);
+    EXPECT_EQ(info["height"], 480);
+    EXPECT_EQ(info["controls"], 7);
+    EXPECT_GT(info["rate_per_s"], 0);
+}
+
+TEST(KrCamera, ControlsAreListedAndSetByNumberOrName) {
+    const Outcome list = kr({"camera", "controls", "0"});
+    EXPECT_EQ(list.exitCode, 0) << list.err;
+    EXPECT_THAT(list.out, AllOf(HasSubstr("0x00980900  brightness"), HasSubstr("-100 to 100")));
+    const Outcome set =
+        kr({"camera", "controls", "0", "--set", "brightness=20", "--set", "0x00980903=-90", "--json"});
+    EXPECT_EQ(set.exitCode, 0) << set.err;
+    const json controls = json::parse(set.out);
+    EXPECT_EQ(controls[0]["value"], 20);
+    EXPECT_EQ(controls[3]["value"], -90);
+    EXPECT_THAT(kr({"camera", "controls", "0", "--set", "brightness=101"}).err,
+                HasSubstr("the camera refuses brightness=101"));
+    EXPECT_THAT(kr({"camera", "controls", "0", "--set", "12=1"}).err,
+                HasSubstr("has no parameter 12; it has: "));
+    EXPECT_EQ(kr({"camera", "controls", "0", "--set", "light=1"}).exitCode, 2);
+}
+
+TEST(KrCamera, WatchShowsALinePerImageAndASummary) {
+    const Outcome outcome = kr({"camera", "watch", "0", "--frames", "4"});
+    EXPECT_EQ(outcome.exitCode, 0) << outcome.err;
+    EXPECT_EQ(std::ranges::count(outcome.out, '\n'), 4 + 3);
+    EXPECT_THAT(outcome.out, AllOf(HasSubstr(" UTC"), HasSubstr(" ms "), HasSubstr(" missed\n"),
+                                   HasSubstr("4 images, "), HasSubstr("interval  median")));
+}
+
+TEST(KrCamera, WatchSaysWhenACameraEnds) {
+    const Outcome outcome =
+        kr({"camera", "watch", "0", "--camera", "0=gst:videotestsrc is-live=true num-buffers=3"});
+    EXPECT_EQ(outcome.exitCode, 1);
+    EXPECT_THAT(outcome.err, HasSubstr("has failed: the source has ended"));
+    EXPECT_THAT(outcome.out, HasSubstr(" images, "));
+}
+
+TEST(KrCamera, SnapshotsAreImageFilesOrPictures) {
+    const test::TemporaryFolder folder;
+    const std::string oxi = folder.path("now.oxi");
+    EXPECT_EQ(
+        kr({"camera", "snapshot", "0", oxi, "--resolution", "320x240", "--color-space", "bgr"}).exitCode, 0);
+    const json info = json::parse(kr({"image", "info", "--json", oxi}).out);
+    EXPECT_EQ(info[0]["width"], 320);
+    EXPECT_EQ(info[0]["color_space"], 13);
+    const std::string png = folder.path("now.png");
+    EXPECT_EQ(kr({"camera", "snapshot", "0", png}).exitCode, 0);
+    EXPECT_EQ(json::parse(kr({"image", "info", "--json", png}).out)[0]["width"], 640);
+    const Outcome unknown = kr({"camera", "snapshot", "0", folder.path("now.gif")});
+    EXPECT_EQ(unknown.exitCode, 2);
+    const Outcome odd = kr({"camera", "snapshot", "0", png, "--resolution", "100x100"});
+    EXPECT_EQ(odd.exitCode, 2);
+    EXPECT_THAT(odd.err, HasSubstr("there are 160x120, 320x240"));
+}
+
+TEST(KrCamera, SeveralCamerasAreStreamsOfOneRecording) {
+    const test::TemporaryFolder folder;
+    const std::string path = folder.path("both.oxv");
+    const Outcome outcome =
+        kr({"camera", "record", "0", "1", path, "--seconds", "1", "--resolution", "160x120", "--color-space",
+            "luma", "--camera", "0=test:white", "--camera", "1=test:black"});
+    EXPECT_THAT(outcome.exitCode, testing::AnyOf(0, 3)) << outcome.err; // 3: an image came too late
+    KRVideo video;
+    ASSERT_TRUE(video.readVideo(path));
+    EXPECT_EQ(video.getStreams().size(), 2U);
+    const unsigned frames = video.getFrameCount() / 2; // it counts chunks
+    ASSERT_GE(frames, 2U);
+    KRImage image(0, 0, false, 0, 0, 0, 0);
+    for (const unsigned stream : {0U, 1U}) {
+        std::int64_t last = 0;
+        for (unsigned frame = 0; frame < frames; ++frame) {
+            ASSERT_TRUE(video.getFrame(image, frame, stream, true));
+            EXPECT_GT(image.timeStamp, last);
+            last = image.timeStamp;
+            EXPECT_EQ(image.cameraId, static_cast<int>(stream));
+            EXPECT_EQ(image.data[1000], stream == 0 ? 235 : 16);
+        }
+    }
+}
+
+TEST(KrCamera, RecordsWhatARecordingCanHoldAndSaysWhatNot) {
+    const test::TemporaryFolder folder;
+    const std::string path = folder.path("film.oxv");
+    EXPECT_THAT(kr({"camera", "record", "0", path, "--seconds", "1", "--resolution", "1280x960"}).err,
+                HasSubstr("a recording holds 160x120, 320x240 or 640x480"));
+    EXPECT_THAT(kr({"camera", "record", "0", path, "--seconds", "1", "--color-space", "bgrx"}).err,
+                HasSubstr("no recording holds that"));
+    EXPECT_THAT(kr({"camera", "record", "0", folder.path("film.mp4"), "--seconds", "1"}).err,
+                HasSubstr("ends in .oxv"));
+    EXPECT_THAT(kr({"camera", "record", "left", path, "--seconds", "1"}).err,
+                HasSubstr("left is not the number of a camera"));
+    EXPECT_EQ(kr({"camera", "record", path, "--seconds", "1"}).exitCode, 2);
+    EXPECT_FALSE(std::filesystem::exists(path));
+}
+
+TEST(KrCamera, TopShowsTheStatisticsOfEverySubscription) {
+    const Outcome outcome =
+        kr({"camera", "top", "--seconds", "0.5", "--camera", "0=test", "--camera", "1=test:snow"});
+    EXPECT_EQ(outcome.exitCode, 0) << outcome.err;
+    EXPECT_THAT(outcome.out, AllOf(HasSubstr("subscriber"), HasSubstr("kr_1 "), HasSubstr("kr_2 ")));
+}
+
+} // namespace
+} // namespace KR
