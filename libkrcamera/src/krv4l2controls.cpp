@@ -79,6 +79,10 @@ KRControls::Answer KRV4l2Controls::set(int id, int value) {
     }
     int effective = value;
     getControl(device, id, effective);
+    // One that another control rules, such as the gain by its automatic, is taken without effect.
+    if (effective != value && (query.flags & V4L2_CTRL_FLAG_INACTIVE) != 0) {
+        return Answer::Refused;
+    }
     const std::lock_guard lock(mutex_);
     values_[id] = effective;
     return Answer::Done;
