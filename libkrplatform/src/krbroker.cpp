@@ -9,6 +9,8 @@
 #include <boost/smart_ptr/make_shared.hpp>
 
 #include <algorithm>
+#include <map>
+#include <mutex>
 #include <string_view>
 #include <system_error>
 
@@ -16,22 +18,21 @@ namespace KR {
 
 namespace {
 
-struct LocalOptions {
-    bool memory = true;
-};
+void logFailedPost(const std::string& module, const std::string& method) {
+    logError("krplatform.call",
+             "posted call " + module + "." + method + " failed: " + describeCurrentException());
+}
 
-LocalOptions parseLocalUrl(const std::string& url) {
-    constexpr std::string_view kScheme = "local:";
+constexpr std::string_view kLocalScheme = "local:";
+
+KRBrokerOptions parseLocalUrl(const std::string& url) {
     const auto refuse = [&](const std::string& why) {
         throw KRError("KRBroker", "create",
                       "broker address \"" + url + "\": " + why + "; known are local: and local:?memory=none");
     };
     std::string_view rest = url;
-    if (!rest.starts_with(kScheme)) {
-        refuse("unknown kind of broker");
-    }
-    rest.remove_prefix(kScheme.size());
-    LocalOptions options;
+    rest.remove_prefix(kLocalScheme.size());
+    KRBrokerOptions options;
     if (rest.empty()) {
         return options;
     }
@@ -46,6 +47,38 @@ LocalOptions parseLocalUrl(const std::string& url) {
     return options;
 }
 
+/// What the address begins with, up to its colon, and who makes sense of it. Thread-safe.
+class KRTransports {
+public:
+    void add(const std::string& scheme, KRTransportFactory factory) {
+        const std::lock_guard lock(mutex_);
+        factories_[scheme] = std::move(factory);
+    }
+    KRTransportFactory find(const std::string& url) const {
+        const std::lock_guard lock(mutex_);
+        const auto found = factories_.find(url.substr(0, url.find(':') + 1));
+        if (found == factories_.end()) {
+            std::string known(kLocalScheme);
+            for (const auto& [scheme, factory] : factories_) {
+                known += " and " + scheme;
+            }
+            throw KRError("KRBroker", "create",
+                          "broker address \"" + url + "\": unknown kind of broker; known are " + known +
+                              " (dds: needs the library krdds)");
+        }
+        return found->second;
+    }
+
+private:
+    mutable std::mutex mutex_;
+    std::map<std::string, KRTransportFactory> factories_; // guarded by mutex_
+};
+
+KRTransports& getTransports() {
+    static KRTransports transports;
+    return transports;
+}
+
 } // namespace
 
 void KRBrokerPrivate::postEntered(std::shared_ptr<KRModuleGate> gate, std::string method,
@@ -56,14 +89,29 @@ void KRBrokerPrivate::postEntered(std::shared_ptr<KRModuleGate> gate, std::strin
             try {
                 job(running);
             } catch (...) {
-                logError("krplatform.call", "posted call " + gate->getName() + "." + method +
-                                                " failed: " + describeCurrentException());
+                logFailedPost(gate->getName(), method);
             }
             job = nullptr; // what it holds goes while the module stands
         });
     } catch (const std::system_error& error) {
         gate->leave();
         throw KRError(gate->getName(), method,
+                      std::string("no call thread could be started: ") + error.what());
+    }
+}
+
+void KRBrokerPrivate::postRemote(std::shared_ptr<KRRemoteModule> module, std::string method,
+                                 std::vector<KRValue> arguments) {
+    try {
+        threads.post([module, method, arguments = std::move(arguments)] {
+            try {
+                module->call(method, arguments);
+            } catch (...) {
+                logFailedPost(module->getName(), method);
+            }
+        });
+    } catch (const std::system_error& error) {
+        throw KRError(module->getName(), method,
                       std::string("no call thread could be started: ") + error.what());
     }
 }
@@ -86,13 +134,20 @@ bool KRSession::waitForService(const std::string& name, std::chrono::millisecond
 KRBroker::KRBroker() : p_(std::make_unique<KRBrokerPrivate>()) {}
 
 KRBroker::~KRBroker() {
+    if (p_->transport) {
+        p_->transport->stop(); // first, so that nobody waits for calls to other processes
+    }
     p_->directory.setObserver(nullptr);
     p_->memory.reset();
+    p_->directory.setTransport(nullptr);
 }
 
 boost::shared_ptr<KRBroker> KRBroker::create(const std::string& url) {
-    const LocalOptions options = parseLocalUrl(url);
     boost::shared_ptr<KRBroker> broker(new KRBroker);
+    KRBrokerOptions options =
+        url.starts_with(kLocalScheme) ? parseLocalUrl(url) : getTransports().find(url)(url, broker->p_->host);
+    broker->p_->transport = std::move(options.transport);
+    broker->p_->directory.setTransport(broker->p_->transport.get());
     if (options.memory) {
         // The broker owns the memory module, which therefore must not own the broker.
         const boost::shared_ptr<KRBroker> unowned(broker.get(), [](KRBroker*) {});
@@ -103,6 +158,10 @@ boost::shared_ptr<KRBroker> KRBroker::create(const std::string& url) {
             });
     }
     return broker;
+}
+
+void registerTransport(const std::string& scheme, KRTransportFactory factory) {
+    getTransports().add(scheme, std::move(factory));
 }
 
 boost::shared_ptr<KRProxy> KRBroker::getProxy(const std::string& module, int) {

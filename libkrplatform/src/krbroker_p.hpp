@@ -2,6 +2,7 @@
 
 #include "krplatform/krbroker.hpp"
 #include "krplatform/krmodulehandle.hpp"
+#include "krplatform/krtransport.hpp"
 
 #include "krcallthreads.hpp"
 #include "krdirectory.hpp"
@@ -10,6 +11,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace KR {
 
@@ -23,7 +25,13 @@ public:
     void postEntered(std::shared_ptr<KRModuleGate> gate, std::string method,
                      std::function<void(KRModuleGate::Running&)> job);
 
+    /// The same for a call of a module of another process.
+    void postRemote(std::shared_ptr<KRRemoteModule> module, std::string method,
+                    std::vector<KRValue> arguments);
+
     KRDirectory directory;
+    KRTransportHost host{*this};
+    std::unique_ptr<KRTransport> transport; // null in a broker that is alone; goes after the call threads
     KRCallThreads threads;
     KRSession session{*this};
     KRModuleHandle<KRMemory> memory; // empty in a broker without one

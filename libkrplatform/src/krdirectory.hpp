@@ -1,5 +1,7 @@
 #pragma once
 
+#include "krplatform/krtransport.hpp"
+
 #include "krmodulegate.hpp"
 
 #include <chrono>
@@ -14,7 +16,7 @@
 
 namespace KR {
 
-/// The modules of a broker by name. Thread-safe.
+/// The modules of a broker by name, and those of other processes that it knows of. Thread-safe.
 class KRDirectory {
 public:
     /// Hears of a module that can be called from now on, or cannot any more.
@@ -24,7 +26,10 @@ public:
     /// Set it before the first module comes and clear it after the last has gone.
     void setObserver(Observer observer) { observer_ = std::move(observer); }
 
-    /// A gate under this name, not open yet. \throws KRError the name is empty or taken
+    /// The link to other processes that is to hear of changes. Set and clear it as the observer.
+    void setTransport(KRTransport* transport) { transport_ = transport; }
+
+    /// A gate under this name, not open yet. \throws KRError the name is empty or taken, here or elsewhere
     std::shared_ptr<KRModuleGate> reserve(const std::string& name, KRModule& module);
     void open(KRModuleGate& gate);
     void close(KRModuleGate& gate);
@@ -33,16 +38,33 @@ public:
 
     /// The gate under this name whatever its state, or null.
     std::shared_ptr<KRModuleGate> find(const std::string& name) const;
+    /// The module of another process under this name whatever its state, or null.
+    std::shared_ptr<KRRemoteModule> findRemote(const std::string& name) const;
+    /// How far the module of this name is, here or elsewhere; none if there is none.
+    std::optional<KRModuleState> getState(const std::string& name) const;
+    bool isOpen(const std::string& name) const { return getState(name) == KRModuleState::Open; }
+
+    void setRemote(const std::shared_ptr<KRRemoteModule>& module, KRModuleState state);
+    void removeRemote(const std::shared_ptr<KRRemoteModule>& module);
+
+    std::vector<KRLocalModule> listLocal() const;
+    std::vector<std::shared_ptr<KRModuleGate>> getOpenGates() const;
     /// Blocks until the module can be called, or until the deadline. \return whether it can be called
     bool waitFor(const std::string& name,
                  std::optional<std::chrono::steady_clock::time_point> deadline) const;
     std::vector<std::string> listOpen() const;
 
 private:
+    std::optional<KRModuleState> findState(const std::string& name) const; // with mutex_ held
+    void announce() const noexcept;
+    void notify(const std::string& module, bool reachable) const;
+
     Observer observer_;
+    KRTransport* transport_ = nullptr;
     mutable std::mutex mutex_;
     mutable std::condition_variable opened_;
-    std::map<std::string, std::shared_ptr<KRModuleGate>> gates_; // guarded by mutex_
+    std::map<std::string, std::shared_ptr<KRModuleGate>> gates_;    // guarded by mutex_
+    std::map<std::string, std::shared_ptr<KRRemoteModule>> remote_; // guarded by mutex_
 };
 
 } // namespace KR

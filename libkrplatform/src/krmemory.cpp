@@ -273,19 +273,19 @@ KRValue KRMemory::getEventSubscribers(const std::string& event) {
     return subscribers;
 }
 
-std::shared_ptr<KRModuleGate> KRMemory::findClient(const std::string& client) const {
-    auto gate = KRBrokerPrivate::of(*getParentBroker()).directory.find(client);
-    if (!gate) {
+KRModuleState KRMemory::findClient(const std::string& client) const {
+    const auto state = KRBrokerPrivate::of(*getParentBroker()).directory.getState(client);
+    if (!state) {
         throw KRError(kName, "subscribeToEvent", "there is no module named " + client);
     }
-    if (gate->isClosed()) {
+    if (*state == KRModuleState::Closed) {
         throw KRError(kName, "subscribeToEvent", "the module " + client + " is exiting");
     }
-    return gate;
+    return *state;
 }
 
 void KRMemory::checkCallback(const std::string& client, const std::string& callback) const {
-    if (!findClient(client)->isOpen()) {
+    if (findClient(client) != KRModuleState::Open) {
         return; // it subscribes in its own constructor, where it may not have published the method yet
     }
     const auto methods = KRProxy(getParentBroker(), client).getMethodList();
@@ -380,8 +380,7 @@ void KRMemory::settle(const std::string& extractor, const std::string& client) {
 }
 
 bool KRMemory::isReachable(const std::string& module) const {
-    const auto gate = KRBrokerPrivate::of(*getParentBroker()).directory.find(module);
-    return gate && gate->isOpen();
+    return KRBrokerPrivate::of(*getParentBroker()).directory.isOpen(module);
 }
 
 bool KRMemory::isWanted(const LinkKey& key) const {

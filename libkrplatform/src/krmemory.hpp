@@ -2,6 +2,7 @@
 
 #include "krplatform/krmodule.hpp"
 #include "krplatform/krproxy.hpp"
+#include "krplatform/krtransport.hpp"
 
 #include <condition_variable>
 #include <deque>
@@ -67,7 +68,8 @@ private:
     using LinkKey = std::pair<std::string, std::string>; // extractor, client
 
     void publishMethods();
-    std::shared_ptr<KRModuleGate> findClient(const std::string& client) const;
+    /// \throws KRError there is no such module, or it goes
+    KRModuleState findClient(const std::string& client) const;
     void checkCallback(const std::string& client, const std::string& callback) const;
     void deliver(const std::shared_ptr<Subscription>& subscription);
     void settle(const std::string& extractor, const std::string& client);

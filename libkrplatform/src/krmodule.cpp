@@ -315,6 +315,10 @@ void KRModule::xPost(const std::string& what, std::function<void()> function) {
                      [function = std::move(function)](KRModuleGate::Running&) { function(); });
 }
 
+std::string KRModule::xGetCaller() const {
+    return p_->gate->getCaller();
+}
+
 void shutDownAndDestroy(std::unique_ptr<KRModule> module) noexcept {
     // Nothing here may fail: there is nobody left who could hear of it.
     const auto takeDown = [](std::unique_ptr<KRModule> last) noexcept {

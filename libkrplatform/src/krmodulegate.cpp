@@ -1,6 +1,7 @@
 #include "krmodulegate.hpp"
 
 #include "krmodule_p.hpp"
+#include "krmodulenumber.hpp"
 
 namespace KR {
 
@@ -11,6 +12,9 @@ namespace {
 thread_local const KRModuleGate::Running* innermostCall = nullptr;
 
 } // namespace
+
+KRModuleGate::KRModuleGate(std::string name, KRModule& module)
+    : name_(std::move(name)), number_(drawModuleNumber()), module_(module) {}
 
 bool KRModuleGate::open() noexcept {
     std::uint64_t state = state_.load(std::memory_order_acquire);
@@ -86,7 +90,17 @@ KRValue KRModuleGate::call(std::string_view method, std::span<const KRValue> arg
     return Running(*this).call(method, arguments);
 }
 
-KRModuleGate::Running::Running(KRModuleGate& gate) noexcept : gate_(gate), around_(innermostCall) {
+std::string KRModuleGate::getCaller() const {
+    for (const Running* call = innermostCall; call != nullptr; call = call->around_) {
+        if (&call->gate_ == this) {
+            return call->caller_ != nullptr ? *call->caller_ : std::string();
+        }
+    }
+    return {};
+}
+
+KRModuleGate::Running::Running(KRModuleGate& gate, const std::string* caller) noexcept
+    : gate_(gate), caller_(caller), around_(innermostCall) {
     innermostCall = this;
 }
 
@@ -97,6 +111,10 @@ KRModuleGate::Running::~Running() {
 
 KRValue KRModuleGate::Running::call(std::string_view method, std::span<const KRValue> arguments) {
     return gate_.module_.p_->call(method, arguments);
+}
+
+void KRModuleGate::Running::tellCallerGone(const std::string& caller) {
+    gate_.module_.xCallerGone(caller);
 }
 
 } // namespace KR

@@ -17,9 +17,11 @@ class KRModule;
 /// goes. Callers share the gate, nobody shares the module. Thread-safe.
 class KRModuleGate {
 public:
-    KRModuleGate(std::string name, KRModule& module) : name_(std::move(name)), module_(module) {}
+    KRModuleGate(std::string name, KRModule& module);
 
     const std::string& getName() const noexcept { return name_; }
+    /// No other module that this process knows or knew of has it.
+    std::uint32_t getNumber() const noexcept { return number_; }
 
     /// Lets callers in, unless the gate is closed. \return whether this call did it
     bool open() noexcept;
@@ -41,21 +43,26 @@ public:
 
     /// The calling thread is inside a call of this module.
     bool isInsideCall() const noexcept { return countCallsOfThisThread() > 0; }
+    /// The process whose call of this module runs on this thread; empty for this process itself.
+    std::string getCaller() const;
     /// Blocks until no thread but the calling one is inside a call.
     void waitForCalls() const noexcept;
 
     /// For as long as it stands, a call that was counted runs on this thread; leaves at its end.
     class Running {
     public:
-        explicit Running(KRModuleGate& gate) noexcept;
+        /// \param caller  the process that calls, if it is another one; outlives the call
+        explicit Running(KRModuleGate& gate, const std::string* caller = nullptr) noexcept;
         ~Running();
         Running(const Running&) = delete;
         Running& operator=(const Running&) = delete;
         KRValue call(std::string_view method, std::span<const KRValue> arguments);
+        void tellCallerGone(const std::string& caller);
 
     private:
         friend KRModuleGate;
         KRModuleGate& gate_;
+        const std::string* const caller_;
         const Running* const around_; // the call that this one was made from, on this thread
     };
 
@@ -68,6 +75,7 @@ private:
     static constexpr std::uint64_t kCalls = kOpened - 1;
 
     const std::string name_;
+    const std::uint32_t number_;
     KRModule& module_;                     // touched only by calls that were let in
     std::atomic<std::uint64_t> state_ = 0; // the two flags and the number of calls inside
 };

@@ -13,15 +13,29 @@ struct KRProxy::Private {
     std::mutex mutex;
     std::shared_ptr<KRModuleGate> gate; // guarded by mutex: where the module was found last
 
-    std::shared_ptr<KRModuleGate> find(std::string_view method) {
+    KRBrokerPrivate& getBroker() const { return KRBrokerPrivate::of(*broker); }
+
+    /// The gate of the module of this process, or null.
+    std::shared_ptr<KRModuleGate> find() {
         const std::lock_guard lock(mutex);
         if (!gate || gate->isClosed()) {
-            gate = KRBrokerPrivate::of(*broker).directory.find(module);
-        }
-        if (!gate) {
-            throw KRError(module, std::string(method), "there is no module named " + module);
+            gate = getBroker().directory.find(module);
         }
         return gate;
+    }
+
+    /// The module of another process, which can be called. \throws KRError there is none
+    std::shared_ptr<KRRemoteModule> findRemote(std::string_view method) const {
+        auto remote = getBroker().directory.findRemote(module);
+        if (!remote) {
+            throw KRError(module, std::string(method), "there is no module named " + module);
+        }
+        if (remote->getState() != KRModuleState::Open) {
+            throw KRError(module, std::string(method),
+                          remote->getState() == KRModuleState::Closed ? "the module is exiting"
+                                                                      : "the module is not reachable yet");
+        }
+        return remote;
     }
 };
 
@@ -39,16 +53,30 @@ const std::string& KRProxy::getModuleName() const noexcept {
 }
 
 KRValue KRProxy::callValues(std::string_view method, std::span<const KRValue> arguments) const {
-    return p_->find(method)->call(method, arguments);
+    if (const std::shared_ptr<KRModuleGate> gate = p_->find()) {
+        return gate->call(method, arguments);
+    }
+    return p_->findRemote(method)->call(method, arguments);
 }
 
 void KRProxy::postValues(std::string_view method, std::vector<KRValue> arguments) const {
-    const std::shared_ptr<KRModuleGate> gate = p_->find(method);
+    const std::shared_ptr<KRModuleGate> gate = p_->find();
+    if (!gate) {
+        p_->getBroker().postRemote(p_->findRemote(method), std::string(method), std::move(arguments));
+        return;
+    }
     gate->enter(method);
-    KRBrokerPrivate::of(*p_->broker)
-        .postEntered(gate, std::string(method),
-                     [method = std::string(method), arguments = std::move(arguments)](
-                         KRModuleGate::Running& running) { running.call(method, arguments); });
+    p_->getBroker().postEntered(gate, std::string(method),
+                                [method = std::string(method), arguments = std::move(arguments)](
+                                    KRModuleGate::Running& running) { running.call(method, arguments); });
+}
+
+std::uint32_t KRProxy::getModuleNumber() const {
+    if (const std::shared_ptr<KRModuleGate> gate = p_->find()) {
+        return gate->isOpen() ? gate->getNumber() : 0;
+    }
+    const std::shared_ptr<KRRemoteModule> remote = p_->getBroker().directory.findRemote(p_->module);
+    return remote && remote->getState() == KRModuleState::Open ? remote->getNumber() : 0;
 }
 
 std::vector<KRMethodDescription> KRProxy::getMethodList() const {

@@ -109,6 +109,13 @@ protected:
     /// new calls are refused; may be called again, with nothing left to stop. Does nothing here.
     virtual void xShutDown() {}
 
+    /// The process whose call of this module runs on the calling thread: a text that tells processes apart,
+    /// empty for this process itself and outside of calls. Thread-safe.
+    std::string xGetCaller() const;
+    /// A process that may have called this module is gone, or cannot be reached for so long that it counts as
+    /// gone; what the module keeps for it can go. Runs as a call, on a call thread. Does nothing here.
+    virtual void xCallerGone(const std::string& /*caller*/) {}
+
 private:
     friend class KRModuleGate;
     friend void shutDownAndDestroy(std::unique_ptr<KRModule> module) noexcept;

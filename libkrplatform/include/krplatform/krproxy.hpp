@@ -7,6 +7,7 @@
 #include <boost/smart_ptr/shared_ptr.hpp>
 
 #include <array>
+#include <cstdint>
 #include <memory>
 #include <span>
 #include <string>
@@ -22,7 +23,8 @@ class KRBroker;
 ///
 /// A proxy names a module, it does not hold one: it finds the module at each call, so it serves again when a
 /// module has gone and another has come under its name. Inside one process a call is a direct call on the
-/// caller's thread. All operations are thread-safe.
+/// caller's thread; a call to another process waits for the answer for as long as that process lives, and fails
+/// when it is gone. All operations are thread-safe.
 class KR_EXPORT KRProxy {
 public:
     KRProxy(boost::shared_ptr<KRBroker> broker, std::string module);
@@ -55,6 +57,10 @@ public:
         postValues(method, {KRValue(std::forward<A>(arguments))...});
     }
     void postValues(std::string_view method, std::vector<KRValue> arguments) const;
+
+    /// A number by which a module can be told from the one that had its name before; 0 if there is none that can
+    /// be called.
+    std::uint32_t getModuleNumber() const;
 
     /// The methods that the module publishes, in publication order. \throws KRError no such module
     std::vector<KRMethodDescription> getMethodList() const;

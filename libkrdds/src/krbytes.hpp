@@ -1,0 +1,59 @@
+#pragma once
+
+#include <krplatform/krvalue.hpp>
+
+#include <boost/smart_ptr/shared_ptr.hpp>
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+namespace KR {
+
+/// Bytes that were received, in one run. Large ones come from memory that is used again and again, for fresh pages
+/// cost more than filling them.
+struct KRReceivedBytes {
+    boost::shared_ptr<unsigned char[]> bytes;
+    std::size_t size = 0;
+
+    static constexpr std::size_t kMax = (std::size_t{1} << 28) + (std::size_t{1} << 20); ///< more is refused
+
+    static KRReceivedBytes allocate(std::size_t size);
+};
+
+/// Bytes to be sent, composed of small ones that it owns and large binaries that it shares.
+class KRComposedBytes {
+public:
+    struct Piece {
+        const unsigned char* data;
+        std::size_t size;
+        std::size_t offset; ///< in the whole
+    };
+
+    void append(const void* bytes, std::size_t size) {
+        own_.append(static_cast<const char*>(bytes), size);
+        size_ += size;
+    }
+    void appendShared(KRBinary binary) {
+        size_ += binary.size();
+        shared_.push_back({own_.size(), std::move(binary)});
+    }
+    void appendShared(const KRComposedBytes& other);
+    std::size_t size() const noexcept { return size_; }
+    /// Changes bytes that were appended before anything shared.
+    void overwrite(std::size_t offset, const void* bytes, std::size_t size);
+
+    /// The pieces in order; they are valid while this stands unchanged.
+    std::vector<Piece> getPieces() const&;
+
+private:
+    struct Shared {
+        std::size_t after; // that many of our own bytes
+        KRBinary binary;
+    };
+    std::string own_;
+    std::vector<Shared> shared_;
+    std::size_t size_ = 0;
+};
+
+} // namespace KR

@@ -1,0 +1,190 @@
+#include "krddsoptions.hpp"
+
+#include <krplatform/krerror.hpp>
+
+#include <algorithm>
+#include <cctype>
+#include <charconv>
+#include <fstream>
+#include <sstream>
+#include <string_view>
+
+namespace KR {
+
+namespace {
+
+constexpr std::string_view kScheme = "dds:";
+constexpr std::uint32_t kMaxDomain = 230;
+
+class Parser {
+public:
+    explicit Parser(const std::string& url) : url_(url) {}
+
+    [[noreturn]] void refuse(const std::string& why) const {
+        throw KRError("KRBroker", "create",
+                      "broker address \"" + url_ + "\": " + why +
+                          "; an example is dds:?domain=3&memory=here&peers=localhost");
+    }
+
+    /// A number that is all of the text.
+    template <class Number>
+    Number toNumber(const std::string& option, const std::string& text, Number low, Number high) const {
+        Number number{};
+        const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+        if (error != std::errc() || end != text.data() + text.size() || !(number >= low && number <= high)) {
+            std::ostringstream why;
+            why << option << " is \"" << text << "\", not a number from " << low << " to " << high;
+            refuse(why.str());
+        }
+        return number;
+    }
+
+    std::vector<std::string> toList(const std::string& option, const std::string& text) const {
+        std::vector<std::string> list;
+        std::istringstream parts(text);
+        for (std::string part; std::getline(parts, part, ',');) {
+            const bool fits = !part.empty() && std::all_of(part.begin(), part.end(), [](unsigned char c) {
+                return std::isalnum(c) != 0 ||
+                       std::string_view(".:-_@[]%").find(static_cast<char>(c)) != std::string_view::npos;
+            });
+            if (!fits) {
+                refuse(option + " has \"" + part + "\" in it, which is no name");
+            }
+            list.push_back(part);
+        }
+        return list;
+    }
+
+private:
+    const std::string& url_;
+};
+
+std::string getProgramName() {
+    std::ifstream file("/proc/self/comm");
+    std::string name;
+    std::getline(file, name);
+    return name;
+}
+
+std::string escapeXml(const std::string& text) {
+    std::string escaped;
+    for (const char c : text) {
+        switch (c) {
+        case '&':
+            escaped += "&amp;";
+            break;
+        case '<':
+            escaped += "&lt;";
+            break;
+        case '>':
+            escaped += "&gt;";
+            break;
+        case '"':
+            escaped += "&quot;";
+            break;
+        default:
+            escaped += c;
+        }
+    }
+    return escaped;
+}
+
+} // namespace
+
+KRDDSOptions KRDDSOptions::parse(const std::string& url) {
+    const Parser parser(url);
+    KRDDSOptions options;
+    std::string rest = url.substr(std::min(url.size(), kScheme.size()));
+    if (!rest.empty() && rest.front() != '?') {
+        parser.refuse("nothing but options may follow dds:");
+    }
+    std::istringstream list(rest.empty() ? rest : rest.substr(1));
+    for (std::string option; std::getline(list, option, '&');) {
+        const auto equals = option.find('=');
+        const std::string name = option.substr(0, equals);
+        const std::string value = equals == std::string::npos ? "" : option.substr(equals + 1);
+        if (name == "domain") {
+            options.domain = parser.toNumber<std::uint32_t>(name, value, 0, kMaxDomain);
+        } else if (name == "name") {
+            options.name = value;
+        } else if (name == "memory") {
+            if (value != "here" && value != "none") {
+                parser.refuse("memory is \"" + value + "\", not here or none");
+            }
+            options.memory = value == "here";
+        } else if (name == "peers") {
+            options.peers = parser.toList(name, value);
+        } else if (name == "interfaces") {
+            options.interfaces = parser.toList(name, value);
+        } else if (name == "lease") {
+            const auto seconds = parser.toNumber<double>(name, value, 0.1, 3600.0);
+            options.lease = std::chrono::milliseconds(static_cast<int>(1000 * seconds));
+        } else if (name == "fragment") {
+            options.fragment = parser.toNumber<std::uint32_t>(name, value, 512, 65000);
+        } else if (name == "security") {
+            if (value.empty()) {
+                parser.refuse("security needs a folder");
+            }
+            options.security = value;
+        } else {
+            parser.refuse("unknown option \"" + option + "\"");
+        }
+    }
+    if (options.name.empty()) {
+        options.name = getProgramName();
+    }
+    return options;
+}
+
+std::string KRDDSOptions::getConfiguration() const {
+    std::ostringstream xml;
+    xml << "<CycloneDDS><Domain Id=\"any\"><General>";
+    if (!interfaces.empty()) {
+        xml << "<Interfaces>";
+        for (const std::string& interface : interfaces) {
+            xml << "<NetworkInterface name=\"" << escapeXml(interface) << "\"/>";
+        }
+        xml << "</Interfaces>";
+    }
+    // The headers of a fragment's message take up to 128 bytes.
+    xml << "<MaxMessageSize>" << std::min<std::uint32_t>(fragment + 128, 65500) << "B</MaxMessageSize>"
+        << "<FragmentSize>" << fragment << "B</FragmentSize></General>";
+    // A known index gives each process on a host a port of its own where others look for it without multicast;
+    // 119 is the last one whose port is not that of the next domain.
+    xml << "<Discovery><ParticipantIndex>auto</ParticipantIndex>"
+        << "<MaxAutoParticipantIndex>119</MaxAutoParticipantIndex><Peers>";
+    for (const std::string& peer : peers) {
+        xml << "<Peer Address=\"" << escapeXml(peer) << "\"/>";
+    }
+    if (std::find(peers.begin(), peers.end(), "localhost") == peers.end()) {
+        xml << "<Peer Address=\"localhost\"/>"; // other processes on this host, be there multicast or not
+    }
+    xml << "</Peers><LeaseDuration>" << lease.count() << "ms</LeaseDuration></Discovery>";
+    // A whole image fits the receive buffer where the system allows that much, and the writer's cache.
+    xml << "<Internal><SocketReceiveBufferSize min=\"default\" max=\"4MB\"/>"
+        << "<Watermarks><WhcHigh>2MB</WhcHigh></Watermarks></Internal>";
+    if (!security.empty()) {
+        const auto file = [&](const char* element, const char* fileName) {
+            xml << '<' << element << ">file:" << escapeXml(security) << '/' << fileName << "</" << element
+                << '>';
+        };
+        xml << "<Security><Authentication><Library path=\"dds_security_auth\" "
+               "initFunction=\"init_authentication\" "
+               "finalizeFunction=\"finalize_authentication\"/>";
+        file("IdentityCertificate", "identity.pem");
+        file("IdentityCA", "identity-ca.pem");
+        file("PrivateKey", "key.pem");
+        xml << "</Authentication><AccessControl><Library path=\"dds_security_ac\" "
+               "initFunction=\"init_access_control\" finalizeFunction=\"finalize_access_control\"/>";
+        file("PermissionsCA", "permissions-ca.pem");
+        file("Governance", "governance.p7s");
+        file("Permissions", "permissions.p7s");
+        xml << "</AccessControl><Cryptographic><Library path=\"dds_security_crypto\" "
+               "initFunction=\"init_crypto\" "
+               "finalizeFunction=\"finalize_crypto\"/></Cryptographic></Security>";
+    }
+    xml << "</Domain></CycloneDDS>";
+    return xml.str();
+}
+
+} // namespace KR

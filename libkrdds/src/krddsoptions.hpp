@@ -1,0 +1,28 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace KR {
+
+/// A broker's address "dds:...", taken apart.
+struct KRDDSOptions {
+    std::uint32_t domain = 0;
+    std::string name;
+    bool memory = false;
+    std::vector<std::string> peers;
+    std::vector<std::string> interfaces;
+    std::chrono::milliseconds lease{2000};
+    std::uint32_t fragment = 65000; ///< bytes
+    std::string security;           ///< folder, or empty
+
+    /// \throws KRError an address that is not understood
+    static KRDDSOptions parse(const std::string& url);
+
+    /// The engine's configuration for the domain, in its XML.
+    std::string getConfiguration() const;
+};
+
+} // namespace KR

@@ -1,0 +1,53 @@
+#pragma once
+
+#include "krbytes.hpp"
+
+#include <krplatform/krvalue.hpp>
+
+#include <cstdint>
+#include <string>
+
+namespace KR {
+
+/// A value inside a message that was received, decoded when it is asked for.
+struct KREncodedValue {
+    KRReceivedBytes message;
+    std::size_t offset = 0;
+    std::size_t size = 0;
+
+    /// \throws KRMalformed
+    KRValue decode() const;
+};
+
+/// The messages of idl/krvision.idl, with their bytes as DDS carries them.
+struct KRRequest {
+    enum Kind : std::uint32_t { Call, Inquiry };
+
+    std::string broker;
+    std::uint64_t sequence = 0;
+    std::uint32_t kind = Call;
+    std::string module;
+    std::string method;
+    KREncodedValue arguments; ///< of a message received
+
+    /// \throws KRError the arguments cannot travel
+    KRComposedBytes compose(const KRValue& withArguments) const;
+    /// \throws KRMalformed
+    static KRRequest parse(const KRReceivedBytes& message);
+};
+
+struct KRReply {
+    enum Status : std::uint32_t { Result, Error, Unknown };
+
+    std::string broker;
+    std::uint64_t sequence = 0;
+    std::uint32_t status = Result;
+    KREncodedValue value; ///< of a message received
+
+    /// \throws KRError the value cannot travel
+    KRComposedBytes compose(const KRValue& withValue) const;
+    /// \throws KRMalformed
+    static KRReply parse(const KRReceivedBytes& message);
+};
+
+} // namespace KR

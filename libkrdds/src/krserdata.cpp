@@ -1,0 +1,279 @@
+#include "krserdata.hpp"
+
+#include "krddsdomain.hpp"
+
+// The engine's interface for types of one's own. Its headers are C and are not written for our warnings.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wconversion"
+#pragma GCC diagnostic ignored "-Wpedantic"
+#pragma GCC diagnostic ignored "-Wshadow"
+#pragma GCC diagnostic ignored "-Wunused-parameter"
+#include <dds/ddsi/ddsi_serdata.h>
+#include <dds/ddsi/ddsi_sertype.h>
+#include <dds/ddsi/q_radmin.h>
+#pragma GCC diagnostic pop
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+#include <vector>
+
+namespace KR {
+
+namespace {
+
+/// A message as the engine holds it: one that was composed here, or one that was received.
+struct Message : ddsi_serdata {
+    KRComposedBytes composed;
+    std::vector<KRComposedBytes::Piece> pieces; // of composed, or the one of received
+    KRReceivedBytes received;
+    std::uint32_t size = 0;
+
+    void copyTo(std::size_t offset, std::size_t count, unsigned char* to) const {
+        for (const auto& piece : pieces) {
+            if (piece.offset + piece.size <= offset || piece.offset >= offset + count) {
+                continue;
+            }
+            const std::size_t first = std::max(offset, piece.offset);
+            const std::size_t end = std::min(offset + count, piece.offset + piece.size);
+            std::memcpy(to + (first - offset), piece.data + (first - piece.offset), end - first);
+        }
+    }
+};
+
+struct MessageType : ddsi_sertype {};
+
+const Message& asMessage(const ddsi_serdata* data) {
+    return *static_cast<const Message*>(data);
+}
+
+Message* makeMessage(const ddsi_sertype* type, ddsi_serdata_kind kind) {
+    auto* message = new Message;
+    ddsi_serdata_init(message, type, kind);
+    return message;
+}
+
+Message* makeReceived(const ddsi_sertype* type, ddsi_serdata_kind kind, KRReceivedBytes bytes) {
+    Message* message = makeMessage(type, kind);
+    message->received = std::move(bytes);
+    message->size = static_cast<std::uint32_t>(message->received.size);
+    message->pieces.push_back({message->received.bytes.get(), message->received.size, 0});
+    return message;
+}
+
+// What the engine calls. None of it throws: memory that is short ends the process as it does everywhere.
+
+bool haveEqualKeys(const ddsi_serdata*, const ddsi_serdata*) noexcept {
+    return true; // there are no keys
+}
+
+std::uint32_t getSize(const ddsi_serdata* data) noexcept {
+    return asMessage(data).size;
+}
+
+ddsi_serdata* makeFromFragments(const ddsi_sertype* type, ddsi_serdata_kind kind, const nn_rdata* fragment,
+                                std::size_t size) noexcept {
+    if (kind != SDK_DATA || size > KRReceivedBytes::kMax) {
+        return nullptr;
+    }
+    KRReceivedBytes bytes = KRReceivedBytes::allocate(size);
+    std::size_t offset = 0;
+    for (; fragment != nullptr; fragment = fragment->nextfrag) {
+        const std::size_t end = std::min<std::size_t>(fragment->maxp1, size);
+        if (fragment->min > offset) {
+            return nullptr;
+        }
+        if (end > offset) {
+            const unsigned char* payload = NN_RMSG_PAYLOADOFF(fragment->rmsg, NN_RDATA_PAYLOAD_OFF(fragment));
+            std::memcpy(bytes.bytes.get() + offset, payload + (offset - fragment->min), end - offset);
+            offset = end;
+        }
+    }
+    return offset == size ? makeReceived(type, kind, std::move(bytes)) : nullptr;
+}
+
+ddsi_serdata* makeFromRuns(const ddsi_sertype* type, ddsi_serdata_kind kind, ddsrt_msg_iovlen_t count,
+                           const ddsrt_iovec_t* runs, std::size_t size) noexcept {
+    if (kind != SDK_DATA || size > KRReceivedBytes::kMax) {
+        return nullptr;
+    }
+    KRReceivedBytes bytes = KRReceivedBytes::allocate(size);
+    std::size_t offset = 0;
+    for (std::size_t i = 0; i < static_cast<std::size_t>(count); ++i) {
+        const std::size_t part = std::min<std::size_t>(runs[i].iov_len, size - offset);
+        std::memcpy(bytes.bytes.get() + offset, runs[i].iov_base, part);
+        offset += part;
+    }
+    return offset == size ? makeReceived(type, kind, std::move(bytes)) : nullptr;
+}
+
+ddsi_serdata* makeFromKeyHash(const ddsi_sertype* type, const ddsi_keyhash*) noexcept {
+    return makeMessage(type, SDK_KEY);
+}
+
+/// A sample, for dds_write() and its like, is a KRComposedBytes, which is moved from: deliberate.
+ddsi_serdata* makeFromSample(const ddsi_sertype* type, ddsi_serdata_kind kind, const void* sample) noexcept {
+    Message* message = makeMessage(type, kind);
+    if (kind == SDK_DATA) {
+        message->composed = std::move(*static_cast<KRComposedBytes*>(const_cast<void*>(sample)));
+        message->size = static_cast<std::uint32_t>(message->composed.size());
+        message->pieces = message->composed.getPieces();
+    }
+    return message;
+}
+
+void copyOut(const ddsi_serdata* data, std::size_t offset, std::size_t size, void* to) noexcept {
+    asMessage(data).copyTo(offset, size, static_cast<unsigned char*>(to));
+}
+
+const KRComposedBytes::Piece* findPieceAround(const Message& message, std::size_t offset, std::size_t size) {
+    for (const auto& piece : message.pieces) {
+        if (offset >= piece.offset && offset + size <= piece.offset + piece.size) {
+            return &piece;
+        }
+    }
+    return nullptr;
+}
+
+ddsi_serdata* lend(const ddsi_serdata* data, std::size_t offset, std::size_t size,
+                   ddsrt_iovec_t* run) noexcept {
+    const Message& message = asMessage(data);
+    run->iov_len = size;
+    if (const auto* piece = findPieceAround(message, offset, size)) {
+        run->iov_base = const_cast<unsigned char*>(piece->data + (offset - piece->offset));
+    } else { // goes across pieces
+        auto* copy = new unsigned char[size];
+        message.copyTo(offset, size, copy);
+        run->iov_base = copy;
+    }
+    return ddsi_serdata_ref(data);
+}
+
+void takeBack(ddsi_serdata* data, const ddsrt_iovec_t* run) noexcept {
+    const auto* base = static_cast<const unsigned char*>(run->iov_base);
+    const auto& pieces = asMessage(data).pieces;
+    const bool ours = std::any_of(pieces.begin(), pieces.end(), [&](const auto& piece) {
+        return base >= piece.data && base < piece.data + piece.size;
+    });
+    if (!ours) {
+        delete[] base;
+    }
+    ddsi_serdata_unref(data);
+}
+
+bool giveSample(const ddsi_serdata*, void*, void**, void*) noexcept {
+    return false; // messages are taken as they are
+}
+
+bool giveUntypedSample(const ddsi_sertype*, const ddsi_serdata*, void*, void**, void*) noexcept {
+    return false;
+}
+
+ddsi_serdata* makeUntyped(const ddsi_serdata* data) noexcept {
+    Message* message = makeMessage(data->type, SDK_KEY);
+    message->type = nullptr;
+    return message;
+}
+
+void freeMessage(ddsi_serdata* data) noexcept {
+    delete static_cast<Message*>(data);
+}
+
+std::size_t print(const ddsi_sertype*, const ddsi_serdata* data, char* text, std::size_t size) noexcept {
+    return static_cast<std::size_t>(std::snprintf(text, size, "%u bytes", asMessage(data).size));
+}
+
+void getKeyHash(const ddsi_serdata*, ddsi_keyhash* hash, bool) noexcept {
+    std::memset(hash, 0, sizeof *hash);
+}
+
+const ddsi_serdata_ops kMessageOperations = [] {
+    ddsi_serdata_ops operations{};
+    operations.eqkey = haveEqualKeys;
+    operations.get_size = getSize;
+    operations.from_ser = makeFromFragments;
+    operations.from_ser_iov = makeFromRuns;
+    operations.from_keyhash = makeFromKeyHash;
+    operations.from_sample = makeFromSample;
+    operations.to_ser = copyOut;
+    operations.to_ser_ref = lend;
+    operations.to_ser_unref = takeBack;
+    operations.to_sample = giveSample;
+    operations.to_untyped = makeUntyped;
+    operations.untyped_to_sample = giveUntypedSample;
+    operations.free = freeMessage;
+    operations.print = print;
+    operations.get_keyhash = getKeyHash;
+    return operations;
+}();
+
+void freeType(ddsi_sertype* type) noexcept {
+    ddsi_sertype_fini(type);
+    delete static_cast<MessageType*>(type);
+}
+
+void zeroSamples(const ddsi_sertype*, void*, std::size_t) noexcept {}
+
+void reallocateSamples(void** samples, const ddsi_sertype*, void*, std::size_t, std::size_t count) noexcept {
+    std::fill_n(samples, count, nullptr); // nobody reads samples
+}
+
+void freeSamples(const ddsi_sertype*, void**, std::size_t, dds_free_op_t) noexcept {}
+
+bool areEqual(const ddsi_sertype*, const ddsi_sertype*) noexcept {
+    return true; // the name, which has been compared, is all there is
+}
+
+std::uint32_t getHash(const ddsi_sertype*) noexcept {
+    return 0;
+}
+
+ddsi_sertype* derive(const ddsi_sertype* type, dds_data_representation_id_t,
+                     dds_type_consistency_enforcement_qospolicy_t) noexcept {
+    return const_cast<ddsi_sertype*>(type); // the same, uncounted, is how "nothing to derive" is said
+}
+
+const ddsi_sertype_ops kTypeOperations = [] {
+    ddsi_sertype_ops operations{};
+    operations.version = ddsi_sertype_v0;
+    operations.free = freeType;
+    operations.zero_samples = zeroSamples;
+    operations.realloc_samples = reallocateSamples;
+    operations.free_samples = freeSamples;
+    operations.equal = areEqual;
+    operations.hash = getHash;
+    operations.derive_sertype = derive;
+    return operations;
+}();
+
+} // namespace
+
+dds_entity_t createMessageTopic(dds_entity_t participant, const char* topicName, const char* typeName) {
+    auto* type = new MessageType;
+    ddsi_sertype_init(type, typeName, &kTypeOperations, &kMessageOperations, true);
+    type->allowed_data_representation = DDS_DATA_REPRESENTATION_FLAG_XCDR1;
+    ddsi_sertype* given = type; // taken over unless the creation fails
+    const dds_entity_t topic =
+        dds_create_topic_sertype(participant, topicName, &given, nullptr, nullptr, nullptr);
+    if (topic < 0) {
+        ddsi_sertype_unref(type);
+    }
+    return checkDDS(topic, "topic");
+}
+
+dds_return_t writeMessage(dds_entity_t writer, KRComposedBytes message) {
+    return dds_write(writer, &message);
+}
+
+KRReceivedBytes receive(ddsi_serdata* data) {
+    const Message& message = asMessage(data);
+    KRReceivedBytes bytes = message.received;
+    if (!bytes.bytes && message.size > 0) { // from a broker of the same process
+        bytes = KRReceivedBytes::allocate(message.size);
+        message.copyTo(0, message.size, bytes.bytes.get());
+    }
+    ddsi_serdata_unref(data);
+    return bytes;
+}
+
+} // namespace KR

@@ -1,0 +1,194 @@
+#include "krvaluecode.hpp"
+
+#include <krplatform/krerror.hpp>
+
+#include <msgpack.hpp>
+
+#include <limits>
+#include <string>
+#include <vector>
+
+namespace KR {
+
+namespace {
+
+constexpr std::size_t kShared = 4096; // bytes from which on a binary is not copied
+
+/// Where msgpack writes to.
+struct Sink {
+    KRComposedBytes& bytes;
+    void write(const char* data, std::size_t size) { bytes.append(data, size); }
+};
+
+class Encoder {
+public:
+    explicit Encoder(KRComposedBytes& bytes) : bytes_(bytes), sink_{bytes}, packer_(sink_) {}
+
+    void encode(const KRValue& value, std::size_t depth) {
+        if (depth > KRValueBounds::kDepth) {
+            refuse("arrays in arrays, more than " + std::to_string(KRValueBounds::kDepth) + " deep");
+        }
+        if (++values_ > KRValueBounds::kValues) {
+            refuse("more than " + std::to_string(KRValueBounds::kValues) + " values");
+        }
+        switch (value.getType()) {
+        case KRValue::Type::Invalid:
+            packer_.pack_nil();
+            break;
+        case KRValue::Type::Int:
+            packer_.pack_int32(value.to<int>());
+            break;
+        case KRValue::Type::Float:
+            packer_.pack_float(value.to<float>());
+            break;
+        case KRValue::Type::String: {
+            const auto text = value.to<std::string>();
+            check(text.size());
+            packer_.pack_str(static_cast<std::uint32_t>(text.size()));
+            packer_.pack_str_body(text.data(), static_cast<std::uint32_t>(text.size()));
+            break;
+        }
+        case KRValue::Type::Binary: {
+            const KRBinary& binary = value.GetBinary();
+            check(binary.size());
+            packer_.pack_bin(static_cast<std::uint32_t>(binary.size()));
+            if (binary.size() >= kShared) {
+                bytes_.appendShared(binary);
+            } else {
+                bytes_.append(binary.data(), binary.size());
+            }
+            break;
+        }
+        case KRValue::Type::Array:
+            check(value.getSize());
+            packer_.pack_array(static_cast<std::uint32_t>(value.getSize()));
+            for (std::size_t i = 0; i < value.getSize(); ++i) {
+                encode(value[i], depth + 1);
+            }
+            break;
+        }
+    }
+
+private:
+    void check(std::size_t more) const {
+        if (more > KRValueBounds::kBytes || bytes_.size() + more > KRValueBounds::kBytes) {
+            refuse("more than " + std::to_string(KRValueBounds::kBytes) + " bytes");
+        }
+    }
+    [[noreturn]] static void refuse(const std::string& why) {
+        throw KRError("KRValue", "encode", "the value cannot go to another process: " + why);
+    }
+
+    KRComposedBytes& bytes_;
+    Sink sink_;
+    msgpack::packer<Sink> packer_;
+    std::size_t values_ = 0;
+};
+
+/// Builds the value while msgpack reads. A step that returns false ends the reading.
+class Decoder : public msgpack::null_visitor {
+public:
+    explicit Decoder(const KRReceivedBytes& received) : received_(received) {}
+
+    bool visit_nil() { return add(KRValue()); }
+    bool visit_boolean(bool) { return fail("a boolean"); }
+    bool visit_positive_integer(std::uint64_t value) {
+        if (value > static_cast<std::uint64_t>(std::numeric_limits<std::int32_t>::max())) {
+            return fail("an integer of more than 32 bits");
+        }
+        return add(static_cast<std::int32_t>(value));
+    }
+    bool visit_negative_integer(std::int64_t value) {
+        if (value < std::numeric_limits<std::int32_t>::min()) {
+            return fail("an integer of more than 32 bits");
+        }
+        return add(static_cast<std::int32_t>(value));
+    }
+    bool visit_float32(float value) { return add(value); }
+    bool visit_float64(double) { return fail("a float of 64 bits"); }
+    bool visit_str(const char* text, std::uint32_t size) { return add(std::string(text, size)); }
+    bool visit_bin(const char* bytes, std::uint32_t size) {
+        if (size < kShared) {
+            return add(KRBinary::copyOf(bytes, size));
+        }
+        const auto* first = reinterpret_cast<const unsigned char*>(bytes);
+        return add(KRBinary(boost::shared_ptr<const unsigned char[]>(received_.bytes, first), size));
+    }
+    bool visit_ext(const char*, std::uint32_t) { return fail("an extension"); }
+    bool start_array(std::uint32_t count) {
+        if (open_.size() >= KRValueBounds::kDepth) {
+            return fail("arrays in arrays, too deep");
+        }
+        if (count > KRValueBounds::kValues - values_) {
+            return fail("too many values");
+        }
+        open_.emplace_back(); // grows with what comes, not with what is announced
+        return true;
+    }
+    bool end_array() {
+        KRValue array(std::move(open_.back()));
+        open_.pop_back();
+        return add(std::move(array));
+    }
+    bool start_map(std::uint32_t) { return fail("a map"); }
+    void parse_error(std::size_t, std::size_t) { fail("no msgpack"); }
+    void insufficient_bytes(std::size_t, std::size_t) { fail("the end is missing"); }
+    bool referenced() const { return false; }
+    void set_referenced(bool) {}
+
+    KRValue take() {
+        if (!why_.empty() || !open_.empty() || !complete_) {
+            throw KRMalformed("a value is malformed: " + (why_.empty() ? "the end is missing" : why_));
+        }
+        return std::move(result_);
+    }
+
+private:
+    bool add(KRValue value) {
+        if (++values_ > KRValueBounds::kValues) {
+            return fail("too many values");
+        }
+        if (open_.empty()) {
+            result_ = std::move(value);
+            complete_ = true;
+        } else {
+            open_.back().push_back(std::move(value));
+        }
+        return true;
+    }
+    bool fail(const char* why) {
+        if (why_.empty()) {
+            why_ = why;
+        }
+        return false;
+    }
+
+    const KRReceivedBytes& received_;
+    std::vector<std::vector<KRValue>> open_; // arrays that are being read
+    KRValue result_;
+    bool complete_ = false;
+    std::size_t values_ = 0;
+    std::string why_;
+};
+
+} // namespace
+
+KRComposedBytes encodeValue(const KRValue& value) {
+    KRComposedBytes bytes;
+    Encoder(bytes).encode(value, 0);
+    return bytes;
+}
+
+KRValue decodeValue(const KRReceivedBytes& received, std::size_t offset, std::size_t size) {
+    Decoder decoder(received);
+    std::size_t read = 0;
+    const char* bytes = reinterpret_cast<const char*>(received.bytes.get()) + offset;
+    msgpack::parse(bytes, size, read, decoder);
+    KRValue value = decoder.take();
+    if (read != size) {
+        throw KRMalformed("a value is malformed: something follows it");
+    }
+    return value;
+}
+
+} // namespace KR

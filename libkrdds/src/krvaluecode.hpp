@@ -1,0 +1,33 @@
+#pragma once
+
+#include "krbytes.hpp"
+
+#include <krplatform/krvalue.hpp>
+
+#include <cstddef>
+#include <stdexcept>
+
+namespace KR {
+
+/// What came over the network does not mean anything.
+class KRMalformed : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+/// Bounds of a value that travels, for both ways.
+struct KRValueBounds {
+    static constexpr std::size_t kDepth = 64;                    ///< arrays in arrays
+    static constexpr std::size_t kValues = std::size_t{1} << 20; ///< in all
+    static constexpr std::size_t kBytes = std::size_t{1} << 28;
+};
+
+/// The value in msgpack: nil, int, float 32, str, bin, array. Large binaries are shared, not copied.
+/// \throws KRError beyond the bounds
+KRComposedBytes encodeValue(const KRValue& value);
+
+/// The value that `size` bytes at `offset` are. Large binaries share the bytes received.
+/// \throws KRMalformed they are none, more than one, or beyond the bounds
+KRValue decodeValue(const KRReceivedBytes& received, std::size_t offset, std::size_t size);
+
+} // namespace KR

@@ -1,0 +1,170 @@
+#include "otherprocess.hpp"
+#include "testdomain.hpp"
+
+#include <patience.hpp>
+#include <recordedlog.hpp>
+#include <testmodule.hpp>
+
+#include <krplatform/krproxy.hpp>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace KR::test {
+
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+std::string refusalOf(const std::function<void()>& function) {
+    try {
+        function();
+    } catch (const KRError& error) {
+        return error.getDescription();
+    }
+    return "no error";
+}
+
+TEST(KRDDSDirectory, ModulesOfEveryProcessAreListed) {
+    const TestDomain domain;
+    const OtherProcess first(domain.getUrl("lease=30&memory=here"), {"module", "B", "module", "D"});
+    const OtherProcess second(domain.getUrl(), {"module", "A"});
+    const auto broker = domain.createBroker();
+    const auto here = makeModule(broker, "C");
+    EXPECT_TRUE(eventually([&] { return broker->getModuleList().size() == 5; }));
+    EXPECT_THAT(broker->getModuleList(), ElementsAre("A", "B", "C", "D", "KRMemory"));
+}
+
+TEST(KRDDSDirectory, ANewBrokerKnowsAtOnceWhoIsThere) {
+    const TestDomain domain;
+    const OtherProcess other(domain.getUrl(), {"module", "A"});
+    ASSERT_EQ(other.getAnswer(), "ready");
+    EXPECT_THAT(domain.createBroker()->getModuleList(), ElementsAre("A"));
+}
+
+TEST(KRDDSDirectory, WaitingForAServiceEndsWhenItsProcessComes) {
+    const TestDomain domain;
+    const auto broker = domain.createBroker();
+    auto waiting = startAndLetSleep([&] {
+        broker->getSession().waitForService("Late");
+        return true;
+    });
+    const OtherProcess other(domain.getUrl(), {"module", "Late"});
+    EXPECT_TRUE(resultOf(waiting));
+    EXPECT_EQ(broker->getProxy("Late")->call<int>("echo", 3), 3);
+}
+
+TEST(KRDDSDirectory, WaitingForAServiceEndsAfterItsTime) {
+    const TestDomain domain;
+    EXPECT_FALSE(domain.createBroker()->getSession().waitForService("Nobody", std::chrono::milliseconds(1)));
+}
+
+TEST(KRDDSDirectory, AModuleWhoseProcessEndsIsNoLongerThere) {
+    const TestDomain domain;
+    const auto broker = domain.createBroker();
+    OtherProcess other(domain.getUrl(), {"module", "A"});
+    ASSERT_TRUE(broker->getSession().waitForService("A", kPatience));
+    EXPECT_EQ(other.stop(), 0);
+    EXPECT_TRUE(eventually([&] { return broker->getModuleList().empty(); }));
+    EXPECT_THROW(broker->getProxy("A")->call("getPid"), KRError);
+}
+
+TEST(KRDDSDirectory, ANameThatAnotherProcessHasIsRefused) {
+    const TestDomain domain;
+    const OtherProcess other(domain.getUrl(), {"module", "A"});
+    const auto broker = domain.createBroker();
+    EXPECT_THAT(refusalOf([&] { makeModule(broker, "A"); }),
+                HasSubstr("there is a module named A already, in process " + std::to_string(other.getPid())));
+    const OtherProcess third(domain.getUrl(), {"module", "A"});
+    EXPECT_THAT(third.getAnswer(), HasSubstr("there is a module named A already"));
+}
+
+TEST(KRDDSDirectory, ASecondMemoryIsRefused) {
+    const TestDomain domain;
+    const OtherProcess other(domain.getUrl("lease=30&memory=here"));
+    EXPECT_THAT(refusalOf([&] { domain.createBroker("lease=30&memory=here"); }),
+                HasSubstr("there is a module named KRMemory already"));
+}
+
+TEST(KRDDSDirectory, OfManyWhoTakeANameAtOnceOneGetsIt) {
+    const TestDomain domain;
+    constexpr int kBrokers = 4;
+    std::vector<boost::shared_ptr<KRBroker>> brokers;
+    for (int i = 0; i < kBrokers; ++i) {
+        brokers.push_back(domain.createBroker());
+    }
+    for (int round = 0; round < 5; ++round) {
+        std::atomic<int> got = 0;
+        std::vector<KRModuleHandle<TestModule>> handles(kBrokers);
+        std::vector<std::thread> threads;
+        for (int i = 0; i < kBrokers; ++i) {
+            threads.emplace_back([&, i] {
+                try {
+                    handles[i] = makeModule(brokers[i], "Wanted");
+                    ++got;
+                } catch (const KRError&) { // another has it
+                }
+            });
+        }
+        for (auto& thread : threads) {
+            thread.join();
+        }
+        EXPECT_EQ(got, 1);
+        handles.clear();
+        EXPECT_TRUE(eventually([&] {
+            return std::all_of(brokers.begin(), brokers.end(),
+                               [](const auto& broker) { return broker->getModuleList().empty(); });
+        }));
+    }
+}
+
+TEST(KRDDSDirectory, BrokersOfOneProcessReachEachOther) {
+    const TestDomain domain;
+    const auto first = domain.createBroker();
+    const auto second = domain.createBroker();
+    const auto module = makeModule(first, "Module", [](TestModule& made) {
+        made.add("echo", [](const KRValue& value) { return value; });
+    });
+    ASSERT_TRUE(second->getSession().waitForService("Module", kPatience));
+    const std::string text(100000, 'x');
+    EXPECT_EQ(second->getProxy("Module")->call<std::string>("echo", text), text);
+}
+
+TEST(KRDDSDirectory, BrokersOfOneProcessMustAgreeAboutTheirDomain) {
+    const TestDomain domain;
+    const auto first = domain.createBroker("lease=30");
+    EXPECT_THAT(refusalOf([&] { domain.createBroker("lease=20"); }),
+                HasSubstr("other peers, interfaces, lease"));
+}
+
+TEST(KRDDSDirectory, DomainsDoNotMeet) {
+    const TestDomain one;
+    const TestDomain other;
+    const OtherProcess process(one.getUrl(), {"module", "A"});
+    EXPECT_TRUE(other.createBroker()->getModuleList().empty());
+}
+
+TEST(KRDDSDirectory, AddressesThatAreNotUnderstoodSayWhatIsWrong) {
+    const auto refusal = [](const std::string& url) { return refusalOf([&] { KRBroker::create(url); }); };
+    EXPECT_THAT(refusal("dds:7"), HasSubstr("nothing but options may follow dds:"));
+    EXPECT_THAT(refusal("dds:?domain=231"), HasSubstr("domain is \"231\", not a number from 0 to 230"));
+    EXPECT_THAT(refusal("dds:?domain=1x"), HasSubstr("domain is \"1x\""));
+    EXPECT_THAT(refusal("dds:?lease=0"), HasSubstr("lease is \"0\""));
+    EXPECT_THAT(refusal("dds:?lease=nan"), HasSubstr("lease is \"nan\""));
+    EXPECT_THAT(refusal("dds:?memory=maybe"), HasSubstr("not here or none"));
+    EXPECT_THAT(refusal("dds:?peers=a,,b"), HasSubstr("peers has \"\" in it"));
+    EXPECT_THAT(refusal("dds:?fragment=100"), HasSubstr("fragment is \"100\""));
+    EXPECT_THAT(refusal("dds:?colour=blue"), HasSubstr("unknown option \"colour=blue\""));
+    EXPECT_THAT(refusal("dds:?security=/no/such/folder"), HasSubstr("/no/such/folder/identity-ca.pem"));
+    EXPECT_THAT(refusal("smoke:signals"), HasSubstr("unknown kind of broker"));
+}
+
+TEST(KRDDSDirectory, AnInterfaceThatDoesNotExistIsRefused) {
+    EXPECT_THAT(refusalOf([] { KRBroker::create("dds:?domain=100&interfaces=nosuch0"); }),
+                HasSubstr("nosuch0"));
+}
+
+} // namespace
+
+} // namespace KR::test

@@ -1,0 +1,137 @@
+// A process with modules for the tests to call: krdds_server URL [KIND NAME]...
+// Kinds: module (see addMethods), extractor and listener (<eventmodules.hpp>). It says "ready" and goes when its
+// standard input ends.
+
+#include <eventmodules.hpp>
+#include <testmodule.hpp>
+
+#include <krdds/krdds.hpp>
+#include <krplatform/krbroker.hpp>
+#include <krplatform/krlog.hpp>
+#include <krplatform/krmemoryproxy.hpp>
+#include <krplatform/krproxy.hpp>
+#include <krplatform/krthread.hpp>
+
+#include <atomic>
+#include <cstdio>
+#include <iostream>
+#include <map>
+#include <unistd.h>
+
+namespace KR::test {
+
+namespace {
+
+class ServerModule : public TestModule {
+public:
+    ServerModule(boost::shared_ptr<KRBroker> broker, const std::string& name)
+        : TestModule(std::move(broker), name) {
+        addMethods();
+    }
+    ~ServerModule() override {
+        released_.set();
+        shutDown();
+    }
+
+protected:
+    void xCallerGone(const std::string& caller) override {
+        const std::lock_guard lock(mutex_);
+        gone_.push_back(caller);
+    }
+
+private:
+    void addMethods() {
+        add("echo", [](const KRValue& value) { return value; });
+        add("getPid", [] { return static_cast<int>(getpid()); });
+        add("getCaller", [this] { return xGetCaller(); });
+        add("getGone", [this] {
+            const std::lock_guard lock(mutex_);
+            return gone_;
+        });
+        add("fail", [](const std::string& module, const std::string& method, const std::string& description) {
+            throw KRError(module, method, description);
+        });
+        add("throwSomething", [] { throw std::runtime_error("it did not work"); });
+        // Waits until release(), or until the module goes.
+        add("block", [this] {
+            blocked_++;
+            return released_.wait();
+        });
+        add("countBlocked", [this] { return blocked_.load(); });
+        add("release", [this] { released_.set(); });
+        add("note", [this](int number) {
+            const std::lock_guard lock(mutex_);
+            notes_.push_back(number);
+        });
+        add("getNotes", [this] {
+            const std::lock_guard lock(mutex_);
+            return notes_;
+        });
+        // Calls a method with one argument of another module.
+        add("callOther",
+            [this](const std::string& module, const std::string& method, const KRValue& argument) {
+                return getParentBroker()->getProxy(module)->call<KRValue>(method, argument);
+            });
+        // Down to 0 by way of the other module and its own method of this name.
+        add("countDown", [this](const std::string& other, int count) {
+            return count == 0
+                       ? 0
+                       : 1 + getParentBroker()->getProxy(other)->call<int>("countDown", getName(), count - 1);
+        });
+        add("isReachable", [this](const std::string& module) {
+            return getParentBroker()->getSession().waitForService(module, std::chrono::milliseconds(0));
+        });
+        add("raiseMany", [this](const std::string& event, int count) {
+            KRMemoryProxy memory(getParentBroker());
+            for (int i = 0; i < count; ++i) {
+                memory.raiseEvent(event, i);
+            }
+        });
+        add("makeImage", [](int size) { return KRBinary::copyOf(std::string(size, 'i').data(), size); });
+        add("exit", [this] { exit(); });
+    }
+
+    Event released_;
+    std::atomic<int> blocked_ = 0;
+    std::mutex mutex_;
+    std::vector<int> notes_;        // guarded by mutex_
+    std::vector<std::string> gone_; // guarded by mutex_
+};
+
+int serve(int count, char** arguments) {
+    registerDDS();
+    const auto broker = KRBroker::create(arguments[1]);
+    std::vector<KRModuleHandle<KRModule>> modules;
+    for (int i = 2; i + 1 < count; i += 2) {
+        const std::string kind = arguments[i];
+        const std::string name = arguments[i + 1];
+        if (kind == "module") {
+            modules.emplace_back(createModule<ServerModule>(broker, name));
+        } else if (kind == "extractor") {
+            modules.emplace_back(createModule<FakeExtractor>(broker, name));
+        } else if (kind == "listener") {
+            modules.emplace_back(createModule<EventListener>(broker, name));
+        } else {
+            std::cerr << "unknown kind " << kind << '\n';
+            return 2;
+        }
+    }
+    std::cout << "ready" << std::endl;
+    std::string line;
+    while (std::getline(std::cin, line)) {
+    }
+    return 0;
+}
+
+} // namespace
+
+} // namespace KR::test
+
+int main(int count, char** arguments) {
+    try {
+        return count < 2 ? 2 : KR::test::serve(count, arguments);
+    } catch (const std::exception& error) {
+        std::cout << "failed: " << error.what() << std::endl;
+        return 1;
+    }
+}

@@ -1,0 +1,138 @@
+#pragma once
+
+#include "krplatform/krerror.hpp"
+#include "krplatform/krexport.hpp"
+#include "krplatform/krvalue.hpp"
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace KR {
+
+class KRBrokerPrivate;
+
+/// How far a module is: its name is taken, it can be called, it goes.
+enum class KRModuleState { Claimed, Open, Closed };
+
+/// A module of this process, as others are told of it.
+struct KRLocalModule {
+    std::string name;
+    std::uint32_t number; ///< no other module of this process has or had it
+    KRModuleState state;
+};
+
+/// A module of another process, as a transport reaches it. Thread-safe.
+///
+/// One object stands for one registration: a module that goes and comes back is another object.
+class KR_EXPORT KRRemoteModule {
+public:
+    /// \param whereabouts  for messages, e.g. "in process 4711 on robot1"
+    KRRemoteModule(std::string name, std::string whereabouts);
+    virtual ~KRRemoteModule();
+    KRRemoteModule(const KRRemoteModule&) = delete;
+    KRRemoteModule& operator=(const KRRemoteModule&) = delete;
+
+    const std::string& getName() const noexcept { return name_; }
+    const std::string& getWhereabouts() const noexcept { return whereabouts_; }
+    /// No other module that this process knows or knew of has it, be it local or remote.
+    std::uint32_t getNumber() const noexcept { return number_; }
+    KRModuleState getState() const noexcept { return state_.load(std::memory_order_acquire); }
+
+    /// Calls a method and waits for its result, for as long as the other process lives.
+    /// \throws KRError what the method throws; the module or its process is gone
+    virtual KRValue call(std::string_view method, std::span<const KRValue> arguments) = 0;
+
+private:
+    friend class KRDirectory;
+    const std::string name_;
+    const std::string whereabouts_;
+    const std::uint32_t number_;
+    std::atomic<KRModuleState> state_ = KRModuleState::Claimed; // written with the directory's lock held
+};
+
+/// A call that came from another process. Answered once, on a call thread; one that goes without an answer is
+/// lost, which its caller gets to know.
+class KR_EXPORT KRIncomingCall {
+public:
+    KRIncomingCall(std::string from, std::string to, std::string name, std::vector<KRValue> values)
+        : caller(std::move(from)), module(std::move(to)), method(std::move(name)),
+          arguments(std::move(values)) {}
+    virtual ~KRIncomingCall();
+    KRIncomingCall(const KRIncomingCall&) = delete;
+    KRIncomingCall& operator=(const KRIncomingCall&) = delete;
+
+    /// Asked on the call thread before the method runs; may block. \return whether the call is to run at all
+    virtual bool begin() { return true; }
+    virtual void succeed(const KRValue& result) noexcept = 0;
+    virtual void fail(const KRError& error) noexcept = 0;
+
+    const std::string caller; ///< identity of the calling process
+    const std::string module;
+    const std::string method;
+    std::vector<KRValue> arguments;
+};
+
+/// What a transport may ask of its broker. Thread-safe; nothing here blocks.
+class KR_EXPORT KRTransportHost {
+public:
+    /// The modules of this process as they are now.
+    std::vector<KRLocalModule> listModules() const;
+
+    /// Says how far a module of another process is; the first time this makes it known. It takes the place of
+    /// an earlier one of the same name.
+    void setRemoteModule(const std::shared_ptr<KRRemoteModule>& module, KRModuleState state);
+    /// It has gone.
+    void removeRemoteModule(const std::shared_ptr<KRRemoteModule>& module);
+
+    /// Runs the call on a call thread.
+    void serve(std::shared_ptr<KRIncomingCall> call);
+    /// Tells every module of this process that a process which may have called it is gone.
+    void noticeCallerGone(const std::string& caller);
+    /// Runs the job on a call thread. The job must not throw. \throws std::system_error no thread
+    void post(std::function<void()> job);
+
+private:
+    friend class KRBrokerPrivate;
+    explicit KRTransportHost(KRBrokerPrivate& broker) : broker_(broker) {}
+    KRBrokerPrivate& broker_;
+};
+
+/// A broker's link to the brokers of other processes.
+class KR_EXPORT KRTransport {
+public:
+    KRTransport() = default;
+    virtual ~KRTransport();
+    KRTransport(const KRTransport&) = delete;
+    KRTransport& operator=(const KRTransport&) = delete;
+
+    /// The modules of this process are not what they were: tells the others. Called without a lock held.
+    virtual void announceModules() noexcept = 0;
+    /// Announces a module whose name has just been taken in this process, and returns once it is sure to have
+    /// it alone. \throws KRError another process has it; the module is then forgotten and announced no more
+    virtual void claim(const std::string& name) = 0;
+    /// Leaves: calls to other processes fail from now on, those under way too, and none come in.
+    /// The host is not used after this.
+    virtual void stop() noexcept = 0;
+};
+
+/// What a broker is to be like, as far as its address says.
+struct KRBrokerOptions {
+    bool memory = true;                     ///< runs the memory module
+    std::unique_ptr<KRTransport> transport; ///< null: it is alone
+};
+
+/// Makes sense of a broker's address and links the broker. The host lives until the transport's stop() returns.
+/// \throws KRError an address that is not understood; a link that cannot be made
+using KRTransportFactory = std::function<KRBrokerOptions(const std::string& url, KRTransportHost& host)>;
+
+/// Has KRBroker::create() ask `factory` for addresses that begin with `scheme`, "dds:" for instance. The last
+/// registration of a scheme counts. Thread-safe.
+KR_EXPORT void registerTransport(const std::string& scheme, KRTransportFactory factory);
+
+} // namespace KR
