@@ -16,6 +16,9 @@
 #ifdef WITH_CAMERA
 #include <krcamera/krvideodevice.hpp>
 #endif
+#ifdef WITH_DDS
+#include <krdds/krdds.hpp>
+#endif
 
 #include <atomic>
 #include <iostream>
@@ -35,6 +38,9 @@ public:
 } // namespace
 
 int main() {
+#ifdef WITH_DDS
+    KR::registerDDS();
+#endif
     const auto broker = KR::KRBroker::create("local:");
 #ifdef WITH_CAMERA
     const auto camera =

@@ -3,6 +3,7 @@
 #include "krconverter.hpp"
 #include "krvideodevice_p.hpp"
 
+#include <krplatform/krlog.hpp>
 #include <krvision/krvisiondefinitions.hpp>
 
 #include <algorithm>
@@ -89,6 +90,7 @@ std::string KRVideoDevice::subscribeCamera(const std::string& name, int camera, 
     p_->subscriptions.emplace(
         id, std::make_shared<KRSubscription>(
                 number, KRSubscription::Settings{camera, resolution, colorSpace, frameRate}));
+    p_->callers.emplace(id, xGetCaller());
     return id;
 }
 
@@ -102,10 +104,31 @@ void KRVideoDevice::unsubscribe(const std::string& id) {
         }
         subscription = found->second;
         p_->subscriptions.erase(found);
+        p_->callers.erase(id);
     }
     const std::lock_guard moving(subscription->moving);
     subscription->end();
     p_->slots[subscription->getSettings().camera]->release();
+}
+
+void KRVideoDevice::xCallerGone(const std::string& caller) {
+    std::vector<std::string> left;
+    {
+        const std::lock_guard lock(p_->mutex);
+        for (const auto& [id, subscriber] : p_->callers) {
+            if (subscriber == caller) {
+                left.push_back(id);
+            }
+        }
+    }
+    for (const std::string& id : left) {
+        try {
+            unsubscribe(id);
+            logInfo("KRVideoDevice", "subscription " + id + " has ended with the process that made it");
+        } catch (const KRError& error) {
+            logVerbose("KRVideoDevice", error.what()); // it had just unsubscribed
+        }
+    }
 }
 
 KRValue KRVideoDevice::getImageRemote(const std::string& id) {

@@ -11,16 +11,10 @@ namespace {
 class KRDDSTransport : public KRTransport {
 public:
     KRDDSTransport(KRDDSOptions options, KRTransportHost& host)
-        : link_(std::make_shared<KRLink>(std::move(options), host)) {
-        try {
-            link_->start();
-        } catch (...) {
-            link_->stop();
-            throw;
-        }
-    }
+        : link_(std::make_shared<KRLink>(std::move(options), host)) {}
     ~KRDDSTransport() override { link_->stop(); }
 
+    void start() override { link_->start(); }
     void announceModules() noexcept override { link_->announceModules(); }
     void claim(const std::string& name) override { link_->claim(name); }
     void stop() noexcept override { link_->stop(); }

@@ -2,9 +2,13 @@
 
 #include <krplatform/krerror.hpp>
 
+#include <dds/dds.h>
+#include <dlfcn.h>
+
 #include <algorithm>
 #include <cctype>
 #include <charconv>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string_view>
@@ -63,6 +67,28 @@ std::string getProgramName() {
     std::ifstream file("/proc/self/comm");
     std::string name;
     std::getline(file, name);
+    return name;
+}
+
+/// Where a security plugin is, without what its file's name begins and ends with: distributions put them into a
+/// folder beside the engine, where the loader does not look.
+std::string findSecurityLibrary(const std::string& name) {
+    Dl_info engine{};
+    if (dladdr(reinterpret_cast<void*>(&dds_create_domain), &engine) != 0 && engine.dli_fname != nullptr) {
+        std::error_code ignored;
+        const auto folder = std::filesystem::canonical(engine.dli_fname, ignored).parent_path();
+        std::vector<std::filesystem::path> folders{folder};
+        for (const auto& entry : std::filesystem::directory_iterator(folder, ignored)) {
+            if (entry.path().filename().string().starts_with("libddsc") && entry.is_directory(ignored)) {
+                folders.push_back(entry.path());
+            }
+        }
+        for (const auto& each : folders) {
+            if (std::filesystem::exists(each / ("lib" + name + ".so"), ignored)) {
+                return (each / name).string();
+            }
+        }
+    }
     return name;
 }
 
@@ -168,20 +194,23 @@ std::string KRDDSOptions::getConfiguration() const {
             xml << '<' << element << ">file:" << escapeXml(security) << '/' << fileName << "</" << element
                 << '>';
         };
-        xml << "<Security><Authentication><Library path=\"dds_security_auth\" "
-               "initFunction=\"init_authentication\" "
-               "finalizeFunction=\"finalize_authentication\"/>";
+        const auto library = [&](const char* plugin, const char* function) {
+            xml << "<Library path=\"" << escapeXml(findSecurityLibrary(plugin)) << "\" initFunction=\"init_"
+                << function << "\" finalizeFunction=\"finalize_" << function << "\"/>";
+        };
+        xml << "<Security><Authentication>";
+        library("dds_security_auth", "authentication");
         file("IdentityCertificate", "identity.pem");
         file("IdentityCA", "identity-ca.pem");
         file("PrivateKey", "key.pem");
-        xml << "</Authentication><AccessControl><Library path=\"dds_security_ac\" "
-               "initFunction=\"init_access_control\" finalizeFunction=\"finalize_access_control\"/>";
+        xml << "</Authentication><AccessControl>";
+        library("dds_security_ac", "access_control");
         file("PermissionsCA", "permissions-ca.pem");
         file("Governance", "governance.p7s");
         file("Permissions", "permissions.p7s");
-        xml << "</AccessControl><Cryptographic><Library path=\"dds_security_crypto\" "
-               "initFunction=\"init_crypto\" "
-               "finalizeFunction=\"finalize_crypto\"/></Cryptographic></Security>";
+        xml << "</AccessControl><Cryptographic>";
+        library("dds_security_crypto", "crypto");
+        xml << "</Cryptographic></Security>";
     }
     xml << "</Domain></CycloneDDS>";
     return xml.str();

@@ -103,6 +103,9 @@ void KRLink::createEntities() {
 
 void KRLink::start() {
     createEntities();
+    serving_ = true;
+    takeRequests();
+    takeReplies();
     announceModules();
     const auto begin = std::chrono::steady_clock::now();
     thread_ = std::thread([this] { run(); });
@@ -138,7 +141,6 @@ void KRLink::stop() noexcept {
     KRVision_Announcement self{};
     self.broker = id_.data();
     dds_dispose(announcementWriter_, &self);
-    // Deleting a reader waits for a listener that runs.
     dds_delete(requestReader_);
     if (thread_.joinable()) {
         wake();
@@ -154,6 +156,9 @@ void KRLink::stop() noexcept {
         peer->setGone("this process is leaving the domain");
     }
     dds_delete(replyReader_);
+    while (listening_ > 0) { // none for long: they do not wait for anything
+        sleepMilliseconds(1);
+    }
 }
 
 void KRLink::run() {
@@ -174,12 +179,32 @@ void KRLink::run() {
     }
 }
 
-void KRLink::onRequests(dds_entity_t, void* link) {
-    static_cast<KRLink*>(link)->takeRequests();
+/// What the engine has received, on its own threads. Counted, so that stop() knows when none is left.
+class KRLink::Listening {
+public:
+    explicit Listening(KRLink& link) noexcept : link_(link) { link_.listening_.fetch_add(1); }
+    ~Listening() { link_.listening_.fetch_sub(1); }
+    Listening(const Listening&) = delete;
+    Listening& operator=(const Listening&) = delete;
+    /// What came before start() waits for it.
+    bool mayTake() const noexcept { return link_.serving_; }
+
+private:
+    KRLink& link_;
+};
+
+void KRLink::onRequests(dds_entity_t, void* given) {
+    KRLink& link = *static_cast<KRLink*>(given);
+    if (const Listening listening(link); listening.mayTake()) {
+        link.takeRequests();
+    }
 }
 
-void KRLink::onReplies(dds_entity_t, void* link) {
-    static_cast<KRLink*>(link)->takeReplies();
+void KRLink::onReplies(dds_entity_t, void* given) {
+    KRLink& link = *static_cast<KRLink*>(given);
+    if (const Listening listening(link); listening.mayTake()) {
+        link.takeReplies();
+    }
 }
 
 void KRLink::takeReplies() {

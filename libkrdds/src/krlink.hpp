@@ -48,11 +48,13 @@ public:
     std::uint64_t getMalformedCount() const noexcept { return malformed_; }
 
 private:
+    class Listening;
     using Stamp = std::pair<std::int32_t, std::int32_t>; // seconds, microseconds of the wall clock
     struct Announced {
         std::int32_t number = 0;
         KRModuleState state = KRModuleState::Claimed;
         Stamp stamp;
+        bool asked = false; // for the name, without being sure of it yet
     };
     struct Neighbour {
         std::shared_ptr<KRPeer> peer;
@@ -75,7 +77,9 @@ private:
     void noticeGone(const std::string& id, const std::string& why);
     void showModules();
     bool isSettled();
-    std::string findEarlierClaim(const std::string& name, const Stamp& stamp) const;
+    /// Where another is that has the name or comes before; `waits` says whether one that comes after asks as well.
+    std::string findOtherClaim(const std::string& name, const Stamp& stamp, bool& waits) const;
+    void settleClaim(const std::string& name);
 
     void inquireOfPeers();
     void takeRequests();
@@ -104,11 +108,14 @@ private:
     dds_entity_t waitset_ = 0;
     dds_entity_t wakeUp_ = 0;
     std::thread thread_;
+    std::atomic<bool> serving_ = false;
     std::atomic<bool> stopping_ = false;
+    std::atomic<int> listening_ = 0;
     std::atomic<std::uint64_t> malformed_ = 0;
 
     std::mutex announceMutex_; // held while the announcement is written; taken after directoryMutex_
     std::map<std::string, std::pair<std::uint32_t, Stamp>> claims_; // guarded by announceMutex_: number, when
+    std::set<std::string> asked_; // guarded by announceMutex_: names that are being claimed
 
     std::mutex directoryMutex_;
     std::map<std::string, Neighbour> neighbours_; // guarded by directoryMutex_

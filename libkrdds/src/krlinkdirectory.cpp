@@ -5,6 +5,7 @@
 #include "krvaluecode.hpp"
 
 #include <krplatform/krlog.hpp>
+#include <krplatform/krthread.hpp>
 
 #include "krvision.h"
 
@@ -19,6 +20,8 @@ namespace {
 constexpr const char* kCategory = "krdds";
 constexpr std::chrono::milliseconds kClaimPatience{300};
 constexpr std::size_t kMaxModules = 10000; // of one broker
+constexpr int kAsked =
+    3; // the state announced of a module that is not sure of its name; KRModuleState has the others
 
 std::pair<std::int32_t, std::int32_t> getWallClock() {
     const auto now = std::chrono::duration_cast<std::chrono::microseconds>(
@@ -35,6 +38,9 @@ std::string describe(const KRVision_Announcement& announcement) {
 }
 
 KRModuleState toState(int state) {
+    if (state == kAsked) {
+        return KRModuleState::Claimed;
+    }
     if (state < 0 || state > static_cast<int>(KRModuleState::Closed)) {
         throw KRMalformed("an announcement is malformed: module state " + std::to_string(state));
     }
@@ -57,8 +63,10 @@ void KRLink::announceModules() noexcept {
             const bool same = known != claims_.end() && known->second.first == module.number;
             const Stamp stamp = same ? known->second.second : getWallClock();
             claims[module.name] = {module.number, stamp};
-            modules.push_back(KRValue::array(module.name, static_cast<std::int32_t>(module.number),
-                                             static_cast<int>(module.state), stamp.first, stamp.second));
+            modules.push_back(
+                KRValue::array(module.name, static_cast<std::int32_t>(module.number),
+                               asked_.contains(module.name) ? kAsked : static_cast<int>(module.state),
+                               stamp.first, stamp.second));
         }
         claims_ = std::move(claims);
         std::string encoded;
@@ -82,36 +90,67 @@ void KRLink::announceModules() noexcept {
     }
 }
 
+// Of several that take one name at once exactly one must get it. Each asks for it first, and says so; who finds one
+// that has it, or asked before, gives up; who finds one that asked later waits for that to be settled, for the other
+// may have looked around before this claim came.
 void KRLink::claim(const std::string& name) {
+    {
+        const std::lock_guard lock(announceMutex_);
+        asked_.insert(name);
+    }
     announceModules();
-    // Who has acknowledged the claim has it, and if it had one itself that is on its way here before.
+    // What another had to say before it acknowledged the claim is here by now.
     dds_wait_for_acks(announcementWriter_, DDS_MSECS(kClaimPatience.count()));
+    try {
+        settleClaim(name);
+    } catch (...) {
+        const std::lock_guard lock(announceMutex_);
+        asked_.erase(name);
+        throw;
+    }
+    {
+        const std::lock_guard lock(announceMutex_);
+        asked_.erase(name);
+    }
+    announceModules();
+}
+
+void KRLink::settleClaim(const std::string& name) {
     Stamp stamp;
     {
         const std::lock_guard lock(announceMutex_);
-        const auto own = claims_.find(name);
-        if (own == claims_.end()) {
+        stamp = claims_[name].second;
+    }
+    const auto deadline = std::chrono::steady_clock::now() + kClaimPatience;
+    for (;;) {
+        bool waits = false;
+        std::string where;
+        {
+            const std::lock_guard lock(directoryMutex_);
+            lookAround();
+            where = findOtherClaim(name, stamp, waits);
+        }
+        if (!where.empty()) {
+            throw KRError("KRBroker", "registerModule",
+                          "there is a module named " + name + " already, " + where);
+        }
+        if (!waits || std::chrono::steady_clock::now() > deadline) {
             return;
         }
-        stamp = own->second.second;
-    }
-    std::string where;
-    {
-        const std::lock_guard lock(directoryMutex_);
-        lookAround();
-        where = findEarlierClaim(name, stamp);
-    }
-    if (!where.empty()) {
-        throw KRError("KRBroker", "registerModule", "there is a module named " + name + " already, " + where);
+        sleepMilliseconds(2);
     }
 }
 
-std::string KRLink::findEarlierClaim(const std::string& name, const Stamp& stamp) const {
+std::string KRLink::findOtherClaim(const std::string& name, const Stamp& stamp, bool& waits) const {
     for (const auto& [id, neighbour] : neighbours_) {
         const auto found = neighbour.modules.find(name);
-        if (found != neighbour.modules.end() && std::pair(found->second.stamp, id) < std::pair(stamp, id_)) {
+        if (found == neighbour.modules.end()) {
+            continue;
+        }
+        if (!found->second.asked || std::pair(found->second.stamp, id) < std::pair(stamp, id_)) {
             return neighbour.peer->getWhereabouts();
         }
+        waits = true;
     }
     return {};
 }
@@ -176,8 +215,10 @@ void KRLink::noticeAnnouncement(const void* sample) {
         }
         for (std::size_t i = 0; i < list.getSize(); ++i) {
             const KRValue& entry = list[i];
-            modules[entry[0].to<std::string>()] = {
-                entry[1].to<int>(), toState(entry[2].to<int>()), {entry[3].to<int>(), entry[4].to<int>()}};
+            modules[entry[0].to<std::string>()] = {entry[1].to<int>(),
+                                                   toState(entry[2].to<int>()),
+                                                   {entry[3].to<int>(), entry[4].to<int>()},
+                                                   entry[2].to<int>() == kAsked};
         }
     } catch (const std::exception& error) { // KRError as well: the list is not as it should be
         countMalformed(error.what());
@@ -213,8 +254,8 @@ void KRLink::noticeGone(const std::string& id, const std::string& why) {
         peers_.erase(id);
     }
     logInfo(kCategory, "the broker " + peer->getWhereabouts() + " " + why);
+    showModules(); // first, so that who hears that a call failed finds the module gone
     peer->setGone("the process of the module, " + peer->getWhereabouts() + ", " + why);
-    showModules();
     host_.noticeCallerGone(id);
     dds_waitset_detach(waitset_, peer->getRequestWriter());
     dds_waitset_detach(waitset_, peer->getReplyWriter());
@@ -229,6 +270,9 @@ void KRLink::showModules() {
             continue;
         }
         for (const auto& [name, announced] : neighbour.modules) {
+            if (announced.asked) {
+                continue;
+            }
             auto& [who, what] = wanted[name];
             if (who != nullptr && announced.state == KRModuleState::Open &&
                 what->state == KRModuleState::Open && complaints_.insert(name + "@" + id).second) {

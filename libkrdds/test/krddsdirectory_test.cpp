@@ -94,7 +94,7 @@ TEST(KRDDSDirectory, OfManyWhoTakeANameAtOnceOneGetsIt) {
     for (int i = 0; i < kBrokers; ++i) {
         brokers.push_back(domain.createBroker());
     }
-    for (int round = 0; round < 5; ++round) {
+    for (int round = 0; round < 10; ++round) {
         std::atomic<int> got = 0;
         std::vector<KRModuleHandle<TestModule>> handles(kBrokers);
         std::vector<std::thread> threads;

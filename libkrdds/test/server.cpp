@@ -1,5 +1,6 @@
 // A process with modules for the tests to call: krdds_server URL [KIND NAME]...
-// Kinds: module (see addMethods), extractor and listener (<eventmodules.hpp>). It says "ready" and goes when its
+// Kinds: module (see addMethods), extractor and listener (<eventmodules.hpp>), camera (a test picture), watcher
+// (subscribes to the camera) and counter (raises "Images" for each). It says "ready" and goes when its
 // standard input ends.
 
 #include <eventmodules.hpp>
@@ -12,15 +13,61 @@
 #include <krplatform/krproxy.hpp>
 #include <krplatform/krthread.hpp>
 
+#ifdef KR_WITH_CAMERA
+#include <krcamera/krvideodevice.hpp>
+#include <krplatform/krvideodeviceproxy.hpp>
+#include <krvision/krvisionextractor.hpp>
+#endif
+
 #include <atomic>
 #include <cstdio>
 #include <iostream>
-#include <map>
 #include <unistd.h>
 
 namespace KR::test {
 
 namespace {
+
+#ifdef KR_WITH_CAMERA
+/// Fetches images of the first camera for as long as it stands.
+class Watcher : public KRModule {
+public:
+    Watcher(boost::shared_ptr<KRBroker> broker, const std::string& name)
+        : KRModule(std::move(broker), name), camera_(getParentBroker()),
+          id_(camera_.subscribeCamera(name, 0, 2, 9, 30)) {}
+    ~Watcher() override {
+        shutDown();
+        camera_.unsubscribe(id_);
+    }
+
+private:
+    KRVideoDeviceProxy camera_;
+    const std::string id_;
+};
+
+/// Raises an event for each image.
+class Counter : public KRVisionExtractor {
+public:
+    Counter(boost::shared_ptr<KRBroker> broker, const std::string& name)
+        : KRVisionExtractor(broker, name, 1, 9, 30, 0), memory_(broker) {
+        declareEvent("Images");
+    }
+
+    void xStartImageProcessing() override {}
+    void xProcessImage(KRImage*) override {
+        try {
+            memory_.raiseEvent("Images", ++count_);
+        } catch (const KRError& error) {
+            logWarning("server", error.what());
+        }
+    }
+    void xStopImageProcessing() override {}
+
+private:
+    KRMemoryProxy memory_;
+    int count_ = 0;
+};
+#endif
 
 class ServerModule : public TestModule {
 public:
@@ -44,6 +91,7 @@ private:
         add("echo", [](const KRValue& value) { return value; });
         add("getPid", [] { return static_cast<int>(getpid()); });
         add("getCaller", [this] { return xGetCaller(); });
+        add("callerOf", [this](const KRValue&) { return xGetCaller(); }); // as callOther() calls it
         add("getGone", [this] {
             const std::lock_guard lock(mutex_);
             return gone_;
@@ -111,6 +159,16 @@ int serve(int count, char** arguments) {
             modules.emplace_back(createModule<FakeExtractor>(broker, name));
         } else if (kind == "listener") {
             modules.emplace_back(createModule<EventListener>(broker, name));
+#ifdef KR_WITH_CAMERA
+        } else if (kind == "camera") {
+            modules.emplace_back(createModule<KRVideoDevice>(broker, name, std::vector<std::string>{"test"}));
+        } else if (kind == "watcher") {
+            broker->getSession().waitForService("KRVideoDevice");
+            modules.emplace_back(createModule<Watcher>(broker, name));
+        } else if (kind == "counter") {
+            broker->getSession().waitForService("KRVideoDevice");
+            modules.emplace_back(createModule<Counter>(broker, name));
+#endif
         } else {
             std::cerr << "unknown kind " << kind << '\n';
             return 2;

@@ -116,6 +116,30 @@ void KRBrokerPrivate::postRemote(std::shared_ptr<KRRemoteModule> module, std::st
     }
 }
 
+void KRBrokerPrivate::noticeModule(const std::string& module, bool reachable) {
+    if (KRMemory* const noticing = noticingMemory) {
+        noticing->noticeModule(module, reachable);
+    }
+    if (!ledger) {
+        return;
+    }
+    if (!reachable) {
+        ledger->forgetModule(module);
+    } else if (module == KRMemory::kName) {
+        try {
+            threads.post([this] {
+                try {
+                    ledger->tellMemory();
+                } catch (...) {
+                    logError("krplatform.memory", describeCurrentException());
+                }
+            });
+        } catch (const std::system_error& error) {
+            logError("krplatform.memory", std::string("the memory module is not told: ") + error.what());
+        }
+    }
+}
+
 void KRSession::waitForService(const std::string& name) {
     broker_.directory.waitFor(name, std::nullopt);
 }
@@ -135,8 +159,10 @@ KRBroker::KRBroker() : p_(std::make_unique<KRBrokerPrivate>()) {}
 
 KRBroker::~KRBroker() {
     if (p_->transport) {
+        p_->ledger->stop();
         p_->transport->stop(); // first, so that nobody waits for calls to other processes
     }
+    p_->noticingMemory = nullptr;
     p_->directory.setObserver(nullptr);
     p_->memory.reset();
     p_->directory.setTransport(nullptr);
@@ -146,16 +172,22 @@ boost::shared_ptr<KRBroker> KRBroker::create(const std::string& url) {
     boost::shared_ptr<KRBroker> broker(new KRBroker);
     KRBrokerOptions options =
         url.starts_with(kLocalScheme) ? parseLocalUrl(url) : getTransports().find(url)(url, broker->p_->host);
-    broker->p_->transport = std::move(options.transport);
-    broker->p_->directory.setTransport(broker->p_->transport.get());
+    KRBrokerPrivate& p = *broker->p_;
+    p.transport = std::move(options.transport);
+    p.directory.setTransport(p.transport.get());
+    // The broker owns the memory module and the ledger, which therefore must not own the broker.
+    const boost::shared_ptr<KRBroker> unowned(broker.get(), [](KRBroker*) {});
+    if (p.transport) {
+        p.ledger = std::make_unique<KRMemoryLedger>(unowned);
+    }
+    p.directory.setObserver(
+        [&p](const std::string& module, bool reachable) { p.noticeModule(module, reachable); });
+    if (p.transport) {
+        p.transport->start();
+    }
     if (options.memory) {
-        // The broker owns the memory module, which therefore must not own the broker.
-        const boost::shared_ptr<KRBroker> unowned(broker.get(), [](KRBroker*) {});
-        broker->p_->memory = createModule<KRMemory>(unowned, KRMemory::kName);
-        broker->p_->directory.setObserver(
-            [memory = broker->p_->memory.get()](const std::string& module, bool reachable) {
-                memory->noticeModule(module, reachable);
-            });
+        p.memory = createModule<KRMemory>(unowned, KRMemory::kName);
+        p.noticingMemory = p.memory.get();
     }
     return broker;
 }

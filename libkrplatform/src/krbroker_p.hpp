@@ -7,7 +7,9 @@
 #include "krcallthreads.hpp"
 #include "krdirectory.hpp"
 #include "krmemory.hpp"
+#include "krmemoryledger.hpp"
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <string>
@@ -29,12 +31,18 @@ public:
     void postRemote(std::shared_ptr<KRRemoteModule> module, std::string method,
                     std::vector<KRValue> arguments);
 
+    /// A module can be called from now on, or cannot any more.
+    void noticeModule(const std::string& module, bool reachable);
+
     KRDirectory directory;
     KRTransportHost host{*this};
     std::unique_ptr<KRTransport> transport; // null in a broker that is alone; goes after the call threads
+    std::unique_ptr<KRMemoryLedger> ledger; // null in a broker that is alone
     KRCallThreads threads;
     KRSession session{*this};
     KRModuleHandle<KRMemory> memory; // empty in a broker without one
+    std::atomic<KRMemory*> noticingMemory =
+        nullptr; // the same once it is up, for the thread of the transport
 };
 
 } // namespace KR

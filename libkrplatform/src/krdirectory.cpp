@@ -60,7 +60,7 @@ void KRDirectory::open(KRModuleGate& gate) {
         if (!gate.open()) {
             return;
         }
-        opened_.notify_all();
+        changed_.notify_all();
     }
     announce();
     notify(gate.getName(), true);
@@ -107,6 +107,13 @@ std::optional<KRModuleState> KRDirectory::getState(const std::string& name) cons
     return findState(name);
 }
 
+std::optional<KRModuleState> KRDirectory::waitForState(const std::string& name,
+                                                       std::chrono::milliseconds timeout) const {
+    std::unique_lock lock(mutex_);
+    changed_.wait_for(lock, timeout, [&] { return findState(name).has_value(); });
+    return findState(name);
+}
+
 void KRDirectory::setRemote(const std::shared_ptr<KRRemoteModule>& module, KRModuleState state) {
     const std::string& name = module->getName();
     bool wentBefore = false;
@@ -121,9 +128,7 @@ void KRDirectory::setRemote(const std::shared_ptr<KRRemoteModule>& module, KRMod
         wasOpen = entry == module && module->getState() == KRModuleState::Open;
         entry = module;
         module->state_ = state;
-        if (state == KRModuleState::Open) {
-            opened_.notify_all();
-        }
+        changed_.notify_all();
     }
     if (wentBefore || (wasOpen && state != KRModuleState::Open) || state == KRModuleState::Closed) {
         notify(name, false);
@@ -172,9 +177,9 @@ bool KRDirectory::waitFor(const std::string& name,
     const auto isOpenNow = [&] { return findState(name) == KRModuleState::Open; };
     std::unique_lock lock(mutex_);
     if (deadline) {
-        return opened_.wait_until(lock, *deadline, isOpenNow);
+        return changed_.wait_until(lock, *deadline, isOpenNow);
     }
-    opened_.wait(lock, isOpenNow);
+    changed_.wait(lock, isOpenNow);
     return true;
 }
 

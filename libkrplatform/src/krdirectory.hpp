@@ -42,6 +42,9 @@ public:
     std::shared_ptr<KRRemoteModule> findRemote(const std::string& name) const;
     /// How far the module of this name is, here or elsewhere; none if there is none.
     std::optional<KRModuleState> getState(const std::string& name) const;
+    /// The same, once there is one or the time is over.
+    std::optional<KRModuleState> waitForState(const std::string& name,
+                                              std::chrono::milliseconds timeout) const;
     bool isOpen(const std::string& name) const { return getState(name) == KRModuleState::Open; }
 
     void setRemote(const std::shared_ptr<KRRemoteModule>& module, KRModuleState state);
@@ -62,7 +65,7 @@ private:
     Observer observer_;
     KRTransport* transport_ = nullptr;
     mutable std::mutex mutex_;
-    mutable std::condition_variable opened_;
+    mutable std::condition_variable changed_;                       // a module came, or can be called
     std::map<std::string, std::shared_ptr<KRModuleGate>> gates_;    // guarded by mutex_
     std::map<std::string, std::shared_ptr<KRRemoteModule>> remote_; // guarded by mutex_
 };

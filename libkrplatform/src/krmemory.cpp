@@ -12,6 +12,8 @@ namespace KR {
 namespace {
 
 constexpr const char* kCategory = "krplatform.memory";
+constexpr const char* kLossCallback = "onEventsLost";
+constexpr std::chrono::seconds kIntroduction{2}; // a module of another process may take to be known here
 
 void tryToUnsubscribe(const KRProxy& extractor, const std::string& client) {
     try {
@@ -202,6 +204,7 @@ void KRMemory::deliver(const std::shared_ptr<Subscription>& subscription) {
         }
         if (lost > 0) {
             logWarningAbout("lost " + std::to_string(lost) + " events, it takes them too slowly");
+            tellOfLoss(*subscription, lost);
         }
         try {
             subscription->client.call(subscription->callback, subscription->event, value);
@@ -211,9 +214,24 @@ void KRMemory::deliver(const std::shared_ptr<Subscription>& subscription) {
     }
 }
 
+void KRMemory::tellOfLoss(const Subscription& subscription, int lost) {
+    if (!subscription.hearsOfLosses) {
+        return;
+    }
+    try {
+        subscription.client.call(kLossCallback, subscription.event, lost);
+    } catch (const KRError& error) {
+        logVerbose(kCategory, error.what()); // it may have no such method
+    }
+}
+
 void KRMemory::subscribeToEvent(const std::string& event, const std::string& client,
                                 const std::string& callback) {
-    checkCallback(client, callback);
+    if (!xGetCaller().empty()) {
+        // It knows its own modules sooner than this process does.
+        KRBrokerPrivate::of(*getParentBroker()).directory.waitForState(client, kIntroduction);
+    }
+    const bool hearsOfLosses = checkCallback(client, callback);
     std::string extractor;
     Undelivered replaced;
     Undelivered undelivered;
@@ -223,8 +241,8 @@ void KRMemory::subscribeToEvent(const std::string& event, const std::string& cli
         Event& subscribed = events_[event];
         replaced = drop(subscribed, client);
         // Built in place: a subscription holds a proxy, which does not move.
-        subscribed.subscriptions[client] =
-            std::shared_ptr<Subscription>(new Subscription{event, callback, {getParentBroker(), client}, {}});
+        subscribed.subscriptions[client] = std::shared_ptr<Subscription>(
+            new Subscription{event, callback, {getParentBroker(), client}, hearsOfLosses, {}});
         extractor = subscribed.extractor;
     }
     try {
@@ -284,18 +302,23 @@ KRModuleState KRMemory::findClient(const std::string& client) const {
     return *state;
 }
 
-void KRMemory::checkCallback(const std::string& client, const std::string& callback) const {
+bool KRMemory::checkCallback(const std::string& client, const std::string& callback) const {
     if (findClient(client) != KRModuleState::Open) {
-        return; // it subscribes in its own constructor, where it may not have published the method yet
+        return true; // it subscribes in its own constructor, where it may not have published the method yet
     }
     const auto methods = KRProxy(getParentBroker(), client).getMethodList();
     const bool fits = std::any_of(methods.begin(), methods.end(), [&](const KRMethodDescription& method) {
         return method.name == callback && method.argumentTypes.size() == 2;
     });
+    const bool hearsOfLosses =
+        std::any_of(methods.begin(), methods.end(), [](const KRMethodDescription& method) {
+            return method.name == kLossCallback && method.argumentTypes.size() == 2;
+        });
     if (!fits) {
         throw KRError(kName, "subscribeToEvent",
                       "the module " + client + " has no method " + callback + "(string event, value)");
     }
+    return hearsOfLosses;
 }
 
 void KRMemory::noticeModule(const std::string& module, bool reachable) {

@@ -50,6 +50,7 @@ private:
         std::string event;
         std::string callback;
         KRProxy client;
+        bool hearsOfLosses;
         Undelivered pending;
         bool delivering = false; // a call thread is at it
         int delivered = 0;
@@ -70,7 +71,10 @@ private:
     void publishMethods();
     /// \throws KRError there is no such module, or it goes
     KRModuleState findClient(const std::string& client) const;
-    void checkCallback(const std::string& client, const std::string& callback) const;
+    /// \return whether the client may want to hear of events that it lost
+    /// \throws KRError it cannot be called back
+    bool checkCallback(const std::string& client, const std::string& callback) const;
+    static void tellOfLoss(const Subscription& subscription, int lost);
     void deliver(const std::shared_ptr<Subscription>& subscription);
     void settle(const std::string& extractor, const std::string& client);
     void settleLater(const std::vector<LinkKey>& links);

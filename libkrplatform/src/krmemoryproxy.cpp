@@ -1,10 +1,13 @@
 #include "krplatform/krmemoryproxy.hpp"
 
+#include "krbroker_p.hpp"
 #include "krmemory.hpp"
+#include "krmemoryledger.hpp"
 
 namespace KR {
 
-KRMemoryProxy::KRMemoryProxy(const boost::shared_ptr<KRBroker>& broker) : proxy_(broker, KRMemory::kName) {}
+KRMemoryProxy::KRMemoryProxy(const boost::shared_ptr<KRBroker>& broker)
+    : broker_(broker), proxy_(broker, KRMemory::kName) {}
 
 void KRMemoryProxy::insertData(const std::string& key, const KRValue& value) {
     proxy_.call("insertData", key, value);
@@ -24,10 +27,16 @@ void KRMemoryProxy::removeData(const std::string& key) {
 
 void KRMemoryProxy::declareEvent(const std::string& event, const std::string& extractor) {
     proxy_.call("declareEvent", event, extractor);
+    if (KRMemoryLedger* ledger = KRBrokerPrivate::of(*broker_).ledger.get()) {
+        ledger->noteDeclaration(event, extractor);
+    }
 }
 
 void KRMemoryProxy::declareEvent(const std::string& event) {
     proxy_.call("declareEvent", event);
+    if (KRMemoryLedger* ledger = KRBrokerPrivate::of(*broker_).ledger.get()) {
+        ledger->noteDeclaration(event, "");
+    }
 }
 
 void KRMemoryProxy::raiseEvent(const std::string& event, const KRValue& value) {
@@ -37,9 +46,15 @@ void KRMemoryProxy::raiseEvent(const std::string& event, const KRValue& value) {
 void KRMemoryProxy::subscribeToEvent(const std::string& event, const std::string& client,
                                      const std::string& callback) {
     proxy_.call("subscribeToEvent", event, client, callback);
+    if (KRMemoryLedger* ledger = KRBrokerPrivate::of(*broker_).ledger.get()) {
+        ledger->noteSubscription(event, client, callback);
+    }
 }
 
 void KRMemoryProxy::unsubscribeFromEvent(const std::string& event, const std::string& client) {
+    if (KRMemoryLedger* ledger = KRBrokerPrivate::of(*broker_).ledger.get()) {
+        ledger->forgetSubscription(event, client); // also if the memory is gone and cannot be told
+    }
     proxy_.call("unsubscribeFromEvent", event, client);
 }
 

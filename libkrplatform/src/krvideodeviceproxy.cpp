@@ -3,6 +3,10 @@
 #include <array>
 #include <cstdint>
 #include <limits>
+#include <map>
+#include <mutex>
+#include <utility>
+#include <vector>
 
 namespace KR {
 
@@ -69,46 +73,138 @@ std::vector<T> readAll(const KRValue& values) {
 
 } // namespace
 
+/// What this proxy has subscribed to, kept to subscribe again when the service is another one. Thread-safe.
+struct KRVideoDeviceProxy::Subscriptions {
+    struct Subscription {
+        std::string name;
+        int camera;
+        int resolution;
+        int colorSpace;
+        int frameRate;
+        std::uint32_t service;                         // number of the module that knows the identifier
+        std::string id;                                // of the subscription there
+        std::vector<std::pair<int, int>> parameters{}; // that were set, in order
+        bool known = true;                             // false: the caller's identifier is none of ours
+    };
+
+    /// The subscription behind the identifier, brought to the service that is there now.
+    /// \return one without a service if there is none
+    Subscription get(const KRProxy& proxy, const std::string& id) {
+        const std::lock_guard lock(mutex);
+        const std::uint32_t service = proxy.getModuleNumber();
+        const auto found = byId.find(id);
+        if (found == byId.end()) {
+            return {"", 0, 0, 0, 0, service, id, {}, false};
+        }
+        Subscription& subscription = found->second;
+        if (service != 0 && service != subscription.service) {
+            // With the lock held, so that one thread does it.
+            subscription.id = proxy.call<std::string>("subscribeCamera", subscription.name,
+                                                      subscription.camera, subscription.resolution,
+                                                      subscription.colorSpace, subscription.frameRate);
+            subscription.service = service;
+            for (const auto& [parameter, value] : subscription.parameters) {
+                proxy.call("setCameraParameter", subscription.id, parameter, value);
+            }
+        }
+        Subscription current = subscription;
+        current.service = service;
+        return current;
+    }
+
+    template <class Change>
+    void change(const std::string& id, Change function) {
+        const std::lock_guard lock(mutex);
+        const auto found = byId.find(id);
+        if (found != byId.end()) {
+            function(found->second);
+        }
+    }
+
+    /// Calls an operation that has no meaning once the service is gone.
+    void callIfThere(const KRProxy& proxy, const char* method, const std::string& id) {
+        const Subscription subscription = get(proxy, id);
+        if (subscription.known && subscription.service == 0) {
+            return;
+        }
+        try {
+            proxy.call(method, subscription.id);
+        } catch (const KRError&) {
+            if (!subscription.known || proxy.getModuleNumber() == subscription.service) {
+                throw;
+            }
+        }
+    }
+
+    /// Sets a setting, also for the service to come.
+    template <class Value, class Change>
+    bool set(const KRProxy& proxy, const char* method, const std::string& id, Value value, Change function) {
+        const Subscription subscription = get(proxy, id);
+        const bool accepted = proxy.call<bool>(method, subscription.id, value);
+        if (accepted) {
+            change(id, function);
+        }
+        return accepted;
+    }
+
+    std::mutex mutex;
+    std::map<std::string, Subscription> byId; // guarded by mutex: by the identifier that the caller has
+};
+
 KRVideoDeviceProxy::KRVideoDeviceProxy(const boost::shared_ptr<KRBroker>& broker)
-    : proxy_(broker, "KRVideoDevice") {}
+    : proxy_(broker, "KRVideoDevice"), subscriptions_(std::make_unique<Subscriptions>()) {}
+
+KRVideoDeviceProxy::~KRVideoDeviceProxy() = default;
 
 std::string KRVideoDeviceProxy::subscribeCamera(const std::string& name, int camera, int resolution,
                                                 int colorSpace, int frameRate) {
-    return proxy_.call<std::string>("subscribeCamera", name, camera, resolution, colorSpace, frameRate);
+    const std::uint32_t service = proxy_.getModuleNumber();
+    const auto id =
+        proxy_.call<std::string>("subscribeCamera", name, camera, resolution, colorSpace, frameRate);
+    const std::lock_guard lock(subscriptions_->mutex);
+    subscriptions_->byId.insert_or_assign(
+        id, Subscriptions::Subscription{name, camera, resolution, colorSpace, frameRate, service, id});
+    return id;
 }
 
 void KRVideoDeviceProxy::unsubscribe(const std::string& id) {
-    proxy_.call("unsubscribe", id);
+    subscriptions_->callIfThere(proxy_, "unsubscribe", id);
+    const std::lock_guard lock(subscriptions_->mutex);
+    subscriptions_->byId.erase(id);
 }
 
 KRValue KRVideoDeviceProxy::getImageRemote(const std::string& id) {
-    KRValue image = proxy_.call<KRValue>("getImageRemote", id);
+    KRValue image = proxy_.call<KRValue>("getImageRemote", subscriptions_->get(proxy_, id).id);
     checkImage(image);
     return image;
 }
 
 void KRVideoDeviceProxy::releaseImage(const std::string& id) {
-    proxy_.call("releaseImage", id);
+    subscriptions_->callIfThere(proxy_, "releaseImage", id);
 }
 
 bool KRVideoDeviceProxy::setFrameRate(const std::string& id, int frameRate) {
-    return proxy_.call<bool>("setFrameRate", id, frameRate);
+    return subscriptions_->set(proxy_, "setFrameRate", id, frameRate,
+                               [&](auto& subscription) { subscription.frameRate = frameRate; });
 }
 
 int KRVideoDeviceProxy::getFrameRate(const std::string& id) const {
-    return proxy_.call<int>("getFrameRate", id);
+    return proxy_.call<int>("getFrameRate", subscriptions_->get(proxy_, id).id);
 }
 
 bool KRVideoDeviceProxy::setResolution(const std::string& id, int resolution) {
-    return proxy_.call<bool>("setResolution", id, resolution);
+    return subscriptions_->set(proxy_, "setResolution", id, resolution,
+                               [&](auto& subscription) { subscription.resolution = resolution; });
 }
 
 bool KRVideoDeviceProxy::setColorSpace(const std::string& id, int colorSpace) {
-    return proxy_.call<bool>("setColorSpace", id, colorSpace);
+    return subscriptions_->set(proxy_, "setColorSpace", id, colorSpace,
+                               [&](auto& subscription) { subscription.colorSpace = colorSpace; });
 }
 
 bool KRVideoDeviceProxy::setActiveCamera(const std::string& id, int camera) {
-    return proxy_.call<bool>("setActiveCamera", id, camera);
+    return subscriptions_->set(proxy_, "setActiveCamera", id, camera,
+                               [&](auto& subscription) { subscription.camera = camera; });
 }
 
 int KRVideoDeviceProxy::getCameraModel(int camera) const {
@@ -116,11 +212,20 @@ int KRVideoDeviceProxy::getCameraModel(int camera) const {
 }
 
 bool KRVideoDeviceProxy::setCameraParameter(const std::string& id, int parameter, int value) {
-    return proxy_.call<bool>("setCameraParameter", id, parameter, value);
+    const bool accepted =
+        proxy_.call<bool>("setCameraParameter", subscriptions_->get(proxy_, id).id, parameter, value);
+    if (accepted) {
+        subscriptions_->change(id, [&](auto& subscription) {
+            std::erase_if(subscription.parameters, [&](const auto& each) { return each.first == parameter; });
+            subscription.parameters.emplace_back(parameter, value);
+        });
+    }
+    return accepted;
 }
 
 void KRVideoDeviceProxy::setAllCameraParametersToDefault(const std::string& id) {
-    proxy_.call("setAllCameraParametersToDefault", id);
+    subscriptions_->callIfThere(proxy_, "setAllCameraParametersToDefault", id);
+    subscriptions_->change(id, [](auto& subscription) { subscription.parameters.clear(); });
 }
 
 std::vector<KRCameraInfo> KRVideoDeviceProxy::getCameraList() const {

@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -126,6 +127,46 @@ TEST(KRMemoryEvent, ASlowSubscriberLosesTheOldestAndTheLossIsLoggedAndCounted) {
     const auto warnings = recorded.find(KRLogLevel::Warning, "");
     ASSERT_EQ(warnings.size(), 1u);
     EXPECT_THAT(warnings[0].message, HasSubstr("event event for client.onEvent: lost 100 events"));
+}
+
+TEST(KRMemoryEvent, ASlowSubscriberIsToldHowManyEventsItHasLostBeforeTheNextOne) {
+    constexpr int kKept = 16384;
+    constexpr int kTooMany = 3;
+    const auto broker = KRBroker::create("local:");
+    KRMemoryProxy memory(broker);
+    Event entered;
+    Event release;
+    const test::SetAtEnd end(release);
+    std::mutex mutex;
+    std::vector<std::string> heard; // of the first three
+    const auto client = makeModule(broker, "client", [&](TestModule& module) {
+        const auto hear = [&](const std::string& what) {
+            const std::lock_guard lock(mutex);
+            if (heard.size() < 3) {
+                heard.push_back(what);
+            }
+        };
+        module.add("onEvent", [&, hear](const std::string&, const KRValue& value) {
+            entered.set();
+            EXPECT_TRUE(release.wait());
+            hear(std::to_string(value.to<int>()));
+        });
+        module.add("onEventsLost", [hear](const std::string& event, int count) {
+            hear(event + " " + std::to_string(count));
+        });
+    });
+    memory.subscribeToEvent("event", "client", "onEvent");
+    memory.raiseEvent("event", 0);
+    ASSERT_TRUE(entered.wait());
+    for (int i = 1; i <= kKept + kTooMany; ++i) {
+        memory.raiseEvent("event", i);
+    }
+    release.set();
+    EXPECT_TRUE(eventually([&] {
+        const std::lock_guard lock(mutex);
+        return heard.size() == 3;
+    }));
+    EXPECT_THAT(heard, ElementsAre("0", "event 3", "4"));
 }
 
 TEST(KRMemoryEvent, ASlowSubscriberHoldsUpNeitherTheRaiserNorOthers) {

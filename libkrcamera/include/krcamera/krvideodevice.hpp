@@ -104,6 +104,8 @@ public:
 
 protected:
     void xShutDown() override;
+    /// Ends the subscriptions that the process had made.
+    void xCallerGone(const std::string& caller) override;
 
 private:
     void publishMethods();

@@ -11,7 +11,8 @@ namespace KR {
 /// The memory module, typed: data by key, and events.
 ///
 /// Calls whatever module is registered as "KRMemory". All operations are thread-safe and throw KRError when
-/// there is no such module.
+/// there is no such module. Events declared and subscribed to through this proxy are declared and subscribed to again
+/// when a memory module of another process has gone and another has come; data is not written again.
 class KR_EXPORT KRMemoryProxy {
 public:
     explicit KRMemoryProxy(const boost::shared_ptr<KRBroker>& broker);
@@ -34,7 +35,9 @@ public:
     void raiseEvent(const std::string& event, const KRValue& value);
     /// Has `callback(string event, value)` of the module `client` called whenever the event is raised, and
     /// subscribes the client to the extractor that declared it. An event may be declared later, and its
-    /// extractor may go and come back. Subscribing again replaces the callback.
+    /// extractor may go and come back. Subscribing again replaces the callback. A client that takes its events so
+    /// slowly that the oldest get lost is told by its method `onEventsLost(string event, int count)`, if it has
+    /// one, before the next event that it gets.
     /// \throws KRError no such client; it has no such callback; the extractor refuses the subscription
     void subscribeToEvent(const std::string& event, const std::string& client, const std::string& callback);
     /// Ends that. The client's last event of an extractor unsubscribes it from the extractor.
@@ -48,6 +51,7 @@ public:
     const KRProxy& getProxy() const noexcept { return proxy_; }
 
 private:
+    const boost::shared_ptr<KRBroker> broker_;
     KRProxy proxy_;
 };
 

@@ -111,6 +111,9 @@ public:
     KRTransport(const KRTransport&) = delete;
     KRTransport& operator=(const KRTransport&) = delete;
 
+    /// Begins; the broker is ready for it. Returns once the processes that are there are known, or after a while.
+    /// \throws KRError the link cannot be made
+    virtual void start() = 0;
     /// The modules of this process are not what they were: tells the others. Called without a lock held.
     virtual void announceModules() noexcept = 0;
     /// Announces a module whose name has just been taken in this process, and returns once it is sure to have
@@ -127,8 +130,8 @@ struct KRBrokerOptions {
     std::unique_ptr<KRTransport> transport; ///< null: it is alone
 };
 
-/// Makes sense of a broker's address and links the broker. The host lives until the transport's stop() returns.
-/// \throws KRError an address that is not understood; a link that cannot be made
+/// Makes sense of a broker's address. The host lives until the transport's stop() returns, and is not used before
+/// its start(). \throws KRError an address that is not understood; a link that cannot be made
 using KRTransportFactory = std::function<KRBrokerOptions(const std::string& url, KRTransportHost& host)>;
 
 /// Has KRBroker::create() ask `factory` for addresses that begin with `scheme`, "dds:" for instance. The last

@@ -4,6 +4,7 @@
 #include "krplatform/krexport.hpp"
 #include "krplatform/krproxy.hpp"
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -14,9 +15,14 @@ namespace KR {
 /// Calls whatever module is registered as "KRVideoDevice". All operations are thread-safe; each throws what the
 /// service throws, and KRError when there is no such module. `id` is the identifier that subscribeCamera()
 /// returned. Setters return false for a value that the camera refuses and change nothing then.
+///
+/// A subscription made through this proxy outlives the service: when the service is gone, images cannot be fetched
+/// and there is nothing to release or to unsubscribe; once another has come, the next operation subscribes there with
+/// the same settings and parameters, behind the same identifier.
 class KR_EXPORT KRVideoDeviceProxy {
 public:
     explicit KRVideoDeviceProxy(const boost::shared_ptr<KRBroker>& broker);
+    ~KRVideoDeviceProxy();
 
     /// Subscribes to a camera; the first subscriber opens it. Frame rate in images per second.
     /// \return the identifier to use from now on
@@ -58,7 +64,9 @@ public:
     const KRProxy& getProxy() const noexcept { return proxy_; }
 
 private:
+    struct Subscriptions;
     KRProxy proxy_;
+    const std::unique_ptr<Subscriptions> subscriptions_;
 };
 
 } // namespace KR

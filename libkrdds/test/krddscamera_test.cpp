@@ -1,0 +1,76 @@
+#include "otherprocess.hpp"
+#include "testdomain.hpp"
+
+#include <patience.hpp>
+#include <recordedlog.hpp>
+
+#include <krcamera/krvideodevice.hpp>
+#include <krplatform/krmodulehandle.hpp>
+#include <krplatform/krproxy.hpp>
+#include <krvision/krvisionextractor.hpp>
+
+#include <gtest/gtest.h>
+
+namespace KR::test {
+
+namespace {
+
+constexpr int kVga = 2;
+constexpr int kYuv422 = 9;
+
+/// Counts its images.
+class Counter : public KRVisionExtractor {
+public:
+    Counter(boost::shared_ptr<KRBroker> broker, const std::string& name)
+        : KRVisionExtractor(std::move(broker), name, kVga, kYuv422, 30, 0) {}
+
+    void xStartImageProcessing() override {}
+    void xProcessImage(KRImage* image) override {
+        if (image->width == 640 && image->height == 480) {
+            ++count;
+        }
+    }
+    void xStopImageProcessing() override {}
+
+    bool getsImages(int more) const {
+        return eventually([this, until = count + more] { return count >= until; });
+    }
+
+    std::atomic<int> count = 0;
+};
+
+TEST(KRDDSCamera, SubscriptionsOfAProcessThatIsKilledEnd) {
+    const TestDomain domain;
+    const RecordedLog log;
+    const auto broker = domain.createBroker("lease=1");
+    const auto camera =
+        createModule<KRVideoDevice>(broker, "KRVideoDevice", std::vector<std::string>{"test"});
+    OtherProcess watcher(domain.getUrl("lease=1"), {"watcher", "Watcher"});
+    ASSERT_EQ(watcher.getAnswer(), "ready");
+    ASSERT_TRUE(log.waitFor(KRLogLevel::Info, "camera 0 (test) is open"));
+    watcher.kill();
+    EXPECT_TRUE(log.waitFor(KRLogLevel::Info, "subscription Watcher_1 has ended"));
+    EXPECT_TRUE(log.waitFor(KRLogLevel::Info, "camera 0 (test) is closed"));
+}
+
+TEST(KRDDSCamera, AnExtractorGetsItsImagesFromAnotherProcessAndGoesOnWhenThatComesBack) {
+    const TestDomain domain;
+    const std::string url = domain.getUrl("lease=1");
+    auto server = std::make_unique<OtherProcess>(url, std::vector<std::string>{"camera", "KRVideoDevice"});
+    const auto broker = domain.createBroker("memory=here&lease=1");
+    ASSERT_TRUE(broker->getSession().waitForService("KRVideoDevice", kPatience));
+    const auto counter = createModule<Counter>(broker, "Counter");
+    counter->subscribe("client", 33, 0.0F);
+    EXPECT_TRUE(counter->getsImages(10));
+    server->kill();
+    ASSERT_TRUE(eventually([&] { return broker->getModuleList().size() == 2; }));
+    EXPECT_TRUE(counter->isProcessing());
+    server = std::make_unique<OtherProcess>(url, std::vector<std::string>{"camera", "KRVideoDevice"});
+    EXPECT_TRUE(counter->getsImages(10));
+    counter->unsubscribe("client");
+    EXPECT_FALSE(counter->isExiting());
+}
+
+} // namespace
+
+} // namespace KR::test

@@ -1,0 +1,114 @@
+// Three hosts, as far as the network can tell: namespaces joined by virtual cables.
+
+#include "otherprocess.hpp"
+#include "testdomain.hpp"
+
+#include <eventmodules.hpp>
+#include <patience.hpp>
+
+#include <krplatform/krmemoryproxy.hpp>
+#include <krplatform/krmodulehandle.hpp>
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <fcntl.h>
+#include <sched.h>
+#include <stdexcept>
+#include <thread>
+#include <unistd.h>
+
+namespace KR::test {
+
+namespace {
+
+bool run(const std::string& command) {
+    return std::system((command + " 2>/dev/null").c_str()) == 0;
+}
+
+/// Hosts 1, 2 and so on at 10.77.0.1, 10.77.0.2, each with one interface "kr0" on the same network.
+class Hosts {
+public:
+    explicit Hosts(int count) : count_(count) {
+        bool done = true;
+        for (int i = 0; i <= count && done; ++i) { // number 0 is the switch
+            done = run("ip netns add " + getName(i));
+        }
+        done = done && run("ip -n " + getName(0) + " link add bridge type bridge") &&
+               run("ip -n " + getName(0) + " link set bridge up");
+        for (int i = 1; i <= count && done; ++i) {
+            const std::string port = "port" + std::to_string(i);
+            done = run("ip -n " + getName(0) + " link add " + port + " type veth peer name kr0 netns " +
+                       getName(i)) &&
+                   run("ip -n " + getName(0) + " link set " + port + " master bridge up") &&
+                   run("ip -n " + getName(i) + " addr add 10.77.0." + std::to_string(i) + "/24 dev kr0") &&
+                   run("ip -n " + getName(i) + " link set kr0 up") &&
+                   run("ip -n " + getName(i) + " link set lo up");
+        }
+        complete_ = done;
+    }
+    ~Hosts() {
+        for (int i = 0; i <= count_; ++i) {
+            run("ip netns del " + getName(i));
+        }
+    }
+    Hosts(const Hosts&) = delete;
+    Hosts& operator=(const Hosts&) = delete;
+
+    bool areComplete() const noexcept { return complete_; }
+    /// What to begin a command with that is to run on the host.
+    std::vector<std::string> on(int host) const { return {"ip", "netns", "exec", getName(host)}; }
+    void setCable(int host, bool plugged) const {
+        run("ip -n " + getName(0) + " link set port" + std::to_string(host) + (plugged ? " up" : " down"));
+    }
+    /// Moves the calling thread, and those that it starts from now on, to the host.
+    void enter(int host) const {
+        const int handle = open(("/run/netns/" + getName(host)).c_str(), O_RDONLY | O_CLOEXEC);
+        if (handle < 0 || setns(handle, CLONE_NEWNET) != 0) {
+            throw std::runtime_error("no entry to " + getName(host));
+        }
+        close(handle);
+    }
+
+private:
+    static std::string getName(int host) {
+        return "krdds" + std::to_string(getpid()) + "-" + std::to_string(host);
+    }
+
+    const int count_;
+    bool complete_ = false;
+};
+
+TEST(KRDDSNetwork, ThreeHostsRecoverFromACableThatWasUnpluggedForFiveSeconds) {
+    const Hosts hosts(3);
+    if (!hosts.areComplete()) {
+        GTEST_SKIP() << "this needs the right to make network namespaces, as root has it, and the tool ip";
+    }
+    const TestDomain domain;
+    const std::string url = "dds:?domain=" + std::to_string(domain.getNumber()) +
+                            "&interfaces=kr0&peers=10.77.0.1,10.77.0.2,10.77.0.3&fragment=1344&lease=2";
+    const OtherProcess robot(url + "&memory=here", {"camera", "KRVideoDevice"}, hosts.on(1));
+    ASSERT_EQ(robot.getAnswer(), "ready");
+    const OtherProcess processor(url, {"counter", "Counter"}, hosts.on(2));
+    ASSERT_EQ(processor.getAnswer(), "ready");
+    std::thread([&] {
+        hosts.enter(3);
+        const auto broker = KRBroker::create(url);
+        ASSERT_TRUE(broker->getSession().waitForService("Counter", kPatience));
+        ASSERT_TRUE(broker->getSession().waitForService("KRMemory", kPatience));
+        const auto listener = createModule<EventListener>(broker, "Listener");
+        KRMemoryProxy(broker).subscribeToEvent("Images", "Listener", "onEvent");
+        ASSERT_GE(listener->waitForEvents(10).size(), 10U);
+        hosts.setCable(2, false);
+        EXPECT_TRUE(eventually([&] { return broker->getModuleList().size() == 3; })); // without Counter
+        std::this_thread::sleep_for(std::chrono::seconds(5));
+        hosts.setCable(2, true);
+        ASSERT_TRUE(broker->getSession().waitForService("Counter", kPatience));
+        const std::size_t before = listener->waitForEvents(0).size();
+        EXPECT_GE(listener->waitForEvents(before + 10).size(), before + 10);
+    }).join();
+}
+
+} // namespace
+
+} // namespace KR::test
