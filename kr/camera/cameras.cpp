@@ -10,19 +10,12 @@
 #include <CLI/CLI.hpp>
 
 #include <charconv>
-#include <csignal>
 #include <map>
 #include <stdexcept>
 
 namespace KR::tool {
 
 namespace {
-
-volatile std::sig_atomic_t interrupted = 0;
-
-void interrupt(int) {
-    interrupted = 1;
-}
 
 // The whole text as a number that is not negative; -1 if it is none.
 int readNumber(const std::string& text) {
@@ -32,9 +25,21 @@ int readNumber(const std::string& text) {
     return error == std::errc() && read == end && number >= 0 ? number : -1;
 }
 
-std::vector<std::string> readSources(const std::vector<std::string>& options) {
+} // namespace
+
+void CameraOptions::declare(CLI::App& app) {
+    app.add_option(
+           "--camera", cameras,
+           "N=SOURCE: what camera N is, such as 0=test:smpte, 1=file:a.mp4 or 0=v4l2:/dev/video0. May be "
+           "given several times; without it camera 0 is test")
+        ->take_all()
+        ->expected(1)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+}
+
+std::vector<std::string> CameraOptions::readSources() const {
     std::map<int, std::string> sources;
-    for (const std::string& option : options) {
+    for (const std::string& option : cameras) {
         const std::size_t equals = option.find('=');
         const int camera = readNumber(option.substr(0, equals));
         if (equals == std::string::npos || camera < 0) {
@@ -59,22 +64,10 @@ std::vector<std::string> readSources(const std::vector<std::string>& options) {
     return list;
 }
 
-} // namespace
-
-void CameraOptions::declare(CLI::App& app) {
-    app.add_option(
-           "--camera", cameras,
-           "N=SOURCE: what camera N is, such as 0=test:smpte, 1=file:a.mp4 or 0=v4l2:/dev/video0. May be "
-           "given several times; without it camera 0 is test")
-        ->take_all()
-        ->expected(1)
-        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
-}
-
 Cameras::Cameras(const CameraOptions& options)
     : count_(0), broker_(KRBroker::create("local:")), service_(broker_) {
     setLogLevel(KRLogLevel::Warning);
-    const std::vector<std::string> sources = readSources(options.cameras);
+    const std::vector<std::string> sources = options.readSources();
     count_ = static_cast<int>(sources.size());
     module_ = createModule<KRVideoDevice>(broker_, "KRVideoDevice", sources);
 }
@@ -139,21 +132,6 @@ std::unique_ptr<KRImage> Subscription::fetch() {
         throw std::runtime_error("the camera service has sent something that is no image");
     }
     return image;
-}
-
-Interruption::Interruption() {
-    interrupted = 0;
-    std::signal(SIGINT, interrupt);
-    std::signal(SIGTERM, interrupt);
-}
-
-Interruption::~Interruption() {
-    std::signal(SIGINT, SIG_DFL);
-    std::signal(SIGTERM, SIG_DFL);
-}
-
-bool Interruption::hasCome() const noexcept {
-    return interrupted != 0;
 }
 
 } // namespace KR::tool

@@ -21,6 +21,9 @@ struct CameraOptions {
     std::vector<std::string> cameras; ///< as they were given
 
     void declare(CLI::App& app);
+    /// One source per camera, in the order of their indices; "test" alone if none was given.
+    /// \throws UsageError an option is none, or there is a camera missing before another one
+    std::vector<std::string> readSources() const;
 };
 
 /// A camera service of this process, with the cameras that the options name; "test" alone if they name none.
@@ -68,17 +71,6 @@ public:
 private:
     KRVideoDeviceProxy& service_;
     const std::string id_;
-};
-
-/// Turns SIGINT and SIGTERM into a question, for as long as it exists: a verb ends in its own way then. One at a time.
-class Interruption {
-public:
-    Interruption();
-    ~Interruption();
-    Interruption(const Interruption&) = delete;
-    Interruption& operator=(const Interruption&) = delete;
-
-    bool hasCome() const noexcept;
 };
 
 } // namespace KR::tool

@@ -2,6 +2,7 @@
 
 #include "cameras.hpp"
 #include "command.hpp"
+#include "interruption.hpp"
 #include "outputfile.hpp"
 #include "progress.hpp"
 
@@ -103,7 +104,7 @@ std::vector<int> readCameras(const Cameras& cameras, const std::vector<std::stri
 }
 
 ExitCode record(const Options& options) {
-    const Interruption interruption;
+    Interruption interruption;
     if (options.arguments.size() < 2) {
         throw UsageError("expected one camera at least and the file: kr camera record 0 out.oxv --seconds 5");
     }

@@ -2,6 +2,7 @@
 
 #include "cameras.hpp"
 #include "command.hpp"
+#include "interruption.hpp"
 
 #include <krplatform/krerror.hpp>
 #include <krplatform/krthread.hpp>
@@ -81,7 +82,7 @@ private:
 };
 
 ExitCode showStatistics(const Options& options) {
-    const Interruption interruption;
+    Interruption interruption;
     Cameras cameras(options.cameras);
     KRVideoDeviceProxy& service = cameras.getService();
     std::vector<std::unique_ptr<Load>> loads;

@@ -2,6 +2,7 @@
 
 #include "cameras.hpp"
 #include "command.hpp"
+#include "interruption.hpp"
 #include "timestamp.hpp"
 
 #include <krplatform/krerror.hpp>
@@ -43,7 +44,7 @@ void showImage(const KRImage& image, std::int64_t before, int missed) {
 }
 
 ExitCode watch(const Options& options) {
-    const Interruption interruption;
+    Interruption interruption;
     Cameras cameras(options.cameras);
     cameras.require(options.camera);
     KRVideoDeviceProxy& service = cameras.getService();

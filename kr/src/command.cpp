@@ -1,6 +1,7 @@
 #include "command.hpp"
 
 #include <krplatform/krerror.hpp>
+#include <krplatform/krlog.hpp>
 
 #include <CLI/CLI.hpp>
 
@@ -37,9 +38,12 @@ void declareAll(CLI::App& app, std::function<ExitCode()>& chosen) {
     app.footer(kConventions);
     for (const auto& entry : getGroups()) {
         const Group& group = entry.second;
-        CLI::App* verbs = app.add_subcommand(entry.first, group.summary);
-        verbs->require_subcommand(1);
-        verbs->footer("kr " + entry.first + " VERB --help shows the options of a verb, and an example.");
+        CLI::App* verbs = &app;
+        if (!entry.first.empty()) {
+            verbs = app.add_subcommand(entry.first, group.summary);
+            verbs->require_subcommand(1);
+            verbs->footer("kr " + entry.first + " VERB --help shows the options of a verb, and an example.");
+        }
         for (const auto& named : group.commands) {
             const Command& command = named.second;
             CLI::App* verb = verbs->add_subcommand(command.name, command.summary);
@@ -50,6 +54,7 @@ void declareAll(CLI::App& app, std::function<ExitCode()>& chosen) {
 }
 
 ExitCode run(const std::function<ExitCode()>& act) {
+    setLogLevel(KRLogLevel::Warning); // who runs modules wants more
     try {
         return act();
     } catch (const UsageError& error) {
@@ -93,8 +98,81 @@ void complain(const std::string& text) {
     std::fprintf(stderr, "kr: %s\n", text.c_str());
 }
 
+std::vector<std::string> completeCommandLine(const std::vector<std::string>& words,
+                                             const std::string& prefix) {
+    CLI::App app;
+    std::function<ExitCode()> chosen;
+    declareAll(app, chosen);
+    // Which verb it is, and what stands behind it.
+    const CLI::App* at = &app;
+    std::string group;
+    const Command* command = nullptr;
+    std::vector<std::string> arguments;
+    std::string broker = "dds:";
+    const CLI::Option* wanted = nullptr; // the option whose value comes next
+    for (const std::string& word : words) {
+        if (wanted != nullptr) {
+            if (wanted->check_lname("broker")) {
+                broker = word;
+            }
+            wanted = nullptr;
+        } else if (word.starts_with("-")) {
+            const auto equals = word.find('=');
+            const CLI::Option* option = at->get_option_no_throw(word.substr(0, equals));
+            wanted = option != nullptr && option->get_expected_max() > 0 && equals == std::string::npos
+                         ? option
+                         : nullptr;
+            if (option != nullptr && equals != std::string::npos && option->check_lname("broker")) {
+                broker = word.substr(equals + 1);
+            }
+        } else if (command != nullptr) {
+            arguments.push_back(word);
+        } else {
+            const auto named =
+                at->get_subcommands([&](const CLI::App* each) { return each->get_name() == word; });
+            if (named.empty()) {
+                return {};
+            }
+            const auto& verbs = getGroups()[group].commands;
+            const auto found = verbs.find(word);
+            if (found != verbs.end()) {
+                command = &found->second;
+            } else {
+                group = word;
+            }
+            at = named.front();
+        }
+    }
+    std::vector<std::string> candidates;
+    if (wanted != nullptr) {
+        return candidates; // a file, or something that nobody can know
+    }
+    if (prefix.starts_with("-")) {
+        for (const CLI::Option* option : at->get_options()) {
+            for (const std::string& name : option->get_lnames()) {
+                candidates.push_back("--" + name);
+            }
+        }
+    } else if (command == nullptr) {
+        for (const CLI::App* next : at->get_subcommands([](const CLI::App*) { return true; })) {
+            if (!next->get_group().empty()) { // the hidden ones have none
+                candidates.push_back(next->get_name());
+            }
+        }
+    } else if (command->complete) {
+        try {
+            candidates = command->complete(arguments, broker);
+        } catch (const std::exception&) { // nobody there who could tell
+        }
+    }
+    std::erase_if(candidates, [&](const std::string& candidate) { return !candidate.starts_with(prefix); });
+    return candidates;
+}
+
 ExitCode runCommandLine(int argc, const char* const* argv) {
-    CLI::App app("Images and recordings of robots", "kr");
+    CLI::App app(
+        "Perception modules of robots: runs them, looks into them, and works on their images and recordings",
+        "kr");
     std::function<ExitCode()> chosen;
     ExitCode code;
     try {

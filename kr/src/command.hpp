@@ -3,6 +3,7 @@
 #include <functional>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 namespace CLI {
 class App;
@@ -18,7 +19,7 @@ enum class ExitCode {
     DataLost = 3, ///< done, but some of the data could not be kept
 };
 
-/// One verb of the command line, `kr GROUP NAME`.
+/// One verb of the command line, `kr GROUP NAME`, or `kr NAME` if the group is "".
 ///
 /// Its results go to standard output, and everything else to standard error. Where it lists something, it takes
 /// `--json` too (json.hpp); where it works through frames, it shows a Progress (progress.hpp).
@@ -33,6 +34,11 @@ struct Command {
     /// shown with its description and another std::exception with its what(); the program has failed then, or been
     /// used wrongly if it is a UsageError
     std::function<std::function<ExitCode()>(CLI::App&)> declare;
+
+    /// What may stand in the place of the verb's next argument, given those before it and the address of the
+    /// broker; for shells that complete a line. May be empty.
+    std::function<std::vector<std::string>(const std::vector<std::string>&, const std::string&)> complete =
+        {};
 };
 
 /// Makes a verb part of the program: an object of this class in the source file of the verb.
@@ -53,6 +59,11 @@ public:
 
 /// Shows a line on standard error, with the name of the program before it.
 void complain(const std::string& text);
+
+/// What the word after `words`, which begins with `prefix`, may be: groups, verbs, options, and what the verb itself
+/// offers. \param words  of the command line, without the program. Throws nothing: what fails has no completions.
+std::vector<std::string> completeCommandLine(const std::vector<std::string>& words,
+                                             const std::string& prefix);
 
 /// Reads the command line and does what it says. Throws nothing.
 ExitCode runCommandLine(int argc, const char* const* argv);

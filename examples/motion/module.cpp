@@ -1,0 +1,5 @@
+#include "krmotionextractor.hpp"
+
+#include <krplatform/krmoduleclass.hpp>
+
+KR_REGISTER_MODULE(KRMotionExtractor)

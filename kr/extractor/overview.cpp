@@ -1,0 +1,99 @@
+#include "overview.hpp"
+
+#include <krplatform/krproxy.hpp>
+#include <krplatform/krvideodeviceproxy.hpp>
+
+#include <algorithm>
+
+namespace KR::tool {
+
+namespace {
+
+template <class T>
+std::optional<T> askIfThere(const KRProxy& proxy, const std::vector<KRMethodDescription>& methods,
+                            const char* method) {
+    const bool isThere =
+        std::any_of(methods.begin(), methods.end(), [&](const KRMethodDescription& description) {
+            return description.name == method && description.argumentTypes.empty();
+        });
+    return isThere ? std::optional(proxy.call<T>(method)) : std::nullopt;
+}
+
+std::optional<ExtractorState> ask(const KRProxy& proxy) {
+    const auto methods = proxy.getMethodList();
+    const auto subscribers = askIfThere<KRValue>(proxy, methods, "getSubscribersInfo");
+    const auto period = askIfThere<int>(proxy, methods, "getCurrentPeriod");
+    const auto precision = askIfThere<float>(proxy, methods, "getCurrentPrecision");
+    if (!subscribers || !period || !precision) {
+        return std::nullopt; // no extractor
+    }
+    ExtractorState state;
+    state.name = proxy.getModuleName();
+    state.period = *period;
+    state.precision = *precision;
+    state.paused = askIfThere<bool>(proxy, methods, "isPaused");
+    state.processing = askIfThere<bool>(proxy, methods, "isProcessing");
+    for (std::size_t i = 0; i < subscribers->getSize(); ++i) {
+        const KRValue& subscriber = (*subscribers)[i];
+        state.subscribers.push_back(
+            {subscriber[0].to<std::string>(), subscriber[1].to<int>(), subscriber[2].to<float>()});
+    }
+    return state;
+}
+
+} // namespace
+
+std::map<std::string, int> ExtractorOverview::countFrames() const {
+    std::map<std::string, int> frames;
+    try {
+        for (const auto& subscription : KRVideoDeviceProxy(broker_).getStatistics()) {
+            frames[subscription.id] = subscription.delivered;
+        }
+    } catch (const KRError&) { // no camera service
+    }
+    return frames;
+}
+
+std::vector<ExtractorState> ExtractorOverview::look() {
+    const auto when = std::chrono::steady_clock::now();
+    const auto framesById = countFrames();
+    std::vector<ExtractorState> states;
+    for (const std::string& module : broker_->getModuleList()) {
+        try {
+            if (auto state = ask(KRProxy(broker_, module))) {
+                states.push_back(std::move(*state));
+            }
+        } catch (const KRError&) { // it went meanwhile
+        }
+    }
+    // A vision extractor subscribes as "VisionExtractor" and its name; the camera service adds an underscore and a
+    // number.
+    std::map<std::string, Fetched> now;
+    for (const auto& [id, frames] : framesById) {
+        const ExtractorState* subscriber = nullptr;
+        for (const ExtractorState& state : states) {
+            const bool fits = id.starts_with("VisionExtractor" + state.name + "_");
+            if (fits && (subscriber == nullptr || state.name.size() > subscriber->name.size())) {
+                subscriber = &state;
+            }
+        }
+        if (subscriber != nullptr) {
+            Fetched& fetched = now[subscriber->name];
+            fetched.when = when;
+            fetched.frames += frames;
+        }
+    }
+    for (ExtractorState& state : states) {
+        const auto then = before_.find(state.name);
+        const auto fetched = now.find(state.name);
+        if (then == before_.end() || fetched == now.end() || fetched->second.frames < then->second.frames) {
+            continue; // a subscription that is new counts from 0
+        }
+        const std::chrono::duration<double> seconds = when - then->second.when;
+        state.frameRate = (fetched->second.frames - then->second.frames) / seconds.count();
+    }
+    before_ = std::move(now);
+    return states;
+}
+
+} // namespace KR::tool

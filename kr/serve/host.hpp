@@ -1,0 +1,42 @@
+#pragma once
+
+#include <krplatform/krmodulehandle.hpp>
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+namespace KR::tool {
+
+class Interruption;
+
+/// Modules that run until the program is asked to end. They come down together, those that were added later before
+/// those that they may need. Not thread-safe.
+class Host {
+public:
+    /// After this long modules that do not come down are left behind: the program ends without them.
+    static constexpr std::chrono::milliseconds kTimeToComeDown{1800};
+
+    Host() = default;
+    /// Takes down what is still up.
+    ~Host();
+    Host(const Host&) = delete;
+    Host& operator=(const Host&) = delete;
+
+    /// A service that others may need until they are down.
+    void addService(KRModuleHandle<KRModule> module) { services_.push_back(std::move(module)); }
+    void add(KRModuleHandle<KRModule> module) { modules_.push_back(std::move(module)); }
+
+    /// Returns when the program is interrupted, or when modules had been added and all of them were asked to exit.
+    void waitFor(Interruption& interruption) const;
+
+    /// Takes all down. Ends the whole program with exit code 1, and says which modules it left behind, if that
+    /// takes longer than kTimeToComeDown.
+    void takeDown();
+
+private:
+    std::vector<KRModuleHandle<KRModule>> services_;
+    std::vector<KRModuleHandle<KRModule>> modules_;
+};
+
+} // namespace KR::tool

@@ -1,0 +1,56 @@
+#include "modulelibrary.hpp"
+
+#include <krplatform/krerror.hpp>
+
+#include <dlfcn.h>
+
+#include <filesystem>
+#include <stdexcept>
+
+namespace KR::tool {
+
+NamedLibrary splitNamedLibrary(const std::string& text) {
+    const auto equals = text.find('=');
+    if (equals == std::string::npos || text.find('/') < equals) { // a path may have one in it
+        return {"", text};
+    }
+    return {text.substr(0, equals), text.substr(equals + 1)};
+}
+
+const KRModuleClass& loadModuleClass(const std::string& library) {
+    // A name without a slash would be looked for in the system's folders, and not here.
+    const std::string path = library.find('/') == std::string::npos ? "./" + library : library;
+    if (!std::filesystem::exists(path)) {
+        throw std::runtime_error(library + ": there is no such file");
+    }
+    void* const handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (handle == nullptr) {
+        throw std::runtime_error(library + " cannot be loaded: " + dlerror());
+    }
+    const auto getModuleClass = reinterpret_cast<KRGetModuleClass*>(dlsym(handle, kGetModuleClass));
+    if (getModuleClass == nullptr) {
+        throw std::runtime_error(library + " has no module: KR_REGISTER_MODULE(CLASS) is missing in it");
+    }
+    return *getModuleClass();
+}
+
+KRModuleHandle<KRModule> createModuleOf(const std::string& library, const boost::shared_ptr<KRBroker>& broker,
+                                        const std::string& name) {
+    const KRModuleClass& moduleClass = loadModuleClass(library);
+    const std::string& used = name.empty() ? moduleClass.defaultName : name;
+    const auto refuse = [&](const std::string& why) {
+        throw std::runtime_error("no module " + used + " of " + library + ": " + why);
+    };
+    try {
+        return moduleClass.create(broker, used);
+    } catch (const KRError& error) {
+        refuse(error.getDescription());
+    } catch (const std::exception& error) {
+        refuse(error.what());
+    } catch (...) {
+        refuse("its constructor threw something that is no exception");
+    }
+    return {};
+}
+
+} // namespace KR::tool

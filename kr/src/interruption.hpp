@@ -1,0 +1,30 @@
+#pragma once
+
+#include <chrono>
+
+#include <signal.h>
+
+namespace KR::tool {
+
+/// Ctrl-C and SIGTERM, waited for instead of ending the program. Make it before any thread starts: those that come
+/// after it leave the signals to it.
+class Interruption {
+public:
+    Interruption();
+    /// The signals do what they did before.
+    ~Interruption();
+    Interruption(const Interruption&) = delete;
+    Interruption& operator=(const Interruption&) = delete;
+
+    /// \return whether one of them came before `time` had passed; if so, every later wait says so at once
+    bool waitFor(std::chrono::milliseconds time);
+    /// \return whether one of them has come
+    bool hasCome() { return waitFor(std::chrono::milliseconds(0)); }
+
+private:
+    sigset_t signals_;
+    sigset_t before_;
+    bool happened_ = false;
+};
+
+} // namespace KR::tool

@@ -1,0 +1,136 @@
+#include "valuejson.hpp"
+
+#include "command.hpp"
+
+#include <array>
+#include <cctype>
+#include <cstdint>
+#include <limits>
+#include <string_view>
+#include <vector>
+
+namespace KR::tool {
+
+namespace {
+
+constexpr std::string_view kBase64 = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+constexpr const char* kBinaryKey = "base64";
+
+// RFC 4648, section 4.
+std::string encodeBase64(const KRBinary& bytes) {
+    std::string text;
+    text.reserve((bytes.size() + 2) / 3 * 4);
+    for (std::size_t i = 0; i < bytes.size(); i += 3) {
+        const std::size_t count = std::min<std::size_t>(3, bytes.size() - i);
+        std::uint32_t bits = 0;
+        for (std::size_t k = 0; k < 3; ++k) {
+            bits = bits << 8 | (k < count ? bytes.data()[i + k] : 0U);
+        }
+        for (std::size_t k = 0; k < 4; ++k) {
+            text.push_back(k <= count ? kBase64[bits >> (18 - 6 * k) & 63] : '=');
+        }
+    }
+    return text;
+}
+
+KRBinary decodeBase64(std::string_view text) {
+    const auto refuse = [] { throw UsageError("what stands behind \"base64\" is not base64"); };
+    if (text.size() % 4 != 0) {
+        refuse();
+    }
+    std::vector<unsigned char> bytes;
+    bytes.reserve(text.size() / 4 * 3);
+    for (std::size_t i = 0; i < text.size(); i += 4) {
+        const bool isLast = i + 4 == text.size();
+        const std::size_t padding = !isLast || text[i + 3] != '=' ? 0 : text[i + 2] == '=' ? 2 : 1;
+        std::uint32_t bits = 0;
+        for (std::size_t k = 0; k < 4; ++k) {
+            const auto digit = k >= 4 - padding ? 0 : kBase64.find(text[i + k]);
+            if (digit == std::string_view::npos) {
+                refuse();
+            }
+            bits = bits << 6 | static_cast<std::uint32_t>(digit);
+        }
+        for (std::size_t k = 0; k < 3 - padding; ++k) {
+            bytes.push_back(static_cast<unsigned char>(bits >> (16 - 8 * k)));
+        }
+    }
+    return KRBinary::copyOf(bytes.data(), bytes.size());
+}
+
+} // namespace
+
+Json toJson(const KRValue& value) {
+    switch (value.getType()) {
+    case KRValue::Type::Int:
+        return value.to<int>();
+    case KRValue::Type::Float:
+        return value.to<float>();
+    case KRValue::Type::String:
+        return value.to<std::string>();
+    case KRValue::Type::Binary:
+        return Json{{kBinaryKey, encodeBase64(value.GetBinary())}};
+    case KRValue::Type::Array: {
+        Json array = Json::array();
+        for (std::size_t i = 0; i < value.getSize(); ++i) {
+            array.push_back(toJson(value[i]));
+        }
+        return array;
+    }
+    case KRValue::Type::Invalid:
+        break;
+    }
+    return nullptr;
+}
+
+KRValue toValue(const Json& json) {
+    if (json.is_null()) {
+        return {};
+    }
+    if (json.is_boolean()) {
+        return json.get<bool>();
+    }
+    if (json.is_number_integer()) {
+        const bool fits =
+            json.is_number_unsigned()
+                ? json.get<std::uint64_t>() <= static_cast<std::uint64_t>(std::numeric_limits<int>::max())
+                : json.get<std::int64_t>() >= std::numeric_limits<int>::min() &&
+                      json.get<std::int64_t>() <= std::numeric_limits<int>::max();
+        if (!fits) {
+            throw UsageError(json.dump() + " does not fit an int of 32 bits; " + json.dump() +
+                             ".0 is a float");
+        }
+        return json.get<int>();
+    }
+    if (json.is_number()) {
+        return json.get<float>();
+    }
+    if (json.is_string()) {
+        return json.get<std::string>();
+    }
+    if (json.is_array()) {
+        std::vector<KRValue> elements;
+        for (const Json& element : json) {
+            elements.push_back(toValue(element));
+        }
+        return elements;
+    }
+    if (json.size() == 1 && json.contains(kBinaryKey) && json[kBinaryKey].is_string()) {
+        return decodeBase64(json[kBinaryKey].get<std::string>());
+    }
+    throw UsageError("a value holds no object; {\"base64\": \"...\"} stands for bytes");
+}
+
+KRValue readValue(const std::string& argument) {
+    const Json json = Json::parse(argument, nullptr, false);
+    if (!json.is_discarded()) {
+        return toValue(json);
+    }
+    constexpr std::string_view kBeginningsOfJson = "[{\"-0123456789";
+    if (!argument.empty() && kBeginningsOfJson.find(argument.front()) != std::string_view::npos) {
+        throw UsageError("\"" + argument + "\" is not JSON; a string of that kind needs quotes: '\"...\"'");
+    }
+    return argument;
+}
+
+} // namespace KR::tool

@@ -1,0 +1,54 @@
+#include "program.hpp"
+#include "temporaryfolder.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <fstream>
+
+namespace KR::test {
+namespace {
+
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::Not;
+
+TEST(KrCompletion, OffersGroupsAndVerbs) {
+    EXPECT_THAT(kr({"complete", "--", ""}).out,
+                AllOf(HasSubstr("image\n"), HasSubstr("video\n"), HasSubstr("completion\n"),
+                      Not(HasSubstr("complete\n"))));
+    EXPECT_EQ(kr({"complete", "--", "im"}).out, "image\n");
+    EXPECT_EQ(kr({"complete", "--", "image", "du"}).out, "dump\n");
+}
+
+TEST(KrCompletion, OffersOptions) {
+    EXPECT_EQ(kr({"complete", "--", "image", "info", "--js"}).out, "--json\n");
+}
+
+TEST(KrCompletion, OffersNothingWhereNothingIsKnown) {
+    EXPECT_EQ(kr({"complete", "--", "nonsense", "x"}).out, "");
+    EXPECT_EQ(kr({"complete", "--", "image", "info", ""}).out, "");
+}
+
+TEST(KrCompletion, WorksInTheShell) {
+    const TemporaryFolder folder;
+    const std::string script = folder.path("try.sh");
+    std::ofstream(script) << "source <('" KR_PROGRAM "' completion bash)\n"
+                          << "COMP_WORDS=('" KR_PROGRAM "' image i) COMP_CWORD=2\n"
+                          << "_kr\n"
+                          << "printf '%s\\n' \"${COMPREPLY[@]}\" > " << folder.path("out") << "\n"
+                          << "complete -p kr >> " << folder.path("out") << "\n";
+    ASSERT_EQ(std::system(("bash " + script).c_str()), 0);
+    const Bytes out = readAll(folder.path("out"));
+    EXPECT_THAT(std::string(out.begin(), out.end()), AllOf(HasSubstr("info\n"), HasSubstr("_kr kr")));
+}
+
+TEST(KrCompletion, NamesTheShellsItKnows) {
+    EXPECT_EQ(kr({"completion", "cmd"}).exitCode, 2);
+    EXPECT_THAT(kr({"completion", "fish"}).out, HasSubstr("complete -c kr"));
+    EXPECT_THAT(kr({"completion", "zsh"}).out, HasSubstr("#compdef kr"));
+}
+
+} // namespace
+} // namespace KR::test

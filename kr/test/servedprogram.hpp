@@ -1,0 +1,78 @@
+#pragma once
+
+#include "program.hpp"
+
+#include "patience.hpp"
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <signal.h>
+
+namespace KR::test {
+
+/// The command line program, running beside the test until it is told to stop.
+class RunningProgram {
+public:
+    /// Returns once `sign` stands in what the program wrote to standard output or standard error, or it has ended.
+    RunningProgram(std::vector<std::string> arguments, const std::string& sign)
+        : out_(detail::makeTemporaryFile()), err_(detail::makeTemporaryFile()) {
+        arguments.insert(arguments.begin(), KR_PROGRAM);
+        process_ = start(std::move(arguments), ::fileno(out_.get()), ::fileno(err_.get()));
+        isUp_ = waitFor(sign);
+    }
+    ~RunningProgram() {
+        if (process_ > 0) {
+            ::kill(process_, SIGKILL);
+            ::waitpid(process_, nullptr, 0);
+        }
+    }
+    RunningProgram(const RunningProgram&) = delete;
+    RunningProgram& operator=(const RunningProgram&) = delete;
+
+    bool isUp() const { return isUp_; }
+    pid_t getPid() const { return process_; }
+    std::string readOut() const { return readBeside(out_.get()); }
+    std::string readErr() const { return readBeside(err_.get()); }
+    /// \return whether `sign` came before the patience ended
+    [[nodiscard]] bool waitFor(const std::string& sign) const {
+        return eventually([&] {
+                   return readOut().find(sign) != std::string::npos ||
+                          readErr().find(sign) != std::string::npos || !isRunning();
+               }) &&
+               (readOut() + readErr()).find(sign) != std::string::npos;
+    }
+    /// Sends the signal and waits. \return what it left behind
+    Outcome stop(int signal = SIGTERM) {
+        ::kill(process_, signal);
+        return wait();
+    }
+    Outcome wait() {
+        int status = 0;
+        ::waitpid(process_, &status, 0);
+        process_ = -1;
+        return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, readOut(), readErr()};
+    }
+
+private:
+    // The program writes at the offset that it shares with this file, which reading must not move.
+    static std::string readBeside(std::FILE* file) {
+        std::string text(1 << 20, '\0');
+        const ssize_t size = ::pread(::fileno(file), text.data(), text.size(), 0);
+        text.resize(size > 0 ? static_cast<std::size_t>(size) : 0);
+        return text;
+    }
+    bool isRunning() const {
+        siginfo_t info{};
+        return ::waitid(P_PID, static_cast<id_t>(process_), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+               info.si_pid == 0;
+    }
+
+    detail::File out_;
+    detail::File err_;
+    pid_t process_ = -1;
+    bool isUp_ = false;
+};
+
+} // namespace KR::test

@@ -1,0 +1,255 @@
+// kr on a domain of its own, with kr serve in one process and the other verbs in others.
+
+#include "servedprogram.hpp"
+#include "temporaryfolder.hpp"
+#include "testdomain.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <fstream>
+#include <string>
+#include <vector>
+
+namespace KR::test {
+namespace {
+
+using nlohmann::json;
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::StartsWith;
+
+class KrSystem : public testing::Test {
+protected:
+    std::vector<std::string> onDomain(std::vector<std::string> arguments) const {
+        arguments.push_back("--broker");
+        arguments.push_back(domain_.getUrl());
+        return arguments;
+    }
+    Outcome krOnDomain(std::vector<std::string> arguments) const {
+        return kr(onDomain(std::move(arguments)));
+    }
+    RunningProgram serve(std::vector<std::string> arguments = {}) const {
+        arguments.insert(arguments.begin(), "serve");
+        return RunningProgram(onDomain(std::move(arguments)), "serving on");
+    }
+
+    const TestDomain domain_;
+};
+
+TEST_F(KrSystem, ListsTheModulesOfAnotherProcess) {
+    RunningProgram server = serve();
+    ASSERT_TRUE(server.isUp()) << server.readErr();
+    const Outcome outcome = krOnDomain({"module", "list"});
+    EXPECT_EQ(outcome.exitCode, 0);
+    EXPECT_EQ(outcome.out, "KRMemory\nKRVideoDevice\n");
+    EXPECT_EQ(json::parse(krOnDomain({"module", "list", "--json"}).out), json({"KRMemory", "KRVideoDevice"}));
+}
+
+TEST_F(KrSystem, ShowsTheMethodsOfAModuleAsPublished) {
+    RunningProgram server = serve();
+    ASSERT_TRUE(server.isUp()) << server.readErr();
+    const Outcome outcome = krOnDomain({"module", "info", "KRMemory"});
+    EXPECT_EQ(outcome.exitCode, 0);
+    EXPECT_THAT(outcome.out,
+                AllOf(HasSubstr("insertData(string key, value value)"),
+                      HasSubstr("Writes a value under a key."), HasSubstr("key: Name of the data.")));
+    const json info = json::parse(krOnDomain({"module", "info", "KRMemory", "--json"}).out);
+    EXPECT_EQ(info["methods"][0]["name"], "insertData");
+    EXPECT_EQ(info["methods"][0]["parameters"][0]["type"], "string");
+}
+
+TEST_F(KrSystem, CallsAMethodAndAnswersWrongArgumentsWithTheSignatures) {
+    RunningProgram server = serve();
+    ASSERT_TRUE(server.isUp()) << server.readErr();
+    EXPECT_EQ(krOnDomain({"call", "KRMemory", "insertData", "greeting",
+                          R"(["hello", 3, 0.5, null, {"base64": "AAECAw=="}])"})
+                  .exitCode,
+              0);
+    const Outcome got = krOnDomain({"call", "KRMemory", "getData", "greeting"});
+    EXPECT_EQ(got.exitCode, 0);
+    EXPECT_EQ(json::parse(got.out), json::parse(R"(["hello", 3, 0.5, null, {"base64": "AAECAw=="}])"));
+
+    const Outcome wrong = krOnDomain({"call", "KRMemory", "getData", "1", "2"});
+    EXPECT_EQ(wrong.exitCode, 1);
+    EXPECT_THAT(wrong.out, IsEmpty());
+    EXPECT_THAT(wrong.err, AllOf(HasSubstr("(int, int)"), HasSubstr("getData(string key): value value")));
+    const Outcome option = krOnDomain({"call", "KRMemory", "getDataList", "--prefix"});
+    EXPECT_EQ(option.exitCode, 2);
+    EXPECT_THAT(option.err, HasSubstr("--prefix"));
+    EXPECT_THAT(krOnDomain({"call", "KRMemory", "nothing"}).err,
+                HasSubstr("insertData(string key, value value)"));
+}
+
+TEST_F(KrSystem, NamesTheModuleThatIsNotThere) {
+    RunningProgram server = serve();
+    ASSERT_TRUE(server.isUp()) << server.readErr();
+    const Outcome outcome = krOnDomain({"call", "KRNobody", "go"});
+    EXPECT_EQ(outcome.exitCode, 1);
+    EXPECT_THAT(outcome.err, AllOf(HasSubstr("KRNobody"), HasSubstr("KRMemory, KRVideoDevice")));
+}
+
+TEST_F(KrSystem, RefusesArgumentsThatAreNoValues) {
+    for (const char* argument : {"[1", "12x", R"({"a": 1})", "99999999999", R"({"base64": "A"})"}) {
+        const Outcome outcome = krOnDomain({"call", "KRMemory", "getData", argument});
+        EXPECT_EQ(outcome.exitCode, 2) << argument;
+        EXPECT_THAT(outcome.err, Not(IsEmpty()));
+    }
+}
+
+TEST_F(KrSystem, WritesReadsAndListsValuesOfTheMemory) {
+    RunningProgram server = serve();
+    ASSERT_TRUE(server.isUp()) << server.readErr();
+    EXPECT_EQ(krOnDomain({"memory", "set", "Door/Open", "true"}).exitCode, 0);
+    EXPECT_EQ(krOnDomain({"memory", "set", "Door/Name", "front"}).exitCode, 0);
+    EXPECT_EQ(krOnDomain({"memory", "get", "Door/Open"}).out, "1\n");
+    EXPECT_EQ(krOnDomain({"memory", "get", "Door/Name"}).out, "\"front\"\n");
+    EXPECT_EQ(krOnDomain({"memory", "list", "Door/"}).out, "Door/Name\nDoor/Open\n");
+    const Outcome missing = krOnDomain({"memory", "get", "Door/Width"});
+    EXPECT_EQ(missing.exitCode, 1);
+    EXPECT_THAT(missing.err, HasSubstr("Door/Width"));
+}
+
+TEST_F(KrSystem, WatchesTheMemoryAsItChanges) {
+    RunningProgram server = serve();
+    ASSERT_TRUE(server.isUp()) << server.readErr();
+    ASSERT_EQ(krOnDomain({"memory", "set", "Door/Open", "0"}).exitCode, 0);
+    RunningProgram watch(onDomain({"memory", "watch", "Door/", "--interval", "10"}), "Door/Open 0\n");
+    ASSERT_TRUE(watch.isUp()) << watch.readErr();
+    ASSERT_EQ(krOnDomain({"memory", "set", "Window", "1"}).exitCode, 0);
+    ASSERT_EQ(krOnDomain({"memory", "set", "Door/Open", "1"}).exitCode, 0);
+    EXPECT_TRUE(watch.waitFor("Door/Open 1\n"));
+    const Outcome outcome = watch.stop(SIGINT);
+    EXPECT_EQ(outcome.exitCode, 0);
+    EXPECT_EQ(outcome.out, "Door/Open 0\nDoor/Open 1\n");
+}
+
+TEST_F(KrSystem, WatchesEventsThatItRaises) {
+    RunningProgram server = serve();
+    ASSERT_TRUE(server.isUp()) << server.readErr();
+    RunningProgram watch(onDomain({"event", "watch", "Door/Opened", "--count", "2"}), "watching");
+    ASSERT_TRUE(watch.isUp()) << watch.readErr();
+    const json list = json::parse(krOnDomain({"event", "list", "--json"}).out);
+    ASSERT_EQ(list.size(), 1U);
+    EXPECT_EQ(list[0]["event"], "Door/Opened");
+    EXPECT_EQ(list[0]["subscribers"][0]["callback"], "onEvent");
+    EXPECT_EQ(krOnDomain({"event", "raise", "Door/Opened", R"(["front", 0.5])"}).exitCode, 0);
+    EXPECT_EQ(krOnDomain({"event", "raise", "Door/Opened"}).exitCode, 0);
+    const Outcome outcome = watch.wait();
+    EXPECT_EQ(outcome.exitCode, 0);
+    EXPECT_EQ(outcome.out, "Door/Opened [\"front\",0.5]\nDoor/Opened null\n");
+}
+
+TEST_F(KrSystem, HostsAModuleLibraryThatOthersSubscribeTo) {
+    RunningProgram server = serve({"--camera", "0=test:ball"});
+    ASSERT_TRUE(server.isUp()) << server.readErr();
+    RunningProgram motion(onDomain({"run", KR_MOTION_LIBRARY}), "module KRMotion runs");
+    ASSERT_TRUE(motion.isUp()) << motion.readErr();
+    const Outcome subscribed = krOnDomain({"call", "KRMotion", "subscribe", "somebody", "50", "1.0"});
+    EXPECT_EQ(subscribed.exitCode, 0) << subscribed.err;
+    RunningProgram watch(onDomain({"memory", "watch", "KRMotion/Motion"}), "KRMotion/Motion [0.");
+    EXPECT_TRUE(watch.isUp()) << watch.readOut() << watch.readErr();
+
+    const Outcome top = krOnDomain({"extractor", "top", "--count", "1", "--interval", "0.5", "--json"});
+    EXPECT_EQ(top.exitCode, 0);
+    const json extractors = json::parse(top.out);
+    ASSERT_EQ(extractors.size(), 1U) << top.out;
+    EXPECT_EQ(extractors[0]["name"], "KRMotion");
+    EXPECT_EQ(extractors[0]["processing"], true);
+    EXPECT_EQ(extractors[0]["paused"], false);
+    EXPECT_GT(extractors[0]["frames_per_second"], 0.0);
+    EXPECT_EQ(extractors[0]["subscribers"][0]["name"], "somebody");
+    EXPECT_EQ(extractors[0]["subscribers"][0]["period_ms"], 50);
+
+    // Both come down while images are being fetched.
+    const Outcome ended = motion.stop();
+    EXPECT_EQ(ended.exitCode, 0) << ended.err;
+    EXPECT_THAT(ended.err, Not(HasSubstr("did not come down")));
+    EXPECT_EQ(server.stop(SIGINT).exitCode, 0);
+}
+
+TEST_F(KrSystem, HostsModulesBesideTheServicesUnderNamesOfTheirOwn) {
+    RunningProgram server = serve(
+        {"--camera", "0=test:ball", "--run", "Left=" KR_MOTION_LIBRARY, "--run", "Right=" KR_MOTION_LIBRARY});
+    ASSERT_TRUE(server.isUp()) << server.readErr();
+    EXPECT_EQ(krOnDomain({"module", "list"}).out, "KRMemory\nKRVideoDevice\nLeft\nRight\n");
+    EXPECT_EQ(krOnDomain({"call", "Left", "subscribe", "somebody", "50", "1.0"}).exitCode, 0);
+    EXPECT_EQ(krOnDomain({"call", "Right", "subscribe", "somebody", "50", "1.0"}).exitCode, 0);
+    EXPECT_EQ(server.stop().exitCode, 0);
+}
+
+TEST_F(KrSystem, SaysWhyALibraryCannotBeHosted) {
+    const TemporaryFolder folder;
+    const std::string text = folder.path("text.so");
+    std::ofstream(text) << "no library";
+    const struct {
+        std::string library;
+        const char* why;
+    } cases[] = {{folder.path("missing.so"), "no such file"},
+                 {text, "cannot be loaded"},
+                 {KR_LIBRARY_WITHOUT_MODULE, "KR_REGISTER_MODULE"}};
+    for (const auto& each : cases) {
+        for (const char* verb : {"run", "serve"}) {
+            const Outcome outcome = verb == std::string("run") ? krOnDomain({"run", each.library})
+                                                               : krOnDomain({"serve", "--run", each.library});
+            EXPECT_EQ(outcome.exitCode, 1);
+            EXPECT_THAT(outcome.err, AllOf(HasSubstr(each.library), HasSubstr(each.why)));
+        }
+    }
+}
+
+TEST_F(KrSystem, SaysWhyAModuleCannotBeMade) {
+    RunningProgram server = serve({"--run", KR_MOTION_LIBRARY});
+    ASSERT_TRUE(server.isUp()) << server.readErr();
+    const Outcome outcome = krOnDomain({"run", KR_MOTION_LIBRARY}); // the name is taken, in another process
+    EXPECT_EQ(outcome.exitCode, 1);
+    EXPECT_THAT(outcome.err, AllOf(HasSubstr("KRMotion"), HasSubstr(KR_MOTION_LIBRARY)));
+    const Outcome second = krOnDomain({"serve"});
+    EXPECT_EQ(second.exitCode, 1);
+    EXPECT_THAT(second.err, HasSubstr("KRMemory"));
+}
+
+TEST_F(KrSystem, RefusesCamerasThatLeaveAGap) {
+    EXPECT_THAT(krOnDomain({"serve", "--camera", "1=test"}).err, HasSubstr("camera 0 is missing"));
+    EXPECT_EQ(krOnDomain({"serve", "--camera", "1=test"}).exitCode, 2);
+    EXPECT_EQ(krOnDomain({"serve", "--camera", "test"}).exitCode, 2);
+    EXPECT_EQ(krOnDomain({"serve", "--camera", "0=test", "--camera", "0=test"}).exitCode, 2);
+    const Outcome unknown = krOnDomain({"serve", "--camera", "0=nothing:x"});
+    EXPECT_EQ(unknown.exitCode, 1);
+    EXPECT_THAT(unknown.err, HasSubstr("nothing:x"));
+}
+
+TEST_F(KrSystem, CompletesNamesOfModulesAndMethodsThatAreThere) {
+    RunningProgram server = serve();
+    ASSERT_TRUE(server.isUp()) << server.readErr();
+    const std::string url = domain_.getUrl();
+    EXPECT_EQ(kr({"complete", "--", "call", "--broker", url, "KRM"}).out, "KRMemory\n");
+    EXPECT_THAT(kr({"complete", "--", "call", "--broker=" + url, "KRMemory", "get"}).out,
+                StartsWith("getData\n"));
+}
+
+TEST_F(KrSystem, IsFoundWellByItsDoctor) {
+    RunningProgram server = serve();
+    ASSERT_TRUE(server.isUp()) << server.readErr();
+    const json findings = json::parse(krOnDomain({"doctor", "--json"}).out);
+    for (const json& finding : findings) {
+        EXPECT_EQ(finding["good"].get<bool>(), finding["remedy"].get<std::string>().empty()) << finding;
+        if (finding["subject"] == "services") {
+            EXPECT_EQ(finding["good"], true) << finding;
+        }
+    }
+    EXPECT_EQ(findings.size(), 5U);
+}
+
+TEST_F(KrSystem, IsMissedByItsDoctor) {
+    const Outcome outcome = krOnDomain({"doctor"});
+    EXPECT_EQ(outcome.exitCode, 1);
+    EXPECT_THAT(outcome.out,
+                AllOf(HasSubstr("there is no KRMemory and KRVideoDevice"), HasSubstr("-> kr serve")));
+}
+
+} // namespace
+} // namespace KR::test
