@@ -2,6 +2,7 @@
 
 #include "frames.hpp"
 #include "framesink.hpp"
+#include "patience.hpp"
 #include "pictureconversion.hpp"
 #include "recordings.hpp"
 
@@ -10,8 +11,8 @@
 
 #include <gmock/gmock.h>
 
+#include <csignal>
 #include <cstdlib>
-#include <fstream>
 
 namespace {
 
@@ -228,6 +229,21 @@ TEST_F(KrVideoConvert, ADiskThatIsFullIsAFailure) {
         EXPECT_EQ(outcome.exitCode, 1) << format;
         EXPECT_THAT(outcome.err, HasSubstr("kr: "));
     }
+}
+
+TEST_F(KrVideoConvert, InterruptedLeavesNothing) {
+    // Of frames that are holes in the file: far too many to be done with them.
+    const std::string in = write("in.oxv", makeOxvHeader(kOxvVersion1, 0, 5000, 1, {{640, 480, kYuv422, 8}}));
+    std::filesystem::resize_file(in, 32 + 5000 * 614400ull);
+    const pid_t process =
+        start({KR_PROGRAM, "video", "convert", in, path("out.mp4")}, STDOUT_FILENO, STDERR_FILENO);
+    const auto countFiles = [&] { return std::distance(std::filesystem::directory_iterator(path("")), {}); };
+    EXPECT_TRUE(eventually([&] { return countFiles() == 2; }));
+    ::kill(process, SIGTERM);
+    int status = 0;
+    EXPECT_EQ(::waitpid(process, &status, 0), process);
+    EXPECT_TRUE(WIFSIGNALED(status));
+    EXPECT_EQ(countFiles(), 1);
 }
 
 TEST_F(KrVideoConvert, ExtractMakesAPictureOfOneFrame) {

@@ -190,7 +190,17 @@ std::unique_ptr<FrameSink> makeWindowSink(std::int64_t interval_usec) {
     if (!isSet("DISPLAY") && !isSet("WAYLAND_DISPLAY")) {
         throw std::runtime_error("there is no display here (neither DISPLAY nor WAYLAND_DISPLAY is set)");
     }
-    return std::make_unique<PipelineSink>("videoconvert ! autovideosink", interval_usec);
+    auto sink = std::make_unique<PipelineSink>("videoconvert ! autovideosink", interval_usec);
+    // Without one that shows anything, autovideosink would play to nobody.
+    GList* able = gst_element_factory_list_get_elements(
+        GST_ELEMENT_FACTORY_TYPE_SINK | GST_ELEMENT_FACTORY_TYPE_MEDIA_VIDEO, GST_RANK_MARGINAL);
+    const bool hasAny = able != nullptr;
+    gst_plugin_feature_list_free(able);
+    if (!hasAny) {
+        throw std::runtime_error(
+            "GStreamer lacks a plug-in to show video with (such as gstreamer1.0-x in Debian)");
+    }
+    return sink;
 }
 
 } // namespace KR::tool
