@@ -134,7 +134,7 @@ void measureService(benchmark::State& state, const std::string& source, int subs
     state.SetLabel(label);
 }
 
-/// The pipeline must end after two seconds; the first of them, in which it starts, does not count.
+/// Of a pipeline without a sink, which delivers what the service would.
 void measurePipeline(benchmark::State& state, const std::string& source, const std::string& label) {
     for ([[maybe_unused]] const auto iteration : state) {
         GstElement* pipeline =
@@ -169,8 +169,8 @@ void measurePipeline(benchmark::State& state, const std::string& source, const s
 const std::string testSource =
     "videotestsrc is-live=true pattern=ball ! video/x-raw,format=YUY2,width=640,height=480,framerate=30/1";
 
-const std::string filmSource() {
-    return "filesrc location=" + Film::getPath() + " ! decodebin ! videoconvert ! video/x-raw,format=YUY2";
+std::string filmSource() {
+    return "filesrc location=" + Film::getPath() + " ! decodebin ! videoconvert ! video/x-raw,format=YUY2,colorimetry=bt601";
 }
 
 void testPicture(benchmark::State& state) {
