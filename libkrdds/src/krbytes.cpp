@@ -60,18 +60,18 @@ const std::shared_ptr<Reserve>& getReserve() {
 
 } // namespace
 
-KRReceivedBytes KRReceivedBytes::allocate(std::size_t size) {
-    if (size < kLarge) {
-        return {boost::shared_ptr<unsigned char[]>(new unsigned char[size]), size};
+KRReceivedBytes KRReceivedBytes::allocate(std::size_t length) {
+    if (length < kLarge) {
+        return {boost::shared_ptr<unsigned char[]>(new unsigned char[length]), length};
     }
-    Reserve::Buffer buffer = getReserve()->take(size);
+    Reserve::Buffer buffer = getReserve()->take(length);
     const std::size_t capacity = buffer.size;
     return {boost::shared_ptr<unsigned char[]>(
                 buffer.bytes.release(),
                 [reserve = getReserve(), capacity](unsigned char* bytes) {
                     reserve->give({std::unique_ptr<unsigned char[]>(bytes), capacity});
                 }),
-            size};
+            length};
 }
 
 void KRComposedBytes::appendShared(const KRComposedBytes& other) {

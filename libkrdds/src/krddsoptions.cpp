@@ -70,8 +70,8 @@ std::string getProgramName() {
     return name;
 }
 
-/// Where a security plugin is, without what its file's name begins and ends with: distributions put them into a
-/// folder beside the engine, where the loader does not look.
+/// Where a security plugin is: distributions put them into a folder beside the engine, where the loader does not
+/// look.
 std::string findSecurityLibrary(const std::string& name) {
     Dl_info engine{};
     if (dladdr(reinterpret_cast<void*>(&dds_create_domain), &engine) != 0 && engine.dli_fname != nullptr) {
@@ -84,8 +84,9 @@ std::string findSecurityLibrary(const std::string& name) {
             }
         }
         for (const auto& each : folders) {
-            if (std::filesystem::exists(each / ("lib" + name + ".so"), ignored)) {
-                return (each / name).string();
+            const auto file = each / ("lib" + name + ".so");
+            if (std::filesystem::exists(file, ignored)) {
+                return file.string();
             }
         }
     }

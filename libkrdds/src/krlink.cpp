@@ -91,8 +91,11 @@ void KRLink::createEntities() {
     requestReader_ = createReader(requestTopic_, messageQos, onRequests);
     replyReader_ = createReader(replyTopic_, messageQos, onReplies);
     announcementReader_ = createReader(announcementTopic_, announcementQos, nullptr);
-    announcementWriter_ = checkDDS(
-        dds_create_writer(participant, announcementTopic_, createQos(true, "").get(), nullptr), "writer");
+    const Qos announcerQos = createQos(true, "");
+    dds_qset_writer_data_lifecycle(announcerQos.get(),
+                                   false); // so that a lost broker differs from one that leaves
+    announcementWriter_ =
+        checkDDS(dds_create_writer(participant, announcementTopic_, announcerQos.get(), nullptr), "writer");
 
     wakeUp_ = checkDDS(dds_create_guardcondition(participant), "condition");
     waitset_ = checkDDS(dds_create_waitset(participant), "waitset");

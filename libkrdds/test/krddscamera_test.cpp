@@ -42,10 +42,10 @@ public:
 TEST(KRDDSCamera, SubscriptionsOfAProcessThatIsKilledEnd) {
     const TestDomain domain;
     const RecordedLog log;
-    const auto broker = domain.createBroker("lease=1");
+    const auto broker = domain.createBroker("lease=2");
     const auto camera =
         createModule<KRVideoDevice>(broker, "KRVideoDevice", std::vector<std::string>{"test"});
-    OtherProcess watcher(domain.getUrl("lease=1"), {"watcher", "Watcher"});
+    OtherProcess watcher(domain.getUrl("lease=2"), {"watcher", "Watcher"});
     ASSERT_EQ(watcher.getAnswer(), "ready");
     ASSERT_TRUE(log.waitFor(KRLogLevel::Info, "camera 0 (test) is open"));
     watcher.kill();
@@ -55,9 +55,9 @@ TEST(KRDDSCamera, SubscriptionsOfAProcessThatIsKilledEnd) {
 
 TEST(KRDDSCamera, AnExtractorGetsItsImagesFromAnotherProcessAndGoesOnWhenThatComesBack) {
     const TestDomain domain;
-    const std::string url = domain.getUrl("lease=1");
+    const std::string url = domain.getUrl("lease=2");
     auto server = std::make_unique<OtherProcess>(url, std::vector<std::string>{"camera", "KRVideoDevice"});
-    const auto broker = domain.createBroker("memory=here&lease=1");
+    const auto broker = domain.createBroker("memory=here&lease=2");
     ASSERT_TRUE(broker->getSession().waitForService("KRVideoDevice", kPatience));
     const auto counter = createModule<Counter>(broker, "Counter");
     counter->subscribe("client", 33, 0.0F);

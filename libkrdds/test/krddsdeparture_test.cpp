@@ -20,7 +20,7 @@ namespace {
 using testing::ElementsAre;
 using testing::HasSubstr;
 
-const std::string kShortLease = "lease=1";
+const std::string kShortLease = "lease=2";
 
 std::string outcomeOf(std::future<bool>& call) {
     try {
