@@ -170,7 +170,8 @@ const std::string testSource =
     "videotestsrc is-live=true pattern=ball ! video/x-raw,format=YUY2,width=640,height=480,framerate=30/1";
 
 std::string filmSource() {
-    return "filesrc location=" + Film::getPath() + " ! decodebin ! videoconvert ! video/x-raw,format=YUY2,colorimetry=bt601";
+    return "filesrc location=" + Film::getPath() +
+           " ! decodebin ! videoconvert ! video/x-raw,format=YUY2,colorimetry=bt601";
 }
 
 void testPicture(benchmark::State& state) {
