@@ -6,8 +6,6 @@
 #include <krplatform/krerror.hpp>
 #include <krplatform/krlog.hpp>
 
-#include <thread>
-
 namespace KR {
 
 namespace {
@@ -26,17 +24,6 @@ KRDDSEntity createWriter(dds_entity_t participant, dds_entity_t topic, const std
     const dds_entity_t writer = checkDDS(dds_create_writer(participant, topic, qos.get(), nullptr), "writer");
     checkDDS(dds_set_status_mask(writer, DDS_PUBLICATION_MATCHED_STATUS), "status mask");
     return KRDDSEntity(writer);
-}
-
-/// Waits for what comes soon in most cases, without the cost of falling asleep and being woken; others may run
-/// meanwhile. Returns in any case.
-template <class Condition>
-void spinUntil(Condition condition) {
-    constexpr std::chrono::microseconds kSoon{50};
-    const auto end = std::chrono::steady_clock::now() + kSoon;
-    while (!condition() && std::chrono::steady_clock::now() < end) {
-        std::this_thread::yield();
-    }
 }
 
 bool isRead(dds_entity_t writer) {
@@ -82,7 +69,7 @@ KRValue KRPeer::call(const std::string& module, std::string_view method, std::sp
     const auto fail = [&](const std::string& why) { throw KRError(module, std::string(method), why); };
     KRRequest request{own_, drawSequence(), KRRequest::Call, module, std::string(method), {}};
     KRComposedBytes message = request.compose(std::vector<KRValue>(arguments.begin(), arguments.end()));
-    Pending pending{std::chrono::steady_clock::now(), {}, {}, false};
+    Pending pending{std::chrono::steady_clock::now(), {}, {}};
     {
         const std::lock_guard lock(mutex_);
         if (!gone_.empty()) {
@@ -91,9 +78,6 @@ KRValue KRPeer::call(const std::string& module, std::string_view method, std::sp
         pending_.emplace(request.sequence, &pending);
     }
     const dds_return_t written = writeMessage(requests_.get(), std::move(message));
-    if (written == DDS_RETCODE_OK) {
-        spinUntil([&] { return pending.replied.load(std::memory_order_acquire); });
-    }
     std::unique_lock lock(mutex_);
     if (written == DDS_RETCODE_OK) {
         pending.changed.wait(lock, [&] { return pending.reply || !gone_.empty(); });
@@ -125,7 +109,6 @@ void KRPeer::takeReply(KRReply reply) {
     const auto found = pending_.find(reply.sequence);
     if (found != pending_.end() && !found->second->reply) {
         found->second->reply = std::move(reply);
-        found->second->replied.store(true, std::memory_order_release);
         found->second->changed.notify_all();
     }
 }

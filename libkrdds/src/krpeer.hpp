@@ -62,7 +62,6 @@ private:
         std::chrono::steady_clock::time_point since;
         std::condition_variable changed;
         std::optional<KRReply> reply;
-        std::atomic<bool> replied = false; // the same, for a look without the lock
     };
 
     const std::string own_;

@@ -66,6 +66,25 @@ TEST(KRDDSDeparture, AProcessThatIsFrozenCountsAsGoneUntilItIsBack) {
     }));
 }
 
+TEST(KRDDSDeparture, CallsThatAProcessIsTooFrozenToReadFailAsWell) {
+    const TestDomain domain;
+    OtherProcess server(domain.getUrl(kShortLease), {"module", "Server"});
+    const auto broker = domain.createBroker(kShortLease);
+    const auto proxy = broker->getProxy("Server");
+    ASSERT_EQ(proxy->call<int>("getPid"), server.getPid());
+    server.freeze();
+    // More than is kept for a reader that is behind.
+    const KRBinary image = KRBinary::copyOf(std::string(3 << 20, 'i').data(), 3 << 20);
+    std::vector<std::future<bool>> calls;
+    for (int i = 0; i < 3; ++i) {
+        calls.push_back(
+            std::async(std::launch::async, [&] { return proxy->call<KRBinary>("echo", image) == image; }));
+    }
+    for (auto& call : calls) {
+        EXPECT_THAT(outcomeOf(call), HasSubstr("is gone or cannot be reached"));
+    }
+}
+
 TEST(KRDDSDeparture, ModulesHearOfACallerThatIsKilled) {
     const TestDomain domain;
     const OtherProcess server(domain.getUrl(kShortLease), {"module", "Server"});

@@ -141,7 +141,11 @@ void KRBrokerPrivate::noticeModule(const std::string& module, bool reachable) {
 }
 
 void KRSession::waitForService(const std::string& name) {
-    broker_.directory.waitFor(name, std::nullopt);
+    constexpr std::chrono::seconds kSilence{5};
+    if (!broker_.directory.waitFor(name, std::chrono::steady_clock::now() + kSilence)) {
+        logInfo("krplatform.broker", "still waiting for a module named " + name);
+        broker_.directory.waitFor(name, std::nullopt);
+    }
 }
 
 bool KRSession::waitForService(const std::string& name, std::chrono::milliseconds timeout) {

@@ -2,7 +2,6 @@
 
 #include "krplatform/krthread.hpp"
 
-#include <atomic>
 #include <condition_variable>
 #include <deque>
 #include <list>
@@ -10,12 +9,6 @@
 #include <thread>
 
 namespace KR {
-
-namespace {
-
-constexpr std::chrono::microseconds kLookingTime{50};
-
-} // namespace
 
 struct KRCallThreads::State {
     using Threads = std::list<std::thread>;
@@ -27,20 +20,7 @@ struct KRCallThreads::State {
     Threads running;
     Threads retired; // ended or about to, to be joined by whoever comes next
     std::size_t idle = 0;
-    std::size_t looking = 0; // of idle: awake still, and sure to look for jobs before they sleep
     bool stopping = false;
-
-    std::atomic<std::size_t> jobsWaiting =
-        0; // the size of jobs, for a look without the lock; changed with it
-
-    /// Waits for a job that comes soon, as the next of a row of calls does, without falling asleep and being woken;
-    /// others may run meanwhile.
-    void lookForJobs() const {
-        const auto end = std::chrono::steady_clock::now() + kLookingTime;
-        while (jobsWaiting.load(std::memory_order_acquire) == 0 && std::chrono::steady_clock::now() < end) {
-            std::this_thread::yield();
-        }
-    }
 
     static void run(std::shared_ptr<State> state, Threads::iterator self);
 };
@@ -78,11 +58,8 @@ KRCallThreads::~KRCallThreads() {
 void KRCallThreads::post(std::function<void()> job) {
     const std::lock_guard lock(state_->mutex);
     state_->jobs.push_back(std::move(job));
-    state_->jobsWaiting = state_->jobs.size();
     if (state_->jobs.size() <= state_->idle) {
-        if (state_->jobs.size() > state_->looking) {
-            state_->wake.notify_one();
-        }
+        state_->wake.notify_one();
         return;
     }
     try {
@@ -96,7 +73,6 @@ void KRCallThreads::post(std::function<void()> job) {
         }
     } catch (...) {
         state_->jobs.pop_back();
-        state_->jobsWaiting = state_->jobs.size();
         throw;
     }
 }
@@ -115,21 +91,11 @@ void KRCallThreads::State::run(std::shared_ptr<State> state, Threads::iterator s
             if (!state->jobs.empty()) {
                 std::function<void()> job = std::move(state->jobs.front());
                 state->jobs.pop_front();
-                state->jobsWaiting = state->jobs.size();
                 lock.unlock();
                 setThreadName(name); // the last job may have left its own
                 job();
                 job = nullptr; // what it holds goes without the lock
                 lock.lock();
-                if (state->jobs.empty() && !state->stopping) {
-                    ++state->idle;
-                    ++state->looking;
-                    lock.unlock();
-                    state->lookForJobs();
-                    lock.lock();
-                    --state->looking;
-                    --state->idle;
-                }
                 continue;
             }
             if (state->stopping) {

@@ -18,7 +18,8 @@ class KRProxy;
 /// A broker's link to the services that it can reach. Lives as long as its broker.
 class KR_EXPORT KRSession {
 public:
-    /// Blocks, without a time limit, until a module of this name can be called. Thread-safe.
+    /// Blocks, without a time limit, until a module of this name can be called; says so in the log after a while.
+    /// Thread-safe.
     void waitForService(const std::string& name);
     /// The same for at most `timeout`. \return whether it can be called
     bool waitForService(const std::string& name, std::chrono::milliseconds timeout);
@@ -36,8 +37,9 @@ private:
 class KR_EXPORT KRBroker : public boost::enable_shared_from_this<KRBroker> {
 public:
     /// A broker for the modules of this process: "local:". It runs the memory module "KRMemory" unless the
-    /// address says "local:?memory=none".
-    /// \throws KRError an address that is not understood
+    /// address says "local:?memory=none". With the library krdds, "dds:" is a broker whose modules and those of other
+    /// processes reach each other (<krdds/krdds.hpp>); it runs no memory module unless told to.
+    /// \throws KRError an address that is not understood; a domain that cannot be joined as asked for
     static boost::shared_ptr<KRBroker> create(const std::string& url = "local:");
     ~KRBroker();
     KRBroker(const KRBroker&) = delete;
@@ -49,7 +51,7 @@ public:
 
     KRSession& getSession() noexcept;
 
-    /// Names of the modules that can be called, in order.
+    /// Names of the modules that can be called, those of other processes included, in order.
     std::vector<std::string> getModuleList() const;
 
     /// Call threads that exist now, busy or idle. They grow with the posted calls in flight and go again after
