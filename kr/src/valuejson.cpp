@@ -2,8 +2,9 @@
 
 #include "command.hpp"
 
+#include <algorithm>
 #include <array>
-#include <cctype>
+#include <charconv>
 #include <cstdint>
 #include <limits>
 #include <string_view>
@@ -58,6 +59,15 @@ KRBinary decodeBase64(std::string_view text) {
     return KRBinary::copyOf(bytes.data(), bytes.size());
 }
 
+// The shortest number that reads back as this float; as a double it would show digits that it does not have.
+double shorten(float number) {
+    std::array<char, 32> text{};
+    const auto end = std::to_chars(text.data(), text.data() + text.size(), number).ptr;
+    double shortened = number;
+    std::from_chars(text.data(), end, shortened);
+    return shortened;
+}
+
 } // namespace
 
 Json toJson(const KRValue& value) {
@@ -65,7 +75,7 @@ Json toJson(const KRValue& value) {
     case KRValue::Type::Int:
         return value.to<int>();
     case KRValue::Type::Float:
-        return value.to<float>();
+        return shorten(value.to<float>());
     case KRValue::Type::String:
         return value.to<std::string>();
     case KRValue::Type::Binary:

@@ -42,6 +42,13 @@ TEST(ValueJson, RefusesAnIntOfMoreThan32Bits) {
     EXPECT_EQ(readValue("2147483648.0"), KRValue(2147483648.0F));
 }
 
+TEST(ValueJson, ShowsNoDigitsThatAFloatDoesNotHave) {
+    EXPECT_EQ(toJson(KRValue(0.1F)).dump(), "0.1");
+    EXPECT_EQ(toJson(KRValue(1.0F)).dump(), "1.0");
+    EXPECT_EQ(toJson(KRValue(-2.5e-7F)).dump(), "-2.5e-07");
+    EXPECT_EQ(toValue(toJson(KRValue(0.1F))), KRValue(0.1F));
+}
+
 TEST(ValueJson, KeepsBytesOfEachLength) {
     const std::string bytes = "\x00\xFF\x10\x80\x7F";
     for (std::size_t size = 0; size <= 5; ++size) {
