@@ -142,6 +142,8 @@ TEST_F(KRDDSCall, CyclicCallsBetweenTwoProcessesEnd) {
             return count == 0 ? 0 : 1 + broker->getProxy(other)->call<int>("countDown", "Here", count - 1);
         });
     });
+    // The other process hears of it a moment later.
+    ASSERT_TRUE(eventually([&] { return proxy->call<bool>("isReachable", "Here"); }));
     EXPECT_EQ(proxy->call<int>("countDown", "Here", 20), 20);
 }
 
@@ -165,6 +167,7 @@ TEST_F(KRDDSCall, TheCalleeKnowsWhichProcessCalls) {
     EXPECT_EQ(proxy->call<std::string>("getCaller"), here);
     const auto outer = createModule<Asked>(broker, "Outer");
     const auto inner = createModule<Asked>(broker, "Inner");
+    ASSERT_TRUE(eventually([&] { return proxy->call<bool>("isReachable", "Outer"); }));
     const std::string callers = proxy->call<std::string>("callOther", "Outer", "ask", "Inner");
     EXPECT_THAT(callers, testing::MatchesRegex("<[0-9a-f]+><>"));
     EXPECT_THAT(callers, testing::Not(HasSubstr(here)));

@@ -68,7 +68,12 @@ TEST_F(KRDDSMemory, TenThousandEventsComeCompletelyAndInOrder) {
     const auto listener = createModule<EventListener>(broker, "Listener");
     memory.subscribeToEvent("Event", "Listener", "onEvent");
     broker->getProxy("Server")->call("raiseMany", "Event", kEvents);
-    const auto events = listener->waitForEvents(kEvents);
+    auto events = listener->waitForEvents(kEvents);
+    // On a busy machine it takes its time, but it goes on.
+    for (std::size_t before = 0; events.size() > before && events.size() < kEvents;) {
+        before = events.size();
+        events = listener->waitForEvents(kEvents);
+    }
     ASSERT_EQ(events.size(), static_cast<std::size_t>(kEvents));
     for (int i = 0; i < kEvents; ++i) {
         ASSERT_EQ(events[i].second, KRValue(i));
