@@ -108,6 +108,27 @@ Finding checkClock() {
             "sudo timedatectl set-ntp true"};
 }
 
+BrokerComplaints::BrokerComplaints()
+    : listener_([this](const KRLogRecord& record) {
+          if (record.category == "krdds" && record.level == KRLogLevel::Error) {
+              const std::lock_guard lock(mutex_);
+              complaints_.push_back(record.message);
+          }
+      }) {}
+
+Finding BrokerComplaints::check() const {
+    const std::lock_guard lock(mutex_);
+    if (complaints_.empty()) {
+        return {"brokers", true, "no two modules of one name, and one version everywhere", ""};
+    }
+    std::string text;
+    for (const std::string& complaint : complaints_) {
+        text += (text.empty() ? "" : "; ") + complaint;
+    }
+    return {"brokers", false, text,
+            "end the broker that is not wanted: kill PROCESS, on the host that is named"};
+}
+
 Finding checkServices(const KRBroker& broker) {
     const auto modules = broker.getModuleList();
     std::string missing;

@@ -1,8 +1,11 @@
 #pragma once
 
 #include <krplatform/krbroker.hpp>
+#include <krplatform/krlog.hpp>
 
+#include <mutex>
 #include <string>
+#include <vector>
 
 namespace KR::tool {
 
@@ -24,5 +27,18 @@ Finding checkParticipants(const std::string& url);
 Finding checkClock();
 /// A memory module and a camera service, which modules need.
 Finding checkServices(const KRBroker& broker);
+
+/// Hears, from its construction on, what the link to the other brokers finds wrong with them: two modules of one name,
+/// another version. Thread-safe.
+class BrokerComplaints {
+public:
+    BrokerComplaints();
+    Finding check() const;
+
+private:
+    mutable std::mutex mutex_;
+    std::vector<std::string> complaints_; // guarded by mutex_
+    KRLogListener listener_;              // last, as it uses the others
+};
 
 } // namespace KR::tool

@@ -36,8 +36,10 @@ ExitCode act(const Options& options) {
     std::vector<Finding> findings{checkReceiveBuffer(), checkMulticast(),
                                   checkParticipants(options.domain.getUrl()), checkClock()};
     try {
+        const BrokerComplaints complaints;
         const auto broker = options.domain.connect();
         waitForOthers(*broker);
+        findings.push_back(complaints.check());
         findings.push_back(checkServices(*broker));
     } catch (const KRError& error) {
         findings.push_back({"broker", false, error.getDescription(), "see the line before; kr serve --help"});

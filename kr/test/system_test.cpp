@@ -1,6 +1,7 @@
 // kr on a domain of its own, with kr serve in one process and the other verbs in others.
 
 #include "servedprogram.hpp"
+#include "stranger.hpp"
 #include "temporaryfolder.hpp"
 #include "testdomain.hpp"
 
@@ -241,7 +242,20 @@ TEST_F(KrSystem, IsFoundWellByItsDoctor) {
             EXPECT_EQ(finding["good"], true) << finding;
         }
     }
-    EXPECT_EQ(findings.size(), 5U);
+    EXPECT_EQ(findings.size(), 6U);
+}
+
+TEST_F(KrSystem, ItsDoctorFindsABrokerOfAnotherVersion) {
+    const auto broker = domain_.createBroker(); // so that the stranger is on the loopback as well
+    Stranger stranger(domain_.getNumber());
+    stranger.announce(99, {});
+    const json findings = json::parse(krOnDomain({"doctor", "--json"}).out);
+    for (const json& finding : findings) {
+        if (finding["subject"] == "brokers") {
+            EXPECT_EQ(finding["good"], false);
+            EXPECT_THAT(finding["text"].get<std::string>(), HasSubstr("protocol 99"));
+        }
+    }
 }
 
 TEST_F(KrSystem, IsMissedByItsDoctor) {

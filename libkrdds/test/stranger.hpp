@@ -1,0 +1,112 @@
+#pragma once
+
+#include "krvision.h"
+
+#include <patience.hpp>
+
+#include <dds/dds.h>
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace KR::test {
+
+using Qos = std::unique_ptr<dds_qos_t, void (*)(dds_qos_t*)>;
+
+inline Qos makeQos(const char* partition) {
+    Qos qos(dds_create_qos(), dds_delete_qos);
+    dds_qset_reliability(qos.get(), DDS_RELIABILITY_RELIABLE, DDS_INFINITY);
+    if (partition != nullptr) {
+        dds_qset_partition1(qos.get(), partition);
+        dds_qset_history(qos.get(), DDS_HISTORY_KEEP_ALL, 0);
+    } else {
+        dds_qset_durability(qos.get(), DDS_DURABILITY_TRANSIENT_LOCAL);
+    }
+    return qos;
+}
+
+/// A participant of its own on the domain of a broker of this process.
+class Stranger {
+public:
+    explicit Stranger(int domain) : participant_(dds_create_participant(domain, nullptr, nullptr)) {}
+    ~Stranger() { dds_delete(participant_); }
+    Stranger(const Stranger&) = delete;
+    Stranger& operator=(const Stranger&) = delete;
+
+    /// Identity of the one broker that there is.
+    std::string findBroker() {
+        const dds_entity_t topic =
+            dds_create_topic(participant_, &KRVision_Announcement_desc, "KRVision/Broker", nullptr, nullptr);
+        const dds_entity_t reader = dds_create_reader(participant_, topic, makeQos(nullptr).get(), nullptr);
+        std::string id;
+        EXPECT_TRUE(eventually([&] {
+            void* sample = nullptr;
+            dds_sample_info_t info;
+            if (dds_take(reader, &sample, &info, 1, 1) != 1) {
+                return false;
+            }
+            id = static_cast<KRVision_Announcement*>(sample)->broker;
+            dds_return_loan(reader, &sample, 1);
+            return true;
+        }));
+        return id;
+    }
+
+    /// Announces itself as a broker.
+    void announce(std::uint32_t protocol, std::vector<std::uint8_t> modules) {
+        const dds_entity_t topic =
+            dds_create_topic(participant_, &KRVision_Announcement_desc, "KRVision/Broker", nullptr, nullptr);
+        const dds_entity_t writer = dds_create_writer(participant_, topic, makeQos(nullptr).get(), nullptr);
+        KRVision_Announcement announcement{};
+        char id[] = "stranger";
+        char host[] = "elsewhere";
+        announcement.broker = id;
+        announcement.name = id;
+        announcement.host = host;
+        announcement.pid = 4711;
+        announcement.protocol = protocol;
+        announcement.modules._buffer = modules.data();
+        announcement.modules._length = announcement.modules._maximum =
+            static_cast<std::uint32_t>(modules.size());
+        EXPECT_EQ(dds_write(writer, &announcement), DDS_RETCODE_OK);
+    }
+
+    /// Sends a request to the broker.
+    void request(const std::string& broker, std::uint64_t number, std::string module, std::string method,
+                 std::vector<std::uint8_t> arguments) {
+        if (requests_ == 0) {
+            const dds_entity_t topic = dds_create_topic(participant_, &KRVision_Request_desc,
+                                                        "KRVision/1/Request", nullptr, nullptr);
+            requests_ = dds_create_writer(participant_, topic, makeQos(broker.c_str()).get(), nullptr);
+            EXPECT_TRUE(eventually([&] {
+                dds_publication_matched_status_t status{};
+                dds_get_publication_matched_status(requests_, &status);
+                return status.current_count == 1;
+            }));
+        }
+        KRVision_Request request{};
+        char id[] = "stranger";
+        request.broker = id;
+        request.number = number;
+        request.callee = module.data();
+        request.method = method.data();
+        request.arguments._buffer = arguments.data();
+        request.arguments._length = request.arguments._maximum = static_cast<std::uint32_t>(arguments.size());
+        EXPECT_EQ(dds_write(requests_, &request), DDS_RETCODE_OK);
+    }
+
+    dds_entity_t readReplies() {
+        const dds_entity_t topic =
+            dds_create_topic(participant_, &KRVision_Reply_desc, "KRVision/1/Reply", nullptr, nullptr);
+        return dds_create_reader(participant_, topic, makeQos("stranger").get(), nullptr);
+    }
+
+private:
+    const dds_entity_t participant_;
+    dds_entity_t requests_ = 0;
+};
+
+} // namespace KR::test
