@@ -68,8 +68,8 @@ KRReceivedBytes KRReceivedBytes::allocate(std::size_t length) {
     const std::size_t capacity = buffer.size;
     return {boost::shared_ptr<unsigned char[]>(
                 buffer.bytes.release(),
-                [reserve = getReserve(), capacity](unsigned char* bytes) {
-                    reserve->give({std::unique_ptr<unsigned char[]>(bytes), capacity});
+                [reserve = getReserve(), capacity](unsigned char* used) {
+                    reserve->give({std::unique_ptr<unsigned char[]>(used), capacity});
                 }),
             length};
 }
