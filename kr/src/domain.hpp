@@ -19,7 +19,7 @@ class Domain {
 public:
     static constexpr const char* kDefaultUrl = "dds:";
     /// How long a verb looks for a module before it says that there is none.
-    static constexpr std::chrono::seconds kPatience{3};
+    static constexpr std::chrono::seconds kPatience{5};
 
     void addOptions(CLI::App& verb);
     const std::string& getUrl() const noexcept { return url_; }
