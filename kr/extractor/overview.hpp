@@ -42,7 +42,7 @@ private:
         std::chrono::steady_clock::time_point when{};
         int frames = 0;
     };
-    /// Frames fetched so far by each camera subscription of each extractor, as the camera service counts them.
+    /// Frames fetched so far, by identifier of the camera subscription, as the camera service counts them.
     std::map<std::string, int> countFrames() const;
 
     boost::shared_ptr<KRBroker> broker_;

@@ -10,8 +10,8 @@ namespace KR::tool {
 
 class Interruption;
 
-/// Modules that run until the program is asked to end. They come down together, those that were added later before
-/// those that they may need. Not thread-safe.
+/// Modules that run until the program is asked to end. They come down at the same time, and then the services that
+/// they may need. Not thread-safe.
 class Host {
 public:
     /// After this long modules that do not come down are left behind: the program ends without them.

@@ -19,17 +19,17 @@ namespace {
 
 struct Options {
     Domain domain;
-    std::string library;
+    std::string path;
     std::string name;
 };
 
 ExitCode act(const Options& options) {
     Interruption interruption;
     setLogLevel(KRLogLevel::Info);
-    loadModuleClass(options.library); // a wrong file is no reason to look for brokers
+    loadModuleClass(options.path); // a wrong file is no reason to look for brokers
     const auto broker = options.domain.connect();
     Host host;
-    auto module = createModuleOf(options.library, broker, options.name);
+    auto module = createModuleOf(options.path, broker, options.name);
     complain("module " + module->getName() + " runs; Ctrl-C ends it");
     host.add(std::move(module));
     host.waitFor(interruption);
@@ -46,7 +46,7 @@ const CommandRegistration registration({
     .declare =
         [](CLI::App& verb) {
             auto options = std::make_shared<Options>();
-            verb.add_option("MODULE", options->library, "Library with KR_REGISTER_MODULE in it")->required();
+            verb.add_option("MODULE", options->path, "Library with KR_REGISTER_MODULE in it")->required();
             verb.add_option("--name", options->name,
                             "Name of the module, instead of the one its class gives it");
             options->domain.addOptions(verb);

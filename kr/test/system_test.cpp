@@ -187,17 +187,17 @@ TEST_F(KrSystem, SaysWhyALibraryCannotBeHosted) {
     const std::string text = folder.path("text.so");
     std::ofstream(text) << "no library";
     const struct {
-        std::string library;
+        std::string path;
         const char* why;
     } cases[] = {{folder.path("missing.so"), "no such file"},
                  {text, "cannot be loaded"},
                  {KR_LIBRARY_WITHOUT_MODULE, "KR_REGISTER_MODULE"}};
     for (const auto& each : cases) {
         for (const char* verb : {"run", "serve"}) {
-            const Outcome outcome = verb == std::string("run") ? krOnDomain({"run", each.library})
-                                                               : krOnDomain({"serve", "--run", each.library});
+            const Outcome outcome = verb == std::string("run") ? krOnDomain({"run", each.path})
+                                                               : krOnDomain({"serve", "--run", each.path});
             EXPECT_EQ(outcome.exitCode, 1);
-            EXPECT_THAT(outcome.err, AllOf(HasSubstr(each.library), HasSubstr(each.why)));
+            EXPECT_THAT(outcome.err, AllOf(HasSubstr(each.path), HasSubstr(each.why)));
         }
     }
 }
