@@ -2,8 +2,12 @@
 
 # Warnings and sanitizers of a target that is compiled here; nothing of it reaches an installed target.
 function(kr_compile_options target)
+    # Records and errors name files as they lie in the source tree, also where a compiler cache that is told a base
+    # folder hands the compiler paths relative to the build folder.
+    cmake_path(RELATIVE_PATH PROJECT_SOURCE_DIR BASE_DIRECTORY ${PROJECT_BINARY_DIR} OUTPUT_VARIABLE relative_source_dir)
     target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wno-sign-conversion
-                           -Wnon-virtual-dtor -Woverloaded-virtual -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
+                           -Wnon-virtual-dtor -Woverloaded-virtual -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=
+                           -ffile-prefix-map=${relative_source_dir}/=)
     if(KR_WERROR)
         target_compile_options(${target} PRIVATE -Werror)
     endif()
