@@ -1,5 +1,6 @@
 #include "krconverter.hpp"
 
+#include "krcolorconversion.hpp"
 #include "krgstreamer.hpp"
 
 #include <krvision/krvisiondefinitions.hpp>
@@ -63,21 +64,6 @@ Rectangle placePicture(const GstVideoInfo& in, const GstVideoInfo& out, bool let
     return place;
 }
 
-// What the converter is told about the images that come in.
-GstVideoInfo describeInput(const GstVideoInfo& in, const GstVideoInfo& out) {
-    GstVideoInfo info = in;
-    // Fields are converted as whole images; both sides must have the same mode.
-    GST_VIDEO_INFO_INTERLACE_MODE(&info) = GST_VIDEO_INTERLACE_MODE_PROGRESSIVE;
-    // The converter leaves a range of 0 to 255 as it is when the matrix stays the same. This one is different enough
-    // to make it look, and alike enough for the result to differ by one at most.
-    if (GST_VIDEO_INFO_IS_YUV(&in) && !GST_VIDEO_INFO_IS_RGB(&out) &&
-        in.colorimetry.range == GST_VIDEO_COLOR_RANGE_0_255 &&
-        in.colorimetry.matrix == GST_VIDEO_COLOR_MATRIX_BT601) {
-        info.colorimetry.matrix = GST_VIDEO_COLOR_MATRIX_FCC;
-    }
-    return info;
-}
-
 // How many pixels of the image that comes in make one of the scaled image, per direction. GStreamer's own choice
 // grows with the scale, and from a dozen on its rounding errors show as stripes.
 int countTaps(const GstVideoInfo& in, const Rectangle& place) {
@@ -86,18 +72,65 @@ int countTaps(const GstVideoInfo& in, const Rectangle& place) {
     return std::clamp(2 * static_cast<int>(std::ceil(scale)), 2, 6);
 }
 
+// GStreamer's own way from 8 bits of YUV to RGB is off by up to six levels: the last step is done here.
+bool isRgbOfYuv(const GstVideoInfo& in, const GstVideoInfo& out) {
+    gdouble kr = 0;
+    gdouble kb = 0;
+    return GST_VIDEO_INFO_IS_RGB(&out) && (GST_VIDEO_INFO_IS_YUV(&in) || GST_VIDEO_INFO_IS_GRAY(&in)) &&
+           GST_VIDEO_INFO_COMP_DEPTH(&in, 0) == 8 &&
+           gst_video_color_matrix_get_Kr_Kb(in.colorimetry.matrix, &kr, &kb);
+}
+
+// GStreamer leaves a range of 0 to 255 as it is when the matrix stays the same, so that this is done here.
+bool isNarrowed(const GstVideoInfo& in, const GstVideoInfo& out) {
+    return GST_VIDEO_INFO_IS_YUV(&in) && !GST_VIDEO_INFO_IS_RGB(&out) &&
+           in.colorimetry.range == GST_VIDEO_COLOR_RANGE_0_255 &&
+           in.colorimetry.matrix == out.colorimetry.matrix;
+}
+
+// In the range of colours that the conversion has got to. GStreamer's own borders are black in one range only.
+void paintBlack(GstVideoFrame& image, GstVideoColorRange range) {
+    const bool isRgb = GST_VIDEO_INFO_IS_RGB(&image.info);
+    const auto black = static_cast<unsigned char>(isRgb || range == GST_VIDEO_COLOR_RANGE_0_255 ? 0 : 16);
+    for (guint plane = 0; plane < GST_VIDEO_FRAME_N_PLANES(&image); ++plane) {
+        auto* bytes = static_cast<unsigned char*>(GST_VIDEO_FRAME_PLANE_DATA(&image, plane));
+        const auto size = static_cast<std::size_t>(GST_VIDEO_FRAME_PLANE_STRIDE(&image, plane)) *
+                          static_cast<std::size_t>(GST_VIDEO_FRAME_HEIGHT(&image));
+        std::fill_n(bytes, size, plane == 0 ? black : static_cast<unsigned char>(128));
+        for (std::size_t i = 1; GST_VIDEO_FRAME_FORMAT(&image) == GST_VIDEO_FORMAT_YUY2 && i < size; i += 2) {
+            bytes[i] = 128;
+        }
+    }
+}
+
+// Part of an image, in its memory.
+GstVideoFrame crop(const GstVideoFrame& image, const Rectangle& place) {
+    GstVideoFrame part = image;
+    part.info.width = place.width;
+    part.info.height = place.height;
+    for (guint plane = 0; plane < GST_VIDEO_FRAME_N_PLANES(&part); ++plane) {
+        part.data[plane] = static_cast<unsigned char*>(part.data[plane]) +
+                           GST_VIDEO_FRAME_PLANE_STRIDE(&part, plane) * place.y +
+                           GST_VIDEO_FRAME_COMP_PSTRIDE(&part, 0) * place.x;
+    }
+    return part;
+}
+
 GstVideoConverter* makeConverter(const GstVideoInfo& in, const GstVideoInfo& out, const Rectangle& place) {
-    GstVideoInfo from = describeInput(in, out);
-    GstVideoInfo to = out;
+    GstVideoInfo from = in;
+    // Fields are converted as whole images; both sides must have the same mode.
+    GST_VIDEO_INFO_INTERLACE_MODE(&from) = GST_VIDEO_INTERLACE_MODE_PROGRESSIVE;
+    GstVideoInfo to;
+    gst_video_info_set_format(&to, GST_VIDEO_INFO_FORMAT(&out), static_cast<guint>(place.width),
+                              static_cast<guint>(place.height));
+    to.colorimetry = isNarrowed(in, out) ? in.colorimetry : out.colorimetry;
     to.fps_n = from.fps_n; // both sides must have the same rate
     to.fps_d = from.fps_d;
     GstStructure* options = gst_structure_new(
         "options", GST_VIDEO_CONVERTER_OPT_RESAMPLER_METHOD, GST_TYPE_VIDEO_RESAMPLER_METHOD,
         GST_VIDEO_RESAMPLER_METHOD_LINEAR, GST_VIDEO_CONVERTER_OPT_RESAMPLER_TAPS, G_TYPE_UINT,
         countTaps(in, place), GST_VIDEO_CONVERTER_OPT_DITHER_METHOD, GST_TYPE_VIDEO_DITHER_METHOD,
-        GST_VIDEO_DITHER_NONE, GST_VIDEO_CONVERTER_OPT_DEST_X, G_TYPE_INT, place.x,
-        GST_VIDEO_CONVERTER_OPT_DEST_Y, G_TYPE_INT, place.y, GST_VIDEO_CONVERTER_OPT_DEST_WIDTH, G_TYPE_INT,
-        place.width, GST_VIDEO_CONVERTER_OPT_DEST_HEIGHT, G_TYPE_INT, place.height, nullptr);
+        GST_VIDEO_DITHER_NONE, nullptr);
     return gst_video_converter_new(&from, &to, options); // takes the options
 }
 
@@ -137,29 +170,70 @@ std::string listColorSpaces() {
     return list;
 }
 
-struct KRConverter::Conversion {
+class KRConverter::Conversion {
+public:
     Conversion(const GstVideoInfo& from, int toResolution, int toColorSpace)
         : in(from), resolution(toResolution), colorSpace(toColorSpace),
-          out(getImageInfo(resolution, colorSpace).value()),
-          converter(makeConverter(in, out, placePicture(in, out, isLetterboxed(resolution)))) {
-        if (converter == nullptr) {
+          out(getImageInfo(resolution, colorSpace).value()), narrowed_(isNarrowed(in, out)),
+          place_(placePicture(in, out, isLetterboxed(resolution))) {
+        if (isRgbOfYuv(in, out)) {
+            yuv_.emplace(in.colorimetry, out.width, out.height);
+        }
+        converter_.reset(makeConverter(in, yuv_ ? yuv_->frame.info : out, place_));
+        if (!converter_) {
             throw std::runtime_error(std::string("images of the format ") + GST_VIDEO_INFO_NAME(&in) +
                                      " cannot be converted");
         }
     }
-    ~Conversion() {
-        if (converter != nullptr) {
-            gst_video_converter_free(converter);
+
+    void convert(const GstVideoFrame& image, GstVideoFrame& converted) {
+        GstVideoFrame& whole = yuv_ ? yuv_->frame : converted;
+        if (place_.width < out.width || place_.height < out.height) {
+            paintBlack(whole, yuv_ || narrowed_ ? in.colorimetry.range : out.colorimetry.range);
+        }
+        GstVideoFrame picture = crop(whole, place_);
+        gst_video_converter_frame(converter_.get(), &image, &picture);
+        if (yuv_) {
+            yuv_->toRgb.convert(whole, converted);
+        } else if (narrowed_) {
+            narrowLevels(static_cast<unsigned char*>(GST_VIDEO_FRAME_PLANE_DATA(&whole, 0)),
+                         GST_VIDEO_INFO_SIZE(&out), GST_VIDEO_INFO_IS_YUV(&out));
         }
     }
-    Conversion(const Conversion&) = delete;
-    Conversion& operator=(const Conversion&) = delete;
 
     const GstVideoInfo in;
     const int resolution;
     const int colorSpace;
     const GstVideoInfo out;
-    GstVideoConverter* const converter;
+
+private:
+    /// The scaled image on its way to RGB.
+    struct Yuv {
+        Yuv(const GstVideoColorimetry& colors, int width, int height) : toRgb(colors) {
+            GstVideoInfo info;
+            gst_video_info_set_format(&info, GST_VIDEO_FORMAT_Y444, static_cast<guint>(width),
+                                      static_cast<guint>(height));
+            info.colorimetry = colors;
+            const GstHandle<GstBuffer> buffer(gst_buffer_new_allocate(nullptr, info.size, nullptr));
+            if (!buffer || !gst_video_frame_map(&frame, &info, buffer.get(), GST_MAP_READWRITE)) {
+                throw std::runtime_error("there is no memory for the conversion of an image");
+            }
+        }
+        ~Yuv() { gst_video_frame_unmap(&frame); }
+        Yuv(const Yuv&) = delete;
+        Yuv& operator=(const Yuv&) = delete;
+
+        const KRRgbConversion toRgb;
+        GstVideoFrame frame; ///< keeps its buffer
+    };
+    struct Free {
+        void operator()(GstVideoConverter* converter) const noexcept { gst_video_converter_free(converter); }
+    };
+
+    const bool narrowed_;
+    const Rectangle place_;
+    std::optional<Yuv> yuv_;
+    std::unique_ptr<GstVideoConverter, Free> converter_;
 };
 
 /// Memory for converted images. Pages that have been touched are worth keeping.
@@ -232,7 +306,7 @@ KRBinary KRConverter::convert(const GstVideoFrame& image, int resolution, int co
     if (!gst_video_frame_map(&converted, &info, buffer.get(), GST_MAP_WRITE)) {
         throw std::runtime_error("the memory for a converted image cannot be mapped");
     }
-    gst_video_converter_frame(conversion->converter, &image, &converted);
+    conversion->convert(image, converted);
     gst_video_frame_unmap(&converted);
     giveBack(std::move(conversion));
     return {std::move(bytes), size};

@@ -36,7 +36,7 @@ public:
     KRBinary convert(const GstVideoFrame& image, int resolution, int colorSpace);
 
 private:
-    struct Conversion;
+    class Conversion;
     class Buffers;
 
     std::unique_ptr<Conversion> take(const GstVideoInfo& in, int resolution, int colorSpace);

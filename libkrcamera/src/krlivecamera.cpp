@@ -165,8 +165,8 @@ void KRLiveCamera::show(KRCapture capture) {
             ++timesOpened_;
         }
         newest_.swap(frame); // the frame before goes after the lock
-        changed_.notify_all();
     }
+    changed_.notify_all(); // without the lock, for which those who wake would have to wait again
     if (opens) {
         logInfo("KRVideoDevice", title_ + " is open");
     }

@@ -77,10 +77,20 @@ TEST_F(FrameTest, ColorsFrom0To255AreBroughtToTheUsualRange) {
     const auto frame = makeFrame(GST_VIDEO_FORMAT_I420, 320, 240, "1:4:0:0");
     std::fill(memory.begin(), memory.begin() + 320 * 240, static_cast<unsigned char>(255));
     for (const int resolution : {Resolution::QuarterVga, Resolution::Vga}) {
-        EXPECT_NEAR(frame->getPixels(resolution, Space::Yuv422).data()[0], 235, 2);
-        EXPECT_NEAR(frame->getPixels(resolution, Space::Yuv422).data()[1], 128, 2);
-        EXPECT_NEAR(frame->getPixels(resolution, Space::Luma).data()[0], 235, 2);
-        EXPECT_NEAR(frame->getPixels(resolution, Space::Bgr).data()[0], 255, 2);
+        EXPECT_EQ(frame->getPixels(resolution, Space::Yuv422).data()[0], 235);
+        EXPECT_EQ(frame->getPixels(resolution, Space::Yuv422).data()[1], 128);
+        EXPECT_EQ(frame->getPixels(resolution, Space::Luma).data()[0], 235);
+        EXPECT_EQ(frame->getPixels(resolution, Space::Bgr).data()[0], 255);
+    }
+}
+
+TEST_F(FrameTest, TheBordersOfAWideImageAreBlackWhateverTheRange) {
+    for (const char* colorimetry : {"bt601", "1:4:0:0"}) {
+        const auto frame = makeFrame(GST_VIDEO_FORMAT_I420, 320, 240, colorimetry);
+        EXPECT_EQ(frame->getPixels(15, Space::Luma).data()[0], 16) << colorimetry;
+        EXPECT_EQ(frame->getPixels(15, Space::Yuv422).data()[0], 16) << colorimetry;
+        EXPECT_EQ(frame->getPixels(15, Space::Yuv422).data()[1], 128) << colorimetry;
+        EXPECT_EQ(frame->getPixels(15, Space::Rgb).data()[0], 0) << colorimetry;
     }
 }
 
@@ -117,9 +127,9 @@ TEST_F(FrameTest, AWidePictureFillsAWideImage) {
 TEST_F(FrameTest, APictureWiderThanTheImageIsBorderedAboveAndBelow) {
     const auto strip = makeFrame(GST_VIDEO_FORMAT_GRAY8, 640, 90);
     const KRBinary image = strip->getPixels(15, Space::Luma); // 640x180
-    EXPECT_EQ(image.data()[20 * 640 + 320], 0);
+    EXPECT_EQ(image.data()[20 * 640 + 320], 16);
     EXPECT_EQ(image.data()[90 * 640 + 320], 128);
-    EXPECT_EQ(image.data()[160 * 640 + 320], 0);
+    EXPECT_EQ(image.data()[160 * 640 + 320], 16);
 }
 
 } // namespace KR
