@@ -170,16 +170,28 @@ std::string listColorSpaces() {
     return list;
 }
 
+/// The steps from one layout of images to another: GStreamer scales and brings them into a layout from which the step
+/// to the wanted one is small, unless they are in it already.
 class KRConverter::Conversion {
 public:
     Conversion(const GstVideoInfo& from, int toResolution, int toColorSpace)
         : in(from), resolution(toResolution), colorSpace(toColorSpace),
           out(getImageInfo(resolution, colorSpace).value()), narrowed_(isNarrowed(in, out)),
           place_(placePicture(in, out, isLetterboxed(resolution))) {
-        if (isRgbOfYuv(in, out)) {
-            yuv_.emplace(in.colorimetry, out.width, out.height);
+        const bool isRgb = isRgbOfYuv(in, out);
+        const bool sameSize = in.width == out.width && in.height == out.height;
+        if (isRgb) {
+            toRgb_.emplace(in.colorimetry);
         }
-        converter_.reset(makeConverter(in, yuv_ ? yuv_->frame.info : out, place_));
+        const bool isItsLuma = isLuma(out) && in.colorimetry.matrix == out.colorimetry.matrix;
+        if (sameSize && GST_VIDEO_INFO_FORMAT(&in) == GST_VIDEO_FORMAT_YUY2 && (isRgb || isItsLuma)) {
+            return;
+        }
+        if (isRgb) {
+            const bool pairs = sameSize && GST_VIDEO_FORMAT_INFO_W_SUB(in.finfo, 1) == 1;
+            between_.emplace(pairs ? GST_VIDEO_FORMAT_YUY2 : GST_VIDEO_FORMAT_Y444, out, in.colorimetry);
+        }
+        converter_.reset(makeConverter(in, between_ ? between_->frame.info : out, place_));
         if (!converter_) {
             throw std::runtime_error(std::string("images of the format ") + GST_VIDEO_INFO_NAME(&in) +
                                      " cannot be converted");
@@ -187,17 +199,17 @@ public:
     }
 
     void convert(const GstVideoFrame& image, GstVideoFrame& converted) {
-        GstVideoFrame& whole = yuv_ ? yuv_->frame : converted;
-        if (place_.width < out.width || place_.height < out.height) {
-            paintBlack(whole, yuv_ || narrowed_ ? in.colorimetry.range : out.colorimetry.range);
+        if (converter_) {
+            scale(image, between_ ? between_->frame : converted);
         }
-        GstVideoFrame picture = crop(whole, place_);
-        gst_video_converter_frame(converter_.get(), &image, &picture);
-        if (yuv_) {
-            yuv_->toRgb.convert(whole, converted);
-        } else if (narrowed_) {
-            narrowLevels(static_cast<unsigned char*>(GST_VIDEO_FRAME_PLANE_DATA(&whole, 0)),
-                         GST_VIDEO_INFO_SIZE(&out), GST_VIDEO_INFO_IS_YUV(&out));
+        if (toRgb_) {
+            toRgb_->convert(between_ ? between_->frame : image, converted);
+        } else if (!converter_) {
+            takeLuma(image, converted);
+        }
+        if (narrowed_) {
+            narrowLevels(static_cast<unsigned char*>(GST_VIDEO_FRAME_PLANE_DATA(&converted, 0)),
+                         GST_VIDEO_INFO_SIZE(&out), !isLuma(out));
         }
     }
 
@@ -207,32 +219,41 @@ public:
     const GstVideoInfo out;
 
 private:
-    /// The scaled image on its way to RGB.
-    struct Yuv {
-        Yuv(const GstVideoColorimetry& colors, int width, int height) : toRgb(colors) {
+    struct Image {
+        Image(GstVideoFormat format, const GstVideoInfo& size, const GstVideoColorimetry& colors) {
             GstVideoInfo info;
-            gst_video_info_set_format(&info, GST_VIDEO_FORMAT_Y444, static_cast<guint>(width),
-                                      static_cast<guint>(height));
+            gst_video_info_set_format(&info, format, static_cast<guint>(size.width),
+                                      static_cast<guint>(size.height));
             info.colorimetry = colors;
             const GstHandle<GstBuffer> buffer(gst_buffer_new_allocate(nullptr, info.size, nullptr));
             if (!buffer || !gst_video_frame_map(&frame, &info, buffer.get(), GST_MAP_READWRITE)) {
                 throw std::runtime_error("there is no memory for the conversion of an image");
             }
         }
-        ~Yuv() { gst_video_frame_unmap(&frame); }
-        Yuv(const Yuv&) = delete;
-        Yuv& operator=(const Yuv&) = delete;
+        ~Image() { gst_video_frame_unmap(&frame); }
+        Image(const Image&) = delete;
+        Image& operator=(const Image&) = delete;
 
-        const KRRgbConversion toRgb;
         GstVideoFrame frame; ///< keeps its buffer
     };
     struct Free {
         void operator()(GstVideoConverter* converter) const noexcept { gst_video_converter_free(converter); }
     };
 
+    static bool isLuma(const GstVideoInfo& info) noexcept { return GST_VIDEO_INFO_IS_GRAY(&info); }
+
+    void scale(const GstVideoFrame& image, GstVideoFrame& scaled) {
+        if (place_.width < out.width || place_.height < out.height) {
+            paintBlack(scaled, between_ || narrowed_ ? in.colorimetry.range : out.colorimetry.range);
+        }
+        GstVideoFrame picture = crop(scaled, place_);
+        gst_video_converter_frame(converter_.get(), &image, &picture);
+    }
+
     const bool narrowed_;
     const Rectangle place_;
-    std::optional<Yuv> yuv_;
+    std::optional<KRRgbConversion> toRgb_;
+    std::optional<Image> between_; ///< what GStreamer delivers if that is not yet what is wanted
     std::unique_ptr<GstVideoConverter, Free> converter_;
 };
 
