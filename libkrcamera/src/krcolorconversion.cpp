@@ -100,107 +100,133 @@ void forEachVector(int width, Step step) {
     }
 }
 
-// Signed words hold a level times 32: room for twice what is needed, so that nothing overflows before it is limited.
+// Levels in signed words that hold 32 times as much: room for twice what is needed, so that nothing overflows before
+// it is limited.
+class Arithmetic {
+public:
+    explicit Arithmetic(const KRColorConversion::Factors& factors)
+        : blackIn_(set(factors.blackIn)), blackOut_(set(factors.blackOut * 32 + half)) {}
+
+    static WordVector set(int value) { return hn::Set(Words(), static_cast<std::int16_t>(value)); }
+
+    /// What the factors are applied to: 128 * 8192 / 2^15 = 32.
+    Yuv scale(const Yuv& levels) const {
+        const auto scaled = [](WordVector level, WordVector zero) {
+            return hn::ShiftLeft<7>(hn::Sub(level, zero));
+        };
+        return {scaled(levels.y, blackIn_), scaled(levels.u, set(128)), scaled(levels.v, set(128))};
+    }
+    /// Y of one matrix by that of another.
+    WordVector convertLuma(const Yuv& scaled, const std::array<std::int16_t, 3>& factors) const {
+        return hn::Add(hn::Add(blackOut_, hn::MulFixedPoint15(scaled.y, set(factors[0]))),
+                       hn::Add(hn::MulFixedPoint15(scaled.u, set(factors[1])),
+                               hn::MulFixedPoint15(scaled.v, set(factors[2]))));
+    }
+
+    static constexpr int half = 16; ///< a level, to round by
+
+private:
+    WordVector blackIn_;
+    WordVector blackOut_;
+};
+
 template <class Source, Order order>
-void convertRows(const KRRgbConversion::Factors& factors, const GstVideoFrame& yuv, GstVideoFrame& rgb) {
+void convertToRgb(const KRColorConversion::Factors& factors, const GstVideoFrame& in, GstVideoFrame& out) {
     constexpr std::size_t pixelSize = order == Order::Bgrx ? 4 : 3;
-    const Words words;
     const Bytes bytes;
-    const auto offset = hn::Set(words, factors.lumaOffset);
-    const auto middle = hn::Set(words, std::int16_t{128});
-    const auto half = hn::Set(words, std::int16_t{16});
-    const auto luma = hn::Set(words, factors.luma);
-    const auto redOfV = hn::Set(words, factors.redOfV);
-    const auto greenOfU = hn::Set(words, factors.greenOfU);
-    const auto greenOfV = hn::Set(words, factors.greenOfV);
-    const auto blueOfU = hn::Set(words, factors.blueOfU);
-    // 128 * 8192 / 2^15 = 32
-    const auto scale = [](WordVector level, WordVector zero) {
-        return hn::ShiftLeft<7>(hn::Sub(level, zero));
-    };
+    const Arithmetic arithmetic(factors);
+    // The other two are zero.
+    const auto luma = Arithmetic::set(factors.matrix[0][0]);
+    const auto redOfV = Arithmetic::set(factors.matrix[0][2]);
+    const auto greenOfU = Arithmetic::set(factors.matrix[1][1]);
+    const auto greenOfV = Arithmetic::set(factors.matrix[1][2]);
+    const auto blueOfU = Arithmetic::set(factors.matrix[2][1]);
     const auto toLevel = [&](WordVector sum) { return hn::DemoteTo(bytes, hn::ShiftRight<5>(sum)); };
-    for (int line = 0; line < GST_VIDEO_FRAME_HEIGHT(&rgb); ++line) {
-        const Source source(yuv, line);
-        unsigned char* to = row(rgb, 0, line);
-        forEachVector(GST_VIDEO_FRAME_WIDTH(&rgb), [&](std::size_t x) {
-            const Yuv pixels = source.load(x);
-            const auto u = scale(pixels.u, middle);
-            const auto v = scale(pixels.v, middle);
-            const auto level = hn::Add(hn::MulFixedPoint15(scale(pixels.y, offset), luma), half);
-            const auto red = toLevel(hn::Add(level, hn::MulFixedPoint15(v, redOfV)));
-            const auto green = toLevel(
-                hn::Sub(hn::Sub(level, hn::MulFixedPoint15(u, greenOfU)), hn::MulFixedPoint15(v, greenOfV)));
-            const auto blue = toLevel(hn::Add(level, hn::MulFixedPoint15(u, blueOfU)));
+    for (int line = 0; line < GST_VIDEO_FRAME_HEIGHT(&out); ++line) {
+        const Source source(in, line);
+        unsigned char* to = row(out, 0, line);
+        forEachVector(GST_VIDEO_FRAME_WIDTH(&out), [&](std::size_t x) {
+            const Yuv yuv = arithmetic.scale(source.load(x));
+            const auto y = hn::Add(hn::MulFixedPoint15(yuv.y, luma), Arithmetic::set(Arithmetic::half));
+            const auto red = toLevel(hn::Add(y, hn::MulFixedPoint15(yuv.v, redOfV)));
+            const auto green = toLevel(hn::Add(hn::Add(y, hn::MulFixedPoint15(yuv.u, greenOfU)),
+                                               hn::MulFixedPoint15(yuv.v, greenOfV)));
+            const auto blue = toLevel(hn::Add(y, hn::MulFixedPoint15(yuv.u, blueOfU)));
+            unsigned char* pixels = to + pixelSize * x;
             if constexpr (order == Order::Rgb) {
-                hn::StoreInterleaved3(red, green, blue, bytes, to + pixelSize * x);
+                hn::StoreInterleaved3(red, green, blue, bytes, pixels);
             } else if constexpr (order == Order::Bgr) {
-                hn::StoreInterleaved3(blue, green, red, bytes, to + pixelSize * x);
+                hn::StoreInterleaved3(blue, green, red, bytes, pixels);
             } else {
-                hn::StoreInterleaved4(blue, green, red, hn::Set(bytes, std::uint8_t{255}), bytes,
-                                      to + pixelSize * x);
+                hn::StoreInterleaved4(blue, green, red, hn::Set(bytes, std::uint8_t{255}), bytes, pixels);
             }
         });
     }
 }
 
-template <class Source>
-void convertTo(const KRRgbConversion::Factors& factors, const GstVideoFrame& yuv, GstVideoFrame& rgb) {
-    switch (GST_VIDEO_FRAME_FORMAT(&rgb)) {
-    case GST_VIDEO_FORMAT_RGB:
-        return convertRows<Source, Order::Rgb>(factors, yuv, rgb);
-    case GST_VIDEO_FORMAT_BGR:
-        return convertRows<Source, Order::Bgr>(factors, yuv, rgb);
-    default:
-        return convertRows<Source, Order::Bgrx>(factors, yuv, rgb);
+void convertToPairs(const KRColorConversion::Factors& factors, const GstVideoFrame& in, GstVideoFrame& out) {
+    const Words words;
+    const Arithmetic arithmetic(factors);
+    // U and V by turns. One more, to begin at a V where a vector is no longer than that.
+    std::array<std::int16_t, hn::MaxLanes(Words()) + 1> ofU;
+    std::array<std::int16_t, hn::MaxLanes(Words()) + 1> ofV;
+    for (std::size_t i = 0; i < ofU.size(); ++i) {
+        ofU[i] = factors.matrix[1 + i % 2][1]; // neither has anything of Y
+        ofV[i] = factors.matrix[1 + i % 2][2];
     }
-}
-
-void convertImage(const KRRgbConversion::Factors& factors, const GstVideoFrame& yuv, GstVideoFrame& rgb) {
-    return GST_VIDEO_FRAME_FORMAT(&yuv) == GST_VIDEO_FORMAT_YUY2 ? convertTo<Pairs>(factors, yuv, rgb)
-                                                                 : convertTo<Planes>(factors, yuv, rgb);
-}
-
-void takeLumaOfImage(const GstVideoFrame& yuv, GstVideoFrame& luma) {
-    for (int line = 0; line < GST_VIDEO_FRAME_HEIGHT(&luma); ++line) {
-        const Pairs source(yuv, line);
-        unsigned char* to = row(luma, 0, line);
-        forEachVector(GST_VIDEO_FRAME_WIDTH(&luma), [&](std::size_t x) {
-            hn::StoreU(hn::DemoteTo(Bytes(), source.loadLuma(x)), Bytes(), to + x);
+    const auto grey = Arithmetic::set(128 * 32 + Arithmetic::half);
+    const auto toLevel = [](WordVector sum) {
+        return hn::Min(hn::Max(hn::ShiftRight<5>(sum), Arithmetic::set(0)), Arithmetic::set(255));
+    };
+    for (int line = 0; line < GST_VIDEO_FRAME_HEIGHT(&out); ++line) {
+        const Pairs source(in, line);
+        unsigned char* to = row(out, 0, line);
+        forEachVector(GST_VIDEO_FRAME_WIDTH(&out), [&](std::size_t x) {
+            const Yuv yuv = arithmetic.scale(source.load(x));
+            const auto color =
+                hn::Add(grey, hn::Add(hn::MulFixedPoint15(yuv.u, hn::LoadU(words, ofU.data() + x % 2)),
+                                      hn::MulFixedPoint15(yuv.v, hn::LoadU(words, ofV.data() + x % 2))));
+            const auto luma = toLevel(arithmetic.convertLuma(yuv, factors.matrix[0]));
+            hn::StoreU(hn::Or(luma, hn::ShiftLeft<8>(toLevel(color))), words,
+                       reinterpret_cast<std::int16_t*>(to + 2 * x));
         });
     }
 }
 
-void narrowBytes(unsigned char* bytes, std::size_t size, bool hasColors) {
-    const Words words;
-    const Bytes levels;
-    const std::size_t step = hn::Lanes(words);
+void convertToLuma(const KRColorConversion::Factors& factors, const GstVideoFrame& in, GstVideoFrame& out) {
+    const Arithmetic arithmetic(factors);
+    for (int line = 0; line < GST_VIDEO_FRAME_HEIGHT(&out); ++line) {
+        const Pairs source(in, line);
+        unsigned char* to = row(out, 0, line);
+        forEachVector(GST_VIDEO_FRAME_WIDTH(&out), [&](std::size_t x) {
+            const auto luma = arithmetic.convertLuma(arithmetic.scale(source.load(x)), factors.matrix[0]);
+            hn::StoreU(hn::DemoteTo(Bytes(), hn::ShiftRight<5>(luma)), Bytes(), to + x);
+        });
+    }
+}
 
-    // One more, to begin at a colour where a vector is no longer than that.
-    using Table = std::array<std::int16_t, hn::MaxLanes(words) + 1>;
-    Table middles;
-    Table factors;
-    Table offsets;
-    for (std::size_t i = 0; i < factors.size(); ++i) {
-        const bool isColor = hasColors && i % 2 != 0;
-        middles[i] = isColor ? 128 : 0;
-        factors[i] = isColor ? 7196 : 7036; // 8192 * 224 / 255, 8192 * 219 / 255
-        offsets[i] =
-            isColor ? 128 * 32 + 16 : 16 * 32 + 16; // the new level of it, and half a level to round by
+template <class Source>
+void convertToRgb(const KRColorConversion::Factors& factors, const GstVideoFrame& in, GstVideoFrame& out) {
+    switch (GST_VIDEO_FRAME_FORMAT(&out)) {
+    case GST_VIDEO_FORMAT_RGB:
+        return convertToRgb<Source, Order::Rgb>(factors, in, out);
+    case GST_VIDEO_FORMAT_BGR:
+        return convertToRgb<Source, Order::Bgr>(factors, in, out);
+    default:
+        return convertToRgb<Source, Order::Bgrx>(factors, in, out);
     }
-    const auto narrow = [&](unsigned char* to, std::size_t phase) {
-        const auto load = [&](const Table& table) { return hn::LoadU(words, table.data() + phase); };
-        const auto difference = hn::Sub(hn::PromoteTo(words, hn::LoadU(levels, to)), load(middles));
-        const auto level = hn::MulFixedPoint15(hn::ShiftLeft<7>(difference), load(factors));
-        hn::StoreU(hn::DemoteTo(levels, hn::ShiftRight<5>(hn::Add(level, load(offsets)))), levels, to);
-    };
-    std::size_t i = 0;
-    for (; i + step <= size; i += step) {
-        narrow(bytes + i, i % 2);
+}
+
+void convertImage(const KRColorConversion::Factors& factors, const GstVideoFrame& in, GstVideoFrame& out) {
+    switch (GST_VIDEO_FRAME_FORMAT(&out)) {
+    case GST_VIDEO_FORMAT_YUY2:
+        return convertToPairs(factors, in, out);
+    case GST_VIDEO_FORMAT_GRAY8:
+        return convertToLuma(factors, in, out);
+    default:
+        return GST_VIDEO_FRAME_FORMAT(&in) == GST_VIDEO_FORMAT_YUY2 ? convertToRgb<Pairs>(factors, in, out)
+                                                                    : convertToRgb<Planes>(factors, in, out);
     }
-    std::array<unsigned char, hn::MaxLanes(words)> rest{};
-    std::copy(bytes + i, bytes + size, rest.begin());
-    narrow(rest.data(), i % 2);
-    std::copy_n(rest.begin(), size - i, bytes + i);
 }
 
 } // namespace HWY_NAMESPACE
@@ -211,37 +237,81 @@ HWY_AFTER_NAMESPACE();
 namespace KR {
 
 HWY_EXPORT(convertImage);
-HWY_EXPORT(takeLumaOfImage);
-HWY_EXPORT(narrowBytes);
 
-// R = Y + 2 (1 - Kr) V, B = Y + 2 (1 - Kb) U, and G such that Y = Kr R + Kg G + Kb B (ITU-R BT.601 and BT.709), where
-// Y takes 219 levels and U and V take 224, or all of them 255.
-KRRgbConversion::KRRgbConversion(const GstVideoColorimetry& colors) {
+namespace {
+
+using Matrix = std::array<std::array<double, 3>, 3>;
+
+Matrix multiply(const Matrix& a, const Matrix& b) {
+    Matrix product{};
+    for (std::size_t i = 0; i < 3; ++i) {
+        for (std::size_t j = 0; j < 3; ++j) {
+            for (std::size_t k = 0; k < 3; ++k) {
+                product[i][j] += a[i][k] * b[k][j];
+            }
+        }
+    }
+    return product;
+}
+
+Matrix diagonal(double a, double b, double c) {
+    return {{{a, 0, 0}, {0, b, 0}, {0, 0, c}}};
+}
+
+// How many levels Y, U and V take.
+Matrix getSpans(const GstVideoColorimetry& colors) {
+    return colors.range == GST_VIDEO_COLOR_RANGE_0_255 ? diagonal(255, 255, 255) : diagonal(219, 224, 224);
+}
+
+Matrix getInverseSpans(const GstVideoColorimetry& colors) {
+    const Matrix spans = getSpans(colors);
+    return diagonal(1 / spans[0][0], 1 / spans[1][1], 1 / spans[2][2]);
+}
+
+std::int16_t getBlack(const GstVideoColorimetry& colors) {
+    return colors.range == GST_VIDEO_COLOR_RANGE_0_255 ? 0 : 16;
+}
+
+// R = Y + 2 (1 - Kr) V, B = Y + 2 (1 - Kb) U, and G such that Y = Kr R + Kg G + Kb B (ITU-R BT.601 and BT.709), with
+// Y, R, G and B from 0 to 1 and U and V from -1/2 to 1/2.
+Matrix getRgbOfYuv(const GstVideoColorimetry& colors) {
     gdouble kr = 0;
     gdouble kb = 0;
     gst_video_color_matrix_get_Kr_Kb(colors.matrix, &kr, &kb);
     const double kg = 1 - kr - kb;
-    const bool full = colors.range == GST_VIDEO_COLOR_RANGE_0_255;
-    const double chroma = full ? 1 : 255.0 / 224;
-    const auto toFactor = [](double factor) { return static_cast<std::int16_t>(std::lround(8192 * factor)); };
-    factors_.lumaOffset = full ? 0 : 16;
-    factors_.luma = toFactor(full ? 1 : 255.0 / 219);
-    factors_.redOfV = toFactor(2 * (1 - kr) * chroma);
-    factors_.greenOfU = toFactor(2 * (1 - kb) * kb / kg * chroma);
-    factors_.greenOfV = toFactor(2 * (1 - kr) * kr / kg * chroma);
-    factors_.blueOfU = toFactor(2 * (1 - kb) * chroma);
+    return {
+        {{1, 0, 2 * (1 - kr)}, {1, -2 * (1 - kb) * kb / kg, -2 * (1 - kr) * kr / kg}, {1, 2 * (1 - kb), 0}}};
 }
 
-void KRRgbConversion::convert(const GstVideoFrame& yuv, GstVideoFrame& rgb) const {
-    HWY_DYNAMIC_DISPATCH(convertImage)(factors_, yuv, rgb);
+Matrix getYuvOfRgb(const GstVideoColorimetry& colors) {
+    gdouble kr = 0;
+    gdouble kb = 0;
+    gst_video_color_matrix_get_Kr_Kb(colors.matrix, &kr, &kb);
+    const double kg = 1 - kr - kb;
+    const double u = 2 * (1 - kb);
+    const double v = 2 * (1 - kr);
+    return {{{kr, kg, kb}, {-kr / u, -kg / u, (1 - kb) / u}, {(1 - kr) / v, -kg / v, -kb / v}}};
 }
 
-void takeLuma(const GstVideoFrame& yuv, GstVideoFrame& luma) {
-    HWY_DYNAMIC_DISPATCH(takeLumaOfImage)(yuv, luma);
+} // namespace
+
+KRColorConversion::KRColorConversion(const GstVideoColorimetry& in, const GstVideoInfo& out) {
+    const bool isRgb = GST_VIDEO_INFO_IS_RGB(&out);
+    const Matrix toRgb = multiply(getRgbOfYuv(in), getInverseSpans(in));
+    const Matrix toLevels =
+        isRgb ? diagonal(255, 255, 255) : multiply(getSpans(out.colorimetry), getYuvOfRgb(out.colorimetry));
+    const Matrix matrix = multiply(toLevels, toRgb);
+    for (std::size_t i = 0; i < 3; ++i) {
+        for (std::size_t j = 0; j < 3; ++j) {
+            factors_.matrix[i][j] = static_cast<std::int16_t>(std::lround(8192 * matrix[i][j]));
+        }
+    }
+    factors_.blackIn = getBlack(in);
+    factors_.blackOut = isRgb ? 0 : getBlack(out.colorimetry);
 }
 
-void narrowLevels(unsigned char* bytes, std::size_t size, bool hasColors) {
-    HWY_DYNAMIC_DISPATCH(narrowBytes)(bytes, size, hasColors);
+void KRColorConversion::convert(const GstVideoFrame& in, GstVideoFrame& out) const {
+    HWY_DYNAMIC_DISPATCH(convertImage)(factors_, in, out);
 }
 
 } // namespace KR

@@ -2,38 +2,32 @@
 
 #include <gst/video/video.h>
 
-#include <cstddef>
+#include <array>
 #include <cstdint>
 
 namespace KR {
 
-/// YUV of 8 bits to RGB, to the nearest level. Thread-safe.
-class KRRgbConversion {
+/// From YUV to the colours of another layout, to the nearest level. Thread-safe.
+class KRColorConversion {
 public:
-    /// \param colors  of the YUV images, whose matrix must have the factors Kr and Kb
-    explicit KRRgbConversion(const GstVideoColorimetry& colors);
+    /// \param in   colours of the YUV images, whose matrix must have the factors Kr and Kb
+    /// \param out  what they become: RGB, BGR, BGRx, YUY2 or GRAY8
+    KRColorConversion(const GstVideoColorimetry& in, const GstVideoInfo& out);
 
-    /// \param yuv  in the format Y444 or YUY2; its width is even, and 32 pixels at least
-    /// \param rgb  in the format RGB, BGR or BGRx, of the same size
-    void convert(const GstVideoFrame& yuv, GstVideoFrame& rgb) const;
+    /// \param in   in the format YUY2, or Y444 if RGB comes out; its width is even, and 32 pixels at least
+    /// \param out  in the layout that was given, of the same size, and other memory
+    void convert(const GstVideoFrame& in, GstVideoFrame& out) const;
 
-    /// How much of each component is in another; the unit is 1/8192.
+    /// Levels in minus their black or grey, times the factors, plus the black or grey of the levels out.
     struct Factors {
-        std::int16_t lumaOffset; ///< the level that is black
-        std::int16_t luma, redOfV, greenOfU, greenOfV, blueOfU;
+        std::int16_t blackIn; ///< of Y; the grey of U and V is 128
+        std::int16_t blackOut;
+        std::array<std::array<std::int16_t, 3>, 3>
+            matrix; ///< of Y, U and V to Y, U and V or R, G and B; in 1/8192
     };
 
 private:
     Factors factors_;
 };
-
-/// The Y of an image.
-/// \param yuv  in the format YUY2; its width is even, and 32 pixels at least
-/// \param luma  in the format GRAY8, of the same size
-void takeLuma(const GstVideoFrame& yuv, GstVideoFrame& luma);
-
-/// Brings levels from 0..255, as JPEG has them, to 16..235 for Y and 16..240 for U and V, in place.
-/// \param hasColors  the bytes are Y and a colour by turns, as in YUV422; otherwise Y only
-void narrowLevels(unsigned char* bytes, std::size_t size, bool hasColors);
 
 } // namespace KR

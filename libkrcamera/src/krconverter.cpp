@@ -72,26 +72,26 @@ int countTaps(const GstVideoInfo& in, const Rectangle& place) {
     return std::clamp(2 * static_cast<int>(std::ceil(scale)), 2, 6);
 }
 
-// GStreamer's own way from 8 bits of YUV to RGB is off by up to six levels: the last step is done here.
-bool isRgbOfYuv(const GstVideoInfo& in, const GstVideoInfo& out) {
+// Whether the last step, to other colours, is KRColorConversion's. GStreamer's own way from 8 bits of YUV to RGB is off
+// by up to six levels, its way to another matrix by two, and it leaves a range of 0 to 255 as it is if the matrix stays.
+bool changesColors(const GstVideoInfo& in, const GstVideoInfo& out) {
     gdouble kr = 0;
     gdouble kb = 0;
-    return GST_VIDEO_INFO_IS_RGB(&out) && (GST_VIDEO_INFO_IS_YUV(&in) || GST_VIDEO_INFO_IS_GRAY(&in)) &&
-           GST_VIDEO_INFO_COMP_DEPTH(&in, 0) == 8 &&
-           gst_video_color_matrix_get_Kr_Kb(in.colorimetry.matrix, &kr, &kb);
+    if (!gst_video_color_matrix_get_Kr_Kb(in.colorimetry.matrix, &kr, &kb)) {
+        return false;
+    }
+    if (GST_VIDEO_INFO_IS_RGB(&out)) {
+        const bool isYuv = GST_VIDEO_INFO_IS_YUV(&in) || GST_VIDEO_INFO_IS_GRAY(&in);
+        return isYuv && GST_VIDEO_INFO_COMP_DEPTH(&in, 0) == 8;
+    }
+    const bool isFull = in.colorimetry.range == GST_VIDEO_COLOR_RANGE_0_255;
+    return GST_VIDEO_INFO_IS_YUV(&in) && (isFull || in.colorimetry.matrix != out.colorimetry.matrix);
 }
 
-// GStreamer leaves a range of 0 to 255 as it is when the matrix stays the same, so that this is done here.
-bool isNarrowed(const GstVideoInfo& in, const GstVideoInfo& out) {
-    return GST_VIDEO_INFO_IS_YUV(&in) && !GST_VIDEO_INFO_IS_RGB(&out) &&
-           in.colorimetry.range == GST_VIDEO_COLOR_RANGE_0_255 &&
-           in.colorimetry.matrix == out.colorimetry.matrix;
-}
-
-// In the range of colours that the conversion has got to. GStreamer's own borders are black in one range only.
-void paintBlack(GstVideoFrame& image, GstVideoColorRange range) {
-    const bool isRgb = GST_VIDEO_INFO_IS_RGB(&image.info);
-    const auto black = static_cast<unsigned char>(isRgb || range == GST_VIDEO_COLOR_RANGE_0_255 ? 0 : 16);
+// GStreamer's own borders are black in one range of levels only.
+void paintBlack(GstVideoFrame& image) {
+    const bool isFull = image.info.colorimetry.range == GST_VIDEO_COLOR_RANGE_0_255; // as RGB is
+    const auto black = static_cast<unsigned char>(isFull ? 0 : 16);
     for (guint plane = 0; plane < GST_VIDEO_FRAME_N_PLANES(&image); ++plane) {
         auto* bytes = static_cast<unsigned char*>(GST_VIDEO_FRAME_PLANE_DATA(&image, plane));
         const auto size = static_cast<std::size_t>(GST_VIDEO_FRAME_PLANE_STRIDE(&image, plane)) *
@@ -123,7 +123,7 @@ GstVideoConverter* makeConverter(const GstVideoInfo& in, const GstVideoInfo& out
     GstVideoInfo to;
     gst_video_info_set_format(&to, GST_VIDEO_INFO_FORMAT(&out), static_cast<guint>(place.width),
                               static_cast<guint>(place.height));
-    to.colorimetry = isNarrowed(in, out) ? in.colorimetry : out.colorimetry;
+    to.colorimetry = out.colorimetry;
     to.fps_n = from.fps_n; // both sides must have the same rate
     to.fps_d = from.fps_d;
     GstStructure* options = gst_structure_new(
@@ -176,20 +176,22 @@ class KRConverter::Conversion {
 public:
     Conversion(const GstVideoInfo& from, int toResolution, int toColorSpace)
         : in(from), resolution(toResolution), colorSpace(toColorSpace),
-          out(getImageInfo(resolution, colorSpace).value()), narrowed_(isNarrowed(in, out)),
+          out(getImageInfo(resolution, colorSpace).value()),
           place_(placePicture(in, out, isLetterboxed(resolution))) {
-        const bool isRgb = isRgbOfYuv(in, out);
-        const bool sameSize = in.width == out.width && in.height == out.height;
-        if (isRgb) {
-            toRgb_.emplace(in.colorimetry);
-        }
-        const bool isItsLuma = isLuma(out) && in.colorimetry.matrix == out.colorimetry.matrix;
-        if (sameSize && GST_VIDEO_INFO_FORMAT(&in) == GST_VIDEO_FORMAT_YUY2 && (isRgb || isItsLuma)) {
-            return;
-        }
-        if (isRgb) {
-            const bool pairs = sameSize && GST_VIDEO_FORMAT_INFO_W_SUB(in.finfo, 1) == 1;
-            between_.emplace(pairs ? GST_VIDEO_FORMAT_YUY2 : GST_VIDEO_FORMAT_Y444, out, in.colorimetry);
+        const bool isPairs = GST_VIDEO_INFO_FORMAT(&in) == GST_VIDEO_FORMAT_YUY2;
+        const bool isSameSize = !hasBorders() && in.width == out.width && in.height == out.height;
+        const bool isRgb = GST_VIDEO_INFO_IS_RGB(&out);
+        const bool isTheirLuma = isPairs && isSameSize && GST_VIDEO_INFO_IS_GRAY(&out) &&
+                                 in.colorimetry.matrix == out.colorimetry.matrix;
+        if (changesColors(in, out) || isTheirLuma) {
+            colors_.emplace(in.colorimetry, out);
+            if (isPairs && isSameSize) {
+                return;
+            }
+            const bool keepsAllColors =
+                isRgb && (!isSameSize || GST_VIDEO_FORMAT_INFO_W_SUB(in.finfo, 1) == 0);
+            between_.emplace(keepsAllColors ? GST_VIDEO_FORMAT_Y444 : GST_VIDEO_FORMAT_YUY2, out,
+                             in.colorimetry);
         }
         converter_.reset(makeConverter(in, between_ ? between_->frame.info : out, place_));
         if (!converter_) {
@@ -202,14 +204,8 @@ public:
         if (converter_) {
             scale(image, between_ ? between_->frame : converted);
         }
-        if (toRgb_) {
-            toRgb_->convert(between_ ? between_->frame : image, converted);
-        } else if (!converter_) {
-            takeLuma(image, converted);
-        }
-        if (narrowed_) {
-            narrowLevels(static_cast<unsigned char*>(GST_VIDEO_FRAME_PLANE_DATA(&converted, 0)),
-                         GST_VIDEO_INFO_SIZE(&out), !isLuma(out));
+        if (colors_) {
+            colors_->convert(between_ ? between_->frame : image, converted);
         }
     }
 
@@ -240,20 +236,19 @@ private:
         void operator()(GstVideoConverter* converter) const noexcept { gst_video_converter_free(converter); }
     };
 
-    static bool isLuma(const GstVideoInfo& info) noexcept { return GST_VIDEO_INFO_IS_GRAY(&info); }
+    bool hasBorders() const noexcept { return place_.width < out.width || place_.height < out.height; }
 
     void scale(const GstVideoFrame& image, GstVideoFrame& scaled) {
-        if (place_.width < out.width || place_.height < out.height) {
-            paintBlack(scaled, between_ || narrowed_ ? in.colorimetry.range : out.colorimetry.range);
+        if (hasBorders()) {
+            paintBlack(scaled);
         }
         GstVideoFrame picture = crop(scaled, place_);
         gst_video_converter_frame(converter_.get(), &image, &picture);
     }
 
-    const bool narrowed_;
     const Rectangle place_;
-    std::optional<KRRgbConversion> toRgb_;
-    std::optional<Image> between_; ///< what GStreamer delivers if that is not yet what is wanted
+    std::optional<KRColorConversion> colors_; ///< what GStreamer does not do
+    std::optional<Image> between_;            ///< before that, the scaled image
     std::unique_ptr<GstVideoConverter, Free> converter_;
 };
 
