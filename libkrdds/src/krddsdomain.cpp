@@ -1,11 +1,12 @@
 #include "krddsdomain.hpp"
 
+#include "krsecurityfiles.hpp"
+
 #include <krplatform/krerror.hpp>
 #include <krplatform/krlog.hpp>
 
 #include <dds/ddsrt/log.h>
 
-#include <filesystem>
 #include <map>
 #include <mutex>
 
@@ -44,17 +45,6 @@ std::mutex domainsMutex;
 std::map<std::uint32_t, Joined>& getDomains() { // with domainsMutex held
     static std::map<std::uint32_t, Joined> domains;
     return domains;
-}
-
-void checkSecurityFiles(const std::string& folder) {
-    for (const char* name : {"identity-ca.pem", "identity.pem", "key.pem", "permissions-ca.pem",
-                             "governance.p7s", "permissions.p7s"}) {
-        const auto path = std::filesystem::path(folder) / name;
-        std::error_code ignored;
-        if (!std::filesystem::is_regular_file(path, ignored)) {
-            throw KRError("KRBroker", "create", "security needs the file " + path.string());
-        }
-    }
 }
 
 } // namespace

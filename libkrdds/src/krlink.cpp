@@ -63,8 +63,10 @@ KRLink::KRLink(KRDDSOptions options, KRTransportHost& host)
 KRLink::~KRLink() = default;
 
 void KRLink::createEntities() {
-    participant_ =
-        KRDDSEntity(checkDDS(dds_create_participant(options_.domain, nullptr, nullptr), "participant"));
+    participant_ = KRDDSEntity(checkDDS(dds_create_participant(options_.domain, nullptr, nullptr),
+                                        options_.security.empty()
+                                            ? "participant"
+                                            : "participant with the credentials in " + options_.security));
     const dds_entity_t participant = participant_.get();
     dds_guid_t guid{};
     checkDDS(dds_get_guid(participant, &guid), "identity");
