@@ -258,6 +258,30 @@ TEST_F(KrSystem, ItsDoctorFindsABrokerOfAnotherVersion) {
     }
 }
 
+TEST_F(KrSystem, ItsDoctorFindsTwoModulesOfOneNameAndTheirProcesses) {
+    const std::string url = domain_.getUrl("lease=2");
+    RunningProgram first({"serve", "--broker", url}, "serving on");
+    ASSERT_TRUE(first.isUp()) << first.readErr();
+    ::kill(first.getPid(), SIGSTOP); // as if its network were cut off
+    RunningProgram second({"serve", "--broker", url}, "serving on");
+    ASSERT_TRUE(second.isUp()) << second.readErr();
+    ::kill(first.getPid(), SIGCONT);
+    ASSERT_TRUE(first.waitFor("there are two modules named KRMemory"));
+    ASSERT_TRUE(second.waitFor("there are two modules named KRMemory"));
+    const Outcome outcome = kr({"doctor", "--json", "--broker", url});
+    EXPECT_EQ(outcome.exitCode, 1);
+    for (const json& finding : json::parse(outcome.out)) {
+        if (finding["subject"] == "brokers") {
+            EXPECT_EQ(finding["good"], false);
+            EXPECT_THAT(finding["text"].get<std::string>(),
+                        AllOf(HasSubstr("two modules named KRMemory"),
+                              HasSubstr("two modules named KRVideoDevice"),
+                              HasSubstr("in process " + std::to_string(first.getPid())),
+                              HasSubstr("in process " + std::to_string(second.getPid()))));
+        }
+    }
+}
+
 TEST_F(KrSystem, IsMissedByItsDoctor) {
     const Outcome outcome = krOnDomain({"doctor"});
     EXPECT_EQ(outcome.exitCode, 1);

@@ -287,6 +287,17 @@ void KRLink::showModules() {
             }
         }
     }
+    for (const KRLocalModule& own : host_.listModules()) { // which this process goes on calling
+        const auto found = wanted.find(own.name);
+        if (found != wanted.end() && own.state == KRModuleState::Open &&
+            found->second.second->state == KRModuleState::Open) {
+            const KRPeer& peer = *found->second.first->peer;
+            if (complaints_.insert(own.name + "@" + peer.getId()).second) {
+                logError(kCategory, "there are two modules named " + own.name +
+                                        ": one in this process, one " + peer.getWhereabouts());
+            }
+        }
+    }
     for (auto shown = shown_.begin(); shown != shown_.end();) {
         const auto found = wanted.find(shown->first);
         const bool stays = found != wanted.end() && found->second.first->peer == shown->second.peer &&

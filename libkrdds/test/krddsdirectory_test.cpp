@@ -14,8 +14,10 @@ namespace KR::test {
 
 namespace {
 
+using testing::AllOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::IsEmpty;
 
 std::string refusalOf(const std::function<void()>& function) {
     try {
@@ -117,6 +119,67 @@ TEST(KRDDSDirectory, OfManyWhoTakeANameAtOnceOneGetsIt) {
                                [](const auto& broker) { return broker->getModuleList().empty(); });
         }));
     }
+}
+
+TEST(KRDDSDirectory, OfTwoModulesOfOneNameThatMeetEverybodyElseCallsTheFirst) {
+    const TestDomain domain;
+    const std::string options = "lease=2";
+    OtherProcess first(domain.getUrl(options), {"module", "A", "module", "First"});
+    const auto broker = domain.createBroker(options);
+    const auto proxy = broker->getProxy("A");
+    ASSERT_EQ(proxy->call<int>("getPid"), first.getPid());
+    // While the first is out of reach there is no reason to refuse the second its name.
+    first.freeze();
+    ASSERT_TRUE(eventually([&] { return broker->getModuleList().empty(); }));
+    const OtherProcess second(domain.getUrl(options), {"module", "A", "module", "Second"});
+    ASSERT_EQ(second.getAnswer(), "ready");
+    const OtherProcess observer(domain.getUrl(options), {"module", "Observer"});
+    for (const char* name : {"A", "Second", "Observer"}) {
+        ASSERT_TRUE(broker->getSession().waitForService(name, kPatience));
+    }
+    EXPECT_EQ(proxy->call<int>("getPid"), second.getPid());
+
+    const RecordedLog log;
+    first.thaw();
+    const auto complaint = log.waitFor(KRLogLevel::Error, "there are two modules named A");
+    ASSERT_TRUE(complaint);
+    EXPECT_THAT(complaint->message, AllOf(HasSubstr("in process " + std::to_string(first.getPid())),
+                                          HasSubstr("in process " + std::to_string(second.getPid()))));
+    const auto calls = [&](const std::string& caller, const OtherProcess& called) {
+        return eventually([&] {
+            try {
+                return broker->getProxy(caller)->call<int>("callOther", "A", "pidOf", "") == called.getPid();
+            } catch (const KRError&) { // some find each other a little later
+                return false;
+            }
+        });
+    };
+    EXPECT_TRUE(calls("Observer", first));
+    const OtherProcess late(domain.getUrl(options), {"module", "Late"});
+    EXPECT_TRUE(calls("Late", first));
+    // Each of the two goes on with its own.
+    EXPECT_TRUE(calls("First", first));
+    EXPECT_TRUE(calls("Second", second));
+    // When the first goes, the second takes its place.
+    first.kill();
+    EXPECT_TRUE(calls("Observer", second));
+    EXPECT_TRUE(calls("Late", second));
+}
+
+TEST(KRDDSDirectory, ABrokerComplainsOfAnotherThatHasAModuleOfTheSameName) {
+    const TestDomain domain;
+    const std::string options = "lease=2";
+    OtherProcess other(domain.getUrl(options), {"module", "A"});
+    ASSERT_EQ(other.getAnswer(), "ready");
+    other.freeze();
+    const RecordedLog log;
+    const auto broker = domain.createBroker(options);
+    const auto module = makeModule(broker, "A");
+    EXPECT_THAT(log.find(KRLogLevel::Error, ""), IsEmpty());
+    other.thaw();
+    EXPECT_TRUE(
+        log.waitFor(KRLogLevel::Error, "there are two modules named A: one in this process, one in process " +
+                                           std::to_string(other.getPid())));
 }
 
 TEST(KRDDSDirectory, BrokersOfOneProcessReachEachOther) {

@@ -91,7 +91,8 @@ private:
         add("echo", [](const KRValue& value) { return value; });
         add("getPid", [] { return static_cast<int>(getpid()); });
         add("getCaller", [this] { return xGetCaller(); });
-        add("callerOf", [this](const KRValue&) { return xGetCaller(); }); // as callOther() calls it
+        add("pidOf", [](const KRValue&) { return static_cast<int>(getpid()); }); // as callOther() calls it
+        add("callerOf", [this](const KRValue&) { return xGetCaller(); });        // as callOther() calls it
         add("getGone", [this] {
             const std::lock_guard lock(mutex_);
             return gone_;
