@@ -38,7 +38,6 @@ ExitCode act(const Options& options) {
     try {
         const BrokerComplaints complaints;
         const auto broker = options.domain.connect();
-        waitForOthers(*broker);
         findings.push_back(complaints.check());
         findings.push_back(checkServices(*broker));
     } catch (const KRError& error) {

@@ -88,7 +88,6 @@ Json toJson(const std::vector<ExtractorState>& extractors) {
 ExitCode act(const Options& options) {
     Interruption interruption;
     const auto broker = options.domain.connect();
-    waitForOthers(*broker);
     ExtractorOverview overview(broker);
     const bool isTerminal = ::isatty(STDOUT_FILENO) == 1;
     const auto interval = std::chrono::milliseconds(static_cast<int>(options.interval * 1000));

@@ -21,7 +21,6 @@ struct Options {
 
 ExitCode act(const Options& options) {
     const auto broker = options.domain.connect();
-    waitForOthers(*broker);
     const auto modules = broker->getModuleList();
     if (options.json) {
         printJson(modules);

@@ -6,9 +6,6 @@
 
 #include <CLI/CLI.hpp>
 
-#include <thread>
-#include <vector>
-
 namespace KR::tool {
 
 void Domain::addOptions(CLI::App& verb) {
@@ -19,15 +16,18 @@ void Domain::addOptions(CLI::App& verb) {
 }
 
 boost::shared_ptr<KRBroker> Domain::connect() const {
-    registerDDS();
-    return KRBroker::create(url_);
+    return connectTo(url_);
 }
 
 boost::shared_ptr<KRBroker> Domain::connectWithMemory() const {
-    registerDDS();
     const bool isDecided = !url_.starts_with("dds:") || url_.find("memory=") != std::string::npos;
     const char* const separator = url_.find('?') == std::string::npos ? "?" : "&";
-    return KRBroker::create(isDecided ? url_ : url_ + separator + "memory=here");
+    return connectTo(isDecided ? url_ : url_ + separator + "memory=here");
+}
+
+boost::shared_ptr<KRBroker> connectTo(const std::string& url) {
+    registerDDS();
+    return KRBroker::create(url);
 }
 
 void waitForModule(KRBroker& broker, const std::string& module) {
@@ -41,24 +41,6 @@ void waitForModule(KRBroker& broker, const std::string& module) {
                           (known.empty() ? ", nor any other: is a broker running? "
                                            "kr serve runs one, kr doctor helps"
                                          : "; there is " + known));
-    }
-}
-
-void waitForOthers(const KRBroker& broker) {
-    using Clock = std::chrono::steady_clock;
-    constexpr std::chrono::milliseconds kQuiet{500};
-    constexpr std::chrono::milliseconds kStep{20};
-    const auto end = Clock::now() + Domain::kPatience;
-    auto modules = broker.getModuleList();
-    auto quietSince = Clock::now();
-    // Nobody to be seen yet is no reason to stop: who is there takes a moment to answer.
-    while (Clock::now() < end && (modules.empty() || Clock::now() - quietSince < kQuiet)) {
-        std::this_thread::sleep_for(kStep);
-        auto now = broker.getModuleList();
-        if (now != modules) {
-            modules = std::move(now);
-            quietSince = Clock::now();
-        }
     }
 }
 

@@ -33,10 +33,10 @@ private:
     std::string url_ = kDefaultUrl;
 };
 
+/// A broker of this process at the address. \throws KRError the address is not understood, or of no use
+boost::shared_ptr<KRBroker> connectTo(const std::string& url);
+
 /// Waits until the module can be called. \throws KRError it cannot, within Domain::kPatience
 void waitForModule(KRBroker& broker, const std::string& module);
-
-/// Waits until the brokers have told each other what modules they have: until nothing new has come for a while.
-void waitForOthers(const KRBroker& broker);
 
 } // namespace KR::tool

@@ -2,8 +2,6 @@
 
 #include "domain.hpp"
 
-#include <krdds/krdds.hpp>
-
 #include <krplatform/krbroker.hpp>
 #include <krplatform/krmemoryproxy.hpp>
 
@@ -16,20 +14,13 @@ namespace {
 constexpr const char* kMemory = "KRMemory";
 constexpr std::chrono::milliseconds kPatience{1500}; // somebody sits at the keyboard
 
-boost::shared_ptr<KRBroker> connect(const std::string& url) {
-    registerDDS();
-    return KRBroker::create(url);
-}
-
 } // namespace
 
 std::vector<std::string> completeModule(const std::vector<std::string>& words, const std::string& url) {
     if (!words.empty()) {
         return {};
     }
-    const auto broker = connect(url);
-    waitForOthers(*broker);
-    return broker->getModuleList();
+    return connectTo(url)->getModuleList();
 }
 
 std::vector<std::string> completeModuleAndMethod(const std::vector<std::string>& words,
@@ -37,7 +28,7 @@ std::vector<std::string> completeModuleAndMethod(const std::vector<std::string>&
     if (words.size() != 1) {
         return completeModule(words, url);
     }
-    const auto broker = connect(url);
+    const auto broker = connectTo(url);
     std::vector<std::string> names;
     if (broker->getSession().waitForService(words[0], kPatience)) {
         for (const KRMethodDescription& method : broker->getProxy(words[0])->getMethodList()) {
@@ -48,7 +39,7 @@ std::vector<std::string> completeModuleAndMethod(const std::vector<std::string>&
 }
 
 std::vector<std::string> completeMemoryKey(const std::vector<std::string>& words, const std::string& url) {
-    const auto broker = connect(url);
+    const auto broker = connectTo(url);
     if (!words.empty() || !broker->getSession().waitForService(kMemory, kPatience)) {
         return {};
     }
@@ -56,7 +47,7 @@ std::vector<std::string> completeMemoryKey(const std::vector<std::string>& words
 }
 
 std::vector<std::string> completeEvent(const std::vector<std::string>&, const std::string& url) {
-    const auto broker = connect(url);
+    const auto broker = connectTo(url);
     if (!broker->getSession().waitForService(kMemory, kPatience)) {
         return {};
     }

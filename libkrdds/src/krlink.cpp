@@ -21,8 +21,11 @@ namespace {
 
 constexpr const char* kCategory = "krdds";
 constexpr std::chrono::seconds kInquiryAge{1}; // of a call that is asked about, and how often
-constexpr std::chrono::milliseconds kFirstLook{100};
-constexpr std::chrono::milliseconds kLongestLook{1000};
+constexpr int kLook_ms = 10;
+constexpr int kFewestLooks = 10;
+constexpr int kLooksAlone = 30; // on a busy machine it takes a while until somebody is heard of at all
+constexpr int kMostLooks = 100;
+constexpr std::string_view kBrokerMark = "KRVision"; // user data of a participant that is a broker
 constexpr std::chrono::seconds kAnnouncementPatience{10};
 
 using Qos = std::unique_ptr<dds_qos_t, void (*)(dds_qos_t*)>;
@@ -49,6 +52,17 @@ std::string toText(const dds_guid_t& guid) {
     return text;
 }
 
+bool isBroker(const dds_builtintopic_participant_t& participant) {
+    void* mark = nullptr;
+    std::size_t size = 0;
+    if (!dds_qget_userdata(participant.qos, &mark, &size)) {
+        return false;
+    }
+    const bool is = std::string_view(static_cast<const char*>(mark), size) == kBrokerMark;
+    dds_free(mark);
+    return is;
+}
+
 std::string getHostName() {
     utsname names{};
     return uname(&names) == 0 ? names.nodename : "";
@@ -63,7 +77,9 @@ KRLink::KRLink(KRDDSOptions options, KRTransportHost& host)
 KRLink::~KRLink() = default;
 
 void KRLink::createEntities() {
-    participant_ = KRDDSEntity(checkDDS(dds_create_participant(options_.domain, nullptr, nullptr),
+    const Qos marked(dds_create_qos(), dds_delete_qos);
+    dds_qset_userdata(marked.get(), kBrokerMark.data(), kBrokerMark.size());
+    participant_ = KRDDSEntity(checkDDS(dds_create_participant(options_.domain, marked.get(), nullptr),
                                         options_.security.empty()
                                             ? "participant"
                                             : "participant with the credentials in " + options_.security));
@@ -112,26 +128,41 @@ void KRLink::start() {
     takeRequests();
     takeReplies();
     announceModules();
-    const auto begin = std::chrono::steady_clock::now();
     thread_ = std::thread([this] { run(); });
-    for (;;) {
-        sleepMilliseconds(10);
-        const auto elapsed = std::chrono::steady_clock::now() - begin;
+    const KRDDSEntity participants(
+        checkDDS(dds_create_reader(participant_.get(), DDS_BUILTIN_TOPIC_DCPSPARTICIPANT, nullptr, nullptr),
+                 "reader"));
+    for (int looks = 1; looks <= kMostLooks; ++looks) {
+        sleepMilliseconds(kLook_ms);
         const std::lock_guard lock(directoryMutex_);
-        if (elapsed >= kLongestLook || (elapsed >= kFirstLook && isSettled())) {
+        if (looks >= (neighbours_.empty() ? kLooksAlone : kFewestLooks) &&
+            knowsBrokersOf(participants.get())) {
             break;
         }
     }
     logInfo(kCategory, "broker " + options_.name + " is on DDS domain " + std::to_string(options_.domain));
 }
 
-bool KRLink::isSettled() {
-    dds_subscription_matched_status_t status{};
-    return dds_get_subscription_matched_status(announcementReader_, &status) == DDS_RETCODE_OK &&
-           status.current_count <= neighbours_.size() &&
-           std::all_of(neighbours_.begin(), neighbours_.end(), [](const auto& neighbour) {
-               return !neighbour.second.peer || neighbour.second.peer->readsRequests();
-           });
+// That a broker is there is known before its modules are.
+bool KRLink::knowsBrokersOf(dds_entity_t participants) {
+    constexpr std::uint32_t kMost = 1000;
+    std::vector<void*> samples(kMost);
+    std::vector<dds_sample_info_t> info(kMost);
+    const dds_return_t count = dds_read(participants, samples.data(), info.data(), kMost, kMost);
+    bool all = true;
+    for (dds_return_t i = 0; i < count && all; ++i) {
+        const auto& participant = *static_cast<const dds_builtintopic_participant_t*>(samples[i]);
+        if (info[i].instance_state == DDS_ALIVE_INSTANCE_STATE && isBroker(participant)) {
+            const std::string id = toText(participant.key);
+            const auto found = neighbours_.find(id);
+            all = id == id_ || (found != neighbours_.end() &&
+                                (!found->second.peer || found->second.peer->readsRequests()));
+        }
+    }
+    if (count > 0) {
+        dds_return_loan(participants, samples.data(), count);
+    }
+    return all;
 }
 
 void KRLink::wake() noexcept {

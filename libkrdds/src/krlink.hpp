@@ -33,7 +33,7 @@ public:
     KRLink(const KRLink&) = delete;
     KRLink& operator=(const KRLink&) = delete;
 
-    /// Looks around until the brokers that are there are known, a second at most, and then serves.
+    /// Serves, and looks around until the brokers that are there are known, for a second or so at most.
     void start();
     void stop() noexcept;
     void announceModules() noexcept;
@@ -76,7 +76,8 @@ private:
     void noticeAnnouncement(const void* sample);
     void noticeGone(const std::string& id, const std::string& why);
     void showModules();
-    bool isSettled();
+    /// Whether all participants that are brokers are neighbours and can be called.
+    bool knowsBrokersOf(dds_entity_t participants);
     /// Where another is that has the name or comes before; `waits` says whether one that comes after asks as well.
     std::string findOtherClaim(const std::string& name, const Stamp& stamp, bool& waits) const;
     void settleClaim(const std::string& name);
