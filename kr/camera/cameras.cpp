@@ -2,6 +2,9 @@
 
 #include "colorspace.hpp"
 #include "command.hpp"
+#ifdef KR_WITH_DDS
+#include "domain.hpp"
+#endif
 
 #include <krplatform/krerror.hpp>
 #include <krplatform/krlog.hpp>
@@ -17,12 +20,34 @@ namespace KR::tool {
 
 namespace {
 
+constexpr const char* kService = "KRVideoDevice";
+
 // The whole text as a number that is not negative; -1 if it is none.
 int readNumber(const std::string& text) {
     int number = -1;
     const char* end = text.data() + text.size();
     const auto [read, error] = std::from_chars(text.data(), end, number);
     return error == std::errc() && read == end && number >= 0 ? number : -1;
+}
+
+boost::shared_ptr<KRBroker> connect([[maybe_unused]] const std::string& url) {
+    setLogLevel(KRLogLevel::Warning);
+#ifdef KR_WITH_DDS
+    if (!url.empty()) {
+        const auto broker = connectTo(url);
+        waitForModule(*broker, kService);
+        return broker;
+    }
+#endif
+    return KRBroker::create("local:");
+}
+
+KRModuleHandle<KRVideoDevice> makeService(const boost::shared_ptr<KRBroker>& broker,
+                                          const ServiceOptions& options) {
+    if (!options.broker.empty()) {
+        return {};
+    }
+    return createModule<KRVideoDevice>(broker, kService, options.own.readSources());
 }
 
 } // namespace
@@ -64,13 +89,20 @@ std::vector<std::string> CameraOptions::readSources() const {
     return list;
 }
 
-Cameras::Cameras(const CameraOptions& options)
-    : count_(0), broker_(KRBroker::create("local:")), service_(broker_) {
-    setLogLevel(KRLogLevel::Warning);
-    const std::vector<std::string> sources = options.readSources();
-    count_ = static_cast<int>(sources.size());
-    module_ = createModule<KRVideoDevice>(broker_, "KRVideoDevice", sources);
+void ServiceOptions::declare(CLI::App& app) {
+    own.declare(app);
+#ifdef KR_WITH_DDS
+    app.add_option(
+           "--broker", broker,
+           "Address of brokers that have a camera service, such as dds:; its cameras instead of --camera")
+        ->type_name("URL")
+        ->excludes("--camera");
+#endif
 }
+
+Cameras::Cameras(const ServiceOptions& options)
+    : broker_(connect(options.broker)), module_(makeService(broker_, options)), service_(broker_),
+      count_(static_cast<int>(service_.getCameraList().size())) {}
 
 void Cameras::require(int camera) const {
     if (camera < 0 || camera >= count_) {
@@ -132,6 +164,15 @@ std::unique_ptr<KRImage> Subscription::fetch() {
         throw std::runtime_error("the camera service has sent something that is no image");
     }
     return image;
+}
+
+KRSubscriptionStatistics Subscription::getStatistics() const {
+    for (KRSubscriptionStatistics& statistics : service_.getStatistics()) {
+        if (statistics.id == id_) {
+            return std::move(statistics);
+        }
+    }
+    throw std::runtime_error("the camera service is another one and knows nothing of the images so far");
 }
 
 } // namespace KR::tool

@@ -26,22 +26,31 @@ struct CameraOptions {
     std::vector<std::string> readSources() const;
 };
 
-/// A camera service of this process, with the cameras that the options name; "test" alone if they name none.
+/// Whose cameras a verb looks at: those of the option `--camera`, or of a running service by `--broker URL`.
+struct ServiceOptions {
+    CameraOptions own;
+    std::string broker; ///< "" for a service of its own
+
+    void declare(CLI::App& app);
+};
+
+/// A camera service: one of this process, with the cameras that the options name, "test" alone if they name none; or
+/// the one that the brokers at the address have.
 class Cameras {
 public:
     /// \throws UsageError an option is none, or there is a camera missing before another one
-    /// \throws KRError a source is not understood
-    explicit Cameras(const CameraOptions& options);
+    /// \throws KRError a source is not understood; the brokers have no camera service
+    explicit Cameras(const ServiceOptions& options);
 
     KRVideoDeviceProxy& getService() noexcept { return service_; }
     /// \throws UsageError there is no such camera
     void require(int camera) const;
 
 private:
-    int count_;
     boost::shared_ptr<KRBroker> broker_;
-    KRModuleHandle<KRVideoDevice> module_;
+    KRModuleHandle<KRVideoDevice> module_; // unless the service is another process's
     KRVideoDeviceProxy service_;
+    int count_;
 };
 
 /// The geometry in which a verb wants the images.
@@ -67,6 +76,8 @@ public:
     const std::string& getId() const noexcept { return id_; }
     /// The next image, with pixels of its own. \throws KRError as getImageRemote
     std::unique_ptr<KRImage> fetch();
+    /// What the service has counted of it. \throws std::runtime_error it does not know the subscription any more
+    KRSubscriptionStatistics getStatistics() const;
 
 private:
     KRVideoDeviceProxy& service_;

@@ -20,7 +20,7 @@ namespace KR::tool {
 namespace {
 
 struct Options {
-    CameraOptions cameras;
+    ServiceOptions cameras;
     int camera = 0;
     std::vector<std::string> settings;
     bool json = false;

@@ -14,7 +14,7 @@ namespace KR::tool {
 namespace {
 
 struct Options {
-    CameraOptions cameras;
+    ServiceOptions cameras;
     int camera = 0;
     bool json = false;
 };

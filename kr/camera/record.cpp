@@ -27,7 +27,7 @@ constexpr std::uint64_t kLargestFile = std::uint64_t{1} << 32; // readers find n
 constexpr std::chrono::seconds kPatience(10);
 
 struct Options {
-    CameraOptions cameras;
+    ServiceOptions cameras;
     GeometryOptions geometry;
     std::vector<std::string> arguments; ///< the cameras, and the file
     double seconds = 0;

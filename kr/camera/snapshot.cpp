@@ -15,7 +15,7 @@ namespace KR::tool {
 namespace {
 
 struct Options {
-    CameraOptions cameras;
+    ServiceOptions cameras;
     GeometryOptions geometry;
     int camera = 0;
     std::string out;

@@ -25,7 +25,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 struct Options {
-    CameraOptions cameras;
+    ServiceOptions cameras;
     GeometryOptions geometry;
     double seconds = 0;
 };

@@ -18,7 +18,7 @@ namespace KR::tool {
 namespace {
 
 struct Options {
-    CameraOptions cameras;
+    ServiceOptions cameras;
     GeometryOptions geometry;
     int camera = 0;
     int frames = 0;
@@ -47,8 +47,7 @@ ExitCode watch(const Options& options) {
     Interruption interruption;
     Cameras cameras(options.cameras);
     cameras.require(options.camera);
-    KRVideoDeviceProxy& service = cameras.getService();
-    Subscription subscription(service, options.camera, options.geometry.getResolution(),
+    Subscription subscription(cameras.getService(), options.camera, options.geometry.getResolution(),
                               options.geometry.getColorSpace());
     ExitCode code = ExitCode::Done;
     std::int64_t before = -1;
@@ -56,7 +55,7 @@ ExitCode watch(const Options& options) {
     for (int i = 0; (options.frames == 0 || i < options.frames) && !interruption.hasCome(); ++i) {
         try {
             const std::unique_ptr<KRImage> image = subscription.fetch();
-            const int missedSoFar = service.getStatistics().at(0).missed;
+            const int missedSoFar = subscription.getStatistics().missed;
             showImage(*image, before, missedSoFar - missed);
             before = image->timeStamp;
             missed = missedSoFar;
@@ -66,7 +65,7 @@ ExitCode watch(const Options& options) {
             break;
         }
     }
-    const KRSubscriptionStatistics statistics = service.getStatistics().at(0);
+    const KRSubscriptionStatistics statistics = subscription.getStatistics();
     std::printf("%d images, %d missed\n", statistics.delivered, statistics.missed);
     show("interval", statistics.interval);
     show("age", statistics.age);
@@ -86,7 +85,9 @@ std::function<ExitCode()> declare(CLI::App& app) {
 }
 
 const CommandRegistration command({"camera", "watch", "Shows when the images of a camera come",
-                                   "  kr camera watch 0 --frames 100 --camera 0=v4l2:/dev/video0", declare});
+                                   "  kr camera watch 0 --frames 100 --camera 0=v4l2:/dev/video0\n"
+                                   "  kr camera watch 0 --resolution 1280x960 --broker dds:",
+                                   declare});
 
 } // namespace
 

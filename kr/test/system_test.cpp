@@ -5,6 +5,8 @@
 #include "temporaryfolder.hpp"
 #include "testdomain.hpp"
 
+#include <krvision/krimage.hpp>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -221,6 +223,34 @@ TEST_F(KrSystem, RefusesCamerasThatLeaveAGap) {
     const Outcome unknown = krOnDomain({"serve", "--camera", "0=nothing:x"});
     EXPECT_EQ(unknown.exitCode, 1);
     EXPECT_THAT(unknown.err, HasSubstr("nothing:x"));
+}
+
+TEST_F(KrSystem, LooksAtTheCamerasOfTheRunningService) {
+    RunningProgram server = serve({"--camera", "0=test:black", "--camera", "1=test:white"});
+    ASSERT_TRUE(server.isUp()) << server.readErr();
+    EXPECT_EQ(krOnDomain({"camera", "list"}).out, "  0  test:black\n  1  test:white\n");
+    RunningProgram other(onDomain({"camera", "watch", "0"}), " missed");
+    ASSERT_TRUE(other.isUp()) << other.readErr();
+    const Outcome watch = krOnDomain({"camera", "watch", "1", "--frames", "3", "--resolution", "1280x960"});
+    EXPECT_EQ(watch.exitCode, 0) << watch.err;
+    EXPECT_THAT(watch.out, HasSubstr("\n3 images, "));
+    EXPECT_EQ(other.stop(SIGINT).exitCode, 0);
+
+    const TemporaryFolder folder;
+    const std::string path = folder.path("white.oxi");
+    EXPECT_EQ(
+        krOnDomain({"camera", "snapshot", "1", path, "--resolution", "160x120", "--color-space", "luma"})
+            .exitCode,
+        0);
+    KRImage image(0, 0, false, 0, 0, 0, 0);
+    ASSERT_TRUE(image.readFile(path.c_str()));
+    EXPECT_EQ(image.data[0], 235);
+    const Outcome both = krOnDomain({"camera", "list", "--camera", "0=test"});
+    EXPECT_EQ(both.exitCode, 2);
+    EXPECT_THAT(both.err, AllOf(HasSubstr("--camera"), HasSubstr("--broker")));
+    const Outcome none = krOnDomain({"camera", "watch", "2"});
+    EXPECT_EQ(none.exitCode, 2);
+    EXPECT_THAT(none.err, HasSubstr("there are cameras 0 to 1"));
 }
 
 TEST_F(KrSystem, CompletesNamesOfModulesAndMethodsThatAreThere) {
