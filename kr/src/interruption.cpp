@@ -1,6 +1,6 @@
 #include "interruption.hpp"
 
-#include <cerrno>
+#include <algorithm>
 #include <ctime>
 
 namespace KR::tool {
@@ -9,6 +9,11 @@ Interruption::Interruption() {
     sigemptyset(&signals_);
     sigaddset(&signals_, SIGINT);
     sigaddset(&signals_, SIGTERM);
+    struct sigaction hangUp = {};
+    if (::sigaction(SIGHUP, nullptr, &hangUp) == 0 &&
+        hangUp.sa_handler != SIG_IGN) { // as nohup has it ignored
+        sigaddset(&signals_, SIGHUP);
+    }
     pthread_sigmask(SIG_BLOCK, &signals_, &before_);
 }
 
@@ -18,16 +23,16 @@ Interruption::~Interruption() {
 
 bool Interruption::waitFor(std::chrono::milliseconds time) {
     const auto end = std::chrono::steady_clock::now() + time;
-    while (!happened_) {
-        const auto left =
-            std::chrono::duration_cast<std::chrono::nanoseconds>(end - std::chrono::steady_clock::now());
-        if (left.count() < 0) {
-            break;
-        }
+    std::chrono::nanoseconds left{};
+    do { // once at least, also for those who only ask
+        left = std::max(
+            std::chrono::nanoseconds::zero(),
+            std::chrono::duration_cast<std::chrono::nanoseconds>(end - std::chrono::steady_clock::now()));
         const timespec timeout{static_cast<std::time_t>(left.count() / 1'000'000'000),
                                static_cast<long>(left.count() % 1'000'000'000)};
-        happened_ = sigtimedwait(&signals_, nullptr, &timeout) > 0; // or another signal was handled meanwhile
-    }
+        // No signal, if another one was handled meanwhile.
+        happened_ = happened_ || sigtimedwait(&signals_, nullptr, &timeout) > 0;
+    } while (!happened_ && left.count() > 0);
     return happened_;
 }
 

@@ -6,8 +6,8 @@
 
 namespace KR::tool {
 
-/// Ctrl-C and SIGTERM, waited for instead of ending the program. Make it before any thread starts: those that come
-/// after it leave the signals to it.
+/// Ctrl-C, SIGTERM and a terminal that is closed, waited for instead of ending the program. Make it before any thread
+/// starts: those that come after it leave the signals to it.
 class Interruption {
 public:
     Interruption();

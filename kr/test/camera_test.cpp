@@ -1,4 +1,5 @@
 #include "program.hpp"
+#include "servedprogram.hpp"
 #include "temporaryfolder.hpp"
 
 #include <krvision/krimage.hpp>
@@ -95,6 +96,28 @@ TEST(KrCamera, WatchSaysWhenACameraEnds) {
     EXPECT_EQ(outcome.exitCode, 1);
     EXPECT_THAT(outcome.err, HasSubstr("has failed: the source has ended"));
     EXPECT_THAT(outcome.out, HasSubstr(" images, "));
+}
+
+TEST(KrCamera, WhatRunsUntilItIsInterruptedEndsWell) {
+    const test::TemporaryFolder folder;
+    const std::string path = folder.path("film.oxv");
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+        test::RunningProgram watch({"camera", "watch", "0"}, " missed\n");
+        EXPECT_TRUE(watch.isUp());
+        const Outcome watched = watch.stop(signal);
+        EXPECT_EQ(watched.exitCode, 0) << signal;
+        EXPECT_THAT(watched.out, HasSubstr(" images, ")) << "the summary";
+
+        test::RunningProgram top({"camera", "top"}, "kr_1 ");
+        EXPECT_TRUE(top.isUp());
+        EXPECT_EQ(top.stop(signal).exitCode, 0) << signal;
+
+        test::RunningProgram record({"camera", "record", "0", path, "--seconds", "3600"}, "");
+        EXPECT_TRUE(test::eventually([&] { return !std::filesystem::is_empty(folder.path("")); }));
+        EXPECT_EQ(record.stop(signal).exitCode, 0) << signal;
+        EXPECT_EQ(kr({"video", "doctor", path}).exitCode, 0) << signal;
+        std::filesystem::remove(path);
+    }
 }
 
 TEST(KrCamera, SnapshotsAreImageFilesOrPictures) {
