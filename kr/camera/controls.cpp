@@ -3,6 +3,7 @@
 #include "cameras.hpp"
 #include "command.hpp"
 #include "json.hpp"
+#include "number.hpp"
 
 #include <CLI/CLI.hpp>
 
@@ -93,7 +94,7 @@ ExitCode showControls(const Options& options) {
 
 std::function<ExitCode()> declare(CLI::App& app) {
     auto options = std::make_shared<Options>();
-    app.add_option("N", options->camera, "which camera")->required();
+    app.add_option("N", options->camera, "which camera")->required()->transform(wholeNumber(0));
     app.add_option("--set", options->settings,
                    "ID=VALUE: sets a control, by its number or its name, before they are listed. May be "
                    "given several "

@@ -3,6 +3,7 @@
 #include "cameras.hpp"
 #include "command.hpp"
 #include "json.hpp"
+#include "number.hpp"
 
 #include <CLI/CLI.hpp>
 
@@ -84,7 +85,7 @@ ExitCode showCamera(const Options& options) {
 
 std::function<ExitCode()> declare(CLI::App& app) {
     auto options = std::make_shared<Options>();
-    app.add_option("N", options->camera, "which camera")->required();
+    app.add_option("N", options->camera, "which camera")->required()->transform(wholeNumber(0));
     options->cameras.declare(app);
     app.add_flag("--json", options->json, "Writes an object");
     return [options] { return showCamera(*options); };

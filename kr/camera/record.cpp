@@ -3,6 +3,7 @@
 #include "cameras.hpp"
 #include "command.hpp"
 #include "interruption.hpp"
+#include "number.hpp"
 #include "outputfile.hpp"
 #include "progress.hpp"
 
@@ -23,6 +24,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+constexpr double kLongest = 1e7;                               // seconds, some months
 constexpr std::uint64_t kLargestFile = std::uint64_t{1} << 32; // readers find no frames beyond
 constexpr std::chrono::seconds kPatience(10);
 
@@ -162,7 +164,7 @@ std::function<ExitCode()> declare(CLI::App& app) {
         ->required();
     app.add_option("--seconds", options->seconds, "how long; Ctrl-C ends it before")
         ->required()
-        ->check(CLI::PositiveNumber);
+        ->check(realNumber(0.01, kLongest));
     options->geometry.declare(app);
     options->cameras.declare(app);
     return [options] { return record(*options); };

@@ -2,6 +2,7 @@
 
 #include "cameras.hpp"
 #include "command.hpp"
+#include "number.hpp"
 #include "outputfile.hpp"
 #include "pictureconversion.hpp"
 
@@ -45,7 +46,7 @@ ExitCode takeSnapshot(const Options& options) {
 
 std::function<ExitCode()> declare(CLI::App& app) {
     auto options = std::make_shared<Options>();
-    app.add_option("N", options->camera, "which camera")->required();
+    app.add_option("N", options->camera, "which camera")->required()->transform(wholeNumber(0));
     app.add_option("OUT", options->out,
                    "a name that ends in .oxi, .ppm, .png or .jpg; replaced if it is there")
         ->required();

@@ -3,6 +3,7 @@
 #include "cameras.hpp"
 #include "command.hpp"
 #include "interruption.hpp"
+#include "number.hpp"
 
 #include <krplatform/krerror.hpp>
 #include <krplatform/krthread.hpp>
@@ -23,6 +24,8 @@ namespace KR::tool {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+
+constexpr double kLongest = 1e7; // seconds, some months
 
 struct Options {
     ServiceOptions cameras;
@@ -115,7 +118,7 @@ ExitCode showStatistics(const Options& options) {
 std::function<ExitCode()> declare(CLI::App& app) {
     auto options = std::make_shared<Options>();
     app.add_option("--seconds", options->seconds, "how long; until Ctrl-C if it is not told")
-        ->check(CLI::PositiveNumber);
+        ->check(realNumber(0.01, kLongest));
     options->geometry.declare(app);
     options->cameras.declare(app);
     return [options] { return showStatistics(*options); };

@@ -3,6 +3,7 @@
 #include "cameras.hpp"
 #include "command.hpp"
 #include "interruption.hpp"
+#include "number.hpp"
 #include "timestamp.hpp"
 
 #include <krplatform/krerror.hpp>
@@ -74,11 +75,11 @@ ExitCode watch(const Options& options) {
 
 std::function<ExitCode()> declare(CLI::App& app) {
     auto options = std::make_shared<Options>();
-    app.add_option("N", options->camera, "which camera")->required();
+    app.add_option("N", options->camera, "which camera")->required()->transform(wholeNumber(0));
     app.add_option("--frames", options->frames,
                    "how many images to wait for; 0, which means: until Ctrl-C, if it is "
                    "not told")
-        ->check(CLI::NonNegativeNumber);
+        ->transform(wholeNumber(0));
     options->geometry.declare(app);
     options->cameras.declare(app);
     return [options] { return watch(*options); };

@@ -6,6 +6,7 @@
 #include "json.hpp"
 #include "livenames.hpp"
 #include "memory.hpp"
+#include "number.hpp"
 #include "valuejson.hpp"
 
 #include <CLI/CLI.hpp>
@@ -108,8 +109,7 @@ const CommandRegistration registration({
         [](CLI::App& verb) {
             auto options = std::make_shared<Options>();
             verb.add_option("EVENTS", options->events, "Names of events")->required();
-            verb.add_option("--count", options->count, "Ends after so many")
-                ->check(CLI::Range(1, 1000000000));
+            verb.add_option("--count", options->count, "Ends after so many")->transform(wholeNumber(1));
             options->domain.addOptions(verb);
             return [options] { return act(*options); };
         },

@@ -4,6 +4,7 @@
 #include "domain.hpp"
 #include "interruption.hpp"
 #include "json.hpp"
+#include "number.hpp"
 #include "overview.hpp"
 
 #include <CLI/CLI.hpp>
@@ -123,10 +124,9 @@ const CommandRegistration registration({
         [](CLI::App& verb) {
             auto options = std::make_shared<Options>();
             verb.add_option("--interval", options->interval, "Seconds from one look to the next")
-                ->check(CLI::Range(0.05, 3600.0))
+                ->check(realNumber(0.05, 3600))
                 ->capture_default_str();
-            verb.add_option("--count", options->count, "Ends after so many looks")
-                ->check(CLI::Range(1, 1000000000));
+            verb.add_option("--count", options->count, "Ends after so many looks")->transform(wholeNumber(1));
             verb.add_flag("--json", options->json, "Shows each look as a JSON array");
             options->domain.addOptions(verb);
             return [options] { return act(*options); };

@@ -2,6 +2,7 @@
 
 #include "colorspace.hpp"
 #include "command.hpp"
+#include "number.hpp"
 #include "outputfile.hpp"
 #include "oxiheader.hpp"
 #include "pictureconversion.hpp"
@@ -92,7 +93,7 @@ std::function<ExitCode()> declare(CLI::App& app) {
                    "of an oxi file: " + listColorSpaces() +
                        ". YUV422 if it is not told, luma for a grey picture");
     app.add_option("--quality", options->quality, "of a jpeg, 1 to 100; 90 if it is not told")
-        ->check(CLI::Range(1, 100));
+        ->transform(wholeNumber(1, 100));
     return [options] { return convert(*options); };
 }
 

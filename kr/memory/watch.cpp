@@ -5,6 +5,7 @@
 #include "json.hpp"
 #include "livenames.hpp"
 #include "memory.hpp"
+#include "number.hpp"
 #include "valuejson.hpp"
 
 #include <CLI/CLI.hpp>
@@ -76,7 +77,7 @@ const CommandRegistration registration({
             verb.add_option("PREFIX", options->prefix,
                             "What the keys begin with; without it all are watched");
             verb.add_option("--interval", options->interval, "Milliseconds from one look to the next")
-                ->check(CLI::Range(10, 3600000))
+                ->transform(wholeNumber(10, 3600000))
                 ->capture_default_str();
             options->domain.addOptions(verb);
             return [options] { return act(*options); };

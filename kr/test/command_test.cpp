@@ -74,6 +74,29 @@ TEST(KrCommand, WrongUsageIsToldOnStandardErrorWithCode2) {
     }
 }
 
+TEST(KrCommand, NumbersThatAreNoneAreRefused) {
+    const auto refuse = [](std::vector<std::string> arguments, const std::string& number) {
+        arguments.push_back(number);
+        const Outcome run = kr(arguments);
+        EXPECT_EQ(run.exitCode, 2) << arguments.front() << " " << number;
+        EXPECT_THAT(run.err,
+                    testing::AllOf(HasSubstr(": expected a "), HasSubstr(", not \"" + number + "\"\n")));
+    };
+    for (const std::string number : {"", " ", "-1", "x", "1x", "0x1", "1.5", "99999999999999999999"}) {
+        refuse({"video", "extract", "a.oxv", "b.png", "--frame"}, number);
+        refuse({"video", "convert", "a.oxv", "b.png", "--to"}, number);
+        refuse({"image", "convert", "a.oxi", "b.jpg", "--quality"}, number);
+        refuse({"camera", "info"}, number);
+    }
+    for (const std::string number : {"", "x", "-1", "0", "nan", "inf", "1e300", "1,5"}) {
+        refuse({"camera", "record", "0", "a.oxv", "--seconds"}, number);
+    }
+}
+
+TEST(KrCommand, ANumberMayHaveZerosInFront) {
+    EXPECT_THAT(kr({"camera", "info", "010"}).err, HasSubstr("there is no camera 10;"));
+}
+
 TEST(KrCommand, OutputThatCannotBeWrittenIsAFailure) {
     const std::string command = std::string(KR_PROGRAM) + " --help >/dev/full 2>/dev/null";
     const int status = std::system(command.c_str());

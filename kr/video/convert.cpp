@@ -4,6 +4,7 @@
 #include "copy.hpp"
 #include "filmreader.hpp"
 #include "frames.hpp"
+#include "number.hpp"
 #include "outputfile.hpp"
 #include "picture.hpp"
 #include "pipelinesink.hpp"
@@ -188,9 +189,12 @@ std::function<ExitCode()> declare(CLI::App& app) {
            "(its number goes where %d or %06d is, or before the extension), or in .oxv")
         ->required();
     app.add_option("--stream", options->stream,
-                   "0 is the first one, and taken if it is not told; to oxv: all of them");
-    app.add_option("--from", options->from, "the first frame; 0 if it is not told");
-    app.add_option("--to", options->to, "the last frame; that of the recording if it is not told");
+                   "0 is the first one, and taken if it is not told; to oxv: all of them")
+        ->transform(wholeNumber(0));
+    app.add_option("--from", options->from, "the first frame; 0 if it is not told")
+        ->transform(wholeNumber(0));
+    app.add_option("--to", options->to, "the last frame; that of the recording if it is not told")
+        ->transform(wholeNumber(0));
     app.add_option("--codec", options->codec,
                    "of " + listFilmFormats() + ", the first one if it is not told");
     app.add_option("--size", options->size,

@@ -2,6 +2,7 @@
 
 #include "command.hpp"
 #include "frames.hpp"
+#include "number.hpp"
 #include "outputfile.hpp"
 #include "pictureconversion.hpp"
 
@@ -42,8 +43,11 @@ ExitCode extract(const Options& options) {
 std::function<ExitCode()> declare(CLI::App& app) {
     auto options = std::make_shared<Options>();
     app.add_option("FILE", options->file, "an oxv file")->required();
-    app.add_option("--frame", options->frame, "which frame; 0 is the first one")->required();
-    app.add_option("--stream", options->stream, "0 is the first one, and taken if it is not told");
+    app.add_option("--frame", options->frame, "which frame; 0 is the first one")
+        ->required()
+        ->transform(wholeNumber(0));
+    app.add_option("--stream", options->stream, "0 is the first one, and taken if it is not told")
+        ->transform(wholeNumber(0));
     app.add_option("OUT", options->out,
                    "a name that ends in .png, .ppm, .jpg or .oxi; replaced if it is there")
         ->required();

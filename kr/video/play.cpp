@@ -2,6 +2,7 @@
 
 #include "command.hpp"
 #include "frames.hpp"
+#include "number.hpp"
 #include "pipelinesink.hpp"
 #include "progress.hpp"
 
@@ -50,8 +51,10 @@ ExitCode play(const Options& options) {
 std::function<ExitCode()> declare(CLI::App& app) {
     auto options = std::make_shared<Options>();
     app.add_option("FILE", options->file, "an oxv file")->required();
-    app.add_option("--stream", options->stream, "0 is the first one, and taken if it is not told");
-    app.add_option("--from", options->from, "the first frame; 0 if it is not told");
+    app.add_option("--stream", options->stream, "0 is the first one, and taken if it is not told")
+        ->transform(wholeNumber(0));
+    app.add_option("--from", options->from, "the first frame; 0 if it is not told")
+        ->transform(wholeNumber(0));
     return [options] { return play(*options); };
 }
 
