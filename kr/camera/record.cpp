@@ -6,16 +6,16 @@
 #include "number.hpp"
 #include "outputfile.hpp"
 #include "progress.hpp"
+#include "recordingwriter.hpp"
 
 #include <krplatform/krerror.hpp>
-#include <krvision/krvideo.hpp>
 
 #include <CLI/CLI.hpp>
 
 #include <chrono>
 #include <cstdint>
-#include <filesystem>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 
 namespace KR::tool {
@@ -24,9 +24,10 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr double kLongest = 1e7;                               // seconds, some months
-constexpr std::uint64_t kLargestFile = std::uint64_t{1} << 32; // readers find no frames beyond
+constexpr double kLongest = 1e7; // seconds, some months
+
 constexpr std::chrono::seconds kPatience(10);
+constexpr std::chrono::milliseconds kPause(50); // before a camera that fails at once is asked again
 
 struct Options {
     ServiceOptions cameras;
@@ -38,59 +39,90 @@ struct Options {
 /// Writes what several cameras see, each to a stream of one file.
 class Recorder {
 public:
-    /// \param path  ends in ".oxv"
+    /// Takes the first image of each camera, and writes them.
     Recorder(KRVideoDeviceProxy& service, const std::vector<int>& cameras, int resolution, int colorSpace,
-             std::string path)
-        : path_(std::move(path)) {
-        std::vector<streamHeader> streams;
+             const std::string& path) {
         for (const int camera : cameras) {
             subscriptions_.push_back(std::make_unique<Subscription>(service, camera, resolution, colorSpace));
-            const std::unique_ptr<KRImage> image = subscriptions_.back()->fetch();
+        }
+        fetch();
+        std::vector<streamHeader> streams;
+        for (const auto& image : images_) {
             streams.push_back({static_cast<std::uint32_t>(image->width),
                                static_cast<std::uint32_t>(image->height),
                                static_cast<std::uint32_t>(colorSpace), 8});
-            frameSize_ += getSize(*image);
         }
-        expectedSize_ = 16 + 16 * streams.size();
-        video_.recordVideo(path_.substr(0, path_.size() - 4), 0, streams); // which adds the extension
+        writer_.emplace(path, streams);
+        write();
     }
 
-    bool hasRoom() const noexcept { return expectedSize_ + frameSize_ <= kLargestFile; }
+    bool hasRoom() const noexcept { return writer_->hasRoom(); }
 
-    /// Takes an image of each camera. \throws KRError one does not come, and nothing is written
-    void recordFrame() {
-        std::vector<std::unique_ptr<KRImage>> images;
+    /// Takes an image of each camera. \throws KRError one does not come
+    void fetch() {
+        images_.clear();
         for (const auto& subscription : subscriptions_) {
-            images.push_back(subscription->fetch());
+            images_.push_back(subscription->fetch());
         }
-        for (const auto& image : images) {
-            video_.write(reinterpret_cast<char*>(image->data.get()), static_cast<int>(getSize(*image)),
-                         image->timeStamp, image->cameraId, image->leftAngle, image->topAngle,
-                         image->rightAngle, image->bottomAngle);
-        }
-        expectedSize_ += frameSize_;
     }
-
-    /// \throws std::runtime_error not everything could be written
-    void close() {
-        video_.closeVideo();
-        if (std::filesystem::file_size(path_) != expectedSize_) {
-            throw std::runtime_error(path_ + ": not everything could be written; is the disk full?");
+    /// Writes the images that were taken. \throws std::runtime_error they cannot be written
+    void write() {
+        std::vector<const KRImage*> frame;
+        for (const auto& image : images_) {
+            frame.push_back(image.get());
         }
+        writer_->write(frame);
+    }
+    /// Ends the recording after the last frame that is complete.
+    void close() {
+        writer_->removeCutFrame();
+        writer_->close();
     }
 
 private:
-    static std::uint64_t getSize(const KRImage& image) {
-        return static_cast<std::uint64_t>(image.width) * static_cast<std::uint64_t>(image.height) *
-               static_cast<std::uint64_t>(image.nbLayers);
-    }
-
-    const std::string path_;
     std::vector<std::unique_ptr<Subscription>> subscriptions_;
-    KRVideo video_;
-    std::uint64_t frameSize_ = 0;
-    std::uint64_t expectedSize_ = 0;
+    std::vector<std::unique_ptr<KRImage>> images_; // the newest one of each camera
+    std::optional<RecordingWriter> writer_;
 };
+
+/// Records until `end`, or until it is interrupted, the file is full or cannot be written, or a camera is silent for
+/// too long: what was recorded until then is kept.
+/// \return DataLost if a frame was left out, or the recording ends before its time
+ExitCode recordUntil(Clock::time_point end, Recorder& recorder, Interruption& interruption,
+                     const std::string& path) {
+    Progress progress(0);
+    ExitCode code = ExitCode::Done;
+    Clock::time_point last = Clock::now();
+    while (Clock::now() < end && !interruption.hasCome()) {
+        if (!recorder.hasRoom()) {
+            complain(path + ": a recording holds 4 GiB, it is full");
+            return ExitCode::DataLost;
+        }
+        try {
+            recorder.fetch();
+        } catch (const KRError& error) {
+            if (Clock::now() - last > kPatience) {
+                complain(error.getDescription() + "; " + path + " ends here");
+                return ExitCode::DataLost;
+            }
+            if (code == ExitCode::Done) {
+                complain(error.getDescription() + "; going on without");
+            }
+            code = ExitCode::DataLost;
+            interruption.waitFor(kPause);
+            continue;
+        }
+        try {
+            recorder.write();
+        } catch (const std::runtime_error& error) {
+            complain(std::string(error.what()) + "; the recording ends here");
+            return ExitCode::DataLost;
+        }
+        last = Clock::now();
+        progress.advance();
+    }
+    return code;
+}
 
 std::vector<int> readCameras(const Cameras& cameras, const std::vector<std::string>& arguments) {
     std::vector<int> numbers;
@@ -124,35 +156,14 @@ ExitCode record(const Options& options) {
         throw UsageError("--color-space " + options.geometry.colorSpace + ": no recording holds that");
     }
     Cameras cameras(options.cameras);
-    Recorder recorder(cameras.getService(), readCameras(cameras, options.arguments), resolution, colorSpace,
-                      path);
-    Progress progress(0);
-    ExitCode code = ExitCode::Done;
-    Clock::time_point last = Clock::now();
-    const Clock::time_point end =
-        last + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(options.seconds));
-    while (Clock::now() < end && !interruption.hasCome()) {
-        if (!recorder.hasRoom()) {
-            complain(path + ": a recording holds 4 GiB, it is full");
-            code = ExitCode::DataLost;
-            break;
-        }
-        try {
-            recorder.recordFrame();
-            last = Clock::now();
-            progress.advance();
-        } catch (const KRError& error) {
-            if (Clock::now() - last > kPatience) {
-                recorder.close();
-                throw;
-            }
-            if (code == ExitCode::Done) {
-                complain(error.getDescription() + "; going on without");
-            }
-            code = ExitCode::DataLost;
-        }
-    }
+    const std::vector<int> numbers = readCameras(cameras, options.arguments);
+    OutputFile out(path, "");
+    Recorder recorder(cameras.getService(), numbers, resolution, colorSpace, out.getPath());
+    const Clock::time_point end = Clock::now() + std::chrono::duration_cast<Clock::duration>(
+                                                     std::chrono::duration<double>(options.seconds));
+    const ExitCode code = recordUntil(end, recorder, interruption, path);
     recorder.close();
+    out.commit();
     return code;
 }
 

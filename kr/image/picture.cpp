@@ -61,7 +61,7 @@ void writePicture(const Picture& picture, const std::string& path, int quality) 
             throw std::runtime_error("a picture is written as .ppm, .png or .jpg");
         }
     } catch (const std::runtime_error& error) {
-        throw std::runtime_error(path + ": " + error.what());
+        throw std::runtime_error(getFinalName(path) + ": " + error.what());
     }
 }
 

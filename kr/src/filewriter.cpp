@@ -1,5 +1,7 @@
 #include "filewriter.hpp"
 
+#include "outputfile.hpp"
+
 #include <cerrno>
 #include <cstring>
 #include <stdexcept>
@@ -28,6 +30,12 @@ void FileWriter::writeAt(const void* bytes, std::uint64_t size, std::uint64_t of
     }
 }
 
+void FileWriter::cut(std::uint64_t size) {
+    if (::ftruncate(::fileno(file_.get()), static_cast<off_t>(size)) != 0) {
+        fail();
+    }
+}
+
 void FileWriter::close() {
     // A pipe or a device has nothing to be kept.
     if ((::fsync(::fileno(file_.get())) != 0 && errno != EINVAL && errno != ENOTSUP) ||
@@ -37,7 +45,7 @@ void FileWriter::close() {
 }
 
 void FileWriter::fail() const {
-    throw std::runtime_error(path_ + ": cannot be written: " + std::strerror(errno));
+    throw std::runtime_error(getFinalName(path_) + ": cannot be written: " + std::strerror(errno));
 }
 
 } // namespace KR::tool

@@ -17,6 +17,8 @@ public:
     void write(const void* bytes, std::uint64_t size);
     /// Writes over what is there. The next write() goes on at the end all the same.
     void writeAt(const void* bytes, std::uint64_t size, std::uint64_t offset);
+    /// Leaves the first bytes alone.
+    void cut(std::uint64_t size);
     /// Only then the file is whole, whatever happens to the machine.
     void close();
 

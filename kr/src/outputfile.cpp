@@ -21,6 +21,11 @@ namespace fs = std::filesystem;
 std::atomic<const char*> partialFile = nullptr;
 static_assert(std::atomic<const char*>::is_always_lock_free, "read by a signal handler");
 
+// What distinguishes the name of a partial file from the one that it is to have.
+std::string getMark() {
+    return ".partial-" + std::to_string(::getpid());
+}
+
 void removePartialFile(int signal) {
     if (const char* path = partialFile.load()) {
         ::unlink(path);
@@ -62,7 +67,7 @@ OutputFile::OutputFile(const std::string& path, const std::string& input) : targ
         throw std::runtime_error(path + " cannot be written: there is no folder " + folder.string());
     }
     fs::path partial = target_;
-    partial.replace_extension(".partial-" + std::to_string(::getpid()) + partial.extension().string());
+    partial.replace_extension(getMark() + partial.extension().string());
     partial_ = partial.string();
     handleSignals();
     partialFile = partial_.c_str();
@@ -86,6 +91,12 @@ void OutputFile::commit() {
     }
     partialFile = nullptr;
     partial_ = target_;
+}
+
+std::string getFinalName(const std::string& path) {
+    const std::string mark = getMark();
+    const std::size_t found = path.rfind(mark);
+    return found == std::string::npos ? path : std::string(path).erase(found, mark.size());
 }
 
 std::string getExtension(const std::string& path) {

@@ -30,6 +30,10 @@ private:
     std::string partial_;
 };
 
+/// What the file behind a path of OutputFile::getPath() is to be called, for those who tell of errors; any other path
+/// as it is.
+std::string getFinalName(const std::string& path);
+
 /// The extension of a path in lower case, with the dot: ".png".
 std::string getExtension(const std::string& path);
 

@@ -11,7 +11,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <filesystem>
+#include <fstream>
 
 namespace KR {
 namespace {
@@ -148,7 +150,8 @@ TEST(KrCamera, SeveralCamerasAreStreamsOfOneRecording) {
     KRVideo video;
     ASSERT_TRUE(video.readVideo(path));
     EXPECT_EQ(video.getStreams().size(), 2U);
-    const unsigned frames = video.getFrameCount() / 2; // it counts chunks
+    EXPECT_EQ(kr({"video", "doctor", path}).out, "") << "each frame counts once";
+    const unsigned frames = video.getFrameCount();
     ASSERT_GE(frames, 2U);
     KRImage image(0, 0, false, 0, 0, 0, 0);
     for (const unsigned stream : {0U, 1U}) {
@@ -176,6 +179,37 @@ TEST(KrCamera, RecordsWhatARecordingCanHoldAndSaysWhatNot) {
                 HasSubstr("left is not the number of a camera"));
     EXPECT_EQ(kr({"camera", "record", path, "--seconds", "1"}).exitCode, 2);
     EXPECT_FALSE(std::filesystem::exists(path));
+}
+
+TEST(KrCamera, ARecordingThatFailsLeavesWhatWasThere) {
+    const test::TemporaryFolder folder;
+    const std::string path = folder.path("film.oxv");
+    std::ofstream(path) << "what was there";
+    const Outcome outcome = kr(
+        {"camera", "record", "0", path, "--seconds", "1", "--camera", "0=file:" + folder.path("none.mp4")});
+    EXPECT_EQ(outcome.exitCode, 1);
+    const test::Bytes left = test::readAll(path);
+    EXPECT_EQ(std::string(left.begin(), left.end()), "what was there");
+
+    const Outcome folderless = kr({"camera", "record", "0", folder.path("none/film.oxv"), "--seconds", "1"});
+    EXPECT_EQ(folderless.exitCode, 1);
+    EXPECT_THAT(folderless.err, HasSubstr("there is no folder " + folder.path("none")));
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder.path("")), {}), 1);
+}
+
+TEST(KrCamera, ARecordingOnAFullDiskHoldsWhatFitted) {
+    const test::TemporaryFolder folder;
+    const std::string path = folder.path("film.oxv");
+    // The header, two frames, and a part of the third.
+    const std::string limited = "ulimit -f 200; exec '" KR_PROGRAM "' camera record 0 " + path +
+                                " --seconds 3600 --resolution 160x120 2> " + folder.path("err");
+    const int status = std::system(("trap '' XFSZ; " + limited).c_str());
+    EXPECT_EQ(WEXITSTATUS(status), 3);
+    const test::Bytes complaint = test::readAll(folder.path("err"));
+    EXPECT_THAT(std::string(complaint.begin(), complaint.end()),
+                HasSubstr("kr: " + path + ": cannot be written: File too large; the recording ends here"));
+    EXPECT_EQ(std::filesystem::file_size(path), 32U + 2 * 160 * 120 * 2);
+    EXPECT_EQ(kr({"video", "doctor", path}).exitCode, 0);
 }
 
 TEST(KrCamera, TopShowsTheStatisticsOfEverySubscription) {

@@ -119,9 +119,9 @@ ExitCode convertFilm(const Options& options) {
     OutputFile out(options.out, options.in);
     const std::unique_ptr<FilmReader> film = openFilm(options.in, resolution);
     KRImage image(resolution, kYUV422ColorSpace, false, 0.0f, 0.0f, 0.0f, 0.0f);
-    RecordingWriter writer(out.getPath(),
-                           {static_cast<std::uint32_t>(image.width), static_cast<std::uint32_t>(image.height),
-                            static_cast<std::uint32_t>(kYUV422ColorSpace), 8});
+    RecordingWriter writer(
+        out.getPath(), {{static_cast<std::uint32_t>(image.width), static_cast<std::uint32_t>(image.height),
+                         static_cast<std::uint32_t>(kYUV422ColorSpace), 8}});
     ExitCode code = ExitCode::Done;
     {
         Progress progress(film->estimateFrames());
@@ -133,7 +133,7 @@ ExitCode convertFilm(const Options& options) {
                 break;
             }
             if (frame >= options.from) {
-                writer.write(image);
+                writer.write({&image});
             }
             progress.advance();
         }

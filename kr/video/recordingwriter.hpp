@@ -7,26 +7,33 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace KR::tool {
 
-/// Writes a recording of one stream as KRVideo does, but tells of every error.
+/// Writes a recording as KRVideo does, but counts frames where that counts chunks, and tells of every error.
 class RecordingWriter {
 public:
     /// \throws std::runtime_error the file cannot be written, as all operations
-    RecordingWriter(const std::string& path, const streamHeader& stream);
+    RecordingWriter(const std::string& path, const std::vector<streamHeader>& streams);
 
-    /// Whether there is room for another frame before 4 GiB, where readers find no frames any more.
+    /// Whether each chunk of another frame would begin before 4 GiB, where readers find none any more.
     bool hasRoom() const noexcept;
-    /// \param image  of the stream's geometry
-    void write(const KRImage& image);
+    /// Writes a chunk of each stream. \param images  one per stream, of its geometry
+    void write(const std::vector<const KRImage*>& images);
+    /// Removes what there is of a frame that could not be written to its end.
+    void removeCutFrame();
     std::uint32_t countFrames() const noexcept { return frames_; }
     /// Writes how many frames there are.
     void close();
 
 private:
+    void writeChunk(const KRImage& image);
+
     FileWriter file_;
-    std::uint64_t size_ = 0; // of the file
+    std::uint64_t size_ = 0; // of the file, up to its last complete frame
+    std::uint64_t lastChunk_ =
+        0; // where that of the last stream begins in a frame; known after the first one
     std::uint32_t frames_ = 0;
 };
 
