@@ -2,12 +2,20 @@
 
 #include <png.h>
 
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
 #include <memory>
 #include <stdexcept>
 
 namespace KR::tool {
 
 namespace {
+
+struct CloseFile {
+    void operator()(std::FILE* file) const noexcept { std::fclose(file); }
+};
+using File = std::unique_ptr<std::FILE, CloseFile>;
 
 struct FreeImage {
     void operator()(png_image* image) const noexcept { png_image_free(image); }
@@ -50,8 +58,16 @@ void writePng(const Picture& picture, const std::string& path) {
         }
         pixels = grey.data();
     }
-    if (png_image_write_to_file(&image, path.c_str(), 0, pixels, 0, nullptr) == 0) {
+    // Not with png_image_write_to_file(), which removes what it cannot write to, were it a device.
+    File file(std::fopen(path.c_str(), "wb"));
+    if (!file) {
+        throw std::runtime_error(std::strerror(errno));
+    }
+    if (png_image_write_to_stdio(&image, file.get(), 0, pixels, 0, nullptr) == 0) {
         throw std::runtime_error(image.message);
+    }
+    if (std::fclose(file.release()) != 0) {
+        throw std::runtime_error(std::strerror(errno));
     }
 }
 

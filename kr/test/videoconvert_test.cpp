@@ -206,7 +206,7 @@ TEST_F(KrVideoConvert, WhatCannotBeConvertedIsToldAndLeavesNothing) {
              Case{in, "a.y4m", {"--stream", "2"}, 1, "there is no stream 2; the last one is 1"},
              Case{empty, "a.mkv", {}, 1, "there is no frame 0; there are 0"},
              Case{in, "missing/a.mkv", {}, 1, "there is no folder"},
-             Case{in, "missing/a.png", {}, 1, "missing/a-000000.png: "},
+             Case{in, "missing/a.png", {}, 1, "missing/a-000000.png cannot be written: there is no folder"},
              Case{in, "in.oxv", {}, 1, "is the file that is read"},
              Case{text, "a.oxv", {}, 1, "text.mkv: "},
              Case{text, "a.mkv", {}, 2, "is no oxv file"},
@@ -227,8 +227,14 @@ TEST_F(KrVideoConvert, ADiskThatIsFullIsAFailure) {
         std::filesystem::create_symlink("/dev/full", path("full." + format));
         const Outcome outcome = convert(in, "full." + format);
         EXPECT_EQ(outcome.exitCode, 1) << format;
-        EXPECT_THAT(outcome.err, HasSubstr("kr: "));
+        EXPECT_THAT(outcome.err, HasSubstr("kr: " + path("full." + format) + ": "));
     }
+    const std::string picture = path("full.png");
+    std::filesystem::create_symlink("/dev/full", picture);
+    const Outcome outcome = kr({"video", "extract", in, "--frame", "0", picture});
+    EXPECT_EQ(outcome.exitCode, 1);
+    EXPECT_THAT(outcome.err, HasSubstr("kr: " + picture + ": "));
+    EXPECT_TRUE(std::filesystem::is_symlink(picture)) << "what it could not write to is no more";
 }
 
 TEST_F(KrVideoConvert, InterruptedLeavesNothing) {

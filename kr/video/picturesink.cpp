@@ -1,4 +1,5 @@
 #include "framesink.hpp"
+#include "outputfile.hpp"
 #include "pictureconversion.hpp"
 
 #include <filesystem>
@@ -13,7 +14,9 @@ public:
     explicit PictureSink(const std::string& path) : path_(path) {}
 
     void write(const KRImage& image, std::uint64_t number, std::int64_t) override {
-        writePicture(makePicture(image), numberPath(path_, number));
+        OutputFile out(numberPath(path_, number), "");
+        writePicture(makePicture(image), out.getPath());
+        out.commit();
     }
 
 private:

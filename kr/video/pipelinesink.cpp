@@ -3,6 +3,7 @@
 #include "colorspace.hpp"
 #include "command.hpp"
 #include "gstreamer.hpp"
+#include "outputfile.hpp"
 #include "pictureconversion.hpp"
 
 #include <krvision/krvisiondefinitions.hpp>
@@ -72,28 +73,44 @@ std::optional<GstVideoFormat> findFormat(int colorSpace) {
 /// Feeds a pipeline that begins with appsrc name=source.
 class PipelineSink : public FrameSink {
 public:
-    PipelineSink(const std::string& description, std::int64_t interval_usec)
-        : line_("appsrc name=source format=time ! " + description), source_(line_.find("source")),
-          interval_usec_(interval_usec) {}
+    /// \param file  the one that the pipeline writes, to be named in errors; "": none
+    PipelineSink(const std::string& description, std::int64_t interval_usec, const std::string& file)
+        : file_(file), line_("appsrc name=source format=time ! " + description),
+          source_(line_.find("source")), interval_usec_(interval_usec) {}
 
     GstLine& getLine() { return line_; }
 
     void write(const KRImage& image, std::uint64_t, std::int64_t time_usec) override {
-        if (!isStarted_) {
-            start(image);
-        }
-        waitForRoom();
-        push(image, time_usec);
+        namingTheFile([&] {
+            if (!isStarted_) {
+                start(image);
+            }
+            waitForRoom();
+            push(image, time_usec);
+        });
     }
 
     void finish() override {
         if (isStarted_) {
             gst_app_src_end_of_stream(GST_APP_SRC(source_.get()));
-            line_.waitForEnd(GST_CLOCK_TIME_NONE);
+            namingTheFile([&] { line_.waitForEnd(GST_CLOCK_TIME_NONE); });
         }
     }
 
 private:
+    // GStreamer says what went wrong, but not with which file.
+    template <class Function>
+    void namingTheFile(Function function) {
+        try {
+            function();
+        } catch (const std::runtime_error& error) {
+            if (file_.empty()) {
+                throw;
+            }
+            throw std::runtime_error(getFinalName(file_) + ": " + error.what());
+        }
+    }
+
     void start(const KRImage& image) {
         const std::optional<GstVideoFormat> format = findFormat(image.colorSpace);
         if (!format) {
@@ -147,6 +164,7 @@ private:
         gst_app_src_push_buffer(GST_APP_SRC(source_.get()), buffer); // takes the buffer
     }
 
+    const std::string file_;
     GstLine line_;
     const GstHandle<GstElement> source_;
     const std::int64_t interval_usec_;
@@ -175,8 +193,8 @@ bool isFilmExtension(const std::string& extension) {
 std::unique_ptr<FrameSink> makeFilmSink(const std::string& path, const std::string& extension,
                                         const std::string& codec, std::int64_t interval_usec) {
     const Film& film = findFilm(extension, codec);
-    auto sink =
-        std::make_unique<PipelineSink>(std::string(film.elements) + " ! filesink name=file", interval_usec);
+    auto sink = std::make_unique<PipelineSink>(std::string(film.elements) + " ! filesink name=file",
+                                               interval_usec, path);
     // A path is no part of the description, for quotes and blanks in it mean something there.
     g_object_set(sink->getLine().find("file").get(), "location", path.c_str(), nullptr);
     return sink;
@@ -190,7 +208,7 @@ std::unique_ptr<FrameSink> makeWindowSink(std::int64_t interval_usec) {
     if (!isSet("DISPLAY") && !isSet("WAYLAND_DISPLAY")) {
         throw std::runtime_error("there is no display here (neither DISPLAY nor WAYLAND_DISPLAY is set)");
     }
-    auto sink = std::make_unique<PipelineSink>("videoconvert ! autovideosink", interval_usec);
+    auto sink = std::make_unique<PipelineSink>("videoconvert ! autovideosink", interval_usec, "");
     // Without one that shows anything, autovideosink would play to nobody.
     GList* able = gst_element_factory_list_get_elements(
         GST_ELEMENT_FACTORY_TYPE_SINK | GST_ELEMENT_FACTORY_TYPE_MEDIA_VIDEO, GST_RANK_MARGINAL);
