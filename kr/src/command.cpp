@@ -70,13 +70,29 @@ ExitCode run(const std::function<ExitCode()>& act) {
     return ExitCode::Failed;
 }
 
+// What is wrong with a command line. CLI11 complains about what is missing, also where there is something that it does
+// not know in that place.
+std::string explain(const CLI::App& app, const CLI::ParseError& error) {
+    const std::vector<std::string> unknown = app.remaining(true);
+    if (dynamic_cast<const CLI::RequiredError*>(&error) == nullptr || unknown.empty()) {
+        return error.what();
+    }
+    std::string command = app.get_name();
+    for (const CLI::App* at = &app; !at->get_subcommands().empty();) {
+        at = at->get_subcommands().front();
+        command += " " + at->get_name();
+    }
+    const bool isOption = unknown.front().starts_with("-");
+    return command + " has no " + (isOption ? "option " : "verb ") + "\"" + unknown.front() + "\"";
+}
+
 // CLI11 ends in an exception also where nothing is wrong: for --help.
 ExitCode tell(const CLI::App& app, const CLI::ParseError& error) {
     if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
         app.exit(error);
         return ExitCode::Done;
     }
-    complain(error.what());
+    complain(explain(app, error));
     std::fprintf(stderr, "See kr --help, or --help behind any verb.\n");
     return ExitCode::WrongUsage;
 }

@@ -74,6 +74,17 @@ TEST(KrCommand, WrongUsageIsToldOnStandardErrorWithCode2) {
     }
 }
 
+TEST(KrCommand, WhatItDoesNotKnowIsNamed) {
+    const auto complaintOf = [](const std::vector<std::string>& arguments) { return kr(arguments).err; };
+    EXPECT_THAT(complaintOf({"painting"}), HasSubstr("kr: kr has no verb \"painting\"\n"));
+    EXPECT_THAT(complaintOf({"--wrong"}), HasSubstr("kr: kr has no option \"--wrong\"\n"));
+    EXPECT_THAT(complaintOf({"image", "paint", "a"}), HasSubstr("kr: kr image has no verb \"paint\"\n"));
+    EXPECT_THAT(complaintOf({"image", "info", "--wrong"}),
+                HasSubstr("kr: kr image info has no option \"--wrong\"\n"));
+    EXPECT_THAT(complaintOf({"image", "dump", "a", "b"}), HasSubstr("not expected: b\n"));
+    EXPECT_THAT(complaintOf({"image", "dump"}), HasSubstr("kr: FILE is required\n"));
+}
+
 TEST(KrCommand, NumbersThatAreNoneAreRefused) {
     const auto refuse = [](std::vector<std::string> arguments, const std::string& number) {
         arguments.push_back(number);
