@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
+#include <cmath>
 #include <cstdint>
 #include <limits>
 #include <string_view>
@@ -93,7 +94,9 @@ Json toJson(const KRValue& value) {
     return nullptr;
 }
 
-KRValue toValue(const Json& json) {
+namespace {
+
+KRValue toValue(const Json& json, int depth) {
     if (json.is_null()) {
         return {};
     }
@@ -113,15 +116,23 @@ KRValue toValue(const Json& json) {
         return json.get<int>();
     }
     if (json.is_number()) {
-        return json.get<float>();
+        const double number = json.get<double>();
+        if (std::abs(number) > static_cast<double>(std::numeric_limits<float>::max())) {
+            throw UsageError(json.dump() + " does not fit a float of 32 bits");
+        }
+        return static_cast<float>(number);
     }
     if (json.is_string()) {
         return json.get<std::string>();
     }
     if (json.is_array()) {
+        constexpr int kDeepest = 64; // as deep as values go to another process
+        if (depth == kDeepest) {
+            throw UsageError("arrays in arrays, more than " + std::to_string(kDeepest) + " deep");
+        }
         std::vector<KRValue> elements;
         for (const Json& element : json) {
-            elements.push_back(toValue(element));
+            elements.push_back(toValue(element, depth + 1));
         }
         return elements;
     }
@@ -131,6 +142,18 @@ KRValue toValue(const Json& json) {
     throw UsageError("a value holds no object; {\"base64\": \"...\"} stands for bytes");
 }
 
+// Enough of a text to know it by.
+std::string quote(const std::string& text) {
+    constexpr std::size_t kLongest = 60;
+    return '"' + (text.size() <= kLongest ? text : text.substr(0, kLongest) + "...") + '"';
+}
+
+} // namespace
+
+KRValue toValue(const Json& json) {
+    return toValue(json, 0);
+}
+
 KRValue readValue(const std::string& argument) {
     const Json json = Json::parse(argument, nullptr, false);
     if (!json.is_discarded()) {
@@ -138,7 +161,7 @@ KRValue readValue(const std::string& argument) {
     }
     constexpr std::string_view kBeginningsOfJson = "[{\"-0123456789";
     if (!argument.empty() && kBeginningsOfJson.find(argument.front()) != std::string_view::npos) {
-        throw UsageError("\"" + argument + "\" is not JSON; a string of that kind needs quotes: '\"...\"'");
+        throw UsageError(quote(argument) + " is not JSON; a string of that kind needs quotes: '\"...\"'");
     }
     return argument;
 }

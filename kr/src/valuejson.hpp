@@ -12,7 +12,8 @@ namespace KR::tool {
 Json toJson(const KRValue& value);
 
 /// The value that JSON stands for. true and false are 1 and 0; a whole number is an int, any other a float.
-/// \throws UsageError a number that an int does not hold; an object other than {"base64": "..."}
+/// \throws UsageError a number that an int or a float does not hold; arrays in arrays, more than 64 deep; an object other
+/// than {"base64": "..."}
 KRValue toValue(const Json& json);
 
 /// The same from an argument of the command line. A word that is no JSON is a string, so that names need no quotes

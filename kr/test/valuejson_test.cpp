@@ -42,6 +42,29 @@ TEST(ValueJson, RefusesAnIntOfMoreThan32Bits) {
     EXPECT_EQ(readValue("2147483648.0"), KRValue(2147483648.0F));
 }
 
+TEST(ValueJson, RefusesAFloatOfMoreThan32Bits) {
+    EXPECT_EQ(readValue("3.4e38"), KRValue(3.4e38F));
+    EXPECT_THROW(readValue("3.5e38"), UsageError);
+    EXPECT_THROW(readValue("[-1e39]"), UsageError);
+    EXPECT_THROW(readValue("1e400"), UsageError);
+}
+
+TEST(ValueJson, RefusesArraysThatAreTooDeep) {
+    const auto nest = [](std::size_t depth) { return std::string(depth, '[') + std::string(depth, ']'); };
+    EXPECT_TRUE(readValue(nest(64)).isValid());
+    EXPECT_THROW(readValue(nest(65)), UsageError);
+    EXPECT_THROW(readValue(nest(1'000'000)), UsageError);
+}
+
+TEST(ValueJson, QuotesNoMoreOfAnArgumentThanTellsWhichItIs) {
+    try {
+        readValue("[" + std::string(100'000, 'x'));
+        FAIL();
+    } catch (const UsageError& error) {
+        EXPECT_LT(std::string(error.what()).size(), 200U);
+    }
+}
+
 TEST(ValueJson, ShowsNoDigitsThatAFloatDoesNotHave) {
     EXPECT_EQ(toJson(KRValue(0.1F)).dump(), "0.1");
     EXPECT_EQ(toJson(KRValue(1.0F)).dump(), "1.0");
