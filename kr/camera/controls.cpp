@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <utility>
 
@@ -27,32 +28,50 @@ struct Options {
     bool json = false;
 };
 
-int readInt(const std::string& text, const std::string& setting) {
+// A whole number, or one in hexadecimal digits behind 0x.
+std::optional<int> readInt(const std::string& text) {
     char* end = nullptr;
     errno = 0;
-    const long number = std::strtol(text.c_str(), &end, 0);
+    const long number = std::strtol(text.c_str(), &end, text.starts_with("0x") ? 16 : 10);
     if (text.empty() || *end != '\0' || errno != 0 || number > INT_MAX || number < INT_MIN) {
-        throw UsageError("--set " + setting + ": expected ID=VALUE, such as 0x00980900=20 or brightness=20");
+        return std::nullopt;
     }
     return static_cast<int>(number);
 }
 
 // A control by its number or its name.
-int findControl(const std::vector<KRCameraControl>& controls, const std::string& text,
-                const std::string& setting) {
-    const auto found = std::ranges::find(controls, text, &KRCameraControl::name);
-    return found != controls.end() ? found->id : readInt(text, setting);
+const KRCameraControl& findControl(const std::vector<KRCameraControl>& controls, const std::string& text,
+                                   const std::string& setting) {
+    const std::optional<int> id = readInt(text);
+    const auto found = std::ranges::find_if(controls, [&](const KRCameraControl& control) {
+        return control.name == text || (id && control.id == *id);
+    });
+    if (found == controls.end()) {
+        std::string names;
+        for (const KRCameraControl& control : controls) {
+            names += (names.empty() ? "" : ", ") + control.name;
+        }
+        throw UsageError("--set " + setting + ": the camera has no control \"" + text + "\"; it has " +
+                         (names.empty() ? "none" : names));
+    }
+    return *found;
 }
 
 void apply(KRVideoDeviceProxy& service, const Subscription& subscription, const Options& options) {
     const std::vector<KRCameraControl> controls = service.getControls(options.camera);
     for (const std::string& setting : options.settings) {
         const std::size_t equals = setting.rfind('=');
-        const std::string value = equals == std::string::npos ? "" : setting.substr(equals + 1);
-        const int number = readInt(value, setting);
-        const int control = findControl(controls, setting.substr(0, equals), setting);
-        if (!service.setCameraParameter(subscription.getId(), control, number)) {
-            throw std::runtime_error("the camera refuses " + setting);
+        const std::optional<int> value =
+            equals == std::string::npos ? std::nullopt : readInt(setting.substr(equals + 1));
+        if (!value) {
+            throw UsageError("--set " + setting +
+                             ": expected ID=VALUE, such as 0x00980900=20 or brightness=20");
+        }
+        const KRCameraControl& control = findControl(controls, setting.substr(0, equals), setting);
+        if (!service.setCameraParameter(subscription.getId(), control.id, *value)) {
+            throw std::runtime_error("the camera refuses " + setting + "; " + control.name + " goes from " +
+                                     std::to_string(control.minimum) + " to " +
+                                     std::to_string(control.maximum));
         }
     }
 }
