@@ -6,9 +6,12 @@
 #include "livenames.hpp"
 #include "valuejson.hpp"
 
+#include <krplatform/krerror.hpp>
+
 #include <CLI/CLI.hpp>
 
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -34,9 +37,13 @@ ExitCode act(const Options& options) {
     }
     const auto broker = options.domain.connect();
     waitForModule(*broker, options.module);
-    const KRValue result = broker->getProxy(options.module)->callValues(options.method, arguments);
-    if (result.isValid()) {
-        printJson(toJson(result));
+    try {
+        const KRValue result = broker->getProxy(options.module)->callValues(options.method, arguments);
+        if (result.isValid()) {
+            printJson(toJson(result));
+        }
+    } catch (const KRError& error) {
+        throw std::runtime_error(options.module + "." + options.method + ": " + error.getDescription());
     }
     return ExitCode::Done;
 }

@@ -79,12 +79,13 @@ TEST_F(KrSystem, CallsAMethodAndAnswersWrongArgumentsWithTheSignatures) {
     const Outcome wrong = krOnDomain({"call", "KRMemory", "getData", "1", "2"});
     EXPECT_EQ(wrong.exitCode, 1);
     EXPECT_THAT(wrong.out, IsEmpty());
-    EXPECT_THAT(wrong.err, AllOf(HasSubstr("(int, int)"), HasSubstr("getData(string key): value value")));
+    EXPECT_THAT(wrong.err, AllOf(HasSubstr("kr: KRMemory.getData: cannot be called with (int, int)"),
+                                 HasSubstr("getData(string key): value value")));
     const Outcome option = krOnDomain({"call", "KRMemory", "getDataList", "--prefix"});
     EXPECT_EQ(option.exitCode, 2);
     EXPECT_THAT(option.err, HasSubstr("--prefix"));
     EXPECT_THAT(krOnDomain({"call", "KRMemory", "nothing"}).err,
-                HasSubstr("insertData(string key, value value)"));
+                AllOf(HasSubstr("kr: KRMemory.nothing: "), HasSubstr("insertData(string key, value value)")));
 }
 
 TEST_F(KrSystem, NamesTheModuleThatIsNotThere) {
