@@ -8,6 +8,7 @@
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
+#include <future>
 #include <mutex>
 #include <set>
 #include <thread>
@@ -17,6 +18,10 @@
 namespace KR::tool {
 
 namespace {
+
+constexpr std::chrono::milliseconds kMakingStep{20};
+// After an interruption, for a module that is just being made.
+constexpr std::chrono::milliseconds kTimeToComeUp{500};
 
 /// Ends the program if it is not told in time that all is down.
 class Watchdog {
@@ -84,6 +89,19 @@ void takeDownTogether(std::vector<KRModuleHandle<KRModule>>& modules, Watchdog& 
 
 Host::~Host() {
     takeDown();
+}
+
+void Host::add(const std::string& name, const std::function<KRModuleHandle<KRModule>()>& make,
+               Interruption& interruption) {
+    auto made = std::async(std::launch::async, make);
+    while (made.wait_for(kMakingStep) != std::future_status::ready) {
+        if (interruption.hasCome() && made.wait_for(kTimeToComeUp) != std::future_status::ready) {
+            complain(name + " was still waiting for what it needs");
+            std::fflush(stdout);
+            ::_exit(static_cast<int>(ExitCode::Done)); // nothing ends that wait
+        }
+    }
+    modules_.push_back(made.get());
 }
 
 void Host::waitFor(Interruption& interruption) const {

@@ -3,6 +3,7 @@
 #include <krplatform/krmodulehandle.hpp>
 
 #include <chrono>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -25,7 +26,12 @@ public:
 
     /// A service that others may need until they are down.
     void addService(KRModuleHandle<KRModule> module) { services_.push_back(std::move(module)); }
-    void add(KRModuleHandle<KRModule> module) { modules_.push_back(std::move(module)); }
+    /// Makes a module, unless the program is interrupted before: constructors wait for what they need, such as the
+    /// memory. One that goes on waiting is left behind: the program ends, with exit code 0.
+    /// \param name  of what is made, to tell who was left behind
+    /// \throws what `make` throws
+    void add(const std::string& name, const std::function<KRModuleHandle<KRModule>()>& make,
+             Interruption& interruption);
 
     /// Returns when the program is interrupted, or when modules had been added and all of them were asked to exit.
     void waitFor(Interruption& interruption) const;
@@ -33,6 +39,8 @@ public:
     /// Takes all down. Ends the whole program with exit code 1, and says which modules it left behind, if that
     /// takes longer than kTimeToComeDown.
     void takeDown();
+
+    const std::vector<KRModuleHandle<KRModule>>& getModules() const noexcept { return modules_; }
 
 private:
     std::vector<KRModuleHandle<KRModule>> services_;

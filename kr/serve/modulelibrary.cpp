@@ -1,5 +1,7 @@
 #include "modulelibrary.hpp"
 
+#include "command.hpp"
+
 #include <krplatform/krerror.hpp>
 
 #include <dlfcn.h>
@@ -18,6 +20,9 @@ NamedLibrary splitNamedLibrary(const std::string& text) {
 }
 
 const KRModuleClass& loadModuleClass(const std::string& library) {
+    if (library.empty()) {
+        throw UsageError("the name of a module library is empty");
+    }
     // A name without a slash would be looked for in the system's folders, and not here.
     const std::string path = library.find('/') == std::string::npos ? "./" + library : library;
     if (!std::filesystem::exists(path)) {

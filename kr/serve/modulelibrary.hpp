@@ -15,6 +15,7 @@ NamedLibrary splitNamedLibrary(const std::string& text);
 
 /// Loads a library that has KR_REGISTER_MODULE in it. It stays loaded, as objects of its classes need its code.
 /// \throws std::runtime_error it cannot be loaded, for the reason that the text gives; it has no module
+/// \throws UsageError its name is empty
 const KRModuleClass& loadModuleClass(const std::string& library);
 
 /// Creates a module of the library's class. \param name  "": the name that the class gives its modules

@@ -29,9 +29,9 @@ ExitCode act(const Options& options) {
     loadModuleClass(options.path); // a wrong file is no reason to look for brokers
     const auto broker = options.domain.connect();
     Host host;
-    auto module = createModuleOf(options.path, broker, options.name);
-    complain("module " + module->getName() + " runs; Ctrl-C ends it");
-    host.add(std::move(module));
+    host.add(
+        options.path, [&] { return createModuleOf(options.path, broker, options.name); }, interruption);
+    complain("module " + host.getModules().front()->getName() + " runs; Ctrl-C ends it");
     host.waitFor(interruption);
     host.takeDown();
     return ExitCode::Done;

@@ -39,7 +39,8 @@ ExitCode act(const Options& options) {
     host.addService(createModule<KRVideoDevice>(broker, "KRVideoDevice", sources));
     for (const std::string& library : options.libraries) {
         const NamedLibrary named = splitNamedLibrary(library);
-        host.add(createModuleOf(named.path, broker, named.name));
+        host.add(
+            library, [&] { return createModuleOf(named.path, broker, named.name); }, interruption);
     }
     complain("serving on " + options.domain.getUrl() + "; Ctrl-C ends it");
     host.waitFor(interruption);

@@ -175,6 +175,16 @@ TEST_F(KrSystem, HostsAModuleLibraryThatOthersSubscribeTo) {
     EXPECT_EQ(server.stop(SIGINT).exitCode, 0);
 }
 
+TEST_F(KrSystem, EndsWhileAModuleStillWaitsForTheMemory) {
+    for (const int signal : {SIGINT, SIGTERM}) {
+        RunningProgram host(onDomain({"run", KR_MOTION_LIBRARY}), "is on DDS domain");
+        ASSERT_TRUE(host.isUp()) << host.readErr();
+        const Outcome ended = host.stop(signal);
+        EXPECT_EQ(ended.exitCode, 0);
+        EXPECT_THAT(ended.err, HasSubstr(KR_MOTION_LIBRARY " was still waiting for what it needs"));
+    }
+}
+
 TEST_F(KrSystem, HostsModulesBesideTheServicesUnderNamesOfTheirOwn) {
     RunningProgram server = serve(
         {"--camera", "0=test:ball", "--run", "Left=" KR_MOTION_LIBRARY, "--run", "Right=" KR_MOTION_LIBRARY});
