@@ -98,7 +98,7 @@ ExitCode showStatistics(const Options& options) {
     const std::chrono::duration<double> length(options.seconds);
     auto next = start;
     bool last = false;
-    while (!last && !interruption.hasCome()) {
+    while (!last && std::ferror(stdout) == 0 && !interruption.hasCome()) {
         next += std::chrono::seconds(1);
         if (options.seconds > 0 && next >= start + length) {
             next = start + std::chrono::duration_cast<Clock::duration>(length);

@@ -53,7 +53,9 @@ ExitCode watch(const Options& options) {
     ExitCode code = ExitCode::Done;
     std::int64_t before = -1;
     int missed = 0;
-    for (int i = 0; (options.frames == 0 || i < options.frames) && !interruption.hasCome(); ++i) {
+    for (int i = 0;
+         (options.frames == 0 || i < options.frames) && std::ferror(stdout) == 0 && !interruption.hasCome();
+         ++i) {
         try {
             const std::unique_ptr<KRImage> image = subscription.fetch();
             const int missedSoFar = subscription.getStatistics().missed;

@@ -204,7 +204,9 @@ ExitCode runCommandLine(int argc, const char* const* argv) {
     errno = 0;
     const bool isWritten = std::fflush(stdout) == 0 && std::ferror(stdout) == 0;
     if (!isWritten && code != ExitCode::WrongUsage) {
-        complain(std::string("standard output cannot be written: ") + std::strerror(errno));
+        const int reason = errno; // 0: an earlier write failed
+        complain(std::string("standard output cannot be written") +
+                 (reason != 0 ? std::string(": ") + std::strerror(reason) : ""));
         return ExitCode::Failed;
     }
     return code;

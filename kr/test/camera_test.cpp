@@ -124,6 +124,17 @@ TEST(KrCamera, WhatRunsUntilItIsInterruptedEndsWell) {
     }
 }
 
+TEST(KrCamera, WatchingEndsWhenNobodyReadsIt) {
+    const test::TemporaryFolder folder;
+    for (const std::string command : {"camera watch 0", "camera top"}) {
+        const std::string reader = "trap '' PIPE; { timeout 30 '" KR_PROGRAM "' " + command + "; echo $? > " +
+                                   folder.path("code") + "; } | head -n 1 > /dev/null";
+        EXPECT_EQ(std::system(reader.c_str()), 0);
+        const test::Bytes code = test::readAll(folder.path("code"));
+        EXPECT_EQ(std::string(code.begin(), code.end()), "1\n") << command;
+    }
+}
+
 TEST(KrCamera, SnapshotsAreImageFilesOrPictures) {
     const test::TemporaryFolder folder;
     const std::string oxi = folder.path("now.oxi");
