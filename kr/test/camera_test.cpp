@@ -225,6 +225,23 @@ TEST(KrCamera, ARecordingOnAFullDiskHoldsWhatFitted) {
     EXPECT_EQ(kr({"video", "doctor", path}).exitCode, 0);
 }
 
+TEST(KrCamera, NoFileTakesThePlaceOfAStreamThatIsClosed) {
+    const test::TemporaryFolder folder;
+    const std::string path = folder.path("film.oxv");
+    const pid_t process = test::start(
+        {"/bin/sh", "-c", "exec '" KR_PROGRAM "' camera record 0 " + path + " --seconds 3600 <&- >&- 2>&-"},
+        STDOUT_FILENO, STDERR_FILENO);
+    EXPECT_TRUE(test::eventually([&] { return !std::filesystem::is_empty(folder.path("")); }));
+    for (const std::string stream : {"0", "1", "2"}) {
+        EXPECT_EQ(std::filesystem::read_symlink("/proc/" + std::to_string(process) + "/fd/" + stream),
+                  "/dev/null");
+    }
+    ::kill(process, SIGTERM);
+    int status = 0;
+    EXPECT_EQ(::waitpid(process, &status, 0), process);
+    EXPECT_EQ(kr({"video", "doctor", path}).exitCode, 0);
+}
+
 TEST(KrCamera, TopShowsTheStatisticsOfEverySubscription) {
     const Outcome outcome =
         kr({"camera", "top", "--seconds", "0.5", "--camera", "0=test", "--camera", "1=test:snow"});
