@@ -49,15 +49,21 @@ void show(const KRCameraInfo& camera, double rate, std::size_t controls) {
     std::printf("  controls  %zu\n", controls);
 }
 
-// Of a few images, by their time stamps.
+// Of a few images, by their time stamps; without the intervals in which a recording has begun anew.
 double measureRate(Subscription& subscription) {
-    constexpr int intervals = 10;
-    const std::int64_t first = subscription.fetch()->timeStamp;
-    std::int64_t last = first;
-    for (int i = 0; i < intervals; ++i) {
-        last = subscription.fetch()->timeStamp;
+    constexpr int kIntervals = 10;
+    int rises = 0;
+    std::int64_t length_usec = 0;
+    std::int64_t before = subscription.fetch()->timeStamp;
+    for (int i = 0; i < kIntervals; ++i) {
+        const std::int64_t now = subscription.fetch()->timeStamp;
+        if (now > before) {
+            length_usec += now - before;
+            ++rises;
+        }
+        before = now;
     }
-    return last > first ? intervals * 1e6 / static_cast<double>(last - first) : 0;
+    return rises > 0 ? rises * 1e6 / static_cast<double>(length_usec) : 0;
 }
 
 // Opens the camera: how large its images are shows when there is one.

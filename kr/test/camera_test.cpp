@@ -67,6 +67,23 @@ TEST(KrCamera, ShowsWhatACameraDelivers) {
     EXPECT_GT(info["rate_per_s"], 0);
 }
 
+TEST(KrCamera, TheRateOfAShortRecordingIsThatOfItsImages) {
+    const test::TemporaryFolder folder;
+    KRVideo video;
+    video.recordVideo(folder.path("short"), 0, {{160, 120, 0, 8}});
+    std::vector<char> pixels(std::size_t{160} * 120);
+    for (int frame = 0; frame < 3; ++frame) {
+        video.write(pixels.data(), static_cast<int>(pixels.size()), frame * 50000, 0, 0.0F, 0.0F, 0.0F, 0.0F);
+    }
+    video.closeVideo();
+    const Outcome outcome =
+        kr({"camera", "info", "0", "--json", "--camera", "0=oxv:" + folder.path("short.oxv")});
+    EXPECT_EQ(outcome.exitCode, 0) << outcome.err;
+    const double rate = json::parse(outcome.out)["rate_per_s"];
+    EXPECT_GT(rate, 9) << "where it fetched every other image";
+    EXPECT_LT(rate, 21);
+}
+
 TEST(KrCamera, ControlsAreListedAndSetByNumberOrName) {
     const Outcome list = kr({"camera", "controls", "0"});
     EXPECT_EQ(list.exitCode, 0) << list.err;
