@@ -129,7 +129,7 @@ Finding BrokerComplaints::check() const {
             "end the broker that is not wanted: kill PROCESS, on the host that is named"};
 }
 
-Finding checkServices(const KRBroker& broker) {
+Finding checkServices(const KRBroker& broker, const std::string& url) {
     const auto modules = broker.getModuleList();
     std::string missing;
     for (const char* service : {"KRMemory", "KRVideoDevice"}) {
@@ -142,7 +142,8 @@ Finding checkServices(const KRBroker& broker) {
                 "KRMemory and KRVideoDevice answer, " + std::to_string(modules.size()) + " modules in all",
                 ""};
     }
-    return {"services", false, "there is no " + missing, "kr serve"};
+    return {"services", false, "there is no " + missing,
+            url == "dds:" ? "kr serve" : "kr serve --broker '" + url + "'"};
 }
 
 } // namespace KR::tool

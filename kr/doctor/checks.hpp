@@ -25,8 +25,8 @@ Finding checkMulticast();
 Finding checkParticipants(const std::string& url);
 /// A clock that can be compared with those of other machines.
 Finding checkClock();
-/// A memory module and a camera service, which modules need.
-Finding checkServices(const KRBroker& broker);
+/// A memory module and a camera service, which modules need. \param url  the broker's address
+Finding checkServices(const KRBroker& broker, const std::string& url);
 
 /// Hears, from its construction on, what the link to the other brokers finds wrong with them: two modules of one name,
 /// another version. Thread-safe.

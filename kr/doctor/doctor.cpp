@@ -39,7 +39,7 @@ ExitCode act(const Options& options) {
         const BrokerComplaints complaints;
         const auto broker = options.domain.connect();
         findings.push_back(complaints.check());
-        findings.push_back(checkServices(*broker));
+        findings.push_back(checkServices(*broker, options.domain.getUrl()));
     } catch (const KRError& error) {
         findings.push_back({"broker", false, error.getDescription(), "see the line before; kr serve --help"});
     }

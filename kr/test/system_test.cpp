@@ -326,8 +326,8 @@ TEST_F(KrSystem, ItsDoctorFindsTwoModulesOfOneNameAndTheirProcesses) {
 TEST_F(KrSystem, IsMissedByItsDoctor) {
     const Outcome outcome = krOnDomain({"doctor"});
     EXPECT_EQ(outcome.exitCode, 1);
-    EXPECT_THAT(outcome.out,
-                AllOf(HasSubstr("there is no KRMemory and KRVideoDevice"), HasSubstr("-> kr serve")));
+    EXPECT_THAT(outcome.out, AllOf(HasSubstr("there is no KRMemory and KRVideoDevice"),
+                                   HasSubstr("-> kr serve --broker '" + domain_.getUrl() + "'\n")));
 }
 
 } // namespace
