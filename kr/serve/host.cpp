@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <future>
@@ -86,6 +87,10 @@ void takeDownTogether(std::vector<KRModuleHandle<KRModule>>& modules, Watchdog& 
 }
 
 } // namespace
+
+Host::Host() {
+    std::signal(SIGPIPE, SIG_IGN);
+}
 
 Host::~Host() {
     takeDown();

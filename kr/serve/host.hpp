@@ -18,7 +18,8 @@ public:
     /// After this long modules that do not come down are left behind: the program ends without them.
     static constexpr std::chrono::milliseconds kTimeToComeDown{1800};
 
-    Host() = default;
+    /// From then on, a reader of the log that goes away does not end the program.
+    Host();
     /// Takes down what is still up.
     ~Host();
     Host(const Host&) = delete;

@@ -175,6 +175,25 @@ TEST_F(KrSystem, HostsAModuleLibraryThatOthersSubscribeTo) {
     EXPECT_EQ(server.stop(SIGINT).exitCode, 0);
 }
 
+TEST_F(KrSystem, ServesOnWhenNobodyReadsItsLogAnyMore) {
+    const TemporaryFolder folder;
+    // The shell's process becomes that of the program.
+    const std::string server = "{ echo \\$\\$ > " + folder.path("pid") +
+                               "; exec '" KR_PROGRAM "' serve --broker '" + domain_.getUrl() + "'; }";
+    const pid_t reader =
+        start({"/bin/sh", "-c", "sh -c \"" + server + "\" 2>&1 | head -n 1 > " + folder.path("log")},
+              STDOUT_FILENO, STDERR_FILENO);
+    EXPECT_TRUE(eventually([&] { return krOnDomain({"memory", "list"}).exitCode == 0; }));
+    for (int call = 0; call < 3; ++call) { // each leaves a line in the log
+        EXPECT_EQ(krOnDomain({"memory", "set", "a", "1"}).exitCode, 0) << call;
+    }
+    pid_t process = 0;
+    std::ifstream(folder.path("pid")) >> process;
+    ASSERT_GT(process, 1);
+    ::kill(process, SIGTERM);
+    EXPECT_EQ(::waitpid(reader, nullptr, 0), reader);
+}
+
 TEST_F(KrSystem, EndsWhileAModuleStillWaitsForTheMemory) {
     for (const int signal : {SIGINT, SIGTERM}) {
         RunningProgram host(onDomain({"run", KR_MOTION_LIBRARY}), "is on DDS domain");
