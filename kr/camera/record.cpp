@@ -36,15 +36,23 @@ struct Options {
     double seconds = 0;
 };
 
+using Subscriptions = std::vector<std::unique_ptr<Subscription>>;
+
+Subscriptions subscribe(KRVideoDeviceProxy& service, const std::vector<int>& cameras, int resolution,
+                        int colorSpace) {
+    Subscriptions subscriptions;
+    for (const int camera : cameras) {
+        subscriptions.push_back(std::make_unique<Subscription>(service, camera, resolution, colorSpace));
+    }
+    return subscriptions;
+}
+
 /// Writes what several cameras see, each to a stream of one file.
 class Recorder {
 public:
     /// Takes the first image of each camera, and writes them.
-    Recorder(KRVideoDeviceProxy& service, const std::vector<int>& cameras, int resolution, int colorSpace,
-             const std::string& path) {
-        for (const int camera : cameras) {
-            subscriptions_.push_back(std::make_unique<Subscription>(service, camera, resolution, colorSpace));
-        }
+    Recorder(Subscriptions subscriptions, int colorSpace, const std::string& path)
+        : subscriptions_(std::move(subscriptions)) {
         fetch();
         std::vector<streamHeader> streams;
         for (const auto& image : images_) {
@@ -80,7 +88,7 @@ public:
     }
 
 private:
-    std::vector<std::unique_ptr<Subscription>> subscriptions_;
+    const Subscriptions subscriptions_;
     std::vector<std::unique_ptr<KRImage>> images_; // the newest one of each camera
     std::optional<RecordingWriter> writer_;
 };
@@ -158,7 +166,9 @@ ExitCode record(const Options& options) {
     Cameras cameras(options.cameras);
     const std::vector<int> numbers = readCameras(cameras, options.arguments);
     OutputFile out(path, "");
-    Recorder recorder(cameras.getService(), numbers, resolution, colorSpace, out.getPath());
+    auto subscriptions = doInterruptibly(
+        interruption, [&] { return subscribe(cameras.getService(), numbers, resolution, colorSpace); });
+    Recorder recorder(std::move(subscriptions), colorSpace, out.getPath());
     const Clock::time_point end = Clock::now() + std::chrono::duration_cast<Clock::duration>(
                                                      std::chrono::duration<double>(options.seconds));
     const ExitCode code = recordUntil(end, recorder, interruption, path);

@@ -88,10 +88,13 @@ ExitCode showStatistics(const Options& options) {
     Interruption interruption;
     Cameras cameras(options.cameras);
     KRVideoDeviceProxy& service = cameras.getService();
+    const int resolution = options.geometry.getResolution();
+    const int colorSpace = options.geometry.getColorSpace();
     std::vector<std::unique_ptr<Load>> loads;
     for (const KRCameraInfo& camera : service.getCameraList()) {
-        loads.push_back(std::make_unique<Load>(service, camera.camera, options.geometry.getResolution(),
-                                               options.geometry.getColorSpace()));
+        loads.push_back(doInterruptibly(interruption, [&] {
+            return std::make_unique<Load>(service, camera.camera, resolution, colorSpace);
+        }));
     }
     const bool terminal = ::isatty(STDOUT_FILENO) != 0;
     const auto start = Clock::now();

@@ -48,8 +48,12 @@ ExitCode watch(const Options& options) {
     Interruption interruption;
     Cameras cameras(options.cameras);
     cameras.require(options.camera);
-    Subscription subscription(cameras.getService(), options.camera, options.geometry.getResolution(),
-                              options.geometry.getColorSpace());
+    KRVideoDeviceProxy& service = cameras.getService();
+    const int resolution = options.geometry.getResolution();
+    const int colorSpace = options.geometry.getColorSpace();
+    const auto subscription = doInterruptibly(interruption, [&] {
+        return std::make_unique<Subscription>(service, options.camera, resolution, colorSpace);
+    });
     ExitCode code = ExitCode::Done;
     std::int64_t before = -1;
     int missed = 0;
@@ -57,8 +61,8 @@ ExitCode watch(const Options& options) {
          (options.frames == 0 || i < options.frames) && std::ferror(stdout) == 0 && !interruption.hasCome();
          ++i) {
         try {
-            const std::unique_ptr<KRImage> image = subscription.fetch();
-            const int missedSoFar = subscription.getStatistics().missed;
+            const std::unique_ptr<KRImage> image = subscription->fetch();
+            const int missedSoFar = subscription->getStatistics().missed;
             showImage(*image, before, missedSoFar - missed);
             before = image->timeStamp;
             missed = missedSoFar;
@@ -68,7 +72,7 @@ ExitCode watch(const Options& options) {
             break;
         }
     }
-    const KRSubscriptionStatistics statistics = subscription.getStatistics();
+    const KRSubscriptionStatistics statistics = subscription->getStatistics();
     std::printf("%d images, %d missed\n", statistics.delivered, statistics.missed);
     show("interval", statistics.interval);
     show("age", statistics.age);

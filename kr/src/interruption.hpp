@@ -1,6 +1,9 @@
 #pragma once
 
 #include <chrono>
+#include <cstdlib>
+#include <future>
+#include <utility>
 
 #include <signal.h>
 
@@ -26,5 +29,19 @@ private:
     sigset_t before_;
     bool happened_ = false;
 };
+
+/// Does something that may wait for long, and that nothing can wake, on a thread of its own. If the program is
+/// interrupted before it is done, the program ends at once, with exit code 0.
+/// \return what `work` returns \throws what `work` throws
+template <class Work>
+auto doInterruptibly(Interruption& interruption, Work work) {
+    auto done = std::async(std::launch::async, std::move(work));
+    while (done.wait_for(std::chrono::milliseconds(20)) != std::future_status::ready) {
+        if (interruption.hasCome()) {
+            std::_Exit(0);
+        }
+    }
+    return done.get();
+}
 
 } // namespace KR::tool

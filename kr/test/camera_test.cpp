@@ -141,6 +141,34 @@ TEST(KrCamera, WhatRunsUntilItIsInterruptedEndsWell) {
     }
 }
 
+TEST(KrCamera, WhatWaitsForACameraToOpenIsInterruptedAtOnce) {
+    const test::TemporaryFolder folder;
+    const std::string silent =
+        "0=gst:videotestsrc ! identity drop-probability=1.0"; // which takes ten seconds
+    const auto isOpening = [](pid_t process) {
+        const auto tasks = std::filesystem::directory_iterator("/proc/" + std::to_string(process) + "/task");
+        return std::ranges::any_of(tasks, [](const auto& task) {
+            std::string name;
+            std::ifstream comm(task.path() / "comm");
+            std::getline(comm, name);
+            return name == "KRCamera 0";
+        });
+    };
+    for (const std::vector<std::string>& verb : std::vector<std::vector<std::string>>{
+             {"camera", "watch", "0"},
+             {"camera", "top"},
+             {"camera", "record", "0", folder.path("a.oxv"), "--seconds", "1"}}) {
+        std::vector<std::string> arguments = verb;
+        arguments.insert(arguments.end(), {"--camera", silent});
+        test::RunningProgram program(arguments, "");
+        EXPECT_TRUE(test::eventually([&] { return isOpening(program.getPid()); }));
+        const Outcome outcome = program.stop();
+        EXPECT_EQ(outcome.exitCode, 0) << verb[1];
+        EXPECT_EQ(outcome.err, "") << "it did not wait for the camera to fail";
+    }
+    EXPECT_TRUE(std::filesystem::is_empty(folder.path("")));
+}
+
 TEST(KrCamera, WatchingEndsWhenNobodyReadsIt) {
     const test::TemporaryFolder folder;
     for (const std::string command : {"camera watch 0", "camera top"}) {
