@@ -14,9 +14,11 @@
 
 #include <chrono>
 #include <cstdint>
+#include <filesystem>
 #include <memory>
 #include <optional>
 #include <stdexcept>
+#include <system_error>
 
 namespace KR::tool {
 
@@ -153,6 +155,11 @@ ExitCode record(const Options& options) {
     const std::string& path = options.arguments.back();
     if (getExtension(path) != ".oxv") {
         throw UsageError(path + ": the name of a recording ends in .oxv");
+    }
+    std::error_code error;
+    if (std::filesystem::exists(path, error) && !std::filesystem::is_regular_file(path, error) &&
+        !std::filesystem::is_directory(path, error)) {
+        throw std::runtime_error(path + ": a recording is written to a file, not to a device or a pipe");
     }
     const int resolution = options.geometry.getResolution();
     if (resolution > 2) {

@@ -253,6 +253,11 @@ TEST(KrCamera, ARecordingThatFailsLeavesWhatWasThere) {
     EXPECT_EQ(folderless.exitCode, 1);
     EXPECT_THAT(folderless.err, HasSubstr("there is no folder " + folder.path("none")));
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder.path("")), {}), 1);
+
+    std::filesystem::create_symlink("/dev/null", folder.path("null.oxv"));
+    const Outcome link = kr({"camera", "record", "0", folder.path("null.oxv"), "--seconds", "1"});
+    EXPECT_EQ(link.exitCode, 1);
+    EXPECT_THAT(link.err, HasSubstr("null.oxv: a recording is written to a file"));
 }
 
 TEST(KrCamera, ARecordingOnAFullDiskHoldsWhatFitted) {
