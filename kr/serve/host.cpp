@@ -23,6 +23,8 @@ namespace {
 constexpr std::chrono::milliseconds kMakingStep{20};
 // After an interruption, for a module that is just being made.
 constexpr std::chrono::milliseconds kTimeToComeUp{500};
+// For modules to come down while the services are still there.
+constexpr std::chrono::milliseconds kTimeWithServices{1000};
 
 /// Ends the program if it is not told in time that all is down.
 class Watchdog {
@@ -70,20 +72,18 @@ private:
     std::thread thread_;            // last, as it uses the others
 };
 
-// All at the same time, since each may wait for an image.
-void takeDownTogether(std::vector<KRModuleHandle<KRModule>>& modules, Watchdog& watchdog) {
-    std::vector<std::thread> threads;
+// All at the same time, since each may wait for an image. The modules must stay where they are until then.
+std::vector<std::future<void>> takeDownEach(std::vector<KRModuleHandle<KRModule>>& modules,
+                                            Watchdog& watchdog) {
+    std::vector<std::future<void>> down;
     for (auto& module : modules) {
-        threads.emplace_back([&module, &watchdog] {
+        down.push_back(std::async(std::launch::async, [&module, &watchdog] {
             const std::string name = module->getName();
             module.reset();
             watchdog.noticeDown(name);
-        });
+        }));
     }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
-    modules.clear();
+    return down;
 }
 
 } // namespace
@@ -126,8 +126,15 @@ void Host::takeDown() {
             watchdog.expect(module->getName());
         }
     }
-    takeDownTogether(modules_, watchdog);
-    takeDownTogether(services_, watchdog);
+    const auto end = std::chrono::steady_clock::now() + kTimeWithServices;
+    auto modulesDown = takeDownEach(modules_, watchdog);
+    for (const auto& module : modulesDown) {
+        module.wait_until(end);
+    }
+    takeDownEach(services_, watchdog); // which also wakes those who wait for one, as for a camera to open
+    modulesDown.clear();
+    modules_.clear();
+    services_.clear();
 }
 
 } // namespace KR::tool

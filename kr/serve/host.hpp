@@ -12,7 +12,7 @@ namespace KR::tool {
 class Interruption;
 
 /// Modules that run until the program is asked to end. They come down at the same time, and then the services that
-/// they may need. Not thread-safe.
+/// they may need; a service does not wait longer than a second for that. Not thread-safe.
 class Host {
 public:
     /// After this long modules that do not come down are left behind: the program ends without them.
@@ -25,7 +25,7 @@ public:
     Host(const Host&) = delete;
     Host& operator=(const Host&) = delete;
 
-    /// A service that others may need until they are down.
+    /// A service that others may need while they come down.
     void addService(KRModuleHandle<KRModule> module) { services_.push_back(std::move(module)); }
     /// Makes a module, unless the program is interrupted before: constructors wait for what they need, such as the
     /// memory. One that goes on waiting is left behind: the program ends, with exit code 0.

@@ -175,6 +175,20 @@ TEST_F(KrSystem, HostsAModuleLibraryThatOthersSubscribeTo) {
     EXPECT_EQ(server.stop(SIGINT).exitCode, 0);
 }
 
+TEST_F(KrSystem, ComesDownWhileAModuleWaitsForACameraThatDeliversNothing) {
+    RunningProgram server =
+        serve({"--camera", "0=gst:videotestsrc ! identity drop-probability=1.0", "--run", KR_MOTION_LIBRARY});
+    ASSERT_TRUE(server.isUp()) << server.readErr();
+    RunningProgram subscriber(onDomain({"call", "KRMotion", "subscribe", "somebody", "50", "1.0"}), "");
+    EXPECT_TRUE(eventually([&] {
+        return krOnDomain({"call", "KRVideoDevice", "getCameraList"}).out.find("opening") !=
+               std::string::npos;
+    }));
+    const Outcome ended = server.stop();
+    EXPECT_EQ(ended.exitCode, 0) << ended.err;
+    EXPECT_THAT(ended.err, Not(HasSubstr("did not come down")));
+}
+
 TEST_F(KrSystem, ServesOnWhenNobodyReadsItsLogAnyMore) {
     const TemporaryFolder folder;
     // The shell's process becomes that of the program.
@@ -232,6 +246,14 @@ TEST_F(KrSystem, SaysWhyALibraryCannotBeHosted) {
             EXPECT_THAT(outcome.err, AllOf(HasSubstr(each.path), HasSubstr(each.why)));
         }
     }
+}
+
+TEST_F(KrSystem, SaysWhatTheConstructorOfAModuleHasThrown) {
+    RunningProgram server = serve();
+    ASSERT_TRUE(server.isUp()) << server.readErr();
+    const Outcome made = krOnDomain({"run", KR_THROWING_MODULE});
+    EXPECT_EQ(made.exitCode, 1);
+    EXPECT_THAT(made.err, HasSubstr("no module ThrowingModule of " KR_THROWING_MODULE ": thrown when made"));
 }
 
 TEST_F(KrSystem, SaysWhyAModuleCannotBeMade) {
