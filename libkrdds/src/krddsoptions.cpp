@@ -10,6 +10,7 @@
 #include <charconv>
 #include <filesystem>
 #include <fstream>
+#include <set>
 #include <sstream>
 #include <string_view>
 
@@ -55,6 +56,9 @@ public:
                 refuse(option + " has \"" + part + "\" in it, which is no name");
             }
             list.push_back(part);
+        }
+        if (list.empty()) {
+            refuse(option + " names none");
         }
         return list;
     }
@@ -126,9 +130,13 @@ KRDDSOptions KRDDSOptions::parse(const std::string& url) {
         parser.refuse("nothing but options may follow dds:");
     }
     std::istringstream list(rest.empty() ? rest : rest.substr(1));
+    std::set<std::string> given;
     for (std::string option; std::getline(list, option, '&');) {
         const auto equals = option.find('=');
         const std::string name = option.substr(0, equals);
+        if (!given.insert(name).second) {
+            parser.refuse(name + " is given twice");
+        }
         const std::string value = equals == std::string::npos ? "" : option.substr(equals + 1);
         if (name == "domain") {
             options.domain = parser.toNumber<std::uint32_t>(name, value, 0, kMaxDomain);

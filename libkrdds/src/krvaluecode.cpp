@@ -25,9 +25,6 @@ public:
     explicit Encoder(KRComposedBytes& bytes) : bytes_(bytes), sink_{bytes}, packer_(sink_) {}
 
     void encode(const KRValue& value, std::size_t depth) {
-        if (depth > KRValueBounds::kDepth) {
-            refuse("arrays in arrays, more than " + std::to_string(KRValueBounds::kDepth) + " deep");
-        }
         if (++values_ > KRValueBounds::kValues) {
             refuse("more than " + std::to_string(KRValueBounds::kValues) + " values");
         }
@@ -60,6 +57,9 @@ public:
             break;
         }
         case KRValue::Type::Array:
+            if (depth >= KRValueBounds::kDepth) {
+                refuse("arrays in arrays, more than " + std::to_string(KRValueBounds::kDepth) + " deep");
+            }
             check(value.getSize());
             packer_.pack_array(static_cast<std::uint32_t>(value.getSize()));
             for (std::size_t i = 0; i < value.getSize(); ++i) {

@@ -219,6 +219,8 @@ TEST(KRDDSDirectory, AddressesThatAreNotUnderstoodSayWhatIsWrong) {
     EXPECT_THAT(refusal("dds:?peers=a,,b"), HasSubstr("peers has \"\" in it"));
     EXPECT_THAT(refusal("dds:?fragment=100"), HasSubstr("fragment is \"100\""));
     EXPECT_THAT(refusal("dds:?colour=blue"), HasSubstr("unknown option \"colour=blue\""));
+    EXPECT_THAT(refusal("dds:?domain=1&domain=2"), HasSubstr("domain is given twice"));
+    EXPECT_THAT(refusal("dds:?peers="), HasSubstr("peers names none"));
     EXPECT_THAT(refusal("dds:?security=/no/such/folder"), HasSubstr("/no/such/folder/identity-ca.pem"));
     EXPECT_THAT(refusal("smoke:signals"), HasSubstr("unknown kind of broker"));
 }

@@ -79,11 +79,15 @@ TEST(KRValueCode, TheNumberOfValuesIsBoundedThoughEachArrayIsSmall) {
 
 TEST(KRValueCode, MoreThanTheBoundsIsNotSent) {
     EXPECT_THROW(encodeValue(std::vector<KRValue>(KRValueBounds::kValues)), KRError);
-    KRValue deep;
-    for (std::size_t i = 0; i <= KRValueBounds::kDepth; ++i) {
-        deep = KRValue::array(deep);
+    for (const KRValue& innermost : {KRValue(), KRValue(std::vector<KRValue>())}) {
+        KRValue deep = innermost;
+        for (std::size_t i = innermost.isArray() ? 1 : 0; i < KRValueBounds::kDepth; ++i) {
+            deep = KRValue::array(deep);
+        }
+        const Bytes bytes = toBytes(encodeValue(deep));
+        EXPECT_EQ(decodeValue(asReceived(bytes), 0, bytes.size()), deep);
+        EXPECT_THROW(encodeValue(KRValue::array(deep)), KRError);
     }
-    EXPECT_THROW(encodeValue(deep), KRError);
 }
 
 TEST(KRValueCode, LargeBinariesAreSharedOnBothWays) {
