@@ -48,9 +48,13 @@ public:
         ::kill(process_, signal);
         return wait();
     }
+    /// \return what it left behind; with exit code -1 if it did not end before the patience did
     Outcome wait() {
         int status = 0;
-        ::waitpid(process_, &status, 0);
+        if (!eventually([&] { return ::waitpid(process_, &status, WNOHANG) == process_; })) {
+            ::kill(process_, SIGKILL);
+            ::waitpid(process_, &status, 0);
+        }
         process_ = -1;
         return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, readOut(), readErr()};
     }
