@@ -1,5 +1,6 @@
 #include "krpipeline.hpp"
 
+#include "krconnection.hpp"
 #include "krsourcebin.hpp"
 
 #include <krplatform/krthread.hpp>
@@ -172,9 +173,20 @@ void KRPipeline::readError(GstMessage* message) {
     const std::size_t lastLine = place.rfind('\n');
     if (place.find("not-linked") != std::string::npos) {
         failure_ = noVideo;
+    } else if (const std::string reason = explain(error); !reason.empty()) {
+        failure_ = reason;
     } else if (lastLine != std::string::npos && lastLine + 1 < place.size()) {
         *failure_ += " (" + place.substr(lastLine + 1) + ")";
     }
+    failure_ = hidePassword(source_, *failure_);
+}
+
+// Why an http: or https: server cannot be spoken to: depending on the library below, its element keeps that for itself.
+std::string KRPipeline::explain(const GError* error) const {
+    const bool vague = g_error_matches(error, GST_STREAM_ERROR, GST_STREAM_ERROR_FAILED) ||
+                       g_error_matches(error, GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_OPEN_READ);
+    const bool http = source_.kind == KRSource::Kind::Network && source_.argument.starts_with("http");
+    return vague && http ? explainConnection(source_.argument) : "";
 }
 
 void KRPipeline::rewind() {

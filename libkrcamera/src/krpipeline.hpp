@@ -37,6 +37,7 @@ private:
     void readBus(GstClockTime timeout);
     void readError(GstMessage* message);
     void readWarning(GstMessage* message);
+    std::string explain(const GError* error) const;
     void rewind();
     void applyControls();
     KRCapture capture(GstHandle<GstSample> sample);

@@ -23,6 +23,10 @@ struct KRSource {
 /// there is
 KRSource parseSource(const std::string& text);
 
+/// The text with "user:***@" wherever the user and the password of the source's URI stand in it: texts go to logs and to
+/// other modules.
+std::string hidePassword(const KRSource& source, std::string text);
+
 /// The source starts again when it has come to its end.
 bool isLooped(const KRSource& source) noexcept;
 

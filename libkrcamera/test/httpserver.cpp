@@ -3,6 +3,7 @@
 #include <krplatform/krthread.hpp>
 
 #include <arpa/inet.h>
+#include <memory>
 #include <netinet/in.h>
 #include <stdexcept>
 #include <sys/socket.h>
@@ -12,21 +13,53 @@ namespace KR {
 
 namespace {
 
-bool sendAll(int connection, const std::string& bytes) {
-    for (std::size_t sent = 0; sent < bytes.size();) {
-        const ssize_t now = send(connection, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
-        if (now <= 0) {
-            return false;
-        }
-        sent += static_cast<std::size_t>(now);
+struct Release {
+    void operator()(gpointer object) const noexcept { g_object_unref(object); }
+    void operator()(gchar* text) const noexcept { g_free(text); }
+};
+template <class T>
+using Handle = std::unique_ptr<T, Release>;
+
+/// The bytes of a connection, or what TLS makes of them. Closes the connection.
+Handle<GIOStream> makeStream(int connection, const std::string& certificate) {
+    const Handle<GSocket> socket(g_socket_new_from_fd(connection, nullptr));
+    Handle<GIOStream> plain(G_IO_STREAM(g_socket_connection_factory_create_connection(socket.get())));
+    if (certificate.empty()) {
+        return plain;
     }
-    return true;
+    const Handle<GTlsCertificate> own(g_tls_certificate_new_from_file(certificate.c_str(), nullptr));
+    return Handle<GIOStream>(g_tls_server_connection_new(plain.get(), own.get(), nullptr));
+}
+
+bool sendAll(GIOStream* stream, const std::string& bytes) {
+    return g_output_stream_write_all(g_io_stream_get_output_stream(stream), bytes.data(), bytes.size(),
+                                     nullptr, nullptr, nullptr) == TRUE;
+}
+
+/// Everything up to the empty line, or nothing.
+std::string receiveRequest(GIOStream* stream) {
+    std::string request;
+    char bytes[1024];
+    while (request.find("\r\n\r\n") == std::string::npos) {
+        const gssize got =
+            g_input_stream_read(g_io_stream_get_input_stream(stream), bytes, sizeof bytes, nullptr, nullptr);
+        if (got <= 0) {
+            return {};
+        }
+        request.append(bytes, static_cast<std::size_t>(got));
+    }
+    return request;
+}
+
+std::string encode(const std::string& text) {
+    const Handle<gchar> encoded(g_base64_encode(reinterpret_cast<const guchar*>(text.data()), text.size()));
+    return encoded.get();
 }
 
 } // namespace
 
-HttpServer::HttpServer(std::string contentType, std::string content, bool endless)
-    : contentType_(std::move(contentType)), content_(std::move(content)), endless_(endless) {
+HttpServer::HttpServer(std::string contentType, std::string content, Options options)
+    : contentType_(std::move(contentType)), content_(std::move(content)), options_(std::move(options)) {
     start();
 }
 
@@ -91,26 +124,35 @@ void HttpServer::accept() {
 }
 
 void HttpServer::serve(int connection) {
-    std::string request;
-    char bytes[1024];
-    while (request.find("\r\n\r\n") == std::string::npos) {
-        const ssize_t got = recv(connection, bytes, sizeof bytes, 0);
-        if (got <= 0) {
-            break;
-        }
-        request.append(bytes, static_cast<std::size_t>(got));
-    }
-    const std::string length = endless_ ? "" : "Content-Length: " + std::to_string(content_.size()) + "\r\n";
-    bool going = sendAll(connection, "HTTP/1.1 200 OK\r\nContent-Type: " + contentType_ + "\r\n" + length +
-                                         "Connection: close\r\n\r\n") &&
-                 sendAll(connection, content_);
-    while (going && endless_ && !stopping_) {
-        sleepMilliseconds(100);
-        going = sendAll(connection, content_);
-    }
+    Handle<GIOStream> stream = makeStream(connection, options_.certificate);
+    answer(*stream);
     const std::lock_guard lock(mutex_);
     connections_.erase(connection);
-    close(connection);
+    stream.reset(); // its number may be given to another one from here on
+}
+
+void HttpServer::answer(GIOStream& stream) {
+    const std::string request = receiveRequest(&stream);
+    if (request.empty()) {
+        return;
+    }
+    ++requests_;
+    if (!options_.password.empty() &&
+        request.find("Authorization: Basic " + encode("user:" + options_.password) + "\r\n") ==
+            std::string::npos) {
+        sendAll(&stream, "HTTP/1.1 401 Unauthorized\r\nWWW-Authenticate: Basic realm=\"camera\"\r\n"
+                         "Content-Length: 0\r\nConnection: close\r\n\r\n");
+        return;
+    }
+    const std::string length =
+        options_.endless ? "" : "Content-Length: " + std::to_string(content_.size()) + "\r\n";
+    bool going = sendAll(&stream, "HTTP/1.1 200 OK\r\nContent-Type: " + contentType_ + "\r\n" + length +
+                                      "Connection: close\r\n\r\n") &&
+                 sendAll(&stream, content_);
+    while (going && options_.endless && !stopping_) {
+        sleepMilliseconds(100);
+        going = sendAll(&stream, content_);
+    }
 }
 
 } // namespace KR

@@ -7,19 +7,32 @@
 #include <thread>
 #include <vector>
 
+#include <gio/gio.h>
+
 namespace KR {
 
 /// An HTTP server on the loopback interface. Whatever is asked for, it sends one film: once, or as a network camera
 /// that never ends.
 class HttpServer {
 public:
-    /// \param endless  send the content again and again, ten times per second
-    HttpServer(std::string contentType, std::string content, bool endless);
+    struct Options {
+        bool endless = false;         ///< send the content again and again, ten times per second
+        std::string password = "";    ///< of the user "user", whom alone it serves then
+        std::string certificate = ""; ///< file with certificate and key: serve https: instead of http:
+    };
+
+    HttpServer(std::string contentType, std::string content, Options options);
     ~HttpServer();
     HttpServer(const HttpServer&) = delete;
     HttpServer& operator=(const HttpServer&) = delete;
 
-    std::string getUri() const { return "http://127.0.0.1:" + std::to_string(port_) + "/camera"; }
+    /// \param user  what stands before the host: "user:password@", or nothing
+    std::string getUri(const std::string& user = "") const {
+        return (options_.certificate.empty() ? "http://" : "https://") + user +
+               "127.0.0.1:" + std::to_string(port_) + "/camera";
+    }
+    /// How often anything has been asked for.
+    int getRequests() const { return requests_; }
 
     /// Closes all connections and refuses new ones.
     void stop();
@@ -30,10 +43,12 @@ private:
     void listen();
     void accept();
     void serve(int connection);
+    void answer(GIOStream& stream);
 
     const std::string contentType_;
     const std::string content_;
-    const bool endless_;
+    const Options options_;
+    std::atomic<int> requests_ = 0;
     int port_ = 0;
     int listener_ = -1;
     std::atomic<bool> stopping_ = false;

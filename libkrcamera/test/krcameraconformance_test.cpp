@@ -43,7 +43,7 @@ protected:
         start({source, source == getDevice() ? "test" : source}); // a device can be opened once
     }
 
-    // Gone before the folder and the server are.
+    // Gone before the folder and the servers are.
     void TearDown() override { service.reset(); }
 
     static std::string getDevice() {
@@ -77,8 +77,8 @@ protected:
         }
         std::ostringstream content;
         content << std::ifstream(folder / "film.avi", std::ios::binary).rdbuf();
-        server = std::make_unique<HttpServer>("video/x-msvideo", content.str(), false);
-        return server->getUri();
+        httpServer = std::make_unique<HttpServer>("video/x-msvideo", content.str(), HttpServer::Options());
+        return httpServer->getUri();
     }
 
     // Ten seconds.
@@ -93,20 +93,8 @@ protected:
         video.closeVideo();
     }
 
-    /// Fetches in spite of a source that takes its time.
-    Image fetchPatiently(const std::string& id) {
-        for (int i = 0; i < 300; ++i) {
-            try {
-                return fetch(id);
-            } catch (const KRError& error) {
-                EXPECT_THAT(error.getDescription(), testing::HasSubstr("no image within"));
-            }
-        }
-        throw std::runtime_error("no image came");
-    }
-
     TemporaryFolder folder;
-    std::unique_ptr<HttpServer> server;
+    std::unique_ptr<HttpServer> httpServer;
     test::Journal journal;
     KRModuleHandle<test::FakeCamera> fake;
 };
@@ -259,7 +247,7 @@ constexpr int contrast = 0x00980901;
 INSTANTIATE_TEST_SUITE_P(Sources, Conformance,
                          testing::Values(Kind{"Fake", 1, true, 11}, Kind{"Test", 1, false, contrast},
                                          Kind{"File", 2, false, contrast}, Kind{"Device", 3, false, contrast},
-                                         Kind{"Pipeline", 4}, Kind{"Network", 5, false, contrast},
+                                         Kind{"Pipeline", 4}, Kind{"Http", 5, false, contrast},
                                          Kind{"Image", 6, false, contrast}, Kind{"Recording", 7},
                                          Kind{"SteppedRecording", 7}),
                          [](const testing::TestParamInfo<Kind>& kind) { return kind.param.name; });
