@@ -1,6 +1,7 @@
 // What every source of the camera service does, and the camera that other tests use in its place.
 
 #include "cameratest.hpp"
+#include "certificateauthority.hpp"
 #include "httpserver.hpp"
 
 #include "../../libkrvision/test/fakecamera.hpp"
@@ -77,7 +78,13 @@ protected:
         }
         std::ostringstream content;
         content << std::ifstream(folder / "film.avi", std::ios::binary).rdbuf();
-        httpServer = std::make_unique<HttpServer>("video/x-msvideo", content.str(), HttpServer::Options());
+        HttpServer::Options options;
+        if (kind == "Https") {
+            authority = std::make_unique<CertificateAuthority>();
+            authority->trust();
+            options.certificate = authority->certify("127.0.0.1");
+        }
+        httpServer = std::make_unique<HttpServer>("video/x-msvideo", content.str(), options);
         return httpServer->getUri();
     }
 
@@ -94,6 +101,7 @@ protected:
     }
 
     TemporaryFolder folder;
+    std::unique_ptr<CertificateAuthority> authority;
     std::unique_ptr<HttpServer> httpServer;
     test::Journal journal;
     KRModuleHandle<test::FakeCamera> fake;
@@ -248,8 +256,8 @@ INSTANTIATE_TEST_SUITE_P(Sources, Conformance,
                          testing::Values(Kind{"Fake", 1, true, 11}, Kind{"Test", 1, false, contrast},
                                          Kind{"File", 2, false, contrast}, Kind{"Device", 3, false, contrast},
                                          Kind{"Pipeline", 4}, Kind{"Http", 5, false, contrast},
-                                         Kind{"Image", 6, false, contrast}, Kind{"Recording", 7},
-                                         Kind{"SteppedRecording", 7}),
+                                         Kind{"Https", 5, false, contrast}, Kind{"Image", 6, false, contrast},
+                                         Kind{"Recording", 7}, Kind{"SteppedRecording", 7}),
                          [](const testing::TestParamInfo<Kind>& kind) { return kind.param.name; });
 
 } // namespace

@@ -1,4 +1,5 @@
 #include "cameratest.hpp"
+#include "certificateauthority.hpp"
 #include "httpserver.hpp"
 
 #include "../../libkrplatform/test/patience.hpp"
@@ -116,6 +117,26 @@ TEST_F(NetworkTest, AWrongPasswordIsRefusedAndToldToNobody) {
     const HttpServer http("video/x-msvideo", makeFilm(), {.password = "secret"});
     expectRefusal(http.getUri("user:mistaken@"), http.getUri("user:***@"), "Unauthorized");
     expectRefusal(http.getUri(), http.getUri(), "Unauthorized");
+}
+
+TEST_F(NetworkTest, AServerOfATrustedAuthorityIsACamera) {
+    const CertificateAuthority authority;
+    authority.trust();
+    HttpServer server("multipart/x-mixed-replace; boundary=next", makeStream(),
+                      {.endless = true, .certificate = authority.certify("127.0.0.1")});
+    expectThatItComesBack(server);
+}
+
+TEST_F(NetworkTest, AServerWhoseCertificateIsNotTrustedIsAskedForNothing) {
+    const CertificateAuthority authority;
+    const std::string reason = "its certificate is not trusted: ";
+    const HttpServer server("video/x-msvideo", makeFilm(), {.certificate = authority.certify("127.0.0.1")});
+    expectRefusal(server.getUri(), server.getUri(),
+                  reason + "it is signed by an authority that is not known here");
+    authority.trust();
+    const HttpServer other("video/x-msvideo", makeFilm(), {.certificate = authority.certify("127.0.0.2")});
+    expectRefusal(other.getUri(), other.getUri(), reason + "it is that of another host");
+    EXPECT_EQ(server.getRequests() + other.getRequests(), 0);
 }
 
 } // namespace KR
