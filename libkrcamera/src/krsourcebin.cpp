@@ -25,7 +25,8 @@ std::string describe(const KRSource& source, const std::string& v4l2Caps) {
                            "video/x-raw,framerate=30/1") +
                adjust;
     case KRSource::Kind::Network:
-        return std::string("uridecodebin name=source caps=video/x-raw expose-all-streams=false ! "
+        // Sound is left alone. A decoder is only taken if the caps cover everything that it could deliver, hence ANY.
+        return std::string("uridecodebin name=source caps=\"video/x-raw(ANY)\" expose-all-streams=false ! "
                            "videoconvert") +
                adjust;
     case KRSource::Kind::V4l2:

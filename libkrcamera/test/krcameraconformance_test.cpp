@@ -3,6 +3,7 @@
 #include "cameratest.hpp"
 #include "certificateauthority.hpp"
 #include "httpserver.hpp"
+#include "rtspserver.hpp"
 
 #include "../../libkrvision/test/fakecamera.hpp"
 
@@ -72,6 +73,11 @@ protected:
             record();
             return "oxv:" + (folder / "film.oxv") + (kind == "Recording" ? "" : "?pace=fetch");
         }
+        if (kind == "RtspJpeg" || kind == "RtspH264") {
+            rtspServer = std::make_unique<RtspServer>(kind == "RtspJpeg" ? RtspServer::Coding::Jpeg
+                                                                         : RtspServer::Coding::H264);
+            return rtspServer->getUri();
+        }
         writeFilm(folder / "film.avi");
         if (kind == "File") {
             return "file:" + (folder / "film.avi");
@@ -103,6 +109,7 @@ protected:
     TemporaryFolder folder;
     std::unique_ptr<CertificateAuthority> authority;
     std::unique_ptr<HttpServer> httpServer;
+    std::unique_ptr<RtspServer> rtspServer;
     test::Journal journal;
     KRModuleHandle<test::FakeCamera> fake;
 };
@@ -252,13 +259,14 @@ TEST_P(Conformance, ParametersAreSetWithinTheirRangeAndUnknownOnesAreErrors) {
 
 constexpr int contrast = 0x00980901;
 
-INSTANTIATE_TEST_SUITE_P(Sources, Conformance,
-                         testing::Values(Kind{"Fake", 1, true, 11}, Kind{"Test", 1, false, contrast},
-                                         Kind{"File", 2, false, contrast}, Kind{"Device", 3, false, contrast},
-                                         Kind{"Pipeline", 4}, Kind{"Http", 5, false, contrast},
-                                         Kind{"Https", 5, false, contrast}, Kind{"Image", 6, false, contrast},
-                                         Kind{"Recording", 7}, Kind{"SteppedRecording", 7}),
-                         [](const testing::TestParamInfo<Kind>& kind) { return kind.param.name; });
+INSTANTIATE_TEST_SUITE_P(
+    Sources, Conformance,
+    testing::Values(Kind{"Fake", 1, true, 11}, Kind{"Test", 1, false, contrast},
+                    Kind{"File", 2, false, contrast}, Kind{"Device", 3, false, contrast}, Kind{"Pipeline", 4},
+                    Kind{"Http", 5, false, contrast}, Kind{"Https", 5, false, contrast},
+                    Kind{"RtspJpeg", 5, false, contrast}, Kind{"RtspH264", 5, false, contrast},
+                    Kind{"Image", 6, false, contrast}, Kind{"Recording", 7}, Kind{"SteppedRecording", 7}),
+    [](const testing::TestParamInfo<Kind>& kind) { return kind.param.name; });
 
 } // namespace
 } // namespace KR

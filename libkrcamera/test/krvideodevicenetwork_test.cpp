@@ -1,6 +1,7 @@
 #include "cameratest.hpp"
 #include "certificateauthority.hpp"
 #include "httpserver.hpp"
+#include "rtspserver.hpp"
 
 #include "../../libkrplatform/test/patience.hpp"
 
@@ -84,16 +85,54 @@ TEST_F(NetworkTest, AFilmOnAServerIsPlayedAgainAndAgain) {
     }
 }
 
+TEST_F(NetworkTest, AFilmOnAServerMayBeCodedInEveryWayThatAFileMay) {
+    runPipeline("videotestsrc num-buffers=10 pattern=green ! video/x-raw,format=RGB,width=320,height=240,"
+                "framerate=30/1 ! videoconvert ! openh264enc ! h264parse ! matroskamux name=film ! filesink "
+                "location=" +
+                (folder / "film.mkv") + " audiotestsrc num-buffers=10 ! alawenc ! film.");
+    const HttpServer server("video/x-matroska", read(folder / "film.mkv"), {});
+    start({server.getUri()});
+    const std::string id = subscribe(0, Resolution::QuarterVga, Space::Rgb);
+    expectGreen(fetchPatiently(id));
+}
+
 TEST_F(NetworkTest, AnHttpCameraThatGoesOffTheNetIsThereAgainWhenItIsBack) {
     HttpServer server("multipart/x-mixed-replace; boundary=next", makeStream(), {.endless = true});
     expectThatItComesBack(server);
+}
+
+TEST_F(NetworkTest, AnRtspCameraShowsWhatMoves) {
+    for (const auto coding : {RtspServer::Coding::Jpeg, RtspServer::Coding::H264}) {
+        const RtspServer server(coding);
+        start({server.getUri()});
+        const std::string id = subscribe(0, Resolution::QuarterVga, Space::Rgb);
+        const auto countBallPixels = [](const Image& image) {
+            int pixels = 0;
+            for (int x = 0; x < image.width; ++x) {
+                pixels += image.at(x, image.height / 2)[0] > 128 ? 1 : 0;
+            }
+            return pixels;
+        };
+        fetchUntil(id, [&](const Image& image) { return countBallPixels(image) > 10; });
+        fetchUntil(id, [&](const Image& image) { return countBallPixels(image) == 0; });
+        service.reset();
+    }
+}
+
+TEST_F(NetworkTest, AnRtspCameraThatGoesOffTheNetIsThereAgainWhenItIsBack) {
+    for (const auto coding : {RtspServer::Coding::Jpeg, RtspServer::Coding::H264}) {
+        RtspServer server(coding);
+        expectThatItComesBack(server);
+        service.reset();
+    }
 }
 
 TEST_F(NetworkTest, AServerThatIsNotThereIsNamed) {
     std::vector<std::string> uris;
     {
         const HttpServer http("text/plain", "", {});
-        uris = {http.getUri(), "https" + http.getUri().substr(4)};
+        const RtspServer rtsp(RtspServer::Coding::Jpeg);
+        uris = {http.getUri(), "https" + http.getUri().substr(4), rtsp.getUri()};
     }
     for (const std::string& uri : uris) {
         EXPECT_THAT(openError(uri),
@@ -107,16 +146,28 @@ TEST_F(NetworkTest, APageThatIsNoFilmIsRefused) {
     EXPECT_THAT(openError(server.getUri()), HasSubstr("cannot be opened: "));
 }
 
+TEST_F(NetworkTest, AnRtspPathThatTheServerDoesNotKnowIsRefused) {
+    const RtspServer server(RtspServer::Coding::Jpeg);
+    const std::string uri = server.getUri("", "/attic");
+    expectRefusal(uri, uri, "Not found");
+}
+
 TEST_F(NetworkTest, APasswordOpensACamera) {
     const HttpServer http("video/x-msvideo", makeFilm(), {.password = "s@cret"});
-    start({http.getUri("user:s%40cret@")});
-    expectGreen(fetchPatiently(subscribe(0, Resolution::QuarterVga, Space::Rgb)));
+    const RtspServer rtsp(RtspServer::Coding::Jpeg, "s@cret");
+    start({http.getUri("user:s%40cret@"), rtsp.getUri("user:s%40cret@")});
+    for (const int camera : {0, 1}) {
+        expectGreen(fetchPatiently(subscribe(camera, Resolution::QuarterVga, Space::Rgb)));
+    }
 }
 
 TEST_F(NetworkTest, AWrongPasswordIsRefusedAndToldToNobody) {
     const HttpServer http("video/x-msvideo", makeFilm(), {.password = "secret"});
     expectRefusal(http.getUri("user:mistaken@"), http.getUri("user:***@"), "Unauthorized");
     expectRefusal(http.getUri(), http.getUri(), "Unauthorized");
+    const RtspServer rtsp(RtspServer::Coding::Jpeg, "secret");
+    expectRefusal(rtsp.getUri("user:mistaken@"), rtsp.getUri("user:***@"), "Unauthorized");
+    expectRefusal(rtsp.getUri(), rtsp.getUri(), "Unauthorized");
 }
 
 TEST_F(NetworkTest, AServerOfATrustedAuthorityIsACamera) {
