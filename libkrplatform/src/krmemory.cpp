@@ -170,15 +170,23 @@ void KRMemory::raiseEvent(const std::string& event, const KRValue& value) {
     std::exception_ptr failure;
     for (const auto& subscription : idle) {
         try {
-            xPost("raiseEvent", [this, subscription] { deliver(subscription); });
+            deliverLater(subscription);
         } catch (const KRError&) {
-            const std::lock_guard lock(mutex_);
-            subscription->delivering = false; // the next event tries again
             failure = std::current_exception();
         }
     }
     if (failure) {
         std::rethrow_exception(failure);
+    }
+}
+
+void KRMemory::deliverLater(const std::shared_ptr<Subscription>& subscription) {
+    try {
+        xPost("raiseEvent", [this, subscription] { deliver(subscription); });
+    } catch (const KRError&) {
+        const std::lock_guard lock(mutex_);
+        subscription->delivering = false; // the next event tries again
+        throw;
     }
 }
 
@@ -193,7 +201,9 @@ void KRMemory::deliver(const std::shared_ptr<Subscription>& subscription) {
         int lost = 0;
         {
             const std::lock_guard lock(mutex_);
-            if (subscription->pending.empty()) { // also once the subscription has ended
+            // Empty also once the subscription has ended. What waits for a client that is still to be reachable goes
+            // on in noticeModule().
+            if (subscription->pending.empty() || isStillToCome(subscription->client.getModuleName())) {
                 subscription->delivering = false;
                 return;
             }
@@ -324,6 +334,7 @@ bool KRMemory::checkCallback(const std::string& client, const std::string& callb
 void KRMemory::noticeModule(const std::string& module, bool reachable) {
     std::vector<LinkKey> links;
     std::vector<Undelivered> undelivered;
+    std::vector<std::shared_ptr<Subscription>> waiting;
     {
         const std::lock_guard lock(mutex_);
         for (auto& [name, event] : events_) {
@@ -332,9 +343,16 @@ void KRMemory::noticeModule(const std::string& module, bool reachable) {
                     links.emplace_back(module, client);
                 }
             }
-            if (!reachable && event.subscriptions.contains(module)) {
+            const auto own = event.subscriptions.find(module);
+            if (own == event.subscriptions.end()) {
+                continue;
+            }
+            if (!reachable) {
                 undelivered.push_back(drop(event, module));
                 links.emplace_back(event.extractor, module);
+            } else if (!own->second->pending.empty() && !own->second->delivering) {
+                own->second->delivering = true;
+                waiting.push_back(own->second);
             }
         }
         if (!reachable) {
@@ -346,6 +364,13 @@ void KRMemory::noticeModule(const std::string& module, bool reachable) {
         }
     }
     settleLater(links);
+    for (const auto& subscription : waiting) {
+        try {
+            deliverLater(subscription);
+        } catch (const KRError& error) {
+            logWarning(kCategory, std::string("events have to wait: ") + error.what());
+        }
+    }
 }
 
 void KRMemory::settleLater(const std::vector<LinkKey>& links) {
@@ -404,6 +429,10 @@ void KRMemory::settle(const std::string& extractor, const std::string& client) {
 
 bool KRMemory::isReachable(const std::string& module) const {
     return KRBrokerPrivate::of(*getParentBroker()).directory.isOpen(module);
+}
+
+bool KRMemory::isStillToCome(const std::string& module) const {
+    return KRBrokerPrivate::of(*getParentBroker()).directory.getState(module) == KRModuleState::Claimed;
 }
 
 bool KRMemory::isWanted(const LinkKey& key) const {

@@ -35,6 +35,7 @@ public:
 
     void declareEvent(const std::string& event, const std::string& extractor);
     void declareEvent(const std::string& event);
+    /// A subscriber that is not reachable yet gets it once it is.
     void raiseEvent(const std::string& event, const KRValue& value);
     void subscribeToEvent(const std::string& event, const std::string& client, const std::string& callback);
     void unsubscribeFromEvent(const std::string& event, const std::string& client);
@@ -75,11 +76,15 @@ private:
     /// \throws KRError it cannot be called back
     bool checkCallback(const std::string& client, const std::string& callback) const;
     static void tellOfLoss(const Subscription& subscription, int lost);
+    /// Calls the subscriber with the events that wait for it, as soon as it is reachable.
     void deliver(const std::shared_ptr<Subscription>& subscription);
+    /// The same on a call thread. \throws KRError there is none
+    void deliverLater(const std::shared_ptr<Subscription>& subscription);
     void settle(const std::string& extractor, const std::string& client);
     void settleLater(const std::vector<LinkKey>& links);
     bool isReachable(const std::string& module) const;
-    bool isWanted(const LinkKey& key) const; // with mutex_ held
+    bool isStillToCome(const std::string& module) const; // its name is taken, but it cannot be called yet
+    bool isWanted(const LinkKey& key) const;             // with mutex_ held
     /// Ends the subscription; with mutex_ held. What it returns is to go without it.
     [[nodiscard]] Undelivered drop(Event& event, const std::string& client);
 

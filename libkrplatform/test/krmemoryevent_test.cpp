@@ -306,5 +306,31 @@ TEST(KRMemoryEvent, TheListNamesWhatWasDeclaredRaisedOrSubscribedTo) {
     EXPECT_EQ(f.memory.getEventSubscribers("unknown"), KRValue::array());
 }
 
+TEST(KRMemoryEvent, WhatAClientIsToHearBeforeItIsReachableComesOnceItIs) {
+    const auto broker = KRBroker::create();
+    KRMemoryProxy memory(broker);
+    const auto client = createModule<EventListener>(broker, "other");
+    std::vector<KRValue> heard;
+    Event both;
+    {
+        const auto early = makeModule(broker, "client", [&](TestModule& m) {
+            m.add("onEvent", [&](const std::string&, const KRValue& value) {
+                heard.push_back(value); // one after the other
+                if (heard.size() == 2) {
+                    both.set();
+                }
+            });
+            memory.subscribeToEvent("event", "client", "onEvent");
+            memory.subscribeToEvent("event", "other", "onEvent");
+            memory.raiseEvent("event", 1);
+            EXPECT_EQ(client->waitForEvents(1).size(), 1u); // nobody waits for the other
+            memory.raiseEvent("event", 2);
+            EXPECT_EQ(client->waitForEvents(2).size(), 2u);
+        });
+        EXPECT_TRUE(both.wait());
+    }
+    EXPECT_THAT(heard, ElementsAre(1, 2));
+}
+
 } // namespace
 } // namespace KR
