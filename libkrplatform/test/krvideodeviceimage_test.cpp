@@ -167,5 +167,19 @@ TEST_F(KRVideoDeviceImage, AnUnknownColourSpacePassesToTheConversion) {
     }
 }
 
+// Its reader allocates what the geometry says and fills with zeros what the value does not hold.
+TEST_F(KRVideoDeviceImage, AnImageOfFewerLayersNeedsNoMorePixelsThanThoseHoweverLargeItIs) {
+    for (int space = 0; space < static_cast<int>(kLayers.size()); ++space) {
+        const int most = kIntMax / kLayers[static_cast<std::size_t>(space)]; // pixels that an int can count
+        expectPasses(makeImage(most, 1, 0, space, 0));
+        expectPasses(makeImage(1, most, 0, space, 0));
+        if (most < kIntMax) {
+            expectRefused(makeImage(most + 1, 1, 0, space, 0), "too large");
+        }
+    }
+    expectPasses(makeImage(1000, 1000, 1, 13, 1000000));
+    expectRefused(makeImage(1000, 1000, 1, 13, 999999), "needs 1000000 bytes, but there are 999999");
+}
+
 } // namespace
 } // namespace KR

@@ -126,5 +126,111 @@ TEST(KRVideoDeviceProxy, WithoutAServiceEachOperationIsAnError) {
     EXPECT_THROW(proxy.getCameraModel(0), KRError);
 }
 
+/// A camera service that goes and comes back. Each one that comes numbers its subscriptions as none before.
+struct RestartedService {
+    void start() {
+        const int number = ++starts;
+        module = makeModule(broker, "KRVideoDevice", [this, number](TestModule& m) {
+            const auto note = [this](auto... asks) { asked.push_back(KRValue::array(asks...)); };
+            using String = const std::string&;
+            m.add("subscribeCamera",
+                  [note, number](String name, int camera, int resolution, int space, int rate) {
+                      note("subscribeCamera", name, camera, resolution, space, rate);
+                      return name + "_" + std::to_string(number);
+                  });
+            for (const char* method :
+                 {"unsubscribe", "releaseImage", "getImageRemote", "setAllCameraParametersToDefault"}) {
+                m.add(method, [note, method](String id) {
+                    note(method, id);
+                    return KRValue("image");
+                });
+            }
+            for (const char* method : {"setFrameRate", "setResolution", "setColorSpace", "setActiveCamera"}) {
+                m.add(method, [note, method](String id, int value) {
+                    note(method, id, value);
+                    return value >= 0;
+                });
+            }
+            m.add("setCameraParameter", [note](String id, int parameter, int value) {
+                note("setCameraParameter", id, parameter, value);
+                return value >= 0;
+            });
+        });
+    }
+    void restart() {
+        module.reset();
+        asked.clear();
+        start();
+    }
+
+    std::vector<KRValue> asked;
+    int starts = 0;
+    boost::shared_ptr<KRBroker> broker = KRBroker::create();
+    KRVideoDeviceProxy proxy{broker};
+    KRModuleHandle<TestModule> module;
+};
+
+TEST(KRVideoDeviceProxy, ASubscriptionGoesOnAtTheServiceThatComesWithItsSettingsAndParameters) {
+    RestartedService service;
+    service.start();
+    KRVideoDeviceProxy& proxy = service.proxy;
+    const std::string id = proxy.subscribeCamera("me", 0, 2, 9, 30);
+    EXPECT_TRUE(proxy.setFrameRate(id, 15));
+    EXPECT_TRUE(proxy.setResolution(id, 1));
+    EXPECT_TRUE(proxy.setColorSpace(id, 13));
+    EXPECT_TRUE(proxy.setActiveCamera(id, 3));
+    EXPECT_FALSE(proxy.setResolution(id, -1)); // what was refused is not asked for again
+    EXPECT_FALSE(proxy.setActiveCamera(id, -1));
+    EXPECT_TRUE(proxy.setCameraParameter(id, 10, 1));
+    EXPECT_TRUE(proxy.setCameraParameter(id, 11, 2));
+    EXPECT_TRUE(proxy.setCameraParameter(id, 10, 3));
+    EXPECT_FALSE(proxy.setCameraParameter(id, 12, -1));
+    service.restart();
+    EXPECT_EQ(proxy.getImageRemote(id), "image");
+    EXPECT_TRUE(proxy.setFrameRate(id, 20));
+    EXPECT_THAT(service.asked, ElementsAre(KRValue::array("subscribeCamera", "me", 3, 1, 13, 15),
+                                           KRValue::array("setCameraParameter", "me_2", 11, 2),
+                                           KRValue::array("setCameraParameter", "me_2", 10, 3),
+                                           KRValue::array("getImageRemote", "me_2"),
+                                           KRValue::array("setFrameRate", "me_2", 20)));
+    proxy.setAllCameraParametersToDefault(id);
+    service.restart();
+    proxy.releaseImage(id);
+    EXPECT_THAT(service.asked, ElementsAre(KRValue::array("subscribeCamera", "me", 3, 1, 13, 20),
+                                           KRValue::array("releaseImage", "me_3")));
+}
+
+TEST(KRVideoDeviceProxy, WhileTheServiceIsGoneThereIsNothingToReleaseOrToUnsubscribe) {
+    RestartedService service;
+    service.start();
+    KRVideoDeviceProxy& proxy = service.proxy;
+    const std::string id = proxy.subscribeCamera("me", 0, 2, 9, 30);
+    service.module.reset();
+    EXPECT_THROW(proxy.getImageRemote(id), KRError);
+    EXPECT_THROW(proxy.setResolution(id, 1), KRError);
+    proxy.releaseImage(id);
+    proxy.setAllCameraParametersToDefault(id);
+    proxy.unsubscribe(id);
+    service.restart();
+    EXPECT_EQ(proxy.getImageRemote(id), "image"); // for the service to refuse
+    EXPECT_THAT(service.asked, ElementsAre(KRValue::array("getImageRemote", "me_1")));
+}
+
+TEST(KRVideoDeviceProxy, AServiceThatGoesWhileItIsAskedNeedNotBeUnsubscribedFrom) {
+    const auto broker = KRBroker::create();
+    KRVideoDeviceProxy proxy(broker);
+    const auto service = makeModule(broker, "KRVideoDevice", [](TestModule& m) {
+        m.add("subscribeCamera", [](const std::string& name, int, int, int, int) { return name; });
+        m.add("releaseImage", [](const std::string&) { throw KRError("KRVideoDevice", "", "refused"); });
+        m.add("unsubscribe", [&m](const std::string&) {
+            m.exit();
+            throw KRError("KRVideoDevice", "", "going");
+        });
+    });
+    const std::string id = proxy.subscribeCamera("me", 0, 2, 9, 30);
+    EXPECT_THROW(proxy.releaseImage(id), KRError);
+    proxy.unsubscribe(id);
+}
+
 } // namespace
 } // namespace KR
