@@ -58,9 +58,8 @@ protected:
                           int frameRate = 30) {
         return proxy->subscribeCamera("test", camera, resolution, colorSpace, frameRate);
     }
-    Image fetch(const std::string& id) { return Image(proxy->getImageRemote(id)); }
-    /// Fetches in spite of a source that takes its time.
-    Image fetchPatiently(const std::string& id);
+    /// The next image, also from a camera that takes its time; waits for a minute at most.
+    Image fetch(const std::string& id);
     /// Fetches until an image satisfies the condition; for a minute at most, then the test has failed.
     Image fetchUntil(const std::string& id, const std::function<bool(const Image&)>& condition);
     /// The value, again once the service has done what it was asked to; for a minute at most.

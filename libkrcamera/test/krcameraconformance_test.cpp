@@ -120,8 +120,8 @@ TEST_P(Conformance, IdentifiersBeginWithTheNameAndDiffer) {
     EXPECT_THAT(first, testing::MatchesRegex("test_[0-9]+"));
     EXPECT_THAT(second, testing::MatchesRegex("test_[0-9]+"));
     EXPECT_NE(first, second);
-    fetchPatiently(first);
-    fetchPatiently(second);
+    fetch(first);
+    fetch(second);
 }
 
 TEST_P(Conformance, WhatIsNotSupportedIsRefusedByName) {
@@ -141,7 +141,7 @@ TEST_P(Conformance, EveryResolutionComesAsAskedInEveryColorSpace) {
         const int space = spaces[static_cast<std::size_t>(resolution) % spaces.size()];
         ASSERT_TRUE(proxy->setResolution(id, resolution));
         ASSERT_TRUE(proxy->setColorSpace(id, space));
-        const Image image = fetchPatiently(id);
+        const Image image = fetch(id);
         int width = 0;
         int height = 0;
         setSizeFromResolution(resolution, width, height);
@@ -157,7 +157,7 @@ TEST_P(Conformance, EachFetchGetsALaterImageReleasedOrNot) {
     const std::string id = subscribe(0, Resolution::QuarterVga);
     std::int64_t last = 0;
     for (int i = 0; i < 10; ++i) {
-        const Image image = fetchPatiently(id);
+        const Image image = fetch(id);
         EXPECT_GT(image.time_usec, last);
         last = image.time_usec;
         if (i % 2 == 0) {
@@ -169,10 +169,10 @@ TEST_P(Conformance, EachFetchGetsALaterImageReleasedOrNot) {
 
 TEST_P(Conformance, AnImageStaysAsItIsForAsLongAsItIsHeld) {
     const std::string id = subscribe(0, 0, Space::Bgr);
-    const Image held = fetchPatiently(id);
+    const Image held = fetch(id);
     const std::vector<unsigned char> copy(held.data(), held.data() + held.pixels.size());
     for (int i = 0; i < 5; ++i) {
-        fetchPatiently(id);
+        fetch(id);
         proxy->releaseImage(id);
     }
     proxy->unsubscribe(id);
@@ -194,7 +194,7 @@ TEST_P(Conformance, SettersRefuseWhatIsNotSupportedAndChangeNothing) {
         EXPECT_FALSE(proxy->setActiveCamera(id, bad));
     }
     EXPECT_EQ(proxy->getFrameRate(id), 15);
-    const Image image = fetchPatiently(id);
+    const Image image = fetch(id);
     EXPECT_EQ(image.width, 320);
     EXPECT_EQ(image.colorSpace, Space::Bgr);
     EXPECT_EQ(image.camera, 0);
@@ -224,17 +224,17 @@ TEST_P(Conformance, AnUnknownIdentifierIsAnErrorEverywhere) {
 
 TEST_P(Conformance, ASubscriptionMovesToAnotherCameraAndBack) {
     const std::string id = subscribe();
-    EXPECT_EQ(fetchPatiently(id).camera, 0);
+    EXPECT_EQ(fetch(id).camera, 0);
     EXPECT_TRUE(proxy->setActiveCamera(id, 1));
-    EXPECT_EQ(fetchPatiently(id).camera, 1);
+    EXPECT_EQ(fetch(id).camera, 1);
     EXPECT_TRUE(proxy->setActiveCamera(id, 0));
-    EXPECT_EQ(fetchPatiently(id).camera, 0);
+    EXPECT_EQ(fetch(id).camera, 0);
 }
 
 TEST_P(Conformance, ACameraThatEverybodyHasLeftOpensAgain) {
     for (int i = 0; i < 3; ++i) {
         const std::string id = subscribe();
-        fetchPatiently(id);
+        fetch(id);
         proxy->unsubscribe(id);
     }
 }
@@ -254,7 +254,7 @@ TEST_P(Conformance, ParametersAreSetWithinTheirRangeAndUnknownOnesAreErrors) {
         EXPECT_FALSE(proxy->setCameraParameter(id, parameter, 100'000));
     }
     proxy->setAllCameraParametersToDefault(id);
-    fetchPatiently(id);
+    fetch(id);
 }
 
 constexpr int contrast = 0x00980901;

@@ -49,7 +49,7 @@ protected:
         start({server.getUri()});
         const std::string id = subscribe(0, Resolution::QuarterVga, Space::Rgb);
         for (int i = 0; i < 5; ++i) {
-            expectGreen(fetchPatiently(id));
+            expectGreen(fetch(id));
         }
         server.stop();
         waitUntil([&] { return !proxy->getCameraList()[0].failure.empty(); });
@@ -78,7 +78,7 @@ TEST_F(NetworkTest, AFilmOnAServerIsPlayedAgainAndAgain) {
     const std::string id = subscribe(0, Resolution::QuarterVga, Space::Rgb);
     std::int64_t last = 0;
     for (int i = 0; i < 25; ++i) {
-        const Image image = fetchPatiently(id);
+        const Image image = fetch(id);
         EXPECT_GT(image.time_usec, last);
         last = image.time_usec;
         expectGreen(image);
@@ -93,7 +93,7 @@ TEST_F(NetworkTest, AFilmOnAServerMayBeCodedInEveryWayThatAFileMay) {
     const HttpServer server("video/x-matroska", read(folder / "film.mkv"), {});
     start({server.getUri()});
     const std::string id = subscribe(0, Resolution::QuarterVga, Space::Rgb);
-    expectGreen(fetchPatiently(id));
+    expectGreen(fetch(id));
 }
 
 TEST_F(NetworkTest, AnHttpCameraThatGoesOffTheNetIsThereAgainWhenItIsBack) {
@@ -157,7 +157,7 @@ TEST_F(NetworkTest, APasswordOpensACamera) {
     const RtspServer rtsp(RtspServer::Coding::Jpeg, "s@cret");
     start({http.getUri("user:s%40cret@"), rtsp.getUri("user:s%40cret@")});
     for (const int camera : {0, 1}) {
-        expectGreen(fetchPatiently(subscribe(camera, Resolution::QuarterVga, Space::Rgb)));
+        expectGreen(fetch(subscribe(camera, Resolution::QuarterVga, Space::Rgb)));
     }
 }
 

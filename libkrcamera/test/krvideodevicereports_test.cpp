@@ -53,9 +53,11 @@ TEST_F(ReportTest, ASubscriptionKeepsAccountOfItself) {
     EXPECT_EQ(proxy->getStatistics().at(1).toKRValue(),
               KRValue::array(id, 0, 0, 0, 0.0F, 0.0F, 0.0F, 0.0F, 0.0F, 0.0F, 0.0F, 0.0F, 0.0F));
     fetch(id);
+    const auto first = std::chrono::steady_clock::now();
     for (int i = 0; i < 5; ++i) {
         fetch(watcher);
     }
+    const std::chrono::duration<float, std::milli> pause = std::chrono::steady_clock::now() - first;
     fetch(id); // five images later, but for those that came between
     fetch(id);
     proxy->releaseImage(id);
@@ -67,9 +69,9 @@ TEST_F(ReportTest, ASubscriptionKeepsAccountOfItself) {
     EXPECT_GT(statistics.age.max_ms, 0);
     EXPECT_GE(statistics.age.p99_ms, statistics.age.median_ms);
     EXPECT_GE(statistics.age.max_ms, statistics.age.p99_ms);
-    EXPECT_GT(statistics.interval.max_ms, 100); // at 30 images per second, give or take
-    EXPECT_GT(statistics.hold.max_ms, 100);     // the first was held until the second came
-    EXPECT_LT(statistics.hold.median_ms, statistics.hold.max_ms + 1);
+    EXPECT_GT(statistics.interval.max_ms, pause.count() - 1);
+    EXPECT_GT(statistics.hold.max_ms, pause.count() - 1); // the first was held until the second came
+    EXPECT_LE(statistics.hold.median_ms, statistics.hold.max_ms);
 }
 
 TEST_F(ReportTest, ImagesBeforeTheFirstAndOfTheCameraBeforeAreNotMissed) {
