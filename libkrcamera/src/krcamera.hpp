@@ -27,17 +27,14 @@ public:
 
     /// Starts the camera, at the first call, and waits until it delivers, at most ten seconds. If it has failed,
     /// has it try again at once.
-    /// \throws std::runtime_error  it failed, delivered nothing in time, or requestStop() came in between
+    /// \throws std::runtime_error  it failed, delivered nothing in time, or close() came in between
     virtual void open() = 0;
 
     /// Says that pictures of this size are asked for. A camera that has several sizes delivers one that serves the
     /// largest picture asked for since it was made.
     virtual void want(const KRSize& /*size*/) {}
 
-    /// Wakes everyone who waits. Returns at once.
-    virtual void requestStop() = 0;
-
-    /// Stops the camera for good. Not beside another close().
+    /// Stops the camera for good, and wakes everyone who waits. Not beside another close().
     virtual void close() = 0;
 
     /// Waits for a frame with a number greater than `after`.

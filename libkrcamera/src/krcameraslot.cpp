@@ -101,9 +101,6 @@ void KRCameraSlot::shutDown() {
     {
         const std::lock_guard lock(mutex_);
         shutDown_ = true;
-        if (camera_) {
-            camera_->requestStop();
-        }
     }
     const std::lock_guard users(usersMutex_);
     close();

@@ -60,12 +60,6 @@ void KRLiveCamera::want(const KRSize& size) {
     wanted_ = {std::max(wanted_.width, size.width), std::max(wanted_.height, size.height)};
 }
 
-void KRLiveCamera::requestStop() {
-    const std::lock_guard lock(mutex_);
-    stopping_ = true;
-    changed_.notify_all();
-}
-
 void KRLiveCamera::close() {
     std::thread thread;
     {

@@ -29,7 +29,6 @@ public:
 
     void open() override;
     void want(const KRSize& size) override;
-    void requestStop() override;
     void close() override;
     std::shared_ptr<KRFrame> waitForFrame(std::uint64_t after,
                                           std::chrono::steady_clock::time_point deadline) override;

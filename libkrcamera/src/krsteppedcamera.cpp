@@ -21,7 +21,7 @@ void KRSteppedCamera::open() {
     }
 }
 
-void KRSteppedCamera::requestStop() {
+void KRSteppedCamera::close() {
     const std::lock_guard lock(mutex_);
     stopping_ = true;
 }

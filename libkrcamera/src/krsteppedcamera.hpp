@@ -17,8 +17,7 @@ public:
     KRSteppedCamera(std::string path, int stream);
 
     void open() override;
-    void requestStop() override;
-    void close() override { requestStop(); }
+    void close() override;
     /// Waits for nothing. The frame has the number `after` + 1.
     std::shared_ptr<KRFrame> waitForFrame(std::uint64_t after,
                                           std::chrono::steady_clock::time_point deadline) override;

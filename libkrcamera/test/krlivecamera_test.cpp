@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <functional>
+#include <future>
 #include <stdexcept>
 
 namespace KR {
@@ -41,8 +42,9 @@ protected:
         capture.taken = Clock::now();
         return capture;
     }
+    /// Waits for longer than the test does: only who is woken is in time.
     std::shared_ptr<KRFrame> fetch(std::uint64_t after) {
-        return camera->waitForFrame(after, Clock::now() + test::kPatience);
+        return camera->waitForFrame(after, Clock::now() + 2 * test::kPatience);
     }
     std::string errorOf(const std::function<void()>& function) {
         try {
@@ -102,6 +104,7 @@ TEST_F(LiveCameraTest, FailsAndComesBackByItselfAndGoesOnCounting) {
     ASSERT_TRUE(eventually([&] { return camera->getStatus().state == "open"; }));
     EXPECT_GT(fetch(last)->getNumber(), first);
     EXPECT_EQ(camera->getStatus().failure, "");
+    camera->close(); // before what its thread uses
 }
 
 TEST_F(LiveCameraTest, TriesAtEverGreaterIntervalsUpToFiveSeconds) {
@@ -130,9 +133,18 @@ TEST_F(LiveCameraTest, OpeningOneThatHasFailedTriesAtOnce) {
         EXPECT_EQ(errorOf([&] { camera->open(); }), "no device");
         EXPECT_GE(attempts, i);
     }
+    // More of them than there is patience for if each of them waited.
+    auto opening = std::async(std::launch::async, [&] {
+        for (int i = 0; i < 15; ++i) {
+            EXPECT_EQ(errorOf([&] { camera->open(); }), "no device");
+        }
+        return true;
+    });
+    EXPECT_TRUE(test::resultOf(opening));
     plugged = true;
     camera->open();
     EXPECT_EQ(camera->getStatus().state, "open");
+    camera->close(); // before what its thread uses
 }
 
 TEST_F(LiveCameraTest, ClosingDoesNotWaitForTheNextAttempt) {
@@ -165,16 +177,33 @@ TEST_F(LiveCameraTest, AFetchThatWaitsHearsOfTheFailure) {
 }
 
 TEST_F(LiveCameraTest, IsOpenedAnewForALargerPictureThanItServesAndForNoOther) {
+    std::atomic<bool> failing = false;
+    pull = [&]() -> std::optional<KRCapture> {
+        if (failing.exchange(false)) {
+            throw std::runtime_error("unplugged");
+        }
+        sleepMilliseconds(1);
+        return makeCapture();
+    };
     camera->want({320, 240});
     camera->open();
     EXPECT_EQ(openedFor, 320);
     camera->want({160, 120});
-    const std::uint64_t before = fetch(0)->getNumber();
+    camera->want({320, 300}); // larger, but the same source serves it
+    const std::uint64_t before = fetch(fetch(fetch(0)->getNumber())->getNumber())->getNumber();
+    EXPECT_EQ(attempts, 1);
     camera->want({640, 480});
     EXPECT_TRUE(eventually([&] { return openedFor == 640; }));
     EXPECT_GT(fetch(before + 1)->getNumber(), before);
     EXPECT_EQ(attempts, 2);
     EXPECT_EQ(camera->getStatus().failure, "");
+
+    // What was asked for once counts until the camera closes.
+    camera->want({160, 120});
+    failing = true;
+    ASSERT_TRUE(eventually([&] { return attempts > 2 && running == 1; }));
+    EXPECT_EQ(openedFor, 640);
+    camera->close(); // before what its thread uses
 }
 
 // What nobody fetches is let go of as soon as the next one comes.
@@ -196,6 +225,69 @@ TEST_F(LiveCameraTest, HoldsNoFrameButTheNewest) {
     }
     camera->close();
     EXPECT_EQ(held, 0);
+}
+
+TEST_F(LiveCameraTest, WhoWaitsIsWokenWhenTheCameraCloses) {
+    std::atomic<bool> first = true;
+    pull = [&]() -> std::optional<KRCapture> {
+        if (first.exchange(false)) {
+            return makeCapture();
+        }
+        sleepMilliseconds(1);
+        return std::nullopt;
+    };
+    camera->open();
+    auto fetching = test::startAndLetSleep([&] { return fetch(1) == nullptr; });
+    camera->close();
+    EXPECT_TRUE(test::resultOf(fetching));
+}
+
+TEST_F(LiveCameraTest, ASteadyOneThatFallsSilentHasFailed) {
+    std::atomic<int> delivered = 0;
+    pull = [&]() -> std::optional<KRCapture> {
+        if (++delivered <= 3) {
+            return makeCapture();
+        }
+        sleepMilliseconds(50);
+        return std::nullopt;
+    };
+    KRLiveCamera steady(
+        0, "camera 0", [this](const KRSize&) { return std::make_unique<Source>(*this); }, true);
+    steady.open();
+    ASSERT_TRUE(eventually([&] { return steady.getStatus().state == "failed"; }));
+    EXPECT_EQ(steady.getStatus().failure, "no image within 10 s");
+}
+
+TEST_F(LiveCameraTest, AFetchThatWaitsGetsTheNextFrame) {
+    std::atomic<int> due = 1;
+    pull = [&]() -> std::optional<KRCapture> {
+        if (due > 0) {
+            --due;
+            return makeCapture();
+        }
+        sleepMilliseconds(1);
+        return std::nullopt;
+    };
+    camera->open();
+    auto fetching = test::startAndLetSleep([&] { return fetch(1)->getNumber(); });
+    ++due;
+    EXPECT_EQ(test::resultOf(fetching), 2U);
+    camera->close(); // before what its thread uses
+}
+
+TEST_F(LiveCameraTest, OneThatEndsAtOnceHasBeenOpenedAllTheSame) {
+    for (int i = 0; i < 20; ++i) {
+        std::atomic<bool> first = true;
+        pull = [&]() -> std::optional<KRCapture> {
+            if (first.exchange(false)) {
+                return makeCapture();
+            }
+            throw std::runtime_error("the source has ended");
+        };
+        KRLiveCamera ending(
+            0, "camera 0", [this](const KRSize&) { return std::make_unique<Source>(*this); }, false);
+        EXPECT_EQ(errorOf([&] { ending.open(); }), "no error");
+    }
 }
 
 } // namespace KR
