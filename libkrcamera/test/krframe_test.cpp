@@ -132,4 +132,16 @@ TEST_F(FrameTest, APictureWiderThanTheImageIsBorderedAboveAndBelow) {
     EXPECT_EQ(image.data()[160 * 640 + 320], 16);
 }
 
+TEST_F(FrameTest, OnlyTheWideResolutionsKeepTheProportionsOfThePicture) {
+    const auto frame = makeFrame(GST_VIDEO_FORMAT_GRAY8, 640, 480);
+    for (int resolution = 0; resolution <= 17; ++resolution) {
+        const KRBinary image = frame->getPixels(resolution, Space::Luma);
+        if (resolution < 13) {
+            EXPECT_EQ(image.data()[0], 128) << resolution;
+        } else {
+            EXPECT_LT(image.data()[0], 20) << resolution;
+        }
+    }
+}
+
 } // namespace KR

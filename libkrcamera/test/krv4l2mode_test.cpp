@@ -48,4 +48,25 @@ TEST(KRV4l2Mode, ADeviceThatTellsNothingIsAskedForVga) {
               "video/x-raw,format=YUY2,width=640,height=480,framerate=30/1;video/x-raw;image/jpeg");
 }
 
+TEST(KRV4l2Mode, UncompressedOnesAreBetterThanCompressedOnesAndYuv422IsTheBest) {
+    const std::string nv12 = "video/x-raw,format=NV12";
+    const KRV4l2Mode compressed{jpeg, {640, 480}, 30, 1};
+    const KRV4l2Mode planar{nv12, {640, 480}, 30, 1};
+    const KRV4l2Mode packed{yuy2, {640, 480}, 30, 1};
+    EXPECT_EQ(chooseV4l2Caps({compressed, planar}, {640, 480}),
+              nv12 + ",width=640,height=480,framerate=30/1");
+    EXPECT_EQ(chooseV4l2Caps({compressed, planar, packed}, {640, 480}),
+              yuy2 + ",width=640,height=480,framerate=30/1");
+}
+
+TEST(KRV4l2Mode, TwentyFourImagesPerSecondAreEnough) {
+    EXPECT_EQ(chooseV4l2Caps({{jpeg, {640, 480}, 30, 1}, {yuy2, {640, 480}, 24, 1}}, {640, 480}),
+              yuy2 + ",width=640,height=480,framerate=24/1");
+}
+
+TEST(KRV4l2Mode, OneThatIsTooLowIsTooSmallHoweverWide) {
+    EXPECT_EQ(chooseV4l2Caps({{yuy2, {1280, 360}, 30, 1}, {yuy2, {1280, 960}, 30, 1}}, {640, 480}),
+              yuy2 + ",width=1280,height=960,framerate=30/1");
+}
+
 } // namespace KR

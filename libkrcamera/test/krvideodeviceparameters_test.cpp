@@ -126,4 +126,19 @@ TEST_F(ParameterTest, UnknownParametersAreRefusedWithTheOnesThereAre) {
     fetch(id);
 }
 
+TEST_F(ParameterTest, LastWhenAFilmBeginsAnew) {
+    TemporaryFolder folder;
+    const std::string film = folder / "film.multipart"; // one that cannot be searched: it is opened again
+    runPipeline("videotestsrc pattern=black num-buffers=3 ! video/x-raw,width=320,height=240 ! jpegenc"
+                " ! multipartmux ! filesink location=" +
+                film);
+    start({"file:" + film});
+    const std::string id = subscribe(0, Resolution::QuarterVga, Space::Luma);
+    EXPECT_TRUE(proxy->setCameraParameter(id, ControlId::Brightness, 50));
+    fetchUntil(id, [](const Image& image) { return image.at(100, 100)[0] > 100; });
+    for (int i = 0; i < 10; ++i) {
+        EXPECT_GT(fetch(id).at(100, 100)[0], 100);
+    }
+}
+
 } // namespace KR

@@ -4,6 +4,8 @@
 
 #include <cstring>
 #include <fstream>
+#include <future>
+#include <latch>
 
 namespace KR {
 
@@ -145,8 +147,89 @@ TEST_F(RecordingTest, WhatCannotBePlayedIsRefusedWithTheReason) {
         EXPECT_THAT(
             openError("oxv:" + (folder / "hsv.oxv") + option),
             HasSubstr("its images are of colour space 12 and 8 bits; supported are 8 bits and 0 (luma)"));
+        video.recordVideo(folder / "deep", 0, {{160, 120, 0, 16}});
+        video.closeVideo();
+        EXPECT_THAT(openError("oxv:" + (folder / "deep.oxv") + option),
+                    HasSubstr("its images are of colour space 0 and 16 bits; supported are 8 bits"));
     }
     EXPECT_THAT(errorOf([&] { start({source + "?pace=slow"}); }), HasSubstr("has an unknown pace"));
+}
+
+TEST_F(RecordingTest, MovingToTheCameraWhereItIsChangesNothing) {
+    record();
+    start({source + "?pace=fetch"});
+    const std::string id = subscribe(0, 0, Space::Luma);
+    EXPECT_EQ(fetch(id).time_usec, timeOf(0));
+    EXPECT_TRUE(proxy->setActiveCamera(id, 0));
+    EXPECT_EQ(fetch(id).time_usec, timeOf(1));
+}
+
+TEST_F(RecordingTest, APathMayHaveAHashAndAQuestionMarkInIt) {
+    record();
+    for (const std::string name : {"take#1.oxv", "take#.oxv", "take?.oxv", "take?pace#2.oxv"}) {
+        std::filesystem::copy_file(path + ".oxv", folder / name);
+        start({"oxv:" + (folder / name) + "?pace=fetch", "oxv:" + (folder / name) + "#1?pace=fetch"});
+        EXPECT_EQ(fetch(subscribe(0, 0, Space::Luma)).at(50, 50)[0], 0) << name;
+        EXPECT_EQ(fetch(subscribe(1, 0, Space::Luma)).at(50, 50)[0], 10) << name;
+    }
+}
+
+TEST_F(RecordingTest, TheListOfCamerasTellsOfOneAsOfAnyCamera) {
+    record();
+    const std::string stepped = source + "#1?pace=fetch";
+    start({stepped});
+    EXPECT_EQ(proxy->getCameraList()[0].state, "closed");
+    const std::string id = subscribe(0, 0, Space::Luma);
+    fetch(id);
+    EXPECT_EQ(proxy->getCameraList()[0].toKRValue(), KRValue::array(0, stepped, 7, "open", "", 320, 240, 1));
+}
+
+TEST_F(RecordingTest, ARecordingIsNotPlayedFasterThanItWasRecorded) {
+    KRVideo video;
+    video.recordVideo(path, 0, {{160, 120, 0, 8}});
+    std::vector<char> pixels(160 * 120);
+    for (int i = 0; i < 3; ++i) {
+        video.write(pixels.data(), 160 * 120, beginning_usec + i * 1'000'000, 0, 0, 0, 0, 0);
+    }
+    video.closeVideo();
+    start({source});
+    const auto before = std::chrono::steady_clock::now();
+    const std::string id = subscribe(0, 0, Space::Luma);
+    fetchUntil(id, [](const Image& image) { return image.time_usec == beginning_usec + 2'000'000; });
+    EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::seconds(2));
+}
+
+TEST_F(RecordingTest, ThreadsThatShareASubscriptionShareItsImages) {
+    constexpr int count = 1000;
+    constexpr int threads = 3;
+    KRVideo video;
+    video.recordVideo(path, 0, {{160, 120, 0, 8}});
+    std::vector<char> pixels(160 * 120);
+    for (int i = 0; i < count; ++i) {
+        video.write(pixels.data(), 160 * 120, timeOf(i), 0, 0, 0, 0, 0);
+    }
+    video.closeVideo();
+    start({source + "?pace=fetch"});
+    const std::string id = subscribe(0, 0, Space::Luma);
+    std::latch ready(threads);
+    const auto drain = [&] {
+        ready.arrive_and_wait();
+        std::vector<std::int64_t> times;
+        while (errorOf([&] { times.push_back(fetch(id).time_usec); }) == "no error") {
+        }
+        return times;
+    };
+    std::vector<std::future<std::vector<std::int64_t>>> drains;
+    for (int i = 0; i < threads; ++i) {
+        drains.push_back(std::async(std::launch::async, drain));
+    }
+    std::vector<std::int64_t> times;
+    for (auto& each : drains) {
+        const std::vector<std::int64_t> some = each.get();
+        times.insert(times.end(), some.begin(), some.end());
+    }
+    EXPECT_EQ(times.size(), static_cast<std::size_t>(count));
+    EXPECT_EQ((std::set<std::int64_t>(times.begin(), times.end())).size(), static_cast<std::size_t>(count));
 }
 
 } // namespace KR
