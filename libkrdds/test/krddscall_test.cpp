@@ -188,6 +188,35 @@ TEST_F(KRDDSCall, AModuleThatExitsRefusesCalls) {
     EXPECT_TRUE(eventually([&] { return broker->getModuleList().empty(); }));
 }
 
+TEST_F(KRDDSCall, AResultThatIsTooDeepToTravelIsAnError) {
+    const auto here = makeModule(broker, "Here", [](TestModule& module) {
+        module.add("wrap", [](int depth) {
+            KRValue deep = 1;
+            for (int i = 0; i < depth; ++i) {
+                deep = KRValue::array(deep);
+            }
+            return deep;
+        });
+    });
+    ASSERT_TRUE(eventually([&] { return proxy->call<bool>("isReachable", "Here"); }));
+    EXPECT_EQ(proxy->call<KRValue>("callOther", "Here", "wrap", 1), KRValue::array(1));
+    const KRError error = errorOf([&] { proxy->call("callOther", "Here", "wrap", 70); });
+    EXPECT_EQ(error.getMethod(), "wrap");
+    EXPECT_THAT(error.getDescription(), HasSubstr("64 deep"));
+}
+
+TEST_F(KRDDSCall, APostedCallThatRunsElsewhereDoesNotKeepABrokerFromLeaving) {
+    proxy->post("block");
+    ASSERT_TRUE(eventually([&] { return proxy->call<int>("countBlocked") == 1; }));
+    proxy.reset();
+    auto leaving = std::async(std::launch::async, [this] {
+        broker.reset();
+        return true;
+    });
+    EXPECT_NO_THROW(resultOf(leaving));
+    server.kill(); // so that it ends in any case
+}
+
 } // namespace
 
 } // namespace KR::test

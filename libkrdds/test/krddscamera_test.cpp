@@ -7,6 +7,7 @@
 #include <krcamera/krvideodevice.hpp>
 #include <krplatform/krmodulehandle.hpp>
 #include <krplatform/krproxy.hpp>
+#include <krplatform/krvideodeviceproxy.hpp>
 #include <krvision/krvisionextractor.hpp>
 
 #include <gtest/gtest.h>
@@ -69,6 +70,27 @@ TEST(KRDDSCamera, AnExtractorGetsItsImagesFromAnotherProcessAndGoesOnWhenThatCom
     EXPECT_TRUE(counter->getsImages(10));
     counter->unsubscribe("client");
     EXPECT_FALSE(counter->isExiting());
+}
+
+TEST(KRDDSCamera, SubscriptionsOfOtherProcessesGoOn) {
+    const TestDomain domain;
+    const RecordedLog log;
+    const auto broker = domain.createBroker("lease=2");
+    const auto camera =
+        createModule<KRVideoDevice>(broker, "KRVideoDevice", std::vector<std::string>{"test"});
+    KRVideoDeviceProxy proxy(broker);
+    const std::string own = proxy.subscribeCamera("Own", 0, kVga, kYuv422, 30);
+    const OtherProcess staying(domain.getUrl("lease=2"), {"watcher", "Staying"});
+    ASSERT_EQ(staying.getAnswer(), "ready");
+    OtherProcess leaving(domain.getUrl("lease=2"), {"watcher", "Leaving"});
+    ASSERT_EQ(leaving.getAnswer(), "ready");
+    EXPECT_EQ(proxy.getSubscribers().size(), 3U);
+    leaving.kill();
+    EXPECT_TRUE(log.waitFor(KRLogLevel::Info, "subscription Leaving_3 has ended"));
+    const std::vector<KRSubscriberInfo> left = proxy.getSubscribers();
+    ASSERT_EQ(left.size(), 2U);
+    EXPECT_EQ(left[0].id, own);
+    EXPECT_EQ(left[1].id, "Staying_2");
 }
 
 } // namespace

@@ -64,10 +64,12 @@ TEST(KRDDSDirectory, WaitingForAServiceEndsAfterItsTime) {
 
 TEST(KRDDSDirectory, AModuleWhoseProcessEndsIsNoLongerThere) {
     const TestDomain domain;
+    const RecordedLog log;
     const auto broker = domain.createBroker();
     OtherProcess other(domain.getUrl(), {"module", "A"});
     ASSERT_TRUE(broker->getSession().waitForService("A", kPatience));
     EXPECT_EQ(other.stop(), 0);
+    EXPECT_TRUE(log.waitFor(KRLogLevel::Info, "has left the domain")); // it says so; it is not missed
     EXPECT_TRUE(eventually([&] { return broker->getModuleList().empty(); }));
     EXPECT_THROW(broker->getProxy("A")->call("getPid"), KRError);
 }
@@ -228,6 +230,15 @@ TEST(KRDDSDirectory, AddressesThatAreNotUnderstoodSayWhatIsWrong) {
 TEST(KRDDSDirectory, AnInterfaceThatDoesNotExistIsRefused) {
     EXPECT_THAT(refusalOf([] { KRBroker::create("dds:?domain=100&interfaces=nosuch0"); }),
                 HasSubstr("nosuch0"));
+}
+
+TEST(KRDDSDirectory, ABrokerGoesByItsNameOrElseByThatOfTheProgram) {
+    const TestDomain domain;
+    const OtherProcess named(domain.getUrl("lease=30&name=robot"), {"module", "A"});
+    const OtherProcess unnamed(domain.getUrl(), {"module", "B"});
+    const auto broker = domain.createBroker();
+    EXPECT_THAT(refusalOf([&] { makeModule(broker, "A"); }), HasSubstr("(robot) on "));
+    EXPECT_THAT(refusalOf([&] { makeModule(broker, "B"); }), HasSubstr("(krdds_server) on "));
 }
 
 } // namespace

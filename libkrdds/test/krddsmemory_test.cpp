@@ -17,6 +17,8 @@ namespace {
 /// The memory in another process, beside a module "Server" and an extractor "Extractor".
 class KRDDSMemory : public testing::Test {
 protected:
+    explicit KRDDSMemory(std::string lease = "lease=30") : lease_(std::move(lease)) {}
+
     void SetUp() override { ASSERT_TRUE(broker->getSession().waitForService("KRMemory", kPatience)); }
 
     bool hasSubscribers(const std::string& event, std::size_t count) {
@@ -29,17 +31,28 @@ protected:
         });
     }
 
+private:
+    const std::string lease_;
+
+protected:
     TestDomain domain;
-    std::string memoryUrl = domain.getUrl("memory=here&lease=2");
+    const std::string url = domain.getUrl(lease_);
+    const std::string memoryUrl = url + "&memory=here";
     std::unique_ptr<OtherProcess> server =
         std::make_unique<OtherProcess>(memoryUrl, std::vector<std::string>{"module", "Server"});
-    boost::shared_ptr<KRBroker> broker = domain.createBroker("lease=2");
+    boost::shared_ptr<KRBroker> broker = KRBroker::create(url);
     KRMemoryProxy memory{broker};
+};
+
+/// The same, where a process that is killed is missed soon.
+class KRDDSMortalMemory : public KRDDSMemory {
+protected:
+    KRDDSMortalMemory() : KRDDSMemory("lease=2") {}
 };
 
 TEST_F(KRDDSMemory, DataIsSharedByAllProcesses) {
     memory.insertData("key", KRValue::array(1, "two"));
-    const OtherProcess third(domain.getUrl("lease=2"), {"module", "Third"});
+    const OtherProcess third(url, {"module", "Third"});
     ASSERT_TRUE(broker->getSession().waitForService("Third", kPatience));
     const auto proxy = broker->getProxy("Third");
     ASSERT_TRUE(eventually([&] { return proxy->call<bool>("isReachable", "KRMemory"); }));
@@ -83,7 +96,7 @@ TEST_F(KRDDSMemory, TenThousandEventsComeCompletelyAndInOrder) {
 TEST_F(KRDDSMemory, SubscribersOfAnEventAreSubscribedToItsExtractorWhereverItIs) {
     const auto extractor = createModule<FakeExtractor>(broker, "Extractor");
     memory.declareEvent("Event", "Extractor");
-    const OtherProcess third(domain.getUrl("lease=2"), {"listener", "Listener"});
+    const OtherProcess third(url, {"listener", "Listener"});
     ASSERT_TRUE(broker->getSession().waitForService("Listener", kPatience));
     memory.subscribeToEvent("Event", "Listener", "onEvent");
     EXPECT_TRUE(extractor->waitForSubscribers({"Listener"}));
@@ -91,7 +104,7 @@ TEST_F(KRDDSMemory, SubscribersOfAnEventAreSubscribedToItsExtractorWhereverItIs)
     EXPECT_TRUE(extractor->waitForSubscribers({}));
 }
 
-TEST_F(KRDDSMemory, AMemoryThatComesBackKnowsTheEventsAgain) {
+TEST_F(KRDDSMortalMemory, AMemoryThatComesBackKnowsTheEventsAgain) {
     const auto extractor = createModule<FakeExtractor>(broker, "Extractor");
     const auto listener = createModule<EventListener>(broker, "Listener");
     memory.declareEvent("Event", "Extractor");

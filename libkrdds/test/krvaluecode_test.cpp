@@ -133,6 +133,33 @@ TEST(KRMessage, EveryBeginningOfAMessageIsRefusedAndEveryOtherChangeIsSurvived) 
     }
 }
 
+TEST(KRMessage, WhatNoBrokerSendsIsRefused) {
+    const auto parsesRequest = [](const Bytes& bytes) {
+        try {
+            KRRequest::parse(asReceived(bytes));
+        } catch (const KRMalformed&) {
+            return false;
+        }
+        return true;
+    };
+    KRRequest request{"broker", 1, KRRequest::Inquiry, std::string(65535, 'm'), "method", {}};
+    EXPECT_TRUE(parsesRequest(toBytes(request.compose(1))));
+    request.module += 'm'; // with its end more bytes than a name may have
+    EXPECT_FALSE(parsesRequest(toBytes(request.compose(1))));
+    request.module = "Module";
+    request.kind = 2;
+    EXPECT_FALSE(parsesRequest(toBytes(request.compose(1))));
+    request.kind = KRRequest::Call;
+    Bytes endless = toBytes(request.compose(1));
+    endless.at(4 + 4 + 6) = 'x'; // behind the header, the length and "broker"
+    EXPECT_FALSE(parsesRequest(endless));
+
+    const KRReply reply{"broker", 1, 3, {}};
+    EXPECT_THROW(KRReply::parse(asReceived(toBytes(reply.compose(1)))), KRMalformed);
+    const KRReply unknown{"broker", 1, KRReply::Unknown, {}};
+    EXPECT_EQ(KRReply::parse(asReceived(toBytes(unknown.compose(1)))).status, 2U);
+}
+
 } // namespace
 
 } // namespace KR::test

@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace KR::test {
@@ -31,16 +32,15 @@ inline Qos makeQos(const char* partition) {
 /// A participant of its own on the domain of a broker of this process.
 class Stranger {
 public:
-    explicit Stranger(int domain) : participant_(dds_create_participant(domain, nullptr, nullptr)) {}
+    explicit Stranger(int domain, std::string id = "stranger")
+        : participant_(dds_create_participant(domain, nullptr, nullptr)), id_(std::move(id)) {}
     ~Stranger() { dds_delete(participant_); }
     Stranger(const Stranger&) = delete;
     Stranger& operator=(const Stranger&) = delete;
 
     /// Identity of the one broker that there is.
     std::string findBroker() {
-        const dds_entity_t topic =
-            dds_create_topic(participant_, &KRVision_Announcement_desc, "KRVision/Broker", nullptr, nullptr);
-        const dds_entity_t reader = dds_create_reader(participant_, topic, makeQos(nullptr).get(), nullptr);
+        const dds_entity_t reader = readAnnouncements();
         std::string id;
         EXPECT_TRUE(eventually([&] {
             void* sample = nullptr;
@@ -61,10 +61,9 @@ public:
             dds_create_topic(participant_, &KRVision_Announcement_desc, "KRVision/Broker", nullptr, nullptr);
         const dds_entity_t writer = dds_create_writer(participant_, topic, makeQos(nullptr).get(), nullptr);
         KRVision_Announcement announcement{};
-        char id[] = "stranger";
         char host[] = "elsewhere";
-        announcement.broker = id;
-        announcement.name = id;
+        announcement.broker = id_.data();
+        announcement.name = id_.data();
         announcement.host = host;
         announcement.pid = 4711;
         announcement.protocol = protocol;
@@ -74,23 +73,18 @@ public:
         EXPECT_EQ(dds_write(writer, &announcement), DDS_RETCODE_OK);
     }
 
-    /// Sends a request to the broker.
+    /// Sends a request to the broker. \param kind  0 a call, 1 an inquiry
     void request(const std::string& broker, std::uint64_t number, std::string module, std::string method,
-                 std::vector<std::uint8_t> arguments) {
+                 std::vector<std::uint8_t> arguments, std::uint32_t kind = 0) {
         if (requests_ == 0) {
             const dds_entity_t topic = dds_create_topic(participant_, &KRVision_Request_desc,
                                                         "KRVision/1/Request", nullptr, nullptr);
-            requests_ = dds_create_writer(participant_, topic, makeQos(broker.c_str()).get(), nullptr);
-            EXPECT_TRUE(eventually([&] {
-                dds_publication_matched_status_t status{};
-                dds_get_publication_matched_status(requests_, &status);
-                return status.current_count == 1;
-            }));
+            requests_ = createWriter(topic, broker);
         }
         KRVision_Request request{};
-        char id[] = "stranger";
-        request.broker = id;
+        request.broker = id_.data();
         request.number = number;
+        request.kind = kind;
         request.callee = module.data();
         request.method = method.data();
         request.arguments._buffer = arguments.data();
@@ -101,11 +95,50 @@ public:
     dds_entity_t readReplies() {
         const dds_entity_t topic =
             dds_create_topic(participant_, &KRVision_Reply_desc, "KRVision/1/Reply", nullptr, nullptr);
-        return dds_create_reader(participant_, topic, makeQos("stranger").get(), nullptr);
+        return dds_create_reader(participant_, topic, makeQos(id_.c_str()).get(), nullptr);
+    }
+
+    dds_entity_t readRequests() {
+        const dds_entity_t topic =
+            dds_create_topic(participant_, &KRVision_Request_desc, "KRVision/1/Request", nullptr, nullptr);
+        return dds_create_reader(participant_, topic, makeQos(id_.c_str()).get(), nullptr);
+    }
+
+    dds_entity_t readAnnouncements() {
+        const dds_entity_t topic =
+            dds_create_topic(participant_, &KRVision_Announcement_desc, "KRVision/Broker", nullptr, nullptr);
+        return dds_create_reader(participant_, topic, makeQos(nullptr).get(), nullptr);
+    }
+
+    /// Answers a request of the broker.
+    void reply(const std::string& broker, std::uint64_t number, std::uint32_t status,
+               std::vector<std::uint8_t> value) {
+        const dds_entity_t topic =
+            dds_create_topic(participant_, &KRVision_Reply_desc, "KRVision/1/Reply", nullptr, nullptr);
+        KRVision_Reply reply{};
+        reply.broker = id_.data();
+        reply.number = number;
+        reply.status = status;
+        reply.value._buffer = value.data();
+        reply.value._length = reply.value._maximum = static_cast<std::uint32_t>(value.size());
+        EXPECT_EQ(dds_write(createWriter(topic, broker), &reply), DDS_RETCODE_OK);
     }
 
 private:
+    /// One that the broker reads.
+    dds_entity_t createWriter(dds_entity_t topic, const std::string& broker) {
+        const dds_entity_t writer =
+            dds_create_writer(participant_, topic, makeQos(broker.c_str()).get(), nullptr);
+        EXPECT_TRUE(eventually([&] {
+            dds_publication_matched_status_t status{};
+            dds_get_publication_matched_status(writer, &status);
+            return status.current_count == 1;
+        }));
+        return writer;
+    }
+
     const dds_entity_t participant_;
+    std::string id_;
     dds_entity_t requests_ = 0;
 };
 
