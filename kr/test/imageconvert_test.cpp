@@ -291,4 +291,30 @@ TEST_F(KrImageConvert, DumpShowsTheFieldsOfTheImage) {
     EXPECT_EQ(kr({"image", "dump", path("missing.oxi")}).exitCode, 1);
 }
 
+TEST_F(KrImageConvert, AJpegThatIsCutIsRefusedAndItsQualityIsAsAskedFor) {
+    writePicture(picture, path("a.png"));
+    EXPECT_EQ(convert("a.png", "good.jpg", {"--quality", "100"}).exitCode, 0);
+    EXPECT_EQ(convert("a.png", "small.jpg", {"--quality", "1"}).exitCode, 0);
+    EXPECT_LT(readAll(path("small.jpg")).size(), readAll(path("good.jpg")).size());
+    EXPECT_LE(largestDifference(readPicture(path("good.jpg")), picture), 4);
+    Bytes cut = readAll(path("good.jpg"));
+    cut.resize(cut.size() - 40); // within the pixels
+    writeAll(path("cut.jpg"), cut);
+    const Outcome outcome = convert("cut.jpg", "b.png");
+    EXPECT_EQ(outcome.exitCode, 1);
+    EXPECT_THAT(outcome.err, HasSubstr("cut.jpg: "));
+    EXPECT_FALSE(std::filesystem::exists(path("b.png")));
+}
+
+TEST_F(KrImageConvert, AGreyPictureIsGreyInEveryFormat) {
+    Picture grey = picture;
+    std::fill(grey.rgb.begin(), grey.rgb.end(), static_cast<unsigned char>(77));
+    grey.isGrey = true;
+    for (const std::string format : {"png", "jpg"}) {
+        writePicture(grey, path("g." + format));
+        EXPECT_TRUE(readPicture(path("g." + format)).isGrey) << format;
+        EXPECT_EQ(readPicture(path("g." + format)).rgb, grey.rgb) << format;
+    }
+}
+
 } // namespace

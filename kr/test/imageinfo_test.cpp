@@ -86,4 +86,26 @@ TEST_F(KrImageInfo, TellsWhatIsWrong) {
     EXPECT_THAT(run.err, HasSubstr("there is no image of 1879048512x240 pixels of 3 bytes"));
 }
 
+TEST_F(KrImageInfo, ShowsAFileOfVersion0WhichHasNoAngles) {
+    KRImage image(2, 1, KR::kYUV422ColorSpace, false, 0.0f, 0.0f, 0.0f, 0.0f); // without a time stamp
+    ASSERT_TRUE(image.writeFile(path("new.oxi").c_str()));
+    Bytes bytes = readAll(path("new.oxi"));
+    bytes[0] = '0';
+    bytes.erase(bytes.begin() + 32, bytes.begin() + 48);
+    writeAll(path("old.oxi"), bytes);
+    const Outcome run = kr({"image", "info", path("old.oxi")});
+    EXPECT_EQ(run.exitCode, 0);
+    EXPECT_EQ(run.err, "");
+    EXPECT_EQ(run.out, path("old.oxi") + "\n"
+                                         "  format        oxi, version 0\n"
+                                         "  size          2x1 pixels of 2 bytes\n"
+                                         "  colour space  YUV422 (9)\n"
+                                         "  taken         not set\n"
+                                         "  camera        0\n"
+                                         "  on disk       36 bytes\n");
+    bytes.pop_back();
+    writeAll(path("old.oxi"), bytes);
+    EXPECT_THAT(kr({"image", "info", path("old.oxi")}).err, HasSubstr("it has 35 bytes, and needs 36"));
+}
+
 } // namespace

@@ -187,6 +187,9 @@ TEST_F(KrVideoConvert, WhatCannotBeConvertedIsToldAndLeavesNothing) {
     const std::string in = record("in");
     const std::string empty = write("empty.oxv", make(0, 0));
     const std::string text = write("text.mkv", Bytes(1000, 'x'));
+    Bytes deep = makeOxvHeader(kOxvVersion1, 0, 1, 1, {{160, 120, 0, 16}});
+    deep.resize(deep.size() + 2 * kChunk);
+    const std::string sixteen = write("deep.oxv", deep);
     struct Case {
         std::string in, out;
         std::vector<std::string> options;
@@ -205,6 +208,7 @@ TEST_F(KrVideoConvert, WhatCannotBeConvertedIsToldAndLeavesNothing) {
              Case{in, "a.y4m", {"--from", "12"}, 1, "there is no frame 12; there are 12"},
              Case{in, "a.y4m", {"--stream", "2"}, 1, "there is no stream 2; the last one is 1"},
              Case{empty, "a.mkv", {}, 1, "there is no frame 0; there are 0"},
+             Case{sixteen, "a.mkv", {}, 1, "images of 16 bits a sample cannot be converted, only those of 8"},
              Case{in, "missing/a.mkv", {}, 1, "there is no folder"},
              Case{in, "missing/a.png", {}, 1, "missing/a-000000.png cannot be written: there is no folder"},
              Case{in, "in.oxv", {}, 1, "is the file that is read"},
@@ -218,7 +222,7 @@ TEST_F(KrVideoConvert, WhatCannotBeConvertedIsToldAndLeavesNothing) {
         EXPECT_EQ(outcome.out, "");
         EXPECT_THAT(outcome.err, HasSubstr(c.text));
     }
-    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(path("")), {}), 3);
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(path("")), {}), 4);
 }
 
 TEST_F(KrVideoConvert, ADiskThatIsFullIsAFailure) {
@@ -241,15 +245,17 @@ TEST_F(KrVideoConvert, InterruptedLeavesNothing) {
     // Of frames that are holes in the file: far too many to be done with them.
     const std::string in = write("in.oxv", makeOxvHeader(kOxvVersion1, 0, 5000, 1, {{640, 480, kYuv422, 8}}));
     std::filesystem::resize_file(in, 32 + 5000 * 614400ull);
-    const pid_t process =
-        start({KR_PROGRAM, "video", "convert", in, path("out.mp4")}, STDOUT_FILENO, STDERR_FILENO);
     const auto countFiles = [&] { return std::distance(std::filesystem::directory_iterator(path("")), {}); };
-    EXPECT_TRUE(eventually([&] { return countFiles() == 2; }));
-    ::kill(process, SIGTERM);
-    int status = 0;
-    EXPECT_EQ(::waitpid(process, &status, 0), process);
-    EXPECT_TRUE(WIFSIGNALED(status));
-    EXPECT_EQ(countFiles(), 1);
+    for (const int signal : {SIGTERM, SIGINT, SIGHUP}) {
+        const pid_t process =
+            start({KR_PROGRAM, "video", "convert", in, path("out.mp4")}, STDOUT_FILENO, STDERR_FILENO);
+        EXPECT_TRUE(eventually([&] { return countFiles() == 2; }));
+        ::kill(process, signal);
+        int status = 0;
+        EXPECT_EQ(::waitpid(process, &status, 0), process);
+        EXPECT_TRUE(WIFSIGNALED(status));
+        EXPECT_EQ(countFiles(), 1) << signal;
+    }
 }
 
 TEST_F(KrVideoConvert, ExtractMakesAPictureOfOneFrame) {
@@ -274,6 +280,73 @@ TEST_F(KrVideoConvert, PlaySaysWhatToDoWhereThereIsNoDisplay) {
     EXPECT_EQ(outcome.exitCode, 1);
     EXPECT_THAT(outcome.err, HasSubstr("there is no display here"));
     EXPECT_THAT(outcome.err, HasSubstr("kr video convert " + in));
+}
+
+TEST_F(KrVideoConvert, Y4mOfLumaHasOnePlane) {
+    const std::string in = write("luma.oxv", make(2, 2));
+    expectDone(convert(in, "a.y4m"));
+    const Bytes file = readAll(path("a.y4m"));
+    const std::string header =
+        "YUV4MPEG2 W160 H120 F1000000:33333 Ip A1:1 Cmono XCOLORRANGE=LIMITED\nFRAME\n";
+    ASSERT_EQ(file.size(), header.size() + kChunk + 6 + kChunk);
+    EXPECT_EQ(std::string(file.begin(), file.begin() + static_cast<std::ptrdiff_t>(header.size())), header);
+}
+
+TEST_F(KrVideoConvert, Y4mOfRgbHoldsThePlanesOfItsYuv422) {
+    KRVideo video;
+    video.recordVideo(path("rgb"), 0, {{160, 120, 11, 8}});
+    Bytes image(160 * 120 * 3, 255);
+    video.write(reinterpret_cast<char*>(image.data()), static_cast<int>(image.size()), 0, 0, 0, 0, 0, 0);
+    expectDone(kr({"video", "convert", path("rgb.oxv"), path("a.y4m")}));
+    const Bytes file = readAll(path("a.y4m"));
+    const Bytes planes(file.end() - 38400, file.end());
+    EXPECT_TRUE(std::all_of(planes.begin(), planes.begin() + 19200, [](int y) { return y >= 234; }));
+    EXPECT_TRUE(
+        std::all_of(planes.begin() + 19200, planes.end(), [](int c) { return std::abs(c - 128) <= 1; }));
+}
+
+TEST_F(KrVideoConvert, OfAFilmTheFramesThatWereAskedForAreTaken) {
+    expectDone(convert(record("in"), "a.mkv"));
+    expectDone(convert(path("a.mkv"), "part.oxv", {"--size", "160x120", "--from", "3", "--to", "5"}));
+    Recording part(path("part.oxv"));
+    Frames frames(part, 0);
+    ASSERT_EQ(frames.count(), 3U);
+    for (unsigned frame = 0; frame < 3; ++frame) {
+        expectColor(makePicture(frames.read(frame)), 3 + frame, 0, 12);
+    }
+    const Outcome beyond = convert(path("a.mkv"), "none.oxv", {"--from", "12"});
+    EXPECT_EQ(beyond.exitCode, 1);
+    EXPECT_THAT(beyond.err, HasSubstr("there is no frame 12"));
+    const Outcome stream = convert(path("a.mkv"), "none.oxv", {"--stream", "0"});
+    EXPECT_EQ(stream.exitCode, 2);
+    EXPECT_THAT(stream.err, HasSubstr("--stream is for recordings"));
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(path("")), {}), 3); // no part of it either
+}
+
+TEST_F(KrVideoConvert, BesidePicturesOfAnotherShapeThereIsBlack) {
+    KRVideo video;
+    video.recordVideo(path("wide"), 0, {{1280, 720, kYuv422, 8}});
+    Bytes image(1280 * 720 * 2, 128);
+    video.write(reinterpret_cast<char*>(image.data()), static_cast<int>(image.size()), 0, 0, 0, 0, 0, 0);
+    expectDone(kr({"video", "convert", path("wide.oxv"), path("a.mkv")}));
+    expectDone(convert(path("a.mkv"), "back.oxv", {"--size", "160x120"}));
+    Recording back(path("back.oxv"));
+    Frames frames(back, 0);
+    const KRImage& film = frames.read(0);
+    for (const int y : {1, 118}) {
+        EXPECT_LE(film.data[(y * 160 + 80) * 2], 20) << y;
+    }
+    EXPECT_NEAR(film.data[(60 * 160 + 80) * 2], 128, 4);
+}
+
+TEST_F(KrVideoConvert, WithoutTimeStampsThatRiseThereAreThirtyFramesPerSecond) {
+    Bytes file = make(3, 3);
+    for (unsigned frame = 0; frame < 3; ++frame) {
+        put(file, 32 + frame * kChunk, std::int64_t{-1});
+    }
+    expectDone(convert(write("still.oxv", file), "a.y4m"));
+    const Bytes y4m = readAll(path("a.y4m"));
+    EXPECT_THAT(std::string(y4m.begin(), y4m.begin() + 80), HasSubstr(" F1000000:33333 "));
 }
 
 // ---- time
