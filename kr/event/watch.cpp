@@ -53,17 +53,6 @@ private:
     std::atomic<bool> isDone_ = false; // written with mutex_ held
 };
 
-/// Subscribes again where a memory that was restarted knows nothing of it.
-void keepSubscribed(KRMemoryProxy& memory, const std::string& event, const std::string& client) {
-    const KRValue subscribers = memory.getEventSubscribers(event);
-    for (std::size_t i = 0; i < subscribers.getSize(); ++i) {
-        if (subscribers[i][0].to<std::string>() == client) {
-            return;
-        }
-    }
-    memory.subscribeToEvent(event, client, Client::kCallback);
-}
-
 ExitCode act(const Options& options) {
     Interruption interruption;
     const auto broker = options.domain.connect();
@@ -75,18 +64,9 @@ ExitCode act(const Options& options) {
         memory.subscribeToEvent(event, client->getName(), Client::kCallback);
     }
     complain("watching; Ctrl-C ends it");
+    // The broker subscribes again where a memory was restarted.
     constexpr std::chrono::milliseconds kStep{20};
-    constexpr int kStepsBetweenLooks = 50;
-    for (int step = 1; !printer.isDone() && !interruption.waitFor(kStep); ++step) {
-        if (step % kStepsBetweenLooks != 0) {
-            continue;
-        }
-        try {
-            for (const std::string& event : options.events) {
-                keepSubscribed(memory, event, client->getName());
-            }
-        } catch (const KRError&) { // no memory now, but perhaps again
-        }
+    while (!printer.isDone() && !interruption.waitFor(kStep)) {
     }
     for (const std::string& event : options.events) {
         try {
