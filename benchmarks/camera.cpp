@@ -1,4 +1,8 @@
-// What a camera costs: the processor time of one second of images, beside a bare GStreamer pipeline on the same source.
+// What a camera costs: the processor time of one second of images, beside a bare GStreamer pipeline on the same source;
+// and the conversion of its images, beside GStreamer's and a copy of as many bytes as it reads and writes together.
+
+#include "krconverter.hpp"
+#include "krgstreamer.hpp"
 
 #include <krcamera/krvideodevice.hpp>
 #include <krplatform/krbroker.hpp>
@@ -11,8 +15,10 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <filesystem>
+#include <iterator>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -199,6 +205,84 @@ void filmForTen(benchmark::State& state) {
     measureService(state, "file:" + Film::getPath(), 10, yuv422, "film, 10 subscribers");
 }
 
+/// An image of any content.
+class Image {
+public:
+    explicit Image(GstVideoInfo info) {
+        const GstHandle<GstBuffer> buffer(gst_buffer_new_allocate(nullptr, info.size, nullptr));
+        if (!gst_video_frame_map(&frame, &info, buffer.get(), GST_MAP_READWRITE)) {
+            throw std::runtime_error("an image cannot be mapped");
+        }
+        auto* bytes = static_cast<unsigned char*>(frame.data[0]);
+        for (std::size_t i = 0; i < info.size; ++i) {
+            bytes[i] = static_cast<unsigned char>(7 * i + i / 512);
+        }
+    }
+    ~Image() { gst_video_frame_unmap(&frame); }
+    Image(const Image&) = delete;
+    Image& operator=(const Image&) = delete;
+
+    GstVideoFrame frame;
+};
+
+GstVideoInfo describe(GstVideoFormat format, const char* colorimetry) {
+    GstVideoInfo info;
+    gst_video_info_set_format(&info, format, 640, 480);
+    gst_video_colorimetry_from_string(&info.colorimetry, colorimetry);
+    return info;
+}
+
+/// What cameras and decoders deliver and modules ask for.
+struct Conversion {
+    const char* label;
+    GstVideoFormat format;
+    const char* colorimetry;
+    int colorSpace;
+};
+constexpr Conversion conversions[] = {
+    {"YUY2 to BGR", GST_VIDEO_FORMAT_YUY2, "bt601", bgr},
+    {"YUY2 to luma", GST_VIDEO_FORMAT_YUY2, "bt601", 0},
+    {"JPEG's 4:2:2 to BGR", GST_VIDEO_FORMAT_Y42B, "1:4:0:0", bgr},
+    {"JPEG's 4:2:2 to YUV422", GST_VIDEO_FORMAT_Y42B, "1:4:0:0", yuv422},
+    {"I420 of BT.709 to BGR", GST_VIDEO_FORMAT_I420, "bt709", bgr},
+    {"I420 of BT.709 to YUV422", GST_VIDEO_FORMAT_I420, "bt709", yuv422},
+};
+
+void convert(benchmark::State& state) {
+    const Conversion& conversion = conversions[state.range(0)];
+    const Image image(describe(conversion.format, conversion.colorimetry));
+    KRConverter converter;
+    for ([[maybe_unused]] const auto iteration : state) {
+        benchmark::DoNotOptimize(converter.convert(image.frame, vga, conversion.colorSpace));
+    }
+    state.SetLabel(conversion.label);
+}
+void convertWithGStreamer(benchmark::State& state) {
+    const Conversion& conversion = conversions[state.range(0)];
+    Image in(describe(conversion.format, conversion.colorimetry));
+    Image out(getImageInfo(vga, conversion.colorSpace).value());
+    GstVideoConverter* converter = gst_video_converter_new(&in.frame.info, &out.frame.info, nullptr);
+    for ([[maybe_unused]] const auto iteration : state) {
+        gst_video_converter_frame(converter, &in.frame, &out.frame);
+    }
+    gst_video_converter_free(converter);
+    state.SetLabel(conversion.label);
+}
+void copyAsMuch(benchmark::State& state) {
+    const Conversion& conversion = conversions[state.range(0)];
+    const std::size_t size = (describe(conversion.format, conversion.colorimetry).size +
+                              getImageInfo(vga, conversion.colorSpace).value().size) /
+                             2;
+    const std::vector<unsigned char> from(size, 1);
+    std::vector<unsigned char> to(size);
+    for ([[maybe_unused]] const auto iteration : state) {
+        std::memcpy(to.data(), from.data(), size);
+        benchmark::DoNotOptimize(to.data());
+        benchmark::ClobberMemory();
+    }
+    state.SetLabel(conversion.label);
+}
+
 void add(const char* name, void (*measure)(benchmark::State&)) {
     benchmark::RegisterBenchmark(name, measure)
         ->UseManualTime()
@@ -218,6 +302,10 @@ int main(int argc, char** argv) {
     add("second_of_a_camera/krvision/film", film);
     add("second_of_a_camera/gstreamer/film", filmOfGStreamer);
     add("second_of_a_camera/krvision/film10", filmForTen);
+    constexpr int last = static_cast<int>(std::size(conversions)) - 1;
+    benchmark::RegisterBenchmark("camera_image/krvision", convert)->DenseRange(0, last);
+    benchmark::RegisterBenchmark("camera_image/gstreamer", convertWithGStreamer)->DenseRange(0, last);
+    benchmark::RegisterBenchmark("camera_image/memcpy", copyAsMuch)->DenseRange(0, last);
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();
 }

@@ -41,7 +41,8 @@ TEST_P(ColorTest, ComesOutRightInEveryColorSpace) {
     const std::string id = subscribe();
     for (const int resolution : {Resolution::Vga, Resolution::QuarterVga, 3, 7, 12}) {
         const auto check = [&](int colorSpace, const std::vector<int>& expected) {
-            const int tolerance = expected == bgr || expected == color.rgb ? 1 : 0; // the levels of YUV are coarser
+            const int tolerance =
+                expected == bgr || expected == color.rgb ? 1 : 0; // the levels of YUV are coarser
             ASSERT_TRUE(proxy->setResolution(id, resolution));
             ASSERT_TRUE(proxy->setColorSpace(id, colorSpace));
             const Image image = fetch(id);
