@@ -47,7 +47,8 @@ struct KRVideoDevice::Private {
     mutable std::mutex mutex;
     // Guarded by mutex:
     std::map<std::string, std::shared_ptr<KRSubscription>> subscriptions;
-    std::map<std::string, std::string> callers; ///< by identifier, the process that subscribed; empty for this one
+    std::map<std::string, std::string>
+        callers; ///< by identifier, the process that subscribed; empty for this one
     std::uint64_t subscriptionsMade = 0;
 };
 
