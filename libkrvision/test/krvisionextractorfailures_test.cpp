@@ -141,8 +141,11 @@ TEST(KRVisionExtractorFailures, ACameraServiceThatGoesAwayAndComesBackIsUsedAgai
     Stage stage;
     stage.extractor->setParameter("4", 7);
     stage.extractor->subscribe("client", 33, 0.0F);
-    stage.extractor->onImage([&](KRImage*) { stage.camera->exit(); }); // so its release comes too late
-    ASSERT_TRUE(stage.journal.waitFor("xProcessImage"));
+    stage.extractor->onImage([&](KRImage*) {
+        stage.camera->exit(); // so its release comes too late
+        stage.journal.add("exited");
+    });
+    ASSERT_TRUE(stage.journal.waitFor("exited"));
     stage.camera.reset();
     stage.extractor->onImage({});
     EXPECT_TRUE(stage.extractor->isProcessing());
