@@ -9,13 +9,34 @@
 
 namespace KR::test {
 
+namespace {
+
+// Their ports are below those that the kernel gives to anybody.
+constexpr unsigned kFirst = 10;
+constexpr unsigned kCount = 90;
+
+// All tests take the domains in turn: what a killed process has left on one is forgotten when its turn comes again.
+unsigned takeTurn() {
+    const int file = open("/tmp/krdds-test-domain.turn", O_CREAT | O_RDWR | O_CLOEXEC, 0666);
+    unsigned turn = 0;
+    if (file < 0 || flock(file, LOCK_EX) != 0 || pread(file, &turn, sizeof turn, 0) < 0) {
+        throw std::runtime_error("the turn of a test's DDS domain cannot be read");
+    }
+    const unsigned next = turn + 1;
+    if (pwrite(file, &next, sizeof next, 0) != sizeof next) {
+        throw std::runtime_error("the turn of a test's DDS domain cannot be written");
+    }
+    close(file);
+    return turn;
+}
+
+} // namespace
+
 TestDomain::TestDomain() {
     registerDDS();
-    // Their ports are below those that the kernel gives to anybody.
-    constexpr int kFirst = 10;
-    constexpr int kLast = 99;
-    for (int i = 0; i <= kLast - kFirst; ++i) {
-        const int number = kFirst + (getpid() + i) % (kLast - kFirst + 1);
+    const unsigned turn = takeTurn();
+    for (unsigned i = 0; i < kCount; ++i) {
+        const int number = static_cast<int>(kFirst + (turn + i) % kCount);
         const std::string path = "/tmp/krdds-test-domain-" + std::to_string(number) + ".lock";
         lock_ = open(path.c_str(), O_CREAT | O_RDWR | O_CLOEXEC, 0666);
         if (lock_ >= 0 && flock(lock_, LOCK_EX | LOCK_NB) == 0) {
