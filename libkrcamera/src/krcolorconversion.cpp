@@ -1,8 +1,7 @@
-// Compiled once for each instruction set; the processor that runs the program chooses.
-#define HWY_DISABLED_TARGETS (HWY_AVX3 | HWY_AVX3_DL) // memory is the limit before these would be
+// Compiled once for each instruction set but those of AVX-512; the processor that runs the program chooses.
+#define HWY_DISABLED_TARGETS (HWY_AVX3 | HWY_AVX3_DL)
 #undef HWY_TARGET_INCLUDE
-#define HWY_TARGET_INCLUDE                                                                                   \
-    "../src/krcolorconversion.cpp" // NOLINT: this file includes itself, seen from include/
+#define HWY_TARGET_INCLUDE "../src/krcolorconversion.cpp" // NOLINT: this file, seen from include/
 #include <hwy/foreach_target.h>
 
 #include <hwy/highway.h>
