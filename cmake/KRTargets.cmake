@@ -49,16 +49,41 @@ function(kr_add_library name)
     install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${name}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 endfunction()
 
+# What nearly every test includes, parsed once for all of them. kr_test_pch is made by the first test.
+function(kr_add_test_headers)
+    file(WRITE ${PROJECT_BINARY_DIR}/kr_test_pch.cpp "// Only to have the headers compiled.\n")
+    add_library(kr_test_pch OBJECT ${PROJECT_BINARY_DIR}/kr_test_pch.cpp)
+    target_compile_features(kr_test_pch PRIVATE cxx_std_20)
+    target_link_libraries(kr_test_pch PRIVATE krplatform GTest::gmock)
+    target_precompile_headers(kr_test_pch PRIVATE
+        <gmock/gmock.h> <gtest/gtest.h>
+        <algorithm> <array> <atomic> <chrono> <condition_variable> <filesystem> <fstream> <functional> <future> <map>
+        <memory> <mutex> <optional> <random> <set> <sstream> <stdexcept> <string> <thread> <vector>
+        <krplatform/krbroker.hpp> <krplatform/krmemoryproxy.hpp> <krplatform/krmodulehandle.hpp>
+        <krplatform/krproxy.hpp>)
+    kr_compile_options(kr_test_pch)
+endfunction()
+
 # kr_add_test(<name> SOURCES ... LINK ...): one GoogleTest program; each of its tests is one test of CTest.
 function(kr_add_test name)
     if(NOT KR_TESTS)
         return()
     endif()
     cmake_parse_arguments(arg "" "" "SOURCES;LINK" ${ARGN})
+    if(NOT TARGET kr_test_pch)
+        kr_add_test_headers()
+    endif()
     add_executable(${name} ${arg_SOURCES})
     target_compile_features(${name} PRIVATE cxx_std_20)
     target_link_libraries(${name} PRIVATE ${arg_LINK} GTest::gmock GTest::gtest_main)
     kr_compile_options(${name})
+    target_precompile_headers(${name} REUSE_FROM kr_test_pch)
+    # Sources of the library have options of their own, and are to compile without the headers of the tests.
+    foreach(source IN LISTS arg_SOURCES)
+        if(source MATCHES "^src/")
+            set_source_files_properties(${source} PROPERTIES SKIP_PRECOMPILE_HEADERS ON)
+        endif()
+    endforeach()
     gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60)
 endfunction()
 
