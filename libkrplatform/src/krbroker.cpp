@@ -2,9 +2,9 @@
 
 #include "krplatform/krlog.hpp"
 #include "krplatform/krproxy.hpp"
+#include "krplatform/krtext.hpp"
 
 #include "krbroker_p.hpp"
-#include "krtext.hpp"
 
 #include <boost/smart_ptr/make_shared.hpp>
 

@@ -1,6 +1,6 @@
 #include "krplatform/krerror.hpp"
 
-#include "krtext.hpp"
+#include "krplatform/krtext.hpp"
 
 namespace KR {
 
@@ -8,7 +8,7 @@ namespace {
 
 std::string composeWhat(const std::string& module, const std::string& method, const std::string& description,
                         const KRSourceLocation& where) {
-    return inOneLine(module + "." + method + ": " + description) + " (" + where.file + ":" +
+    return escapeText(module + "." + method + ": " + description) + " (" + where.file + ":" +
            std::to_string(where.line) + ")";
 }
 

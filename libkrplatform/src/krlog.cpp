@@ -1,7 +1,7 @@
 #include "krplatform/krlog.hpp"
 
+#include "krplatform/krtext.hpp"
 #include "krplatform/krthread.hpp"
-#include "krtext.hpp"
 
 #include <spdlog/sinks/stdout_color_sinks.h>
 #include <spdlog/spdlog.h>
@@ -141,7 +141,7 @@ void log(KRLogLevel level, std::string_view category, std::string_view message, 
                        std::chrono::system_clock::now()});
     }
     if (console().should_log(toConsoleLevel(level))) {
-        console().log(toConsoleLevel(level), "{} {}: {}", getLevelName(level), category, inOneLine(message));
+        console().log(toConsoleLevel(level), "{} {}: {}", getLevelName(level), category, escapeText(message));
     }
 }
 

@@ -1,9 +1,9 @@
 #include "krmemory.hpp"
 
 #include "krplatform/krlog.hpp"
+#include "krplatform/krtext.hpp"
 
 #include "krbroker_p.hpp"
-#include "krtext.hpp"
 
 #include <algorithm>
 

@@ -2,10 +2,10 @@
 
 #include "krplatform/krlog.hpp"
 #include "krplatform/krmodulehandle.hpp"
+#include "krplatform/krtext.hpp"
 
 #include "krbroker_p.hpp"
 #include "krmodule_p.hpp"
-#include "krtext.hpp"
 
 #include <array>
 #include <optional>
@@ -18,6 +18,7 @@ namespace {
 // Answered by every module that publishes nothing of its own under these names.
 constexpr std::string_view kGetMethodList = "getMethodList";
 constexpr std::string_view kGetMethodHelp = "getMethodHelp";
+constexpr std::string_view kGetFailure = "getFailure";
 
 /// How well a value serves as an argument: 0 exactly, more is worse; none if it does not.
 std::optional<int> mismatch(KRArgumentType wanted, const KRValue& given) {
@@ -41,6 +42,19 @@ std::optional<int> mismatch(KRArgumentType wanted, const KRValue& given) {
         break;
     }
     return std::nullopt;
+}
+
+/// "a, b, c"
+template <class Range, class ToText>
+std::string joinWithCommas(const Range& range, ToText toText) {
+    std::string text;
+    for (const auto& element : range) {
+        if (!text.empty()) {
+            text += ", ";
+        }
+        text += toText(element);
+    }
+    return text;
 }
 
 std::string listTypes(std::span<const KRValue> values) {
@@ -173,11 +187,19 @@ KRValue KRModule::Private::call(std::string_view method, std::span<const KRValue
     if (method == kGetMethodHelp && arguments.size() == 1 && arguments[0].isString()) {
         return describeMethods(arguments[0].to<std::string>());
     }
+    if (method == kGetFailure && arguments.empty()) {
+        return getFailure();
+    }
     std::vector<std::size_t> all(methods.size());
     for (std::size_t i = 0; i < all.size(); ++i) {
         all[i] = i;
     }
     throw KRError(name, std::string(method), "no such method; there is: " + getSignatures(all));
+}
+
+std::string KRModule::Private::getFailure() const {
+    const KRLock lock(failureMutex);
+    return failure;
 }
 
 std::string KRModule::Private::getSignatures(const std::vector<std::size_t>& indices) const {
@@ -231,6 +253,15 @@ void KRModule::exit() {
 
 bool KRModule::isExiting() const noexcept {
     return p_->gate->isClosed();
+}
+
+std::string KRModule::getFailure() const {
+    return p_->getFailure();
+}
+
+void KRModule::reportFailure(const std::string& reason) {
+    const KRLock lock(p_->failureMutex);
+    p_->failure = reason;
 }
 
 void KRModule::makeReachable() {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "krplatform/krmodule.hpp"
+#include "krplatform/krmutex.hpp"
 
 #include "krmodulegate.hpp"
 
@@ -29,6 +30,7 @@ struct KRModule::Private {
     std::string describeMethods(std::string_view method) const;
     std::string getSignatures(const std::vector<std::size_t>& indices) const;
     KRDirectory& getDirectory() const;
+    std::string getFailure() const;
 
     // Constant after construction.
     const std::string name;
@@ -39,6 +41,9 @@ struct KRModule::Private {
     std::vector<Method> methods;
     std::map<std::string, std::vector<std::size_t>, std::less<>> methodsByName; // indices of methods
     KRMethodDescription openDescription;
+
+    mutable KRMutex failureMutex;
+    std::string failure KR_GUARDED_BY(failureMutex); // empty while the module works
 };
 
 /// The methods of a module as a value and back: one array [name, class, description, parameters, result] per

@@ -87,4 +87,8 @@ std::string KRProxy::getMethodHelp(std::string_view method) const {
     return call<std::string>("getMethodHelp", std::string(method));
 }
 
+std::string KRProxy::getFailure() const {
+    return call<std::string>("getFailure");
+}
+
 } // namespace KR

@@ -1,10 +1,10 @@
 #include "krplatform/krtransport.hpp"
 
 #include "krplatform/krlog.hpp"
+#include "krplatform/krtext.hpp"
 
 #include "krbroker_p.hpp"
 #include "krmodulenumber.hpp"
-#include "krtext.hpp"
 
 #include <system_error>
 

@@ -144,7 +144,7 @@ TEST(KRCallThreads, AFailingPostedCallIsLogged) {
     EXPECT_THAT(standard->message, HasSubstr("m.fail"));
     proxy->post("fail", false);
     EXPECT_TRUE(
-        recorded.waitFor(KRLogLevel::Error, "m.fail failed: it threw something that is no exception"));
+        recorded.waitFor(KRLogLevel::Error, "m.fail failed: an exception that is not a std::exception"));
     proxy->post("fly");
     EXPECT_TRUE(recorded.waitFor(KRLogLevel::Error, "m.fly: no such method"));
     module->xPost("its own work", [] { throw std::runtime_error("own failure"); });

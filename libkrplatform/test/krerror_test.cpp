@@ -34,6 +34,10 @@ TEST(KRError, ShowsLineBreaksAsText) {
     EXPECT_THAT(error.what(), Not(HasSubstr("\n")));
 }
 
+TEST(KRError, ShowsNoControlCharacters) {
+    EXPECT_THAT(KRError("a\x1b[2J", "b", "c\xff").what(), StartsWith("a\\x1B[2J.b: c\\xFF ("));
+}
+
 TEST(KRError, KnowsWhereItWasRaised) {
     const KRError error("", "", "");
     const KRSourceLocation here = KRSourceLocation::current();

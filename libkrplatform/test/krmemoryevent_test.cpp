@@ -200,7 +200,7 @@ TEST(KRMemoryEvent, ACallbackThatThrowsIsLoggedAndGetsTheNextEventAllTheSame) {
         EXPECT_THAT(f.client->waitForEvents(static_cast<std::size_t>(value)).back(), Pair("event", value));
     }
     EXPECT_TRUE(recorded.waitFor(KRLogLevel::Warning, "event event for client.onEvent: no film"));
-    EXPECT_TRUE(recorded.waitFor(KRLogLevel::Warning, "that is no exception"));
+    EXPECT_TRUE(recorded.waitFor(KRLogLevel::Warning, "not a std::exception"));
 }
 
 TEST(KRMemoryEvent, ACallbackMayRaiseSubscribeAndUnsubscribe) {

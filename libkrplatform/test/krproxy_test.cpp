@@ -150,5 +150,18 @@ TEST(KRProxy, OneProxyServesManyThreadsWhileItsModuleComesAndGoes) {
     }
 }
 
+TEST(KRProxy, TellsTheFailureThatAModuleReported) {
+    const auto broker = KRBroker::create();
+    const auto module = makeModule(broker, "m");
+    const auto proxy = broker->getProxy("m");
+    EXPECT_EQ(proxy->getFailure(), "");
+    module->reportFailure("camera 0 cannot be opened");
+    EXPECT_EQ(module->getFailure(), "camera 0 cannot be opened");
+    EXPECT_EQ(proxy->getFailure(), "camera 0 cannot be opened");
+    module->reportFailure("");
+    EXPECT_EQ(proxy->getFailure(), "");
+    EXPECT_TRUE(proxy->getMethodList().empty()) << "every module has it, so none publishes it";
+}
+
 } // namespace
 } // namespace KR

@@ -47,6 +47,7 @@ public:
     using KRModule::bindMethodOverload;
     using KRModule::functionName;
     using KRModule::getCurrentMethodDescription;
+    using KRModule::reportFailure;
     using KRModule::setReturn;
     using KRModule::xPost;
 

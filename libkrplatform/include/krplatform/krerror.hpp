@@ -10,8 +10,8 @@ namespace KR {
 
 /// The error that a caller of a remote method sees, whichever module raised it.
 ///
-/// what() is one line: "module.method: description (file:line)"; line breaks inside the three texts show
-/// as "\n". The texts themselves stay as given. Reentrant.
+/// what() is one printable line: "module.method: description (file:line)", the three texts escaped as by
+/// escapeText(). The texts themselves stay as given. Reentrant.
 class KR_EXPORT KRError : public std::runtime_error {
 public:
     KRError(std::string module, std::string method, std::string description,

@@ -67,6 +67,10 @@ public:
     /// exit() or shutDown() has been called. Thread-safe.
     bool isExiting() const noexcept;
 
+    /// Why the module has stopped doing its work, as it reported last; empty while it works. Callable by others
+    /// through KRProxy::getFailure(). Thread-safe.
+    std::string getFailure() const;
+
     /// Lets others call the module; without effect on one that they can already call or that is exiting.
     /// createModule() does this. From now on nothing more can be published. Thread-safe.
     void makeReachable();
@@ -100,6 +104,10 @@ protected:
     void advertiseMethod(const KRMethodDescription& description, Object* object, Member member) {
         publish(description, createFunctor(object, member));
     }
+
+    /// Records why the module has stopped doing its work, for people and supervisors to see; an empty text says
+    /// that it works again. Does not log. Thread-safe.
+    void reportFailure(const std::string& reason);
 
     /// Runs the function on a call thread. It counts as a running call of the module, so the module stands
     /// until it has returned; what it throws is logged. \throws KRError the module is exiting

@@ -67,6 +67,9 @@ public:
     /// The methods of this name with description, parameters and result, for people to read.
     /// \throws KRError no such module; no such method
     std::string getMethodHelp(std::string_view method) const;
+    /// Why the module has stopped doing its work (KRModule::reportFailure()); empty while it works.
+    /// \throws KRError no such module; it runs an older version that cannot say
+    std::string getFailure() const;
 
 private:
     struct Private;
