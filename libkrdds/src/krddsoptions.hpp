@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -11,7 +12,7 @@ namespace KR {
 struct KRDDSOptions {
     std::uint32_t domain = 0;
     std::string name;
-    bool memory = false;
+    std::optional<bool> memory; ///< nullopt: not mentioned, which means none
     std::vector<std::string> peers;
     std::vector<std::string> interfaces;
     std::chrono::milliseconds lease{2000};

@@ -44,8 +44,7 @@ public:
     /// A call from another process has been answered, or dropped.
     void forgetCall(const std::string& broker, std::uint64_t sequence);
 
-    /// Samples that made no sense, since the start.
-    std::uint64_t getMalformedCount() const noexcept { return malformed_; }
+    KRBrokerDiagnostics getDiagnostics() const;
 
 private:
     class Listening;
@@ -57,7 +56,9 @@ private:
         bool asked = false; // for the name, without being sure of it yet
     };
     struct Neighbour {
-        std::shared_ptr<KRPeer> peer;
+        std::shared_ptr<KRPeer> peer; // null: refused
+        std::string location;
+        std::uint32_t protocol = 0;
         std::map<std::string, Announced> modules;
     };
     struct Shown { // a module that the directory has been told of
@@ -118,7 +119,7 @@ private:
     std::map<std::string, std::pair<std::uint32_t, Stamp>> claims_; // guarded by announceMutex_: number, when
     std::set<std::string> asked_; // guarded by announceMutex_: names that are being claimed
 
-    std::mutex directoryMutex_;
+    mutable std::mutex directoryMutex_;
     std::map<std::string, Neighbour> neighbours_; // guarded by directoryMutex_
     std::map<std::string, Shown> shown_;          // guarded by directoryMutex_
     std::set<std::string> complaints_;            // guarded by directoryMutex_: said once

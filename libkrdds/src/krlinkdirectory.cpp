@@ -196,6 +196,8 @@ void KRLink::noticeAnnouncement(const void* sample) {
         return;
     }
     Neighbour& neighbour = neighbours_[id]; // also one that is refused, which counts as looked at
+    neighbour.location = describe(announcement);
+    neighbour.protocol = announcement.protocol;
     if (announcement.protocol != kProtocol) {
         if (complaints_.insert(id).second) {
             logError(kCategory,
@@ -319,6 +321,43 @@ void KRLink::showModules() {
             host_.setRemoteModule(shown.module, what->state);
         }
     }
+}
+
+KRBrokerDiagnostics KRLink::getDiagnostics() const {
+    KRBrokerDiagnostics result;
+    result.transport = "dds";
+    result.domain = options_.domain;
+    result.secure = !options_.security.empty();
+    result.interfaces = options_.interfaces;
+    result.protocol = kProtocol;
+    result.malformedMessages = malformed_;
+    std::map<std::string, std::vector<std::string>> locations; // of each module that can be called
+    for (const KRLocalModule& own : host_.listModules()) {
+        if (own.state == KRModuleState::Open) {
+            locations[own.name].emplace_back("in this process");
+        }
+    }
+    const std::lock_guard lock(directoryMutex_);
+    for (const auto& [id, neighbour] : neighbours_) {
+        KRPeerDiagnostics peer{neighbour.location, neighbour.protocol, KRPeerDiagnostics::State::Refused, {}};
+        if (neighbour.peer) {
+            peer.state = neighbour.peer->readsRequests() ? KRPeerDiagnostics::State::Connected
+                                                         : KRPeerDiagnostics::State::Connecting;
+        }
+        for (const auto& [name, announced] : neighbour.modules) {
+            if (announced.state == KRModuleState::Open) {
+                peer.modules.push_back(name);
+                locations[name].push_back(neighbour.location);
+            }
+        }
+        result.peers.push_back(std::move(peer));
+    }
+    for (auto& [name, list] : locations) {
+        if (list.size() > 1) {
+            result.conflicts.push_back({name, std::move(list)});
+        }
+    }
+    return result;
 }
 
 } // namespace KR

@@ -5,6 +5,7 @@
 #include <recordedlog.hpp>
 #include <testmodule.hpp>
 
+#include <krdds/krdds.hpp>
 #include <krplatform/krproxy.hpp>
 
 #include <gmock/gmock.h>
@@ -182,6 +183,43 @@ TEST(KRDDSDirectory, ABrokerComplainsOfAnotherThatHasAModuleOfTheSameName) {
     EXPECT_TRUE(
         log.waitFor(KRLogLevel::Error, "there are two modules named A: one in this process, one in process " +
                                            std::to_string(other.getPid())));
+    const KRBrokerDiagnostics found = broker->getDiagnostics();
+    ASSERT_EQ(found.conflicts.size(), 1U);
+    EXPECT_EQ(found.conflicts[0].module, "A");
+    EXPECT_THAT(found.conflicts[0].locations,
+                ElementsAre("in this process", HasSubstr("in process " + std::to_string(other.getPid()))));
+}
+
+TEST(KRDDSDirectory, DiagnosticsListTheOtherBrokersAndTheirModules) {
+    const TestDomain domain;
+    const OtherProcess other(domain.getUrl("lease=30&name=robot"), {"module", "A"});
+    const auto broker = domain.createBroker();
+    ASSERT_TRUE(broker->getSession().waitForService("A", kPatience));
+    const KRBrokerDiagnostics found = broker->getDiagnostics();
+    EXPECT_EQ(found.transport, "dds");
+    EXPECT_EQ(found.domain, static_cast<std::uint32_t>(domain.getNumber()));
+    EXPECT_FALSE(found.secure);
+    EXPECT_THAT(found.interfaces, ElementsAre("lo"));
+    EXPECT_EQ(found.malformedMessages, 0U);
+    EXPECT_THAT(found.conflicts, IsEmpty());
+    ASSERT_EQ(found.peers.size(), 1U);
+    EXPECT_THAT(found.peers[0].location,
+                HasSubstr("in process " + std::to_string(other.getPid()) + " (robot) on "));
+    EXPECT_EQ(found.peers[0].protocol, found.protocol);
+    EXPECT_EQ(found.peers[0].state, KRPeerDiagnostics::State::Connected);
+    EXPECT_THAT(found.peers[0].modules, ElementsAre("A"));
+}
+
+TEST(KRDDSDirectory, AnAddressIsParsedForOthers) {
+    const KRDDSAddress address = parseDDSAddress("dds:?domain=3&memory=here&interfaces=lo,eth0&name=robot");
+    EXPECT_EQ(address.domain, 3U);
+    EXPECT_EQ(address.memory, true);
+    EXPECT_EQ(address.name, "robot");
+    EXPECT_THAT(address.interfaces, ElementsAre("lo", "eth0"));
+    EXPECT_FALSE(address.secure);
+    EXPECT_EQ(parseDDSAddress("dds:").memory, std::nullopt);
+    EXPECT_EQ(getDDSPort(0, 0), 7410);
+    EXPECT_EQ(getDDSPort(3, 2), 8164);
 }
 
 TEST(KRDDSDirectory, BrokersOfOneProcessReachEachOther) {

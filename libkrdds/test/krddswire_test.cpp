@@ -68,6 +68,7 @@ TEST_F(KRDDSWire, WhatMakesNoSenseIsLoggedOnceAndDropped) {
     EXPECT_EQ(static_cast<KRVision_Reply*>(sample)->number, 300U);
     dds_return_loan(replies, &sample, 1);
     EXPECT_EQ(log.find(KRLogLevel::Warning, "malformed").size(), 1U);
+    EXPECT_EQ(broker->getDiagnostics().malformedMessages, 10U);
 }
 
 TEST_F(KRDDSWire, AnnouncementsThatMakeNoSenseAreDropped) {
@@ -83,6 +84,10 @@ TEST_F(KRDDSWire, ABrokerOfAnotherVersionIsRefusedWithALineThatSaysSo) {
     const auto line = log.waitFor(KRLogLevel::Error, "speaks protocol 2");
     ASSERT_TRUE(line);
     EXPECT_THAT(line->message, HasSubstr("in process 4711 (stranger) on elsewhere"));
+    const KRBrokerDiagnostics found = broker->getDiagnostics();
+    ASSERT_EQ(found.peers.size(), 1U);
+    EXPECT_EQ(found.peers[0].state, KRPeerDiagnostics::State::Refused);
+    EXPECT_EQ(found.peers[0].protocol, 2U);
     EXPECT_EQ(broker->getModuleList(), std::vector<std::string>{"Module"});
 }
 

@@ -212,6 +212,10 @@ std::vector<std::string> KRBroker::getModuleList() const {
     return p_->directory.listOpen();
 }
 
+KRBrokerDiagnostics KRBroker::getDiagnostics() const {
+    return p_->transport ? p_->transport->getDiagnostics() : KRBrokerDiagnostics();
+}
+
 std::size_t KRBroker::getCallThreadCount() const {
     return p_->threads.getCount();
 }

@@ -2,6 +2,11 @@
 
 #include <krplatform/krexport.hpp>
 
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
 namespace KR {
 
 /// Lets KRBroker::create() make brokers whose modules can be called from other processes and machines.
@@ -22,5 +27,23 @@ namespace KR {
 ///
 /// A broker that is asked for security and cannot have it is refused with a KRError. Thread-safe.
 KR_EXPORT void registerDDS();
+
+/// What an address "dds:..." says, with the defaults filled in.
+struct KRDDSAddress {
+    std::uint32_t domain = 0;
+    std::string name;
+    std::optional<bool> memory; ///< nullopt: the address does not mention it, which means `none`
+    std::vector<std::string> interfaces;
+    bool secure = false;
+};
+
+/// \throws KRError an address that is not understood. Thread-safe.
+KR_EXPORT KRDDSAddress parseDDSAddress(const std::string& url);
+
+/// At most this many processes of one host can be on a domain.
+constexpr int kMaxDDSProcesses = 120;
+
+/// UDP port that process `index` of this host, 0 to kMaxDDSProcesses - 1, listens at on a domain.
+KR_EXPORT std::uint16_t getDDSPort(std::uint32_t domain, int index);
 
 } // namespace KR

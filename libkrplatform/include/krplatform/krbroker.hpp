@@ -1,5 +1,6 @@
 #pragma once
 
+#include "krplatform/krdiagnostics.hpp"
 #include "krplatform/krexport.hpp"
 
 #include <boost/smart_ptr/enable_shared_from_this.hpp>
@@ -53,6 +54,10 @@ public:
 
     /// Names of the modules that can be called, those of other processes included, in order.
     std::vector<std::string> getModuleList() const;
+
+    /// Current state of the connection to other processes: brokers discovered, protocol mismatches, name conflicts,
+    /// discarded messages.
+    KRBrokerDiagnostics getDiagnostics() const;
 
     /// Call threads that exist now, busy or idle. They grow with the posted calls in flight and go again after
     /// two idle seconds.

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "krplatform/krdiagnostics.hpp"
 #include "krplatform/krerror.hpp"
 #include "krplatform/krexport.hpp"
 #include "krplatform/krvalue.hpp"
@@ -119,6 +120,8 @@ public:
     /// Announces a module whose name has just been taken in this process, and returns once it is sure to have
     /// it alone. \throws KRError another process has it; the module is then forgotten and announced no more
     virtual void claim(const std::string& name) = 0;
+    /// What KRBroker::getDiagnostics() returns. Thread-safe.
+    virtual KRBrokerDiagnostics getDiagnostics() const { return {}; }
     /// Leaves: calls to other processes fail from now on, those under way too, and none come in.
     /// The host is not used after this.
     virtual void stop() noexcept = 0;
