@@ -1,8 +1,8 @@
 // What a camera costs: the processor time of one second of images, beside a bare GStreamer pipeline on the same source;
 // and the conversion of its images, beside GStreamer's and a copy of as many bytes as it reads and writes together.
 
-#include "krconverter.hpp"
-#include "krgstreamer.hpp"
+#include "conversion/krconverter.hpp"
+#include "gstreamer/krgstreamer.hpp"
 
 #include <krcamera/krvideodevice.hpp>
 #include <krplatform/krbroker.hpp>

@@ -1,7 +1,7 @@
-#include "../src/krconverter.hpp"
+#include "conversion/krconverter.hpp"
 
-#include "../src/krgstreamer.hpp"
 #include "cameratest.hpp"
+#include "gstreamer/krgstreamer.hpp"
 
 #include <algorithm>
 #include <array>

@@ -1,4 +1,4 @@
-#include "../src/krdurationhistogram.hpp"
+#include "service/krdurationhistogram.hpp"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "../src/krframe.hpp"
+#include "camera/krframe.hpp"
 
 #include "cameratest.hpp"
 

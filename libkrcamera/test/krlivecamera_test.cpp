@@ -1,4 +1,4 @@
-#include "../src/krlivecamera.hpp"
+#include "camera/krlivecamera.hpp"
 
 #include <krplatform/krthread.hpp>
 

@@ -1,4 +1,4 @@
-#include "../src/krsubscription.hpp"
+#include "service/krsubscription.hpp"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "../src/krv4l2mode.hpp"
+#include "v4l2/krv4l2mode.hpp"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
 #include "cameratest.hpp"
 
-#include "../src/krsoftwarecontrols.hpp"
+#include "camera/krsoftwarecontrols.hpp"
 
 namespace KR {
 

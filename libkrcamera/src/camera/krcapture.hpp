@@ -1,0 +1,29 @@
+#pragma once
+
+#include "gstreamer/krgstreamer.hpp"
+
+#include <gst/video/video.h>
+
+#include <chrono>
+#include <cstdint>
+
+namespace KR {
+
+/// Field of view, radians. The default is for cameras that do not report theirs.
+struct KRAngles {
+    float left = 0.4169222F;
+    float top = 0.3209778F;
+    float right = -0.4169222F;
+    float bottom = -0.3209778F;
+};
+
+/// One image as a source delivered it.
+struct KRCapture {
+    GstHandle<GstBuffer> buffer;
+    GstVideoInfo info;
+    std::int64_t captureTime_usec = 0;           ///< since the Unix epoch
+    std::chrono::steady_clock::time_point taken; ///< capture time; for recordings, playback time
+    KRAngles angles;
+};
+
+} // namespace KR

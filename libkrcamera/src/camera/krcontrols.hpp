@@ -1,0 +1,47 @@
+#pragma once
+
+#include <krplatform/krcamerainfo.hpp>
+
+#include <string>
+#include <vector>
+
+namespace KR {
+
+namespace ControlId {
+constexpr int Brightness = 0x00980900;
+constexpr int Contrast = 0x00980901;
+constexpr int Saturation = 0x00980902;
+constexpr int Hue = 0x00980903;
+constexpr int Gain = 0x00980913;
+constexpr int HorizontalFlip = 0x00980914;
+constexpr int VerticalFlip = 0x00980915;
+} // namespace ControlId
+
+/// What can be set about the picture of one camera, open or not. Thread-safe.
+///
+/// Operations that must reach the camera throw std::runtime_error if they cannot; the text says why.
+class KRControls {
+public:
+    enum class Answer { Done, Refused, Unknown };
+
+    KRControls() = default;
+    virtual ~KRControls() = default;
+    KRControls(const KRControls&) = delete;
+    KRControls& operator=(const KRControls&) = delete;
+
+    /// All controls with their present values.
+    virtual std::vector<KRCameraControl> list() = 0;
+    /// \return Refused, and nothing has changed, for a value that the camera does not take; Unknown for an id
+    /// that it does not have
+    virtual Answer set(int id, int value) = 0;
+    /// Gives every control its default value.
+    virtual void reset() = 0;
+
+    /// Called when the last subscriber has left.
+    virtual void cameraClosed() noexcept {}
+};
+
+/// "0x00980900 (brightness, -100 to 100), ..." or "none".
+std::string listControls(const std::vector<KRCameraControl>& controls);
+
+} // namespace KR

@@ -1,0 +1,15 @@
+#pragma once
+
+#include "gstreamer/krgstreamer.hpp"
+#include "gstreamer/krpipelinedescription.hpp"
+
+namespace KR {
+
+constexpr const char* imageSinkName = "kr-images";
+
+/// Builds the elements of a source: a bin that ends in the appsink named `imageSinkName`, for raw video in system
+/// memory.
+/// \throws std::runtime_error  an element is missing; the description is not a pipeline
+GstHandle<GstElement> makeSourceBin(const KRPipelineDescription& description);
+
+} // namespace KR

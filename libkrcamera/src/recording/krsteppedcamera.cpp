@@ -1,0 +1,50 @@
+#include "recording/krsteppedcamera.hpp"
+
+#include <stdexcept>
+#include <utility>
+
+namespace KR {
+
+KRSteppedCamera::KRSteppedCamera(std::string path, int stream)
+    : path_(std::move(path)), stream_(stream), converter_(std::make_shared<KRConverter>()) {
+    status_.state = "opening";
+}
+
+void KRSteppedCamera::open() {
+    const std::lock_guard lock(mutex_);
+    if (stopping_) {
+        throw std::runtime_error("the camera service is shutting down");
+    }
+    if (!recording_) {
+        recording_.emplace(path_, stream_);
+        status_.state = "open";
+    }
+}
+
+void KRSteppedCamera::close() {
+    const std::lock_guard lock(mutex_);
+    stopping_ = true;
+}
+
+std::shared_ptr<KRFrame> KRSteppedCamera::waitForFrame(std::uint64_t after,
+                                                       std::chrono::steady_clock::time_point /*deadline*/) {
+    const std::lock_guard lock(mutex_);
+    if (stopping_ || !recording_) {
+        return nullptr;
+    }
+    if (after >= recording_->getFrameCount()) {
+        throw std::runtime_error("the recording has ended");
+    }
+    const auto frame =
+        std::make_shared<KRFrame>(after + 1, recording_->read(static_cast<std::uint32_t>(after)), converter_);
+    status_.width = frame->getWidth();
+    status_.height = frame->getHeight();
+    return frame;
+}
+
+KRCamera::Status KRSteppedCamera::getStatus() const {
+    const std::lock_guard lock(mutex_);
+    return status_;
+}
+
+} // namespace KR

@@ -1,0 +1,232 @@
+#include "krcamera/krvideodevice.hpp"
+
+#include "conversion/krconverter.hpp"
+#include "gstreamer/krgstreamer.hpp"
+#include "service/krvideodevice_p.hpp"
+#include "source/krsourcekinds.hpp"
+
+#include <krplatform/krlog.hpp>
+#include <krvision/krvisiondefinitions.hpp>
+
+#include <algorithm>
+#include <chrono>
+#include <stdexcept>
+
+namespace KR {
+
+namespace {
+
+// The index travels in eight bits, with a sign.
+constexpr std::size_t maximumCameras = 128;
+
+bool isFrameRateSupported(int frameRate) noexcept {
+    return frameRate >= 1 && frameRate <= 30;
+}
+
+std::chrono::milliseconds getPatience(int frameRate) noexcept {
+    return std::chrono::milliseconds(std::max(200, 2 * 1000 / frameRate));
+}
+
+KRValue makeImageValue(const KRSubscription::Settings& settings, const KRFrame& frame, KRBinary pixels) {
+    const KRSize size = getSize(settings.resolution);
+    const std::int64_t time_usec = frame.getCaptureTime();
+    const KRAngles& angles = frame.getAngles();
+    return KRValue::array(size.width, size.height, getNumLayersInColorSpace(settings.colorSpace),
+                          settings.colorSpace, static_cast<int>(time_usec / 1000000),
+                          static_cast<int>(time_usec % 1000000), std::move(pixels), settings.camera,
+                          angles.left, angles.top, angles.right, angles.bottom);
+}
+
+} // namespace
+
+KRVideoDevice::KRVideoDevice(boost::shared_ptr<KRBroker> broker, const std::string& name,
+                             const std::vector<std::string>& sources)
+    : KRModule(std::move(broker), name), p_(std::make_unique<Private>(name)) {
+    if (sources.empty() || sources.size() > maximumCameras) {
+        p_->fail("KRVideoDevice", std::to_string(sources.size()) +
+                                      " camera sources were given; expected 1 to " +
+                                      std::to_string(maximumCameras));
+    }
+    try {
+        initGStreamer();
+        for (const std::string& source : sources) {
+            const int index = static_cast<int>(p_->slots.size());
+            p_->slots.push_back(std::make_unique<KRCameraSlot>(index, makeSource(source)));
+        }
+    } catch (const std::exception& error) {
+        p_->fail("KRVideoDevice", "camera " + std::to_string(p_->slots.size()) + ": " + error.what());
+    }
+    publishMethods();
+}
+
+KRVideoDevice::~KRVideoDevice() {
+    shutDown();
+}
+
+void KRVideoDevice::xShutDown() {
+    for (const auto& slot : p_->slots) {
+        slot->shutDown();
+    }
+}
+
+std::string KRVideoDevice::subscribeCamera(const std::string& name, int camera, int resolution,
+                                           int colorSpace, int frameRate) {
+    const char* method = "subscribeCamera";
+    KRCameraSlot& slot = p_->getSlot(method, camera);
+    if (!isResolutionSupported(resolution)) {
+        p_->fail(method,
+                 "resolution " + std::to_string(resolution) + " is not supported; supported are 0 to 17");
+    }
+    if (!isColorSpaceSupported(colorSpace)) {
+        p_->fail(method, "colour space " + std::to_string(colorSpace) + " is not supported; supported are " +
+                             listColorSpaces());
+    }
+    if (!isFrameRateSupported(frameRate)) {
+        p_->fail(method, "frame rate " + std::to_string(frameRate) +
+                             " is not supported; supported are 1 to 30 images per second");
+    }
+    p_->acquire(method, slot, resolution);
+    const std::lock_guard lock(p_->mutex);
+    const std::uint64_t number = ++p_->subscriptionsMade;
+    const std::string id = name + "_" + std::to_string(number);
+    p_->subscriptions.emplace(
+        id, std::make_shared<KRSubscription>(
+                number, KRSubscription::Settings{camera, resolution, colorSpace, frameRate}));
+    p_->callers.emplace(id, xGetCaller());
+    return id;
+}
+
+void KRVideoDevice::unsubscribe(const std::string& id) {
+    std::shared_ptr<KRSubscription> subscription;
+    {
+        const std::lock_guard lock(p_->mutex);
+        const auto found = p_->subscriptions.find(id);
+        if (found == p_->subscriptions.end()) {
+            p_->failUnknown("unsubscribe", id);
+        }
+        subscription = found->second;
+        p_->subscriptions.erase(found);
+        p_->callers.erase(id);
+    }
+    const std::lock_guard moving(subscription->moving);
+    subscription->end();
+    p_->slots[subscription->getSettings().camera]->release();
+}
+
+void KRVideoDevice::xCallerGone(const std::string& caller) {
+    std::vector<std::string> left;
+    {
+        const std::lock_guard lock(p_->mutex);
+        for (const auto& [id, subscriber] : p_->callers) {
+            if (subscriber == caller) {
+                left.push_back(id);
+            }
+        }
+    }
+    for (const std::string& id : left) {
+        try {
+            unsubscribe(id);
+            logInfo("KRVideoDevice", "subscription " + id + " has ended with the process that made it");
+        } catch (const KRError& error) {
+            logVerbose("KRVideoDevice", error.what()); // it had just unsubscribed
+        }
+    }
+}
+
+KRValue KRVideoDevice::getImageRemote(const std::string& id) {
+    const char* method = "getImageRemote";
+    const std::shared_ptr<KRSubscription> subscription = p_->find(method, id);
+    const auto start = std::chrono::steady_clock::now();
+    for (;;) {
+        const KRSubscription::Position position = subscription->getPosition();
+        KRCameraSlot& slot = *p_->slots[position.settings.camera];
+        if (position.ended) {
+            p_->fail(method, "subscription \"" + id + "\" has ended");
+        }
+        if (slot.isShutDown()) {
+            p_->fail(method, "the camera service is shutting down");
+        }
+        const auto patience = getPatience(position.settings.frameRate);
+        const std::shared_ptr<KRCamera> camera = slot.getCamera();
+        std::shared_ptr<KRFrame> frame;
+        try {
+            frame = camera ? camera->waitForFrame(position.lastFrame, start + patience) : nullptr;
+        } catch (const std::runtime_error& error) {
+            p_->fail(method, slot.getTitle() + " has failed: " + error.what());
+        }
+        // A camera that closes has been left by this subscription.
+        if (!frame && std::chrono::steady_clock::now() >= start + patience) {
+            p_->fail(method,
+                     slot.getTitle() + ": no image within " + std::to_string(patience.count()) + " ms");
+        }
+        if (!frame || !subscription->take(frame, position)) {
+            continue;
+        }
+        try {
+            KRBinary pixels = frame->getPixels(position.settings.resolution, position.settings.colorSpace);
+            subscription->noteDelivery(*frame);
+            return makeImageValue(position.settings, *frame, std::move(pixels));
+        } catch (const std::runtime_error& error) {
+            p_->fail(method, slot.getTitle() + ": " + error.what());
+        }
+    }
+}
+
+void KRVideoDevice::releaseImage(const std::string& id) {
+    p_->find("releaseImage", id)->release();
+}
+
+bool KRVideoDevice::setFrameRate(const std::string& id, int frameRate) {
+    const std::shared_ptr<KRSubscription> subscription = p_->find("setFrameRate", id);
+    if (!isFrameRateSupported(frameRate)) {
+        return false;
+    }
+    subscription->setFrameRate(frameRate);
+    return true;
+}
+
+int KRVideoDevice::getFrameRate(const std::string& id) const {
+    return p_->find("getFrameRate", id)->getSettings().frameRate;
+}
+
+bool KRVideoDevice::setResolution(const std::string& id, int resolution) {
+    const std::shared_ptr<KRSubscription> subscription = p_->find("setResolution", id);
+    if (!isResolutionSupported(resolution)) {
+        return false;
+    }
+    subscription->setResolution(resolution);
+    p_->slots[subscription->getSettings().camera]->want(getSize(resolution));
+    return true;
+}
+
+bool KRVideoDevice::setColorSpace(const std::string& id, int colorSpace) {
+    const std::shared_ptr<KRSubscription> subscription = p_->find("setColorSpace", id);
+    if (!isColorSpaceSupported(colorSpace)) {
+        return false;
+    }
+    subscription->setColorSpace(colorSpace);
+    return true;
+}
+
+bool KRVideoDevice::setActiveCamera(const std::string& id, int camera) {
+    const char* method = "setActiveCamera";
+    const std::shared_ptr<KRSubscription> subscription = p_->find(method, id);
+    KRCameraSlot* slot = p_->findSlot(camera);
+    if (slot == nullptr) {
+        return false;
+    }
+    const std::lock_guard moving(subscription->moving);
+    const KRSubscription::Position position = subscription->getPosition();
+    if (position.ended) {
+        p_->failUnknown(method, id);
+    }
+    if (camera == position.settings.camera) {
+        return true;
+    }
+    p_->acquire(method, *slot, position.settings.resolution);
+    subscription->setCamera(camera);
+    p_->slots[position.settings.camera]->release();
+    return true;
+}
+
+} // namespace KR

@@ -1,0 +1,91 @@
+// What the service tells of its cameras and subscriptions, and the controls of the cameras.
+
+#include "krcamera/krvideodevice.hpp"
+
+#include "service/krvideodevice_p.hpp"
+
+#include <stdexcept>
+
+namespace KR {
+
+namespace {
+
+template <class T>
+KRValue toArray(const std::vector<T>& entries) {
+    std::vector<KRValue> values;
+    values.reserve(entries.size());
+    for (const T& entry : entries) {
+        values.push_back(entry.toKRValue());
+    }
+    return values;
+}
+
+} // namespace
+
+int KRVideoDevice::getCameraModel(int camera) const {
+    const KRCameraSlot* slot = p_->findSlot(camera);
+    return slot == nullptr ? -1 : slot->getModel();
+}
+
+bool KRVideoDevice::setCameraParameter(const std::string& id, int parameter, int value) {
+    const char* method = "setCameraParameter";
+    KRCameraSlot& slot = *p_->slots[p_->find(method, id)->getSettings().camera];
+    try {
+        const KRControls::Answer answer = slot.getControls().set(parameter, value);
+        if (answer == KRControls::Answer::Unknown) {
+            p_->fail(method, slot.getTitle() + " has no parameter " + std::to_string(parameter) +
+                                 "; it has: " + listControls(slot.getControls().list()));
+        }
+        return answer == KRControls::Answer::Done;
+    } catch (const KRError&) {
+        throw;
+    } catch (const std::runtime_error& error) {
+        p_->fail(method, slot.getTitle() + ": " + error.what());
+    }
+}
+
+void KRVideoDevice::setAllCameraParametersToDefault(const std::string& id) {
+    const char* method = "setAllCameraParametersToDefault";
+    KRCameraSlot& slot = *p_->slots[p_->find(method, id)->getSettings().camera];
+    try {
+        slot.getControls().reset();
+    } catch (const std::runtime_error& error) {
+        p_->fail(method, slot.getTitle() + ": " + error.what());
+    }
+}
+
+KRValue KRVideoDevice::getCameraList() const {
+    std::vector<KRCameraInfo> cameras;
+    for (const auto& slot : p_->slots) {
+        cameras.push_back(slot->getInfo());
+    }
+    return toArray(cameras);
+}
+
+KRValue KRVideoDevice::getControls(int camera) const {
+    const char* method = "getControls";
+    KRCameraSlot& slot = p_->getSlot(method, camera);
+    try {
+        return toArray(slot.getControls().list());
+    } catch (const std::runtime_error& error) {
+        p_->fail(method, slot.getTitle() + ": " + error.what());
+    }
+}
+
+KRValue KRVideoDevice::getStatistics() const {
+    std::vector<KRSubscriptionStatistics> statistics;
+    for (const auto& [id, subscription] : p_->list()) {
+        statistics.push_back(subscription->getStatistics(id));
+    }
+    return toArray(statistics);
+}
+
+KRValue KRVideoDevice::getSubscribers() const {
+    std::vector<KRSubscriberInfo> subscribers;
+    for (const auto& [id, subscription] : p_->list()) {
+        subscribers.push_back(subscription->getInfo(id));
+    }
+    return toArray(subscribers);
+}
+
+} // namespace KR

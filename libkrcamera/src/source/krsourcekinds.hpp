@@ -1,0 +1,14 @@
+#pragma once
+
+#include "source/krsource.hpp"
+
+#include <memory>
+#include <string>
+
+namespace KR {
+
+/// Makes the source that a source string describes. Opens nothing.
+/// \throws std::invalid_argument  the source string is wrong; the text says what would be right
+std::unique_ptr<KRSource> makeSource(const std::string& text);
+
+} // namespace KR
