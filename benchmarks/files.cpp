@@ -29,7 +29,6 @@ using KR::KRImage;
 using KR::KRVideo;
 
 constexpr int kFrames = 32; // of a recording
-constexpr int kBgrColorSpace = 13;
 
 struct Geometry {
     int width;
@@ -54,9 +53,9 @@ struct Geometry {
     }
 };
 constexpr Geometry kGeometries[] = {{640, 480, KR::kYUV422ColorSpace, "640x480 YUV422"},
-                                    {1280, 960, kBgrColorSpace, "1280x960 BGR"}};
-constexpr Geometry kBgrGeometries[] = {{640, 480, kBgrColorSpace, "640x480 BGR"},
-                                       {1280, 960, kBgrColorSpace, "1280x960 BGR"}};
+                                    {1280, 960, KR::kBgrColorSpace, "1280x960 BGR"}};
+constexpr Geometry kBgrGeometries[] = {{640, 480, KR::kBgrColorSpace, "640x480 BGR"},
+                                       {1280, 960, KR::kBgrColorSpace, "1280x960 BGR"}};
 
 std::filesystem::path getFolder() {
     const std::filesystem::path memory = "/dev/shm";

@@ -1,13 +1,16 @@
-// KRImage::readFile on any bytes, into an image of each kind, and then what else one does with an image.
+// KRImage::readFile on any bytes, into an image of each kind, and then the other operations on the image; beside it
+// the checked reader, which must accept nothing that KRImage::readFile refuses.
 
 #include "memoryfile.hpp"
 
 #include <krvision/krimage.hpp>
+#include <krvision/kroxifile.hpp>
 #include <krvision/krvisiondefinitions.hpp>
 
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <stdexcept>
 #include <vector>
 
 namespace {
@@ -49,10 +52,30 @@ void use(const KRImage& image, bool mayBeSmall) {
     }
 }
 
+void readChecked(const MemoryFile& file) {
+    if (!KR::isOxiFile(file.getPath())) {
+        return;
+    }
+    try {
+        const KR::KROxiHeader header = KR::readOxiHeader(file.getPath());
+        const bool isSound = KR::findProblems(header).empty();
+        if (isSound && header.getPixelsOffset() + header.countPixelBytes() > header.fileSize) {
+            std::abort();
+        }
+        use(KR::readOxi(file.getPath()), true);
+        if (!isSound) {
+            std::abort();
+        }
+    } catch (const std::runtime_error&) {
+        return; // a problem of the file
+    }
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const MemoryFile file(data, size);
+    readChecked(file);
 
     KRImage owned = makeImage(1, 1, false);
     if (read(owned, file)) {

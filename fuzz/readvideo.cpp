@@ -1,13 +1,17 @@
-// KRVideo::readVideo on any bytes, followed by every frame operation. The last bytes of the input are also the list of
-// the operations. To a short input zeros are added, so that headers alone can be tried out on frames that are there.
+// KRVideo::readVideo on any bytes, followed by every frame operation, and the checked reader on the same file. The last
+// bytes of the input also choose the operations. Short inputs are padded with zeros, so that the fuzzer can vary headers
+// alone and still find frames.
 
 #include "memoryfile.hpp"
 
 #include <krplatform/krerror.hpp>
+#include <krvision/kroxvfile.hpp>
 #include <krvision/krvideo.hpp>
 #include <krvision/krvisiondefinitions.hpp>
 
 #include <algorithm>
+#include <cstdlib>
+#include <stdexcept>
 #include <vector>
 
 namespace {
@@ -60,6 +64,31 @@ void operate(KRVideo& video, Images& images, std::uint8_t operation) {
     }
 }
 
+void readChecked(const MemoryFile& file) {
+    constexpr std::uint64_t kMostFrames = 4;
+    try {
+        const KR::KROxvFile recording(file.getPath());
+        const std::uint64_t frames = recording.countCompleteFrames();
+        if (recording.countExpectedFrames() < frames || recording.countAddressableFrames() > frames ||
+            (frames > 0 && recording.getOffset(frames) > recording.getFileSize())) {
+            std::abort();
+        }
+        recording.requireFrames();
+        if (!recording.hasFrames()) {
+            std::abort();
+        }
+        for (std::size_t stream = 0; stream < recording.getStreams().size() && frames > 0; ++stream) {
+            KRImage image = recording.makeImage(stream);
+            for (std::uint64_t frame = 0; frame < std::min(frames, kMostFrames); ++frame) {
+                recording.readImage(image, frame, stream);
+                recording.readImage(image, frames - 1 - frame, stream);
+            }
+        }
+    } catch (const std::runtime_error&) {
+        return; // a problem of the file
+    }
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -68,6 +97,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     std::vector<std::uint8_t> bytes(data, data + size);
     bytes.resize(size < kShort ? kExtended : size);
     const MemoryFile file(bytes.data(), bytes.size());
+    readChecked(file);
     KRVideo video;
     try {
         video.readVideo(file.getPath());

@@ -13,8 +13,6 @@
 
 namespace {
 
-constexpr int kRgbColorSpace = 11;
-
 void drawBox(std::vector<unsigned char>& rgb, int width, int height, const Motion& motion) {
     const int left = static_cast<int>(motion.left * static_cast<float>(width));
     const int right = std::min(width, static_cast<int>(motion.right * static_cast<float>(width))) - 1;
@@ -36,7 +34,7 @@ void drawBox(std::vector<unsigned char>& rgb, int width, int height, const Motio
 
 void Picture::add(const boost::shared_ptr<KR::KRBroker>& broker, int camera, const Motion& motion) {
     KR::KRVideoDeviceProxy cameras(broker);
-    const std::string id = cameras.subscribeCamera("Picture", camera, KR::kVGA, kRgbColorSpace, 30);
+    const std::string id = cameras.subscribeCamera("Picture", camera, KR::kVGA, KR::kRgbColorSpace, 30);
     const auto image = std::unique_ptr<KR::KRImage>(KR::KRImage::fromKRValue(cameras.getImageRemote(id)));
     cameras.releaseImage(id);
     cameras.unsubscribe(id);

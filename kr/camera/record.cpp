@@ -6,9 +6,10 @@
 #include "number.hpp"
 #include "outputfile.hpp"
 #include "progress.hpp"
-#include "recordingwriter.hpp"
 
 #include <krplatform/krerror.hpp>
+#include <krvision/kroxvfile.hpp>
+#include <krvision/krvideo.hpp>
 
 #include <CLI/CLI.hpp>
 
@@ -62,7 +63,7 @@ public:
                                static_cast<std::uint32_t>(image->height),
                                static_cast<std::uint32_t>(colorSpace), 8});
         }
-        writer_.emplace(path, streams);
+        writer_.emplace(path, streams, getFinalName(path));
         write();
     }
 
@@ -92,7 +93,7 @@ public:
 private:
     const Subscriptions subscriptions_;
     std::vector<std::unique_ptr<KRImage>> images_; // the newest one of each camera
-    std::optional<RecordingWriter> writer_;
+    std::optional<KROxvWriter> writer_;
 };
 
 /// Records until `end`, or until it is interrupted, the file is full or cannot be written, or a camera is silent for

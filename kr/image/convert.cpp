@@ -4,9 +4,9 @@
 #include "command.hpp"
 #include "number.hpp"
 #include "outputfile.hpp"
-#include "oxiheader.hpp"
 #include "pictureconversion.hpp"
 
+#include <krvision/kroxifile.hpp>
 #include <krvision/krvisiondefinitions.hpp>
 
 #include <CLI/CLI.hpp>

@@ -1,7 +1,9 @@
 // kr image dump
 
 #include "command.hpp"
-#include "oxiheader.hpp"
+
+#include <krvision/krimage.hpp>
+#include <krvision/kroxifile.hpp>
 
 #include <CLI/CLI.hpp>
 

@@ -3,9 +3,10 @@
 #include "colorspace.hpp"
 #include "command.hpp"
 #include "json.hpp"
-#include "oxiheader.hpp"
 #include "picture.hpp"
 #include "timestamp.hpp"
+
+#include <krvision/kroxifile.hpp>
 
 #include <CLI/CLI.hpp>
 
@@ -25,7 +26,7 @@ struct Options {
     bool json = false;
 };
 
-void show(const std::string& file, const OxiHeader& oxi) {
+void show(const std::string& file, const KROxiHeader& oxi) {
     std::printf("%s\n", file.c_str());
     std::printf("  format        oxi, version %d\n", oxi.version);
     std::printf("  size          %dx%d pixels of %d bytes\n", oxi.width, oxi.height, oxi.layers);
@@ -34,13 +35,13 @@ void show(const std::string& file, const OxiHeader& oxi) {
     std::printf("  camera        %d\n", oxi.cameraId);
     if (oxi.version == 1) {
         std::printf("  angles        left %g, top %g, right %g, bottom %g rad\n",
-                    static_cast<double>(oxi.leftAngle), static_cast<double>(oxi.topAngle),
-                    static_cast<double>(oxi.rightAngle), static_cast<double>(oxi.bottomAngle));
+                    static_cast<double>(oxi.angles[0]), static_cast<double>(oxi.angles[1]),
+                    static_cast<double>(oxi.angles[2]), static_cast<double>(oxi.angles[3]));
     }
     std::printf("  on disk       %llu bytes\n", static_cast<unsigned long long>(oxi.fileSize));
 }
 
-Json toJson(const std::string& file, const OxiHeader& oxi, const std::vector<std::string>& problems) {
+Json toJson(const std::string& file, const KROxiHeader& oxi, const std::vector<std::string>& problems) {
     Json json = {{"file", file},
                  {"format", "oxi"},
                  {"version", oxi.version},
@@ -51,10 +52,10 @@ Json toJson(const std::string& file, const OxiHeader& oxi, const std::vector<std
                  {"time_usec", oxi.timeStamp},
                  {"camera", oxi.cameraId}};
     if (oxi.version == 1) {
-        json["angles_rad"] = {{"left", oxi.leftAngle},
-                              {"top", oxi.topAngle},
-                              {"right", oxi.rightAngle},
-                              {"bottom", oxi.bottomAngle}};
+        json["angles_rad"] = {{"left", oxi.angles[0]},
+                              {"top", oxi.angles[1]},
+                              {"right", oxi.angles[2]},
+                              {"bottom", oxi.angles[3]}};
     }
     json["file_bytes"] = oxi.fileSize;
     json["problems"] = problems;
@@ -92,7 +93,7 @@ bool showFile(const std::string& file, Json* list) {
         }
         return true;
     }
-    const OxiHeader oxi = readOxiHeader(file);
+    const KROxiHeader oxi = readOxiHeader(file);
     const std::vector<std::string> problems = findProblems(oxi);
     if (list != nullptr) {
         list->push_back(toJson(file, oxi, problems));

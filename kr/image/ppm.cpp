@@ -1,8 +1,7 @@
 #include "picture.hpp"
 
-#include "colorspace.hpp"
-
 #include <krvision/krimage.hpp>
+#include <krvision/krvisiondefinitions.hpp>
 
 #include <cctype>
 #include <filesystem>

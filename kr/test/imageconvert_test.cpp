@@ -90,8 +90,8 @@ TEST_F(KrImageConvert, EveryColorSpaceComesOutInTheRightColoursInEveryFormat) {
         int colorSpace;
         int tolerance; // of a picture without loss; the library's green is off by as much in strong colours
     };
-    for (const Case& c : {Case{KR::kYUV422ColorSpace, 63}, Case{kRgbColorSpace, 0}, Case{kBgrColorSpace, 0},
-                          Case{kBgrxColorSpace, 0}}) {
+    for (const Case& c : {Case{KR::kYUV422ColorSpace, 63}, Case{KR::kRgbColorSpace, 0},
+                          Case{KR::kBgrColorSpace, 0}, Case{KR::kBgrxColorSpace, 0}}) {
         writeOxi("a.oxi", c.colorSpace);
         for (const std::string format : {"ppm", "png", "jpg"}) {
             const Outcome outcome = convert("a.oxi", "a." + format);
@@ -165,7 +165,7 @@ TEST_F(KrImageConvert, APictureBecomesYuv422AndAGreyOneLuma) {
 }
 
 TEST_F(KrImageConvert, FromOxiToOxiKeepsWhatTheImageSaysOfItself) {
-    writeOxi("a.oxi", kRgbColorSpace);
+    writeOxi("a.oxi", KR::kRgbColorSpace);
     EXPECT_EQ(convert("a.oxi", "b.oxi").exitCode, 0);
     EXPECT_EQ(readAll(path("b.oxi")), readAll(path("a.oxi")));
     EXPECT_EQ(convert("a.oxi", "b.oxi", {"--color-space", "yuv422"}).exitCode, 0);
@@ -177,7 +177,7 @@ TEST_F(KrImageConvert, TheLastOfAnOddNumberOfPixelsIsConvertedToo) {
     odd.width = 3;
     odd.height = 3;
     odd.rgb.assign(27, 200);
-    for (const int colorSpace : {KR::kLumaColorSpace, kRgbColorSpace}) {
+    for (const int colorSpace : {KR::kLumaColorSpace, KR::kRgbColorSpace}) {
         EXPECT_LE(largestDifference(makePicture(makeImage(odd, colorSpace)), odd), 1);
     }
     KRImage yuv422(3, 3, KR::kYUV422ColorSpace, false, 0.0f, 0.0f, 0.0f, 0.0f);
@@ -193,7 +193,7 @@ TEST_F(KrImageConvert, WhatCannotBeConvertedIsTold) {
     odd.height = 1;
     odd.rgb.assign(9, 0);
     writePicture(odd, path("odd.png"));
-    writeOxi("a.oxi", kRgbColorSpace);
+    writeOxi("a.oxi", KR::kRgbColorSpace);
     KRImage other(2, 2, 10, false, 0.0f, 0.0f, 0.0f, 0.0f);
     ASSERT_TRUE(other.writeFile(path("other.oxi").c_str()));
     Bytes cut = readAll(path("a.oxi"));
@@ -244,7 +244,7 @@ TEST_F(KrImageConvert, AResultThatFailsLeavesWhatWasThere) {
 }
 
 TEST_F(KrImageConvert, ADiskThatIsFullIsAFailure) {
-    const std::string in = writeOxi("a.oxi", kRgbColorSpace);
+    const std::string in = writeOxi("a.oxi", KR::kRgbColorSpace);
     for (const std::string format : {"oxi", "ppm", "png", "jpg"}) {
         std::filesystem::create_symlink("/dev/full", path("full." + format));
         const Outcome outcome = convert("a.oxi", "full." + format);
@@ -255,7 +255,7 @@ TEST_F(KrImageConvert, ADiskThatIsFullIsAFailure) {
 }
 
 TEST_F(KrImageConvert, ReplacesTheFileBehindALink) {
-    writeOxi("a.oxi", kRgbColorSpace);
+    writeOxi("a.oxi", KR::kRgbColorSpace);
     writeAll(path("old.png"), {1});
     std::filesystem::create_symlink("old.png", path("link.png"));
     EXPECT_EQ(convert("a.oxi", "link.png").exitCode, 0);

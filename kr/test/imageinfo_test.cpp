@@ -81,9 +81,9 @@ TEST_F(KrImageInfo, TellsWhatIsWrong) {
     writeAll(path("huge.oxi"), bytes);
     const Outcome run = kr({"image", "info", path("layers.oxi"), path("huge.oxi")});
     EXPECT_EQ(run.exitCode, 1);
-    EXPECT_THAT(run.err, HasSubstr("a pixel in colour space YUV422 (9) has 2 bytes, not 3"));
-    EXPECT_THAT(run.err, HasSubstr("it has 153648 bytes, and needs 230448"));
-    EXPECT_THAT(run.err, HasSubstr("there is no image of 1879048512x240 pixels of 3 bytes"));
+    EXPECT_THAT(run.err, HasSubstr("a pixel in colour space 9 has 2 bytes, not 3"));
+    EXPECT_THAT(run.err, HasSubstr("it has 153648 bytes and needs 230448"));
+    EXPECT_THAT(run.err, HasSubstr("no image has 1879048512x240 pixels of 3 bytes"));
 }
 
 TEST_F(KrImageInfo, ShowsAFileOfVersion0WhichHasNoAngles) {
@@ -105,7 +105,7 @@ TEST_F(KrImageInfo, ShowsAFileOfVersion0WhichHasNoAngles) {
                                          "  on disk       36 bytes\n");
     bytes.pop_back();
     writeAll(path("old.oxi"), bytes);
-    EXPECT_THAT(kr({"image", "info", path("old.oxi")}).err, HasSubstr("it has 35 bytes, and needs 36"));
+    EXPECT_THAT(kr({"image", "info", path("old.oxi")}).err, HasSubstr("it has 35 bytes and needs 36"));
 }
 
 } // namespace

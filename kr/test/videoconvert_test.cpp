@@ -90,7 +90,7 @@ TEST_F(KrVideoConvert, AFilmHasTheFramesTheColoursAndTheRateOfTheRecording) {
         options.insert(options.end(), {"--stream", "1"});
         expectDone(convert(in, c.name, options));
         expectDone(convert(path(c.name), "back.oxv", {"--size", "320x240"}));
-        Recording back(path("back.oxv"));
+        KR::KROxvFile back(path("back.oxv"));
         Frames frames(back, 0);
         ASSERT_EQ(frames.count(), kFrames);
         for (unsigned frame = 0; frame < kFrames; ++frame) {
@@ -208,7 +208,7 @@ TEST_F(KrVideoConvert, WhatCannotBeConvertedIsToldAndLeavesNothing) {
              Case{in, "a.y4m", {"--from", "12"}, 1, "there is no frame 12; there are 12"},
              Case{in, "a.y4m", {"--stream", "2"}, 1, "there is no stream 2; the last one is 1"},
              Case{empty, "a.mkv", {}, 1, "there is no frame 0; there are 0"},
-             Case{sixteen, "a.mkv", {}, 1, "images of 16 bits a sample cannot be converted, only those of 8"},
+             Case{sixteen, "a.mkv", {}, 1, "stream 0 cannot be read as images of 8 bits"},
              Case{in, "missing/a.mkv", {}, 1, "there is no folder"},
              Case{in, "missing/a.png", {}, 1, "missing/a-000000.png cannot be written: there is no folder"},
              Case{in, "in.oxv", {}, 1, "is the file that is read"},
@@ -308,7 +308,7 @@ TEST_F(KrVideoConvert, Y4mOfRgbHoldsThePlanesOfItsYuv422) {
 TEST_F(KrVideoConvert, OfAFilmTheFramesThatWereAskedForAreTaken) {
     expectDone(convert(record("in"), "a.mkv"));
     expectDone(convert(path("a.mkv"), "part.oxv", {"--size", "160x120", "--from", "3", "--to", "5"}));
-    Recording part(path("part.oxv"));
+    KR::KROxvFile part(path("part.oxv"));
     Frames frames(part, 0);
     ASSERT_EQ(frames.count(), 3U);
     for (unsigned frame = 0; frame < 3; ++frame) {
@@ -330,7 +330,7 @@ TEST_F(KrVideoConvert, BesidePicturesOfAnotherShapeThereIsBlack) {
     video.write(reinterpret_cast<char*>(image.data()), static_cast<int>(image.size()), 0, 0, 0, 0, 0, 0);
     expectDone(kr({"video", "convert", path("wide.oxv"), path("a.mkv")}));
     expectDone(convert(path("a.mkv"), "back.oxv", {"--size", "160x120"}));
-    Recording back(path("back.oxv"));
+    KR::KROxvFile back(path("back.oxv"));
     Frames frames(back, 0);
     const KRImage& film = frames.read(0);
     for (const int y : {1, 118}) {

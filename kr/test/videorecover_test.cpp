@@ -125,13 +125,14 @@ TEST_F(KrVideoRecover, NeverWritesToWhatItReads) {
 
 TEST_F(KrVideoRecover, WhatCannotBeRecoveredIsToldAndNothingIsWritten) {
     const std::vector<std::pair<Bytes, std::string>> cases = {
-        {{}, "is no oxv file"},
+        {{}, "not an oxv file"},
         {{'1', 'V', 'X', 'O', 0}, "ends within its headers, after 5 bytes"},
         {makeOxvHeader(kOxvVersion1, 0, 1, 3, {{160, 120, 0, 8}, {160, 120, 0, 8}}),
          "ends within its headers"},
         {makeOxvHeader(kOxvVersion1, 0, 1, 0xFFFFFFFF, {{160, 120, 0, 8}}), "ends within its headers"},
-        {makeOxvHeader(kOxvVersion1, 0, 1, 1, {{160, 120, 27, 8}}), "its streams make no sense"},
-        {makeOxvHeader(kOxvVersion1, 0, 1, 1, {{0xFFFFFFFF, 0xFFFFFFFF, 19, 0xFFFFFFFF}}), "make no sense"},
+        {makeOxvHeader(kOxvVersion1, 0, 1, 1, {{160, 120, 27, 8}}), "stream 0 has an impossible geometry"},
+        {makeOxvHeader(kOxvVersion1, 0, 1, 1, {{0xFFFFFFFF, 0xFFFFFFFF, 19, 0xFFFFFFFF}}),
+         "stream 0 has an impossible geometry"},
         {makeOxvHeader(kOxvVersion1, 0, 1, 1, {{1280, 960, 9, 8}}), "1280x960 pixels: readers open"},
     };
     for (const auto& [file, text] : cases) {

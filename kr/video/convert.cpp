@@ -8,8 +8,9 @@
 #include "outputfile.hpp"
 #include "picture.hpp"
 #include "pipelinesink.hpp"
-#include "recordingwriter.hpp"
 
+#include <krvision/kroxvfile.hpp>
+#include <krvision/krvideo.hpp>
 #include <krvision/krvisiondefinitions.hpp>
 
 #include <CLI/CLI.hpp>
@@ -39,7 +40,7 @@ struct Range {
     std::uint64_t count;
 };
 
-Range chooseFrames(const Options& options, const Recording& recording) {
+Range chooseFrames(const Options& options, const KROxvFile& recording) {
     const std::uint64_t frames = recording.countCompleteFrames();
     if (options.from >= frames) {
         throw std::runtime_error(options.in + ": there is no frame " + std::to_string(options.from) +
@@ -59,7 +60,7 @@ void convertTo(FrameSink& sink, Frames& frames, const Range& range, std::int64_t
     sink.finish();
 }
 
-void convertToFile(const Options& options, const std::string& extension, Recording& recording,
+void convertToFile(const Options& options, const std::string& extension, KROxvFile& recording,
                    const Range& range) {
     OutputFile out(options.out, options.in);
     if (extension == ".oxv") {
@@ -77,7 +78,7 @@ void convertToFile(const Options& options, const std::string& extension, Recordi
     out.commit();
 }
 
-ExitCode convertRecording(const Options& options, Recording& recording) {
+ExitCode convertRecording(const Options& options, KROxvFile& recording) {
     const std::string extension = getExtension(options.out);
     recording.requireFrames();
     if (options.stream && *options.stream >= recording.getStreams().size()) {
@@ -119,9 +120,10 @@ ExitCode convertFilm(const Options& options) {
     OutputFile out(options.out, options.in);
     const std::unique_ptr<FilmReader> film = openFilm(options.in, resolution);
     KRImage image(resolution, kYUV422ColorSpace, false, 0.0f, 0.0f, 0.0f, 0.0f);
-    RecordingWriter writer(
-        out.getPath(), {{static_cast<std::uint32_t>(image.width), static_cast<std::uint32_t>(image.height),
-                         static_cast<std::uint32_t>(kYUV422ColorSpace), 8}});
+    KROxvWriter writer(out.getPath(),
+                       {{static_cast<std::uint32_t>(image.width), static_cast<std::uint32_t>(image.height),
+                         static_cast<std::uint32_t>(kYUV422ColorSpace), 8}},
+                       options.out);
     ExitCode code = ExitCode::Done;
     {
         Progress progress(film->estimateFrames());
@@ -148,9 +150,9 @@ ExitCode convertFilm(const Options& options) {
 
 bool isRecording(const std::string& path) {
     try {
-        const Recording recording(path);
+        const KROxvFile recording(path);
         return true;
-    } catch (const NoRecording&) {
+    } catch (const KRNotOxvError&) {
         return false;
     }
 }
@@ -171,7 +173,7 @@ ExitCode convert(const Options& options) {
                          std::to_string(options.to));
     }
     if (isRecording(options.in)) {
-        Recording recording(options.in);
+        KROxvFile recording(options.in);
         return convertRecording(options, recording);
     }
     if (extension != ".oxv") {

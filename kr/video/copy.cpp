@@ -12,7 +12,7 @@ namespace {
 
 class Copy {
 public:
-    Copy(Recording& from, const std::string& path) : from_(from), to_(path) {}
+    Copy(KROxvFile& from, const std::string& path) : from_(from), to_(path) {}
 
     void copyBytes(std::uint64_t size, std::uint64_t offset) {
         constexpr std::uint64_t kBufferSize = std::uint64_t{1} << 20;
@@ -29,14 +29,14 @@ public:
     void close() { to_.close(); }
 
 private:
-    Recording& from_;
+    KROxvFile& from_;
     FileWriter to_;
     std::vector<char> buffer_;
 };
 
 } // namespace
 
-void copyFrames(Recording& recording, std::uint64_t first, std::uint64_t count,
+void copyFrames(KROxvFile& recording, std::uint64_t first, std::uint64_t count,
                 std::optional<std::size_t> stream, const std::string& path, Progress& progress) {
     constexpr std::uint64_t kHeaderSize = 16; // of the file, and of each stream
     const std::uint64_t headers = recording.getHeaderSize();

@@ -1,7 +1,8 @@
 #pragma once
 
 #include "progress.hpp"
-#include "recording.hpp"
+
+#include <krvision/kroxvfile.hpp>
 
 #include <cstdint>
 #include <optional>
@@ -14,7 +15,7 @@ namespace KR::tool {
 /// \param stream  the only one that is copied; nothing: all of them
 /// \param path    of the file to write
 /// \throws std::runtime_error one of the files cannot be read or written
-void copyFrames(Recording& recording, std::uint64_t first, std::uint64_t count,
+void copyFrames(KROxvFile& recording, std::uint64_t first, std::uint64_t count,
                 std::optional<std::size_t> stream, const std::string& path, Progress& progress);
 
 } // namespace KR::tool

@@ -22,7 +22,7 @@ std::string count(std::uint64_t number, const std::string& what) {
 
 class Diagnosis {
 public:
-    Diagnosis(Recording& recording, Progress& progress) : recording_(recording), progress_(progress) {}
+    Diagnosis(KROxvFile& recording, Progress& progress) : recording_(recording), progress_(progress) {}
 
     std::vector<Problem> make() {
         checkHeaders();
@@ -53,7 +53,7 @@ private:
                  "the file ends within its headers, which need " + count(recording_.getHeaderSize(), "byte"));
         } else if (announced == 0) {
             tell(kStreamCountOffset, "no streams; readers take it for one");
-        } else if (announced > Recording::kMostStreams) {
+        } else if (announced > KROxvFile::kMostStreams) {
             tell(kStreamCountOffset, count(announced, "stream") + ", which makes no sense");
         }
         for (std::size_t i = 0; i < recording_.getStreams().size(); ++i) {
@@ -68,7 +68,7 @@ private:
         const std::uint64_t complete = recording_.countCompleteFrames();
         const std::uint32_t announced = recording_.getAnnouncedCount();
         const std::size_t streams = recording_.getStreams().size();
-        if (announced == Recording::kNeverClosed) {
+        if (announced == oxv::kNeverClosed) {
             tell(kCountOffset,
                  "the recording was never closed: the header does not say how many frames there are (" +
                      std::to_string(complete) + ")");
@@ -94,10 +94,10 @@ private:
 
     void checkChunks(std::size_t stream) {
         const std::uint64_t frames = recording_.countCompleteFrames();
-        std::optional<ChunkHeader> previous;
+        std::optional<KROxvChunkHeader> previous;
         std::uint64_t firstStrange = 0, strange = 0;
         for (std::uint64_t frame = 0; frame < frames; ++frame) {
-            const ChunkHeader header = recording_.readChunkHeader(frame, stream);
+            const KROxvChunkHeader header = recording_.readChunkHeader(frame, stream);
             progress_.advance();
             if (recording_.getVersion() == 1 && !header.isPlausible()) {
                 firstStrange = strange++ == 0 ? frame : firstStrange;
@@ -139,18 +139,18 @@ private:
         }
     }
 
-    Recording& recording_;
+    KROxvFile& recording_;
     Progress& progress_;
     std::vector<Problem> problems_;
 };
 
 } // namespace
 
-std::vector<Problem> diagnose(Recording& recording, Progress& progress) {
+std::vector<Problem> diagnose(KROxvFile& recording, Progress& progress) {
     return Diagnosis(recording, progress).make();
 }
 
-std::string explainUnreadable(const RecordedStream& stream) {
+std::string explainUnreadable(const KROxvStream& stream) {
     const int resolution =
         getResolutionFromSize(static_cast<int>(stream.width), static_cast<int>(stream.height));
     if (resolution < 0 || resolution > kVGA) {
@@ -166,7 +166,7 @@ std::string explainUnreadable(const RecordedStream& stream) {
     return "";
 }
 
-std::vector<std::int64_t> readTimeStamps(Recording& recording, std::size_t stream, Progress& progress) {
+std::vector<std::int64_t> readTimeStamps(KROxvFile& recording, std::size_t stream, Progress& progress) {
     std::vector<std::int64_t> timeStamps;
     const std::uint64_t frames = recording.countCompleteFrames();
     for (std::uint64_t frame = 0; frame < frames; ++frame) {

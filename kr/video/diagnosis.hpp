@@ -1,7 +1,8 @@
 #pragma once
 
 #include "progress.hpp"
-#include "recording.hpp"
+
+#include <krvision/kroxvfile.hpp>
 
 #include <cstdint>
 #include <optional>
@@ -21,12 +22,12 @@ struct Problem {
 /// Finds everything that is wrong with a recording, in the order of the file. Reads the beginning of each chunk.
 /// \param progress  advances with the frames
 /// \throws std::runtime_error it cannot be read
-std::vector<Problem> diagnose(Recording& recording, Progress& progress);
+std::vector<Problem> diagnose(KROxvFile& recording, Progress& progress);
 
 /// Why a reader would not open a file with such a stream; empty if it would.
-std::string explainUnreadable(const RecordedStream& stream);
+std::string explainUnreadable(const KROxvStream& stream);
 
 /// Reads the time stamps of the complete frames of a stream.
-std::vector<std::int64_t> readTimeStamps(Recording& recording, std::size_t stream, Progress& progress);
+std::vector<std::int64_t> readTimeStamps(KROxvFile& recording, std::size_t stream, Progress& progress);
 
 } // namespace KR::tool

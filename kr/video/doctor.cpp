@@ -20,11 +20,11 @@ struct Options {
 
 std::vector<Problem> findProblems(const std::string& file) {
     try {
-        Recording recording(file);
+        KROxvFile recording(file);
         Progress progress(
             recording.hasFrames() ? recording.countCompleteFrames() * recording.getStreams().size() : 0);
         return diagnose(recording, progress);
-    } catch (const NoRecording&) {
+    } catch (const KRNotOxvError&) {
         return {{0, std::nullopt, std::nullopt, "the file does not begin as an oxv file does"}};
     }
 }

@@ -28,7 +28,7 @@ ExitCode extract(const Options& options) {
         throw UsageError(options.out + ": the extension says the format: .png, .ppm, .jpg or .oxi");
     }
     OutputFile out(options.out, options.file);
-    Recording recording(options.file);
+    KROxvFile recording(options.file);
     Frames frames(recording, options.stream);
     const KRImage& image = frames.read(options.frame);
     if (extension != ".oxi") {

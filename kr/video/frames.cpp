@@ -3,7 +3,6 @@
 #include "timeline.hpp"
 
 #include <algorithm>
-#include <cstring>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -12,56 +11,27 @@ namespace KR::tool {
 
 namespace {
 
-const RecordedStream& findStream(const Recording& recording, std::size_t stream) {
+KRImage makeImage(const KROxvFile& recording, std::size_t stream) {
     recording.requireFrames();
-    const std::vector<RecordedStream>& streams = recording.getStreams();
+    const std::vector<KROxvStream>& streams = recording.getStreams();
     if (stream >= streams.size()) {
         throw std::runtime_error(recording.getPath() + ": there is no stream " + std::to_string(stream) +
                                  "; the last one is " + std::to_string(streams.size() - 1));
     }
-    if (streams[stream].depth != 8) {
-        throw std::runtime_error(recording.getPath() + ": images of " +
-                                 std::to_string(streams[stream].depth) +
-                                 " bits a sample cannot be converted, only those of 8");
-    }
-    return streams[stream];
-}
-
-KRImage makeImage(const RecordedStream& stream) {
-    return {static_cast<int>(stream.width),
-            static_cast<int>(stream.height),
-            static_cast<int>(stream.colorSpace),
-            false,
-            0.0f,
-            0.0f,
-            0.0f,
-            0.0f};
+    return recording.makeImage(stream);
 }
 
 } // namespace
 
-Frames::Frames(Recording& recording, std::size_t stream)
-    : recording_(recording), stream_(stream), image_(makeImage(findStream(recording, stream))) {}
+Frames::Frames(KROxvFile& recording, std::size_t stream)
+    : recording_(recording), stream_(stream), image_(makeImage(recording, stream)) {}
 
 const KRImage& Frames::read(std::uint64_t frame) {
     if (frame >= count()) {
         throw std::runtime_error(recording_.getPath() + ": there is no frame " + std::to_string(frame) +
                                  "; there are " + std::to_string(count()));
     }
-    recording_.readBytes(image_.data.get(), getStream().chunkSize, recording_.getOffset(frame, stream_));
-    const ChunkHeader header = recording_.readChunkHeader(frame, stream_);
-    image_.timeStamp = header.timeStamp;
-    image_.cameraId = header.cameraId;
-    if (recording_.getVersion() == 1) {
-        image_.leftAngle = header.angles[0];
-        image_.topAngle = header.angles[1];
-        image_.rightAngle = header.angles[2];
-        image_.bottomAngle = header.angles[3];
-    }
-    const auto row = static_cast<std::size_t>(image_.width) * static_cast<std::size_t>(image_.nbLayers);
-    if (row >= Recording::kChunkHeaderSize && image_.height > 1) {
-        std::memcpy(image_.data.get(), image_.data.get() + row, Recording::kChunkHeaderSize);
-    }
+    recording_.readImage(image_, frame, stream_);
     return image_;
 }
 
@@ -78,7 +48,7 @@ std::int64_t FrameClock::next(std::int64_t timeStamp) {
     return time_usec_;
 }
 
-std::int64_t estimateInterval(Recording& recording, std::size_t stream, std::uint64_t first) {
+std::int64_t estimateInterval(KROxvFile& recording, std::size_t stream, std::uint64_t first) {
     constexpr std::uint64_t kEnough = 300;
     constexpr std::int64_t kDefault = 1000000 / 30;
     constexpr std::int64_t kMinute = 60000000;

@@ -1,8 +1,7 @@
 #pragma once
 
-#include "recording.hpp"
-
 #include <krvision/krimage.hpp>
+#include <krvision/kroxvfile.hpp>
 
 #include <cstdint>
 
@@ -12,10 +11,10 @@ namespace KR::tool {
 class Frames {
 public:
     /// \throws std::runtime_error there are no frames to speak of, no such stream, or a depth that is not 8
-    Frames(Recording& recording, std::size_t stream);
+    Frames(KROxvFile& recording, std::size_t stream);
 
     std::uint64_t count() const { return recording_.countCompleteFrames(); }
-    const RecordedStream& getStream() const { return recording_.getStreams()[stream_]; }
+    const KROxvStream& getStream() const { return recording_.getStreams()[stream_]; }
 
     /// Reads a frame. The first 25 bytes of its pixels, which are not in the file, are those of the row below.
     /// \return valid until the next call
@@ -23,7 +22,7 @@ public:
     const KRImage& read(std::uint64_t frame);
 
 private:
-    Recording& recording_;
+    KROxvFile& recording_;
     const std::size_t stream_;
     KRImage image_;
 };
@@ -46,6 +45,6 @@ private:
 };
 
 /// The usual interval of the frames from `first` on, of which a few hundred are looked at; 1/30 s if it cannot be told.
-std::int64_t estimateInterval(Recording& recording, std::size_t stream, std::uint64_t first);
+std::int64_t estimateInterval(KROxvFile& recording, std::size_t stream, std::uint64_t first);
 
 } // namespace KR::tool

@@ -4,9 +4,10 @@
 #include "command.hpp"
 #include "diagnosis.hpp"
 #include "json.hpp"
-#include "recording.hpp"
 #include "timeline.hpp"
 #include "timestamp.hpp"
+
+#include <krvision/kroxvfile.hpp>
 
 #include <CLI/CLI.hpp>
 
@@ -24,7 +25,7 @@ struct Options {
 };
 
 struct StreamInfo {
-    RecordedStream stream;
+    KROxvStream stream;
     Timeline timeline;
 };
 
@@ -35,7 +36,7 @@ double toMilliseconds(std::int64_t time_usec) {
 }
 
 // What the file would have if all frames were there that there should be.
-std::uint64_t countExpectedBytes(const Recording& recording) {
+std::uint64_t countExpectedBytes(const KROxvFile& recording) {
     return recording.getDataOffset() + recording.countExpectedFrames() * recording.getFrameSize();
 }
 
@@ -54,7 +55,7 @@ void showSome(const char* what, const std::vector<Event>& events, Show showOne) 
 }
 
 void show(std::size_t number, const StreamInfo& info) {
-    const RecordedStream& stream = info.stream;
+    const KROxvStream& stream = info.stream;
     const Timeline& time = info.timeline;
     std::printf("  stream %zu\n", number);
     std::printf("    size            %ux%u pixels\n", stream.width, stream.height);
@@ -81,12 +82,12 @@ void show(std::size_t number, const StreamInfo& info) {
     });
 }
 
-void show(const Recording& recording, const std::vector<StreamInfo>& streams) {
+void show(const KROxvFile& recording, const std::vector<StreamInfo>& streams) {
     const std::uint64_t expected = countExpectedBytes(recording);
     std::printf("%s\n", recording.getPath().c_str());
     std::printf("  format            oxv, version %d\n", recording.getVersion());
     std::printf("  frames            %llu", static_cast<Unsigned>(recording.countCompleteFrames()));
-    if (recording.getAnnouncedCount() == Recording::kNeverClosed) {
+    if (recording.getAnnouncedCount() == oxv::kNeverClosed) {
         std::printf("; the recording was never closed\n");
     } else if (recording.getAnnouncedCount() != recording.countCompleteFrames()) {
         std::printf("; the header says %u\n", recording.getAnnouncedCount());
@@ -127,12 +128,12 @@ Json toJson(const StreamInfo& info) {
             {"backward_jumps", jumps}};
 }
 
-Json toJson(const Recording& recording, const std::vector<StreamInfo>& streams) {
+Json toJson(const KROxvFile& recording, const std::vector<StreamInfo>& streams) {
     Json list = Json::array();
     for (const StreamInfo& stream : streams) {
         list.push_back(toJson(stream));
     }
-    const bool isClosed = recording.getAnnouncedCount() != Recording::kNeverClosed;
+    const bool isClosed = recording.getAnnouncedCount() != oxv::kNeverClosed;
     Json json = {{"file", recording.getPath()},
                  {"format", "oxv"},
                  {"version", recording.getVersion()},
@@ -149,7 +150,7 @@ Json toJson(const Recording& recording, const std::vector<StreamInfo>& streams) 
 }
 
 ExitCode showFile(const Options& options) {
-    Recording recording(options.file);
+    KROxvFile recording(options.file);
     recording.requireFrames();
     std::vector<StreamInfo> streams;
     {

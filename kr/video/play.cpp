@@ -22,7 +22,7 @@ struct Options {
 };
 
 ExitCode play(const Options& options) {
-    Recording recording(options.file);
+    KROxvFile recording(options.file);
     Frames frames(recording, options.stream);
     frames.read(options.from); // there must be one
     const std::int64_t interval = estimateInterval(recording, options.stream, options.from);

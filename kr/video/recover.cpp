@@ -22,8 +22,8 @@ struct Options {
 
 ExitCode recover(const Options& options) {
     OutputFile out(options.out, options.in);
-    Recording recording(options.in);
-    const Recovery recovery = recover(recording, out.getPath());
+    KROxvFile recording(options.in);
+    const Recovery recovery = tool::recover(recording, out.getPath());
     out.commit();
     if (options.json) {
         printJson({{"file", options.out}, {"kept_frames", recovery.kept}, {"lost_frames", recovery.lost}});

@@ -14,9 +14,9 @@ namespace KR::tool {
 
 namespace {
 
-void requireReadable(const Recording& recording) {
+void requireReadable(const KROxvFile& recording) {
     recording.requireFrames();
-    for (const RecordedStream& stream : recording.getStreams()) {
+    for (const KROxvStream& stream : recording.getStreams()) {
         const std::string reason = explainUnreadable(stream);
         if (!reason.empty()) {
             throw std::runtime_error(recording.getPath() + ": " + reason + "; kr video convert may help");
@@ -24,7 +24,7 @@ void requireReadable(const Recording& recording) {
     }
 }
 
-void check(Recording& recording, std::uint64_t frames, const std::string& path, Progress& progress) {
+void check(KROxvFile& recording, std::uint64_t frames, const std::string& path, Progress& progress) {
     KRVideo video;
     video.readVideo(path);
     if (video.getFrameCount() != frames || video.getStreams().size() != recording.getStreams().size()) {
@@ -48,7 +48,7 @@ void check(Recording& recording, std::uint64_t frames, const std::string& path, 
 
 } // namespace
 
-Recovery recover(Recording& recording, const std::string& path) {
+Recovery recover(KROxvFile& recording, const std::string& path) {
     requireReadable(recording);
     const std::uint64_t kept = recording.countAddressableFrames();
     Progress progress(2 * kept); // written once, read once

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "recording.hpp"
+#include <krvision/kroxvfile.hpp>
 
 #include <cstdint>
 #include <string>
@@ -18,6 +18,6 @@ struct Recovery {
 /// \param path  of the file to write
 /// \throws std::runtime_error the recording has no frames to speak of, or streams that no reader opens; the file
 /// cannot be written, or does not read as it should
-Recovery recover(Recording& recording, const std::string& path);
+Recovery recover(KROxvFile& recording, const std::string& path);
 
 } // namespace KR::tool

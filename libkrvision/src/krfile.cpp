@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstring>
+#include <stdexcept>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -17,6 +19,22 @@ bool KRFile::openToRead(const std::string& path) {
     return descriptor_ >= 0;
 }
 
+std::uint64_t KRFile::openRegular(const std::string& path) {
+    close();
+    const auto fail = [&](const char* reason) {
+        throw std::runtime_error(path + ": cannot be read: " + reason);
+    };
+    descriptor_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK); // regular files ignore O_NONBLOCK
+    struct stat status;
+    if (descriptor_ < 0 || ::fstat(descriptor_, &status) != 0) {
+        fail(std::strerror(errno));
+    }
+    if (!S_ISREG(status.st_mode)) {
+        fail(S_ISDIR(status.st_mode) ? std::strerror(EISDIR) : "not a regular file");
+    }
+    return static_cast<std::uint64_t>(status.st_size);
+}
+
 bool KRFile::openToWrite(const std::string& path) {
     const int opened = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
     if (opened < 0) {
@@ -27,11 +45,13 @@ bool KRFile::openToWrite(const std::string& path) {
     return true;
 }
 
-void KRFile::close() noexcept {
-    if (descriptor_ >= 0) {
-        ::close(descriptor_);
-        descriptor_ = -1;
+bool KRFile::close() noexcept {
+    if (descriptor_ < 0) {
+        return true;
     }
+    const int closed = ::close(descriptor_);
+    descriptor_ = -1;
+    return closed == 0;
 }
 
 std::size_t KRFile::readAt(void* to, std::size_t size, std::uint64_t offset) const {
@@ -54,7 +74,7 @@ bool KRFile::reaches(std::uint64_t size) const {
            static_cast<std::uint64_t>(status.st_size) >= size;
 }
 
-void KRFile::append(const void* first, std::size_t firstSize, const void* second, std::size_t secondSize) {
+bool KRFile::append(const void* first, std::size_t firstSize, const void* second, std::size_t secondSize) {
     // writev() takes what it only reads as not const.
     std::array<iovec, 2> parts = {
         {{const_cast<void*>(first), firstSize}, {const_cast<void*>(second), secondSize}}};
@@ -64,7 +84,7 @@ void KRFile::append(const void* first, std::size_t firstSize, const void* second
             if (written < 0 && errno == EINTR) {
                 continue;
             }
-            return;
+            return false;
         }
         std::size_t done = static_cast<std::size_t>(written);
         for (iovec& part : parts) {
@@ -74,12 +94,24 @@ void KRFile::append(const void* first, std::size_t firstSize, const void* second
             done -= taken;
         }
     }
+    return true;
 }
 
-void KRFile::writeAt(const void* from, std::size_t size, std::uint64_t offset) {
-    // A few bytes: a file takes all of them or none.
-    while (::pwrite(descriptor_, from, size, static_cast<off_t>(offset)) < 0 && errno == EINTR) {
-    }
+bool KRFile::writeAt(const void* from, std::size_t size, std::uint64_t offset) {
+    ssize_t written = 0;
+    do { // a file takes a few bytes in one piece or not at all
+        written = ::pwrite(descriptor_, from, size, static_cast<off_t>(offset));
+    } while (written < 0 && errno == EINTR);
+    return written == static_cast<ssize_t>(size);
+}
+
+bool KRFile::truncate(std::uint64_t size) {
+    const auto end = static_cast<off_t>(size);
+    return ::ftruncate(descriptor_, end) == 0 && ::lseek(descriptor_, end, SEEK_SET) == end;
+}
+
+bool KRFile::sync() {
+    return ::fsync(descriptor_) == 0 || errno == EINVAL || errno == ENOTSUP;
 }
 
 } // namespace KR

@@ -6,8 +6,8 @@
 
 namespace KR {
 
-/// An open file of the operating system, without a buffer: each operation moves its bytes in one piece.
-/// Closed with the object. Throws nothing. Reentrant.
+/// An open file, unbuffered: each operation transfers its bytes in one piece. Closed with the object. Only
+/// openRegular() throws; the others return false and leave the reason in errno. Reentrant.
 class KRFile {
 public:
     KRFile() = default;
@@ -15,22 +15,31 @@ public:
     KRFile(const KRFile&) = delete;
     KRFile& operator=(const KRFile&) = delete;
 
-    /// Closes what is open before, and opens a file to read. \return whether that is open now
+    /// Closes the file that is open and opens another one for reading.
     bool openToRead(const std::string& path);
-    /// Creates a file, or empties one, to write; closes what was open before. \return false: what was open
-    /// before still is
+    /// The same for a regular file only; never blocks on a pipe.
+    /// \return its size in bytes
+    /// \throws std::runtime_error "<path>: cannot be read: <reason>"
+    std::uint64_t openRegular(const std::string& path);
+    /// Creates a file, or empties one, for writing, and closes the one that was open.
+    /// \return false: the one that was open still is
     bool openToWrite(const std::string& path);
-    void close() noexcept;
+    /// \return false: an error, such as one from an earlier write; the file is closed all the same
+    bool close() noexcept;
 
-    /// \return how many of the bytes have been read: fewer at the end of the file, after an error, and from a
-    /// file that is not open
+    /// \return the number of bytes read: fewer at the end of the file, after an error, and if no file is open
     std::size_t readAt(void* to, std::size_t size, std::uint64_t offset) const;
-    /// Whether the file reaches up to there. One that does not tell its size, such as a device, does.
+    /// Whether the file is at least that long. One without a known size, such as a device, counts as long enough.
     bool reaches(std::uint64_t size) const;
 
-    /// Appends one run of bytes and then another. Errors are not told, nor are those of writeAt().
-    void append(const void* first, std::size_t firstSize, const void* second, std::size_t secondSize);
-    void writeAt(const void* from, std::size_t size, std::uint64_t offset);
+    /// Appends two runs of bytes. After an error, a part of them may have been written.
+    bool append(const void* first, std::size_t firstSize, const void* second, std::size_t secondSize);
+    /// Overwrites a few bytes; append() still continues at the end.
+    bool writeAt(const void* from, std::size_t size, std::uint64_t offset);
+    /// Drops everything beyond the first `size` bytes; append() continues there.
+    bool truncate(std::uint64_t size);
+    /// Waits until the disk has everything. True on pipes and devices, which keep nothing.
+    bool sync();
 
 private:
     int descriptor_ = -1;

@@ -1,12 +1,13 @@
 #pragma once
 
+#include <array>
 #include <bit>
 #include <cstdint>
 #include <cstring>
 
 namespace KR {
 
-/// Takes the next field of a header, in native byte order, and moves on behind it. No alignment is needed.
+/// Reads a header field in native byte order and advances past it. `at` need not be aligned.
 template <class T>
 T takeField(const unsigned char*& at) noexcept {
     T field;
@@ -15,20 +16,19 @@ T takeField(const unsigned char*& at) noexcept {
     return field;
 }
 
-/// Puts a field of a header, in native byte order, and moves on behind it. No alignment is needed.
+/// Writes a header field in native byte order and advances past it. `at` need not be aligned.
 template <class T>
 void putField(unsigned char*& at, T field) noexcept {
     std::memcpy(at, &field, sizeof field);
     at += sizeof field;
 }
 
-/// \name The field of view, radians, of the files of version 0, which do not tell theirs
-/// As bits, because the usual decimal for the top, 0.3209778, is rounded to the float next to it.
-///@{
-inline constexpr float kDefaultLeftAngle = std::bit_cast<float>(std::uint32_t{0x3ED576D4});   //  0.4169222
-inline constexpr float kDefaultTopAngle = std::bit_cast<float>(std::uint32_t{0x3EA45733});    //  0.32097778
-inline constexpr float kDefaultRightAngle = std::bit_cast<float>(std::uint32_t{0xBED576D4});  // -0.4169222
-inline constexpr float kDefaultBottomAngle = std::bit_cast<float>(std::uint32_t{0xBEA45733}); // -0.32097778
-///@}
+/// The field of view of files of version 0, which do not hold theirs: left, top, right, bottom, radians. As bits,
+/// because the usual decimal for the top, 0.3209778, rounds to the neighbouring float.
+inline constexpr std::array<float, 4> kDefaultAngles = {
+    std::bit_cast<float>(std::uint32_t{0x3ED576D4}),  //  0.4169222
+    std::bit_cast<float>(std::uint32_t{0x3EA45733}),  //  0.32097778
+    std::bit_cast<float>(std::uint32_t{0xBED576D4}),  // -0.4169222
+    std::bit_cast<float>(std::uint32_t{0xBEA45733})}; // -0.32097778
 
 } // namespace KR

@@ -1,15 +1,16 @@
 #include "krvision/krimage.hpp"
 
-#include "krheaderfields.hpp"
 #include "krownedbytes.hpp"
 #include "krplatform/krlog.hpp"
 #include "krppm.hpp"
+#include "krvision/kroxifile.hpp"
 #include "krwrappingproduct.hpp"
 
 #include <algorithm>
 #include <array>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 
 #include <sys/stat.h>
@@ -17,13 +18,6 @@
 namespace KR {
 
 namespace {
-
-// The first word of a file. Version 0 is version 1 without the angles.
-constexpr std::uint32_t kOxiVersion1 = 0x4F584931; // "1IXO" in the file
-constexpr std::uint32_t kOxiVersion0 = 0x4F584930; // "0IXO"
-
-constexpr std::size_t kOxiFieldsSize = 28; // between the first word and the angles
-constexpr std::size_t kOxiAnglesSize = 16;
 
 // More pixels than any resolution has in any colour space.
 constexpr int kUnusualSize = 2560 * 1920 * 12;
@@ -90,44 +84,39 @@ bool KRImage::writeFile(const char* path) const {
     if (!file) {
         return false;
     }
-    std::array<unsigned char, sizeof kOxiVersion1 + kOxiFieldsSize + kOxiAnglesSize> header;
-    unsigned char* at = header.data();
-    putField(at, kOxiVersion1);
-    putField<std::int32_t>(at, width);
-    putField<std::int32_t>(at, height);
-    putField<std::int32_t>(at, nbLayers);
-    putField<std::int32_t>(at, colorSpace);
-    putField(at, timeStamp);
-    putField<std::int32_t>(at, cameraId);
-    for (const float angle : {leftAngle, topAngle, rightAngle, bottomAngle}) {
-        putField(at, angle);
-    }
+    KROxiHeader fields;
+    fields.width = width;
+    fields.height = height;
+    fields.layers = nbLayers;
+    fields.colorSpace = colorSpace;
+    fields.timeStamp = timeStamp;
+    fields.cameraId = cameraId;
+    fields.angles = {leftAngle, topAngle, rightAngle, bottomAngle};
+    const auto header = fields.encode();
     return writeBytes(file.get(), header.data(), header.size()) &&
            writeBytes(file.get(), data.get(), static_cast<std::size_t>(size)) && close(file);
 }
 
 bool KRImage::readFile(const char* path) {
     File file = openUnbuffered(path, "rb");
+    std::array<unsigned char, oxi::kHeaderSize1> bytes;
     std::uint32_t version = 0;
-    if (!file || !readBytes(file.get(), &version, sizeof version)) {
+    if (!file || !readBytes(file.get(), bytes.data(), sizeof version)) {
         return false;
     }
-    if (version != kOxiVersion1 && version != kOxiVersion0) {
+    std::memcpy(&version, bytes.data(), sizeof version);
+    const std::size_t headerSize = oxi::getHeaderSize(version);
+    if (headerSize == 0) {
         logError("vision.krimage", "readFile: Error while reading image: not an .oxi format\n");
         return false;
     }
-    std::array<unsigned char, kOxiFieldsSize + kOxiAnglesSize> header;
-    const std::size_t headerSize = version == kOxiVersion1 ? header.size() : kOxiFieldsSize;
-    if (!readBytes(file.get(), header.data(), headerSize)) {
+    if (!readBytes(file.get(), bytes.data() + sizeof version, headerSize - sizeof version)) {
         return false;
     }
-    const unsigned char* at = header.data();
-    const auto fileWidth = takeField<std::int32_t>(at);
-    const auto fileHeight = takeField<std::int32_t>(at);
-    const auto fileLayers = takeField<std::int32_t>(at);
-    const int size = wrappingProduct(fileWidth, fileHeight, fileLayers);
+    const KROxiHeader header = KROxiHeader::decode(bytes.data());
+    const int size = wrappingProduct(header.width, header.height, header.layers);
 
-    if (fileWidth == width && fileHeight == height && fileLayers == nbLayers) {
+    if (header.width == width && header.height == height && header.layers == nbLayers) {
         // Only the pixels change, the rest of the header is dropped; deliberate.
         if (!hasBytes(*this, size)) {
             return false;
@@ -137,22 +126,20 @@ bool KRImage::readFile(const char* path) {
             logError("vision.krimage", "readFile: external buffer not compatible.\n");
             return false;
         }
-        if (size > kUnusualSize &&
-            !mayHold(file.get(), static_cast<std::int64_t>(sizeof version + headerSize) + size)) {
+        if (size > kUnusualSize && !mayHold(file.get(), static_cast<std::int64_t>(headerSize) + size)) {
             return false;
         }
         data = internalDataUninitialized(static_cast<std::size_t>(size));
-        width = fileWidth;
-        height = fileHeight;
-        nbLayers = fileLayers;
-        colorSpace = takeField<std::int32_t>(at);
-        timeStamp = takeField<std::int64_t>(at);
-        cameraId = static_cast<signed char>(takeField<std::int32_t>(at));
-        const bool hasAngles = version == kOxiVersion1;
-        leftAngle = hasAngles ? takeField<float>(at) : kDefaultLeftAngle;
-        topAngle = hasAngles ? takeField<float>(at) : kDefaultTopAngle;
-        rightAngle = hasAngles ? takeField<float>(at) : kDefaultRightAngle;
-        bottomAngle = hasAngles ? takeField<float>(at) : kDefaultBottomAngle;
+        width = header.width;
+        height = header.height;
+        nbLayers = header.layers;
+        colorSpace = header.colorSpace;
+        timeStamp = header.timeStamp;
+        cameraId = header.cameraId;
+        leftAngle = header.angles[0];
+        topAngle = header.angles[1];
+        rightAngle = header.angles[2];
+        bottomAngle = header.angles[3];
     }
     return readBytes(file.get(), data.get(), static_cast<std::size_t>(size)) && close(file);
 }

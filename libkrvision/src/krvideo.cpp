@@ -4,6 +4,7 @@
 #include "krheaderfields.hpp"
 #include "krownedbytes.hpp"
 #include "krplatform/krerror.hpp"
+#include "krvision/kroxvfile.hpp"
 #include "krvision/krvisiondefinitions.hpp"
 #include "krwrappingproduct.hpp"
 
@@ -20,35 +21,10 @@ namespace KR {
 
 namespace {
 
-// The first word of a file: "1VXO" or "0VXO"; in version 0 the chunks hold no angles.
-constexpr std::uint32_t kOxvVersion1 = 0x4F585631;
-constexpr std::uint32_t kOxvVersion0 = 0x4F585630;
-
-constexpr std::uint32_t kFileHeaderSize = 16;
-constexpr std::uint64_t kFrameCountOffset = 8; // in the file's header
-constexpr std::uint32_t kUnknownFrameCount = 0xFFFFFFFF;
-constexpr std::uint32_t kColorSpaces = 17; // those that a file may have: 0 to 16
-
-// Each chunk begins with the time stamp, the camera and four angles, in place of as many bytes of pixels.
-constexpr std::size_t kChunkHeaderSize = 25;
-constexpr std::size_t kAnglesOffset = 9;
-
-static_assert(sizeof(streamHeader) == 16, "lies in the file as it is");
+static_assert(sizeof(streamHeader) == oxv::kStreamHeaderSize, "written to the file as it is");
 
 std::uint32_t dataOffsetOf(std::uint32_t streams, std::uint32_t extraHeaderSize) {
-    return kFileHeaderSize + std::uint32_t{sizeof(streamHeader)} * streams + extraHeaderSize;
-}
-
-std::array<unsigned char, kChunkHeaderSize> makeChunkHeader(long long timestamp, char cameraIndex, float a0,
-                                                            float a1, float a2, float a3) {
-    std::array<unsigned char, kChunkHeaderSize> header;
-    unsigned char* at = header.data();
-    putField<std::int64_t>(at, timestamp);
-    putField(at, cameraIndex);
-    for (const float angle : {a0, a1, a2, a3}) {
-        putField(at, angle);
-    }
-    return header;
+    return oxv::kFileHeaderSize + oxv::kStreamHeaderSize * streams + extraHeaderSize;
 }
 
 } // namespace
@@ -73,7 +49,7 @@ public:
 
     /// An image that makes the buffer it needs when it is first converted to.
     static KRImage makeUnsizedImage();
-    void writeChunk(const std::array<unsigned char, kChunkHeaderSize>& header, const void* image, int size);
+    void writeChunk(const KROxvChunkHeader& header, const void* image, int size);
 
     bool isReading = false; // then there is at least one stream
     bool isRecording = false;
@@ -102,14 +78,14 @@ std::vector<streamProperties> KRVideoPrivate::readStreams(std::uint32_t count) c
     for (std::uint32_t i = 0; i < count; ++i) {
         streamHeader header = {};
         const bool isComplete =
-            input.readAt(&header, sizeof header, kFileHeaderSize + std::uint64_t{sizeof header} * i) ==
+            input.readAt(&header, sizeof header, oxv::kFileHeaderSize + std::uint64_t{sizeof header} * i) ==
             sizeof header;
         const int resolution =
             getResolutionFromSize(static_cast<int>(header.width), static_cast<int>(header.height));
         if (!isComplete || resolution < 0 || resolution > kVGA) {
             throw KRError("KRVideo", "readVideo", "Unsupported resolution");
         }
-        if (header.colorSpace >= kColorSpaces) {
+        if (header.colorSpace >= oxv::kColorSpaces) {
             throw KRError("KRVideo", "readVideo", "invalid color space");
         }
         const auto layers =
@@ -129,9 +105,9 @@ bool KRVideo::readVideo(std::string path) {
         throw KRError("KRVideo", "readVideo", "Can't open file " + p.path + ". Check its path and presence");
     }
     std::array<std::uint32_t, 4> header = {}; // version, extra header size, frames, streams
-    p.input.readAt(header.data(), kFileHeaderSize, 0);
+    p.input.readAt(header.data(), sizeof header, 0);
     try {
-        if ((header[0] & ~std::uint32_t{1}) != kOxvVersion0) {
+        if (header[0] != oxv::kVersion1 && header[0] != oxv::kVersion0) {
             throw KRError("KRVideo", "readVideo", "This oxv file version isn't supported");
         }
         p.streams = p.readStreams(std::max(header[3], std::uint32_t{1}));
@@ -148,7 +124,7 @@ bool KRVideo::readVideo(std::string path) {
         p.frameSize += stream.chunkSize;
     }
     p.currentStream = 0;
-    p.position = kFileHeaderSize + sizeof(streamHeader) * std::uint64_t{streamCount};
+    p.position = oxv::kFileHeaderSize + sizeof(streamHeader) * std::uint64_t{streamCount};
     p.isReading = true;
     return true;
 }
@@ -168,7 +144,7 @@ std::uint32_t KRVideoPrivate::offsetOfChunk() const {
 
 bool KRVideoPrivate::prepare(KRImage& image, bool adapt) const {
     if (!adapt) {
-        return chunkSize() >= kChunkHeaderSize && hasBytes(image, chunkSize());
+        return chunkSize() >= oxv::kChunkHeaderSize && hasBytes(image, chunkSize());
     }
     if (!image.ownsData()) {
         return false;
@@ -221,7 +197,8 @@ bool KRVideoPrivate::fit(KRImage& image) const {
         image.allocatedLayers = static_cast<int>(stream.nbLayers);
     }
     if (image.data.get() != former) {
-        std::memset(image.data.get(), 0, kChunkHeaderSize); // what the image is told if nothing can be read
+        std::memset(image.data.get(), 0,
+                    oxv::kChunkHeaderSize); // the header that counts if nothing can be read
     }
     return true;
 }
@@ -230,23 +207,23 @@ void KRVideoPrivate::readChunk(KRImage& image, Angles angles) {
     input.readAt(image.data.get(), chunkSize(), position);
     position += chunkSize();
 
-    const unsigned char* at = image.data.get();
-    image.timeStamp = takeField<std::int64_t>(at);
-    image.cameraId = takeField<signed char>(at);
-    if (version == kOxvVersion0) {
-        image.leftAngle = kDefaultLeftAngle;
-        image.topAngle = kDefaultTopAngle;
-        image.rightAngle = kDefaultRightAngle;
-        image.bottomAngle = kDefaultBottomAngle;
-        return;
+    unsigned char bytes[oxv::kChunkHeaderSize];
+    std::memcpy(bytes, image.data.get(), sizeof bytes);
+    KROxvChunkHeader header = KROxvChunkHeader::decode(bytes);
+    if (version == oxv::kVersion0) {
+        header.angles = kDefaultAngles;
+    } else if (angles == Angles::OneByteApart) {
+        // The floats overlap, so that all but the first are not those that were written; deliberate.
+        for (std::size_t i = 0; i < header.angles.size(); ++i) {
+            std::memcpy(&header.angles[i], bytes + oxv::kAnglesOffset + i, sizeof(float));
+        }
     }
-    // One byte apart, the floats overlap and all but the first are not those that were written; deliberate.
-    const std::size_t step = angles == Angles::AsWritten ? sizeof(float) : 1;
-    const unsigned char* angle = image.data.get() + kAnglesOffset;
-    for (float* field : {&image.leftAngle, &image.topAngle, &image.rightAngle, &image.bottomAngle}) {
-        std::memcpy(field, angle, sizeof *field);
-        angle += step;
-    }
+    image.timeStamp = header.timeStamp;
+    image.cameraId = header.cameraId;
+    image.leftAngle = header.angles[0];
+    image.topAngle = header.angles[1];
+    image.rightAngle = header.angles[2];
+    image.bottomAngle = header.angles[3];
 }
 
 bool KRVideo::goToFrame(unsigned int frame, unsigned int stream) {
@@ -331,9 +308,9 @@ bool KRVideo::recordVideo(std::string path, unsigned int extraHeaderSize, std::v
         throw KRError("KRVideo", "recordVideo", "Can't open file. Check its path and presence");
     }
     const auto streamCount = static_cast<std::uint32_t>(streams.size());
-    const std::array<std::uint32_t, 4> header = {kOxvVersion1, extraHeaderSize, kUnknownFrameCount,
+    const std::array<std::uint32_t, 4> header = {oxv::kVersion1, extraHeaderSize, oxv::kNeverClosed,
                                                  streamCount};
-    p_->output.append(header.data(), kFileHeaderSize, streams.data(), streams.size() * sizeof(streamHeader));
+    p_->output.append(header.data(), sizeof header, streams.data(), streams.size() * sizeof(streamHeader));
     p_->path = std::move(path);
     p_->frameCount = 0;
     // The extra header is the offset's, but not the file's: deliberate.
@@ -342,12 +319,12 @@ bool KRVideo::recordVideo(std::string path, unsigned int extraHeaderSize, std::v
     return true;
 }
 
-void KRVideoPrivate::writeChunk(const std::array<unsigned char, kChunkHeaderSize>& header, const void* image,
-                                int size) {
+void KRVideoPrivate::writeChunk(const KROxvChunkHeader& header, const void* image, int size) {
+    const auto bytes = header.encode();
     const std::size_t imageSize = static_cast<std::size_t>(std::max(size, 0));
-    const std::size_t rest = std::max(imageSize, kChunkHeaderSize) - kChunkHeaderSize;
-    const void* from = rest > 0 ? static_cast<const char*>(image) + kChunkHeaderSize : nullptr;
-    output.append(header.data(), header.size(), from, rest);
+    const std::size_t rest = std::max(imageSize, bytes.size()) - bytes.size();
+    const void* from = rest > 0 ? static_cast<const char*>(image) + bytes.size() : nullptr;
+    output.append(bytes.data(), bytes.size(), from, rest);
     ++frameCount;
 }
 
@@ -356,7 +333,7 @@ bool KRVideo::write(char* buffer, int size, long long timestamp, char cameraInde
     if (!p_->isRecording) {
         return false;
     }
-    p_->writeChunk(makeChunkHeader(timestamp, cameraIndex, a0, a1, a2, a3), buffer, size);
+    p_->writeChunk({timestamp, static_cast<std::int8_t>(cameraIndex), {a0, a1, a2, a3}}, buffer, size);
     return true;
 }
 
@@ -371,7 +348,8 @@ bool KRVideo::write(int rows, int cols, char* bgr, long long timestamp, char cam
     if (size % 4 != 0) { // the last pixel has no partner, and is not converted
         std::memset(image.data.get() + size - 2, 0, 2);
     }
-    p_->writeChunk(makeChunkHeader(timestamp, cameraIndex, a0, a1, a2, a3), image.data.get(), size);
+    p_->writeChunk({timestamp, static_cast<std::int8_t>(cameraIndex), {a0, a1, a2, a3}}, image.data.get(),
+                   size);
     return true;
 }
 
@@ -380,7 +358,7 @@ bool KRVideo::write(int rows, int cols, char* bgr, long long timestamp, char cam
 void KRVideo::closeVideo() {
     if (p_->isRecording) {
         p_->isRecording = false;
-        p_->output.writeAt(&p_->frameCount, sizeof p_->frameCount, kFrameCountOffset);
+        p_->output.writeAt(&p_->frameCount, sizeof p_->frameCount, oxv::kFrameCountOffset);
         p_->output.close();
         p_->converted = KRVideoPrivate::makeUnsizedImage();
         std::cout << "stop recording " << p_->path << " file (" << p_->frameCount << " frames)" << std::endl;

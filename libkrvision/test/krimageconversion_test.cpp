@@ -3,6 +3,7 @@
 #include "conversionformulas.hpp"
 #include "krconversionpath.hpp"
 #include "krplatform/krlog.hpp"
+#include "krvision/krvisiondefinitions.hpp"
 
 #include <gtest/gtest.h>
 
@@ -20,7 +21,7 @@ using KR::KRLogRecord;
 using Bytes = std::vector<unsigned char>;
 
 constexpr int kYuv422 = 9;
-constexpr int kBgr = 13;
+constexpr int kBgr = KR::kBgrColorSpace;
 constexpr unsigned char kUntouched = 0xA5;
 
 KRImage makeImage(int width, int height, int colorSpace = kYuv422, bool emptyBuffer = false) {

@@ -15,6 +15,12 @@ inline constexpr int kVGA = 2;  ///< 640x480
 inline constexpr int kLumaColorSpace = 0;
 /// Two bytes per pixel, Y0 U Y1 V for each pair of pixels that lie side by side.
 inline constexpr int kYUV422ColorSpace = 9;
+/// \name Colour spaces of the camera service, bytes per pixel in the order of their names
+///@{
+inline constexpr int kRgbColorSpace = 11;
+inline constexpr int kBgrColorSpace = 13;
+inline constexpr int kBgrxColorSpace = 18; ///< the fourth byte is unused
+///@}
 
 /// Whether images can be made for this resolution code or set to it: the codes 0 to 8. The size table goes up
 /// to 17, see setSizeFromResolution.

@@ -1,0 +1,197 @@
+#pragma once
+
+#include "krplatform/krexport.hpp"
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace KR {
+
+class KRFile;
+class KRImage;
+struct streamHeader;
+
+/// Layout of an oxv file (docs/oxv.md): sizes and offsets in bytes.
+namespace oxv {
+
+inline constexpr std::uint32_t kVersion1 = 0x4F585631; ///< first word of the file: "1VXO"
+inline constexpr std::uint32_t kVersion0 = 0x4F585630; ///< "0VXO"; its chunks hold no angles
+
+inline constexpr std::uint32_t kFileHeaderSize = 16;
+inline constexpr std::uint64_t kExtraHeaderSizeOffset = 4;
+inline constexpr std::uint64_t kFrameCountOffset = 8;
+inline constexpr std::uint64_t kStreamCountOffset = 12;
+inline constexpr std::uint32_t kStreamHeaderSize = 16;
+
+inline constexpr std::uint32_t kNeverClosed = 0xFFFFFFFF; ///< frame count of an unfinished recording
+inline constexpr std::uint32_t kColorSpaces = 17;         ///< KRVideo opens streams of the codes 0 to 16
+
+/// A chunk begins with its header, which replaces as many bytes of pixels.
+inline constexpr std::size_t kChunkHeaderSize = 25;
+inline constexpr std::size_t kAnglesOffset = 9; ///< in a chunk
+
+/// Readers compute offsets in 32 bits: chunks that begin beyond are lost to them.
+inline constexpr std::uint64_t kAddressableSize = std::uint64_t{1} << 32;
+
+} // namespace oxv
+
+/// One stream of an oxv file: its header, and what follows from it.
+struct KROxvStream {
+    std::uint32_t width;      ///< pixels
+    std::uint32_t height;     ///< pixels
+    std::uint32_t colorSpace; ///< code
+    std::uint32_t depth;      ///< bits per sample
+    std::uint64_t chunkSize;  ///< bytes per frame; 0: the header describes no possible image
+    std::uint64_t offset;     ///< of its chunk in a frame, bytes
+};
+
+/// What each chunk of an oxv file begins with.
+struct KR_EXPORT KROxvChunkHeader {
+    std::int64_t timeStamp; ///< microseconds
+    std::int8_t cameraId;
+    std::array<float, 4> angles; ///< left, top, right, bottom, radians; meaningless in version 0
+
+    static KROxvChunkHeader decode(const unsigned char (&bytes)[oxv::kChunkHeaderSize]) noexcept;
+    std::array<unsigned char, oxv::kChunkHeaderSize> encode() const noexcept;
+
+    /// Whether a recorder can have written it: the angles are finite and at most a full circle.
+    bool isPlausible() const noexcept;
+};
+
+/// The file does not begin as an oxv file does.
+class KR_EXPORT KRNotOxvError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+/// Reads an oxv file that may be cut, damaged or hostile.
+///
+/// Where KRVideo trusts the file, this reader trusts nothing but the file's size and the stream headers, and checks
+/// those. Frames beyond 4 GiB can be read. Uses memory for one frame at most, whatever the headers announce.
+/// Reentrant.
+class KR_EXPORT KROxvFile {
+public:
+    static constexpr std::uint32_t kMostStreams = 1024; ///< a file that announces more has no usable frames
+
+    /// Opens a regular file and reads as many of its headers as there are.
+    /// \throws KRNotOxvError
+    /// \throws std::runtime_error "<path>: cannot be read: <reason>"
+    explicit KROxvFile(const std::string& path);
+    ~KROxvFile();
+    KROxvFile(const KROxvFile&) = delete;
+    KROxvFile& operator=(const KROxvFile&) = delete;
+
+    const std::string& getPath() const noexcept { return path_; }
+    std::uint64_t getFileSize() const noexcept { return fileSize_; } ///< when it was opened
+
+    /// \name Fields of the file header, unchecked; 0 where the file ends before
+    ///@{
+    int getVersion() const noexcept { return words_[0] == oxv::kVersion1 ? 1 : 0; }
+    std::uint32_t getExtraHeaderSize() const noexcept { return words_[1]; }
+    std::uint32_t getAnnouncedCount() const noexcept { return words_[2]; }   ///< frames, or oxv::kNeverClosed
+    std::uint32_t getAnnouncedStreams() const noexcept { return words_[3]; } ///< 0 means 1
+    ///@}
+
+    /// The streams whose headers are in the file, at most kMostStreams; fewer than announced if the file ends before.
+    const std::vector<KROxvStream>& getStreams() const noexcept { return streams_; }
+    /// Bytes up to the end of the announced stream headers.
+    std::uint64_t getHeaderSize() const noexcept;
+    bool hasAllStreams() const noexcept { return fileSize_ >= getHeaderSize(); }
+    /// Whether every announced stream has a usable header, so that frames can be located.
+    bool hasFrames() const noexcept { return frameSize_ > 0; }
+    /// \throws std::runtime_error with the path and the reason why hasFrames() is false
+    void requireFrames() const;
+
+    /// Where the first frame begins, bytes. If the file announces an extra header that is not there, this is where
+    /// the frames are, not where the header puts them.
+    std::uint64_t getDataOffset() const noexcept { return dataOffset_; }
+    std::uint64_t getFrameSize() const noexcept { return frameSize_; } ///< bytes; 0 without hasFrames()
+
+    /// \name Numbers of frames; 0 without hasFrames()
+    ///@{
+    std::uint64_t countCompleteFrames() const noexcept;
+    /// Bytes after the last complete frame.
+    std::uint64_t countCutBytes() const noexcept;
+    /// Frames that were recorded as far as the file tells: those announced, or those begun. With several streams, a
+    /// count that the file is too short for is taken as a count of chunks, which is what KRVideo records.
+    std::uint64_t countExpectedFrames() const noexcept;
+    /// Complete frames that readers with 32-bit offsets can reach.
+    std::uint64_t countAddressableFrames() const noexcept;
+    ///@}
+
+    /// Where a chunk begins in the file, bytes.
+    /// \throws std::out_of_range no such stream
+    std::uint64_t getOffset(std::uint64_t frame, std::size_t stream = 0) const;
+
+    /// \throws std::out_of_range no such stream
+    /// \throws std::runtime_error with the path: the file cannot be read there
+    KROxvChunkHeader readChunkHeader(std::uint64_t frame, std::size_t stream) const;
+    /// Reads any bytes of the file. \throws std::runtime_error as readChunkHeader
+    void readBytes(void* to, std::uint64_t size, std::uint64_t offset) const;
+
+    /// An image of a stream's geometry for readImage(), with an owned buffer.
+    /// \throws std::out_of_range no such stream
+    /// \throws std::runtime_error with the path: no image has this geometry; a depth other than 8 bits
+    KRImage makeImage(std::size_t stream) const;
+    /// Reads a chunk into an image from makeImage(): pixels, time stamp, camera and angles; in version 0 the angles
+    /// are the default field of view. The first 25 bytes of pixels, which the file does not hold, are copied from the
+    /// row below; in an image of one row, or of rows shorter than that, they are those of the chunk's header.
+    /// \throws std::invalid_argument the image is not of the stream's geometry, or does not own a buffer for it
+    /// \throws std::out_of_range, std::runtime_error as readChunkHeader
+    void readImage(KRImage& image, std::uint64_t frame, std::size_t stream) const;
+
+private:
+    void readStreams();
+    std::uint64_t findFirstFrame();
+    int countPlausibleChunks(std::uint64_t dataOffset);
+    std::uint64_t countBytesOfFrames() const noexcept;
+
+    const std::string path_;
+    const std::unique_ptr<KRFile> file_;
+    std::uint64_t fileSize_ = 0;
+    std::array<std::uint32_t, 4> words_ = {};
+    std::vector<KROxvStream> streams_;
+    std::uint64_t dataOffset_ = 0;
+    std::uint64_t frameSize_ = 0; // 0: a stream is missing or unusable
+};
+
+/// Records an oxv file like KRVideo, but counts frames rather than chunks and reports every error. Reentrant.
+class KR_EXPORT KROxvWriter {
+public:
+    /// Creates the file, or empties it, and writes the headers.
+    /// \param name  what to call the file in errors, if not `path`, such as when `path` is temporary
+    /// \throws std::runtime_error "<name>: cannot be written: <reason>", as all operations
+    KROxvWriter(const std::string& path, const std::vector<streamHeader>& streams,
+                const std::string& name = "");
+    ~KROxvWriter();
+    KROxvWriter(const KROxvWriter&) = delete;
+    KROxvWriter& operator=(const KROxvWriter&) = delete;
+
+    /// Whether every chunk of another frame would begin where readers with 32-bit offsets find it.
+    bool hasRoom() const noexcept;
+    /// Writes a frame: one chunk per stream. After an error, removeCutFrame() makes the file whole again.
+    /// \param images  one per stream, of its geometry, at least 25 bytes of pixels each
+    /// \throws std::invalid_argument an image is smaller; nothing has been written
+    void write(const std::vector<const KRImage*>& images);
+    /// Removes what an interrupted write() left behind the last complete frame.
+    void removeCutFrame();
+    std::uint32_t countFrames() const noexcept { return frames_; }
+    /// Writes the number of frames to the header and waits for the disk.
+    void close();
+
+private:
+    [[noreturn]] void fail() const;
+
+    const std::string name_;
+    const std::unique_ptr<KRFile> file_;
+    std::uint64_t size_ = 0;      // of the file, up to its last complete frame
+    std::uint64_t lastChunk_ = 0; // offset of the last stream's chunk in a frame; known after the first one
+    std::uint32_t frames_ = 0;
+};
+
+} // namespace KR
