@@ -1,6 +1,7 @@
 #include "krmotionextractor.hpp"
 
 #include <krplatform/krlog.hpp>
+#include <krvision/krannotations.hpp>
 #include <krvision/krvisiondefinitions.hpp>
 
 #include <algorithm>
@@ -16,6 +17,15 @@ KR::KRValue toValue(const Motion& motion) {
                               motion.bottom);
 }
 
+KR::KRAnnotations annotate(const KR::KRImage& image, const Motion& motion) {
+    KR::KRAnnotations annotations(image);
+    if (motion.amount >= KRMotionExtractor::kDetected) {
+        annotations.boxes.push_back(
+            {motion.left, motion.top, motion.right, motion.bottom, "motion", motion.amount, -1});
+    }
+    return annotations;
+}
+
 } // namespace
 
 KRMotionExtractor::KRMotionExtractor(boost::shared_ptr<KR::KRBroker> broker, const std::string& name,
@@ -23,6 +33,7 @@ KRMotionExtractor::KRMotionExtractor(boost::shared_ptr<KR::KRBroker> broker, con
     : KRVisionExtractor(broker, name, KR::kQVGA, KR::kYUV422ColorSpace, 30, camera), memory_(broker) {
     declareEvent(getMotionEvent());
     declareMemoryKey(getMotionKey());
+    declareMemoryKey(getAnnotationsKey());
 }
 
 Motion KRMotionExtractor::getMotion() const {
@@ -68,6 +79,7 @@ void KRMotionExtractor::xProcessImage(KR::KRImage* image) {
         }
         try {
             memory_.insertData(getMotionKey(), toValue(motion));
+            memory_.insertData(getAnnotationsKey(), annotate(*image, motion).toKRValue());
             if (motion.amount >= kDetected) {
                 memory_.raiseEvent(getMotionEvent(), toValue(motion));
             }

@@ -25,8 +25,8 @@ struct Motion {
 ///
 /// Writes [amount, x, y, left, top, right, bottom] under the memory key "NAME/Motion" with every image but the
 /// first, and raises the event "NAME/MotionDetected" with the same value when at least kDetected of the pixels
-/// changed. The precision in force chooses how finely it looks: 1 at every pixel, 0.25 at every fourth in both
-/// directions, at the least at every eighth.
+/// changed. The key "NAME/Annotations" gets KRAnnotations with a box around what moves. The precision in force chooses
+/// the sampling: 1 takes every pixel, 0.25 every fourth in both directions; every eighth is the coarsest.
 class KRMotionExtractor : public KR::KRVisionExtractor {
 public:
     /// A luma difference of more than this many of 256 levels is a change and not the noise of the camera.
@@ -38,6 +38,7 @@ public:
     KRMotionExtractor(boost::shared_ptr<KR::KRBroker> broker, const std::string& name, int camera = 0);
 
     std::string getMotionKey() const { return getName() + "/Motion"; }
+    std::string getAnnotationsKey() const { return getName() + "/Annotations"; }
     std::string getMotionEvent() const { return getName() + "/MotionDetected"; }
     /// What was written last. Thread-safe.
     Motion getMotion() const;

@@ -3,6 +3,7 @@
 #include <krcamera/krvideodevice.hpp>
 #include <krplatform/krbroker.hpp>
 #include <krplatform/krmodulehandle.hpp>
+#include <krvision/krannotations.hpp>
 
 #include <gtest/gtest.h>
 
@@ -79,6 +80,10 @@ TEST(KRMotionExtractor, SeesTheBallOfTheTestPictureMove) {
     EXPECT_LT(seen[0].to<float>(), 0.2F); // a ball, not the whole picture
     EXPECT_LT(seen[3].to<float>(), seen[5].to<float>());
     EXPECT_EQ(memory.getData("Motion/Motion").getSize(), 7U);
+    const auto annotations = KR::KRAnnotations::fromKRValue(memory.getData("Motion/Annotations"));
+    ASSERT_EQ(annotations.boxes.size(), 1U);
+    EXPECT_GT(annotations.timeStamp, 0);
+    EXPECT_LT(annotations.boxes[0].right - annotations.boxes[0].left, 0.5F);
     memory.unsubscribeFromEvent("Motion/MotionDetected", "Listener");
     EXPECT_FALSE(motion->isProcessing());
 }
@@ -95,6 +100,10 @@ TEST(KRMotionExtractor, SeesNothingMoveInAStillPicture) {
         std::this_thread::yield(); // until a second image has been compared with the first
     }
     EXPECT_EQ(memory.getData("Motion/Motion")[0], KR::KRValue(0.0F));
+    while (memory.getData("Motion/Annotations").getSize() == 0) {
+        std::this_thread::yield(); // written after the motion itself
+    }
+    EXPECT_TRUE(KR::KRAnnotations::fromKRValue(memory.getData("Motion/Annotations")).boxes.empty());
     proxy->call("unsubscribe", "client");
 }
 
