@@ -3,10 +3,30 @@
 #include <boost/smart_ptr/make_shared.hpp>
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <ostream>
 
 namespace KR {
+
+namespace {
+
+std::atomic<KRBinaryAllocator> binaryAllocator = nullptr;
+
+} // namespace
+
+void setBinaryAllocator(KRBinaryAllocator allocator) noexcept {
+    binaryAllocator = allocator;
+}
+
+boost::shared_ptr<unsigned char[]> KRBinary::allocate(std::size_t size) {
+    if (const KRBinaryAllocator allocator = binaryAllocator) {
+        if (auto bytes = allocator(size)) {
+            return bytes;
+        }
+    }
+    return boost::make_shared_noinit<unsigned char[]>(size);
+}
 
 KRBinary KRBinary::copyOf(const void* bytes, std::size_t size) {
     auto copy = boost::make_shared_noinit<unsigned char[]>(size);

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <limits>
 #include <sstream>
 #include <string>
@@ -209,6 +210,28 @@ TEST(KRBinary, KeepsWhatTheBytesBelongToUntilTheLastCopyIsGone) {
     EXPECT_FALSE(released);
     copy.arraySetSize(0);
     EXPECT_TRUE(released);
+}
+
+TEST(KRBinary, AllocatesFromTheHeapWhateverTheRegisteredAllocatorLacks) {
+    static std::vector<unsigned char> pool(100);
+    static int asked = 0;
+    setBinaryAllocator([](std::size_t size) noexcept {
+        ++asked;
+        const bool fits = size <= pool.size();
+        return fits ? boost::shared_ptr<unsigned char[]>(pool.data(), [](unsigned char*) {}) : nullptr;
+    });
+    EXPECT_EQ(KRBinary::allocate(100).get(), pool.data());
+    const auto large = KRBinary::allocate(101);
+    EXPECT_EQ(asked, 2);
+    setBinaryAllocator(nullptr);
+    const auto small = KRBinary::allocate(100);
+    EXPECT_EQ(asked, 2);
+    ASSERT_TRUE(large && small);
+    EXPECT_NE(small.get(), pool.data());
+    std::fill_n(large.get(), 101, static_cast<unsigned char>(7));
+    const KRBinary shared(large, 101);
+    EXPECT_EQ(shared.data(), large.get());
+    EXPECT_EQ(shared.data()[100], 7);
 }
 
 TEST(KRBinary, IsReadAndLetGoByManyThreads) {

@@ -31,6 +31,10 @@ public:
         : bytes_(std::move(bytes)), size_(size) {}
     /// A copy of `size` bytes from `bytes` on.
     static KRBinary copyOf(const void* bytes, std::size_t size);
+    /// Memory to be filled and then shared as KRBinary(bytes, size): where other processes of this machine can be
+    /// given the bytes without a copy, if such memory is to be had (see setBinaryAllocator). Not initialised; owned
+    /// by the handle and its copies.
+    static boost::shared_ptr<unsigned char[]> allocate(std::size_t size);
 
     const unsigned char* data() const noexcept { return bytes_.get(); }
     std::size_t size() const noexcept { return size_; }
@@ -39,6 +43,13 @@ private:
     boost::shared_ptr<const unsigned char[]> bytes_;
     std::size_t size_ = 0;
 };
+
+/// Returns uninitialised memory that its handle owns, null if it has none of that size at the moment. Thread-safe.
+using KRBinaryAllocator = boost::shared_ptr<unsigned char[]> (*)(std::size_t size) noexcept;
+
+/// Has KRBinary::allocate() ask `allocator` first; null, as in the beginning: the heap alone. For transports.
+/// Thread-safe.
+KR_EXPORT void setBinaryAllocator(KRBinaryAllocator allocator) noexcept;
 
 /// Equal bytes; the same shared bytes are equal without a look at them.
 KR_EXPORT bool operator==(const KRBinary& a, const KRBinary& b) noexcept;
