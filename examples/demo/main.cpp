@@ -100,6 +100,7 @@ public:
                 clean = false;
             }
         }
+        KR::flushLog();
         if (complaints_ > 0) {
             std::printf("%d errors or warnings were logged\n", complaints_.load());
         }

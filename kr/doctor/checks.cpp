@@ -117,6 +117,7 @@ BrokerComplaints::BrokerComplaints()
       }) {}
 
 Finding BrokerComplaints::check() const {
+    flushLog();
     const std::lock_guard lock(mutex_);
     if (complaints_.empty()) {
         return {"brokers", true, "no two modules of one name, and one version everywhere", ""};

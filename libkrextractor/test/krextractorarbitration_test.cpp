@@ -246,6 +246,7 @@ TEST_F(KRExtractorArbitration, AHookMayCallTheReadersAndALogListenerToo) {
     extractor->updatePeriod("A", -1);
     extractor->unsubscribe("A");
     EXPECT_EQ(extractor->takeHooks().size(), 4U);
+    EXPECT_TRUE(flushLog());
 }
 
 TEST_F(KRExtractorArbitration, ShuttingDownStopsTheDetectionOnceAndRefusesSubscribers) {

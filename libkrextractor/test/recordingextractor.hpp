@@ -75,6 +75,7 @@ public:
           }) {}
 
     std::vector<KRLogRecord> take() {
+        flushLog();
         const std::lock_guard lock(mutex_);
         return std::exchange(records_, {});
     }

@@ -12,6 +12,7 @@
 #include <atomic>
 #include <chrono>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -34,6 +35,7 @@ template <class Function>
 std::string standardErrorOf(Function function) {
     testing::internal::CaptureStderr();
     function();
+    flushLog();
     return testing::internal::GetCapturedStderr();
 }
 
@@ -46,6 +48,7 @@ TEST(KRLog, ARecordCarriesLevelCategoryMessagePlaceThreadAndTime) {
         logWarning("core.extractor", "something");
     });
     thread.join();
+    EXPECT_TRUE(flushLog());
     ASSERT_TRUE(heard);
     EXPECT_EQ(heard->level, KRLogLevel::Warning);
     EXPECT_EQ(heard->category, "core.extractor");
@@ -64,6 +67,7 @@ TEST(KRLog, EachLevelHasItsFunction) {
     logWarning("c", "m");
     logInfo("c", "m");
     logVerbose("c", "m");
+    EXPECT_TRUE(flushLog());
     EXPECT_THAT(levels, testing::ElementsAre(KRLogLevel::Error, KRLogLevel::Warning, KRLogLevel::Info,
                                              KRLogLevel::Verbose));
 }
@@ -77,19 +81,19 @@ TEST(KRLog, ALineEndAtTheEndIsNoPartOfTheRecord) {
 }
 
 TEST(KRLog, StandardErrorGetsOneLinePerRecord) {
-    const std::string text = standardErrorOf([] { logError("KRImage", "first\nsecond\n"); });
-    EXPECT_THAT(text, HasSubstr("error KRImage: first\\nsecond"));
+    const std::string text = standardErrorOf([] { logError("KRImage", "one\nline\n"); });
+    EXPECT_THAT(text, HasSubstr("error KRImage: one\\nline"));
     EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1);
 }
 
 TEST(KRLog, StandardErrorShowsTheChosenLevelAndGraverOnes) {
-    EXPECT_THAT(standardErrorOf([] { logInfo("c", "m"); }), Not(IsEmpty()));
-    EXPECT_THAT(standardErrorOf([] { logVerbose("c", "m"); }), IsEmpty());
+    EXPECT_THAT(standardErrorOf([] { logInfo("c", "first"); }), Not(IsEmpty()));
+    EXPECT_THAT(standardErrorOf([] { logVerbose("c", "second"); }), IsEmpty());
     setLogLevel(KRLogLevel::Warning);
-    EXPECT_THAT(standardErrorOf([] { logInfo("c", "m"); }), IsEmpty());
-    EXPECT_THAT(standardErrorOf([] { logWarning("c", "m"); }), Not(IsEmpty()));
+    EXPECT_THAT(standardErrorOf([] { logInfo("c", "third"); }), IsEmpty());
+    EXPECT_THAT(standardErrorOf([] { logWarning("c", "fourth"); }), Not(IsEmpty()));
     setLogLevel(KRLogLevel::Verbose);
-    EXPECT_THAT(standardErrorOf([] { logVerbose("c", "m"); }), Not(IsEmpty()));
+    EXPECT_THAT(standardErrorOf([] { logVerbose("c", "fifth"); }), Not(IsEmpty()));
     setLogLevel(KRLogLevel::Info);
 }
 
@@ -110,8 +114,10 @@ TEST(KRLogListener, HearsNothingMoreOnceItIsGone) {
     {
         const KRLogListener goes([&](const KRLogRecord&) { ++second; });
         logVerbose("c", "both");
+        EXPECT_TRUE(flushLog());
     }
     logVerbose("c", "one");
+    EXPECT_TRUE(flushLog());
     EXPECT_EQ(first, 2);
     EXPECT_EQ(second, 1);
 }
@@ -123,6 +129,8 @@ TEST(KRLogListener, DoesNotHearWhatItLogsItself) {
         logVerbose("c", "answer");
     });
     logVerbose("c", "question");
+    EXPECT_TRUE(flushLog());
+    EXPECT_TRUE(flushLog()); // also the answer
     EXPECT_EQ(heard, 1);
 }
 
@@ -142,8 +150,11 @@ TEST(KRLogListener, TwoThatLogDoNotAnswerEachOtherForEver) {
         }
     });
     logVerbose("c", "start");
+    for (int answers = 0; answers < 3; ++answers) {
+        EXPECT_TRUE(flushLog());
+    }
     EXPECT_THAT(heardByFirst, testing::ElementsAre("start", "second's"));
-    EXPECT_THAT(heardBySecond, testing::ElementsAre("first's", "start"));
+    EXPECT_THAT(heardBySecond, testing::ElementsAre("start", "first's"));
 }
 
 TEST(KRLogListener, MayBeDestroyedFromWithinItsFunction) {
@@ -155,19 +166,35 @@ TEST(KRLogListener, MayBeDestroyedFromWithinItsFunction) {
     });
     logVerbose("c", "one");
     logVerbose("c", "two");
+    EXPECT_TRUE(flushLog());
     EXPECT_EQ(heard, 1);
 }
 
-TEST(KRLogListener, MayBeDestroyedFromWithinAnotherThatItsFunctionReached) {
-    std::unique_ptr<KRLogListener> outer;
-    const KRLogListener inner([&](const KRLogRecord& record) {
-        if (record.message == "nested") {
-            outer.reset();
-        }
-    });
-    outer = std::make_unique<KRLogListener>([](const KRLogRecord&) { logVerbose("c", "nested"); });
+TEST(KRLogListener, MayBeDestroyedFromWithinAnother) {
+    std::unique_ptr<KRLogListener> other;
+    const KRLogListener listener([&](const KRLogRecord&) { other.reset(); });
+    other = std::make_unique<KRLogListener>([](const KRLogRecord&) { ADD_FAILURE(); });
     logVerbose("c", "start");
-    EXPECT_FALSE(outer);
+    EXPECT_TRUE(flushLog());
+    EXPECT_FALSE(other);
+}
+
+TEST(KRLogListener, HearsOnlyWhatWasLoggedWhileItExisted) {
+    Event entered;
+    Event release;
+    const KRLogListener slow([&](const KRLogRecord&) {
+        entered.set();
+        EXPECT_TRUE(release.wait());
+    });
+    const test::SetAtEnd end(release);
+    logVerbose("c", "handled");
+    EXPECT_TRUE(entered.wait());
+    logVerbose("c", "before");
+    const RecordedLog late;
+    logVerbose("c", "after");
+    release.set();
+    EXPECT_THAT(late.find(KRLogLevel::Verbose, ""),
+                testing::ElementsAre(testing::Field(&KRLogRecord::message, "after")));
 }
 
 TEST(KRLogListener, ItsDestructorWaitsForTheFunctionOnAnotherThread) {
@@ -194,7 +221,24 @@ TEST(KRLogListener, LocksNothingThatAnotherThreadNeedsToLog) {
         }
     });
     logVerbose("c", "outer");
+    EXPECT_TRUE(flushLog());
+    EXPECT_TRUE(flushLog()); // the other thread's
     EXPECT_EQ(heard, 2);
+}
+
+TEST(KRLogListener, RunsWithoutALockOfWhoeverLogged) {
+    std::mutex mutex;
+    bool heard = false; // guarded by mutex
+    const KRLogListener listener([&](const KRLogRecord&) {
+        const std::lock_guard lock(mutex);
+        heard = true;
+    });
+    {
+        const std::lock_guard lock(mutex);
+        logVerbose("c", "logged with the lock held");
+    }
+    EXPECT_TRUE(flushLog());
+    EXPECT_TRUE(heard);
 }
 
 TEST(KRLogListener, MayThrowWithoutHarmToWhoeverLogs) {
@@ -202,6 +246,7 @@ TEST(KRLogListener, MayThrowWithoutHarmToWhoeverLogs) {
     const KRLogListener throwing([](const KRLogRecord&) { throw std::runtime_error("listener"); });
     const KRLogListener counting([&](const KRLogRecord&) { ++heard; });
     logInfo("test", "a line");
+    EXPECT_TRUE(flushLog());
     EXPECT_EQ(heard, 1);
 }
 

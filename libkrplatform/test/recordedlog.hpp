@@ -12,15 +12,16 @@
 
 namespace KR::test {
 
-/// Every record that is logged while it stands. Thread-safe.
+/// Keeps every record that is logged while it exists. Thread-safe.
 class RecordedLog {
 public:
     /// The records of this level whose message contains the text.
     std::vector<KRLogRecord> find(KRLogLevel level, const std::string& text) const {
+        flushLog();
         const std::lock_guard lock(mutex_);
         return findLocked(level, text);
     }
-    /// Waits for the first such record. \return none if it did not come before the patience ended
+    /// Waits for the first such record. \return nullopt if it did not come in time
     std::optional<KRLogRecord> waitFor(KRLogLevel level, const std::string& text) const {
         std::unique_lock lock(mutex_);
         if (!grown_.wait_for(lock, kPatience, [&] { return !findLocked(level, text).empty(); })) {

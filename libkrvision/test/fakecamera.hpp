@@ -310,7 +310,10 @@ struct Stage {
     }
 
     /// Level and text of what the vision extractors have logged.
-    std::vector<std::string> getLog() const { return log->get(); }
+    std::vector<std::string> getLog() const {
+        flushLog();
+        return log->get();
+    }
     bool waitForLog(const std::string& line) const { return log->waitFor(line); }
 
     std::shared_ptr<Journal> log = std::make_shared<Journal>();

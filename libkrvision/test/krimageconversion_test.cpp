@@ -48,7 +48,10 @@ char* asChars(Bytes& bytes) {
 class KRImageConversion : public testing::Test {
 protected:
     // What was logged since the last call, "category: message" for each error.
-    std::vector<std::string> takeErrors() { return std::exchange(errors_, {}); }
+    std::vector<std::string> takeErrors() {
+        KR::flushLog();
+        return std::exchange(errors_, {});
+    }
 
     const std::vector<std::string> kNothing = {};
     const std::vector<std::string> kNotYuv = {"vision.krimage: Input image is not a YUV422 image."};

@@ -79,7 +79,10 @@ protected:
         return image.readFile(path().c_str());
     }
     // What was logged since the last call, "category: message" for each error.
-    std::vector<std::string> takeErrors() { return std::exchange(errors_, {}); }
+    std::vector<std::string> takeErrors() {
+        KR::flushLog();
+        return std::exchange(errors_, {});
+    }
 
     const std::vector<std::string> kNothing = {};
     const std::vector<std::string> kNotOxi = {

@@ -176,6 +176,7 @@ TEST(KRImageValue, ThatIsNoImageIsNullAndLoggedOnce) {
     std::size_t logged = 0;
     for (const KRValue& value : {tooShort, KRValue("an image"), KRValue(), KRValue(5), KRValue::array()}) {
         EXPECT_EQ(KRImage::fromKRValue(value), nullptr);
+        EXPECT_TRUE(KR::flushLog());
         ASSERT_EQ(records.size(), ++logged);
         EXPECT_EQ(records.back().level, KR::KRLogLevel::Error);
         EXPECT_EQ(records.back().category, "KRImage");

@@ -23,10 +23,17 @@ struct KRLogRecord {
     std::chrono::system_clock::time_point time;
 };
 
-/// Writes one record: to every listener, and to standard error if the level is shown there.
+/// Logs one record: to every listener, and to standard error if its level is printed there.
 ///
-/// A line end that closes the message is not part of the record; line breaks inside it show as "\n" on
-/// standard error. No lock is held while a listener runs. Thread-safe.
+/// Returns at once: the record goes through a queue to the log thread ("KRLog"), which writes and calls the listeners.
+/// A standard error that nobody reads, or a slow listener, blocks nobody; a record that finds the queue full (4 MiB)
+/// is lost, and the number of lost records is logged. A process that exits or ends by std::terminate() waits up to a
+/// second for the queue to be written; one that a signal kills loses what is in it.
+///
+/// A line end that closes the message is not part of the record, and a message is cut after 64 KiB. On standard error
+/// text is escaped as by escapeText() and cut after 8 KiB. A line that repeats a recent one there is only counted, and
+/// the count written at intervals that grow from one second to ten minutes: "... (said 600 times more)".
+/// Does not throw. Thread-safe.
 KR_EXPORT void log(KRLogLevel level, std::string_view category, std::string_view message,
                    KRSourceLocation where = KRSourceLocation::current());
 
@@ -47,15 +54,20 @@ inline void logVerbose(std::string_view category, std::string_view message,
     log(KRLogLevel::Verbose, category, message, where);
 }
 
-/// Chooses what goes to standard error: records of this level and graver ones; Info at the start.
+/// Waits until what has been logged so far has been heard by all listeners and written.
+/// \return false: the timeout was over first, or this was called from within a listener. Thread-safe.
+KR_EXPORT bool flushLog(std::chrono::milliseconds timeout = std::chrono::seconds(30));
+
+/// Chooses what is printed on standard error: records of this level and graver ones; Info at the start.
 /// Listeners get every record all the same. Thread-safe.
 KR_EXPORT void setLogLevel(KRLogLevel level) noexcept;
 
-/// Hears every record from its construction to its destruction.
+/// Hears every record that is logged while it exists.
 ///
-/// The function runs on the thread that logs, possibly on several threads at once, and may itself log (it does
-/// not hear that). What it throws is dropped. When the destructor has returned the function runs no more, unless
-/// the destructor was called from within it.
+/// The function runs on the log thread, for one record at a time, with no lock held, a little after the record was
+/// logged: flushLog() waits for that. It may itself log, which it does not hear. What it throws is dropped. Once the
+/// destructor has returned the function does not run any more, unless the destructor was called from within it; what
+/// is still in the queue then is not heard.
 class KR_EXPORT KRLogListener {
 public:
     explicit KRLogListener(std::function<void(const KRLogRecord&)> listener);

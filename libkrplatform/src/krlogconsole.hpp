@@ -1,0 +1,66 @@
+#pragma once
+
+#include "krplatform/krlog.hpp"
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <tuple>
+
+namespace KR {
+
+/// "error", "warning", "info" or "verbose"
+const char* getLevelName(KRLogLevel level) noexcept;
+
+/// Turns records into lines and writes them to standard error, which it never waits for.
+///
+/// A line that repeats a recent one is only counted; the counts are written at growing intervals. Reentrant.
+class KRLogConsole {
+public:
+    using Clock = std::chrono::steady_clock;
+
+    /// Bytes that wait for standard error at most; lines beyond that are lost, counted and reported.
+    static constexpr std::size_t kMaxPending = 1 << 20;
+    /// Lines whose repetitions are counted at most.
+    static constexpr std::size_t kMaxRecent = 256;
+    /// Longest text of a record on standard error, in bytes.
+    static constexpr std::size_t kMaxText = 8192;
+    static constexpr Clock::duration kFirstInterval = std::chrono::seconds(1);
+    static constexpr Clock::duration kLongestInterval = std::chrono::minutes(10);
+
+    KRLogConsole();
+
+    void add(const KRLogRecord& record);
+    /// Reports the repetitions whose interval is over, or all of them.
+    void addRepetitions(bool all);
+    /// When addRepetitions() has to be called next; nullopt if no repetition is being counted.
+    std::optional<Clock::time_point> getNextReport() const;
+
+    bool hasPending() const noexcept { return written_ < pending_.size(); }
+    /// Writes as much as standard error takes at once. \return whether nothing is left
+    bool write() noexcept;
+
+private:
+    using Key = std::tuple<KRLogLevel, std::string, std::string>; // level, category, text
+    struct Recent {
+        std::uint64_t repetitions = 0; // not reported yet
+        Clock::duration interval = kFirstInterval;
+        Clock::time_point report; // end of the interval
+    };
+
+    void addLine(const Key& key, std::chrono::system_clock::time_point time, std::uint64_t repetitions);
+    void append(const std::string& line);
+    void forgetOldest();
+    void dropPending() noexcept;
+
+    const bool colored_;
+    std::map<Key, Recent> recent_;
+    std::string pending_;
+    std::size_t written_ = 0; // bytes of pending_ that are out already
+    std::uint64_t lost_ = 0;  // lines, since the last report
+};
+
+} // namespace KR
