@@ -12,7 +12,6 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
-#include <thread>
 
 namespace {
 
@@ -264,14 +263,6 @@ TEST(KRImage, PixelsOutliveTheImageThatACopyWasMadeOf) {
     image.reset();
     EXPECT_EQ(copy.data[0], 5);
     EXPECT_EQ(copy.data.use_count(), 1);
-}
-
-TEST(KRImage, CopiesMayBeReleasedOnDifferentThreads) {
-    std::optional<KRImage> first = makeImage(0, 9);
-    std::optional<KRImage> second = first;
-    std::thread other([&second] { second.reset(); });
-    first.reset();
-    other.join();
 }
 
 TEST(KRImage, DeepCopyHasPixelsOfItsOwn) {
