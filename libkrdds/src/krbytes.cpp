@@ -1,8 +1,9 @@
 #include "krbytes.hpp"
 
+#include <krplatform/krmutex.hpp>
+
 #include <cstring>
 #include <memory>
-#include <mutex>
 
 namespace KR {
 
@@ -21,7 +22,7 @@ public:
 
     Buffer take(std::size_t size) {
         {
-            const std::lock_guard lock(mutex_);
+            const KRLock lock(mutex_);
             for (auto each = kept_.begin(); each != kept_.end(); ++each) {
                 if (each->size >= size && each->size / 2 <= size) {
                     Buffer buffer = std::move(*each);
@@ -35,7 +36,7 @@ public:
     }
 
     void give(Buffer buffer) noexcept {
-        const std::lock_guard lock(mutex_);
+        const KRLock lock(mutex_);
         if (keptBytes_ + buffer.size > kMaxKept) {
             return;
         }
@@ -48,9 +49,9 @@ public:
     }
 
 private:
-    std::mutex mutex_;
-    std::vector<Buffer> kept_;  // guarded by mutex_
-    std::size_t keptBytes_ = 0; // guarded by mutex_
+    KRMutex mutex_;
+    std::vector<Buffer> kept_ KR_GUARDED_BY(mutex_);
+    std::size_t keptBytes_ KR_GUARDED_BY(mutex_) = 0;
 };
 
 const std::shared_ptr<Reserve>& getReserve() {

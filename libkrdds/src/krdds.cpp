@@ -8,26 +8,10 @@ namespace KR {
 
 namespace {
 
-class KRDDSTransport : public KRTransport {
-public:
-    KRDDSTransport(KRDDSOptions options, KRTransportHost& host)
-        : link_(std::make_shared<KRLink>(std::move(options), host)) {}
-    ~KRDDSTransport() override { link_->stop(); }
-
-    void start() override { link_->start(); }
-    void announceModules() noexcept override { link_->announceModules(); }
-    void claim(const std::string& name) override { link_->claim(name); }
-    KRBrokerDiagnostics getDiagnostics() const override { return link_->getDiagnostics(); }
-    void stop() noexcept override { link_->stop(); }
-
-private:
-    const std::shared_ptr<KRLink> link_; // calls that come in hold it as well
-};
-
 KRBrokerOptions createLink(const std::string& url, KRTransportHost& host) {
     KRDDSOptions options = KRDDSOptions::parse(url);
     const bool memory = options.memory.value_or(false);
-    return {memory, std::make_unique<KRDDSTransport>(std::move(options), host)};
+    return {memory, std::make_unique<KRLink>(std::move(options), host)};
 }
 
 [[maybe_unused]] const bool registered = (registerDDS(), true);

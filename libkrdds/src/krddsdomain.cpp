@@ -1,14 +1,16 @@
 #include "krddsdomain.hpp"
 
+#include "krlimitedlog.hpp"
 #include "krsecurityfiles.hpp"
 
 #include <krplatform/krerror.hpp>
 #include <krplatform/krlog.hpp>
+#include <krplatform/krmutex.hpp>
+#include <krplatform/krtext.hpp>
 
 #include <dds/ddsrt/log.h>
 
 #include <map>
-#include <mutex>
 
 namespace KR {
 
@@ -16,22 +18,33 @@ namespace {
 
 constexpr const char* kCategory = "krdds.engine";
 
-// The last thing that the engine complained of on this thread: its codes alone tell little.
-thread_local std::string lastComplaint;
+// The last error that the engine logged on this thread: its codes alone say little.
+thread_local std::string lastError;
 
-void writeLog(void*, const dds_log_data_t* record) {
-    std::string message(record->message, record->size);
-    while (!message.empty() && message.back() == '\n') {
-        message.pop_back();
-    }
-    if ((record->priority & (DDS_LC_ERROR | DDS_LC_FATAL)) != 0) {
-        lastComplaint = message;
-        logError(kCategory, message);
-    } else if ((record->priority & DDS_LC_WARNING) != 0 &&
-               message.find("not multicast-capable") == std::string::npos) { // as the loopback interface is
-        logWarning(kCategory, message);
-    } else {
-        logVerbose(kCategory, message);
+KRLimitedLog& getEngineLog() {
+    static KRLimitedLog limited(kCategory, "the network, from the DDS engine,");
+    return limited;
+}
+
+/// The engine's log. It calls this from C, whatever it holds.
+void writeLog(void*, const dds_log_data_t* record) noexcept {
+    constexpr std::size_t kMaxLine = 1000; // it may quote what others sent
+    try {
+        std::string message = escapeText({record->message, record->size}, kMaxLine);
+        while (message.ends_with("\\n")) {
+            message.resize(message.size() - 2);
+        }
+        if ((record->priority & (DDS_LC_ERROR | DDS_LC_FATAL)) != 0) {
+            lastError = message;
+            getEngineLog().write(KRLogLevel::Error, message);
+        } else if ((record->priority & DDS_LC_WARNING) != 0 &&
+                   message.find("not multicast-capable") ==
+                       std::string::npos) { // as the loopback interface is
+            getEngineLog().write(KRLogLevel::Warning, message);
+        } else {
+            logVerbose(kCategory, message);
+        }
+    } catch (const std::exception&) { // short of memory: the line is lost
     }
 }
 
@@ -41,8 +54,8 @@ struct Joined {
     int brokers;
 };
 
-std::mutex domainsMutex;
-std::map<std::uint32_t, Joined>& getDomains() { // with domainsMutex held
+KRMutex domainsMutex;
+std::map<std::uint32_t, Joined>& getDomains() KR_REQUIRES(domainsMutex) {
     static std::map<std::uint32_t, Joined> domains;
     return domains;
 }
@@ -51,14 +64,18 @@ std::map<std::uint32_t, Joined>& getDomains() { // with domainsMutex held
 
 dds_return_t checkDDS(dds_return_t code, const std::string& what, KRSourceLocation where) {
     if (code >= 0) {
-        lastComplaint.clear();
+        lastError.clear();
         return code;
     }
     std::string text = "the DDS engine refuses the " + what + ": " + dds_strretcode(code);
-    if (!lastComplaint.empty()) {
-        text += "; " + std::exchange(lastComplaint, {});
+    if (!lastError.empty()) {
+        text += "; " + std::exchange(lastError, {});
     }
     throw KRError("KRBroker", "dds", text, where);
+}
+
+void flushEngineLog() {
+    getEngineLog().flush();
 }
 
 std::shared_ptr<KRDDSDomain> KRDDSDomain::join(const KRDDSOptions& options) {
@@ -66,12 +83,12 @@ std::shared_ptr<KRDDSDomain> KRDDSDomain::join(const KRDDSOptions& options) {
         checkSecurityFiles(options.security);
     }
     const std::string configuration = options.getConfiguration();
-    const std::lock_guard lock(domainsMutex);
+    const KRLock lock(domainsMutex);
     auto& domains = getDomains();
     const auto found = domains.find(options.domain);
     if (found == domains.end()) {
         dds_set_log_sink(writeLog, nullptr);
-        lastComplaint.clear();
+        lastError.clear();
         const std::string what = "domain " + std::to_string(options.domain);
         const dds_entity_t domain = checkDDS(dds_create_domain(options.domain, configuration.c_str()), what);
         domains.emplace(options.domain, Joined{configuration, domain, 1});
@@ -86,7 +103,7 @@ std::shared_ptr<KRDDSDomain> KRDDSDomain::join(const KRDDSOptions& options) {
 }
 
 KRDDSDomain::~KRDDSDomain() {
-    const std::lock_guard lock(domainsMutex);
+    const KRLock lock(domainsMutex);
     auto& domains = getDomains();
     const auto found = domains.find(number_);
     if (--found->second.brokers == 0) {

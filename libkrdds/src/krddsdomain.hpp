@@ -12,13 +12,18 @@
 
 namespace KR {
 
-/// \return the handle or code if it is none of an error
-/// \throws KRError it is; the text says what the engine said about `what`
+/// Checks what a function of the engine returned.
+/// \return `code`, if it is not an error
+/// \throws KRError it is one; the text says what the engine refused, `what`, and why
 dds_return_t checkDDS(dds_return_t code, const std::string& what,
                       KRSourceLocation where = KRSourceLocation::current());
 
-/// The engine's domain of one number in this process, shared by the brokers that are on it. The engine reads its
-/// configuration when the first comes, so they must agree about it.
+/// The engine logs what others send as often as they like; this logs how many of its lines were left out. Call it now
+/// and then. Thread-safe.
+void flushEngineLog();
+
+/// The engine's instance of a domain in this process, shared by the brokers on it. The engine reads its configuration
+/// once, so they must have the same.
 class KRDDSDomain {
 public:
     /// \throws KRError the engine refuses; another broker of this process is on the domain with other options

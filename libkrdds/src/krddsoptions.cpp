@@ -1,5 +1,7 @@
 #include "krddsoptions.hpp"
 
+#include "krbytes.hpp"
+
 #include <krplatform/krerror.hpp>
 
 #include <dds/dds.h>
@@ -197,6 +199,7 @@ std::string KRDDSOptions::getConfiguration() const {
     xml << "</Peers><LeaseDuration>" << lease.count() << "ms</LeaseDuration></Discovery>";
     // A whole image fits the receive buffer where the system allows that much, and the writer's cache.
     xml << "<Internal><SocketReceiveBufferSize min=\"default\" max=\"4MB\"/>"
+        << "<MaxSampleSize>" << KRReceivedBytes::kMax << "B</MaxSampleSize>"
         << "<Watermarks><WhcHigh>2MB</WhcHigh></Watermarks></Internal>";
     if (!security.empty()) {
         const auto file = [&](const char* element, const char* fileName) {

@@ -1,19 +1,19 @@
 #include "krlink.hpp"
 
-#include "krremotecall.hpp"
+#include "krmessage.hpp"
 #include "krserdata.hpp"
 #include "krvaluecode.hpp"
 
 #include <krplatform/krlog.hpp>
+#include <krplatform/krtext.hpp>
 #include <krplatform/krthread.hpp>
 
 #include "krvision.h"
 
-#include <sys/utsname.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cstring>
+#include <cassert>
+#include <string_view>
+#include <vector>
 
 namespace KR {
 
@@ -21,36 +21,66 @@ namespace {
 
 constexpr const char* kCategory = "krdds";
 constexpr std::chrono::seconds kInquiryAge{1}; // of a call that is asked about, and how often
-constexpr int kLook_ms = 10;
-constexpr int kFewestLooks = 10;
-constexpr int kLooksAlone = 30; // on a busy machine it takes a while until somebody is heard of at all
-constexpr int kMostLooks = 100;
+constexpr std::chrono::milliseconds kPollInterval{200};
+constexpr int kStartPoll_ms = 10;
+constexpr int kFewestStartPolls = 10;
+constexpr int kStartPollsAlone = 30; // on a busy machine it takes a while until another is heard of
+constexpr int kMostStartPolls = 100;
+constexpr std::chrono::milliseconds kClaimPatience{300};
+constexpr std::chrono::seconds kPollPatience{10}; // much longer than a poll takes on a busy machine
+constexpr std::chrono::milliseconds kFewestAckPatience{10000};
+constexpr std::chrono::milliseconds kLastAnswersPatience{1000};
+constexpr int kMaxInquiriesAnswered = 16;
 constexpr std::string_view kBrokerMark = "KRVision"; // user data of a participant that is a broker
-constexpr std::chrono::seconds kAnnouncementPatience{10};
 
 using Qos = std::unique_ptr<dds_qos_t, void (*)(dds_qos_t*)>;
 
-Qos createQos(bool transientLocal, const std::string& partition) {
-    Qos qos(dds_create_qos(), dds_delete_qos);
-    dds_qset_reliability(qos.get(), DDS_RELIABILITY_RELIABLE, DDS_INFINITY);
-    if (transientLocal) {
-        dds_qset_durability(qos.get(), DDS_DURABILITY_TRANSIENT_LOCAL);
-        dds_qset_history(qos.get(), DDS_HISTORY_KEEP_LAST, 1);
-    } else {
-        dds_qset_history(qos.get(), DDS_HISTORY_KEEP_ALL, 0);
-        dds_qset_partition1(qos.get(), partition.c_str());
-    }
-    return qos;
+Qos createQos() {
+    return {dds_create_qos(), dds_delete_qos};
 }
 
-std::string toText(const dds_guid_t& guid) {
-    std::string text;
-    for (const std::uint8_t byte : guid.v) {
-        constexpr const char* kDigits = "0123456789abcdef";
-        text += {kDigits[byte >> 4], kDigits[byte & 15]};
+/// Samples that the engine has lent, given back at the end.
+class Loan {
+public:
+    explicit Loan(std::uint32_t most) : samples_(most), info_(most) {}
+    ~Loan() {
+        if (count_ > 0) {
+            dds_return_loan(reader_, samples_.data(), count_);
+        }
     }
-    return text;
-}
+    Loan(const Loan&) = delete;
+    Loan& operator=(const Loan&) = delete;
+
+    /// Fills this, once, by dds_read() or dds_take(). \return how many there are, not negative
+    dds_return_t fill(dds_entity_t reader, decltype(dds_take)* get) {
+        assert(count_ == 0);
+        reader_ = reader;
+        const auto most = static_cast<std::uint32_t>(samples_.size());
+        count_ = std::max<dds_return_t>(0, get(reader, samples_.data(), info_.data(), most, most));
+        return count_;
+    }
+    const void* getSample(dds_return_t i) const { return samples_[static_cast<std::size_t>(i)]; }
+    const dds_sample_info_t& getInfo(dds_return_t i) const { return info_[static_cast<std::size_t>(i)]; }
+
+private:
+    std::vector<void*> samples_;
+    std::vector<dds_sample_info_t> info_;
+    dds_entity_t reader_ = 0;
+    dds_return_t count_ = 0;
+};
+
+/// Calls a function at the end of its scope, however that ends.
+template <class Function>
+class AtEnd {
+public:
+    explicit AtEnd(Function function) : function_(std::move(function)) {}
+    ~AtEnd() { function_(); }
+    AtEnd(const AtEnd&) = delete;
+    AtEnd& operator=(const AtEnd&) = delete;
+
+private:
+    const Function function_;
+};
 
 bool isBroker(const dds_builtintopic_participant_t& participant) {
     void* mark = nullptr;
@@ -58,26 +88,68 @@ bool isBroker(const dds_builtintopic_participant_t& participant) {
     if (!dds_qget_userdata(participant.qos, &mark, &size)) {
         return false;
     }
-    const bool is = std::string_view(static_cast<const char*>(mark), size) == kBrokerMark;
-    dds_free(mark);
-    return is;
+    const std::unique_ptr<void, void (*)(void*)> owned(mark, dds_free);
+    return std::string_view(static_cast<const char*>(mark), size) == kBrokerMark;
 }
 
-std::string getHostName() {
-    utsname names{};
-    return uname(&names) == 0 ? names.nodename : "";
+std::vector<std::uint64_t> decodeInquiry(const KRRequest& request) {
+    const KRValue list = request.arguments.decode();
+    if (!list.isArray() || list.getSize() % 2 != 0 || list.getSize() > 2 * KRRequest::kMaxInquired) {
+        throw KRMalformed("an inquiry is malformed");
+    }
+    std::vector<std::uint64_t> sequences;
+    for (std::size_t i = 0; i < list.getSize(); i += 2) {
+        if (!list[i].isInt() || !list[i + 1].isInt()) {
+            throw KRMalformed("an inquiry is malformed");
+        }
+        sequences.push_back(std::uint64_t{static_cast<std::uint32_t>(list[i].to<int>())} << 32 |
+                            static_cast<std::uint32_t>(list[i + 1].to<int>()));
+    }
+    return sequences;
 }
 
 } // namespace
 
 KRLink::KRLink(KRDDSOptions options, KRTransportHost& host)
     : options_(std::move(options)), host_(host), domain_(KRDDSDomain::join(options_)),
-      hostName_(getHostName()) {}
+      announcer_(host, options_.name), calls_(std::make_shared<KRIncomingCalls>(host, [this] { wake(); })),
+      directory_(host, *calls_, options_.lease) {}
 
-KRLink::~KRLink() = default;
+// ---- entities of the engine
+
+template <void (KRLink::*take)()>
+void KRLink::onData(dds_entity_t, void* given) {
+    KRLink& link = *static_cast<KRLink*>(given);
+    ++link.listening_;
+    const AtEnd leave([&] { --link.listening_; });
+    try {
+        if (link.serving_) { // what came before start() waits for it
+            (link.*take)();
+        }
+    } catch (const std::exception& error) { // short of memory, for instance
+        link.failures_.write(KRLogLevel::Error, std::string("messages are lost: ") + error.what());
+    }
+}
+
+void KRLink::onAnnouncement(dds_entity_t, void* link) {
+    static_cast<KRLink*>(link)->wake();
+}
+
+void KRLink::onAnnouncerMatched(dds_entity_t, dds_subscription_matched_status_t, void* link) {
+    static_cast<KRLink*>(link)->wake();
+}
+
+dds_entity_t KRLink::createReader(dds_entity_t topic, const dds_qos_t* qos,
+                                  dds_on_data_available_fn onDataFunction) {
+    const std::unique_ptr<dds_listener_t, void (*)(dds_listener_t*)> listener(dds_create_listener(this),
+                                                                              dds_delete_listener);
+    dds_lset_data_available(listener.get(), onDataFunction);
+    dds_lset_subscription_matched(listener.get(), onAnnouncerMatched);
+    return checkDDS(dds_create_reader(participant_.get(), topic, qos, listener.get()), "reader");
+}
 
 void KRLink::createEntities() {
-    const Qos marked(dds_create_qos(), dds_delete_qos);
+    const Qos marked = createQos();
     dds_qset_userdata(marked.get(), kBrokerMark.data(), kBrokerMark.size());
     participant_ = KRDDSEntity(checkDDS(dds_create_participant(options_.domain, marked.get(), nullptr),
                                         options_.security.empty()
@@ -88,166 +160,198 @@ void KRLink::createEntities() {
     checkDDS(dds_get_guid(participant, &guid), "identity");
     id_ = toText(guid);
 
-    announcementTopic_ = checkDDS(
+    const dds_entity_t announcementTopic = checkDDS(
         dds_create_topic(participant, &KRVision_Announcement_desc, "KRVision/Broker", nullptr, nullptr),
         "topic");
     const std::string prefix = "KRVision/" + std::to_string(kProtocol);
-    requestTopic_ = createMessageTopic(participant, (prefix + "/Request").c_str(), "KRVision::Request");
-    replyTopic_ = createMessageTopic(participant, (prefix + "/Reply").c_str(), "KRVision::Reply");
+    connection_ = {participant,
+                   createMessageTopic(participant, (prefix + "/Request").c_str(), "KRVision::Request"),
+                   createMessageTopic(participant, (prefix + "/Reply").c_str(), "KRVision::Reply"),
+                   id_,
+                   std::max(options_.lease, kFewestAckPatience),
+                   [this] { wake(); }};
+    if (!options_.security.empty()) {
+        checkPermissions();
+    }
 
-    const auto createReader = [&](dds_entity_t topic, const Qos& qos, dds_on_data_available_fn onData) {
-        const std::unique_ptr<dds_listener_t, void (*)(dds_listener_t*)> listener(dds_create_listener(this),
-                                                                                  dds_delete_listener);
-        if (onData != nullptr) {
-            dds_lset_data_available(listener.get(), onData);
-        }
-        return checkDDS(dds_create_reader(participant, topic, qos.get(), listener.get()), "reader");
-    };
-    const Qos announcementQos = createQos(true, "");
-    dds_qset_ignorelocal(announcementQos.get(), DDS_IGNORELOCAL_PARTICIPANT);
-    const Qos messageQos = createQos(false, id_);
-    requestReader_ = createReader(requestTopic_, messageQos, onRequests);
-    replyReader_ = createReader(replyTopic_, messageQos, onReplies);
-    announcementReader_ = createReader(announcementTopic_, announcementQos, nullptr);
-    const Qos announcerQos = createQos(true, "");
-    dds_qset_writer_data_lifecycle(announcerQos.get(),
-                                   false); // so that a lost broker differs from one that leaves
-    announcementWriter_ =
-        checkDDS(dds_create_writer(participant, announcementTopic_, announcerQos.get(), nullptr), "writer");
-
-    wakeUp_ = checkDDS(dds_create_guardcondition(participant), "condition");
-    waitset_ = checkDDS(dds_create_waitset(participant), "waitset");
-    checkDDS(dds_set_status_mask(announcementReader_, DDS_DATA_AVAILABLE_STATUS), "status mask");
-    checkDDS(dds_waitset_attach(waitset_, announcementReader_, 0), "waitset");
-    checkDDS(dds_waitset_attach(waitset_, wakeUp_, 0), "waitset");
+    const Qos messages = createQos();
+    dds_qset_reliability(messages.get(), DDS_RELIABILITY_RELIABLE, 0);
+    dds_qset_history(messages.get(), DDS_HISTORY_KEEP_ALL, 0);
+    dds_qset_partition1(messages.get(), id_.c_str());
+    requestReader_ = createReader(connection_.requestTopic, messages.get(), onData<&KRLink::takeRequests>);
+    replyReader_ = createReader(connection_.replyTopic, messages.get(), onData<&KRLink::takeReplies>);
+    const Qos announcements = createQos();
+    dds_qset_reliability(announcements.get(), DDS_RELIABILITY_RELIABLE, 0);
+    dds_qset_durability(announcements.get(), DDS_DURABILITY_TRANSIENT_LOCAL);
+    dds_qset_ignorelocal(announcements.get(), DDS_IGNORELOCAL_PARTICIPANT);
+    // All, so that nobody's announcement in another's name takes the place of the other's own.
+    dds_qset_history(announcements.get(), DDS_HISTORY_KEEP_ALL, 0);
+    announcementReader_ = createReader(announcementTopic, announcements.get(), onAnnouncement);
+    announcer_.start(participant, announcementTopic, id_);
 }
+
+// Writers towards other brokers are made when these come. That they may be made is found out here, where it can be
+// reported to whoever asked for a broker.
+void KRLink::checkPermissions() {
+    try {
+        KRPeer(connection_, id_, "in this process").close();
+    } catch (const KRError& error) {
+        throw KRError("KRBroker", "create",
+                      "a broker must be allowed to publish requests and replies: " + error.getDescription());
+    }
+}
+
+// ---- life
 
 void KRLink::start() {
     createEntities();
     serving_ = true;
     takeRequests();
     takeReplies();
-    announceModules();
+    announcer_.announce();
     thread_ = std::thread([this] { run(); });
     const KRDDSEntity participants(
         checkDDS(dds_create_reader(participant_.get(), DDS_BUILTIN_TOPIC_DCPSPARTICIPANT, nullptr, nullptr),
                  "reader"));
-    for (int looks = 1; looks <= kMostLooks; ++looks) {
-        sleepMilliseconds(kLook_ms);
-        const std::lock_guard lock(directoryMutex_);
-        if (looks >= (neighbours_.empty() ? kLooksAlone : kFewestLooks) &&
+    for (int polls = 1; polls <= kMostStartPolls; ++polls) {
+        sleepMilliseconds(kStartPoll_ms);
+        if (polls >= (directory_.isEmpty() ? kStartPollsAlone : kFewestStartPolls) &&
             knowsBrokersOf(participants.get())) {
             break;
         }
     }
-    logInfo(kCategory, "broker " + options_.name + " is on DDS domain " + std::to_string(options_.domain));
+    logInfo(kCategory,
+            "broker " + escapeText(options_.name) + " is on DDS domain " + std::to_string(options_.domain));
 }
 
-// That a broker is there is known before its modules are.
-bool KRLink::knowsBrokersOf(dds_entity_t participants) {
-    constexpr std::uint32_t kMost = 1000;
-    std::vector<void*> samples(kMost);
-    std::vector<dds_sample_info_t> info(kMost);
-    const dds_return_t count = dds_read(participants, samples.data(), info.data(), kMost, kMost);
-    bool all = true;
-    for (dds_return_t i = 0; i < count && all; ++i) {
-        const auto& participant = *static_cast<const dds_builtintopic_participant_t*>(samples[i]);
-        if (info[i].instance_state == DDS_ALIVE_INSTANCE_STATE && isBroker(participant)) {
+// A broker's participant is discovered before its modules.
+bool KRLink::knowsBrokersOf(dds_entity_t participants) const {
+    Loan loan(1000);
+    const dds_return_t count = loan.fill(participants, dds_read);
+    for (dds_return_t i = 0; i < count; ++i) {
+        const auto& participant = *static_cast<const dds_builtintopic_participant_t*>(loan.getSample(i));
+        if (loan.getInfo(i).instance_state == DDS_ALIVE_INSTANCE_STATE && isBroker(participant)) {
             const std::string id = toText(participant.key);
-            const auto found = neighbours_.find(id);
-            all = id == id_ || (found != neighbours_.end() &&
-                                (!found->second.peer || found->second.peer->readsRequests()));
+            if (id != id_ && !directory_.isSettled(id)) {
+                return false;
+            }
         }
     }
-    if (count > 0) {
-        dds_return_loan(participants, samples.data(), count);
-    }
-    return all;
-}
-
-void KRLink::wake() noexcept {
-    dds_set_guardcondition(wakeUp_, true);
+    return true;
 }
 
 void KRLink::stop() noexcept {
     if (stopping_.exchange(true) || participant_.get() == 0) {
         return;
     }
-    // Its absence tells the others; first, so that they call no more.
-    KRVision_Announcement self{};
-    self.broker = id_.data();
-    dds_dispose(announcementWriter_, &self);
+    announcer_.stop(); // first, so that the others call no more
     dds_delete(requestReader_);
     if (thread_.joinable()) {
         wake();
         thread_.join();
     }
-    std::map<std::string, std::shared_ptr<KRPeer>> peers;
-    {
-        const std::lock_guard lock(peersMutex_);
-        peers = peers_;
-        peerCame_.notify_all();
-    }
-    for (const auto& [id, peer] : peers) {
+    calls_->stop(kLastAnswersPatience);
+    const auto peers = directory_.list();
+    for (const auto& peer : peers) {
         peer->setGone("this process is leaving the domain");
     }
+    for (const auto& peer : peers) { // at the same time, for each may take a while
+        if (!post([peer] { peer->close(); })) {
+            peer->close();
+        }
+    }
     dds_delete(replyReader_);
-    while (listening_ > 0) { // none for long: they do not wait for anything
+    dds_delete(announcementReader_);
+    while (listening_ > 0) { // not for long: they do not wait for anything
         sleepMilliseconds(1);
     }
+    const KRLock lock(wakeMutex_);
+    polled_.notifyAll();
 }
 
-void KRLink::run() {
-    setThreadName("KRDDS");
-    while (!stopping_) {
-        dds_attach_t triggered[8];
-        // Also without a trigger now and then, to ask after calls.
-        dds_waitset_wait(waitset_, triggered, 8, DDS_MSECS(200));
-        dds_set_guardcondition(wakeUp_, false);
-        if (stopping_) {
+void KRLink::announceModules() noexcept {
+    try {
+        announcer_.announce();
+    } catch (const std::exception& error) {
+        logError(kCategory, std::string("the modules of this process cannot be announced: ") + error.what());
+    }
+}
+
+KRBrokerDiagnostics KRLink::getDiagnostics() const {
+    KRBrokerDiagnostics diagnostics;
+    diagnostics.transport = "dds";
+    diagnostics.domain = options_.domain;
+    diagnostics.secure = !options_.security.empty();
+    diagnostics.interfaces = options_.interfaces;
+    diagnostics.protocol = kProtocol;
+    diagnostics.malformedMessages = malformed_;
+    diagnostics.refusedMessages = forged_ + calls_->getRefusedCount();
+    directory_.describe(diagnostics);
+    return diagnostics;
+}
+
+// ---- claims of names
+
+// Of several that claim one name at once exactly one must get it. Each asks for it first, and announces that; who finds
+// one that has it, or asked before, gives up; who finds one that asked later waits until that is settled, for the other
+// may have polled before this claim came.
+void KRLink::claim(const std::string& name) {
+    if (const std::string problem = findNameProblem(name); !problem.empty()) {
+        throw KRError("KRBroker", "registerModule", "other processes would refuse " + problem);
+    }
+    const KRClaimTime claimed = announcer_.ask(name);
+    try {
+        // What another announced before it acknowledged the claim is here by now.
+        announcer_.waitForAcks(kClaimPatience);
+        settleClaim(name, claimed);
+    } catch (...) {
+        announcer_.endAsking(name);
+        throw;
+    }
+    announcer_.endAsking(name);
+    announceModules();
+}
+
+void KRLink::settleClaim(const std::string& name, const KRClaimTime& claimed) {
+    const auto deadline = std::chrono::steady_clock::now() + kClaimPatience;
+    for (;;) {
+        waitForPoll();
+        const auto others = directory_.findOtherClaims(name, claimed, id_);
+        if (!others.location.empty()) {
+            throw KRError("KRBroker", "registerModule",
+                          "there is a module named " + name + " already, " + others.location);
+        }
+        if (!others.later || std::chrono::steady_clock::now() > deadline) {
             return;
         }
-        {
-            const std::lock_guard lock(directoryMutex_);
-            lookAround();
-        }
-        inquireOfPeers();
+        sleepMilliseconds(2);
     }
 }
 
-/// What the engine has received, on its own threads. Counted, so that stop() knows when none is left.
-class KRLink::Listening {
-public:
-    explicit Listening(KRLink& link) noexcept : link_(link) { link_.listening_.fetch_add(1); }
-    ~Listening() { link_.listening_.fetch_sub(1); }
-    Listening(const Listening&) = delete;
-    Listening& operator=(const Listening&) = delete;
-    /// What came before start() waits for it.
-    bool mayTake() const noexcept { return link_.serving_; }
+// ---- what has been received
 
-private:
-    KRLink& link_;
-};
-
-void KRLink::onRequests(dds_entity_t, void* given) {
-    KRLink& link = *static_cast<KRLink*>(given);
-    if (const Listening listening(link); listening.mayTake()) {
-        link.takeRequests();
+bool KRLink::checkSender(dds_entity_t reader, dds_instance_handle_t writer, const std::string& named) {
+    const std::string sender = senders_.find(reader, writer);
+    if (sender == named) {
+        return true;
     }
-}
-
-void KRLink::onReplies(dds_entity_t, void* given) {
-    KRLink& link = *static_cast<KRLink*>(given);
-    if (const Listening listening(link); listening.mayTake()) {
-        link.takeReplies();
+    if (!sender.empty()) { // or else it is gone, and nobody waits for what it wanted
+        ++forged_;
+        forgeries_.write(KRLogLevel::Warning, "a message of the participant " + sender +
+                                                  " is dropped: it names the broker " +
+                                                  escapeText(named, 64) + " as its sender");
     }
+    return false;
 }
 
 void KRLink::takeReplies() {
-    takeMessages(replyReader_, [this](const KRReceivedBytes& message) {
+    takeMessages(replyReader_, [this](const KRTakenMessage& message) {
         try {
-            KRReply reply = KRReply::parse(message);
-            if (const auto peer = findPeer(reply.broker)) {
+            KRReply reply = KRReply::parse(message.bytes);
+            if (!checkSender(replyReader_, message.writer, reply.broker)) {
+                return;
+            }
+            if (const auto peer = directory_.find(reply.broker)) {
                 peer->takeReply(std::move(reply));
             }
         } catch (const KRMalformed& error) {
@@ -257,98 +361,142 @@ void KRLink::takeReplies() {
 }
 
 void KRLink::takeRequests() {
-    takeMessages(requestReader_, [this](const KRReceivedBytes& message) {
+    takeMessages(requestReader_, [this](const KRTakenMessage& message) {
         try {
-            takeRequest(message);
+            KRRequest request = KRRequest::parse(message.bytes);
+            if (checkSender(requestReader_, message.writer, request.broker)) {
+                takeRequest(std::move(request));
+            }
         } catch (const KRMalformed& error) {
             countMalformed(error.what());
         }
     });
 }
 
-void KRLink::takeRequest(const KRReceivedBytes& message) {
-    KRRequest request = KRRequest::parse(message);
+void KRLink::takeRequest(KRRequest request) {
     if (stopping_) {
         return;
     }
     if (request.kind == KRRequest::Inquiry) {
         answerInquiry(request);
-        return;
+    } else {
+        calls_->take(request);
     }
-    const KRValue arguments = request.arguments.decode();
-    if (!arguments.isArray()) {
-        throw KRMalformed("a request is malformed: its arguments are no array");
-    }
-    {
-        const std::lock_guard lock(peersMutex_);
-        if (!served_.emplace(request.broker, request.sequence).second) {
-            return; // has come already
-        }
-    }
-    host_.serve(
-        std::make_shared<KRServedCall>(shared_from_this(), request, arguments.to<std::vector<KRValue>>()));
 }
 
 void KRLink::answerInquiry(const KRRequest& request) {
-    const KRValue list = request.arguments.decode();
-    if (!list.isArray() || list.getSize() % 2 != 0) {
-        throw KRMalformed("an inquiry is malformed");
+    const auto peer = directory_.find(request.broker);
+    const auto unknown = calls_->findUnknown(request.broker, decodeInquiry(request));
+    if (unknown.empty() || !peer || !peer->readsReplies()) {
+        return; // it asks again
     }
-    std::vector<std::uint64_t> unknown;
-    {
-        const std::lock_guard lock(peersMutex_);
-        for (std::size_t i = 0; i < list.getSize(); i += 2) {
-            if (!list[i].isInt() || !list[i + 1].isInt()) {
-                throw KRMalformed("an inquiry is malformed");
-            }
-            const std::uint64_t sequence = std::uint64_t{static_cast<std::uint32_t>(list[i].to<int>())}
-                                               << 32 |
-                                           static_cast<std::uint32_t>(list[i + 1].to<int>());
-            if (!served_.contains({request.broker, sequence})) {
-                unknown.push_back(sequence);
-            }
-        }
-    }
-    if (unknown.empty()) {
-        return;
-    }
-    try {
-        host_.post([link = shared_from_this(), broker = request.broker, unknown] {
-            const auto peer = link->waitForPeer(broker);
-            if (peer && peer->waitForReplyReader()) {
-                for (const std::uint64_t sequence : unknown) {
-                    peer->reply(sequence, KRReply::Unknown, KRValue());
+    if (++inquiriesAnswered_ > kMaxInquiriesAnswered || !post([this, peer, unknown] {
+            const AtEnd end([this] { --inquiriesAnswered_; });
+            for (const std::uint64_t sequence : unknown) {
+                if (stopping_ || !peer->reply(sequence, KRReply::Unknown, KRValue())) {
+                    break;
                 }
             }
-        });
-    } catch (const std::exception& error) { // it will be asked again
-        logWarning(kCategory, std::string("an inquiry is not answered: ") + error.what());
+        })) {
+        --inquiriesAnswered_;
     }
-}
-
-void KRLink::forgetCall(const std::string& broker, std::uint64_t sequence) {
-    const std::lock_guard lock(peersMutex_);
-    served_.erase({broker, sequence});
 }
 
 void KRLink::countMalformed(const char* why) {
     if (malformed_++ == 0) {
         logWarning(kCategory,
-                   std::string(why) + "; it is dropped, as are others like it without another word");
+                   std::string(why) + "; it is dropped, and so are others like it without another line");
     }
 }
 
-std::shared_ptr<KRPeer> KRLink::findPeer(const std::string& id) const {
-    const std::lock_guard lock(peersMutex_);
-    const auto found = peers_.find(id);
-    return found == peers_.end() ? nullptr : found->second;
+// ---- the thread KRDDS
+
+void KRLink::run() noexcept {
+    setThreadName("KRDDS");
+    while (!stopping_) {
+        std::uint64_t poll = 0;
+        {
+            KRLock lock(wakeMutex_);
+            woken_.waitFor(lock, kPollInterval, [this] {
+                wakeMutex_.assertHeld();
+                return wake_;
+            });
+            wake_ = false;
+            poll = ++pollsBegun_;
+        }
+        try {
+            if (!stopping_) {
+                pollDiscovery();
+            }
+        } catch (const std::exception& error) { // short of memory, for instance; it goes on next time
+            failures_.write(KRLogLevel::Error, std::string("discovery: ") + error.what());
+        }
+        const KRLock lock(wakeMutex_);
+        pollsDone_ = poll;
+        polled_.notifyAll();
+    }
 }
 
-std::shared_ptr<KRPeer> KRLink::waitForPeer(const std::string& id) {
-    std::unique_lock lock(peersMutex_);
-    peerCame_.wait_for(lock, kAnnouncementPatience, [&] { return peers_.contains(id) || stopping_; });
-    const auto found = peers_.find(id);
-    return found == peers_.end() ? nullptr : found->second;
+void KRLink::pollDiscovery() {
+    takeAnnouncements();
+    directory_.poll(getAnnouncers());
+    calls_->poll();
+    announcer_.poll();
+    inquireOfPeers();
+    forgeries_.flush();
+    failures_.flush();
+    flushEngineLog();
+}
+
+void KRLink::takeAnnouncements() {
+    constexpr dds_return_t kMost = 16;
+    for (;;) {
+        Loan loan(kMost);
+        const dds_return_t count = loan.fill(announcementReader_, dds_take);
+        for (dds_return_t i = 0; i < count; ++i) {
+            try {
+                takeAnnouncement(loan.getSample(i), loan.getInfo(i));
+            } catch (const KRMalformed& error) {
+                countMalformed(error.what());
+            }
+        }
+        if (count < kMost) {
+            return;
+        }
+    }
+}
+
+void KRLink::takeAnnouncement(const void* sample, const dds_sample_info_t& info) {
+    const auto& message = *static_cast<const KRVision_Announcement*>(sample);
+    const bool disposed = info.instance_state == DDS_NOT_ALIVE_DISPOSED_INSTANCE_STATE;
+    if (!info.valid_data && !disposed) {
+        return; // nobody writes it any more, which pollDiscovery() sees
+    }
+    if (!isBrokerId(message.broker)) {
+        throw KRMalformed("an announcement is malformed: its broker is not an identity");
+    }
+    if (!checkSender(announcementReader_, info.publication_handle, message.broker)) {
+        return;
+    }
+    if (info.valid_data) {
+        directory_.accept(connection_, KRAnnouncement::parse(message, kProtocol), info.publication_handle);
+    }
+    if (disposed) {
+        directory_.remove(message.broker, "has left the domain");
+    }
+}
+
+std::set<dds_instance_handle_t> KRLink::getAnnouncers() const {
+    std::vector<dds_instance_handle_t> writers(64);
+    for (;;) {
+        const dds_return_t count =
+            checkDDS(dds_get_matched_publications(announcementReader_, writers.data(), writers.size()),
+                     "list of brokers");
+        if (static_cast<std::size_t>(count) <= writers.size()) {
+            return {writers.begin(), writers.begin() + count};
+        }
+        writers.resize(2 * static_cast<std::size_t>(count));
+    }
 }
 
 void KRLink::inquireOfPeers() {
@@ -357,29 +505,48 @@ void KRLink::inquireOfPeers() {
         return;
     }
     lastInquiry_ = now;
-    std::vector<std::shared_ptr<KRPeer>> peers;
-    {
-        const std::lock_guard lock(peersMutex_);
-        for (const auto& [id, peer] : peers_) {
-            peers.push_back(peer);
-        }
-    }
-    for (const auto& peer : peers) {
+    for (const auto& peer : directory_.list()) {
         if (!peer->hasCallsOlderThan(kInquiryAge) || !peer->beginInquiry()) {
             continue;
         }
-        try {
-            host_.post([peer] { // writing may block
-                try {
-                    peer->inquire(kInquiryAge);
-                } catch (const std::exception& error) {
-                    logWarning(kCategory, error.what());
-                }
-                peer->endInquiry();
-            });
-        } catch (const std::exception&) { // next time
-            peer->endInquiry();
+        if (!post([peer] { // writing may block
+                const AtEnd end([&] { peer->endInquiry(); });
+                peer->inquire(kInquiryAge);
+            })) {
+            peer->endInquiry(); // next time
         }
+    }
+}
+
+void KRLink::wake() {
+    const KRLock lock(wakeMutex_);
+    wake_ = true;
+    woken_.notifyOne();
+}
+
+void KRLink::waitForPoll() {
+    KRLock lock(wakeMutex_);
+    const std::uint64_t wanted = pollsBegun_ + 1;
+    wake_ = true;
+    woken_.notifyOne();
+    polled_.waitFor(lock, kPollPatience, [&] {
+        wakeMutex_.assertHeld();
+        return pollsDone_ >= wanted || stopping_;
+    });
+}
+
+bool KRLink::post(std::function<void()> job) {
+    try {
+        host_.post([job = std::move(job)] {
+            try {
+                job();
+            } catch (const std::exception& error) {
+                logWarning(kCategory, error.what());
+            }
+        });
+        return true;
+    } catch (const std::exception&) { // no thread
+        return false;
     }
 }
 

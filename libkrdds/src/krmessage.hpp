@@ -22,6 +22,7 @@ struct KREncodedValue {
 /// The messages of idl/krvision.idl, with their bytes as DDS carries them.
 struct KRRequest {
     enum Kind : std::uint32_t { Call, Inquiry };
+    static constexpr std::size_t kMaxInquired = 10000; ///< calls that one inquiry asks about
 
     std::string broker;
     std::uint64_t sequence = 0;

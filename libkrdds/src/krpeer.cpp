@@ -1,68 +1,53 @@
 #include "krpeer.hpp"
 
-#include "krserdata.hpp"
 #include "krvaluecode.hpp"
 
 #include <krplatform/krerror.hpp>
-#include <krplatform/krlog.hpp>
+
+#include <vector>
 
 namespace KR {
 
 namespace {
 
-/// Of this process, whichever broker calls: a number is never used again.
+/// Unique in this process, whichever broker calls; never used again.
 std::uint64_t drawSequence() noexcept {
     static std::atomic<std::uint64_t> last = 0;
     return ++last;
 }
 
-KRDDSEntity createWriter(dds_entity_t participant, dds_entity_t topic, const std::string& partition) {
-    const std::unique_ptr<dds_qos_t, void (*)(dds_qos_t*)> qos(dds_create_qos(), dds_delete_qos);
-    dds_qset_reliability(qos.get(), DDS_RELIABILITY_RELIABLE, DDS_INFINITY);
-    dds_qset_history(qos.get(), DDS_HISTORY_KEEP_ALL, 0);
-    dds_qset_partition1(qos.get(), partition.c_str());
-    const dds_entity_t writer = checkDDS(dds_create_writer(participant, topic, qos.get(), nullptr), "writer");
-    checkDDS(dds_set_status_mask(writer, DDS_PUBLICATION_MATCHED_STATUS), "status mask");
-    return KRDDSEntity(writer);
-}
-
-bool isRead(dds_entity_t writer) {
-    dds_publication_matched_status_t status{};
-    return dds_get_publication_matched_status(writer, &status) == DDS_RETCODE_OK && status.current_count > 0;
-}
-
 } // namespace
 
-KRPeer::KRPeer(dds_entity_t participant, dds_entity_t requestTopic, dds_entity_t replyTopic, std::string own,
-               std::string id, std::string whereabouts)
-    : own_(std::move(own)), id_(std::move(id)), whereabouts_(std::move(whereabouts)),
-      requests_(createWriter(participant, requestTopic, id_)),
-      replies_(createWriter(participant, replyTopic, id_)) {}
-
-bool KRPeer::lookForReaders() {
-    const bool requests = isRead(requests_.get());
-    const bool replies = isRead(replies_.get());
-    const std::lock_guard lock(mutex_);
-    readsRequests_ = readsRequests_ || requests;
-    readsReplies_ = readsReplies_ || replies;
-    readersChanged_.notify_all();
-    return readsRequests_;
-}
-
-bool KRPeer::readsRequests() const {
-    const std::lock_guard lock(mutex_);
-    return readsRequests_ && gone_.empty();
-}
+KRPeer::KRPeer(const Connection& connection, std::string id, std::string location)
+    : own_(connection.id), id_(std::move(id)), location_(std::move(location)), patience_(connection.patience),
+      requests_(connection.participant, connection.requestTopic, id_, connection.onMatched),
+      replies_(connection.participant, connection.replyTopic, id_, connection.onMatched) {}
 
 void KRPeer::setGone(const std::string& why) {
-    const std::lock_guard lock(mutex_);
+    requests_.interrupt();
+    replies_.interrupt();
+    const KRLock lock(mutex_);
     if (gone_.empty()) {
         gone_ = why;
     }
-    readersChanged_.notify_all();
     for (const auto& [sequence, pending] : pending_) {
-        pending->changed.notify_all();
+        pending->changed.notifyAll();
     }
+}
+
+void KRPeer::close() {
+    requests_.close();
+    replies_.close();
+}
+
+std::string KRPeer::describe(KRMessageWriter::Outcome outcome) const {
+    if (!gone_.empty()) {
+        return gone_;
+    }
+    return outcome == KRMessageWriter::Outcome::TimedOut
+               ? "the process of the module, " + location_ + ", has not received anything for " +
+                     std::to_string(patience_.count()) + " ms"
+               : "the DDS engine refuses the call";
 }
 
 KRValue KRPeer::call(const std::string& module, std::string_view method, std::span<const KRValue> arguments) {
@@ -70,24 +55,34 @@ KRValue KRPeer::call(const std::string& module, std::string_view method, std::sp
     KRRequest request{own_, drawSequence(), KRRequest::Call, module, std::string(method), {}};
     KRComposedBytes message = request.compose(std::vector<KRValue>(arguments.begin(), arguments.end()));
     Pending pending{std::chrono::steady_clock::now(), {}, {}};
+    std::string failure;
     {
-        const std::lock_guard lock(mutex_);
-        if (!gone_.empty()) {
-            fail(gone_);
+        const KRLock lock(mutex_);
+        failure = gone_;
+        if (failure.empty()) {
+            pending_.emplace(request.sequence, &pending);
         }
-        pending_.emplace(request.sequence, &pending);
     }
-    const dds_return_t written = writeMessage(requests_.get(), std::move(message));
-    std::unique_lock lock(mutex_);
-    if (written == DDS_RETCODE_OK) {
-        pending.changed.wait(lock, [&] { return pending.reply || !gone_.empty(); });
+    if (!failure.empty()) {
+        fail(failure);
     }
-    pending_.erase(request.sequence);
-    if (!pending.reply) {
-        fail(!gone_.empty() ? gone_
-                            : "the DDS engine refuses the call: " + std::string(dds_strretcode(written)));
+    const auto outcome = requests_.write(std::move(message), patience_);
+    {
+        KRLock lock(mutex_);
+        if (outcome == KRMessageWriter::Outcome::Sent) {
+            pending.changed.wait(lock, [&] {
+                mutex_.assertHeld();
+                return pending.reply || !gone_.empty();
+            });
+        }
+        pending_.erase(request.sequence);
+        if (!pending.reply) {
+            failure = describe(outcome);
+        }
     }
-    lock.unlock();
+    if (!failure.empty()) {
+        fail(failure);
+    }
     try {
         const KRValue value = pending.reply->value.decode();
         switch (pending.reply->status) {
@@ -105,52 +100,44 @@ KRValue KRPeer::call(const std::string& module, std::string_view method, std::sp
 }
 
 void KRPeer::takeReply(KRReply reply) {
-    const std::lock_guard lock(mutex_);
+    const KRLock lock(mutex_);
     const auto found = pending_.find(reply.sequence);
     if (found != pending_.end() && !found->second->reply) {
         found->second->reply = std::move(reply);
-        found->second->changed.notify_all();
+        found->second->changed.notifyAll();
     }
 }
 
 bool KRPeer::hasCallsOlderThan(std::chrono::steady_clock::duration age) const {
-    const std::lock_guard lock(mutex_);
+    const KRLock lock(mutex_);
     // Numbers grow with time, so the first is the oldest.
     return gone_.empty() && !pending_.empty() &&
            std::chrono::steady_clock::now() - pending_.begin()->second->since >= age;
 }
 
-bool KRPeer::inquire(std::chrono::steady_clock::duration age) {
-    constexpr std::size_t kMost = 10000; // at a time; the oldest first
+void KRPeer::inquire(std::chrono::steady_clock::duration age) {
     std::vector<KRValue> sequences;
     {
         const auto now = std::chrono::steady_clock::now();
-        const std::lock_guard lock(mutex_);
+        const KRLock lock(mutex_);
         for (const auto& [sequence, pending] : pending_) {
-            if (now - pending->since < age || sequences.size() >= 2 * kMost) {
+            if (now - pending->since < age || sequences.size() >= 2 * KRRequest::kMaxInquired) {
                 break;
             }
             sequences.emplace_back(static_cast<std::int32_t>(sequence >> 32));
             sequences.emplace_back(static_cast<std::int32_t>(sequence & 0xffffffff));
         }
     }
-    if (sequences.empty()) {
-        return false;
+    if (!sequences.empty()) {
+        const KRRequest request{own_, drawSequence(), KRRequest::Inquiry, "", "", {}};
+        requests_.write(request.compose(sequences), patience_);
     }
-    const KRRequest request{own_, drawSequence(), KRRequest::Inquiry, "", "", {}};
-    writeMessage(requests_.get(), request.compose(sequences));
-    return true;
 }
 
-bool KRPeer::waitForReplyReader() {
-    std::unique_lock lock(mutex_);
-    readersChanged_.wait(lock, [&] { return readsReplies_ || !gone_.empty(); });
-    return gone_.empty();
-}
-
-void KRPeer::reply(std::uint64_t sequence, KRReply::Status status, const KRValue& value) {
+bool KRPeer::reply(std::uint64_t sequence, KRReply::Status status, const KRValue& value) {
     const KRReply reply{own_, sequence, status, {}};
-    writeMessage(replies_.get(), reply.compose(value));
+    const auto outcome = replies_.write(reply.compose(value), patience_);
+    return outcome == KRMessageWriter::Outcome::Sent || outcome == KRMessageWriter::Outcome::Closed;
 }
 
 } // namespace KR

@@ -1,83 +1,91 @@
 #pragma once
 
-#include "krddsdomain.hpp"
 #include "krmessage.hpp"
+#include "krmessagewriter.hpp"
 
+#include <krplatform/krmutex.hpp>
 #include <krplatform/krvalue.hpp>
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <span>
 #include <string>
 #include <string_view>
-#include <vector>
 
 namespace KR {
 
-/// Another broker on the domain, and what is under way with it. Thread-safe.
+/// Another broker on the domain, and the calls from here that it has not answered. Thread-safe.
 ///
-/// It has writers of its own, so that one that does not read holds up only those who call it. They keep everything
+/// It has its own writers, so that a broker that does not read blocks only its callers. They keep every message
 /// until it is acknowledged: a reply is never lost to a broker that lives.
 class KRPeer {
 public:
-    /// \param own  identity of the broker that calls
-    KRPeer(dds_entity_t participant, dds_entity_t requestTopic, dds_entity_t replyTopic, std::string own,
-           std::string id, std::string whereabouts);
+    /// What a peer needs to know of this process.
+    struct Connection {
+        dds_entity_t participant = 0;
+        dds_entity_t requestTopic = 0;
+        dds_entity_t replyTopic = 0;
+        std::string id;                     ///< identity of this process's broker
+        std::chrono::milliseconds patience; ///< how long the other may acknowledge nothing
+        std::function<void()>
+            onMatched; ///< a peer reads requests or replies now; runs on a thread of the engine
+    };
+
+    /// \throws KRError the engine refuses the writers
+    KRPeer(const Connection& connection, std::string id, std::string location);
 
     const std::string& getId() const noexcept { return id_; }
-    const std::string& getWhereabouts() const noexcept { return whereabouts_; }
-    dds_entity_t getRequestWriter() const noexcept { return requests_.get(); }
-    dds_entity_t getReplyWriter() const noexcept { return replies_.get(); }
+    const std::string& getLocation() const noexcept { return location_; }
+    bool readsRequests() const noexcept { return requests_.isMatched(); }
+    bool readsReplies() const noexcept { return replies_.isMatched(); }
 
-    /// Asks the engine whether the other reads already. \return whether it reads requests
-    bool lookForReaders();
-    bool readsRequests() const;
-    /// It is gone: fails what is under way, now and from now on. `why` is for people.
-    void setGone(const std::string& why);
+    /// Fails the calls under way, and all from now on. `why` is for people.
+    void setGone(const std::string& why) KR_EXCLUDES(mutex_);
+    /// Deletes the writers, which may take two seconds if the other acknowledges nothing. Call setGone() before.
+    void close();
 
     /// Calls a method there and waits for the answer. \throws KRError
-    KRValue call(const std::string& module, std::string_view method, std::span<const KRValue> arguments);
-    void takeReply(KRReply reply);
+    KRValue call(const std::string& module, std::string_view method, std::span<const KRValue> arguments)
+        KR_EXCLUDES(mutex_);
+    void takeReply(KRReply reply) KR_EXCLUDES(mutex_);
     /// Asks the other about calls that have been under way for that long: one that it does not know is lost.
-    /// May block as a call does. \return whether there were any
-    bool inquire(std::chrono::steady_clock::duration age);
-    bool hasCallsOlderThan(std::chrono::steady_clock::duration age) const;
+    /// May block as a call does.
+    void inquire(std::chrono::steady_clock::duration age) KR_EXCLUDES(mutex_);
+    bool hasCallsOlderThan(std::chrono::steady_clock::duration age) const KR_EXCLUDES(mutex_);
     /// For inquiries that are being made on another thread: \return whether this one may
     bool beginInquiry() noexcept { return !inquiring_.exchange(true); }
     void endInquiry() noexcept { inquiring_ = false; }
 
-    /// Blocks until the other reads replies or is gone. \return whether it reads them
-    bool waitForReplyReader();
-    /// Sends an answer to a call from there. May block while it is behind.
+    /// Sends an answer to a call from there. Blocks while it is behind, within the connection's patience.
+    /// \return whether it was sent, or the other is gone anyway
     /// \throws KRError the value cannot travel
-    void reply(std::uint64_t sequence, KRReply::Status status, const KRValue& value);
+    bool reply(std::uint64_t sequence, KRReply::Status status, const KRValue& value);
 
 private:
     struct Pending {
         std::chrono::steady_clock::time_point since;
-        std::condition_variable changed;
+        KRCondition changed;
         std::optional<KRReply> reply;
     };
 
+    /// Why a call fails whose request could not be sent.
+    std::string describe(KRMessageWriter::Outcome outcome) const KR_REQUIRES(mutex_);
+
     const std::string own_;
     const std::string id_;
-    const std::string whereabouts_;
-    KRDDSEntity requests_;
-    KRDDSEntity replies_;
+    const std::string location_;
+    const std::chrono::milliseconds patience_;
+    KRMessageWriter requests_;
+    KRMessageWriter replies_;
     std::atomic<bool> inquiring_ = false;
 
-    mutable std::mutex mutex_;
-    std::condition_variable readersChanged_;
-    // Guarded by mutex_.
-    bool readsRequests_ = false;
-    bool readsReplies_ = false;
-    std::string gone_; // why, once it is
-    std::map<std::uint64_t, Pending*> pending_;
+    mutable KRMutex mutex_;
+    std::string gone_ KR_GUARDED_BY(mutex_); // why, once it is
+    std::map<std::uint64_t, Pending*> pending_ KR_GUARDED_BY(mutex_);
 };
 
 } // namespace KR

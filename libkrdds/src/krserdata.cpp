@@ -17,6 +17,7 @@
 #include <atomic>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <vector>
 
 namespace KR {
@@ -25,7 +26,7 @@ namespace {
 
 /// A message as the engine holds it: one that was composed here, or one that was received.
 struct Message : ddsi_serdata {
-    KRComposedBytes composed;
+    std::shared_ptr<const KRComposedBytes> composed;
     std::vector<KRComposedBytes::Piece> pieces; // of composed, or the one of received
     KRReceivedBytes received;
     std::uint32_t size = 0;
@@ -65,22 +66,33 @@ private:
     const Message& message_;
 };
 
-Message* makeMessage(const ddsi_sertype* type, ddsi_serdata_kind kind) {
-    auto* message = new Message;
-    ddsi_serdata_init(message, type, kind);
+std::unique_ptr<Message> makeMessage(const ddsi_sertype* type, ddsi_serdata_kind kind) {
+    auto message = std::make_unique<Message>();
+    ddsi_serdata_init(message.get(), type, kind);
     return message;
 }
 
-Message* makeReceived(const ddsi_sertype* type, ddsi_serdata_kind kind, KRReceivedBytes bytes) {
-    Message* message = makeMessage(type, kind);
+std::unique_ptr<Message> makeReceived(const ddsi_sertype* type, ddsi_serdata_kind kind,
+                                      KRReceivedBytes bytes) {
+    auto message = makeMessage(type, kind);
     message->received = std::move(bytes);
     message->size = static_cast<std::uint32_t>(message->received.size);
     message->pieces.push_back({message->received.bytes.get(), message->received.size, 0});
-    const Use made(message);
+    const Use made(message.get());
     return message;
 }
 
-// What the engine calls. None of it throws: memory that is short ends the process as it does everywhere.
+// What the engine calls. None of it throws: it is C.
+
+/// What the function makes; null, by which the engine drops the message, if memory is short.
+template <class Make>
+ddsi_serdata* orNull(Make make) noexcept {
+    try {
+        return make().release();
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+}
 
 bool haveEqualKeys(const ddsi_serdata*, const ddsi_serdata*) noexcept {
     return true; // there are no keys
@@ -90,56 +102,68 @@ std::uint32_t getSize(const ddsi_serdata* data) noexcept {
     return Use(data)->size;
 }
 
-ddsi_serdata* makeFromFragments(const ddsi_sertype* type, ddsi_serdata_kind kind, const nn_rdata* fragment,
-                                std::size_t size) noexcept {
+/// The message of `size` bytes that `fill` writes. \param fill  returns false if they are not all there
+template <class Fill>
+ddsi_serdata* receive(const ddsi_sertype* type, ddsi_serdata_kind kind, std::size_t size,
+                      Fill fill) noexcept {
     if (kind != SDK_DATA || size > KRReceivedBytes::kMax) {
         return nullptr;
     }
-    KRReceivedBytes bytes = KRReceivedBytes::allocate(size);
-    std::size_t offset = 0;
-    for (; fragment != nullptr; fragment = fragment->nextfrag) {
-        const std::size_t end = std::min<std::size_t>(fragment->maxp1, size);
-        if (fragment->min > offset) {
-            return nullptr;
+    return orNull([&]() -> std::unique_ptr<Message> {
+        KRReceivedBytes bytes = KRReceivedBytes::allocate(size);
+        return fill(bytes.bytes.get()) ? makeReceived(type, kind, std::move(bytes)) : nullptr;
+    });
+}
+
+ddsi_serdata* makeFromFragments(const ddsi_sertype* type, ddsi_serdata_kind kind, const nn_rdata* fragment,
+                                std::size_t size) noexcept {
+    return receive(type, kind, size, [&](unsigned char* to) {
+        std::size_t offset = 0;
+        for (; fragment != nullptr; fragment = fragment->nextfrag) {
+            const std::size_t end = std::min<std::size_t>(fragment->maxp1, size);
+            if (fragment->min > offset) {
+                return false;
+            }
+            if (end > offset) {
+                const unsigned char* payload =
+                    NN_RMSG_PAYLOADOFF(fragment->rmsg, NN_RDATA_PAYLOAD_OFF(fragment));
+                std::memcpy(to + offset, payload + (offset - fragment->min), end - offset);
+                offset = end;
+            }
         }
-        if (end > offset) {
-            const unsigned char* payload = NN_RMSG_PAYLOADOFF(fragment->rmsg, NN_RDATA_PAYLOAD_OFF(fragment));
-            std::memcpy(bytes.bytes.get() + offset, payload + (offset - fragment->min), end - offset);
-            offset = end;
-        }
-    }
-    return offset == size ? makeReceived(type, kind, std::move(bytes)) : nullptr;
+        return offset == size;
+    });
 }
 
 ddsi_serdata* makeFromRuns(const ddsi_sertype* type, ddsi_serdata_kind kind, ddsrt_msg_iovlen_t count,
                            const ddsrt_iovec_t* runs, std::size_t size) noexcept {
-    if (kind != SDK_DATA || size > KRReceivedBytes::kMax) {
-        return nullptr;
-    }
-    KRReceivedBytes bytes = KRReceivedBytes::allocate(size);
-    std::size_t offset = 0;
-    for (std::size_t i = 0; i < static_cast<std::size_t>(count); ++i) {
-        const std::size_t part = std::min<std::size_t>(runs[i].iov_len, size - offset);
-        std::memcpy(bytes.bytes.get() + offset, runs[i].iov_base, part);
-        offset += part;
-    }
-    return offset == size ? makeReceived(type, kind, std::move(bytes)) : nullptr;
+    return receive(type, kind, size, [&](unsigned char* to) {
+        std::size_t offset = 0;
+        for (std::size_t i = 0; i < static_cast<std::size_t>(count); ++i) {
+            const std::size_t part = std::min<std::size_t>(runs[i].iov_len, size - offset);
+            std::memcpy(to + offset, runs[i].iov_base, part);
+            offset += part;
+        }
+        return offset == size;
+    });
 }
 
 ddsi_serdata* makeFromKeyHash(const ddsi_sertype* type, const ddsi_keyhash*) noexcept {
-    return makeMessage(type, SDK_KEY);
+    return orNull([&] { return makeMessage(type, SDK_KEY); });
 }
 
-/// A sample, for dds_write() and its like, is a KRComposedBytes, which is moved from: deliberate.
+/// A sample, for dds_write() and its like, is a std::shared_ptr<const KRComposedBytes>.
 ddsi_serdata* makeFromSample(const ddsi_sertype* type, ddsi_serdata_kind kind, const void* sample) noexcept {
-    Message* message = makeMessage(type, kind);
-    if (kind == SDK_DATA) {
-        message->composed = std::move(*static_cast<KRComposedBytes*>(const_cast<void*>(sample)));
-        message->size = static_cast<std::uint32_t>(message->composed.size());
-        message->pieces = message->composed.getPieces();
-    }
-    const Use made(message);
-    return message;
+    return orNull([&] {
+        auto message = makeMessage(type, kind);
+        if (kind == SDK_DATA) {
+            message->composed = *static_cast<const std::shared_ptr<const KRComposedBytes>*>(sample);
+            message->size = static_cast<std::uint32_t>(message->composed->size());
+            message->pieces = message->composed->getPieces();
+        }
+        const Use made(message.get());
+        return message;
+    });
 }
 
 void copyOut(const ddsi_serdata* data, std::size_t offset, std::size_t size, void* to) noexcept {
@@ -192,9 +216,11 @@ bool giveUntypedSample(const ddsi_sertype*, const ddsi_serdata*, void*, void**, 
 }
 
 ddsi_serdata* makeUntyped(const ddsi_serdata* data) noexcept {
-    Message* message = makeMessage(data->type, SDK_KEY);
-    message->type = nullptr;
-    return message;
+    return orNull([&] {
+        auto message = makeMessage(data->type, SDK_KEY);
+        message->type = nullptr;
+        return message;
+    });
 }
 
 void freeMessage(ddsi_serdata* data) noexcept {
@@ -284,22 +310,22 @@ dds_entity_t createMessageTopic(dds_entity_t participant, const char* topicName,
     return checkDDS(topic, "topic");
 }
 
-dds_return_t writeMessage(dds_entity_t writer, KRComposedBytes message) {
+dds_return_t writeMessage(dds_entity_t writer, const std::shared_ptr<const KRComposedBytes>& message) {
     return dds_write(writer, &message);
 }
 
-KRReceivedBytes receive(ddsi_serdata* data) {
-    KRReceivedBytes bytes;
-    {
-        const Use message(data);
-        bytes = message->received;
-        if (!bytes.bytes && message->size > 0) { // from a broker of the same process
-            bytes = KRReceivedBytes::allocate(message->size);
-            message->copyTo(0, message->size, bytes.bytes.get());
-        }
+KRReceivedBytes readBytes(const ddsi_serdata* data) {
+    const Use message(data);
+    KRReceivedBytes bytes = message->received;
+    if (!bytes.bytes && message->size > 0) { // from a broker of the same process
+        bytes = KRReceivedBytes::allocate(message->size);
+        message->copyTo(0, message->size, bytes.bytes.get());
     }
-    ddsi_serdata_unref(data);
     return bytes;
+}
+
+void KRMessageRelease::operator()(ddsi_serdata* data) const noexcept {
+    ddsi_serdata_unref(data);
 }
 
 } // namespace KR

@@ -4,6 +4,8 @@
 
 #include <dds/dds.h>
 
+#include <memory>
+
 struct ddsi_serdata;
 
 namespace KR {
@@ -12,16 +14,27 @@ namespace KR {
 /// splits a message into fragments and puts it together again. \throws KRError the engine refuses
 dds_entity_t createMessageTopic(dds_entity_t participant, const char* topicName, const char* typeName);
 
-/// Writes a message. Waits while the reader is behind, until it has caught up or is gone.
-/// \return the engine's code: 0, or negative for an error
-dds_return_t writeMessage(dds_entity_t writer, KRComposedBytes message);
+/// Writes a message. Waits while the reader is behind, at most the writer's maximum blocking time.
+/// \return the engine's code: 0, DDS_RETCODE_TIMEOUT if the message was not written, or another negative one
+dds_return_t writeMessage(dds_entity_t writer, const std::shared_ptr<const KRComposedBytes>& message);
 
-/// Calls `function` with each message that has arrived. \return how many have
+/// A message that was taken.
+struct KRTakenMessage {
+    KRReceivedBytes bytes;
+    dds_instance_handle_t writer; ///< publication handle
+};
+
+/// Calls `function` with each KRTakenMessage that has arrived. \return how many have
 template <class Function>
 std::size_t takeMessages(dds_entity_t reader, Function function);
 
-/// The bytes of one message that was taken; gives the engine's data back.
-KRReceivedBytes receive(ddsi_serdata* data);
+/// The bytes of a message that the engine holds.
+KRReceivedBytes readBytes(const ddsi_serdata* data);
+
+/// Gives a message back to the engine.
+struct KRMessageRelease {
+    void operator()(ddsi_serdata* data) const noexcept;
+};
 
 template <class Function>
 std::size_t takeMessages(dds_entity_t reader, Function function) {
@@ -31,10 +44,15 @@ std::size_t takeMessages(dds_entity_t reader, Function function) {
         ddsi_serdata* data[kMost] = {};
         dds_sample_info_t info[kMost];
         const dds_return_t count = dds_takecdr(reader, data, kMost, info, DDS_ANY_STATE);
+        std::unique_ptr<ddsi_serdata, KRMessageRelease> owned[kMost]; // given back whatever `function` throws
         for (dds_return_t i = 0; i < count; ++i) {
-            const KRReceivedBytes message = receive(data[i]);
+            owned[i].reset(data[i]);
+        }
+        for (dds_return_t i = 0; i < count; ++i) {
             if (info[i].valid_data) {
                 ++taken;
+                const KRTakenMessage message{readBytes(owned[i].get()), info[i].publication_handle};
+                owned[i].reset();
                 function(message);
             }
         }

@@ -88,7 +88,8 @@ private:
 /// Builds the value while msgpack reads. A step that returns false ends the reading.
 class Decoder : public msgpack::null_visitor {
 public:
-    explicit Decoder(const KRReceivedBytes& received) : received_(received) {}
+    Decoder(const KRReceivedBytes& received, std::size_t maxValues)
+        : received_(received), maxValues_(maxValues) {}
 
     bool visit_nil() { return add(KRValue()); }
     bool visit_boolean(bool) { return fail("a boolean"); }
@@ -119,7 +120,7 @@ public:
         if (open_.size() >= KRValueBounds::kDepth) {
             return fail("arrays in arrays, too deep");
         }
-        if (count > KRValueBounds::kValues - values_) {
+        if (count > maxValues_ - values_) {
             return fail("too many values");
         }
         open_.emplace_back(); // grows with what comes, not with what is announced
@@ -145,7 +146,7 @@ public:
 
 private:
     bool add(KRValue value) {
-        if (++values_ > KRValueBounds::kValues) {
+        if (++values_ > maxValues_) {
             return fail("too many values");
         }
         if (open_.empty()) {
@@ -164,6 +165,7 @@ private:
     }
 
     const KRReceivedBytes& received_;
+    const std::size_t maxValues_;
     std::vector<std::vector<KRValue>> open_; // arrays that are being read
     KRValue result_;
     bool complete_ = false;
@@ -179,8 +181,9 @@ KRComposedBytes encodeValue(const KRValue& value) {
     return bytes;
 }
 
-KRValue decodeValue(const KRReceivedBytes& received, std::size_t offset, std::size_t size) {
-    Decoder decoder(received);
+KRValue decodeValue(const KRReceivedBytes& received, std::size_t offset, std::size_t size,
+                    std::size_t maxValues) {
+    Decoder decoder(received, maxValues);
     std::size_t read = 0;
     const char* bytes = reinterpret_cast<const char*>(received.bytes.get()) + offset;
     msgpack::parse(bytes, size, read, decoder);

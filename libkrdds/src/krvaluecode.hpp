@@ -26,8 +26,10 @@ struct KRValueBounds {
 /// \throws KRError beyond the bounds
 KRComposedBytes encodeValue(const KRValue& value);
 
-/// The value that `size` bytes at `offset` are. Large binaries share the bytes received.
-/// \throws KRMalformed they are none, more than one, or beyond the bounds
-KRValue decodeValue(const KRReceivedBytes& received, std::size_t offset, std::size_t size);
+/// Decodes the value in `size` bytes at `offset`. Large binaries share the bytes received.
+/// \param maxValues  bound of the number of values, arrays included
+/// \throws KRMalformed not a value, more than one, or beyond the bounds
+KRValue decodeValue(const KRReceivedBytes& received, std::size_t offset, std::size_t size,
+                    std::size_t maxValues = KRValueBounds::kValues);
 
 } // namespace KR

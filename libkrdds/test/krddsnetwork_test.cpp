@@ -61,6 +61,11 @@ public:
     void setCable(int host, bool plugged) const {
         run("ip -n " + getName(0) + " link set port" + std::to_string(host) + (plugged ? " up" : " down"));
     }
+    /// From now on nothing that one host sends to the other arrives, except what it sends to all.
+    bool misdirect(int from, int to) const {
+        return run("ip -n " + getName(from) + " neigh replace 10.77.0." + std::to_string(to) +
+                   " lladdr 02:00:00:00:00:99 dev kr0 nud permanent");
+    }
     /// Moves the calling thread, and those that it starts from now on, to the host.
     void enter(int host) const {
         const int handle = open(("/run/netns/" + getName(host)).c_str(), O_RDONLY | O_CLOEXEC);
@@ -107,6 +112,45 @@ TEST(KRDDSNetwork, ThreeHostsRecoverFromACableThatWasUnpluggedForFiveSeconds) {
         const std::size_t before = listener->waitForEvents(0).size();
         EXPECT_GE(listener->waitForEvents(before + 10).size(), before + 10);
     }).join();
+}
+
+TEST(KRDDSNetwork, APeerThatAcknowledgesNothingHoldsUpNobodyElse) {
+    const Hosts hosts(3);
+    if (!hosts.areComplete()) {
+        GTEST_SKIP() << "this needs the right to make network namespaces, as root has it, and the tool ip";
+    }
+    const TestDomain domain;
+    const std::string url = "dds:?domain=" + std::to_string(domain.getNumber()) +
+                            "&interfaces=kr0&peers=10.77.0.1,10.77.0.2,10.77.0.3&lease=2";
+    OtherProcess service(url, {"module", "Server"}, hosts.on(1));
+    ASSERT_EQ(service.getAnswer(), "ready");
+    const OtherProcess caller(url, {"module", "Caller"}, hosts.on(2));
+    ASSERT_EQ(caller.getAnswer(), "ready");
+    std::thread([&] {
+        hosts.enter(3);
+        const auto broker = KRBroker::create(url);
+        ASSERT_TRUE(broker->getSession().waitForService("Server", kPatience));
+        ASSERT_TRUE(broker->getSession().waitForService("Caller", kPatience));
+        const auto server = broker->getProxy("Server");
+        const auto proxy = broker->getProxy("Caller");
+        ASSERT_TRUE(eventually([&] { return proxy->call<bool>("isReachable", "Server"); }));
+        proxy->call("callOther", "Server", "makeImage", 1);
+        ASSERT_TRUE(hosts.misdirect(1, 2));
+        // More than is kept for a reader that is behind, so that most answers wait for it.
+        constexpr int kCalls = 8;
+        for (int i = 0; i < kCalls; ++i) {
+            proxy->post("callOther", "Server", "makeImage", 3 << 20);
+        }
+        ASSERT_TRUE(eventually([&] { return server->call<int>("countImages") == 1 + kCalls; }));
+        // The service discovers others, calls them, and notices when they go.
+        OtherProcess late(url, {"module", "Late"}, hosts.on(3));
+        ASSERT_EQ(late.getAnswer(), "ready");
+        EXPECT_TRUE(eventually([&] { return server->call<bool>("isReachable", "Late"); }));
+        EXPECT_EQ(server->call<int>("callOther", "Late", "pidOf", ""), late.getPid());
+        late.kill();
+        EXPECT_TRUE(eventually([&] { return !server->call<bool>("isReachable", "Late"); }));
+    }).join();
+    EXPECT_EQ(service.stop(), 0); // it ends by itself
 }
 
 } // namespace

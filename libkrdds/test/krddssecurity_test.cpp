@@ -218,6 +218,9 @@ TEST_F(KRDDSSecurity, PermissionsThatAreNotForThisBrokerAndThisDayAreRefused) {
     editPermissions(future, "s/<not_before>[0-9]*/<not_before>2098/; s/<not_after>[0-9]*/<not_after>2099/");
     EXPECT_THAT(refusalOf(future),
                 AllOf(HasSubstr(future), HasSubstr("Permissions validity period has not started yet")));
+    const std::string silent = copyRobot();
+    editPermissions(silent, "/<publish>/s/KRVision\\/\\*/KRVision\\/Broker/");
+    EXPECT_THAT(refusalOf(silent), HasSubstr("must be allowed to publish requests and replies"));
     const std::string elsewhere = copyRobot();
     editPermissions(elsewhere, "s/<max>230/<max>0/");
     EXPECT_THAT(refusalOf(elsewhere), AllOf(HasSubstr(elsewhere), HasSubstr("denied")));

@@ -236,24 +236,6 @@ TEST_F(KRDDSWire, AskedAboutCallsABrokerNamesThoseThatDoNotRun) {
     EXPECT_EQ(lost.status, 2U);
 }
 
-TEST_F(KRDDSWire, OfTwoModulesOfOneNameTheOneThatCameFirstIsCalled) {
-    const RecordedLog log;
-    Stranger later(domain.getNumber(), "later");
-    Stranger earlier(domain.getNumber(), "earlier");
-    const dds_entity_t requests = earlier.readRequests();
-    later.readRequests();
-    later.announce(1, makeModuleList("Twin", 1, 200));
-    ASSERT_TRUE(broker->getSession().waitForService("Twin", kPatience));
-    earlier.announce(1, makeModuleList("Twin", 1, 100));
-    const auto line = log.waitFor(KRLogLevel::Error, "there are two modules named Twin");
-    ASSERT_TRUE(line);
-    EXPECT_THAT(line->message, testing::AllOf(HasSubstr("(earlier)"), HasSubstr("(later)")));
-    EXPECT_TRUE(eventually([&] { return refusalOf(broker, "Twin").find("(earlier)") != std::string::npos; }));
-    broker->getProxy("Twin")->post("go", 5);
-    EXPECT_EQ(takeRequest(requests).method, "go");
-    EXPECT_EQ(log.find(KRLogLevel::Error, "there are two modules named Twin").size(), 1U);
-}
-
 TEST_F(KRDDSWire, AModuleKeepsTheTimeAtWhichItCame) {
     const dds_entity_t announcements = stranger.readAnnouncements();
     // What is announced of the module, once the announcement is as long as that.
@@ -332,6 +314,26 @@ TEST_F(KRDDSWire, AnAnswerWaitsForACallerThatDoesNotReadYet) {
     other.request(id, 6, "Module", "echo", {0x91, 0x07});
     EXPECT_EQ(takeReply(othersReplies).number, 6U);
     EXPECT_EQ(takeReply(stranger.readReplies()).number, 5U);
+}
+
+TEST(KRDDSTwins, OfTwoModulesOfOneNameTheOneThatCameFirstIsCalled) {
+    const TestDomain domain;
+    const auto broker = domain.createBroker("lease=1");
+    const RecordedLog log;
+    Stranger later(domain.getNumber(), "later");
+    Stranger earlier(domain.getNumber(), "earlier");
+    const dds_entity_t requests = earlier.readRequests();
+    later.readRequests();
+    later.announce(1, makeModuleList("Twin", 1, 200));
+    ASSERT_TRUE(broker->getSession().waitForService("Twin", kPatience));
+    earlier.announce(1, makeModuleList("Twin", 1, 100));
+    const auto line = log.waitFor(KRLogLevel::Error, "there are two modules named Twin");
+    ASSERT_TRUE(line);
+    EXPECT_THAT(line->message, testing::AllOf(HasSubstr("(earlier)"), HasSubstr("(later)")));
+    EXPECT_TRUE(eventually([&] { return refusalOf(broker, "Twin").find("(earlier)") != std::string::npos; }));
+    broker->getProxy("Twin")->post("go", 5);
+    EXPECT_EQ(takeRequest(requests).method, "go");
+    EXPECT_EQ(log.find(KRLogLevel::Error, "there are two modules named Twin").size(), 1U);
 }
 
 } // namespace

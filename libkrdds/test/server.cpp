@@ -136,12 +136,17 @@ private:
                 memory.raiseEvent(event, i);
             }
         });
-        add("makeImage", [](int size) { return KRBinary::copyOf(std::string(size, 'i').data(), size); });
+        add("makeImage", [this](int size) {
+            ++images_;
+            return KRBinary::copyOf(std::string(size, 'i').data(), size);
+        });
+        add("countImages", [this] { return images_.load(); });
         add("exit", [this] { exit(); });
     }
 
     Event released_;
     std::atomic<int> blocked_ = 0;
+    std::atomic<int> images_ = 0;
     std::mutex mutex_;
     std::vector<int> notes_;        // guarded by mutex_
     std::vector<std::string> gone_; // guarded by mutex_

@@ -29,48 +29,66 @@ inline Qos makeQos(const char* partition) {
     return qos;
 }
 
-/// A participant of its own on the domain of a broker of this process.
+/// A participant on the domain of a broker of this process.
 class Stranger {
 public:
-    explicit Stranger(int domain, std::string id = "stranger")
-        : participant_(dds_create_participant(domain, nullptr, nullptr)), id_(std::move(id)) {}
+    explicit Stranger(int domain, std::string name = "stranger")
+        : participant_(dds_create_participant(domain, nullptr, nullptr)), name_(std::move(name)) {
+        dds_guid_t guid{};
+        dds_get_guid(participant_, &guid);
+        for (const std::uint8_t byte : guid.v) {
+            constexpr const char* kDigits = "0123456789abcdef";
+            id_ += {kDigits[byte >> 4], kDigits[byte & 15]};
+        }
+    }
     ~Stranger() { dds_delete(participant_); }
     Stranger(const Stranger&) = delete;
     Stranger& operator=(const Stranger&) = delete;
 
-    /// Identity of the one broker that there is.
-    std::string findBroker() {
+    /// Identity by which brokers know it.
+    const std::string& getId() const noexcept { return id_; }
+    /// From now on it names another broker as the sender of its messages.
+    void pretendToBe(std::string id) { id_ = std::move(id); }
+
+    /// Identity of the one broker that there is besides `except`.
+    std::string findBroker(const std::string& except = {}) {
         const dds_entity_t reader = readAnnouncements();
         std::string id;
         EXPECT_TRUE(eventually([&] {
             void* sample = nullptr;
             dds_sample_info_t info;
-            if (dds_take(reader, &sample, &info, 1, 1) != 1) {
-                return false;
+            while (id.empty() && dds_take(reader, &sample, &info, 1, 1) == 1) {
+                const std::string found = static_cast<KRVision_Announcement*>(sample)->broker;
+                id = found == except ? "" : found;
+                dds_return_loan(reader, &sample, 1);
             }
-            id = static_cast<KRVision_Announcement*>(sample)->broker;
-            dds_return_loan(reader, &sample, 1);
-            return true;
+            return !id.empty();
         }));
         return id;
     }
 
     /// Announces itself as a broker.
     void announce(std::uint32_t protocol, std::vector<std::uint8_t> modules) {
-        const dds_entity_t topic =
-            dds_create_topic(participant_, &KRVision_Announcement_desc, "KRVision/Broker", nullptr, nullptr);
-        const dds_entity_t writer = dds_create_writer(participant_, topic, makeQos(nullptr).get(), nullptr);
-        KRVision_Announcement announcement{};
         char host[] = "elsewhere";
+        KRVision_Announcement announcement{};
         announcement.broker = id_.data();
-        announcement.name = id_.data();
+        announcement.name = name_.data();
         announcement.host = host;
         announcement.pid = 4711;
         announcement.protocol = protocol;
         announcement.modules._buffer = modules.data();
         announcement.modules._length = announcement.modules._maximum =
             static_cast<std::uint32_t>(modules.size());
-        EXPECT_EQ(dds_write(writer, &announcement), DDS_RETCODE_OK);
+        announce(announcement);
+    }
+    void announce(const KRVision_Announcement& announcement) {
+        EXPECT_EQ(dds_write(getAnnouncer(), &announcement), DDS_RETCODE_OK);
+    }
+    /// Says that it leaves, as a broker does.
+    void withdraw() {
+        KRVision_Announcement self{};
+        self.broker = id_.data();
+        EXPECT_EQ(dds_dispose(getAnnouncer(), &self), DDS_RETCODE_OK);
     }
 
     /// Sends a request to the broker. \param kind  0 a call, 1 an inquiry
@@ -125,6 +143,14 @@ public:
     }
 
 private:
+    dds_entity_t getAnnouncer() {
+        if (announcer_ == 0) {
+            const dds_entity_t topic = dds_create_topic(participant_, &KRVision_Announcement_desc,
+                                                        "KRVision/Broker", nullptr, nullptr);
+            announcer_ = dds_create_writer(participant_, topic, makeQos(nullptr).get(), nullptr);
+        }
+        return announcer_;
+    }
     /// One that the broker reads.
     dds_entity_t createWriter(dds_entity_t topic, const std::string& broker) {
         const dds_entity_t writer =
@@ -138,7 +164,9 @@ private:
     }
 
     const dds_entity_t participant_;
+    std::string name_;
     std::string id_;
+    dds_entity_t announcer_ = 0;
     dds_entity_t requests_ = 0;
 };
 

@@ -6,6 +6,7 @@
 #include "krbroker_p.hpp"
 #include "krmodulenumber.hpp"
 
+#include <optional>
 #include <system_error>
 
 namespace KR {
@@ -53,25 +54,29 @@ void KRTransportHost::serve(std::shared_ptr<KRIncomingCall> call) {
     }
     try {
         if (refusal) {
-            broker_.threads.post([call, refusal] {
-                if (call->begin()) {
-                    call->fail(*refusal);
-                }
-            });
+            broker_.threads.post([call, refusal] { call->fail(*refusal); });
             return;
         }
         broker_.threads.post([call, gate]() mutable {
-            KRModuleGate::Running running(*gate, &call->caller);
-            try {
-                if (call->begin()) {
-                    call->succeed(running.call(call->method, call->arguments));
+            KRValue result;
+            std::optional<KRError> failure;
+            {
+                KRModuleGate::Running running(*gate, &call->caller);
+                try {
+                    result = running.call(call->method, call->arguments);
+                } catch (const KRError& error) {
+                    failure = error;
+                } catch (...) {
+                    failure = KRError(call->module, call->method, describeCurrentException());
                 }
-            } catch (const KRError& error) {
-                call->fail(error);
-            } catch (...) {
-                call->fail(KRError(call->module, call->method, describeCurrentException()));
+                call->arguments.clear(); // while the module stands, which may own what they hold
             }
-            call->arguments.clear(); // what they hold goes while the module stands
+            // Outside the module: a caller that does not read its answer must not keep the module from going.
+            if (failure) {
+                call->fail(*failure);
+            } else {
+                call->succeed(result);
+            }
         });
     } catch (const std::system_error& error) {
         if (!refusal) {

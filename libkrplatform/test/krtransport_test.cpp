@@ -111,14 +111,10 @@ private:
 /// A call from another process.
 class FakeCall : public KRIncomingCall {
 public:
-    FakeCall(const std::string& to, const std::string& name, std::vector<KRValue> values, bool begins = true)
-        : KRIncomingCall("another process", to, name, std::move(values)), begins_(begins) {}
+    FakeCall(const std::string& to, const std::string& name, std::vector<KRValue> values)
+        : KRIncomingCall("another process", to, name, std::move(values)) {}
     ~FakeCall() override = default;
 
-    bool begin() override {
-        begun_.set();
-        return begins_;
-    }
     void succeed(const KRValue& result) noexcept override {
         result_ = result;
         answered_.set();
@@ -137,14 +133,10 @@ public:
         }
         return result_;
     }
-    bool hasBegun() const { return begun_.wait(); }
-    bool isAnswered() const { return answered_.hasHappened(); }
 
 private:
-    const bool begins_;
     KRValue result_;               // written before answered_
     std::optional<KRError> error_; // written before answered_
-    Event begun_;
     Event answered_;
 };
 
@@ -164,8 +156,8 @@ protected:
         return remote;
     }
     std::shared_ptr<FakeCall> serve(const std::string& module, const std::string& method,
-                                    std::vector<KRValue> arguments, bool begins = true) const {
-        auto call = std::make_shared<FakeCall>(module, method, std::move(arguments), begins);
+                                    std::vector<KRValue> arguments) const {
+        auto call = std::make_shared<FakeCall>(module, method, std::move(arguments));
         wire->host->serve(call);
         return call;
     }
@@ -205,18 +197,32 @@ TEST_F(Transport, ACallFromElsewhereFailsWithAnErrorThatSaysWhy) {
                 ThrowsMessage<KRError>(HasSubstr("exiting")));
 }
 
-TEST_F(Transport, ACallFromElsewhereThatIsNotToBeginDoesNotRun) {
-    std::atomic<bool> ran = false;
-    auto module = makeModule(broker, "Module", [&](TestModule& m) { m.add("run", [&] { ran = true; }); });
-    const auto unanswered = serve("Module", "run", {}, false);
-    const auto refused = serve("Nobody", "run", {}, false);
-    EXPECT_TRUE(unanswered->hasBegun());
-    EXPECT_TRUE(refused->hasBegun());
-    module.reset(); // waits for calls
-    broker.reset();
-    EXPECT_FALSE(ran);
-    EXPECT_FALSE(unanswered->isAnswered());
-    EXPECT_FALSE(refused->isAnswered());
+/// A call whose caller does not read the answer until release().
+class UnreadCall : public KRIncomingCall {
+public:
+    UnreadCall(const std::string& to, const std::string& name)
+        : KRIncomingCall("another process", to, name, {}) {}
+    void succeed(const KRValue&) noexcept override {
+        answering.set();
+        EXPECT_TRUE(released.wait());
+    }
+    void fail(const KRError&) noexcept override { ADD_FAILURE(); }
+
+    Event answering;
+    Event released;
+};
+
+TEST_F(Transport, ACallerThatDoesNotReadItsAnswerDoesNotKeepTheModule) {
+    auto module = makeModule(broker, "Module", [](TestModule& m) { m.add("run", [] { return 1; }); });
+    const auto call = std::make_shared<UnreadCall>("Module", "run");
+    const test::SetAtEnd end(call->released);
+    wire->host->serve(call);
+    ASSERT_TRUE(call->answering.wait());
+    auto going = std::async(std::launch::async, [&] {
+        module.reset(); // waits for calls
+        return true;
+    });
+    EXPECT_TRUE(test::resultOf(going));
 }
 
 TEST_F(Transport, WhatTheArgumentsOfACallFromElsewhereHoldGoesBeforeTheModule) {

@@ -57,8 +57,8 @@ private:
     std::atomic<KRModuleState> state_ = KRModuleState::Claimed; // written with the directory's lock held
 };
 
-/// A call that came from another process. Answered once, on a call thread; one that goes without an answer is
-/// lost, which its caller gets to know.
+/// A call that came from another process. Answered once, on a call thread; if destroyed unanswered, the caller gets an
+/// error. An answer may block on the caller: it is sent after the call has left its module.
 class KR_EXPORT KRIncomingCall {
 public:
     KRIncomingCall(std::string from, std::string to, std::string name, std::vector<KRValue> values)
@@ -68,8 +68,6 @@ public:
     KRIncomingCall(const KRIncomingCall&) = delete;
     KRIncomingCall& operator=(const KRIncomingCall&) = delete;
 
-    /// Asked on the call thread before the method runs; may block. \return whether the call is to run at all
-    virtual bool begin() { return true; }
     virtual void succeed(const KRValue& result) noexcept = 0;
     virtual void fail(const KRError& error) noexcept = 0;
 
@@ -91,7 +89,7 @@ public:
     /// It has gone.
     void removeRemoteModule(const std::shared_ptr<KRRemoteModule>& module);
 
-    /// Runs the call on a call thread.
+    /// Runs the call on a call thread. Call it once the caller can receive the answer.
     void serve(std::shared_ptr<KRIncomingCall> call);
     /// Tells every module of this process that a process which may have called it is gone.
     void noticeCallerGone(const std::string& caller);

@@ -1,0 +1,55 @@
+#pragma once
+
+#include "krannouncement.hpp"
+
+#include <krplatform/krmutex.hpp>
+#include <krplatform/krtransport.hpp>
+
+#include <dds/dds.h>
+
+#include <chrono>
+#include <set>
+#include <string>
+
+namespace KR {
+
+/// What this broker announces of itself, and the names that it asks for. Thread-safe; nothing here waits for others
+/// except waitForAcks().
+class KRAnnouncer {
+public:
+    KRAnnouncer(KRTransportHost& host, std::string name) : host_(host), name_(std::move(name)) {}
+
+    /// Begins to announce. Call it once. \param id  identity of the broker \throws KRError the engine refuses
+    void start(dds_entity_t participant, dds_entity_t topic, const std::string& id) KR_EXCLUDES(mutex_);
+    /// Ends the announcement, which tells the others that this broker leaves.
+    void stop() noexcept KR_EXCLUDES(mutex_);
+
+    /// Announces the modules as they are now. If others are too far behind for that, poll() does it later.
+    /// \throws KRError more modules than a broker can announce; the engine refuses
+    void announce() KR_EXCLUDES(mutex_);
+    /// The same if the last time it was not possible.
+    void poll() KR_EXCLUDES(mutex_);
+
+    /// From now on the module is announced as one whose name is asked for, until endAsking(). \return when it was claimed
+    /// \throws KRError as announce()
+    KRClaimTime ask(const std::string& module) KR_EXCLUDES(mutex_);
+    void endAsking(const std::string& module) KR_EXCLUDES(mutex_);
+    /// Waits until all brokers have received the last announcement, but no longer than `patience`.
+    void waitForAcks(std::chrono::milliseconds patience);
+
+private:
+    void announceNow() KR_REQUIRES(mutex_);
+
+    KRTransportHost& host_;
+    const std::string name_;
+
+    KRMutex mutex_; // held while the announcement is written, which never waits
+    dds_entity_t writer_ KR_GUARDED_BY(mutex_) = 0; // 0 before start() and after stop()
+    std::string id_ KR_GUARDED_BY(mutex_);
+    std::string hostName_ KR_GUARDED_BY(mutex_);
+    bool pending_ KR_GUARDED_BY(mutex_) = false;        // the last announcement has not been written
+    KRAnnouncedModules modules_ KR_GUARDED_BY(mutex_);  // as announced last
+    std::set<std::string> asked_ KR_GUARDED_BY(mutex_); // names that are being claimed
+};
+
+} // namespace KR

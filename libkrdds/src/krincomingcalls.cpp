@@ -1,0 +1,253 @@
+#include "krincomingcalls.hpp"
+
+#include "krvaluecode.hpp"
+
+#include <krplatform/krlog.hpp>
+#include <krplatform/krtext.hpp>
+
+namespace KR {
+
+namespace {
+
+/// Values that a value consists of, itself included.
+std::size_t countValues(const KRValue& value) {
+    std::size_t count = 1;
+    if (value.isArray()) {
+        for (std::size_t i = 0; i < value.getSize(); ++i) {
+            count += countValues(value[i]);
+        }
+    }
+    return count;
+}
+
+} // namespace
+
+/// A call that runs.
+class KRIncomingCalls::Served : public KRIncomingCall {
+public:
+    Served(std::shared_ptr<KRIncomingCalls> calls, std::shared_ptr<KRPeer> peer, const KRRequest& request,
+           std::vector<KRValue> values)
+        : KRIncomingCall(request.broker, request.module, request.method, std::move(values)),
+          calls_(std::move(calls)), peer_(std::move(peer)), sequence_(request.sequence) {}
+    ~Served() override { calls_->finish(caller, sequence_); }
+
+    void succeed(const KRValue& result) noexcept override {
+        try {
+            answer(KRReply::Result, result);
+        } catch (const KRError& error) {
+            fail(KRError(module, method, error.getDescription()));
+        } catch (const std::exception& error) {
+            fail(KRError(module, method, error.what()));
+        }
+    }
+    void fail(const KRError& error) noexcept override {
+        try {
+            answer(KRReply::Error,
+                   KRValue::array(error.getModule(), error.getMethod(), error.getDescription()));
+        } catch (const std::exception& failure) { // the caller asks, and hears that its call is not known
+            logError("krdds", "cannot report an error of " + escapeText(module + "." + method, 256) + ": " +
+                                  failure.what());
+        }
+    }
+
+private:
+    void answer(KRReply::Status status, const KRValue& value) {
+        if (!peer_->reply(sequence_, status, value)) {
+            calls_->refusals_.write(KRLogLevel::Warning,
+                                    "the answer of " + escapeText(module + "." + method, 256) +
+                                        " is lost: its caller " + peer_->getLocation() + " receives nothing");
+        }
+    }
+
+    const std::shared_ptr<KRIncomingCalls> calls_;
+    const std::shared_ptr<KRPeer> peer_;
+    const std::uint64_t sequence_;
+};
+
+bool KRIncomingCalls::Caller::mayRun(std::size_t bytes) const {
+    return peer && peer->readsReplies() && running.size() < kMaxRunning &&
+           (running.empty() || runningBytes + bytes <= kMaxRunningBytes);
+}
+
+std::string KRIncomingCalls::findProblem(const Caller& caller, std::size_t bytes) const {
+    // One call may have any size that a message may have.
+    if (caller.peer) {
+        const bool fits = caller.waiting.size() < kMaxWaiting &&
+                          (caller.waiting.empty() || caller.waitingBytes + bytes <= kMaxWaitingBytes);
+        return fits ? ""
+                    : "the broker " + caller.peer->getLocation() + " has " +
+                          std::to_string(caller.waiting.size()) + " calls waiting already";
+    }
+    std::size_t strangers = 0;
+    std::size_t calls = 0;
+    std::size_t allBytes = 0;
+    for (const auto& [id, each] : callers_) {
+        if (!each.peer) {
+            ++strangers;
+            calls += each.waiting.size();
+            allBytes += each.waitingBytes;
+        }
+    }
+    const bool fits = strangers <= kMaxStrangers && calls < kMaxStrangersCalls &&
+                      (calls == 0 || allBytes + bytes <= kMaxStrangersBytes);
+    return fits ? "" : "too many calls of brokers that have not announced themselves";
+}
+
+void KRIncomingCalls::take(const KRRequest& request) {
+    const KRValue arguments = request.arguments.decode();
+    if (!arguments.isArray()) {
+        throw KRMalformed("a request is malformed: its arguments are not an array");
+    }
+    const std::size_t bytes =
+        request.arguments.message.size + countValues(arguments) * sizeof(KRValue); // in memory, about
+    Waiting call{request, arguments.to<std::vector<KRValue>>(), bytes, std::chrono::steady_clock::now()};
+    call.request.arguments = {}; // shared by `arguments` where it is needed
+    std::shared_ptr<KRPeer> peer;
+    {
+        const KRLock lock(mutex_);
+        if (stopped_) {
+            return;
+        }
+        Caller& caller = callers_[request.broker];
+        if (caller.knows(request.sequence)) {
+            return; // has come already
+        }
+        if (caller.waiting.empty() && caller.mayRun(bytes)) {
+            caller.running.emplace(request.sequence, bytes);
+            caller.runningBytes += bytes;
+            peer = caller.peer;
+        } else if (const std::string problem = findProblem(caller, bytes); problem.empty()) {
+            caller.waiting.emplace(request.sequence, std::move(call));
+            caller.waitingBytes += bytes;
+        } else {
+            ++refused_;
+            refusals_.write(KRLogLevel::Warning, "a call is dropped: " + problem);
+            if (caller.isIdle()) {
+                callers_.erase(request.broker);
+            }
+        }
+    }
+    if (peer) {
+        serve({peer, std::move(call)});
+    }
+}
+
+void KRIncomingCalls::serve(Ready ready) {
+    std::shared_ptr<Served> call;
+    try {
+        call = std::make_shared<Served>(shared_from_this(), ready.peer, ready.call.request,
+                                        std::move(ready.call.arguments));
+    } catch (...) {
+        finish(ready.call.request.broker, ready.call.request.sequence);
+        throw;
+    }
+    host_.serve(std::move(call));
+}
+
+void KRIncomingCalls::poll() {
+    std::vector<Ready> ready;
+    {
+        const auto now = std::chrono::steady_clock::now();
+        const KRLock lock(mutex_);
+        if (stopped_) {
+            return;
+        }
+        for (auto each = callers_.begin(); each != callers_.end();) {
+            Caller& caller = each->second;
+            while (!caller.waiting.empty()) {
+                const auto first = caller.waiting.begin();
+                Waiting& call = first->second;
+                if (caller.mayRun(call.bytes)) {
+                    caller.running.emplace(first->first, call.bytes);
+                    caller.runningBytes += call.bytes;
+                    caller.waitingBytes -= call.bytes;
+                    ready.push_back({caller.peer, std::move(call)});
+                } else if (!caller.peer && now - call.since > kPatience) {
+                    ++refused_;
+                    caller.waitingBytes -= call.bytes;
+                    refusals_.write(KRLogLevel::Warning,
+                                    "a call is dropped: its broker has not announced itself");
+                } else {
+                    break;
+                }
+                caller.waiting.erase(first);
+            }
+            each = caller.isIdle() ? callers_.erase(each) : std::next(each);
+        }
+    }
+    for (Ready& each : ready) {
+        serve(std::move(each));
+    }
+    refusals_.flush();
+}
+
+void KRIncomingCalls::finish(const std::string& id, std::uint64_t sequence) noexcept {
+    const KRLock lock(mutex_);
+    const auto found = callers_.find(id);
+    if (found == callers_.end()) {
+        return;
+    }
+    Caller& caller = found->second;
+    const auto call = caller.running.find(sequence);
+    if (call != caller.running.end()) {
+        caller.runningBytes -= call->second;
+        caller.running.erase(call);
+    }
+    if (!caller.waiting.empty() && !stopped_) {
+        wake_();
+    }
+    if (caller.isIdle()) {
+        callers_.erase(found);
+    }
+    finished_.notifyAll();
+}
+
+std::vector<std::uint64_t> KRIncomingCalls::findUnknown(const std::string& caller,
+                                                        const std::vector<std::uint64_t>& sequences) {
+    std::vector<std::uint64_t> unknown;
+    const KRLock lock(mutex_);
+    const auto found = callers_.find(caller);
+    for (const std::uint64_t sequence : sequences) {
+        if (found == callers_.end() || !found->second.knows(sequence)) {
+            unknown.push_back(sequence);
+        }
+    }
+    return unknown;
+}
+
+void KRIncomingCalls::setPeer(const std::shared_ptr<KRPeer>& peer) {
+    const KRLock lock(mutex_);
+    callers_[peer->getId()].peer = peer;
+}
+
+void KRIncomingCalls::removePeer(const std::string& id) {
+    std::map<std::uint64_t, Waiting> dropped; // destroyed without the lock
+    const KRLock lock(mutex_);
+    const auto found = callers_.find(id);
+    if (found == callers_.end()) {
+        return;
+    }
+    found->second.peer.reset();
+    dropped.swap(found->second.waiting);
+    found->second.waitingBytes = 0;
+    if (found->second.isIdle()) {
+        callers_.erase(found);
+    }
+}
+
+void KRIncomingCalls::stop(std::chrono::milliseconds patience) {
+    KRLock lock(mutex_);
+    stopped_ = true;
+    finished_.waitFor(lock, patience, [this] {
+        mutex_.assertHeld();
+        for (const auto& [id, caller] : callers_) {
+            if (!caller.running.empty()) {
+                return false;
+            }
+        }
+        return true;
+    });
+    callers_.clear();
+}
+
+} // namespace KR

@@ -1,0 +1,87 @@
+#include "krmessagewriter.hpp"
+
+#include "krserdata.hpp"
+
+namespace KR {
+
+namespace {
+
+constexpr std::chrono::milliseconds kAttempt{100}; // that long a thread may stay in the engine
+
+} // namespace
+
+KRMessageWriter::KRMessageWriter(dds_entity_t participant, dds_entity_t topic, const std::string& partition,
+                                 std::function<void()> onMatchedFunction)
+    : onMatched_(std::move(onMatchedFunction)) {
+    const std::unique_ptr<dds_qos_t, void (*)(dds_qos_t*)> qos(dds_create_qos(), dds_delete_qos);
+    dds_qset_reliability(qos.get(), DDS_RELIABILITY_RELIABLE, DDS_MSECS(kAttempt.count()));
+    dds_qset_history(qos.get(), DDS_HISTORY_KEEP_ALL, 0);
+    dds_qset_partition1(qos.get(), partition.c_str());
+    // A listener, because asking for the status waits for the writer's lock.
+    const std::unique_ptr<dds_listener_t, void (*)(dds_listener_t*)> listener(dds_create_listener(this),
+                                                                              dds_delete_listener);
+    dds_lset_publication_matched(listener.get(), onMatched);
+    writer_ =
+        KRDDSEntity(checkDDS(dds_create_writer(participant, topic, qos.get(), listener.get()), "writer"));
+}
+
+void KRMessageWriter::onMatched(dds_entity_t, dds_publication_matched_status_t status, void* writer) {
+    auto& self = *static_cast<KRMessageWriter*>(writer);
+    if (status.current_count > 0 && !self.matched_.exchange(true)) {
+        self.onMatched_();
+    }
+}
+
+KRMessageWriter::Outcome KRMessageWriter::write(KRComposedBytes message, std::chrono::milliseconds patience) {
+    const auto shared = std::make_shared<const KRComposedBytes>(std::move(message));
+    const auto deadline = std::chrono::steady_clock::now() + patience;
+    KRLock lock(mutex_);
+    for (;;) {
+        const bool turn = changed_.waitUntil(lock, deadline, [this] {
+            mutex_.assertHeld();
+            return !busy_ || closed_;
+        });
+        if (closed_) {
+            return Outcome::Closed;
+        }
+        if (!turn) {
+            return Outcome::TimedOut;
+        }
+        busy_ = true;
+        lock.unlock();
+        const dds_return_t written = writeMessage(writer_.get(), shared);
+        lock.lock();
+        busy_ = false;
+        changed_.notifyAll();
+        if (written != DDS_RETCODE_TIMEOUT) {
+            return written == DDS_RETCODE_OK ? Outcome::Sent : Outcome::Refused;
+        }
+        if (std::chrono::steady_clock::now() >= deadline) {
+            return Outcome::TimedOut;
+        }
+    }
+}
+
+void KRMessageWriter::interrupt() {
+    const KRLock lock(mutex_);
+    closed_ = true;
+    changed_.notifyAll();
+}
+
+void KRMessageWriter::close() {
+    KRLock lock(mutex_);
+    closed_ = true;
+    changed_.notifyAll();
+    changed_.wait(lock, [this] {
+        mutex_.assertHeld();
+        return !busy_;
+    });
+    busy_ = true; // of several that close, one deletes
+    lock.unlock();
+    writer_.reset();
+    lock.lock();
+    busy_ = false;
+    changed_.notifyAll();
+}
+
+} // namespace KR

@@ -1,0 +1,63 @@
+#pragma once
+
+#include "krbytes.hpp"
+#include "krddsdomain.hpp"
+
+#include <krplatform/krmutex.hpp>
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <string>
+
+namespace KR {
+
+/// Sends messages to one broker. Keeps each until it is acknowledged, within the engine's bounds. Thread-safe.
+///
+/// The engine holds a writer's lock for as long as a write waits for the reader, and deleting the writer waits for that
+/// lock. So only one thread is in the engine at a time, for a moment only, and the others wait here, where they can
+/// be woken.
+class KRMessageWriter {
+public:
+    enum class Outcome {
+        Sent,
+        Closed,
+        TimedOut, ///< the other has acknowledged nothing for too long; the message has not been sent
+        Refused   ///< by the engine
+    };
+
+    /// \param partition  identity of the broker that reads
+    /// \param onMatched  called once it does, on a thread of the engine, possibly before the constructor returns
+    /// \throws KRError the engine refuses, because of this process's permissions for instance
+    KRMessageWriter(dds_entity_t participant, dds_entity_t topic, const std::string& partition,
+                    std::function<void()> onMatched);
+    ~KRMessageWriter() { close(); }
+    KRMessageWriter(const KRMessageWriter&) = delete;
+    KRMessageWriter& operator=(const KRMessageWriter&) = delete;
+
+    /// Whether the other reads, or has read.
+    bool isMatched() const noexcept { return matched_; }
+
+    /// Waits while the reader is behind, at most `patience`.
+    Outcome write(KRComposedBytes message, std::chrono::milliseconds patience) KR_EXCLUDES(mutex_);
+
+    /// Ends writes under way without waiting for them.
+    void interrupt() KR_EXCLUDES(mutex_);
+    /// Ends writes under way and deletes the engine's writer; that takes up to a second while the reader is behind.
+    void close() KR_EXCLUDES(mutex_);
+
+private:
+    static void onMatched(dds_entity_t, dds_publication_matched_status_t status, void* writer);
+
+    const std::function<void()> onMatched_;
+    std::atomic<bool> matched_ = false;
+    KRDDSEntity writer_; // deleted only when nobody is in the engine and closed_ is set
+
+    KRMutex mutex_;
+    KRCondition changed_;
+    bool busy_ KR_GUARDED_BY(mutex_) = false; // a thread is in the engine
+    bool closed_ KR_GUARDED_BY(mutex_) = false;
+};
+
+} // namespace KR

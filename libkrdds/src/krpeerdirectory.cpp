@@ -1,0 +1,312 @@
+#include "krpeerdirectory.hpp"
+
+#include "krincomingcalls.hpp"
+#include "krlink.hpp"
+
+#include <krplatform/krerror.hpp>
+#include <krplatform/krlog.hpp>
+#include <krplatform/krtext.hpp>
+
+#include <utility>
+
+namespace KR {
+
+namespace {
+
+/// A module of another process on the domain.
+class RemoteModule : public KRRemoteModule {
+public:
+    RemoteModule(const std::string& name, std::shared_ptr<KRPeer> peer)
+        : KRRemoteModule(name, peer->getLocation()), peer_(std::move(peer)) {}
+
+    KRValue call(std::string_view method, std::span<const KRValue> arguments) override {
+        return peer_->call(getName(), method, arguments);
+    }
+
+private:
+    const std::shared_ptr<KRPeer> peer_;
+};
+
+} // namespace
+
+std::shared_ptr<KRPeer> KRPeerDirectory::find(const std::string& id) const {
+    const KRLock lock(mutex_);
+    const auto found = neighbors_.find(id);
+    return found == neighbors_.end() ? nullptr : found->second.peer;
+}
+
+std::vector<std::shared_ptr<KRPeer>> KRPeerDirectory::list() const {
+    std::vector<std::shared_ptr<KRPeer>> peers;
+    const KRLock lock(mutex_);
+    for (const auto& [id, neighbor] : neighbors_) {
+        if (neighbor.peer) {
+            peers.push_back(neighbor.peer);
+        }
+    }
+    return peers;
+}
+
+bool KRPeerDirectory::isSettled(const std::string& id) const {
+    const KRLock lock(mutex_);
+    const auto found = neighbors_.find(id);
+    return found != neighbors_.end() && (!found->second.peer || found->second.peer->readsRequests());
+}
+
+bool KRPeerDirectory::isEmpty() const {
+    const KRLock lock(mutex_);
+    return neighbors_.empty();
+}
+
+KRPeerDirectory::OtherClaims KRPeerDirectory::findOtherClaims(const std::string& module,
+                                                              const KRClaimTime& claimed,
+                                                              const std::string& own) const {
+    OtherClaims claims;
+    const KRLock lock(mutex_);
+    for (const auto& [id, neighbor] : neighbors_) {
+        const auto found = neighbor.modules.find(module);
+        if (found == neighbor.modules.end()) {
+            continue;
+        }
+        if (!found->second.asked || std::pair(found->second.claimed, id) < std::pair(claimed, own)) {
+            claims.location = neighbor.location;
+            return claims;
+        }
+        claims.later = true;
+    }
+    return claims;
+}
+
+void KRPeerDirectory::describe(KRBrokerDiagnostics& diagnostics) const {
+    std::map<std::string, std::vector<std::string>> locations; // of each module that can be called
+    for (const KRLocalModule& own : host_.listModules()) {
+        if (own.state == KRModuleState::Open) {
+            locations[own.name].emplace_back("in this process");
+        }
+    }
+    const KRLock lock(mutex_);
+    for (const auto& [id, neighbor] : neighbors_) {
+        KRPeerDiagnostics peer{neighbor.location, neighbor.protocol, KRPeerDiagnostics::State::Refused, {}};
+        if (neighbor.peer) {
+            peer.state = neighbor.peer->readsRequests() ? KRPeerDiagnostics::State::Connected
+                                                        : KRPeerDiagnostics::State::Connecting;
+        }
+        for (const auto& [name, announced] : neighbor.modules) {
+            if (announced.state == KRModuleState::Open) {
+                peer.modules.push_back(escapeText(name));
+                locations[name].push_back(neighbor.location);
+            }
+        }
+        diagnostics.peers.push_back(std::move(peer));
+    }
+    for (auto& [name, list] : locations) {
+        if (list.size() > 1) {
+            diagnostics.conflicts.push_back({escapeText(name), std::move(list)});
+        }
+    }
+    diagnostics.refusedMessages += refused_;
+}
+
+bool KRPeerDirectory::hasRoom(const std::string& id, std::size_t modules) const {
+    std::size_t others = 0;
+    for (const auto& [other, neighbor] : neighbors_) {
+        if (other != id) {
+            ++others;
+            modules += neighbor.modules.size();
+        }
+    }
+    return others < kMaxBrokers && modules <= kMaxModules;
+}
+
+void KRPeerDirectory::accept(const KRPeer::Connection& connection, KRAnnouncement announcement,
+                             dds_instance_handle_t writer) {
+    const std::string& id = announcement.broker;
+    bool isKnown = false;
+    bool fits = false;
+    std::shared_ptr<KRPeer> peer;
+    {
+        const KRLock lock(mutex_);
+        fits = hasRoom(id, announcement.modules.size());
+        const auto found = neighbors_.find(id);
+        isKnown = found != neighbors_.end() && found->second.protocol == announcement.protocol;
+        if (isKnown) {
+            peer = found->second.peer;
+        }
+    }
+    if (!fits) {
+        ++refused_;
+        refusals_.write(KRLogLevel::Warning, "an announcement of the broker " + announcement.getLocation() +
+                                                 " is dropped: there are too many brokers or modules");
+        return;
+    }
+    if (!isKnown) {
+        peer = makePeer(connection, announcement);
+    }
+    {
+        const KRLock lock(mutex_);
+        Neighbor& neighbor = neighbors_[id]; // also one that is refused: it is known
+        neighbor.peer = peer;
+        neighbor.location = announcement.getLocation();
+        neighbor.protocol = announcement.protocol;
+        neighbor.writer = writer;
+        neighbor.modules = std::move(announcement.modules);
+        for (const auto& [name, module] : neighbor.modules) {
+            neighbor.hostedModules |= module.state == KRModuleState::Open;
+        }
+    }
+    if (!isKnown && peer) {
+        departures_.write(KRLogLevel::Verbose, "discovered the broker " + peer->getLocation());
+        calls_.setPeer(peer);
+    }
+}
+
+void KRPeerDirectory::poll(const std::set<dds_instance_handle_t>& announcers) {
+    std::vector<std::string> lost;
+    {
+        const KRLock lock(mutex_);
+        for (const auto& [id, neighbor] : neighbors_) {
+            if (!announcers.contains(neighbor.writer)) {
+                lost.push_back(id);
+            }
+        }
+    }
+    for (const std::string& id : lost) {
+        remove(id, "is gone or cannot be reached");
+    }
+    registerModules();
+    refusals_.flush();
+    conflictLog_.flush();
+    departures_.flush();
+}
+
+std::shared_ptr<KRPeer> KRPeerDirectory::makePeer(const KRPeer::Connection& connection,
+                                                  const KRAnnouncement& announcement) {
+    if (announcement.protocol != KRLink::kProtocol) {
+        refusals_.write(KRLogLevel::Error, "the broker " + announcement.getLocation() + " speaks protocol " +
+                                               std::to_string(announcement.protocol) + ", this one " +
+                                               std::to_string(KRLink::kProtocol) +
+                                               ": refused, neither reaches the other's modules; install one "
+                                               "version on both");
+        return nullptr;
+    }
+    try {
+        return std::make_shared<KRPeer>(connection, announcement.broker, announcement.getLocation());
+    } catch (const KRError& error) { // permissions, for instance
+        refusals_.write(KRLogLevel::Error, "the broker " + announcement.getLocation() +
+                                               " cannot be called: " + error.getDescription());
+        return nullptr;
+    }
+}
+
+void KRPeerDirectory::remove(const std::string& id, const std::string& why) {
+    Neighbor neighbor;
+    {
+        const KRLock lock(mutex_);
+        const auto found = neighbors_.find(id);
+        if (found == neighbors_.end()) {
+            return;
+        }
+        neighbor = std::move(found->second);
+        neighbors_.erase(found);
+    }
+    if (!neighbor.peer) {
+        return;
+    }
+    departures_.write(neighbor.hostedModules ? KRLogLevel::Info : KRLogLevel::Verbose,
+                      "the broker " + neighbor.location + " " + why);
+    registerModules(); // first, so that who hears that a call failed finds the module gone
+    neighbor.peer->setGone("the process of the module, " + neighbor.location + ", " + why);
+    calls_.removePeer(id);
+    host_.noticeCallerGone(id);
+    closeLater(std::move(neighbor.peer));
+}
+
+void KRPeerDirectory::closeLater(std::shared_ptr<KRPeer> peer) {
+    try {
+        host_.post([peer] { peer->close(); }); // may wait for the other
+    } catch (const std::exception&) {          // the last one who has it closes it
+    }
+}
+
+std::map<std::string, KRPeerDirectory::Wanted> KRPeerDirectory::chooseModules(Conflicts& conflicts) const {
+    // Of several of one name, which only brokers that had not discovered each other can have let happen, the one that
+    // was there first, for every broker alike.
+    std::map<std::string, Wanted> wanted;
+    const auto note = [&](const std::string& name, const std::string& one, const std::string& other) {
+        conflicts[{name, one + other}] =
+            "there are two modules named " + escapeText(name) + ": one " + one + ", one " + other;
+    };
+    {
+        const KRLock lock(mutex_);
+        for (const auto& [id, neighbor] : neighbors_) {
+            if (!neighbor.peer || !neighbor.peer->readsRequests()) {
+                continue;
+            }
+            for (const auto& [name, announced] : neighbor.modules) {
+                if (announced.asked) {
+                    continue;
+                }
+                Wanted& best = wanted[name];
+                if (best.peer && announced.state == KRModuleState::Open &&
+                    best.announced.state == KRModuleState::Open) {
+                    note(name, neighbor.location, best.peer->getLocation());
+                }
+                if (!best.peer || std::pair(announced.claimed, id) <
+                                      std::pair(best.announced.claimed, best.peer->getId())) {
+                    best = {neighbor.peer, announced};
+                }
+            }
+        }
+    }
+    for (const KRLocalModule& own : host_.listModules()) { // which this process goes on calling
+        const auto found = wanted.find(own.name);
+        if (found != wanted.end() && own.state == KRModuleState::Open &&
+            found->second.announced.state == KRModuleState::Open) {
+            note(own.name, "in this process", found->second.peer->getLocation());
+        }
+    }
+    return wanted;
+}
+
+void KRPeerDirectory::registerModules() {
+    Conflicts conflicts;
+    const std::map<std::string, Wanted> wanted = chooseModules(conflicts);
+    logConflicts(conflicts);
+    for (auto registered = registered_.begin(); registered != registered_.end();) {
+        const auto found = wanted.find(registered->first);
+        const bool stays = found != wanted.end() && found->second.peer == registered->second.peer &&
+                           found->second.announced.number == registered->second.number;
+        if (stays) {
+            ++registered;
+            continue;
+        }
+        host_.removeRemoteModule(registered->second.module);
+        registered = registered_.erase(registered);
+    }
+    for (const auto& [name, found] : wanted) {
+        Registered& registered = registered_[name];
+        if (!registered.module) {
+            registered = {found.peer, found.announced.number,
+                          std::make_shared<RemoteModule>(name, found.peer)};
+            host_.setRemoteModule(registered.module, found.announced.state);
+        } else if (registered.module->getState() != found.announced.state) {
+            host_.setRemoteModule(registered.module, found.announced.state);
+        }
+    }
+}
+
+// A module that was killed and started again is there twice until the lease of the killed process is over. So only
+// conflicts that last longer are logged.
+void KRPeerDirectory::logConflicts(const Conflicts& conflicts) {
+    constexpr std::chrono::milliseconds kMargin{500};
+    const auto now = Clock::now();
+    std::erase_if(conflicts_, [&](const auto& each) { return !conflicts.contains(each.first); });
+    for (const auto& [key, message] : conflicts) {
+        Conflict& conflict = conflicts_.try_emplace(key, Conflict{now, false}).first->second;
+        if (!conflict.logged && now - conflict.since >= lease_ + kMargin) {
+            conflict.logged = true;
+            conflictLog_.write(KRLogLevel::Error, message);
+        }
+    }
+}
+
+} // namespace KR

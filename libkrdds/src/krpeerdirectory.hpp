@@ -1,0 +1,121 @@
+#pragma once
+
+#include "krannouncement.hpp"
+#include "krlimitedlog.hpp"
+#include "krpeer.hpp"
+
+#include <krplatform/krdiagnostics.hpp>
+#include <krplatform/krmutex.hpp>
+#include <krplatform/krtransport.hpp>
+
+#include <dds/dds.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace KR {
+
+class KRIncomingCalls;
+
+/// The other brokers on the domain and their modules.
+///
+/// One thread maintains it, others look things up. No lock is held while peers are made or removed, or modules are
+/// reported to the host.
+class KRPeerDirectory {
+public:
+    static constexpr std::size_t kMaxBrokers = 1024;
+    static constexpr std::size_t kMaxModules = 100000; ///< of all brokers
+
+    /// \param lease  after which a process that is silent counts as gone
+    KRPeerDirectory(KRTransportHost& host, KRIncomingCalls& calls, std::chrono::milliseconds lease)
+        : host_(host), calls_(calls), lease_(lease) {}
+
+    // ---- thread-safe
+
+    std::shared_ptr<KRPeer> find(const std::string& id) const KR_EXCLUDES(mutex_);
+    std::vector<std::shared_ptr<KRPeer>> list() const KR_EXCLUDES(mutex_);
+    /// Whether a broker is known and can be called, or has been refused.
+    bool isSettled(const std::string& id) const KR_EXCLUDES(mutex_);
+    bool isEmpty() const KR_EXCLUDES(mutex_);
+
+    struct OtherClaims {
+        std::string
+            location;       ///< of a module that has the name, or asked for it earlier; empty: there is none
+        bool later = false; ///< another broker has asked for the name later
+    };
+    OtherClaims findOtherClaims(const std::string& module, const KRClaimTime& claimed,
+                                const std::string& own) const KR_EXCLUDES(mutex_);
+
+    /// Fills in peers, conflicts and refused messages.
+    void describe(KRBrokerDiagnostics& diagnostics) const KR_EXCLUDES(mutex_);
+
+    // ---- on one thread
+
+    /// A broker has announced itself, for the first time or again.
+    /// \param writer  publication handle of the announcement
+    void accept(const KRPeer::Connection& connection, KRAnnouncement announcement,
+                dds_instance_handle_t writer) KR_EXCLUDES(mutex_);
+    /// A broker is gone. \param why  for people, "has left the domain"
+    void remove(const std::string& id, const std::string& why) KR_EXCLUDES(mutex_);
+    /// Removes brokers whose announcement is no longer written, and reports changes of modules to the host.
+    /// \param announcers  the writers of announcements that exist now
+    void poll(const std::set<dds_instance_handle_t>& announcers) KR_EXCLUDES(mutex_);
+
+private:
+    using Clock = std::chrono::steady_clock;
+    struct Neighbor {
+        std::shared_ptr<KRPeer> peer; // null: refused
+        std::string location;
+        std::uint32_t protocol = 0;
+        dds_instance_handle_t writer = 0;
+        KRAnnouncedModules modules;
+        bool hostedModules = false; // it has announced one that could be called
+    };
+    struct Registered { // a module that the host knows
+        std::shared_ptr<KRPeer> peer;
+        std::int32_t number = 0;
+        std::shared_ptr<KRRemoteModule> module;
+    };
+    struct Wanted { // a module that the host should know
+        std::shared_ptr<KRPeer> peer;
+        KRAnnouncedModule announced;
+    };
+    struct Conflict {
+        Clock::time_point since;
+        bool logged = false;
+    };
+    using Conflicts =
+        std::map<std::pair<std::string, std::string>, std::string>; // module, locations: message
+
+    std::shared_ptr<KRPeer> makePeer(const KRPeer::Connection& connection,
+                                     const KRAnnouncement& announcement);
+    /// Whether there is room for this broker with so many modules.
+    bool hasRoom(const std::string& id, std::size_t modules) const KR_REQUIRES(mutex_);
+    void registerModules() KR_EXCLUDES(mutex_);
+    std::map<std::string, Wanted> chooseModules(Conflicts& conflicts) const KR_EXCLUDES(mutex_);
+    void logConflicts(const Conflicts& conflicts);
+    void closeLater(std::shared_ptr<KRPeer> peer);
+
+    KRTransportHost& host_;
+    KRIncomingCalls& calls_;
+    const std::chrono::milliseconds lease_;
+    std::atomic<std::uint64_t> refused_ = 0;
+
+    mutable KRMutex mutex_;
+    std::map<std::string, Neighbor> neighbors_ KR_GUARDED_BY(mutex_); // by identity
+
+    // Used on the one thread.
+    std::map<std::string, Registered> registered_; // by name
+    std::map<Conflicts::key_type, Conflict> conflicts_;
+    KRLimitedLog refusals_{"krdds", "brokers that were refused"};
+    KRLimitedLog conflictLog_{"krdds", "modules of the same name"};
+    KRLimitedLog departures_{"krdds", "brokers that came or went"};
+};
+
+} // namespace KR

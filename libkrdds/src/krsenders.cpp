@@ -1,0 +1,38 @@
+#include "krsenders.hpp"
+
+#include <memory>
+
+namespace KR {
+
+std::string toText(const dds_guid_t& guid) {
+    constexpr const char* kDigits = "0123456789abcdef";
+    std::string text;
+    for (const std::uint8_t byte : guid.v) {
+        text += {kDigits[byte >> 4], kDigits[byte & 15]};
+    }
+    return text;
+}
+
+std::string KRSenders::find(dds_entity_t reader, dds_instance_handle_t writer) {
+    {
+        const KRLock lock(mutex_);
+        const auto found = known_.find(writer);
+        if (found != known_.end()) {
+            return found->second;
+        }
+    }
+    const std::unique_ptr<dds_builtintopic_endpoint_t, void (*)(dds_builtintopic_endpoint_t*)> endpoint(
+        dds_get_matched_publication_data(reader, writer), dds_builtintopic_free_endpoint);
+    if (!endpoint) {
+        return {};
+    }
+    std::string id = toText(endpoint->participant_key);
+    const KRLock lock(mutex_);
+    if (known_.size() >= kMaxKnown) {
+        known_.clear(); // those that still write are asked for again
+    }
+    known_.emplace(writer, id);
+    return id;
+}
+
+} // namespace KR

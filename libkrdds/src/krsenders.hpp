@@ -1,0 +1,30 @@
+#pragma once
+
+#include <krplatform/krmutex.hpp>
+
+#include <dds/dds.h>
+
+#include <map>
+#include <string>
+
+namespace KR {
+
+/// An identity as text: 32 hexadecimal digits.
+std::string toText(const dds_guid_t& guid);
+
+/// Who wrote what a reader has received. A broker's identity is that of its participant, which the engine vouches for:
+/// with security on it has checked its credentials. What a message says of its sender proves nothing. Thread-safe.
+class KRSenders {
+public:
+    /// Identity of the participant that a sample's writer belongs to; empty once the writer is gone, unless it was
+    /// asked for before. \param writer  publication handle of the sample
+    std::string find(dds_entity_t reader, dds_instance_handle_t writer);
+
+private:
+    static constexpr std::size_t kMaxKnown = 4096;
+
+    KRMutex mutex_;
+    std::map<dds_instance_handle_t, std::string> known_ KR_GUARDED_BY(mutex_); // handles are never used again
+};
+
+} // namespace KR
