@@ -7,6 +7,8 @@
 #include <boost/smart_ptr/make_shared.hpp>
 
 #include <algorithm>
+#include <bit>
+#include <cstdint>
 #include <limits>
 
 namespace KR {
@@ -45,10 +47,9 @@ KRExtractor::~KRExtractor() = default;
 void KRExtractor::publishMethods() {
     static const std::string subscribeDescription =
         "Subscribes to the extractor. This causes the extractor to start writing information to memory using "
-        "the "
-        "keys described by getOutputNames(). These can be accessed in memory using "
-        "KRMemory.getData(\"keyName\"). "
-        "In many cases you can avoid calling subscribe on the extractor by just calling "
+        "the keys described by getOutputNames(). These can be accessed in memory using "
+        "KRMemory.getData(\"keyName\"). In many cases you can avoid calling subscribe on the extractor by "
+        "just calling "
         "KRMemory.subscribeToEvent() supplying a callback method. This will automatically subscribe to the "
         "extractor for you.";
     const auto advertise = [this](auto member) {
@@ -139,7 +140,7 @@ int KRExtractor::clampPeriod(int period, KRSourceLocation where) {
 }
 
 void KRExtractor::subscribe(const std::string& name, const int& period, const float& precision) {
-    const std::lock_guard subscribeLock(subscribeMutex_);
+    const KRLock subscribeLock(subscribeMutex_);
     if (shuttingDown_) {
         throw KRError(getName(), "subscribe", "the module is shutting down");
     }
@@ -157,6 +158,7 @@ void KRExtractor::subscribe(const std::string& name, const int& period, const fl
     }
     if (first) {
         xStartDetection(parameters.period, precision);
+        reportChangesSince(parameters.period, precision);
         return;
     }
     if (known) {
@@ -173,7 +175,7 @@ void KRExtractor::subscribe(const std::string& name) {
         const std::shared_lock stateLock(p_->stateMutex);
         detecting = !p_->subscribers.empty();
     }
-    // What was read may be out of date by now; that is accepted.
+    // The answer may be out of date by now; that is accepted.
     if (detecting) {
         subscribe(name, getCurrentPeriod(), getCurrentPrecision());
     } else {
@@ -182,7 +184,7 @@ void KRExtractor::subscribe(const std::string& name) {
 }
 
 void KRExtractor::unsubscribe(const std::string& name) {
-    const std::lock_guard subscribeLock(subscribeMutex_);
+    const KRLock subscribeLock(subscribeMutex_);
     bool known = false;
     bool last = false;
     {
@@ -213,7 +215,7 @@ void KRExtractor::updatePeriod(const std::string& name, const int& period) {
             throwUnknownModule(kUpdateUnknown, name);
         }
     }
-    // Without the lock: this calls the derived class and whoever listens to the log.
+    // Without the lock: this calls the derived class.
     const int clamped = clampPeriod(period, KRSourceLocation::current());
     {
         const std::unique_lock stateLock(p_->stateMutex);
@@ -300,6 +302,25 @@ void KRExtractor::xUpdateParameters() {
         p_->currentPrecision = precision;
     }
     xUpdateParameters(period, precision);
+    reportChangesSince(period, precision);
+}
+
+// Hooks run without a lock, so one with older values may finish last: whoever calls a hook looks again afterwards.
+void KRExtractor::reportChangesSince(int period, float precision) {
+    for (;;) {
+        {
+            const std::shared_lock stateLock(p_->stateMutex);
+            const bool isCurrent = p_->currentPeriod == period &&
+                                   std::bit_cast<std::uint32_t>(p_->currentPrecision) ==
+                                       std::bit_cast<std::uint32_t>(precision); // NaN equals itself
+            if (isCurrent || p_->subscribers.empty()) {
+                return;
+            }
+            period = p_->currentPeriod;
+            precision = p_->currentPrecision;
+        }
+        xUpdateParameters(period, precision);
+    }
 }
 
 KRValue KRExtractor::getSubscribersInfo() {
@@ -339,7 +360,7 @@ void KRExtractor::declareMemoryKey(const std::string& name) {
 }
 
 void KRExtractor::xShutDown() {
-    const std::lock_guard subscribeLock(subscribeMutex_);
+    const KRLock subscribeLock(subscribeMutex_);
     shuttingDown_ = true;
     {
         const std::unique_lock stateLock(p_->stateMutex);

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <future>
 #include <latch>
+#include <limits>
 #include <thread>
 
 namespace KR::test {
@@ -68,6 +69,89 @@ TEST(KRExtractorConcurrency, AnUpdateDoesNotWaitForASubscribeInProgress) {
     EXPECT_EQ(extractor->getCurrentPeriod(), 50);
     goOn.set_value();
     subscribe.get();
+}
+
+/// Remembers the period that the hook which finished last was given; lets the test hold one hook back.
+class SlowExtractor : public RecordingExtractor {
+public:
+    using RecordingExtractor::RecordingExtractor;
+    void xStartDetection(int period, float /*precision*/) override { take(period); }
+    void xUpdateParameters(int period, float /*precision*/) override { take(period); }
+
+    int getTaken() const { return taken_; }
+    void holdBack(int period) { heldBack_ = period; }
+    void waitUntilHeld() { held_.get_future().wait(); }
+    void release() { release_.set_value(); }
+
+private:
+    void take(int period) {
+        int expected = period;
+        if (heldBack_.compare_exchange_strong(expected, 0)) {
+            held_.set_value();
+            release_.get_future().wait();
+        }
+        taken_ = period;
+    }
+
+    std::atomic<int> heldBack_ = 0;
+    std::atomic<int> taken_ = 0;
+    std::promise<void> held_;
+    std::promise<void> release_;
+};
+
+TEST(KRExtractorConcurrency, AHookThatEndsLateIsFollowedByOneWithTheValuesInForce) {
+    const auto broker = KRBroker::create("local:");
+    const auto extractor = createModule<SlowExtractor>(broker, "Faces");
+    extractor->subscribe("A", 50, 0.5F);
+    extractor->holdBack(33);
+    auto late = std::async(std::launch::async, [&] { extractor->updatePeriod("A", 33); });
+    extractor->waitUntilHeld();
+    extractor->updatePeriod("A", 100);
+    EXPECT_EQ(extractor->getTaken(), 100);
+    extractor->release();
+    late.get();
+    EXPECT_EQ(extractor->getCurrentPeriod(), 100);
+    EXPECT_EQ(extractor->getTaken(), 100);
+}
+
+TEST(KRExtractorConcurrency, AnUpdateDuringTheStartIsInForceAfterIt) {
+    const auto broker = KRBroker::create("local:");
+    const auto extractor = createModule<SlowExtractor>(broker, "Faces");
+    extractor->holdBack(50);
+    auto start = std::async(std::launch::async, [&] { extractor->subscribe("A", 50, 0.5F); });
+    extractor->waitUntilHeld();
+    extractor->updatePeriod("A", 100);
+    extractor->release();
+    start.get();
+    EXPECT_EQ(extractor->getTaken(), 100);
+}
+
+TEST(KRExtractorConcurrency, OverlappingUpdatesEndWithTheValuesInForce) {
+    const auto broker = KRBroker::create("local:");
+    const auto extractor = createModule<SlowExtractor>(broker, "Faces");
+    extractor->subscribe("A", 50, 0.5F);
+    constexpr int kThreads = 4;
+    for (int round = 0; round < 300; ++round) {
+        std::latch start(kThreads);
+        std::vector<std::thread> threads;
+        for (int t = 0; t < kThreads; ++t) {
+            threads.emplace_back([&, period = 10 + round * kThreads + t] {
+                start.arrive_and_wait();
+                extractor->updatePeriod("A", period);
+            });
+        }
+        for (std::thread& thread : threads) {
+            thread.join();
+        }
+        ASSERT_EQ(extractor->getTaken(), extractor->getCurrentPeriod());
+    }
+}
+
+TEST(KRExtractorConcurrency, APrecisionThatIsNotANumberIsReportedOnce) {
+    const auto broker = KRBroker::create("local:");
+    const auto extractor = createModule<RecordingExtractor>(broker, "Faces");
+    extractor->subscribe("A", 50, std::numeric_limits<float>::quiet_NaN());
+    EXPECT_EQ(extractor->takeHooks(), std::vector<std::string>{"start 50 nan"});
 }
 
 TEST(KRExtractorConcurrency, AnUpdateForWhoHasJustLeftEndsInAnError) {
