@@ -160,6 +160,7 @@ int KRVisionExtractor::getMaximumPeriod() {
 }
 
 void KRVisionExtractor::xStartDetection(int period, float precision) {
+    p_->noteStart();
     xStartImageProcessing();
     makeReachable(); // a module that was constructed directly may not be yet, and calls itself here
     const std::uint64_t ticket = p_->expectRun();
@@ -179,7 +180,10 @@ void KRVisionExtractor::xUpdateParameters(int period, float /*precision*/) {
 
 void KRVisionExtractor::xStopDetection() {
     p_->stop();
-    xStopImageProcessing();
+    // A destructor that stops its own work comes here again after xShutDown() has: once is enough.
+    if (p_->noteStop()) {
+        xStopImageProcessing();
+    }
 }
 
 void KRVisionExtractor::xRun() {
@@ -194,7 +198,7 @@ void KRVisionExtractor::xShutDown() {
         p_->stop();
         throw;
     }
-    p_->stop(); // also a run that no subscriber has started
+    p_->stop(); // also a run that was started without a subscriber
 }
 
 } // namespace KR

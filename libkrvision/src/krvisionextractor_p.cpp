@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <memory>
+#include <utility>
 
 namespace KR {
 
@@ -38,7 +39,7 @@ KRVisionExtractorPrivate::KRVisionExtractorPrivate(const boost::shared_ptr<KRBro
         defaultPeriod = 1000 / frameRate;
     } else {
         logProblem("The framerate must be between 1 and 30 FPS");
-        owner->exit();
+        exitBecause("the frame rate " + std::to_string(frameRate) + " is not between 1 and 30 FPS");
     }
 }
 
@@ -46,7 +47,7 @@ KRVisionExtractorPrivate::~KRVisionExtractorPrivate() {
     try {
         stop();
     } catch (const std::exception& error) {
-        logProblem(error.what());
+        logError(kOwnLogCategory, owner->getName() + ": " + error.what());
     }
 }
 
@@ -58,28 +59,45 @@ void KRVisionExtractorPrivate::logProblem(const std::string& message) {
     logError(kLogCategory, owner->getName() + ": " + message);
 }
 
+// Others see why the module has gone, beyond what the log says.
+void KRVisionExtractorPrivate::exitBecause(const std::string& failure) {
+    owner->reportFailure(failure);
+    owner->exit();
+}
+
 std::uint64_t KRVisionExtractorPrivate::expectRun() {
-    const std::lock_guard lock(runMutex);
+    const KRLock lock(runMutex);
     ++runsExpected;
     return runsEnded;
 }
 
 void KRVisionExtractorPrivate::cancelRun() {
-    const std::lock_guard lock(runMutex);
+    const KRLock lock(runMutex);
     --runsExpected;
-    runChanged.notify_all();
+    runChanged.notifyAll();
 }
 
 void KRVisionExtractorPrivate::refuseRuns() {
-    const std::lock_guard lock(runMutex);
+    const KRLock lock(runMutex);
     runsRefused = true;
+}
+
+void KRVisionExtractorPrivate::noteStart() {
+    const KRLock lock(runMutex);
+    detecting = true;
+}
+
+bool KRVisionExtractorPrivate::noteStop() {
+    const KRLock lock(runMutex);
+    const bool wasDetecting = std::exchange(detecting, false);
+    return wasDetecting || !runsRefused;
 }
 
 void KRVisionExtractorPrivate::run() {
     const ThreadNameScope threadName(owner->getName());
     bool claimed = false;
     {
-        const std::lock_guard lock(runMutex);
+        const KRLock lock(runMutex);
         if (runsExpected > 0) {
             --runsExpected;
         }
@@ -91,7 +109,7 @@ void KRVisionExtractorPrivate::run() {
         } else if (!running) {
             ++runsEnded; // before it began
         }
-        runChanged.notify_all();
+        runChanged.notifyAll();
         if (runsRefused) {
             return;
         }
@@ -103,21 +121,34 @@ void KRVisionExtractorPrivate::run() {
     const struct Claim {
         KRVisionExtractorPrivate& p;
         ~Claim() {
-            const std::lock_guard lock(p.runMutex);
+            const KRLock lock(p.runMutex);
             p.running = false;
             p.runThread = {};
             ++p.runsEnded;
-            p.runChanged.notify_all();
+            p.runChanged.notifyAll();
         }
     } claim{*this};
+    try {
+        acquire();
+    } catch (const std::exception& error) {
+        owner->reportFailure(std::string("the acquisition has ended by an exception: ") + error.what());
+        throw;
+    } catch (...) {
+        owner->reportFailure("the acquisition has ended by an exception of unknown type");
+        throw;
+    }
+}
+
+void KRVisionExtractorPrivate::acquire() {
     xSubscribe();
     {
-        const std::lock_guard lock(runMutex);
+        const KRLock lock(runMutex);
         processing = true;
         paused = false;
+        runChanged.notifyAll();
     }
     loop();
-    const std::lock_guard lock(runMutex);
+    const KRLock lock(runMutex);
     paused = false;
     processing = false;
     ready = false;
@@ -126,9 +157,12 @@ void KRVisionExtractorPrivate::run() {
 void KRVisionExtractorPrivate::loop() {
     for (;;) {
         {
-            std::unique_lock lock(runMutex);
+            KRLock lock(runMutex);
             // A stop request wakes it whatever pause() says, so that no later pause can park the stop.
-            runChanged.wait(lock, [this] { return !paused || stopRequested; });
+            runChanged.wait(lock, [this] {
+                runMutex.assertHeld();
+                return !paused || stopRequested;
+            });
         }
         const auto start = std::chrono::steady_clock::now();
         std::unique_ptr<KRImage> image(xGetImage());
@@ -141,16 +175,27 @@ void KRVisionExtractorPrivate::loop() {
             logProblem(std::string("Call to release image failed:") + error.what());
             logError(kLogCategory, "Stopping the extractor."); // without the module's name: deliberate
             (void)image.release();                             // not deleted on this path: deliberate
-            const std::lock_guard lock(runMutex);
+            if (!owner->isExiting()) {                         // otherwise the cause has been reported
+                owner->reportFailure(
+                    std::string(
+                        "the acquisition has ended: the camera service refuses to release an image: ") +
+                    error.getDescription());
+            }
+            const KRLock lock(runMutex);
             stopRequested = true;
             return;
         }
         image.reset();
         sleepUntil(start + std::chrono::milliseconds(owner->getCurrentPeriod()));
-        const std::lock_guard lock(runMutex);
+        KRLock lock(runMutex);
         if (!ready) {
+            lock.unlock();
+            if (!owner->isExiting()) {
+                owner->reportFailure(""); // a good start
+            }
+            lock.lock();
             ready = true;
-            runChanged.notify_all();
+            runChanged.notifyAll();
         }
         // Asked for at the end, so that a run has at least one iteration: deliberate.
         if (stopRequested) {
@@ -160,18 +205,28 @@ void KRVisionExtractorPrivate::loop() {
 }
 
 void KRVisionExtractorPrivate::waitUntilReady(std::uint64_t ticket) {
-    std::unique_lock lock(runMutex);
-    const bool done = runChanged.wait_for(lock, kReadyTimeout, [&] { return ready || runsEnded != ticket; });
+    KRLock lock(runMutex);
+    const auto isDone = [&] {
+        runMutex.assertHeld();
+        return ready || runsEnded != ticket;
+    };
+    runChanged.waitFor(lock, kSubscriptionTimeout, [&] {
+        runMutex.assertHeld();
+        return processing || isDone();
+    });
+    const bool hasCamera = processing;
+    const bool done = hasCamera ? runChanged.waitFor(lock, kReadyTimeout, isDone) : isDone();
     lock.unlock();
     if (!done) {
-        logWarning(kLogCategory, owner->getName() + ": The first image takes more than " +
-                                     std::to_string(kReadyTimeout.count()) +
-                                     " s, not waiting for it any longer");
+        const std::chrono::seconds waited = hasCamera ? kReadyTimeout : kSubscriptionTimeout;
+        logWarning(kOwnLogCategory, owner->getName() + ": no " +
+                                        (hasCamera ? "first image" : "camera subscription") + " within " +
+                                        std::to_string(waited.count()) + " s, not waiting any longer");
     }
 }
 
 void KRVisionExtractorPrivate::stop() {
-    std::unique_lock lock(runMutex);
+    KRLock lock(runMutex);
     if (running && runThread == std::this_thread::get_id()) {
         stopRequested = true;
         lock.unlock();
@@ -187,11 +242,14 @@ void KRVisionExtractorPrivate::stop() {
     if (running || runsExpected > 0) {
         ++stopsWaiting; // a run that is yet to begin sees it
         stopRequested = true;
-        runChanged.notify_all();
-        runChanged.wait(lock, [this] { return !running && runsExpected == 0; });
+        runChanged.notifyAll();
+        runChanged.wait(lock, [this] {
+            runMutex.assertHeld();
+            return !running && runsExpected == 0;
+        });
         --stopsWaiting;
     }
-    // What an exception that left the loop has left behind.
+    // After an exception the loop leaves these set.
     processing = false;
     ready = false;
     paused = false;
@@ -204,17 +262,30 @@ std::string KRVisionExtractorPrivate::getUnsubscribedId() const {
 }
 
 std::string KRVisionExtractorPrivate::getSubscriberId() {
-    const std::lock_guard lock(idMutex);
+    const KRLock lock(idMutex);
     return subscriberId;
 }
 
 void KRVisionExtractorPrivate::setSubscriberId(const std::string& id) {
-    const std::lock_guard lock(idMutex);
+    const KRLock lock(idMutex);
     subscriberId = id;
 }
 
+void KRVisionExtractorPrivate::setRefusal(const std::optional<KRError>& error) {
+    const KRLock lock(idMutex);
+    refusal.reset(); // errors cannot be assigned
+    if (error) {
+        refusal.emplace(*error);
+    }
+}
+
+std::optional<KRError> KRVisionExtractorPrivate::getRefusal() {
+    const KRLock lock(idMutex);
+    return refusal;
+}
+
 void KRVisionExtractorPrivate::xSubscribe() {
-    const std::lock_guard subscriptionGuard(subscriptionMutex);
+    const KRLock subscriptionGuard(subscriptionMutex);
     const std::shared_lock resolutionGuard(resolutionLock);
     const std::shared_lock colorSpaceGuard(colorSpaceLock);
     const std::shared_lock frameRateGuard(frameRateLock);
@@ -223,19 +294,20 @@ void KRVisionExtractorPrivate::xSubscribe() {
         return;
     }
     try {
+        setRefusal(std::nullopt);
         setSubscriberId(videoDeviceProxy->subscribeCamera(
             getSubscriberId(), activeCamera, resolution, colorSpace, toFrameRate(owner->getCurrentPeriod())));
         subscribed = true;
         xSetSubscriptionParameters();
     } catch (const KRError& error) {
         logProblem("Could not subscribe to KRVideoDevice");
-        logWarning(kLogCategory, owner->getName() + ": " + error.what());
-        owner->exit();
+        setRefusal(error);
+        exitBecause("the camera subscription has failed: " + error.getDescription());
     }
 }
 
 void KRVisionExtractorPrivate::xUnsubscribe() {
-    const std::lock_guard subscriptionGuard(subscriptionMutex);
+    const KRLock subscriptionGuard(subscriptionMutex);
     if (!subscribed) {
         return;
     }
@@ -247,8 +319,7 @@ void KRVisionExtractorPrivate::xUnsubscribe() {
         subscribed = false;
     } catch (const KRError& error) {
         logProblem("Could not unsubscribe to KRVideoDevice");
-        logWarning(kLogCategory, owner->getName() + ": " + error.what());
-        owner->exit();
+        exitBecause("the camera could not be unsubscribed from: " + error.getDescription());
     }
 }
 
@@ -264,7 +335,7 @@ KRImage* KRVisionExtractorPrivate::xGetImage() {
 void KRVisionExtractorPrivate::xSetSubscriptionParameters() {
     std::vector<std::pair<int, int>> parameters;
     {
-        const std::lock_guard lock(parametersMutex);
+        const KRLock lock(parametersMutex);
         parameters = cameraParameters;
     }
     const std::string id = getSubscriberId();
@@ -279,11 +350,11 @@ void KRVisionExtractorPrivate::xSetSubscriptionParameters() {
 void KRVisionExtractorPrivate::pause(bool pausing) {
     bool runs = false;
     {
-        const std::lock_guard lock(runMutex);
+        const KRLock lock(runMutex);
         runs = processing;
         if (processing) {
             paused = pausing;
-            runChanged.notify_all();
+            runChanged.notifyAll();
         }
     }
     if (runs) {
@@ -295,12 +366,12 @@ void KRVisionExtractorPrivate::pause(bool pausing) {
 }
 
 bool KRVisionExtractorPrivate::isPaused() {
-    const std::lock_guard lock(runMutex);
+    const KRLock lock(runMutex);
     return paused;
 }
 
 bool KRVisionExtractorPrivate::isProcessing() {
-    const std::lock_guard lock(runMutex);
+    const KRLock lock(runMutex);
     return processing;
 }
 

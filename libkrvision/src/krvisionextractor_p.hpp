@@ -3,13 +3,14 @@
 #include "krvision/krimage.hpp"
 #include "krvision/krvisionextractor.hpp"
 
+#include "krplatform/krerror.hpp"
+#include "krplatform/krmutex.hpp"
 #include "krplatform/krvideodeviceproxy.hpp"
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
-#include <mutex>
+#include <optional>
 #include <shared_mutex>
 #include <string>
 #include <string_view>
@@ -35,20 +36,27 @@ public:
     /// Images per second for a period in milliseconds, the highest rate for a period of 0.
     static int toFrameRate(int period) noexcept;
 
-    /// Says that a thread is about to call run(). \return the ticket for waitUntilReady()
+    /// Announces that a thread is about to call run(). \return the ticket for waitUntilReady()
     std::uint64_t expectRun();
-    /// It will not, after all.
+    /// Withdraws the announcement.
     void cancelRun();
-    /// The acquisition: returns when stopped, or at once, with a warning, if one runs already.
+    /// The acquisition: returns when stopped, or at once, with a warning, if one is already running. An exception that
+    /// ends it is reported as the module's failure and passes to the caller.
     void run();
-    /// Blocks until the run has completed its first iteration, or a run has ended since the ticket was drawn, or,
-    /// as a last resort, kReadyTimeout has passed.
+    /// Blocks until the run has completed its first iteration, or a run has ended since the ticket was drawn, or, as a
+    /// last resort, kSubscriptionTimeout has passed without a camera subscription or kReadyTimeout with one.
     void waitUntilReady(std::uint64_t ticket);
-    /// Ends a run, also one that is just starting, and the camera subscription.
+    /// Ends a run, even one that is just starting, and the camera subscription.
     /// \throws KRError called on the acquisition thread; the run then ends after the current iteration
     void stop();
-    /// From now on run() returns at once.
+    /// Makes run() return at once from now on.
     void refuseRuns();
+
+    /// A detection starts.
+    void noteStart();
+    /// A detection stops. \return whether the owner is to be told: always, except after refuseRuns() when none has
+    /// started since the last stop
+    bool noteStop();
 
     void pause(bool pausing);
     bool isPaused();
@@ -72,8 +80,12 @@ public:
 
 private:
     static constexpr const char* kLogCategory = "KRVisionExtractor";
+    static constexpr const char* kOwnLogCategory = "krvision.acquisition"; // for lines of our own
+    static constexpr std::chrono::seconds kSubscriptionTimeout{
+        15}; // longer than the wait for the camera service
     static constexpr std::chrono::seconds kReadyTimeout{5};
 
+    void acquire();
     void loop();
     void xSubscribe();
     void xUnsubscribe();
@@ -83,46 +95,53 @@ private:
     std::string getSubscriberId();
     void setSubscriberId(const std::string& id);
     std::string getUnsubscribedId() const;
+    void setRefusal(const std::optional<KRError>& error);
+    std::optional<KRError> getRefusal();
     bool hasSubscriber(const std::string& subscriber);
     void updatePeriodOf(const std::string& subscriber, int frameRate);
     void updatePeriodIfSubscribed(const std::string& subscriber, int frameRate);
     void logProblem(const std::string& message);
+    void exitBecause(const std::string& failure);
 
     // Constant after construction.
     const boost::shared_ptr<KRVideoDeviceProxy> videoDeviceProxy;
     KRVisionExtractor* const owner;
     int defaultPeriod;
 
-    // Of the camera subscription.
-    std::mutex subscriptionMutex; // held while subscribing and unsubscribing
-    std::mutex idMutex;
-    std::string subscriberId; // guarded by idMutex
+    // The camera subscription.
+    KRMutex subscriptionMutex; // held while subscribing and unsubscribing
+    KRMutex idMutex;
+    std::string subscriberId KR_GUARDED_BY(idMutex);
+    std::optional<KRError>
+        refusal KR_GUARDED_BY(idMutex); // why the camera service refused the last subscription
     std::atomic<bool> subscribed = false;
-    std::mutex parametersMutex;
-    std::vector<std::pair<int, int>> cameraParameters; // guarded by parametersMutex: ids and values
+    KRMutex parametersMutex;
+    std::vector<std::pair<int, int>> cameraParameters KR_GUARDED_BY(parametersMutex); // ids and values
 
     // Settings, each with the lock that is also held while the camera service is asked to change it.
     std::shared_mutex resolutionLock;
     int resolution;
     std::shared_mutex colorSpaceLock;
     int colorSpace;
-    std::shared_mutex frameRateLock; // of the camera's frame rate, which the camera service keeps
+    std::shared_mutex frameRateLock; // for the camera's frame rate, which the camera service keeps
     std::shared_mutex cameraLock;
     std::atomic<int> activeCamera; // written under cameraLock, also read without
 
-    // Of the acquisition: all guarded by runMutex, and runChanged tells of every change.
-    std::mutex runMutex;
-    std::condition_variable runChanged;
-    bool running = false; // a thread has claimed the run
-    std::thread::id runThread;
-    int runsExpected = 0; // announced, not yet begun
-    int stopsWaiting = 0; // calls of stop() that wait for the run to end
-    bool runsRefused = false;
-    bool processing = false; // stays set when an exception has left the loop, until stop()
-    bool paused = false;
-    bool stopRequested = false;
-    bool ready = false;          // the first iteration is complete
-    std::uint64_t runsEnded = 0; // counted, so that nobody misses an end
+    // The acquisition; runChanged is notified of every change.
+    KRMutex runMutex;
+    KRCondition runChanged;
+    bool running KR_GUARDED_BY(runMutex) = false; // a thread has claimed the run
+    std::thread::id runThread KR_GUARDED_BY(runMutex);
+    int runsExpected KR_GUARDED_BY(runMutex) = 0; // announced, not yet begun
+    int stopsWaiting KR_GUARDED_BY(runMutex) = 0; // calls of stop() that wait for the run to end
+    bool runsRefused KR_GUARDED_BY(runMutex) = false;
+    bool processing KR_GUARDED_BY(runMutex) =
+        false; // stays set after an exception has ended the loop, until stop()
+    bool paused KR_GUARDED_BY(runMutex) = false;
+    bool detecting KR_GUARDED_BY(runMutex) = false; // between noteStart() and noteStop()
+    bool stopRequested KR_GUARDED_BY(runMutex) = false;
+    bool ready KR_GUARDED_BY(runMutex) = false;          // the first iteration is complete
+    std::uint64_t runsEnded KR_GUARDED_BY(runMutex) = 0; // a counter, so that no waiter misses an end
 };
 
 } // namespace KR

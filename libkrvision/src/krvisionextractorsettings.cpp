@@ -11,7 +11,7 @@ namespace KR {
 
 void KRVisionExtractorPrivate::setSubscriptionParameters(const std::vector<std::pair<int, int>>& parameters) {
     {
-        const std::lock_guard lock(parametersMutex);
+        const KRLock lock(parametersMutex);
         cameraParameters = parameters;
     }
     if (subscribed) {
@@ -79,7 +79,7 @@ bool KRVisionExtractorPrivate::setActiveCamera(int camera) {
         activeCamera = camera;
         return true;
     } catch (const KRError& error) {
-        // No separator behind the module's name, and the spelling: deliberate.
+        // No separator after the module's name, and the spelling: deliberate.
         logError(kLogCategory, owner->getName() + "Can't swith active camera to " + std::to_string(camera) +
                                    ": " + error.what());
         return false;
@@ -103,7 +103,7 @@ void KRVisionExtractorPrivate::updatePeriodOf(const std::string& subscriber, int
 }
 
 void KRVisionExtractorPrivate::updatePeriodIfSubscribed(const std::string& subscriber, int frameRate) {
-    constexpr int kTries = 3; // it may leave and come back between the failure and the look at it
+    constexpr int kTries = 3; // it may leave and come back between the failure and the check
     for (int failures = 0;;) {
         try {
             updatePeriodOf(subscriber, frameRate);
@@ -150,7 +150,15 @@ bool KRVisionExtractorPrivate::setFrameRate(const std::string& subscriber, int f
 }
 
 void KRVisionExtractorPrivate::setVideoDeviceFrameRate(int frameRate) {
-    videoDeviceProxy->setFrameRate(getSubscriberId(), frameRate);
+    try {
+        videoDeviceProxy->setFrameRate(getSubscriberId(), frameRate);
+    } catch (const KRError&) {
+        // Whoever has just subscribed wants to know why there is no camera, not that an identifier does not exist.
+        if (const std::optional<KRError> cause = getRefusal()) {
+            throw *cause;
+        }
+        throw;
+    }
 }
 
 void KRVisionExtractorPrivate::setParameter(const std::string& name, const KRValue& value) {

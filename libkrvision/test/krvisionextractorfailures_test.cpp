@@ -3,12 +3,28 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <functional>
 #include <stdexcept>
+#include <thread>
 
 namespace KR::test {
 namespace {
 
+/// Polls, for conditions that nothing announces. \return whether it has come true
+bool waitUntil(const std::function<bool()>& condition) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > end) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
+}
+
 using ::testing::Contains;
+using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
@@ -18,13 +34,40 @@ TEST(KRVisionExtractorFailures, ARefusedCameraSubscriptionIsLoggedAndMakesTheMod
     stage.camera->fail(
         "releaseImage"); // as a camera service does for an identifier that it has not given out
     stage.extractor->subscribe("client", 33, 0.0F);
-    EXPECT_EQ(stage.getLog().front(), "error|Motion: Could not subscribe to KRVideoDevice");
-    EXPECT_THAT(stage.getLog()[1], HasSubstr("injected"));
+    // Nothing else is logged in this category.
+    EXPECT_THAT(
+        stage.getLog(),
+        ElementsAre(
+            "error|Motion: Could not subscribe to KRVideoDevice",
+            StartsWith("error|Motion: Call to release image failed:KRVideoDevice.releaseImage: injected"),
+            "error|Stopping the extractor."));
     EXPECT_TRUE(stage.extractor->isExiting());
+    EXPECT_EQ(stage.extractor->getFailure(), "the camera subscription has failed: injected");
     EXPECT_EQ(stage.journal.count("getImageRemote VisionExtractorMotion"), 1);
     const auto undeleted = stage.extractor->takeUndeleted();
     stage.extractor.reset();
     EXPECT_EQ(stage.journal.count("unsubscribe VisionExtractorMotion"), 0);
+}
+
+TEST(KRVisionExtractorFailures, ASubscriberHearsWhyTheCameraWasRefused) {
+    Stage stage;
+    stage.camera->taste = Taste::OfItsOwn;
+    const std::string cause = "camera 0 (v4l2:/dev/video9) cannot be opened: No such file or directory";
+    stage.camera->on("subscribeCamera", [&] { throw KRError("KRVideoDevice", "subscribeCamera", cause); });
+    for (int i = 0; i < 2; ++i) {
+        try {
+            if (i == 0) {
+                stage.broker->getProxy("Motion")->call("subscribe", "client", 33, 0.0F);
+            } else {
+                stage.extractor->updatePeriod("client", 50); // the module no longer takes calls
+            }
+            ADD_FAILURE() << "nothing was thrown";
+        } catch (const KRError& error) {
+            EXPECT_EQ(error.getDescription(), cause);
+        }
+    }
+    EXPECT_EQ(stage.extractor->getFailure(), "the camera subscription has failed: " + cause);
+    const auto undeleted = stage.extractor->takeUndeleted();
 }
 
 TEST(KRVisionExtractorFailures, AParameterThatTheCameraRefusesIsARefusedSubscriptionThatIsHeld) {
@@ -89,8 +132,9 @@ TEST(KRVisionExtractorFailures, ARefusedResetOrUnsubscriptionIsLoggedAndTheSubsc
         stage.extractor->subscribe("client", 33, 0.0F);
         stage.camera->fail(operation);
         stage.extractor->unsubscribe("client");
-        EXPECT_THAT(stage.getLog(), Contains("error|Motion: Could not unsubscribe to KRVideoDevice"));
+        EXPECT_EQ(stage.getLog().back(), "error|Motion: Could not unsubscribe to KRVideoDevice");
         EXPECT_TRUE(stage.extractor->isExiting());
+        EXPECT_EQ(stage.extractor->getFailure(), "the camera could not be unsubscribed from: injected");
         EXPECT_EQ(stage.extractor->getFrameRate(), 24); // subscribed under the same identifier still
         stage.camera->on(operation, nullptr);
         stage.extractor->xStopDetection();
@@ -109,7 +153,50 @@ TEST(KRVisionExtractorFailures, AnErrorOfTheFrameRatePassesToTheSubscriber) {
     stage.extractor->unsubscribe("client");
 }
 
-TEST(KRVisionExtractorFailures, ErrorsThatAreNoneOfThePlatformLeaveTheLoop) {
+TEST(KRVisionExtractorFailures, AnExceptionIsTheFailureOfTheModuleUntilItsNextGoodStart) {
+    Stage stage;
+    stage.extractor->subscribe("client", 33, 0.0F);
+    EXPECT_EQ(stage.extractor->getFailure(), "");
+    const KRProxy proxy(stage.broker, "Motion");
+    for (const bool isStandard : {true, false}) {
+        stage.extractor->onImage([isStandard](KRImage*) {
+            if (isStandard) {
+                throw std::runtime_error("disk full");
+            }
+            throw 42;
+        });
+        const std::string expected = std::string("the acquisition has ended by an exception") +
+                                     (isStandard ? ": disk full" : " of unknown type");
+        EXPECT_TRUE(waitUntil([&] { return proxy.getFailure() == expected; })) << proxy.getFailure();
+        stage.extractor->onImage(nullptr);
+        stage.extractor->unsubscribe("client");
+        EXPECT_EQ(proxy.getFailure(), expected); // the last run has failed, after all
+        stage.extractor->subscribe("client", 33, 0.0F);
+        EXPECT_EQ(proxy.getFailure(), "");
+    }
+}
+
+TEST(KRVisionExtractorFailures, AnAcquisitionThatARefusedReleaseEndsIsAFailure) {
+    Stage stage;
+    stage.extractor->subscribe("client", 33, 0.0F);
+    stage.camera->fail("releaseImage");
+    EXPECT_TRUE(waitUntil([&] { return !stage.extractor->isProcessing(); }));
+    EXPECT_EQ(stage.extractor->getFailure(),
+              "the acquisition has ended: the camera service refuses to release an image: injected");
+    const auto undeleted = stage.extractor->takeUndeleted();
+    stage.camera->on("releaseImage", nullptr);
+    stage.extractor->unsubscribe("client");
+    stage.extractor->subscribe("client", 33, 0.0F);
+    EXPECT_EQ(stage.extractor->getFailure(), "");
+}
+
+TEST(KRVisionExtractorFailures, AFrameRateOutOfRangeIsAFailure) {
+    const Stage stage(31);
+    EXPECT_TRUE(stage.extractor->isExiting());
+    EXPECT_EQ(stage.extractor->getFailure(), "the frame rate 31 is not between 1 and 30 FPS");
+}
+
+TEST(KRVisionExtractorFailures, ForeignExceptionsLeaveTheLoop) {
     for (const char* operation : {"subscribeCamera", "getImageRemote", "releaseImage"}) {
         SCOPED_TRACE(operation);
         Stage stage;

@@ -120,6 +120,8 @@ protected:
     void xShutDown() override;
 
 private:
+    friend class KRVisionExtractorPrivate; // which reports failures
+
     void publishMethods();
 
     std::unique_ptr<KRVisionExtractorPrivate> p_;
