@@ -44,9 +44,9 @@ std::size_t roundUpToPairs(std::size_t pixels) {
 
 Pixels convertFromYuv422(const unsigned char* from, std::size_t pixels) {
     Pixels yuv422(from, from + 2 * pixels);
-    if (pixels % 2 != 0) { // it has a Y and a U, but no V
-        yuv422.push_back(yuv422[2 * pixels - 2]);
-        yuv422.push_back(pixels > 1 ? yuv422[2 * pixels - 3] : 128);
+    if (pixels % 2 != 0) { // the last pixel has no V: it is its own partner, as in KRImage::savePPM
+        const unsigned char y = yuv422[2 * pixels - 2], u = yuv422[2 * pixels - 1];
+        yuv422.insert(yuv422.end(), {y, u});
     }
     Pixels rgb = convertYuv422(yuv422.data(), roundUpToPairs(pixels));
     rgb.resize(3 * pixels);

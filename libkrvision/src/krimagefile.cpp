@@ -73,6 +73,27 @@ bool writeConverted(std::FILE* file, const unsigned char* in, std::size_t count,
     return true;
 }
 
+// Luma and chroma go where red, green and blue belong; deliberate.
+bool writeYuv422(std::FILE* file, const unsigned char* data, std::size_t pixels) {
+    const bool written =
+        writeConverted<4, 6>(file, data, pixels / 2, [](const unsigned char* yuv, unsigned char* out) {
+            const unsigned char y0 = yuv[0], u = yuv[1], y1 = yuv[2], v = yuv[3];
+            out[0] = y0;
+            out[1] = u;
+            out[2] = v;
+            out[3] = y1;
+            out[4] = u;
+            out[5] = v;
+        });
+    if (!written || pixels % 2 == 0) {
+        return written;
+    }
+    // A last pixel without a partner is its own partner: its only chroma byte stands for both.
+    const unsigned char* last = data + 2 * (pixels - 1);
+    const std::array<unsigned char, 3> pixel = {last[0], last[1], last[1]};
+    return writeBytes(file, pixel.data(), pixel.size());
+}
+
 } // namespace
 
 bool KRImage::writeFile(const char* path) const {
@@ -168,20 +189,7 @@ int writePpm(const KRImage& image, std::FILE* file) {
         return written ? 1 : -3;
     }
     if (image.nbLayers == 2 && pixels > 0) {
-        // Luma and chroma go where red, green and blue belong; deliberate.
-        const bool written =
-            hasBytes(image, size) && writeConverted<4, 6>(file, data, static_cast<std::size_t>(pixels) / 2,
-                                                          [](const unsigned char* yuv, unsigned char* out) {
-                                                              const unsigned char y0 = yuv[0], u = yuv[1],
-                                                                                  y1 = yuv[2], v = yuv[3];
-                                                              out[0] = y0;
-                                                              out[1] = u;
-                                                              out[2] = v;
-                                                              out[3] = y1;
-                                                              out[4] = u;
-                                                              out[5] = v;
-                                                          });
-        return written ? 1 : -4;
+        return hasBytes(image, size) && writeYuv422(file, data, static_cast<std::size_t>(pixels)) ? 1 : -4;
     }
     if (image.nbLayers == 1 && pixels > 0) {
         const bool written =

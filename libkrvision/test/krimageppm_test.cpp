@@ -58,10 +58,13 @@ TEST_F(KRImagePpm, OfTwoLayersHasLumaAndChromaAsTheyAre) {
               makePpm("P6\n2 1\n 255\n", {10, 20, 40, 30, 20, 40}));
 }
 
-TEST_F(KRImagePpm, OfTwoLayersAndAnOddNumberOfPixelsStopsAtTheLastFullPair) {
+TEST_F(KRImagePpm, OfTwoLayersAndAnOddNumberOfPixelsHasTheLastOneFromItsOwnBytes) {
     EXPECT_EQ(save(makeImage(3, 1, 9, {10, 20, 30, 40, 50, 60})),
-              makePpm("P6\n3 1\n 255\n", {10, 20, 40, 30, 20, 40}));
-    EXPECT_EQ(save(makeImage(1, 1, 9, {10, 20})), makePpm("P6\n1 1\n 255\n", {}));
+              makePpm("P6\n3 1\n 255\n", {10, 20, 40, 30, 20, 40, 50, 60, 60}));
+    EXPECT_EQ(save(makeImage(1, 1, 9, {10, 20})), makePpm("P6\n1 1\n 255\n", {10, 20, 20}));
+    EXPECT_EQ(save(makeImage(3, 5, 9)).size(), std::string("P6\n3 5\n 255\n").size() + 3 * 3 * 5);
+    const File full(std::fopen("/dev/full", "wb"));
+    EXPECT_EQ(KR::writePpm(makeImage(641, 479, 9), full.get()), -4);
 }
 
 TEST_F(KRImagePpm, OfThreeLayersHasThemInTheirOrder) {
