@@ -144,7 +144,12 @@ std::uint32_t KRVideoPrivate::offsetOfChunk() const {
 
 bool KRVideoPrivate::prepare(KRImage& image, bool adapt) const {
     if (!adapt) {
-        return chunkSize() >= oxv::kChunkHeaderSize && hasBytes(image, chunkSize());
+        // The stamp is read from the first 25 bytes even if the chunk has fewer. Of an external buffer, only the
+        // chunk and the image's geometry promise a size.
+        const std::int64_t promised =
+            std::max<std::int64_t>(chunkSize(), wrappingProduct(image.width, image.height, image.nbLayers));
+        return hasBytes(image, std::max<std::ptrdiff_t>(chunkSize(), oxv::kChunkHeaderSize)) &&
+               (countOwnedBytes(image) >= 0 || promised >= std::int64_t{oxv::kChunkHeaderSize});
     }
     if (!image.ownsData()) {
         return false;

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstring>
 #include <random>
 #include <string>
 #include <vector>
@@ -211,16 +212,41 @@ TEST_F(KRVideoImage, IsRefusedForChunksThatTheFileCannotHold) {
     EXPECT_EQ(image.allocatedSize, 19200);
 }
 
-TEST_F(KRVideoImage, WithoutAdaptingIsRefusedForChunksShorterThanTheirHeader) {
+TEST_F(KRVideoImage, GetsTheStampFromTheBufferWhereTheChunkIsShorterThanItsHeader) {
+    for (const bool adapt : {false, true}) {
+        KRVideo video;
+        open(video, {160, 120, kLuma, 0}, 25); // chunks of no bytes
+        ASSERT_EQ(video.getStreams()[0].chunkSize, 0u);
+        KRImage image = makeEmptyImage();
+        const std::int64_t stamp = 1500000000123456;
+        std::memcpy(image.data.get(), &stamp, sizeof stamp);
+        image.data[8] = 0xFE;
+        EXPECT_TRUE(video.getFrame(image, 0, 0, adapt));
+        EXPECT_EQ(image.timeStamp, stamp);
+        EXPECT_EQ(image.cameraId, -2);
+        EXPECT_EQ(image.leftAngle, 0.0f);
+        image.timeStamp = -1;
+        EXPECT_TRUE(video.getNextFrame(image, adapt));
+        EXPECT_EQ(image.timeStamp, stamp);
+        EXPECT_TRUE(video.getPrecedingFrame(image, adapt));
+    }
+}
+
+TEST_F(KRVideoImage, WithFewerThan25BytesIsRefusedForAShortChunk) {
     KRVideo video;
     open(video, {160, 120, kLuma, 0}, 25);
+    KRImage none(160, 120, kLuma, true, 0, 0, 0, 0);
+    EXPECT_FALSE(video.getFrame(none, 0, 0, false));
+    KRImage small = makeEmptyImage(4, 6); // 24 bytes of its own
+    EXPECT_FALSE(video.getFrame(small, 0, 0, false));
     unsigned char byte = 0;
-    KRImage image(160, 120, kLuma, true, 0, 0, 0, 0);
-    image.data = KRImage::externalData(&byte);
-    EXPECT_FALSE(video.getFrame(image, 0, 0, false));
-    KRImage own = makeEmptyImage();
-    EXPECT_TRUE(video.getFrame(own, 0, 0, true)); // reads nothing
-    EXPECT_EQ(own.timeStamp, 0);
+    KRImage external(1, 1, kLuma, true, 0, 0, 0, 0);
+    external.data = KRImage::externalData(&byte);
+    EXPECT_FALSE(video.getFrame(external, 0, 0, false));
+    Bytes pixels(160 * 120);
+    KRImage enough(160, 120, kLuma, true, 0, 0, 0, 0);
+    enough.data = KRImage::externalData(pixels.data());
+    EXPECT_TRUE(video.getFrame(enough, 0, 0, false));
 }
 
 // The size of a chunk is a product of 32 bits; deliberate.
