@@ -1,6 +1,7 @@
 #include "krplatform/krvideodeviceproxy.hpp"
 
-#include <array>
+#include "krplatform/krcolorspacelayers.hpp"
+
 #include <cstdint>
 #include <limits>
 #include <map>
@@ -11,10 +12,6 @@
 namespace KR {
 
 namespace {
-
-// Bytes per pixel of each colour space, as an image container sizes its buffer by them.
-constexpr std::array<int, 27> kLayers{1, 1, 1, 1, 1, 1,  1, 1, 1, 2, 3, 3, 3, 3,
-                                      2, 3, 3, 2, 4, 12, 2, 2, 3, 2, 3, 3, 3};
 
 /// Refuses an image value that would make a reader or writer of its pixels leave a buffer. What the conversion
 /// to an image refuses by itself (no array, too few elements, wrong types, an unknown colour space) passes.
@@ -39,10 +36,10 @@ void checkImage(const KRValue& image) {
     if (width < 0 || height < 0 || layers < 0) {
         refuse("negative size, " + geometry);
     }
-    if (colorSpace < 0 || colorSpace >= static_cast<int>(kLayers.size())) {
+    if (colorSpace < 0 || colorSpace >= static_cast<int>(kColorSpaceLayers.size())) {
         return;
     }
-    const std::int64_t layersOfSpace = kLayers[static_cast<std::size_t>(colorSpace)];
+    const std::int64_t layersOfSpace = kColorSpaceLayers[static_cast<std::size_t>(colorSpace)];
     if (layers > layersOfSpace) {
         refuse(std::to_string(layers) + " layers, but colour space " + std::to_string(colorSpace) + " has " +
                std::to_string(layersOfSpace));

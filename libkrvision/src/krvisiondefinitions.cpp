@@ -1,5 +1,7 @@
 #include "krvision/krvisiondefinitions.hpp"
 
+#include "krplatform/krcolorspacelayers.hpp"
+
 #include <array>
 #include <cstddef>
 
@@ -14,7 +16,7 @@ struct Size {
 
 // By resolution code.
 constexpr std::array<Size, 18> kSizes = {{
-    {160, 120},   // 0: 0 to 4 are 4:3, each twice as wide and high as the one before
+    {160, 120},   // 0: 0 to 4 are 4:3, each twice as wide and high as the previous one
     {320, 240},   // 1
     {640, 480},   // 2
     {1280, 960},  // 3
@@ -34,28 +36,22 @@ constexpr std::array<Size, 18> kSizes = {{
     {160, 45},    // 17
 }};
 
-struct Depth {
-    int layers;   // bytes per pixel
-    int channels; // components per pixel
-};
+// Components per pixel, by colour-space code: those that differ from the bytes per pixel.
+constexpr int countChannels(int colorSpace) {
+    switch (colorSpace) {
+    case 17: // one 16-bit sample, as 20, 21 and 23
+    case 20:
+    case 21:
+    case 23:
+        return 1;
+    case 19: // three 32-bit samples
+        return 3;
+    default:
+        return kColorSpaceLayers[static_cast<std::size_t>(colorSpace)];
+    }
+}
 
-// By colour-space code.
-constexpr std::array<Depth, 27> kDepths = {{
-    {1, 1},  {1, 1}, {1, 1}, {1, 1}, {1, 1}, {1, 1}, {1, 1}, {1, 1}, {1, 1}, // 0 to 8
-    {2, 2},                                                                  // 9: YUV422
-    {3, 3},  {3, 3}, {3, 3}, {3, 3},                                         // 10 to 13
-    {2, 2},                                                                  // 14
-    {3, 3},  {3, 3},                                                         // 15, 16
-    {2, 1},                                                                  // 17: 16-bit samples
-    {4, 4},                                                                  // 18
-    {12, 3},                                                                 // 19: 32-bit samples
-    {2, 1},  {2, 1},                                                         // 20, 21: 16-bit samples
-    {3, 3},                                                                  // 22
-    {2, 1},                                                                  // 23: 16-bit samples
-    {3, 3},  {3, 3}, {3, 3},                                                 // 24 to 26
-}};
-
-// A negative code is a huge one here: one comparison refuses both.
+// A negative code becomes a huge one: one comparison refuses both.
 bool isBelow(int code, std::size_t end) {
     return static_cast<unsigned>(code) < end;
 }
@@ -84,15 +80,15 @@ int getResolutionFromSize(int width, int height) noexcept {
 }
 
 bool isColorSpaceValid(int colorSpace) noexcept {
-    return isBelow(colorSpace, kDepths.size());
+    return isBelow(colorSpace, kColorSpaceLayers.size());
 }
 
 int getNumLayersInColorSpace(int colorSpace) noexcept {
-    return isColorSpaceValid(colorSpace) ? kDepths[static_cast<std::size_t>(colorSpace)].layers : -1;
+    return isColorSpaceValid(colorSpace) ? kColorSpaceLayers[static_cast<std::size_t>(colorSpace)] : -1;
 }
 
 int getNumChannelsInColorSpace(int colorSpace) noexcept {
-    return isColorSpaceValid(colorSpace) ? kDepths[static_cast<std::size_t>(colorSpace)].channels : -1;
+    return isColorSpaceValid(colorSpace) ? countChannels(colorSpace) : -1;
 }
 
 } // namespace KR
