@@ -19,7 +19,7 @@ class KRVisionExtractorPrivate;
 
 /// Base of a perception module that processes camera images.
 ///
-/// While somebody is subscribed, an acquisition thread fetches one image per period in force, gives it to
+/// While there are subscribers, an acquisition thread fetches one image per period in force, passes it to
 /// xProcessImage(), returns it to the camera service and sleeps until the period, counted from the start of the
 /// fetch, is over. Derive, implement the three hooks, create the module with createModule():
 ///
@@ -33,14 +33,19 @@ class KRVisionExtractorPrivate;
 ///     };
 ///
 /// Threads: the settings are thread-safe and may be changed while images are processed. They must not be called
-/// from xUpdateParameters(), which may run inside of setFrameRate(). xProcessImage() runs on the acquisition
-/// thread; it must not throw, and must not unsubscribe the last subscriber of its own extractor.
+/// from xUpdateParameters(), which may run inside setFrameRate(). xProcessImage() runs on the acquisition thread; it
+/// must not throw, and must not unsubscribe the last subscriber of its own extractor.
 ///
-/// A derived class that is not created with createModule() calls xStopDetection() in its own destructor.
+/// Failures: an exception from xProcessImage() ends the acquisition; so does a camera service that refuses to release
+/// an image. If the camera service refuses the subscription, the module exits. getFailure() then gives the reason
+/// until the next acquisition has started well.
+///
+/// A derived class that is not created with createModule() calls xStopDetection() in its own destructor. One that is
+/// may do so too.
 class KR_EXPORT KRVisionExtractor : public KRExtractor {
 public:
     /// \param resolution  code 0 to 8 (<krvision/krvisiondefinitions.hpp>)
-    /// \param colorSpace  code that the camera service delivers
+    /// \param colorSpace  a code that the camera service delivers
     /// \param frameRate   images per second, 1 to 30; its period is the default one. Any other value is logged as
     ///                    an error and makes the module exit
     /// \param camera      index of the camera at the camera service
@@ -50,7 +55,8 @@ public:
     /// Ends a running acquisition and the camera subscription.
     ~KRVisionExtractor() override;
 
-    /// Changes the colour space of the camera subscription. \return false: not subscribed; the camera refuses
+    /// Changes the colour space of the camera subscription.
+    /// \return false: not subscribed; the camera refuses
     /// \throws KRError from the camera service
     virtual bool setColorSpace(const int& colorSpace);
     /// Sets the camera's frame rate, and every subscriber's period to 1000 / frameRate milliseconds.
@@ -72,29 +78,30 @@ public:
 
     /// Prepares for processing. Called at the start of every detection, before the acquisition thread runs.
     virtual void xStartImageProcessing() = 0;
-    /// Processes one image, on the acquisition thread. The image is deleted after the call: copy what is to stay.
+    /// Processes one image, on the acquisition thread. The image is deleted after the call: copy what you keep.
     virtual void xProcessImage(KRImage* image) = 0;
-    /// Ends the processing. Called at the end of every detection, after the acquisition thread has ended and the
-    /// camera subscription is released.
+    /// Ends the processing. Called once at the end of every detection, after the acquisition has ended and the camera
+    /// subscription is released.
     virtual void xStopImageProcessing() = 0;
 
     /// Deprecated: "resolution" or "pause", with an array whose first element is the value and which has at least
     /// two elements. Anything else is logged as an error and has no effect.
     void setParameter(const std::string& name, const KRValue& value);
-    /// Parameters (id, value) to set on the camera at once, if subscribed, and after every later subscription, in
-    /// this order; they replace the former ones. \throws KRError from the camera service
+    /// Camera parameters (id, value) to set now, if subscribed, and after every later subscription, in this order;
+    /// they replace the previous list. \throws KRError from the camera service
     void setSubscriptionParameters(const std::vector<std::pair<int, int>>& parameters);
-    /// Lets the acquisition wait before the next image, or go on. Logged as a warning, without effect, while no
-    /// acquisition runs.
+    /// Pauses the acquisition before the next image, or resumes it. Without a running acquisition, this has no effect
+    /// but a warning in the log.
     void pause(bool paused);
 
     int getResolution();
     int getColorSpace();
     int getActiveCamera();
-    /// As the camera service tells it; -1 if not subscribed to a camera.
+    /// The rate that the camera service reports; -1 if not subscribed to a camera.
     int getFrameRate();
     bool isPaused();
-    /// An acquisition runs, paused or not.
+    /// Whether an acquisition is running, paused or not. Stays true after an exception has ended one, until it is
+    /// stopped.
     bool isProcessing();
     boost::shared_ptr<KRVideoDeviceProxy> getVideoDeviceProxy();
 
@@ -104,16 +111,19 @@ public:
     int getMinimumPeriod() override;
     /// 1000 ms.
     int getMaximumPeriod() override;
-    /// Returns when the first image has been processed and its period is over; or when the acquisition has ended
-    /// before; or after five seconds, with a warning in the log.
+    /// Waits until the first image has been processed and its period is over, or the acquisition has ended before
+    /// that. The camera service may come up meanwhile. With a warning in the log, gives up after 15 seconds without a
+    /// camera subscription, or 5 with one; the acquisition continues.
+    /// \throws KRError why the camera service refused the subscription, if it did
     void xStartDetection(int period, float precision) override;
-    /// Sets the camera's frame rate to 1000 / period, or to 30 for a period of 0. \throws KRError not subscribed
+    /// Sets the camera's frame rate to 1000 / period, or to 30 for a period of 0.
+    /// \throws KRError not subscribed to a camera, or why the camera service refused the subscription
     void xUpdateParameters(int period, float precision) override;
     using KRExtractor::xUpdateParameters;
     /// Waits until the acquisition has ended, which takes up to one iteration.
     /// \throws KRError called from xProcessImage(); the acquisition then ends after the current image
     void xStopDetection() override;
-    /// The acquisition itself: runs on the thread that calls it until it is stopped.
+    /// The acquisition: runs on the calling thread until it is stopped.
     void xRun();
 
 protected:
