@@ -106,7 +106,7 @@ function(kr_add_install_test)
     endif()
     add_test(NAME InstalledPackageServesAnotherProject
         COMMAND ${CMAKE_COMMAND} -DBUILD=${PROJECT_BINARY_DIR} -DCONSUMER=${PROJECT_SOURCE_DIR}/cmake/consumer
-                -DWORK=${PROJECT_BINARY_DIR}/consumer -DCAMERA=${KR_CAMERA} -DDDS=${KR_DDS} -DCXX=${CMAKE_CXX_COMPILER}
+                -DWORK=${PROJECT_BINARY_DIR}/consumer -DCAMERA=${KR_CAMERA} -DDDS=${KR_DDS} -DINTEROP=${KR_INTEROP} -DCXX=${CMAKE_CXX_COMPILER}
                 -DLIBDIR=${CMAKE_INSTALL_LIBDIR}
                 -P ${PROJECT_SOURCE_DIR}/cmake/consumer/run.cmake)
 endfunction()

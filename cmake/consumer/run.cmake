@@ -9,7 +9,7 @@ endfunction()
 set(prefix ${WORK}/prefix)
 run(${CMAKE_COMMAND} --install ${BUILD} --prefix ${prefix})
 run(${CMAKE_COMMAND} -G Ninja -S ${CONSUMER} -B ${WORK}/build -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_CXX_COMPILER=${CXX}
-    -DWITH_CAMERA=${CAMERA} -DWITH_DDS=${DDS})
+    -DWITH_CAMERA=${CAMERA} -DWITH_DDS=${DDS} -DWITH_INTEROP=${INTEROP})
 run(${CMAKE_COMMAND} --build ${WORK}/build)
 run(${CMAKE_COMMAND} -E env LD_LIBRARY_PATH=${prefix}/${LIBDIR} ${WORK}/build/consumer)
 

@@ -1,0 +1,79 @@
+#pragma once
+
+#include "krinterop/krcdr.hpp"
+#include "krplatform/krexport.hpp"
+#include "krvision/krimage.hpp"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+/// Images in the form in which robot tools exchange them: `sensor_msgs/msg/Image` in CDR.
+///
+/// | colour space | encoding |
+/// |---|---|
+/// | 0 luma | `mono8` |
+/// | 9 YUV422 | `yuv422_yuy2` |
+/// | 11 RGB | `rgb8` |
+/// | 13 BGR | `bgr8` |
+/// | 18 BGRx | `bgra8` |
+/// | any other | `8UC<layers>`, as 8UC3: bytes per pixel without a meaning |
+///
+/// The functions are reentrant.
+namespace KR {
+
+inline constexpr const char* kImageSchemaName = "sensor_msgs/msg/Image";
+/// Encoding of the schema's text, and of the messages.
+inline constexpr const char* kImageSchemaEncoding = "ros2msg";
+inline constexpr const char* kImageMessageEncoding = "cdr";
+
+/// The definition of `sensor_msgs/msg/Image` with those that it refers to.
+KR_EXPORT std::string_view getImageSchema() noexcept;
+
+/// A decoded `sensor_msgs/msg/Image`. Refers to the message that it was decoded from.
+struct KRImageMessage {
+    std::int32_t seconds = 0; ///< capture time since the Unix epoch
+    std::uint32_t nanoseconds = 0;
+    std::string_view frameId;
+    std::uint32_t height = 0; ///< pixels
+    std::uint32_t width = 0;  ///< pixels
+    std::string_view encoding;
+    bool isBigEndian = false; ///< of samples longer than a byte
+    std::uint32_t step = 0;   ///< bytes from one row to the next
+    KRBytes pixels;           ///< at least `height * step` bytes
+};
+
+/// The encoding of a colour space; the table above.
+/// \throws std::invalid_argument the colour space does not exist
+KR_EXPORT std::string getImageEncoding(int colorSpace);
+/// The colour space of an encoding that has one; `yuyv` is read as `yuv422_yuy2`. nullopt for all others, `8UC<layers>`
+/// among them.
+KR_EXPORT std::optional<int> findColorSpaceOfEncoding(std::string_view encoding) noexcept;
+
+/// The message of an image up to its pixels, which follow as they are: nothing of them has to be copied.
+///
+/// The frame is called `camera_<cameraId>`. A time stamp that 32 bits of seconds do not hold (before 1901, after 2038) is
+/// written as the nearest one that they do.
+/// \throws std::invalid_argument the colour space does not exist; the image has fewer bytes than its geometry needs, or
+/// no pixels
+KR_EXPORT std::vector<unsigned char> encodeImageHeader(const KRImage& image);
+/// `width * height * layers` bytes of the image's buffer. \throws std::invalid_argument as encodeImageHeader()
+KR_EXPORT KRBytes getPixels(const KRImage& image);
+/// The whole message, with a copy of the pixels. \throws std::invalid_argument as encodeImageHeader()
+KR_EXPORT std::vector<unsigned char> encodeImage(const KRImage& image);
+
+/// \throws KRCdrError not well-formed; no pixels, or fewer than `height * step`
+KR_EXPORT KRImageMessage decodeImageMessage(KRBytes message);
+
+/// Makes `image` the image of a message: geometry, colour space, time stamp in whole microseconds, camera (if the frame
+/// is called `camera_<number>`, otherwise 0) and pixels without padding. The field of view becomes the default one.
+///
+/// A buffer that the image owns and that is large enough is used again, any other is replaced.
+/// \param colorSpace  of an encoding that does not tell; -1: none
+/// \throws KRCdrError the encoding has no colour space, and none is given or its bytes per pixel differ; rows are
+/// shorter than their pixels; more pixels than an image can have. The image has not changed
+KR_EXPORT void readImage(const KRImageMessage& message, KRImage& image, int colorSpace = -1);
+
+} // namespace KR

@@ -1,0 +1,129 @@
+#pragma once
+
+#include "krinterop/krmcap.hpp"
+
+#include <cstddef>
+#include <functional>
+#include <limits>
+#include <memory>
+
+namespace KR {
+
+/// Where the bytes of a file come from.
+class KR_EXPORT KRMcapInput {
+public:
+    virtual ~KRMcapInput();
+    KRMcapInput() = default;
+    KRMcapInput(const KRMcapInput&) = delete;
+    KRMcapInput& operator=(const KRMcapInput&) = delete;
+
+    virtual std::uint64_t getSize() = 0;
+    /// \return how many bytes were read: fewer only at the end of the file
+    /// \throws KRMcapError they cannot be read
+    virtual std::size_t readAt(void* to, std::size_t size, std::uint64_t offset) = 0;
+};
+
+/// A file of the operating system. \throws KRMcapError with the path: it cannot be opened, or is no regular file
+KR_EXPORT std::unique_ptr<KRMcapInput> openMcapFile(const std::string& path);
+
+struct KRMcapMessage {
+    const KRMcapChannel* channel = nullptr; ///< valid as long as the reader
+    const KRMcapSchema* schema = nullptr;   ///< null: the channel has none, or the file does not hold it
+    std::uint32_t sequence = 0;
+    std::uint64_t logTime = 0;     ///< nanoseconds
+    std::uint64_t publishTime = 0; ///< nanoseconds
+    KRBytes data;                  ///< valid until the reader reads on
+};
+
+/// Bounds that are checked before memory is taken.
+struct KRMcapLimits {
+    /// Longest record, and largest chunk before and after it is decompressed. Whatever is larger is skipped and counted.
+    std::uint64_t maxRecordSize = std::uint64_t{256} << 20;
+    /// Longest summary that is read; a file with a longer one is searched for its chunks.
+    std::uint64_t maxSummarySize = std::uint64_t{256} << 20;
+    /// Chunks that are open at once, as their times overlap, when reading in the order of time. Bytes after decompression.
+    std::uint64_t maxOpenChunks = std::uint64_t{1} << 30;
+    /// Chunks, attachments and metadata of a file, each; behind that many the file is not searched any further.
+    std::uint64_t maxRecords = 4'000'000;
+};
+
+/// Which messages to read, and in what order.
+struct KRMcapSelection {
+    /// File: as they were written. Time: by log time, equal ones as they were written.
+    enum class Order { File, Time };
+    Order order = Order::File;
+    std::uint64_t startTime = 0;                                       ///< of the first one, nanoseconds
+    std::uint64_t endTime = std::numeric_limits<std::uint64_t>::max(); ///< of the last one
+    /// Whether messages of the channel are wanted; empty: all are.
+    std::function<bool(const KRMcapChannel&)> isWanted = {};
+};
+
+/// What is wrong with a file, as far as it has been read.
+struct KRMcapDamage {
+    std::uint64_t wrongCrcs = 0; ///< chunks and attachments whose content is not what was written; skipped
+    std::uint64_t unreadableChunks = 0; ///< unknown compression, wrong sizes, too large; skipped
+    std::uint64_t badRecords = 0;       ///< records that are not what their kind should be; skipped
+    std::uint64_t unknownChannels = 0;  ///< messages of channels that the file does not hold; skipped
+    std::uint64_t cutBytes = 0;         ///< behind the last whole record
+    bool isClosed = true;               ///< whether the file ends as a closed one does
+    std::vector<std::string> texts;     ///< a sentence for each of the first ones
+
+    bool isNone() const noexcept {
+        return wrongCrcs == 0 && unreadableChunks == 0 && badRecords == 0 && unknownChannels == 0 &&
+               cutBytes == 0 && isClosed && texts.empty();
+    }
+};
+
+/// Reads an MCAP file of any writer, with a mind to what may be wrong with it.
+///
+/// If the file has an intact summary with an index of its chunks, only what is wanted is read. Otherwise the file is
+/// searched from its beginning, record by record, as far as it is whole. Damaged chunks are skipped and counted. Records of
+/// unknown kinds are skipped; messages of any schema and encoding are read as bytes. Memory grows with the largest chunk and
+/// with the number of chunks. Reentrant.
+class KR_EXPORT KRMcapReader {
+public:
+    /// \throws KRMcapError it cannot be read, or does not begin as an MCAP file does
+    explicit KRMcapReader(const std::string& path, KRMcapLimits limits = {});
+    explicit KRMcapReader(std::unique_ptr<KRMcapInput> input, KRMcapLimits limits = {});
+    ~KRMcapReader();
+    KRMcapReader(const KRMcapReader&) = delete;
+    KRMcapReader& operator=(const KRMcapReader&) = delete;
+
+    const std::string& getProfile() const noexcept; ///< as the header has it
+    const std::string& getLibrary() const noexcept; ///< what wrote the file
+    std::uint64_t getFileSize() const noexcept;
+
+    /// Whether chunks are found by the summary. Then messages outside of chunks are not.
+    bool isIndexed() const noexcept;
+    /// As the summary has it.
+    const std::optional<KRMcapStatistics>& getStatistics() const noexcept;
+    /// Known so far: without a summary, channels and schemas are known once messages have been read.
+    const std::map<std::uint16_t, KRMcapChannel>& getChannels() const noexcept;
+    const std::map<std::uint16_t, KRMcapSchema>& getSchemas() const noexcept;
+    /// In the order of the file. Those found by a search lack `messageIndexOffsets`.
+    const std::vector<KRMcapChunkIndex>& getChunks() const noexcept;
+    const std::vector<KRMcapAttachmentIndex>& getAttachments() const noexcept;
+    const std::vector<KRMcapMetadataIndex>& getMetadata() const noexcept;
+
+    /// Begins again, with what is wanted now. At first all messages are, in the order of the file.
+    void select(KRMcapSelection selection);
+    /// The next message. \return false: there are no more
+    /// \throws KRMcapError the file cannot be read; chunks that overlap in time are larger than the limit
+    bool next(KRMcapMessage& message);
+
+    /// \throws KRMcapError the file cannot be read there; it is not an attachment; too large; wrong CRC
+    KRMcapAttachment readAttachment(const KRMcapAttachmentIndex& index);
+    KRMcapMetadata readMetadata(const KRMcapMetadataIndex& index);
+
+    /// Of what has been read so far.
+    const KRMcapDamage& getDamage() const noexcept;
+
+private:
+    class Private;
+    std::unique_ptr<Private> p_;
+};
+
+/// Whether a file begins as an MCAP file does; false also if it cannot be read.
+KR_EXPORT bool isMcapFile(const std::string& path) noexcept;
+
+} // namespace KR

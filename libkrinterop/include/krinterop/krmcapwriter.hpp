@@ -1,0 +1,97 @@
+#pragma once
+
+#include "krinterop/krmcap.hpp"
+
+#include <cstddef>
+#include <memory>
+
+namespace KR {
+
+/// Where the bytes of a file go. Tests replace it by a disk that fills up.
+class KR_EXPORT KRMcapOutput {
+public:
+    virtual ~KRMcapOutput();
+    KRMcapOutput() = default;
+    KRMcapOutput(const KRMcapOutput&) = delete;
+    KRMcapOutput& operator=(const KRMcapOutput&) = delete;
+
+    /// Appends the pieces, one behind the other. \throws KRMcapError not all of them could be written
+    virtual void append(std::span<const KRBytes> pieces) = 0;
+    /// Nothing is appended after that. \throws KRMcapError what was written may not be on the disk
+    virtual void close() = 0;
+};
+
+/// A file of the operating system, created or emptied; written without a buffer, several pieces at once.
+/// \throws KRMcapError with the path: it cannot be opened
+KR_EXPORT std::unique_ptr<KRMcapOutput> createMcapFile(const std::string& path);
+
+struct KRMcapWriterOptions {
+    KRMcapCompression compression = KRMcapCompression::None;
+    /// As `lz4` and `zstd` take it: 1 is fast.
+    int compressionLevel = 1;
+    /// Bytes of messages after which a chunk is closed: what a killed process loses at most. 0: no chunks, each message is
+    /// written as it comes, and found by reading the whole file only.
+    std::size_t chunkSize = std::size_t{1} << 20;
+    /// Whether chunks have a checksum of their content. It costs about a twentieth of what writing costs.
+    bool hasChunkCrcs = true;
+    std::string profile; ///< what the header says of conventions that the file follows; "" is none
+};
+
+/// Writes an MCAP file: chunks with message indexes, then a summary with schemas, channels, statistics and the indexes of
+/// chunks, attachments and metadata.
+///
+/// Each chunk goes to the output in one piece as soon as it is full, so that a file that is never closed can be read as
+/// far as its chunks are whole. Without compression, a message of 64 KiB or more closes its chunk and is not copied. Memory
+/// grows with a chunk, and by about 100 bytes for each chunk that has been written.
+///
+/// After an error of the output nothing more is written: every operation throws that error again. Reentrant.
+class KR_EXPORT KRMcapWriter {
+public:
+    /// \throws KRMcapError the file cannot be created or written
+    explicit KRMcapWriter(const std::string& path, KRMcapWriterOptions options = {});
+    explicit KRMcapWriter(std::unique_ptr<KRMcapOutput> output, KRMcapWriterOptions options = {});
+    /// Closes the file if that has not been done. Errors are lost: call close() to see them.
+    ~KRMcapWriter();
+    KRMcapWriter(const KRMcapWriter&) = delete;
+    KRMcapWriter& operator=(const KRMcapWriter&) = delete;
+
+    /// \return the identifier for addChannel()
+    /// \throws KRMcapError an error of the output; 65535 schemas have been added
+    std::uint16_t addSchema(const std::string& name, const std::string& encoding, std::string_view text);
+    /// \param schemaId  of addSchema(), 0: no schema
+    /// \return the identifier for write()
+    /// \throws KRMcapError an error of the output; no such schema; 65536 channels have been added
+    std::uint16_t addChannel(const std::string& topic, const std::string& messageEncoding,
+                             std::uint16_t schemaId, const KRMcapMetadataMap& metadata = {});
+
+    /// Writes a message that consists of the pieces, one behind the other.
+    /// \param sequence     the channel's own count; 0: none
+    /// \param logTime      when it was recorded, nanoseconds since the Unix epoch
+    /// \param publishTime  when it was sent, the same if unknown
+    /// \throws KRMcapError an error of the output; no such channel
+    void write(std::uint16_t channelId, std::uint32_t sequence, std::uint64_t logTime,
+               std::uint64_t publishTime, std::span<const KRBytes> pieces);
+    void write(std::uint16_t channelId, std::uint32_t sequence, std::uint64_t logTime,
+               std::uint64_t publishTime, KRBytes message);
+
+    /// \throws KRMcapError an error of the output
+    void writeAttachment(const KRMcapAttachment& attachment);
+    void writeMetadata(const KRMcapMetadata& metadata);
+
+    /// Closes the chunk that is open, if it has messages. \throws KRMcapError an error of the output
+    void flush();
+    /// Writes what is left, the summary and the end. Only then a reader finds messages without reading everything.
+    /// \throws KRMcapError an error of the output, also an earlier one
+    void close();
+
+    /// Counted so far.
+    const KRMcapStatistics& getStatistics() const noexcept;
+    /// Bytes that have gone to the output.
+    std::uint64_t getFileSize() const noexcept;
+
+private:
+    class Private;
+    std::unique_ptr<Private> p_;
+};
+
+} // namespace KR

@@ -1,0 +1,42 @@
+#pragma once
+
+#include "krinterop/krmcapreader.hpp"
+
+#include <string>
+#include <vector>
+
+namespace KR::mcap {
+
+/// A part of the file that is read in one piece: a chunk, or records that stand outside of chunks.
+struct Segment {
+    std::uint64_t offset;
+    std::uint64_t length;
+    std::uint64_t startTime; ///< of its earliest message
+    std::uint64_t endTime;
+    const KRMcapChunkIndex* chunk; ///< null: records outside of chunks
+    bool isRead = false;           ///< what is wrong with it has been counted
+};
+
+/// What is in a file, but for the messages themselves.
+struct Contents {
+    std::string profile;
+    std::string library;
+    bool isIndexed = false;
+    std::optional<KRMcapStatistics> statistics;
+    std::map<std::uint16_t, KRMcapSchema> schemas;
+    std::map<std::uint16_t, KRMcapChannel> channels;
+    std::vector<KRMcapChunkIndex> chunks;
+    std::vector<Segment> segments; ///< in the order of the file
+    std::vector<KRMcapAttachmentIndex> attachments;
+    std::vector<KRMcapMetadataIndex> metadata;
+};
+
+/// Adds a sentence to those about the damage, of which the first ones are kept.
+void note(KRMcapDamage& damage, std::string text);
+
+/// Reads the summary or, if there is none that is intact, searches the file.
+/// \param contents  everything points into it: it must stay where it is
+/// \throws KRMcapError the file cannot be read, or does not begin as an MCAP file does
+void readContents(KRMcapInput& input, const KRMcapLimits& limits, KRMcapDamage& damage, Contents& contents);
+
+} // namespace KR::mcap
