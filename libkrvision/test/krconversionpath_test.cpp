@@ -1,6 +1,6 @@
 #include "krconversionpath.hpp"
 
-#include "conversionformulas.hpp"
+#include "everycolor.hpp"
 
 #include <gtest/gtest.h>
 
@@ -19,7 +19,6 @@ namespace {
 using KR::ConversionPath;
 using Bytes = std::vector<unsigned char>;
 
-constexpr std::size_t kChunk = 1 << 16;
 constexpr unsigned char kCanary = 0xA5;
 
 Bytes randomBytes(std::size_t size, unsigned seed) {
@@ -29,7 +28,7 @@ Bytes randomBytes(std::size_t size, unsigned seed) {
     return bytes;
 }
 
-// Memory with pages before and after it that nobody may touch.
+// Memory between two inaccessible pages.
 class GuardedMemory {
 public:
     explicit GuardedMemory(std::size_t size)
@@ -57,7 +56,7 @@ private:
     unsigned char* begin_;
 };
 
-// One conversion in a form that suits them all: bytes in, bytes out, planes one after the other.
+// One conversion in a common form: bytes in, bytes out, planes one after another.
 struct Conversion {
     const char* name;
     std::size_t bytesIn;  // per pair
@@ -98,55 +97,14 @@ INSTANTIATE_TEST_SUITE_P(Forced, KRConversionPath, testing::ValuesIn(KR::convers
 // ---- every colour there is
 
 TEST_P(KRConversionPath, ConvertsEveryBgrColorAsTheFormulasSay) {
-    Bytes bgr(kChunk * 6);
-    Bytes yuv(kChunk * 4);
-    std::size_t wrong = 0;
-    for (unsigned b = 0; b < 256; ++b) {
-        for (unsigned k = 0; k < kChunk; ++k) {
-            // The second pixel takes every colour too, in another order.
-            const unsigned char first[3] = {static_cast<unsigned char>(b), static_cast<unsigned char>(k >> 8),
-                                            static_cast<unsigned char>(k)};
-            unsigned char* pair = &bgr[k * 6];
-            std::copy_n(first, 3, pair);
-            pair[3] = static_cast<unsigned char>(first[2] + 77);
-            pair[4] = static_cast<unsigned char>(first[0] * 5);
-            pair[5] = static_cast<unsigned char>(first[1] ^ first[0]);
-        }
-        path().yuv422FromBgr(bgr.data(), yuv.data(), kChunk);
-        for (std::size_t k = 0; k < kChunk; ++k) {
-            formulas::BgrPair pair;
-            std::copy_n(&bgr[k * 6], 6, pair.begin());
-            const auto expected = formulas::yuv422FromBgr(pair);
-            wrong += std::memcmp(&yuv[k * 4], expected.data(), 4) != 0 ? 1 : 0;
-        }
-    }
-    EXPECT_EQ(wrong, 0u);
+    EXPECT_EQ(KR::test::countWrongBgrColors(path()), 0u);
 }
 
 TEST_P(KRConversionPath, ConvertsEveryYuvColorAsTheFormulasSay) {
-    Bytes yuv(kChunk * 4);
-    Bytes bgr(kChunk * 6);
-    std::size_t wrong = 0;
-    for (unsigned y = 0; y < 256; ++y) {
-        for (unsigned k = 0; k < kChunk; ++k) {
-            unsigned char* pair = &yuv[k * 4];
-            pair[0] = static_cast<unsigned char>(y);
-            pair[1] = static_cast<unsigned char>(k >> 8);
-            pair[2] = static_cast<unsigned char>(y * 5 + 77); // all of them in time
-            pair[3] = static_cast<unsigned char>(k);
-        }
-        path().bgrFromYuv422(yuv.data(), bgr.data(), kChunk);
-        for (std::size_t k = 0; k < kChunk; ++k) {
-            formulas::Yuv422Pair pair;
-            std::copy_n(&yuv[k * 4], 4, pair.begin());
-            const auto expected = formulas::bgrFromYuv422(pair);
-            wrong += std::memcmp(&bgr[k * 6], expected.data(), 6) != 0 ? 1 : 0;
-        }
-    }
-    EXPECT_EQ(wrong, 0u);
+    EXPECT_EQ(KR::test::countWrongYuvColors(path()), 0u);
 }
 
-// ---- all places of a vector, with whatever beside
+// ---- all positions in a vector, with arbitrary neighbours
 
 TEST_P(KRConversionPath, GivesTheSameBytesAsTheScalarOne) {
     const ConversionPath& scalar = *KR::conversionPaths().back();
