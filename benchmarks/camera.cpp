@@ -1,5 +1,5 @@
 // What a camera costs: the processor time of one second of images, beside a bare GStreamer pipeline on the same source;
-// and the conversion of its images, beside GStreamer's and a copy of as many bytes as it reads and writes together.
+// and the conversion of its images, beside GStreamer's and beside copying the bytes that it reads and writes.
 
 #include "conversion/krconverter.hpp"
 #include "gstreamer/krgstreamer.hpp"
@@ -29,7 +29,7 @@ namespace {
 using namespace KR;
 
 constexpr int framesPerSecond = 30;
-constexpr int warmUpFrames = 15; // plug-ins, buffers and code are loaded then
+constexpr int warmUpFrames = 15; // until plug-ins, buffers and code are loaded
 constexpr int vga = 2;
 constexpr int yuv422 = 9;
 constexpr int bgr = 13;
@@ -75,7 +75,7 @@ private:
     const std::string path_;
 };
 
-/// A camera service with one camera, and subscribers that fetch every image on threads of their own.
+/// A camera service with one camera, and subscribers that each fetch every image on their own thread.
 class Service {
 public:
     Service(const std::string& source, int subscribers, int colorSpace)
@@ -93,7 +93,7 @@ public:
         }
     }
 
-    /// Blocks until so many images have come to the first subscriber since the last call.
+    /// Blocks until the first subscriber has got that many images since the last call.
     void wait(int images) {
         const int end = seen_ + images;
         for (int now = images_; now < end; now = images_) {
@@ -140,7 +140,7 @@ void measureService(benchmark::State& state, const std::string& source, int subs
     state.SetLabel(label);
 }
 
-/// Of a pipeline without a sink, which delivers what the service would.
+/// A pipeline without a sink that delivers what the service would.
 void measurePipeline(benchmark::State& state, const std::string& source, const std::string& label) {
     for ([[maybe_unused]] const auto iteration : state) {
         GstElement* pipeline =
@@ -205,7 +205,7 @@ void filmForTen(benchmark::State& state) {
     measureService(state, "file:" + Film::getPath(), 10, yuv422, "film, 10 subscribers");
 }
 
-/// An image of any content.
+/// An image with arbitrary content.
 class Image {
 public:
     explicit Image(GstVideoInfo info) {
@@ -232,7 +232,7 @@ GstVideoInfo describe(GstVideoFormat format, const char* colorimetry) {
     return info;
 }
 
-/// What cameras and decoders deliver and modules ask for.
+/// The formats that cameras and decoders deliver and modules request.
 struct Conversion {
     const char* label;
     GstVideoFormat format;

@@ -1,5 +1,5 @@
-// The pixel conversions beside the nearest that other libraries have, and beside a copy that reads and writes as
-// many bytes between them. Where a library has no equivalent it is absent.
+// The pixel conversions beside the closest equivalents of other libraries, where they have one, and beside a copy of
+// half the bytes read and written.
 
 #include "krconversionpath.hpp"
 
@@ -32,7 +32,7 @@ extern "C" {
 
 namespace {
 
-/// Bytes that begin at a cache line, all of them written to once.
+/// Bytes aligned to a cache line, each touched once.
 class Buffer {
 public:
     explicit Buffer(std::size_t size)
@@ -52,7 +52,7 @@ private:
     std::unique_ptr<unsigned char, Free> bytes_;
 };
 
-/// What one benchmark works on: a random frame and room for any result, used again and again.
+/// The data of one benchmark: a random frame and room for any result, reused.
 struct Frame {
     Frame(int inWidth, int inHeight)
         : width(inWidth), height(inHeight), pixels(static_cast<std::size_t>(inWidth) * inHeight),
@@ -92,7 +92,7 @@ void registerConversion(const std::string& subject, const std::string& implement
     registered->Unit(benchmark::kMicrosecond);
 }
 
-// ---- ours: the fastest that the processor has, AVX2 if that is another, and the one that any processor has
+// ---- ours: the fastest path of the processor, AVX2 if that differs, and the scalar one
 
 void registerOurs(const std::string& subject, const Conversion& convert) {
     const auto registerForced = [&](const std::string& implementation, const KR::ConversionPath* path) {

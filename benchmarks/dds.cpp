@@ -1,4 +1,4 @@
-// What a call to another process costs, beside a bare request and reply of the same sizes over TCP: both to the same
+// The cost of a call to another process, beside a bare request and reply of the same sizes over TCP: both to the same
 // process on this machine, over the loopback interface.
 
 #include <krdds/krdds.hpp>
@@ -37,7 +37,7 @@ namespace {
 constexpr const char* kUrl = "dds:?domain=99&interfaces=lo&lease=10";
 constexpr std::size_t kRequestSize = 64;
 
-/// Hands out images of any size, the same pixels again and again.
+/// Serves images of any size, always with the same pixels.
 class Still : public KR::KRModule {
 public:
     Still(boost::shared_ptr<KR::KRBroker> broker, const std::string& name)
@@ -95,7 +95,7 @@ sockaddr_in getLoopback(std::uint16_t port) {
     return address;
 }
 
-/// Answers each request with as many bytes as it asks for.
+/// Answers each request with the number of bytes it asks for.
 void serveTcp(int listening) {
     const int socket = accept(listening, nullptr, nullptr);
     const int on = 1;
@@ -129,7 +129,7 @@ int serve() {
     return 0;
 }
 
-/// This program once more, as the process to call.
+/// This program again, as the process to call.
 class Server {
 public:
     Server() {

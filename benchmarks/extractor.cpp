@@ -1,4 +1,4 @@
-// What the platform and the extractors cost: an iteration of the acquisition loop beside a copy of its pixels, a
+// The cost of the platform and the extractors: an iteration of the acquisition loop beside a copy of its pixels, a
 // call, a subscription, and how evenly images are paced beside a bare loop around the kernel's sleep.
 
 #include <krplatform/krbroker.hpp>
@@ -22,7 +22,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-/// A camera service that hands out the same shared pixels again and again.
+/// A camera service that always serves the same shared pixels.
 class StillCamera : public KR::KRModule {
 public:
     StillCamera(boost::shared_ptr<KR::KRBroker> broker, const std::string& name, int width, int height)
@@ -209,7 +209,7 @@ BENCHMARK(getCurrentPeriod)->Name("getCurrentPeriod/krvision")->Threads(1)->Thre
 constexpr int kPacedImages = 300;
 constexpr int kPeriodMs = 33;
 
-/// Reports how far the intervals are from the period: the 99th percentile as the time measured, others beside it.
+/// Reports the deviation of intervals from the period: the 99th percentile as the measured time, others beside it.
 void reportPacing(benchmark::State& state, const std::vector<Clock::time_point>& times) {
     std::vector<double> deviations; // seconds
     for (std::size_t i = 1; i < times.size(); ++i) {
@@ -248,7 +248,7 @@ void paceBareLoop(benchmark::State& state) {
         reportPacing(state, times);
     }
 }
-// Ten seconds each time, so few of them.
+// Ten seconds each, so only a few.
 BENCHMARK(paceImages)->Name("pacing/krvision")->UseManualTime()->Iterations(1)->Repetitions(3);
 BENCHMARK(paceBareLoop)->Name("pacing/clock_nanosleep")->UseManualTime()->Iterations(1)->Repetitions(3);
 

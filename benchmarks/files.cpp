@@ -1,5 +1,5 @@
-// Image files and recordings beside plain fread and fwrite of the same bytes, and beside GStreamer's filesink. The files
-// lie in memory, where no disk makes a difference; with TMPDIR, in that folder.
+// Image files and recordings beside plain fread and fwrite of the same bytes, and beside GStreamer's filesink. The
+// files are in memory, so that no disk matters; with TMPDIR set, in that folder.
 
 #include <krvision/krimage.hpp>
 #include <krvision/krvideo.hpp>
@@ -64,7 +64,7 @@ std::filesystem::path getFolder() {
                : std::filesystem::temp_directory_path();
 }
 
-/// A name for a file, which goes with the object.
+/// The name of a file that is removed with the object.
 class Place {
 public:
     explicit Place(const char* extension)
@@ -101,13 +101,13 @@ void writeOrThrow(const void* bytes, std::size_t size, std::FILE* file) {
     }
 }
 
-// As many bytes as the headers of a recording have.
+// The size of the headers of a recording.
 void writeHeaders(std::FILE* file) {
     const std::array<char, 32> headers = {};
     writeOrThrow(headers.data(), headers.size(), file);
 }
 
-// closeVideo() says how many frames there are, which is of no use here.
+// closeVideo() prints the number of frames; suppress that.
 class Silence {
 public:
     Silence() : former_(std::cout.rdbuf(nullptr)) {}
@@ -148,7 +148,7 @@ void record(const Geometry& geometry, KRImage& image, const Place& place) {
 // ---- reading a recording
 
 void readFrames(benchmark::State& state) {
-    const Geometry& geometry = kGeometries[0]; // readers open no larger ones
+    const Geometry& geometry = kGeometries[0]; // the largest that readers open
     const Place place(".oxv");
     KRImage image = geometry.makeImage();
     record(geometry, image, place);

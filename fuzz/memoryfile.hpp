@@ -8,7 +8,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-/// A file that lies in memory alone.
+/// A file in memory.
 class MemoryFile {
 public:
     MemoryFile(const std::uint8_t* data, std::size_t size)

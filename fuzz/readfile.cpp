@@ -25,11 +25,11 @@ bool read(KRImage& image, const MemoryFile& file) {
     try {
         return image.readFile(file.getPath().c_str());
     } catch (const std::bad_alloc&) {
-        return false; // a size that came out negative
+        return false; // a negative size
     }
 }
 
-// An image that has been read has all its pixels, and every operation finds them.
+// After a successful read the image has all its pixels, and every operation works on it.
 void use(const KRImage& image, bool mayBeSmall) {
     const MemoryFile out(nullptr, 0);
     if (!image.writeFile(out.getPath().c_str())) {
@@ -80,7 +80,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     KRImage owned = makeImage(1, 1, false);
     if (read(owned, file)) {
         use(owned, true);
-        if (!read(owned, file)) { // of the image's own geometry now
+        if (!read(owned, file)) { // now of the image's geometry
             std::abort();
         }
     }

@@ -23,10 +23,10 @@ KRImage makeImage(int width, int height, bool isEmpty) {
     return {width, height, KR::kLumaColorSpace, isEmpty, 0.0f, 0.0f, 0.0f, 0.0f};
 }
 
-/// Every kind of image that a caller may come with.
+/// Every kind of image that a caller may pass.
 class Images {
 public:
-    explicit Images(std::size_t largestChunk) : pixels_(largestChunk) {
+    explicit Images(std::size_t largestChunk) : pixels_(std::max<std::size_t>(largestChunk, 160 * 120)) {
         external_.data = KRImage::externalData(pixels_.data());
     }
     KRImage& choose(std::uint8_t operation) {
@@ -35,7 +35,7 @@ public:
     }
 
 private:
-    std::vector<unsigned char> pixels_; // the caller's promise, where nothing adapts
+    std::vector<unsigned char> pixels_; // what an external image promises: its geometry, and the chunk
     KRImage small_ = makeImage(1, 1, false);
     KRImage large_ = makeImage(640, 480, false);
     KRImage none_ = makeImage(160, 120, true);
@@ -109,7 +109,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         largestChunk = std::max<std::size_t>(largestChunk, stream.chunkSize);
     }
     constexpr std::size_t kMostMemory = std::size_t{1}
-                                        << 24; // some depths ask for gigabytes: no caller has them
+                                        << 24; // some depths call for gigabytes, which no caller has
     if (largestChunk > kMostMemory) {
         KRImage image = makeImage(1, 1, false);
         video.getFrame(image, 0, 0, true);

@@ -1,4 +1,4 @@
-// Writes what the fuzzers begin with, FOLDER/oxi and FOLDER/oxv: files as the library makes them, and cut ones.
+// Writes the initial corpora, FOLDER/oxi and FOLDER/oxv: files made by the library, and truncated ones.
 
 #include <krvision/krimage.hpp>
 #include <krvision/krvideo.hpp>
@@ -27,7 +27,7 @@ void writeCut(const fs::path& file, std::uintmax_t size) {
     fs::resize_file(cut, size);
 }
 
-// The version is the first byte of a file, and version 0 has no other difference that a reader would trip over.
+// The first byte of a file is the version; the missing angles of version 0 do not matter to a parser.
 void writeVersion0(const fs::path& file) {
     const fs::path old = file.parent_path() / (file.stem().string() + "-0" + file.extension().string());
     fs::copy_file(file, old, fs::copy_options::overwrite_existing);
@@ -52,7 +52,7 @@ void writeImages(const fs::path& folder) {
 
 void writeRecordings(const fs::path& folder) {
     fs::create_directories(folder);
-    // Depths below 8 make frames small enough to get through many of them.
+    // Depths below 8 make frames small, so that the fuzzer gets through many.
     const std::vector<std::vector<streamHeader>> kinds = {
         {{160, 120, 0, 8}},  {{160, 120, 9, 1}, {160, 120, 0, 1}},
         {{320, 240, 0, 1}},  {{160, 120, 0, 1}, {160, 120, 13, 1}, {160, 120, 16, 1}},
@@ -71,12 +71,12 @@ void writeRecordings(const fs::path& folder) {
                             0.5f, 0.25f, -0.5f, -0.25f);
             }
         }
-        if (kind != 2) { // which stays as one that was never closed
+        if (kind != 2) { // stays like a recording that was never closed
             video.closeVideo();
         }
         const fs::path written = file.string() + ".oxv";
         writeCut(written, fs::file_size(written) - 1000);
-        writeCut(written, 100); // all headers and little else: what is most worth changing
+        writeCut(written, 100); // almost only headers, which are most worth mutating
         writeVersion0(written);
     }
 }

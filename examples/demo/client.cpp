@@ -8,7 +8,7 @@ Client::Client(boost::shared_ptr<KR::KRBroker> broker, const std::string& name, 
     : KRModule(std::move(broker), name), extractor_(extractor) {
     functionName("onEvent", "Client", "Counts the events.");
     addParam("event", "Name of the event.");
-    addParam("value", "What it says.");
+    addParam("value", "Value of the event.");
     advertiseMethod(getCurrentMethodDescription(), this, &Client::onEvent);
 }
 

@@ -6,7 +6,7 @@
 #include <atomic>
 #include <string>
 
-/// A module that subscribes to a motion extractor, in one of two ways.
+/// A module that subscribes to a motion extractor in one of two ways.
 class Client : public KR::KRModule {
 public:
     Client(boost::shared_ptr<KR::KRBroker> broker, const std::string& name, const std::string& extractor);
@@ -25,7 +25,7 @@ private:
     void onEvent(const std::string& event, const KR::KRValue& value);
 
     const std::string extractor_;
-    std::string event_; // empty if not subscribed through one
+    std::string event_; // empty if subscribed directly
     bool subscribed_ = false;
     std::atomic<int> events_ = 0;
 };

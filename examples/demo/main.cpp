@@ -33,7 +33,7 @@ struct Options {
     std::string picture = "demo.png";
 };
 
-/// A change that the demo makes at some point of its time.
+/// A change that the demo makes at some point.
 struct Step {
     double at; // fraction of the running time
     std::function<void()> act;
@@ -81,7 +81,7 @@ public:
         }
     }
 
-    /// Takes everything down. \return whether nothing was left running and nobody complained
+    /// Takes everything down. \return whether nothing was left running and no error or warning was logged
     bool comeDown() {
         bool clean = !failed_;
         for (const auto& [camera, extractor, direct, byEvent] : watches_) {
@@ -101,10 +101,10 @@ public:
             }
         }
         KR::flushLog();
-        if (complaints_ > 0) {
-            std::printf("%d errors or warnings were logged\n", complaints_.load());
+        if (problems_ > 0) {
+            std::printf("%d errors or warnings were logged\n", problems_.load());
         }
-        return clean && complaints_ == 0;
+        return clean && problems_ == 0;
     }
 
 private:
@@ -187,14 +187,14 @@ private:
             picture.add(broker_, watch.camera, watch.extractor->getMotion());
         }
         picture.writePng(options_.picture);
-        std::printf("what it saw is in %s\n", options_.picture.c_str());
+        std::printf("the picture is in %s\n", options_.picture.c_str());
     }
 
     const Options options_;
-    std::atomic<int> complaints_ = 0;
+    std::atomic<int> problems_ = 0;
     KR::KRLogListener listener_{[this](const KR::KRLogRecord& record) {
         if (record.level == KR::KRLogLevel::Error || record.level == KR::KRLogLevel::Warning) {
-            ++complaints_;
+            ++problems_;
         }
     }};
     boost::shared_ptr<KR::KRBroker> broker_ = KR::KRBroker::create("local:");
@@ -207,14 +207,13 @@ private:
 
 int main(int argc, char** argv) {
     Options options;
-    CLI::App app{"Watches cameras for motion, shows what the modules do, and comes down again."};
-    app.add_option("--seconds", options.seconds, "How long to run")
+    CLI::App app{"Watch cameras for motion, show what the modules do, and shut down."};
+    app.add_option("--seconds", options.seconds, "Seconds to run")
         ->check(CLI::Range(1, 86400))
         ->capture_default_str();
     app.add_option("--camera", options.cameras,
                    "Source of a camera, e.g. test or file:clip.mp4; once per camera");
-    app.add_option("--picture", options.picture, "Where to leave a picture of what it saw")
-        ->capture_default_str();
+    app.add_option("--picture", options.picture, "File for a picture of the cameras")->capture_default_str();
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
@@ -228,8 +227,8 @@ int main(int argc, char** argv) {
         Demo demo(options);
         demo.run();
         const bool clean = demo.comeDown();
-        std::printf(clean ? "everybody is unsubscribed, and all came down clean\n"
-                          : "not all came down clean\n");
+        std::printf(clean ? "all clients have unsubscribed, and all modules shut down cleanly\n"
+                          : "not everything shut down cleanly\n");
         return clean ? 0 : 1;
     } catch (const std::exception& error) {
         std::fprintf(stderr, "demo: %s\n", error.what());

@@ -11,7 +11,7 @@
 class Picture {
 public:
     /// Fetches an image of the camera from the camera service and puts it to the right of the others.
-    /// \throws KRError  the camera service has none
+    /// \throws KRError  the camera service has no image
     void add(const boost::shared_ptr<KR::KRBroker>& broker, int camera, const Motion& motion);
     /// \throws std::runtime_error  the file cannot be written
     void writePng(const std::string& path) const;

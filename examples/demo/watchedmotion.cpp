@@ -6,7 +6,7 @@
 void WatchedMotion::xProcessImage(KR::KRImage* image) {
     KRMotionExtractor::xProcessImage(image);
     const auto now = Clock::now();
-    const std::lock_guard lock(mutex_);
+    const KR::KRLock lock(mutex_);
     if (lastImage_) {
         intervalsMs_.push_back(std::chrono::duration<double, std::milli>(now - *lastImage_).count());
     }
@@ -16,7 +16,7 @@ void WatchedMotion::xProcessImage(KR::KRImage* image) {
 
 WatchedMotion::Account WatchedMotion::takeAccount() {
     const auto now = Clock::now();
-    const std::lock_guard lock(mutex_);
+    const KR::KRLock lock(mutex_);
     Account account;
     account.frames = frames_;
     account.rate = frames_ / std::chrono::duration<double>(now - lastAccount_).count();

@@ -2,12 +2,13 @@
 
 #include "krmotionextractor.hpp"
 
+#include <krplatform/krmutex.hpp>
+
 #include <chrono>
-#include <mutex>
 #include <optional>
 #include <vector>
 
-/// A motion extractor that keeps account of when its images came.
+/// A motion extractor that records when its images arrived.
 class WatchedMotion : public KRMotionExtractor {
 public:
     using KRMotionExtractor::KRMotionExtractor;
@@ -18,7 +19,7 @@ public:
         double jitterMs = 0; ///< standard deviation of the intervals between images
     };
 
-    /// What has happened since the last call, or since the start.
+    /// Statistics since the last call, or since the start.
     Account takeAccount();
 
     void xProcessImage(KR::KRImage* image) override;
@@ -26,10 +27,9 @@ public:
 private:
     using Clock = std::chrono::steady_clock;
 
-    std::mutex mutex_;
-    // Guarded by mutex_.
-    std::vector<double> intervalsMs_;
-    std::optional<Clock::time_point> lastImage_; // none before the first one and after a pause
-    Clock::time_point lastAccount_ = Clock::now();
-    int frames_ = 0;
+    KR::KRMutex mutex_;
+    std::vector<double> intervalsMs_ KR_GUARDED_BY(mutex_);
+    std::optional<Clock::time_point> lastImage_ KR_GUARDED_BY(mutex_); // nullopt at first and after a pause
+    Clock::time_point lastAccount_ KR_GUARDED_BY(mutex_) = Clock::now();
+    int frames_ KR_GUARDED_BY(mutex_) = 0;
 };

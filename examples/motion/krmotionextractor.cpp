@@ -37,7 +37,7 @@ KRMotionExtractor::KRMotionExtractor(boost::shared_ptr<KR::KRBroker> broker, con
 }
 
 Motion KRMotionExtractor::getMotion() const {
-    const std::lock_guard lock(mutex_);
+    const KR::KRLock lock(mutex_);
     return motion_;
 }
 
@@ -74,7 +74,7 @@ void KRMotionExtractor::xProcessImage(KR::KRImage* image) {
     if (comparable) {
         const Motion motion = findMotion(lumaBefore_, luma_, width);
         {
-            const std::lock_guard lock(mutex_);
+            const KR::KRLock lock(mutex_);
             motion_ = motion;
         }
         try {
@@ -83,8 +83,8 @@ void KRMotionExtractor::xProcessImage(KR::KRImage* image) {
             if (motion.amount >= kDetected) {
                 memory_.raiseEvent(getMotionEvent(), toValue(motion));
             }
-        } catch (const KR::KRError& error) { // nobody reads it then; the next image is another chance
-            KR::logWarning("motion", getName() + " cannot tell of motion: " + error.what());
+        } catch (const KR::KRError& error) { // the next image is another chance
+            KR::logWarning("motion", getName() + " cannot report motion: " + error.what());
         }
     }
     std::swap(luma_, lumaBefore_);

@@ -18,7 +18,7 @@ namespace {
 constexpr const char* kCategory = "core.extractor";
 constexpr const char* kClassName = "KRExtractor";
 
-// In these errors the explanation stands in the method's place and the subscriber in the description's: deliberate.
+// The method field holds the explanation and the description the subscriber: deliberate.
 [[noreturn]] void throwUnknownModule(const char* explanation, const std::string& subscriber,
                                      KRSourceLocation where = KRSourceLocation::current()) {
     throw KRError(kClassName, explanation, subscriber, where);
@@ -42,8 +42,8 @@ KRExtractor::KRExtractor(boost::shared_ptr<KRBroker> broker, const std::string& 
 
 KRExtractor::~KRExtractor() = default;
 
-// The texts below are published as they stand, differences of case and the repetitions in the last two rows
-// included: deliberate.
+// The texts below are published as they stand, including differences of case and the repetitions in the last two:
+// deliberate.
 void KRExtractor::publishMethods() {
     static const std::string subscribeDescription =
         "Subscribes to the extractor. This causes the extractor to start writing information to memory using "

@@ -19,7 +19,7 @@ TEST(KRExtractorConcurrency, StartAndStopHooksNeverOverlap) {
     std::atomic<bool> overlapped = false;
     extractor->onHook = [&](const std::string& hook) {
         if (hook == "update") {
-            return; // may run beside the others
+            return; // may overlap the others
         }
         overlapped = overlapped || inside.fetch_add(1) != 0;
         std::this_thread::yield();
@@ -71,7 +71,7 @@ TEST(KRExtractorConcurrency, AnUpdateDoesNotWaitForASubscribeInProgress) {
     subscribe.get();
 }
 
-/// Remembers the period that the hook which finished last was given; lets the test hold one hook back.
+/// Remembers the period passed to the hook that finished last; the test can block one hook.
 class SlowExtractor : public RecordingExtractor {
 public:
     using RecordingExtractor::RecordingExtractor;

@@ -15,7 +15,7 @@
 
 namespace KR::test {
 
-/// An extractor that writes down which hooks it was called with.
+/// An extractor that records the calls of its hooks.
 class RecordingExtractor : public KRExtractor {
 public:
     using KRExtractor::declareEvent;
@@ -44,7 +44,7 @@ public:
 
     int minimum = 1;
     int maximum = -1;
-    std::function<void(const std::string& hook)> onHook; // called after the hook was written down
+    std::function<void(const std::string& hook)> onHook; // called after the hook was recorded
 
 private:
     void record(const std::string& hook, int period, float precision) {

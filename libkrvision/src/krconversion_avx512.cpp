@@ -1,5 +1,5 @@
 // The conversions for processors that have AVX-512 with its byte permutations (VBMI) and its dot products of bytes
-// (VNNI). Nothing but the functions marked KR_AVX512 is compiled for these: no other code may come to need them.
+// (VNNI). Only the functions marked KR_AVX512 are compiled for these, so that no other code depends on them.
 #include "krconversionpath.hpp"
 
 #include "krprefetch.hpp"
@@ -7,7 +7,7 @@
 #if defined(__x86_64__)
 
 #if defined(__GNUC__) && !defined(__clang__)
-#pragma GCC diagnostic ignored "-Wmaybe-uninitialized" // what its own header leaves undefined on purpose
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized" // its own header leaves values undefined on purpose
 #endif
 #include <immintrin.h>
 
@@ -32,14 +32,14 @@ KR_AVX512 inline void store(unsigned char* bytes, Vector vector) {
     _mm512_storeu_si512(bytes, vector);
 }
 
-// The same four bytes over and over.
+// The same four bytes repeated.
 KR_AVX512 inline Vector everyDoubleWord(int a, int b, int c, int d) {
     return _mm512_set1_epi32(
         static_cast<int>((static_cast<unsigned>(d) & 0xFF) << 24 | (static_cast<unsigned>(c) & 0xFF) << 16 |
                          (static_cast<unsigned>(b) & 0xFF) << 8 | (static_cast<unsigned>(a) & 0xFF)));
 }
 
-// Keeps the mask in its register: it would be loaded in every turn of the loop, over the port that permutes.
+// Keeps the mask in its register: otherwise each iteration would load it, through the port that permutes.
 KR_AVX512 inline __mmask64 kept(__mmask64 mask) {
     asm("" : "+Yk"(mask));
     return mask;
@@ -50,7 +50,7 @@ KR_AVX512 inline __mmask64 kept(__mmask64 mask) {
 // Each result is floor(C / 8192), C being a sum of bytes times 13-bit coefficients. All coefficients times 8 make
 // that floor(8 * C / 65536), and split in two signed bytes, coefficient * 8 = 256 * high + low, they suit the dot
 // product of four bytes: 8 * C is the sum with the high parts times 256 plus that with the low parts.
-// The fourth byte is green again, as its 129 for Y is no signed byte.
+// The fourth byte is green again, as its coefficient 129 for Y does not fit a signed byte.
 struct Coefficients {
     Vector high, low, offset;
 };
@@ -122,10 +122,10 @@ KR_AVX512 void yuv422FromBgr(const unsigned char* bgr, unsigned char* yuv, std::
 // ---- to BGR
 
 // The results are floor(C / 256), limited to 0..255, which is floor(C / 2) shifted right by 7 and limited; and
-// floor(C / 2) fits a word but for sums that the limits swallow, which is why additions saturate. With D = U - 128
+// floor(C / 2) fits a word except where the result is limited anyway, so additions saturate. With D = U - 128
 // and E = V - 128 it is 149 * (Y - 128) + 16688 plus floor(258.5 * D), -104 * D - 50 * E, or floor(204.5 * E).
-// Luma takes 13844 of the 16688: as much as it can hold.
-// Here a word stands for a pair of pixels. The chroma terms are made once for the pair.
+// Luma takes 13844 of the 16688: as much as fits.
+// Here each word is a pair of pixels, whose chroma terms are computed once.
 struct ChromaTerms {
     Vector u;                // 256 * D, the better part of blue
     Vector blue, green, red; // each with 2844 = 16688 - 13844 in it
@@ -165,7 +165,7 @@ constexpr ByteTable orderOfPlane(int plane) {
     return table;
 }
 
-// Of 32 pairs of YUV422 in two vectors: the bytes with these numbers, counted in the first pair.
+// From 32 pairs of YUV422 in two vectors, the bytes with these indices in each pair.
 constexpr ByteTable bytesOfPairs(int first, int second) {
     ByteTable table{};
     for (int i = 0; i < 64; ++i) {

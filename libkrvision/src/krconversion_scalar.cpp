@@ -19,7 +19,7 @@ int toV(int b, int g, int r) {
 
 void yuv422FromBgr(const unsigned char* bgr, unsigned char* yuv, std::size_t pairs) {
     for (; pairs > 0; --pairs, bgr += 6, yuv += 4) {
-        // The first pixel's chroma is the pair's; no average, deliberate.
+        // The chroma of the pair is that of its first pixel, not an average: deliberate.
         yuv[0] = static_cast<unsigned char>(toY(bgr[0], bgr[1], bgr[2]));
         yuv[1] = static_cast<unsigned char>(toU(bgr[0], bgr[1], bgr[2]));
         yuv[2] = static_cast<unsigned char>(toY(bgr[3], bgr[4], bgr[5]));
@@ -38,7 +38,7 @@ void bgrFromYuv422(const unsigned char* yuv, unsigned char* bgr, std::size_t pai
         const int c1 = 298 * yuv[2] - 4768;
         const int d = yuv[1] - 128;
         const int e = yuv[3] - 128;
-        // Green takes 208 of U and 100 of V, the reverse of the published matrix; deliberate.
+        // Green takes 208 of U and 100 of V, the reverse of the published matrix: deliberate.
         bgr[0] = toByte(c0 + 517 * d);
         bgr[1] = toByte(c0 - 208 * d - 100 * e);
         bgr[2] = toByte(c0 + 409 * e);

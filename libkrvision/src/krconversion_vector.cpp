@@ -1,5 +1,5 @@
 // Compiled once for each instruction set that is named here; the processor that runs the program chooses.
-// The fallbacks (HWY_SCALAR, HWY_EMU128) are among them only because one must be.
+// The fallbacks (HWY_SCALAR, HWY_EMU128) are included only because one is required.
 #define HWY_DISABLED_TARGETS (~(HWY_SSSE3 | HWY_SSE4 | HWY_AVX2 | HWY_NEON | HWY_SCALAR | HWY_EMU128))
 #undef HWY_TARGET_INCLUDE
 #define HWY_TARGET_INCLUDE "krconversion_vector.cpp" // NOLINT: this file includes itself
@@ -18,8 +18,8 @@ namespace HWY_NAMESPACE {
 
 namespace hn = hwy::HWY_NAMESPACE;
 
-// The vectors are of one block of 16 bytes or of two. Most of what follows works within blocks, so each block
-// is given a run of pixels of its own, and the two runs follow each other in memory.
+// Vectors have one or two blocks of 16 bytes. Most operations below work within blocks, so each block gets its own
+// run of pixels; the two runs are adjacent in memory.
 constexpr std::size_t kBytes = HWY_TARGET == HWY_AVX2 ? 32 : 16;
 constexpr std::size_t kBlocks = kBytes / 16;
 
@@ -33,8 +33,8 @@ using ByteVector = hn::Vec<Bytes>;
 using WordVector = hn::Vec<Words>;
 using Coefficients = hn::Vec<SignedBytes>;
 
-// A block from `bytes`, the next one from `distance` further on. Reads nothing before, between runs no more than
-// 16 bytes before the second, and nothing after.
+// A block from `bytes`, the next one from `distance` further on. Reads nothing before the first or after the second,
+// and between them at most the 16 bytes before the second.
 template <std::size_t distance>
 HWY_INLINE ByteVector loadBlocks(const unsigned char* bytes) {
     const Bytes d;
@@ -50,7 +50,7 @@ HWY_INLINE ByteVector everyBlock(const std::uint8_t (&bytes)[16]) {
     return hn::LoadDup128(Bytes(), bytes);
 }
 
-// The same four signed bytes over and over; as many of them as a pair of pixels has in YUV422.
+// The same four signed bytes repeated: one per byte of a YUV422 pair.
 HWY_INLINE Coefficients everyPair(int a, int b, int c, int d) {
     const auto byte = [](int value, int position) {
         return static_cast<std::uint32_t>(value & 0xFF) << position;
@@ -99,12 +99,12 @@ HWY_INLINE ByteVector interleaveUpperQuads(ByteVector a, ByteVector b) {
     return hn::BitCast(Bytes(), hn::InterleaveUpper(d, hn::BitCast(d, a), hn::BitCast(d, b)));
 }
 
-// Each result is needed as floor(C / 8192), C being a sum of bytes times 13-bit coefficients, and words and 8-bit
-// coefficients are what is fast. So the coefficients are split, coefficient = 32 * high + low, and C / 32
-// rounded down is the sum with the high parts plus that with the low parts shifted right by 5: a word, whose
-// high byte is the result. Unsigned it fits the word for Y; for U and V, before their offset, signed.
-// No sum of two products saturates: green's 129 of Y is therefore spread over both.
-// Three steps, so that a loop can have three blocks of pixels under way: each step waits for the one before.
+// Each result is floor(C / 8192), where C is a sum of bytes times 13-bit coefficients; 16-bit words and 8-bit
+// coefficients are fast. So the coefficients are split, coefficient = 32 * high + low, and C / 32 rounded down is the
+// sum with the high parts plus the sum with the low parts shifted right by 5: a word whose high byte is the result.
+// For Y it fits the word unsigned; for U and V, before their offset, signed. No sum of two products may saturate, so
+// green's 129 for Y is split between both. There are three steps so that a loop can interleave three blocks: each
+// step waits for the previous one.
 class Yuv422FromBgr {
 public:
     HWY_INLINE Yuv422FromBgr() {} // not defaulted: that would not be compiled for the target
@@ -196,14 +196,14 @@ struct BgrWords {
     WordVector b, g, r;
 };
 
-// Half of each result's sum C, rounded down, is 128 times the result, and fits a signed word as far as it
-// matters: where it saturates, the result is limited anyway. With D = U - 128 and E = V - 128 it is
+// Half of each result's sum C, rounded down, is 128 times the result. It fits a signed word where that matters: where
+// it saturates, the result is limited anyway. With D = U - 128 and E = V - 128 it is
 //   149 * (Y - 128) + 16688, and
 //   blue:   256 * D + floor(2.5 * D)
 //   green:  -(104 * D + 50 * E)
 //   red:    -ceil(-204.5 * E)
-// No part of a sum may saturate upwards if another one could bring it down again, or the reverse. So the constant
-// comes last for blue; and for green and red 2844 of it go with the chroma, which leaves both parts in range.
+// No partial sum may saturate in one direction if a later term could bring it back. So for blue the constant is added
+// last; for green and red, 2844 of it goes with the chroma, which keeps both parts in range.
 class BgrFromYuv422 {
 public:
     HWY_INLINE BgrFromYuv422() {} // not defaulted: that would not be compiled for the target

@@ -18,7 +18,7 @@ namespace KR {
 
 namespace {
 
-// Sizes that were negative ints arrive here as huge ones.
+// Negative ints arrive here as huge sizes.
 std::size_t checkedSize(std::size_t size) {
     if (size > static_cast<std::size_t>(std::numeric_limits<std::ptrdiff_t>::max())) {
         throw std::bad_array_new_length();
@@ -89,7 +89,7 @@ KRImage::KRImage(int inWidth, int inHeight, int inColorSpace, bool emptyBuffer, 
 
 KRImage KRImage::deepCopy() const {
     KRImage copy(*this);
-    // A buffer of its own may be of another size than allocatedSize tells, after reading a file.
+    // After reading a file, an owned buffer may have another size than allocatedSize.
     const std::ptrdiff_t owned = countOwnedBytes(*this);
     const std::ptrdiff_t size = std::max<std::ptrdiff_t>(owned, allocatedSize);
     copy.data = internalDataUninitialized(static_cast<std::size_t>(size));
@@ -108,7 +108,7 @@ bool KRImage::setResolution(int resolution) {
     if (!isResolutionValid(resolution)) {
         throw std::invalid_argument("KRImage: invalid resolution");
     }
-    // Compares codes, not sizes; deliberate, although codes 7 and 8 are the smallest sizes.
+    // Compares codes, not sizes, although codes 7 and 8 are the smallest sizes: deliberate.
     if (allocatedResolution < resolution && !reallocateDataSize(resolution, allocatedLayers)) {
         return false;
     }
@@ -167,7 +167,7 @@ KRImage* KRImage::fromKRValue(const KRValue& value) {
                                   value[9].to<float>(), value[10].to<float>(), value[11].to<float>());
     image->data = internalDataUninitialized(static_cast<std::size_t>(image->allocatedSize));
 
-    // Trusts the value's layers and the length of its binary; deliberate.
+    // Trusts the value's layers and the length of its binary: deliberate.
     const int size = wrappingProduct(imageWidth, imageHeight, value[2].to<int>());
     const KRBinary& pixels = value[6].GetBinary();
     int filled = 0;
@@ -194,7 +194,7 @@ std::string KRImage::toString() const {
         << "NbLayers      : " << nbLayers << std::endl
         << "ColorSpace    : " << colorSpace << std::endl
         << "TimeStamp     : " << timeStamp << std::endl
-        << "CameraID      : " << cameraId << std::endl // the raw character, not its number; deliberate
+        << "CameraID      : " << cameraId << std::endl // the raw character, not its number: deliberate
         << "Left angle    : " << leftAngle << std::endl
         << "Top angle     : " << topAngle << std::endl
         << "Right angle   : " << rightAngle << std::endl

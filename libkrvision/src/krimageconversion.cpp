@@ -17,13 +17,13 @@ bool isYuv422(const KRImage& image) {
     return true;
 }
 
-// The pixels, of which there are none if their bytes in YUV422 are too many for an int.
+// The number of pixels; 0 if their YUV422 bytes do not fit an int.
 std::size_t countPixels(const KRImage& image) {
     const int bytes = wrappingProduct(2, image.width, image.height);
     return bytes > 0 ? static_cast<std::size_t>(bytes) / 2 : 0;
 }
 
-// The interface declares what is written to as const; deliberate.
+// The interface declares the destination const: deliberate.
 unsigned char* writable(const unsigned char* out) {
     return const_cast<unsigned char*>(out);
 }

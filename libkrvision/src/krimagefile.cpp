@@ -19,7 +19,7 @@ namespace KR {
 
 namespace {
 
-// More pixels than any resolution has in any colour space.
+// More bytes than any resolution needs in any colour space.
 constexpr int kUnusualSize = 2560 * 1920 * 12;
 
 struct CloseFile {
@@ -39,7 +39,7 @@ bool close(File& file) {
     return std::fclose(file.release()) == 0;
 }
 
-// Without a buffer of its own, a file moves the pixels in one piece straight from or to the image.
+// Unbuffered, so that the pixels move in one piece straight from or to the image.
 File openUnbuffered(const char* path, const char* mode) {
     File file(std::fopen(path, mode));
     if (file) {
@@ -48,13 +48,13 @@ File openUnbuffered(const char* path, const char* mode) {
     return file;
 }
 
-// Whether the file may be so long. A pipe or a device does not tell.
+// Whether the file may be that long; true for pipes and devices, whose size is unknown.
 bool mayHold(std::FILE* file, std::int64_t size) {
     struct stat status;
     return ::fstat(::fileno(file), &status) != 0 || !S_ISREG(status.st_mode) || status.st_size >= size;
 }
 
-// Writes `count` groups of pixels, of `In` bytes in the buffer and `Out` bytes in the file, many at a time.
+// Writes `count` groups of pixels, each `In` bytes in the buffer and `Out` bytes in the file, in large blocks.
 template <std::size_t In, std::size_t Out, class Convert>
 bool writeConverted(std::FILE* file, const unsigned char* in, std::size_t count, Convert convert) {
     constexpr std::size_t kGroups = 4096;
@@ -73,7 +73,7 @@ bool writeConverted(std::FILE* file, const unsigned char* in, std::size_t count,
     return true;
 }
 
-// Luma and chroma go where red, green and blue belong; deliberate.
+// Luma and chroma are written as red, green and blue: deliberate.
 bool writeYuv422(std::FILE* file, const unsigned char* data, std::size_t pixels) {
     const bool written =
         writeConverted<4, 6>(file, data, pixels / 2, [](const unsigned char* yuv, unsigned char* out) {
@@ -138,7 +138,7 @@ bool KRImage::readFile(const char* path) {
     const int size = wrappingProduct(header.width, header.height, header.layers);
 
     if (header.width == width && header.height == height && header.layers == nbLayers) {
-        // Only the pixels change, the rest of the header is dropped; deliberate.
+        // Only the pixels change, the rest of the header is dropped: deliberate.
         if (!hasBytes(*this, size)) {
             return false;
         }

@@ -7,7 +7,7 @@
 
 namespace KR {
 
-/// Writes an image as KRImage::savePPM does, to a file that is open for writing, which stays open.
+/// Writes an image as KRImage::savePPM does, to a file that is open for writing and stays open.
 /// \return 1, or the code -2 to -5
 KR_EXPORT int writePpm(const KRImage& image, std::FILE* file);
 

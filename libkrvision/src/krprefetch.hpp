@@ -2,8 +2,7 @@
 
 namespace KR {
 
-/// Asks for the cache line that comes 2 kB after `output`, which is about to be written to. It may lie past the
-/// end: nothing is touched.
+/// Prefetches, for writing, the cache line 2 kB after `output`. It may lie past the end: nothing is accessed.
 [[gnu::always_inline]] inline void prefetchForWriting(const unsigned char* output) {
     constexpr int kAhead = 2048; // bytes
 #if defined(__x86_64__)

@@ -1,4 +1,4 @@
-// Compiled with -ffp-contract=off: no product may be fused with a sum, or results would differ by processor.
+// Compiled with -ffp-contract=off: fusing products with sums would make results differ between processors.
 #include "krvision/krimage.hpp"
 
 #include <algorithm>
@@ -15,7 +15,7 @@ void computeRgbFromYuv(unsigned char* y, unsigned char* u, unsigned char* v) {
     const float scaledY = 1.164f * static_cast<float>(*y - 16);
     const auto d = static_cast<float>(*u - 128);
     const auto e = static_cast<float>(*v - 128);
-    // Green takes 0.813 of U and 0.391 of V, as computeBGRimageFromYUV422 does; deliberate.
+    // Green takes 0.813 of U and 0.391 of V, as computeBGRimageFromYUV422 does: deliberate.
     *v = toByte(2.018f * d + scaledY);
     *u = toByte(-0.813f * d - 0.391f * e + scaledY);
     *y = toByte(1.596f * e + scaledY);

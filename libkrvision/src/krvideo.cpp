@@ -29,25 +29,25 @@ std::uint32_t dataOffsetOf(std::uint32_t streams, std::uint32_t extraHeaderSize)
 
 } // namespace
 
-/// The files and where the reader stands in its one. Reentrant.
+/// The open files and the position of the reader. Reentrant.
 class KRVideoPrivate {
 public:
-    /// Where the four angles are taken from.
+    /// The places that the four angles are read from.
     enum class Angles { AsWritten, OneByteApart };
 
     std::vector<streamProperties> readStreams(std::uint32_t count) const;
     void moveTo(unsigned int frame, unsigned int stream);
-    /// Where the current frame's chunk of the current stream begins; wraps round at 32 bits.
+    /// Offset of the current frame's chunk of the current stream; wraps at 32 bits.
     std::uint32_t offsetOfChunk() const;
     std::uint32_t chunkSize() const { return streams[currentStream].chunkSize; }
 
-    /// Sees to it that the current stream's chunk can be read into the image.
+    /// Prepares the image for the current stream's chunk. \return whether the chunk can be read into it
     bool prepare(KRImage& image, bool adapt) const;
     bool fit(KRImage& image) const;
-    /// Reads the chunk at `position`, and moves that to its end.
+    /// Reads the chunk at `position` and advances that past it.
     void readChunk(KRImage& image, Angles angles);
 
-    /// An image that makes the buffer it needs when it is first converted to.
+    /// An image that allocates its buffer at the first conversion.
     static KRImage makeUnsizedImage();
     void writeChunk(const KROxvChunkHeader& header, const void* image, int size);
 
@@ -55,16 +55,16 @@ public:
     bool isRecording = false;
     KRFile input;
     KRFile output;
-    std::string path;                      // of the file opened last, as are the next two
-    std::uint32_t version = 0;             // first word of the file that is read
-    std::uint32_t frameCount = 0;          // while recording, chunks written
+    std::string path;                      // of the file opened last; so are the next two
+    std::uint32_t version = 0;             // first word of the input file
+    std::uint32_t frameCount = 0;          // while recording: chunks written
     std::uint32_t dataOffset = 0;          // of the first frame
     std::uint32_t frameSize = 0;           // bytes of all chunks of a frame
-    std::vector<streamProperties> streams; // of the file that is read
+    std::vector<streamProperties> streams; // of the input file
     std::uint32_t currentStream = 0;
     std::uint32_t currentFrame = 0;
-    std::uint64_t position = 0;             // in the file that is read
-    KRImage converted = makeUnsizedImage(); // of the frame that came as BGR
+    std::uint64_t position = 0;             // in the input file
+    KRImage converted = makeUnsizedImage(); // from the last BGR frame
 };
 
 KRVideo::KRVideo() : p_(std::make_unique<KRVideoPrivate>()) {}
@@ -72,7 +72,7 @@ KRVideo::~KRVideo() = default;
 
 // ---- reading
 
-// The streams are read one by one, not allocated at once: the file's count of them may be any number.
+// Streams are read one by one: the count in the file may be anything and must not size an allocation.
 std::vector<streamProperties> KRVideoPrivate::readStreams(std::uint32_t count) const {
     std::vector<streamProperties> found;
     for (std::uint32_t i = 0; i < count; ++i) {
@@ -181,7 +181,7 @@ bool KRVideoPrivate::fit(KRImage& image) const {
         try {
             image.setColorSpace(static_cast<int>(stream.colorSpace));
         } catch (const std::invalid_argument&) {
-            // The image's size has no code to make a larger buffer for: it gets one below.
+            // The image's size has no code to allocate for: it gets its buffer below.
         }
     }
     if (image.width != static_cast<int>(stream.width) || image.height != static_cast<int>(stream.height)) {
@@ -203,7 +203,7 @@ bool KRVideoPrivate::fit(KRImage& image) const {
     }
     if (image.data.get() != former) {
         std::memset(image.data.get(), 0,
-                    oxv::kChunkHeaderSize); // the header that counts if nothing can be read
+                    oxv::kChunkHeaderSize); // the header if nothing can be read
     }
     return true;
 }
@@ -218,7 +218,7 @@ void KRVideoPrivate::readChunk(KRImage& image, Angles angles) {
     if (version == oxv::kVersion0) {
         header.angles = kDefaultAngles;
     } else if (angles == Angles::OneByteApart) {
-        // The floats overlap, so that all but the first are not those that were written; deliberate.
+        // The floats overlap, so only the first is the one that was written: deliberate.
         for (std::size_t i = 0; i < header.angles.size(); ++i) {
             std::memcpy(&header.angles[i], bytes + oxv::kAnglesOffset + i, sizeof(float));
         }
@@ -318,7 +318,7 @@ bool KRVideo::recordVideo(std::string path, unsigned int extraHeaderSize, std::v
     p_->output.append(header.data(), sizeof header, streams.data(), streams.size() * sizeof(streamHeader));
     p_->path = std::move(path);
     p_->frameCount = 0;
-    // The extra header is the offset's, but not the file's: deliberate.
+    // The extra header counts in the offset but is not written: deliberate.
     p_->dataOffset = dataOffsetOf(streamCount, extraHeaderSize);
     p_->isRecording = true;
     return true;
@@ -347,10 +347,10 @@ bool KRVideo::write(int rows, int cols, char* bgr, long long timestamp, char cam
     if (!p_->isRecording) {
         return false;
     }
-    KRImage& image = p_->converted; // its memory is used again for the next frame of this size
+    KRImage& image = p_->converted; // its buffer is reused for the next frame of this size
     image.computeYUV422imageFromBGR(rows, cols, bgr);
     const int size = wrappingProduct(2, rows, cols);
-    if (size % 4 != 0) { // the last pixel has no partner, and is not converted
+    if (size % 4 != 0) { // the last pixel has no partner and is not converted
         std::memset(image.data.get() + size - 2, 0, 2);
     }
     p_->writeChunk({timestamp, static_cast<std::int8_t>(cameraIndex), {a0, a1, a2, a3}}, image.data.get(),

@@ -162,7 +162,7 @@ int KRVisionExtractor::getMaximumPeriod() {
 void KRVisionExtractor::xStartDetection(int period, float precision) {
     p_->noteStart();
     xStartImageProcessing();
-    makeReachable(); // a module that was constructed directly may not be yet, and calls itself here
+    makeReachable(); // the module calls itself; one that was constructed directly may not be reachable yet
     const std::uint64_t ticket = p_->expectRun();
     try {
         getParentBroker()->getProxy(getName(), 0)->post(kRun);

@@ -158,7 +158,7 @@ void KRVisionExtractorPrivate::loop() {
     for (;;) {
         {
             KRLock lock(runMutex);
-            // A stop request wakes it whatever pause() says, so that no later pause can park the stop.
+            // A stop request ends the wait whatever pause() says, so that a later pause cannot block the stop.
             runChanged.wait(lock, [this] {
                 runMutex.assertHeld();
                 return !paused || stopRequested;
@@ -197,7 +197,7 @@ void KRVisionExtractorPrivate::loop() {
             ready = true;
             runChanged.notifyAll();
         }
-        // Asked for at the end, so that a run has at least one iteration: deliberate.
+        // Checked at the end, so that a run has at least one iteration: deliberate.
         if (stopRequested) {
             return;
         }

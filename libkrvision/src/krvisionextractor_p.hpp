@@ -22,9 +22,9 @@ namespace KR {
 
 /// The acquisition loop and the settings of a vision extractor. Thread-safe.
 ///
-/// Locks, in the order in which they are taken: subscriptionMutex; resolutionLock, colorSpaceLock,
-/// frameRateLock, cameraLock; then one of the three small ones (idMutex, parametersMutex, runMutex), which are
-/// held for a few instructions only. No lock is held while the owner processes an image.
+/// Lock order: subscriptionMutex; resolutionLock, colorSpaceLock, frameRateLock, cameraLock; then one of idMutex,
+/// parametersMutex and runMutex, which are held for a few instructions only. No lock is held while the owner processes
+/// an image.
 class KRVisionExtractorPrivate {
 public:
     KRVisionExtractorPrivate(const boost::shared_ptr<KRBroker>& broker, int initialResolution,
@@ -118,14 +118,14 @@ private:
     KRMutex parametersMutex;
     std::vector<std::pair<int, int>> cameraParameters KR_GUARDED_BY(parametersMutex); // ids and values
 
-    // Settings, each with the lock that is also held while the camera service is asked to change it.
+    // Settings, each with its lock, which is also held while the camera service changes the setting.
     std::shared_mutex resolutionLock;
     int resolution;
     std::shared_mutex colorSpaceLock;
     int colorSpace;
     std::shared_mutex frameRateLock; // for the camera's frame rate, which the camera service keeps
     std::shared_mutex cameraLock;
-    std::atomic<int> activeCamera; // written under cameraLock, also read without
+    std::atomic<int> activeCamera; // written under cameraLock, read with and without it
 
     // The acquisition; runChanged is notified of every change.
     KRMutex runMutex;

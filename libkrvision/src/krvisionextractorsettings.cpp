@@ -21,7 +21,7 @@ void KRVisionExtractorPrivate::setSubscriptionParameters(const std::vector<std::
 
 bool KRVisionExtractorPrivate::setColorSpace(int newColorSpace) {
     if (!subscribed) {
-        // Not kept for the next subscription either, unlike resolution and camera: deliberate.
+        // Not stored for the next subscription either, unlike resolution and camera: deliberate.
         logProblem("The module has not been subscribed to, so you cannot set the colorspace.");
         return false;
     }
@@ -56,11 +56,11 @@ bool KRVisionExtractorPrivate::setActiveCamera(int camera) {
         if (wasProcessing) {
             pause(true);
         }
-        sleepMilliseconds(50); // lets the loop reach its pause
+        sleepMilliseconds(50); // lets the loop reach its wait
         bool accepted = false;
         {
             const std::unique_lock guard(cameraLock);
-            // An error passes with the loop still paused: deliberate.
+            // After an error the loop stays paused: deliberate.
             accepted = videoDeviceProxy->setActiveCamera(getSubscriberId(), camera);
             if (accepted) {
                 activeCamera = camera;
@@ -140,7 +140,7 @@ bool KRVisionExtractorPrivate::setFrameRate(const std::string& subscriber, int f
         logProblem("setFrameRate, unknown subscriber name: " + subscriber);
         return false;
     }
-    // Not refused here while there is no camera subscription, the camera service does that: deliberate.
+    // Without a camera subscription, the camera service refuses this, not we: deliberate.
     const std::unique_lock guard(frameRateLock);
     const bool accepted = videoDeviceProxy->setFrameRate(getSubscriberId(), frameRate);
     if (accepted) {

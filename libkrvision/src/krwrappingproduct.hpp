@@ -2,7 +2,7 @@
 
 namespace KR {
 
-/// The low 32 bits of a product, as image sizes are computed everywhere: an overflow wraps round.
+/// The low 32 bits of a product: image sizes wrap on overflow everywhere.
 template <class... Factors>
 constexpr int wrappingProduct(Factors... factors) {
     return static_cast<int>((static_cast<unsigned>(factors) * ...));

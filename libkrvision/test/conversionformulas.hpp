@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <array>
 
-/// What the conversions are to give for one pair of pixels, written out once more for the tests alone.
+/// The expected results for one pair of pixels, written independently of the library.
 namespace formulas {
 
 using Yuv422Pair = std::array<unsigned char, 4>; ///< Y0 U Y1 V

@@ -22,7 +22,7 @@
 
 namespace KR::test {
 
-/// What happened, in order, written down by several threads.
+/// A log of events in order, written by several threads.
 class Journal {
 public:
     void add(const std::string& line) {
@@ -38,13 +38,13 @@ public:
         const std::lock_guard lock(mutex_);
         return std::count(lines_.begin(), lines_.end(), line);
     }
-    /// Blocks until the line stands there so many times. \return whether it does
+    /// Blocks until the line has been added that many times. \return false: not in time
     bool waitFor(const std::string& line, std::ptrdiff_t times = 1) const {
         std::unique_lock lock(mutex_);
         return added_.wait_for(lock, std::chrono::seconds(60),
                                [&] { return std::count(lines_.begin(), lines_.end(), line) >= times; });
     }
-    /// Blocks until so many more of the line stand there than now.
+    /// Blocks until the line has been added that many more times from now on.
     bool waitForMore(const std::string& line, std::ptrdiff_t times = 1) const {
         return waitFor(line, count(line) + times);
     }
@@ -63,11 +63,11 @@ inline KRValue makeImageValue(int width, int height, int layers, int colorSpace)
                           -0.3F);
 }
 
-/// What a fake camera does with the value of a setting; one that takes everything also takes any identifier.
+/// How a fake camera treats the values of settings; one that accepts everything also accepts any identifier.
 enum class Taste { OfItsOwn, TakesEverything, RefusesEverything };
 
-/// A camera service for tests: writes down each call, answers as told, and else as the real one would. Its three
-/// cameras have the parameters 11 and 12, from 0 to 100, and a new image at any time.
+/// A camera service for tests: records each call, and answers like the real one unless instructed otherwise. Its three
+/// cameras have the parameters 11 and 12, from 0 to 100, and always a new image.
 class FakeCamera : public KRModule {
 public:
     FakeCamera(boost::shared_ptr<KRBroker> broker, const std::string& name, Journal& calls)
@@ -87,7 +87,7 @@ public:
         publish("setAllCameraParametersToDefault", {"id"}, &FakeCamera::setAllCameraParametersToDefault);
     }
 
-    /// The number in the identifier is the smallest one that is free.
+    /// The number in the identifier is the smallest free one.
     std::string subscribeCamera(const std::string& name, int camera, int resolution, int colorSpace,
                                 int frameRate) {
         std::ostringstream line;
@@ -164,7 +164,7 @@ public:
         find("setAllCameraParametersToDefault", id);
     }
 
-    /// What an operation does after it was written down, before it answers: throw, block, or nothing.
+    /// What an operation does between being recorded and answering: throw, block, or nothing.
     void on(const std::string& operation, std::function<void()> action) {
         const std::lock_guard lock(mutex_);
         actions_[operation] = std::move(action);
@@ -172,14 +172,14 @@ public:
     void fail(const std::string& operation) {
         on(operation, [operation] { throw KRError("KRVideoDevice", operation, "injected"); });
     }
-    /// What every fetch gets from now on.
+    /// The image for every fetch from now on.
     void setImage(const KRValue& image) {
         const std::lock_guard lock(mutex_);
         image_ = image;
     }
 
     std::atomic<Taste> taste = Taste::OfItsOwn;
-    std::atomic<int> toldFrameRate = 0; ///< what getFrameRate answers; 0: what was set
+    std::atomic<int> toldFrameRate = 0; ///< the answer of getFrameRate; 0: the rate that was set
     Journal& journal;
 
 private:
@@ -254,13 +254,13 @@ private:
     }
 
     std::mutex mutex_;
-    std::map<std::string, std::function<void()>> actions_; // guarded by mutex_, as what follows
+    std::map<std::string, std::function<void()>> actions_; // guarded by mutex_, like the following members
     std::map<std::string, Subscription> subscriptions_;
     KRValue image_;
     int images_ = 0;
 };
 
-/// A vision extractor that writes its hooks into the same journal as the camera its calls.
+/// A vision extractor that records its hooks in the same journal as the camera its calls.
 class TestExtractor : public KRVisionExtractor {
 public:
     TestExtractor(boost::shared_ptr<KRBroker> broker, const std::string& name, Journal& hooks,
@@ -283,7 +283,7 @@ public:
     }
     void xStopImageProcessing() override { journal.add("xStopImageProcessing"); }
 
-    /// The image that came last, for a run that has ended without deleting it.
+    /// The last image, if the run has ended without deleting it.
     [[nodiscard]] std::unique_ptr<KRImage> takeUndeleted() {
         const std::lock_guard lock(mutex_);
         return std::unique_ptr<KRImage>(std::exchange(last_, nullptr));
@@ -309,7 +309,7 @@ struct Stage {
         camera->taste = Taste::TakesEverything;
     }
 
-    /// Level and text of what the vision extractors have logged.
+    /// Level and text of each line in the category of vision extractors.
     std::vector<std::string> getLog() const {
         flushLog();
         return log->get();

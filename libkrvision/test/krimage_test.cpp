@@ -29,7 +29,7 @@ KRImage makeImage(int width, int height, int colorSpace, bool emptyBuffer) {
     return {width, height, colorSpace, emptyBuffer, 0.4f, 0.3f, -0.4f, -0.3f};
 }
 
-// What each of the resizing operations is to leave as it is when it refuses.
+// What a refused resizing operation must leave unchanged.
 struct Snapshot {
     int width, height, nbLayers, colorSpace, allocatedSize, allocatedResolution, allocatedLayers;
     const unsigned char* data;
@@ -86,7 +86,7 @@ TEST(KRImageData, InternalDataIsOwned) {
     EXPECT_TRUE(std::all_of(zeros.get(), zeros.get() + 1000, [](unsigned char byte) { return byte == 0; }));
     EXPECT_FALSE(boost::get_deleter<KRImage::deleter>(zeros)->external);
     const auto anything = KRImage::internalDataUninitialized(1000);
-    std::fill_n(anything.get(), 1000, static_cast<unsigned char>(7)); // all of it is there
+    std::fill_n(anything.get(), 1000, static_cast<unsigned char>(7)); // fully accessible
     EXPECT_FALSE(boost::get_deleter<KRImage::deleter>(anything)->external);
 }
 
@@ -218,7 +218,7 @@ TEST(KRImage, RefusesAColorSpaceBeforeItLooksAtTheResolution) {
 TEST(KRImage, WhoseSizeIsNegativeIsNotAllocated) {
     EXPECT_THROW(makeImage(-1, 10, 0, false), std::bad_alloc);
     EXPECT_THROW(makeImage(32768, 32768, 9, false), std::bad_alloc); // 2^31 bytes wrap to -2^31
-    const KRImage image = makeImage(-1, 10, 0, true);                // not checked while nothing is allocated
+    const KRImage image = makeImage(-1, 10, 0, true); // unchecked as long as nothing is allocated
     EXPECT_EQ(image.width, -1);
     EXPECT_EQ(image.allocatedSize, -10);
 }
@@ -327,7 +327,7 @@ TEST(KRImageSetResolution, ToALargerCodeThanTheBufferWasSizedForReallocates) {
     EXPECT_EQ(image.allocatedResolution, 3);
     EXPECT_EQ(image.allocatedLayers, 2);
     EXPECT_TRUE(image.ownsData());
-    std::fill_n(image.data.get(), image.allocatedSize, static_cast<unsigned char>(1)); // all of it is there
+    std::fill_n(image.data.get(), image.allocatedSize, static_cast<unsigned char>(1)); // fully accessible
 }
 
 TEST(KRImageSetResolution, ReallocatesForTheLayersThatWereAllocated) {
@@ -350,7 +350,7 @@ TEST(KRImageSetResolution, ComparesCodesNotSizes) {
     EXPECT_EQ(image.allocatedResolution, 7);
 
     KRImage shrunk = makeImage(2, 9);
-    EXPECT_TRUE(shrunk.setResolution(8)); // 40x30, yet the greater code
+    EXPECT_TRUE(shrunk.setResolution(8)); // 40x30, but a greater code
     EXPECT_EQ(shrunk.allocatedSize, 40 * 30 * 2);
 }
 
@@ -429,7 +429,7 @@ TEST(KRImageSetColorSpace, ToMoreLayersNeedsABufferThatWasSizedForAResolution) {
     const auto* data = image.data.get();
     EXPECT_THAT([&] { image.setColorSpace(13); }, ThrowsMessage<std::invalid_argument>(StrEq(
                                                       "KRImage: reallocateDataSize: Weird resolution #-1")));
-    EXPECT_EQ(image.colorSpace, 13); // stored before the buffer is looked at
+    EXPECT_EQ(image.colorSpace, 13); // stored before the buffer is checked
     EXPECT_EQ(image.nbLayers, 3);
     EXPECT_EQ(image.allocatedLayers, 2);
     EXPECT_EQ(image.data.get(), data);

@@ -47,7 +47,7 @@ char* asChars(Bytes& bytes) {
 
 class KRImageConversion : public testing::Test {
 protected:
-    // What was logged since the last call, "category: message" for each error.
+    // The errors logged since the last call, each as "category: message".
     std::vector<std::string> takeErrors() {
         KR::flushLog();
         return std::exchange(errors_, {});
@@ -94,7 +94,7 @@ TEST_F(KRImageConversion, FromBgrTakesRowsBeforeColumns) {
 
 TEST_F(KRImageConversion, FromBgrKeepsABufferOfTheRightShape) {
     KRImage image = makeImage(6, 4);
-    image.colorSpace = 14; // whatever it is
+    image.colorSpace = 14; // any value
     const auto* data = image.data.get();
     Bytes bgr(3 * 6 * 4);
     EXPECT_TRUE(image.computeYUV422imageFromBGR(4, 6, asChars(bgr)));
@@ -124,7 +124,7 @@ TEST_F(KRImageConversion, FromBgrReshapesAnImageThatOwnsItsBuffer) {
     EXPECT_TRUE(image.ownsData());
     EXPECT_NE(image.data.get(), copy.data.get());
     EXPECT_EQ(copy.data.use_count(), 1);
-    // The caller's business, all of it.
+    // These are left to the caller.
     EXPECT_EQ(image.colorSpace, 2);
     EXPECT_EQ(image.allocatedSize, allocatedSize);
     EXPECT_EQ(image.allocatedResolution, -1);
@@ -252,7 +252,7 @@ struct Size {
     int width, height;
 };
 
-// Odd widths make pairs reach over the end of a row; odd numbers of pixels leave the last one over.
+// With odd widths, pairs span the ends of rows; with odd numbers of pixels, the last one has no partner.
 const Size kSizes[] = {{1, 1},     {2, 1},     {3, 1},     {1, 2},    {5, 3},   {16, 2},
                        {17, 2},    {31, 3},    {33, 33},   {64, 48},  {99, 77}, {161, 20},
                        {160, 120}, {320, 240}, {639, 479}, {640, 480}};

@@ -55,7 +55,7 @@ Bytes makeFile(std::uint32_t version, int width, int height, int layers, int col
     return file;
 }
 
-// Everything that a refused file is to leave as it is.
+// What a refused file must leave unchanged.
 struct Snapshot {
     int width, height, nbLayers, colorSpace, cameraId, allocatedSize, allocatedResolution, allocatedLayers;
     std::int64_t timeStamp;
@@ -78,7 +78,7 @@ protected:
         writeAll(path(), file);
         return image.readFile(path().c_str());
     }
-    // What was logged since the last call, "category: message" for each error.
+    // The errors logged since the last call, each as "category: message".
     std::vector<std::string> takeErrors() {
         KR::flushLog();
         return std::exchange(errors_, {});
@@ -201,7 +201,7 @@ TEST_F(KRImageFile, RoundTripKeepsTheImage) {
     EXPECT_EQ(std::memcmp(copy.data.get(), image.data.get(), 9000), 0);
 }
 
-// The header of a file that fits is dropped, but for its geometry: deliberate.
+// Of a file with the same geometry, the rest of the header is dropped: deliberate.
 TEST_F(KRImageFile, OfTheSameGeometryChangesThePixelsAlone) {
     KRImage image = makeImage(4, 2, 14);
     image.timeStamp = 77;
@@ -244,7 +244,7 @@ TEST_F(KRImageFile, OfAnotherGeometryGivesTheImageItsHeaderAndANewBuffer) {
     EXPECT_EQ(sharing.data[0], 0);
 }
 
-// What the buffer was sized for is not told by a file; deliberate.
+// Reading a file does not change what the buffer was sized for: deliberate.
 TEST_F(KRImageFile, LeavesWhatTheBufferWasSizedForAsItWas) {
     KRImage image(1, 13, false, 0, 0, 0, 0);
     EXPECT_TRUE(read(image, makeFile(kVersion1, 2, 1, 2, 9, 4)));
@@ -256,7 +256,7 @@ TEST_F(KRImageFile, LeavesWhatTheBufferWasSizedForAsItWas) {
 TEST_F(KRImageFile, OfAnotherGeometryLeavesAnImageWhoseDeepCopyHasAllItsPixels) {
     KRImage small = makeImage(4, 2, 9);
     ASSERT_TRUE(read(small, makeFile(kVersion1, 40, 30, 2, 9, 2400)));
-    const KRImage grown = small.deepCopy(); // more than allocatedSize tells
+    const KRImage grown = small.deepCopy(); // more than allocatedSize
     EXPECT_EQ(std::memcmp(grown.data.get(), small.data.get(), 2400), 0);
     KRImage large = makeImage(40, 30, 9);
     ASSERT_TRUE(read(large, makeFile(kVersion1, 4, 2, 2, 9, 16)));
@@ -376,7 +376,7 @@ TEST_F(KRImageFile, TruncatedInThePixelsHasGivenTheImageItsHeader) {
         EXPECT_EQ(image.nbLayers, 2);
         EXPECT_EQ(image.colorSpace, 9);
         EXPECT_EQ(image.timeStamp, 1500000000123456);
-        std::fill_n(image.data.get() + pixels, 16 - pixels, static_cast<unsigned char>(0)); // is all there
+        std::fill_n(image.data.get() + pixels, 16 - pixels, static_cast<unsigned char>(0)); // accessible
         EXPECT_TRUE(std::equal(file.begin() + kHeaderSize, file.end(), image.data.get()));
     }
 }
@@ -402,7 +402,7 @@ TEST_F(KRImageFile, OfMorePixelsThanUsualIsReadIfItHoldsThem) {
     constexpr int kSize = 2560 * 1920 * 12 + 1;
     writeAll(path(), makeFile(kVersion0, kSize, 1, 1, 0, 1));
     std::filesystem::resize_file(path(),
-                                 kVersion0HeaderSize + std::uintmax_t{kSize}); // a hole but for one byte
+                                 kVersion0HeaderSize + std::uintmax_t{kSize}); // a hole except for one byte
     KRImage image = makeImage(1, 1, 9);
     EXPECT_TRUE(image.readFile(path().c_str()));
     EXPECT_EQ(image.width, kSize);
@@ -440,7 +440,7 @@ TEST_F(KRImageFile, OfRandomBytesNeverLeavesTheBuffer) {
         const int size = KR::wrappingProduct(image.width, image.height, image.nbLayers);
         ASSERT_GE(size, 0);
         if (size > 0) {
-            image.data[0] = image.data[size - 1]; // both are there
+            image.data[0] = image.data[size - 1]; // both are accessible
         }
         if (size > 1000000) {
             image = makeImage(4, 2, 9);

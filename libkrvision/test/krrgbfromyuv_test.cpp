@@ -30,8 +30,8 @@ TEST(ComputeRgbFromYuv, LimitsToAByte) {
     EXPECT_EQ(toRgb(0, 0, 0), (Pixel{0, 135, 0}));
 }
 
-// Coefficients of three decimals: thousandths are exact. Single precision may miss them by so little that it
-// matters only where they are whole numbers.
+// Coefficients have three decimals, so thousandths are exact. Single precision is off by so little that it matters only
+// where the exact result is a whole number.
 TEST(ComputeRgbFromYuv, IsTheFormulaCutOffForEveryColor) {
     const auto isCutOff = [](int thousandths, int result) {
         const auto limited = [](int value) { return std::clamp(value, 0, 255); };

@@ -41,7 +41,7 @@ protected:
         writeAll(path(), file);
         return video.readVideo(path());
     }
-    // The description of the error, after a look at the rest of it.
+    // The description of the error; checks its other fields.
     std::string errorOf(const Bytes& file) const {
         KRVideo video;
         try {
@@ -217,7 +217,7 @@ TEST_F(KRVideoReading, NothingIsReadBeforeAFileIsOpen) {
     EXPECT_EQ(image.timeStamp, -1);
 }
 
-// Closing does not end the reading; deliberate.
+// Closing does not end the reading: deliberate.
 TEST_F(KRVideoReading, AfterClosingOperationsStillReturnTrueAndTheBufferStaysAsItIs) {
     write(3);
     KRVideo video;
@@ -265,7 +265,7 @@ TEST_F(KRVideoReading, BeyondTheEndIsTheLastFrameOfTheLastStream) {
     }
 }
 
-// A chunk is read in place of an image, its header in place of the first pixels: deliberate.
+// The header of a chunk stays in place of the first pixels: deliberate.
 TEST_F(KRVideoReading, TheHeaderOfTheChunkStaysInTheBuffer) {
     write(1);
     KRVideo video;
@@ -308,7 +308,7 @@ TEST_F(KRVideoReading, NextAndPrecedingStepWithinTheStream) {
     }
 }
 
-// Next goes on from where the reader stands, which after goToFrame is the start of a chunk; deliberate.
+// getNextFrame continues from the current position, which after goToFrame is the start of a chunk: deliberate.
 TEST_F(KRVideoReading, NextAfterGoToFrameLandsOneChunkEarly) {
     write(4, 3);
     KRVideo video;
@@ -369,7 +369,7 @@ TEST_F(KRVideoReading, OfNoFramesGoesNowhere) {
     EXPECT_EQ(video.getCurrentFrame(), 0xFFFFFFFFu);
 }
 
-// Offsets wrap round at 32 bits; deliberate.
+// Offsets wrap at 32 bits: deliberate.
 TEST_F(KRVideoReading, AFrameBeyond4GiBIsLookedForAtTheBeginning) {
     Bytes file = makeOxvHeader(kOxvVersion1, 0, 0xFFFFFFFF, 1, {{160, 120, kLuma, 8}});
     appendChunk(file, 0, 0, kChunk);
@@ -423,7 +423,7 @@ TEST_F(KRVideoReading, GetFrameTakesAllFourAnglesAsWritten) {
     EXPECT_EQ(image.bottomAngle, -0.25f);
 }
 
-// The stepping operations read overlapping angles; deliberate.
+// The stepping operations read overlapping angles: deliberate.
 TEST_F(KRVideoReading, NextAndPrecedingTakeTheAnglesOneByteApart) {
     write(3);
     Bytes chunk;

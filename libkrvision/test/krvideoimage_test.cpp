@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-// The images that frames are read into, and files that would have them overrun.
+// The images that frames are read into, and files that would overrun them.
 
 namespace {
 
@@ -22,7 +22,7 @@ using KR::streamHeader;
 
 class KRVideoImage : public testing::Test {
 protected:
-    // Opens a file of two frames of one stream; fewer bytes of chunks if they are too many.
+    // Opens a file of two frames of one stream, with only so many bytes of each chunk.
     void open(KRVideo& video, streamHeader stream, std::size_t chunkBytes) const {
         Bytes file = makeOxvHeader(kOxvVersion1, 0, 2, 1, {stream});
         appendChunk(file, 0, 0, chunkBytes);
@@ -164,7 +164,7 @@ TEST_F(KRVideoImage, OfLayersThatAreNotItsColorSpacesGetsThose) {
     KRVideo video;
     open(video, {160, 120, kYuv422, 8}, 38400);
     KRImage image = makeEmptyImage(160, 120, kYuv422);
-    image.nbLayers = 1000; // as a file may have it
+    image.nbLayers = 1000; // as from a file
     EXPECT_TRUE(video.getFrame(image, 0, 0, true));
     EXPECT_EQ(image.nbLayers, 2);
 }
@@ -197,7 +197,7 @@ TEST_F(KRVideoImage, HasRoomForItsPixelsAtADepthBelow8) {
     KRImage image = makeEmptyImage(40, 30, kLuma);
     EXPECT_TRUE(video.getFrame(image, 1, 0, true));
     EXPECT_TRUE(holdsChunk(image, 1, 0, 9600));
-    std::fill_n(image.data.get(), 19200, static_cast<unsigned char>(0)); // all of it is there
+    std::fill_n(image.data.get(), 19200, static_cast<unsigned char>(0)); // fully accessible
 }
 
 TEST_F(KRVideoImage, IsRefusedForChunksThatTheFileCannotHold) {
@@ -237,7 +237,7 @@ TEST_F(KRVideoImage, WithFewerThan25BytesIsRefusedForAShortChunk) {
     open(video, {160, 120, kLuma, 0}, 25);
     KRImage none(160, 120, kLuma, true, 0, 0, 0, 0);
     EXPECT_FALSE(video.getFrame(none, 0, 0, false));
-    KRImage small = makeEmptyImage(4, 6); // 24 bytes of its own
+    KRImage small = makeEmptyImage(4, 6); // owns 24 bytes
     EXPECT_FALSE(video.getFrame(small, 0, 0, false));
     unsigned char byte = 0;
     KRImage external(1, 1, kLuma, true, 0, 0, 0, 0);
@@ -249,7 +249,7 @@ TEST_F(KRVideoImage, WithFewerThan25BytesIsRefusedForAShortChunk) {
     EXPECT_TRUE(video.getFrame(enough, 0, 0, false));
 }
 
-// The size of a chunk is a product of 32 bits; deliberate.
+// The size of a chunk is a 32-bit product: deliberate.
 TEST_F(KRVideoImage, OfADepthWhoseProductWrapsRoundHasAShortChunk) {
     KRVideo video;
     constexpr std::uint32_t kDepth = (1u << 24) + 8; // 19200 * 2^24 = 75 * 2^32
@@ -310,7 +310,7 @@ TEST_F(KRVideoImage, NoHeaderMakesAReadLeaveTheBuffer) {
     for (int i = 0; i < 500; ++i) {
         Bytes file = whole;
         for (auto changes = 1 + random() % 3; changes > 0; --changes) {
-            // Mostly in the fields that a reader takes as they are: sizes, counts, colour spaces and depths.
+            // Mostly in the fields that a reader trusts: sizes, counts, colour spaces and depths.
             const std::size_t at = random() % 4 == 0 ? random() % headerSize : 4 + random() % 12;
             const std::size_t depth = 28 + 16 * (random() % 2) + random() % 4;
             file[random() % 2 == 0 ? at : depth] = static_cast<unsigned char>(random() >> (random() % 8));
@@ -340,7 +340,7 @@ TEST_F(KRVideoImage, NoHeaderMakesAReadLeaveTheBuffer) {
             default:
                 video.getPrecedingFrame(image, adapt);
             }
-            image.data[image.width * image.height * image.nbLayers - 1] = 1; // is there
+            image.data[image.width * image.height * image.nbLayers - 1] = 1; // accessible
         }
     }
     EXPECT_GT(opened, 50);

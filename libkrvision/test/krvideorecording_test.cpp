@@ -23,7 +23,7 @@ const std::vector<streamHeader> kLumaStream = {{160, 120, kLuma, 8}};
 
 class KRVideoRecording : public testing::Test {
 protected:
-    // Of the recording, without the extension.
+    // The path of the recording, without the extension.
     std::string path(const std::string& name = "video") const { return folder_.path(name); }
     Bytes recorded(const std::string& name = "video") const { return readAll(path(name) + ".oxv"); }
 
@@ -35,7 +35,7 @@ protected:
         return video.write(rows, cols, reinterpret_cast<char*>(bgr.data()), timeStampOf(0, 0), 0, 0.5f, 0.25f,
                            -0.5f, -0.25f);
     }
-    // Closes the recording. \return what was printed
+    // Closes the recording. \return the text on standard output
     static std::string close(KRVideo& video) {
         testing::internal::CaptureStdout();
         video.closeVideo();
@@ -151,7 +151,7 @@ TEST_F(KRVideoRecording, ReplacesTheFileThatIsThere) {
     EXPECT_EQ(recorded().size(), 32u);
 }
 
-// The extra header is announced, but not written; deliberate.
+// The extra header is announced but not written: deliberate.
 TEST_F(KRVideoRecording, DoesNotWriteTheExtraHeader) {
     KRVideo video;
     video.recordVideo(path(), 1000, kLumaStream);
@@ -196,7 +196,7 @@ TEST_F(KRVideoRecording, GoesOnIfASecondOneCannotBeOpened) {
     EXPECT_EQ(close(video), "stop recording " + path() + ".oxv file (1 frames)\n");
 }
 
-// One call, one chunk: with several streams the count is of chunks; deliberate.
+// Each call counts, so with several streams the header counts chunks: deliberate.
 TEST_F(KRVideoRecording, CountsChunksNotFrames) {
     KRVideo video;
     video.recordVideo(path(), 0, {kLumaStream[0], kLumaStream[0]});

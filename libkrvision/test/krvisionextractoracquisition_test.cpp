@@ -56,7 +56,7 @@ TEST(KRVisionExtractorAcquisition, ADetectionCallsHooksAndCameraInOrder) {
     stage.broker->getProxy("Motion")->call("subscribe", "client", 100, 0.5F);
     ASSERT_TRUE(stage.journal.waitFor("getImageRemote " + kId, 2));
     const auto begin = stage.journal.get();
-    // The setting of the frame rate belongs to the thread of the subscriber, the second fetch to the loop.
+    // The subscriber's thread sets the frame rate, the loop fetches the second image.
     EXPECT_THAT(begin, Contains("setFrameRate " + kId + " 10"));
     std::vector<std::string> loop;
     std::copy_if(begin.begin(), begin.end(), std::back_inserter(loop),
@@ -129,7 +129,7 @@ TEST(KRVisionExtractorAcquisition, APeriodInForceReachesTheCameraAsItsRate) {
     Stage stage;
     stage.extractor->subscribe("client", 33, 0.0F);
     stage.extractor->xUpdateParameters(0, 0.0F);
-    EXPECT_EQ(stage.journal.count("setFrameRate " + kId + " 30"), 2); // with the one of the start
+    EXPECT_EQ(stage.journal.count("setFrameRate " + kId + " 30"), 2); // including the one at the start
     stage.extractor->xUpdateParameters(100, 0.0F);
     EXPECT_EQ(stage.journal.count("setFrameRate " + kId + " 10"), 1);
     stage.extractor->subscribe("other", 50, 0.0F);

@@ -11,7 +11,7 @@
 namespace KR::test {
 namespace {
 
-/// Polls, for conditions that nothing announces. \return whether it has come true
+/// Polls a condition that nothing announces. \return false: not in time
 bool waitUntil(const std::function<bool()>& condition) {
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
     while (!condition()) {
@@ -31,8 +31,7 @@ using ::testing::StartsWith;
 TEST(KRVisionExtractorFailures, ARefusedCameraSubscriptionIsLoggedAndMakesTheModuleExit) {
     Stage stage;
     stage.camera->fail("subscribeCamera");
-    stage.camera->fail(
-        "releaseImage"); // as a camera service does for an identifier that it has not given out
+    stage.camera->fail("releaseImage"); // as a camera service does for an unknown identifier
     stage.extractor->subscribe("client", 33, 0.0F);
     // Nothing else is logged in this category.
     EXPECT_THAT(
@@ -135,7 +134,7 @@ TEST(KRVisionExtractorFailures, ARefusedResetOrUnsubscriptionIsLoggedAndTheSubsc
         EXPECT_EQ(stage.getLog().back(), "error|Motion: Could not unsubscribe to KRVideoDevice");
         EXPECT_TRUE(stage.extractor->isExiting());
         EXPECT_EQ(stage.extractor->getFailure(), "the camera could not be unsubscribed from: injected");
-        EXPECT_EQ(stage.extractor->getFrameRate(), 24); // subscribed under the same identifier still
+        EXPECT_EQ(stage.extractor->getFrameRate(), 24); // still subscribed under the same identifier
         stage.camera->on(operation, nullptr);
         stage.extractor->xStopDetection();
         EXPECT_EQ(stage.extractor->getFrameRate(), -1);
@@ -170,7 +169,7 @@ TEST(KRVisionExtractorFailures, AnExceptionIsTheFailureOfTheModuleUntilItsNextGo
         EXPECT_TRUE(waitUntil([&] { return proxy.getFailure() == expected; })) << proxy.getFailure();
         stage.extractor->onImage(nullptr);
         stage.extractor->unsubscribe("client");
-        EXPECT_EQ(proxy.getFailure(), expected); // the last run has failed, after all
+        EXPECT_EQ(proxy.getFailure(), expected); // the last run did fail
         stage.extractor->subscribe("client", 33, 0.0F);
         EXPECT_EQ(proxy.getFailure(), "");
     }
@@ -203,7 +202,7 @@ TEST(KRVisionExtractorFailures, ForeignExceptionsLeaveTheLoop) {
         stage.camera->on(operation, [] { throw std::logic_error("foreign"); });
         try {
             stage.extractor->subscribe("client", 33, 0.0F);
-        } catch (const std::exception&) { // from the frame rate, when there is no camera subscription
+        } catch (const std::exception&) { // setting the frame rate fails without a camera subscription
         }
         stage.camera->on(operation, nullptr);
         stage.extractor->unsubscribe("client");
@@ -229,7 +228,7 @@ TEST(KRVisionExtractorFailures, ACameraServiceThatGoesAwayAndComesBackIsUsedAgai
     stage.extractor->setParameter("4", 7);
     stage.extractor->subscribe("client", 33, 0.0F);
     stage.extractor->onImage([&](KRImage*) {
-        stage.camera->exit(); // so its release comes too late
+        stage.camera->exit(); // so that the release comes too late
         stage.journal.add("exited");
     });
     ASSERT_TRUE(stage.journal.waitFor("exited"));

@@ -16,7 +16,7 @@ namespace {
 using ::testing::Contains;
 using ::testing::HasSubstr;
 
-/// Lets threads wait until it is opened.
+/// Blocks threads until it is opened.
 class Door {
 public:
     void open() { promise_.set_value(); }
@@ -40,8 +40,8 @@ TEST(KRVisionExtractorLifecycle, AStartWakesWhenTheRunEndsByAnException) {
     Stage stage;
     stage.extractor->onImage([](KRImage*) { throw std::runtime_error("escaped"); });
     stage.extractor->subscribe("client", 33, 0.0F);
-    EXPECT_TRUE(stage.extractor->isProcessing()); // it keeps its value
-    stage.extractor->unsubscribe("client");       // and stopping returns all the same
+    EXPECT_TRUE(stage.extractor->isProcessing()); // unchanged
+    stage.extractor->unsubscribe("client");       // stopping returns all the same
     EXPECT_FALSE(stage.extractor->isProcessing());
     EXPECT_EQ(stage.journal.count("unsubscribe " + kId), 1);
 }
@@ -97,7 +97,7 @@ TEST(KRVisionExtractorLifecycle, AClassThatStopsItselfInItsDestructorHearsOfOneS
         extractor.reset();
         EXPECT_EQ(journal.count("xStopImageProcessing"), isDetecting ? 1 : 0);
     }
-    // One that is constructed directly has nobody else to stop it.
+    // Nobody else stops one that was constructed directly.
     Journal journal;
     const auto broker = KRBroker::create("local:");
     const auto camera = createModule<FakeCamera>(broker, "KRVideoDevice", journal);
@@ -152,7 +152,7 @@ TEST(KRVisionExtractorLifecycle, OfManyStartsAtOnceOneRuns) {
         thread.join();
     }
     EXPECT_EQ(stage.journal.count("subscribeCamera VisionExtractorMotion 0 0 9 -1000"), 1);
-    // All the others find the first one running, however late they come.
+    // All others find the first one running, no matter how late they come.
     EXPECT_TRUE(stage.log->waitFor("warning|Motion: Extractor is already running", kStarts - 1));
     stage.extractor->xStopDetection();
     EXPECT_FALSE(stage.extractor->isProcessing());
@@ -161,7 +161,7 @@ TEST(KRVisionExtractorLifecycle, OfManyStartsAtOnceOneRuns) {
 TEST(KRVisionExtractorLifecycle, APauseThatComesAfterTheStopsOwnDoesNotParkTheStop) {
     Stage stage;
     stage.extractor->subscribe("client", 33, 0.0F);
-    // The stop unpauses first and says so; right then somebody pauses again.
+    // The stop resumes the loop first and logs that; then another thread pauses it again.
     const KRLogListener listener([&](const KRLogRecord& record) {
         if (record.message == "Motion: Extractor pause status 0") {
             stage.extractor->pause(true);
@@ -178,7 +178,7 @@ TEST(KRVisionExtractorLifecycle, StoppingAPausedRunHasItProcessAnotherImage) {
     stage.extractor->subscribe("client", 33, 0.0F);
     stage.extractor->onImage(nullptr);
     stage.extractor->unsubscribe("client");
-    // Not always just one: it goes on, without a period, from the end of the pause to the request to stop.
+    // Perhaps several: the loop runs from the end of the pause until the stop is requested.
     EXPECT_GE(stage.journal.count("xProcessImage"), 2);
     EXPECT_EQ(stage.journal.get().back(), "xStopImageProcessing");
 }
@@ -190,7 +190,7 @@ TEST(KRVisionExtractorLifecycle, AStopDuringAStartIsNotLost) {
     auto start = std::async(std::launch::async, [&] { stage.extractor->xStartDetection(33, 0.0F); });
     ASSERT_TRUE(stage.journal.waitFor("subscribeCamera VisionExtractorMotion 0 0 9 -1000"));
     auto stop = std::async(std::launch::async, [&] { stage.extractor->xStopDetection(); });
-    // Whether the stop has come already or comes only once the run is under way, the run ends.
+    // Whether the stop comes before or after the run has begun, the run ends.
     door.open();
     stop.get();
     EXPECT_FALSE(stage.extractor->isProcessing());

@@ -114,7 +114,7 @@ TEST(KRVisionExtractorMethods, SetFrameRateIsToldApartByItsArguments) {
 TEST(KRVisionExtractorMethods, RunCalledFromOutsideRunsUntilTheModuleGoes) {
     Stage stage;
     stage.broker->getProxy("Motion")->post("_run");
-    // Nobody is subscribed, so that the period is -1 and the rate asked for with it -1000.
+    // Without subscribers the period is -1, so the requested rate is -1000.
     ASSERT_TRUE(stage.journal.waitFor("subscribeCamera VisionExtractorMotion 0 0 9 -1000"));
     ASSERT_TRUE(stage.journal.waitFor("xProcessImage"));
     stage.extractor.reset();

@@ -25,7 +25,7 @@ inline Bytes makeOxvHeader(std::uint32_t version, std::uint32_t extra, std::uint
     return file;
 }
 
-// What the chunk of a frame of a stream is to hold: every one differs from every other.
+// The contents of a chunk: different for every frame and stream.
 inline std::int64_t timeStampOf(unsigned frame, unsigned stream) {
     return 1500000000000000 + frame * 33333 + stream;
 }
@@ -48,7 +48,7 @@ inline KRImage makeEmptyImage(int width = 160, int height = 120, int colorSpace 
     return {width, height, colorSpace, false, 9.0f, 9.0f, 9.0f, 9.0f};
 }
 
-// Whether the image holds the pixels of this chunk, but for the chunk's header.
+// Whether the image holds the pixels of this chunk, apart from the chunk's header.
 inline bool holdsChunk(const KRImage& image, unsigned frame, unsigned stream, std::size_t size) {
     if (image.timeStamp != timeStampOf(frame, stream) || image.cameraId != static_cast<signed char>(stream)) {
         return false;

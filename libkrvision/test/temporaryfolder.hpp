@@ -13,7 +13,7 @@ namespace KR::test {
 
 using Bytes = std::vector<unsigned char>;
 
-/// A folder of its own for the files of one test; removed with them at the end.
+/// A folder for the files of one test, removed at the end.
 class TemporaryFolder {
 public:
     TemporaryFolder() {

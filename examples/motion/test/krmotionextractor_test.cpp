@@ -12,7 +12,7 @@
 
 namespace {
 
-/// Blocks until it was called back so many times.
+/// Counts callbacks and lets the test wait for them.
 class Listener : public KR::KRModule {
 public:
     Listener(boost::shared_ptr<KR::KRBroker> broker, const std::string& name)
@@ -44,7 +44,7 @@ private:
     KR::KRValue last_; // guarded by mutex_
 };
 
-TEST(FindMotion, TellsTheShareTheCentreAndTheBoxOfWhatChanged) {
+TEST(FindMotion, ReportsTheShareCentreAndBoxOfTheChange) {
     std::vector<unsigned char> before(10 * 5, 100);
     std::vector<unsigned char> now = before;
     now[1 * 10 + 2] = 200; // column 2, row 1
