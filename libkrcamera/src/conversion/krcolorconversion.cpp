@@ -1,4 +1,4 @@
-// Compiled once for each instruction set but those of AVX-512; the processor that runs the program chooses.
+// Compiled once for each instruction set except AVX-512; the fastest that the processor has is chosen at run time.
 #define HWY_DISABLED_TARGETS (HWY_AVX3 | HWY_AVX3_DL)
 #undef HWY_TARGET_INCLUDE
 #define HWY_TARGET_INCLUDE "conversion/krcolorconversion.cpp" // NOLINT: this file includes itself
@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cassert>
 #include <cmath>
 #include <cstddef>
 
@@ -59,7 +60,7 @@ struct Planes {
     const unsigned char *y, *u, *v;
 };
 
-// A row of YUY2: words of Y and U, Y and V by turns.
+// A row of YUY2: words of Y and U alternate with words of Y and V.
 struct Pairs {
     Pairs(const GstVideoFrame& frame, int line) : bytes(row(frame, 0, line)) {}
 
@@ -83,13 +84,13 @@ struct Pairs {
 #endif
     }
     const std::int16_t* words(std::size_t x) const {
-        return reinterpret_cast<const std::int16_t*>(bytes + 2 * x); // nothing is read through it but vectors
+        return reinterpret_cast<const std::int16_t*>(bytes + 2 * x); // used for vector loads only
     }
 
     const unsigned char* bytes;
 };
 
-// Calls `step` with the place of each vector of a row. The last pixels may come twice.
+// Calls `step` with the position of each vector of a row. The last two vectors may overlap.
 template <class Step>
 void forEachVector(int width, Step step) {
     const std::size_t lanes = hn::Lanes(Words());
@@ -99,8 +100,8 @@ void forEachVector(int width, Step step) {
     }
 }
 
-// Levels in signed words that hold 32 times as much: room for twice what is needed, so that nothing overflows before
-// it is limited.
+// Levels in signed words, multiplied by 32: twice the range that is needed, so that nothing overflows before it is
+// clamped.
 class Arithmetic {
 public:
     explicit Arithmetic(const KRColorConversion::Factors& factors)
@@ -108,21 +109,21 @@ public:
 
     static WordVector set(int value) { return hn::Set(Words(), static_cast<std::int16_t>(value)); }
 
-    /// What the factors are applied to: 128 * 8192 / 2^15 = 32.
+    /// The multiplicands of the factors: 128 * 8192 / 2^15 = 32.
     Yuv scale(const Yuv& levels) const {
         const auto scaled = [](WordVector level, WordVector zero) {
             return hn::ShiftLeft<7>(hn::Sub(level, zero));
         };
         return {scaled(levels.y, blackIn_), scaled(levels.u, set(128)), scaled(levels.v, set(128))};
     }
-    /// Y of one matrix by that of another.
+    /// Converts Y from one matrix to another.
     WordVector convertLuma(const Yuv& scaled, const std::array<std::int16_t, 3>& factors) const {
         return hn::Add(hn::Add(blackOut_, hn::MulFixedPoint15(scaled.y, set(factors[0]))),
                        hn::Add(hn::MulFixedPoint15(scaled.u, set(factors[1])),
                                hn::MulFixedPoint15(scaled.v, set(factors[2]))));
     }
 
-    static constexpr int half = 16; ///< a level, to round by
+    static constexpr int half = 16; ///< half a level, for rounding
 
 private:
     WordVector blackIn_;
@@ -134,7 +135,7 @@ void convertToRgb(const KRColorConversion::Factors& factors, const GstVideoFrame
     constexpr std::size_t pixelSize = order == Order::Bgrx ? 4 : 3;
     const Bytes bytes;
     const Arithmetic arithmetic(factors);
-    // The other two are zero.
+    // The other two factors are zero.
     const auto luma = Arithmetic::set(factors.matrix[0][0]);
     const auto redOfV = Arithmetic::set(factors.matrix[0][2]);
     const auto greenOfU = Arithmetic::set(factors.matrix[1][1]);
@@ -166,11 +167,11 @@ void convertToRgb(const KRColorConversion::Factors& factors, const GstVideoFrame
 void convertToPairs(const KRColorConversion::Factors& factors, const GstVideoFrame& in, GstVideoFrame& out) {
     const Words words;
     const Arithmetic arithmetic(factors);
-    // U and V by turns. One more, to begin at a V where a vector is no longer than that.
+    // U and V alternate. One more element, to start at a V if a vector has only one lane.
     std::array<std::int16_t, hn::MaxLanes(Words()) + 1> ofU;
     std::array<std::int16_t, hn::MaxLanes(Words()) + 1> ofV;
     for (std::size_t i = 0; i < ofU.size(); ++i) {
-        ofU[i] = factors.matrix[1 + i % 2][1]; // neither has anything of Y
+        ofU[i] = factors.matrix[1 + i % 2][1]; // neither depends on Y
         ofV[i] = factors.matrix[1 + i % 2][2];
     }
     const auto grey = Arithmetic::set(128 * 32 + Arithmetic::half);
@@ -257,7 +258,7 @@ Matrix diagonal(double a, double b, double c) {
     return {{{a, 0, 0}, {0, b, 0}, {0, 0, c}}};
 }
 
-// How many levels Y, U and V take.
+// Number of levels of Y, U and V.
 Matrix getSpans(const GstVideoColorimetry& colors) {
     return colors.range == GST_VIDEO_COLOR_RANGE_0_255 ? diagonal(255, 255, 255) : diagonal(219, 224, 224);
 }
@@ -310,7 +311,29 @@ KRColorConversion::KRColorConversion(const GstVideoColorimetry& in, const GstVid
 }
 
 void KRColorConversion::convert(const GstVideoFrame& in, GstVideoFrame& out) const {
+    assert(GST_VIDEO_FRAME_WIDTH(&in) >= 32 && GST_VIDEO_FRAME_WIDTH(&in) % 2 == 0);
+    assert(GST_VIDEO_FRAME_WIDTH(&in) == GST_VIDEO_FRAME_WIDTH(&out));
+    assert(GST_VIDEO_FRAME_HEIGHT(&in) == GST_VIDEO_FRAME_HEIGHT(&out));
     HWY_DYNAMIC_DISPATCH(convertImage)(factors_, in, out);
+}
+
+std::vector<std::string> listColorConversionPaths() {
+    hwy::SetSupportedTargetsForTest(0); // the real ones
+    std::vector<std::string> names;
+    for (const std::int64_t target : hwy::SupportedAndGeneratedTargets()) {
+        names.emplace_back(hwy::TargetName(target));
+    }
+    return names;
+}
+
+void forceColorConversionPath(const std::string& name) {
+    hwy::SetSupportedTargetsForTest(0);
+    for (const std::int64_t target : hwy::SupportedAndGeneratedTargets()) {
+        if (name == hwy::TargetName(target)) {
+            hwy::SetSupportedTargetsForTest(target);
+        }
+    }
+    hwy::GetChosenTarget().DeInit(); // the next conversion chooses again
 }
 
 } // namespace KR

@@ -4,21 +4,23 @@
 
 #include <array>
 #include <cstdint>
+#include <string>
+#include <vector>
 
 namespace KR {
 
-/// From YUV to the colours of another layout, to the nearest level. Thread-safe.
+/// Converts YUV images to the colours of another layout, to the nearest level. Thread-safe.
 class KRColorConversion {
 public:
     /// \param in   colours of the YUV images, whose matrix must have the factors Kr and Kb
-    /// \param out  what they become: RGB, BGR, BGRx, YUY2 or GRAY8
+    /// \param out  the layout of the result: RGB, BGR, BGRx, YUY2 or GRAY8
     KRColorConversion(const GstVideoColorimetry& in, const GstVideoInfo& out);
 
-    /// \param in   in the format YUY2, or Y444 if RGB comes out; its width is even, and 32 pixels at least
-    /// \param out  in the layout that was given, of the same size, and other memory
+    /// \param in   an image in the format YUY2, or Y444 if the result is RGB; its width is even and at least 32
+    /// \param out  an image of the layout given to the constructor and the same size, which does not overlap `in`
     void convert(const GstVideoFrame& in, GstVideoFrame& out) const;
 
-    /// Levels in minus their black or grey, times the factors, plus the black or grey of the levels out.
+    /// The result is (level - black or grey) * factor + black or grey.
     struct Factors {
         std::int16_t blackIn; ///< of Y; the grey of U and V is 128
         std::int16_t blackOut;
@@ -29,5 +31,13 @@ public:
 private:
     Factors factors_;
 };
+
+/// The instruction sets that the conversion is compiled for and this processor has, the fastest first: "AVX2" and so
+/// on. For tests.
+std::vector<std::string> listColorConversionPaths();
+
+/// Makes all conversions in this process use one of these instruction sets; the fastest again if the name is empty. Not
+/// beside a conversion. For tests.
+void forceColorConversionPath(const std::string& name);
 
 } // namespace KR
