@@ -32,7 +32,7 @@ std::vector<int> Image::at(int x, int y, int bytes) const {
 }
 
 void CameraTest::start(const std::vector<std::string>& sources) {
-    service.reset(); // the name is to be had once
+    service.reset(); // the name must be free
     service = createModule<KRVideoDevice>(broker, "KRVideoDevice", sources);
     proxy = std::make_unique<KRVideoDeviceProxy>(broker);
 }
@@ -47,6 +47,21 @@ Image CameraTest::fetch(const std::string& id) {
             if (!mayCome || std::chrono::steady_clock::now() > end) {
                 throw;
             }
+        }
+    }
+}
+
+Image CameraTest::fetchInOrder(const std::string& id, int count,
+                               const std::function<void(const Image&)>& check) {
+    for (std::int64_t last_usec = 0;;) {
+        Image image = fetch(id);
+        EXPECT_GT(image.time_usec, last_usec);
+        last_usec = image.time_usec;
+        if (check) {
+            check(image);
+        }
+        if (--count == 0) {
+            return image;
         }
     }
 }
@@ -123,7 +138,7 @@ void writeFilm(const std::string& path, const std::string& pattern) {
 
 std::multiset<std::string> getThreadNames() {
     std::multiset<std::string> names;
-    std::error_code ended; // a thread may end while we look
+    std::error_code ended; // a thread may end meanwhile
     for (const auto& thread : std::filesystem::directory_iterator("/proc/self/task", ended)) {
         std::ifstream file(thread.path() / "comm");
         std::string name;

@@ -22,7 +22,7 @@
 
 namespace KR {
 
-// Codes that the tests use.
+// Codes used by the tests.
 namespace Resolution {
 constexpr int QuarterVga = 1;
 constexpr int Vga = 2;
@@ -36,7 +36,7 @@ constexpr int Bgr = 13;
 constexpr int Bgrx = 18;
 } // namespace Space
 
-/// An image value, taken apart.
+/// The elements of an image value.
 struct Image {
     explicit Image(const KRValue& value);
 
@@ -50,7 +50,7 @@ struct Image {
     std::array<float, 4> angles; ///< left, top, right, bottom
 };
 
-/// A camera service with the sources that a test wants, and its proxy.
+/// A camera service with the sources of the test, and its proxy.
 class CameraTest : public testing::Test {
 protected:
     void start(const std::vector<std::string>& sources);
@@ -58,11 +58,13 @@ protected:
                           int frameRate = 30) {
         return proxy->subscribeCamera("test", camera, resolution, colorSpace, frameRate);
     }
-    /// The next image, also from a camera that takes its time; waits for a minute at most.
+    /// The next image, also of a slow camera; waits for a minute at most.
     Image fetch(const std::string& id);
+    /// Fetches so many images, whose time stamps must increase. \return the last one
+    Image fetchInOrder(const std::string& id, int count, const std::function<void(const Image&)>& check = {});
     /// Fetches until an image satisfies the condition; for a minute at most, then the test has failed.
     Image fetchUntil(const std::string& id, const std::function<bool(const Image&)>& condition);
-    /// The value, again once the service has done what it was asked to; for a minute at most.
+    /// Waits until the condition is true, for a minute at most.
     void waitUntil(const std::function<bool()>& condition);
 
     boost::shared_ptr<KRBroker> broker = KRBroker::create();
@@ -73,7 +75,7 @@ protected:
 /// "method: description" of the KRError that the function throws; also checks the module that it names.
 std::string errorOf(const std::function<void()>& function);
 
-/// A folder that goes with the object.
+/// A folder that is removed with the object.
 class TemporaryFolder {
 public:
     TemporaryFolder();
@@ -92,7 +94,7 @@ void runPipeline(const std::string& description);
 /// Makes a film of ten images, 320x240, a third of a second long.
 void writeFilm(const std::string& path, const std::string& pattern = "smpte");
 
-/// Names of the threads of this process, as the kernel has them.
+/// Names of the threads of this process, as the kernel stores them.
 std::multiset<std::string> getThreadNames();
 
 } // namespace KR

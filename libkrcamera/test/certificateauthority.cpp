@@ -10,7 +10,7 @@ namespace KR {
 
 namespace {
 
-// For two days, so that a clock that is a little off does not matter.
+// Valid for two days, so that a slightly wrong clock does not matter.
 constexpr const char* newCertificate =
     "openssl req -batch -x509 -days 2 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes ";
 

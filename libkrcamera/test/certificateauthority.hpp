@@ -6,11 +6,11 @@
 
 namespace KR {
 
-/// Makes certificates. Nobody trusts them unless told to.
+/// Makes certificates, which are not trusted until trust() is called.
 class CertificateAuthority {
 public:
     CertificateAuthority();
-    /// From here on it is not trusted any more.
+    /// The authority is no longer trusted afterwards.
     ~CertificateAuthority();
     CertificateAuthority(const CertificateAuthority&) = delete;
     CertificateAuthority& operator=(const CertificateAuthority&) = delete;
@@ -18,7 +18,7 @@ public:
     /// \return a file with the key and the certificate of a server at this address
     std::string certify(const std::string& address) const;
 
-    /// Has this process trust it, instead of those that the system trusts.
+    /// Makes this process trust this authority instead of the system's.
     void trust() const;
 
 private:

@@ -20,7 +20,7 @@ struct Release {
 template <class T>
 using Handle = std::unique_ptr<T, Release>;
 
-/// The bytes of a connection, or what TLS makes of them. Closes the connection.
+/// A connection, with TLS or without. Closes it.
 Handle<GIOStream> makeStream(int connection, const std::string& certificate) {
     const Handle<GSocket> socket(g_socket_new_from_fd(connection, nullptr));
     Handle<GIOStream> plain(G_IO_STREAM(g_socket_connection_factory_create_connection(socket.get())));
@@ -36,7 +36,7 @@ bool sendAll(GIOStream* stream, const std::string& bytes) {
                                      nullptr, nullptr, nullptr) == TRUE;
 }
 
-/// Everything up to the empty line, or nothing.
+/// The header up to the empty line; empty if it does not come.
 std::string receiveRequest(GIOStream* stream) {
     std::string request;
     char bytes[1024];
@@ -128,7 +128,7 @@ void HttpServer::serve(int connection) {
     answer(*stream);
     const std::lock_guard lock(mutex_);
     connections_.erase(connection);
-    stream.reset(); // its number may be given to another one from here on
+    stream.reset(); // from here on, another connection may get its number
 }
 
 void HttpServer::answer(GIOStream& stream) {

@@ -11,13 +11,13 @@
 
 namespace KR {
 
-/// An HTTP server on the loopback interface. Whatever is asked for, it sends one film: once, or as a network camera
-/// that never ends.
+/// An HTTP server on the loopback interface. It answers every request with one film: once, or endlessly like a network
+/// camera.
 class HttpServer {
 public:
     struct Options {
         bool endless = false;         ///< send the content again and again, ten times per second
-        std::string password = "";    ///< of the user "user", whom alone it serves then
+        std::string password = "";    ///< of the user "user"; empty: no authentication
         std::string certificate = ""; ///< file with certificate and key: serve https: instead of http:
     };
 
@@ -26,12 +26,12 @@ public:
     HttpServer(const HttpServer&) = delete;
     HttpServer& operator=(const HttpServer&) = delete;
 
-    /// \param user  what stands before the host: "user:password@", or nothing
+    /// \param user  what precedes the host: "user:password@", or empty
     std::string getUri(const std::string& user = "") const {
         return (options_.certificate.empty() ? "http://" : "https://") + user +
                "127.0.0.1:" + std::to_string(port_) + "/camera";
     }
-    /// How often anything has been asked for.
+    /// Number of requests.
     int getRequests() const { return requests_; }
 
     /// Closes all connections and refuses new ones.
@@ -55,7 +55,7 @@ private:
     std::thread thread_;
     std::mutex mutex_;
     std::set<int> connections_;        // guarded by mutex_
-    std::vector<std::thread> servers_; // touched by thread_, and when that has ended
+    std::vector<std::thread> servers_; // used by thread_, and after it has ended
 };
 
 } // namespace KR

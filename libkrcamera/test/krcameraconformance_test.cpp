@@ -1,4 +1,4 @@
-// What every source of the camera service does, and the camera that other tests use in its place.
+// What every source of the camera service must do, and the fake camera of other tests as well.
 
 #include "cameratest.hpp"
 #include "certificateauthority.hpp"
@@ -17,12 +17,12 @@
 namespace KR {
 namespace {
 
-/// A way to two cameras of one kind.
+/// How to make two cameras of one kind.
 struct Kind {
     std::string name;
     int model;
     bool fake = false;
-    int parameter = 0; ///< one that the cameras have; 0: they have none
+    int parameter = 0; ///< id of a parameter of these cameras; 0 if they have none
 };
 
 void PrintTo(const Kind& kind, std::ostream* out) {
@@ -45,7 +45,7 @@ protected:
         start({source, source == getDevice() ? "test" : source}); // a device can be opened once
     }
 
-    // Gone before the folder and the servers are.
+    // Destroyed before the folder and the servers.
     void TearDown() override { service.reset(); }
 
     static std::string getDevice() {
@@ -124,7 +124,7 @@ TEST_P(Conformance, IdentifiersBeginWithTheNameAndDiffer) {
     fetch(second);
 }
 
-TEST_P(Conformance, WhatIsNotSupportedIsRefusedByName) {
+TEST_P(Conformance, UnsupportedSettingsAreRefusedWithTheirValues) {
     using testing::HasSubstr;
     EXPECT_THAT(errorOf([&] { subscribe(9); }), HasSubstr("camera 9"));
     EXPECT_THAT(errorOf([&] { subscribe(-1); }), HasSubstr("camera -1"));
@@ -167,7 +167,7 @@ TEST_P(Conformance, EachFetchGetsALaterImageReleasedOrNot) {
     }
 }
 
-TEST_P(Conformance, AnImageStaysAsItIsForAsLongAsItIsHeld) {
+TEST_P(Conformance, AnImageDoesNotChangeWhileItIsHeld) {
     const std::string id = subscribe(0, 0, Space::Bgr);
     const Image held = fetch(id);
     const std::vector<unsigned char> copy(held.data(), held.data() + held.pixels.size());
@@ -231,7 +231,7 @@ TEST_P(Conformance, ASubscriptionMovesToAnotherCameraAndBack) {
     EXPECT_EQ(fetch(id).camera, 0);
 }
 
-TEST_P(Conformance, ACameraThatEverybodyHasLeftOpensAgain) {
+TEST_P(Conformance, ACameraWithoutSubscribersOpensAgain) {
     for (int i = 0; i < 3; ++i) {
         const std::string id = subscribe();
         fetch(id);

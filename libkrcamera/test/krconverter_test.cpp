@@ -12,7 +12,7 @@ namespace KR {
 
 namespace {
 
-/// What a camera may deliver.
+/// A layout that a camera may deliver.
 struct Layout {
     GstVideoFormat format;
     const char* colorimetry;
@@ -36,7 +36,7 @@ Components toRgb(const Components& yuv, double kr, double kb) {
     return {red, (yuv[0] - kr * red - kb * blue) / (1 - kr - kb), blue};
 }
 
-/// A picture of squares, each of one colour that is drawn at random.
+/// A picture of squares in random colours.
 class Squares {
 public:
     static constexpr int size = 32;
@@ -60,7 +60,7 @@ public:
     Squares& operator=(const Squares&) = delete;
 
     const GstVideoFrame& getFrame() const { return frame_; }
-    /// R, G and B of a square, from 0 to 1, of what its rounded components are.
+    /// R, G and B of a square, from 0 to 1, computed from its rounded components.
     const Components& getColor(int column, int row) const { return colors_[row * columns + column]; }
 
 private:
@@ -112,7 +112,7 @@ private:
     std::array<Components, columns * rows> colors_;
 };
 
-/// What the image values of a colour are in a colour space: two pixels.
+/// Two pixels of a colour in a colour space.
 std::vector<int> describe(const Components& color, int colorSpace) {
     const auto level = [](double value) {
         return static_cast<int>(std::clamp(std::round(value), 0.0, 255.0));
@@ -151,7 +151,7 @@ TEST_P(ConverterTest, EveryColorComesOutWithinTwoLevelsInEverySizeAndColorSpace)
             const KRBinary image = converter.convert(squares.getFrame(), resolution, colorSpace);
             const GstVideoInfo info = getImageInfo(resolution, colorSpace).value();
             if (info.width < 160) {
-                continue; // the squares are too small to have a middle of one colour
+                continue; // the squares are too small for a centre of one colour
             }
             int worst = 0;
             for (int row = 0; row < Squares::rows; ++row) {

@@ -1,4 +1,4 @@
-// Vision extractors on the real camera service: what the two make of each other, and that all of it ends.
+// Vision extractors on the real camera service, and that everything is released at the end.
 
 #include "cameratest.hpp"
 
@@ -14,7 +14,7 @@
 namespace KR {
 namespace {
 
-/// Keeps account of the images that it gets.
+/// Counts the images that it gets.
 class ImageCounter : public KRVisionExtractor {
 public:
     ImageCounter(boost::shared_ptr<KRBroker> broker, const std::string& name, int camera = 0)
@@ -34,7 +34,7 @@ public:
     }
     void xStopImageProcessing() override {}
 
-    std::function<void(KRImage*)> onImage; ///< set it before images flow
+    std::function<void(KRImage*)> onImage; ///< set before images flow
 
     /// Blocks until so many images of this kind have come since the start. \return whether they have
     bool waitFor(int camera, int width, int colorSpace, int images) {
@@ -52,7 +52,7 @@ public:
 private:
     std::mutex mutex_;
     std::condition_variable got_;
-    std::map<std::tuple<int, int, int>, int> images_; // guarded by mutex_, as what follows
+    std::map<std::tuple<int, int, int>, int> images_; // guarded by mutex_, like the members below
     bool sound_ = true;
     std::int64_t lastTime_ = 0;
     int lastCamera_ = -1;
@@ -123,7 +123,7 @@ TEST_F(KRExtractorsOnCameras, SettingsChangeWhileImagesFlow) {
     EXPECT_TRUE(counter->setFrameRate(15));
     EXPECT_EQ(counter->getFrameRate(), 15);
     EXPECT_EQ(counter->getMyPeriod("client"), 66);
-    EXPECT_FALSE(counter->setColorSpace(1)); // not one that the service has
+    EXPECT_FALSE(counter->setColorSpace(1)); // not supported by the service
     EXPECT_EQ(counter->getColorSpace(), Space::Luma);
     EXPECT_FALSE(counter->setActiveCamera(7));
     EXPECT_EQ(counter->getActiveCamera(), 1);

@@ -1,12 +1,14 @@
 #include "camera/krframe.hpp"
 
+#include "conversion/krconverter.hpp"
+
 #include "cameratest.hpp"
 
 #include <algorithm>
 
 namespace KR {
 
-/// Frames of memory that the test knows.
+/// Frames in memory of the test.
 class FrameTest : public testing::Test {
 protected:
     FrameTest() { initGStreamer(); }
@@ -72,7 +74,7 @@ TEST_F(FrameTest, AConversionIsMadeOnceAndAligned) {
     EXPECT_EQ(reinterpret_cast<std::uintptr_t>(first.data()) % 64, 0U);
 }
 
-// As JPEG has them.
+// As in JPEG.
 TEST_F(FrameTest, ColorsFrom0To255AreBroughtToTheUsualRange) {
     const auto frame = makeFrame(GST_VIDEO_FORMAT_I420, 320, 240, "1:4:0:0");
     std::fill(memory.begin(), memory.begin() + 320 * 240, static_cast<unsigned char>(255));

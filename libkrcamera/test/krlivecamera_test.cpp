@@ -1,8 +1,12 @@
 #include "camera/krlivecamera.hpp"
 
+#include "camera/krframe.hpp"
+#include "conversion/krconverter.hpp"
+
 #include <krplatform/krthread.hpp>
 
 #include "../../libkrplatform/test/patience.hpp"
+#include "../../libkrplatform/test/recordedlog.hpp"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -10,6 +14,7 @@
 #include <atomic>
 #include <functional>
 #include <future>
+#include <new>
 #include <stdexcept>
 
 namespace KR {
@@ -42,7 +47,7 @@ protected:
         capture.taken = Clock::now();
         return capture;
     }
-    /// Waits for longer than the test does: only who is woken is in time.
+    /// Waits longer than the test does, so that the test only passes if the wait is ended.
     std::shared_ptr<KRFrame> fetch(std::uint64_t after) {
         return camera->waitForFrame(after, Clock::now() + 2 * test::kPatience);
     }
@@ -71,7 +76,7 @@ protected:
             open();
             return std::make_unique<Source>(*this);
         },
-        false);
+        KRLiveCamera::Silence());
 };
 
 TEST_F(LiveCameraTest, FailsAndComesBackByItselfAndGoesOnCounting) {
@@ -95,7 +100,7 @@ TEST_F(LiveCameraTest, FailsAndComesBackByItselfAndGoesOnCounting) {
     plugged = false;
     ASSERT_TRUE(eventually([&] { return camera->getStatus().failure == "no device"; }));
     EXPECT_EQ(camera->getStatus().state, "failed");
-    EXPECT_NO_THROW(fetch(0)); // what came before
+    EXPECT_NO_THROW(fetch(0)); // the last frame before the failure
     const std::uint64_t last = fetch(0)->getNumber();
     EXPECT_EQ(errorOf([&] { fetch(last); }), "no device");
     EXPECT_EQ(running, 0);
@@ -104,12 +109,46 @@ TEST_F(LiveCameraTest, FailsAndComesBackByItselfAndGoesOnCounting) {
     ASSERT_TRUE(eventually([&] { return camera->getStatus().state == "open"; }));
     EXPECT_GT(fetch(last)->getNumber(), first);
     EXPECT_EQ(camera->getStatus().failure, "");
-    camera->close(); // before what its thread uses
+    camera->close(); // before the objects that its thread uses
 }
 
-TEST_F(LiveCameraTest, TriesAtEverGreaterIntervalsUpToFiveSeconds) {
+TEST_F(LiveCameraTest, AnyExceptionIsAFailure) {
+    open = [this] {
+        if (attempts == 1) {
+            throw 42;
+        }
+        if (attempts == 2) {
+            throw std::bad_alloc();
+        }
+    };
+    EXPECT_EQ(errorOf([&] { camera->open(); }), "an exception that is not a std::exception");
+    EXPECT_TRUE(eventually([&] { return camera->getStatus().state == "open"; }));
+    EXPECT_EQ(attempts, 3);
+    camera->close(); // before the objects that its thread uses
+}
+
+TEST_F(LiveCameraTest, OneThatFailsAgainAndAgainIsNotLoggedEachTime) {
+    const test::RecordedLog log;
+    std::atomic<int> delivered = 0;
+    pull = [&]() -> std::optional<KRCapture> {
+        if (++delivered % 2 == 0) { // one image each time
+            throw std::runtime_error(delivered % 4 == 0 ? "unplugged" : "no signal");
+        }
+        return makeCapture();
+    };
+    EXPECT_TRUE(eventually([&] {
+        errorOf([&] { camera->open(); }); // tries at once
+        return delivered >= 20;
+    }));
+    camera->close();
+    EXPECT_EQ(log.find(KRLogLevel::Error, "camera 0 has failed: no signal").size(), 1U);
+    EXPECT_EQ(log.find(KRLogLevel::Error, "camera 0 has failed: unplugged").size(), 1U);
+    EXPECT_LE(log.find(KRLogLevel::Info, "camera 0 is open").size(), 3U);
+}
+
+TEST_F(LiveCameraTest, TriesAgainAtIncreasingIntervals) {
     const auto start = Clock::now();
-    std::vector<std::chrono::milliseconds> times; // touched by the capture thread until it has ended
+    std::vector<std::chrono::milliseconds> times; // used by the capture thread until it has ended
     open = [&] {
         times.push_back(std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start));
         throw std::runtime_error("no device");
@@ -133,7 +172,7 @@ TEST_F(LiveCameraTest, OpeningOneThatHasFailedTriesAtOnce) {
         EXPECT_EQ(errorOf([&] { camera->open(); }), "no device");
         EXPECT_GE(attempts, i);
     }
-    // More of them than there is patience for if each of them waited.
+    // If each of them waited, they would take too long.
     auto opening = std::async(std::launch::async, [&] {
         for (int i = 0; i < 15; ++i) {
             EXPECT_EQ(errorOf([&] { camera->open(); }), "no device");
@@ -144,7 +183,7 @@ TEST_F(LiveCameraTest, OpeningOneThatHasFailedTriesAtOnce) {
     plugged = true;
     camera->open();
     EXPECT_EQ(camera->getStatus().state, "open");
-    camera->close(); // before what its thread uses
+    camera->close(); // before the objects that its thread uses
 }
 
 TEST_F(LiveCameraTest, ClosingDoesNotWaitForTheNextAttempt) {
@@ -156,7 +195,18 @@ TEST_F(LiveCameraTest, ClosingDoesNotWaitForTheNextAttempt) {
     EXPECT_EQ(errorOf([&] { camera->open(); }), "the camera service is shutting down");
 }
 
-TEST_F(LiveCameraTest, AFetchThatWaitsHearsOfTheFailure) {
+TEST_F(LiveCameraTest, OneThatNeverDeliversIsGivenUpWithAHint) {
+    pull = []() -> std::optional<KRCapture> {
+        sleepMilliseconds(50);
+        return std::nullopt;
+    };
+    KRLiveCamera silent(
+        0, "camera 0", [this](const KRSize&) { return std::make_unique<Source>(*this); },
+        KRLiveCamera::Silence{false, "the file may be damaged"});
+    EXPECT_EQ(errorOf([&] { silent.open(); }), "no image within 10 s; the file may be damaged");
+}
+
+TEST_F(LiveCameraTest, AWaitingFetchFailsWithTheSource) {
     Event failing;
     std::atomic<bool> first = true;
     pull = [&]() -> std::optional<KRCapture> {
@@ -176,7 +226,7 @@ TEST_F(LiveCameraTest, AFetchThatWaitsHearsOfTheFailure) {
     camera->close();
 }
 
-TEST_F(LiveCameraTest, IsOpenedAnewForALargerPictureThanItServesAndForNoOther) {
+TEST_F(LiveCameraTest, IsReopenedForALargerPictureThanItServesAndForNoOther) {
     std::atomic<bool> failing = false;
     pull = [&]() -> std::optional<KRCapture> {
         if (failing.exchange(false)) {
@@ -198,15 +248,15 @@ TEST_F(LiveCameraTest, IsOpenedAnewForALargerPictureThanItServesAndForNoOther) {
     EXPECT_EQ(attempts, 2);
     EXPECT_EQ(camera->getStatus().failure, "");
 
-    // What was asked for once counts until the camera closes.
+    // A size that was asked for counts until the camera closes.
     camera->want({160, 120});
     failing = true;
     ASSERT_TRUE(eventually([&] { return attempts > 2 && running == 1; }));
     EXPECT_EQ(openedFor, 640);
-    camera->close(); // before what its thread uses
+    camera->close(); // before the objects that its thread uses
 }
 
-// What nobody fetches is let go of as soon as the next one comes.
+// A frame that is not fetched is released when the next one comes.
 TEST_F(LiveCameraTest, HoldsNoFrameButTheNewest) {
     std::atomic<int> held = 0;
     pull = [&]() -> std::optional<KRCapture> {
@@ -221,13 +271,13 @@ TEST_F(LiveCameraTest, HoldsNoFrameButTheNewest) {
     camera->open();
     for (std::uint64_t last = 0; last < 20;) {
         last = fetch(last)->getNumber();
-        EXPECT_LE(held, 4); // the newest, the one that comes, and the one that the test holds
+        EXPECT_LE(held, 4); // the newest, the next, and the one that the test holds
     }
     camera->close();
     EXPECT_EQ(held, 0);
 }
 
-TEST_F(LiveCameraTest, WhoWaitsIsWokenWhenTheCameraCloses) {
+TEST_F(LiveCameraTest, ClosingWakesWaitingFetches) {
     std::atomic<bool> first = true;
     pull = [&]() -> std::optional<KRCapture> {
         if (first.exchange(false)) {
@@ -242,7 +292,7 @@ TEST_F(LiveCameraTest, WhoWaitsIsWokenWhenTheCameraCloses) {
     EXPECT_TRUE(test::resultOf(fetching));
 }
 
-TEST_F(LiveCameraTest, ASteadyOneThatFallsSilentHasFailed) {
+TEST_F(LiveCameraTest, SilenceIsAFailureForSourcesThatNeverPause) {
     std::atomic<int> delivered = 0;
     pull = [&]() -> std::optional<KRCapture> {
         if (++delivered <= 3) {
@@ -252,7 +302,8 @@ TEST_F(LiveCameraTest, ASteadyOneThatFallsSilentHasFailed) {
         return std::nullopt;
     };
     KRLiveCamera steady(
-        0, "camera 0", [this](const KRSize&) { return std::make_unique<Source>(*this); }, true);
+        0, "camera 0", [this](const KRSize&) { return std::make_unique<Source>(*this); },
+        KRLiveCamera::Silence{true});
     steady.open();
     ASSERT_TRUE(eventually([&] { return steady.getStatus().state == "failed"; }));
     EXPECT_EQ(steady.getStatus().failure, "no image within 10 s");
@@ -272,10 +323,10 @@ TEST_F(LiveCameraTest, AFetchThatWaitsGetsTheNextFrame) {
     auto fetching = test::startAndLetSleep([&] { return fetch(1)->getNumber(); });
     ++due;
     EXPECT_EQ(test::resultOf(fetching), 2U);
-    camera->close(); // before what its thread uses
+    camera->close(); // before the objects that its thread uses
 }
 
-TEST_F(LiveCameraTest, OneThatEndsAtOnceHasBeenOpenedAllTheSame) {
+TEST_F(LiveCameraTest, ASourceThatEndsAtOnceHasBeenOpenedNonetheless) {
     for (int i = 0; i < 20; ++i) {
         std::atomic<bool> first = true;
         pull = [&]() -> std::optional<KRCapture> {
@@ -285,7 +336,8 @@ TEST_F(LiveCameraTest, OneThatEndsAtOnceHasBeenOpenedAllTheSame) {
             throw std::runtime_error("the source has ended");
         };
         KRLiveCamera ending(
-            0, "camera 0", [this](const KRSize&) { return std::make_unique<Source>(*this); }, false);
+            0, "camera 0", [this](const KRSize&) { return std::make_unique<Source>(*this); },
+            KRLiveCamera::Silence());
         EXPECT_EQ(errorOf([&] { ending.open(); }), "no error");
     }
 }

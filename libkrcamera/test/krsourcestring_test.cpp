@@ -1,5 +1,5 @@
 #include "recording/krrecordingaddress.hpp"
-#include "source/krsource.hpp"
+#include "source/krsourcestring.hpp"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,5 +1,8 @@
 #include "service/krsubscription.hpp"
 
+#include "camera/krframe.hpp"
+#include "conversion/krconverter.hpp"
+
 #include <gtest/gtest.h>
 
 namespace KR {
@@ -33,7 +36,7 @@ TEST_F(SubscriptionAccountTest, AFrameThatAnotherThreadTookOrANewerOneIsRefused)
     EXPECT_EQ(countMissed(), 0);
 }
 
-TEST_F(SubscriptionAccountTest, AFrameOfTheCameraBeforeIsRefused) {
+TEST_F(SubscriptionAccountTest, AFrameOfThePreviousCameraIsRefused) {
     EXPECT_TRUE(take(100));
     const KRSubscription::Position before = subscription.getPosition();
     subscription.setCamera(1);

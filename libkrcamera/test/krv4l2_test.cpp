@@ -1,4 +1,4 @@
-// On a real device, or one that the kernel pretends to have: scripts/test-v4l2. Skipped unless KR_V4L2_DEVICE names it.
+// Tests on a real or simulated device (scripts/test-v4l2). Skipped unless KR_V4L2_DEVICE names one.
 
 #include "cameratest.hpp"
 
@@ -39,7 +39,7 @@ public:
         std::unique_lock lock(mutex_);
         return got_.wait_for(lock, test::kPatience, [&] { return width_ == width && height_ == height; });
     }
-    /// Median of the time from image to image over so many of them, milliseconds.
+    /// Median interval between images, over the given number of them, milliseconds.
     double measureInterval(std::size_t images) {
         std::unique_lock lock(mutex_);
         times_.clear();
@@ -56,7 +56,7 @@ public:
 private:
     std::mutex mutex_;
     std::condition_variable got_;
-    int width_ = 0; // guarded by mutex_, as what follows
+    int width_ = 0; // guarded by mutex_, like the members below
     int height_ = 0;
     std::vector<std::int64_t> times_;
 };
@@ -119,11 +119,11 @@ TEST_F(V4l2Device, EveryControlIsSetReadBackAndReset) {
     int changed = 0;
     for (const KRCameraControl& control : controls) {
         if (control.id == gain) {
-            proxy->setCameraParameter(id, autogain, 0); // which would set the gain by itself
+            proxy->setCameraParameter(id, autogain, 0); // which would change the gain
         }
         bool refused = false;
         for (const int value : {control.minimum, control.maximum}) {
-            // Items of a menu may be missing, and a camera that streams may refuse to change something.
+            // Items of a menu may be missing, and a streaming camera may reject a change.
             if (!proxy->setCameraParameter(id, control.id, value)) {
                 std::cout << control.name << " refuses " << value << "\n";
                 refused = true;
@@ -142,7 +142,7 @@ TEST_F(V4l2Device, EveryControlIsSetReadBackAndReset) {
         EXPECT_TRUE(refused || control.id == gain || valueOf(control.id) == control.defaultValue)
             << control.name << " is " << valueOf(control.id);
     }
-    // What the camera sets by itself cannot be set.
+    // A control that the camera adjusts automatically cannot be set.
     EXPECT_TRUE(proxy->setCameraParameter(id, autogain, 1));
     EXPECT_FALSE(proxy->setCameraParameter(id, gain, 255));
     std::cout << controls.size() << " controls, " << changed << " values set and read back\n";

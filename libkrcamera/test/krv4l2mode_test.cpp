@@ -7,7 +7,7 @@ namespace KR {
 const std::string yuy2 = "video/x-raw,format=YUY2";
 const std::string jpeg = "image/jpeg";
 
-// As a webcam on USB 2: large images only compressed, unless they may come slowly.
+// Like a webcam on USB 2: large images are compressed or slow.
 const std::vector<KRV4l2Mode> webcam{
     {jpeg, {1920, 1080}, 30, 1}, {jpeg, {1280, 720}, 30, 1}, {jpeg, {640, 480}, 30, 1},
     {yuy2, {1920, 1080}, 5, 1},  {yuy2, {1280, 720}, 10, 1}, {yuy2, {640, 480}, 30, 1},
@@ -43,7 +43,7 @@ TEST(KRV4l2Mode, ASlowCameraIsBetterThanNone) {
               yuy2 + ",width=640,height=480,framerate=15/2");
 }
 
-TEST(KRV4l2Mode, ADeviceThatTellsNothingIsAskedForVga) {
+TEST(KRV4l2Mode, ADeviceThatListsNoModesIsAskedForVga) {
     EXPECT_EQ(chooseV4l2Caps({}, {1280, 720}),
               "video/x-raw,format=YUY2,width=640,height=480,framerate=30/1;video/x-raw;image/jpeg");
 }

@@ -18,7 +18,7 @@ void expectNear(const std::vector<int>& actual, const std::vector<int>& expected
     }
 }
 
-// In luma and YUV422 as BT.601 has them, 16 to 235; the others 0 to 255.
+// Luma and YUV422 as in BT.601, 16 to 235; the others 0 to 255.
 struct Color {
     std::string pattern;
     int luma;
@@ -125,7 +125,7 @@ TEST_F(ImageTest, IsTheNewestAfterAPause) {
     EXPECT_GE(fetch(sleeper).time_usec, seen.time_usec);
 }
 
-TEST_F(ImageTest, BearsTheTimeOfItsCaptureInMicroseconds) {
+TEST_F(ImageTest, HasItsCaptureTimeInMicroseconds) {
     start({"test"});
     const std::string id = subscribe();
     bool finerThanMilliseconds = false;
@@ -146,7 +146,7 @@ class SharingTest : public CameraTest, public testing::WithParamInterface<std::p
 
 TEST_P(SharingTest, SubscribersOfTheSameGeometryGetTheSamePixels) {
     const auto [resolution, colorSpace] = GetParam();
-    // So slow that the second always has time to fetch the frame that the first one got.
+    // So slow that the second subscriber can always fetch the same frame as the first.
     start({"gst:videotestsrc is-live=true pattern=ball ! video/x-raw,width=640,height=480,framerate=8/1"});
     const std::string first = subscribe(0, resolution, colorSpace);
     const std::string second = subscribe(0, resolution, colorSpace);
@@ -165,7 +165,7 @@ INSTANTIATE_TEST_SUITE_P(Geometries, SharingTest,
                                          std::pair{Resolution::QuarterVga, Space::Bgr},
                                          std::pair{Resolution::QuarterVga, Space::Luma}));
 
-TEST_F(ImageTest, StaysAsItIsWhileItIsHeld) {
+TEST_F(ImageTest, DoesNotChangeWhileItIsHeld) {
     start({"test:snow"});
     const std::string id = subscribe(0, Resolution::QuarterVga, Space::Bgr);
     const Image held = fetch(id);

@@ -1,4 +1,4 @@
-// Cameras that fail and come back, under the subscriptions of the service.
+// Subscriptions to cameras that fail and come back.
 
 #include "cameratest.hpp"
 
@@ -11,7 +11,7 @@ using testing::StartsWith;
 
 class LifeTest : public CameraTest {
 protected:
-    /// A film that ends is a camera that was unplugged; it can be plugged in again for as long as the file is there.
+    /// The end of a film stands for a camera that is unplugged; while the file exists, it can be plugged in again.
     LifeTest() {
         writeFilm(film);
         source = "gst:filesrc location=" + film + " ! decodebin";
@@ -39,7 +39,7 @@ protected:
     std::string source;
 };
 
-TEST_F(LifeTest, FramesFlowAgainWithoutAnyoneSubscribingAnew) {
+TEST_F(LifeTest, FramesFlowAgainWithoutNewSubscriptions) {
     start({source});
     const std::string one = subscribe();
     const std::string two = subscribe(0, Resolution::QuarterVga, Space::Bgr);
@@ -58,7 +58,7 @@ TEST_F(LifeTest, FramesFlowAgainWithoutAnyoneSubscribingAnew) {
     EXPECT_GT(time, before);
 }
 
-TEST_F(LifeTest, ANewSubscriberHasACameraThatHasFailedTryAtOnce) {
+TEST_F(LifeTest, ANewSubscriberMakesAFailedCameraTryAtOnce) {
     start({source});
     const std::string id = subscribe();
     unplug();
@@ -72,7 +72,7 @@ TEST_F(LifeTest, ANewSubscriberHasACameraThatHasFailedTryAtOnce) {
     EXPECT_TRUE(fetches(id));
 }
 
-TEST_F(LifeTest, ACameraThatHasFailedIsLeftAndClosedLikeAnyOther) {
+TEST_F(LifeTest, ACameraThatHasFailedCanBeLeftAndClosedLikeAnyOther) {
     start({source, "test"});
     const std::string moving = subscribe();
     const std::string leaving = subscribe();
@@ -98,7 +98,7 @@ TEST_F(LifeTest, TheControlsOfACameraLastThroughItsFailure) {
         return image.at(314, 5)[1] > 200 && image.at(5, 5)[1] < 200;
     };
     fetchUntil(id, isTurned);
-    std::filesystem::resize_file(film, 100); // at its end it cannot begin again
+    std::filesystem::resize_file(film, 100); // it cannot start again at its end
     waitUntil([&] { return !getFailure().empty(); });
     writeFilm(film);
     waitUntil([&] { return getFailure().empty(); });

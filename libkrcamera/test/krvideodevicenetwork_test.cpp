@@ -26,7 +26,7 @@ protected:
         writeFilm(folder / "film.avi", "green");
         return read(folder / "film.avi");
     }
-    /// Three images as a network camera sends them.
+    /// Three images in the format of a network camera.
     std::string makeStream() {
         runPipeline("videotestsrc num-buffers=3 pattern=green ! video/x-raw,format=RGB,width=320,height=240"
                     " ! videoconvert ! video/x-raw,format=I420,colorimetry=1:4:0:0 ! jpegenc quality=95"
@@ -43,7 +43,7 @@ protected:
         start({uri});
         return errorOf([&] { subscribe(); });
     }
-    /// Fetches, stops the server, fetches what is left, starts the server, and fetches again.
+    /// Fetches, stops the server, fetches the remaining images, starts the server, and fetches again.
     template <class Server>
     void expectThatItComesBack(Server& server) {
         start({server.getUri()});
@@ -62,7 +62,7 @@ protected:
         server.start();
         EXPECT_TRUE(test::eventually([&] { return errorOf([&] { expectGreen(fetch(id)); }) == "no error"; }));
     }
-    /// What cannot be opened says so, names the source and hides its password.
+    /// The error of a source that cannot be opened names the source and hides its password.
     void expectRefusal(const std::string& uri, const std::string& shown, const std::string& reason) {
         EXPECT_THAT(openError(uri), AllOf(HasSubstr("camera 0 (" + shown + ") cannot be opened: " + reason),
                                           Not(HasSubstr("mistaken"))));
@@ -76,13 +76,7 @@ TEST_F(NetworkTest, AFilmOnAServerIsPlayedAgainAndAgain) {
     const HttpServer server("video/x-msvideo", makeFilm(), {});
     start({server.getUri()});
     const std::string id = subscribe(0, Resolution::QuarterVga, Space::Rgb);
-    std::int64_t last = 0;
-    for (int i = 0; i < 25; ++i) {
-        const Image image = fetch(id);
-        EXPECT_GT(image.time_usec, last);
-        last = image.time_usec;
-        expectGreen(image);
-    }
+    fetchInOrder(id, 25, [this](const Image& image) { expectGreen(image); });
 }
 
 TEST_F(NetworkTest, AFilmOnAServerMayBeCodedInEveryWayThatAFileMay) {
@@ -96,7 +90,7 @@ TEST_F(NetworkTest, AFilmOnAServerMayBeCodedInEveryWayThatAFileMay) {
     expectGreen(fetch(id));
 }
 
-TEST_F(NetworkTest, AnHttpCameraThatGoesOffTheNetIsThereAgainWhenItIsBack) {
+TEST_F(NetworkTest, AnHttpCameraThatWasUnreachableComesBack) {
     HttpServer server("multipart/x-mixed-replace; boundary=next", makeStream(), {.endless = true});
     expectThatItComesBack(server);
 }
@@ -119,7 +113,7 @@ TEST_F(NetworkTest, AnRtspCameraShowsWhatMoves) {
     }
 }
 
-TEST_F(NetworkTest, AnRtspCameraThatGoesOffTheNetIsThereAgainWhenItIsBack) {
+TEST_F(NetworkTest, AnRtspCameraThatWasUnreachableComesBack) {
     for (const auto coding : {RtspServer::Coding::Jpeg, RtspServer::Coding::H264}) {
         RtspServer server(coding);
         expectThatItComesBack(server);
@@ -127,7 +121,7 @@ TEST_F(NetworkTest, AnRtspCameraThatGoesOffTheNetIsThereAgainWhenItIsBack) {
     }
 }
 
-TEST_F(NetworkTest, AServerThatIsNotThereIsNamed) {
+TEST_F(NetworkTest, AnUnreachableServerIsNamed) {
     std::vector<std::string> uris;
     {
         const HttpServer http("text/plain", "", {});
@@ -141,7 +135,7 @@ TEST_F(NetworkTest, AServerThatIsNotThereIsNamed) {
     }
 }
 
-TEST_F(NetworkTest, APageThatIsNoFilmIsRefused) {
+TEST_F(NetworkTest, APageThatIsNotAFilmIsRefused) {
     const HttpServer server("text/html", "<html>It was a dark and stormy night.</html>", {});
     EXPECT_THAT(openError(server.getUri()), HasSubstr("cannot be opened: "));
 }
@@ -161,7 +155,7 @@ TEST_F(NetworkTest, APasswordOpensACamera) {
     }
 }
 
-TEST_F(NetworkTest, AWrongPasswordIsRefusedAndToldToNobody) {
+TEST_F(NetworkTest, AWrongPasswordIsRefusedAndHidden) {
     const HttpServer http("video/x-msvideo", makeFilm(), {.password = "secret"});
     expectRefusal(http.getUri("user:mistaken@"), http.getUri("user:***@"), "Unauthorized");
     expectRefusal(http.getUri(), http.getUri(), "Unauthorized");
@@ -178,15 +172,14 @@ TEST_F(NetworkTest, AServerOfATrustedAuthorityIsACamera) {
     expectThatItComesBack(server);
 }
 
-TEST_F(NetworkTest, AServerWhoseCertificateIsNotTrustedIsAskedForNothing) {
+TEST_F(NetworkTest, NothingIsRequestedFromAServerWithAnUntrustedCertificate) {
     const CertificateAuthority authority;
     const std::string reason = "its certificate is not trusted: ";
     const HttpServer server("video/x-msvideo", makeFilm(), {.certificate = authority.certify("127.0.0.1")});
-    expectRefusal(server.getUri(), server.getUri(),
-                  reason + "it is signed by an authority that is not known here");
+    expectRefusal(server.getUri(), server.getUri(), reason + "it is signed by an unknown authority");
     authority.trust();
     const HttpServer other("video/x-msvideo", makeFilm(), {.certificate = authority.certify("127.0.0.2")});
-    expectRefusal(other.getUri(), other.getUri(), reason + "it is that of another host");
+    expectRefusal(other.getUri(), other.getUri(), reason + "it belongs to another host");
     EXPECT_EQ(server.getRequests() + other.getRequests(), 0);
 }
 

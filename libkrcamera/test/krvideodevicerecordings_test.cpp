@@ -1,11 +1,14 @@
 #include "cameratest.hpp"
 
+#include "../../libkrplatform/test/recordedlog.hpp"
+
 #include <krvision/krvideo.hpp>
 
 #include <cstring>
 #include <fstream>
 #include <future>
 #include <latch>
+#include <limits>
 
 namespace KR {
 
@@ -38,12 +41,25 @@ protected:
         }
     }
 
+    /// One stream, 160x120 luma; the time stamps are relative to the beginning.
+    void recordTimes(const std::vector<std::int64_t>& times_usec) {
+        KRVideo video;
+        video.recordVideo(path, 0, {{160, 120, 0, 8}});
+        std::vector<char> pixels(160 * 120);
+        for (const std::int64_t time_usec : times_usec) {
+            const auto stamp =
+                static_cast<std::uint64_t>(beginning_usec) + static_cast<std::uint64_t>(time_usec);
+            video.write(pixels.data(), 160 * 120, static_cast<std::int64_t>(stamp), 0, 0, 0, 0, 0);
+        }
+        video.closeVideo();
+    }
+
     TemporaryFolder folder;
     const std::string path = folder / "film";
     const std::string source = "oxv:" + path + ".oxv";
 };
 
-TEST_F(RecordingTest, BearsItsOwnTimeStampsAndAnglesAndTheIndexOfTheCamera) {
+TEST_F(RecordingTest, HasItsOwnTimeStampsAndAnglesAndTheIndexOfTheCamera) {
     record();
     start({"test", source + "#1?pace=fetch"});
     const std::string id = subscribe(1, Resolution::QuarterVga, Space::Yuv422);
@@ -54,7 +70,7 @@ TEST_F(RecordingTest, BearsItsOwnTimeStampsAndAnglesAndTheIndexOfTheCamera) {
         EXPECT_EQ(image.angles, (std::array{angle, angle + 1, angle + 2, angle + 3}));
         EXPECT_EQ(image.camera, 1);
         EXPECT_THAT(std::vector<int>(image.data(), image.data() + image.pixels.size()),
-                    testing::Each(10 + i)); // the first 25 bytes are made up
+                    testing::Each(10 + i)); // also the first 25 bytes, which are not stored
     }
 }
 
@@ -76,7 +92,7 @@ TEST_F(RecordingTest, AtThePaceOfTheFetchesEachSubscriptionGetsEachImageOnce) {
         "getImageRemote: camera 0 (" + source + "?pace=fetch) has failed: the recording has ended";
     EXPECT_EQ(errorOf([&] { fetch(one); }), ended);
     EXPECT_EQ(errorOf([&] { fetch(two); }), ended);
-    EXPECT_EQ(errorOf([&] { fetch(one); }), ended); // and does not begin again by itself
+    EXPECT_EQ(errorOf([&] { fetch(one); }), ended); // and does not start again
     EXPECT_EQ(proxy->getStatistics().at(0).delivered, frames);
     EXPECT_EQ(proxy->getStatistics().at(0).missed, 0);
     EXPECT_EQ(next(subscribe(0, 0, Space::Luma)), 0);
@@ -101,7 +117,7 @@ TEST_F(RecordingTest, AtItsOwnPaceItIsPlayedAgainAndAgain) {
     }
 }
 
-TEST_F(RecordingTest, AnUnfinishedOneIsPlayedAsFarAsItGoes) {
+TEST_F(RecordingTest, AnUnfinishedOneIsPlayedUpToItsLastCompleteImage) {
     record(false);
     std::filesystem::resize_file(path + ".oxv", std::filesystem::file_size(path + ".oxv") - 1);
     start({source + "#1?pace=fetch"});
@@ -124,19 +140,20 @@ TEST_F(RecordingTest, ASubscriptionThatComesBackBeginsAtTheFirstImage) {
     EXPECT_EQ(fetch(id).time_usec, timeOf(0));
 }
 
-TEST_F(RecordingTest, WhatCannotBePlayedIsRefusedWithTheReason) {
+TEST_F(RecordingTest, AnUnplayableRecordingIsRefusedWithTheReason) {
     const auto openError = [this](const std::string& text) {
         start({text});
         return errorOf([&] { subscribe(); });
     };
     for (const std::string pace : {"own", "fetch"}) {
         const std::string option = "?pace=" + pace;
-        EXPECT_THAT(openError("oxv:/nonexistent.oxv" + option),
-                    HasSubstr("cannot be opened: Can't open file /nonexistent.oxv"));
+        EXPECT_THAT(
+            openError("oxv:/nonexistent.oxv" + option),
+            HasSubstr("cannot be opened: /nonexistent.oxv: cannot be read: No such file or directory"));
         record();
         EXPECT_THAT(openError(source + "#2" + option), HasSubstr("there is no stream 2 in it; it has 2"));
         std::ofstream(path + ".txt") << "It was a dark and stormy night.\n";
-        EXPECT_THAT(openError("oxv:" + path + ".txt" + option), HasSubstr("version isn't supported"));
+        EXPECT_THAT(openError("oxv:" + path + ".txt" + option), HasSubstr("not an oxv file"));
         KRVideo video;
         video.recordVideo(folder / "empty", 0, {{160, 120, 0, 8}});
         video.closeVideo();
@@ -144,13 +161,13 @@ TEST_F(RecordingTest, WhatCannotBePlayedIsRefusedWithTheReason) {
                     HasSubstr("there is no image in it"));
         video.recordVideo(folder / "hsv", 0, {{160, 120, 12, 8}});
         video.closeVideo();
-        EXPECT_THAT(
-            openError("oxv:" + (folder / "hsv.oxv") + option),
-            HasSubstr("its images are of colour space 12 and 8 bits; supported are 8 bits and 0 (luma)"));
+        EXPECT_THAT(openError("oxv:" + (folder / "hsv.oxv") + option),
+                    HasSubstr("its images are 160x120 pixels of colour space 12 and 8 bits; supported are "
+                              "the sizes of the resolutions 0 to 17, 8 bits and 0 (luma)"));
         video.recordVideo(folder / "deep", 0, {{160, 120, 0, 16}});
         video.closeVideo();
         EXPECT_THAT(openError("oxv:" + (folder / "deep.oxv") + option),
-                    HasSubstr("its images are of colour space 0 and 16 bits; supported are 8 bits"));
+                    HasSubstr("its images are 160x120 pixels of colour space 0 and 16 bits; supported are"));
     }
     EXPECT_THAT(errorOf([&] { start({source + "?pace=slow"}); }), HasSubstr("has an unknown pace"));
 }
@@ -174,7 +191,7 @@ TEST_F(RecordingTest, APathMayHaveAHashAndAQuestionMarkInIt) {
     }
 }
 
-TEST_F(RecordingTest, TheListOfCamerasTellsOfOneAsOfAnyCamera) {
+TEST_F(RecordingTest, IsListedLikeAnyCamera) {
     record();
     const std::string stepped = source + "#1?pace=fetch";
     start({stepped});
@@ -197,6 +214,56 @@ TEST_F(RecordingTest, ARecordingIsNotPlayedFasterThanItWasRecorded) {
     const std::string id = subscribe(0, 0, Space::Luma);
     fetchUntil(id, [](const Image& image) { return image.time_usec == beginning_usec + 2'000'000; });
     EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::seconds(2));
+}
+
+TEST_F(RecordingTest, AWrongTimeStampDoesNotStallTheRecording) {
+    const test::RecordedLog log;
+    constexpr std::int64_t hour_usec = 3'600'000'000;
+    recordTimes({0, 20'000, 40'000 + hour_usec, 60'000});
+    start({source});
+    const std::string id = subscribe(0, 0, Space::Luma);
+    for (const std::int64_t time : {std::int64_t{40'000} + hour_usec, std::int64_t{60'000}}) {
+        fetchUntil(id, [&](const Image& image) { return image.time_usec == beginning_usec + time; });
+    }
+    EXPECT_TRUE(log.waitFor(
+        KRLogLevel::Warning,
+        path + ".oxv: the time stamp of image 2 is 3600.020 s after that of image 1; it is played "
+               "33 ms later"));
+    EXPECT_TRUE(log.waitFor(
+        KRLogLevel::Warning,
+        path + ".oxv: the time stamp of image 3 is 3599.980 s before that of image 2; it is played "
+               "33 ms later"));
+}
+
+TEST_F(RecordingTest, AnyTimeStampsCanBePlayed) {
+    constexpr std::int64_t least = std::numeric_limits<std::int64_t>::min();
+    constexpr std::int64_t greatest = std::numeric_limits<std::int64_t>::max();
+    recordTimes({0, greatest - beginning_usec, least, greatest, 0, least + 1, 20'000});
+    start({source});
+    const std::string id = subscribe(0, 0, Space::Luma);
+    for (int i = 0; i < 2; ++i) { // twice from the beginning to the end
+        fetchUntil(id, [](const Image& image) { return image.time_usec == beginning_usec + 20'000; });
+        fetchUntil(id, [](const Image& image) { return image.time_usec == beginning_usec; });
+    }
+}
+
+// Only the first ones are logged, however long such a recording is played.
+TEST_F(RecordingTest, WrongTimeStampsAreLoggedABoundedNumberOfTimes) {
+    const test::RecordedLog log;
+    std::vector<std::int64_t> times;
+    for (int i = 0; i < 50; ++i) {
+        times.push_back(i % 2 * 100'000'000);
+    }
+    recordTimes(times);
+    start({source});
+    const std::string id = subscribe(0, 0, Space::Luma);
+    for (int i = 0; i < 60; ++i) {
+        fetch(id);
+    }
+    EXPECT_TRUE(
+        log.waitFor(KRLogLevel::Warning, "further wrong time stamps of this recording are not logged"));
+    proxy->unsubscribe(id);
+    EXPECT_LE(log.find(KRLogLevel::Warning, "time stamp").size(), 3U);
 }
 
 TEST_F(RecordingTest, ThreadsThatShareASubscriptionShareItsImages) {

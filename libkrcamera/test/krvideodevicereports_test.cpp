@@ -6,7 +6,7 @@ namespace KR {
 
 class ReportTest : public CameraTest {};
 
-TEST_F(ReportTest, TheListOfCamerasTellsHowTheyDo) {
+TEST_F(ReportTest, TheListOfCamerasShowsTheirStates) {
     start({"test", "file:/nonexistent", "gst:videotestsrc is-live=true ! video/x-raw,width=320,height=240"});
     std::vector<KRCameraInfo> cameras = proxy->getCameraList();
     ASSERT_EQ(cameras.size(), 3U);
@@ -26,7 +26,7 @@ TEST_F(ReportTest, TheListOfCamerasTellsHowTheyDo) {
     EXPECT_EQ(proxy->getCameraList()[2].subscribers, 1);
 }
 
-TEST_F(ReportTest, SubscribersAreListedWithTheirSettingsFromTheOldestOn) {
+TEST_F(ReportTest, SubscribersAreListedWithTheirSettingsOldestFirst) {
     start({"test", "test:snow"});
     EXPECT_TRUE(proxy->getSubscribers().empty());
     std::vector<std::string> ids;
@@ -46,7 +46,7 @@ TEST_F(ReportTest, SubscribersAreListedWithTheirSettingsFromTheOldestOn) {
     EXPECT_EQ(subscribers[1].toKRValue(), KRValue::array(ids[1], 1, 5, 13, 12));
 }
 
-TEST_F(ReportTest, ASubscriptionKeepsAccountOfItself) {
+TEST_F(ReportTest, ASubscriptionCountsItsImages) {
     start({"test"});
     const std::string watcher = subscribe();
     const std::string id = subscribe();
@@ -58,7 +58,7 @@ TEST_F(ReportTest, ASubscriptionKeepsAccountOfItself) {
         fetch(watcher);
     }
     const std::chrono::duration<float, std::milli> pause = std::chrono::steady_clock::now() - first;
-    fetch(id); // five images later, but for those that came between
+    fetch(id); // five images later, or more
     fetch(id);
     proxy->releaseImage(id);
     proxy->releaseImage(id);
@@ -74,7 +74,7 @@ TEST_F(ReportTest, ASubscriptionKeepsAccountOfItself) {
     EXPECT_LE(statistics.hold.median_ms, statistics.hold.max_ms);
 }
 
-TEST_F(ReportTest, ImagesBeforeTheFirstAndOfTheCameraBeforeAreNotMissed) {
+TEST_F(ReportTest, ImagesBeforeTheFirstAndOfThePreviousCameraAreNotMissed) {
     start({"test", "test:snow"});
     const std::string watcher = subscribe(1);
     for (int i = 0; i < 5; ++i) {

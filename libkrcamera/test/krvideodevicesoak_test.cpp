@@ -1,4 +1,4 @@
-// One minute of everybody doing everything to one camera.
+// One minute of all operations on one camera at once.
 
 #include "cameratest.hpp"
 
@@ -10,7 +10,7 @@ namespace KR {
 
 class SoakTest : public CameraTest {};
 
-// Each of eight threads fetches for eight subscriptions of its own and changes the settings of any.
+// Each of eight threads fetches images of its eight subscriptions and changes the settings of any of the 64.
 TEST_F(SoakTest, SixtyFourSubscribersOfOneCameraWhoseSettingsChangeAllTheTimeGetTheirImages) {
     constexpr unsigned threadCount = 8;
     constexpr unsigned ownCount = 8;
@@ -61,7 +61,7 @@ TEST_F(SoakTest, SixtyFourSubscribersOfOneCameraWhoseSettingsChangeAllTheTimeGet
                         last[own] = image.time_usec;
                     });
                     error != "no error") {
-                    EXPECT_THAT(error, testing::HasSubstr("no image within")); // on a machine that is busy
+                    EXPECT_THAT(error, testing::HasSubstr("no image within")); // on a busy machine
                 } else {
                     ++images;
                 }

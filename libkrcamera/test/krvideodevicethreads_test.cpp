@@ -12,11 +12,11 @@ using testing::HasSubstr;
 
 class ThreadTest : public CameraTest {
 protected:
-    /// Has a service with a slow camera and a subscription that waits for an image, and does something then.
-    /// \return what the fetch failed with
+    /// Calls the function while a fetch waits for an image of a slow camera.
+    /// \return the error of the fetch
     std::string interruptFetch(const std::function<void(const std::string& id)>& interrupt) {
         std::string error;
-        EXPECT_TRUE(test::eventually([&] { // on a busy machine the patience of the fetch may end before
+        EXPECT_TRUE(test::eventually([&] { // on a busy machine the fetch may time out before
             start({"gst:videotestsrc is-live=true ! video/x-raw,framerate=1/60"});
             const std::string id = subscribe(0, Resolution::Vga, Space::Yuv422, 1);
             fetch(id);
@@ -67,7 +67,7 @@ TEST_F(ThreadTest, EightThreadsChangeSettingsAtRandom) {
                     EXPECT_TRUE(proxy->setActiveCamera(id, below(3)));
                     break;
                 case 4:
-                    // A shared subscription may move to the camera that has no parameters.
+                    // A shared subscription may have moved to the camera without parameters.
                     if (const std::string error =
                             errorOf([&] { proxy->setCameraParameter(id, 0x00980900, below(200) - 100); });
                         error != "no error") {
@@ -106,7 +106,7 @@ TEST_F(ThreadTest, EightThreadsChangeSettingsAtRandom) {
     }
 }
 
-TEST_F(ThreadTest, ACameraThatTakesItsTimeToOpenHoldsNobodyUp) {
+TEST_F(ThreadTest, ACameraThatOpensSlowlyBlocksNoOther) {
     start({"test", stalled});
     std::string error;
     std::atomic<bool> done{false};

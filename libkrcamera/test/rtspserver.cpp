@@ -55,19 +55,19 @@ void RtspServer::stop() {
     if (!server_) {
         return;
     }
-    // Told to the loop from within: it would not hear of it before it runs.
+    // Quits the loop from within: before it runs, quitting has no effect.
     GSource* quit = g_idle_source_new();
     g_source_set_callback(quit, quitLoop, loop_.get(), nullptr);
     g_source_attach(quit, context_.get());
     g_source_unref(quit);
-    thread_.join(); // from here on nobody comes any more
+    thread_.join(); // from here on, there are no new clients
     gst_rtsp_server_client_filter(server_.get(), removeClient, nullptr);
     const std::unique_ptr<GstRTSPSessionPool, Unref> sessions(
         gst_rtsp_server_get_session_pool(server_.get()));
     gst_rtsp_session_pool_filter(sessions.get(), removeSession, nullptr);
     server_.reset();
     loop_.reset();
-    context_.reset(); // and with it the port
+    context_.reset(); // closes the port, too
 }
 
 void RtspServer::addCamera() {
@@ -82,7 +82,7 @@ void RtspServer::addCamera() {
                   "framerate=30/1 ! videoconvert ! video/x-raw,format=I420 ! " +
                   coder + " )")
                      .c_str());
-    gst_rtsp_media_factory_set_shared(factory, TRUE); // one picture for all, as a camera has it
+    gst_rtsp_media_factory_set_shared(factory, TRUE); // one picture for all clients, like a camera
     gst_rtsp_media_factory_add_role(factory, role, GST_RTSP_PERM_MEDIA_FACTORY_ACCESS, G_TYPE_BOOLEAN, TRUE,
                                     GST_RTSP_PERM_MEDIA_FACTORY_CONSTRUCT, G_TYPE_BOOLEAN, TRUE, nullptr);
     const std::unique_ptr<GstRTSPMountPoints, Unref> paths(gst_rtsp_server_get_mount_points(server_.get()));

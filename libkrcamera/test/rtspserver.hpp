@@ -14,21 +14,21 @@ class RtspServer {
 public:
     enum class Coding {
         Jpeg,
-        H264 ///< with sound, as most cameras on the market have it
+        H264 ///< with sound, like most cameras
     };
 
-    /// \param password  of the user "user", whom alone it serves then; empty: it serves everybody
+    /// \param password  of the user "user"; empty: no authentication
     explicit RtspServer(Coding coding, std::string password = "");
     ~RtspServer();
     RtspServer(const RtspServer&) = delete;
     RtspServer& operator=(const RtspServer&) = delete;
 
-    /// \param user  what stands before the host: "user:password@", or nothing
+    /// \param user  what precedes the host: "user:password@", or empty
     std::string getUri(const std::string& user = "", const std::string& path = "/camera") const {
         return "rtsp://" + user + "127.0.0.1:" + port_ + path;
     }
 
-    /// Leaves all clients and refuses new ones.
+    /// Disconnects all clients and refuses new ones.
     void stop();
     /// Serves again, at the same address.
     void start();

@@ -5,6 +5,7 @@
 #include <cassert>
 #include <cstdint>
 #include <exception>
+#include <new>
 
 namespace KR {
 
@@ -102,6 +103,8 @@ std::string escapeText(std::string_view text, std::size_t maxBytes) {
 std::string describeCurrentException() {
     try {
         throw;
+    } catch (const std::bad_alloc&) {
+        return "out of memory";
     } catch (const std::exception& error) {
         return error.what();
     } catch (...) {

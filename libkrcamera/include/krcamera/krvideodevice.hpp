@@ -12,58 +12,58 @@
 
 namespace KR {
 
-/// The camera service: gives any number of subscribers the images of one or more cameras.
+/// The camera service: provides any number of subscribers with images of one or more cameras.
 ///
-/// Others reach it as "KRVideoDevice", through KRVideoDeviceProxy:
+/// Its clients use KRVideoDeviceProxy, which expects the name "KRVideoDevice":
 ///
 ///     auto cameras = KR::createModule<KR::KRVideoDevice>(broker, "KRVideoDevice", std::vector{"test"s});
 ///
-/// A camera is open while someone subscribes to it. Each has a capture thread, "KRCamera 0" and so on;
-/// nothing else runs while nobody calls. Frames are scaled and converted on the thread of the subscriber
-/// that asks, once for all who want the same resolution and colour space, and not at all if the camera
-/// delivers just that.
+/// A camera is open while it has subscribers. It has a capture thread, "KRCamera 0" and so on; the service has no
+/// other threads. Frames are scaled and converted on the thread of the subscriber that fetches them, once for all
+/// subscribers with the same resolution and colour space, and not at all if the camera delivers exactly that.
 ///
-/// All operations are thread-safe, and may run beside each other and block each other only where one camera
-/// is opened or closed. Each that takes an identifier throws a KRError if there is no such subscription.
-/// Setters return false for a value that is not supported and change nothing then. docs/cameras.md lists
-/// sources, colour spaces and parameters.
+/// All operations are thread-safe; they block each other only while a camera is opened or closed. Operations that take
+/// an identifier throw a KRError if the subscription does not exist; all throw one if there is no memory. Setters
+/// return false for an unsupported value, which changes nothing. docs/cameras.md lists sources, colour spaces and
+/// parameters.
 class KR_EXPORT KRVideoDevice : public KRModule {
 public:
     /// \param sources  one source string per camera, in the order of their indices: "test", "test:PATTERN",
     /// "file:PATH", "image:PATH", "v4l2:DEVICE", a URI of http, https or rtsp, "oxv:PATH[#STREAM][?pace=own|fetch]"
-    /// or "gst:PIPELINE". Nothing is opened yet.
-    /// \throws KRError no source, or more than 128; a source string that is not understood; the name is
-    /// taken
+    /// or "gst:PIPELINE". Cameras are opened later.
+    /// \throws KRError  no source, or more than 128; an invalid source string; the name is taken
     KRVideoDevice(boost::shared_ptr<KRBroker> broker, const std::string& name,
                   const std::vector<std::string>& sources = {"test"});
-    /// Closes the cameras. Images that were handed out stay valid.
+    /// Closes the cameras. Images that were delivered stay valid.
     ~KRVideoDevice() override;
 
-    /// Subscribes to a camera. The first subscriber opens it and waits for its first frame, at most ten
-    /// seconds; a camera that has failed tries again at once.
+    /// Subscribes to a camera. The first subscriber opens it and waits for its first frame, at most ten seconds; a
+    /// camera that has failed tries again at once. If the process of the caller ends meanwhile, no subscription is
+    /// made.
+    /// \param name        at most 1024 bytes
     /// \param resolution  code 0 to 17
     /// \param colorSpace  code 0, 9, 11, 13 or 18
-    /// \param frameRate  images per second, 1 to 30: how often the subscriber means to ask
+    /// \param frameRate  images per second, 1 to 30: how often the subscriber will fetch
     /// \return an identifier that is unique in the service: the name, "_" and a number
-    /// \throws KRError no such camera; a setting is not supported; the camera cannot be opened
+    /// \throws KRError  the camera does not exist or cannot be opened; a setting is not supported; there are 4096
+    /// subscriptions
     std::string subscribeCamera(const std::string& name, int camera, int resolution, int colorSpace,
                                 int frameRate);
 
-    /// Ends a subscription. The last one of a camera closes it.
+    /// Ends a subscription. The camera closes with its last one.
     void unsubscribe(const std::string& id);
 
-    /// The newest image that this subscription has not had.
+    /// Fetches the newest image that this subscription has not fetched yet.
     ///
-    /// Waits for one at most two frame intervals of the subscription, but 200 ms at the least.
+    /// Waits for it for two frame intervals of the subscription, but at least 200 ms.
     /// \return an array of 12 elements: width, height, bytes per pixel, colour space, capture time since
     /// the Unix epoch (whole seconds, microseconds), pixels (rows without padding; shared, not copied),
     /// camera, and the field of view (left, top, right, bottom; radians)
-    /// \throws KRError no image in time; the camera has failed or ended, and is not back yet; the service
-    /// is shutting down
+    /// \throws KRError  no image in time; the camera has failed or ended and is not back yet; out of memory; the
+    /// service is shutting down
     KRValue getImageRemote(const std::string& id);
 
-    /// Lets go of the image that was fetched last; without effect if there is none. The next fetch does so
-    /// too.
+    /// Releases the image that was fetched last; without effect if there is none. The next fetch releases it, too.
     void releaseImage(const std::string& id);
 
     bool setFrameRate(const std::string& id, int frameRate);
@@ -72,31 +72,31 @@ public:
     bool setColorSpace(const std::string& id, int colorSpace);
 
     /// Moves a subscription to another camera, opening and closing cameras as needed.
-    /// \return false if there is no such camera
-    /// \throws KRError the camera cannot be opened; the subscription keeps the one it has
+    /// \return false if the camera does not exist
+    /// \throws KRError  the camera cannot be opened; the subscription keeps its present one
     bool setActiveCamera(const std::string& id, int camera);
 
-    /// 1 for a test picture, 2 for a file, 3 for a V4L2 device, 4 for a pipeline, 5 for a URI, 6 for a still image,
-    /// 7 for a recording; -1 if there is no such camera.
+    /// The kind of a camera: 1 for a test picture, 2 for a file, 3 for a V4L2 device, 4 for a pipeline, 5 for a URI, 6 for a still image,
+    /// 7 for a recording; -1 if the camera does not exist.
     int getCameraModel(int camera) const;
 
-    /// Changes the picture of the camera that the subscription uses, for everyone, until the camera closes; a
-    /// V4L2 device keeps it beyond that. It shows in one of the next frames. getControls() tells the value that
-    /// took effect.
+    /// Changes the picture of the subscription's camera, for all its subscribers, until the camera closes; a V4L2
+    /// device keeps the setting longer. It takes effect in one of the next frames. getControls() returns the effective
+    /// value.
     /// \param parameter  number of a V4L2 control
-    /// \return false, and nothing has changed: the value is out of range, or the camera refuses it now
-    /// \throws KRError the camera has no such parameter, or cannot be reached
+    /// \return false, and nothing has changed: the value is out of range, or the camera rejects it at the moment
+    /// \throws KRError  the camera does not have the parameter, or cannot be reached
     bool setCameraParameter(const std::string& id, int parameter, int value);
-    /// \throws KRError the camera cannot be reached
+    /// \throws KRError  the camera cannot be reached
     void setAllCameraParametersToDefault(const std::string& id);
 
-    /// \name What the service tells of itself
-    /// An array with one element per camera, control or subscription, in the form that
-    /// <krplatform/krcamerainfo.hpp> describes; subscriptions are listed from the oldest on.
+    /// \name Lists
+    /// Arrays with one element per camera, control or subscription, in the format of <krplatform/krcamerainfo.hpp>;
+    /// subscriptions are listed oldest first.
     ///@{
     KRValue getCameraList() const; ///< elements: KRCameraInfo
-    /// Elements: KRCameraControl. The camera need not be open.
-    /// \throws KRError no such camera; the device cannot be reached
+    /// Elements: KRCameraControl. The camera may be closed.
+    /// \throws KRError  the camera does not exist; the device cannot be reached
     KRValue getControls(int camera) const;
     KRValue getStatistics() const;  ///< elements: KRSubscriptionStatistics
     KRValue getSubscribers() const; ///< elements: KRSubscriberInfo
@@ -104,7 +104,7 @@ public:
 
 protected:
     void xShutDown() override;
-    /// Ends the subscriptions that the process had made.
+    /// Ends the subscriptions of the process, also those that still wait for their camera.
     void xCallerGone(const std::string& caller) override;
 
 private:

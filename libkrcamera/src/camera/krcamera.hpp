@@ -1,6 +1,5 @@
 #pragma once
 
-#include "camera/krframe.hpp"
 #include "camera/krsize.hpp"
 
 #include <chrono>
@@ -10,13 +9,15 @@
 
 namespace KR {
 
-/// One camera, from its first subscriber to its last. Thread-safe but where it says otherwise.
+class KRFrame;
+
+/// One camera, from its first subscriber to its last. Thread-safe except where noted.
 class KRCamera {
 public:
     struct Status {
-        std::string state; ///< as in KRCameraInfo, but never "closed"
-        std::string failure;
-        int width = 0; ///< of the newest frame; 0 if there is none
+        std::string state;   ///< as in KRCameraInfo, but never "closed"
+        std::string failure; ///< empty unless the state is "failed"
+        int width = 0;       ///< of the newest frame; 0 if there is none
         int height = 0;
     };
 
@@ -25,21 +26,21 @@ public:
     KRCamera(const KRCamera&) = delete;
     KRCamera& operator=(const KRCamera&) = delete;
 
-    /// Starts the camera, at the first call, and waits until it delivers, at most ten seconds. If it has failed,
-    /// has it try again at once.
-    /// \throws std::runtime_error  it failed, delivered nothing in time, or close() came in between
+    /// The first call starts the camera. Waits until the camera delivers images, about ten seconds at most. A camera
+    /// that has failed tries again at once.
+    /// \throws std::exception  the camera failed or delivered nothing in time, or close() was called meanwhile
     virtual void open() = 0;
 
-    /// Says that pictures of this size are asked for. A camera that has several sizes delivers one that serves the
-    /// largest picture asked for since it was made.
+    /// Asks for pictures of this size. A camera that has several sizes delivers one that serves the largest picture
+    /// asked for since the camera was made.
     virtual void want(const KRSize& /*size*/) {}
 
-    /// Stops the camera for good, and wakes everyone who waits. Not beside another close().
+    /// Stops the camera for good and wakes all waiting threads. One call at a time.
     virtual void close() = 0;
 
     /// Waits for a frame with a number greater than `after`.
-    /// \return null if there is none by the deadline, and as soon as the camera is stopping
-    /// \throws std::runtime_error  the camera has failed or ended, and nothing is left to hand out
+    /// \return null if there is none by the deadline, or if the camera is stopping
+    /// \throws std::runtime_error  the camera has failed or ended, and no such frame is left
     virtual std::shared_ptr<KRFrame> waitForFrame(std::uint64_t after,
                                                   std::chrono::steady_clock::time_point deadline) = 0;
 

@@ -17,7 +17,7 @@ constexpr int HorizontalFlip = 0x00980914;
 constexpr int VerticalFlip = 0x00980915;
 } // namespace ControlId
 
-/// What can be set about the picture of one camera, open or not. Thread-safe.
+/// The controls of one camera's picture, whether the camera is open or closed. Thread-safe.
 ///
 /// Operations that must reach the camera throw std::runtime_error if they cannot; the text says why.
 class KRControls {
@@ -29,12 +29,12 @@ public:
     KRControls(const KRControls&) = delete;
     KRControls& operator=(const KRControls&) = delete;
 
-    /// All controls with their present values.
+    /// All controls with their current values.
     virtual std::vector<KRCameraControl> list() = 0;
-    /// \return Refused, and nothing has changed, for a value that the camera does not take; Unknown for an id
-    /// that it does not have
+    /// \return Refused for a value that the camera does not accept, which changes nothing; Unknown for an id that the
+    /// camera does not have
     virtual Answer set(int id, int value) = 0;
-    /// Gives every control its default value.
+    /// Sets every control to its default value.
     virtual void reset() = 0;
 
     /// Called when the last subscriber has left.

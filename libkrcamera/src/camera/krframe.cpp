@@ -1,12 +1,14 @@
 #include "camera/krframe.hpp"
 
+#include "conversion/krconverter.hpp"
+
 #include <stdexcept>
 
 namespace KR {
 
 namespace {
 
-// A camera that does not tell its colours is taken to mean what everyone else means. Grey images go out as they are.
+// Unknown colorimetry counts as the wanted one. Grey images are passed on unchanged.
 bool hasSameColors(const GstVideoInfo& delivered, const GstVideoInfo& wanted) noexcept {
     const GstVideoColorimetry& a = delivered.colorimetry;
     const GstVideoColorimetry& b = wanted.colorimetry;
@@ -58,14 +60,14 @@ KRBinary KRFrame::getPixels(int resolution, int colorSpace) {
     }
     std::shared_ptr<Converted> converted;
     {
-        const std::lock_guard lock(mutex_);
+        const KRLock lock(mutex_);
         std::shared_ptr<Converted>& entry = converted_[{resolution, colorSpace}];
         if (!entry) {
             entry = std::make_shared<Converted>();
         }
         converted = entry;
     }
-    const std::lock_guard lock(converted->mutex);
+    const KRLock lock(converted->mutex);
     if (!converted->done) {
         converted->pixels = converter_->convert(mapping_->frame, resolution, colorSpace);
         converted->done = true;

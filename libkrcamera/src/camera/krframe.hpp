@@ -1,9 +1,9 @@
 #pragma once
 
 #include "camera/krcapture.hpp"
-#include "conversion/krconverter.hpp"
 #include "gstreamer/krgstreamer.hpp"
 
+#include <krplatform/krmutex.hpp>
 #include <krplatform/krvalue.hpp>
 
 #include <boost/smart_ptr/shared_ptr.hpp>
@@ -11,10 +11,11 @@
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <utility>
 
 namespace KR {
+
+class KRConverter;
 
 /// One image of a camera, for all subscribers. Thread-safe.
 class KRFrame {
@@ -30,22 +31,23 @@ public:
     std::int64_t getCaptureTime() const noexcept { return captureTime_usec_; } ///< microseconds, Unix epoch
     std::chrono::steady_clock::time_point getTaken() const noexcept { return taken_; }
     const KRAngles& getAngles() const noexcept { return angles_; }
-    /// As the camera delivers it, pixels.
+    /// Size as delivered by the camera, pixels.
     int getWidth() const noexcept;
     int getHeight() const noexcept;
 
-    /// The pixels in a supported resolution and colour space, rows without padding. The camera's own memory
-    /// if that holds just these; otherwise they are converted at the first call and the same for everyone
-    /// after. \throws std::runtime_error  they cannot be converted
+    /// The pixels in a supported resolution and colour space, rows without padding: the memory of the camera if it
+    /// holds just these. Otherwise the first call converts them for all later ones.
+    /// \throws std::runtime_error  they cannot be converted
+    /// \throws std::bad_alloc
     KRBinary getPixels(int resolution, int colorSpace);
 
 private:
-    /// The camera's buffer, readable for as long as this exists.
+    /// Keeps the camera's buffer mapped.
     struct Mapping;
     struct Converted {
-        std::mutex mutex;
-        bool done = false; ///< guarded by mutex, which is held during the conversion
-        KRBinary pixels;   ///< guarded by mutex
+        KRMutex mutex; ///< held during the conversion
+        bool done KR_GUARDED_BY(mutex) = false;
+        KRBinary pixels KR_GUARDED_BY(mutex);
     };
 
     bool isDelivered(const GstVideoInfo& wanted) const noexcept;
@@ -56,9 +58,9 @@ private:
     const KRAngles angles_;
     const boost::shared_ptr<Mapping> mapping_;
     const std::shared_ptr<KRConverter> converter_;
-    std::mutex mutex_;
-    /// By resolution and colour space; guarded by mutex_, which is not held during a conversion.
-    std::map<std::pair<int, int>, std::shared_ptr<Converted>> converted_;
+    KRMutex mutex_; ///< not held during a conversion
+    /// By resolution and colour space.
+    std::map<std::pair<int, int>, std::shared_ptr<Converted>> converted_ KR_GUARDED_BY(mutex_);
 };
 
 } // namespace KR

@@ -1,6 +1,11 @@
 #include "camera/krlivecamera.hpp"
 
+#include "camera/krframe.hpp"
+#include "camera/krretrydelay.hpp"
+#include "conversion/krconverter.hpp"
+
 #include <krplatform/krlog.hpp>
+#include <krplatform/krtext.hpp>
 #include <krplatform/krthread.hpp>
 
 #include <algorithm>
@@ -11,20 +16,14 @@ namespace KR {
 
 namespace {
 
-using std::chrono::steady_clock;
-
 constexpr std::chrono::seconds imageTimeout(10);
-constexpr steady_clock::duration shortestDelay = std::chrono::milliseconds(250);
-constexpr steady_clock::duration longestDelay = std::chrono::seconds(5);
-
-std::string describeTimeout() {
-    return "no image within " + std::to_string(imageTimeout.count()) + " s";
-}
+constexpr std::chrono::hours stableTime(1); // whatever fails after that is news
+constexpr std::size_t maximumReasons = 8;
 
 } // namespace
 
-KRLiveCamera::KRLiveCamera(int index, std::string title, OpenSource open, bool steady)
-    : index_(index), title_(std::move(title)), openSource_(std::move(open)), steady_(steady),
+KRLiveCamera::KRLiveCamera(int index, std::string title, OpenSource open, Silence silence)
+    : index_(index), title_(std::move(title)), openSource_(std::move(open)), silence_(std::move(silence)),
       converter_(std::make_shared<KRConverter>()) {}
 
 KRLiveCamera::~KRLiveCamera() {
@@ -32,54 +31,61 @@ KRLiveCamera::~KRLiveCamera() {
 }
 
 void KRLiveCamera::open() {
-    std::unique_lock lock(mutex_);
+    KRLock lock(mutex_);
     const int opened = timesOpened_;
     const int failed = timesFailed_;
     if (!started_ && !stopping_) {
-        started_ = true;
         thread_ = std::thread(&KRLiveCamera::run, this);
+        started_ = true;
     } else if (newest_ && !failure_ && !stopping_) {
         return;
     } else if (failure_) {
         tryNow_ = true;
-        changed_.notify_all();
+        changed_.notifyAll();
     }
-    changed_.wait_for(lock, imageTimeout,
-                      [&] { return stopping_ || timesOpened_ != opened || timesFailed_ != failed; });
+    changed_.waitFor(lock, imageTimeout, [&] {
+        mutex_.assertHeld();
+        return stopping_ || timesOpened_ != opened || timesFailed_ != failed;
+    });
     if (stopping_) {
         throw std::runtime_error("the camera service is shutting down");
     }
-    if (timesOpened_ ==
-        opened) { // a source that has ended after its first images has been opened all the same
-        throw std::runtime_error(timesFailed_ != failed ? *failure_ : describeTimeout());
+    if (timesOpened_ == opened) { // a source that ended after its first images has been opened nonetheless
+        throw std::runtime_error(timesFailed_ != failed ? *failure_ : describeSilence());
     }
 }
 
 void KRLiveCamera::want(const KRSize& size) {
-    const std::lock_guard lock(mutex_);
+    const KRLock lock(mutex_);
     wanted_ = {std::max(wanted_.width, size.width), std::max(wanted_.height, size.height)};
 }
 
 void KRLiveCamera::close() {
     std::thread thread;
     {
-        const std::lock_guard lock(mutex_);
+        const KRLock lock(mutex_);
         stopping_ = true;
-        changed_.notify_all();
+        changed_.notifyAll();
         thread.swap(thread_);
     }
     if (thread.joinable()) {
         thread.join();
     }
-    std::shared_ptr<KRFrame> last;
-    const std::lock_guard lock(mutex_);
+    std::shared_ptr<KRFrame> last; // released after the lock
+    const KRLock lock(mutex_);
     last = std::exchange(newest_, nullptr);
 }
 
-std::shared_ptr<KRFrame> KRLiveCamera::waitForFrame(std::uint64_t after, steady_clock::time_point deadline) {
-    std::unique_lock lock(mutex_);
-    const auto isThere = [this, after] { return newest_ && newest_->getNumber() > after; };
-    changed_.wait_until(lock, deadline, [&] { return stopping_ || failure_ || isThere(); });
+std::shared_ptr<KRFrame> KRLiveCamera::waitForFrame(std::uint64_t after, Clock::time_point deadline) {
+    KRLock lock(mutex_);
+    const auto isThere = [this, after] {
+        mutex_.assertHeld();
+        return newest_ && newest_->getNumber() > after;
+    };
+    changed_.waitUntil(lock, deadline, [&] {
+        mutex_.assertHeld();
+        return stopping_ || failure_ || isThere();
+    });
     if (stopping_) {
         return nullptr;
     }
@@ -93,7 +99,7 @@ std::shared_ptr<KRFrame> KRLiveCamera::waitForFrame(std::uint64_t after, steady_
 }
 
 KRCamera::Status KRLiveCamera::getStatus() const {
-    const std::lock_guard lock(mutex_);
+    const KRLock lock(mutex_);
     Status status;
     status.state = failure_ ? "failed" : newest_ ? "open" : "opening";
     status.failure = failure_.value_or("");
@@ -104,30 +110,34 @@ KRCamera::Status KRLiveCamera::getStatus() const {
     return status;
 }
 
-void KRLiveCamera::run() {
-    setThreadName("KRCamera " + std::to_string(index_));
-    steady_clock::duration delay{};
+void KRLiveCamera::run() noexcept {
+    try {
+        setThreadName("KRCamera " + std::to_string(index_));
+    } catch (const std::exception&) {
+        // It goes without a name.
+    }
+    KRRetryDelay delay;
+    Clock::duration delivered{};
     do {
-        const auto start = steady_clock::now();
+        const auto start = Clock::now();
         delivers_ = false;
         try {
             while (captureFrames()) {
             }
             return;
-        } catch (const std::exception& error) {
-            noteFailure(error.what());
+        } catch (...) {
+            delivered = delivers_ ? Clock::now() - start : Clock::duration();
+            noteFailure(delivered);
         }
-        const bool ranForLong = delivers_ && steady_clock::now() - start > 2 * delay;
-        delay = ranForLong ? shortestDelay : std::clamp(2 * delay, shortestDelay, longestDelay);
-    } while (pause(delay));
+    } while (pause(delay.next(delivered)));
 }
 
 bool KRLiveCamera::captureFrames() {
-    std::unique_lock lock(mutex_);
+    KRLock lock(mutex_);
     KRSize wanted = wanted_;
     lock.unlock();
     const std::unique_ptr<KRImageSource> source = openSource_(wanted);
-    auto last = steady_clock::now();
+    auto last = Clock::now();
     for (;;) {
         lock.lock();
         const bool stopping = stopping_;
@@ -141,48 +151,86 @@ bool KRLiveCamera::captureFrames() {
             return true;
         }
         if (std::optional<KRCapture> capture = source->pull()) {
-            show(std::move(*capture));
-            last = steady_clock::now();
-        } else if ((steady_ || !delivers_) && steady_clock::now() - last > imageTimeout) {
-            throw std::runtime_error(describeTimeout());
+            setNewest(std::move(*capture));
+            last = Clock::now();
+        } else if (Clock::now() - last > imageTimeout) {
+            noteSilence(last);
         }
     }
 }
 
-void KRLiveCamera::show(KRCapture capture) {
+void KRLiveCamera::setNewest(KRCapture capture) {
     auto frame = std::make_shared<KRFrame>(++framesCaptured_, capture, converter_);
     const bool opens = !std::exchange(delivers_, true);
     {
-        const std::lock_guard lock(mutex_);
+        const KRLock lock(mutex_);
         if (opens) {
             failure_.reset();
             ++timesOpened_;
         }
-        newest_.swap(frame); // the frame before goes after the lock
+        newest_.swap(frame); // the frame before is released after the lock
     }
-    changed_.notify_all(); // without the lock, for which those who wake would have to wait again
-    if (opens) {
+    changed_.notifyAll(); // without the lock, which those who wake up need
+    if (opens && std::exchange(logsOpening_, false)) {
         logInfo("KRVideoDevice", title_ + " is open");
     }
 }
 
-void KRLiveCamera::noteFailure(const std::string& reason) {
-    bool known = false;
-    {
-        const std::lock_guard lock(mutex_);
-        known = failure_ == reason;
-        failure_ = reason;
-        ++timesFailed_;
-        changed_.notify_all();
+void KRLiveCamera::noteSilence(Clock::time_point since) {
+    if (silence_.isFailure || !delivers_) {
+        throw std::runtime_error(describeSilence());
     }
-    if (!known) {
-        logError("KRVideoDevice", title_ + " has failed: " + reason);
+    if (logLimits_[""].admit(Clock::now())) {
+        const auto silent = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - since);
+        logWarning("KRVideoDevice",
+                   title_ + " has delivered no image for " + std::to_string(silent.count()) + " s");
     }
 }
 
-bool KRLiveCamera::pause(steady_clock::duration delay) {
-    std::unique_lock lock(mutex_);
-    changed_.wait_for(lock, delay, [this] { return stopping_ || tryNow_; });
+void KRLiveCamera::noteFailure(Clock::duration delivered) noexcept {
+    std::string reason;
+    try {
+        reason = describeCurrentException();
+    } catch (const std::bad_alloc&) {
+        reason = "out of memory"; // short enough to need none
+    }
+    {
+        const KRLock lock(mutex_);
+        failure_.emplace().swap(reason);
+        reason.clear();
+        ++timesFailed_;
+        changed_.notifyAll();
+    }
+    try {
+        logFailure(getStatus().failure, delivered);
+    } catch (const std::exception&) {
+        // The failure shows in the state.
+    }
+}
+
+void KRLiveCamera::logFailure(const std::string& reason, Clock::duration delivered) {
+    if (delivered > stableTime || logLimits_.size() > maximumReasons) {
+        logLimits_.clear();
+    }
+    if (const std::optional<int> refused = logLimits_[reason].admit(Clock::now())) {
+        const std::string before =
+            *refused == 0 ? "" : " (" + std::to_string(*refused) + " times more since this was logged last)";
+        logError("KRVideoDevice", title_ + " has failed: " + reason + before);
+        logsOpening_ = true;
+    }
+}
+
+std::string KRLiveCamera::describeSilence() const {
+    return "no image within " + std::to_string(imageTimeout.count()) + " s" +
+           (silence_.hint.empty() ? "" : "; " + silence_.hint);
+}
+
+bool KRLiveCamera::pause(Clock::duration delay) {
+    KRLock lock(mutex_);
+    changed_.waitFor(lock, delay, [this] {
+        mutex_.assertHeld();
+        return stopping_ || tryNow_;
+    });
     tryNow_ = false;
     return !stopping_;
 }

@@ -2,28 +2,36 @@
 
 #include "camera/krcamera.hpp"
 #include "camera/krimagesource.hpp"
+#include "camera/krloglimit.hpp"
 
-#include <condition_variable>
+#include <krplatform/krmutex.hpp>
+
 #include <functional>
-#include <mutex>
+#include <map>
 #include <optional>
 #include <thread>
 
 namespace KR {
 
-/// A camera that runs by itself: a capture thread of its own, and the newest frame.
+class KRConverter;
+
+/// A camera that runs by itself: it has a capture thread and keeps the newest frame.
 ///
-/// When its source fails or ends, the thread opens it again, after 250 ms at first and ever more slowly up to once in
-/// 5 s, until images come.
+/// When its source fails or ends, the thread opens it again, with pauses as in KRRetryDelay, until images come.
 class KRLiveCamera : public KRCamera {
 public:
     using OpenSource = std::function<std::unique_ptr<KRImageSource>(const KRSize& wanted)>;
 
-    /// \param title   for the log
-    /// \param open    starts the source for pictures of a size; called on the capture thread.
-    ///                \throws std::runtime_error it cannot
-    /// \param steady  no image for ten seconds is a failure, also after the first
-    KRLiveCamera(int index, std::string title, OpenSource open, bool steady);
+    /// What it means that a source delivers nothing for ten seconds. Before its first image, it has failed.
+    struct Silence {
+        bool isFailure = false; ///< after the first image, too; otherwise that is logged as a warning
+        std::string hint{};     ///< appended to the message: "the file may be damaged"
+    };
+
+    /// \param title  for the log
+    /// \param open   starts the source for pictures of a size; called on the capture thread. What it throws is the
+    /// reason of a failure.
+    KRLiveCamera(int index, std::string title, OpenSource open, Silence silence);
     /// Closes it.
     ~KRLiveCamera() override;
 
@@ -35,36 +43,44 @@ public:
     Status getStatus() const override;
 
 private:
-    void run();
-    /// Runs the source. \return false when the camera is to stop, true when the source is to be opened anew for
-    /// larger pictures \throws std::exception the source has failed
+    using Clock = std::chrono::steady_clock;
+
+    void run() noexcept;
+    /// Opens the source and captures its frames.
+    /// \return false if the camera is to stop, true if the source is to be opened again for larger pictures
+    /// \throws anything  the source has failed
     bool captureFrames();
-    void show(KRCapture capture);
-    void noteFailure(const std::string& reason);
+    void setNewest(KRCapture capture);
+    void noteSilence(Clock::time_point since);
+    /// The exception being handled has ended the source.
+    void noteFailure(Clock::duration delivered) noexcept;
+    void logFailure(const std::string& reason, Clock::duration delivered);
+    std::string describeSilence() const;
     /// \return false if the camera is to stop
-    bool pause(std::chrono::steady_clock::duration delay);
+    bool pause(Clock::duration delay);
 
     const int index_;
     const std::string title_;
     const OpenSource openSource_;
-    const bool steady_;
+    const Silence silence_;
     const std::shared_ptr<KRConverter> converter_;
-    // Touched by the capture thread only:
+    // Used by the capture thread only:
     std::uint64_t framesCaptured_ = 0;
     bool delivers_ = false; ///< since the source was opened the last time
+    bool logsOpening_ = true;
+    std::map<std::string, KRLogLimit> logLimits_; ///< by reason
 
-    mutable std::mutex mutex_;
-    std::condition_variable changed_;
-    // Guarded by mutex_:
-    std::thread thread_;
-    bool started_ = false;
-    bool stopping_ = false;
-    bool tryNow_ = false;
-    KRSize wanted_;
-    std::shared_ptr<KRFrame> newest_;
-    std::optional<std::string> failure_; ///< from a failure to the next frame
-    int timesOpened_ = 0;
-    int timesFailed_ = 0;
+    mutable KRMutex mutex_;
+    KRCondition changed_;
+    std::thread thread_ KR_GUARDED_BY(mutex_);
+    bool started_ KR_GUARDED_BY(mutex_) = false;
+    bool stopping_ KR_GUARDED_BY(mutex_) = false;
+    bool tryNow_ KR_GUARDED_BY(mutex_) = false;
+    KRSize wanted_ KR_GUARDED_BY(mutex_);
+    std::shared_ptr<KRFrame> newest_ KR_GUARDED_BY(mutex_);
+    std::optional<std::string> failure_ KR_GUARDED_BY(mutex_); ///< from a failure to the next frame
+    int timesOpened_ KR_GUARDED_BY(mutex_) = 0;
+    int timesFailed_ KR_GUARDED_BY(mutex_) = 0;
 };
 
 } // namespace KR

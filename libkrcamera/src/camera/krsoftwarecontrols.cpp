@@ -1,16 +1,17 @@
 #include "camera/krsoftwarecontrols.hpp"
 
 #include <algorithm>
+#include <cassert>
 
 namespace KR {
 
 std::vector<KRCameraControl> KRSoftwareControls::list() {
-    const std::lock_guard lock(mutex_);
+    const KRLock lock(mutex_);
     return controls_;
 }
 
 KRControls::Answer KRSoftwareControls::set(int id, int value) {
-    const std::lock_guard lock(mutex_);
+    const KRLock lock(mutex_);
     const auto control = std::ranges::find(controls_, id, &KRCameraControl::id);
     if (control == controls_.end()) {
         return Answer::Unknown;
@@ -24,7 +25,7 @@ KRControls::Answer KRSoftwareControls::set(int id, int value) {
 }
 
 void KRSoftwareControls::reset() {
-    const std::lock_guard lock(mutex_);
+    const KRLock lock(mutex_);
     for (KRCameraControl& control : controls_) {
         control.value = control.defaultValue;
     }
@@ -32,8 +33,10 @@ void KRSoftwareControls::reset() {
 }
 
 int KRSoftwareControls::getValue(int id) const {
-    const std::lock_guard lock(mutex_);
-    return std::ranges::find(controls_, id, &KRCameraControl::id)->value;
+    const KRLock lock(mutex_);
+    const auto control = std::ranges::find(controls_, id, &KRCameraControl::id);
+    assert(control != controls_.end());
+    return control->value;
 }
 
 std::vector<KRCameraControl> getPictureControls() {

@@ -2,15 +2,16 @@
 
 #include "camera/krcontrols.hpp"
 
+#include <krplatform/krmutex.hpp>
+
 #include <atomic>
 #include <cstdint>
-#include <mutex>
 #include <vector>
 
 namespace KR {
 
-/// Controls of a camera whose picture is adjusted here: values that whoever adjusts it looks up.
-/// They go back to their defaults when the camera closes.
+/// Controls of a camera whose picture is adjusted by GStreamer: values, which the pipeline polls. They are reset to
+/// their defaults when the camera closes.
 class KRSoftwareControls : public KRControls {
 public:
     /// Without controls.
@@ -22,14 +23,14 @@ public:
     void reset() override;
     void cameraClosed() noexcept override { reset(); }
 
-    /// Of a control that is there.
+    /// The value of one of the controls.
     int getValue(int id) const;
-    /// Grows with every change.
+    /// Increases with every change.
     std::uint64_t getVersion() const noexcept { return version_; }
 
 private:
-    mutable std::mutex mutex_;
-    std::vector<KRCameraControl> controls_; ///< the values are guarded by mutex_
+    mutable KRMutex mutex_;
+    std::vector<KRCameraControl> controls_ KR_GUARDED_BY(mutex_);
     std::atomic<std::uint64_t> version_{0};
 };
 

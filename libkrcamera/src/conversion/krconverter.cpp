@@ -37,7 +37,7 @@ const ColorSpace* findColorSpace(int code) noexcept {
     return found == colorSpaces.end() ? nullptr : found;
 }
 
-// A wide image (32:9) keeps the proportions of the camera's picture; the others are filled by it.
+// Wide images (32:9) keep the aspect ratio of the camera's picture; others are filled by it.
 bool isLetterboxed(int resolution) noexcept {
     return resolution >= 13 && resolution <= 17;
 }
@@ -46,7 +46,7 @@ struct Rectangle {
     int x, y, width, height;
 };
 
-// Where the picture goes in the image. Left edge and width are even: two pixels share their colour in YUV422.
+// Position of the picture in the image. Left edge and width are even: in YUV422, two pixels share their colour.
 Rectangle placePicture(const GstVideoInfo& in, const GstVideoInfo& out, bool letterboxed) {
     Rectangle place{0, 0, out.width, out.height};
     if (!letterboxed) {
@@ -64,16 +64,16 @@ Rectangle placePicture(const GstVideoInfo& in, const GstVideoInfo& out, bool let
     return place;
 }
 
-// How many pixels of the image that comes in make one of the scaled image, per direction. GStreamer's own choice
-// grows with the scale, and from a dozen on its rounding errors show as stripes.
+// Number of input pixels per output pixel and direction. GStreamer's default grows with the scale, and from twelve on
+// its rounding errors are visible as stripes.
 int countTaps(const GstVideoInfo& in, const Rectangle& place) {
     const double scale =
         std::max(static_cast<double>(in.width) / place.width, static_cast<double>(in.height) / place.height);
     return std::clamp(2 * static_cast<int>(std::ceil(scale)), 2, 6);
 }
 
-// Whether the last step, to other colours, is KRColorConversion's. GStreamer's own way from 8 bits of YUV to RGB is off
-// by up to six levels, its way to another matrix by two, and it leaves a range of 0 to 255 as it is if the matrix stays.
+// Whether KRColorConversion converts the colours. GStreamer's conversion of 8-bit YUV to RGB is off by up to six levels,
+// that to another matrix by two, and it ignores a range of 0 to 255 if the matrix stays the same.
 bool changesColors(const GstVideoInfo& in, const GstVideoInfo& out) {
     gdouble kr = 0;
     gdouble kb = 0;
@@ -88,7 +88,7 @@ bool changesColors(const GstVideoInfo& in, const GstVideoInfo& out) {
     return GST_VIDEO_INFO_IS_YUV(&in) && (isFull || in.colorimetry.matrix != out.colorimetry.matrix);
 }
 
-// GStreamer's own borders are black in one range of levels only.
+// GStreamer's borders are black in one range of levels only.
 void paintBlack(GstVideoFrame& image) {
     const bool isFull = image.info.colorimetry.range == GST_VIDEO_COLOR_RANGE_0_255; // as RGB is
     const auto black = static_cast<unsigned char>(isFull ? 0 : 16);
@@ -103,7 +103,7 @@ void paintBlack(GstVideoFrame& image) {
     }
 }
 
-// Part of an image, in its memory.
+// A part of an image; shares its memory.
 GstVideoFrame crop(const GstVideoFrame& image, const Rectangle& place) {
     GstVideoFrame part = image;
     part.info.width = place.width;
@@ -170,8 +170,8 @@ std::string listColorSpaces() {
     return list;
 }
 
-/// The steps from one layout of images to another: GStreamer scales and brings them into a layout from which the step
-/// to the wanted one is small, unless they are in it already.
+/// Converts images of one layout to another. GStreamer scales them; if KRColorConversion converts the colours, GStreamer
+/// first brings them into a layout that KRColorConversion reads, unless they have it already.
 class KRConverter::Conversion {
 public:
     Conversion(const GstVideoInfo& from, int toResolution, int toColorSpace)
@@ -223,7 +223,7 @@ private:
             info.colorimetry = colors;
             const GstHandle<GstBuffer> buffer(gst_buffer_new_allocate(nullptr, info.size, nullptr));
             if (!buffer || !gst_video_frame_map(&frame, &info, buffer.get(), GST_MAP_READWRITE)) {
-                throw std::runtime_error("there is no memory for the conversion of an image");
+                throw std::runtime_error("out of memory");
             }
         }
         ~Image() { gst_video_frame_unmap(&frame); }
@@ -247,12 +247,12 @@ private:
     }
 
     const Rectangle place_;
-    std::optional<KRColorConversion> colors_; ///< what GStreamer does not do
-    std::optional<Image> between_;            ///< before that, the scaled image
+    std::optional<KRColorConversion> colors_; ///< if GStreamer does not convert the colours
+    std::optional<Image> between_;            ///< the scaled image, input of colors_
     std::unique_ptr<GstVideoConverter, Free> converter_;
 };
 
-/// Memory for converted images. Pages that have been touched are worth keeping.
+/// Memory for converted images. It is reused because touching fresh pages is expensive.
 class KRConverter::Buffers : public std::enable_shared_from_this<Buffers> {
 public:
     Buffers() { idle_.reserve(maximumIdleBuffers); }
@@ -264,7 +264,8 @@ public:
     Buffers(const Buffers&) = delete;
     Buffers& operator=(const Buffers&) = delete;
 
-    /// At least `size` bytes of any content, aligned to 64; comes back when the last holder lets go of it.
+    /// `size` uninitialised bytes, aligned to 64. They return here when their last owner releases them.
+    /// \throws std::bad_alloc
     boost::shared_ptr<unsigned char[]> take(std::size_t size) {
         unsigned char* bytes = takeIdle(size);
         if (bytes == nullptr) {
@@ -278,7 +279,7 @@ private:
     static void free(unsigned char* bytes) noexcept { ::operator delete[](bytes, bufferAlignment); }
 
     unsigned char* takeIdle(std::size_t size) {
-        const std::lock_guard lock(mutex_);
+        const KRLock lock(mutex_);
         const auto found = std::ranges::find(idle_, size, &Idle::second);
         if (found == idle_.end()) {
             return nullptr;
@@ -291,7 +292,7 @@ private:
     void giveBack(unsigned char* bytes, std::size_t size) noexcept {
         unsigned char* surplus = nullptr;
         {
-            const std::lock_guard lock(mutex_);
+            const KRLock lock(mutex_);
             if (idle_.size() == maximumIdleBuffers) {
                 surplus = idle_.front().first;
                 idle_.erase(idle_.begin());
@@ -304,8 +305,8 @@ private:
     }
 
     using Idle = std::pair<unsigned char*, std::size_t>;
-    std::mutex mutex_;
-    std::vector<Idle> idle_; ///< guarded by mutex_, longest idle first
+    KRMutex mutex_;
+    std::vector<Idle> idle_ KR_GUARDED_BY(mutex_); ///< longest idle first
 };
 
 KRConverter::KRConverter() : buffers_(std::make_shared<Buffers>()) {}
@@ -331,7 +332,7 @@ KRBinary KRConverter::convert(const GstVideoFrame& image, int resolution, int co
 std::unique_ptr<KRConverter::Conversion> KRConverter::take(const GstVideoInfo& in, int resolution,
                                                            int colorSpace) {
     {
-        const std::lock_guard lock(mutex_);
+        const KRLock lock(mutex_);
         const auto found = std::ranges::find_if(idle_, [&](const std::unique_ptr<Conversion>& idle) {
             return idle->resolution == resolution && idle->colorSpace == colorSpace &&
                    gst_video_info_is_equal(&idle->in, &in);
@@ -347,7 +348,7 @@ std::unique_ptr<KRConverter::Conversion> KRConverter::take(const GstVideoInfo& i
 
 void KRConverter::giveBack(std::unique_ptr<Conversion> conversion) {
     std::unique_ptr<Conversion> surplus;
-    const std::lock_guard lock(mutex_);
+    const KRLock lock(mutex_);
     if (idle_.size() == maximumIdleConversions) {
         surplus = std::move(idle_.front());
         idle_.erase(idle_.begin());

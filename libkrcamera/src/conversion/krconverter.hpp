@@ -1,20 +1,20 @@
 #pragma once
 
+#include <krplatform/krmutex.hpp>
 #include <krplatform/krvalue.hpp>
 
 #include <gst/video/video.h>
 
 #include <cstddef>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
 
 namespace KR {
 
-/// The layout of images of a resolution and colour space: dense rows, GStreamer's default offsets.
-/// Empty for a resolution or colour space that the camera service does not deliver.
+/// The layout of images of a resolution and colour space: rows without padding, GStreamer's default offsets. Empty if
+/// the camera service does not support the resolution or colour space.
 std::optional<GstVideoInfo> getImageInfo(int resolution, int colorSpace);
 
 bool isResolutionSupported(int resolution) noexcept;
@@ -23,7 +23,7 @@ bool isColorSpaceSupported(int colorSpace) noexcept;
 /// "0 (luma), 9 (YUV422), ...".
 std::string listColorSpaces();
 
-/// Scales and converts images, keeping what that needs from one image to the next. Thread-safe.
+/// Scales and converts images. Keeps converters and buffers for the next image. Thread-safe.
 class KRConverter {
 public:
     KRConverter();
@@ -31,8 +31,9 @@ public:
     KRConverter(const KRConverter&) = delete;
     KRConverter& operator=(const KRConverter&) = delete;
 
-    /// The whole of `image` in a resolution and colour space that are supported.
+    /// The whole of `image` in a supported resolution and colour space.
     /// \throws std::runtime_error  GStreamer cannot convert from this layout
+    /// \throws std::bad_alloc
     KRBinary convert(const GstVideoFrame& image, int resolution, int colorSpace);
 
 private:
@@ -43,8 +44,8 @@ private:
     void giveBack(std::unique_ptr<Conversion> conversion);
 
     const std::shared_ptr<Buffers> buffers_;
-    std::mutex mutex_;
-    std::vector<std::unique_ptr<Conversion>> idle_; ///< guarded by mutex_, least recently used first
+    KRMutex mutex_;
+    std::vector<std::unique_ptr<Conversion>> idle_ KR_GUARDED_BY(mutex_); ///< least recently used first
 };
 
 } // namespace KR

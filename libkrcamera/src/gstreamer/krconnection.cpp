@@ -16,25 +16,24 @@ struct Unref {
     void operator()(gpointer object) const noexcept { g_object_unref(object); }
 };
 
-std::string describe(GTlsCertificateFlags errors) {
-    std::string text = "its certificate is not trusted: ";
+const char* describe(GTlsCertificateFlags errors) noexcept {
     if ((errors & G_TLS_CERTIFICATE_UNKNOWN_CA) != 0) {
-        return text + "it is signed by an authority that is not known here";
+        return "it is signed by an unknown authority";
     }
     if ((errors & G_TLS_CERTIFICATE_BAD_IDENTITY) != 0) {
-        return text + "it is that of another host";
+        return "it belongs to another host";
     }
     if ((errors & G_TLS_CERTIFICATE_NOT_ACTIVATED) != 0) {
-        return text + "it is not valid yet";
+        return "it is not valid yet";
     }
     if ((errors & G_TLS_CERTIFICATE_EXPIRED) != 0) {
-        return text + "it has expired";
+        return "it has expired";
     }
-    return text + "it was revoked or is weak or damaged";
+    return "it was revoked or is weak or damaged";
 }
 
 gboolean refuseCertificate(GTlsConnection*, GTlsCertificate*, GTlsCertificateFlags errors, gpointer reason) {
-    *static_cast<std::string*>(reason) = describe(errors);
+    *static_cast<const char**>(reason) = describe(errors);
     return FALSE;
 }
 
@@ -52,16 +51,16 @@ std::string explainConnection(const std::string& uri) {
     const std::unique_ptr<GSocketClient, Unref> client(g_socket_client_new());
     g_socket_client_set_timeout(client.get(), timeout_s);
     g_socket_client_set_tls(client.get(), secure);
-    std::string reason;
-    g_signal_connect(client.get(), "event", G_CALLBACK(watchHandshake), &reason);
+    const char* distrust = nullptr;
+    g_signal_connect(client.get(), "event", G_CALLBACK(watchHandshake), &distrust);
     GError* error = nullptr;
     const std::unique_ptr<GSocketConnection, Unref> connection(
         g_socket_client_connect_to_uri(client.get(), uri.c_str(), secure ? 443 : 80, nullptr, &error));
     const GstHandle<GError> ownedError(error);
-    if (reason.empty() && error != nullptr) {
-        reason = error->message;
+    if (distrust != nullptr) {
+        return std::string("its certificate is not trusted: ") + distrust;
     }
-    return reason;
+    return error != nullptr ? error->message : "";
 }
 
 } // namespace KR

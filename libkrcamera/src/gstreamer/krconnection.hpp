@@ -4,9 +4,9 @@
 
 namespace KR {
 
-/// Tries whether the server of an http: or https: URI can be spoken to, for there are elements of GStreamer that do not
-/// tell why it cannot. Asks it for nothing. Blocks for some seconds at most.
-/// \return why it cannot, for instance that its certificate is not trusted; empty if it can
+/// Connects to the server of an http: or https: URI and disconnects again: some elements of GStreamer do not report why
+/// a server cannot be reached. Blocks for some seconds at most. Reentrant.
+/// \return the reason, for instance that the certificate is not trusted; empty if the connection was made
 std::string explainConnection(const std::string& uri);
 
 } // namespace KR

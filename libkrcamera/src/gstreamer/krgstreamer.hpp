@@ -6,7 +6,7 @@
 
 namespace KR {
 
-/// Gives one reference on an object of GStreamer or GLib back.
+/// Drops one reference to an object of GStreamer or GLib.
 struct GstRelease {
     void operator()(GstElement* element) const noexcept { gst_object_unref(element); }
     void operator()(GstBus* bus) const noexcept { gst_object_unref(bus); }
@@ -23,8 +23,8 @@ struct GstRelease {
 template <class T>
 using GstHandle = std::unique_ptr<T, GstRelease>;
 
-/// Makes GStreamer ready, at the first call. Thread-safe.
-/// \throws std::runtime_error GStreamer cannot be used; the text says why
+/// Initialises GStreamer at the first call. Thread-safe.
+/// \throws std::runtime_error  GStreamer cannot be used; the text says why
 void initGStreamer();
 
 } // namespace KR

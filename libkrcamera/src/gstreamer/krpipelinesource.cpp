@@ -5,6 +5,7 @@
 #include "gstreamer/krconnection.hpp"
 #include "gstreamer/krpipeline.hpp"
 
+#include <filesystem>
 #include <stdexcept>
 #include <utility>
 
@@ -16,11 +17,20 @@ const std::string adjust = " ! videobalance name=gain ! videobalance name=balanc
 
 enum class Controls { None, Picture };
 
+// Opening a pipe would block until someone writes to it. GStreamer reports missing files and folders.
+void checkFile(const std::string& path) {
+    std::error_code unknown;
+    const std::filesystem::file_status status = std::filesystem::status(path, unknown);
+    if (std::filesystem::is_other(status)) {
+        throw std::runtime_error("it is not a regular file");
+    }
+}
+
 class PipelineSource : public KRSource {
 public:
     PipelineSource(const KRSourceString& string, KRPipelineDescription description, Controls controls,
-                   bool steady = false)
-        : KRSource(string), description_(std::move(description)), steady_(steady),
+                   KRLiveCamera::Silence silence = {})
+        : KRSource(string), description_(std::move(description)), silence_(std::move(silence)),
           hasControls_(controls == Controls::Picture),
           controls_(hasControls_ ? getPictureControls() : std::vector<KRCameraControl>()) {}
 
@@ -28,14 +38,17 @@ public:
 
     std::shared_ptr<KRCamera> makeCamera(int index, const std::string& title) override {
         const auto open = [this](const KRSize& /*wanted*/) {
+            if (description_.sourceProperty == "location") {
+                checkFile(description_.sourceValue);
+            }
             return std::make_unique<KRPipeline>(description_, hasControls_ ? &controls_ : nullptr);
         };
-        return std::make_shared<KRLiveCamera>(index, title, open, steady_);
+        return std::make_shared<KRLiveCamera>(index, title, open, silence_);
     }
 
 private:
     const KRPipelineDescription description_;
-    const bool steady_;
+    const KRLiveCamera::Silence silence_;
     const bool hasControls_;
     KRSoftwareControls controls_;
 };
@@ -58,6 +71,9 @@ void checkPattern(const std::string& pattern) {
     }
     throw std::invalid_argument("there is no test pattern \"" + pattern + "\"; the patterns are " + names);
 }
+
+// What GStreamer takes for a video may keep its decoder waiting for ever.
+const KRLiveCamera::Silence fileSilence{false, "the file may be damaged or hold no video"};
 
 KRPipelineDescription describeFile(const KRSourceString& string) {
     KRPipelineDescription description;
@@ -95,25 +111,27 @@ std::unique_ptr<KRSource> makeFileSource(const KRSourceString& string) {
     KRPipelineDescription description = describeFile(string);
     description.elements += adjust;
     description.atEnd = KRPipelineDescription::AtEnd::Rewind;
-    return std::make_unique<PipelineSource>(string, std::move(description), Controls::Picture);
+    return std::make_unique<PipelineSource>(string, std::move(description), Controls::Picture, fileSilence);
 }
 
 std::unique_ptr<KRSource> makeStillImageSource(const KRSourceString& string) {
     KRPipelineDescription description = describeFile(string);
     // Decoded once; the elements behind imagefreeze see a live camera.
     description.elements += " ! imagefreeze is-live=true ! video/x-raw,framerate=30/1" + adjust;
-    return std::make_unique<PipelineSource>(string, std::move(description), Controls::Picture);
+    return std::make_unique<PipelineSource>(string, std::move(description), Controls::Picture, fileSilence);
 }
 
 std::unique_ptr<KRSource> makeHttpSource(const KRSourceString& string) {
     KRPipelineDescription description = describeUri(string);
     description.atEnd = KRPipelineDescription::AtEnd::Restart;
     description.explain = [uri = string.argument] { return explainConnection(uri); };
-    return std::make_unique<PipelineSource>(string, std::move(description), Controls::Picture, true);
+    return std::make_unique<PipelineSource>(string, std::move(description), Controls::Picture,
+                                            KRLiveCamera::Silence{true});
 }
 
 std::unique_ptr<KRSource> makeRtspSource(const KRSourceString& string) {
-    return std::make_unique<PipelineSource>(string, describeUri(string), Controls::Picture, true);
+    return std::make_unique<PipelineSource>(string, describeUri(string), Controls::Picture,
+                                            KRLiveCamera::Silence{true});
 }
 
 std::unique_ptr<KRSource> makeGstSource(const KRSourceString& string) {

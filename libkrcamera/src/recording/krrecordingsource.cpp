@@ -2,8 +2,8 @@
 
 #include "camera/krlivecamera.hpp"
 #include "camera/krsoftwarecontrols.hpp"
-#include "recording/krrecording.hpp"
 #include "recording/krrecordingaddress.hpp"
+#include "recording/krrecordingplayer.hpp"
 #include "recording/krsteppedcamera.hpp"
 
 namespace KR {
@@ -24,7 +24,7 @@ public:
         const auto open = [this](const KRSize& /*wanted*/) {
             return std::make_unique<KRRecordingPlayer>(address_.path, address_.stream);
         };
-        return std::make_shared<KRLiveCamera>(index, title, open, false);
+        return std::make_shared<KRLiveCamera>(index, title, open, KRLiveCamera::Silence());
     }
 
 private:

@@ -1,5 +1,8 @@
 #include "recording/krsteppedcamera.hpp"
 
+#include "camera/krframe.hpp"
+#include "conversion/krconverter.hpp"
+
 #include <stdexcept>
 #include <utility>
 
@@ -11,7 +14,7 @@ KRSteppedCamera::KRSteppedCamera(std::string path, int stream)
 }
 
 void KRSteppedCamera::open() {
-    const std::lock_guard lock(mutex_);
+    const KRLock lock(mutex_);
     if (stopping_) {
         throw std::runtime_error("the camera service is shutting down");
     }
@@ -22,28 +25,27 @@ void KRSteppedCamera::open() {
 }
 
 void KRSteppedCamera::close() {
-    const std::lock_guard lock(mutex_);
+    const KRLock lock(mutex_);
     stopping_ = true;
 }
 
 std::shared_ptr<KRFrame> KRSteppedCamera::waitForFrame(std::uint64_t after,
                                                        std::chrono::steady_clock::time_point /*deadline*/) {
-    const std::lock_guard lock(mutex_);
+    const KRLock lock(mutex_);
     if (stopping_ || !recording_) {
         return nullptr;
     }
     if (after >= recording_->getFrameCount()) {
         throw std::runtime_error("the recording has ended");
     }
-    const auto frame =
-        std::make_shared<KRFrame>(after + 1, recording_->read(static_cast<std::uint32_t>(after)), converter_);
+    const auto frame = std::make_shared<KRFrame>(after + 1, recording_->read(after), converter_);
     status_.width = frame->getWidth();
     status_.height = frame->getHeight();
     return frame;
 }
 
 KRCamera::Status KRSteppedCamera::getStatus() const {
-    const std::lock_guard lock(mutex_);
+    const KRLock lock(mutex_);
     return status_;
 }
 

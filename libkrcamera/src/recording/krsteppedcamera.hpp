@@ -3,22 +3,26 @@
 #include "camera/krcamera.hpp"
 #include "recording/krrecording.hpp"
 
-#include <mutex>
+#include <krplatform/krmutex.hpp>
+
+#include <memory>
 #include <optional>
 #include <string>
 
 namespace KR {
 
-/// A recording that waits for its subscribers: each of them gets each image once, from the first to the last, as fast
-/// as it fetches. After the last one it has ended, for that subscription; it never starts again by itself, so that
-/// what a module makes of it does not depend on time.
+class KRConverter;
+
+/// A recording that is paced by its subscribers: each of them gets each image once, from the first to the last, as fast
+/// as it fetches. After its last image, a subscription gets an error; it does not start again. What a module makes of
+/// such a recording does not depend on time.
 class KRSteppedCamera : public KRCamera {
 public:
     KRSteppedCamera(std::string path, int stream);
 
     void open() override;
     void close() override;
-    /// Waits for nothing. The frame has the number `after` + 1.
+    /// Does not wait. The frame has the number `after` + 1.
     std::shared_ptr<KRFrame> waitForFrame(std::uint64_t after,
                                           std::chrono::steady_clock::time_point deadline) override;
     Status getStatus() const override;
@@ -28,11 +32,10 @@ private:
     const int stream_;
     const std::shared_ptr<KRConverter> converter_;
 
-    mutable std::mutex mutex_;
-    // Guarded by mutex_:
-    std::optional<KRRecording> recording_;
-    Status status_;
-    bool stopping_ = false;
+    mutable KRMutex mutex_;
+    std::optional<KRRecording> recording_ KR_GUARDED_BY(mutex_);
+    Status status_ KR_GUARDED_BY(mutex_);
+    bool stopping_ KR_GUARDED_BY(mutex_) = false;
 };
 
 } // namespace KR

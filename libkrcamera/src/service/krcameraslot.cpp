@@ -1,7 +1,9 @@
 #include "service/krcameraslot.hpp"
 
 #include <krplatform/krlog.hpp>
+#include <krplatform/krtext.hpp>
 
+#include <cassert>
 #include <stdexcept>
 #include <utility>
 
@@ -18,11 +20,11 @@ KRCameraInfo KRCameraSlot::getInfo() const {
     KRCameraInfo info;
     info.camera = index_;
     info.source = source_->getText();
-    info.model = source_->getModel();
+    info.model = getModel();
     info.state = "closed";
     std::shared_ptr<KRCamera> camera;
     {
-        const std::lock_guard lock(mutex_);
+        const KRLock lock(mutex_);
         camera = camera_;
         info.subscribers = users_;
     }
@@ -39,8 +41,8 @@ KRCameraInfo KRCameraSlot::getInfo() const {
 void KRCameraSlot::acquire(const KRSize& size) {
     std::shared_ptr<KRCamera> camera;
     {
-        const std::lock_guard users(usersMutex_);
-        const std::lock_guard lock(mutex_);
+        const KRLock users(usersMutex_);
+        const KRLock lock(mutex_);
         if (shutDown_) {
             throw std::runtime_error(getTitle() + " cannot be opened: the camera service is shutting down");
         }
@@ -50,13 +52,12 @@ void KRCameraSlot::acquire(const KRSize& size) {
         camera = camera_;
         ++users_;
     }
-    camera->want(size);
     try {
+        camera->want(size);
         camera->open();
-    } catch (const std::runtime_error& error) {
-        const std::string text = getTitle() + " cannot be opened: " + error.what();
+    } catch (...) {
         release();
-        throw std::runtime_error(text);
+        throw std::runtime_error(getTitle() + " cannot be opened: " + describeCurrentException());
     }
 }
 
@@ -67,9 +68,10 @@ void KRCameraSlot::want(const KRSize& size) const {
 }
 
 void KRCameraSlot::release() {
-    const std::lock_guard users(usersMutex_);
+    const KRLock users(usersMutex_);
     {
-        const std::lock_guard lock(mutex_);
+        const KRLock lock(mutex_);
+        assert(users_ > 0);
         if (--users_ > 0) {
             return;
         }
@@ -79,27 +81,27 @@ void KRCameraSlot::release() {
 
 void KRCameraSlot::shutDown() {
     {
-        const std::lock_guard lock(mutex_);
+        const KRLock lock(mutex_);
         shutDown_ = true;
     }
-    const std::lock_guard users(usersMutex_);
+    const KRLock users(usersMutex_);
     close();
 }
 
 std::shared_ptr<KRCamera> KRCameraSlot::getCamera() const {
-    const std::lock_guard lock(mutex_);
+    const KRLock lock(mutex_);
     return camera_;
 }
 
 bool KRCameraSlot::isShutDown() const {
-    const std::lock_guard lock(mutex_);
+    const KRLock lock(mutex_);
     return shutDown_;
 }
 
 void KRCameraSlot::close() {
     std::shared_ptr<KRCamera> camera;
     {
-        const std::lock_guard lock(mutex_);
+        const KRLock lock(mutex_);
         camera = std::exchange(camera_, nullptr);
     }
     if (camera) {

@@ -4,15 +4,15 @@
 #include "source/krsource.hpp"
 
 #include <krplatform/krcamerainfo.hpp>
+#include <krplatform/krmutex.hpp>
 
 #include <memory>
-#include <mutex>
 #include <string>
 
 namespace KR {
 
-/// One camera index of the service: opens the camera for its first user and closes it after its last.
-/// Thread-safe. Opening and closing one slot does not hold up the others.
+/// One camera index of the service: opens the camera for its first user and closes it after its last. Thread-safe.
+/// Opening or closing one slot does not block the others.
 class KRCameraSlot {
 public:
     KRCameraSlot(int index, std::unique_ptr<KRSource> source);
@@ -23,34 +23,35 @@ public:
     KRControls& getControls() noexcept { return source_->getControls(); }
     KRCameraInfo getInfo() const;
 
-    /// Counts a user in, once the camera delivers: opens it for the first one, and has it try again at once for any
-    /// later one if it has failed. \param size  of the pictures that the user wants \throws std::runtime_error  the camera cannot be opened, and the user is
-    /// not counted; the text names camera, source and reason
+    /// Adds a user and waits until the camera delivers images. The first user opens the camera; for later ones, a
+    /// camera that has failed tries again at once.
+    /// \param size  of the pictures that the user wants
+    /// \throws std::runtime_error  the camera cannot be opened, and the user is not added; the text names camera,
+    /// source and reason
     void acquire(const KRSize& size);
     /// A user wants pictures of another size.
     void want(const KRSize& size) const;
-    /// Counts a user out.
+    /// Removes a user.
     void release();
-    /// Closes the camera for good, whoever uses it, and wakes those who wait for its frames.
+    /// Closes the camera for good, even if it is in use, and wakes the threads that wait for its frames.
     void shutDown();
 
-    /// The camera while there are users, or null.
+    /// The camera, or null if there are no users.
     std::shared_ptr<KRCamera> getCamera() const;
     bool isShutDown() const;
 
 private:
-    void close();
+    void close() KR_REQUIRES(usersMutex_);
 
     const int index_;
     const std::unique_ptr<KRSource> source_;
 
-    std::mutex usersMutex_; ///< held while the camera closes
+    KRMutex usersMutex_; ///< held while users_ changes and while the camera closes
 
-    mutable std::mutex mutex_; ///< taken after usersMutex_, never held while the camera opens and closes
-    // Guarded by mutex_; users_ changes with usersMutex_ held, too.
-    std::shared_ptr<KRCamera> camera_;
-    int users_ = 0;
-    bool shutDown_ = false;
+    mutable KRMutex mutex_ KR_ACQUIRED_AFTER(usersMutex_); ///< not held while the camera opens or closes
+    std::shared_ptr<KRCamera> camera_ KR_GUARDED_BY(mutex_);
+    int users_ KR_GUARDED_BY(mutex_) = 0;
+    bool shutDown_ KR_GUARDED_BY(mutex_) = false;
 };
 
 } // namespace KR

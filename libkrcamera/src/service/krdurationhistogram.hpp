@@ -8,10 +8,10 @@
 
 namespace KR {
 
-/// Counts durations in classes that are 3 % wide, in the same memory however many there are. Reentrant.
+/// A histogram of durations in classes that are 3 % wide; its memory does not grow. Reentrant.
 class KRDurationHistogram {
 public:
-    /// Negative ones count as 0, those over a day as a day.
+    /// Negative durations count as 0, those over a day as a day.
     void add(std::chrono::steady_clock::duration duration) noexcept;
     /// Median and 99th percentile are the upper ends of their classes.
     KRDurations summarize() const noexcept;

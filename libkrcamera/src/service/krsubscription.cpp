@@ -1,5 +1,7 @@
 #include "service/krsubscription.hpp"
 
+#include "camera/krframe.hpp"
+
 #include <algorithm>
 #include <limits>
 #include <utility>
@@ -15,47 +17,47 @@ int toInt(std::uint64_t count) noexcept {
 } // namespace
 
 KRSubscription::Settings KRSubscription::getSettings() const {
-    const std::lock_guard lock(mutex_);
+    const KRLock lock(mutex_);
     return settings_;
 }
 
 KRSubscription::Position KRSubscription::getPosition() const {
-    const std::lock_guard lock(mutex_);
+    const KRLock lock(mutex_);
     return {settings_, lastFrame_, moves_, ended_};
 }
 
 void KRSubscription::setResolution(int resolution) {
-    const std::lock_guard lock(mutex_);
+    const KRLock lock(mutex_);
     settings_.resolution = resolution;
 }
 
 void KRSubscription::setColorSpace(int colorSpace) {
-    const std::lock_guard lock(mutex_);
+    const KRLock lock(mutex_);
     settings_.colorSpace = colorSpace;
 }
 
 void KRSubscription::setFrameRate(int frameRate) {
-    const std::lock_guard lock(mutex_);
+    const KRLock lock(mutex_);
     settings_.frameRate = frameRate;
 }
 
 void KRSubscription::setCamera(int camera) {
-    const std::lock_guard lock(mutex_);
+    const KRLock lock(mutex_);
     settings_.camera = camera;
     lastFrame_ = 0;
     ++moves_;
 }
 
 void KRSubscription::end() {
-    std::shared_ptr<KRFrame> held; // goes after the lock
-    const std::lock_guard lock(mutex_);
+    std::shared_ptr<KRFrame> held; // released after the lock
+    const KRLock lock(mutex_);
     ended_ = true;
     held.swap(held_);
 }
 
 bool KRSubscription::take(const std::shared_ptr<KRFrame>& frame, const Position& position) {
-    std::shared_ptr<KRFrame> before; // goes after the lock
-    const std::lock_guard lock(mutex_);
+    std::shared_ptr<KRFrame> before; // released after the lock
+    const KRLock lock(mutex_);
     if (ended_ || moves_ != position.moves || lastFrame_ >= frame->getNumber()) {
         return false;
     }
@@ -70,7 +72,7 @@ bool KRSubscription::take(const std::shared_ptr<KRFrame>& frame, const Position&
 }
 
 void KRSubscription::noteDelivery(const KRFrame& frame) {
-    const std::lock_guard lock(mutex_);
+    const KRLock lock(mutex_);
     deliveredAt_ = Clock::now();
     ages_.add(deliveredAt_ - frame.getTaken());
     if (delivered_ > 0) {
@@ -81,8 +83,8 @@ void KRSubscription::noteDelivery(const KRFrame& frame) {
 }
 
 void KRSubscription::release() {
-    std::shared_ptr<KRFrame> held; // goes after the lock
-    const std::lock_guard lock(mutex_);
+    std::shared_ptr<KRFrame> held; // released after the lock
+    const KRLock lock(mutex_);
     noteRelease();
     held.swap(held_);
 }
@@ -99,7 +101,7 @@ KRSubscriberInfo KRSubscription::getInfo(const std::string& id) const {
 }
 
 KRSubscriptionStatistics KRSubscription::getStatistics(const std::string& id) const {
-    const std::lock_guard lock(mutex_);
+    const KRLock lock(mutex_);
     return {id,
             settings_.camera,
             toInt(delivered_),

@@ -1,19 +1,21 @@
 #pragma once
 
-#include "camera/krframe.hpp"
 #include "service/krdurationhistogram.hpp"
 
 #include <krplatform/krcamerainfo.hpp>
+#include <krplatform/krmutex.hpp>
 
 #include <chrono>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
+#include <utility>
 
 namespace KR {
 
-/// One subscription: its settings, the image it holds, and its account. Thread-safe.
+class KRFrame;
+
+/// One subscription: its settings, the image it holds, and its statistics. Thread-safe.
 class KRSubscription {
 public:
     struct Settings {
@@ -30,55 +32,58 @@ public:
         bool ended;
     };
 
-    /// \param number  rises from subscription to subscription
-    KRSubscription(std::uint64_t number, const Settings& settings) : number_(number), settings_(settings) {}
+    /// \param number  increases from subscription to subscription
+    /// \param caller  the process that subscribed; empty for this one
+    KRSubscription(std::uint64_t number, const Settings& settings, std::string caller = {})
+        : number_(number), caller_(std::move(caller)), settings_(settings) {}
 
     std::uint64_t getNumber() const noexcept { return number_; }
+    const std::string& getCaller() const noexcept { return caller_; }
     Settings getSettings() const;
     Position getPosition() const;
 
     void setResolution(int resolution);
     void setColorSpace(int colorSpace);
     void setFrameRate(int frameRate);
-    /// Goes on with another camera. Only with `moving` held.
-    void setCamera(int camera);
-    /// Lets go of the image and refuses all others. Only with `moving` held.
-    void end();
+    void setCamera(int camera) KR_REQUIRES(moving);
+    /// Releases the image and refuses all others.
+    void end() KR_REQUIRES(moving);
 
-    /// Takes a frame in place of the one that is held. \return false, and nothing has changed: the
-    /// subscription has ended or moved since, or another thread has taken this frame or a newer one
+    /// Replaces the held frame by this one.
+    /// \return false, and nothing has changed: the subscription has ended or moved since, or another thread has taken
+    /// this frame or a newer one
     bool take(const std::shared_ptr<KRFrame>& frame, const Position& position);
-    /// The frame taken last goes to the subscriber now.
+    /// Records that the frame taken last is delivered now.
     void noteDelivery(const KRFrame& frame);
-    /// Lets go of the frame that is held, if there is one.
+    /// Releases the frame that is held, if any.
     void release();
 
     KRSubscriberInfo getInfo(const std::string& id) const;
     KRSubscriptionStatistics getStatistics(const std::string& id) const;
 
-    std::mutex moving; ///< held while the subscription changes its camera or ends; before any lock inside
+    KRMutex moving; ///< held while the subscription changes its camera or ends; taken before the private one
 
 private:
     using Clock = std::chrono::steady_clock;
 
-    void noteRelease();
+    void noteRelease() KR_REQUIRES(mutex_);
 
     const std::uint64_t number_;
+    const std::string caller_;
 
-    mutable std::mutex mutex_;
-    // Guarded by mutex_:
-    Settings settings_;
-    std::uint64_t lastFrame_ = 0;
-    std::uint64_t moves_ = 0;
-    bool ended_ = false;
-    std::shared_ptr<KRFrame> held_;
-    Clock::time_point deliveredAt_; ///< the image that is held
-    std::uint64_t delivered_ = 0;
-    std::uint64_t missed_ = 0;
-    Clock::time_point lastDelivery_;
-    KRDurationHistogram ages_;
-    KRDurationHistogram intervals_;
-    KRDurationHistogram holds_;
+    mutable KRMutex mutex_;
+    Settings settings_ KR_GUARDED_BY(mutex_);
+    std::uint64_t lastFrame_ KR_GUARDED_BY(mutex_) = 0;
+    std::uint64_t moves_ KR_GUARDED_BY(mutex_) = 0;
+    bool ended_ KR_GUARDED_BY(mutex_) = false;
+    std::shared_ptr<KRFrame> held_ KR_GUARDED_BY(mutex_);
+    Clock::time_point deliveredAt_ KR_GUARDED_BY(mutex_); ///< when the frame that is held was delivered
+    std::uint64_t delivered_ KR_GUARDED_BY(mutex_) = 0;
+    std::uint64_t missed_ KR_GUARDED_BY(mutex_) = 0;
+    Clock::time_point lastDelivery_ KR_GUARDED_BY(mutex_);
+    KRDurationHistogram ages_ KR_GUARDED_BY(mutex_);
+    KRDurationHistogram intervals_ KR_GUARDED_BY(mutex_);
+    KRDurationHistogram holds_ KR_GUARDED_BY(mutex_);
 };
 
 } // namespace KR

@@ -1,11 +1,13 @@
 #include "krcamera/krvideodevice.hpp"
 
+#include "camera/krframe.hpp"
 #include "conversion/krconverter.hpp"
 #include "gstreamer/krgstreamer.hpp"
 #include "service/krvideodevice_p.hpp"
 #include "source/krsourcekinds.hpp"
 
 #include <krplatform/krlog.hpp>
+#include <krplatform/krtext.hpp>
 #include <krvision/krvisiondefinitions.hpp>
 
 #include <algorithm>
@@ -16,8 +18,9 @@ namespace KR {
 
 namespace {
 
-// The index travels in eight bits, with a sign.
+// The camera index is stored in a signed byte of an image.
 constexpr std::size_t maximumCameras = 128;
+constexpr std::size_t maximumNameSize = 1024; // bytes
 
 bool isFrameRateSupported(int frameRate) noexcept {
     return frameRate >= 1 && frameRate <= 30;
@@ -72,7 +75,7 @@ void KRVideoDevice::xShutDown() {
 std::string KRVideoDevice::subscribeCamera(const std::string& name, int camera, int resolution,
                                            int colorSpace, int frameRate) {
     const char* method = "subscribeCamera";
-    KRCameraSlot& slot = p_->getSlot(method, camera);
+    p_->getSlot(method, camera);
     if (!isResolutionSupported(resolution)) {
         p_->fail(method,
                  "resolution " + std::to_string(resolution) + " is not supported; supported are 0 to 17");
@@ -85,50 +88,37 @@ std::string KRVideoDevice::subscribeCamera(const std::string& name, int camera, 
         p_->fail(method, "frame rate " + std::to_string(frameRate) +
                              " is not supported; supported are 1 to 30 images per second");
     }
-    p_->acquire(method, slot, resolution);
-    const std::lock_guard lock(p_->mutex);
-    const std::uint64_t number = ++p_->subscriptionsMade;
-    const std::string id = name + "_" + std::to_string(number);
-    p_->subscriptions.emplace(
-        id, std::make_shared<KRSubscription>(
-                number, KRSubscription::Settings{camera, resolution, colorSpace, frameRate}));
-    p_->callers.emplace(id, xGetCaller());
-    return id;
+    if (name.size() > maximumNameSize) {
+        p_->fail(method, "the name of the subscriber has " + std::to_string(name.size()) +
+                             " bytes; at most " + std::to_string(maximumNameSize) + " are supported");
+    }
+    return p_->subscribe(name, xGetCaller(), {camera, resolution, colorSpace, frameRate});
 }
 
 void KRVideoDevice::unsubscribe(const std::string& id) {
     std::shared_ptr<KRSubscription> subscription;
     {
-        const std::lock_guard lock(p_->mutex);
+        const KRLock lock(p_->mutex);
         const auto found = p_->subscriptions.find(id);
         if (found == p_->subscriptions.end()) {
             p_->failUnknown("unsubscribe", id);
         }
         subscription = found->second;
         p_->subscriptions.erase(found);
-        p_->callers.erase(id);
     }
-    const std::lock_guard moving(subscription->moving);
+    const KRLock moving(subscription->moving);
     subscription->end();
-    p_->slots[subscription->getSettings().camera]->release();
+    p_->getSlot(subscription->getSettings()).release();
 }
 
 void KRVideoDevice::xCallerGone(const std::string& caller) {
-    std::vector<std::string> left;
-    {
-        const std::lock_guard lock(p_->mutex);
-        for (const auto& [id, subscriber] : p_->callers) {
-            if (subscriber == caller) {
-                left.push_back(id);
-            }
-        }
-    }
-    for (const std::string& id : left) {
+    for (const std::string& id : p_->noteCallerGone(caller)) {
         try {
             unsubscribe(id);
-            logInfo("KRVideoDevice", "subscription " + id + " has ended with the process that made it");
+            logInfo("KRVideoDevice",
+                    "subscription " + escapeText(id) + " has ended with the process that made it");
         } catch (const KRError& error) {
-            logVerbose("KRVideoDevice", error.what()); // it had just unsubscribed
+            logVerbose("KRVideoDevice", error.what()); // it has just unsubscribed
         }
     }
 }
@@ -139,7 +129,7 @@ KRValue KRVideoDevice::getImageRemote(const std::string& id) {
     const auto start = std::chrono::steady_clock::now();
     for (;;) {
         const KRSubscription::Position position = subscription->getPosition();
-        KRCameraSlot& slot = *p_->slots[position.settings.camera];
+        KRCameraSlot& slot = p_->getSlot(position.settings);
         if (position.ended) {
             p_->fail(method, "subscription \"" + id + "\" has ended");
         }
@@ -151,10 +141,10 @@ KRValue KRVideoDevice::getImageRemote(const std::string& id) {
         std::shared_ptr<KRFrame> frame;
         try {
             frame = camera ? camera->waitForFrame(position.lastFrame, start + patience) : nullptr;
-        } catch (const std::runtime_error& error) {
-            p_->fail(method, slot.getTitle() + " has failed: " + error.what());
+        } catch (...) {
+            p_->fail(method, slot.getTitle() + " has failed: " + describeCurrentException());
         }
-        // A camera that closes has been left by this subscription.
+        // No frame before the deadline: the camera is closing because this subscription has left it.
         if (!frame && std::chrono::steady_clock::now() >= start + patience) {
             p_->fail(method,
                      slot.getTitle() + ": no image within " + std::to_string(patience.count()) + " ms");
@@ -166,8 +156,8 @@ KRValue KRVideoDevice::getImageRemote(const std::string& id) {
             KRBinary pixels = frame->getPixels(position.settings.resolution, position.settings.colorSpace);
             subscription->noteDelivery(*frame);
             return makeImageValue(position.settings, *frame, std::move(pixels));
-        } catch (const std::runtime_error& error) {
-            p_->fail(method, slot.getTitle() + ": " + error.what());
+        } catch (...) { // out of memory, too, which ends the call and nothing else
+            p_->fail(method, slot.getTitle() + ": " + describeCurrentException());
         }
     }
 }
@@ -195,7 +185,7 @@ bool KRVideoDevice::setResolution(const std::string& id, int resolution) {
         return false;
     }
     subscription->setResolution(resolution);
-    p_->slots[subscription->getSettings().camera]->want(getSize(resolution));
+    p_->getSlot(subscription->getSettings()).want(getSize(resolution));
     return true;
 }
 
@@ -215,7 +205,7 @@ bool KRVideoDevice::setActiveCamera(const std::string& id, int camera) {
     if (slot == nullptr) {
         return false;
     }
-    const std::lock_guard moving(subscription->moving);
+    const KRLock moving(subscription->moving);
     const KRSubscription::Position position = subscription->getPosition();
     if (position.ended) {
         p_->failUnknown(method, id);
@@ -225,7 +215,7 @@ bool KRVideoDevice::setActiveCamera(const std::string& id, int camera) {
     }
     p_->acquire(method, *slot, position.settings.resolution);
     subscription->setCamera(camera);
-    p_->slots[position.settings.camera]->release();
+    p_->getSlot(position.settings).release();
     return true;
 }
 

@@ -3,13 +3,21 @@
 #include <krvision/krvisiondefinitions.hpp>
 
 #include <algorithm>
+#include <cassert>
 #include <stdexcept>
 
 namespace KR {
 
+namespace {
+
+constexpr std::size_t maximumSubscriptions = 4096;
+
+} // namespace
+
 KRSize getSize(int resolution) noexcept {
     KRSize size;
     setSizeFromResolution(resolution, size.width, size.height);
+    assert(size.width > 0 && size.height > 0);
     return size;
 }
 
@@ -30,6 +38,12 @@ KRCameraSlot& KRVideoDevice::Private::getSlot(const char* method, int camera) co
                                         : "there are cameras 0 to " + std::to_string(slots.size() - 1)));
 }
 
+KRCameraSlot& KRVideoDevice::Private::getSlot(const KRSubscription::Settings& settings) const noexcept {
+    KRCameraSlot* slot = findSlot(settings.camera);
+    assert(slot != nullptr); // a subscription is only moved to cameras that exist
+    return *slot;
+}
+
 void KRVideoDevice::Private::acquire(const char* method, KRCameraSlot& slot, int resolution) const {
     try {
         slot.acquire(getSize(resolution));
@@ -38,9 +52,74 @@ void KRVideoDevice::Private::acquire(const char* method, KRCameraSlot& slot, int
     }
 }
 
+/// Registers a call that waits for a camera: its process may end before the subscription exists.
+class KRVideoDevice::Private::Opening {
+public:
+    Opening(Private& owner, const std::string& from) : caller(from), owner_(owner) {
+        const KRLock lock(owner_.mutex);
+        owner_.openings_.push_back(this);
+    }
+    ~Opening() {
+        const KRLock lock(owner_.mutex);
+        std::erase(owner_.openings_, this);
+    }
+    Opening(const Opening&) = delete;
+    Opening& operator=(const Opening&) = delete;
+
+    const std::string& caller;
+    bool isCallerGone = false; ///< guarded by the owner's mutex
+
+private:
+    Private& owner_;
+};
+
+std::string KRVideoDevice::Private::subscribe(const std::string& subscriber, const std::string& caller,
+                                              const KRSubscription::Settings& settings) {
+    const char* method = "subscribeCamera";
+    KRCameraSlot& slot = getSlot(settings);
+    const Opening opening(*this, caller);
+    acquire(method, slot, settings.resolution);
+    try {
+        const KRLock lock(mutex);
+        if (opening.isCallerGone) {
+            fail(method, slot.getTitle() + ": the process that subscribed has ended");
+        }
+        if (subscriptions.size() >= maximumSubscriptions) {
+            fail(method, "there are " + std::to_string(subscriptions.size()) +
+                             " subscriptions; more are not supported");
+        }
+        return add(subscriber, caller, settings);
+    } catch (...) {
+        slot.release();
+        throw;
+    }
+}
+
+std::string KRVideoDevice::Private::add(const std::string& subscriber, const std::string& caller,
+                                        const KRSubscription::Settings& settings) {
+    const std::uint64_t number = ++subscriptionsMade;
+    const std::string id = subscriber + "_" + std::to_string(number);
+    subscriptions.emplace(id, std::make_shared<KRSubscription>(number, settings, caller));
+    return id;
+}
+
+std::vector<std::string> KRVideoDevice::Private::noteCallerGone(const std::string& caller) {
+    std::vector<std::string> left;
+    const KRLock lock(mutex);
+    for (Opening* opening : openings_) {
+        opening->isCallerGone = opening->isCallerGone || opening->caller == caller;
+    }
+    for (const auto& [id, subscription] : subscriptions) {
+        if (subscription->getCaller() == caller) {
+            left.push_back(id);
+        }
+    }
+    return left;
+}
+
 std::shared_ptr<KRSubscription> KRVideoDevice::Private::find(const char* method,
                                                              const std::string& id) const {
-    const std::lock_guard lock(mutex);
+    const KRLock lock(mutex);
     const auto found = subscriptions.find(id);
     if (found == subscriptions.end()) {
         failUnknown(method, id);
@@ -56,7 +135,7 @@ void KRVideoDevice::Private::failUnknown(const char* method, const std::string& 
 KRVideoDevice::Private::Subscriptions KRVideoDevice::Private::list() const {
     Subscriptions all;
     {
-        const std::lock_guard lock(mutex);
+        const KRLock lock(mutex);
         all.assign(subscriptions.begin(), subscriptions.end());
     }
     std::ranges::sort(all, {}, [](const auto& entry) { return entry.second->getNumber(); });

@@ -6,17 +6,18 @@
 #include "service/krsubscription.hpp"
 
 #include <krplatform/krerror.hpp>
+#include <krplatform/krmutex.hpp>
 
+#include <cstdint>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
 
 namespace KR {
 
-/// Of a resolution code that is supported.
+/// Size of the images of a supported resolution.
 KRSize getSize(int resolution) noexcept;
 
 /// The cameras and subscriptions of the service. Thread-safe; `method` is the operation that an error names.
@@ -28,28 +29,43 @@ struct KRVideoDevice::Private {
     [[noreturn]] void fail(const char* method, const std::string& text,
                            KRSourceLocation where = KRSourceLocation::current()) const;
 
-    /// Null if there is no such camera.
+    /// Null if the camera does not exist.
     KRCameraSlot* findSlot(int camera) const noexcept;
-    /// \throws KRError there is no such camera
+    /// \throws KRError  the camera does not exist
     KRCameraSlot& getSlot(const char* method, int camera) const;
-    /// \throws KRError it cannot be opened
+    /// The camera that a subscription uses now.
+    KRCameraSlot& getSlot(const KRSubscription::Settings& settings) const noexcept;
+    /// \throws KRError  the camera cannot be opened
     void acquire(const char* method, KRCameraSlot& slot, int resolution) const;
 
-    /// \throws KRError there is no such subscription
+    /// Opens the camera and adds a subscription. \return its identifier
+    /// \param caller  the process that subscribes; empty for this one
+    /// \throws KRError  the camera cannot be opened; the caller is gone
+    std::string subscribe(const std::string& subscriber, const std::string& caller,
+                          const KRSubscription::Settings& settings);
+    /// \throws KRError  the subscription does not exist
     std::shared_ptr<KRSubscription> find(const char* method, const std::string& id) const;
     [[noreturn]] void failUnknown(const char* method, const std::string& id) const;
     /// All subscriptions with their identifiers, the oldest first.
     Subscriptions list() const;
+    /// A process is gone: its calls that still wait for a camera will not add a subscription.
+    /// \return the identifiers of its subscriptions
+    std::vector<std::string> noteCallerGone(const std::string& caller);
 
     const std::string name;                           ///< of the module
     std::vector<std::unique_ptr<KRCameraSlot>> slots; ///< one per camera, constant
 
-    mutable std::mutex mutex;
-    // Guarded by mutex:
-    std::map<std::string, std::shared_ptr<KRSubscription>> subscriptions;
-    std::map<std::string, std::string>
-        callers; ///< by identifier, the process that subscribed; empty for this one
-    std::uint64_t subscriptionsMade = 0;
+    mutable KRMutex mutex;
+    std::map<std::string, std::shared_ptr<KRSubscription>> subscriptions KR_GUARDED_BY(mutex);
+    std::uint64_t subscriptionsMade KR_GUARDED_BY(mutex) = 0;
+
+private:
+    class Opening;
+
+    std::string add(const std::string& subscriber, const std::string& caller,
+                    const KRSubscription::Settings& settings) KR_REQUIRES(mutex);
+
+    std::vector<Opening*> openings_ KR_GUARDED_BY(mutex); ///< calls that wait for a camera
 };
 
 } // namespace KR

@@ -1,4 +1,4 @@
-// What the service tells of its cameras and subscriptions, and the controls of the cameras.
+// The methods that list cameras and subscriptions, and those for the controls of the cameras.
 
 #include "krcamera/krvideodevice.hpp"
 
@@ -29,7 +29,7 @@ int KRVideoDevice::getCameraModel(int camera) const {
 
 bool KRVideoDevice::setCameraParameter(const std::string& id, int parameter, int value) {
     const char* method = "setCameraParameter";
-    KRCameraSlot& slot = *p_->slots[p_->find(method, id)->getSettings().camera];
+    KRCameraSlot& slot = p_->getSlot(p_->find(method, id)->getSettings());
     try {
         const KRControls::Answer answer = slot.getControls().set(parameter, value);
         if (answer == KRControls::Answer::Unknown) {
@@ -46,7 +46,7 @@ bool KRVideoDevice::setCameraParameter(const std::string& id, int parameter, int
 
 void KRVideoDevice::setAllCameraParametersToDefault(const std::string& id) {
     const char* method = "setAllCameraParametersToDefault";
-    KRCameraSlot& slot = *p_->slots[p_->find(method, id)->getSettings().camera];
+    KRCameraSlot& slot = p_->getSlot(p_->find(method, id)->getSettings());
     try {
         slot.getControls().reset();
     } catch (const std::runtime_error& error) {

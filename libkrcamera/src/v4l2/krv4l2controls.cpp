@@ -66,7 +66,7 @@ KRControls::Answer KRV4l2Controls::set(int id, int value) {
         !device.control(VIDIOC_QUERYCTRL, query) || !isUsable(query)) {
         return Answer::Unknown;
     }
-    // A driver clamps what is out of range and reports success.
+    // Drivers clamp values that are out of range and report success.
     if (value < query.minimum || value > query.maximum) {
         return Answer::Refused;
     }
@@ -79,11 +79,11 @@ KRControls::Answer KRV4l2Controls::set(int id, int value) {
     }
     int effective = value;
     getControl(device, id, effective);
-    // One that another control rules, such as the gain by its automatic, is taken without effect.
+    // A control that another one overrides, as automatic gain does the gain, accepts values without effect.
     if (effective != value && (query.flags & V4L2_CTRL_FLAG_INACTIVE) != 0) {
         return Answer::Refused;
     }
-    const std::lock_guard lock(mutex_);
+    const KRLock lock(mutex_);
     values_[id] = effective;
     return Answer::Done;
 }
@@ -91,19 +91,19 @@ KRControls::Answer KRV4l2Controls::set(int id, int value) {
 void KRV4l2Controls::reset() {
     const KRV4l2Device device(device_);
     {
-        const std::lock_guard lock(mutex_);
+        const KRLock lock(mutex_);
         values_.clear();
     }
     for (const KRCameraControl& control : listOf(device)) {
         if (control.value != control.defaultValue) {
-            setControl(device, control.id, control.defaultValue); // one that is locked now stays as it is
+            setControl(device, control.id, control.defaultValue); // a locked one stays as it is
         }
     }
 }
 
 void KRV4l2Controls::restore() noexcept {
     try {
-        const std::lock_guard lock(mutex_);
+        const KRLock lock(mutex_);
         if (values_.empty()) {
             return;
         }
@@ -117,7 +117,7 @@ void KRV4l2Controls::restore() noexcept {
 }
 
 void KRV4l2Controls::cameraClosed() noexcept {
-    const std::lock_guard lock(mutex_);
+    const KRLock lock(mutex_);
     values_.clear();
 }
 

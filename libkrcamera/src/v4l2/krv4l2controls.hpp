@@ -2,22 +2,23 @@
 
 #include "camera/krcontrols.hpp"
 
+#include <krplatform/krmutex.hpp>
+
 #include <map>
-#include <mutex>
 #include <string>
 
 namespace KR {
 
 /// The controls of a V4L2 device: numbers, switches and menus that can be written and read.
 ///
-/// They are reached through a descriptor of their own, beside the one that streams. What has been set is set again
-/// when a device that was unplugged is back; the device keeps it when the camera closes.
+/// They are accessed through a descriptor separate from the one that streams. Values that have been set are set again
+/// when a device that was unplugged is back; the device keeps them when the camera closes.
 class KRV4l2Controls : public KRControls {
 public:
     explicit KRV4l2Controls(std::string device) : device_(std::move(device)) {}
 
     std::vector<KRCameraControl> list() override;
-    /// A value within the range may take effect as another one that the driver prefers: list() tells.
+    /// The driver may round a value within the range: list() returns the effective one.
     Answer set(int id, int value) override;
     void reset() override;
     /// Sets again what has been set: the device is back. Errors are ignored: its capture reports them.
@@ -26,8 +27,8 @@ public:
 
 private:
     const std::string device_;
-    std::mutex mutex_;
-    std::map<int, int> values_; ///< guarded by mutex_: what has been set since the camera was opened
+    KRMutex mutex_;
+    std::map<int, int> values_ KR_GUARDED_BY(mutex_); ///< set since the camera was opened, by id
 };
 
 } // namespace KR

@@ -12,8 +12,7 @@ namespace KR {
 KRV4l2Device::KRV4l2Device(const std::string& path)
     : file_(open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC)) {
     if (file_ < 0) {
-        throw std::runtime_error("the device '" + path +
-                                 "' cannot be opened: " + std::generic_category().message(errno));
+        throw std::runtime_error(std::generic_category().message(errno));
     }
 }
 

@@ -23,7 +23,7 @@ struct Format {
     const char* caps;
 };
 
-// The best first.
+// Best first.
 constexpr std::array formats{
     Format{V4L2_PIX_FMT_YUYV, "video/x-raw,format=YUY2"},
     Format{V4L2_PIX_FMT_UYVY, "video/x-raw,format=UYVY"},
@@ -46,7 +46,7 @@ double getRate(const KRV4l2Mode& mode) {
     return static_cast<double>(mode.rateNumerator) / mode.rateDenominator;
 }
 
-// The drivers speak of intervals; a rate is the inverse.
+// Drivers list intervals; a rate is the inverse.
 void findRate(const KRV4l2Device& device, __u32 code, KRV4l2Mode& mode) {
     v4l2_frmivalenum interval{};
     interval.pixel_format = code;
@@ -95,7 +95,7 @@ void addSizes(const KRV4l2Device& device, const Format& format, std::vector<KRV4
             ++size.index;
             continue;
         }
-        // Any size: those that subscribers ask for, as far as the device has them.
+        // Any size in a range: list those that subscribers can ask for.
         const auto& range = size.stepwise;
         const auto fits = [](__u32 value, __u32 low, __u32 high, __u32 step) {
             return value >= low && value <= high && (step == 0 || (value - low) % step == 0);
@@ -141,7 +141,7 @@ std::string chooseV4l2Caps(const std::vector<KRV4l2Mode>& modes, const KRSize& w
         const bool covers = mode.size.width >= wanted.width && mode.size.height >= wanted.height;
         const std::int64_t area = std::int64_t{mode.size.width} * mode.size.height;
         const bool stretched = mode.size.width * wanted.height != mode.size.height * wanted.width;
-        // The smaller the better, but for the area of those that are too small anyway.
+        // The least tuple wins. Of modes that are too small, the largest is best.
         return std::tuple(!covers, getRate(mode) < fluentRate, covers && stretched, covers ? area : -area,
                           getRank(mode));
     };

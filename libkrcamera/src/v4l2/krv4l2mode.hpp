@@ -15,13 +15,14 @@ struct KRV4l2Mode {
     int rateDenominator = 1;
 };
 
-/// What the device tells of itself, as far as its images can be read. Of the rates of a size, it is the one next to 30.
-/// Empty if the device does not list its sizes. \throws std::runtime_error it cannot be opened
+/// The modes that the device lists and the service can read. Of the rates of a size, the one closest to 30 counts.
+/// Empty if the device does not list its sizes.
+/// \throws std::runtime_error  the device cannot be opened; the text is the system's
 std::vector<KRV4l2Mode> listV4l2Modes(const std::string& device);
 
-/// The caps of the mode that serves a picture of this size best: not smaller if there is one, fast enough to look fluent,
-/// of the same shape, and as little larger as there is; best as YUV422, then uncompressed. Without modes, whatever
-/// the device likes.
+/// The caps of the mode that serves a picture of this size best. In this order: not smaller than the picture, at least
+/// 24 images per second, the same aspect ratio, the smallest area, YUV422 before other uncompressed formats before JPEG.
+/// Without modes, the caps leave the choice to the device.
 std::string chooseV4l2Caps(const std::vector<KRV4l2Mode>& modes, const KRSize& wanted);
 
 } // namespace KR

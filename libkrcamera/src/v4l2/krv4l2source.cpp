@@ -48,7 +48,7 @@ public:
             controls_.restore();
             return stream;
         };
-        return std::make_shared<KRLiveCamera>(index, title, open, true);
+        return std::make_shared<KRLiveCamera>(index, title, open, KRLiveCamera::Silence{true});
     }
 
 private:
