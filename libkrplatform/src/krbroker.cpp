@@ -179,9 +179,9 @@ boost::shared_ptr<KRBroker> KRBroker::create(const std::string& url) {
     KRBrokerPrivate& p = *broker->p_;
     p.transport = std::move(options.transport);
     p.directory.setTransport(p.transport.get());
-    // The broker owns the memory module and the ledger, which therefore must not own the broker.
-    const boost::shared_ptr<KRBroker> unowned(broker.get(), [](KRBroker*) {});
     if (p.transport) {
+        // Without owning this broker, which owns the ledger.
+        const boost::shared_ptr<KRBroker> unowned(broker.get(), [](KRBroker*) {});
         p.ledger = std::make_unique<KRMemoryLedger>(unowned);
     }
     p.directory.setObserver(
@@ -190,10 +190,15 @@ boost::shared_ptr<KRBroker> KRBroker::create(const std::string& url) {
         p.transport->start();
     }
     if (options.memory) {
-        p.memory = createModule<KRMemory>(unowned, KRMemory::kName);
-        p.noticingMemory = p.memory.get();
+        broker->startMemory();
     }
     return broker;
+}
+
+void KRBroker::startMemory() {
+    const boost::shared_ptr<KRBroker> unowned(this, [](KRBroker*) {}); // as this broker owns the module
+    p_->memory = createModule<KRMemory>(unowned, KRMemory::kName);
+    p_->noticingMemory = p_->memory.get();
 }
 
 void registerTransport(const std::string& scheme, KRTransportFactory factory) {

@@ -52,6 +52,11 @@ public:
 
     KRSession& getSession() noexcept;
 
+    /// Runs the memory module "KRMemory" in this broker, as an address with `memory=here` does from the start. For a
+    /// program whose other modules have to be reachable before whoever waits for the memory finds it.
+    /// \throws KRError there is a module of that name
+    void startMemory();
+
     /// Names of the modules that can be called, those of other processes included, in order.
     std::vector<std::string> getModuleList() const;
 
