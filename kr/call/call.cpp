@@ -1,16 +1,15 @@
 // kr call
 
-#include "command.hpp"
-#include "domain.hpp"
-#include "json.hpp"
-#include "livenames.hpp"
-#include "valuejson.hpp"
+#include "system/domain.hpp"
+#include "system/livenames.hpp"
+#include "system/valuejson.hpp"
+#include "tool/command.hpp"
+#include "tool/json.hpp"
 
 #include <krplatform/krerror.hpp>
 
 #include <CLI/CLI.hpp>
 
-#include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -23,12 +22,20 @@ struct Options {
     Domain domain;
     std::string module;
     std::string method;
-    std::vector<std::string> arguments;
+    const CLI::App* verb = nullptr; // has the arguments of the method
+
+    void declare(CLI::App& app) {
+        app.add_option("MODULE", module, "name of the module")->required();
+        app.add_option("METHOD", method, "name of the method; kr module info lists them")->required();
+        app.allow_extras(); // CLI11 would split "[1, 2]" for an option that takes several values
+        domain.declare(app);
+        verb = &app;
+    }
 };
 
-ExitCode act(const Options& options) {
+ExitCode call(const Options& options) {
     std::vector<KRValue> arguments;
-    for (const std::string& argument : options.arguments) {
+    for (const std::string& argument : options.verb->remaining()) {
         if (argument.starts_with("--")) {
             throw UsageError("there is no option " + argument + "; a string of that kind needs quotes: '\"" +
                              argument + "\"'");
@@ -48,29 +55,16 @@ ExitCode act(const Options& options) {
     return ExitCode::Done;
 }
 
-const CommandRegistration registration({
+const VerbRegistration registration(Verb<Options>{
     .group = "",
     .name = "call",
-    .summary = "Calls a method of a module and prints its result as JSON",
+    .summary = "Call a method of a module and print its result as JSON",
     .example = "  kr call KRMotion getCurrentPeriod\n"
                "  kr call KRMotion subscribe me 100 1.0\n"
                "  kr call KRMemory insertData greeting '[\"hello\", 3, 0.5]'\n"
-               "Behind module and method come the arguments, JSON each: 3, 0.5, true, '\"text\"', '[1, 2]',\n"
-               "'{\"base64\": \"AAE=\"}'. A word that is no JSON is a string.",
-    .declare =
-        [](CLI::App& verb) {
-            auto options = std::make_shared<Options>();
-            verb.add_option("MODULE", options->module, "Name of the module")->required();
-            verb.add_option("METHOD", options->method, "Name of the method; kr module info lists them")
-                ->required();
-            // What remains, and not an option that takes many: CLI11 would take "[1, 2]" for two arguments.
-            verb.allow_extras();
-            options->domain.addOptions(verb);
-            return [options, &verb] {
-                options->arguments = verb.remaining();
-                return act(*options);
-            };
-        },
+               "The arguments follow the method, JSON each: 3, 0.5, true, '\"text\"', '[1, 2]',\n"
+               "'{\"base64\": \"AAE=\"}'. A word that is not JSON is a string.",
+    .run = call,
     .complete = completeModuleAndMethod,
 });
 

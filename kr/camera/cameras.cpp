@@ -1,9 +1,11 @@
-#include "cameras.hpp"
+#include "camera/cameras.hpp"
 
-#include "colorspace.hpp"
-#include "command.hpp"
+#include "tool/colorspace.hpp"
+#include "tool/command.hpp"
+#include "tool/interruption.hpp"
+#include "tool/number.hpp"
 #ifdef KR_WITH_DDS
-#include "domain.hpp"
+#include "system/domain.hpp"
 #endif
 
 #include <krplatform/krerror.hpp>
@@ -22,7 +24,7 @@ namespace {
 
 constexpr const char* kService = "KRVideoDevice";
 
-// The whole text as a number that is not negative; -1 if it is none.
+// Reads the whole text as a number of at least 0; -1 if it is not one.
 int readNumber(const std::string& text) {
     int number = -1;
     const char* end = text.data() + text.size();
@@ -52,17 +54,17 @@ KRModuleHandle<KRVideoDevice> makeService(const boost::shared_ptr<KRBroker>& bro
 
 } // namespace
 
-void CameraOptions::declare(CLI::App& app) {
-    app.add_option(
-           "--camera", cameras,
-           "N=SOURCE: what camera N is, such as 0=test:smpte, 1=file:a.mp4 or 0=v4l2:/dev/video0. May be "
-           "given several times; without it camera 0 is test")
+void SourceOptions::declare(CLI::App& app) {
+    app.add_option("--camera", cameras,
+                   "N=SOURCE: source of camera N, such as 0=test:smpte, 1=file:a.mp4 or 0=v4l2:/dev/video0; "
+                   "may be repeated "
+                   "(default: 0=test)")
         ->take_all()
         ->expected(1)
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
 }
 
-std::vector<std::string> CameraOptions::readSources() const {
+std::vector<std::string> SourceOptions::readSources() const {
     std::map<int, std::string> sources;
     for (const std::string& option : cameras) {
         const std::size_t equals = option.find('=');
@@ -71,8 +73,7 @@ std::vector<std::string> CameraOptions::readSources() const {
             throw UsageError("--camera " + option + ": expected N=SOURCE, such as 0=v4l2:/dev/video0");
         }
         if (!sources.emplace(camera, option.substr(equals + 1)).second) {
-            throw UsageError("--camera " + option + ": there is a camera " + std::to_string(camera) +
-                             " already");
+            throw UsageError("--camera " + option + ": camera " + std::to_string(camera) + " is given twice");
         }
     }
     if (sources.empty()) {
@@ -92,9 +93,8 @@ std::vector<std::string> CameraOptions::readSources() const {
 void ServiceOptions::declare(CLI::App& app) {
     own.declare(app);
 #ifdef KR_WITH_DDS
-    app.add_option(
-           "--broker", broker,
-           "Address of brokers that have a camera service, such as dds:; its cameras instead of --camera")
+    app.add_option("--broker", broker,
+                   "address of brokers with a camera service, such as dds:; instead of --camera")
         ->type_name("URL")
         ->excludes("--camera");
 #endif
@@ -104,6 +104,10 @@ Cameras::Cameras(const ServiceOptions& options)
     : broker_(connect(options.broker)), module_(makeService(broker_, options)), service_(broker_),
       count_(static_cast<int>(service_.getCameraList().size())) {}
 
+Cameras::Cameras(const CameraOptions& options) : Cameras(options.service) {
+    require(options.number);
+}
+
 void Cameras::require(int camera) const {
     if (camera < 0 || camera >= count_) {
         throw UsageError(
@@ -112,11 +116,15 @@ void Cameras::require(int camera) const {
     }
 }
 
+void CameraOptions::declare(CLI::App& app) {
+    app.add_option("N", number, "camera number")->required()->transform(wholeNumber(0));
+    service.declare(app);
+}
+
 void GeometryOptions::declare(CLI::App& app) {
-    app.add_option("--resolution", resolution,
-                   "WIDTHxHEIGHT, the size of one of the resolution codes; 640x480 if it "
-                   "is not told");
-    app.add_option("--color-space", colorSpace, listColorSpaces() + "; yuv422 if it is not told");
+    app.add_option("--resolution", resolution, "WIDTHxHEIGHT, the size of a resolution code")
+        ->capture_default_str();
+    app.add_option("--color-space", colorSpace, listColorSpaces())->capture_default_str();
 }
 
 int GeometryOptions::getResolution() const {
@@ -133,17 +141,13 @@ int GeometryOptions::getResolution() const {
             sizes +=
                 (known == 0 ? "" : ", ") + std::to_string(knownWidth) + "x" + std::to_string(knownHeight);
         }
-        throw UsageError("--resolution " + resolution + ": there are " + sizes);
+        throw UsageError("--resolution " + resolution + ": sizes are " + sizes);
     }
     return code;
 }
 
 int GeometryOptions::getColorSpace() const {
-    const auto found = findColorSpace(colorSpace);
-    if (!found) {
-        throw UsageError("there is no colour space " + colorSpace + "; known are " + listColorSpaces());
-    }
-    return *found;
+    return parseColorSpace(colorSpace);
 }
 
 Subscription::Subscription(KRVideoDeviceProxy& service, int camera, int resolution, int colorSpace)
@@ -153,7 +157,7 @@ Subscription::~Subscription() {
     try {
         service_.unsubscribe(id_);
     } catch (const KRError&) {
-        // The service has gone, and the subscription with it.
+        // The service is gone, and the subscription with it.
     }
 }
 
@@ -161,18 +165,27 @@ std::unique_ptr<KRImage> Subscription::fetch() {
     std::unique_ptr<KRImage> image(KRImage::fromKRValue(service_.getImageRemote(id_)));
     service_.releaseImage(id_);
     if (!image) {
-        throw std::runtime_error("the camera service has sent something that is no image");
+        throw std::runtime_error("the camera service has sent a value that is not an image");
     }
     return image;
 }
 
-KRSubscriptionStatistics Subscription::getStatistics() const {
+std::optional<KRSubscriptionStatistics> Subscription::getStatistics() const {
     for (KRSubscriptionStatistics& statistics : service_.getStatistics()) {
         if (statistics.id == id_) {
             return std::move(statistics);
         }
     }
-    throw std::runtime_error("the camera service is another one and knows nothing of the images so far");
+    return std::nullopt;
+}
+
+std::unique_ptr<Subscription> subscribe(KRVideoDeviceProxy& service, int camera,
+                                        const GeometryOptions& geometry, Interruption& interruption) {
+    const int resolution = geometry.getResolution();
+    const int colorSpace = geometry.getColorSpace();
+    return doInterruptibly(interruption, [&service, camera, resolution, colorSpace] {
+        return std::make_unique<Subscription>(service, camera, resolution, colorSpace);
+    });
 }
 
 } // namespace KR::tool

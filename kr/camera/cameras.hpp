@@ -7,6 +7,7 @@
 #include <krvision/krimage.hpp>
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -16,31 +17,42 @@ class App;
 
 namespace KR::tool {
 
+class Interruption;
+
 /// The option `--camera N=SOURCE` of a verb.
-struct CameraOptions {
-    std::vector<std::string> cameras; ///< as they were given
+struct SourceOptions {
+    std::vector<std::string> cameras; ///< as given
 
     void declare(CLI::App& app);
-    /// One source per camera, in the order of their indices; "test" alone if none was given.
-    /// \throws UsageError an option is none, or there is a camera missing before another one
+    /// One source per camera, in the order of their numbers; "test" alone if none was given.
+    /// \throws UsageError an option is malformed, or a number is missing or given twice
     std::vector<std::string> readSources() const;
 };
 
-/// Whose cameras a verb looks at: those of the option `--camera`, or of a running service by `--broker URL`.
+/// The cameras that a verb uses: those of `--camera`, or those of a running service by `--broker URL`.
 struct ServiceOptions {
-    CameraOptions own;
+    SourceOptions own;
     std::string broker; ///< "" for a service of its own
 
     void declare(CLI::App& app);
 };
 
-/// A camera service: one of this process, with the cameras that the options name, "test" alone if they name none; or
-/// the one that the brokers at the address have.
+/// One of these cameras: the argument N.
+struct CameraOptions {
+    ServiceOptions service;
+    int number = 0;
+
+    void declare(CLI::App& app);
+};
+
+/// A camera service: one in this process, or the one that the brokers at the address have.
 class Cameras {
 public:
-    /// \throws UsageError an option is none, or there is a camera missing before another one
-    /// \throws KRError a source is not understood; the brokers have no camera service
+    /// \throws UsageError as SourceOptions::readSources()
+    /// \throws KRError a source is not supported; the brokers have no camera service
     explicit Cameras(const ServiceOptions& options);
+    /// \throws UsageError also if there is no such camera
+    explicit Cameras(const CameraOptions& options);
 
     KRVideoDeviceProxy& getService() noexcept { return service_; }
     /// \throws UsageError there is no such camera
@@ -48,12 +60,12 @@ public:
 
 private:
     boost::shared_ptr<KRBroker> broker_;
-    KRModuleHandle<KRVideoDevice> module_; // unless the service is another process's
+    KRModuleHandle<KRVideoDevice> module_; // empty if another process has the service
     KRVideoDeviceProxy service_;
     int count_;
 };
 
-/// The geometry in which a verb wants the images.
+/// The size and colour space in which a verb receives images.
 struct GeometryOptions {
     std::string resolution = "640x480";
     std::string colorSpace = "yuv422";
@@ -61,11 +73,11 @@ struct GeometryOptions {
     void declare(CLI::App& app);
     /// \throws UsageError it is not the size of a resolution code
     int getResolution() const;
-    /// \throws UsageError it is not known
+    /// \throws UsageError it is not supported
     int getColorSpace() const;
 };
 
-/// A subscription that ends with the object.
+/// A subscription that ends with the object. After a restart of the service it goes on there.
 class Subscription {
 public:
     Subscription(KRVideoDeviceProxy& service, int camera, int resolution, int colorSpace);
@@ -74,14 +86,19 @@ public:
     Subscription& operator=(const Subscription&) = delete;
 
     const std::string& getId() const noexcept { return id_; }
-    /// The next image, with pixels of its own. \throws KRError as getImageRemote
+    /// The next image, with its own pixels. \throws KRError as getImageRemote
     std::unique_ptr<KRImage> fetch();
-    /// What the service has counted of it. \throws std::runtime_error it does not know the subscription any more
-    KRSubscriptionStatistics getStatistics() const;
+    /// What the service has counted; nullopt if it does not know the subscription by this identifier, as after a
+    /// restart. \throws KRError there is no service
+    std::optional<KRSubscriptionStatistics> getStatistics() const;
 
 private:
     KRVideoDeviceProxy& service_;
     const std::string id_;
 };
+
+/// Subscribes to a camera, which may take long. An interruption meanwhile ends the program with exit code 0.
+std::unique_ptr<Subscription> subscribe(KRVideoDeviceProxy& service, int camera,
+                                        const GeometryOptions& geometry, Interruption& interruption);
 
 } // namespace KR::tool

@@ -1,9 +1,11 @@
 // kr camera controls
 
-#include "cameras.hpp"
-#include "command.hpp"
-#include "json.hpp"
-#include "number.hpp"
+#include "camera/cameras.hpp"
+#include "tool/command.hpp"
+#include "tool/json.hpp"
+
+#include <krplatform/krtext.hpp>
+#include <krvision/krvisiondefinitions.hpp>
 
 #include <CLI/CLI.hpp>
 
@@ -22,13 +24,23 @@ namespace KR::tool {
 namespace {
 
 struct Options {
-    ServiceOptions cameras;
-    int camera = 0;
+    CameraOptions camera;
     std::vector<std::string> settings;
     bool json = false;
+
+    void declare(CLI::App& app) {
+        camera.declare(app);
+        app.add_option(
+               "--set", settings,
+               "ID=VALUE: value of a control, by its number or name, to set before they are listed; may be "
+               "repeated")
+            ->expected(1)
+            ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+        app.add_flag("--json", json, "output as a JSON array with an object per control");
+    }
 };
 
-// A whole number, or one in hexadecimal digits behind 0x.
+// A decimal number, or a hexadecimal one after 0x.
 std::optional<int> readInt(const std::string& text) {
     char* end = nullptr;
     errno = 0;
@@ -39,7 +51,7 @@ std::optional<int> readInt(const std::string& text) {
     return static_cast<int>(number);
 }
 
-// A control by its number or its name.
+// Finds a control by its number or name.
 const KRCameraControl& findControl(const std::vector<KRCameraControl>& controls, const std::string& text,
                                    const std::string& setting) {
     const std::optional<int> id = readInt(text);
@@ -58,7 +70,7 @@ const KRCameraControl& findControl(const std::vector<KRCameraControl>& controls,
 }
 
 void apply(KRVideoDeviceProxy& service, const Subscription& subscription, const Options& options) {
-    const std::vector<KRCameraControl> controls = service.getControls(options.camera);
+    const std::vector<KRCameraControl> controls = service.getControls(options.camera.number);
     for (const std::string& setting : options.settings) {
         const std::size_t equals = setting.rfind('=');
         const std::optional<int> value =
@@ -76,23 +88,23 @@ void apply(KRVideoDeviceProxy& service, const Subscription& subscription, const 
     }
 }
 
-void show(const KRCameraControl& control) {
+void print(const KRCameraControl& control) {
     std::printf("0x%08x  %-32s %11d to %-11d step %-5d default %-11d value %d\n",
-                static_cast<unsigned>(control.id), control.name.c_str(), control.minimum, control.maximum,
-                control.step, control.defaultValue, control.value);
+                static_cast<unsigned>(control.id), escapeText(control.name).c_str(), control.minimum,
+                control.maximum, control.step, control.defaultValue, control.value);
 }
 
-ExitCode showControls(const Options& options) {
-    Cameras cameras(options.cameras);
-    cameras.require(options.camera);
+ExitCode listControls(const Options& options) {
+    Cameras cameras(options.camera);
     KRVideoDeviceProxy& service = cameras.getService();
-    std::unique_ptr<Subscription> subscription; // controls are set on a camera that is open
+    std::unique_ptr<Subscription> subscription; // a camera must be open to set its controls
     if (!options.settings.empty()) {
-        subscription = std::make_unique<Subscription>(service, options.camera, 2, 9);
+        subscription =
+            std::make_unique<Subscription>(service, options.camera.number, kVGA, kYUV422ColorSpace);
         apply(service, *subscription, options);
     }
     Json json = Json::array();
-    for (const KRCameraControl& control : service.getControls(options.camera)) {
+    for (const KRCameraControl& control : service.getControls(options.camera.number)) {
         if (options.json) {
             json.push_back({{"id", control.id},
                             {"name", control.name},
@@ -102,7 +114,7 @@ ExitCode showControls(const Options& options) {
                             {"default", control.defaultValue},
                             {"value", control.value}});
         } else {
-            show(control);
+            print(control);
         }
     }
     if (options.json) {
@@ -111,24 +123,13 @@ ExitCode showControls(const Options& options) {
     return ExitCode::Done;
 }
 
-std::function<ExitCode()> declare(CLI::App& app) {
-    auto options = std::make_shared<Options>();
-    app.add_option("N", options->camera, "which camera")->required()->transform(wholeNumber(0));
-    app.add_option("--set", options->settings,
-                   "ID=VALUE: sets a control, by its number or its name, before they are listed. May be "
-                   "given several "
-                   "times")
-        ->expected(1)
-        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
-    options->cameras.declare(app);
-    app.add_flag("--json", options->json, "Writes an array with an object for each control");
-    return [options] { return showControls(*options); };
-}
-
-const CommandRegistration command({"camera", "controls", "Lists what can be set about a picture, and sets it",
-                                   "  kr camera controls 0 --camera 0=v4l2:/dev/video0 --set brightness=140",
-                                   declare});
+const VerbRegistration registration(Verb<Options>{
+    .group = "camera",
+    .name = "controls",
+    .summary = "List the controls of a camera, and set them",
+    .example = "  kr camera controls 0 --camera 0=v4l2:/dev/video0 --set brightness=140",
+    .run = listControls,
+});
 
 } // namespace
-
 } // namespace KR::tool

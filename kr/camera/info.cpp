@@ -1,23 +1,28 @@
 // kr camera info
 
-#include "cameras.hpp"
-#include "command.hpp"
-#include "json.hpp"
-#include "number.hpp"
+#include "camera/cameras.hpp"
+#include "tool/command.hpp"
+#include "tool/json.hpp"
+
+#include <krplatform/krtext.hpp>
+#include <krvision/krvisiondefinitions.hpp>
 
 #include <CLI/CLI.hpp>
 
 #include <cstdio>
-#include <memory>
 
 namespace KR::tool {
 
 namespace {
 
 struct Options {
-    ServiceOptions cameras;
-    int camera = 0;
+    CameraOptions camera;
     bool json = false;
+
+    void declare(CLI::App& app) {
+        camera.declare(app);
+        app.add_flag("--json", json, "output as a JSON object");
+    }
 };
 
 const char* describeModel(int model) {
@@ -41,15 +46,15 @@ const char* describeModel(int model) {
     }
 }
 
-void show(const KRCameraInfo& camera, double rate, std::size_t controls) {
+void print(const KRCameraInfo& camera, double rate, std::size_t controls) {
     std::printf("camera %d\n", camera.camera);
-    std::printf("  source    %s\n", camera.source.c_str());
+    std::printf("  source    %s\n", escapeText(camera.source).c_str());
     std::printf("  kind      %s (%d)\n", describeModel(camera.model), camera.model);
     std::printf("  delivers  %dx%d pixels, %.1f images per second\n", camera.width, camera.height, rate);
     std::printf("  controls  %zu\n", controls);
 }
 
-// Of a few images, by their time stamps; without the intervals in which a recording has begun anew.
+// Rate of a few images by their time stamps, without the intervals in which a recording has started over.
 double measureRate(Subscription& subscription) {
     constexpr int kIntervals = 10;
     int rises = 0;
@@ -66,15 +71,15 @@ double measureRate(Subscription& subscription) {
     return rises > 0 ? rises * 1e6 / static_cast<double>(length_usec) : 0;
 }
 
-// Opens the camera: how large its images are shows when there is one.
-ExitCode showCamera(const Options& options) {
-    Cameras cameras(options.cameras);
-    cameras.require(options.camera);
+// Opens the camera: the size of its images is not known before.
+ExitCode printCamera(const Options& options) {
+    Cameras cameras(options.camera);
     KRVideoDeviceProxy& service = cameras.getService();
-    Subscription subscription(service, options.camera, 2, 9);
+    const int number = options.camera.number;
+    Subscription subscription(service, number, kVGA, kYUV422ColorSpace);
     const double rate = measureRate(subscription);
-    const KRCameraInfo camera = service.getCameraList().at(static_cast<std::size_t>(options.camera));
-    const std::size_t controls = service.getControls(options.camera).size();
+    const KRCameraInfo camera = service.getCameraList().at(static_cast<std::size_t>(number));
+    const std::size_t controls = service.getControls(number).size();
     if (options.json) {
         printJson({{"camera", camera.camera},
                    {"source", camera.source},
@@ -84,22 +89,18 @@ ExitCode showCamera(const Options& options) {
                    {"rate_per_s", rate},
                    {"controls", controls}});
     } else {
-        show(camera, rate, controls);
+        print(camera, rate, controls);
     }
     return ExitCode::Done;
 }
 
-std::function<ExitCode()> declare(CLI::App& app) {
-    auto options = std::make_shared<Options>();
-    app.add_option("N", options->camera, "which camera")->required()->transform(wholeNumber(0));
-    options->cameras.declare(app);
-    app.add_flag("--json", options->json, "Writes an object");
-    return [options] { return showCamera(*options); };
-}
-
-const CommandRegistration command({"camera", "info", "Opens a camera and shows what it delivers",
-                                   "  kr camera info 0 --camera 0=v4l2:/dev/video0", declare});
+const VerbRegistration registration(Verb<Options>{
+    .group = "camera",
+    .name = "info",
+    .summary = "Open a camera and show what it delivers",
+    .example = "  kr camera info 0 --camera 0=v4l2:/dev/video0",
+    .run = printCamera,
+});
 
 } // namespace
-
 } // namespace KR::tool

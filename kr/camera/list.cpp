@@ -1,31 +1,37 @@
 // kr camera list
 
-#include "cameras.hpp"
-#include "command.hpp"
-#include "json.hpp"
+#include "camera/cameras.hpp"
+#include "tool/command.hpp"
+#include "tool/json.hpp"
+
+#include <krplatform/krtext.hpp>
 
 #include <CLI/CLI.hpp>
 
 #include <cstdio>
-#include <memory>
 
 namespace KR::tool {
 
 namespace {
 
 struct Options {
-    ServiceOptions cameras;
+    ServiceOptions service;
     bool json = false;
+
+    void declare(CLI::App& app) {
+        service.declare(app);
+        app.add_flag("--json", json, "output as a JSON array with an object per camera");
+    }
 };
 
 ExitCode list(const Options& options) {
-    Cameras cameras(options.cameras);
+    Cameras cameras(options.service);
     Json json = Json::array();
     for (const KRCameraInfo& camera : cameras.getService().getCameraList()) {
         if (options.json) {
             json.push_back({{"camera", camera.camera}, {"model", camera.model}, {"source", camera.source}});
         } else {
-            std::printf("%3d  %s\n", camera.camera, camera.source.c_str());
+            std::printf("%3d  %s\n", camera.camera, escapeText(camera.source).c_str());
         }
     }
     if (options.json) {
@@ -34,17 +40,15 @@ ExitCode list(const Options& options) {
     return ExitCode::Done;
 }
 
-std::function<ExitCode()> declare(CLI::App& app) {
-    auto options = std::make_shared<Options>();
-    options->cameras.declare(app);
-    app.add_flag("--json", options->json, "Writes an array with an object for each camera");
-    return [options] { return list(*options); };
-}
-
 const GroupRegistration group("camera", "Cameras");
-const CommandRegistration command({"camera", "list", "Lists the cameras",
-                                   "  kr camera list --camera 0=test --camera 1=v4l2:/dev/video0", declare});
+
+const VerbRegistration registration(Verb<Options>{
+    .group = "camera",
+    .name = "list",
+    .summary = "List the cameras",
+    .example = "  kr camera list --camera 0=test --camera 1=v4l2:/dev/video0",
+    .run = list,
+});
 
 } // namespace
-
 } // namespace KR::tool

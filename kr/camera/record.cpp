@@ -1,15 +1,17 @@
 // kr camera record
 
-#include "cameras.hpp"
-#include "command.hpp"
-#include "interruption.hpp"
-#include "number.hpp"
-#include "outputfile.hpp"
-#include "progress.hpp"
+#include "camera/cameras.hpp"
+#include "camera/silence.hpp"
+#include "tool/command.hpp"
+#include "tool/interruption.hpp"
+#include "tool/number.hpp"
+#include "tool/outputfile.hpp"
+#include "tool/progress.hpp"
 
 #include <krplatform/krerror.hpp>
 #include <krvision/kroxvfile.hpp>
 #include <krvision/krvideo.hpp>
+#include <krvision/krvisiondefinitions.hpp>
 
 #include <CLI/CLI.hpp>
 
@@ -27,33 +29,34 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr double kLongest = 1e7; // seconds, some months
-
-constexpr std::chrono::seconds kPatience(10);
-constexpr std::chrono::milliseconds kPause(50); // before a camera that fails at once is asked again
+constexpr double kLongest_s = 1e7; // some months
 
 struct Options {
-    ServiceOptions cameras;
+    ServiceOptions service;
     GeometryOptions geometry;
-    std::vector<std::string> arguments; ///< the cameras, and the file
+    std::vector<std::string> arguments; // cameras, then the file
     double seconds = 0;
+
+    void declare(CLI::App& app) {
+        app.add_option("N... OUT", arguments,
+                       "camera numbers, each a stream of the recording, and a file that ends in .oxv; an "
+                       "existing one "
+                       "is replaced")
+            ->required();
+        app.add_option("--seconds", seconds, "duration; Ctrl-C ends it earlier")
+            ->required()
+            ->check(realNumber(0.01, kLongest_s));
+        geometry.declare(app);
+        service.declare(app);
+    }
 };
 
 using Subscriptions = std::vector<std::unique_ptr<Subscription>>;
 
-Subscriptions subscribe(KRVideoDeviceProxy& service, const std::vector<int>& cameras, int resolution,
-                        int colorSpace) {
-    Subscriptions subscriptions;
-    for (const int camera : cameras) {
-        subscriptions.push_back(std::make_unique<Subscription>(service, camera, resolution, colorSpace));
-    }
-    return subscriptions;
-}
-
-/// Writes what several cameras see, each to a stream of one file.
+/// Records several cameras, each to a stream of one file.
 class Recorder {
 public:
-    /// Takes the first image of each camera, and writes them.
+    /// Fetches the first image of each camera and writes them.
     Recorder(Subscriptions subscriptions, int colorSpace, const std::string& path)
         : subscriptions_(std::move(subscriptions)) {
         fetch();
@@ -69,14 +72,14 @@ public:
 
     bool hasRoom() const noexcept { return writer_->hasRoom(); }
 
-    /// Takes an image of each camera. \throws KRError one does not come
+    /// Fetches an image of each camera. \throws KRError one is late, or its camera has failed
     void fetch() {
         images_.clear();
         for (const auto& subscription : subscriptions_) {
             images_.push_back(subscription->fetch());
         }
     }
-    /// Writes the images that were taken. \throws std::runtime_error they cannot be written
+    /// Writes the fetched images. \throws std::runtime_error they cannot be written
     void write() {
         std::vector<const KRImage*> frame;
         for (const auto& image : images_) {
@@ -84,7 +87,7 @@ public:
         }
         writer_->write(frame);
     }
-    /// Ends the recording after the last frame that is complete.
+    /// Ends the recording after the last complete frame.
     void close() {
         writer_->removeCutFrame();
         writer_->close();
@@ -92,44 +95,41 @@ public:
 
 private:
     const Subscriptions subscriptions_;
-    std::vector<std::unique_ptr<KRImage>> images_; // the newest one of each camera
+    std::vector<std::unique_ptr<KRImage>> images_; // the newest of each camera
     std::optional<KROxvWriter> writer_;
 };
 
-/// Records until `end`, or until it is interrupted, the file is full or cannot be written, or a camera is silent for
-/// too long: what was recorded until then is kept.
-/// \return DataLost if a frame was left out, or the recording ends before its time
+/// Records until `end`, or until it is interrupted, the file is full or cannot be written, or a camera delivers nothing
+/// for too long. What was recorded until then is kept.
+/// \return DataLost if a frame is missing, or the recording ends before its time
 ExitCode recordUntil(Clock::time_point end, Recorder& recorder, Interruption& interruption,
                      const std::string& path) {
     Progress progress(0);
     ExitCode code = ExitCode::Done;
-    Clock::time_point last = Clock::now();
+    Silence silence;
     while (Clock::now() < end && !interruption.hasCome()) {
         if (!recorder.hasRoom()) {
-            complain(path + ": a recording holds 4 GiB, it is full");
+            printError(path + ": the recording is full (4 GiB)");
             return ExitCode::DataLost;
         }
+        silence.beginFetch();
         try {
             recorder.fetch();
         } catch (const KRError& error) {
-            if (Clock::now() - last > kPatience) {
-                complain(error.getDescription() + "; " + path + " ends here");
-                return ExitCode::DataLost;
-            }
-            if (code == ExitCode::Done) {
-                complain(error.getDescription() + "; going on without");
-            }
             code = ExitCode::DataLost;
-            interruption.waitFor(kPause);
+            if (!silence.goOn(error, interruption)) {
+                printError(error.getDescription() + "; " + path + " ends here");
+                return code;
+            }
             continue;
         }
+        silence.end();
         try {
             recorder.write();
         } catch (const std::runtime_error& error) {
-            complain(std::string(error.what()) + "; the recording ends here");
+            printError(std::string(error.what()) + "; the recording ends here");
             return ExitCode::DataLost;
         }
-        last = Clock::now();
         progress.advance();
     }
     return code;
@@ -140,7 +140,7 @@ std::vector<int> readCameras(const Cameras& cameras, const std::vector<std::stri
     for (std::size_t i = 0; i + 1 < arguments.size(); ++i) {
         const std::string& text = arguments[i];
         if (text.empty() || text.size() > 3 || text.find_first_not_of("0123456789") != std::string::npos) {
-            throw UsageError(text + " is not the number of a camera");
+            throw UsageError(text + " is not a camera number");
         }
         numbers.push_back(std::stoi(text));
         cameras.require(numbers.back());
@@ -151,7 +151,7 @@ std::vector<int> readCameras(const Cameras& cameras, const std::vector<std::stri
 ExitCode record(const Options& options) {
     Interruption interruption;
     if (options.arguments.size() < 2) {
-        throw UsageError("expected one camera at least and the file: kr camera record 0 out.oxv --seconds 5");
+        throw UsageError("expected cameras and a file: kr camera record 0 out.oxv --seconds 5");
     }
     const std::string& path = options.arguments.back();
     if (getExtension(path) != ".oxv") {
@@ -160,22 +160,23 @@ ExitCode record(const Options& options) {
     std::error_code error;
     if (std::filesystem::exists(path, error) && !std::filesystem::is_regular_file(path, error) &&
         !std::filesystem::is_directory(path, error)) {
-        throw std::runtime_error(path + ": a recording is written to a file, not to a device or a pipe");
+        throw std::runtime_error(path + ": a recording is written to a regular file only");
     }
-    const int resolution = options.geometry.getResolution();
-    if (resolution > 2) {
+    if (options.geometry.getResolution() > kVGA) {
         throw UsageError("--resolution " + options.geometry.resolution +
                          ": a recording holds 160x120, 320x240 or 640x480");
     }
     const int colorSpace = options.geometry.getColorSpace();
-    if (colorSpace > 16) {
-        throw UsageError("--color-space " + options.geometry.colorSpace + ": no recording holds that");
+    if (colorSpace >= static_cast<int>(oxv::kColorSpaces)) {
+        throw UsageError("--color-space " + options.geometry.colorSpace + ": a recording cannot hold that");
     }
-    Cameras cameras(options.cameras);
+    Cameras cameras(options.service);
     const std::vector<int> numbers = readCameras(cameras, options.arguments);
     OutputFile out(path, "");
-    auto subscriptions = doInterruptibly(
-        interruption, [&] { return subscribe(cameras.getService(), numbers, resolution, colorSpace); });
+    Subscriptions subscriptions;
+    for (const int number : numbers) {
+        subscriptions.push_back(subscribe(cameras.getService(), number, options.geometry, interruption));
+    }
     Recorder recorder(std::move(subscriptions), colorSpace, out.getPath());
     const Clock::time_point end = Clock::now() + std::chrono::duration_cast<Clock::duration>(
                                                      std::chrono::duration<double>(options.seconds));
@@ -185,25 +186,14 @@ ExitCode record(const Options& options) {
     return code;
 }
 
-std::function<ExitCode()> declare(CLI::App& app) {
-    auto options = std::make_shared<Options>();
-    app.add_option("N... OUT", options->arguments,
-                   "the cameras, each a stream of the recording, and a name that ends in .oxv; replaced if "
-                   "it is there")
-        ->required();
-    app.add_option("--seconds", options->seconds, "how long; Ctrl-C ends it before")
-        ->required()
-        ->check(realNumber(0.01, kLongest));
-    options->geometry.declare(app);
-    options->cameras.declare(app);
-    return [options] { return record(*options); };
-}
-
-const CommandRegistration command({"camera", "record", "Records what cameras see",
-                                   "  kr camera record 0 1 both.oxv --seconds 10 --camera 0=test --camera "
-                                   "1=v4l2:/dev/video0",
-                                   declare});
+const VerbRegistration registration(Verb<Options>{
+    .group = "camera",
+    .name = "record",
+    .summary = "Record cameras to a file",
+    .example = "  kr camera record 0 1 both.oxv --seconds 10 --camera 0=test --camera 1=v4l2:/dev/video0\n"
+               "Exit code 3 if frames are missing.",
+    .run = record,
+});
 
 } // namespace
-
 } // namespace KR::tool

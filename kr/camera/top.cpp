@@ -1,23 +1,24 @@
 // kr camera top
 
-#include "cameras.hpp"
-#include "command.hpp"
-#include "interruption.hpp"
-#include "number.hpp"
+#include "camera/cameras.hpp"
+#include "tool/command.hpp"
+#include "tool/format.hpp"
+#include "tool/interruption.hpp"
+#include "tool/number.hpp"
+#include "tool/output.hpp"
 
 #include <krplatform/krerror.hpp>
+#include <krplatform/krtext.hpp>
 #include <krplatform/krthread.hpp>
 
 #include <CLI/CLI.hpp>
 
-#include <unistd.h>
-
-#include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <cstdio>
 #include <memory>
 #include <thread>
+
+#include <unistd.h>
 
 namespace KR::tool {
 
@@ -25,42 +26,48 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr double kLongest = 1e7; // seconds, some months
+constexpr double kLongest_s = 1e7; // some months
 
 struct Options {
-    ServiceOptions cameras;
+    ServiceOptions service;
     GeometryOptions geometry;
     double seconds = 0;
+
+    void declare(CLI::App& app) {
+        app.add_option("--seconds", seconds, "duration (default: until Ctrl-C)")
+            ->check(realNumber(0.01, kLongest_s));
+        geometry.declare(app);
+        service.declare(app);
+    }
 };
 
-void show(const KRVideoDeviceProxy& service) {
-    std::printf("%-10s %6s %9s %7s   %-23s %-23s %-23s\n", "subscriber", "camera", "delivered", "missed",
-                "age: median p99 max, ms", "interval", "hold");
-    const auto print = [](const KRDurations& durations) {
-        std::printf(" %7.1f %7.1f %7.1f", static_cast<double>(durations.median_ms),
-                    static_cast<double>(durations.p99_ms), static_cast<double>(durations.max_ms));
-    };
+std::string formatDurations(const KRDurations& durations) {
+    return format(" %7.1f %7.1f %7.1f", static_cast<double>(durations.median_ms),
+                  static_cast<double>(durations.p99_ms), static_cast<double>(durations.max_ms));
+}
+
+std::string formatTable(const KRVideoDeviceProxy& service) {
+    std::string table = format("%-10s %6s %9s %7s   %-23s %-23s %-23s\n", "subscriber", "camera", "delivered",
+                               "missed", "age: median p99 max, ms", "interval", "hold");
     for (const KRSubscriptionStatistics& statistics : service.getStatistics()) {
-        std::printf("%-10s %6d %9d %7d  ", statistics.id.c_str(), statistics.camera, statistics.delivered,
-                    statistics.missed);
-        print(statistics.age);
-        print(statistics.interval);
-        print(statistics.hold);
-        std::printf("\n");
+        table += format("%-10s %6d %9d %7d  ", escapeText(statistics.id).c_str(), statistics.camera,
+                        statistics.delivered, statistics.missed);
+        table += formatDurations(statistics.age) + formatDurations(statistics.interval) +
+                 formatDurations(statistics.hold) + "\n";
     }
     for (const KRCameraInfo& camera : service.getCameraList()) {
         if (!camera.failure.empty()) {
-            std::printf("camera %d has failed: %s\n", camera.camera, camera.failure.c_str());
+            table += format("camera %d has failed: %s\n", camera.camera, escapeText(camera.failure).c_str());
         }
     }
-    std::fflush(stdout);
+    return table;
 }
 
-/// Fetches the images of a camera as fast as they come, on a thread of its own.
+/// Fetches the images of a camera as fast as they come, on its own thread.
 class Load {
 public:
-    Load(KRVideoDeviceProxy& service, int camera, int resolution, int colorSpace)
-        : subscription_(service, camera, resolution, colorSpace), thread_([this] { run(); }) {}
+    explicit Load(std::unique_ptr<Subscription> subscription)
+        : subscription_(std::move(subscription)), thread_([this] { run(); }) {}
     ~Load() {
         ending_ = true;
         thread_.join();
@@ -72,65 +79,62 @@ private:
     void run() {
         while (!ending_) {
             try {
-                subscription_.fetch();
+                subscription_->fetch();
             } catch (const std::exception&) {
-                sleepMilliseconds(100); // the table shows that it has failed, until it is back
+                sleepMilliseconds(100); // the table shows the failure until the camera is back
             }
         }
     }
 
-    Subscription subscription_;
+    const std::unique_ptr<Subscription> subscription_;
     std::atomic<bool> ending_ = false;
-    std::thread thread_;
+    std::thread thread_; // last: it uses the other members
 };
 
-ExitCode showStatistics(const Options& options) {
+ExitCode printTables(const Options& options) {
     Interruption interruption;
-    Cameras cameras(options.cameras);
+    Cameras cameras(options.service);
     KRVideoDeviceProxy& service = cameras.getService();
-    const int resolution = options.geometry.getResolution();
-    const int colorSpace = options.geometry.getColorSpace();
-    std::vector<std::unique_ptr<Load>> loads;
-    for (const KRCameraInfo& camera : service.getCameraList()) {
-        loads.push_back(doInterruptibly(interruption, [&] {
-            return std::make_unique<Load>(service, camera.camera, resolution, colorSpace);
-        }));
+    Output output;
+    {
+        std::vector<std::unique_ptr<Load>> loads;
+        for (const KRCameraInfo& camera : service.getCameraList()) {
+            loads.push_back(
+                std::make_unique<Load>(subscribe(service, camera.camera, options.geometry, interruption)));
+        }
+        const bool isTerminal = ::isatty(STDOUT_FILENO) != 0;
+        const std::chrono::duration<double> length(options.seconds);
+        const auto start = Clock::now();
+        auto next = start;
+        bool isLast = false;
+        while (!isLast && !output.isBroken()) {
+            next += std::chrono::seconds(1);
+            if (options.seconds > 0 && next >= start + length) {
+                next = start + std::chrono::duration_cast<Clock::duration>(length);
+                isLast = true;
+            }
+            if (interruption.waitFor(std::chrono::ceil<std::chrono::milliseconds>(next - Clock::now()))) {
+                break;
+            }
+            std::string table;
+            try {
+                table = formatTable(service);
+            } catch (const KRError& error) { // the service may be restarting
+                table = escapeText(error.getDescription()) + "\n";
+            }
+            output.print((isTerminal ? "\x1b[H\x1b[2J" : "") + table, interruption); // home, clear the screen
+        }
     }
-    const bool terminal = ::isatty(STDOUT_FILENO) != 0;
-    const auto start = Clock::now();
-    const std::chrono::duration<double> length(options.seconds);
-    auto next = start;
-    bool last = false;
-    while (!last && std::ferror(stdout) == 0 && !interruption.hasCome()) {
-        next += std::chrono::seconds(1);
-        if (options.seconds > 0 && next >= start + length) {
-            next = start + std::chrono::duration_cast<Clock::duration>(length);
-            last = true;
-        }
-        while (Clock::now() < next && !interruption.hasCome()) {
-            sleepUntil(std::min(next, Clock::now() + std::chrono::milliseconds(100)));
-        }
-        if (terminal) {
-            std::printf("\x1b[H\x1b[2J"); // the upper left corner of an empty screen
-        }
-        show(service);
-    }
-    return ExitCode::Done;
+    return output.finish(interruption);
 }
 
-std::function<ExitCode()> declare(CLI::App& app) {
-    auto options = std::make_shared<Options>();
-    app.add_option("--seconds", options->seconds, "how long; until Ctrl-C if it is not told")
-        ->check(realNumber(0.01, kLongest));
-    options->geometry.declare(app);
-    options->cameras.declare(app);
-    return [options] { return showStatistics(*options); };
-}
-
-const CommandRegistration
-    command({"camera", "top", "Subscribes to all cameras and shows every second what the subscriptions get",
-             "  kr camera top --camera 0=test --camera 1=v4l2:/dev/video0", declare});
+const VerbRegistration registration(Verb<Options>{
+    .group = "camera",
+    .name = "top",
+    .summary = "Subscribe to all cameras and show the statistics of all subscriptions every second",
+    .example = "  kr camera top --camera 0=test --camera 1=v4l2:/dev/video0",
+    .run = printTables,
+});
 
 } // namespace
-
 } // namespace KR::tool

@@ -1,101 +1,136 @@
 // kr camera watch
 
-#include "cameras.hpp"
-#include "command.hpp"
-#include "interruption.hpp"
-#include "number.hpp"
-#include "timestamp.hpp"
-
-#include <krplatform/krerror.hpp>
+#include "camera/cameras.hpp"
+#include "camera/silence.hpp"
+#include "tool/command.hpp"
+#include "tool/format.hpp"
+#include "tool/interruption.hpp"
+#include "tool/number.hpp"
+#include "tool/output.hpp"
+#include "tool/timestamp.hpp"
 
 #include <CLI/CLI.hpp>
 
-#include <chrono>
-#include <cstdio>
+#include <cstdint>
 #include <memory>
+#include <optional>
 
 namespace KR::tool {
 
 namespace {
 
 struct Options {
-    ServiceOptions cameras;
+    CameraOptions camera;
     GeometryOptions geometry;
-    int camera = 0;
     int frames = 0;
+
+    void declare(CLI::App& app) {
+        camera.declare(app);
+        app.add_option("--frames", frames, "number of images to wait for; 0: until Ctrl-C")
+            ->transform(wholeNumber(0))
+            ->capture_default_str();
+        geometry.declare(app);
+    }
 };
 
-void show(const char* what, const KRDurations& durations) {
-    std::printf("%-9s median %7.1f ms   p99 %7.1f ms   max %7.1f ms\n", what,
-                static_cast<double>(durations.median_ms), static_cast<double>(durations.p99_ms),
-                static_cast<double>(durations.max_ms));
+std::string formatDurations(const char* what, const KRDurations& durations) {
+    return format("%-9s median %7.1f ms   p99 %7.1f ms   max %7.1f ms\n", what,
+                  static_cast<double>(durations.median_ms), static_cast<double>(durations.p99_ms),
+                  static_cast<double>(durations.max_ms));
 }
 
-// A line per image: when it was taken, how long after the one before, the rate that this makes, and how many images of
-// the camera there were between the two.
-void showImage(const KRImage& image, std::int64_t before, int missed) {
-    std::printf("%s", formatTimeStamp(image.timeStamp).c_str());
+// Capture time, interval to the previous image, the rate that this makes, and the images of the camera missed between.
+std::string formatImage(const KRImage& image, std::int64_t before, int missed) {
+    std::string line = formatTimeStamp(image.timeStamp);
     if (before >= 0) {
         const double interval_ms = static_cast<double>(image.timeStamp - before) / 1000;
-        std::printf("  %8.1f ms  %6.1f /s  %d missed", interval_ms, interval_ms > 0 ? 1000 / interval_ms : 0,
-                    missed);
+        line += format("  %8.1f ms  %6.1f /s  %d missed", interval_ms,
+                       interval_ms > 0 ? 1000 / interval_ms : 0, missed);
     }
-    std::printf("\n");
-    std::fflush(stdout);
+    return line + "\n";
 }
+
+/// The images of a subscription as a person watches them, across restarts of the service.
+class ImageLog {
+public:
+    ImageLog(const Subscription& subscription, Output& output, Interruption& interruption)
+        : subscription_(subscription), output_(output), interruption_(interruption) {}
+
+    void print(const KRImage& image) {
+        const std::optional<KRSubscriptionStatistics> statistics = subscription_.getStatistics();
+        int missed = 0;
+        if (statistics) {
+            const bool isSame = statistics->missed >= missedBefore_; // as counted by the same service
+            missed = statistics->missed - (isSame ? missedBefore_ : 0);
+            missedBefore_ = statistics->missed;
+            statistics_ = statistics;
+        }
+        output_.print(formatImage(image, timeBefore_, missed), interruption_);
+        timeBefore_ = image.timeStamp;
+        ++images_;
+        missed_ += missed;
+    }
+    void printSummary() {
+        output_.print(format("%d images, %d missed\n", images_, missed_), interruption_);
+        if (statistics_) {
+            output_.print(formatDurations("interval", statistics_->interval), interruption_);
+            output_.print(formatDurations("age", statistics_->age), interruption_);
+        }
+    }
+    int countImages() const noexcept { return images_; }
+
+private:
+    const Subscription& subscription_;
+    Output& output_;
+    Interruption& interruption_;
+    std::int64_t timeBefore_ = -1;
+    int missedBefore_ = 0; // as the service counted at the previous image
+    int images_ = 0;
+    int missed_ = 0;
+    std::optional<KRSubscriptionStatistics> statistics_; // the newest
+};
 
 ExitCode watch(const Options& options) {
     Interruption interruption;
-    Cameras cameras(options.cameras);
-    cameras.require(options.camera);
-    KRVideoDeviceProxy& service = cameras.getService();
-    const int resolution = options.geometry.getResolution();
-    const int colorSpace = options.geometry.getColorSpace();
-    const auto subscription = doInterruptibly(interruption, [&] {
-        return std::make_unique<Subscription>(service, options.camera, resolution, colorSpace);
-    });
+    Cameras cameras(options.camera);
+    Output output;
     ExitCode code = ExitCode::Done;
-    std::int64_t before = -1;
-    int missed = 0;
-    for (int i = 0;
-         (options.frames == 0 || i < options.frames) && std::ferror(stdout) == 0 && !interruption.hasCome();
-         ++i) {
-        try {
-            const std::unique_ptr<KRImage> image = subscription->fetch();
-            const int missedSoFar = subscription->getStatistics().missed;
-            showImage(*image, before, missedSoFar - missed);
-            before = image->timeStamp;
-            missed = missedSoFar;
-        } catch (const KRError& error) {
-            complain(error.getDescription());
-            code = ExitCode::Failed;
-            break;
+    {
+        const auto subscription =
+            subscribe(cameras.getService(), options.camera.number, options.geometry, interruption);
+        ImageLog log(*subscription, output, interruption);
+        Silence silence;
+        while ((options.frames == 0 || log.countImages() < options.frames) && !output.isBroken() &&
+               !interruption.hasCome()) {
+            silence.beginFetch();
+            try {
+                log.print(*subscription->fetch());
+                silence.end();
+            } catch (const KRError& error) {
+                if (!silence.goOn(error, interruption)) {
+                    printError(error.getDescription());
+                    code = ExitCode::Failed;
+                    break;
+                }
+            }
         }
+        log.printSummary();
     }
-    const KRSubscriptionStatistics statistics = subscription->getStatistics();
-    std::printf("%d images, %d missed\n", statistics.delivered, statistics.missed);
-    show("interval", statistics.interval);
-    show("age", statistics.age);
-    return code;
+    const ExitCode written = output.finish(interruption);
+    return code == ExitCode::Done ? written : code;
 }
 
-std::function<ExitCode()> declare(CLI::App& app) {
-    auto options = std::make_shared<Options>();
-    app.add_option("N", options->camera, "which camera")->required()->transform(wholeNumber(0));
-    app.add_option("--frames", options->frames,
-                   "how many images to wait for; 0, which means: until Ctrl-C, if it is "
-                   "not told")
-        ->transform(wholeNumber(0));
-    options->geometry.declare(app);
-    options->cameras.declare(app);
-    return [options] { return watch(*options); };
-}
-
-const CommandRegistration command({"camera", "watch", "Shows when the images of a camera come",
-                                   "  kr camera watch 0 --frames 100 --camera 0=v4l2:/dev/video0\n"
-                                   "  kr camera watch 0 --resolution 1280x960 --broker dds:",
-                                   declare});
+const VerbRegistration registration(Verb<Options>{
+    .group = "camera",
+    .name = "watch",
+    .summary = "Print a line for each image of a camera",
+    .example =
+        "  kr camera watch 0 --frames 100 --camera 0=v4l2:/dev/video0\n"
+        "  kr camera watch 0 --resolution 1280x960 --broker dds:\n"
+        "Late images and restarts of the service are reported; it ends with exit code 1 after ten seconds\n"
+        "without an image.",
+    .run = watch,
+});
 
 } // namespace
-
 } // namespace KR::tool

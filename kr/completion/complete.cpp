@@ -1,6 +1,6 @@
-// kr complete: what the completion scripts of kr completion ask
+// kr complete: called by the scripts of kr completion
 
-#include "command.hpp"
+#include "tool/command.hpp"
 
 #include <CLI/CLI.hpp>
 
@@ -12,29 +12,34 @@ namespace KR::tool {
 
 namespace {
 
-const CommandRegistration registration({
+struct Options {
+    std::vector<std::string> words;
+
+    void declare(CLI::App& verb) {
+        verb.add_option("WORDS", words, "words after kr; the last one may be incomplete, or \"\"");
+        verb.group(""); // hidden
+    }
+};
+
+ExitCode complete(const Options& options) {
+    std::vector<std::string> words = options.words;
+    std::string prefix;
+    if (!words.empty()) {
+        prefix = words.back();
+        words.pop_back();
+    }
+    for (const std::string& candidate : completeCommandLine(words, prefix)) {
+        std::printf("%s\n", candidate.c_str());
+    }
+    return ExitCode::Done;
+}
+
+const VerbRegistration registration(Verb<Options>{
     .group = "",
     .name = "complete",
-    .summary = "Lists what the last of some words of a command line may become",
+    .summary = "List the completions of the last word of a command line",
     .example = "  kr complete -- module li",
-    .declare =
-        [](CLI::App& verb) {
-            auto words = std::make_shared<std::vector<std::string>>();
-            verb.add_option("WORDS", *words,
-                            "The command line behind kr; the last word may be incomplete, or \"\"");
-            verb.group(""); // not for people
-            return [words] {
-                std::string prefix;
-                if (!words->empty()) {
-                    prefix = words->back();
-                    words->pop_back();
-                }
-                for (const std::string& candidate : completeCommandLine(*words, prefix)) {
-                    std::printf("%s\n", candidate.c_str());
-                }
-                return ExitCode::Done;
-            };
-        },
+    .run = complete,
 });
 
 } // namespace

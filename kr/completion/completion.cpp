@@ -1,11 +1,10 @@
 // kr completion
 
-#include "command.hpp"
+#include "tool/command.hpp"
 
 #include <CLI/CLI.hpp>
 
 #include <cstdio>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -13,7 +12,7 @@ namespace KR::tool {
 
 namespace {
 
-// Where kr has nothing to offer, the shell completes file names.
+// Without candidates, the shell completes file names.
 constexpr const char* kBash = R"sh(_kr() {
     local line
     COMPREPLY=()
@@ -45,30 +44,34 @@ end
 complete -c kr -a '(__kr_complete)'
 )sh";
 
-const CommandRegistration registration({
+struct Options {
+    std::string shell;
+
+    void declare(CLI::App& verb) {
+        verb.add_option("SHELL", shell, "bash, zsh or fish")
+            ->required()
+            ->check(CLI::IsMember({"bash", "zsh", "fish"}));
+    }
+};
+
+ExitCode printScript(const Options& options) {
+    std::fputs(options.shell == "bash" ? kBash : options.shell == "zsh" ? kZsh : kFish, stdout);
+    return ExitCode::Done;
+}
+
+std::vector<std::string> completeShell(const std::vector<std::string>& words, const std::string&) {
+    return words.empty() ? std::vector<std::string>{"bash", "zsh", "fish"} : std::vector<std::string>{};
+}
+
+const VerbRegistration registration(Verb<Options>{
     .group = "",
     .name = "completion",
-    .summary = "Prints a script that makes a shell complete kr, names of modules and methods included",
+    .summary = "Print a script that makes a shell complete kr, names of modules and methods included",
     .example = "  source <(kr completion bash)                              in ~/.bashrc\n"
                "  source <(kr completion zsh)                               in ~/.zshrc, after compinit\n"
                "  kr completion fish > ~/.config/fish/completions/kr.fish",
-    .declare =
-        [](CLI::App& verb) {
-            auto shell = std::make_shared<std::string>();
-            verb.add_option("SHELL", *shell, "bash, zsh or fish")
-                ->required()
-                ->check(CLI::IsMember({"bash", "zsh", "fish"}));
-            return [shell] {
-                std::fputs(*shell == "bash" ? kBash : *shell == "zsh" ? kZsh : kFish, stdout);
-                return ExitCode::Done;
-            };
-        },
-    .complete = [](const std::vector<std::string>& words, const std::string&) -> std::vector<std::string> {
-        if (!words.empty()) {
-            return {};
-        }
-        return {"bash", "zsh", "fish"};
-    },
+    .run = printScript,
+    .complete = completeShell,
 });
 
 } // namespace

@@ -1,10 +1,17 @@
-#include "checks.hpp"
+#include "doctor/checks.hpp"
+
+#include <krdds/krdds.hpp>
+
+#include <krplatform/krerror.hpp>
+#include <krplatform/krproxy.hpp>
+#include <krplatform/krtext.hpp>
 
 #include <ifaddrs.h>
 #include <net/if.h>
 #include <sys/timex.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 #include <fstream>
 #include <set>
@@ -12,6 +19,19 @@
 #include <vector>
 
 namespace KR::tool {
+
+namespace {
+
+template <class Texts>
+std::string join(const Texts& texts, const std::string& separator) {
+    std::string joined;
+    for (const std::string& text : texts) {
+        joined += (joined.empty() ? "" : separator) + text;
+    }
+    return joined;
+}
+
+} // namespace
 
 Finding checkReceiveBuffer() {
     constexpr long kWanted = 4 << 20; // a 1280x960 image of YUV422, and some
@@ -22,8 +42,8 @@ Finding checkReceiveBuffer() {
         return {"receive buffer", true, text, ""};
     }
     const std::string setting = "net.core.rmem_max=" + std::to_string(kWanted);
-    return {"receive buffer", false, text + "; large images from other processes get lost and are sent again",
-            "sudo sysctl -w " + setting + "   (for good: echo " + setting +
+    return {"receive buffer", false, text + "; large images from other processes get lost and are resent",
+            "sudo sysctl -w " + setting + "   (permanently: echo " + setting +
                 " | sudo tee /etc/sysctl.d/60-kr.conf)"};
 }
 
@@ -42,34 +62,20 @@ Finding checkMulticast() {
         }
     }
     freeifaddrs(first);
-    const auto list = [](const std::set<std::string>& names) {
-        std::string text;
-        for (const std::string& name : names) {
-            text += (text.empty() ? "" : ", ") + name;
-        }
-        return text;
-    };
     if (!with.empty()) {
-        return {"multicast", true, "possible on " + list(with), ""};
+        return {"multicast", true, "possible on " + join(with, ", "), ""};
     }
     if (!without.empty()) {
-        return {"multicast", false,
-                "no interface has it, so brokers on other machines are not found by themselves",
+        return {"multicast", false, "no interface has it, so brokers on other machines are not discovered",
                 "sudo ip link set " + *without.begin() +
-                    " multicast on   (or name them: --broker 'dds:?peers=HOST')"};
+                    " multicast on   (or list them: --broker 'dds:?peers=HOST')"};
     }
     return {"multicast", false, "there is no network but the loopback; other machines cannot be reached",
-            "ip link   (for processes on this machine nothing is needed)"};
+            "ip link   (processes on this machine need no network)"};
 }
 
 Finding checkParticipants(const std::string& url) {
-    // The port of participant i on domain d is 7400 + 250 * d + 10 + 2 * i: DDSI-RTPS, 9.6.1.1.
-    constexpr int kLast = 119; // the next one's port is that of another domain
-    int domain = 0;
-    const auto option = url.find("domain=");
-    if (option != std::string::npos) {
-        domain = std::atoi(url.c_str() + option + 7);
-    }
+    const std::uint32_t domain = parseDDSAddress(url).domain;
     std::set<long> ports;
     for (const char* table : {"/proc/net/udp", "/proc/net/udp6"}) {
         std::ifstream file(table);
@@ -84,17 +90,18 @@ Finding checkParticipants(const std::string& url) {
             }
         }
     }
+    constexpr int kFew = 10;
     int used = 0;
-    for (int i = 0; i <= kLast; ++i) {
-        used += static_cast<int>(ports.count(7400 + 250 * domain + 10 + 2 * i));
+    for (int i = 0; i < kMaxDDSProcesses; ++i) {
+        used += static_cast<int>(ports.count(getDDSPort(domain, i)));
     }
-    const std::string text = std::to_string(used) + " of " + std::to_string(kLast + 1) +
+    const std::string text = std::to_string(used) + " of " + std::to_string(kMaxDDSProcesses) +
                              " places for processes on domain " + std::to_string(domain) + " are taken";
-    if (used <= kLast - 10) {
+    if (used < kMaxDDSProcesses - kFew) {
         return {"participants", true, text, ""};
     }
     return {"participants", false, text + "; brokers will soon be refused",
-            "ss --udp --listening --processes   (end what is not needed, or use another domain: "
+            "ss --udp --listening --processes   (end processes, or use another domain: "
             "--broker 'dds:?domain=N')"};
 }
 
@@ -108,42 +115,74 @@ Finding checkClock() {
             "sudo timedatectl set-ntp true"};
 }
 
-BrokerComplaints::BrokerComplaints()
-    : listener_([this](const KRLogRecord& record) {
-          if (record.category == "krdds" && record.level == KRLogLevel::Error) {
-              const std::lock_guard lock(mutex_);
-              complaints_.push_back(record.message);
-          }
-      }) {}
+Finding checkBrokers(const KRBroker& broker) {
+    const KRBrokerDiagnostics diagnostics = broker.getDiagnostics();
+    std::vector<std::string> problems;
+    for (const KRNameConflict& conflict : diagnostics.conflicts) {
+        problems.push_back("there are several modules named " + escapeText(conflict.module) + ": " +
+                           join(conflict.locations, " and "));
+    }
+    for (const KRPeerDiagnostics& peer : diagnostics.peers) {
+        if (peer.state == KRPeerDiagnostics::State::Refused) {
+            problems.push_back("the broker " + peer.location + " speaks protocol " +
+                               std::to_string(peer.protocol) + ", this one " +
+                               std::to_string(diagnostics.protocol));
+        }
+    }
+    if (problems.empty()) {
+        return {"brokers", true, "names of modules are unique, and all brokers speak the same protocol", ""};
+    }
+    return {"brokers", false, join(problems, "; "),
+            "kill PROCESS, on the host that is named   (the unwanted one)"};
+}
 
-Finding BrokerComplaints::check() const {
-    flushLog();
-    const std::lock_guard lock(mutex_);
-    if (complaints_.empty()) {
-        return {"brokers", true, "no two modules of one name, and one version everywhere", ""};
+Finding checkMessages(const KRBroker& broker) {
+    const KRBrokerDiagnostics diagnostics = broker.getDiagnostics();
+    if (diagnostics.malformedMessages == 0 && diagnostics.refusedMessages == 0) {
+        return {"messages", true, "all were understood", ""};
     }
-    std::string text;
-    for (const std::string& complaint : complaints_) {
-        text += (text.empty() ? "" : "; ") + complaint;
+    return {"messages", false,
+            std::to_string(diagnostics.malformedMessages) + " were malformed, " +
+                std::to_string(diagnostics.refusedMessages) + " were refused",
+            "find out who else sends on this domain, or use another one: --broker 'dds:?domain=N'"};
+}
+
+Finding checkModules(KRBroker& broker) {
+    std::vector<std::string> failures;
+    int working = 0;
+    for (const std::string& module : broker.getModuleList()) {
+        try {
+            const std::string failure = broker.getProxy(module)->getFailure();
+            if (failure.empty()) {
+                ++working;
+            } else {
+                failures.push_back(escapeText(module) + " has failed: " + escapeText(failure));
+            }
+        } catch (const KRError& error) {
+            failures.push_back(escapeText(module) +
+                               " does not answer: " + escapeText(error.getDescription()));
+        }
     }
-    return {"brokers", false, text,
-            "end the broker that is not wanted: kill PROCESS, on the host that is named"};
+    if (failures.empty()) {
+        return {"modules", true, std::to_string(working) + " work", ""};
+    }
+    return {"modules", false, join(failures, "; "),
+            "restart the process that hosts the module; its log has more"};
 }
 
 Finding checkServices(const KRBroker& broker, const std::string& url) {
     const auto modules = broker.getModuleList();
-    std::string missing;
+    std::vector<std::string> missing;
     for (const char* service : {"KRMemory", "KRVideoDevice"}) {
         if (std::find(modules.begin(), modules.end(), service) == modules.end()) {
-            missing += (missing.empty() ? "" : " and ") + std::string(service);
+            missing.push_back(service);
         }
     }
     if (missing.empty()) {
         return {"services", true,
-                "KRMemory and KRVideoDevice answer, " + std::to_string(modules.size()) + " modules in all",
-                ""};
+                "KRMemory and KRVideoDevice run, " + std::to_string(modules.size()) + " modules in all", ""};
     }
-    return {"services", false, "there is no " + missing,
+    return {"services", false, "there is no " + join(missing, " and "),
             url == "dds:" ? "kr serve" : "kr serve --broker '" + url + "'"};
 }
 

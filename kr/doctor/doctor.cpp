@@ -1,17 +1,15 @@
 // kr doctor
 
-#include "checks.hpp"
-#include "command.hpp"
-#include "domain.hpp"
-#include "json.hpp"
+#include "doctor/checks.hpp"
+#include "system/domain.hpp"
+#include "tool/command.hpp"
+#include "tool/json.hpp"
 
 #include <krplatform/krerror.hpp>
-
-#include <CLI/CLI.hpp>
+#include <krplatform/krtext.hpp>
 
 #include <algorithm>
 #include <cstdio>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -19,30 +17,31 @@ namespace KR::tool {
 
 namespace {
 
-struct Options {
-    Domain domain;
-    bool json = false;
-};
-
-void show(const Finding& finding) {
+void print(const Finding& finding) {
     std::printf("%-4s %-16s %s\n", finding.isGood ? "ok" : "BAD", finding.subject.c_str(),
-                finding.text.c_str());
+                escapeText(finding.text).c_str());
     if (!finding.remedy.empty()) {
         std::printf("     %-16s -> %s\n", "", finding.remedy.c_str());
     }
 }
 
-ExitCode act(const Options& options) {
-    std::vector<Finding> findings{checkReceiveBuffer(), checkMulticast(),
-                                  checkParticipants(options.domain.getUrl()), checkClock()};
+std::vector<Finding> examine(const Domain& domain) {
+    std::vector<Finding> findings{checkReceiveBuffer(), checkMulticast(), checkClock()};
     try {
-        const BrokerComplaints complaints;
-        const auto broker = options.domain.connect();
-        findings.push_back(complaints.check());
-        findings.push_back(checkServices(*broker, options.domain.getUrl()));
+        findings.push_back(checkParticipants(domain.getUrl()));
+        const auto broker = domain.connect();
+        findings.push_back(checkBrokers(*broker));
+        findings.push_back(checkServices(*broker, domain.getUrl()));
+        findings.push_back(checkModules(*broker));
+        findings.push_back(checkMessages(*broker));
     } catch (const KRError& error) {
-        findings.push_back({"broker", false, error.getDescription(), "see the line before; kr serve --help"});
+        findings.push_back({"broker", false, error.getDescription(), "kr serve --help   (has an example)"});
     }
+    return findings;
+}
+
+ExitCode printFindings(const ListOptions& options) {
+    const std::vector<Finding> findings = examine(options.domain);
     if (options.json) {
         Json list = Json::array();
         for (const Finding& finding : findings) {
@@ -53,27 +52,21 @@ ExitCode act(const Options& options) {
         }
         printJson(list);
     } else {
-        std::for_each(findings.begin(), findings.end(), show);
+        std::for_each(findings.begin(), findings.end(), print);
     }
     const bool isGood =
         std::all_of(findings.begin(), findings.end(), [](const Finding& f) { return f.isGood; });
     return isGood ? ExitCode::Done : ExitCode::Failed;
 }
 
-const CommandRegistration registration({
+const VerbRegistration registration(Verb<ListOptions>{
     .group = "",
     .name = "doctor",
-    .summary = "Looks for what commonly goes wrong, and says what to type about it",
+    .summary = "Check this machine and its brokers for common problems, and suggest what to type",
     .example = "  kr doctor\n"
                "  kr doctor --broker 'dds:?domain=3'\n"
-               "Exit code 1 if anything is wrong.",
-    .declare =
-        [](CLI::App& verb) {
-            auto options = std::make_shared<Options>();
-            verb.add_flag("--json", options->json, "Lists the findings as JSON");
-            options->domain.addOptions(verb);
-            return [options] { return act(*options); };
-        },
+               "Exit code 1 if there is a problem.",
+    .run = printFindings,
 });
 
 } // namespace

@@ -1,27 +1,20 @@
 // kr event list
 
-#include "command.hpp"
-#include "json.hpp"
-#include "memory.hpp"
+#include "system/memory.hpp"
+#include "tool/command.hpp"
+#include "tool/json.hpp"
 
-#include <CLI/CLI.hpp>
+#include <krplatform/krtext.hpp>
 
 #include <cstdio>
-#include <memory>
 #include <string>
 
 namespace KR::tool {
 
 namespace {
 
-struct Options {
-    Domain domain;
-    bool json = false;
-};
-
-ExitCode act(const Options& options) {
-    const KRMemoryProxy memory = findMemory(options.domain.connect());
-    Json list = Json::array();
+Json readEvents(const KRMemoryProxy& memory) {
+    Json events = Json::array();
     for (const std::string& event : memory.getEventList()) {
         const KRValue subscribers = memory.getEventSubscribers(event);
         Json entries = Json::array();
@@ -32,37 +25,41 @@ ExitCode act(const Options& options) {
                                {"delivered", subscriber[2].to<int>()},
                                {"lost", subscriber[3].to<int>()}});
         }
-        list.push_back({{"event", event}, {"subscribers", entries}});
+        events.push_back({{"event", event}, {"subscribers", entries}});
     }
+    return events;
+}
+
+void print(const Json& event) {
+    const auto escaped = [](const Json& text) { return escapeText(text.get_ref<const std::string&>()); };
+    std::printf("%s\n", escaped(event["event"]).c_str());
+    for (const Json& subscriber : event["subscribers"]) {
+        std::printf("    %s.%s: %d delivered, %d lost\n", escaped(subscriber["client"]).c_str(),
+                    escaped(subscriber["callback"]).c_str(), subscriber["delivered"].get<int>(),
+                    subscriber["lost"].get<int>());
+    }
+}
+
+ExitCode list(const ListOptions& options) {
+    const Json events = readEvents(findMemory(options.domain.connect()));
     if (options.json) {
-        printJson(list);
+        printJson(events);
         return ExitCode::Done;
     }
-    for (const Json& entry : list) {
-        std::printf("%s\n", entry["event"].get<std::string>().c_str());
-        for (const Json& subscriber : entry["subscribers"]) {
-            std::printf("    %s.%s: %d delivered, %d lost\n", subscriber["client"].get<std::string>().c_str(),
-                        subscriber["callback"].get<std::string>().c_str(), subscriber["delivered"].get<int>(),
-                        subscriber["lost"].get<int>());
-        }
+    for (const Json& event : events) {
+        print(event);
     }
     return ExitCode::Done;
 }
 
-const GroupRegistration group("event", "The events that modules raise");
+const GroupRegistration group("event", "Events that modules raise");
 
-const CommandRegistration registration({
+const VerbRegistration registration(Verb<ListOptions>{
     .group = "event",
     .name = "list",
-    .summary = "Lists the events and who subscribes to them",
+    .summary = "List the events and their subscribers",
     .example = "  kr event list",
-    .declare =
-        [](CLI::App& verb) {
-            auto options = std::make_shared<Options>();
-            verb.add_flag("--json", options->json, "Lists them as JSON");
-            options->domain.addOptions(verb);
-            return [options] { return act(*options); };
-        },
+    .run = list,
 });
 
 } // namespace

@@ -1,22 +1,24 @@
 // kr event watch
 
-#include "client.hpp"
-#include "command.hpp"
-#include "interruption.hpp"
-#include "json.hpp"
-#include "livenames.hpp"
-#include "memory.hpp"
-#include "number.hpp"
-#include "valuejson.hpp"
+#include "system/client.hpp"
+#include "system/livenames.hpp"
+#include "system/memory.hpp"
+#include "system/valuejson.hpp"
+#include "tool/command.hpp"
+#include "tool/interruption.hpp"
+#include "tool/json.hpp"
+#include "tool/number.hpp"
+#include "tool/output.hpp"
+
+#include <krplatform/krmutex.hpp>
+#include <krplatform/krtext.hpp>
 
 #include <CLI/CLI.hpp>
 
-#include <atomic>
 #include <chrono>
-#include <cstdio>
-#include <memory>
-#include <mutex>
+#include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace KR::tool {
@@ -27,72 +29,107 @@ struct Options {
     Domain domain;
     std::vector<std::string> events;
     int count = 0;
+
+    void declare(CLI::App& verb) {
+        verb.add_option("EVENTS", events, "names of events")->required();
+        verb.add_option("--count", count, "number of events to print before it ends")
+            ->transform(wholeNumber(1));
+        domain.declare(verb);
+    }
 };
 
-/// Lines on standard output from several threads.
-class Printer {
+/// Prints events in the order in which they come, without blocking those who bring them. Thread-safe.
+class EventPrinter {
 public:
-    explicit Printer(int count) : left_(count), isCounting_(count > 0) {}
+    /// \param count  events to print; 0: no limit
+    explicit EventPrinter(int count) : left_(count), isCounting_(count > 0) {}
 
     void print(const std::string& event, const KRValue& value) {
-        const std::string text = toJson(value).dump(-1, ' ', false, Json::error_handler_t::replace);
-        const std::lock_guard lock(mutex_);
-        if (isDone_) {
+        std::string line = escapeText(event) + " " + formatJson(toJson(value)) + "\n";
+        const KRLock lock(mutex_);
+        if (isCounting_ && left_ == 0) {
             return;
         }
-        std::printf("%s %s\n", event.c_str(), text.c_str());
-        std::fflush(stdout);
-        isDone_ = (isCounting_ && --left_ == 0) || std::ferror(stdout) != 0;
+        if (!output_.offer(std::move(line))) {
+            ++unread_;
+        } else if (isCounting_) {
+            --left_;
+        }
     }
-    bool isDone() const { return isDone_; }
+    void noticeLoss(int count) {
+        const KRLock lock(mutex_);
+        dropped_ += static_cast<std::uint64_t>(count);
+    }
+    bool isDone() const {
+        const KRLock lock(mutex_);
+        return (isCounting_ && left_ == 0) || output_.isBroken();
+    }
+
+    /// Writes what waits, and reports losses. \return DataLost if there were any
+    ExitCode finish(Interruption& interruption) KR_EXCLUDES(mutex_) {
+        const ExitCode code = output_.finish(interruption);
+        if (output_.isBroken()) {
+            return code;
+        }
+        const KRLock lock(mutex_);
+        const std::uint64_t unread = unread_ + output_.countQueued();
+        if (unread > 0) {
+            printError("lost " + std::to_string(unread) + " events: standard output was read too slowly");
+        }
+        if (dropped_ > 0) {
+            printError("lost " + std::to_string(dropped_) +
+                       " events: they came faster than this process took them");
+        }
+        return unread + dropped_ > 0 ? ExitCode::DataLost : code;
+    }
 
 private:
-    std::mutex mutex_;
-    int left_; // guarded by mutex_
+    static constexpr std::size_t kCapacity = 16 << 20; // bytes
+
+    mutable KRMutex mutex_;
+    Output output_{kCapacity};
+    int left_ KR_GUARDED_BY(mutex_);
     const bool isCounting_;
-    std::atomic<bool> isDone_ = false; // written with mutex_ held
+    std::uint64_t unread_ KR_GUARDED_BY(mutex_) = 0;  // did not fit into the output
+    std::uint64_t dropped_ KR_GUARDED_BY(mutex_) = 0; // by the memory
 };
 
-ExitCode act(const Options& options) {
+ExitCode watch(const Options& options) {
     Interruption interruption;
     const auto broker = options.domain.connect();
     KRMemoryProxy memory = findMemory(broker);
-    Printer printer(options.count);
-    const auto client = makeClient(
-        broker, [&](const std::string& event, const KRValue& value) { printer.print(event, value); });
-    for (const std::string& event : options.events) {
-        memory.subscribeToEvent(event, client->getName(), Client::kCallback);
-    }
-    complain("watching; Ctrl-C ends it");
-    // The broker subscribes again where a memory was restarted.
-    constexpr std::chrono::milliseconds kStep{20};
-    while (!printer.isDone() && !interruption.waitFor(kStep)) {
-    }
-    for (const std::string& event : options.events) {
-        try {
-            memory.unsubscribeFromEvent(event, client->getName());
-        } catch (const KRError&) { // it has gone
+    EventPrinter printer(options.count);
+    {
+        const auto client = makeClient(
+            broker, [&](const std::string& event, const KRValue& value) { printer.print(event, value); },
+            [&](const std::string&, int count) { printer.noticeLoss(count); });
+        for (const std::string& event : options.events) {
+            memory.subscribeToEvent(event, client->getName(), Client::kCallback);
+        }
+        printError("watching; Ctrl-C ends it");
+        // The broker renews the subscriptions when the memory is restarted.
+        constexpr std::chrono::milliseconds kStep{20};
+        while (!printer.isDone() && !interruption.waitFor(kStep)) {
+        }
+        for (const std::string& event : options.events) {
+            try {
+                memory.unsubscribeFromEvent(event, client->getName());
+            } catch (const KRError&) { // the memory is gone
+            }
         }
     }
-    return ExitCode::Done;
+    return printer.finish(interruption);
 }
 
-const CommandRegistration registration({
+const VerbRegistration registration(Verb<Options>{
     .group = "event",
     .name = "watch",
-    .summary = "Subscribes to events and prints a line for each, until Ctrl-C",
-    .example =
-        "  kr event watch KRMotion/MotionDetected\n"
-        "  kr event watch Door/Opened --count 1\n"
-        "Like any subscriber it subscribes to the extractor that declared the event, which starts with it.",
-    .declare =
-        [](CLI::App& verb) {
-            auto options = std::make_shared<Options>();
-            verb.add_option("EVENTS", options->events, "Names of events")->required();
-            verb.add_option("--count", options->count, "Ends after so many")->transform(wholeNumber(1));
-            options->domain.addOptions(verb);
-            return [options] { return act(*options); };
-        },
+    .summary = "Subscribe to events and print a line for each, until Ctrl-C",
+    .example = "  kr event watch KRMotion/MotionDetected\n"
+               "  kr event watch Door/Opened --count 1\n"
+               "Like any subscription, this one starts the extractor that declared the event.\n"
+               "Exit code 3 if events were lost because their reader was too slow.",
+    .run = watch,
     .complete = completeEvent,
 });
 

@@ -1,4 +1,4 @@
-#include "overview.hpp"
+#include "extractor/overview.hpp"
 
 #include <krplatform/krproxy.hpp>
 #include <krplatform/krvideodeviceproxy.hpp>
@@ -10,29 +10,33 @@ namespace KR::tool {
 namespace {
 
 template <class T>
-std::optional<T> askIfThere(const KRProxy& proxy, const std::vector<KRMethodDescription>& methods,
-                            const char* method) {
-    const bool isThere =
+std::optional<T> callIfPublished(const KRProxy& proxy, const std::vector<KRMethodDescription>& methods,
+                                 const char* method) {
+    const bool isPublished =
         std::any_of(methods.begin(), methods.end(), [&](const KRMethodDescription& description) {
             return description.name == method && description.argumentTypes.empty();
         });
-    return isThere ? std::optional(proxy.call<T>(method)) : std::nullopt;
+    return isPublished ? std::optional(proxy.call<T>(method)) : std::nullopt;
 }
 
-std::optional<ExtractorState> ask(const KRProxy& proxy) {
+std::optional<ExtractorState> readState(const KRProxy& proxy) {
     const auto methods = proxy.getMethodList();
-    const auto subscribers = askIfThere<KRValue>(proxy, methods, "getSubscribersInfo");
-    const auto period = askIfThere<int>(proxy, methods, "getCurrentPeriod");
-    const auto precision = askIfThere<float>(proxy, methods, "getCurrentPrecision");
+    const auto subscribers = callIfPublished<KRValue>(proxy, methods, "getSubscribersInfo");
+    const auto period = callIfPublished<int>(proxy, methods, "getCurrentPeriod");
+    const auto precision = callIfPublished<float>(proxy, methods, "getCurrentPrecision");
     if (!subscribers || !period || !precision) {
-        return std::nullopt; // no extractor
+        return std::nullopt; // not an extractor
     }
     ExtractorState state;
     state.name = proxy.getModuleName();
     state.period = *period;
     state.precision = *precision;
-    state.paused = askIfThere<bool>(proxy, methods, "isPaused");
-    state.processing = askIfThere<bool>(proxy, methods, "isProcessing");
+    state.paused = callIfPublished<bool>(proxy, methods, "isPaused");
+    state.processing = callIfPublished<bool>(proxy, methods, "isProcessing");
+    try {
+        state.failure = proxy.getFailure();
+    } catch (const KRError&) { // a process of an older version, which cannot say
+    }
     for (std::size_t i = 0; i < subscribers->getSize(); ++i) {
         const KRValue& subscriber = (*subscribers)[i];
         state.subscribers.push_back(
@@ -54,16 +58,16 @@ std::map<std::string, int> ExtractorOverview::countFrames() const {
     return frames;
 }
 
-std::vector<ExtractorState> ExtractorOverview::look() {
+std::vector<ExtractorState> ExtractorOverview::poll() {
     const auto when = std::chrono::steady_clock::now();
     const auto framesById = countFrames();
     std::vector<ExtractorState> states;
     for (const std::string& module : broker_->getModuleList()) {
         try {
-            if (auto state = ask(KRProxy(broker_, module))) {
+            if (auto state = readState(KRProxy(broker_, module))) {
                 states.push_back(std::move(*state));
             }
-        } catch (const KRError&) { // it went meanwhile
+        } catch (const KRError&) { // it has just exited
         }
     }
     // A vision extractor subscribes as "VisionExtractor" and its name; the camera service adds an underscore and a
@@ -87,7 +91,7 @@ std::vector<ExtractorState> ExtractorOverview::look() {
         const auto then = before_.find(state.name);
         const auto fetched = now.find(state.name);
         if (then == before_.end() || fetched == now.end() || fetched->second.frames < then->second.frames) {
-            continue; // a subscription that is new counts from 0
+            continue; // a new subscription counts from 0
         }
         const std::chrono::duration<double> seconds = when - then->second.when;
         state.frameRate = (fetched->second.frames - then->second.frames) / seconds.count();

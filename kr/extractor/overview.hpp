@@ -10,32 +10,33 @@
 
 namespace KR::tool {
 
-/// One who subscribes to an extractor, with what it asked for.
+/// A subscriber of an extractor, with what it asked for.
 struct ExtractorSubscriber {
     std::string name;
     int period; ///< milliseconds
     float precision;
 };
 
-/// What an extractor is doing now.
+/// Current state of an extractor.
 struct ExtractorState {
     std::string name;
     std::vector<ExtractorSubscriber> subscribers;
     int period = 0; ///< milliseconds, in force
     float precision = 0;
-    std::optional<bool> paused;     ///< none: it is no vision extractor
-    std::optional<bool> processing; ///< none: it is no vision extractor
+    std::optional<bool> paused;     ///< nullopt: not a vision extractor
+    std::optional<bool> processing; ///< nullopt: not a vision extractor
     std::optional<double>
-        frameRate; ///< images fetched per second since the look before; none: not known (yet)
+        frameRate;       ///< images fetched per second since the previous poll; nullopt: not known (yet)
+    std::string failure; ///< why it has stopped working; "" while it works
 };
 
-/// Looks at all extractors of the domain again and again. Not thread-safe.
+/// Polls all extractors of the domain. Thread-bound.
 class ExtractorOverview {
 public:
     explicit ExtractorOverview(boost::shared_ptr<KRBroker> broker) : broker_(std::move(broker)) {}
 
-    /// Modules that cannot be asked any more are left out.
-    std::vector<ExtractorState> look();
+    /// The state of every extractor that answers.
+    std::vector<ExtractorState> poll();
 
 private:
     struct Fetched {

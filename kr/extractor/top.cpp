@@ -1,18 +1,20 @@
 // kr extractor top
 
-#include "command.hpp"
-#include "domain.hpp"
-#include "interruption.hpp"
-#include "json.hpp"
-#include "number.hpp"
-#include "overview.hpp"
+#include "extractor/overview.hpp"
+#include "system/domain.hpp"
+#include "tool/command.hpp"
+#include "tool/format.hpp"
+#include "tool/interruption.hpp"
+#include "tool/json.hpp"
+#include "tool/number.hpp"
+#include "tool/output.hpp"
+
+#include <krplatform/krtext.hpp>
 
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
 #include <chrono>
-#include <cstdio>
-#include <memory>
 #include <string>
 
 #include <unistd.h>
@@ -23,46 +25,58 @@ namespace {
 
 struct Options {
     Domain domain;
-    double interval = 1;
+    double interval_s = 1;
     int count = 0;
     bool json = false;
+
+    void declare(CLI::App& verb) {
+        verb.add_option("--interval", interval_s, "seconds between two tables")
+            ->check(realNumber(0.05, 3600))
+            ->capture_default_str();
+        verb.add_option("--count", count, "number of tables to print before it ends")
+            ->transform(wholeNumber(1));
+        verb.add_flag("--json", json, "output each table as a JSON array");
+        domain.declare(verb);
+    }
 };
 
 constexpr const char* kClearScreen = "\033[H\033[2J";
 
-std::string describe(const std::optional<bool>& state) {
-    return !state ? "-" : *state ? "yes" : "no";
+std::string formatFlag(const std::optional<bool>& flag) {
+    return !flag ? "-" : *flag ? "yes" : "no";
 }
 
 std::string formatRate(const std::optional<double>& rate) {
-    if (!rate) {
-        return "-";
-    }
-    char text[32];
-    std::snprintf(text, sizeof text, "%.1f", *rate);
-    return text;
+    return rate ? format("%.1f", *rate) : "-";
 }
 
-void show(const std::vector<ExtractorState>& extractors) {
+std::string formatTable(const std::vector<ExtractorState>& extractors) {
     std::size_t width = 9;
     for (const ExtractorState& extractor : extractors) {
-        width = std::max(width, extractor.name.size());
+        width = std::max(width, escapeText(extractor.name).size());
         for (const ExtractorSubscriber& subscriber : extractor.subscribers) {
-            width = std::max(width, subscriber.name.size() + 2);
+            width = std::max(width, escapeText(subscriber.name).size() + 2);
         }
     }
     const int column = static_cast<int>(width);
-    std::printf("%-*s  %10s  %9s  %6s  %10s  %7s\n", column, "EXTRACTOR", "PERIOD ms", "PRECISION", "PAUSED",
-                "PROCESSING", "FRAME/s");
+    std::string table = format("%-*s  %10s  %9s  %6s  %10s  %7s\n", column, "EXTRACTOR", "PERIOD ms",
+                               "PRECISION", "PAUSED", "PROCESSING", "FRAME/s");
     for (const ExtractorState& extractor : extractors) {
-        std::printf("%-*s  %10d  %9g  %6s  %10s  %7s\n", column, extractor.name.c_str(), extractor.period,
-                    static_cast<double>(extractor.precision), describe(extractor.paused).c_str(),
-                    describe(extractor.processing).c_str(), formatRate(extractor.frameRate).c_str());
+        const std::string processing =
+            extractor.failure.empty() ? formatFlag(extractor.processing) : "failed";
+        table += format("%-*s  %10d  %9g  %6s  %10s  %7s\n", column, escapeText(extractor.name).c_str(),
+                        extractor.period, static_cast<double>(extractor.precision),
+                        formatFlag(extractor.paused).c_str(), processing.c_str(),
+                        formatRate(extractor.frameRate).c_str());
+        if (!extractor.failure.empty()) {
+            table += "  failed: " + escapeText(extractor.failure) + "\n";
+        }
         for (const ExtractorSubscriber& subscriber : extractor.subscribers) {
-            std::printf("  %-*s  %10d  %9g\n", column - 2, subscriber.name.c_str(), subscriber.period,
-                        static_cast<double>(subscriber.precision));
+            table += format("  %-*s  %10d  %9g\n", column - 2, escapeText(subscriber.name).c_str(),
+                            subscriber.period, static_cast<double>(subscriber.precision));
         }
     }
+    return table;
 }
 
 Json toJson(const std::vector<ExtractorState>& extractors) {
@@ -81,56 +95,44 @@ Json toJson(const std::vector<ExtractorState>& extractors) {
                         {"paused", orNull(extractor.paused)},
                         {"processing", orNull(extractor.processing)},
                         {"frames_per_second", orNull(extractor.frameRate)},
+                        {"failure", extractor.failure.empty() ? Json(nullptr) : Json(extractor.failure)},
                         {"subscribers", subscribers}});
     }
     return list;
 }
 
-ExitCode act(const Options& options) {
+ExitCode printTables(const Options& options) {
     Interruption interruption;
     const auto broker = options.domain.connect();
     ExtractorOverview overview(broker);
     const bool isTerminal = ::isatty(STDOUT_FILENO) == 1;
-    const auto interval = std::chrono::milliseconds(static_cast<int>(options.interval * 1000));
-    if (overview.look().empty()) {
-        complain("there is no extractor on " + options.domain.getUrl());
+    const auto interval = std::chrono::milliseconds(static_cast<int>(options.interval_s * 1000));
+    if (overview.poll().empty()) { // not printed: a rate needs two polls
+        printError("there is no extractor on " + options.domain.getUrl());
     }
-    // The first look is only there to compare with: a rate needs two.
-    for (int shown = 0; options.count == 0 || shown < options.count; ++shown) {
-        if (interruption.waitFor(interval) || std::ferror(stdout) != 0) {
+    Output output;
+    for (int printed = 0; options.count == 0 || printed < options.count; ++printed) {
+        if (interruption.waitFor(interval) || output.isBroken()) {
             break;
         }
-        const auto extractors = overview.look();
-        if (options.json) {
-            printJson(toJson(extractors));
-        } else {
-            std::fputs(isTerminal ? kClearScreen : shown > 0 ? "\n" : "", stdout);
-            show(extractors);
-        }
-        std::fflush(stdout);
+        const auto extractors = overview.poll();
+        const char* separator = isTerminal ? kClearScreen : printed > 0 ? "\n" : "";
+        output.print(options.json ? formatJson(toJson(extractors), 2) + "\n"
+                                  : separator + formatTable(extractors),
+                     interruption);
     }
-    return ExitCode::Done;
+    return output.finish(interruption);
 }
 
-const GroupRegistration group("extractor", "The extractors and who subscribes to them");
+const GroupRegistration group("extractor", "Extractors and their subscribers");
 
-const CommandRegistration registration({
+const VerbRegistration registration(Verb<Options>{
     .group = "extractor",
     .name = "top",
-    .summary = "Shows what all extractors do, again and again until Ctrl-C",
+    .summary = "Show the state of all extractors every second, until Ctrl-C",
     .example = "  kr extractor top\n"
                "  kr extractor top --count 1 --json",
-    .declare =
-        [](CLI::App& verb) {
-            auto options = std::make_shared<Options>();
-            verb.add_option("--interval", options->interval, "Seconds from one look to the next")
-                ->check(realNumber(0.05, 3600))
-                ->capture_default_str();
-            verb.add_option("--count", options->count, "Ends after so many looks")->transform(wholeNumber(1));
-            verb.add_flag("--json", options->json, "Shows each look as a JSON array");
-            options->domain.addOptions(verb);
-            return [options] { return act(*options); };
-        },
+    .run = printTables,
 });
 
 } // namespace

@@ -1,18 +1,17 @@
 // kr image convert
 
-#include "colorspace.hpp"
-#include "command.hpp"
-#include "number.hpp"
-#include "outputfile.hpp"
-#include "pictureconversion.hpp"
+#include "image/imagefile.hpp"
+#include "image/pictureconversion.hpp"
+#include "tool/colorspace.hpp"
+#include "tool/command.hpp"
+#include "tool/number.hpp"
+#include "tool/outputfile.hpp"
 
 #include <krvision/kroxifile.hpp>
 #include <krvision/krvisiondefinitions.hpp>
 
 #include <CLI/CLI.hpp>
 
-#include <memory>
-#include <stdexcept>
 #include <string>
 
 namespace KR::tool {
@@ -24,21 +23,28 @@ struct Options {
     std::string out;
     std::string colorSpace;
     int quality = 90;
+
+    void declare(CLI::App& app) {
+        app.add_option("IN", in, "oxi, ppm, pgm, png or jpeg file")->required();
+        app.add_option("OUT", out, "file that ends in .oxi, .ppm, .png or .jpg; an existing one is replaced")
+            ->required();
+        app.add_option("--color-space", colorSpace,
+                       "colour space of an oxi file: " + listColorSpaces() +
+                           " (default: yuv422, or luma for a grey picture)");
+        app.add_option("--quality", quality, "quality of a jpeg, 1 to 100")
+            ->transform(wholeNumber(1, 100))
+            ->capture_default_str();
+    }
 };
 
 int chooseColorSpace(const Options& options, const Picture& picture) {
     if (options.colorSpace.empty()) {
         return picture.isGrey ? kLumaColorSpace : kYUV422ColorSpace;
     }
-    const auto found = findColorSpace(options.colorSpace);
-    if (!found) {
-        throw UsageError("there is no colour space " + options.colorSpace + "; known are " +
-                         listColorSpaces());
-    }
-    return *found;
+    return parseColorSpace(options.colorSpace);
 }
 
-// The picture as an image with the time stamp, camera and angles of the image that it was made of.
+// Keeps time stamp, camera and angles.
 KRImage changeColorSpace(const KRImage& from, int colorSpace) {
     KRImage image = makeImage(makePicture(from), colorSpace);
     image.timeStamp = from.timeStamp;
@@ -64,18 +70,14 @@ Picture readAsPicture(const std::string& path) {
 }
 
 ExitCode convert(const Options& options) {
-    const std::string extension = getExtension(options.out);
-    if (extension != ".oxi" && !isPictureExtension(extension)) {
-        throw UsageError(options.out + ": the extension says the format: .oxi, .ppm, .png or .jpg");
-    }
-    if (extension != ".oxi" && !options.colorSpace.empty()) {
+    requireImageExtension(options.out);
+    const bool isToOxi = getExtension(options.out) == ".oxi";
+    if (!isToOxi && !options.colorSpace.empty()) {
         throw UsageError("--color-space is for oxi files only");
     }
     OutputFile out(options.out, options.in);
-    if (extension == ".oxi") {
-        if (!readAsImage(options).writeFile(out.getPath().c_str())) {
-            throw std::runtime_error(options.out + ": cannot be written");
-        }
+    if (isToOxi) {
+        writeImage(readAsImage(options), out.getPath());
     } else {
         writePicture(readAsPicture(options.in), out.getPath(), options.quality);
     }
@@ -83,25 +85,14 @@ ExitCode convert(const Options& options) {
     return ExitCode::Done;
 }
 
-std::function<ExitCode()> declare(CLI::App& app) {
-    auto options = std::make_shared<Options>();
-    app.add_option("IN", options->in, "an oxi, ppm, pgm, png or jpeg file")->required();
-    app.add_option("OUT", options->out,
-                   "a name that ends in .oxi, .ppm, .png or .jpg; replaced if it is there")
-        ->required();
-    app.add_option("--color-space", options->colorSpace,
-                   "of an oxi file: " + listColorSpaces() +
-                       ". YUV422 if it is not told, luma for a grey picture");
-    app.add_option("--quality", options->quality, "of a jpeg, 1 to 100; 90 if it is not told")
-        ->transform(wholeNumber(1, 100));
-    return [options] { return convert(*options); };
-}
-
-const CommandRegistration command({"image", "convert", "Converts an image file to a picture, or back",
-                                   "  kr image convert left.oxi left.png\n"
-                                   "  kr image convert photo.jpg photo.oxi --color-space bgr",
-                                   declare});
+const VerbRegistration registration(Verb<Options>{
+    .group = "image",
+    .name = "convert",
+    .summary = "Convert an image file to a picture, or back",
+    .example = "  kr image convert left.oxi left.png\n"
+               "  kr image convert photo.jpg photo.oxi --color-space bgr",
+    .run = convert,
+});
 
 } // namespace
-
 } // namespace KR::tool

@@ -1,6 +1,6 @@
 // kr image dump
 
-#include "command.hpp"
+#include "tool/command.hpp"
 
 #include <krvision/krimage.hpp>
 #include <krvision/kroxifile.hpp>
@@ -9,16 +9,21 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <memory>
 #include <string>
 
 namespace KR::tool {
 
 namespace {
 
-ExitCode dump(const std::string& file) {
-    KRImage image = readOxi(file);
-    constexpr std::size_t kDumped = 16; // bytes of the buffer
+struct Options {
+    std::string file;
+
+    void declare(CLI::App& app) { app.add_option("FILE", file, "oxi file")->required(); }
+};
+
+ExitCode dump(const Options& options) {
+    KRImage image = readOxi(options.file);
+    constexpr std::size_t kDumped = 16; // bytes of the buffer that toString() reads
     const auto size = static_cast<std::size_t>(image.width * image.height * image.nbLayers);
     if (size < kDumped) {
         const auto padded = KRImage::internalDataZeroInitialized(kDumped);
@@ -30,16 +35,13 @@ ExitCode dump(const std::string& file) {
     return ExitCode::Done;
 }
 
-std::function<ExitCode()> declare(CLI::App& app) {
-    auto file = std::make_shared<std::string>();
-    app.add_option("FILE", *file, "an oxi file")->required();
-    return [file] { return dump(*file); };
-}
-
-const CommandRegistration command({"image", "dump",
-                                   "Shows the fields of an image as the library keeps them in memory",
-                                   "  kr image dump left.oxi", declare});
+const VerbRegistration registration(Verb<Options>{
+    .group = "image",
+    .name = "dump",
+    .summary = "Show the fields of an image as the library keeps them in memory",
+    .example = "  kr image dump left.oxi",
+    .run = dump,
+});
 
 } // namespace
-
 } // namespace KR::tool

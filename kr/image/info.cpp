@@ -1,10 +1,10 @@
 // kr image info
 
-#include "colorspace.hpp"
-#include "command.hpp"
-#include "json.hpp"
-#include "picture.hpp"
-#include "timestamp.hpp"
+#include "image/picture.hpp"
+#include "tool/colorspace.hpp"
+#include "tool/command.hpp"
+#include "tool/json.hpp"
+#include "tool/timestamp.hpp"
 
 #include <krvision/kroxifile.hpp>
 
@@ -24,9 +24,14 @@ namespace {
 struct Options {
     std::vector<std::string> files;
     bool json = false;
+
+    void declare(CLI::App& app) {
+        app.add_option("FILE", files, "oxi, ppm, pgm, png or jpeg files")->required();
+        app.add_flag("--json", json, "output as a JSON array with an object per file");
+    }
 };
 
-void show(const std::string& file, const KROxiHeader& oxi) {
+void print(const std::string& file, const KROxiHeader& oxi) {
     std::printf("%s\n", file.c_str());
     std::printf("  format        oxi, version %d\n", oxi.version);
     std::printf("  size          %dx%d pixels of %d bytes\n", oxi.width, oxi.height, oxi.layers);
@@ -62,7 +67,7 @@ Json toJson(const std::string& file, const KROxiHeader& oxi, const std::vector<s
     return json;
 }
 
-Json toJson(const std::string& file, const Picture& picture) {
+Json toJson(const std::string& file, const PictureHeader& picture) {
     return {{"file", file},
             {"format", picture.format},
             {"width", picture.width},
@@ -72,7 +77,7 @@ Json toJson(const std::string& file, const Picture& picture) {
             {"problems", Json::array()}};
 }
 
-void show(const std::string& file, const Picture& picture) {
+void print(const std::string& file, const PictureHeader& picture) {
     std::printf("%s\n", file.c_str());
     std::printf("  format        %s%s\n", picture.format, picture.isGrey ? ", grey" : "");
     std::printf("  size          %dx%d pixels\n", picture.width, picture.height);
@@ -80,16 +85,15 @@ void show(const std::string& file, const Picture& picture) {
                 static_cast<unsigned long long>(std::filesystem::file_size(file)));
 }
 
-/// Shows one file, or adds it to the list.
-/// \return whether nothing is wrong with it
-bool showFile(const std::string& file, Json* list) {
+/// Prints one file, or adds it to the list.
+/// \return whether it has no problems
+bool inspect(const std::string& file, Json* list) {
     if (!isOxiFile(file)) {
-        const Picture picture =
-            readPicture(file); // all of it: that is the only way to know that it can be read
+        const PictureHeader picture = readPictureHeader(file);
         if (list != nullptr) {
             list->push_back(toJson(file, picture));
         } else {
-            show(file, picture);
+            print(file, picture);
         }
         return true;
     }
@@ -98,24 +102,24 @@ bool showFile(const std::string& file, Json* list) {
     if (list != nullptr) {
         list->push_back(toJson(file, oxi, problems));
     } else {
-        show(file, oxi);
+        print(file, oxi);
     }
     for (const std::string& problem : problems) {
-        complain(file + ": " + problem);
+        printError(file + ": " + problem);
     }
     return problems.empty();
 }
 
-ExitCode showFiles(const Options& options) {
+ExitCode inspectAll(const Options& options) {
     Json list = Json::array();
     ExitCode code = ExitCode::Done;
     for (const std::string& file : options.files) {
         try {
-            if (!showFile(file, options.json ? &list : nullptr)) {
+            if (!inspect(file, options.json ? &list : nullptr)) {
                 code = ExitCode::Failed;
             }
         } catch (const std::exception& error) {
-            complain(error.what());
+            printError(error.what());
             code = ExitCode::Failed;
         }
     }
@@ -125,17 +129,16 @@ ExitCode showFiles(const Options& options) {
     return code;
 }
 
-std::function<ExitCode()> declare(CLI::App& app) {
-    auto options = std::make_shared<Options>();
-    app.add_option("FILE", options->files, "oxi, ppm, pgm, png or jpeg files")->required();
-    app.add_flag("--json", options->json, "Writes an array with an object for each file");
-    return [options] { return showFiles(*options); };
-}
-
 const GroupRegistration group("image", "Image files");
-const CommandRegistration command({"image", "info", "Shows what image files say of themselves",
-                                   "  kr image info left.oxi right.png", declare});
+
+const VerbRegistration registration(Verb<Options>{
+    .group = "image",
+    .name = "info",
+    .summary = "Show the headers of image files, and problems",
+    .example = "  kr image info left.oxi right.png\n"
+               "The pixels are not decoded. Exit code 1 if a file has a problem.",
+    .run = inspectAll,
+});
 
 } // namespace
-
 } // namespace KR::tool

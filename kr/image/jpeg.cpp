@@ -1,12 +1,10 @@
-#include "picture.hpp"
+#include "image/picture.hpp"
+
+#include "tool/file.hpp"
 
 #include <array>
-#include <cerrno>
 #include <csetjmp>
-#include <cstdio>
-#include <cstring>
-#include <memory>
-#include <stdexcept>
+#include <filesystem>
 
 #include <jpeglib.h> // needs <cstdio> before it
 
@@ -14,15 +12,9 @@ namespace KR::tool {
 
 namespace {
 
-struct CloseFile {
-    void operator()(std::FILE* file) const noexcept { std::fclose(file); }
-};
-using File = std::unique_ptr<std::FILE, CloseFile>;
-
-/// The library's way out is a jump; no object with a destructor may be made between where that goes to and where it
-/// comes from.
+/// libjpeg leaves by longjmp: no object with a destructor may be constructed between setjmp and there.
 struct ErrorHandler {
-    jpeg_error_mgr manager; // first: the library knows of nothing else
+    jpeg_error_mgr manager; // first: libjpeg has a pointer to it
     std::jmp_buf way;
     std::array<char, JMSG_LENGTH_MAX> message;
     bool isFatal;
@@ -35,8 +27,8 @@ void leave(j_common_ptr codec) {
     std::longjmp(handler->way, 1);
 }
 
-// Warnings are of broken data: the first of them is what the picture fails with.
-void takeNotice(j_common_ptr codec, int level) {
+// Warnings mean corrupt data: the picture fails with the first one.
+void keepFirstWarning(j_common_ptr codec, int level) {
     if (level < 0 && codec->err->num_warnings++ == 0) {
         codec->err->format_message(codec, reinterpret_cast<ErrorHandler*>(codec->err)->message.data());
     }
@@ -47,19 +39,11 @@ jpeg_error_mgr* prepare(ErrorHandler& handler) {
     handler.isFatal = false;
     jpeg_error_mgr* manager = jpeg_std_error(&handler.manager);
     manager->error_exit = leave;
-    manager->emit_message = takeNotice;
+    manager->emit_message = keepFirstWarning;
     return manager;
 }
 
-File open(const std::string& path, const char* mode) {
-    File file(std::fopen(path.c_str(), mode));
-    if (!file) {
-        throw std::runtime_error(std::strerror(errno));
-    }
-    return file;
-}
-
-bool start(jpeg_decompress_struct& codec, ErrorHandler& handler, std::FILE* file) {
+bool readHeader(jpeg_decompress_struct& codec, ErrorHandler& handler, std::FILE* file) {
     if (setjmp(handler.way) != 0) {
         return false;
     }
@@ -109,35 +93,82 @@ bool encode(jpeg_compress_struct& codec, ErrorHandler& handler, std::FILE* file,
     return true;
 }
 
+/// A jpeg file whose header has been read. Not movable: libjpeg keeps pointers.
+class JpegReader {
+public:
+    explicit JpegReader(const std::string& path) : file_(openFile(path, "rb")) {
+        codec_.err = prepare(handler_);
+        if (!readHeader(codec_, handler_, file_.get())) {
+            jpeg_destroy_decompress(&codec_);
+            throw std::runtime_error(handler_.message.data());
+        }
+        size_ = std::filesystem::file_size(path);
+    }
+    ~JpegReader() { jpeg_destroy_decompress(&codec_); }
+    JpegReader(const JpegReader&) = delete;
+    JpegReader& operator=(const JpegReader&) = delete;
+
+    PictureHeader getHeader() const {
+        PictureHeader header;
+        header.format = "jpeg";
+        header.isGrey = codec_.jpeg_color_space == JCS_GRAYSCALE;
+        setSize(header, codec_.image_width, codec_.image_height);
+        // Huffman codes take a bit or more per block of 8x8 pixels; arithmetic ones, rare, a fraction of that.
+        const std::uint64_t pixelsPerByte = std::uint64_t{64} * 8 * (codec_.arith_code != 0 ? 64 : 1);
+        if (std::uint64_t{codec_.image_width} * codec_.image_height / pixelsPerByte > size_) {
+            throw std::runtime_error("has " + std::to_string(size_) + " bytes, too few for " +
+                                     std::to_string(header.width) + "x" + std::to_string(header.height) +
+                                     " pixels");
+        }
+        return header;
+    }
+
+    /// Checks that the file has an end, without decoding it. Call it last.
+    void requireEnd() {
+        // libjpeg has stopped before the pixels, in which FF D9 means the end. A preview in the header may have its own.
+        const long behind = static_cast<long>(codec_.src->bytes_in_buffer);
+        std::fseek(file_.get(), -behind, SEEK_CUR);
+        for (int previous = 0, byte = 0; (byte = std::fgetc(file_.get())) != EOF; previous = byte) {
+            if (previous == 0xFF && byte == JPEG_EOI) {
+                return;
+            }
+        }
+        throw std::runtime_error("ends within the pixels");
+    }
+
+    void decodeTo(unsigned char* rgb) {
+        if (!decode(codec_, handler_, rgb)) {
+            throw std::runtime_error(handler_.message.data());
+        }
+    }
+
+private:
+    const File file_;
+    std::uint64_t size_ = 0;
+    ErrorHandler handler_;
+    jpeg_decompress_struct codec_ = {};
+};
+
 } // namespace
 
+PictureHeader readJpegHeader(const std::string& path) {
+    JpegReader reader(path);
+    const PictureHeader header = reader.getHeader();
+    reader.requireEnd();
+    return header;
+}
+
 Picture readJpeg(const std::string& path) {
-    const File file = open(path, "rb");
+    JpegReader reader(path);
     Picture picture;
-    picture.format = "jpeg";
-    ErrorHandler handler;
-    jpeg_decompress_struct codec = {};
-    codec.err = prepare(handler);
-    bool isRead = start(codec, handler, file.get());
-    try {
-        if (isRead) {
-            picture.isGrey = codec.jpeg_color_space == JCS_GRAYSCALE;
-            resize(picture, codec.image_width, codec.image_height);
-            isRead = decode(codec, handler, picture.rgb.data());
-        }
-    } catch (...) {
-        jpeg_destroy_decompress(&codec);
-        throw;
-    }
-    jpeg_destroy_decompress(&codec);
-    if (!isRead) {
-        throw std::runtime_error(handler.message.data());
-    }
+    static_cast<PictureHeader&>(picture) = reader.getHeader();
+    allocatePixels(picture);
+    reader.decodeTo(picture.rgb.data());
     return picture;
 }
 
 void writeJpeg(const Picture& picture, const std::string& path, int quality) {
-    File file = open(path, "wb");
+    File file = openFile(path, "wb");
     ErrorHandler handler;
     jpeg_compress_struct codec = {};
     codec.err = prepare(handler);
@@ -146,9 +177,7 @@ void writeJpeg(const Picture& picture, const std::string& path, int quality) {
     if (!isWritten) {
         throw std::runtime_error(handler.message.data());
     }
-    if (std::fclose(file.release()) != 0) {
-        throw std::runtime_error(std::strerror(errno));
-    }
+    closeFile(std::move(file));
 }
 
 } // namespace KR::tool

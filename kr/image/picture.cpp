@@ -1,6 +1,6 @@
-#include "picture.hpp"
+#include "image/picture.hpp"
 
-#include "outputfile.hpp"
+#include "tool/outputfile.hpp"
 
 #include <array>
 #include <cerrno>
@@ -13,7 +13,9 @@ namespace KR::tool {
 
 namespace {
 
-Picture readByContent(const std::string& path) {
+enum class Format { Png, Jpeg, Ppm };
+
+Format detectFormat(const std::string& path) {
     errno = 0;
     std::ifstream file(path, std::ios::binary);
     std::array<unsigned char, 8> start = {};
@@ -21,17 +23,53 @@ Picture readByContent(const std::string& path) {
         throw std::runtime_error(std::string("cannot be read: ") +
                                  std::strerror(errno != 0 ? errno : EISDIR));
     }
+    if (!std::filesystem::is_regular_file(path)) {
+        throw std::runtime_error("cannot be read: it is not a regular file");
+    }
     file.read(reinterpret_cast<char*>(start.data()), start.size());
     if (std::memcmp(start.data(), "\x89PNG\r\n\x1a\n", 8) == 0) {
-        return readPng(path);
+        return Format::Png;
     }
     if (start[0] == 0xFF && start[1] == 0xD8) {
-        return readJpeg(path);
+        return Format::Jpeg;
     }
     if (start[0] == 'P' && (start[1] == '5' || start[1] == '6')) {
-        return readPpm(path);
+        return Format::Ppm;
     }
-    throw std::runtime_error("is no oxi, ppm, png or jpeg file");
+    throw std::runtime_error("is not an oxi, ppm, png or jpeg file");
+}
+
+PictureHeader readHeaderByContent(const std::string& path) {
+    switch (detectFormat(path)) {
+    case Format::Png:
+        return readPngHeader(path);
+    case Format::Jpeg:
+        return readJpegHeader(path);
+    case Format::Ppm:
+        break;
+    }
+    return readPpmHeader(path);
+}
+
+Picture readByContent(const std::string& path) {
+    switch (detectFormat(path)) {
+    case Format::Png:
+        return readPng(path);
+    case Format::Jpeg:
+        return readJpeg(path);
+    case Format::Ppm:
+        break;
+    }
+    return readPpm(path);
+}
+
+template <class Result>
+Result nameErrors(Result (*read)(const std::string&), const std::string& path) {
+    try {
+        return read(path);
+    } catch (const std::runtime_error& error) {
+        throw std::runtime_error(path + ": " + error.what());
+    }
 }
 
 } // namespace
@@ -40,12 +78,12 @@ bool isPictureExtension(const std::string& extension) {
     return extension == ".ppm" || extension == ".png" || extension == ".jpg" || extension == ".jpeg";
 }
 
+PictureHeader readPictureHeader(const std::string& path) {
+    return nameErrors(readHeaderByContent, path);
+}
+
 Picture readPicture(const std::string& path) {
-    try {
-        return readByContent(path);
-    } catch (const std::runtime_error& error) {
-        throw std::runtime_error(path + ": " + error.what());
-    }
+    return nameErrors(readByContent, path);
 }
 
 void writePicture(const Picture& picture, const std::string& path, int quality) {
@@ -65,16 +103,20 @@ void writePicture(const Picture& picture, const std::string& path, int quality) 
     }
 }
 
-void resize(Picture& picture, unsigned long long width, unsigned long long height) {
-    constexpr unsigned long long kMostPixels = 1ULL << 29; // the bytes of an image are an int
+void setSize(PictureHeader& picture, std::uint64_t width, std::uint64_t height) {
+    constexpr std::uint64_t kMostPixels = std::uint64_t{1} << 29; // sizes of images in bytes are ints
     if (width == 0 || height == 0 || width > kMostPixels || height > kMostPixels ||
         width * height > kMostPixels) {
         throw std::runtime_error("has " + std::to_string(width) + "x" + std::to_string(height) +
-                                 " pixels, which is not possible here");
+                                 " pixels, which is not supported");
     }
     picture.width = static_cast<int>(width);
     picture.height = static_cast<int>(height);
-    picture.rgb.resize(3 * width * height);
+}
+
+void allocatePixels(Picture& picture) {
+    picture.rgb.resize(std::size_t{3} * static_cast<unsigned>(picture.width) *
+                       static_cast<unsigned>(picture.height));
 }
 
 } // namespace KR::tool

@@ -1,6 +1,6 @@
-#include "pictureconversion.hpp"
+#include "image/pictureconversion.hpp"
 
-#include "colorspace.hpp"
+#include "tool/colorspace.hpp"
 
 #include <krvision/krvisiondefinitions.hpp>
 
@@ -17,8 +17,8 @@ namespace {
 using Pixels = std::vector<unsigned char>;
 
 [[noreturn]] void refuse(int colorSpace) {
-    throw std::runtime_error("nobody here knows what colour space " + std::to_string(colorSpace) +
-                             " means; known are " + listColorSpaces());
+    throw std::runtime_error("colour space " + std::to_string(colorSpace) +
+                             " is not supported; colour spaces are " + listColorSpaces());
 }
 
 void swapRedAndBlue(Pixels& pixels) {
@@ -27,7 +27,7 @@ void swapRedAndBlue(Pixels& pixels) {
     }
 }
 
-// `pixels` of YUV422, an even number of them, as R G B.
+// Converts an even number of pixels to R G B.
 Pixels convertYuv422(unsigned char* yuv422, std::size_t pixels) {
     KRImage image(static_cast<int>(pixels), 1, kYUV422ColorSpace, true, 0.0f, 0.0f, 0.0f, 0.0f);
     image.data = KRImage::externalData(yuv422);
@@ -37,7 +37,6 @@ Pixels convertYuv422(unsigned char* yuv422, std::size_t pixels) {
     return rgb;
 }
 
-// Pairs of pixels, the last one twice if it has no partner.
 std::size_t roundUpToPairs(std::size_t pixels) {
     return (pixels + 1) / 2 * 2;
 }
@@ -63,7 +62,7 @@ Pixels convertFromLuma(const unsigned char* luma, std::size_t pixels) {
     return rgb;
 }
 
-// As B G R, and the last pixel once more if their number is odd.
+// B G R, with the last pixel repeated if their number is odd.
 Pixels makeBgrPairs(const Picture& picture) {
     Pixels bgr = picture.rgb;
     swapRedAndBlue(bgr);
@@ -76,8 +75,8 @@ Pixels makeBgrPairs(const Picture& picture) {
 
 void convertToYuv422(const Picture& picture, KRImage& image) {
     if (picture.width % 2 != 0) {
-        throw std::runtime_error("YUV422 is for an even number of pixels in a row, not for " +
-                                 std::to_string(picture.width) + "; choose another colour space");
+        throw std::runtime_error("YUV422 needs an even width, not " + std::to_string(picture.width) +
+                                 "; choose another colour space");
     }
     Pixels bgr = makeBgrPairs(picture);
     image.computeYUV422imageFromBGR(picture.height, picture.width, reinterpret_cast<char*>(bgr.data()));
@@ -93,7 +92,7 @@ void convertToLuma(const Picture& picture, KRImage& image) {
     }
 }
 
-// Colour spaces of three or four bytes: where R, G and B are in them.
+// Where R, G and B are in a colour space of three or four bytes.
 struct Order {
     std::ptrdiff_t red, green, blue;
 };

@@ -1,4 +1,4 @@
-#include "picture.hpp"
+#include "image/picture.hpp"
 
 #include <krvision/krimage.hpp>
 #include <krvision/krvisiondefinitions.hpp>
@@ -12,8 +12,8 @@ namespace KR::tool {
 
 namespace {
 
-// A number of the header, after blanks and comments.
-unsigned long long readNumber(std::istream& file) {
+// Reads a number of the header, after blanks and comments.
+std::uint64_t readNumber(std::istream& file) {
     int c = file.get();
     while (c == '#' || std::isspace(c) != 0) {
         while (c == '#' && c != '\n' && c != EOF) {
@@ -23,40 +23,58 @@ unsigned long long readNumber(std::istream& file) {
         }
         c = file.get();
     }
-    unsigned long long number = 0;
+    std::uint64_t number = 0;
     int digits = 0;
     for (; std::isdigit(c) != 0 && digits < 9; c = file.get(), ++digits) {
-        number = 10 * number + static_cast<unsigned long long>(c - '0');
+        number = 10 * number + static_cast<std::uint64_t>(c - '0');
     }
-    if (digits == 0 || std::isspace(c) == 0) { // one blank ends each number, also the last one
+    if (digits == 0 || std::isspace(c) == 0) { // exactly one blank ends each number
         throw std::runtime_error("has no valid ppm header");
     }
     return number;
 }
 
+/// A ppm or pgm file whose header has been read.
+struct PpmReader {
+    explicit PpmReader(const std::string& path) : file(path, std::ios::binary) {
+        file.get(); // 'P'
+        header.isGrey = file.get() == '5';
+        header.format = header.isGrey ? "pgm" : "ppm";
+        const std::uint64_t width = readNumber(file);
+        const std::uint64_t height = readNumber(file);
+        maximum = static_cast<unsigned>(readNumber(file));
+        if (maximum < 1 || maximum > 255) {
+            throw std::runtime_error("has samples up to " + std::to_string(maximum) +
+                                     "; samples up to 255 are supported");
+        }
+        setSize(header, width, height);
+        bytes = (header.isGrey ? 1 : 3) * width * height;
+        if (std::filesystem::file_size(path) < static_cast<std::uint64_t>(file.tellg()) + bytes) {
+            throw std::runtime_error("ends within the pixels");
+        }
+    }
+
+    std::ifstream file; // at the pixels
+    PictureHeader header;
+    unsigned maximum = 255;  // of a sample
+    std::uint64_t bytes = 0; // of the pixels
+};
+
 } // namespace
 
+PictureHeader readPpmHeader(const std::string& path) {
+    return PpmReader(path).header;
+}
+
 Picture readPpm(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    file.get(); // 'P'
+    PpmReader reader(path);
     Picture picture;
-    picture.isGrey = file.get() == '5';
-    picture.format = picture.isGrey ? "pgm" : "ppm";
-    const unsigned long long width = readNumber(file);
-    const unsigned long long height = readNumber(file);
-    const unsigned long long maximum = readNumber(file);
-    if (maximum < 1 || maximum > 255) {
-        throw std::runtime_error("has samples up to " + std::to_string(maximum) +
-                                 "; only 255 and less can be read");
-    }
-    const unsigned long long size = (picture.isGrey ? 1 : 3) * width * height;
-    const auto start = static_cast<unsigned long long>(file.tellg());
-    if (std::filesystem::is_regular_file(path) && std::filesystem::file_size(path) < start + size) {
-        throw std::runtime_error("ends within the pixels");
-    }
-    resize(picture, width, height);
-    file.read(reinterpret_cast<char*>(picture.rgb.data()), static_cast<std::streamsize>(size));
-    if (static_cast<unsigned long long>(file.gcount()) != size) {
+    static_cast<PictureHeader&>(picture) = reader.header;
+    allocatePixels(picture);
+    const std::size_t size = reader.bytes;
+    const unsigned maximum = reader.maximum;
+    reader.file.read(reinterpret_cast<char*>(picture.rgb.data()), static_cast<std::streamsize>(size));
+    if (static_cast<std::size_t>(reader.file.gcount()) != size) {
         throw std::runtime_error("ends within the pixels");
     }
     if (picture.isGrey) { // from the end, in place
@@ -67,8 +85,7 @@ Picture readPpm(const std::string& path) {
     }
     if (maximum < 255) {
         for (unsigned char& sample : picture.rgb) {
-            const unsigned scaled =
-                (sample * 255u + static_cast<unsigned>(maximum) / 2) / static_cast<unsigned>(maximum);
+            const unsigned scaled = (sample * 255u + maximum / 2) / maximum;
             sample = static_cast<unsigned char>(scaled < 255 ? scaled : 255);
         }
     }

@@ -1,14 +1,13 @@
 // kr memory get
 
-#include "command.hpp"
-#include "json.hpp"
-#include "livenames.hpp"
-#include "memory.hpp"
-#include "valuejson.hpp"
+#include "system/livenames.hpp"
+#include "system/memory.hpp"
+#include "system/valuejson.hpp"
+#include "tool/command.hpp"
+#include "tool/json.hpp"
 
 #include <CLI/CLI.hpp>
 
-#include <memory>
 #include <string>
 
 namespace KR::tool {
@@ -18,25 +17,24 @@ namespace {
 struct Options {
     Domain domain;
     std::string key;
+
+    void declare(CLI::App& verb) {
+        verb.add_option("KEY", key, "key of the value")->required();
+        domain.declare(verb);
+    }
 };
 
-ExitCode act(const Options& options) {
+ExitCode get(const Options& options) {
     printJson(toJson(findMemory(options.domain.connect()).getData(options.key)));
     return ExitCode::Done;
 }
 
-const CommandRegistration registration({
+const VerbRegistration registration(Verb<Options>{
     .group = "memory",
     .name = "get",
-    .summary = "Prints the value under a key as JSON",
+    .summary = "Print the value of a key as JSON",
     .example = "  kr memory get KRMotion/Motion",
-    .declare =
-        [](CLI::App& verb) {
-            auto options = std::make_shared<Options>();
-            verb.add_option("KEY", options->key, "Key of the value")->required();
-            options->domain.addOptions(verb);
-            return [options] { return act(*options); };
-        },
+    .run = get,
     .complete = completeMemoryKey,
 });
 

@@ -1,14 +1,12 @@
 // kr memory list
 
-#include "command.hpp"
-#include "json.hpp"
-#include "livenames.hpp"
-#include "memory.hpp"
+#include "system/livenames.hpp"
+#include "system/memory.hpp"
+#include "tool/command.hpp"
+#include "tool/json.hpp"
 
 #include <CLI/CLI.hpp>
 
-#include <cstdio>
-#include <memory>
 #include <string>
 
 namespace KR::tool {
@@ -19,36 +17,28 @@ struct Options {
     Domain domain;
     std::string prefix;
     bool json = false;
+
+    void declare(CLI::App& verb) {
+        verb.add_option("PREFIX", prefix, "beginning of the keys; all keys without it");
+        verb.add_flag("--json", json, "output as a JSON array");
+        domain.declare(verb);
+    }
 };
 
-ExitCode act(const Options& options) {
-    const auto keys = findMemory(options.domain.connect()).getDataList(options.prefix);
-    if (options.json) {
-        printJson(keys);
-        return ExitCode::Done;
-    }
-    for (const std::string& key : keys) {
-        std::printf("%s\n", key.c_str());
-    }
+ExitCode list(const Options& options) {
+    printNames(findMemory(options.domain.connect()).getDataList(options.prefix), options.json);
     return ExitCode::Done;
 }
 
-const GroupRegistration group("memory", "The values in the shared memory of the modules");
+const GroupRegistration group("memory", "Values in the memory that all modules share");
 
-const CommandRegistration registration({
+const VerbRegistration registration(Verb<Options>{
     .group = "memory",
     .name = "list",
-    .summary = "Lists the keys that there are",
+    .summary = "List the keys",
     .example = "  kr memory list\n"
                "  kr memory list KRMotion/",
-    .declare =
-        [](CLI::App& verb) {
-            auto options = std::make_shared<Options>();
-            verb.add_option("PREFIX", options->prefix, "What the keys begin with; without it all are listed");
-            verb.add_flag("--json", options->json, "Lists them as a JSON array");
-            options->domain.addOptions(verb);
-            return [options] { return act(*options); };
-        },
+    .run = list,
     .complete = completeMemoryKey,
 });
 

@@ -1,13 +1,12 @@
 // kr memory set
 
-#include "command.hpp"
-#include "livenames.hpp"
-#include "memory.hpp"
-#include "valuejson.hpp"
+#include "system/livenames.hpp"
+#include "system/memory.hpp"
+#include "system/valuejson.hpp"
+#include "tool/command.hpp"
 
 #include <CLI/CLI.hpp>
 
-#include <memory>
 #include <string>
 
 namespace KR::tool {
@@ -18,28 +17,27 @@ struct Options {
     Domain domain;
     std::string key;
     std::string value;
+
+    void declare(CLI::App& verb) {
+        verb.add_option("KEY", key, "key of the value")->required();
+        verb.add_option("VALUE", value, "JSON; a word that is not JSON is a string")->required();
+        domain.declare(verb);
+    }
 };
 
-ExitCode act(const Options& options) {
+ExitCode set(const Options& options) {
     const KRValue value = readValue(options.value);
     findMemory(options.domain.connect()).insertData(options.key, value);
     return ExitCode::Done;
 }
 
-const CommandRegistration registration({
+const VerbRegistration registration(Verb<Options>{
     .group = "memory",
     .name = "set",
-    .summary = "Writes a value under a key, over whatever was there",
+    .summary = "Write the value of a key, replacing the old one",
     .example = "  kr memory set Door/Open true\n"
                "  kr memory set Door/Position '[0.5, 1.25]'",
-    .declare =
-        [](CLI::App& verb) {
-            auto options = std::make_shared<Options>();
-            verb.add_option("KEY", options->key, "Key of the value")->required();
-            verb.add_option("VALUE", options->value, "JSON; a word that is no JSON is a string")->required();
-            options->domain.addOptions(verb);
-            return [options] { return act(*options); };
-        },
+    .run = set,
     .complete = completeMemoryKey,
 });
 

@@ -1,19 +1,20 @@
 // kr memory watch
 
-#include "command.hpp"
-#include "interruption.hpp"
-#include "json.hpp"
-#include "livenames.hpp"
-#include "memory.hpp"
-#include "number.hpp"
-#include "valuejson.hpp"
+#include "system/livenames.hpp"
+#include "system/memory.hpp"
+#include "system/valuejson.hpp"
+#include "tool/command.hpp"
+#include "tool/interruption.hpp"
+#include "tool/json.hpp"
+#include "tool/number.hpp"
+#include "tool/output.hpp"
+
+#include <krplatform/krtext.hpp>
 
 #include <CLI/CLI.hpp>
 
 #include <chrono>
-#include <cstdio>
 #include <map>
-#include <memory>
 #include <string>
 
 namespace KR::tool {
@@ -23,65 +24,64 @@ namespace {
 struct Options {
     Domain domain;
     std::string prefix;
-    int interval = 200;
+    int interval_ms = 200;
+
+    void declare(CLI::App& verb) {
+        verb.add_option("PREFIX", prefix, "beginning of the keys; all keys without it");
+        verb.add_option("--interval", interval_ms, "milliseconds between two readings")
+            ->transform(wholeNumber(10, 3600000))
+            ->capture_default_str();
+        domain.declare(verb);
+    }
 };
 
-void show(const std::string& key, const Json& value) {
-    std::printf("%s %s\n", key.c_str(), value.dump(-1, ' ', false, Json::error_handler_t::replace).c_str());
+std::map<std::string, KRValue> readValues(const KRMemoryProxy& memory, const std::string& prefix) {
+    std::map<std::string, KRValue> values;
+    for (const std::string& key : memory.getDataList(prefix)) {
+        try {
+            values[key] = memory.getData(key);
+        } catch (const KRError&) { // removed meanwhile
+        }
+    }
+    return values;
 }
 
-ExitCode act(const Options& options) {
+ExitCode watch(const Options& options) {
     Interruption interruption;
     const auto broker = options.domain.connect();
     const KRMemoryProxy memory = findMemory(broker);
-    std::map<std::string, KRValue> shown;
+    Output output;
+    std::map<std::string, KRValue> before;
     bool isAnswering = true;
     do {
         try {
-            std::map<std::string, KRValue> now;
-            for (const std::string& key : memory.getDataList(options.prefix)) {
-                try {
-                    now[key] = memory.getData(key);
-                } catch (const KRError&) { // it was removed meanwhile
-                }
-            }
+            std::map<std::string, KRValue> now = readValues(memory, options.prefix);
             for (const auto& [key, value] : now) {
-                const auto before = shown.find(key);
-                if (before == shown.end() || !(before->second == value)) {
-                    show(key, toJson(value));
+                const auto old = before.find(key);
+                if (old == before.end() || !(old->second == value)) {
+                    output.print(escapeText(key) + " " + formatJson(toJson(value)) + "\n", interruption);
                 }
             }
-            shown = std::move(now);
+            before = std::move(now);
             isAnswering = true;
-        } catch (const KRError& error) { // the memory may be restarted
+        } catch (const KRError& error) { // the memory may be restarting
             if (isAnswering) {
-                complain(error.getDescription());
+                printError(error.getDescription());
             }
             isAnswering = false;
         }
-        std::fflush(stdout);
-    } while (std::ferror(stdout) == 0 && !interruption.waitFor(std::chrono::milliseconds(options.interval)));
-    return ExitCode::Done;
+    } while (!output.isBroken() && !interruption.waitFor(std::chrono::milliseconds(options.interval_ms)));
+    return output.finish(interruption);
 }
 
-const CommandRegistration registration({
+const VerbRegistration registration(Verb<Options>{
     .group = "memory",
     .name = "watch",
-    .summary = "Prints values as they change, a line each, until Ctrl-C",
-    .example =
-        "  kr memory watch KRMotion/\n"
-        "Values that change and change back within an interval are not seen; kr event watch misses nothing.",
-    .declare =
-        [](CLI::App& verb) {
-            auto options = std::make_shared<Options>();
-            verb.add_option("PREFIX", options->prefix,
-                            "What the keys begin with; without it all are watched");
-            verb.add_option("--interval", options->interval, "Milliseconds from one look to the next")
-                ->transform(wholeNumber(10, 3600000))
-                ->capture_default_str();
-            options->domain.addOptions(verb);
-            return [options] { return act(*options); };
-        },
+    .summary = "Print values as they change, a line each, until Ctrl-C",
+    .example = "  kr memory watch KRMotion/\n"
+               "A value that changes and changes back between two readings is missed; kr event watch misses "
+               "nothing.",
+    .run = watch,
     .complete = completeMemoryKey,
 });
 

@@ -1,16 +1,16 @@
 // kr module info
 
-#include "command.hpp"
-#include "domain.hpp"
-#include "json.hpp"
-#include "livenames.hpp"
+#include "system/domain.hpp"
+#include "system/livenames.hpp"
+#include "tool/command.hpp"
+#include "tool/json.hpp"
+
+#include <krplatform/krmodule.hpp>
+#include <krplatform/krtext.hpp>
 
 #include <CLI/CLI.hpp>
 
-#include <krplatform/krmodule.hpp>
-
 #include <cstdio>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -22,20 +22,30 @@ struct Options {
     Domain domain;
     std::string module;
     bool json = false;
+
+    void declare(CLI::App& verb) {
+        verb.add_option("MODULE", module, "name of the module")->required();
+        verb.add_flag("--json", json, "output as JSON");
+        domain.declare(verb);
+    }
 };
 
-void show(const KRMethodDescription& method) {
-    std::printf("%s\n", method.getSignature().c_str());
+void print(const std::string& line) {
+    std::printf("%s\n", escapeText(line).c_str());
+}
+
+void print(const KRMethodDescription& method) {
+    print(method.getSignature());
     if (!method.description.empty()) {
-        std::printf("    %s\n", method.description.c_str());
+        print("    " + method.description);
     }
     for (const auto& parameter : method.parameters) {
         if (!parameter.name.empty()) {
-            std::printf("    %s: %s\n", parameter.name.c_str(), parameter.description.c_str());
+            print("    " + parameter.name + ": " + parameter.description);
         }
     }
     if (method.resultType != KRArgumentType::Void && !method.result.description.empty()) {
-        std::printf("    returns: %s\n", method.result.description.c_str());
+        print("    returns: " + method.result.description);
     }
 }
 
@@ -57,7 +67,7 @@ Json toJson(const KRMethodDescription& method) {
             {"signature", method.getSignature()}};
 }
 
-ExitCode act(const Options& options) {
+ExitCode showMethods(const Options& options) {
     const auto broker = options.domain.connect();
     waitForModule(*broker, options.module);
     const auto methods = broker->getProxy(options.module)->getMethodList();
@@ -70,24 +80,17 @@ ExitCode act(const Options& options) {
         return ExitCode::Done;
     }
     for (const KRMethodDescription& method : methods) {
-        show(method);
+        print(method);
     }
     return ExitCode::Done;
 }
 
-const CommandRegistration registration({
+const VerbRegistration registration(Verb<Options>{
     .group = "module",
     .name = "info",
-    .summary = "Shows the methods of a module as it publishes them",
+    .summary = "Show the methods of a module as it publishes them",
     .example = "  kr module info KRMotion",
-    .declare =
-        [](CLI::App& verb) {
-            auto options = std::make_shared<Options>();
-            verb.add_option("MODULE", options->module, "Name of the module")->required();
-            verb.add_flag("--json", options->json, "Shows them as JSON");
-            options->domain.addOptions(verb);
-            return [options] { return act(*options); };
-        },
+    .run = showMethods,
     .complete = completeModule,
 });
 

@@ -1,16 +1,15 @@
-#include "host.hpp"
+#include "serve/host.hpp"
 
-#include "command.hpp"
-#include "interruption.hpp"
+#include "tool/interruption.hpp"
+
+#include <krplatform/krmutex.hpp>
 
 #include <algorithm>
 #include <atomic>
-#include <condition_variable>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <future>
-#include <mutex>
 #include <set>
 #include <thread>
 
@@ -21,20 +20,20 @@ namespace KR::tool {
 namespace {
 
 constexpr std::chrono::milliseconds kMakingStep{20};
-// After an interruption, for a module that is just being made.
+// For a module that is being made when the interruption comes.
 constexpr std::chrono::milliseconds kTimeToComeUp{500};
-// For modules to come down while the services are still there.
+// For modules to come down before the services do.
 constexpr std::chrono::milliseconds kTimeWithServices{1000};
 
-/// Ends the program if it is not told in time that all is down.
+/// Ends the program if modules do not come down in time. Thread-safe.
 class Watchdog {
 public:
     Watchdog() : thread_([this] { watch(); }) {}
     ~Watchdog() {
         {
-            const std::lock_guard lock(mutex_);
+            const KRLock lock(mutex_);
             done_ = true;
-            changed_.notify_all();
+            changed_.notifyAll();
         }
         thread_.join();
     }
@@ -42,37 +41,40 @@ public:
     Watchdog& operator=(const Watchdog&) = delete;
 
     void expect(const std::string& module) {
-        const std::lock_guard lock(mutex_);
+        const KRLock lock(mutex_);
         up_.insert(module);
     }
     void noticeDown(const std::string& module) {
-        const std::lock_guard lock(mutex_);
+        const KRLock lock(mutex_);
         up_.erase(up_.find(module));
     }
 
 private:
     void watch() {
-        std::unique_lock lock(mutex_);
-        if (changed_.wait_for(lock, Host::kTimeToComeDown, [this] { return done_; })) {
+        KRLock lock(mutex_);
+        const auto isDone = [this] {
+            mutex_.assertHeld();
+            return done_;
+        };
+        if (changed_.waitFor(lock, Host::kTimeToComeDown, isDone)) {
             return;
         }
         std::string left;
         for (const std::string& module : up_) {
             left += (left.empty() ? "" : ", ") + module;
         }
-        complain("did not come down in time: " + left);
-        std::fflush(stdout);
-        ::_exit(static_cast<int>(ExitCode::Failed)); // whoever still runs would touch what exit() destroys
+        printError("did not come down in time: " + left);
+        ::_exit(static_cast<int>(ExitCode::Failed)); // exit() would destroy what their threads still use
     }
 
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    bool done_ = false;             // guarded by mutex_
-    std::multiset<std::string> up_; // guarded by mutex_
-    std::thread thread_;            // last, as it uses the others
+    KRMutex mutex_;
+    KRCondition changed_;
+    bool done_ KR_GUARDED_BY(mutex_) = false;
+    std::multiset<std::string> up_ KR_GUARDED_BY(mutex_);
+    std::thread thread_; // last: it uses the other members
 };
 
-// All at the same time, since each may wait for an image. The modules must stay where they are until then.
+// All at once, since each may be waiting for an image. The vector must not change until they are down.
 std::vector<std::future<void>> takeDownEach(std::vector<KRModuleHandle<KRModule>>& modules,
                                             Watchdog& watchdog) {
     std::vector<std::future<void>> down;
@@ -101,22 +103,36 @@ void Host::add(const std::string& name, const std::function<KRModuleHandle<KRMod
     auto made = std::async(std::launch::async, make);
     while (made.wait_for(kMakingStep) != std::future_status::ready) {
         if (interruption.hasCome() && made.wait_for(kTimeToComeUp) != std::future_status::ready) {
-            complain(name + " was still waiting for what it needs");
-            std::fflush(stdout);
-            ::_exit(static_cast<int>(ExitCode::Done)); // nothing ends that wait
+            printError(name + " was still waiting for what it needs");
+            ::_exit(static_cast<int>(ExitCode::Done)); // nothing wakes it
         }
     }
     modules_.push_back(made.get());
 }
 
-void Host::waitFor(Interruption& interruption) const {
+ExitCode Host::waitFor(Interruption& interruption) const {
     constexpr std::chrono::milliseconds kStep{200};
-    const auto isExiting = [](const auto& module) { return module->isExiting(); };
+    ExitCode code = ExitCode::Done;
+    std::vector<std::string> reported(modules_.size()); // what was printed of each; "" while it works
     while (!interruption.waitFor(kStep)) {
-        if (!modules_.empty() && std::all_of(modules_.begin(), modules_.end(), isExiting)) {
-            return;
+        std::size_t ended = 0;
+        for (std::size_t i = 0; i < modules_.size(); ++i) {
+            const std::string failure = modules_[i]->getFailure();
+            const std::string state = !failure.empty()           ? " has failed: " + failure
+                                      : modules_[i]->isExiting() ? " has exited by itself"
+                                                                 : "";
+            if (state != reported[i] && !state.empty()) {
+                printError("module " + modules_[i]->getName() + state);
+                code = ExitCode::Failed;
+            }
+            reported[i] = state;
+            ended += state.empty() ? 0 : 1;
+        }
+        if (!modules_.empty() && ended == modules_.size()) {
+            break;
         }
     }
+    return code;
 }
 
 void Host::takeDown() {
@@ -131,7 +147,7 @@ void Host::takeDown() {
     for (const auto& module : modulesDown) {
         module.wait_until(end);
     }
-    takeDownEach(services_, watchdog); // which also wakes those who wait for one, as for a camera to open
+    takeDownEach(services_, watchdog); // also wakes modules that wait for one, such as for a camera to open
     modulesDown.clear();
     modules_.clear();
     services_.clear();

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "tool/command.hpp"
+
 #include <krplatform/krmodulehandle.hpp>
 
 #include <chrono>
@@ -11,34 +13,35 @@ namespace KR::tool {
 
 class Interruption;
 
-/// Modules that run until the program is asked to end. They come down at the same time, and then the services that
-/// they may need; a service does not wait longer than a second for that. Not thread-safe.
+/// Runs modules until the program is interrupted. They come down all at once, then the services that they may need; a
+/// service waits for them for a second at most. Thread-bound.
 class Host {
 public:
-    /// After this long modules that do not come down are left behind: the program ends without them.
+    /// Time that modules have to come down; then the program ends without them.
     static constexpr std::chrono::milliseconds kTimeToComeDown{1800};
 
-    /// From then on, a reader of the log that goes away does not end the program.
+    /// Ignores SIGPIPE from now on: a reader of the log may go away.
     Host();
     /// Takes down what is still up.
     ~Host();
     Host(const Host&) = delete;
     Host& operator=(const Host&) = delete;
 
-    /// A service that others may need while they come down.
+    /// Adds a service that others may need while they come down.
     void addService(KRModuleHandle<KRModule> module) { services_.push_back(std::move(module)); }
-    /// Makes a module, unless the program is interrupted before: constructors wait for what they need, such as the
-    /// memory. One that goes on waiting is left behind: the program ends, with exit code 0.
-    /// \param name  of what is made, to tell who was left behind
-    /// \throws what `make` throws
+    /// Makes a module. Its constructor may wait, for the memory for instance; an interruption meanwhile ends the
+    /// program with exit code 0.
+    /// \param name  of the module, for messages \throws what `make` throws
     void add(const std::string& name, const std::function<KRModuleHandle<KRModule>()>& make,
              Interruption& interruption);
 
-    /// Returns when the program is interrupted, or when modules had been added and all of them were asked to exit.
-    void waitFor(Interruption& interruption) const;
+    /// Waits until the program is interrupted, or until there are modules and all of them have failed or exited by
+    /// themselves. Reports each module that does.
+    /// \return Failed if one did, even if others worked on
+    ExitCode waitFor(Interruption& interruption) const;
 
-    /// Takes all down. Ends the whole program with exit code 1, and says which modules it left behind, if that
-    /// takes longer than kTimeToComeDown.
+    /// Takes everything down. If that takes longer than kTimeToComeDown, prints the names of the modules that are
+    /// left and ends the program with exit code 1.
     void takeDown();
 
     const std::vector<KRModuleHandle<KRModule>>& getModules() const noexcept { return modules_; }

@@ -1,6 +1,6 @@
-#include "modulelibrary.hpp"
+#include "serve/modulelibrary.hpp"
 
-#include "command.hpp"
+#include "tool/command.hpp"
 
 #include <krplatform/krerror.hpp>
 
@@ -23,7 +23,7 @@ const KRModuleClass& loadModuleClass(const std::string& library) {
     if (library.empty()) {
         throw UsageError("the name of a module library is empty");
     }
-    // A name without a slash would be looked for in the system's folders, and not here.
+    // dlopen searches the system's folders, not this one, for a name without a slash.
     const std::string path = library.find('/') == std::string::npos ? "./" + library : library;
     if (!std::filesystem::exists(path)) {
         throw std::runtime_error(library + ": there is no such file");
@@ -53,7 +53,7 @@ KRModuleHandle<KRModule> createModuleOf(const std::string& library, const boost:
     } catch (const std::exception& error) {
         refuse(error.what());
     } catch (...) {
-        refuse("its constructor threw something that is no exception");
+        refuse("its constructor threw something that is not a std::exception");
     }
     return {};
 }

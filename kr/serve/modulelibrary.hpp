@@ -6,20 +6,20 @@
 
 namespace KR::tool {
 
-/// A module library, and what a module of it is to be called: "[NAME=]PATH".
+/// A module library and the name of its module: "[NAME=]PATH".
 struct NamedLibrary {
-    std::string name; ///< "": as its class says
+    std::string name; ///< "": the default of its class
     std::string path;
 };
 NamedLibrary splitNamedLibrary(const std::string& text);
 
-/// Loads a library that has KR_REGISTER_MODULE in it. It stays loaded, as objects of its classes need its code.
-/// \throws std::runtime_error it cannot be loaded, for the reason that the text gives; it has no module
+/// Loads a library that contains KR_REGISTER_MODULE. It stays loaded, since objects of its classes need its code.
+/// \throws std::runtime_error it cannot be loaded; it has no module
 /// \throws UsageError its name is empty
 const KRModuleClass& loadModuleClass(const std::string& library);
 
-/// Creates a module of the library's class. \param name  "": the name that the class gives its modules
-/// \throws std::runtime_error as loadModuleClass(); the name is taken; its constructor throws
+/// Creates a module of the library's class. \param name  "": the default of the class
+/// \throws std::runtime_error as loadModuleClass(); the name is taken; the constructor throws
 KRModuleHandle<KRModule> createModuleOf(const std::string& library, const boost::shared_ptr<KRBroker>& broker,
                                         const std::string& name);
 

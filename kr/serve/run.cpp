@@ -1,16 +1,15 @@
 // kr run
 
-#include "command.hpp"
-#include "domain.hpp"
-#include "host.hpp"
-#include "interruption.hpp"
-#include "modulelibrary.hpp"
+#include "serve/host.hpp"
+#include "serve/modulelibrary.hpp"
+#include "system/domain.hpp"
+#include "tool/command.hpp"
+#include "tool/interruption.hpp"
 
 #include <krplatform/krlog.hpp>
 
 #include <CLI/CLI.hpp>
 
-#include <memory>
 #include <string>
 
 namespace KR::tool {
@@ -21,37 +20,36 @@ struct Options {
     Domain domain;
     std::string path;
     std::string name;
+
+    void declare(CLI::App& verb) {
+        verb.add_option("MODULE", path, "library that contains KR_REGISTER_MODULE")->required();
+        verb.add_option("--name", name, "name of the module (default: that of its class)");
+        domain.declare(verb);
+    }
 };
 
-ExitCode act(const Options& options) {
+ExitCode runModule(const Options& options) {
     Interruption interruption;
     setLogLevel(KRLogLevel::Info);
-    loadModuleClass(options.path); // a wrong file is no reason to look for brokers
+    loadModuleClass(options.path); // reports a wrong file before it connects to brokers
     const auto broker = options.domain.connect();
     Host host;
     host.add(
         options.path, [&] { return createModuleOf(options.path, broker, options.name); }, interruption);
-    complain("module " + host.getModules().front()->getName() + " runs; Ctrl-C ends it");
-    host.waitFor(interruption);
+    printError("module " + host.getModules().front()->getName() + " runs; Ctrl-C ends it");
+    const ExitCode code = host.waitFor(interruption);
     host.takeDown();
-    return ExitCode::Done;
+    return code;
 }
 
-const CommandRegistration registration({
+const VerbRegistration registration(Verb<Options>{
     .group = "",
     .name = "run",
-    .summary = "Hosts a module library in a process of its own",
+    .summary = "Host a module library in a process of its own",
     .example = "  kr run ./krmotion.so\n"
-               "  kr run ./krmotion.so --name DoorMotion --broker 'dds:?peers=robot1'",
-    .declare =
-        [](CLI::App& verb) {
-            auto options = std::make_shared<Options>();
-            verb.add_option("MODULE", options->path, "Library with KR_REGISTER_MODULE in it")->required();
-            verb.add_option("--name", options->name,
-                            "Name of the module, instead of the one its class gives it");
-            options->domain.addOptions(verb);
-            return [options] { return act(*options); };
-        },
+               "  kr run ./krmotion.so --name DoorMotion --broker 'dds:?peers=robot1'\n"
+               "Exit code 1 if the module fails or exits by itself.",
+    .run = runModule,
 });
 
 } // namespace

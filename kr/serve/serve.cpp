@@ -1,11 +1,11 @@
 // kr serve
 
-#include "cameras.hpp"
-#include "command.hpp"
-#include "domain.hpp"
-#include "host.hpp"
-#include "interruption.hpp"
-#include "modulelibrary.hpp"
+#include "camera/cameras.hpp"
+#include "serve/host.hpp"
+#include "serve/modulelibrary.hpp"
+#include "system/domain.hpp"
+#include "tool/command.hpp"
+#include "tool/interruption.hpp"
 
 #include <krcamera/krvideodevice.hpp>
 
@@ -13,7 +13,6 @@
 
 #include <CLI/CLI.hpp>
 
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -23,48 +22,52 @@ namespace {
 
 struct Options {
     Domain domain;
-    CameraOptions cameras;
+    SourceOptions cameras;
     std::vector<std::string> libraries;
+
+    void declare(CLI::App& verb) {
+        cameras.declare(verb);
+        verb.add_option("--run", libraries, "module library to host too")
+            ->type_name("[NAME=]MODULE.so")
+            ->expected(1)
+            ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+        domain.declare(verb);
+    }
 };
 
-ExitCode act(const Options& options) {
+ExitCode serve(const Options& options) {
     Interruption interruption;
     setLogLevel(KRLogLevel::Info);
     const auto sources = options.cameras.readSources();
     for (const std::string& library : options.libraries) {
         loadModuleClass(splitNamedLibrary(library).path);
     }
-    const auto broker = options.domain.connectWithMemory();
+    const auto broker = options.domain.connect();
     Host host;
     host.addService(createModule<KRVideoDevice>(broker, "KRVideoDevice", sources));
+    if (!options.domain.saysWhereMemoryIs()) {
+        broker->startMemory(); // after the cameras: whoever finds the memory starts, and finds them too
+    }
     for (const std::string& library : options.libraries) {
         const NamedLibrary named = splitNamedLibrary(library);
         host.add(
             library, [&] { return createModuleOf(named.path, broker, named.name); }, interruption);
     }
-    complain("serving on " + options.domain.getUrl() + "; Ctrl-C ends it");
-    host.waitFor(interruption);
+    printError("serving on " + options.domain.getUrl() + "; Ctrl-C ends it");
+    const ExitCode code = host.waitFor(interruption);
     host.takeDown();
-    return ExitCode::Done;
+    return code;
 }
 
-const CommandRegistration registration({
+const VerbRegistration registration(Verb<Options>{
     .group = "",
     .name = "serve",
-    .summary = "Runs the memory, the camera service and modules for all brokers of the domain",
-    .example = "  kr serve --camera 0=test:ball --camera 1=file:clip.mp4 --run ./krmotion.so\n"
-               "  kr serve --run DoorMotion=./krmotion.so --broker 'dds:?domain=3'",
-    .declare =
-        [](CLI::App& verb) {
-            auto options = std::make_shared<Options>();
-            options->cameras.declare(verb);
-            verb.add_option("--run", options->libraries, "Hosts a module library too")
-                ->type_name("[NAME=]MODULE.so")
-                ->expected(1)
-                ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
-            options->domain.addOptions(verb);
-            return [options] { return act(*options); };
-        },
+    .summary = "Run the camera service, the memory and modules for all brokers of the domain",
+    .example =
+        "  kr serve --camera 0=test:ball --camera 1=file:clip.mp4 --run ./krmotion.so\n"
+        "  kr serve --run DoorMotion=./krmotion.so --broker 'dds:?domain=3'\n"
+        "A module that fails or exits by itself is reported, and the exit code is 1 then; the others go on.",
+    .run = serve,
 });
 
 } // namespace

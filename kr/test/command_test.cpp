@@ -1,4 +1,4 @@
-#include "command.hpp"
+#include "tool/command.hpp"
 
 #include "program.hpp"
 
@@ -75,14 +75,14 @@ TEST(KrCommand, WrongUsageIsToldOnStandardErrorWithCode2) {
 }
 
 TEST(KrCommand, WhatItDoesNotKnowIsNamed) {
-    const auto complaintOf = [](const std::vector<std::string>& arguments) { return kr(arguments).err; };
-    EXPECT_THAT(complaintOf({"painting"}), HasSubstr("kr: kr has no verb \"painting\"\n"));
-    EXPECT_THAT(complaintOf({"--wrong"}), HasSubstr("kr: kr has no option \"--wrong\"\n"));
-    EXPECT_THAT(complaintOf({"image", "paint", "a"}), HasSubstr("kr: kr image has no verb \"paint\"\n"));
-    EXPECT_THAT(complaintOf({"image", "info", "--wrong"}),
+    const auto errorOf = [](const std::vector<std::string>& arguments) { return kr(arguments).err; };
+    EXPECT_THAT(errorOf({"painting"}), HasSubstr("kr: kr has no verb \"painting\"\n"));
+    EXPECT_THAT(errorOf({"--wrong"}), HasSubstr("kr: kr has no option \"--wrong\"\n"));
+    EXPECT_THAT(errorOf({"image", "paint", "a"}), HasSubstr("kr: kr image has no verb \"paint\"\n"));
+    EXPECT_THAT(errorOf({"image", "info", "--wrong"}),
                 HasSubstr("kr: kr image info has no option \"--wrong\"\n"));
-    EXPECT_THAT(complaintOf({"image", "dump", "a", "b"}), HasSubstr("not expected: b\n"));
-    EXPECT_THAT(complaintOf({"image", "dump"}), HasSubstr("kr: FILE is required\n"));
+    EXPECT_THAT(errorOf({"image", "dump", "a", "b"}), HasSubstr("not expected: b\n"));
+    EXPECT_THAT(errorOf({"image", "dump"}), HasSubstr("kr: FILE is required\n"));
 }
 
 TEST(KrCommand, NumbersThatAreNoneAreRefused) {

@@ -1,8 +1,8 @@
 // kr image convert and kr image dump
 
-#include "colorspace.hpp"
-#include "pictureconversion.hpp"
+#include "image/pictureconversion.hpp"
 #include "program.hpp"
+#include "tool/colorspace.hpp"
 
 #include "temporaryfolder.hpp"
 
@@ -187,6 +187,21 @@ TEST_F(KrImageConvert, TheLastOfAnOddNumberOfPixelsIsConvertedToo) {
     EXPECT_EQ(makePicture(yuv422).rgb, Bytes(27, 254));
 }
 
+TEST_F(KrImageConvert, TheLastOfAnOddNumberOfPixelsIsItsOwnPartner) {
+    const Bytes yuv422 = {40, 77, 114, 151, 188, 225};
+    KRImage odd(3, 1, KR::kYUV422ColorSpace, false, 0.0f, 0.0f, 0.0f, 0.0f);
+    std::copy(yuv422.begin(), yuv422.end(), odd.data.get());
+    KRImage even(4, 1, KR::kYUV422ColorSpace, false, 0.0f, 0.0f, 0.0f, 0.0f);
+    std::copy(yuv422.begin(), yuv422.end(), even.data.get());
+    std::copy_n(yuv422.end() - 2, 2, even.data.get() + 6);
+    ASSERT_EQ(odd.savePPM(path("odd.ppm").c_str()), 1); // Y U V, unconverted
+    const Bytes saved = readAll(path("odd.ppm"));
+    EXPECT_EQ(Bytes(saved.end() - 3, saved.end()), (Bytes{188, 225, 225})) << "the library's";
+    Bytes expected = makePicture(even).rgb;
+    expected.resize(9);
+    EXPECT_EQ(makePicture(odd).rgb, expected);
+}
+
 TEST_F(KrImageConvert, WhatCannotBeConvertedIsTold) {
     Picture odd;
     odd.width = 3;
@@ -212,9 +227,8 @@ TEST_F(KrImageConvert, WhatCannotBeConvertedIsTold) {
         std::string text;
     };
     for (const Case& c : {
-             Case{"odd.png", "b.oxi", {}, 1, "YUV422 is for an even number of pixels in a row, not for 3"},
-             Case{
-                 "other.oxi", "b.png", {}, 1, "nobody here knows what colour space 10 means; known are luma"},
+             Case{"odd.png", "b.oxi", {}, 1, "YUV422 needs an even width, not 3"},
+             Case{"other.oxi", "b.png", {}, 1, "colour space 10 is not supported; colour spaces are luma"},
              Case{"cut.oxi", "b.png", {}, 1, "cut.oxi: the file ends within the pixels: it has 1000 bytes"},
              Case{"ppm.ppm", "b.png", {}, 1, "ppm.ppm: ends within the pixels"},
              Case{"deep.ppm", "b.png", {}, 1, "deep.ppm: has samples up to 256"},
@@ -222,8 +236,8 @@ TEST_F(KrImageConvert, WhatCannotBeConvertedIsTold) {
              Case{"missing.oxi", "b.png", {}, 1, "missing.oxi: cannot be read: No such file"},
              Case{"a.oxi", "missing/b.png", {}, 1, "there is no folder"},
              Case{"a.oxi", "a.oxi", {}, 1, "is the file that is read"},
-             Case{"a.oxi", "b.bmp", {}, 2, "the extension says the format"},
-             Case{"a.oxi", "b.oxi", {"--color-space", "red"}, 2, "there is no colour space red"},
+             Case{"a.oxi", "b.bmp", {}, 2, "the extension selects the format"},
+             Case{"a.oxi", "b.oxi", {"--color-space", "red"}, 2, "colour space red is not supported"},
              Case{"a.oxi", "b.png", {"--color-space", "rgb"}, 2, "--color-space is for oxi files only"},
              Case{"a.oxi", "b.jpg", {"--quality", "101"}, 2, "--quality"},
          }) {

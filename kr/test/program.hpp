@@ -6,16 +6,18 @@
 #include <string>
 #include <vector>
 
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 namespace KR::test {
 
-/// What a run of the program left behind.
+/// The result of a run of the program.
 struct Outcome {
     int exitCode; ///< -1: it did not end by itself
     std::string out;
     std::string err;
+    long peakMemory_kB = 0; ///< of its largest resident set
 };
 
 namespace detail {
@@ -44,7 +46,7 @@ inline std::string readFromStart(std::FILE* file) {
 
 } // namespace detail
 
-/// Starts a program, with its output and its complaints going to these files. \return its process
+/// Starts a program with its output and errors going to these files. \return its process
 inline pid_t start(std::vector<std::string> command, int out, int err) {
     std::vector<char*> arguments;
     for (std::string& argument : command) {
@@ -71,11 +73,12 @@ inline Outcome kr(std::vector<std::string> arguments) {
     const detail::File err = detail::makeTemporaryFile();
     const pid_t process = start(std::move(arguments), ::fileno(out.get()), ::fileno(err.get()));
     int status = 0;
-    if (::waitpid(process, &status, 0) != process) {
+    rusage usage{};
+    if (::wait4(process, &status, 0, &usage) != process) {
         throw std::runtime_error("a process got lost");
     }
     return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, detail::readFromStart(out.get()),
-            detail::readFromStart(err.get())};
+            detail::readFromStart(err.get()), usage.ru_maxrss};
 }
 
 } // namespace KR::test

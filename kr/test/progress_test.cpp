@@ -1,4 +1,4 @@
-#include "progress.hpp"
+#include "tool/progress.hpp"
 
 #include "program.hpp"
 

@@ -12,14 +12,21 @@
 
 namespace KR::test {
 
-/// The command line program, running beside the test until it is told to stop.
+/// The command line program, running beside the test until it is stopped.
 class RunningProgram {
 public:
-    /// Returns once `sign` stands in what the program wrote to standard output or standard error, or it has ended.
+    /// Returns once the program has written `sign` to standard output or standard error, or has ended.
     RunningProgram(std::vector<std::string> arguments, const std::string& sign)
         : out_(detail::makeTemporaryFile()), err_(detail::makeTemporaryFile()) {
         arguments.insert(arguments.begin(), KR_PROGRAM);
         process_ = start(std::move(arguments), ::fileno(out_.get()), ::fileno(err_.get()));
+        isUp_ = waitFor(sign);
+    }
+    /// The same with another file for standard output.
+    RunningProgram(std::vector<std::string> arguments, const std::string& sign, int out)
+        : out_(detail::makeTemporaryFile()), err_(detail::makeTemporaryFile()) {
+        arguments.insert(arguments.begin(), KR_PROGRAM);
+        process_ = start(std::move(arguments), out, ::fileno(err_.get()));
         isUp_ = waitFor(sign);
     }
     ~RunningProgram() {
@@ -43,12 +50,12 @@ public:
                }) &&
                (readOut() + readErr()).find(sign) != std::string::npos;
     }
-    /// Sends the signal and waits. \return what it left behind
+    /// Sends the signal and waits for the end. \return its result
     Outcome stop(int signal = SIGTERM) {
         ::kill(process_, signal);
         return wait();
     }
-    /// \return what it left behind; with exit code -1 if it did not end before the patience did
+    /// \return its result; with exit code -1 if it did not end before the patience did
     Outcome wait() {
         int status = 0;
         if (!eventually([&] { return ::waitpid(process_, &status, WNOHANG) == process_; })) {
@@ -56,11 +63,11 @@ public:
             ::waitpid(process_, &status, 0);
         }
         process_ = -1;
-        return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, readOut(), readErr()};
+        return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, readOut(), readErr(), 0};
     }
 
 private:
-    // The program writes at the offset that it shares with this file, which reading must not move.
+    // The program shares the offset of this file, which reading must not move.
     static std::string readBeside(std::FILE* file) {
         std::string text(1 << 20, '\0');
         const ssize_t size = ::pread(::fileno(file), text.data(), text.size(), 0);

@@ -1,6 +1,6 @@
-#include "valuejson.hpp"
+#include "system/valuejson.hpp"
 
-#include "command.hpp"
+#include "tool/command.hpp"
 
 #include <gtest/gtest.h>
 

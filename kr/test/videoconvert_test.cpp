@@ -1,10 +1,10 @@
 // kr video convert, extract and play
 
-#include "frames.hpp"
-#include "framesink.hpp"
+#include "image/pictureconversion.hpp"
 #include "patience.hpp"
-#include "pictureconversion.hpp"
 #include "recordings.hpp"
+#include "video/frames.hpp"
+#include "video/framesink.hpp"
 
 #include <krvision/krvideo.hpp>
 #include <krvision/krvisiondefinitions.hpp>
@@ -197,14 +197,14 @@ TEST_F(KrVideoConvert, WhatCannotBeConvertedIsToldAndLeavesNothing) {
         std::string text;
     };
     for (const Case& c : {
-             Case{in, "a.avi", {}, 2, "the extension says the format"},
+             Case{in, "a.avi", {}, 2, "the extension selects the format"},
              Case{in,
                   "a.mkv",
                   {"--codec", "h264"},
                   2,
-                  "there is no codec h264 for .mkv files; there are mkv (jpeg"},
+                  "there is no codec h264 for .mkv files; codecs are mkv (jpeg"},
              Case{in, "a.y4m", {"--codec", "jpeg"}, 2, "--codec is for mkv (jpeg, vp8), mp4 (vp9)"},
-             Case{in, "a.y4m", {"--from", "2", "--to", "1"}, 2, "--from 2 is behind --to 1"},
+             Case{in, "a.y4m", {"--from", "2", "--to", "1"}, 2, "--from 2 is after --to 1"},
              Case{in, "a.y4m", {"--from", "12"}, 1, "there is no frame 12; there are 12"},
              Case{in, "a.y4m", {"--stream", "2"}, 1, "there is no stream 2; the last one is 1"},
              Case{empty, "a.mkv", {}, 1, "there is no frame 0; there are 0"},
@@ -213,7 +213,7 @@ TEST_F(KrVideoConvert, WhatCannotBeConvertedIsToldAndLeavesNothing) {
              Case{in, "missing/a.png", {}, 1, "missing/a-000000.png cannot be written: there is no folder"},
              Case{in, "in.oxv", {}, 1, "is the file that is read"},
              Case{text, "a.oxv", {}, 1, "text.mkv: "},
-             Case{text, "a.mkv", {}, 2, "is no oxv file"},
+             Case{text, "a.mkv", {}, 2, "is not an oxv file"},
              Case{text, "a.oxv", {"--size", "1x1"}, 2, "--size 1x1: recordings have"},
              Case{path("missing"), "a.oxv", {}, 1, "missing: cannot be read: No such file"},
          }) {
@@ -223,6 +223,21 @@ TEST_F(KrVideoConvert, WhatCannotBeConvertedIsToldAndLeavesNothing) {
         EXPECT_THAT(outcome.err, HasSubstr(c.text));
     }
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(path("")), {}), 4);
+}
+
+TEST_F(KrVideoConvert, AFileWithoutVideoIsRefusedRatherThanWaitedFor) {
+    // GStreamer takes either for subtitles.
+    Bytes header = {'[', 'U', 'V', '4', 'M', 'P', 'E', 'G', '2',  ' ', 0xFF,
+                    '1', '6', 2,   4,   0,   0,   '2', '0', 0x8A, 0xDC};
+    header.resize(3000, 0x10);
+    const std::string text = "WEBVTT\n\n";
+    for (const std::string& in :
+         {write("damaged.y4m", header), write("a.vtt", Bytes(text.begin(), text.end()))}) {
+        const Outcome outcome = convert(in, "a.oxv");
+        EXPECT_EQ(outcome.exitCode, 1);
+        EXPECT_EQ(outcome.err, "kr: " + in + ": there is no video in it\n");
+    }
+    EXPECT_FALSE(std::filesystem::exists(path("a.oxv")));
 }
 
 TEST_F(KrVideoConvert, ADiskThatIsFullIsAFailure) {
@@ -258,7 +273,7 @@ TEST_F(KrVideoConvert, InterruptedLeavesNothing) {
     }
 }
 
-TEST_F(KrVideoConvert, ExtractMakesAPictureOfOneFrame) {
+TEST_F(KrVideoConvert, ExtractWritesAPictureOfOneFrame) {
     const std::string in = record("in");
     expectDone(kr({"video", "extract", in, "--frame", "7", "--stream", "1", path("a.png")}));
     expectColor(readPicture(path("a.png")), 7, 1, 0);

@@ -1,7 +1,7 @@
 // kr video info and kr video doctor
 
 #include "recordings.hpp"
-#include "timeline.hpp"
+#include "video/timeline.hpp"
 
 #include <nlohmann/json.hpp>
 
@@ -178,9 +178,9 @@ TEST_F(KrVideoDoctor, FindsWhatIsWrongInTheHeaders) {
               "byte 4: the file ends within its headers, which need 32 bytes\n");
     EXPECT_EQ(problemsOf(
                   makeOxvHeader(kOxvVersion1, 0, 0, 1025, std::vector<streamHeader>(1025, {160, 120, 0, 8}))),
-              "byte 12: 1025 streams, which makes no sense\n");
+              "byte 12: 1025 streams; files have up to 1024\n");
     EXPECT_EQ(problemsOf(makeOxvHeader(kOxvVersion1, 0, 0, 0, {{160, 120, 0, 8}})),
-              "byte 12: no streams; readers take it for one\n");
+              "byte 12: no streams; readers assume one\n");
     EXPECT_EQ(problemsOf(
                   makeOxvHeader(kOxvVersion1, 0, 0, 4,
                                 {{1280, 960, 9, 8}, {160, 120, 0, 8}, {160, 120, 18, 8}, {160, 120, 0, 16}})),
@@ -188,25 +188,51 @@ TEST_F(KrVideoDoctor, FindsWhatIsWrongInTheHeaders) {
               "byte 48, stream 2: colour space BGRx (18): readers open 0 to 16 only\n"
               "byte 64, stream 3: a depth of 16 bits: images have 8\n");
     EXPECT_EQ(problemsOf(make(3, 3, 1, 1000)),
-              "byte 4: an extra header of 1000 bytes is announced but not there: "
-              "readers miss the first frame by as many\n");
+              "byte 4: an extra header of 1000 bytes is announced but missing: "
+              "readers look for the first frame that far behind it\n");
 }
 
 TEST_F(KrVideoDoctor, FindsWhatIsWrongInTheChunks) {
     Bytes file = make(6, 6);
     put(file, 32 + 2 * kChunk, timeStampOf(0, 0)); // back, and forth again
     file[32 + 4 * kChunk + 8] = 7;                 // another camera, and back again
-    EXPECT_EQ(problemsOf(file),
-              "byte 38432, frame 2, stream 0: the time stamp 1500000000000000 us is before that of the frame "
-              "before, "
-              "1500000000033333 us\n"
-              "byte 76832, frame 4, stream 0: the camera is 7, and 0 in the frame before\n"
-              "byte 96032, frame 5, stream 0: the camera is 0, and 7 in the frame before\n");
+    EXPECT_EQ(
+        problemsOf(file),
+        "byte 38432, frame 2, stream 0: the time stamp 1500000000000000 us is before that of the previous "
+        "frame, 1500000000033333 us\n"
+        "byte 76832, frame 4, stream 0: the camera is 7, and 0 in the previous frame\n"
+        "byte 96032, frame 5, stream 0: the camera is 0, and 7 in the previous frame\n");
     file = make(6, 6);
     file.erase(file.begin() + 32 + 3 * kChunk + 1000, file.begin() + 32 + 3 * kChunk + 1100);
     EXPECT_THAT(problemsOf(file),
-                HasSubstr("byte 76832, frame 4, stream 0: here, and in 0 of the frames behind it, "
-                          "the angles are none: bytes may be missing from the file\n"));
+                HasSubstr("byte 76832, frame 4, stream 0: invalid angles in this frame and 0 later ones: "
+                          "bytes may be missing from the file\n"));
+}
+
+TEST_F(KrVideoDoctor, NamesATimeStampThatJumpsForward) {
+    constexpr std::int64_t kHour = 3600LL * 1000000;
+    constexpr std::int64_t kMinute = 60 * 1000000;
+    const auto problemsOfStamp = [&](std::int64_t wrong) { // in the third frame
+        Bytes file = make(5, 5);
+        put(file, 32 + 2 * kChunk, wrong);
+        return problemsOf(file);
+    };
+    const auto named = [](std::int64_t wrong) {
+        return "byte 38432, frame 2, stream 0: the time stamp " + std::to_string(wrong) +
+               " us jumps forward: the previous frame has 1500000000033333 us\n";
+    };
+    for (const std::int64_t ahead : {kMinute, kHour}) {
+        const std::int64_t wrong = timeStampOf(2, 0) + ahead;
+        EXPECT_THAT(problemsOfStamp(wrong),
+                    testing::AllOf(HasSubstr(named(wrong)), HasSubstr("byte 57632, frame 3, stream 0: ")));
+    }
+    EXPECT_THAT(problemsOfStamp(INT64_MAX), HasSubstr(named(INT64_MAX)));
+
+    Bytes late = make(3, 3); // the clock was set, and stays so
+    put(late, 32 + 2 * kChunk, timeStampOf(2, 0) + kHour);
+    EXPECT_EQ(problemsOf(late), named(timeStampOf(2, 0) + kHour));
+    put(late, 32 + 2 * kChunk, timeStampOf(2, 0) + kMinute); // a pause
+    EXPECT_EQ(problemsOf(late, 0), "");
 }
 
 TEST_F(KrVideoDoctor, FindsFramesThatReadersCannotReach) {

@@ -1,13 +1,13 @@
 // kr video convert
 
-#include "command.hpp"
-#include "copy.hpp"
-#include "filmreader.hpp"
-#include "frames.hpp"
-#include "number.hpp"
-#include "outputfile.hpp"
-#include "picture.hpp"
-#include "pipelinesink.hpp"
+#include "image/picture.hpp"
+#include "tool/command.hpp"
+#include "tool/number.hpp"
+#include "tool/outputfile.hpp"
+#include "video/copy.hpp"
+#include "video/filmreader.hpp"
+#include "video/frames.hpp"
+#include "video/pipelinesink.hpp"
 
 #include <krvision/kroxvfile.hpp>
 #include <krvision/krvideo.hpp>
@@ -33,6 +33,23 @@ struct Options {
     std::uint64_t to = std::numeric_limits<std::uint64_t>::max();
     std::string codec;
     std::string size = "640x480";
+
+    void declare(CLI::App& app) {
+        app.add_option("IN", in, "oxv file, or a video file that GStreamer can decode")->required();
+        app.add_option(
+               "OUT", out,
+               "file that ends in .mkv or .mp4, in .y4m, in .png, .ppm or .jpg for a picture of each frame "
+               "(its number replaces %d or %06d, or precedes the extension), or in .oxv")
+            ->required();
+        app.add_option("--stream", stream, "stream number (default: 0; to oxv, all streams)")
+            ->transform(wholeNumber(0));
+        app.add_option("--from", from, "first frame (default: 0)")->transform(wholeNumber(0));
+        app.add_option("--to", to, "last frame (default: the last one of the recording)")
+            ->transform(wholeNumber(0));
+        app.add_option("--codec", codec, "codec of " + listFilmFormats() + " (default: the first one)");
+        app.add_option("--size", size, "size of a recording of a video file: 160x120, 320x240 or 640x480")
+            ->capture_default_str();
+    }
 };
 
 struct Range {
@@ -94,8 +111,8 @@ ExitCode convertRecording(const Options& options, KROxvFile& recording) {
     }
     const std::uint64_t missing = recording.countExpectedFrames() - recording.countCompleteFrames();
     if (missing > 0 && options.to >= recording.countCompleteFrames()) {
-        complain(options.in + ": " + std::to_string(missing) + (missing == 1 ? " frame is" : " frames are") +
-                 " missing or cut at its end");
+        printError(options.in + ": " + std::to_string(missing) +
+                   (missing == 1 ? " frame is" : " frames are") + " missing or cut at its end");
         return ExitCode::DataLost;
     }
     return ExitCode::Done;
@@ -115,7 +132,7 @@ int parseSize(const std::string& size) {
 ExitCode convertFilm(const Options& options) {
     const int resolution = parseSize(options.size);
     if (options.stream) {
-        throw UsageError("--stream is for recordings; of a film, the first picture that there is is taken");
+        throw UsageError("--stream is for recordings; of a video file, the first video stream is converted");
     }
     OutputFile out(options.out, options.in);
     const std::unique_ptr<FilmReader> film = openFilm(options.in, resolution);
@@ -129,8 +146,8 @@ ExitCode convertFilm(const Options& options) {
         Progress progress(film->estimateFrames());
         for (std::uint64_t frame = 0; frame <= options.to && film->readNext(image); ++frame) {
             if (frame >= options.from && !writer.hasRoom()) {
-                complain("a recording has no room beyond 4 GiB: " + options.out + " ends before frame " +
-                         std::to_string(frame) + "; make another one with --from " + std::to_string(frame));
+                printError("a recording holds 4 GiB: " + options.out + " ends before frame " +
+                           std::to_string(frame) + "; make another one with --from " + std::to_string(frame));
                 code = ExitCode::DataLost;
                 break;
             }
@@ -163,13 +180,13 @@ ExitCode convert(const Options& options) {
                          isPictureExtension(extension);
     if (!isKnown) {
         throw UsageError(options.out +
-                         ": the extension says the format: .mkv, .mp4, .y4m, .png, .ppm, .jpg or .oxv");
+                         ": the extension selects the format: .mkv, .mp4, .y4m, .png, .ppm, .jpg or .oxv");
     }
     if (!options.codec.empty() && !isFilmExtension(extension)) {
         throw UsageError("--codec is for " + listFilmFormats());
     }
     if (options.from > options.to) {
-        throw UsageError("--from " + std::to_string(options.from) + " is behind --to " +
+        throw UsageError("--from " + std::to_string(options.from) + " is after --to " +
                          std::to_string(options.to));
     }
     if (isRecording(options.in)) {
@@ -177,40 +194,21 @@ ExitCode convert(const Options& options) {
         return convertRecording(options, recording);
     }
     if (extension != ".oxv") {
-        throw UsageError(options.in + " is no oxv file; from other videos, kr makes .oxv files only");
+        throw UsageError(options.in +
+                         " is not an oxv file; other videos can be converted to .oxv files only");
     }
     return convertFilm(options);
 }
 
-std::function<ExitCode()> declare(CLI::App& app) {
-    auto options = std::make_shared<Options>();
-    app.add_option("IN", options->in, "an oxv file, or a video file that GStreamer can decode")->required();
-    app.add_option(
-           "OUT", options->out,
-           "a name that ends in .mkv or .mp4, in .y4m, in .png, .ppm or .jpg for a picture of each frame "
-           "(its number goes where %d or %06d is, or before the extension), or in .oxv")
-        ->required();
-    app.add_option("--stream", options->stream,
-                   "0 is the first one, and taken if it is not told; to oxv: all of them")
-        ->transform(wholeNumber(0));
-    app.add_option("--from", options->from, "the first frame; 0 if it is not told")
-        ->transform(wholeNumber(0));
-    app.add_option("--to", options->to, "the last frame; that of the recording if it is not told")
-        ->transform(wholeNumber(0));
-    app.add_option("--codec", options->codec,
-                   "of " + listFilmFormats() + ", the first one if it is not told");
-    app.add_option("--size", options->size,
-                   "from a video file: 160x120, 320x240 or, if it is not told, 640x480");
-    return [options] { return convert(*options); };
-}
-
-const CommandRegistration
-    command({"video", "convert", "Converts a recording to what other programs read, or a video to one",
-             "  kr video convert corridor.oxv corridor.mkv\n"
-             "  kr video convert corridor.oxv --stream 1 --from 100 --to 199 frame-%04d.png\n"
-             "  kr video convert film.mp4 film.oxv",
-             declare});
+const VerbRegistration registration(Verb<Options>{
+    .group = "video",
+    .name = "convert",
+    .summary = "Convert a recording for other programs, or a video file to a recording",
+    .example = "  kr video convert corridor.oxv corridor.mkv\n"
+               "  kr video convert corridor.oxv --stream 1 --from 100 --to 199 frame-%04d.png\n"
+               "  kr video convert film.mp4 film.oxv",
+    .run = convert,
+});
 
 } // namespace
-
 } // namespace KR::tool

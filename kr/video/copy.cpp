@@ -1,6 +1,6 @@
-#include "copy.hpp"
+#include "video/copy.hpp"
 
-#include "filewriter.hpp"
+#include "tool/filewriter.hpp"
 
 #include <algorithm>
 #include <array>
@@ -38,12 +38,13 @@ private:
 
 void copyFrames(KROxvFile& recording, std::uint64_t first, std::uint64_t count,
                 std::optional<std::size_t> stream, const std::string& path, Progress& progress) {
-    constexpr std::uint64_t kHeaderSize = 16; // of the file, and of each stream
+    static_assert(oxv::kFileHeaderSize == oxv::kStreamHeaderSize);
+    constexpr std::uint64_t kHeaderSize = oxv::kFileHeaderSize; // also of each stream
     const std::uint64_t headers = recording.getHeaderSize();
     const std::uint64_t dataOffset = std::min(recording.getDataOffset(), recording.getFileSize());
     std::array<std::uint32_t, 4> words;
     recording.readBytes(words.data(), sizeof words, 0);
-    words[1] = static_cast<std::uint32_t>(dataOffset - headers); // as much of an extra header as is there
+    words[1] = static_cast<std::uint32_t>(dataOffset - headers); // as much of an extra header as there is
     words[2] = static_cast<std::uint32_t>(count);
     words[3] = stream ? 1 : static_cast<std::uint32_t>(recording.getStreams().size());
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "progress.hpp"
+#include "tool/progress.hpp"
 
 #include <krvision/kroxvfile.hpp>
 
@@ -10,9 +10,9 @@
 
 namespace KR::tool {
 
-/// Writes complete frames of a recording to another one, chunk by chunk as they are, with a count that is right.
-/// \param count   of the frames from `first` on
-/// \param stream  the only one that is copied; nothing: all of them
+/// Copies complete frames of a recording to a new one, chunk by chunk, with the right count.
+/// \param count   number of frames from `first` on
+/// \param stream  the one to copy; nullopt: all of them
 /// \param path    of the file to write
 /// \throws std::runtime_error one of the files cannot be read or written
 void copyFrames(KROxvFile& recording, std::uint64_t first, std::uint64_t count,

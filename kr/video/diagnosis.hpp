@@ -1,6 +1,6 @@
 #pragma once
 
-#include "progress.hpp"
+#include "tool/progress.hpp"
 
 #include <krvision/kroxvfile.hpp>
 
@@ -11,20 +11,20 @@
 
 namespace KR::tool {
 
-/// Something that is wrong with a recording.
+/// A problem of a recording.
 struct Problem {
-    std::uint64_t offset; ///< the byte of the file where it is
+    std::uint64_t offset; ///< in the file, bytes
     std::optional<std::uint64_t> frame;
     std::optional<std::size_t> stream;
     std::string text;
 };
 
-/// Finds everything that is wrong with a recording, in the order of the file. Reads the beginning of each chunk.
+/// Finds all problems of a recording, in the order of the file. Reads the beginning of each chunk.
 /// \param progress  advances with the frames
 /// \throws std::runtime_error it cannot be read
 std::vector<Problem> diagnose(KROxvFile& recording, Progress& progress);
 
-/// Why a reader would not open a file with such a stream; empty if it would.
+/// Why KRVideo does not open a file with such a stream; empty if it does.
 std::string explainUnreadable(const KROxvStream& stream);
 
 /// Reads the time stamps of the complete frames of a stream.

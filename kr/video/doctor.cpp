@@ -1,8 +1,8 @@
 // kr video doctor
 
-#include "command.hpp"
-#include "diagnosis.hpp"
-#include "json.hpp"
+#include "tool/command.hpp"
+#include "tool/json.hpp"
+#include "video/diagnosis.hpp"
 
 #include <CLI/CLI.hpp>
 
@@ -16,6 +16,11 @@ namespace {
 struct Options {
     std::string file;
     bool json = false;
+
+    void declare(CLI::App& app) {
+        app.add_option("FILE", file, "oxv file")->required();
+        app.add_flag("--json", json, "output as a JSON array with an object per problem");
+    }
 };
 
 std::vector<Problem> findProblems(const std::string& file) {
@@ -29,7 +34,7 @@ std::vector<Problem> findProblems(const std::string& file) {
     }
 }
 
-void show(const Problem& problem) {
+void print(const Problem& problem) {
     std::printf("byte %llu", static_cast<unsigned long long>(problem.offset));
     if (problem.frame) {
         std::printf(", frame %llu", static_cast<unsigned long long>(*problem.frame));
@@ -59,7 +64,7 @@ ExitCode examine(const Options& options) {
         if (options.json) {
             list.push_back(toJson(problem));
         } else {
-            show(problem);
+            print(problem);
         }
     }
     if (options.json) {
@@ -68,19 +73,14 @@ ExitCode examine(const Options& options) {
     return problems.empty() ? ExitCode::Done : ExitCode::Failed;
 }
 
-std::function<ExitCode()> declare(CLI::App& app) {
-    auto options = std::make_shared<Options>();
-    app.add_option("FILE", options->file, "an oxv file")->required();
-    app.add_flag("--json", options->json, "Writes an array with an object for each problem");
-    return [options] { return examine(*options); };
-}
-
-const CommandRegistration
-    command({"video", "doctor",
-             "Shows everything that is wrong with a recording, a line each; exit code 1 if there "
-             "is anything",
-             "  kr video doctor corridor.oxv", declare});
+const VerbRegistration registration(Verb<Options>{
+    .group = "video",
+    .name = "doctor",
+    .summary = "List all problems of a recording, a line each",
+    .example = "  kr video doctor corridor.oxv\n"
+               "Exit code 1 if there is a problem.",
+    .run = examine,
+});
 
 } // namespace
-
 } // namespace KR::tool

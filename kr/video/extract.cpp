@@ -1,15 +1,14 @@
 // kr video extract
 
-#include "command.hpp"
-#include "frames.hpp"
-#include "number.hpp"
-#include "outputfile.hpp"
-#include "pictureconversion.hpp"
+#include "image/imagefile.hpp"
+#include "tool/command.hpp"
+#include "tool/number.hpp"
+#include "tool/outputfile.hpp"
+#include "video/frames.hpp"
 
 #include <CLI/CLI.hpp>
 
-#include <memory>
-#include <stdexcept>
+#include <string>
 
 namespace KR::tool {
 
@@ -20,43 +19,33 @@ struct Options {
     std::string out;
     std::uint64_t frame = 0;
     std::size_t stream = 0;
+
+    void declare(CLI::App& app) {
+        app.add_option("FILE", file, "oxv file")->required();
+        app.add_option("--frame", frame, "frame number, from 0")->required()->transform(wholeNumber(0));
+        app.add_option("--stream", stream, "stream number")->transform(wholeNumber(0))->capture_default_str();
+        app.add_option("OUT", out, "file that ends in .png, .ppm, .jpg or .oxi; an existing one is replaced")
+            ->required();
+    }
 };
 
 ExitCode extract(const Options& options) {
-    const std::string extension = getExtension(options.out);
-    if (extension != ".oxi" && !isPictureExtension(extension)) {
-        throw UsageError(options.out + ": the extension says the format: .png, .ppm, .jpg or .oxi");
-    }
+    requireImageExtension(options.out);
     OutputFile out(options.out, options.file);
     KROxvFile recording(options.file);
     Frames frames(recording, options.stream);
-    const KRImage& image = frames.read(options.frame);
-    if (extension != ".oxi") {
-        writePicture(makePicture(image), out.getPath());
-    } else if (!image.writeFile(out.getPath().c_str())) {
-        throw std::runtime_error(options.out + ": cannot be written");
-    }
+    writeImage(frames.read(options.frame), out.getPath());
     out.commit();
     return ExitCode::Done;
 }
 
-std::function<ExitCode()> declare(CLI::App& app) {
-    auto options = std::make_shared<Options>();
-    app.add_option("FILE", options->file, "an oxv file")->required();
-    app.add_option("--frame", options->frame, "which frame; 0 is the first one")
-        ->required()
-        ->transform(wholeNumber(0));
-    app.add_option("--stream", options->stream, "0 is the first one, and taken if it is not told")
-        ->transform(wholeNumber(0));
-    app.add_option("OUT", options->out,
-                   "a name that ends in .png, .ppm, .jpg or .oxi; replaced if it is there")
-        ->required();
-    return [options] { return extract(*options); };
-}
-
-const CommandRegistration command({"video", "extract", "Makes a picture of one frame of a recording",
-                                   "  kr video extract corridor.oxv --frame 120 frame.png", declare});
+const VerbRegistration registration(Verb<Options>{
+    .group = "video",
+    .name = "extract",
+    .summary = "Write one frame of a recording as a picture",
+    .example = "  kr video extract corridor.oxv --frame 120 frame.png",
+    .run = extract,
+});
 
 } // namespace
-
 } // namespace KR::tool

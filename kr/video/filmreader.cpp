@@ -1,12 +1,13 @@
-#include "filmreader.hpp"
+#include "video/filmreader.hpp"
 
-#include "gstreamer.hpp"
+#include "video/gstreamer.hpp"
 
 #include <krvision/krvisiondefinitions.hpp>
 
 #include <gst/app/gstappsink.h>
 #include <gst/video/video.h>
 
+#include <atomic>
 #include <cstring>
 #include <stdexcept>
 #include <utility>
@@ -18,7 +19,8 @@ namespace {
 std::string describe(int resolution) {
     int width = 0, height = 0;
     setSizeFromResolution(resolution, width, height);
-    return "filesrc name=source ! decodebin ! videoconvert ! videoscale add-borders=true ! "
+    return "filesrc name=source ! decodebin name=decoder ! videoconvert name=converter ! videoscale "
+           "add-borders=true ! "
            "video/x-raw,format=YUY2,pixel-aspect-ratio=1/1,colorimetry=bt601,width=" +
            std::to_string(width) + ",height=" + std::to_string(height) +
            " ! appsink name=sink sync=false max-buffers=4 enable-last-sample=false";
@@ -27,14 +29,15 @@ std::string describe(int resolution) {
 class GstFilmReader : public FilmReader {
 public:
     GstFilmReader(const std::string& path, int resolution) : path_(path), line_(describe(resolution)) {
-        // A path is no part of the description, for quotes and blanks in it mean something there.
+        // Not in the description, where quotes and blanks in a path would have a meaning.
         g_object_set(line_.find("source").get(), "location", path.c_str(), nullptr);
         sink_ = line_.find("sink");
+        g_signal_connect(line_.find("decoder").get(), "no-more-pads", G_CALLBACK(noticeStreams), this);
         try {
             line_.start();
             first_ = pull();
             if (!first_) {
-                throw std::runtime_error("there is no video in it");
+                throw std::runtime_error(kNoVideo);
             }
         } catch (const std::runtime_error& error) {
             throw std::runtime_error(path + ": " + error.what());
@@ -66,17 +69,34 @@ public:
     }
 
 private:
+    static constexpr const char* kNoVideo = "there is no video in it";
+    static constexpr GstClockTime kPatience = 10 * GST_SECOND; // for one frame
+
+    // The decoder has found all streams; GStreamer would wait for ever if none of them is a video. On its thread.
+    static void noticeStreams(GstElement*, gpointer reader) {
+        auto* self = static_cast<GstFilmReader*>(reader);
+        const GstHandle<GstElement> converter = self->line_.find("converter");
+        GstPad* pad = gst_element_get_static_pad(converter.get(), "sink");
+        self->hasNoVideo_ = gst_pad_is_linked(pad) == FALSE;
+        gst_object_unref(pad);
+    }
+
     /// \return null: there are no more
     GstHandle<GstSample> pull() {
+        constexpr GstClockTime kStep = 50 * GST_MSECOND;
         GstAppSink* sink = GST_APP_SINK(sink_.get());
-        while (true) {
-            GstHandle<GstSample> sample(gst_app_sink_try_pull_sample(sink, 50 * GST_MSECOND));
+        for (GstClockTime waited = 0; waited < kPatience; waited += kStep) {
+            GstHandle<GstSample> sample(gst_app_sink_try_pull_sample(sink, kStep));
+            line_.waitForEnd(0); // throws the error that may have ended the frames
             if (sample || gst_app_sink_is_eos(sink)) {
-                line_.waitForEnd(0); // an error ends the frames, too
                 return sample;
             }
-            line_.waitForEnd(0);
+            if (hasNoVideo_) {
+                throw std::runtime_error(kNoVideo);
+            }
         }
+        throw std::runtime_error("no frame could be decoded for " + std::to_string(kPatience / GST_SECOND) +
+                                 " s");
     }
 
     static void copy(GstSample* sample, KRImage& image) {
@@ -99,9 +119,10 @@ private:
     }
 
     const std::string path_;
+    std::atomic<bool> hasNoVideo_ = false; // set by a thread of the pipeline, which goes first
     GstLine line_;
     GstHandle<GstElement> sink_;
-    GstHandle<GstSample> first_; // read ahead, to see whether there is one
+    GstHandle<GstSample> first_; // read ahead, to check that there is one
 };
 
 } // namespace

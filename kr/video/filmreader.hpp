@@ -16,19 +16,19 @@ public:
     FilmReader(const FilmReader&) = delete;
     FilmReader& operator=(const FilmReader&) = delete;
 
-    /// About how many frames there are; 0 if the file does not tell.
+    /// Approximate number of frames; 0 if the file does not say.
     virtual std::uint64_t estimateFrames() const = 0;
     /// Reads the next frame into an image of YUV422 and the reader's size. Its time stamp counts from the beginning of
-    /// the film; -1: the film does not tell.
-    /// \return false: there was none any more
-    /// \throws std::runtime_error with the path: it cannot be decoded
+    /// the film; -1: the film has none.
+    /// \return false: there are no more
+    /// \throws std::runtime_error with the path: it cannot be decoded, or no frame comes for ten seconds
     virtual bool readNext(KRImage& image) = 0;
 };
 
-/// Opens a video file that GStreamer can decode. All of its frames are made to fit, with black beside pictures of another
-/// shape.
-/// \param resolution  code of the size that the frames are to have
-/// \throws std::runtime_error with the path: GStreamer cannot be used, or cannot read the file
+/// Opens a video file that GStreamer can decode. Frames are scaled to one size, with black borders where the shape
+/// differs.
+/// \param resolution  code of that size
+/// \throws std::runtime_error with the path: GStreamer cannot be used or cannot decode the file; there is no video in it
 std::unique_ptr<FilmReader> openFilm(const std::string& path, int resolution);
 
 } // namespace KR::tool

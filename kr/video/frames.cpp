@@ -1,6 +1,6 @@
-#include "frames.hpp"
+#include "video/frames.hpp"
 
-#include "timeline.hpp"
+#include "video/timeline.hpp"
 
 #include <algorithm>
 #include <stdexcept>
@@ -37,10 +37,9 @@ const KRImage& Frames::read(std::uint64_t frame) {
 
 std::int64_t FrameClock::next(std::int64_t timeStamp) {
     if (isStarted_) {
-        constexpr std::int64_t kLongestGap = 3600LL * 1000 * 1000; // more is a clock that was set
         std::int64_t interval = 0;
         const bool isUsable = !__builtin_sub_overflow(timeStamp, previous_, &interval) && interval > 0 &&
-                              interval <= kLongestGap;
+                              interval <= kLongestGap_usec;
         time_usec_ += isUsable ? interval : interval_usec_;
     }
     isStarted_ = true;

@@ -1,4 +1,4 @@
-#include "gstreamer.hpp"
+#include "video/gstreamer.hpp"
 
 #include <gst/video/gstvideosink.h>
 
@@ -8,7 +8,7 @@ namespace KR::tool {
 
 namespace {
 
-void initGStreamer() {
+void init() {
     GError* error = nullptr;
     if (!gst_init_check(nullptr, nullptr, &error)) {
         const GstHandle<GError> owned(error);
@@ -27,7 +27,7 @@ void initGStreamer() {
         GST_IS_VIDEO_SINK(GST_MESSAGE_SRC(message))) {
         throw WindowClosed(error->message);
     }
-    // The debug text begins with a place in GStreamer's sources; what it adds stands in its last line.
+    // The debug text begins with a place in GStreamer's sources; only its last line says more.
     const std::string place = debug != nullptr ? debug : "";
     const std::size_t lastLine = place.rfind('\n');
     std::string text = error->message;
@@ -40,7 +40,7 @@ void initGStreamer() {
 } // namespace
 
 GstLine::GstLine(const std::string& description) {
-    initGStreamer();
+    init();
     GError* error = nullptr;
     pipeline_.reset(gst_parse_launch_full(description.c_str(), nullptr, GST_PARSE_FLAG_FATAL_ERRORS, &error));
     const GstHandle<GError> owned(error);
@@ -63,7 +63,7 @@ GstHandle<GstElement> GstLine::find(const char* name) const {
 
 void GstLine::start() {
     if (gst_element_set_state(pipeline_.get(), GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE) {
-        waitForEnd(0); // it has said why
+        waitForEnd(0); // throws the reason
         throw std::runtime_error("the pipeline does not start");
     }
 }

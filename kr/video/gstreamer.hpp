@@ -1,29 +1,15 @@
 #pragma once
 
-#include "pipelinesink.hpp"
+#include "video/pipelinesink.hpp"
+
+#include "gstreamer/krgstreamer.hpp" // of the camera service
 
 #include <gst/gst.h>
 
-#include <memory>
 #include <stdexcept>
 #include <string>
 
 namespace KR::tool {
-
-/// Gives one reference on an object of GStreamer or GLib back.
-struct GstRelease {
-    void operator()(GstElement* element) const noexcept { gst_object_unref(element); }
-    void operator()(GstBus* bus) const noexcept { gst_object_unref(bus); }
-    void operator()(GstSample* sample) const noexcept { gst_sample_unref(sample); }
-    void operator()(GstCaps* caps) const noexcept { gst_caps_unref(caps); }
-    void operator()(GstMessage* message) const noexcept { gst_message_unref(message); }
-    void operator()(GError* error) const noexcept { g_error_free(error); }
-    void operator()(gchar* text) const noexcept { g_free(text); }
-};
-
-/// Owns one reference.
-template <class T>
-using GstHandle = std::unique_ptr<T, GstRelease>;
 
 /// A pipeline that stops with the object.
 class GstLine {
@@ -39,8 +25,7 @@ public:
     GstHandle<GstElement> find(const char* name) const;
     /// \throws std::runtime_error it does not start
     void start();
-    /// Waits until all has come to its end, for so long.
-    /// \return whether it has
+    /// Waits until the pipeline has reached its end. \return whether it has within the timeout
     /// \throws WindowClosed
     /// \throws std::runtime_error what went wrong in the pipeline meanwhile
     bool waitForEnd(GstClockTime timeout);

@@ -1,11 +1,11 @@
 // kr video info
 
-#include "colorspace.hpp"
-#include "command.hpp"
-#include "diagnosis.hpp"
-#include "json.hpp"
-#include "timeline.hpp"
-#include "timestamp.hpp"
+#include "tool/colorspace.hpp"
+#include "tool/command.hpp"
+#include "tool/json.hpp"
+#include "tool/timestamp.hpp"
+#include "video/diagnosis.hpp"
+#include "video/timeline.hpp"
 
 #include <krvision/kroxvfile.hpp>
 
@@ -22,6 +22,11 @@ namespace {
 struct Options {
     std::string file;
     bool json = false;
+
+    void declare(CLI::App& app) {
+        app.add_option("FILE", file, "oxv file")->required();
+        app.add_flag("--json", json, "output as a JSON object with all gaps and jumps");
+    }
 };
 
 struct StreamInfo {
@@ -35,26 +40,26 @@ double toMilliseconds(std::int64_t time_usec) {
     return static_cast<double>(time_usec) / 1000.0;
 }
 
-// What the file would have if all frames were there that there should be.
+// Size of the file if no frame were missing.
 std::uint64_t countExpectedBytes(const KROxvFile& recording) {
     return recording.getDataOffset() + recording.countExpectedFrames() * recording.getFrameSize();
 }
 
-// Bad ones may have many: the first few tell what they are like, and --json has them all.
-constexpr std::size_t kMostShown = 10;
+// A bad recording may have many; --json has them all.
+constexpr std::size_t kMostPrinted = 10;
 
-template <class Event, class Show>
-void showSome(const char* what, const std::vector<Event>& events, Show showOne) {
+template <class Event, class Print>
+void printSome(const char* what, const std::vector<Event>& events, Print printOne) {
     std::printf("    %-16s%zu\n", what, events.size());
-    for (std::size_t i = 0; i < std::min(events.size(), kMostShown); ++i) {
-        showOne(events[i]);
+    for (std::size_t i = 0; i < std::min(events.size(), kMostPrinted); ++i) {
+        printOne(events[i]);
     }
-    if (events.size() > kMostShown) {
-        std::printf("      and %zu more\n", events.size() - kMostShown);
+    if (events.size() > kMostPrinted) {
+        std::printf("      and %zu more\n", events.size() - kMostPrinted);
     }
 }
 
-void show(std::size_t number, const StreamInfo& info) {
+void print(std::size_t number, const StreamInfo& info) {
     const KROxvStream& stream = info.stream;
     const Timeline& time = info.timeline;
     std::printf("  stream %zu\n", number);
@@ -71,18 +76,18 @@ void show(std::size_t number, const StreamInfo& info) {
         std::printf("    rate            %.2f frames/s, usual interval %.1f ms\n", time.getRate(),
                     toMilliseconds(time.usualInterval));
     }
-    showSome("gaps", time.gaps, [](const Timeline::Gap& gap) {
+    printSome("gaps", time.gaps, [](const Timeline::Gap& gap) {
         std::printf("      before frame %llu: %.1f ms, %llu frames missing\n",
                     static_cast<Unsigned>(gap.frame), toMilliseconds(gap.length),
                     static_cast<Unsigned>(gap.missingFrames));
     });
-    showSome("backward jumps", time.jumps, [](const Timeline::Jump& jump) {
+    printSome("backward jumps", time.jumps, [](const Timeline::Jump& jump) {
         std::printf("      at frame %llu: by %.1f ms\n", static_cast<Unsigned>(jump.frame),
                     toMilliseconds(jump.length));
     });
 }
 
-void show(const KROxvFile& recording, const std::vector<StreamInfo>& streams) {
+void print(const KROxvFile& recording, const std::vector<StreamInfo>& streams) {
     const std::uint64_t expected = countExpectedBytes(recording);
     std::printf("%s\n", recording.getPath().c_str());
     std::printf("  format            oxv, version %d\n", recording.getVersion());
@@ -101,7 +106,7 @@ void show(const KROxvFile& recording, const std::vector<StreamInfo>& streams) {
         std::printf("expected %llu\n", static_cast<Unsigned>(expected));
     }
     for (std::size_t i = 0; i < streams.size(); ++i) {
-        show(i, streams[i]);
+        print(i, streams[i]);
     }
 }
 
@@ -149,7 +154,7 @@ Json toJson(const KROxvFile& recording, const std::vector<StreamInfo>& streams) 
     return json;
 }
 
-ExitCode showFile(const Options& options) {
+ExitCode inspect(const Options& options) {
     KROxvFile recording(options.file);
     recording.requireFrames();
     std::vector<StreamInfo> streams;
@@ -163,23 +168,20 @@ ExitCode showFile(const Options& options) {
     if (options.json) {
         printJson(toJson(recording, streams));
     } else {
-        show(recording, streams);
+        print(recording, streams);
     }
     return ExitCode::Done;
 }
 
-std::function<ExitCode()> declare(CLI::App& app) {
-    auto options = std::make_shared<Options>();
-    app.add_option("FILE", options->file, "an oxv file")->required();
-    app.add_flag("--json", options->json, "Writes an object, with all gaps and jumps");
-    return [options] { return showFile(*options); };
-}
-
 const GroupRegistration group("video", "Recordings");
-const CommandRegistration command({"video", "info",
-                                   "Shows the streams of a recording, its length and its gaps",
-                                   "  kr video info corridor.oxv", declare});
+
+const VerbRegistration registration(Verb<Options>{
+    .group = "video",
+    .name = "info",
+    .summary = "Show the streams of a recording, its length and its gaps",
+    .example = "  kr video info corridor.oxv",
+    .run = inspect,
+});
 
 } // namespace
-
 } // namespace KR::tool

@@ -1,7 +1,7 @@
-// What stands in for the parts that need GStreamer, in a build without it.
+// Replaces the parts that need GStreamer in a build without it.
 
-#include "filmreader.hpp"
-#include "pipelinesink.hpp"
+#include "video/filmreader.hpp"
+#include "video/pipelinesink.hpp"
 
 #include <stdexcept>
 
@@ -10,17 +10,17 @@ namespace KR::tool {
 namespace {
 
 [[noreturn]] void refuse() {
-    throw std::runtime_error("this kr was built without GStreamer, which that needs");
+    throw std::runtime_error("this kr was built without GStreamer, which is needed for that");
 }
 
 } // namespace
 
 std::string listFilmFormats() {
-    return "none, as it was built without GStreamer";
+    return "none, in a build without GStreamer";
 }
 
 bool isFilmExtension(const std::string& extension) {
-    return extension == ".mkv" || extension == ".mp4"; // known, to be refused with the reason
+    return extension == ".mkv" || extension == ".mp4"; // refused later, with the reason
 }
 
 std::unique_ptr<FrameSink> makeFilmSink(const std::string&, const std::string&, const std::string&,

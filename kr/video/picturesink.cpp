@@ -1,6 +1,6 @@
-#include "framesink.hpp"
-#include "outputfile.hpp"
-#include "pictureconversion.hpp"
+#include "image/pictureconversion.hpp"
+#include "tool/outputfile.hpp"
+#include "video/framesink.hpp"
 
 #include <filesystem>
 #include <regex>

@@ -1,10 +1,10 @@
-#include "pipelinesink.hpp"
+#include "video/pipelinesink.hpp"
 
-#include "colorspace.hpp"
-#include "command.hpp"
-#include "gstreamer.hpp"
-#include "outputfile.hpp"
-#include "pictureconversion.hpp"
+#include "image/pictureconversion.hpp"
+#include "tool/colorspace.hpp"
+#include "tool/command.hpp"
+#include "tool/outputfile.hpp"
+#include "video/gstreamer.hpp"
 
 #include <krvision/krvisiondefinitions.hpp>
 
@@ -28,8 +28,8 @@ struct Film {
     const char* elements;
 };
 
-// Encoders of GStreamer's base and good plug-ins. jpegenc takes the range of YUV as it comes, but a jpeg has the full
-// one: it is given R G B. vp9enc does not say what mp4mux needs to know.
+// Encoders of GStreamer's base and good plug-ins. jpegenc ignores the range of YUV, and a jpeg has the full one: hence
+// RGB. vp9enc lacks caps that mp4mux requires.
 constexpr std::array kFilms = {
     Film{".mkv", "jpeg", "videoconvert ! video/x-raw,format=RGB ! jpegenc quality=90 ! matroskamux"},
     Film{".mkv", "vp8",
@@ -47,7 +47,7 @@ const Film& findFilm(const std::string& extension, const std::string& codec) {
         return film.extension == extension && (codec.empty() || film.codec == codec);
     });
     if (found == kFilms.end()) {
-        throw UsageError("there is no codec " + codec + " for " + extension + " files; there are " +
+        throw UsageError("there is no codec " + codec + " for " + extension + " files; codecs are " +
                          listFilmFormats());
     }
     return *found;
@@ -73,7 +73,7 @@ std::optional<GstVideoFormat> findFormat(int colorSpace) {
 /// Feeds a pipeline that begins with appsrc name=source.
 class PipelineSink : public FrameSink {
 public:
-    /// \param file  the one that the pipeline writes, to be named in errors; "": none
+    /// \param file  path that the pipeline writes to, for errors; "": none
     PipelineSink(const std::string& description, std::int64_t interval_usec, const std::string& file)
         : file_(file), line_("appsrc name=source format=time ! " + description),
           source_(line_.find("source")), interval_usec_(interval_usec) {}
@@ -81,7 +81,7 @@ public:
     GstLine& getLine() { return line_; }
 
     void write(const KRImage& image, std::uint64_t, std::int64_t time_usec) override {
-        namingTheFile([&] {
+        withFileName([&] {
             if (!isStarted_) {
                 start(image);
             }
@@ -93,14 +93,14 @@ public:
     void finish() override {
         if (isStarted_) {
             gst_app_src_end_of_stream(GST_APP_SRC(source_.get()));
-            namingTheFile([&] { line_.waitForEnd(GST_CLOCK_TIME_NONE); });
+            withFileName([&] { line_.waitForEnd(GST_CLOCK_TIME_NONE); });
         }
     }
 
 private:
-    // GStreamer says what went wrong, but not with which file.
+    // Errors of GStreamer do not name the file.
     template <class Function>
-    void namingTheFile(Function function) {
+    void withFileName(Function function) {
         try {
             function();
         } catch (const std::runtime_error& error) {
@@ -114,9 +114,8 @@ private:
     void start(const KRImage& image) {
         const std::optional<GstVideoFormat> format = findFormat(image.colorSpace);
         if (!format) {
-            throw std::runtime_error("nobody here knows what colour space " +
-                                     std::to_string(image.colorSpace) + " means; known are " +
-                                     listColorSpaces());
+            throw std::runtime_error("colour space " + std::to_string(image.colorSpace) +
+                                     " is not supported; colour spaces are " + listColorSpaces());
         }
         gst_video_info_set_format(&info_, *format, static_cast<guint>(image.width),
                                   static_cast<guint>(image.height));
@@ -131,7 +130,7 @@ private:
         isStarted_ = true;
     }
 
-    // Not left to appsrc, which would wait for ever in a pipeline that has failed.
+    // appsrc itself would wait for ever in a pipeline that has failed.
     void waitForRoom() {
         constexpr guint64 kFrames = 4;
         while (gst_app_src_get_current_level_bytes(GST_APP_SRC(source_.get())) > kFrames * info_.size) {
@@ -141,7 +140,7 @@ private:
     }
     void requireRunning(GstClockTime timeout) {
         if (line_.waitForEnd(timeout)) {
-            throw std::runtime_error("the pipeline has ended before the frames");
+            throw std::runtime_error("the pipeline has ended before the last frame");
         }
     }
 
@@ -151,7 +150,7 @@ private:
         if (buffer == nullptr || !gst_buffer_map(buffer, &map, GST_MAP_WRITE)) {
             throw std::bad_alloc();
         }
-        // GStreamer begins each row at a multiple of four bytes.
+        // In GStreamer, each row begins at a multiple of four bytes.
         const auto row = static_cast<std::size_t>(image.width) * static_cast<std::size_t>(image.nbLayers);
         const auto stride = static_cast<std::size_t>(GST_VIDEO_INFO_PLANE_STRIDE(&info_, 0));
         const auto height = static_cast<std::size_t>(image.height);
@@ -195,7 +194,7 @@ std::unique_ptr<FrameSink> makeFilmSink(const std::string& path, const std::stri
     const Film& film = findFilm(extension, codec);
     auto sink = std::make_unique<PipelineSink>(std::string(film.elements) + " ! filesink name=file",
                                                interval_usec, path);
-    // A path is no part of the description, for quotes and blanks in it mean something there.
+    // Not in the description, where quotes and blanks in a path would have a meaning.
     g_object_set(sink->getLine().find("file").get(), "location", path.c_str(), nullptr);
     return sink;
 }
@@ -209,7 +208,7 @@ std::unique_ptr<FrameSink> makeWindowSink(std::int64_t interval_usec) {
         throw std::runtime_error("there is no display here (neither DISPLAY nor WAYLAND_DISPLAY is set)");
     }
     auto sink = std::make_unique<PipelineSink>("videoconvert ! autovideosink", interval_usec, "");
-    // Without one that shows anything, autovideosink would play to nobody.
+    // Without a real sink, autovideosink would discard the frames.
     GList* able = gst_element_factory_list_get_elements(
         GST_ELEMENT_FACTORY_TYPE_SINK | GST_ELEMENT_FACTORY_TYPE_MEDIA_VIDEO, GST_RANK_MARGINAL);
     const bool hasAny = able != nullptr;

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "framesink.hpp"
+#include "video/framesink.hpp"
 
 #include <memory>
 #include <stdexcept>
@@ -8,15 +8,15 @@
 
 namespace KR::tool {
 
-/// The formats that makeFilmSink() writes, for people: "mkv (jpeg, vp8), mp4 (vp9)".
+/// The formats of makeFilmSink(), for people: "mkv (jpeg, vp8), mp4 (vp9)".
 std::string listFilmFormats();
-/// Whether there is such a format.
+/// Whether makeFilmSink() supports the extension.
 bool isFilmExtension(const std::string& extension);
 
-/// A film as other programs play it, by an encoder of GStreamer.
+/// Writes a film by an encoder of GStreamer.
 /// \param extension  of the file: ".mkv" or ".mp4"
-/// \param codec      one that listFilmFormats() has for it; "": the first of them
-/// \throws UsageError the codec is not for that file
+/// \param codec      one of listFilmFormats() for it; "": the first of them
+/// \throws UsageError there is no such codec for the extension
 /// \throws std::runtime_error GStreamer cannot be used, or lacks an encoder
 std::unique_ptr<FrameSink> makeFilmSink(const std::string& path, const std::string& extension,
                                         const std::string& codec, std::int64_t interval_usec);
@@ -27,9 +27,8 @@ public:
     using std::runtime_error::runtime_error;
 };
 
-/// A window in which the frames are shown at their time. write() returns when there is room for the next one; it, and
-/// finish(), throw WindowClosed.
-/// \throws std::runtime_error there is no display, or none that GStreamer can use
+/// Shows the frames in a window, at their time. write() blocks while frames wait; it and finish() throw WindowClosed.
+/// \throws std::runtime_error there is no display, or GStreamer cannot use it
 std::unique_ptr<FrameSink> makeWindowSink(std::int64_t interval_usec);
 
 } // namespace KR::tool

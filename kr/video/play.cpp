@@ -1,10 +1,10 @@
 // kr video play
 
-#include "command.hpp"
-#include "frames.hpp"
-#include "number.hpp"
-#include "pipelinesink.hpp"
-#include "progress.hpp"
+#include "tool/command.hpp"
+#include "tool/number.hpp"
+#include "tool/progress.hpp"
+#include "video/frames.hpp"
+#include "video/pipelinesink.hpp"
 
 #include <CLI/CLI.hpp>
 
@@ -19,12 +19,18 @@ struct Options {
     std::string file;
     std::size_t stream = 0;
     std::uint64_t from = 0;
+
+    void declare(CLI::App& app) {
+        app.add_option("FILE", file, "oxv file")->required();
+        app.add_option("--stream", stream, "stream number")->transform(wholeNumber(0))->capture_default_str();
+        app.add_option("--from", from, "first frame")->transform(wholeNumber(0))->capture_default_str();
+    }
 };
 
 ExitCode play(const Options& options) {
     KROxvFile recording(options.file);
     Frames frames(recording, options.stream);
-    frames.read(options.from); // there must be one
+    frames.read(options.from); // throws if there is none
     const std::int64_t interval = estimateInterval(recording, options.stream, options.from);
     try {
         const std::unique_ptr<FrameSink> window = makeWindowSink(interval);
@@ -39,29 +45,22 @@ ExitCode play(const Options& options) {
     } catch (const WindowClosed&) {
         return ExitCode::Done;
     } catch (const std::runtime_error& error) {
-        complain(error.what());
-        complain("without a window, make a film of it for elsewhere: kr video convert " + options.file +
-                 " film.mkv, or a picture of a frame: kr video extract " + options.file +
-                 " --frame 0 frame.png");
+        printError(error.what());
+        printError("without a window, convert it to a film: kr video convert " + options.file +
+                   " film.mkv, or a frame to a picture: kr video extract " + options.file +
+                   " --frame 0 frame.png");
         return ExitCode::Failed;
     }
     return ExitCode::Done;
 }
 
-std::function<ExitCode()> declare(CLI::App& app) {
-    auto options = std::make_shared<Options>();
-    app.add_option("FILE", options->file, "an oxv file")->required();
-    app.add_option("--stream", options->stream, "0 is the first one, and taken if it is not told")
-        ->transform(wholeNumber(0));
-    app.add_option("--from", options->from, "the first frame; 0 if it is not told")
-        ->transform(wholeNumber(0));
-    return [options] { return play(*options); };
-}
-
-const CommandRegistration command({"video", "play",
-                                   "Shows a recording in a window, at the rate of its time stamps",
-                                   "  kr video play corridor.oxv --stream 1", declare});
+const VerbRegistration registration(Verb<Options>{
+    .group = "video",
+    .name = "play",
+    .summary = "Show a recording in a window, at the rate of its time stamps",
+    .example = "  kr video play corridor.oxv --stream 1",
+    .run = play,
+});
 
 } // namespace
-
 } // namespace KR::tool

@@ -1,9 +1,9 @@
 // kr video recover
 
-#include "command.hpp"
-#include "json.hpp"
-#include "outputfile.hpp"
-#include "recovery.hpp"
+#include "tool/command.hpp"
+#include "tool/json.hpp"
+#include "tool/outputfile.hpp"
+#include "video/recovery.hpp"
 
 #include <CLI/CLI.hpp>
 
@@ -18,9 +18,15 @@ struct Options {
     std::string in;
     std::string out;
     bool json = false;
+
+    void declare(CLI::App& app) {
+        app.add_option("IN", in, "oxv file; it is not changed")->required();
+        app.add_option("OUT", out, "recovered file; an existing one is replaced")->required();
+        app.add_flag("--json", json, "output as a JSON object");
+    }
 };
 
-ExitCode recover(const Options& options) {
+ExitCode recoverFile(const Options& options) {
     OutputFile out(options.out, options.in);
     KROxvFile recording(options.in);
     const Recovery recovery = tool::recover(recording, out.getPath());
@@ -28,32 +34,26 @@ ExitCode recover(const Options& options) {
     if (options.json) {
         printJson({{"file", options.out}, {"kept_frames", recovery.kept}, {"lost_frames", recovery.lost}});
     } else {
-        std::printf("kept %llu frames, lost %llu\n%s opens, and each of its frames reads as it does in %s\n",
+        std::printf("kept %llu frames, lost %llu\n%s opens, and its frames are those of %s\n",
                     static_cast<unsigned long long>(recovery.kept),
                     static_cast<unsigned long long>(recovery.lost), options.out.c_str(), options.in.c_str());
     }
     if (recording.countAddressableFrames() < recording.countCompleteFrames()) {
-        complain("frames beyond 4 GiB are not in " + options.out + "; to get them: kr video convert --from " +
-                 std::to_string(recovery.kept) + " " + options.in + " REST.oxv");
+        printError("frames beyond 4 GiB are not in " + options.out +
+                   "; to save them: kr video convert --from " + std::to_string(recovery.kept) + " " +
+                   options.in + " REST.oxv");
     }
     return recovery.lost > 0 ? ExitCode::DataLost : ExitCode::Done;
 }
 
-std::function<ExitCode()> declare(CLI::App& app) {
-    auto options = std::make_shared<Options>();
-    app.add_option("IN", options->in, "an oxv file; it stays as it is")->required();
-    app.add_option("OUT", options->out, "what to call the recovered one; replaced if it is there")
-        ->required();
-    app.add_flag("--json", options->json, "Writes an object");
-    return [options] { return recover(*options); };
-}
-
-const CommandRegistration command({"video", "recover",
-                                   "Makes a recording that was not closed, was cut or has a wrong count into "
-                                   "one that opens, with every complete "
-                                   "frame; exit code 3 if others were lost",
-                                   "  kr video recover crashed.oxv recovered.oxv", declare});
+const VerbRegistration registration(Verb<Options>{
+    .group = "video",
+    .name = "recover",
+    .summary = "Recover the complete frames of a recording that was not closed or was cut",
+    .example = "  kr video recover crashed.oxv recovered.oxv\n"
+               "Also corrects a wrong count. Exit code 3 if frames were lost.",
+    .run = recoverFile,
+});
 
 } // namespace
-
 } // namespace KR::tool

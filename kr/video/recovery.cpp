@@ -1,8 +1,8 @@
-#include "recovery.hpp"
+#include "video/recovery.hpp"
 
-#include "copy.hpp"
-#include "diagnosis.hpp"
-#include "progress.hpp"
+#include "tool/progress.hpp"
+#include "video/copy.hpp"
+#include "video/diagnosis.hpp"
 
 #include <krvision/krvideo.hpp>
 
@@ -28,7 +28,7 @@ void check(KROxvFile& recording, std::uint64_t frames, const std::string& path, 
     KRVideo video;
     video.readVideo(path);
     if (video.getFrameCount() != frames || video.getStreams().size() != recording.getStreams().size()) {
-        throw std::runtime_error(path + ": has not become what it should");
+        throw std::runtime_error(path + ": verification failed: the number of frames or streams is wrong");
     }
     KRImage image(0, 0, 0, false, 0.0f, 0.0f, 0.0f, 0.0f);
     std::vector<unsigned char> expected;
@@ -38,8 +38,8 @@ void check(KROxvFile& recording, std::uint64_t frames, const std::string& path, 
             recording.readBytes(expected.data(), expected.size(), recording.getOffset(frame, s));
             if (!video.getFrame(image, static_cast<unsigned>(frame), static_cast<unsigned>(s), true) ||
                 std::memcmp(image.data.get(), expected.data(), expected.size()) != 0) {
-                throw std::runtime_error(path + ": frame " + std::to_string(frame) +
-                                         " does not read as it should");
+                throw std::runtime_error(path + ": verification failed: frame " + std::to_string(frame) +
+                                         " differs");
             }
         }
         progress.advance();

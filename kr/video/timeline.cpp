@@ -1,4 +1,4 @@
-#include "timeline.hpp"
+#include "video/timeline.hpp"
 
 #include <algorithm>
 
@@ -6,7 +6,7 @@ namespace KR::tool {
 
 namespace {
 
-// Foreign files may hold any numbers, and differences that no number can hold.
+// Saturates: files may hold any numbers.
 std::int64_t subtract(std::int64_t from, std::int64_t what) {
     std::int64_t difference = 0;
     if (__builtin_sub_overflow(from, what, &difference)) {

@@ -1,7 +1,7 @@
-#include "colorspace.hpp"
-#include "filewriter.hpp"
-#include "framesink.hpp"
-#include "pictureconversion.hpp"
+#include "image/pictureconversion.hpp"
+#include "tool/colorspace.hpp"
+#include "tool/filewriter.hpp"
+#include "video/framesink.hpp"
 
 #include <krvision/krvisiondefinitions.hpp>
 

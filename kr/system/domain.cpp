@@ -1,0 +1,50 @@
+#include "system/domain.hpp"
+
+#include <krdds/krdds.hpp>
+
+#include <krplatform/krerror.hpp>
+
+#include <CLI/CLI.hpp>
+
+namespace KR::tool {
+
+void Domain::declare(CLI::App& verb) {
+    verb.add_option("--broker", url_,
+                    "address of the broker: dds: with options, see docs/several-machines.md")
+        ->type_name("URL")
+        ->capture_default_str();
+}
+
+bool Domain::saysWhereMemoryIs() const {
+    return !url_.starts_with("dds:") || parseDDSAddress(url_).memory.has_value();
+}
+
+boost::shared_ptr<KRBroker> Domain::connect() const {
+    return connectTo(url_);
+}
+
+void ListOptions::declare(CLI::App& verb) {
+    verb.add_flag("--json", json, "output as JSON");
+    domain.declare(verb);
+}
+
+boost::shared_ptr<KRBroker> connectTo(const std::string& url) {
+    registerDDS();
+    return KRBroker::create(url);
+}
+
+void waitForModule(KRBroker& broker, const std::string& module) {
+    if (!broker.getSession().waitForService(module, Domain::kPatience)) {
+        std::string known;
+        for (const std::string& name : broker.getModuleList()) {
+            known += (known.empty() ? "" : ", ") + name;
+        }
+        throw KRError("kr", "waitForModule",
+                      "there is no module " + module +
+                          (known.empty() ? ", nor any other: is a broker running? "
+                                           "kr serve runs one, kr doctor helps"
+                                         : "; modules are " + known));
+    }
+}
+
+} // namespace KR::tool

@@ -1,0 +1,57 @@
+#include "system/livenames.hpp"
+
+#include "system/domain.hpp"
+
+#include <krplatform/krbroker.hpp>
+#include <krplatform/krmemoryproxy.hpp>
+
+#include <chrono>
+
+namespace KR::tool {
+
+namespace {
+
+constexpr const char* kMemory = "KRMemory";
+constexpr std::chrono::milliseconds kPatience{1500}; // somebody sits at the keyboard
+
+} // namespace
+
+std::vector<std::string> completeModule(const std::vector<std::string>& words, const std::string& url) {
+    if (!words.empty()) {
+        return {};
+    }
+    return connectTo(url)->getModuleList();
+}
+
+std::vector<std::string> completeModuleAndMethod(const std::vector<std::string>& words,
+                                                 const std::string& url) {
+    if (words.size() != 1) {
+        return completeModule(words, url);
+    }
+    const auto broker = connectTo(url);
+    std::vector<std::string> names;
+    if (broker->getSession().waitForService(words[0], kPatience)) {
+        for (const KRMethodDescription& method : broker->getProxy(words[0])->getMethodList()) {
+            names.push_back(method.name);
+        }
+    }
+    return names;
+}
+
+std::vector<std::string> completeMemoryKey(const std::vector<std::string>& words, const std::string& url) {
+    const auto broker = connectTo(url);
+    if (!words.empty() || !broker->getSession().waitForService(kMemory, kPatience)) {
+        return {};
+    }
+    return KRMemoryProxy(broker).getDataList();
+}
+
+std::vector<std::string> completeEvent(const std::vector<std::string>&, const std::string& url) {
+    const auto broker = connectTo(url);
+    if (!broker->getSession().waitForService(kMemory, kPatience)) {
+        return {};
+    }
+    return KRMemoryProxy(broker).getEventList();
+}
+
+} // namespace KR::tool

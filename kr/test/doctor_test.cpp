@@ -1,0 +1,86 @@
+// kr doctor
+
+#include "krsystem.hpp"
+#include "stranger.hpp"
+
+#include <gmock/gmock.h>
+#include <nlohmann/json.hpp>
+
+#include <string>
+
+namespace KR::test {
+namespace {
+
+using nlohmann::json;
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+TEST_F(KrSystem, IsFoundWellByItsDoctor) {
+    RunningProgram server = serve();
+    ASSERT_TRUE(server.isUp()) << server.readErr();
+    const json findings = json::parse(krOnDomain({"doctor", "--json"}).out);
+    for (const json& finding : findings) {
+        EXPECT_EQ(finding["good"].get<bool>(), finding["remedy"].get<std::string>().empty()) << finding;
+        if (finding["subject"] == "services") {
+            EXPECT_EQ(finding["good"], true) << finding;
+        }
+        if (finding["subject"] == "participants") {
+            EXPECT_THAT(finding["text"].get<std::string>(),
+                        StartsWith("1 of 120 places for processes on domain " +
+                                   std::to_string(domain_.getNumber()) + " are taken"));
+        }
+    }
+    EXPECT_EQ(findings.size(), 8U);
+}
+
+TEST_F(KrSystem, ItsDoctorFindsABrokerOfAnotherVersion) {
+    const auto broker = domain_.createBroker(); // so that the stranger is on the loopback as well
+    Stranger stranger(domain_.getNumber());
+    stranger.announce(99, {});
+    const Outcome outcome = krOnDomain({"doctor", "--json"});
+    EXPECT_EQ(outcome.exitCode, 1);
+    int found = 0;
+    for (const json& finding : json::parse(outcome.out)) {
+        if (finding["subject"] == "brokers") {
+            ++found;
+            EXPECT_EQ(finding["good"], false);
+            EXPECT_THAT(finding["text"].get<std::string>(), HasSubstr("protocol 99"));
+        }
+    }
+    EXPECT_EQ(found, 1);
+}
+
+TEST_F(KrSystem, ItsDoctorFindsTwoModulesOfOneNameAndTheirProcesses) {
+    const std::string url = domain_.getUrl("lease=2");
+    RunningProgram first({"serve", "--broker", url}, "serving on");
+    ASSERT_TRUE(first.isUp()) << first.readErr();
+    ::kill(first.getPid(), SIGSTOP); // as if its network were cut off
+    RunningProgram second({"serve", "--broker", url}, "serving on");
+    ASSERT_TRUE(second.isUp()) << second.readErr();
+    ::kill(first.getPid(), SIGCONT);
+    ASSERT_TRUE(first.waitFor("there are two modules named KRMemory"));
+    ASSERT_TRUE(second.waitFor("there are two modules named KRMemory"));
+    const Outcome outcome = kr({"doctor", "--json", "--broker", url});
+    EXPECT_EQ(outcome.exitCode, 1);
+    for (const json& finding : json::parse(outcome.out)) {
+        if (finding["subject"] == "brokers") {
+            EXPECT_EQ(finding["good"], false);
+            EXPECT_THAT(finding["text"].get<std::string>(),
+                        AllOf(HasSubstr("several modules named KRMemory"),
+                              HasSubstr("several modules named KRVideoDevice"),
+                              HasSubstr("in process " + std::to_string(first.getPid())),
+                              HasSubstr("in process " + std::to_string(second.getPid()))));
+        }
+    }
+}
+
+TEST_F(KrSystem, IsMissedByItsDoctor) {
+    const Outcome outcome = krOnDomain({"doctor"});
+    EXPECT_EQ(outcome.exitCode, 1);
+    EXPECT_THAT(outcome.out, AllOf(HasSubstr("there is no KRMemory and KRVideoDevice"),
+                                   HasSubstr("-> kr serve --broker '" + domain_.getUrl() + "'\n")));
+}
+
+} // namespace
+} // namespace KR::test

@@ -1,0 +1,122 @@
+#include "tool/command.hpp"
+
+#include "tool/registry.hpp"
+
+#include <krplatform/krerror.hpp>
+#include <krplatform/krlog.hpp>
+#include <krplatform/krtext.hpp>
+
+#include <CLI/CLI.hpp>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <new>
+
+#include <poll.h>
+#include <unistd.h>
+
+namespace KR::tool {
+
+namespace {
+
+ExitCode run(const std::function<ExitCode()>& act) {
+    setLogLevel(KRLogLevel::Warning); // verbs that host modules lower it
+    try {
+        return act();
+    } catch (const UsageError& error) {
+        printError(error.what());
+        return ExitCode::WrongUsage;
+    } catch (const KRError& error) {
+        printError(error.getDescription());
+    } catch (const std::bad_alloc&) {
+        printError("out of memory");
+    } catch (const std::exception& error) {
+        printError(error.what());
+    }
+    return ExitCode::Failed;
+}
+
+// CLI11 reports a missing argument even where an unknown one stands in its place.
+std::string explain(const CLI::App& app, const CLI::ParseError& error) {
+    const std::vector<std::string> unknown = app.remaining(true);
+    if (dynamic_cast<const CLI::RequiredError*>(&error) == nullptr || unknown.empty()) {
+        return error.what();
+    }
+    std::string command = app.get_name();
+    for (const CLI::App* at = &app; !at->get_subcommands().empty();) {
+        at = at->get_subcommands().front();
+        command += " " + at->get_name();
+    }
+    const bool isOption = unknown.front().starts_with("-");
+    return command + " has no " + (isOption ? "option " : "verb ") + "\"" + unknown.front() + "\"";
+}
+
+// CLI11 throws for --help, too.
+ExitCode handleParseError(const CLI::App& app, const CLI::ParseError& error) {
+    if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
+        app.exit(error);
+        return ExitCode::Done;
+    }
+    printError(explain(app, error));
+    std::fprintf(stderr, "See kr --help, or --help after any verb.\n");
+    return ExitCode::WrongUsage;
+}
+
+// Several lines stay several lines; everything else that controls a terminal is escaped.
+std::string escapeLines(const std::string& text) {
+    std::string escaped;
+    for (std::size_t start = 0; start <= text.size();) {
+        const std::size_t end = std::min(text.find('\n', start), text.size());
+        escaped += (start == 0 ? "" : "\n") + escapeText(text.substr(start, end - start));
+        start = end + 1;
+    }
+    return escaped;
+}
+
+} // namespace
+
+void printError(const std::string& text) {
+    std::fflush(stdout); // keeps the order of events on a terminal
+    const std::string line = "kr: " + escapeLines(text) + "\n";
+    constexpr int kPatience_ms = 1000;
+    constexpr std::size_t kPart =
+        512; // POSIX: a pipe that is ready for writing takes as much without blocking
+    for (std::size_t start = 0; start < line.size(); start += kPart) {
+        pollfd err{STDERR_FILENO, POLLOUT, 0};
+        if (::poll(&err, 1, kPatience_ms) == 0) {
+            return;
+        }
+        std::fwrite(line.data() + start, 1, std::min(kPart, line.size() - start), stderr);
+    }
+}
+
+ExitCode runCommandLine(int argc, const char* const* argv) {
+    CLI::App app("Run perception modules of robots, inspect them, and work on their images and recordings",
+                 "kr");
+    std::function<ExitCode()> chosen;
+    ExitCode code;
+    try {
+        declareAll(app, chosen);
+        app.parse(argc, argv);
+        code = run(chosen);
+    } catch (const CLI::ParseError& error) {
+        code = handleParseError(app, error);
+    } catch (const std::exception& error) {
+        printError(error.what());
+        code = ExitCode::Failed;
+    }
+    errno = 0;
+    const bool isWritten = std::fflush(stdout) == 0 && std::ferror(stdout) == 0;
+    if (!isWritten && code != ExitCode::WrongUsage) {
+        const int reason = errno; // 0: an earlier write failed
+        printError(std::string("standard output cannot be written") +
+                   (reason != 0 ? std::string(": ") + std::strerror(reason) : ""));
+        return ExitCode::Failed;
+    }
+    return code;
+}
+
+} // namespace KR::tool

@@ -1,0 +1,97 @@
+#include "tool/registry.hpp"
+
+#include <CLI/CLI.hpp>
+
+#include <exception>
+
+namespace KR::tool {
+
+namespace {
+
+/// What the words of an incomplete command line mean.
+struct ParsedWords {
+    const CLI::App* at = nullptr;            ///< the program, the group or the verb that was named last
+    const Command* command = nullptr;        ///< the verb; null until it is named
+    std::vector<std::string> arguments = {}; ///< of the verb, without options
+    std::string broker = "dds:";
+    bool needsValue = false; ///< the next word is the value of an option
+    bool isKnown = true;     ///< false: there is no such group or verb
+};
+
+ParsedWords parse(const CLI::App& app, const std::vector<std::string>& words) {
+    ParsedWords parsed;
+    parsed.at = &app;
+    std::string group;
+    const CLI::Option* wanted = nullptr; // the option whose value comes next
+    for (const std::string& word : words) {
+        if (wanted != nullptr) {
+            if (wanted->check_lname("broker")) {
+                parsed.broker = word;
+            }
+            wanted = nullptr;
+        } else if (word.starts_with("-")) {
+            const auto equals = word.find('=');
+            const CLI::Option* option = parsed.at->get_option_no_throw(word.substr(0, equals));
+            if (option != nullptr && equals != std::string::npos && option->check_lname("broker")) {
+                parsed.broker = word.substr(equals + 1);
+            } else if (option != nullptr && equals == std::string::npos && option->get_expected_max() > 0) {
+                wanted = option;
+            }
+        } else if (parsed.command != nullptr) {
+            parsed.arguments.push_back(word);
+        } else {
+            const auto named =
+                parsed.at->get_subcommands([&](const CLI::App* each) { return each->get_name() == word; });
+            if (named.empty()) {
+                parsed.isKnown = false;
+                return parsed;
+            }
+            const auto& verbs = getGroups()[group].commands;
+            const auto found = verbs.find(word);
+            if (found != verbs.end()) {
+                parsed.command = &found->second;
+            } else {
+                group = word;
+            }
+            parsed.at = named.front();
+        }
+    }
+    parsed.needsValue = wanted != nullptr;
+    return parsed;
+}
+
+} // namespace
+
+std::vector<std::string> completeCommandLine(const std::vector<std::string>& words,
+                                             const std::string& prefix) {
+    CLI::App app;
+    std::function<ExitCode()> chosen;
+    declareAll(app, chosen);
+    const ParsedWords parsed = parse(app, words);
+    std::vector<std::string> candidates;
+    if (!parsed.isKnown || parsed.needsValue) { // the value of an option is a file, or cannot be known
+        return candidates;
+    }
+    if (prefix.starts_with("-")) {
+        for (const CLI::Option* option : parsed.at->get_options()) {
+            for (const std::string& name : option->get_lnames()) {
+                candidates.push_back("--" + name);
+            }
+        }
+    } else if (parsed.command == nullptr) {
+        for (const CLI::App* next : parsed.at->get_subcommands([](const CLI::App*) { return true; })) {
+            if (!next->get_group().empty()) { // hidden verbs have none
+                candidates.push_back(next->get_name());
+            }
+        }
+    } else if (parsed.command->complete) {
+        try {
+            candidates = parsed.command->complete(parsed.arguments, parsed.broker);
+        } catch (const std::exception&) { // nobody answers who would know
+        }
+    }
+    std::erase_if(candidates, [&](const std::string& candidate) { return !candidate.starts_with(prefix); });
+    return candidates;
+}
+
+} // namespace KR::tool
