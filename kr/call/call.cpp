@@ -8,8 +8,7 @@
 
 #include <krplatform/krerror.hpp>
 
-#include <CLI/CLI.hpp>
-
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -22,20 +21,19 @@ struct Options {
     Domain domain;
     std::string module;
     std::string method;
-    const CLI::App* verb = nullptr; // has the arguments of the method
+    std::function<std::vector<std::string>()> getArguments;
 
-    void declare(CLI::App& app) {
-        app.add_option("MODULE", module, "name of the module")->required();
-        app.add_option("METHOD", method, "name of the method; kr module info lists them")->required();
-        app.allow_extras(); // CLI11 would split "[1, 2]" for an option that takes several values
-        domain.declare(app);
-        verb = &app;
+    void declare(Arguments& arguments) {
+        arguments.add("MODULE", module, "name of the module").required();
+        arguments.add("METHOD", method, "name of the method; kr module info lists them").required();
+        getArguments = arguments.acceptMore(); // an argument that takes several values would split "[1, 2]"
+        domain.declare(arguments);
     }
 };
 
 ExitCode call(const Options& options) {
     std::vector<KRValue> arguments;
-    for (const std::string& argument : options.verb->remaining()) {
+    for (const std::string& argument : options.getArguments()) {
         if (argument.starts_with("--")) {
             throw UsageError("there is no option " + argument + "; a string of that kind needs quotes: '\"" +
                              argument + "\"'");

@@ -3,7 +3,6 @@
 #include "tool/colorspace.hpp"
 #include "tool/command.hpp"
 #include "tool/interruption.hpp"
-#include "tool/number.hpp"
 #ifdef KR_WITH_DDS
 #include "system/domain.hpp"
 #endif
@@ -11,8 +10,6 @@
 #include <krplatform/krerror.hpp>
 #include <krplatform/krlog.hpp>
 #include <krvision/krvisiondefinitions.hpp>
-
-#include <CLI/CLI.hpp>
 
 #include <charconv>
 #include <map>
@@ -54,14 +51,12 @@ KRModuleHandle<KRVideoDevice> makeService(const boost::shared_ptr<KRBroker>& bro
 
 } // namespace
 
-void SourceOptions::declare(CLI::App& app) {
-    app.add_option("--camera", cameras,
-                   "N=SOURCE: source of camera N, such as 0=test:smpte, 1=file:a.mp4 or 0=v4l2:/dev/video0; "
-                   "may be repeated "
-                   "(default: 0=test)")
-        ->take_all()
-        ->expected(1)
-        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+void SourceOptions::declare(Arguments& arguments) {
+    arguments
+        .add("--camera", cameras,
+             "N=SOURCE: source of camera N, such as 0=test:smpte, 1=file:a.mp4 or 0=v4l2:/dev/video0; may be "
+             "repeated (default: 0=test)")
+        .repeatable();
 }
 
 std::vector<std::string> SourceOptions::readSources() const {
@@ -90,13 +85,14 @@ std::vector<std::string> SourceOptions::readSources() const {
     return list;
 }
 
-void ServiceOptions::declare(CLI::App& app) {
-    own.declare(app);
+void ServiceOptions::declare(Arguments& arguments) {
+    own.declare(arguments);
 #ifdef KR_WITH_DDS
-    app.add_option("--broker", broker,
-                   "address of brokers with a camera service, such as dds:; instead of --camera")
-        ->type_name("URL")
-        ->excludes("--camera");
+    arguments
+        .add("--broker", broker,
+             "address of brokers with a camera service, such as dds:; instead of --camera")
+        .valueName("URL")
+        .excludes("--camera");
 #endif
 }
 
@@ -116,15 +112,14 @@ void Cameras::require(int camera) const {
     }
 }
 
-void CameraOptions::declare(CLI::App& app) {
-    app.add_option("N", number, "camera number")->required()->transform(wholeNumber(0));
-    service.declare(app);
+void CameraOptions::declare(Arguments& arguments) {
+    arguments.add("N", number, "camera number").required().wholeNumber(0);
+    service.declare(arguments);
 }
 
-void GeometryOptions::declare(CLI::App& app) {
-    app.add_option("--resolution", resolution, "WIDTHxHEIGHT, the size of a resolution code")
-        ->capture_default_str();
-    app.add_option("--color-space", colorSpace, listColorSpaces())->capture_default_str();
+void GeometryOptions::declare(Arguments& arguments) {
+    arguments.add("--resolution", resolution, "WIDTHxHEIGHT, the size of a resolution code").showDefault();
+    arguments.add("--color-space", colorSpace, listColorSpaces()).showDefault();
 }
 
 int GeometryOptions::getResolution() const {

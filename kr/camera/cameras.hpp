@@ -11,19 +11,16 @@
 #include <string>
 #include <vector>
 
-namespace CLI {
-class App;
-}
-
 namespace KR::tool {
 
+class Arguments;
 class Interruption;
 
 /// The option `--camera N=SOURCE` of a verb.
 struct SourceOptions {
     std::vector<std::string> cameras; ///< as given
 
-    void declare(CLI::App& app);
+    void declare(Arguments& arguments);
     /// One source per camera, in the order of their numbers; "test" alone if none was given.
     /// \throws UsageError an option is malformed, or a number is missing or given twice
     std::vector<std::string> readSources() const;
@@ -34,7 +31,7 @@ struct ServiceOptions {
     SourceOptions own;
     std::string broker; ///< "" for a service of its own
 
-    void declare(CLI::App& app);
+    void declare(Arguments& arguments);
 };
 
 /// One of these cameras: the argument N.
@@ -42,7 +39,7 @@ struct CameraOptions {
     ServiceOptions service;
     int number = 0;
 
-    void declare(CLI::App& app);
+    void declare(Arguments& arguments);
 };
 
 /// A camera service: one in this process, or the one that the brokers at the address have.
@@ -70,7 +67,7 @@ struct GeometryOptions {
     std::string resolution = "640x480";
     std::string colorSpace = "yuv422";
 
-    void declare(CLI::App& app);
+    void declare(Arguments& arguments);
     /// \throws UsageError it is not the size of a resolution code
     int getResolution() const;
     /// \throws UsageError it is not supported

@@ -7,8 +7,6 @@
 #include <krplatform/krtext.hpp>
 #include <krvision/krvisiondefinitions.hpp>
 
-#include <CLI/CLI.hpp>
-
 #include <algorithm>
 #include <cerrno>
 #include <climits>
@@ -28,15 +26,14 @@ struct Options {
     std::vector<std::string> settings;
     bool json = false;
 
-    void declare(CLI::App& app) {
-        camera.declare(app);
-        app.add_option(
-               "--set", settings,
-               "ID=VALUE: value of a control, by its number or name, to set before they are listed; may be "
-               "repeated")
-            ->expected(1)
-            ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
-        app.add_flag("--json", json, "output as a JSON array with an object per control");
+    void declare(Arguments& arguments) {
+        camera.declare(arguments);
+        arguments
+            .add("--set", settings,
+                 "ID=VALUE: value of a control, by its number or name, to set before they are listed; may be "
+                 "repeated")
+            .repeatable();
+        arguments.addFlag("--json", json, "output as a JSON array with an object per control");
     }
 };
 

@@ -7,8 +7,6 @@
 #include <krplatform/krtext.hpp>
 #include <krvision/krvisiondefinitions.hpp>
 
-#include <CLI/CLI.hpp>
-
 #include <cstdio>
 
 namespace KR::tool {
@@ -19,9 +17,9 @@ struct Options {
     CameraOptions camera;
     bool json = false;
 
-    void declare(CLI::App& app) {
-        camera.declare(app);
-        app.add_flag("--json", json, "output as a JSON object");
+    void declare(Arguments& arguments) {
+        camera.declare(arguments);
+        arguments.addFlag("--json", json, "output as a JSON object");
     }
 };
 

@@ -6,8 +6,6 @@
 
 #include <krplatform/krtext.hpp>
 
-#include <CLI/CLI.hpp>
-
 #include <cstdio>
 
 namespace KR::tool {
@@ -18,9 +16,9 @@ struct Options {
     ServiceOptions service;
     bool json = false;
 
-    void declare(CLI::App& app) {
-        service.declare(app);
-        app.add_flag("--json", json, "output as a JSON array with an object per camera");
+    void declare(Arguments& arguments) {
+        service.declare(arguments);
+        arguments.addFlag("--json", json, "output as a JSON array with an object per camera");
     }
 };
 

@@ -4,7 +4,6 @@
 #include "camera/silence.hpp"
 #include "tool/command.hpp"
 #include "tool/interruption.hpp"
-#include "tool/number.hpp"
 #include "tool/outputfile.hpp"
 #include "tool/progress.hpp"
 
@@ -12,8 +11,6 @@
 #include <krvision/kroxvfile.hpp>
 #include <krvision/krvideo.hpp>
 #include <krvision/krvisiondefinitions.hpp>
-
-#include <CLI/CLI.hpp>
 
 #include <chrono>
 #include <cstdint>
@@ -34,20 +31,21 @@ constexpr double kLongest_s = 1e7; // some months
 struct Options {
     ServiceOptions service;
     GeometryOptions geometry;
-    std::vector<std::string> arguments; // cameras, then the file
+    std::vector<std::string> words; // camera numbers, then the file
     double seconds = 0;
 
-    void declare(CLI::App& app) {
-        app.add_option("N... OUT", arguments,
-                       "camera numbers, each a stream of the recording, and a file that ends in .oxv; an "
-                       "existing one "
-                       "is replaced")
-            ->required();
-        app.add_option("--seconds", seconds, "duration; Ctrl-C ends it earlier")
-            ->required()
-            ->check(realNumber(0.01, kLongest_s));
-        geometry.declare(app);
-        service.declare(app);
+    void declare(Arguments& arguments) {
+        arguments
+            .add("N... OUT", words,
+                 "camera numbers, each a stream of the recording, and a file that ends in .oxv; an "
+                 "existing one "
+                 "is replaced")
+            .required();
+        arguments.add("--seconds", seconds, "duration; Ctrl-C ends it earlier")
+            .required()
+            .realNumber(0.01, kLongest_s);
+        geometry.declare(arguments);
+        service.declare(arguments);
     }
 };
 
@@ -150,10 +148,10 @@ std::vector<int> readCameras(const Cameras& cameras, const std::vector<std::stri
 
 ExitCode record(const Options& options) {
     Interruption interruption;
-    if (options.arguments.size() < 2) {
+    if (options.words.size() < 2) {
         throw UsageError("expected cameras and a file: kr camera record 0 out.oxv --seconds 5");
     }
-    const std::string& path = options.arguments.back();
+    const std::string& path = options.words.back();
     if (getExtension(path) != ".oxv") {
         throw UsageError(path + ": the name of a recording ends in .oxv");
     }
@@ -171,7 +169,7 @@ ExitCode record(const Options& options) {
         throw UsageError("--color-space " + options.geometry.colorSpace + ": a recording cannot hold that");
     }
     Cameras cameras(options.service);
-    const std::vector<int> numbers = readCameras(cameras, options.arguments);
+    const std::vector<int> numbers = readCameras(cameras, options.words);
     OutputFile out(path, "");
     Subscriptions subscriptions;
     for (const int number : numbers) {

@@ -5,8 +5,6 @@
 #include "tool/command.hpp"
 #include "tool/outputfile.hpp"
 
-#include <CLI/CLI.hpp>
-
 #include <string>
 
 namespace KR::tool {
@@ -18,11 +16,11 @@ struct Options {
     GeometryOptions geometry;
     std::string out;
 
-    void declare(CLI::App& app) {
-        camera.declare(app);
-        app.add_option("OUT", out, "file that ends in .oxi, .ppm, .png or .jpg; an existing one is replaced")
-            ->required();
-        geometry.declare(app);
+    void declare(Arguments& arguments) {
+        camera.declare(arguments);
+        arguments.add("OUT", out, "file that ends in .oxi, .ppm, .png or .jpg; an existing one is replaced")
+            .required();
+        geometry.declare(arguments);
     }
 };
 

@@ -4,14 +4,11 @@
 #include "tool/command.hpp"
 #include "tool/format.hpp"
 #include "tool/interruption.hpp"
-#include "tool/number.hpp"
 #include "tool/output.hpp"
 
 #include <krplatform/krerror.hpp>
 #include <krplatform/krtext.hpp>
 #include <krplatform/krthread.hpp>
-
-#include <CLI/CLI.hpp>
 
 #include <atomic>
 #include <chrono>
@@ -33,11 +30,10 @@ struct Options {
     GeometryOptions geometry;
     double seconds = 0;
 
-    void declare(CLI::App& app) {
-        app.add_option("--seconds", seconds, "duration (default: until Ctrl-C)")
-            ->check(realNumber(0.01, kLongest_s));
-        geometry.declare(app);
-        service.declare(app);
+    void declare(Arguments& arguments) {
+        arguments.add("--seconds", seconds, "duration (default: until Ctrl-C)").realNumber(0.01, kLongest_s);
+        geometry.declare(arguments);
+        service.declare(arguments);
     }
 };
 

@@ -5,11 +5,8 @@
 #include "tool/command.hpp"
 #include "tool/format.hpp"
 #include "tool/interruption.hpp"
-#include "tool/number.hpp"
 #include "tool/output.hpp"
 #include "tool/timestamp.hpp"
-
-#include <CLI/CLI.hpp>
 
 #include <cstdint>
 #include <memory>
@@ -24,12 +21,12 @@ struct Options {
     GeometryOptions geometry;
     int frames = 0;
 
-    void declare(CLI::App& app) {
-        camera.declare(app);
-        app.add_option("--frames", frames, "number of images to wait for; 0: until Ctrl-C")
-            ->transform(wholeNumber(0))
-            ->capture_default_str();
-        geometry.declare(app);
+    void declare(Arguments& arguments) {
+        camera.declare(arguments);
+        arguments.add("--frames", frames, "number of images to wait for; 0: until Ctrl-C")
+            .wholeNumber(0)
+            .showDefault();
+        geometry.declare(arguments);
     }
 };
 

@@ -2,8 +2,6 @@
 
 #include "tool/command.hpp"
 
-#include <CLI/CLI.hpp>
-
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -15,9 +13,9 @@ namespace {
 struct Options {
     std::vector<std::string> words;
 
-    void declare(CLI::App& verb) {
-        verb.add_option("WORDS", words, "words after kr; the last one may be incomplete, or \"\"");
-        verb.group(""); // hidden
+    void declare(Arguments& arguments) {
+        arguments.add("WORDS", words, "words after kr; the last one may be incomplete, or \"\"");
+        arguments.hide();
     }
 };
 

@@ -2,8 +2,6 @@
 
 #include "tool/command.hpp"
 
-#include <CLI/CLI.hpp>
-
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -47,10 +45,8 @@ complete -c kr -a '(__kr_complete)'
 struct Options {
     std::string shell;
 
-    void declare(CLI::App& verb) {
-        verb.add_option("SHELL", shell, "bash, zsh or fish")
-            ->required()
-            ->check(CLI::IsMember({"bash", "zsh", "fish"}));
+    void declare(Arguments& arguments) {
+        arguments.add("SHELL", shell, "bash, zsh or fish").required().oneOf({"bash", "zsh", "fish"});
     }
 };
 

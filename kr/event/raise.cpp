@@ -5,8 +5,6 @@
 #include "system/valuejson.hpp"
 #include "tool/command.hpp"
 
-#include <CLI/CLI.hpp>
-
 #include <string>
 
 namespace KR::tool {
@@ -18,10 +16,10 @@ struct Options {
     std::string event;
     std::string value = "null";
 
-    void declare(CLI::App& verb) {
-        verb.add_option("EVENT", event, "name of the event")->required();
-        verb.add_option("VALUE", value, "JSON; a word that is not JSON is a string (default: null)");
-        domain.declare(verb);
+    void declare(Arguments& arguments) {
+        arguments.add("EVENT", event, "name of the event").required();
+        arguments.add("VALUE", value, "JSON; a word that is not JSON is a string (default: null)");
+        domain.declare(arguments);
     }
 };
 

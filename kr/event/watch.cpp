@@ -7,13 +7,10 @@
 #include "tool/command.hpp"
 #include "tool/interruption.hpp"
 #include "tool/json.hpp"
-#include "tool/number.hpp"
 #include "tool/output.hpp"
 
 #include <krplatform/krmutex.hpp>
 #include <krplatform/krtext.hpp>
-
-#include <CLI/CLI.hpp>
 
 #include <chrono>
 #include <cstdint>
@@ -30,11 +27,10 @@ struct Options {
     std::vector<std::string> events;
     int count = 0;
 
-    void declare(CLI::App& verb) {
-        verb.add_option("EVENTS", events, "names of events")->required();
-        verb.add_option("--count", count, "number of events to print before it ends")
-            ->transform(wholeNumber(1));
-        domain.declare(verb);
+    void declare(Arguments& arguments) {
+        arguments.add("EVENTS", events, "names of events").required();
+        arguments.add("--count", count, "number of events to print before it ends").wholeNumber(1);
+        domain.declare(arguments);
     }
 };
 

@@ -6,12 +6,9 @@
 #include "tool/format.hpp"
 #include "tool/interruption.hpp"
 #include "tool/json.hpp"
-#include "tool/number.hpp"
 #include "tool/output.hpp"
 
 #include <krplatform/krtext.hpp>
-
-#include <CLI/CLI.hpp>
 
 #include <algorithm>
 #include <chrono>
@@ -29,14 +26,13 @@ struct Options {
     int count = 0;
     bool json = false;
 
-    void declare(CLI::App& verb) {
-        verb.add_option("--interval", interval_s, "seconds between two tables")
-            ->check(realNumber(0.05, 3600))
-            ->capture_default_str();
-        verb.add_option("--count", count, "number of tables to print before it ends")
-            ->transform(wholeNumber(1));
-        verb.add_flag("--json", json, "output each table as a JSON array");
-        domain.declare(verb);
+    void declare(Arguments& arguments) {
+        arguments.add("--interval", interval_s, "seconds between two tables")
+            .realNumber(0.05, 3600)
+            .showDefault();
+        arguments.add("--count", count, "number of tables to print before it ends").wholeNumber(1);
+        arguments.addFlag("--json", json, "output each table as a JSON array");
+        domain.declare(arguments);
     }
 };
 

@@ -4,13 +4,10 @@
 #include "image/pictureconversion.hpp"
 #include "tool/colorspace.hpp"
 #include "tool/command.hpp"
-#include "tool/number.hpp"
 #include "tool/outputfile.hpp"
 
 #include <krvision/kroxifile.hpp>
 #include <krvision/krvisiondefinitions.hpp>
-
-#include <CLI/CLI.hpp>
 
 #include <string>
 
@@ -24,16 +21,14 @@ struct Options {
     std::string colorSpace;
     int quality = 90;
 
-    void declare(CLI::App& app) {
-        app.add_option("IN", in, "oxi, ppm, pgm, png or jpeg file")->required();
-        app.add_option("OUT", out, "file that ends in .oxi, .ppm, .png or .jpg; an existing one is replaced")
-            ->required();
-        app.add_option("--color-space", colorSpace,
-                       "colour space of an oxi file: " + listColorSpaces() +
-                           " (default: yuv422, or luma for a grey picture)");
-        app.add_option("--quality", quality, "quality of a jpeg, 1 to 100")
-            ->transform(wholeNumber(1, 100))
-            ->capture_default_str();
+    void declare(Arguments& arguments) {
+        arguments.add("IN", in, "oxi, ppm, pgm, png or jpeg file").required();
+        arguments.add("OUT", out, "file that ends in .oxi, .ppm, .png or .jpg; an existing one is replaced")
+            .required();
+        arguments.add("--color-space", colorSpace,
+                      "colour space of an oxi file: " + listColorSpaces() +
+                          " (default: yuv422, or luma for a grey picture)");
+        arguments.add("--quality", quality, "quality of a jpeg, 1 to 100").wholeNumber(1, 100).showDefault();
     }
 };
 

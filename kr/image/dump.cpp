@@ -5,8 +5,6 @@
 #include <krvision/krimage.hpp>
 #include <krvision/kroxifile.hpp>
 
-#include <CLI/CLI.hpp>
-
 #include <algorithm>
 #include <cstdio>
 #include <string>
@@ -18,7 +16,7 @@ namespace {
 struct Options {
     std::string file;
 
-    void declare(CLI::App& app) { app.add_option("FILE", file, "oxi file")->required(); }
+    void declare(Arguments& arguments) { arguments.add("FILE", file, "oxi file").required(); }
 };
 
 ExitCode dump(const Options& options) {

@@ -8,8 +8,6 @@
 
 #include <krvision/kroxifile.hpp>
 
-#include <CLI/CLI.hpp>
-
 #include <cstdio>
 #include <exception>
 #include <filesystem>
@@ -25,9 +23,9 @@ struct Options {
     std::vector<std::string> files;
     bool json = false;
 
-    void declare(CLI::App& app) {
-        app.add_option("FILE", files, "oxi, ppm, pgm, png or jpeg files")->required();
-        app.add_flag("--json", json, "output as a JSON array with an object per file");
+    void declare(Arguments& arguments) {
+        arguments.add("FILE", files, "oxi, ppm, pgm, png or jpeg files").required();
+        arguments.addFlag("--json", json, "output as a JSON array with an object per file");
     }
 };
 

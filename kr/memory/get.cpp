@@ -6,8 +6,6 @@
 #include "tool/command.hpp"
 #include "tool/json.hpp"
 
-#include <CLI/CLI.hpp>
-
 #include <string>
 
 namespace KR::tool {
@@ -18,9 +16,9 @@ struct Options {
     Domain domain;
     std::string key;
 
-    void declare(CLI::App& verb) {
-        verb.add_option("KEY", key, "key of the value")->required();
-        domain.declare(verb);
+    void declare(Arguments& arguments) {
+        arguments.add("KEY", key, "key of the value").required();
+        domain.declare(arguments);
     }
 };
 

@@ -5,8 +5,6 @@
 #include "tool/command.hpp"
 #include "tool/json.hpp"
 
-#include <CLI/CLI.hpp>
-
 #include <string>
 
 namespace KR::tool {
@@ -18,10 +16,10 @@ struct Options {
     std::string prefix;
     bool json = false;
 
-    void declare(CLI::App& verb) {
-        verb.add_option("PREFIX", prefix, "beginning of the keys; all keys without it");
-        verb.add_flag("--json", json, "output as a JSON array");
-        domain.declare(verb);
+    void declare(Arguments& arguments) {
+        arguments.add("PREFIX", prefix, "beginning of the keys; all keys without it");
+        arguments.addFlag("--json", json, "output as a JSON array");
+        domain.declare(arguments);
     }
 };
 

@@ -5,8 +5,6 @@
 #include "system/valuejson.hpp"
 #include "tool/command.hpp"
 
-#include <CLI/CLI.hpp>
-
 #include <string>
 
 namespace KR::tool {
@@ -18,10 +16,10 @@ struct Options {
     std::string key;
     std::string value;
 
-    void declare(CLI::App& verb) {
-        verb.add_option("KEY", key, "key of the value")->required();
-        verb.add_option("VALUE", value, "JSON; a word that is not JSON is a string")->required();
-        domain.declare(verb);
+    void declare(Arguments& arguments) {
+        arguments.add("KEY", key, "key of the value").required();
+        arguments.add("VALUE", value, "JSON; a word that is not JSON is a string").required();
+        domain.declare(arguments);
     }
 };
 

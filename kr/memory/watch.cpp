@@ -6,12 +6,9 @@
 #include "tool/command.hpp"
 #include "tool/interruption.hpp"
 #include "tool/json.hpp"
-#include "tool/number.hpp"
 #include "tool/output.hpp"
 
 #include <krplatform/krtext.hpp>
-
-#include <CLI/CLI.hpp>
 
 #include <chrono>
 #include <map>
@@ -26,12 +23,12 @@ struct Options {
     std::string prefix;
     int interval_ms = 200;
 
-    void declare(CLI::App& verb) {
-        verb.add_option("PREFIX", prefix, "beginning of the keys; all keys without it");
-        verb.add_option("--interval", interval_ms, "milliseconds between two readings")
-            ->transform(wholeNumber(10, 3600000))
-            ->capture_default_str();
-        domain.declare(verb);
+    void declare(Arguments& arguments) {
+        arguments.add("PREFIX", prefix, "beginning of the keys; all keys without it");
+        arguments.add("--interval", interval_ms, "milliseconds between two readings")
+            .wholeNumber(10, 3600000)
+            .showDefault();
+        domain.declare(arguments);
     }
 };
 

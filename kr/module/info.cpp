@@ -8,8 +8,6 @@
 #include <krplatform/krmodule.hpp>
 #include <krplatform/krtext.hpp>
 
-#include <CLI/CLI.hpp>
-
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -23,10 +21,10 @@ struct Options {
     std::string module;
     bool json = false;
 
-    void declare(CLI::App& verb) {
-        verb.add_option("MODULE", module, "name of the module")->required();
-        verb.add_flag("--json", json, "output as JSON");
-        domain.declare(verb);
+    void declare(Arguments& arguments) {
+        arguments.add("MODULE", module, "name of the module").required();
+        arguments.addFlag("--json", json, "output as JSON");
+        domain.declare(arguments);
     }
 };
 

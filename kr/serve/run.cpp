@@ -8,8 +8,6 @@
 
 #include <krplatform/krlog.hpp>
 
-#include <CLI/CLI.hpp>
-
 #include <string>
 
 namespace KR::tool {
@@ -21,10 +19,10 @@ struct Options {
     std::string path;
     std::string name;
 
-    void declare(CLI::App& verb) {
-        verb.add_option("MODULE", path, "library that contains KR_REGISTER_MODULE")->required();
-        verb.add_option("--name", name, "name of the module (default: that of its class)");
-        domain.declare(verb);
+    void declare(Arguments& arguments) {
+        arguments.add("MODULE", path, "library that contains KR_REGISTER_MODULE").required();
+        arguments.add("--name", name, "name of the module (default: that of its class)");
+        domain.declare(arguments);
     }
 };
 

@@ -11,8 +11,6 @@
 
 #include <krplatform/krlog.hpp>
 
-#include <CLI/CLI.hpp>
-
 #include <string>
 #include <vector>
 
@@ -25,13 +23,12 @@ struct Options {
     SourceOptions cameras;
     std::vector<std::string> libraries;
 
-    void declare(CLI::App& verb) {
-        cameras.declare(verb);
-        verb.add_option("--run", libraries, "module library to host too")
-            ->type_name("[NAME=]MODULE.so")
-            ->expected(1)
-            ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
-        domain.declare(verb);
+    void declare(Arguments& arguments) {
+        cameras.declare(arguments);
+        arguments.add("--run", libraries, "module library to host too")
+            .valueName("[NAME=]MODULE.so")
+            .repeatable();
+        domain.declare(arguments);
     }
 };
 

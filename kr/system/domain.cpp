@@ -1,18 +1,17 @@
 #include "system/domain.hpp"
 
+#include "tool/arguments.hpp"
+
 #include <krdds/krdds.hpp>
 
 #include <krplatform/krerror.hpp>
 
-#include <CLI/CLI.hpp>
-
 namespace KR::tool {
 
-void Domain::declare(CLI::App& verb) {
-    verb.add_option("--broker", url_,
-                    "address of the broker: dds: with options, see docs/several-machines.md")
-        ->type_name("URL")
-        ->capture_default_str();
+void Domain::declare(Arguments& arguments) {
+    arguments.add("--broker", url_, "address of the broker: dds: with options, see docs/several-machines.md")
+        .valueName("URL")
+        .showDefault();
 }
 
 bool Domain::saysWhereMemoryIs() const {
@@ -23,9 +22,9 @@ boost::shared_ptr<KRBroker> Domain::connect() const {
     return connectTo(url_);
 }
 
-void ListOptions::declare(CLI::App& verb) {
-    verb.add_flag("--json", json, "output as JSON");
-    domain.declare(verb);
+void ListOptions::declare(Arguments& arguments) {
+    arguments.addFlag("--json", json, "output as JSON");
+    domain.declare(arguments);
 }
 
 boost::shared_ptr<KRBroker> connectTo(const std::string& url) {

@@ -8,11 +8,9 @@
 #include <chrono>
 #include <string>
 
-namespace CLI {
-class App;
-}
-
 namespace KR::tool {
+
+class Arguments;
 
 /// The brokers that a verb talks to, by its option --broker.
 class Domain {
@@ -21,7 +19,7 @@ public:
     /// How long a verb waits for a module.
     static constexpr std::chrono::seconds kPatience{5};
 
-    void declare(CLI::App& verb);
+    void declare(Arguments& arguments);
     const std::string& getUrl() const noexcept { return url_; }
     /// Whether the address says whether the memory module runs here. \throws KRError the address is malformed
     bool saysWhereMemoryIs() const;
@@ -38,7 +36,7 @@ struct ListOptions {
     Domain domain;
     bool json = false;
 
-    void declare(CLI::App& verb);
+    void declare(Arguments& arguments);
 };
 
 /// Makes a broker of this process at the address. \throws KRError the address is malformed or unusable

@@ -1,15 +1,13 @@
 #pragma once
 
+#include "tool/arguments.hpp"
+
 #include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
-
-namespace CLI {
-class App;
-}
 
 namespace KR::tool {
 
@@ -29,7 +27,7 @@ using Completer = std::function<std::vector<std::string>(const std::vector<std::
 
 /// One verb of the command line, `kr GROUP NAME`, or `kr NAME` if the group is "".
 ///
-/// Options is a default-constructible type with `void declare(CLI::App&)`, which adds its members to the command line
+/// Options is a default-constructible type with `void declare(Arguments&)`, which adds its members to the command line
 /// as options of the verb. Objects of it stay where they are.
 ///
 /// Results go to standard output, everything else to standard error. A verb that lists something takes `--json` too
@@ -54,7 +52,7 @@ struct Command {
     std::string summary;
     std::string example;
     /// Adds the options to the verb's part of the command line. \return what the verb does
-    std::function<std::function<ExitCode()>(CLI::App&)> declare;
+    std::function<std::function<ExitCode()>(Arguments&)> declare;
     Completer complete;
 };
 
@@ -63,9 +61,9 @@ class VerbRegistration {
 public:
     template <class Options>
     explicit VerbRegistration(Verb<Options> verb) {
-        const auto declare = [run = verb.run](CLI::App& app) -> std::function<ExitCode()> {
+        const auto declare = [run = verb.run](Arguments& arguments) -> std::function<ExitCode()> {
             const auto options = std::make_shared<Options>();
-            options->declare(app);
+            options->declare(arguments);
             return [options, run] { return run(*options); };
         };
         add({std::move(verb.group), std::move(verb.name), std::move(verb.summary), std::move(verb.example),

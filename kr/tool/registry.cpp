@@ -42,7 +42,8 @@ void declareAll(CLI::App& app, std::function<ExitCode()>& chosen) {
         for (const auto& [verbName, command] : group.commands) {
             CLI::App* verb = verbs->add_subcommand(verbName, command.summary);
             verb->footer("Example:\n" + command.example);
-            verb->callback([&chosen, run = command.declare(*verb)] { chosen = run; });
+            Arguments arguments(*verb);
+            verb->callback([&chosen, run = command.declare(arguments)] { chosen = run; });
         }
     }
 }

@@ -2,7 +2,6 @@
 
 #include "image/picture.hpp"
 #include "tool/command.hpp"
-#include "tool/number.hpp"
 #include "tool/outputfile.hpp"
 #include "video/copy.hpp"
 #include "video/filmreader.hpp"
@@ -12,8 +11,6 @@
 #include <krvision/kroxvfile.hpp>
 #include <krvision/krvideo.hpp>
 #include <krvision/krvisiondefinitions.hpp>
-
-#include <CLI/CLI.hpp>
 
 #include <algorithm>
 #include <limits>
@@ -34,21 +31,19 @@ struct Options {
     std::string codec;
     std::string size = "640x480";
 
-    void declare(CLI::App& app) {
-        app.add_option("IN", in, "oxv file, or a video file that GStreamer can decode")->required();
-        app.add_option(
-               "OUT", out,
-               "file that ends in .mkv or .mp4, in .y4m, in .png, .ppm or .jpg for a picture of each frame "
-               "(its number replaces %d or %06d, or precedes the extension), or in .oxv")
-            ->required();
-        app.add_option("--stream", stream, "stream number (default: 0; to oxv, all streams)")
-            ->transform(wholeNumber(0));
-        app.add_option("--from", from, "first frame (default: 0)")->transform(wholeNumber(0));
-        app.add_option("--to", to, "last frame (default: the last one of the recording)")
-            ->transform(wholeNumber(0));
-        app.add_option("--codec", codec, "codec of " + listFilmFormats() + " (default: the first one)");
-        app.add_option("--size", size, "size of a recording of a video file: 160x120, 320x240 or 640x480")
-            ->capture_default_str();
+    void declare(Arguments& arguments) {
+        arguments.add("IN", in, "oxv file, or a video file that GStreamer can decode").required();
+        arguments
+            .add("OUT", out,
+                 "file that ends in .mkv or .mp4, in .y4m, in .png, .ppm or .jpg for a picture of each frame "
+                 "(its number replaces %d or %06d, or precedes the extension), or in .oxv")
+            .required();
+        arguments.add("--stream", stream, "stream number (default: 0; to oxv, all streams)").wholeNumber(0);
+        arguments.add("--from", from, "first frame (default: 0)").wholeNumber(0);
+        arguments.add("--to", to, "last frame (default: the last one of the recording)").wholeNumber(0);
+        arguments.add("--codec", codec, "codec of " + listFilmFormats() + " (default: the first one)");
+        arguments.add("--size", size, "size of a recording of a video file: 160x120, 320x240 or 640x480")
+            .showDefault();
     }
 };
 

@@ -4,8 +4,6 @@
 #include "tool/json.hpp"
 #include "video/diagnosis.hpp"
 
-#include <CLI/CLI.hpp>
-
 #include <cstdio>
 #include <memory>
 
@@ -17,9 +15,9 @@ struct Options {
     std::string file;
     bool json = false;
 
-    void declare(CLI::App& app) {
-        app.add_option("FILE", file, "oxv file")->required();
-        app.add_flag("--json", json, "output as a JSON array with an object per problem");
+    void declare(Arguments& arguments) {
+        arguments.add("FILE", file, "oxv file").required();
+        arguments.addFlag("--json", json, "output as a JSON array with an object per problem");
     }
 };
 

@@ -2,11 +2,8 @@
 
 #include "image/imagefile.hpp"
 #include "tool/command.hpp"
-#include "tool/number.hpp"
 #include "tool/outputfile.hpp"
 #include "video/frames.hpp"
-
-#include <CLI/CLI.hpp>
 
 #include <string>
 
@@ -20,12 +17,12 @@ struct Options {
     std::uint64_t frame = 0;
     std::size_t stream = 0;
 
-    void declare(CLI::App& app) {
-        app.add_option("FILE", file, "oxv file")->required();
-        app.add_option("--frame", frame, "frame number, from 0")->required()->transform(wholeNumber(0));
-        app.add_option("--stream", stream, "stream number")->transform(wholeNumber(0))->capture_default_str();
-        app.add_option("OUT", out, "file that ends in .png, .ppm, .jpg or .oxi; an existing one is replaced")
-            ->required();
+    void declare(Arguments& arguments) {
+        arguments.add("FILE", file, "oxv file").required();
+        arguments.add("--frame", frame, "frame number, from 0").required().wholeNumber(0);
+        arguments.add("--stream", stream, "stream number").wholeNumber(0).showDefault();
+        arguments.add("OUT", out, "file that ends in .png, .ppm, .jpg or .oxi; an existing one is replaced")
+            .required();
     }
 };
 

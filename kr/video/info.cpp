@@ -9,8 +9,6 @@
 
 #include <krvision/kroxvfile.hpp>
 
-#include <CLI/CLI.hpp>
-
 #include <algorithm>
 #include <cstdio>
 #include <memory>
@@ -23,9 +21,9 @@ struct Options {
     std::string file;
     bool json = false;
 
-    void declare(CLI::App& app) {
-        app.add_option("FILE", file, "oxv file")->required();
-        app.add_flag("--json", json, "output as a JSON object with all gaps and jumps");
+    void declare(Arguments& arguments) {
+        arguments.add("FILE", file, "oxv file").required();
+        arguments.addFlag("--json", json, "output as a JSON object with all gaps and jumps");
     }
 };
 

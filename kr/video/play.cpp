@@ -1,12 +1,9 @@
 // kr video play
 
 #include "tool/command.hpp"
-#include "tool/number.hpp"
 #include "tool/progress.hpp"
 #include "video/frames.hpp"
 #include "video/pipelinesink.hpp"
-
-#include <CLI/CLI.hpp>
 
 #include <memory>
 #include <stdexcept>
@@ -20,10 +17,10 @@ struct Options {
     std::size_t stream = 0;
     std::uint64_t from = 0;
 
-    void declare(CLI::App& app) {
-        app.add_option("FILE", file, "oxv file")->required();
-        app.add_option("--stream", stream, "stream number")->transform(wholeNumber(0))->capture_default_str();
-        app.add_option("--from", from, "first frame")->transform(wholeNumber(0))->capture_default_str();
+    void declare(Arguments& arguments) {
+        arguments.add("FILE", file, "oxv file").required();
+        arguments.add("--stream", stream, "stream number").wholeNumber(0).showDefault();
+        arguments.add("--from", from, "first frame").wholeNumber(0).showDefault();
     }
 };
 

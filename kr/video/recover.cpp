@@ -5,8 +5,6 @@
 #include "tool/outputfile.hpp"
 #include "video/recovery.hpp"
 
-#include <CLI/CLI.hpp>
-
 #include <cstdio>
 #include <memory>
 
@@ -19,10 +17,10 @@ struct Options {
     std::string out;
     bool json = false;
 
-    void declare(CLI::App& app) {
-        app.add_option("IN", in, "oxv file; it is not changed")->required();
-        app.add_option("OUT", out, "recovered file; an existing one is replaced")->required();
-        app.add_flag("--json", json, "output as a JSON object");
+    void declare(Arguments& arguments) {
+        arguments.add("IN", in, "oxv file; it is not changed").required();
+        arguments.add("OUT", out, "recovered file; an existing one is replaced").required();
+        arguments.addFlag("--json", json, "output as a JSON object");
     }
 };
 
