@@ -12,7 +12,7 @@ namespace {
 constexpr std::size_t kLarge = std::size_t{64} << 10;
 constexpr std::size_t kMaxKept = std::size_t{32} << 20; // bytes in all
 
-/// Large buffers that nobody uses at the moment. Thread-safe.
+/// Large buffers that are free at the moment. Thread-safe.
 class Reserve {
 public:
     struct Buffer {
@@ -55,7 +55,7 @@ private:
 };
 
 const std::shared_ptr<Reserve>& getReserve() {
-    static const auto reserve = std::make_shared<Reserve>(); // buffers that are in use hold it
+    static const auto reserve = std::make_shared<Reserve>(); // shared by the buffers in use
     return reserve;
 }
 

@@ -10,18 +10,19 @@
 
 namespace KR {
 
-/// Bytes that were received, in one run. Large ones come from memory that is used again and again, for fresh pages
-/// cost more than filling them.
+/// Received bytes in one contiguous block. Large blocks are reused, because touching fresh pages costs more than filling
+/// them.
 struct KRReceivedBytes {
     boost::shared_ptr<unsigned char[]> bytes;
     std::size_t size = 0;
 
-    static constexpr std::size_t kMax = (std::size_t{1} << 28) + (std::size_t{1} << 20); ///< more is refused
+    static constexpr std::size_t kMax =
+        (std::size_t{1} << 28) + (std::size_t{1} << 20); ///< larger messages are dropped
 
     static KRReceivedBytes allocate(std::size_t size);
 };
 
-/// Bytes to be sent, composed of small ones that it owns and large binaries that it shares.
+/// Bytes to send: small ones that it owns, and large binaries that it shares.
 class KRComposedBytes {
 public:
     struct Piece {
@@ -40,15 +41,15 @@ public:
     }
     void appendShared(const KRComposedBytes& other);
     std::size_t size() const noexcept { return size_; }
-    /// Changes bytes that were appended before anything shared.
+    /// Overwrites bytes that were appended before the first shared binary.
     void overwrite(std::size_t offset, const void* bytes, std::size_t size);
 
-    /// The pieces in order; they are valid while this stands unchanged.
+    /// The pieces in order, valid until this is changed or destroyed.
     std::vector<Piece> getPieces() const&;
 
 private:
     struct Shared {
-        std::size_t after; // that many of our own bytes
+        std::size_t after; // number of own bytes before it
         KRBinary binary;
     };
     std::string own_;

@@ -1,5 +1,6 @@
 #include "krddsoptions.hpp"
 
+#include "krannouncement.hpp"
 #include "krbytes.hpp"
 
 #include <krplatform/krerror.hpp>
@@ -33,7 +34,7 @@ public:
                           "; an example is dds:?domain=3&memory=here&peers=localhost");
     }
 
-    /// A number that is all of the text.
+    /// The text as a number.
     template <class Number>
     Number toNumber(const std::string& option, const std::string& text, Number low, Number high) const {
         Number number{};
@@ -55,12 +56,12 @@ public:
                        std::string_view(".:-_@[]%").find(static_cast<char>(c)) != std::string_view::npos;
             });
             if (!fits) {
-                refuse(option + " has \"" + part + "\" in it, which is no name");
+                refuse(option + " contains \"" + part + "\", which is not a name");
             }
             list.push_back(part);
         }
         if (list.empty()) {
-            refuse(option + " names none");
+            refuse(option + " is empty");
         }
         return list;
     }
@@ -76,8 +77,7 @@ std::string getProgramName() {
     return name;
 }
 
-/// Where a security plugin is: distributions put them into a folder beside the engine, where the loader does not
-/// look.
+/// Path of a security plugin. Distributions put them into a folder beside the engine that is not on the loader's path.
 std::string findSecurityLibrary(const std::string& name) {
     Dl_info engine{};
     if (dladdr(reinterpret_cast<void*>(&dds_create_domain), &engine) != 0 && engine.dli_fname != nullptr) {
@@ -129,7 +129,7 @@ KRDDSOptions KRDDSOptions::parse(const std::string& url) {
     KRDDSOptions options;
     std::string rest = url.substr(std::min(url.size(), kScheme.size()));
     if (!rest.empty() && rest.front() != '?') {
-        parser.refuse("nothing but options may follow dds:");
+        parser.refuse("expected \"?\" and options after dds:");
     }
     std::istringstream list(rest.empty() ? rest : rest.substr(1));
     std::set<std::string> given;
@@ -143,6 +143,10 @@ KRDDSOptions KRDDSOptions::parse(const std::string& url) {
         if (name == "domain") {
             options.domain = parser.toNumber<std::uint32_t>(name, value, 0, kMaxDomain);
         } else if (name == "name") {
+            if (value.size() > KRAnnouncement::kMaxText) {
+                parser.refuse("name is " + std::to_string(value.size()) + " bytes long, more than " +
+                              std::to_string(KRAnnouncement::kMaxText));
+            }
             options.name = value;
         } else if (name == "memory") {
             if (value != "here" && value != "none") {
@@ -183,21 +187,21 @@ std::string KRDDSOptions::getConfiguration() const {
         }
         xml << "</Interfaces>";
     }
-    // The headers of a fragment's message take up to 128 bytes.
+    // The headers of a fragment take up to 128 bytes.
     xml << "<MaxMessageSize>" << std::min<std::uint32_t>(fragment + 128, 65500) << "B</MaxMessageSize>"
         << "<FragmentSize>" << fragment << "B</FragmentSize></General>";
-    // A known index gives each process on a host a port of its own where others look for it without multicast;
-    // 119 is the last one whose port is not that of the next domain.
+    // With an index each process on a host has its own known port, where others find it without multicast. 119 is the
+    // last index whose port does not belong to the next domain.
     xml << "<Discovery><ParticipantIndex>auto</ParticipantIndex>"
         << "<MaxAutoParticipantIndex>119</MaxAutoParticipantIndex><Peers>";
     for (const std::string& peer : peers) {
         xml << "<Peer Address=\"" << escapeXml(peer) << "\"/>";
     }
     if (std::find(peers.begin(), peers.end(), "localhost") == peers.end()) {
-        xml << "<Peer Address=\"localhost\"/>"; // other processes on this host, be there multicast or not
+        xml << "<Peer Address=\"localhost\"/>"; // other processes on this host, with or without multicast
     }
     xml << "</Peers><LeaseDuration>" << lease.count() << "ms</LeaseDuration></Discovery>";
-    // A whole image fits the receive buffer where the system allows that much, and the writer's cache.
+    // A whole image fits the receive buffer, if the system allows that much, and the writer's cache.
     xml << "<Internal><SocketReceiveBufferSize min=\"default\" max=\"4MB\"/>"
         << "<MaxSampleSize>" << KRReceivedBytes::kMax << "B</MaxSampleSize>"
         << "<Watermarks><WhcHigh>2MB</WhcHigh></Watermarks></Internal>";

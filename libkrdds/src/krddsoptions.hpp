@@ -8,7 +8,7 @@
 
 namespace KR {
 
-/// A broker's address "dds:...", taken apart.
+/// The options in a broker's address "dds:...".
 struct KRDDSOptions {
     std::uint32_t domain = 0;
     std::string name;
@@ -17,12 +17,12 @@ struct KRDDSOptions {
     std::vector<std::string> interfaces;
     std::chrono::milliseconds lease{2000};
     std::uint32_t fragment = 65000; ///< bytes
-    std::string security;           ///< folder, or empty
+    std::string security;           ///< folder; empty: off
 
-    /// \throws KRError an address that is not understood
+    /// \throws KRError the address is malformed
     static KRDDSOptions parse(const std::string& url);
 
-    /// The engine's configuration for the domain, in its XML.
+    /// Configuration of the engine for the domain, as XML.
     std::string getConfiguration() const;
 };
 

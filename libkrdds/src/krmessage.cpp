@@ -12,7 +12,7 @@ namespace {
 
 static_assert(std::endian::native == std::endian::little, "messages are written little-endian");
 
-constexpr std::size_t kHeader = 4;      // encoding and options; alignment counts from behind it
+constexpr std::size_t kHeader = 4;      // encoding and options; alignment is relative to its end
 constexpr std::size_t kMaxName = 65536; // bytes of an identity, module or method name
 
 class Writer {
@@ -35,7 +35,7 @@ public:
         write(static_cast<std::uint32_t>(octets.size()));
         bytes_.appendShared(octets);
     }
-    /// The whole, filled up to a multiple of four with the number of bytes that this took in the options.
+    /// The message, padded to a multiple of four; the options hold the number of padding bytes.
     KRComposedBytes finish() {
         const auto before = bytes_.size();
         align(4);
@@ -78,7 +78,7 @@ public:
         }
         const char* text = reinterpret_cast<const char*>(message_.bytes.get()) + skip(size);
         if (text[size - 1] != '\0') {
-            throw KRMalformed("a message is malformed: a name without end");
+            throw KRMalformed("a message is malformed: a name is not terminated");
         }
         return {text, size - 1};
     }
@@ -88,10 +88,10 @@ public:
     }
 
 private:
-    /// Steps over so many bytes. \return where they begin
+    /// Skips that many bytes. \return where they begin
     std::size_t skip(std::size_t bytes) {
         if (bytes > end_ - at_) {
-            throw KRMalformed("a message is malformed: the end is missing");
+            throw KRMalformed("a message is malformed: it is truncated");
         }
         const std::size_t first = at_;
         at_ += bytes;

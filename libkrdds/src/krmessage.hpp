@@ -9,7 +9,7 @@
 
 namespace KR {
 
-/// A value inside a message that was received, decoded when it is asked for.
+/// A value inside a received message, decoded on demand.
 struct KREncodedValue {
     KRReceivedBytes message;
     std::size_t offset = 0;
@@ -19,7 +19,7 @@ struct KREncodedValue {
     KRValue decode() const;
 };
 
-/// The messages of idl/krvision.idl, with their bytes as DDS carries them.
+/// Messages of idl/krvision.idl and their encoding on the wire.
 struct KRRequest {
     enum Kind : std::uint32_t { Call, Inquiry };
     static constexpr std::size_t kMaxInquired = 10000; ///< calls that one inquiry asks about
@@ -29,9 +29,9 @@ struct KRRequest {
     std::uint32_t kind = Call;
     std::string module;
     std::string method;
-    KREncodedValue arguments; ///< of a message received
+    KREncodedValue arguments; ///< of a received message
 
-    /// \throws KRError the arguments cannot travel
+    /// \throws KRError the arguments cannot be encoded
     KRComposedBytes compose(const KRValue& withArguments) const;
     /// \throws KRMalformed
     static KRRequest parse(const KRReceivedBytes& message);
@@ -43,9 +43,9 @@ struct KRReply {
     std::string broker;
     std::uint64_t sequence = 0;
     std::uint32_t status = Result;
-    KREncodedValue value; ///< of a message received
+    KREncodedValue value; ///< of a received message
 
-    /// \throws KRError the value cannot travel
+    /// \throws KRError the value cannot be encoded
     KRComposedBytes compose(const KRValue& withValue) const;
     /// \throws KRMalformed
     static KRReply parse(const KRReceivedBytes& message);

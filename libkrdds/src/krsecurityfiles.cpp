@@ -35,7 +35,7 @@ constexpr const char* kIdentityAuthority = "identity-ca.pem";
 constexpr const char* kPermissionsAuthority = "permissions-ca.pem";
 
 [[noreturn]] void refuse(const fs::path& file, const std::string& why) {
-    ERR_clear_error(); // or the engine would find what is of no interest to it
+    ERR_clear_error(); // the engine would report it as its own
     throw KRError("KRBroker", "create", "security: " + file.string() + " " + why);
 }
 
@@ -66,16 +66,16 @@ Input open(const fs::path& file) {
 Certificate readCertificate(const fs::path& file) {
     Certificate certificate(PEM_read_bio_X509(open(file).get(), nullptr, nullptr, nullptr));
     if (!certificate) {
-        refuse(file, "is no certificate in PEM format");
+        refuse(file, "is not a certificate in PEM format");
     }
     return certificate;
 }
 
 Key readKey(const fs::path& file) {
-    const auto noPassword = [](char*, int, int, void*) { return -1; }; // instead of asking on the terminal
+    const auto noPassword = [](char*, int, int, void*) { return -1; }; // do not ask on the terminal
     Key key(PEM_read_bio_PrivateKey(open(file).get(), nullptr, noPassword, nullptr));
     if (!key) {
-        refuse(file, "is no private key in PEM format, without a password");
+        refuse(file, "is not a private key in PEM format without a password");
     }
     return key;
 }
@@ -112,7 +112,7 @@ void checkSignature(const fs::path& file, const Store& trusted) {
     const SignedDocument document(SMIME_read_PKCS7(input.get(), &unsignedPart));
     const Input content(unsignedPart);
     if (!document) {
-        refuse(file, "is no document with a signature, in S/MIME format");
+        refuse(file, "is not a signed document in S/MIME format");
     }
     if (PKCS7_verify(document.get(), nullptr, trusted.get(), content.get(), nullptr, 0) != 1) {
         refuse(file, std::string("is not signed by ") + kPermissionsAuthority + ": " + getReason());

@@ -4,9 +4,9 @@
 
 namespace KR {
 
-/// Looks whether the credentials in a broker's security folder are there and belong together: the key fits the
-/// certificate, that is issued by the identity authority and valid today, and the permissions authority has signed the
-/// rules. What the rules say the engine looks at. \throws KRError they do not; the text names the file
+/// Checks that the credentials in a broker's security folder exist and belong together: the key fits the certificate,
+/// the identity authority has issued the certificate, both are valid today, and the permissions authority has signed the
+/// rules. The engine checks what the rules say. \throws KRError a check fails; the text names the file
 void checkSecurityFiles(const std::string& folder);
 
 } // namespace KR

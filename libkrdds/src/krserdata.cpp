@@ -2,7 +2,7 @@
 
 #include "krddsdomain.hpp"
 
-// The engine's interface for types of one's own. Its headers are C and are not written for our warnings.
+// The engine's interface for user-defined types. Its C headers do not compile cleanly with our warnings.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wconversion"
 #pragma GCC diagnostic ignored "-Wpedantic"
@@ -24,10 +24,10 @@ namespace KR {
 
 namespace {
 
-/// A message as the engine holds it: one that was composed here, or one that was received.
+/// A message in the engine, composed here or received.
 struct Message : ddsi_serdata {
     std::shared_ptr<const KRComposedBytes> composed;
-    std::vector<KRComposedBytes::Piece> pieces; // of composed, or the one of received
+    std::vector<KRComposedBytes::Piece> pieces; // of `composed`, or all of `received`
     KRReceivedBytes received;
     std::uint32_t size = 0;
     mutable std::atomic<std::uint32_t> uses = 0;
@@ -50,8 +50,8 @@ const Message& asMessage(const ddsi_serdata* data) {
     return *static_cast<const Message*>(data);
 }
 
-/// A use of a message on one of the engine's threads. The engine orders them; this says so to ThreadSanitizer, which
-/// does not see how.
+/// Marks the use of a message on one of the engine's threads. The engine synchronizes them in a way that
+/// ThreadSanitizer does not see; the mark shows it.
 class Use {
 public:
     explicit Use(const ddsi_serdata* data) noexcept : message_(asMessage(data)) { mark(); }
@@ -95,7 +95,7 @@ ddsi_serdata* orNull(Make make) noexcept {
 }
 
 bool haveEqualKeys(const ddsi_serdata*, const ddsi_serdata*) noexcept {
-    return true; // there are no keys
+    return true; // the type has no keys
 }
 
 std::uint32_t getSize(const ddsi_serdata* data) noexcept {
@@ -185,7 +185,7 @@ ddsi_serdata* lend(const ddsi_serdata* data, std::size_t offset, std::size_t siz
     run->iov_len = size;
     if (const auto* piece = findPieceAround(*message, offset, size)) {
         run->iov_base = const_cast<unsigned char*>(piece->data + (offset - piece->offset));
-    } else { // goes across pieces
+    } else { // spans pieces
         auto* copy = new unsigned char[size];
         message->copyTo(offset, size, copy);
         run->iov_base = copy;
@@ -208,7 +208,7 @@ void takeBack(ddsi_serdata* data, const ddsrt_iovec_t* run) noexcept {
 }
 
 bool giveSample(const ddsi_serdata*, void*, void**, void*) noexcept {
-    return false; // messages are taken as they are
+    return false; // messages are taken as bytes
 }
 
 bool giveUntypedSample(const ddsi_sertype*, const ddsi_serdata*, void*, void**, void*) noexcept {
@@ -264,13 +264,13 @@ void freeType(ddsi_sertype* type) noexcept {
 void zeroSamples(const ddsi_sertype*, void*, std::size_t) noexcept {}
 
 void reallocateSamples(void** samples, const ddsi_sertype*, void*, std::size_t, std::size_t count) noexcept {
-    std::fill_n(samples, count, nullptr); // nobody reads samples
+    std::fill_n(samples, count, nullptr); // samples are never read
 }
 
 void freeSamples(const ddsi_sertype*, void**, std::size_t, dds_free_op_t) noexcept {}
 
 bool areEqual(const ddsi_sertype*, const ddsi_sertype*) noexcept {
-    return true; // the name, which has been compared, is all there is
+    return true; // the names are equal, and there is nothing else
 }
 
 std::uint32_t getHash(const ddsi_sertype*) noexcept {
@@ -279,7 +279,7 @@ std::uint32_t getHash(const ddsi_sertype*) noexcept {
 
 ddsi_sertype* derive(const ddsi_sertype* type, dds_data_representation_id_t,
                      dds_type_consistency_enforcement_qospolicy_t) noexcept {
-    return const_cast<ddsi_sertype*>(type); // the same, uncounted, is how "nothing to derive" is said
+    return const_cast<ddsi_sertype*>(type); // the type itself, without a reference, means "nothing to derive"
 }
 
 const ddsi_sertype_ops kTypeOperations = [] {

@@ -10,8 +10,8 @@ struct ddsi_serdata;
 
 namespace KR {
 
-/// A topic of messages whose bytes the engine takes and gives as they are, so that pixels are copied only where it
-/// splits a message into fragments and puts it together again. \throws KRError the engine refuses
+/// Creates a topic whose messages the engine sends and receives as bytes, so that pixels are copied only when it splits a
+/// message into fragments and reassembles it. \throws KRError the engine refuses
 dds_entity_t createMessageTopic(dds_entity_t participant, const char* topicName, const char* typeName);
 
 /// Writes a message. Waits while the reader is behind, at most the writer's maximum blocking time.
@@ -24,7 +24,7 @@ struct KRTakenMessage {
     dds_instance_handle_t writer; ///< publication handle
 };
 
-/// Calls `function` with each KRTakenMessage that has arrived. \return how many have
+/// Takes all messages that have arrived and calls `function` with each. \return their number
 template <class Function>
 std::size_t takeMessages(dds_entity_t reader, Function function);
 

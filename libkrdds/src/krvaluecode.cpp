@@ -12,9 +12,9 @@ namespace KR {
 
 namespace {
 
-constexpr std::size_t kShared = 4096; // bytes from which on a binary is not copied
+constexpr std::size_t kShared = 4096; // binaries of this size or larger are not copied
 
-/// Where msgpack writes to.
+/// What msgpack writes to.
 struct Sink {
     KRComposedBytes& bytes;
     void write(const char* data, std::size_t size) { bytes.append(data, size); }
@@ -58,7 +58,7 @@ public:
         }
         case KRValue::Type::Array:
             if (depth >= KRValueBounds::kDepth) {
-                refuse("arrays in arrays, more than " + std::to_string(KRValueBounds::kDepth) + " deep");
+                refuse("arrays nested more than " + std::to_string(KRValueBounds::kDepth) + " deep");
             }
             check(value.getSize());
             packer_.pack_array(static_cast<std::uint32_t>(value.getSize()));
@@ -76,7 +76,7 @@ private:
         }
     }
     [[noreturn]] static void refuse(const std::string& why) {
-        throw KRError("KRValue", "encode", "the value cannot go to another process: " + why);
+        throw KRError("KRValue", "encode", "the value cannot be sent to another process: " + why);
     }
 
     KRComposedBytes& bytes_;
@@ -85,7 +85,7 @@ private:
     std::size_t values_ = 0;
 };
 
-/// Builds the value while msgpack reads. A step that returns false ends the reading.
+/// Builds the value while msgpack parses. A function that returns false ends the parsing.
 class Decoder : public msgpack::null_visitor {
 public:
     Decoder(const KRReceivedBytes& received, std::size_t maxValues)
@@ -118,12 +118,12 @@ public:
     bool visit_ext(const char*, std::uint32_t) { return fail("an extension"); }
     bool start_array(std::uint32_t count) {
         if (open_.size() >= KRValueBounds::kDepth) {
-            return fail("arrays in arrays, too deep");
+            return fail("arrays are nested too deep");
         }
         if (count > maxValues_ - values_) {
             return fail("too many values");
         }
-        open_.emplace_back(); // grows with what comes, not with what is announced
+        open_.emplace_back(); // grows with the elements that come, not with the announced count
         return true;
     }
     bool end_array() {
@@ -132,14 +132,14 @@ public:
         return add(std::move(array));
     }
     bool start_map(std::uint32_t) { return fail("a map"); }
-    void parse_error(std::size_t, std::size_t) { fail("no msgpack"); }
-    void insufficient_bytes(std::size_t, std::size_t) { fail("the end is missing"); }
+    void parse_error(std::size_t, std::size_t) { fail("not msgpack"); }
+    void insufficient_bytes(std::size_t, std::size_t) { fail("it is truncated"); }
     bool referenced() const { return false; }
     void set_referenced(bool) {}
 
     KRValue take() {
         if (!why_.empty() || !open_.empty() || !complete_) {
-            throw KRMalformed("a value is malformed: " + (why_.empty() ? "the end is missing" : why_));
+            throw KRMalformed("a value is malformed: " + (why_.empty() ? "it is truncated" : why_));
         }
         return std::move(result_);
     }
@@ -166,7 +166,7 @@ private:
 
     const KRReceivedBytes& received_;
     const std::size_t maxValues_;
-    std::vector<std::vector<KRValue>> open_; // arrays that are being read
+    std::vector<std::vector<KRValue>> open_; // arrays being read
     KRValue result_;
     bool complete_ = false;
     std::size_t values_ = 0;
@@ -189,7 +189,7 @@ KRValue decodeValue(const KRReceivedBytes& received, std::size_t offset, std::si
     msgpack::parse(bytes, size, read, decoder);
     KRValue value = decoder.take();
     if (read != size) {
-        throw KRMalformed("a value is malformed: something follows it");
+        throw KRMalformed("a value is malformed: there are bytes after it");
     }
     return value;
 }

@@ -9,20 +9,20 @@
 
 namespace KR {
 
-/// What came over the network does not mean anything.
+/// Received data that is not in the expected format.
 class KRMalformed : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
 };
 
-/// Bounds of a value that travels, for both ways.
+/// Bounds of a value that is sent or received.
 struct KRValueBounds {
     static constexpr std::size_t kDepth = 64;                    ///< arrays in arrays
     static constexpr std::size_t kValues = std::size_t{1} << 20; ///< in all
     static constexpr std::size_t kBytes = std::size_t{1} << 28;
 };
 
-/// The value in msgpack: nil, int, float 32, str, bin, array. Large binaries are shared, not copied.
+/// Encodes a value in msgpack: nil, int, float 32, str, bin, array. Large binaries are shared, not copied.
 /// \throws KRError beyond the bounds
 KRComposedBytes encodeValue(const KRValue& value);
 

@@ -144,10 +144,10 @@ TEST(KRDDSDirectory, OfTwoModulesOfOneNameThatMeetEverybodyElseCallsTheFirst) {
 
     const RecordedLog log;
     first.thaw();
-    const auto complaint = log.waitFor(KRLogLevel::Error, "there are two modules named A");
-    ASSERT_TRUE(complaint);
-    EXPECT_THAT(complaint->message, AllOf(HasSubstr("in process " + std::to_string(first.getPid())),
-                                          HasSubstr("in process " + std::to_string(second.getPid()))));
+    const auto error = log.waitFor(KRLogLevel::Error, "there are two modules named A");
+    ASSERT_TRUE(error);
+    EXPECT_THAT(error->message, AllOf(HasSubstr("in process " + std::to_string(first.getPid())),
+                                      HasSubstr("in process " + std::to_string(second.getPid()))));
     const auto calls = [&](const std::string& caller, const OtherProcess& called) {
         return eventually([&] {
             try {
@@ -169,7 +169,7 @@ TEST(KRDDSDirectory, OfTwoModulesOfOneNameThatMeetEverybodyElseCallsTheFirst) {
     EXPECT_TRUE(calls("Late", second));
 }
 
-TEST(KRDDSDirectory, ABrokerComplainsOfAnotherThatHasAModuleOfTheSameName) {
+TEST(KRDDSDirectory, ABrokerReportsAnotherThatHasAModuleOfTheSameName) {
     const TestDomain domain;
     const std::string options = "lease=2";
     OtherProcess other(domain.getUrl(options), {"module", "A"});
@@ -248,19 +248,20 @@ TEST(KRDDSDirectory, DomainsDoNotMeet) {
     EXPECT_TRUE(other.createBroker()->getModuleList().empty());
 }
 
-TEST(KRDDSDirectory, AddressesThatAreNotUnderstoodSayWhatIsWrong) {
+TEST(KRDDSDirectory, MalformedAddressesAreRefusedWithTheReason) {
     const auto refusal = [](const std::string& url) { return refusalOf([&] { KRBroker::create(url); }); };
-    EXPECT_THAT(refusal("dds:7"), HasSubstr("nothing but options may follow dds:"));
+    EXPECT_THAT(refusal("dds:7"), HasSubstr("expected \"?\" and options after dds:"));
     EXPECT_THAT(refusal("dds:?domain=231"), HasSubstr("domain is \"231\", not a number from 0 to 230"));
     EXPECT_THAT(refusal("dds:?domain=1x"), HasSubstr("domain is \"1x\""));
     EXPECT_THAT(refusal("dds:?lease=0"), HasSubstr("lease is \"0\""));
     EXPECT_THAT(refusal("dds:?lease=nan"), HasSubstr("lease is \"nan\""));
     EXPECT_THAT(refusal("dds:?memory=maybe"), HasSubstr("not here or none"));
-    EXPECT_THAT(refusal("dds:?peers=a,,b"), HasSubstr("peers has \"\" in it"));
+    EXPECT_THAT(refusal("dds:?peers=a,,b"), HasSubstr("peers contains \"\", which is not a name"));
     EXPECT_THAT(refusal("dds:?fragment=100"), HasSubstr("fragment is \"100\""));
+    EXPECT_THAT(refusal("dds:?name=" + std::string(256, 'x')), HasSubstr("name is 256 bytes long"));
     EXPECT_THAT(refusal("dds:?colour=blue"), HasSubstr("unknown option \"colour=blue\""));
     EXPECT_THAT(refusal("dds:?domain=1&domain=2"), HasSubstr("domain is given twice"));
-    EXPECT_THAT(refusal("dds:?peers="), HasSubstr("peers names none"));
+    EXPECT_THAT(refusal("dds:?peers="), HasSubstr("peers is empty"));
     EXPECT_THAT(refusal("dds:?security=/no/such/folder"), HasSubstr("/no/such/folder/identity-ca.pem"));
     EXPECT_THAT(refusal("smoke:signals"), HasSubstr("unknown kind of broker"));
 }

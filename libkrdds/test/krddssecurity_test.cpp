@@ -45,7 +45,7 @@ protected:
     }
     fs::path operator/(const std::string& path) const { return folder_ / path; }
 
-    /// What a broker with these credentials is told.
+    /// The error of a broker with these credentials.
     std::string refusalOf(const std::string& credentials) const {
         try {
             KRBroker::create(getUrl(credentials));
@@ -115,9 +115,9 @@ TEST_F(KRDDSSecurity, AFileThatIsMissingOrIsSomethingElseIsNamed) {
                              "governance.p7s", "permissions.p7s"}) {
         const std::string copy = copyRobot();
         std::ofstream(*this / copy / file) << "something else\n";
-        EXPECT_THAT(refusalOf(copy), HasSubstr(copy + "/" + file + " is no "));
+        EXPECT_THAT(refusalOf(copy), HasSubstr(copy + "/" + file + " is not a "));
         std::ofstream(*this / copy / file, std::ios::trunc).flush();
-        EXPECT_THAT(refusalOf(copy), HasSubstr(copy + "/" + file + " is no "));
+        EXPECT_THAT(refusalOf(copy), HasSubstr(copy + "/" + file + " is not a "));
         fs::remove(*this / copy / file);
         EXPECT_THAT(refusalOf(copy), HasSubstr(copy + "/" + file + " is missing"));
     }
@@ -134,7 +134,7 @@ TEST_F(KRDDSSecurity, AKeyThatNeedsAPasswordIsRefused) {
     const std::string copy = copyRobot();
     run("openssl ec -in ours/robot/key.pem -aes128 -passout pass:secret -out " + copy + "/key.pem");
     EXPECT_THAT(refusalOf(copy),
-                HasSubstr(copy + "/key.pem is no private key in PEM format, without a password"));
+                HasSubstr(copy + "/key.pem is not a private key in PEM format without a password"));
 }
 
 TEST_F(KRDDSSecurity, AnIdentityOfAnotherAuthorityIsRefused) {

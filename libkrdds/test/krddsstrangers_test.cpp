@@ -8,6 +8,7 @@
 #include <recordedlog.hpp>
 #include <testmodule.hpp>
 
+#include <krdds/krdds.hpp>
 #include <krplatform/krproxy.hpp>
 
 #include "krincomingcalls.hpp"
@@ -15,10 +16,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <arpa/inet.h>
 #include <atomic>
 #include <future>
 #include <memory>
+#include <netinet/in.h>
 #include <string>
+#include <sys/socket.h>
+#include <unistd.h>
 #include <vector>
 
 namespace KR::test {
@@ -296,6 +301,33 @@ TEST_F(KRDDSStrangers, ModulesGoOnAfterFloods) {
     EXPECT_TRUE(broker->getProxy("Other")->call<bool>("isReachable", "Module"));
     EXPECT_LT(broker->getCallThreadCount(), 50U);
     EXPECT_EQ(runs, 0);
+}
+
+/// Sends so many datagrams to the ports of the first processes on the domain that look like the engine's and are not.
+void sendMalformedDatagrams(int domainNumber, int count) {
+    constexpr unsigned char kDatagram[] = {
+        'R', 'T', 'P', 'S', 2,  1,  1,    16, 1, 2, 3, 4, 5, 6,
+        7,   8,   9,   10,  11, 12, 0x15, 1,  4, 0, 1, 2, 3, 4}; // a DATA submessage that is too short
+    const int file = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    ASSERT_GE(file, 0);
+    for (int i = 0; i < count; ++i) {
+        for (int process = 0; process < 3; ++process) {
+            sockaddr_in to{};
+            to.sin_family = AF_INET;
+            to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+            to.sin_port = htons(getDDSPort(static_cast<std::uint32_t>(domainNumber), process));
+            sendto(file, kDatagram, sizeof kDatagram, 0, reinterpret_cast<const sockaddr*>(&to), sizeof to);
+        }
+    }
+    close(file);
+}
+
+TEST_F(KRDDSStrangers, WarningsOfTheEngineDoNotFloodTheLog) {
+    const RecordedLog log;
+    sendMalformedDatagrams(domain.getNumber(), 1000);
+    EXPECT_TRUE(log.waitFor(KRLogLevel::Warning, "malformed packet"));
+    ASSERT_TRUE(awaitArrival(stranger, 5)); // by way of the same sockets
+    EXPECT_LE(log.find(KRLogLevel::Warning, "malformed packet").size(), 2 * KRLimitedLog::kLines);
 }
 
 // ---- what is worth a line

@@ -41,22 +41,22 @@ std::string refusalOf(const Bytes& bytes) {
 }
 
 TEST(KRValueCode, WhatIsNoValueOfOursIsRefused) {
-    EXPECT_THAT(refusalOf({}), HasSubstr("the end is missing"));
-    EXPECT_THAT(refusalOf({0xc1}), HasSubstr("no msgpack"));
+    EXPECT_THAT(refusalOf({}), HasSubstr("it is truncated"));
+    EXPECT_THAT(refusalOf({0xc1}), HasSubstr("not msgpack"));
     EXPECT_THAT(refusalOf({0xc3}), HasSubstr("a boolean"));
     EXPECT_THAT(refusalOf({0x80}), HasSubstr("a map"));
     EXPECT_THAT(refusalOf({0xcb, 0, 0, 0, 0, 0, 0, 0, 0}), HasSubstr("a float of 64 bits"));
     EXPECT_THAT(refusalOf({0xce, 0x80, 0, 0, 0}), HasSubstr("more than 32 bits"));
     EXPECT_THAT(refusalOf({0xd3, 0x80, 0, 0, 0, 0, 0, 0, 0}), HasSubstr("more than 32 bits"));
     EXPECT_THAT(refusalOf({0xd4, 1, 1}), HasSubstr("an extension"));
-    EXPECT_THAT(refusalOf({1, 2}), HasSubstr("something follows"));
-    EXPECT_THAT(refusalOf({0x92, 1}), HasSubstr("the end is missing"));
+    EXPECT_THAT(refusalOf({1, 2}), HasSubstr("bytes after it"));
+    EXPECT_THAT(refusalOf({0x92, 1}), HasSubstr("it is truncated"));
 }
 
 TEST(KRValueCode, LengthsThatTheBytesDoNotHaveAreRefused) {
-    EXPECT_THAT(refusalOf({0xc6, 0xff, 0xff, 0xff, 0xff, 1, 2, 3}), HasSubstr("the end is missing"));
-    EXPECT_THAT(refusalOf({0xdb, 0xff, 0xff, 0xff, 0xff, 'a'}), HasSubstr("the end is missing"));
-    EXPECT_THAT(refusalOf({0xdc, 0xff, 0xff, 1}), HasSubstr("the end is missing"));
+    EXPECT_THAT(refusalOf({0xc6, 0xff, 0xff, 0xff, 0xff, 1, 2, 3}), HasSubstr("it is truncated"));
+    EXPECT_THAT(refusalOf({0xdb, 0xff, 0xff, 0xff, 0xff, 'a'}), HasSubstr("it is truncated"));
+    EXPECT_THAT(refusalOf({0xdc, 0xff, 0xff, 1}), HasSubstr("it is truncated"));
     EXPECT_THAT(refusalOf({0xdd, 0xff, 0xff, 0xff, 0xff, 1}), HasSubstr("too many values"));
 }
 
@@ -65,8 +65,8 @@ TEST(KRValueCode, ArraysInArraysAreBounded) {
     bytes.push_back(1);
     EXPECT_EQ(refusalOf(bytes), "understood");
     bytes.insert(bytes.begin(), 0x91);
-    EXPECT_THAT(refusalOf(bytes), HasSubstr("too deep"));
-    EXPECT_THAT(refusalOf(Bytes(1000000, 0x91)), HasSubstr("too deep"));
+    EXPECT_THAT(refusalOf(bytes), HasSubstr("nested too deep"));
+    EXPECT_THAT(refusalOf(Bytes(1000000, 0x91)), HasSubstr("nested too deep"));
 }
 
 TEST(KRValueCode, TheNumberOfValuesIsBoundedThoughEachArrayIsSmall) {
