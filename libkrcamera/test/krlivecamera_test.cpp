@@ -146,6 +146,17 @@ TEST_F(LiveCameraTest, OneThatFailsAgainAndAgainIsNotLoggedEachTime) {
     EXPECT_LE(log.find(KRLogLevel::Info, "camera 0 is open").size(), 3U);
 }
 
+TEST_F(LiveCameraTest, ReasonsThatDifferEachTimeDoNotFloodTheLog) {
+    const test::RecordedLog log;
+    open = [this] { throw std::runtime_error("error " + std::to_string(attempts)); };
+    EXPECT_TRUE(eventually([&] {
+        errorOf([&] { camera->open(); }); // tries at once
+        return attempts >= 40;
+    }));
+    camera->close();
+    EXPECT_EQ(log.find(KRLogLevel::Error, "camera 0 has failed: error ").size(), 9U);
+}
+
 TEST_F(LiveCameraTest, TriesAgainAtIncreasingIntervals) {
     const auto start = Clock::now();
     std::vector<std::chrono::milliseconds> times; // used by the capture thread until it has ended

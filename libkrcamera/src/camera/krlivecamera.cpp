@@ -17,7 +17,7 @@ namespace KR {
 namespace {
 
 constexpr std::chrono::seconds imageTimeout(10);
-constexpr std::chrono::hours stableTime(1); // whatever fails after that is news
+constexpr std::chrono::hours stableTime(1); // a failure after that is logged like a first one
 constexpr std::size_t maximumReasons = 8;
 
 } // namespace
@@ -114,7 +114,7 @@ void KRLiveCamera::run() noexcept {
     try {
         setThreadName("KRCamera " + std::to_string(index_));
     } catch (const std::exception&) {
-        // It goes without a name.
+        // It runs without a name.
     }
     KRRetryDelay delay;
     Clock::duration delivered{};
@@ -170,7 +170,7 @@ void KRLiveCamera::setNewest(KRCapture capture) {
         }
         newest_.swap(frame); // the frame before is released after the lock
     }
-    changed_.notifyAll(); // without the lock, which those who wake up need
+    changed_.notifyAll(); // without the lock, which the waiting threads need
     if (opens && std::exchange(logsOpening_, false)) {
         logInfo("KRVideoDevice", title_ + " is open");
     }
@@ -180,7 +180,7 @@ void KRLiveCamera::noteSilence(Clock::time_point since) {
     if (silence_.isFailure || !delivers_) {
         throw std::runtime_error(describeSilence());
     }
-    if (logLimits_[""].admit(Clock::now())) {
+    if (silenceLimit_.admit(Clock::now())) {
         const auto silent = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - since);
         logWarning("KRVideoDevice",
                    title_ + " has delivered no image for " + std::to_string(silent.count()) + " s");
@@ -192,7 +192,7 @@ void KRLiveCamera::noteFailure(Clock::duration delivered) noexcept {
     try {
         reason = describeCurrentException();
     } catch (const std::bad_alloc&) {
-        reason = "out of memory"; // short enough to need none
+        reason = "out of memory"; // short enough to need no allocation
     }
     {
         const KRLock lock(mutex_);
@@ -209,10 +209,13 @@ void KRLiveCamera::noteFailure(Clock::duration delivered) noexcept {
 }
 
 void KRLiveCamera::logFailure(const std::string& reason, Clock::duration delivered) {
-    if (delivered > stableTime || logLimits_.size() > maximumReasons) {
+    if (delivered > stableTime) {
         logLimits_.clear();
+        otherLimit_ = {};
     }
-    if (const std::optional<int> refused = logLimits_[reason].admit(Clock::now())) {
+    const bool hasOwnLimit = logLimits_.size() < maximumReasons || logLimits_.contains(reason);
+    KRLogLimit& limit = hasOwnLimit ? logLimits_[reason] : otherLimit_;
+    if (const std::optional<int> refused = limit.admit(Clock::now())) {
         const std::string before =
             *refused == 0 ? "" : " (" + std::to_string(*refused) + " times more since this was logged last)";
         logError("KRVideoDevice", title_ + " has failed: " + reason + before);

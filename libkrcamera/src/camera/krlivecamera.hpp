@@ -68,7 +68,9 @@ private:
     std::uint64_t framesCaptured_ = 0;
     bool delivers_ = false; ///< since the source was opened the last time
     bool logsOpening_ = true;
-    std::map<std::string, KRLogLimit> logLimits_; ///< by reason
+    std::map<std::string, KRLogLimit> logLimits_; ///< by reason, for the first few reasons
+    KRLogLimit otherLimit_;                       ///< for all other reasons
+    KRLogLimit silenceLimit_;
 
     mutable KRMutex mutex_;
     KRCondition changed_;

@@ -90,7 +90,7 @@ bool changesColors(const GstVideoInfo& in, const GstVideoInfo& out) {
 
 // GStreamer's borders are black in one range of levels only.
 void paintBlack(GstVideoFrame& image) {
-    const bool isFull = image.info.colorimetry.range == GST_VIDEO_COLOR_RANGE_0_255; // as RGB is
+    const bool isFull = image.info.colorimetry.range == GST_VIDEO_COLOR_RANGE_0_255; // like RGB
     const auto black = static_cast<unsigned char>(isFull ? 0 : 16);
     for (guint plane = 0; plane < GST_VIDEO_FRAME_N_PLANES(&image); ++plane) {
         auto* bytes = static_cast<unsigned char*>(GST_VIDEO_FRAME_PLANE_DATA(&image, plane));

@@ -141,7 +141,7 @@ void KRPipeline::readWarning(GstMessage* message) {
     GError* error = nullptr;
     gst_message_parse_warning(message, &error, nullptr);
     const GstHandle<GError> owned(error);
-    if (!description_.isUsers && !failure_ &&
+    if (!description_.isUserDefined && !failure_ &&
         g_error_matches(error, GST_PARSE_ERROR, GST_PARSE_ERROR_DELAYED_LINK)) {
         failure_ = noVideo + missing_;
     }

@@ -10,8 +10,8 @@ struct KRPipelineDescription {
     /// What happens when the source has delivered its last image.
     enum class AtEnd {
         Fail,
-        Restart, ///< it is built anew
-        Rewind,  ///< it seeks to its beginning; is built anew if it cannot
+        Restart, ///< it is built again
+        Rewind,  ///< it seeks to its beginning; it is built again if it cannot
     };
 
     /// In the syntax of gst-launch, without a sink. Picture controls need elements named "gain", "balance" and "flip".
@@ -21,8 +21,8 @@ struct KRPipelineDescription {
     std::string sourceProperty;
     std::string sourceValue;
     AtEnd atEnd = AtEnd::Fail;
-    bool isUsers = false;      ///< written by the user, who may want a link that is made later or never
-    bool hasOneStream = false; ///< do not wait for more streams in a multipart message
+    bool isUserDefined = false; ///< the user may want links that are made later or never
+    bool hasOneStream = false;  ///< do not wait for more streams in a multipart message
     /// Finds out why the source cannot be reached, where GStreamer does not report it; empty if unknown. May block for
     /// some seconds.
     std::function<std::string()> explain = [] { return std::string(); };

@@ -137,7 +137,7 @@ std::unique_ptr<KRSource> makeRtspSource(const KRSourceString& string) {
 std::unique_ptr<KRSource> makeGstSource(const KRSourceString& string) {
     KRPipelineDescription description;
     description.elements = string.argument;
-    description.isUsers = true;
+    description.isUserDefined = true;
     return std::make_unique<PipelineSource>(string, std::move(description), Controls::None);
 }
 
