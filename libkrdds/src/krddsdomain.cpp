@@ -21,8 +21,13 @@ constexpr const char* kCategory = "krdds.engine";
 // The last error that the engine logged on this thread: its codes alone say little.
 thread_local std::string lastError;
 
-KRLimitedLog& getEngineLog() {
-    static KRLimitedLog limited(kCategory, "the network, from the DDS engine,");
+/// Each by itself: what others send causes warnings.
+KRLimitedLog& getErrors() {
+    static KRLimitedLog limited(kCategory, "errors of the DDS engine");
+    return limited;
+}
+KRLimitedLog& getWarnings() {
+    static KRLimitedLog limited(kCategory, "warnings of the DDS engine");
     return limited;
 }
 
@@ -36,11 +41,11 @@ void writeLog(void*, const dds_log_data_t* record) noexcept {
         }
         if ((record->priority & (DDS_LC_ERROR | DDS_LC_FATAL)) != 0) {
             lastError = message;
-            getEngineLog().write(KRLogLevel::Error, message);
+            getErrors().write(KRLogLevel::Error, message);
         } else if ((record->priority & DDS_LC_WARNING) != 0 &&
                    message.find("not multicast-capable") ==
                        std::string::npos) { // as the loopback interface is
-            getEngineLog().write(KRLogLevel::Warning, message);
+            getWarnings().write(KRLogLevel::Warning, message);
         } else {
             logVerbose(kCategory, message);
         }
@@ -75,7 +80,8 @@ dds_return_t checkDDS(dds_return_t code, const std::string& what, KRSourceLocati
 }
 
 void flushEngineLog() {
-    getEngineLog().flush();
+    getErrors().flush();
+    getWarnings().flush();
 }
 
 std::shared_ptr<KRDDSDomain> KRDDSDomain::join(const KRDDSOptions& options) {

@@ -1,5 +1,6 @@
 #include "krlink.hpp"
 
+#include "krloan.hpp"
 #include "krmessage.hpp"
 #include "krserdata.hpp"
 #include "krvaluecode.hpp"
@@ -11,7 +12,6 @@
 #include "krvision.h"
 
 #include <algorithm>
-#include <cassert>
 #include <string_view>
 #include <vector>
 
@@ -20,14 +20,11 @@ namespace KR {
 namespace {
 
 constexpr const char* kCategory = "krdds";
-constexpr std::chrono::seconds kInquiryAge{1}; // of a call that is asked about, and how often
-constexpr std::chrono::milliseconds kPollInterval{200};
 constexpr int kStartPoll_ms = 10;
 constexpr int kFewestStartPolls = 10;
 constexpr int kStartPollsAlone = 30; // on a busy machine it takes a while until another is heard of
 constexpr int kMostStartPolls = 100;
 constexpr std::chrono::milliseconds kClaimPatience{300};
-constexpr std::chrono::seconds kPollPatience{10}; // much longer than a poll takes on a busy machine
 constexpr std::chrono::milliseconds kFewestAckPatience{10000};
 constexpr std::chrono::milliseconds kLastAnswersPatience{1000};
 constexpr int kMaxInquiriesAnswered = 16;
@@ -38,36 +35,6 @@ using Qos = std::unique_ptr<dds_qos_t, void (*)(dds_qos_t*)>;
 Qos createQos() {
     return {dds_create_qos(), dds_delete_qos};
 }
-
-/// Samples that the engine has lent, given back at the end.
-class Loan {
-public:
-    explicit Loan(std::uint32_t most) : samples_(most), info_(most) {}
-    ~Loan() {
-        if (count_ > 0) {
-            dds_return_loan(reader_, samples_.data(), count_);
-        }
-    }
-    Loan(const Loan&) = delete;
-    Loan& operator=(const Loan&) = delete;
-
-    /// Fills this, once, by dds_read() or dds_take(). \return how many there are, not negative
-    dds_return_t fill(dds_entity_t reader, decltype(dds_take)* get) {
-        assert(count_ == 0);
-        reader_ = reader;
-        const auto most = static_cast<std::uint32_t>(samples_.size());
-        count_ = std::max<dds_return_t>(0, get(reader, samples_.data(), info_.data(), most, most));
-        return count_;
-    }
-    const void* getSample(dds_return_t i) const { return samples_[static_cast<std::size_t>(i)]; }
-    const dds_sample_info_t& getInfo(dds_return_t i) const { return info_[static_cast<std::size_t>(i)]; }
-
-private:
-    std::vector<void*> samples_;
-    std::vector<dds_sample_info_t> info_;
-    dds_entity_t reader_ = 0;
-    dds_return_t count_ = 0;
-};
 
 /// Calls a function at the end of its scope, however that ends.
 template <class Function>
@@ -226,7 +193,7 @@ void KRLink::start() {
 
 // A broker's participant is discovered before its modules.
 bool KRLink::knowsBrokersOf(dds_entity_t participants) const {
-    Loan loan(1000);
+    KRLoan loan(1000);
     const dds_return_t count = loan.fill(participants, dds_read);
     for (dds_return_t i = 0; i < count; ++i) {
         const auto& participant = *static_cast<const dds_builtintopic_participant_t*>(loan.getSample(i));
@@ -407,132 +374,6 @@ void KRLink::countMalformed(const char* why) {
         logWarning(kCategory,
                    std::string(why) + "; it is dropped, and so are others like it without another line");
     }
-}
-
-// ---- the thread KRDDS
-
-void KRLink::run() noexcept {
-    setThreadName("KRDDS");
-    while (!stopping_) {
-        std::uint64_t poll = 0;
-        {
-            KRLock lock(wakeMutex_);
-            woken_.waitFor(lock, kPollInterval, [this] {
-                wakeMutex_.assertHeld();
-                return wake_;
-            });
-            wake_ = false;
-            poll = ++pollsBegun_;
-        }
-        try {
-            if (!stopping_) {
-                pollDiscovery();
-            }
-        } catch (const std::exception& error) { // short of memory, for instance; it goes on next time
-            failures_.write(KRLogLevel::Error, std::string("discovery: ") + error.what());
-        }
-        const KRLock lock(wakeMutex_);
-        pollsDone_ = poll;
-        polled_.notifyAll();
-    }
-}
-
-void KRLink::pollDiscovery() {
-    takeAnnouncements();
-    directory_.poll(getAnnouncers());
-    calls_->poll();
-    announcer_.poll();
-    inquireOfPeers();
-    forgeries_.flush();
-    failures_.flush();
-    flushEngineLog();
-}
-
-void KRLink::takeAnnouncements() {
-    constexpr dds_return_t kMost = 16;
-    for (;;) {
-        Loan loan(kMost);
-        const dds_return_t count = loan.fill(announcementReader_, dds_take);
-        for (dds_return_t i = 0; i < count; ++i) {
-            try {
-                takeAnnouncement(loan.getSample(i), loan.getInfo(i));
-            } catch (const KRMalformed& error) {
-                countMalformed(error.what());
-            }
-        }
-        if (count < kMost) {
-            return;
-        }
-    }
-}
-
-void KRLink::takeAnnouncement(const void* sample, const dds_sample_info_t& info) {
-    const auto& message = *static_cast<const KRVision_Announcement*>(sample);
-    const bool disposed = info.instance_state == DDS_NOT_ALIVE_DISPOSED_INSTANCE_STATE;
-    if (!info.valid_data && !disposed) {
-        return; // nobody writes it any more, which pollDiscovery() sees
-    }
-    if (!isBrokerId(message.broker)) {
-        throw KRMalformed("an announcement is malformed: its broker is not an identity");
-    }
-    if (!checkSender(announcementReader_, info.publication_handle, message.broker)) {
-        return;
-    }
-    if (info.valid_data) {
-        directory_.accept(connection_, KRAnnouncement::parse(message, kProtocol), info.publication_handle);
-    }
-    if (disposed) {
-        directory_.remove(message.broker, "has left the domain");
-    }
-}
-
-std::set<dds_instance_handle_t> KRLink::getAnnouncers() const {
-    std::vector<dds_instance_handle_t> writers(64);
-    for (;;) {
-        const dds_return_t count =
-            checkDDS(dds_get_matched_publications(announcementReader_, writers.data(), writers.size()),
-                     "list of brokers");
-        if (static_cast<std::size_t>(count) <= writers.size()) {
-            return {writers.begin(), writers.begin() + count};
-        }
-        writers.resize(2 * static_cast<std::size_t>(count));
-    }
-}
-
-void KRLink::inquireOfPeers() {
-    const auto now = std::chrono::steady_clock::now();
-    if (now - lastInquiry_ < kInquiryAge) {
-        return;
-    }
-    lastInquiry_ = now;
-    for (const auto& peer : directory_.list()) {
-        if (!peer->hasCallsOlderThan(kInquiryAge) || !peer->beginInquiry()) {
-            continue;
-        }
-        if (!post([peer] { // writing may block
-                const AtEnd end([&] { peer->endInquiry(); });
-                peer->inquire(kInquiryAge);
-            })) {
-            peer->endInquiry(); // next time
-        }
-    }
-}
-
-void KRLink::wake() {
-    const KRLock lock(wakeMutex_);
-    wake_ = true;
-    woken_.notifyOne();
-}
-
-void KRLink::waitForPoll() {
-    KRLock lock(wakeMutex_);
-    const std::uint64_t wanted = pollsBegun_ + 1;
-    wake_ = true;
-    woken_.notifyOne();
-    polled_.waitFor(lock, kPollPatience, [&] {
-        wakeMutex_.assertHeld();
-        return pollsDone_ >= wanted || stopping_;
-    });
 }
 
 bool KRLink::post(std::function<void()> job) {

@@ -116,6 +116,10 @@ bool KRPeer::hasCallsOlderThan(std::chrono::steady_clock::duration age) const {
 }
 
 void KRPeer::inquire(std::chrono::steady_clock::duration age) {
+    struct End {
+        KRPeer& peer;
+        ~End() { peer.endInquiry(); }
+    } const end{*this};
     std::vector<KRValue> sequences;
     {
         const auto now = std::chrono::steady_clock::now();

@@ -53,7 +53,7 @@ public:
         KR_EXCLUDES(mutex_);
     void takeReply(KRReply reply) KR_EXCLUDES(mutex_);
     /// Asks the other about calls that have been under way for that long: one that it does not know is lost.
-    /// May block as a call does.
+    /// May block as a call does. Call it after beginInquiry(); it ends the inquiry.
     void inquire(std::chrono::steady_clock::duration age) KR_EXCLUDES(mutex_);
     bool hasCallsOlderThan(std::chrono::steady_clock::duration age) const KR_EXCLUDES(mutex_);
     /// For inquiries that are being made on another thread: \return whether this one may

@@ -139,6 +139,7 @@ void KRPeerDirectory::accept(const KRPeer::Connection& connection, KRAnnouncemen
         return;
     }
     if (!isKnown) {
+        remove(id, "has changed its protocol"); // if it was known with another one
         peer = makePeer(connection, announcement);
     }
     {
