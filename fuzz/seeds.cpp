@@ -1,9 +1,14 @@
-// Writes the initial corpora, FOLDER/oxi and FOLDER/oxv: files made by the library, and truncated ones.
+// Writes the initial corpora, FOLDER/oxi, FOLDER/oxv and FOLDER/mcap: files made by the library, and truncated ones.
 
 #include <krvision/krimage.hpp>
 #include <krvision/krvideo.hpp>
 #include <krvision/krvisiondefinitions.hpp>
 
+#ifdef KR_WITH_INTEROP
+#include <krinterop/krmcaptopics.hpp>
+#endif
+
+#include <array>
 #include <cstdint>
 #include <cstdio>
 #include <exception>
@@ -81,6 +86,40 @@ void writeRecordings(const fs::path& folder) {
     }
 }
 
+#ifdef KR_WITH_INTEROP
+// Without checksums, so that a changed byte gets past them.
+void writeMcapFiles(const fs::path& folder) {
+    fs::create_directories(folder);
+    for (const auto compression :
+         {KR::KRMcapCompression::None, KR::KRMcapCompression::Lz4, KR::KRMcapCompression::Zstd}) {
+        for (const std::size_t chunkSize : {std::size_t{0}, std::size_t{500}}) {
+            const fs::path file = folder / (std::string("m") + KR::getCompressionName(compression) +
+                                            std::to_string(chunkSize) + ".mcap");
+            KR::KRMcapWriterOptions options;
+            options.compression = compression;
+            options.chunkSize = chunkSize;
+            options.hasChunkCrcs = false;
+            KR::KRMcapWriter writer(file.string(), options);
+            KR::KRMcapRecording recording(writer);
+            for (int i = 0; i < 3; ++i) {
+                KRImage image(8, 4, i == 2 ? 10 : KR::kYUV422ColorSpace, false, 0.5f, 0.25f, -0.5f, -0.25f);
+                image.timeStamp = 1500000000123456 - i;
+                recording.writeImage(i, image);
+                recording.writeMemory("key", KR::KRValue(i), static_cast<std::uint64_t>(i));
+            }
+            writer.writeAttachment({1, 2, "name", "type", {1, 2, 3}});
+            writer.writeMetadata({"name", {{"key", "value"}}});
+            writer.close();
+            std::fstream summary(file, std::ios::in | std::ios::out | std::ios::binary);
+            summary.seekp(static_cast<std::streamoff>(fs::file_size(file)) - 12);
+            summary.write(std::array<char, 4>{}.data(), 4);
+            summary.close();
+            writeCut(file, fs::file_size(file) / 2);
+        }
+    }
+}
+#endif
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -91,6 +130,9 @@ int main(int argc, char** argv) {
     try {
         writeImages(fs::path(argv[1]) / "oxi");
         writeRecordings(fs::path(argv[1]) / "oxv");
+#ifdef KR_WITH_INTEROP
+        writeMcapFiles(fs::path(argv[1]) / "mcap");
+#endif
     } catch (const std::exception& error) {
         std::fprintf(stderr, "fuzz_seeds: %s\n", error.what());
         return 1;

@@ -159,6 +159,22 @@ TEST(KRMcap, AnEmptyFileIsClosedAndRead) {
     EXPECT_TRUE(reader.getDamage().isNone());
 }
 
+TEST(KRMcap, BeginsAsDocumented) {
+    KR::test::Bytes bytes;
+    KRMcapWriter(std::make_unique<KR::test::MemoryOutput>(bytes)).close();
+    KR::test::Bytes expected = {
+        0x89, 'M',  'C', 'A', 'P', '0', '\r', '\n',    // magic
+        0x01, 16,   0,   0,   0,   0,   0,    0,    0, // header
+        0,    0,    0,   0,   8,   0,   0,    0,    'K', 'R', 'V', 'i', 's', 'i', 'o',
+        'n',  0x0f, 4,   0,   0,   0,   0,    0,    0,   0,   0,   0,   0,   0, // end of data
+        0x0b, 46,   0,   0,   0,   0,   0,    0,    0};                         // statistics
+    expected.resize(expected.size() + 19);
+    ASSERT_EQ(expected.size(), 74u);
+    ASSERT_GE(bytes.size(), 74u);
+    bytes.resize(74);
+    EXPECT_EQ(bytes, expected);
+}
+
 TEST(KRMcap, AKilledProcessLosesOnlyTheChunkThatWasOpen) {
     const TemporaryFolder folder;
     const pid_t writing = ::fork();
