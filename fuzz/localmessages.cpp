@@ -1,0 +1,59 @@
+// Messages as another process of this machine sends them: whatever the bytes, they are understood or refused. With the
+// first byte as the number of bytes of the first packet, in units of 16, they come in several.
+
+#include "krlocalchannel.hpp"
+
+#include <krplatform/krlog.hpp>
+
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+
+namespace {
+
+void parse(const std::uint8_t* data, std::size_t size) {
+    try {
+        std::size_t head = 0;
+        const KR::KRLocalFrame frame = KR::KRLocalFrame::parse({data, size}, head);
+        // What was understood can be sent on, and means the same.
+        const std::string again = frame.compose();
+        if (!std::equal(again.begin(), again.end(), reinterpret_cast<const char*>(data))) {
+            __builtin_trap();
+        }
+    } catch (const KR::KRLocalMalformed&) { // is what must happen to most
+    }
+}
+
+void receive(const std::uint8_t* data, std::size_t size) {
+    int sockets[2];
+    if (size < 2 || socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, sockets) != 0) {
+        return;
+    }
+    const KR::KRDescriptor sender(sockets[0]);
+    KR::KRLocalChannel channel(KR::KRDescriptor(sockets[1]), 0, std::make_shared<KR::KRLocalCounts>());
+    std::size_t packet = std::max<std::size_t>(1, data[0] * 16U);
+    for (++data, --size; size > 0;) {
+        const std::size_t count = std::min(packet, size);
+        if (send(sender.get(), data, count, MSG_NOSIGNAL | MSG_DONTWAIT) < 0) {
+            break;
+        }
+        data += count;
+        size -= count;
+    }
+    try {
+        while (channel.receive(false)) {
+        }
+    } catch (const KR::KRLocalMalformed&) {
+    } catch (const KR::KRLocalClosed&) {
+    }
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    parse(data, size);
+    receive(data, size);
+    return 0;
+}

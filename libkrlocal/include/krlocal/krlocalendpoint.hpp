@@ -1,0 +1,134 @@
+#pragma once
+
+#include "krlocal/krlocalmessage.hpp"
+
+#include <krplatform/krexport.hpp>
+
+#include <atomic>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+namespace KR {
+
+class KRLocalSession;
+
+/// Where an endpoint can be reached. Give it only to those who may connect.
+struct KR_EXPORT KRLocalAddress {
+    std::string machine; ///< this boot of the machine, and the network namespace
+    std::string socket;  ///< name in the abstract namespace of AF_UNIX
+    std::string secret;  ///< drawn anew for each endpoint
+
+    /// Whether a socket of this process can reach it.
+    bool isOnThisMachine() const;
+};
+
+struct KRLocalOptions {
+    std::string id;    ///< identity that others are given with each request; 1 to 1024 bytes
+    std::string group; ///< members of this group may connect as well; empty: only the same user
+    /// Most shared memory that this process offers to others, in bytes; 0: none. The newest endpoint decides.
+    std::size_t memory = std::size_t{256} << 20;
+};
+
+/// A request from another process. Thread-safe once served.
+class KR_EXPORT KRLocalRequest {
+public:
+    /// If the request is unanswered, the caller gets an error.
+    ~KRLocalRequest();
+    KRLocalRequest(const KRLocalRequest&) = delete;
+    KRLocalRequest& operator=(const KRLocalRequest&) = delete;
+
+    /// Identity that the calling endpoint gave itself.
+    const std::string& getCaller() const noexcept;
+    /// Answers; the first answer counts. Blocks while the caller does not read. An answer to a caller that is gone is
+    /// dropped. \throws KRError the message is beyond the bounds; the request is still unanswered
+    void reply(const KRLocalMessage& answer);
+
+    KRLocalMessage message;
+
+private:
+    friend class KRLocalServer;
+    KRLocalRequest(std::shared_ptr<KRLocalSession> session, std::uint64_t number, std::size_t bytes,
+                   KRLocalMessage received);
+
+    const std::shared_ptr<KRLocalSession> session_;
+    const std::uint64_t number_;
+    const std::size_t bytes_; // that came through the socket
+    std::atomic<bool> answered_ = false;
+};
+
+/// What an endpoint needs from its owner. Its functions are called on several threads at once, without a lock held.
+class KR_EXPORT KRLocalService {
+public:
+    virtual ~KRLocalService();
+
+    /// Runs the job on another thread, soon. The job runs for as long as there are requests.
+    /// \throws std::exception no thread
+    virtual void post(std::function<void()> job) = 0;
+    /// Serves a request on the thread that has read it, for however long that takes.
+    virtual void serve(std::shared_ptr<KRLocalRequest> request) noexcept = 0;
+    /// A process that may have sent requests has closed its connection or ended.
+    virtual void noticeCallerGone(const std::string& caller) noexcept = 0;
+};
+
+/// A connection that carries calls to another process. Thread-safe.
+class KR_EXPORT KRLocalConnection {
+public:
+    virtual ~KRLocalConnection();
+
+    /// Sends a request and waits for the reply, for as long as the other process lives. The calling thread writes the
+    /// request itself, and reads the reply itself unless another caller is reading.
+    /// \throws KRError the message is beyond the bounds; the connection is closed, the description says why
+    virtual KRLocalMessage call(const KRLocalMessage& request) = 0;
+    virtual bool isOpen() const = 0;
+    /// Fails the calls under way and those to come. \param why  description of their error
+    virtual void close(const std::string& why) = 0;
+};
+
+struct KRLocalStatistics {
+    std::size_t memory = 0;         ///< bytes of shared memory that this process has
+    std::size_t lent = 0;           ///< binaries in it that other processes hold
+    std::uint64_t shared = 0;       ///< binaries sent in shared memory
+    std::uint64_t streamed = 0;     ///< large binaries sent through the socket, for want of shared memory
+    std::size_t connections = 0;    ///< from other processes
+    std::uint64_t refused = 0;      ///< connections that were not admitted
+    std::uint64_t disconnected = 0; ///< connections that were closed because of what the other sent
+};
+
+/// A place that other processes of this machine can connect to, and from which this one connects to others.
+///
+/// A connection carries calls in one direction: two processes that call each other have two. Thread-safe.
+class KR_EXPORT KRLocalEndpoint {
+public:
+    /// Listens from now on. \param service  outlives this \throws KRError no socket; there is no such group
+    KRLocalEndpoint(KRLocalOptions options, KRLocalService& service);
+    /// As stop().
+    ~KRLocalEndpoint();
+    KRLocalEndpoint(const KRLocalEndpoint&) = delete;
+    KRLocalEndpoint& operator=(const KRLocalEndpoint&) = delete;
+
+    const KRLocalAddress& getAddress() const noexcept;
+
+    /// Connects to another endpoint; blocks until it answers.
+    /// \param onGone  called once, with the reason, when the connection has ended: on a thread of this endpoint or one
+    ///                that is calling, without a lock held; not after stop()
+    /// \throws KRError it does not listen, does not answer in time, or is of another user
+    std::shared_ptr<KRLocalConnection> connect(const KRLocalAddress& address,
+                                               std::chrono::milliseconds patience,
+                                               std::function<void(const std::string& why)> onGone);
+
+    KRLocalStatistics getStatistics() const;
+
+    /// Closes all connections, both ways, and returns when no request is being served and no function of the service is
+    /// running, on other threads than this one.
+    void stop() noexcept;
+
+private:
+    class Private;
+    std::shared_ptr<Private> private_;
+};
+
+} // namespace KR

@@ -1,0 +1,168 @@
+#include "krlendings.hpp"
+
+#include "krlocal/krlocalmessage.hpp"
+
+#include <poll.h>
+#include <sys/syscall.h>
+
+#include <algorithm>
+#include <cstring>
+
+namespace KR {
+
+KRLendings::KRLendings(std::shared_ptr<KRLocalPool> pool, std::unique_ptr<const KRForeignMemory> returns)
+    : pool_(std::move(pool)), returns_(std::move(returns)), tickets_(KRReturns::kTickets) {
+    if (returns_->size() != KRReturns::kSize) {
+        throw KRLocalMalformed("a page of returns of " + std::to_string(returns_->size()) + " bytes");
+    }
+    for (std::uint32_t ticket = KRReturns::kTickets; ticket > 0; --ticket) {
+        free_.push_back(ticket - 1);
+    }
+    lent_.reserve(KRReturns::kTickets);
+}
+
+KRBinary KRLendings::toShared(const KRBinary& binary) const {
+    if (pool_->find(binary.data(), binary.size())) {
+        return binary;
+    }
+    auto copy = pool_->allocate(binary.size());
+    if (!copy) {
+        return {};
+    }
+    std::memcpy(copy.get(), binary.data(), binary.size());
+    return {std::move(copy), binary.size()};
+}
+
+bool KRLendings::lend(const KRBinary& binary, KRLocalFrame& frame,
+                      std::vector<std::shared_ptr<const KRSharedMemory>>& memories) {
+    const auto place = pool_->find(binary.data(), binary.size());
+    const std::size_t limit = pool_->getLimit();
+    std::vector<KRBinary> returned; // destroyed without the lock, as everywhere here
+    const KRLock lock(mutex_);
+    collectLocked(returned);
+    if (!lie_.empty()) {
+        throw KRLocalMalformed(lie_);
+    }
+    // One process that keeps everything leaves the others half of the pool.
+    if (!place || closed_ || free_.empty() || lentBytes_ + binary.size() > limit / 2) {
+        return false;
+    }
+    if (!known_.contains(place->id)) {
+        if (frame.memories.size() == KRLocalFrame::kMaxMemories) {
+            return false;
+        }
+        memories.push_back(place->memory);
+        frame.memories.push_back({place->id, place->memory->size()});
+        known_.insert(place->id);
+    }
+    const std::uint32_t number = free_.back();
+    Ticket& ticket = tickets_[number];
+    if (KRReturns::read(returns_->data(), number) != ticket.generation) {
+        throw KRLocalMalformed("gave back a binary that it did not hold");
+    }
+    free_.pop_back();
+    lent_.push_back(number);
+    lentBytes_ += binary.size();
+    ticket.binary = binary;
+    ++ticket.generation;
+    frame.binaries.push_back({place->id, number, ticket.generation, place->offset, binary.size()});
+    return true;
+}
+
+void KRLendings::collectLocked(std::vector<KRBinary>& returned) {
+    for (std::size_t i = 0; i < lent_.size();) {
+        const std::uint32_t number = lent_[i];
+        Ticket& ticket = tickets_[number];
+        const std::uint32_t written = KRReturns::read(returns_->data(), number);
+        if (written != ticket.generation) {
+            if (written != ticket.generation - 1 && lie_.empty()) {
+                lie_ = "gave back a binary that it did not hold";
+            }
+            ++i;
+            continue;
+        }
+        lentBytes_ -= ticket.binary.size();
+        returned.push_back(std::move(ticket.binary));
+        ticket.binary = {};
+        free_.push_back(number);
+        lent_[i] = lent_.back();
+        lent_.pop_back();
+    }
+}
+
+void KRLendings::takeAll(std::vector<KRBinary>& returned) {
+    for (const std::uint32_t number : lent_) {
+        returned.push_back(std::move(tickets_[number].binary));
+    }
+    lent_.clear();
+    lentBytes_ = 0;
+}
+
+std::size_t KRLendings::collect() {
+    std::vector<KRBinary> returned;
+    const KRLock lock(mutex_);
+    collectLocked(returned);
+    if (process_ && !lent_.empty()) {
+        pollfd ended{process_.get(), POLLIN, 0};
+        if (::poll(&ended, 1, 0) == 1) {
+            takeAll(returned);
+        }
+    }
+    return lent_.size();
+}
+
+std::size_t KRLendings::getCount() const {
+    const KRLock lock(mutex_);
+    return lent_.size();
+}
+
+bool KRLendings::isClosed() const {
+    const KRLock lock(mutex_);
+    return closed_;
+}
+
+void KRLendings::check() const {
+    const KRLock lock(mutex_);
+    if (!lie_.empty()) {
+        throw KRLocalMalformed(lie_);
+    }
+}
+
+void KRLendings::forget(const std::vector<std::uint32_t>& ids) {
+    const KRLock lock(mutex_);
+    for (const std::uint32_t id : ids) {
+        if (known_.erase(id) > 0) {
+            forgotten_.push_back(id);
+        }
+    }
+}
+
+std::vector<std::uint32_t> KRLendings::takeForgotten() {
+    const KRLock lock(mutex_);
+    const std::size_t count = std::min(forgotten_.size(), KRLocalFrame::kMaxForgotten);
+    std::vector<std::uint32_t> taken(forgotten_.end() - static_cast<std::ptrdiff_t>(count), forgotten_.end());
+    forgotten_.resize(forgotten_.size() - count);
+    return taken;
+}
+
+void KRLendings::returnForgotten(const std::vector<std::uint32_t>& ids) {
+    const KRLock lock(mutex_);
+    forgotten_.insert(forgotten_.end(), ids.begin(), ids.end());
+}
+
+bool KRLendings::close(pid_t process) noexcept {
+    std::vector<KRBinary> returned;
+    const KRLock lock(mutex_);
+    const bool again = closed_;
+    closed_ = true;
+    collectLocked(returned);
+    if (!process_ && process > 0 && !lent_.empty()) {
+        process_ = KRDescriptor(static_cast<int>(syscall(SYS_pidfd_open, process, 0)));
+    }
+    if (!process_ || process == 0) { // it has ended already, or nobody can tell when it does
+        takeAll(returned);
+    }
+    return !again && !lent_.empty();
+}
+
+} // namespace KR

@@ -1,0 +1,420 @@
+#include "krlocal/krlocalendpoint.hpp"
+
+#include "krlocalclient.hpp"
+#include "krlocalserver.hpp"
+#include "krlocalsocket.hpp"
+
+#include <krplatform/krerror.hpp>
+#include <krplatform/krlog.hpp>
+#include <krplatform/krmutex.hpp>
+#include <krplatform/krthread.hpp>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <map>
+#include <set>
+#include <system_error>
+#include <thread>
+
+namespace KR {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr const char* kCategory = "krlocal";
+constexpr std::uint64_t kVersion = 1; // of the protocol
+constexpr std::size_t kMaxGreeting = 64;
+constexpr std::size_t kMaxSessions = 4096;
+constexpr std::size_t kMaxIdentity = 1024;
+constexpr std::chrono::seconds kGreetingPatience{5};
+constexpr std::chrono::seconds kTick{1};
+constexpr std::chrono::seconds kIdleTick{30};  // without connections
+constexpr std::chrono::seconds kIdleMemory{5}; // after which memory that nobody uses is freed
+constexpr std::uint64_t kWakeId = 0;
+constexpr std::uint64_t kListeningId = 1;
+
+/// In a time that does not tell where they differ.
+bool isSame(const std::string& a, const std::string& b) noexcept {
+    unsigned char difference = a.size() == b.size() ? 0 : 1;
+    for (std::size_t i = 0; i < a.size() && i < b.size(); ++i) {
+        difference |= static_cast<unsigned char>(a[i] ^ b[i]);
+    }
+    return difference == 0;
+}
+
+} // namespace
+
+bool KRLocalAddress::isOnThisMachine() const {
+    return !machine.empty() && machine == getMachineIdentity();
+}
+
+KRLocalConnection::~KRLocalConnection() = default;
+
+class KRLocalEndpoint::Private : public std::enable_shared_from_this<KRLocalEndpoint::Private> {
+public:
+    Private(KRLocalOptions options, KRLocalService& service)
+        : options_(std::move(options)), admission_(options_.group),
+          server_(std::make_shared<KRLocalServer>(service, disconnected_)) {
+        if (options_.id.empty() || options_.id.size() > kMaxIdentity) {
+            throw KRError("KRLocalEndpoint", "create",
+                          "an identity has 1 to " + std::to_string(kMaxIdentity) + " bytes, not " +
+                              std::to_string(options_.id.size()));
+        }
+        address_ = {getMachineIdentity(), "krvision-" + drawSecret(), drawSecret()};
+        listening_ = listenAt(address_.socket);
+        fcntl(listening_.get(), F_SETFL, O_NONBLOCK);
+        epoll_ = KRDescriptor(epoll_create1(EPOLL_CLOEXEC));
+        wake_ = KRDescriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+        if (!epoll_ || !wake_ || !watch(wake_.get(), EPOLLIN, kWakeId) ||
+            !watch(listening_.get(), EPOLLIN, kListeningId)) {
+            throw KRError("KRLocalEndpoint", "create", std::string("epoll: ") + std::strerror(errno));
+        }
+        pool_->setLimit(options_.memory);
+    }
+
+    void start() {
+        thread_ = std::thread([self = shared_from_this()] { self->run(); });
+    }
+
+    const KRLocalAddress& getAddress() const noexcept { return address_; }
+
+    std::shared_ptr<KRLocalConnection> connect(const KRLocalAddress& address,
+                                               std::chrono::milliseconds patience,
+                                               std::function<void(const std::string&)> onGone)
+        KR_EXCLUDES(mutex_) {
+        const auto fail = [](const std::string& why) { throw KRError("KRLocalEndpoint", "connect", why); };
+        const auto deadline = Clock::now() + patience;
+        if (!address.isOnThisMachine()) {
+            fail("the address is of another machine, boot or network namespace");
+        }
+        KRDescriptor socket = connectTo(address.socket, deadline);
+        const pid_t process = admission_.admit(socket.get());
+        auto channel = std::make_unique<KRLocalChannel>(std::move(socket), process, counts_);
+        try {
+            channel->sendGreeting(KRLocalFrame::Hello, kVersion, address.secret + options_.id);
+            pollfd readable{channel->getSocket(), POLLIN, 0};
+            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+            if (::poll(&readable, 1, static_cast<int>(std::max<std::int64_t>(0, left.count()))) != 1) {
+                fail("process " + std::to_string(process) + " does not answer");
+            }
+            const auto welcome = channel->receiveGreeting();
+            if (!welcome || welcome->kind != KRLocalFrame::Welcome || welcome->number != kVersion) {
+                fail("process " + std::to_string(process) + " speaks another version of the protocol");
+            }
+        } catch (const KRLocalClosed&) {
+            fail("process " + std::to_string(process) + " refuses the connection");
+        } catch (const KRLocalMalformed& error) {
+            fail("process " + std::to_string(process) + " sent " + error.what());
+        } catch (const std::system_error& error) {
+            fail(error.what());
+        }
+        channel->open(pool_);
+        auto client = std::make_shared<KRLocalClient>(
+            std::move(channel), disconnected_,
+            [self = shared_from_this(), onGone = std::move(onGone)](const std::string& why) {
+                if (onGone && self->enterCallback()) {
+                    onGone(why);
+                    self->leaveCallback();
+                }
+            });
+        {
+            const KRLock lock(mutex_);
+            if (stopped_) {
+                fail("this endpoint has been stopped");
+            }
+            clients_.emplace(++lastId_, client);
+            // No event for replies: those are read by the callers alone.
+            if (!watch(client->getSocket(), EPOLLRDHUP | EPOLLONESHOT, lastId_)) {
+                clients_.erase(lastId_);
+                fail(std::string("epoll: ") + std::strerror(errno));
+            }
+        }
+        wake();
+        return client;
+    }
+
+    KRLocalStatistics getStatistics() const KR_EXCLUDES(mutex_) {
+        KRLocalStatistics statistics;
+        statistics.memory = pool_->getSize();
+        statistics.lent = pool_->getLentCount();
+        statistics.shared = counts_->shared;
+        statistics.streamed = counts_->streamed;
+        statistics.connections = server_->getCount();
+        statistics.refused = refused_;
+        statistics.disconnected = *disconnected_;
+        return statistics;
+    }
+
+    void stop() noexcept KR_EXCLUDES(mutex_) {
+        std::map<std::uint64_t, std::weak_ptr<KRLocalClient>> clients;
+        {
+            const KRLock lock(mutex_);
+            stopped_ = true;
+            clients.swap(clients_);
+        }
+        wake();
+        if (thread_.joinable()) {
+            if (thread_.get_id() == std::this_thread::get_id()) {
+                thread_.detach();
+            } else {
+                thread_.join();
+            }
+        }
+        for (const auto& [id, each] : clients) {
+            if (const auto client = each.lock()) {
+                client->closeSilently("this process has closed the connection");
+            }
+        }
+        server_->stop();
+        KRLock lock(mutex_);
+        callbackLeft_.wait(lock, [&] {
+            mutex_.assertHeld();
+            return callbacks_.size() == callbacks_.count(std::this_thread::get_id());
+        });
+    }
+
+private:
+    struct Greeting {
+        std::unique_ptr<KRLocalChannel> channel;
+        Clock::time_point deadline;
+    };
+
+    bool watch(int descriptor, std::uint32_t events, std::uint64_t id) const {
+        epoll_event event{};
+        event.events = events;
+        event.data.u64 = id;
+        return epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, descriptor, &event) == 0;
+    }
+
+    void wake() const noexcept {
+        constexpr std::uint64_t kOne = 1;
+        [[maybe_unused]] const auto written = ::write(wake_.get(), &kOne, sizeof kOne);
+    }
+
+    bool enterCallback() KR_EXCLUDES(mutex_) {
+        const KRLock lock(mutex_);
+        if (stopped_) {
+            return false;
+        }
+        callbacks_.insert(std::this_thread::get_id());
+        return true;
+    }
+
+    void leaveCallback() KR_EXCLUDES(mutex_) {
+        const KRLock lock(mutex_);
+        callbacks_.erase(callbacks_.find(std::this_thread::get_id()));
+        callbackLeft_.notifyAll();
+    }
+
+    void run() KR_EXCLUDES(mutex_) {
+        setThreadName("KRLocal");
+        auto nextTick = Clock::now() + kTick;
+        for (;;) {
+            epoll_event event{};
+            const int count = epoll_wait(epoll_.get(), &event, 1, getPatience_ms());
+            {
+                const KRLock lock(mutex_);
+                if (stopped_) {
+                    break;
+                }
+            }
+            try {
+                if (count == 1) {
+                    handle(event.data.u64);
+                }
+                if (Clock::now() >= nextTick) {
+                    tick();
+                    nextTick = Clock::now() + kTick;
+                }
+            } catch (const std::exception& error) { // no memory
+                logError(kCategory, error.what());
+            }
+        }
+        greeting_.clear();
+    }
+
+    /// Without connections there is little to do until one comes.
+    int getPatience_ms() KR_EXCLUDES(mutex_) {
+        bool idle = greeting_.empty() && server_->getCount() == 0;
+        const KRLock lock(mutex_);
+        idle = idle && clients_.empty();
+        return static_cast<int>(std::chrono::milliseconds(idle ? kIdleTick : kTick).count());
+    }
+
+    void handle(std::uint64_t id) KR_EXCLUDES(mutex_) {
+        if (id == kWakeId) {
+            std::uint64_t count = 0;
+            [[maybe_unused]] const auto got = ::read(wake_.get(), &count, sizeof count);
+        } else if (id == kListeningId) {
+            accept();
+        } else if (const auto greeting = greeting_.find(id); greeting != greeting_.end()) {
+            if (!greet(*greeting->second.channel, greeting->second.channel)) {
+                greeting_.erase(greeting);
+            }
+        } else if (const auto client = findClient(id)) {
+            client->poll(); // the other has closed
+        }
+    }
+
+    std::shared_ptr<KRLocalClient> findClient(std::uint64_t id) KR_EXCLUDES(mutex_) {
+        const KRLock lock(mutex_);
+        const auto found = clients_.find(id);
+        return found == clients_.end() ? nullptr : found->second.lock();
+    }
+
+    void refuse(const std::string& why) {
+        if (refused_++ == 0) {
+            logWarning(kCategory, "a connection is refused, and others like it without a message: " + why);
+        }
+    }
+
+    void accept() KR_EXCLUDES(mutex_) {
+        KRDescriptor socket(::accept4(listening_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+        if (!socket) {
+            if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
+                refuse(std::strerror(errno));
+                sleepMilliseconds(50); // it would fail again at once
+            }
+            return;
+        }
+        if (greeting_.size() >= kMaxGreeting || server_->getCount() >= kMaxSessions) {
+            refuse("there are too many");
+            return;
+        }
+        pid_t process = 0;
+        try {
+            process = admission_.admit(socket.get());
+        } catch (const KRError& error) {
+            refuse(error.getDescription());
+            return;
+        }
+        std::uint64_t id = 0;
+        {
+            const KRLock lock(mutex_);
+            id = ++lastId_;
+        }
+        auto channel = std::make_unique<KRLocalChannel>(std::move(socket), process, counts_);
+        if (watch(channel->getSocket(), EPOLLIN | EPOLLRDHUP, id)) {
+            greeting_.emplace(id, Greeting{std::move(channel), Clock::now() + kGreetingPatience});
+        }
+    }
+
+    /// \param owner  of the channel; taken if it is admitted \return whether to wait for more
+    bool greet(KRLocalChannel& channel, std::unique_ptr<KRLocalChannel>& owner) {
+        const std::string process = "process " + std::to_string(channel.getProcess());
+        try {
+            const auto hello = channel.receiveGreeting();
+            if (!hello) {
+                return true;
+            }
+            const std::string& body = hello->message.body;
+            const std::string& secret = address_.secret;
+            if (hello->kind != KRLocalFrame::Hello || hello->number != kVersion) {
+                refuse(process + " speaks another version of the protocol");
+            } else if (!isSame(body.substr(0, secret.size()), secret)) {
+                refuse(process + " does not know the secret");
+            } else if (body.size() == secret.size() || body.size() > secret.size() + kMaxIdentity) {
+                refuse(process + " has no identity");
+            } else {
+                channel.open(pool_);
+                channel.sendGreeting(KRLocalFrame::Welcome, kVersion, "");
+                epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, channel.getSocket(), nullptr);
+                server_->add(std::move(owner), body.substr(secret.size()));
+            }
+        } catch (const KRLocalMalformed& error) {
+            refuse(process + " sent " + error.what());
+        } catch (const KRLocalClosed&) { // it has changed its mind
+        } catch (const std::exception& error) {
+            refuse(error.what());
+        }
+        return false;
+    }
+
+    void tick() KR_EXCLUDES(mutex_) {
+        for (auto each = greeting_.begin(); each != greeting_.end();) {
+            if (Clock::now() < each->second.deadline) {
+                ++each;
+                continue;
+            }
+            refuse("process " + std::to_string(each->second.channel->getProcess()) +
+                   " does not say who it is");
+            each = greeting_.erase(each);
+        }
+        pool_->trim(kIdleMemory);
+        server_->sendNotices();
+        std::vector<std::shared_ptr<KRLocalClient>> clients;
+        {
+            const KRLock lock(mutex_);
+            std::erase_if(clients_, [](const auto& each) { return each.second.expired(); });
+            for (const auto& [id, each] : clients_) {
+                if (auto client = each.lock()) {
+                    clients.push_back(std::move(client));
+                }
+            }
+        }
+        for (const auto& client : clients) {
+            client->tick();
+        }
+    }
+
+    const KRLocalOptions options_;
+    const KRLocalAdmission admission_;
+    const std::shared_ptr<KRLocalCounts> counts_ = std::make_shared<KRLocalCounts>();
+    const std::shared_ptr<std::atomic<std::uint64_t>> disconnected_ =
+        std::make_shared<std::atomic<std::uint64_t>>(0);
+    std::atomic<std::uint64_t> refused_ = 0;
+    const std::shared_ptr<KRLocalPool> pool_ = KRLocalPool::ofProcess();
+    const std::shared_ptr<KRLocalServer> server_;
+    // Constant after construction.
+    KRLocalAddress address_;
+    KRDescriptor listening_;
+    KRDescriptor epoll_;
+    KRDescriptor wake_;
+    std::thread thread_; // accepts, and notices what ends
+
+    std::map<std::uint64_t, Greeting> greeting_; // of that thread
+
+    mutable KRMutex mutex_;
+    KRCondition callbackLeft_;
+    bool stopped_ KR_GUARDED_BY(mutex_) = false;
+    std::multiset<std::thread::id> callbacks_ KR_GUARDED_BY(mutex_); // under way
+    std::uint64_t lastId_ KR_GUARDED_BY(mutex_) = kListeningId;      // of a connection
+    std::map<std::uint64_t, std::weak_ptr<KRLocalClient>> clients_ KR_GUARDED_BY(mutex_);
+};
+
+KRLocalEndpoint::KRLocalEndpoint(KRLocalOptions options, KRLocalService& service)
+    : private_(std::make_shared<Private>(std::move(options), service)) {
+    private_->start();
+}
+
+KRLocalEndpoint::~KRLocalEndpoint() {
+    stop();
+}
+
+const KRLocalAddress& KRLocalEndpoint::getAddress() const noexcept {
+    return private_->getAddress();
+}
+
+std::shared_ptr<KRLocalConnection>
+KRLocalEndpoint::connect(const KRLocalAddress& address, std::chrono::milliseconds patience,
+                         std::function<void(const std::string& why)> onGone) {
+    return private_->connect(address, patience, std::move(onGone));
+}
+
+KRLocalStatistics KRLocalEndpoint::getStatistics() const {
+    return private_->getStatistics();
+}
+
+void KRLocalEndpoint::stop() noexcept {
+    private_->stop();
+}
+
+} // namespace KR

@@ -1,0 +1,97 @@
+#pragma once
+
+#include "krsharedmemory.hpp"
+
+#include <krplatform/krmutex.hpp>
+#include <krplatform/krvalue.hpp>
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <vector>
+
+namespace KR {
+
+class KRLendings;
+
+/// Shared memory of this process for binaries, divided into slots that are used again and again: a new memfd for each
+/// image would cost more than copying the image. Grows and shrinks with use, within a bound. Thread-safe.
+///
+/// A slot is in use while a handle to it exists: with the module that filled it, in a message, or in the lendings of a
+/// connection whose other side has not given it back.
+class KRLocalPool : public std::enable_shared_from_this<KRLocalPool> {
+public:
+    /// The one that KRBinary::allocate() uses, from the first call of this function on.
+    static const std::shared_ptr<KRLocalPool>& ofProcess();
+
+    /// \param limit  most bytes of shared memory; what is beyond a lower limit goes as soon as it is free
+    explicit KRLocalPool(std::size_t limit) : limit_(limit) {}
+
+    void setLimit(std::size_t limit) KR_EXCLUDES(mutex_);
+    std::size_t getLimit() const KR_EXCLUDES(mutex_);
+
+    /// A slot of at least `size` bytes, aligned to a page, not initialised. Null: the limit is reached, or the size is
+    /// below KRLocalMessage::kSharedFrom, which is not worth a slot.
+    boost::shared_ptr<unsigned char[]> allocate(std::size_t size) noexcept KR_EXCLUDES(mutex_);
+
+    struct Place {
+        std::shared_ptr<const KRSharedMemory> memory;
+        std::uint32_t id;
+        std::uint64_t offset;
+    };
+    /// Where in the pool the bytes lie; nullopt: elsewhere.
+    std::optional<Place> find(const unsigned char* bytes, std::size_t size) const KR_EXCLUDES(mutex_);
+
+    /// Has the pool look for slots that have been given back when it is short of them, and report memory that is no more.
+    void attach(const std::shared_ptr<KRLendings>& lendings) KR_EXCLUDES(mutex_);
+    /// The connection is closed, but the other process may hold binaries yet: keeps their slots until it does not.
+    void keepUntilReturned(std::shared_ptr<KRLendings> lendings) KR_EXCLUDES(mutex_);
+
+    /// Frees memory without a slot in use: what has been so for that long, and what is beyond the limit. \return whether there is any memory left
+    bool trim(std::chrono::steady_clock::duration idle) KR_EXCLUDES(mutex_);
+
+    std::size_t getSize() const KR_EXCLUDES(mutex_); ///< bytes of shared memory
+    std::size_t getUsedSlots() const KR_EXCLUDES(mutex_);
+    /// Binaries that other processes hold.
+    std::size_t getLentCount() const KR_EXCLUDES(mutex_);
+
+private:
+    struct Memory {
+        std::uint32_t id;
+        std::size_t slotSize;
+        std::shared_ptr<KRSharedMemory> shared;
+        std::size_t used;
+        std::chrono::steady_clock::time_point idleSince;
+    };
+    struct Slot {
+        Memory* memory;
+        std::size_t offset;
+    };
+    using Memories = std::map<const unsigned char*, std::unique_ptr<Memory>>; // by address
+
+    boost::shared_ptr<unsigned char[]> takeFree(std::size_t slotSize) KR_EXCLUDES(mutex_);
+    bool grow(std::size_t slotSize) KR_EXCLUDES(mutex_);
+    void release(Slot slot) noexcept KR_EXCLUDES(mutex_);
+    /// Forgets a memory without a slot in use. \return what follows it
+    Memories::iterator drop(Memories::iterator memory, std::vector<std::shared_ptr<KRSharedMemory>>& dropped,
+                            std::vector<std::uint32_t>& ids) KR_REQUIRES(mutex_);
+    void reportDropped(const std::vector<std::uint32_t>& ids) KR_EXCLUDES(mutex_);
+    std::vector<std::shared_ptr<KRLendings>> getAttached() const KR_EXCLUDES(mutex_);
+    /// Looks for slots that have been given back.
+    void collect() KR_EXCLUDES(mutex_);
+
+    mutable KRMutex mutex_;
+    std::size_t limit_ KR_GUARDED_BY(mutex_);
+    std::size_t size_ KR_GUARDED_BY(mutex_) = 0;
+    std::size_t used_ KR_GUARDED_BY(mutex_) = 0;
+    Memories memories_ KR_GUARDED_BY(mutex_);
+    std::map<std::size_t, std::vector<Slot>>
+        free_ KR_GUARDED_BY(mutex_); // by size; the last used is the last
+    std::vector<std::weak_ptr<KRLendings>> attached_ KR_GUARDED_BY(mutex_);
+    std::vector<std::shared_ptr<KRLendings>> closed_ KR_GUARDED_BY(mutex_);
+};
+
+} // namespace KR

@@ -1,0 +1,293 @@
+#include "krlocalserver.hpp"
+
+#include <krplatform/krerror.hpp>
+#include <krplatform/krlog.hpp>
+
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+namespace KR {
+
+namespace {
+
+constexpr const char* kCategory = "krlocal";
+constexpr int kIdleTime_ms = 2000; // after which a thread that is not needed leaves
+
+thread_local const KRLocalServer* servingHere = nullptr;
+
+void throwErrno(const char* what) {
+    throw KRError("KRLocalEndpoint", "create", std::string(what) + ": " + std::strerror(errno));
+}
+
+} // namespace
+
+KRLocalRequest::KRLocalRequest(std::shared_ptr<KRLocalSession> session, std::uint64_t number,
+                               std::size_t bytes, KRLocalMessage received)
+    : message(std::move(received)), session_(std::move(session)), number_(number), bytes_(bytes) {}
+
+KRLocalRequest::~KRLocalRequest() {
+    message = {}; // goes back first
+    if (!answered_) {
+        try {
+            session_->getChannel().send(KRLocalFrame::Unanswered, number_, {});
+        } catch (const std::exception&) { // the caller is gone
+        }
+    }
+    session_->finish(bytes_);
+}
+
+const std::string& KRLocalRequest::getCaller() const noexcept {
+    return session_->getCaller();
+}
+
+void KRLocalRequest::reply(const KRLocalMessage& answer) {
+    if (answered_.exchange(true)) {
+        return;
+    }
+    try {
+        session_->getChannel().send(KRLocalFrame::Reply, number_, answer);
+    } catch (const KRLocalClosed&) { // noticed by the thread that reads
+    } catch (const KRLocalMalformed& error) {
+        session_->disconnect(error.what());
+    } catch (...) {
+        answered_ = false;
+        throw;
+    }
+}
+
+KRLocalService::~KRLocalService() = default;
+
+void KRLocalSession::arm() {
+    paused_ = running_ >= kMaxRunning || runningBytes_ >= kMaxRunningBytes;
+    epoll_event event{};
+    event.events = (paused_ ? 0U : EPOLLIN) | EPOLLRDHUP | EPOLLONESHOT;
+    event.data.u64 = id_;
+    epoll_ctl(epoll_->get(), EPOLL_CTL_MOD, channel_->getSocket(), &event); // fails after removal
+}
+
+void KRLocalSession::awaitMessage() {
+    const KRLock lock(mutex_);
+    arm();
+}
+
+void KRLocalSession::begin(std::size_t bytes) {
+    const KRLock lock(mutex_);
+    ++running_;
+    runningBytes_ += bytes;
+    arm();
+}
+
+void KRLocalSession::finish(std::size_t bytes) noexcept {
+    const KRLock lock(mutex_);
+    --running_;
+    runningBytes_ -= bytes;
+    if (paused_) {
+        arm();
+    }
+}
+
+void KRLocalSession::disconnect(const std::string& why) noexcept {
+    channel_->disown();
+    if (!broken_.exchange(true)) {
+        ++*disconnected_;
+        logWarning(kCategory,
+                   "process " + std::to_string(channel_->getProcess()) + " is disconnected, it " + why);
+    }
+}
+
+KRLocalServer::KRLocalServer(KRLocalService& service,
+                             std::shared_ptr<std::atomic<std::uint64_t>> disconnected)
+    : service_(service), disconnected_(std::move(disconnected)),
+      epoll_(std::make_shared<const KRDescriptor>(epoll_create1(EPOLL_CLOEXEC))),
+      wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+    epoll_event event{};
+    event.events = EPOLLIN;
+    if (!*epoll_ || !wake_ || epoll_ctl(epoll_->get(), EPOLL_CTL_ADD, wake_.get(), &event) != 0) {
+        throwErrno("epoll");
+    }
+}
+
+void KRLocalServer::add(std::unique_ptr<KRLocalChannel> channel, const std::string& caller) {
+    std::shared_ptr<KRLocalSession> session;
+    bool first = false;
+    {
+        const KRLock lock(mutex_);
+        if (stopped_) {
+            return;
+        }
+        const int socket = channel->getSocket();
+        session =
+            std::make_shared<KRLocalSession>(std::move(channel), caller, ++lastId_, epoll_, disconnected_);
+        sessions_.emplace(session->getId(), session);
+        epoll_event event{};
+        event.data.u64 = session->getId();
+        if (epoll_ctl(epoll_->get(), EPOLL_CTL_ADD, socket, &event) != 0) {
+            sessions_.erase(session->getId());
+            throwErrno("epoll_ctl");
+        }
+        first = threads_ == 0;
+    }
+    if (first) {
+        startThread();
+    }
+    session->awaitMessage();
+}
+
+std::size_t KRLocalServer::getCount() const {
+    const KRLock lock(mutex_);
+    return sessions_.size();
+}
+
+void KRLocalServer::startThread() {
+    {
+        const KRLock lock(mutex_);
+        if (stopped_) {
+            return;
+        }
+        ++threads_;
+    }
+    ++waiting_;
+    try {
+        service_.post([self = shared_from_this()] { self->run(); });
+    } catch (const std::exception& error) { // the others go on alone
+        --waiting_;
+        const KRLock lock(mutex_);
+        --threads_;
+        left_.notifyAll();
+        logError(kCategory, std::string("no thread to serve requests: ") + error.what());
+    }
+}
+
+void KRLocalServer::run() {
+    servingHere = this;
+    while (!stopped_) {
+        epoll_event event{};
+        const int count = epoll_wait(epoll_->get(), &event, 1, waiting_ > kWaiting ? kIdleTime_ms : -1);
+        if (stopped_) {
+            break;
+        }
+        if (count == 1) {
+            if (waiting_.fetch_sub(1) == 1) {
+                startThread(); // or else nobody would wait
+            }
+            serve(event.data.u64);
+            ++waiting_;
+        } else if (count == 0) {
+            int waiting = waiting_;
+            while (waiting > kWaiting && !waiting_.compare_exchange_weak(waiting, waiting - 1)) {
+            }
+            if (waiting > kWaiting) {
+                ++waiting_; // which the end of this function undoes
+                break;
+            }
+        }
+    }
+    --waiting_;
+    servingHere = nullptr;
+    const KRLock lock(mutex_);
+    --threads_;
+    left_.notifyAll();
+}
+
+void KRLocalServer::serve(std::uint64_t id) {
+    std::shared_ptr<KRLocalSession> session;
+    {
+        const KRLock lock(mutex_);
+        const auto found = sessions_.find(id);
+        if (found == sessions_.end()) {
+            return;
+        }
+        session = found->second;
+    }
+    std::shared_ptr<KRLocalRequest> request;
+    session->takeOver();
+    try {
+        auto received = session->getChannel().receive(false);
+        if (!received || received->kind == KRLocalFrame::Notice) {
+            session->awaitMessage();
+            return;
+        }
+        if (received->kind != KRLocalFrame::Request) {
+            throw KRLocalMalformed("a message of kind " + std::to_string(received->kind) + " to a server");
+        }
+        session->begin(received->streamedBytes);
+        request.reset(new KRLocalRequest(session, received->number, received->streamedBytes,
+                                         std::move(received->message)));
+    } catch (const KRLocalClosed&) {
+        remove(session);
+        return;
+    } catch (const KRLocalMalformed& error) {
+        session->disconnect(std::string("sent ") + error.what());
+        remove(session);
+        return;
+    } catch (const std::exception& error) { // no memory, no descriptors
+        logWarning(kCategory, "the connection of process " +
+                                  std::to_string(session->getChannel().getProcess()) +
+                                  " is closed: " + error.what());
+        remove(session);
+        return;
+    }
+    service_.serve(std::move(request));
+}
+
+void KRLocalServer::remove(const std::shared_ptr<KRLocalSession>& session) {
+    bool last = false;
+    {
+        const KRLock lock(mutex_);
+        if (sessions_.erase(session->getId()) == 0) {
+            return;
+        }
+        last = std::none_of(sessions_.begin(), sessions_.end(), [&](const auto& each) {
+            return each.second->getCaller() == session->getCaller();
+        });
+    }
+    epoll_ctl(epoll_->get(), EPOLL_CTL_DEL, session->getChannel().getSocket(), nullptr);
+    session->getChannel().close();
+    if (last && !stopped_) {
+        service_.noticeCallerGone(session->getCaller());
+    }
+}
+
+void KRLocalServer::sendNotices() {
+    std::vector<std::shared_ptr<KRLocalSession>> sessions;
+    {
+        const KRLock lock(mutex_);
+        for (const auto& [id, session] : sessions_) {
+            sessions.push_back(session);
+        }
+    }
+    for (const auto& session : sessions) {
+        try {
+            session->getChannel().sendNotice();
+        } catch (const KRLocalClosed&) { // noticed by the thread that reads
+        } catch (const KRLocalMalformed& error) {
+            session->disconnect(error.what());
+        }
+    }
+}
+
+void KRLocalServer::stop() noexcept {
+    std::map<std::uint64_t, std::shared_ptr<KRLocalSession>> sessions;
+    {
+        const KRLock lock(mutex_);
+        stopped_ = true;
+        sessions.swap(sessions_);
+    }
+    constexpr std::uint64_t kOne = 1;
+    [[maybe_unused]] const auto written = ::write(wake_.get(), &kOne, sizeof kOne);
+    for (const auto& [id, session] : sessions) {
+        session->getChannel().close(); // ends replies that block
+    }
+    const int own = servingHere == this ? 1 : 0;
+    KRLock lock(mutex_);
+    left_.wait(lock, [&] {
+        mutex_.assertHeld();
+        return threads_ <= own;
+    });
+}
+
+} // namespace KR

@@ -1,0 +1,61 @@
+#pragma once
+
+#include "krdescriptor.hpp"
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+
+namespace KR {
+
+/// Memory of this process that others can be given to read: a memfd without a name, which the kernel frees with the last
+/// process that maps it. Its size is sealed, and nobody else can ever map it for writing.
+class KRSharedMemory {
+public:
+    /// Zeros, or no memory at all until it is touched. \throws std::system_error
+    explicit KRSharedMemory(std::size_t size);
+    ~KRSharedMemory();
+    KRSharedMemory(const KRSharedMemory&) = delete;
+    KRSharedMemory& operator=(const KRSharedMemory&) = delete;
+
+    unsigned char* data() const noexcept { return data_; }
+    std::size_t size() const noexcept { return size_; }
+    int getDescriptor() const noexcept { return descriptor_.get(); }
+
+private:
+    const std::size_t size_;
+    const KRDescriptor descriptor_;
+    unsigned char* data_ = nullptr;
+};
+
+/// Such memory of another process, for reading. The bytes change whenever that process wishes.
+class KRForeignMemory {
+public:
+    /// \throws KRLocalMalformed not a memfd sealed as it must be, or not of this size
+    KRForeignMemory(const KRDescriptor& descriptor, std::size_t size);
+    ~KRForeignMemory();
+    KRForeignMemory(const KRForeignMemory&) = delete;
+    KRForeignMemory& operator=(const KRForeignMemory&) = delete;
+
+    const unsigned char* data() const noexcept { return data_; }
+    std::size_t size() const noexcept { return size_; }
+
+private:
+    const std::size_t size_;
+    const unsigned char* data_ = nullptr;
+};
+
+/// The page on which the receiver of binaries writes which of them it holds no more: a generation per ticket.
+struct KRReturns {
+    static constexpr std::size_t kTickets = 1024;
+    static constexpr std::size_t kSize = kTickets * sizeof(std::uint32_t);
+
+    static std::uint32_t read(const unsigned char* page, std::uint32_t ticket) noexcept {
+        return __atomic_load_n(reinterpret_cast<const std::uint32_t*>(page) + ticket, __ATOMIC_ACQUIRE);
+    }
+    static void write(unsigned char* page, std::uint32_t ticket, std::uint32_t generation) noexcept {
+        __atomic_store_n(reinterpret_cast<std::uint32_t*>(page) + ticket, generation, __ATOMIC_RELEASE);
+    }
+};
+
+} // namespace KR

@@ -1,0 +1,386 @@
+#include "krlocal/krlocalendpoint.hpp"
+
+#include "patience.hpp"
+#include "recordedlog.hpp"
+#include "testservice.hpp"
+
+#include <krplatform/krerror.hpp>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <thread>
+
+namespace KR {
+namespace {
+
+using test::kPatience;
+using test::makeBinary;
+using test::makeMessage;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::ThrowsMessage;
+
+constexpr std::size_t kImage = 614400;
+
+/// A server and a client, each with an endpoint of its own.
+class Connection : public testing::Test {
+protected:
+    void serve(test::TestService::Function function, KRLocalOptions options = {"server", ""}) {
+        connection = nullptr;
+        server = nullptr;
+        service = std::make_unique<test::TestService>(std::move(function));
+        server = std::make_unique<KRLocalEndpoint>(std::move(options), *service);
+        connection = connect();
+    }
+    void serveEcho() {
+        serve([](KRLocalRequest& request) { request.reply(request.message); });
+    }
+    std::shared_ptr<KRLocalConnection> connect() {
+        return client->connect(server->getAddress(), kPatience, [this](const std::string& why) {
+            const std::lock_guard lock(mutex);
+            gone.push_back(why);
+        });
+    }
+    std::vector<std::string> getGone() const {
+        const std::lock_guard lock(mutex);
+        return gone;
+    }
+
+    mutable std::mutex mutex;
+    std::vector<std::string> gone;
+    test::TestService idle;
+    std::unique_ptr<KRLocalEndpoint> client =
+        std::make_unique<KRLocalEndpoint>(KRLocalOptions{"client", ""}, idle);
+    std::unique_ptr<test::TestService> service;
+    std::unique_ptr<KRLocalEndpoint> server;
+    std::shared_ptr<KRLocalConnection> connection;
+};
+
+TEST_F(Connection, ACallIsAnsweredWithWhatTheServerReplies) {
+    serve([](KRLocalRequest& request) {
+        request.reply(
+            makeMessage(request.message.code + 1, request.message.body + " from " + request.getCaller()));
+    });
+    const KRLocalMessage reply = connection->call(makeMessage(41, "hello"));
+    EXPECT_EQ(reply.code, 42u);
+    EXPECT_EQ(reply.body, "hello from client");
+    EXPECT_TRUE(connection->isOpen());
+}
+
+TEST_F(Connection, BodiesAndBinariesOfEverySizeComeBackAsTheyWent) {
+    serveEcho();
+    for (const std::size_t size : {0, 1, 4095, 16383, 16384, 65400, 65536, 200000, 3000000}) {
+        const std::string body(size, 'b');
+        std::vector<KRBinary> binaries{makeBinary(size, 1), makeBinary(0, 2), makeBinary(100, 3),
+                                       makeBinary(size, 4)};
+        const KRLocalMessage reply = connection->call(makeMessage(0, body, binaries));
+        EXPECT_EQ(reply.body, body);
+        EXPECT_EQ(reply.binaries, binaries) << size;
+    }
+}
+
+TEST_F(Connection, WithoutSharedMemoryEverythingGoesThroughTheSocket) {
+    serve([](KRLocalRequest& request) { request.reply(request.message); }, {"server", "", 0});
+    const std::vector<KRBinary> binaries{makeBinary(3000000, 1), makeBinary(16384, 2), makeBinary(16384, 3)};
+    const KRLocalMessage reply = connection->call(makeMessage(0, std::string(100000, 'b'), binaries));
+    EXPECT_EQ(reply.body.size(), 100000u);
+    EXPECT_EQ(reply.binaries, binaries);
+    EXPECT_EQ(server->getStatistics().shared, 0u);
+    EXPECT_EQ(server->getStatistics().streamed, 3u);
+}
+
+TEST_F(Connection, AnAllocatedBinaryIsHandedOverInPlace) {
+    const auto bytes = KRBinary::allocate(kImage);
+    std::fill_n(bytes.get(), kImage, static_cast<unsigned char>(1));
+    KRLocalMessage got;
+    serve([&](KRLocalRequest& request) {
+        got = request.message;
+        request.reply({});
+    });
+    connection->call(makeMessage(0, "", {KRBinary(bytes, kImage)}));
+    ASSERT_EQ(got.binaries.size(), 1u);
+    EXPECT_NE(got.binaries[0].data(), bytes.get());
+    bytes[7] = 9; // nobody else may do that; shows that nothing was copied
+    EXPECT_EQ(got.binaries[0].data()[7], 9);
+    EXPECT_EQ(client->getStatistics().lent, 1u);
+    got = {};
+    // The request that had it as well ends a little after its reply.
+    EXPECT_TRUE(test::eventually([&] { return client->getStatistics().lent == 0; }));
+}
+
+TEST_F(Connection, AReceiverThatKeepsTooMuchGetsTheRestThroughTheSocket) {
+    serve([](KRLocalRequest& request) { request.reply(makeMessage(0, "", {makeBinary(kImage, 7)})); },
+          {"server", "", 8 << 20});
+    std::vector<KRLocalMessage> kept;
+    for (int i = 0; i < 40; ++i) {
+        kept.push_back(connection->call({}));
+        EXPECT_EQ(kept.back().binaries[0].data()[kImage - 1], 7);
+    }
+    const KRLocalStatistics full = server->getStatistics();
+    EXPECT_GT(full.shared, 0u);
+    EXPECT_GT(full.streamed, 0u);
+    EXPECT_LE(full.memory, 8u << 20);
+    kept.clear();
+    connection->call({});
+    EXPECT_EQ(server->getStatistics().shared, full.shared + 1);
+    EXPECT_TRUE(test::eventually([&] { return server->getStatistics().lent == 0; }));
+}
+
+TEST_F(Connection, AHundredCallersAtOnceEachGetTheirOwnReply) {
+    serve([](KRLocalRequest& request) { request.reply(request.message); });
+    std::atomic<int> wrong = 0;
+    std::vector<std::thread> callers;
+    for (int caller = 0; caller < 100; ++caller) {
+        callers.emplace_back([&, caller] {
+            for (int i = 0; i < 30; ++i) {
+                const std::string body = std::to_string(caller) + "/" + std::to_string(i);
+                const bool image = i % 10 == 0;
+                std::vector<KRBinary> binaries;
+                if (image) {
+                    binaries.push_back(makeBinary(20000, static_cast<unsigned char>(caller)));
+                }
+                const KRLocalMessage reply = connection->call(makeMessage(0, body, binaries));
+                wrong += reply.body != body || reply.binaries != binaries ? 1 : 0;
+            }
+        });
+    }
+    for (std::thread& caller : callers) {
+        caller.join();
+    }
+    EXPECT_EQ(wrong, 0);
+}
+
+TEST_F(Connection, CallsThatTakeLongHoldUpNoOther) {
+    test::Event release;
+    std::atomic<int> running = 0;
+    serve([&](KRLocalRequest& request) {
+        if (request.message.body == "long") {
+            ++running;
+            EXPECT_TRUE(release.wait());
+        }
+        request.reply(request.message);
+    });
+    std::vector<std::thread> callers;
+    for (int i = 0; i < 20; ++i) {
+        callers.emplace_back([&] { EXPECT_EQ(connection->call(makeMessage(0, "long")).body, "long"); });
+    }
+    {
+        const test::SetAtEnd atEnd(release);
+        EXPECT_TRUE(test::eventually([&] { return running == 20; }));
+        EXPECT_EQ(connection->call(makeMessage(0, "short")).body, "short");
+    }
+    for (std::thread& caller : callers) {
+        caller.join();
+    }
+}
+
+TEST_F(Connection, AServerMayCallItsCallerBack) {
+    service = std::make_unique<test::TestService>([&](KRLocalRequest& request) {
+        const auto back = server->connect(client->getAddress(), kPatience, {});
+        request.reply(back->call(request.message));
+    });
+    test::TestService own([](KRLocalRequest& request) {
+        request.reply(makeMessage(0, request.message.body + " by " + request.getCaller()));
+    });
+    client = std::make_unique<KRLocalEndpoint>(KRLocalOptions{"client", ""}, own);
+    server = std::make_unique<KRLocalEndpoint>(KRLocalOptions{"server", ""}, *service);
+    connection = connect();
+    EXPECT_EQ(connection->call(makeMessage(0, "called back")).body, "called back by server");
+    server->stop();
+    client->stop();
+}
+
+TEST_F(Connection, ARequestThatIsDroppedFailsItsCall) {
+    serve([](KRLocalRequest&) {});
+    EXPECT_THAT([&] { connection->call({}); }, ThrowsMessage<KRError>(HasSubstr("was not answered")));
+    EXPECT_TRUE(connection->isOpen());
+}
+
+TEST_F(Connection, OnlyTheFirstAnswerCounts) {
+    serve([](KRLocalRequest& request) {
+        request.reply(makeMessage(1, "first"));
+        request.reply(makeMessage(2, "second"));
+    });
+    EXPECT_EQ(connection->call({}).body, "first");
+    EXPECT_EQ(connection->call({}).body, "first");
+}
+
+TEST_F(Connection, AMessageBeyondTheBoundsIsAnErrorOfItsSenderAlone) {
+    serve([](KRLocalRequest& request) {
+        EXPECT_THROW(
+            request.reply(makeMessage(0, "", std::vector<KRBinary>(KRLocalMessage::kMaxBinaries + 1))),
+            KRError);
+        request.reply(makeMessage(0, "small"));
+    });
+    EXPECT_THROW(
+        connection->call(makeMessage(0, "", std::vector<KRBinary>(KRLocalMessage::kMaxBinaries + 1))),
+        KRError);
+    EXPECT_EQ(connection->call({}).body, "small");
+}
+
+TEST_F(Connection, AServerThatStopsFailsTheCallsUnderWay) {
+    test::Event release;
+    test::Event begun;
+    serve([&](KRLocalRequest&) {
+        begun.set();
+        EXPECT_TRUE(release.wait());
+    });
+    std::thread caller([&] {
+        EXPECT_THAT([&] { connection->call({}); },
+                    ThrowsMessage<KRError>(HasSubstr("closed the connection")));
+        release.set();
+    });
+    EXPECT_TRUE(begun.wait());
+    server->stop();
+    caller.join();
+    EXPECT_FALSE(connection->isOpen());
+    EXPECT_THROW(connection->call({}), KRError);
+    EXPECT_EQ(getGone().size(), 1u);
+}
+
+TEST_F(Connection, ACallerThatStopsIsNoticed) {
+    serveEcho();
+    const auto second = connect();
+    connection->call({});
+    second->call({});
+    second->close("enough");
+    EXPECT_EQ(getGone().size(), 1u);
+    EXPECT_THAT([&] { second->call({}); }, ThrowsMessage<KRError>(HasSubstr("enough")));
+    EXPECT_TRUE(test::eventually([&] { return server->getStatistics().connections == 1; }));
+    EXPECT_TRUE(service->getGone().empty()); // it has a connection yet
+    client->stop();
+    EXPECT_TRUE(test::eventually([&] { return !service->getGone().empty(); }));
+    EXPECT_THAT(service->getGone(), ElementsAre("client"));
+    EXPECT_EQ(getGone().size(), 1u);
+    EXPECT_THROW(connection->call({}), KRError);
+}
+
+TEST_F(Connection, AClosedConnectionWakesEveryCaller) {
+    test::Event release;
+    std::atomic<int> begun = 0;
+    serve([&](KRLocalRequest&) {
+        ++begun;
+        EXPECT_TRUE(release.wait());
+    });
+    std::atomic<int> failed = 0;
+    std::vector<std::thread> callers;
+    for (int i = 0; i < 10; ++i) {
+        callers.emplace_back([&] {
+            EXPECT_THAT([&] { connection->call({}); }, ThrowsMessage<KRError>(HasSubstr("it is over")));
+            ++failed;
+        });
+    }
+    EXPECT_TRUE(test::eventually([&] { return begun == 10; }));
+    connection->close("it is over");
+    for (std::thread& caller : callers) {
+        caller.join();
+    }
+    EXPECT_EQ(failed, 10);
+    release.set();
+    server->stop(); // nobody waits any more
+}
+
+TEST_F(Connection, BinariesOutliveTheConnectionAndBothEndpoints) {
+    serve([](KRLocalRequest& request) { request.reply(makeMessage(0, "", {makeBinary(kImage, 7)})); });
+    const KRBinary got = connection->call({}).binaries[0];
+    connection = nullptr;
+    client->stop();
+    server->stop();
+    for (int i = 0; i < 20; ++i) { // would be written where the binary lies
+        const auto other = KRBinary::allocate(kImage);
+        std::fill_n(other.get(), kImage, static_cast<unsigned char>(9));
+    }
+    EXPECT_EQ(got, makeBinary(kImage, 7));
+}
+
+TEST_F(Connection, NeedsTheSecret) {
+    serveEcho();
+    test::RecordedLog log;
+    KRLocalAddress address = server->getAddress();
+    address.secret.back() = address.secret.back() == '0' ? '1' : '0';
+    EXPECT_THAT([&] { client->connect(address, kPatience, {}); },
+                ThrowsMessage<KRError>(HasSubstr("refuses the connection")));
+    EXPECT_EQ(server->getStatistics().refused, 1u);
+    EXPECT_TRUE(log.waitFor(KRLogLevel::Warning, "does not know the secret"));
+    EXPECT_EQ(connection->call(makeMessage(0, "undisturbed")).body, "undisturbed");
+}
+
+TEST_F(Connection, IsOnlyMadeWhereSocketsReach) {
+    serveEcho();
+    KRLocalAddress address = server->getAddress();
+    EXPECT_TRUE(address.isOnThisMachine());
+    address.machine += "0";
+    EXPECT_FALSE(address.isOnThisMachine());
+    EXPECT_THAT([&] { client->connect(address, kPatience, {}); },
+                ThrowsMessage<KRError>(HasSubstr("another machine")));
+    address = server->getAddress();
+    server->stop();
+    server = nullptr;
+    EXPECT_THAT([&] { client->connect(address, kPatience, {}); },
+                ThrowsMessage<KRError>(HasSubstr("no process listens")));
+}
+
+TEST_F(Connection, AGroupThatDoesNotExistIsAnError) {
+    EXPECT_THAT(
+        [&] {
+            KRLocalEndpoint(KRLocalOptions{"x", "no such group"}, idle);
+        },
+        ThrowsMessage<KRError>(HasSubstr("there is no group named no such group")));
+    EXPECT_THROW(KRLocalEndpoint(KRLocalOptions{"", ""}, idle), KRError);
+}
+
+TEST_F(Connection, MoreRequestsThanMayRunWaitInTheSocket) {
+    test::Event release;
+    std::atomic<int> running = 0;
+    serve([&](KRLocalRequest& request) {
+        ++running;
+        EXPECT_TRUE(release.wait());
+        request.reply({});
+    });
+    std::atomic<int> answered = 0;
+    std::vector<std::thread> callers;
+    for (int i = 0; i < 530; ++i) {
+        callers.emplace_back([&] {
+            connection->call({});
+            ++answered;
+        });
+    }
+    EXPECT_TRUE(test::eventually([&] { return running >= 512; }));
+    EXPECT_EQ(running, 512);
+    release.set();
+    for (std::thread& caller : callers) {
+        caller.join();
+    }
+    EXPECT_EQ(answered, 530);
+}
+
+TEST_F(Connection, ConnectionsComeAndGoWhileImagesFlow) {
+    serve([](KRLocalRequest& request) { request.reply(makeMessage(0, "", {makeBinary(kImage, 7)})); });
+    std::vector<std::thread> callers;
+    for (int caller = 0; caller < 4; ++caller) {
+        callers.emplace_back([&] {
+            for (int i = 0; i < 20; ++i) {
+                const auto own = connect();
+                std::vector<KRLocalMessage> kept;
+                for (int fetch = 0; fetch < 5; ++fetch) {
+                    kept.push_back(own->call({}));
+                    EXPECT_EQ(kept.back().binaries[0].data()[kImage - 1], 7);
+                }
+                if (i % 2 == 0) {
+                    own->close("enough");
+                }
+            }
+        });
+    }
+    for (std::thread& caller : callers) {
+        caller.join();
+    }
+    EXPECT_TRUE(test::eventually([&] { return server->getStatistics().connections == 1; }));
+    EXPECT_TRUE(test::eventually([&] { return server->getStatistics().lent == 0; }));
+}
+
+} // namespace
+} // namespace KR
