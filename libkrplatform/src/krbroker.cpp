@@ -1,6 +1,7 @@
 #include "krplatform/krbroker.hpp"
 
 #include "krplatform/krlog.hpp"
+#include "krplatform/krmutex.hpp"
 #include "krplatform/krproxy.hpp"
 #include "krplatform/krtext.hpp"
 
@@ -10,7 +11,7 @@
 
 #include <algorithm>
 #include <map>
-#include <mutex>
+#include <new>
 #include <string_view>
 #include <system_error>
 
@@ -47,15 +48,15 @@ KRBrokerOptions parseLocalUrl(const std::string& url) {
     return options;
 }
 
-/// What the address begins with, up to its colon, and who makes sense of it. Thread-safe.
+/// Transport factories by scheme: the beginning of an address up to its colon. Thread-safe.
 class KRTransports {
 public:
     void add(const std::string& scheme, KRTransportFactory factory) {
-        const std::lock_guard lock(mutex_);
+        const KRLock lock(mutex_);
         factories_[scheme] = std::move(factory);
     }
     KRTransportFactory find(const std::string& url) const {
-        const std::lock_guard lock(mutex_);
+        const KRLock lock(mutex_);
         const auto found = factories_.find(url.substr(0, url.find(':') + 1));
         if (found == factories_.end()) {
             std::string known(kLocalScheme);
@@ -70,8 +71,8 @@ public:
     }
 
 private:
-    mutable std::mutex mutex_;
-    std::map<std::string, KRTransportFactory> factories_; // guarded by mutex_
+    mutable KRMutex mutex_;
+    std::map<std::string, KRTransportFactory> factories_ KR_GUARDED_BY(mutex_);
 };
 
 KRTransports& getTransports() {
@@ -81,62 +82,60 @@ KRTransports& getTransports() {
 
 } // namespace
 
-void KRBrokerPrivate::postEntered(std::shared_ptr<KRModuleGate> gate, std::string method,
-                                  std::function<void(KRModuleGate::Running&)> job) {
+void KRBrokerPrivate::postCall(std::shared_ptr<KRModuleGate> gate, std::string method,
+                               std::function<void(KRModuleGate::Running&)> job, bool fromInside) {
+    std::function<void()> task = [gate, method, job = std::move(job)]() mutable {
+        KRModuleGate::Running running(*gate);
+        try {
+            job(running);
+        } catch (...) {
+            logFailedPost(gate->getName(), method);
+        }
+        job = nullptr; // what it holds is destroyed before the module
+    };
+    // Entered last: whatever fails after this has to leave.
+    if (fromInside) {
+        gate->enterFromInside(method);
+    } else {
+        gate->enter(method);
+    }
     try {
-        threads.post([gate, method, job = std::move(job)]() mutable {
-            KRModuleGate::Running running(*gate);
-            try {
-                job(running);
-            } catch (...) {
-                logFailedPost(gate->getName(), method);
-            }
-            job = nullptr; // what it holds goes while the module stands
-        });
-    } catch (const std::system_error& error) {
+        post(gate->getName(), method, std::move(task));
+    } catch (...) {
         gate->leave();
-        throw KRError(gate->getName(), method,
-                      std::string("no call thread could be started: ") + error.what());
+        throw;
     }
 }
 
 void KRBrokerPrivate::postRemote(std::shared_ptr<KRRemoteModule> module, std::string method,
                                  std::vector<KRValue> arguments) {
+    post(module->getName(), method, [module, method, arguments = std::move(arguments)] {
+        try {
+            module->call(method, arguments);
+        } catch (...) {
+            logFailedPost(module->getName(), method);
+        }
+    });
+}
+
+void KRBrokerPrivate::post(const std::string& module, const std::string& method, std::function<void()> job) {
     try {
-        threads.post([module, method, arguments = std::move(arguments)] {
-            try {
-                module->call(method, arguments);
-            } catch (...) {
-                logFailedPost(module->getName(), method);
-            }
-        });
+        threads.post(std::move(job));
     } catch (const std::system_error& error) {
-        throw KRError(module->getName(), method,
-                      std::string("no call thread could be started: ") + error.what());
+        throw KRError(module, method, std::string("no call thread could be started: ") + error.what());
+    } catch (const std::bad_alloc&) {
+        throw KRError(module, method, "out of memory");
     }
 }
 
-void KRBrokerPrivate::noticeModule(const std::string& module, bool reachable) {
-    if (KRMemory* const noticing = noticingMemory) {
-        noticing->noticeModule(module, reachable);
-    }
-    if (!ledger) {
-        return;
-    }
-    if (!reachable) {
-        ledger->forgetModule(module);
-    } else if (module == KRMemory::kName) {
-        try {
-            threads.post([this] {
-                try {
-                    ledger->tellMemory();
-                } catch (...) {
-                    logError("krplatform.memory", describeCurrentException());
-                }
-            });
-        } catch (const std::system_error& error) {
-            logError("krplatform.memory", std::string("the memory module is not told: ") + error.what());
+void KRBrokerPrivate::noticeModule(const std::string& module, bool reachable) noexcept {
+    ledger->noticeModule(module, reachable);
+    try {
+        if (KRMemory* const noticing = noticingMemory) {
+            noticing->noticeModule(module, reachable);
         }
+    } catch (...) { // no memory
+        logError("krplatform.memory", "subscriptions may be out of date: out of memory");
     }
 }
 
@@ -162,9 +161,11 @@ bool KRSession::waitForService(const std::string& name, std::chrono::millisecond
 KRBroker::KRBroker() : p_(std::make_unique<KRBrokerPrivate>()) {}
 
 KRBroker::~KRBroker() {
-    if (p_->transport) {
+    if (p_->ledger) {
         p_->ledger->stop();
-        p_->transport->stop(); // first, so that nobody waits for calls to other processes
+    }
+    if (p_->transport) {
+        p_->transport->stop(); // first, so that no call to another process is waited for
     }
     p_->noticingMemory = nullptr;
     p_->directory.setObserver(nullptr);
@@ -179,11 +180,10 @@ boost::shared_ptr<KRBroker> KRBroker::create(const std::string& url) {
     KRBrokerPrivate& p = *broker->p_;
     p.transport = std::move(options.transport);
     p.directory.setTransport(p.transport.get());
-    if (p.transport) {
-        // Without owning this broker, which owns the ledger.
-        const boost::shared_ptr<KRBroker> unowned(broker.get(), [](KRBroker*) {});
-        p.ledger = std::make_unique<KRMemoryLedger>(unowned);
-    }
+    // Without owning this broker, which owns the ledger.
+    const boost::shared_ptr<KRBroker> unowned(broker.get(), [](KRBroker*) {});
+    p.ledger = std::make_unique<KRMemoryLedger>(
+        unowned, [&p](std::function<void()> job) { p.threads.post(std::move(job)); });
     p.directory.setObserver(
         [&p](const std::string& module, bool reachable) { p.noticeModule(module, reachable); });
     if (p.transport) {
@@ -197,8 +197,9 @@ boost::shared_ptr<KRBroker> KRBroker::create(const std::string& url) {
 
 void KRBroker::startMemory() {
     const boost::shared_ptr<KRBroker> unowned(this, [](KRBroker*) {}); // as this broker owns the module
-    p_->memory = createModule<KRMemory>(unowned, KRMemory::kName);
-    p_->noticingMemory = p_->memory.get();
+    p_->memory = KRModuleHandle<KRMemory>(std::make_unique<KRMemory>(unowned, KRMemory::kName));
+    p_->noticingMemory = p_->memory.get(); // before any client can subscribe to an event
+    p_->memory->makeReachable();
 }
 
 void registerTransport(const std::string& scheme, KRTransportFactory factory) {

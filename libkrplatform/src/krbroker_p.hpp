@@ -22,27 +22,30 @@ class KRBrokerPrivate {
 public:
     static KRBrokerPrivate& of(KRBroker& broker) { return *broker.p_; }
 
-    /// Runs the job on a call thread as a call that has entered the gate; it leaves the gate at its end.
-    /// What the job throws is logged. \throws KRError no thread could be started; the gate has been left
-    void postEntered(std::shared_ptr<KRModuleGate> gate, std::string method,
-                     std::function<void(KRModuleGate::Running&)> job);
+    /// Enters the gate and runs the job on a call thread, which leaves the gate at its end. What the job throws is
+    /// logged. \param fromInside  the module itself calls
+    /// \throws KRError the gate refuses the call; the job could not be posted
+    void postCall(std::shared_ptr<KRModuleGate> gate, std::string method,
+                  std::function<void(KRModuleGate::Running&)> job, bool fromInside = false);
 
     /// The same for a call of a module of another process.
     void postRemote(std::shared_ptr<KRRemoteModule> module, std::string method,
                     std::vector<KRValue> arguments);
+    /// Runs the job, which must not throw, on a call thread. \throws KRError it could not be posted, named after the method
+    void post(const std::string& module, const std::string& method, std::function<void()> job);
 
-    /// A module can be called from now on, or cannot any more.
-    void noticeModule(const std::string& module, bool reachable);
+    /// A module became reachable, or stopped being so.
+    void noticeModule(const std::string& module, bool reachable) noexcept;
 
     KRDirectory directory;
     KRTransportHost host{*this};
-    std::unique_ptr<KRTransport> transport; // null in a broker that is alone; goes after the call threads
-    std::unique_ptr<KRMemoryLedger> ledger; // null in a broker that is alone
+    std::unique_ptr<KRTransport>
+        transport; // null in a broker without other processes; outlives the call threads
+    std::unique_ptr<KRMemoryLedger> ledger; // outlives the call threads
     KRCallThreads threads;
     KRSession session{*this};
-    KRModuleHandle<KRMemory> memory; // empty in a broker without one
-    std::atomic<KRMemory*> noticingMemory =
-        nullptr; // the same once it is up, for the thread of the transport
+    KRModuleHandle<KRMemory> memory;                 // empty in a broker without one
+    std::atomic<KRMemory*> noticingMemory = nullptr; // the same, for the thread of the transport
 };
 
 } // namespace KR

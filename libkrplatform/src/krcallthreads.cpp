@@ -1,11 +1,11 @@
 #include "krcallthreads.hpp"
 
+#include "krplatform/krlog.hpp"
+#include "krplatform/krmutex.hpp"
 #include "krplatform/krthread.hpp"
 
-#include <condition_variable>
 #include <deque>
 #include <list>
-#include <mutex>
 #include <thread>
 
 namespace KR {
@@ -13,16 +13,16 @@ namespace KR {
 struct KRCallThreads::State {
     using Threads = std::list<std::thread>;
 
-    std::mutex mutex;
-    std::condition_variable wake;
-    // All guarded by mutex.
-    std::deque<std::function<void()>> jobs;
-    Threads running;
-    Threads retired; // ended or about to, to be joined by whoever comes next
-    std::size_t idle = 0;
-    bool stopping = false;
+    KRMutex mutex;
+    KRCondition wake;
+    std::deque<std::function<void()>> jobs KR_GUARDED_BY(mutex);
+    Threads running KR_GUARDED_BY(mutex);
+    Threads retired KR_GUARDED_BY(mutex); // ended or about to; the next thread that retires joins them
+    std::size_t idle KR_GUARDED_BY(mutex) = 0;
+    bool stopping KR_GUARDED_BY(mutex) = false;
 
-    static void run(std::shared_ptr<State> state, Threads::iterator self);
+    static void run(std::shared_ptr<State> state, Threads::iterator self) noexcept;
+    static void runJob(std::function<void()>& job) noexcept;
 };
 
 KRCallThreads::KRCallThreads() : state_(std::make_shared<State>()) {}
@@ -30,14 +30,14 @@ KRCallThreads::KRCallThreads() : state_(std::make_shared<State>()) {}
 KRCallThreads::~KRCallThreads() {
     State::Threads threads;
     {
-        const std::lock_guard lock(state_->mutex);
+        const KRLock lock(state_->mutex);
         state_->stopping = true;
-        state_->wake.notify_all();
+        state_->wake.notifyAll();
     }
     // Jobs may post jobs, and so start threads, until the last one has ended.
     for (;;) {
         {
-            const std::lock_guard lock(state_->mutex);
+            const KRLock lock(state_->mutex);
             threads.splice(threads.end(), state_->running);
             threads.splice(threads.end(), state_->retired);
         }
@@ -56,10 +56,10 @@ KRCallThreads::~KRCallThreads() {
 }
 
 void KRCallThreads::post(std::function<void()> job) {
-    const std::lock_guard lock(state_->mutex);
+    const KRLock lock(state_->mutex);
     state_->jobs.push_back(std::move(job));
     if (state_->jobs.size() <= state_->idle) {
-        state_->wake.notify_one();
+        state_->wake.notifyOne();
         return;
     }
     try {
@@ -78,23 +78,31 @@ void KRCallThreads::post(std::function<void()> job) {
 }
 
 std::size_t KRCallThreads::getCount() const {
-    const std::lock_guard lock(state_->mutex);
+    const KRLock lock(state_->mutex);
     return state_->running.size();
 }
 
-void KRCallThreads::State::run(std::shared_ptr<State> state, Threads::iterator self) {
-    const std::string name = "KRCall";
+void KRCallThreads::State::runJob(std::function<void()>& job) noexcept {
+    try {
+        setThreadName("KRCall"); // the last job may have left its own
+        job();
+        job = nullptr; // what it holds is destroyed without the lock
+    } catch (...) {    // jobs catch what their callers can be told; what is left is no memory for that
+        logError("krplatform.call", "a call thread ran out of memory");
+        job = nullptr;
+    }
+}
+
+void KRCallThreads::State::run(std::shared_ptr<State> state, Threads::iterator self) noexcept {
     Threads retired;
     {
-        std::unique_lock lock(state->mutex);
+        KRLock lock(state->mutex);
         for (;;) {
             if (!state->jobs.empty()) {
                 std::function<void()> job = std::move(state->jobs.front());
                 state->jobs.pop_front();
                 lock.unlock();
-                setThreadName(name); // the last job may have left its own
-                job();
-                job = nullptr; // what it holds goes without the lock
+                runJob(job);
                 lock.lock();
                 continue;
             }
@@ -102,8 +110,10 @@ void KRCallThreads::State::run(std::shared_ptr<State> state, Threads::iterator s
                 return; // the destructor joins
             }
             ++state->idle;
-            const bool woken = state->wake.wait_for(lock, kIdleTime,
-                                                    [&] { return !state->jobs.empty() || state->stopping; });
+            const bool woken = state->wake.waitFor(lock, kIdleTime, [&] {
+                state->mutex.assertHeld();
+                return !state->jobs.empty() || state->stopping;
+            });
             --state->idle;
             if (!woken) {
                 break;

@@ -32,7 +32,7 @@ std::shared_ptr<KRModuleGate> KRDirectory::reserve(const std::string& name, KRMo
     }
     auto gate = std::make_shared<KRModuleGate>(name, module);
     {
-        const std::lock_guard lock(mutex_);
+        const KRLock lock(mutex_);
         const auto remote = remote_.find(name);
         if (remote != remote_.end()) {
             throw KRError("KRBroker", "registerModule",
@@ -42,6 +42,7 @@ std::shared_ptr<KRModuleGate> KRDirectory::reserve(const std::string& name, KRMo
         if (!gates_.emplace(name, gate).second) {
             throw KRError("KRBroker", "registerModule", "there is a module named " + name + " already");
         }
+        changed_.notifyAll();
     }
     if (transport_ != nullptr) {
         try {
@@ -56,11 +57,11 @@ std::shared_ptr<KRModuleGate> KRDirectory::reserve(const std::string& name, KRMo
 
 void KRDirectory::open(KRModuleGate& gate) {
     {
-        const std::lock_guard lock(mutex_);
+        const KRLock lock(mutex_);
         if (!gate.open()) {
             return;
         }
-        changed_.notify_all();
+        changed_.notifyAll();
     }
     announce();
     notify(gate.getName(), true);
@@ -68,6 +69,10 @@ void KRDirectory::open(KRModuleGate& gate) {
 
 void KRDirectory::close(KRModuleGate& gate) {
     if (gate.close()) {
+        {
+            const KRLock lock(mutex_);
+            changed_.notifyAll();
+        }
         announce();
         notify(gate.getName(), false);
     }
@@ -75,20 +80,20 @@ void KRDirectory::close(KRModuleGate& gate) {
 
 void KRDirectory::withdraw(const KRModuleGate& gate) {
     {
-        const std::lock_guard lock(mutex_);
+        const KRLock lock(mutex_);
         gates_.erase(gate.getName());
     }
     announce();
 }
 
 std::shared_ptr<KRModuleGate> KRDirectory::find(const std::string& name) const {
-    const std::lock_guard lock(mutex_);
+    const KRLock lock(mutex_);
     const auto found = gates_.find(name);
     return found == gates_.end() ? nullptr : found->second;
 }
 
 std::shared_ptr<KRRemoteModule> KRDirectory::findRemote(const std::string& name) const {
-    const std::lock_guard lock(mutex_);
+    const KRLock lock(mutex_);
     const auto found = remote_.find(name);
     return found == remote_.end() ? nullptr : found->second;
 }
@@ -103,14 +108,17 @@ std::optional<KRModuleState> KRDirectory::findState(const std::string& name) con
 }
 
 std::optional<KRModuleState> KRDirectory::getState(const std::string& name) const {
-    const std::lock_guard lock(mutex_);
+    const KRLock lock(mutex_);
     return findState(name);
 }
 
 std::optional<KRModuleState> KRDirectory::waitForState(const std::string& name,
                                                        std::chrono::milliseconds timeout) const {
-    std::unique_lock lock(mutex_);
-    changed_.wait_for(lock, timeout, [&] { return findState(name).has_value(); });
+    KRLock lock(mutex_);
+    changed_.waitFor(lock, timeout, [&] {
+        mutex_.assertHeld();
+        return findState(name).has_value();
+    });
     return findState(name);
 }
 
@@ -119,7 +127,7 @@ void KRDirectory::setRemote(const std::shared_ptr<KRRemoteModule>& module, KRMod
     bool wentBefore = false;
     bool wasOpen = false;
     {
-        const std::lock_guard lock(mutex_);
+        const KRLock lock(mutex_);
         std::shared_ptr<KRRemoteModule>& entry = remote_[name];
         wentBefore = entry && entry != module;
         if (wentBefore) {
@@ -128,7 +136,7 @@ void KRDirectory::setRemote(const std::shared_ptr<KRRemoteModule>& module, KRMod
         wasOpen = entry == module && module->getState() == KRModuleState::Open;
         entry = module;
         module->state_ = state;
-        changed_.notify_all();
+        changed_.notifyAll();
     }
     if (wentBefore || (wasOpen && state != KRModuleState::Open) || state == KRModuleState::Closed) {
         notify(name, false);
@@ -141,7 +149,7 @@ void KRDirectory::setRemote(const std::shared_ptr<KRRemoteModule>& module, KRMod
 void KRDirectory::removeRemote(const std::shared_ptr<KRRemoteModule>& module) {
     const std::string& name = module->getName();
     {
-        const std::lock_guard lock(mutex_);
+        const KRLock lock(mutex_);
         module->state_ = KRModuleState::Closed;
         const auto found = remote_.find(name);
         if (found == remote_.end() || found->second != module) {
@@ -154,7 +162,7 @@ void KRDirectory::removeRemote(const std::shared_ptr<KRRemoteModule>& module) {
 
 std::vector<KRLocalModule> KRDirectory::listLocal() const {
     std::vector<KRLocalModule> list;
-    const std::lock_guard lock(mutex_);
+    const KRLock lock(mutex_);
     for (const auto& [name, gate] : gates_) {
         list.push_back({name, gate->getNumber(), getStateOf(*gate)});
     }
@@ -163,7 +171,7 @@ std::vector<KRLocalModule> KRDirectory::listLocal() const {
 
 std::vector<std::shared_ptr<KRModuleGate>> KRDirectory::getOpenGates() const {
     std::vector<std::shared_ptr<KRModuleGate>> open;
-    const std::lock_guard lock(mutex_);
+    const KRLock lock(mutex_);
     for (const auto& [name, gate] : gates_) {
         if (gate->isOpen()) {
             open.push_back(gate);
@@ -174,18 +182,31 @@ std::vector<std::shared_ptr<KRModuleGate>> KRDirectory::getOpenGates() const {
 
 bool KRDirectory::waitFor(const std::string& name,
                           std::optional<std::chrono::steady_clock::time_point> deadline) const {
-    const auto isOpenNow = [&] { return findState(name) == KRModuleState::Open; };
-    std::unique_lock lock(mutex_);
+    const auto isOpenNow = [&] {
+        mutex_.assertHeld();
+        return findState(name) == KRModuleState::Open;
+    };
+    KRLock lock(mutex_);
     if (deadline) {
-        return changed_.wait_until(lock, *deadline, isOpenNow);
+        return changed_.waitUntil(lock, *deadline, isOpenNow);
     }
     changed_.wait(lock, isOpenNow);
     return true;
 }
 
+bool KRDirectory::waitForUnlessExiting(const std::string& name,
+                                       std::chrono::steady_clock::time_point deadline) const {
+    KRLock lock(mutex_);
+    changed_.waitUntil(lock, deadline, [&] {
+        mutex_.assertHeld();
+        return findState(name) == KRModuleState::Open || KRModuleGate::isThreadExiting();
+    });
+    return findState(name) == KRModuleState::Open;
+}
+
 std::vector<std::string> KRDirectory::listOpen() const {
     std::set<std::string> names;
-    const std::lock_guard lock(mutex_);
+    const KRLock lock(mutex_);
     for (const auto& [name, gate] : gates_) {
         if (gate->isOpen()) {
             names.insert(name);

@@ -1,15 +1,14 @@
 #pragma once
 
+#include "krplatform/krmutex.hpp"
 #include "krplatform/krtransport.hpp"
 
 #include "krmodulegate.hpp"
 
 #include <chrono>
-#include <condition_variable>
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -19,14 +18,14 @@ namespace KR {
 /// The modules of a broker by name, and those of other processes that it knows of. Thread-safe.
 class KRDirectory {
 public:
-    /// Hears of a module that can be called from now on, or cannot any more.
-    /// Runs on the thread that caused it, without a lock held, and must not block.
+    /// Called when a module becomes reachable, or stops being so. Runs on the thread that caused it, with no lock
+    /// held, and must not block.
     using Observer = std::function<void(const std::string& module, bool reachable)>;
 
     /// Set it before the first module comes and clear it after the last has gone.
     void setObserver(Observer observer) { observer_ = std::move(observer); }
 
-    /// The link to other processes that is to hear of changes. Set and clear it as the observer.
+    /// The link to other processes that changes are announced through. Set and clear it as the observer.
     void setTransport(KRTransport* transport) { transport_ = transport; }
 
     /// A gate under this name, not open yet. \throws KRError the name is empty or taken, here or elsewhere
@@ -40,9 +39,9 @@ public:
     std::shared_ptr<KRModuleGate> find(const std::string& name) const;
     /// The module of another process under this name whatever its state, or null.
     std::shared_ptr<KRRemoteModule> findRemote(const std::string& name) const;
-    /// How far the module of this name is, here or elsewhere; none if there is none.
+    /// State of the module, here or elsewhere; nullopt if unknown.
     std::optional<KRModuleState> getState(const std::string& name) const;
-    /// The same, once there is one or the time is over.
+    /// The same, once the module is known or the timeout is over.
     std::optional<KRModuleState> waitForState(const std::string& name,
                                               std::chrono::milliseconds timeout) const;
     bool isOpen(const std::string& name) const { return getState(name) == KRModuleState::Open; }
@@ -55,19 +54,21 @@ public:
     /// Blocks until the module can be called, or until the deadline. \return whether it can be called
     bool waitFor(const std::string& name,
                  std::optional<std::chrono::steady_clock::time_point> deadline) const;
+    /// The same, but also returns once a module is closed inside whose call the calling thread is.
+    bool waitForUnlessExiting(const std::string& name, std::chrono::steady_clock::time_point deadline) const;
     std::vector<std::string> listOpen() const;
 
 private:
-    std::optional<KRModuleState> findState(const std::string& name) const; // with mutex_ held
+    std::optional<KRModuleState> findState(const std::string& name) const KR_REQUIRES(mutex_);
     void announce() const noexcept;
     void notify(const std::string& module, bool reachable) const;
 
     Observer observer_;
     KRTransport* transport_ = nullptr;
-    mutable std::mutex mutex_;
-    mutable std::condition_variable changed_;                       // a module came, or can be called
-    std::map<std::string, std::shared_ptr<KRModuleGate>> gates_;    // guarded by mutex_
-    std::map<std::string, std::shared_ptr<KRRemoteModule>> remote_; // guarded by mutex_
+    mutable KRMutex mutex_;
+    mutable KRCondition changed_; // a module came, can be called, or closed
+    std::map<std::string, std::shared_ptr<KRModuleGate>> gates_ KR_GUARDED_BY(mutex_);
+    std::map<std::string, std::shared_ptr<KRRemoteModule>> remote_ KR_GUARDED_BY(mutex_);
 };
 
 } // namespace KR

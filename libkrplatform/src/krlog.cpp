@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <deque>
 #include <exception>
+#include <new>
 #include <optional>
 #include <pthread.h>
 #include <thread>
@@ -63,6 +64,7 @@ public:
     void setPrintedLevel(KRLogLevel level) noexcept { printedLevel_ = level; }
 
     void submit(KRLogRecord record) noexcept KR_EXCLUDES(mutex_);
+    void countLost() noexcept KR_EXCLUDES(mutex_);
     bool flush(Clock::time_point deadline) noexcept KR_EXCLUDES(mutex_);
 
     void add(const std::shared_ptr<Entry>& entry) KR_EXCLUDES(mutex_);
@@ -272,6 +274,11 @@ void Log::deliver(const Item& item, const Entries& listeners) noexcept {
     }
 }
 
+void Log::countLost() noexcept {
+    const KRLock lock(mutex_);
+    ++lost_;
+}
+
 bool Log::flush(Clock::time_point deadline) noexcept {
     if (onLogThread) {
         return false; // it cannot wait for itself
@@ -374,8 +381,12 @@ void log(KRLogLevel level, std::string_view category, std::string_view message, 
     while (!message.empty() && (message.back() == '\n' || message.back() == '\r')) {
         message.remove_suffix(1);
     }
-    log.submit({level, std::string(category), std::string(message.substr(0, kMaxMessage)), where,
-                getThreadName(), std::chrono::system_clock::now()});
+    try {
+        log.submit({level, std::string(category), std::string(message.substr(0, kMaxMessage)), where,
+                    getThreadName(), std::chrono::system_clock::now()});
+    } catch (const std::bad_alloc&) {
+        log.countLost();
+    }
 }
 
 bool flushLog(std::chrono::milliseconds timeout) {

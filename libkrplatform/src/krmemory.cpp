@@ -18,8 +18,16 @@ constexpr std::chrono::seconds kIntroduction{2}; // a module of another process 
 void tryToUnsubscribe(const KRProxy& extractor, const std::string& client) {
     try {
         extractor.call("unsubscribe", client);
-    } catch (...) { // it had not kept it
+    } catch (...) { // it did not keep the subscriber
     }
+}
+
+std::size_t toBytes(int kilobytes) {
+    if (kilobytes < 1) {
+        throw KRError(KRMemory::kName, "setEventLimits",
+                      "a limit of " + std::to_string(kilobytes) + " kilobytes; the least is 1");
+    }
+    return static_cast<std::size_t>(kilobytes) << 10;
 }
 
 } // namespace
@@ -45,7 +53,7 @@ void KRMemory::publishMethods() {
     setReturn("value", "The value written last.");
     publish(&KRMemory::getData);
 
-    functionName("getDataList", kName, "Gets the keys that there are.");
+    functionName("getDataList", kName, "Gets the keys.");
     addParam("prefix", "What the keys have to begin with; empty for all.");
     setReturn("keys", "Array of keys, in order.");
     publish(&KRMemory::getDataList);
@@ -60,12 +68,12 @@ void KRMemory::publishMethods() {
     overload(
         static_cast<void (KRMemory::*)(const std::string&, const std::string&)>(&KRMemory::declareEvent));
 
-    functionName("declareEvent", kName, "Declares an event that no extractor stands behind.");
+    functionName("declareEvent", kName, "Declares an event that no extractor raises.");
     addParam("event", "Name of the event.");
     overload(static_cast<void (KRMemory::*)(const std::string&)>(&KRMemory::declareEvent));
 
     functionName("raiseEvent", kName,
-                 "Stores a value under the event's name and tells the event's subscribers.");
+                 "Stores a value under the event's name and calls back the event's subscribers.");
     addParam("event", "Name of the event.");
     addParam("value", "The value that goes with it.");
     publish(&KRMemory::raiseEvent);
@@ -91,26 +99,44 @@ void KRMemory::publishMethods() {
     addParam("event", "Name of the event.");
     setReturn("subscribers", "Array of [client, callback, events delivered, events lost].");
     publish(&KRMemory::getEventSubscribers);
+
+    functionName(
+        "setEventLimits", kName,
+        "Limits the memory for events that wait for slow subscribers, which lose the oldest beyond it.");
+    addParam("perSubscription", "Kilobytes for each subscription (65536 unless set).");
+    addParam("inAll", "Kilobytes for all subscriptions together (262144 unless set).");
+    publish(&KRMemory::setEventLimits);
+}
+
+KRMemory::Stored KRMemory::store(const std::string& key, Stored value) {
+    Stored& stored = data_[key];
+    heap_.add(value.bytes);
+    heap_.remove(stored.bytes);
+    return std::exchange(stored, std::move(value));
 }
 
 void KRMemory::insertData(const std::string& key, const KRValue& value) {
-    KRValue previous = value; // goes without the lock, as what it shares may call its owner when it goes
-    const std::lock_guard lock(mutex_);
-    std::swap(data_[key], previous);
+    {
+        Stored previous; // destroyed without the lock: shared bytes may call their owner then
+        Stored next{value, value.countBytes()};
+        const KRLock lock(mutex_);
+        previous = store(key, std::move(next));
+    }
+    returnMemoryLater();
 }
 
 KRValue KRMemory::getData(const std::string& key) {
-    const std::lock_guard lock(mutex_);
+    const KRLock lock(mutex_);
     const auto found = data_.find(key);
     if (found == data_.end()) {
         throw KRError(kName, "getData", "there is no data named " + key);
     }
-    return found->second;
+    return found->second.value;
 }
 
 std::vector<std::string> KRMemory::getDataList(const std::string& prefix) {
     std::vector<std::string> keys;
-    const std::lock_guard lock(mutex_);
+    const KRLock lock(mutex_);
     for (auto entry = data_.lower_bound(prefix); entry != data_.end() && entry->first.starts_with(prefix);
          ++entry) {
         keys.push_back(entry->first);
@@ -119,14 +145,16 @@ std::vector<std::string> KRMemory::getDataList(const std::string& prefix) {
 }
 
 void KRMemory::removeData(const std::string& key) {
-    decltype(data_)::node_type removed; // goes without the lock
     {
-        const std::lock_guard lock(mutex_);
+        std::map<std::string, Stored>::node_type removed; // destroyed without the lock
+        const KRLock lock(mutex_);
         removed = data_.extract(key);
+        if (removed.empty()) {
+            throw KRError(kName, "removeData", "there is no data named " + key);
+        }
+        heap_.remove(removed.mapped().bytes);
     }
-    if (removed.empty()) {
-        throw KRError(kName, "removeData", "there is no data named " + key);
-    }
+    returnMemoryLater();
 }
 
 void KRMemory::declareEvent(const std::string& event) {
@@ -136,7 +164,7 @@ void KRMemory::declareEvent(const std::string& event) {
 void KRMemory::declareEvent(const std::string& event, const std::string& extractor) {
     std::vector<LinkKey> links;
     {
-        const std::lock_guard lock(mutex_);
+        const KRLock lock(mutex_);
         Event& declared = events_[event];
         for (const auto& [client, subscription] : declared.subscriptions) {
             links.emplace_back(declared.extractor, client);
@@ -149,18 +177,22 @@ void KRMemory::declareEvent(const std::string& event, const std::string& extract
 
 void KRMemory::raiseEvent(const std::string& event, const KRValue& value) {
     std::vector<std::shared_ptr<Subscription>> idle;
-    std::vector<KRValue> dropped{value}; // go without the lock
     {
-        const std::lock_guard lock(mutex_);
-        std::swap(data_[event], dropped.front());
-        for (const auto& [client, subscription] : events_[event].subscriptions) {
-            subscription->pending.push_back(value);
-            if (subscription->pending.size() > kMaxPending) {
-                dropped.push_back(std::move(subscription->pending.front()));
-                subscription->pending.pop_front();
-                ++subscription->lost;
-                ++subscription->lostUntold;
-            }
+        Stored previous; // this and the next are destroyed without the lock
+        Undelivered lost;
+        Stored next{value, value.countBytes()};
+        const std::size_t bytes = next.bytes;
+        const KRLock lock(mutex_);
+        auto& subscriptions = events_[event].subscriptions;
+        idle.reserve(
+            subscriptions.size()); // nothing fails between marking one as delivering and posting that
+        previous = store(event, std::move(next));
+        for (const auto& [client, subscription] : subscriptions) {
+            subscription->pending.push_back({value, bytes});
+            subscription->pendingBytes += bytes;
+            pendingInAll_ += bytes;
+            heap_.add(bytes);
+            enforceLimits(*subscription, lost);
             if (!subscription->delivering) {
                 subscription->delivering = true;
                 idle.push_back(subscription);
@@ -171,95 +203,165 @@ void KRMemory::raiseEvent(const std::string& event, const KRValue& value) {
     for (const auto& subscription : idle) {
         try {
             deliverLater(subscription);
-        } catch (const KRError&) {
+        } catch (...) {
             failure = std::current_exception();
         }
     }
+    returnMemoryLater();
     if (failure) {
         std::rethrow_exception(failure);
+    }
+}
+
+void KRMemory::setEventLimits(int perSubscription, int inAll) {
+    const std::size_t bytesPerSubscription = toBytes(perSubscription);
+    const std::size_t bytesInAll = toBytes(inAll);
+    const KRLock lock(mutex_);
+    maxPendingBytes_ = bytesPerSubscription; // what waits already goes when the next event comes
+    maxPendingInAll_ = bytesInAll;
+}
+
+KRMemory::Pending KRMemory::takeOldest(Subscription& subscription) {
+    Pending oldest = std::move(subscription.pending.front());
+    subscription.pending.pop_front();
+    subscription.pendingBytes -= oldest.bytes;
+    pendingInAll_ -= oldest.bytes;
+    heap_.remove(oldest.bytes);
+    return oldest;
+}
+
+void KRMemory::enforceLimits(Subscription& grown, Undelivered& lost) {
+    const auto loseOldest = [&](Subscription& subscription) {
+        mutex_.assertHeld();
+        ++subscription.lost;
+        ++subscription.lostUnreported;
+        lost.push_back(takeOldest(subscription));
+    };
+    while (grown.pending.size() > 1 &&
+           (grown.pending.size() > kMaxPending || grown.pendingBytes > maxPendingBytes_)) {
+        loseOldest(grown);
+    }
+    while (pendingInAll_ > maxPendingInAll_) {
+        Subscription* largest = nullptr;
+        for (auto& [name, event] : events_) {
+            for (auto& [client, subscription] : event.subscriptions) {
+                if (subscription->pending.size() > 1 &&
+                    (largest == nullptr || subscription->pendingBytes > largest->pendingBytes)) {
+                    largest = subscription.get();
+                }
+            }
+        }
+        if (largest == nullptr) {
+            return;
+        }
+        loseOldest(*largest);
+    }
+}
+
+void KRMemory::returnMemoryLater() {
+    {
+        const KRLock lock(mutex_);
+        if (!heap_.takeReturn()) {
+            return;
+        }
+    }
+    try {
+        xPost("returnFreedMemory", [] { returnFreedMemory(); });
+    } catch (const std::exception& error) { // exiting, most likely
+        logVerbose(kCategory, error.what());
     }
 }
 
 void KRMemory::deliverLater(const std::shared_ptr<Subscription>& subscription) {
     try {
         xPost("raiseEvent", [this, subscription] { deliver(subscription); });
-    } catch (const KRError&) {
-        const std::lock_guard lock(mutex_);
+    } catch (...) {
+        const KRLock lock(mutex_);
         subscription->delivering = false; // the next event tries again
         throw;
     }
 }
 
 void KRMemory::deliver(const std::shared_ptr<Subscription>& subscription) {
-    const auto logWarningAbout = [&](const std::string& what) {
-        logWarning(kCategory, "event " + subscription->event + " for " +
-                                  subscription->client.getModuleName() + "." + subscription->callback + ": " +
-                                  what);
-    };
-    for (;;) {
-        KRValue value;
-        int lost = 0;
-        {
-            const std::lock_guard lock(mutex_);
-            // Empty also once the subscription has ended. What waits for a client that is still to be reachable goes
-            // on in noticeModule().
-            if (subscription->pending.empty() || isStillToCome(subscription->client.getModuleName())) {
-                subscription->delivering = false;
-                return;
-            }
-            value = std::move(subscription->pending.front());
-            subscription->pending.pop_front();
-            lost = std::exchange(subscription->lostUntold, 0);
-            ++subscription->delivered;
+    try {
+        while (deliverNext(*subscription)) {
         }
-        if (lost > 0) {
-            logWarningAbout("lost " + std::to_string(lost) + " events, it takes them too slowly");
-            tellOfLoss(*subscription, lost);
-        }
-        try {
-            subscription->client.call(subscription->callback, subscription->event, value);
-        } catch (...) {
-            logWarningAbout(describeCurrentException());
-        }
+    } catch (...) { // no memory for a text
+        const KRLock lock(mutex_);
+        subscription->delivering = false;
+        throw;
     }
+    returnMemoryLater();
 }
 
-void KRMemory::tellOfLoss(const Subscription& subscription, int lost) {
+bool KRMemory::deliverNext(Subscription& subscription) {
+    const auto logWarningAbout = [&](const std::string& what) {
+        logWarning(kCategory, "event " + subscription.event + " for " + subscription.client.getModuleName() +
+                                  "." + subscription.callback + ": " + what);
+    };
+    Pending next;
+    int lost = 0;
+    {
+        const KRLock lock(mutex_);
+        // Empty also once the subscription has ended. noticeModule() continues with what waits for a client that is not
+        // reachable yet.
+        if (subscription.pending.empty() || isStillToCome(subscription.client.getModuleName())) {
+            subscription.delivering = false;
+            return false;
+        }
+        next = takeOldest(subscription);
+        lost = std::exchange(subscription.lostUnreported, 0);
+        ++subscription.delivered;
+    }
+    if (lost > 0) {
+        logWarningAbout("lost " + std::to_string(lost) + " events, it takes them too slowly");
+        reportLoss(subscription, lost);
+    }
+    try {
+        subscription.client.call(subscription.callback, subscription.event, next.value);
+    } catch (...) {
+        logWarningAbout(describeCurrentException());
+    }
+    return true;
+}
+
+void KRMemory::reportLoss(const Subscription& subscription, int lost) {
     if (!subscription.hearsOfLosses) {
         return;
     }
     try {
         subscription.client.call(kLossCallback, subscription.event, lost);
-    } catch (const KRError& error) {
-        logVerbose(kCategory, error.what()); // it may have no such method
+    } catch (...) {
+        logVerbose(kCategory, describeCurrentException()); // it may have no such method
     }
 }
 
 void KRMemory::subscribeToEvent(const std::string& event, const std::string& client,
                                 const std::string& callback) {
     if (!xGetCaller().empty()) {
-        // It knows its own modules sooner than this process does.
+        // The caller's modules may not have been discovered here yet.
         KRBrokerPrivate::of(*getParentBroker()).directory.waitForState(client, kIntroduction);
     }
     const bool hearsOfLosses = checkCallback(client, callback);
+    // Built before the lock and in place: a subscription holds a proxy, which does not move.
+    const std::shared_ptr<Subscription> subscription(
+        new Subscription{event, callback, {getParentBroker(), client}, hearsOfLosses, {}});
     std::string extractor;
-    Undelivered replaced;
-    Undelivered undelivered;
+    Undelivered undelivered; // destroyed without the lock
     {
-        const std::lock_guard lock(mutex_);
+        const KRLock lock(mutex_);
         findClient(client); // should it go after this, noticeModule() waits for the lock and drops it
         Event& subscribed = events_[event];
-        replaced = drop(subscribed, client);
-        // Built in place: a subscription holds a proxy, which does not move.
-        subscribed.subscriptions[client] = std::shared_ptr<Subscription>(
-            new Subscription{event, callback, {getParentBroker(), client}, hearsOfLosses, {}});
+        undelivered = drop(subscribed, client);
+        subscribed.subscriptions[client] = subscription;
         extractor = subscribed.extractor;
     }
     try {
         settle(extractor, client);
     } catch (...) {
-        const std::lock_guard lock(mutex_);
-        undelivered = drop(events_[event], client);
+        // Only this one: the client may have subscribed to the event once more meanwhile.
+        const KRLock lock(mutex_);
+        undelivered = drop(events_[event], client, subscription.get());
         throw;
     }
 }
@@ -268,7 +370,7 @@ void KRMemory::unsubscribeFromEvent(const std::string& event, const std::string&
     std::string extractor;
     Undelivered undelivered;
     {
-        const std::lock_guard lock(mutex_);
+        const KRLock lock(mutex_);
         const auto found = events_.find(event);
         if (found == events_.end() || !found->second.subscriptions.contains(client)) {
             throw KRError(kName, "unsubscribeFromEvent", client + " is not subscribed to the event " + event);
@@ -281,7 +383,7 @@ void KRMemory::unsubscribeFromEvent(const std::string& event, const std::string&
 
 std::vector<std::string> KRMemory::getEventList() {
     std::vector<std::string> names;
-    const std::lock_guard lock(mutex_);
+    const KRLock lock(mutex_);
     for (const auto& [name, event] : events_) {
         names.push_back(name);
     }
@@ -290,7 +392,7 @@ std::vector<std::string> KRMemory::getEventList() {
 
 KRValue KRMemory::getEventSubscribers(const std::string& event) {
     std::vector<KRValue> subscribers;
-    const std::lock_guard lock(mutex_);
+    const KRLock lock(mutex_);
     const auto found = events_.find(event);
     if (found != events_.end()) {
         for (const auto& [client, subscription] : found->second.subscriptions) {
@@ -336,7 +438,7 @@ void KRMemory::noticeModule(const std::string& module, bool reachable) {
     std::vector<Undelivered> undelivered;
     std::vector<std::shared_ptr<Subscription>> waiting;
     {
-        const std::lock_guard lock(mutex_);
+        const KRLock lock(mutex_);
         for (auto& [name, event] : events_) {
             if (event.extractor == module && reachable) {
                 for (const auto& [client, subscription] : event.subscriptions) {
@@ -351,14 +453,14 @@ void KRMemory::noticeModule(const std::string& module, bool reachable) {
                 undelivered.push_back(drop(event, module));
                 links.emplace_back(event.extractor, module);
             } else if (!own->second->pending.empty() && !own->second->delivering) {
-                own->second->delivering = true;
                 waiting.push_back(own->second);
+                own->second->delivering = true;
             }
         }
         if (!reachable) {
             for (auto& [key, link] : links_) {
                 if (key.first == module) {
-                    link.subscribed = false; // what it knew of its subscribers went with it
+                    link.subscribed = false; // a new extractor of this name does not know its subscribers
                 }
             }
         }
@@ -367,8 +469,8 @@ void KRMemory::noticeModule(const std::string& module, bool reachable) {
     for (const auto& subscription : waiting) {
         try {
             deliverLater(subscription);
-        } catch (const KRError& error) {
-            logWarning(kCategory, std::string("events have to wait: ") + error.what());
+        } catch (...) {
+            logWarning(kCategory, "events have to wait: " + describeCurrentException());
         }
     }
 }
@@ -377,8 +479,8 @@ void KRMemory::settleLater(const std::vector<LinkKey>& links) {
     for (const auto& [extractor, client] : links) {
         try {
             xPost("settle", [this, extractor = extractor, client = client] { settle(extractor, client); });
-        } catch (const KRError& error) {
-            logWarning(kCategory, std::string("subscriptions may be out of date: ") + error.what());
+        } catch (...) {
+            logWarning(kCategory, "subscriptions may be out of date: " + describeCurrentException());
         }
     }
 }
@@ -389,12 +491,16 @@ void KRMemory::settle(const std::string& extractor, const std::string& client) {
     }
     const LinkKey key(extractor, client);
     const KRProxy proxy(getParentBroker(), extractor);
-    std::unique_lock lock(mutex_);
+    KRLock lock(mutex_);
     // The entry may go while this waits, so it is looked up anew each time.
-    settled_.wait(lock, [&] { return !links_[key].busy; });
+    settled_.wait(lock, [&] {
+        mutex_.assertHeld();
+        return !links_[key].busy;
+    });
     Link& link = links_[key]; // stays, as it is busy
     link.busy = true;
     std::exception_ptr failure;
+    std::exception_ptr unsubscribeFailure;
     while (!failure && isWanted(key) != link.subscribed) {
         // Noted before the call: should the extractor go during the call, noticeModule() takes it back.
         const bool subscribe = !link.subscribed;
@@ -409,7 +515,7 @@ void KRMemory::settle(const std::string& extractor, const std::string& client) {
                 failure = std::current_exception();
                 tryToUnsubscribe(proxy, client); // it may have kept a subscriber whom it failed to serve
             } else {
-                logWarning(kCategory, "a subscription ended with an error: " + describeCurrentException());
+                unsubscribeFailure = std::current_exception();
             }
         }
         lock.lock();
@@ -421,9 +527,17 @@ void KRMemory::settle(const std::string& extractor, const std::string& client) {
     if (!link.subscribed) {
         links_.erase(key);
     }
-    settled_.notify_all();
+    settled_.notifyAll();
+    lock.unlock();
     if (failure) {
         std::rethrow_exception(failure);
+    }
+    if (unsubscribeFailure) {
+        try {
+            std::rethrow_exception(unsubscribeFailure);
+        } catch (...) {
+            logWarning(kCategory, "a subscription ended with an error: " + describeCurrentException());
+        }
     }
 }
 
@@ -441,10 +555,15 @@ bool KRMemory::isWanted(const LinkKey& key) const {
            });
 }
 
-KRMemory::Undelivered KRMemory::drop(Event& event, const std::string& client) {
+KRMemory::Undelivered KRMemory::drop(Event& event, const std::string& client,
+                                     const Subscription* subscription) {
     Undelivered undelivered;
     const auto found = event.subscriptions.find(client);
-    if (found != event.subscriptions.end()) {
+    if (found != event.subscriptions.end() &&
+        (subscription == nullptr || found->second.get() == subscription)) {
+        pendingInAll_ -= found->second->pendingBytes;
+        heap_.remove(found->second->pendingBytes);
+        found->second->pendingBytes = 0;
         undelivered.swap(found->second->pending);
         event.subscriptions.erase(found);
     }

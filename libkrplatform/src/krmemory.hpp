@@ -1,14 +1,15 @@
 #pragma once
 
 #include "krplatform/krmodule.hpp"
+#include "krplatform/krmutex.hpp"
 #include "krplatform/krproxy.hpp"
 #include "krplatform/krtransport.hpp"
 
-#include <condition_variable>
+#include "krheap.hpp"
+
 #include <deque>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -17,14 +18,17 @@ namespace KR {
 
 /// The memory module: data by key, events, and subscriptions to events.
 ///
-/// Whoever subscribes to an event is subscribed to the extractor that declared it for as long as it has a
-/// subscription to any event of that extractor; this follows extractors and clients that come and go. No lock
-/// is held while an extractor or a client is called.
+/// A client that subscribes to an event is also subscribed to the extractor that declared the event, for as long as it
+/// has a subscription to any event of that extractor. This follows extractors and clients that come and go. No lock is
+/// held while an extractor or a client is called.
 class KRMemory : public KRModule {
 public:
     static constexpr const char* kName = "KRMemory";
-    /// Events that wait for one subscriber at most; when more come the oldest are lost, and counted.
+    /// Events that wait for one subscription at most. The oldest are lost, and counted, when this or one of the limits
+    /// in bytes is exceeded; the newest is always kept.
     static constexpr std::size_t kMaxPending = 16384;
+    static constexpr std::size_t kMaxPendingBytes = 64 << 20;  // of one subscription, unless set otherwise
+    static constexpr std::size_t kMaxPendingInAll = 256 << 20; // the same of all
 
     KRMemory(boost::shared_ptr<KRBroker> broker, const std::string& name);
 
@@ -42,58 +46,84 @@ public:
     std::vector<std::string> getEventList();
     KRValue getEventSubscribers(const std::string& event);
 
-    /// A module can be called from now on, or cannot any more. Does not block.
+    /// Limits what may wait, in kilobytes. \throws KRError a limit below 1
+    void setEventLimits(int perSubscription, int inAll);
+
+    /// A module became reachable, or stopped being so. Does not block.
     void noticeModule(const std::string& module, bool reachable);
 
 private:
-    using Undelivered = std::deque<KRValue>;
+    struct Pending {
+        KRValue value;
+        std::size_t bytes;
+    };
+    using Undelivered = std::deque<Pending>;
     struct Subscription {
         std::string event;
         std::string callback;
         KRProxy client;
         bool hearsOfLosses;
         Undelivered pending;
-        bool delivering = false; // a call thread is at it
+        std::size_t pendingBytes = 0;
+        bool delivering = false; // a call thread calls the client
         int delivered = 0;
         int lost = 0;
-        int lostUntold = 0; // of lost, since the last warning
+        int lostUnreported = 0; // of lost, since the last warning
+    };
+    struct Stored {
+        KRValue value;
+        std::size_t bytes = 0;
     };
     struct Event {
-        std::string extractor;                                              // empty if none stands behind it
+        std::string extractor;                                              // empty: no extractor raises it
         std::map<std::string, std::shared_ptr<Subscription>> subscriptions; // by client
     };
     // A client's subscription to an extractor.
     struct Link {
         bool subscribed = false;
-        bool busy = false; // a thread is bringing it to what is wanted
+        bool busy = false; // a thread is in settle()
     };
     using LinkKey = std::pair<std::string, std::string>; // extractor, client
 
     void publishMethods();
-    /// \throws KRError there is no such module, or it goes
+    /// \throws KRError there is no such module, or it is exiting
     KRModuleState findClient(const std::string& client) const;
-    /// \return whether the client may want to hear of events that it lost
+    /// \return whether the client may have a method that takes reports of lost events
     /// \throws KRError it cannot be called back
     bool checkCallback(const std::string& client, const std::string& callback) const;
-    static void tellOfLoss(const Subscription& subscription, int lost);
-    /// Calls the subscriber with the events that wait for it, as soon as it is reachable.
-    void deliver(const std::shared_ptr<Subscription>& subscription);
-    /// The same on a call thread. \throws KRError there is none
-    void deliverLater(const std::shared_ptr<Subscription>& subscription);
-    void settle(const std::string& extractor, const std::string& client);
-    void settleLater(const std::vector<LinkKey>& links);
+    static void reportLoss(const Subscription& subscription, int lost);
+    /// Calls the subscriber with its pending events, if it is reachable.
+    void deliver(const std::shared_ptr<Subscription>& subscription) KR_EXCLUDES(mutex_);
+    /// Calls it with one of them. \return false: there is none, or the subscriber is not reachable yet
+    bool deliverNext(Subscription& subscription) KR_EXCLUDES(mutex_);
+    /// deliver() on a call thread. \throws KRError there is none
+    void deliverLater(const std::shared_ptr<Subscription>& subscription) KR_EXCLUDES(mutex_);
+    /// Brings the client's subscription to the extractor to what its events need.
+    void settle(const std::string& extractor, const std::string& client) KR_EXCLUDES(mutex_);
+    void settleLater(const std::vector<LinkKey>& links) KR_EXCLUDES(mutex_);
     bool isReachable(const std::string& module) const;
     bool isStillToCome(const std::string& module) const; // its name is taken, but it cannot be called yet
-    bool isWanted(const LinkKey& key) const;             // with mutex_ held
-    /// Ends the subscription; with mutex_ held. What it returns is to go without it.
-    [[nodiscard]] Undelivered drop(Event& event, const std::string& client);
+    bool isWanted(const LinkKey& key) const KR_REQUIRES(mutex_);
+    /// Ends the client's subscription, or only `subscription` if that is not null. The caller destroys the result
+    /// without the lock.
+    [[nodiscard]] Undelivered drop(Event& event, const std::string& client,
+                                   const Subscription* subscription = nullptr) KR_REQUIRES(mutex_);
+    [[nodiscard]] Pending takeOldest(Subscription& subscription) KR_REQUIRES(mutex_);
+    /// Drops the oldest events until what waits is within the limits. The caller destroys `lost` without the lock.
+    void enforceLimits(Subscription& grown, Undelivered& lost) KR_REQUIRES(mutex_);
+    [[nodiscard]] Stored store(const std::string& key, Stored value) KR_REQUIRES(mutex_);
+    /// Returns memory to the system, on a call thread, after a lot of it has been freed.
+    void returnMemoryLater() KR_EXCLUDES(mutex_);
 
-    std::mutex mutex_;
-    std::condition_variable settled_;
-    // Guarded by mutex_.
-    std::map<std::string, KRValue> data_;
-    std::map<std::string, Event> events_;
-    std::map<LinkKey, Link> links_;
+    mutable KRMutex mutex_;
+    KRCondition settled_;
+    std::map<std::string, Stored> data_ KR_GUARDED_BY(mutex_);
+    std::map<std::string, Event> events_ KR_GUARDED_BY(mutex_);
+    std::map<LinkKey, Link> links_ KR_GUARDED_BY(mutex_);
+    std::size_t maxPendingBytes_ KR_GUARDED_BY(mutex_) = kMaxPendingBytes;
+    std::size_t maxPendingInAll_ KR_GUARDED_BY(mutex_) = kMaxPendingInAll;
+    std::size_t pendingInAll_ KR_GUARDED_BY(mutex_) = 0; // bytes
+    KRHeapGauge heap_ KR_GUARDED_BY(mutex_);             // data and pending events
 };
 
 } // namespace KR

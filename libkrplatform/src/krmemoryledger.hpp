@@ -1,47 +1,87 @@
 #pragma once
 
+#include "krplatform/krmutex.hpp"
 #include "krplatform/krproxy.hpp"
 
+#include "krmemorybacklog.hpp"
+
 #include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <functional>
 #include <map>
-#include <memory>
-#include <mutex>
 #include <string>
 #include <utility>
 
 namespace KR {
 
-/// What the modules of this process have told the memory module, to tell it again when another has come: a memory in
-/// another process may go and come back. Thread-safe.
+/// What the modules of this process tell the memory module, which may go and come back.
+///
+/// Declarations and subscriptions are kept, and repeated to each memory module that comes. While none is there, values
+/// and raised events are kept too, within bounds, and handed over once one is back. All this needs a memory module to
+/// have been there once; until then operations fail. Thread-safe.
 class KRMemoryLedger {
 public:
-    explicit KRMemoryLedger(boost::shared_ptr<KRBroker> broker);
+    /// \param post  runs a job on a call thread; may throw
+    KRMemoryLedger(boost::shared_ptr<KRBroker> broker, std::function<void(std::function<void()>)> post);
 
-    void noteDeclaration(const std::string& event, const std::string& extractor);
-    void noteSubscription(const std::string& event, const std::string& client, const std::string& callback);
-    void forgetSubscription(const std::string& event, const std::string& client);
-    /// What the module had told has gone with it.
-    void forgetModule(const std::string& module);
+    /// The operations of KRMemoryProxy of these names; they throw what the memory module throws.
+    void insertData(const std::string& key, const KRValue& value);
+    void raiseEvent(const std::string& event, const KRValue& value);
+    void declareEvent(const std::string& event, const std::string& extractor);
+    void subscribeToEvent(const std::string& event, const std::string& client, const std::string& callback);
+    void unsubscribeFromEvent(const std::string& event, const std::string& client);
 
-    /// Tells the memory that is there now, if it is another than the last one. Calls it, so it may block.
-    void tellMemory();
-    /// Ends tellMemory() soon.
-    void stop() noexcept { stopping_ = true; }
+    /// A module became reachable, or stopped being so. Does not block and does not throw.
+    void noticeModule(const std::string& module, bool reachable) noexcept KR_EXCLUDES(mutex_);
+    /// Gives up on a memory module that is away, and ends the hand-over soon.
+    void stop() noexcept KR_EXCLUDES(mutex_);
 
 private:
     using Declarations = std::map<std::string, std::string>; // extractor by event
     using Subscriptions =
         std::map<std::pair<std::string, std::string>, std::string>; // callback by event, client
+    enum class Outcome { Done, Away, Skipped };
 
-    bool tell(const Declarations& declarations, const Subscriptions& subscriptions, bool last);
+    /// Calls the memory module. \return Away: it is not there; Skipped: it was not there before, so nothing was called
+    template <class... A>
+    Outcome callIfThere(const char* method, const A&... arguments) const;
+    /// The error says that the memory module with this number is not there any more.
+    bool isAbsence(std::uint32_t memory, const KRError& error) const;
+    void write(const char* method, KRMemoryBacklog::Kind kind, const std::string& name, const KRValue& value);
+    void noteChange() KR_REQUIRES(mutex_);
+    /// What follows a declaration or subscription.
+    void finish(Outcome outcome) KR_EXCLUDES(mutex_);
+    void goAway() KR_REQUIRES(mutex_);
+    void startHandOver() KR_REQUIRES(mutex_);
+    /// Runs on a call thread until the memory module has everything, or is not there.
+    void handOver() KR_EXCLUDES(mutex_);
+    /// Repeats declarations and subscriptions to the memory module of this number.
+    void repeat(std::uint32_t memory) KR_EXCLUDES(mutex_);
+    bool repeatAll(const Declarations& declarations, const Subscriptions& subscriptions, bool last) const;
+    void handOverBacklog() KR_EXCLUDES(mutex_);
+    void reportBack() KR_REQUIRES(mutex_);
+    /// \return false: stopped meanwhile
+    bool pause(std::chrono::milliseconds time) KR_EXCLUDES(mutex_);
 
     const KRProxy memory_;
-    std::atomic<bool> stopping_ = false;
-    std::mutex mutex_;
-    // Guarded by mutex_.
-    std::uint32_t told_ = 0; // number of the memory that knows it all
-    Declarations declarations_;
-    Subscriptions subscriptions_;
+    const std::function<void(std::function<void()>)> post_;
+    std::atomic<bool> seen_ = false; // there has been a memory module
+    std::atomic<bool> used_ = false; // and something was told to it
+    std::atomic<bool> away_ =
+        false; // it is not there, or does not have the backlog yet; set with mutex_ held
+
+    KRMutex mutex_;
+    KRCondition stopped_;
+    bool stopping_ KR_GUARDED_BY(mutex_) = false;
+    bool handingOver_ KR_GUARDED_BY(mutex_) = false;
+    std::uint32_t told_ KR_GUARDED_BY(mutex_) = 0; // number of the memory module that knows the next two
+    Declarations declarations_ KR_GUARDED_BY(mutex_);
+    Subscriptions subscriptions_ KR_GUARDED_BY(mutex_);
+    std::uint64_t changes_ KR_GUARDED_BY(mutex_) = 0; // of these two so far
+    KRMemoryBacklog backlog_ KR_GUARDED_BY(mutex_);
+    KRMemoryBacklog::Counts handedOver_ KR_GUARDED_BY(mutex_); // since the memory module went away
+    std::size_t lost_ KR_GUARDED_BY(mutex_) = 0;               // the same
 };
 
 } // namespace KR

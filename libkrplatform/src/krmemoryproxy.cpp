@@ -9,8 +9,12 @@ namespace KR {
 KRMemoryProxy::KRMemoryProxy(const boost::shared_ptr<KRBroker>& broker)
     : broker_(broker), proxy_(broker, KRMemory::kName) {}
 
+KRMemoryLedger& KRMemoryProxy::getLedger() const {
+    return *KRBrokerPrivate::of(*broker_).ledger;
+}
+
 void KRMemoryProxy::insertData(const std::string& key, const KRValue& value) {
-    proxy_.call("insertData", key, value);
+    getLedger().insertData(key, value);
 }
 
 KRValue KRMemoryProxy::getData(const std::string& key) const {
@@ -26,36 +30,28 @@ void KRMemoryProxy::removeData(const std::string& key) {
 }
 
 void KRMemoryProxy::declareEvent(const std::string& event, const std::string& extractor) {
-    proxy_.call("declareEvent", event, extractor);
-    if (KRMemoryLedger* ledger = KRBrokerPrivate::of(*broker_).ledger.get()) {
-        ledger->noteDeclaration(event, extractor);
-    }
+    getLedger().declareEvent(event, extractor);
 }
 
 void KRMemoryProxy::declareEvent(const std::string& event) {
-    proxy_.call("declareEvent", event);
-    if (KRMemoryLedger* ledger = KRBrokerPrivate::of(*broker_).ledger.get()) {
-        ledger->noteDeclaration(event, "");
-    }
+    getLedger().declareEvent(event, "");
 }
 
 void KRMemoryProxy::raiseEvent(const std::string& event, const KRValue& value) {
-    proxy_.call("raiseEvent", event, value);
+    getLedger().raiseEvent(event, value);
+}
+
+void KRMemoryProxy::setEventLimits(int perSubscription, int inAll) {
+    proxy_.call("setEventLimits", perSubscription, inAll);
 }
 
 void KRMemoryProxy::subscribeToEvent(const std::string& event, const std::string& client,
                                      const std::string& callback) {
-    proxy_.call("subscribeToEvent", event, client, callback);
-    if (KRMemoryLedger* ledger = KRBrokerPrivate::of(*broker_).ledger.get()) {
-        ledger->noteSubscription(event, client, callback);
-    }
+    getLedger().subscribeToEvent(event, client, callback);
 }
 
 void KRMemoryProxy::unsubscribeFromEvent(const std::string& event, const std::string& client) {
-    if (KRMemoryLedger* ledger = KRBrokerPrivate::of(*broker_).ledger.get()) {
-        ledger->forgetSubscription(event, client); // also if the memory is gone and cannot be told
-    }
-    proxy_.call("unsubscribeFromEvent", event, client);
+    getLedger().unsubscribeFromEvent(event, client);
 }
 
 std::vector<std::string> KRMemoryProxy::getEventList() const {

@@ -15,12 +15,12 @@ namespace KR {
 
 namespace {
 
-// Answered by every module that publishes nothing of its own under these names.
+// Answered by every module, unless it publishes a method of the same name.
 constexpr std::string_view kGetMethodList = "getMethodList";
 constexpr std::string_view kGetMethodHelp = "getMethodHelp";
 constexpr std::string_view kGetFailure = "getFailure";
 
-/// How well a value serves as an argument: 0 exactly, more is worse; none if it does not.
+/// How well a value fits an argument type: 0 is exact, more is worse; nullopt if it does not fit.
 std::optional<int> mismatch(KRArgumentType wanted, const KRValue& given) {
     using Type = KRValue::Type;
     const Type type = given.getType();
@@ -270,7 +270,7 @@ void KRModule::makeReachable() {
 
 void KRModule::shutDown() {
     p_->getDirectory().close(*p_->gate);
-    // Even if xShutDown() throws: the calls use the derived class, which may go next.
+    // Even if xShutDown() throws: the calls use the derived class, which may be destroyed next.
     const struct WaitAtEnd {
         const KRModuleGate& gate;
         ~WaitAtEnd() { gate.waitForCalls(); }
@@ -340,10 +340,9 @@ void KRModule::publish(const KRMethodDescription& description,
 }
 
 void KRModule::xPost(const std::string& what, std::function<void()> function) {
-    p_->gate->enterFromInside(what);
     KRBrokerPrivate::of(*p_->broker)
-        .postEntered(p_->gate, what,
-                     [function = std::move(function)](KRModuleGate::Running&) { function(); });
+        .postCall(
+            p_->gate, what, [function = std::move(function)](KRModuleGate::Running&) { function(); }, true);
 }
 
 std::string KRModule::xGetCaller() const {
@@ -351,7 +350,7 @@ std::string KRModule::xGetCaller() const {
 }
 
 void shutDownAndDestroy(std::unique_ptr<KRModule> module) noexcept {
-    // Nothing here may fail: there is nobody left who could hear of it.
+    // Nothing here may fail: no caller is left to report it to.
     const auto takeDown = [](std::unique_ptr<KRModule> last) noexcept {
         try {
             last->shutDown();
@@ -366,8 +365,13 @@ void shutDownAndDestroy(std::unique_ptr<KRModule> module) noexcept {
         return;
     }
     module->exit();
-    auto shared = std::make_shared<std::unique_ptr<KRModule>>(std::move(module));
-    KRBrokerPrivate::of(*broker).threads.post([shared, takeDown] { takeDown(std::move(*shared)); });
+    KRModule* const leaving = module.release();
+    try {
+        KRBrokerPrivate::of(*broker).threads.post(
+            [leaving, takeDown] { takeDown(std::unique_ptr<KRModule>(leaving)); });
+    } catch (...) { // it cannot be destroyed here, inside its own call
+        logError("krplatform.module", "a module that exits stays: out of threads or memory");
+    }
 }
 
 } // namespace KR

@@ -24,7 +24,7 @@ struct KRModule::Private {
 
     Private(boost::shared_ptr<KRBroker> parentBroker, const std::string& moduleName, KRModule& module);
 
-    /// The result of the method that fits; called with the module's gate entered.
+    /// Calls the method that fits; the module's gate has been entered.
     KRValue call(std::string_view method, std::span<const KRValue> arguments) const;
     const Method* findMethod(std::string_view method, std::span<const KRValue> arguments) const;
     std::string describeMethods(std::string_view method) const;
@@ -37,7 +37,7 @@ struct KRModule::Private {
     const boost::shared_ptr<KRBroker> broker;
     const std::shared_ptr<KRModuleGate> gate;
 
-    // Constant once the gate is open; until then for the constructing thread alone.
+    // Constant once the gate is open; until then used by the constructing thread alone.
     std::vector<Method> methods;
     std::map<std::string, std::vector<std::size_t>, std::less<>> methodsByName; // indices of methods
     KRMethodDescription openDescription;

@@ -11,6 +11,13 @@ namespace {
 // would have to be freed when the thread ends.
 thread_local const KRModuleGate::Running* innermostCall = nullptr;
 
+// Callers in other processes recognize these texts, too.
+constexpr const char* kExiting = "the module is exiting";
+constexpr const char* kNotReachable = "the module is not reachable yet";
+std::string describeAbsence(const std::string& module) {
+    return "there is no module named " + module;
+}
+
 } // namespace
 
 KRModuleGate::KRModuleGate(std::string name, KRModule& module)
@@ -44,21 +51,44 @@ bool KRModuleGate::isClosed() const noexcept {
 }
 
 void KRModuleGate::enter(std::string_view method) {
-    enterIf(kOpened, method);
+    throwUnlessEntered(enterIf(kOpened), kOpened, method);
 }
 
 void KRModuleGate::enterFromInside(std::string_view method) {
-    enterIf(0, method);
+    throwUnlessEntered(enterIf(0), 0, method);
 }
 
-void KRModuleGate::enterIf(std::uint64_t required, std::string_view method) {
+bool KRModuleGate::tryToEnter() noexcept {
+    return isEntered(enterIf(kOpened), kOpened);
+}
+
+std::uint64_t KRModuleGate::enterIf(std::uint64_t required) noexcept {
     const std::uint64_t before = state_.fetch_add(1, std::memory_order_acq_rel);
-    if ((before & kClosed) == 0 && (before & required) == required) {
-        return;
+    if (!isEntered(before, required)) {
+        leave();
     }
-    leave();
-    throw KRError(name_, std::string(method),
-                  (before & kClosed) != 0 ? "the module is exiting" : "the module is not reachable yet");
+    return before;
+}
+
+void KRModuleGate::throwUnlessEntered(std::uint64_t before, std::uint64_t required,
+                                      std::string_view method) const {
+    if (!isEntered(before, required)) {
+        refuse(name_, method, (before & kClosed) != 0 ? KRModuleState::Closed : KRModuleState::Claimed);
+    }
+}
+
+void KRModuleGate::refuse(const std::string& module, std::string_view method,
+                          std::optional<KRModuleState> state) {
+    throw KRError(module, std::string(method),
+                  !state                            ? describeAbsence(module)
+                  : *state == KRModuleState::Closed ? kExiting
+                                                    : kNotReachable);
+}
+
+bool KRModuleGate::isRefusal(const KRError& error, const std::string& module) {
+    const std::string& text = error.getDescription();
+    return error.getModule() == module &&
+           (text == kExiting || text == kNotReachable || text == describeAbsence(module));
 }
 
 void KRModuleGate::leave() noexcept {
@@ -83,6 +113,15 @@ std::uint64_t KRModuleGate::countCallsOfThisThread() const noexcept {
         count += &call->gate_ == this ? 1 : 0;
     }
     return count;
+}
+
+bool KRModuleGate::isThreadExiting() noexcept {
+    for (const Running* call = innermostCall; call != nullptr; call = call->around_) {
+        if (call->gate_.isClosed()) {
+            return true;
+        }
+    }
+    return false;
 }
 
 KRValue KRModuleGate::call(std::string_view method, std::span<const KRValue> arguments) {
@@ -113,7 +152,7 @@ KRValue KRModuleGate::Running::call(std::string_view method, std::span<const KRV
     return gate_.module_.p_->call(method, arguments);
 }
 
-void KRModuleGate::Running::tellCallerGone(const std::string& caller) {
+void KRModuleGate::Running::reportCallerGone(const std::string& caller) {
     gate_.module_.xCallerGone(caller);
 }
 

@@ -1,10 +1,12 @@
 #pragma once
 
+#include "krplatform/krtransport.hpp"
 #include "krplatform/krvalue.hpp"
 
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -13,30 +15,35 @@ namespace KR {
 
 class KRModule;
 
-/// What stands between a module and its callers: counts the calls that run and refuses new ones when the module
-/// goes. Callers share the gate, nobody shares the module. Thread-safe.
+/// Stands between a module and its callers: counts running calls, and refuses new ones when the module exits.
+/// Callers share the gate, nobody shares the module. Thread-safe.
 class KRModuleGate {
 public:
     KRModuleGate(std::string name, KRModule& module);
 
     const std::string& getName() const noexcept { return name_; }
-    /// No other module that this process knows or knew of has it.
+    /// Unique among all modules that this process knows or knew of.
     std::uint32_t getNumber() const noexcept { return number_; }
 
     /// Lets callers in, unless the gate is closed. \return whether this call did it
     bool open() noexcept;
-    /// Lets nobody in any more. \return whether this call did it
+    /// Lets no caller in any more. \return whether this call did it
     bool close() noexcept;
     bool isOpen() const noexcept;
-    /// Callers were let in at some time; those may still be inside though the gate is closed.
+    /// Callers were let in at some time, and may still be inside although the gate is closed.
     bool wasOpened() const noexcept;
     bool isClosed() const noexcept;
 
-    /// Counts a call that is about to run, or throws: \throws KRError nobody is let in, named after `method`
+    /// Counts a call that is about to run. \throws KRError the gate lets no call of `method` in
     void enter(std::string_view method);
-    /// The same for a call of the module itself, which may also come before the gate is open.
+    /// The same for a call that the module itself makes, perhaps before the gate is open.
     void enterFromInside(std::string_view method);
+    /// The same without an exception. \return whether the call may run
+    bool tryToEnter() noexcept;
     void leave() noexcept;
+    /// Throws what enter() throws, for a module without a gate here. \param state  nullopt: there is no such module
+    [[noreturn]] static void refuse(const std::string& module, std::string_view method,
+                                    std::optional<KRModuleState> state);
 
     /// Enters, calls the method on this thread, leaves.
     KRValue call(std::string_view method, std::span<const KRValue> arguments);
@@ -45,10 +52,14 @@ public:
     bool isInsideCall() const noexcept { return countCallsOfThisThread() > 0; }
     /// The process whose call of this module runs on this thread; empty for this process itself.
     std::string getCaller() const;
+    /// The error says that the module of this name lets no call in, in this process or another one.
+    static bool isRefusal(const KRError& error, const std::string& module);
+    /// The calling thread is inside a call of a module that is closed.
+    static bool isThreadExiting() noexcept;
     /// Blocks until no thread but the calling one is inside a call.
     void waitForCalls() const noexcept;
 
-    /// For as long as it stands, a call that was counted runs on this thread; leaves at its end.
+    /// While this exists, a call that was counted runs on this thread; its destructor leaves the gate.
     class Running {
     public:
         /// \param caller  the process that calls, if it is another one; outlives the call
@@ -57,7 +68,7 @@ public:
         Running(const Running&) = delete;
         Running& operator=(const Running&) = delete;
         KRValue call(std::string_view method, std::span<const KRValue> arguments);
-        void tellCallerGone(const std::string& caller);
+        void reportCallerGone(const std::string& caller);
 
     private:
         friend KRModuleGate;
@@ -68,7 +79,12 @@ public:
 
 private:
     std::uint64_t countCallsOfThisThread() const noexcept;
-    void enterIf(std::uint64_t required, std::string_view method);
+    /// Enters if the gate is not closed and has the flags. \return its state before
+    std::uint64_t enterIf(std::uint64_t required) noexcept;
+    static bool isEntered(std::uint64_t before, std::uint64_t required) noexcept {
+        return (before & kClosed) == 0 && (before & required) == required;
+    }
+    void throwUnlessEntered(std::uint64_t before, std::uint64_t required, std::string_view method) const;
 
     static constexpr std::uint64_t kClosed = std::uint64_t{1} << 63;
     static constexpr std::uint64_t kOpened = std::uint64_t{1} << 62;

@@ -1,23 +1,25 @@
 #include "krplatform/krproxy.hpp"
 
+#include "krplatform/krmutex.hpp"
+
 #include "krbroker_p.hpp"
 #include "krmodule_p.hpp"
 
-#include <mutex>
+#include <optional>
 
 namespace KR {
 
 struct KRProxy::Private {
     const boost::shared_ptr<KRBroker> broker;
     const std::string module;
-    std::mutex mutex;
-    std::shared_ptr<KRModuleGate> gate; // guarded by mutex: where the module was found last
+    KRMutex mutex;
+    std::shared_ptr<KRModuleGate> gate KR_GUARDED_BY(mutex); // of the module when it was called last
 
     KRBrokerPrivate& getBroker() const { return KRBrokerPrivate::of(*broker); }
 
     /// The gate of the module of this process, or null.
     std::shared_ptr<KRModuleGate> find() {
-        const std::lock_guard lock(mutex);
+        const KRLock lock(mutex);
         if (!gate || gate->isClosed()) {
             gate = getBroker().directory.find(module);
         }
@@ -27,13 +29,9 @@ struct KRProxy::Private {
     /// The module of another process, which can be called. \throws KRError there is none
     std::shared_ptr<KRRemoteModule> findRemote(std::string_view method) const {
         auto remote = getBroker().directory.findRemote(module);
-        if (!remote) {
-            throw KRError(module, std::string(method), "there is no module named " + module);
-        }
-        if (remote->getState() != KRModuleState::Open) {
-            throw KRError(module, std::string(method),
-                          remote->getState() == KRModuleState::Closed ? "the module is exiting"
-                                                                      : "the module is not reachable yet");
+        const auto state = remote ? std::optional(remote->getState()) : std::nullopt;
+        if (state != KRModuleState::Open) {
+            KRModuleGate::refuse(module, method, state);
         }
         return remote;
     }
@@ -65,10 +63,9 @@ void KRProxy::postValues(std::string_view method, std::vector<KRValue> arguments
         p_->getBroker().postRemote(p_->findRemote(method), std::string(method), std::move(arguments));
         return;
     }
-    gate->enter(method);
-    p_->getBroker().postEntered(gate, std::string(method),
-                                [method = std::string(method), arguments = std::move(arguments)](
-                                    KRModuleGate::Running& running) { running.call(method, arguments); });
+    p_->getBroker().postCall(gate, std::string(method),
+                             [method = std::string(method), arguments = std::move(arguments)](
+                                 KRModuleGate::Running& running) { running.call(method, arguments); });
 }
 
 std::uint32_t KRProxy::getModuleNumber() const {

@@ -6,8 +6,8 @@
 #include "krbroker_p.hpp"
 #include "krmodulenumber.hpp"
 
+#include <new>
 #include <optional>
-#include <system_error>
 
 namespace KR {
 
@@ -41,60 +41,76 @@ void KRTransportHost::post(std::function<void()> job) {
     broker_.threads.post(std::move(job));
 }
 
-void KRTransportHost::serve(std::shared_ptr<KRIncomingCall> call) {
-    const std::shared_ptr<KRModuleGate> gate = broker_.directory.find(call->module);
-    std::shared_ptr<KRError> refusal;
-    try {
-        if (!gate) {
-            throw KRError(call->module, call->method, "there is no module named " + call->module);
+namespace {
+
+/// Runs a call that has entered the gate, which it leaves.
+void run(KRIncomingCall& call, KRModuleGate& gate) {
+    KRValue result;
+    std::optional<KRError> failure;
+    {
+        KRModuleGate::Running running(gate, &call.caller);
+        try {
+            result = running.call(call.method, call.arguments);
+        } catch (const KRError& error) {
+            failure = error;
+        } catch (...) {
+            failure = KRError(call.module, call.method, describeCurrentException());
         }
-        gate->enter(call->method);
-    } catch (const KRError& error) {
-        refusal = std::make_shared<KRError>(error);
+        call.arguments.clear(); // before the module is destroyed, which may own what they hold
     }
-    try {
-        if (refusal) {
-            broker_.threads.post([call, refusal] { call->fail(*refusal); });
-            return;
-        }
-        broker_.threads.post([call, gate]() mutable {
-            KRValue result;
-            std::optional<KRError> failure;
-            {
-                KRModuleGate::Running running(*gate, &call->caller);
-                try {
-                    result = running.call(call->method, call->arguments);
-                } catch (const KRError& error) {
-                    failure = error;
-                } catch (...) {
-                    failure = KRError(call->module, call->method, describeCurrentException());
-                }
-                call->arguments.clear(); // while the module stands, which may own what they hold
-            }
-            // Outside the module: a caller that does not read its answer must not keep the module from going.
-            if (failure) {
-                call->fail(*failure);
-            } else {
-                call->succeed(result);
-            }
-        });
-    } catch (const std::system_error& error) {
-        if (!refusal) {
-            gate->leave();
-        }
-        logError("krplatform.call", "a call of " + call->module + "." + call->method +
-                                        " is lost, no call thread: " + error.what());
+    // Outside the module: a caller that does not read its answer must not keep the module from being destroyed.
+    if (failure) {
+        call.fail(*failure);
+    } else {
+        call.succeed(result);
     }
 }
 
-void KRTransportHost::noticeCallerGone(const std::string& caller) {
-    for (const std::shared_ptr<KRModuleGate>& gate : broker_.directory.getOpenGates()) {
+/// Answers with the reason why the gate refuses the call.
+void refuse(KRIncomingCall& call, std::optional<KRModuleState> state) {
+    try {
+        KRModuleGate::refuse(call.module, call.method, state);
+    } catch (const KRError& error) {
+        call.fail(error);
+    }
+}
+
+} // namespace
+
+void KRTransportHost::serve(std::shared_ptr<KRIncomingCall> call) noexcept {
+    std::shared_ptr<KRModuleGate> entered;
+    try {
+        std::shared_ptr<KRModuleGate> gate = broker_.directory.find(call->module);
+        if (gate && gate->tryToEnter()) {
+            entered = gate;
+            broker_.threads.post([call, gate] { run(*call, *gate); });
+            return;
+        }
+        const auto state =
+            gate ? std::optional(gate->isClosed() ? KRModuleState::Closed : KRModuleState::Claimed)
+                 : std::nullopt;
+        broker_.threads.post([call, state] { refuse(*call, state); });
+    } catch (...) { // no thread or no memory: the call is destroyed unanswered, so its caller gets an error
+        if (entered) {
+            entered->leave();
+        }
+        logError("krplatform.call", "a call from another process is lost: out of threads or memory");
+    }
+}
+
+void KRTransportHost::noticeCallerGone(const std::string& caller) noexcept {
+    std::vector<std::shared_ptr<KRModuleGate>> gates;
+    try {
+        gates = broker_.directory.getOpenGates();
+    } catch (const std::bad_alloc&) {
+        logError("krplatform.call", "what modules keep for a caller that has gone stays: out of memory");
+    }
+    for (const std::shared_ptr<KRModuleGate>& gate : gates) {
         try {
-            gate->enter("xCallerGone");
-            broker_.postEntered(gate, "xCallerGone",
-                                [caller](KRModuleGate::Running& running) { running.tellCallerGone(caller); });
-        } catch (const KRError& error) {
-            logVerbose("krplatform.module", error.what()); // it goes itself
+            broker_.postCall(gate, "xCallerGone",
+                             [caller](KRModuleGate::Running& running) { running.reportCallerGone(caller); });
+        } catch (const std::exception& error) {
+            logVerbose("krplatform.module", error.what()); // it is exiting
         }
     }
 }

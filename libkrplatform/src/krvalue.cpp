@@ -111,6 +111,20 @@ void KRValue::SetBinary(KRBinary binary) {
     value_ = std::move(binary);
 }
 
+std::size_t KRValue::countBytes() const noexcept {
+    std::size_t bytes = sizeof(KRValue);
+    if (const auto* text = std::get_if<std::string>(&value_)) {
+        bytes += text->size();
+    } else if (const auto* binary = std::get_if<KRBinary>(&value_)) {
+        bytes += binary->size();
+    } else if (const auto* elements = std::get_if<std::vector<KRValue>>(&value_)) {
+        for (const KRValue& element : *elements) {
+            bytes += element.countBytes();
+        }
+    }
+    return bytes;
+}
+
 std::size_t KRValue::getSize() const {
     return toElements().size();
 }

@@ -6,7 +6,7 @@
 
 namespace KR::test {
 
-/// What happened, in order. Thread-safe.
+/// Records what happened, in order. Thread-safe.
 class Diary {
 public:
     void note(const std::string& what) {

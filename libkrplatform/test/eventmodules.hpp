@@ -13,7 +13,7 @@
 
 namespace KR::test {
 
-/// What the memory sees of an extractor: it keeps account of who is subscribed to it.
+/// Stands in for an extractor: records its subscribers.
 class FakeExtractor : public KRModule {
 public:
     using Names = std::set<std::string>;
@@ -77,7 +77,7 @@ private:
     Names subscribers_;              // guarded by mutex_
 };
 
-/// A module that writes down the events that reach its method "onEvent".
+/// A module that records the events that reach its method "onEvent".
 class EventListener : public KRModule {
 public:
     using Events = std::vector<std::pair<std::string, KRValue>>;

@@ -85,7 +85,7 @@ TEST(KRMemory, IsAModuleLikeAnyOther) {
     }
     EXPECT_THAT(names, ElementsAre("insertData", "getData", "getDataList", "removeData", "declareEvent",
                                    "declareEvent", "raiseEvent", "subscribeToEvent", "unsubscribeFromEvent",
-                                   "getEventList", "getEventSubscribers"));
+                                   "getEventList", "getEventSubscribers", "setEventLimits"));
 }
 
 TEST(KRMemory, WithoutOneEachOperationIsAnError) {

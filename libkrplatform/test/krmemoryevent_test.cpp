@@ -9,11 +9,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <memory>
 #include <mutex>
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 namespace KR {
@@ -129,7 +131,109 @@ TEST(KRMemoryEvent, ASlowSubscriberLosesTheOldestAndTheLossIsLoggedAndCounted) {
     EXPECT_THAT(warnings[0].message, HasSubstr("event event for client.onEvent: lost 100 events"));
 }
 
-TEST(KRMemoryEvent, ASlowSubscriberIsToldHowManyEventsItHasLostBeforeTheNextOne) {
+/// A broker with clients "client0" and so on that are subscribed to "event" and stuck in the first one.
+struct StuckClients {
+    explicit StuckClients(int count) {
+        for (int i = 0; i < count; ++i) {
+            entered.push_back(std::make_unique<Event>());
+            const std::string name = "client" + std::to_string(i);
+            clients.push_back(createModule<EventListener>(broker, name, [this, i](const KRValue&) {
+                entered[static_cast<std::size_t>(i)]->set();
+                EXPECT_TRUE(release.wait());
+            }));
+            memory.subscribeToEvent("event", name, "onEvent");
+        }
+        memory.raiseEvent("event", -1);
+        for (const auto& each : entered) {
+            EXPECT_TRUE(each->wait());
+        }
+    }
+    ~StuckClients() { release.set(); }
+
+    void raiseMegabytes(int count) {
+        for (int i = 0; i < count; ++i) {
+            memory.raiseEvent("event", KRBinary::copyOf(std::vector<char>(1 << 20).data(), 1 << 20));
+        }
+    }
+    /// Events that each of them has lost.
+    std::vector<int> getLost() const {
+        std::vector<int> lost;
+        const KRValue rows = memory.getEventSubscribers("event");
+        for (std::size_t i = 0; i < rows.getSize(); ++i) {
+            lost.push_back(rows[i][3].to<int>());
+        }
+        return lost;
+    }
+
+    Event release;
+    std::vector<std::unique_ptr<Event>> entered;
+    boost::shared_ptr<KRBroker> broker = KRBroker::create();
+    KRMemoryProxy memory{broker};
+    std::vector<KRModuleHandle<EventListener>> clients;
+};
+
+TEST(KRMemoryEvent, WhatWaitsForASlowSubscriberIsLimitedInBytes) {
+    StuckClients stuck(1);
+    stuck.raiseMegabytes(100);
+    EXPECT_THAT(stuck.getLost(), ElementsAre(37)) << "64 MiB hold 63";
+    stuck.release.set();
+    EXPECT_EQ(stuck.clients[0]->waitForEvents(1 + 63).size(), 64U);
+}
+
+TEST(KRMemoryEvent, TheLimitInBytesCanBeSet) {
+    StuckClients stuck(1);
+    stuck.memory.setEventLimits(5 << 10, 1 << 20);
+    stuck.raiseMegabytes(20);
+    EXPECT_THAT(stuck.getLost(), ElementsAre(16)) << "5 MiB hold 4";
+    stuck.memory.setEventLimits(1, 1 << 20);
+    stuck.raiseMegabytes(1);
+    EXPECT_THAT(stuck.getLost(), ElementsAre(20)) << "the newest is kept";
+    EXPECT_THROW(stuck.memory.setEventLimits(0, 1), KRError);
+    EXPECT_THROW(stuck.memory.setEventLimits(1, -1), KRError);
+}
+
+TEST(KRMemoryEvent, WhatWaitsForAllSlowSubscribersTogetherIsLimitedInBytes) {
+    StuckClients stuck(3);
+    stuck.memory.setEventLimits(100 << 10, 10 << 10);
+    stuck.raiseMegabytes(20);
+    const auto lost = stuck.getLost();
+    EXPECT_EQ(lost[0] + lost[1] + lost[2], 3 * 20 - 9) << "10 MiB hold 9";
+    for (const int each : lost) {
+        EXPECT_EQ(each, 17) << "those with most lose first";
+    }
+}
+
+// The sanitizers' allocators return memory by rules of their own.
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+std::size_t getResidentBytes() {
+    std::ifstream file("/proc/self/statm");
+    std::size_t size = 0;
+    std::size_t resident = 0;
+    file >> size >> resident;
+    return resident * static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+}
+
+TEST(KRMemoryEvent, MemoryOfLargeValuesIsReturnedToTheSystem) {
+    const auto makeBytes = [](std::size_t size) {
+        return KRBinary::copyOf(std::vector<char>(size, 1).data(), size);
+    };
+    makeBytes(16 << 20); // once one of this size is freed, the allocator takes smaller ones from its heap
+    const auto broker = KRBroker::create();
+    KRMemoryProxy memory(broker);
+    std::vector<KRBinary> between; // so that no run of free memory reaches the end of the heap
+    for (int i = 0; i < 200; ++i) {
+        memory.insertData(std::to_string(i), makeBytes(600'000));
+        between.push_back(makeBytes(100));
+    }
+    const std::size_t before = getResidentBytes();
+    for (int i = 0; i < 200; ++i) {
+        memory.removeData(std::to_string(i));
+    }
+    EXPECT_TRUE(eventually([&] { return getResidentBytes() + (60U << 20) < before; }));
+}
+#endif
+
+TEST(KRMemoryEvent, ASlowSubscriberHearsHowManyEventsItHasLostBeforeTheNextOne) {
     constexpr int kKept = 16384;
     constexpr int kTooMany = 3;
     const auto broker = KRBroker::create("local:");

@@ -225,6 +225,29 @@ TEST(KRMemorySubscription, ASecondSubscriptionWaitsForTheFirstOneThatIsUnderWay)
     EXPECT_THAT(f.extractor->getCalls(), ElementsAre("subscribe client"));
 }
 
+TEST(KRMemorySubscription, ARefusalDoesNotEndASubscriptionThatTheClientMadeMeanwhile) {
+    Event entered;
+    Event release;
+    std::atomic<int> asked = 0;
+    Fixture f([&](const std::string& call, const std::string&) {
+        if (call == "subscribe" && ++asked == 1) {
+            entered.set();
+            EXPECT_TRUE(release.wait());
+            throw KRError("extractor", "subscribe", "not yet");
+        }
+    });
+    const auto subscribe = [&] { f.memory.subscribeToEvent("event", "client", "onEvent"); };
+    auto first = std::async(std::launch::async, subscribe);
+    const test::SetAtEnd end(release);
+    ASSERT_TRUE(entered.wait());
+    auto second = test::startAndLetSleep(subscribe);
+    release.set();
+    EXPECT_THROW(test::resultOf(first), KRError);
+    test::resultOf(second);
+    EXPECT_EQ(f.memory.getEventSubscribers("event").getSize(), 1U);
+    EXPECT_THAT(f.extractor->getSubscribers(), ElementsAre("client"));
+}
+
 TEST(KRMemorySubscription, AnExtractorMayGoWhileItIsAsked) {
     for (int round = 0; round < 30; ++round) {
         Event entered;

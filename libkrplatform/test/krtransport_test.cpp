@@ -16,12 +16,15 @@
 
 #include <algorithm>
 #include <atomic>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace KR {
@@ -41,8 +44,9 @@ using testing::ThrowsMessage;
 /// What the test and the transport share. Thread-safe.
 struct Wire {
     mutable std::mutex mutex;
-    KRTransportHost* host = nullptr; // constant once the broker is there
-    std::string refused;             // guarded by mutex: a name that another process has
+    KRTransportHost* host = nullptr;    // constant once the broker is there
+    std::string refused;                // guarded by mutex: a name that another process has
+    std::function<void()> onMemoryOpen; // runs once, as soon as others can reach the memory module
     /// Guarded by mutex: what the others have been told last.
     std::map<std::string, KRModuleState> announced;
 
@@ -58,10 +62,20 @@ public:
 
     void start() override {}
     void announceModules() noexcept override {
-        const std::lock_guard lock(wire_->mutex);
-        wire_->announced.clear();
-        for (const KRLocalModule& module : wire_->host->listModules()) {
-            wire_->announced[module.name] = module.state;
+        std::function<void()> onMemoryOpen;
+        {
+            const std::lock_guard lock(wire_->mutex);
+            wire_->announced.clear();
+            for (const KRLocalModule& module : wire_->host->listModules()) {
+                wire_->announced[module.name] = module.state;
+            }
+            if (wire_->announced.contains("KRMemory") &&
+                wire_->announced["KRMemory"] == KRModuleState::Open) {
+                onMemoryOpen = std::exchange(wire_->onMemoryOpen, nullptr);
+            }
+        }
+        if (onMemoryOpen) {
+            onMemoryOpen();
         }
     }
     void claim(const std::string& name) override {
@@ -76,7 +90,7 @@ private:
     const std::shared_ptr<Wire> wire_;
 };
 
-/// A module of another process, which writes down what it is called with.
+/// A module of another process, which records its calls.
 class FakeRemote : public KRRemoteModule {
 public:
     explicit FakeRemote(const std::string& name) : KRRemoteModule(name, "in process 4711 on elsewhere") {}
@@ -90,13 +104,21 @@ public:
             --failures_;
             throw KRError(getName(), std::string(method), "not now");
         }
+        if (!refusal_.empty()) {
+            throw KRError(getName(), std::string(method), refusal_);
+        }
         return {};
     }
     std::vector<KRValue> getCalls() const {
         const std::lock_guard lock(mutex_);
         return calls_;
     }
-    /// So many calls from now on fail.
+    /// All calls from now on fail.
+    void failWith(const std::string& refusal) {
+        const std::lock_guard lock(mutex_);
+        refusal_ = refusal;
+    }
+    /// The next `times` calls fail.
     void fail(int times) {
         const std::lock_guard lock(mutex_);
         failures_ = times;
@@ -106,6 +128,7 @@ private:
     mutable std::mutex mutex_;
     std::vector<KRValue> calls_; // guarded by mutex_
     int failures_ = 0;           // guarded by mutex_
+    std::string refusal_;        // guarded by mutex_
 };
 
 /// A call from another process.
@@ -168,7 +191,7 @@ protected:
 
 // ---- calls from other processes
 
-/// Tells who calls it.
+/// Returns the identity of its caller.
 class Asked : public TestModule {
 public:
     Asked(boost::shared_ptr<KRBroker> broker, const std::string& name) : TestModule(std::move(broker), name) {
@@ -239,7 +262,7 @@ TEST_F(Transport, WhatTheArgumentsOfACallFromElsewhereHoldGoesBeforeTheModule) {
     EXPECT_TRUE(gone);
 }
 
-/// Writes down which callers have gone.
+/// Records which callers have gone.
 class Bereaved : public KRModule {
 public:
     using KRModule::KRModule;
@@ -303,7 +326,7 @@ TEST_F(Transport, TheNameOfAModuleElsewhereIsRefused) {
     EXPECT_EQ(makeModule(broker, "Taken")->getName(), "Taken");
 }
 
-TEST_F(Transport, ANameThatAnotherProcessGotFirstIsFreeOnceThatLetsGoOfIt) {
+TEST_F(Transport, ANameThatAnotherProcessGotFirstIsFreeOnceThatReleasesIt) {
     {
         const std::lock_guard lock(wire->mutex);
         wire->refused = "Wanted";
@@ -318,7 +341,7 @@ TEST_F(Transport, ANameThatAnotherProcessGotFirstIsFreeOnceThatLetsGoOfIt) {
     EXPECT_EQ(makeModule(broker, "Wanted")->getName(), "Wanted");
 }
 
-TEST_F(Transport, TheOthersAreToldOfEachModuleThatOpensExitsAndGoes) {
+TEST_F(Transport, EachModuleThatOpensExitsAndGoesIsAnnounced) {
     using States = std::map<std::string, KRModuleState>;
     auto module = makeModule(broker, "Module");
     EXPECT_EQ(wire->getAnnounced(),
@@ -356,6 +379,26 @@ TEST_F(Transport, TheMemoryDropsASubscriberElsewhereThatExitsGoesOrIsReplaced) {
     EXPECT_TRUE(hasNone());
 }
 
+TEST_F(Transport, TheMemoryDropsASubscriberElsewhereThatGoesAsSoonAsItCouldSubscribe) {
+    broker.reset();
+    wire->onMemoryOpen = [this] {
+        const auto client = addRemote("Client", KRModuleState::Claimed);
+        serve("KRMemory", "subscribeToEvent", {"Event", "Client", "onEvent"})->getResult();
+        wire->host->removeRemoteModule(client);
+    };
+    broker = createBroker(true);
+    EXPECT_TRUE(
+        eventually([&] { return KRMemoryProxy(broker).getEventSubscribers("Event").getSize() == 0; }));
+}
+
+TEST_F(Transport, ACallerElsewhereHearsThatTheModuleRanOutOfMemory) {
+    const auto module = makeModule(broker, "Module", [&](TestModule& m) {
+        m.add("grow", [](const std::string&) -> int { throw std::bad_alloc(); });
+    });
+    EXPECT_THAT([&] { serve("Module", "grow", {"a lot"})->getResult(); },
+                ThrowsMessage<KRError>(HasSubstr("Module.grow: out of memory")));
+}
+
 TEST_F(Transport, ASubscriberElsewhereHearsWhatWasRaisedBeforeItWasKnownToBeReachable) {
     KRMemoryProxy memory(broker);
     const auto client = addRemote("Client", KRModuleState::Claimed);
@@ -381,7 +424,7 @@ protected:
         broker = createBroker(false);
     }
 
-    /// Whether the memory has been told just this, whatever the order.
+    /// Whether the memory has been called with just this, in any order.
     static bool isTold(const FakeRemote& memory, std::vector<KRValue> expected) {
         return eventually([&] {
             const auto calls = memory.getCalls();
@@ -430,6 +473,26 @@ TEST_F(RemoteMemory, OneThatDoesNotKnowTheSubscriberYetIsToldAgain) {
     wire->host->setRemoteModule(after, KRModuleState::Open);
     const KRValue call = KRValue::array("subscribeToEvent", "Event", "Listener", "onEvent");
     EXPECT_TRUE(isTold(*after, {call, call, call}));
+}
+
+TEST_F(RemoteMemory, OneThatRefusesAWriteAsItIsExitingIsAway) {
+    const auto before = addRemote("KRMemory");
+    KRMemoryProxy memory(broker);
+    before->failWith("the module is exiting");
+    memory.insertData("Key", 1);
+    memory.insertData("Key", 2);
+    wire->host->removeRemoteModule(before);
+    const auto after = addRemote("KRMemory");
+    EXPECT_TRUE(isTold(*after, {KRValue::array("insertData", "Key", 2)}));
+}
+
+TEST_F(RemoteMemory, OneThatRefusesAWriteForAnotherReasonIsNot) {
+    const auto remote = addRemote("KRMemory");
+    KRMemoryProxy memory(broker);
+    memory.insertData("Key", 1);
+    remote->failWith("the value is too large");
+    EXPECT_THAT([&] { memory.insertData("Key", 2); }, ThrowsMessage<KRError>(HasSubstr("too large")));
+    EXPECT_THAT([&] { memory.raiseEvent("Event", 2); }, ThrowsMessage<KRError>(HasSubstr("too large")));
 }
 
 } // namespace

@@ -14,10 +14,10 @@
 
 namespace KR::test {
 
-/// How long a test waits for something that must come. Only a test that fails waits that long.
+/// How long a test waits for something that must happen. Only a failing test waits that long.
 constexpr std::chrono::seconds kPatience{30};
 
-/// Something that happens once, and that many threads may wait for. Thread-safe.
+/// An event that happens once, and that several threads may wait for. Thread-safe.
 class Event {
 public:
     void set() {
@@ -41,7 +41,7 @@ private:
     bool happened_ = false;
 };
 
-/// Sets the event when it goes, so that a test that fails half way leaves nobody waiting.
+/// Sets the event at its destruction, so that a test that fails half way leaves no thread waiting.
 class SetAtEnd {
 public:
     explicit SetAtEnd(Event& event) : event_(event) {}
@@ -53,7 +53,7 @@ private:
     Event& event_;
 };
 
-/// Asks again and again, for what nobody announces. \return whether it came true before the patience ended
+/// Polls the condition. \return whether it became true before the patience ended
 template <class Condition>
 [[nodiscard]] bool eventually(Condition condition) {
     const auto deadline = std::chrono::steady_clock::now() + kPatience;

@@ -11,7 +11,7 @@
 
 namespace KR::test {
 
-/// A module whose methods are functions that the test hands in.
+/// A module whose methods are functions of the test.
 class TestModule : public KRModule {
 public:
     /// Runs at the end of the constructor, to add() methods and do what a derived constructor does.

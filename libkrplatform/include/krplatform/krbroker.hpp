@@ -19,7 +19,7 @@ class KRProxy;
 /// A broker's link to the services that it can reach. Lives as long as its broker.
 class KR_EXPORT KRSession {
 public:
-    /// Blocks, without a time limit, until a module of this name can be called; says so in the log after a while.
+    /// Blocks, without a time limit, until a module of this name can be called; logs that it waits after 5 s.
     /// Thread-safe.
     void waitForService(const std::string& name);
     /// The same for at most `timeout`. \return whether it can be called
@@ -33,21 +33,21 @@ private:
 
 /// Holds modules by name, hands out proxies on them and runs the call threads.
 ///
-/// Modules hold their broker, so it goes after the last of them; it holds none of them except the memory
-/// module, which it runs itself. All operations are thread-safe.
+/// Modules hold their broker, so it is destroyed after the last of them. It holds no module but the memory module,
+/// which it runs itself. All operations are thread-safe.
 class KR_EXPORT KRBroker : public boost::enable_shared_from_this<KRBroker> {
 public:
-    /// A broker for the modules of this process: "local:". It runs the memory module "KRMemory" unless the
-    /// address says "local:?memory=none". With the library krdds, "dds:" is a broker whose modules and those of other
-    /// processes reach each other (<krdds/krdds.hpp>); it runs no memory module unless told to.
-    /// \throws KRError an address that is not understood; a domain that cannot be joined as asked for
+    /// Makes a broker for the modules of this process: "local:". It runs the memory module "KRMemory" unless the
+    /// address is "local:?memory=none". With the library krdds, the modules of a "dds:" broker and those of other
+    /// processes reach each other (<krdds/krdds.hpp>); it runs no memory module by default.
+    /// \throws KRError an invalid address; a domain that cannot be joined as asked for
     static boost::shared_ptr<KRBroker> create(const std::string& url = "local:");
     ~KRBroker();
     KRBroker(const KRBroker&) = delete;
     KRBroker& operator=(const KRBroker&) = delete;
 
-    /// A proxy on the module of this name, which need not exist yet: calls through it fail until it does. The
-    /// second argument has no meaning and is 0.
+    /// Makes a proxy on the module of this name, which need not exist yet: calls through it fail until it does. The
+    /// second argument is ignored.
     boost::shared_ptr<KRProxy> getProxy(const std::string& module, int = 0);
 
     KRSession& getSession() noexcept;
@@ -64,8 +64,8 @@ public:
     /// discarded messages.
     KRBrokerDiagnostics getDiagnostics() const;
 
-    /// Call threads that exist now, busy or idle. They grow with the posted calls in flight and go again after
-    /// two idle seconds.
+    /// Number of call threads, busy or idle. It grows with the posted calls in progress; a thread ends after being idle
+    /// for two seconds.
     std::size_t getCallThreadCount() const;
 
 private:

@@ -7,18 +7,18 @@
 
 namespace KR {
 
-// What the camera service tells of itself. Each travels as an array of the fields, in their order.
+// What the camera service reports about itself. Each travels as an array of the fields, in their order.
 // fromKRValue() reads one; it throws a KRError if there are fewer elements, or one of another type.
 
 /// One camera of the service.
 struct KR_EXPORT KRCameraInfo {
     int camera = 0;     ///< index
-    std::string source; ///< what it was made from: "v4l2:/dev/video0"
+    std::string source; ///< as configured: "v4l2:/dev/video0"
     int model = 0;      ///< as getCameraModel() answers
-    /// "closed": nobody is subscribed; "opening": no image yet; "open"; "failed": it is being opened again.
+    /// "closed": no subscribers; "opening": no image yet; "open"; "failed": it is being opened again.
     std::string state;
-    std::string failure; ///< why it has failed, or empty
-    int width = 0;       ///< of the newest image, as the camera delivers it; 0 if there is none
+    std::string failure; ///< why it failed; empty otherwise
+    int width = 0;       ///< of the newest image as delivered by the camera; 0 before the first one
     int height = 0;
     int subscribers = 0;
 
@@ -26,7 +26,7 @@ struct KR_EXPORT KRCameraInfo {
     static KRCameraInfo fromKRValue(const KRValue& value);
 };
 
-/// One thing about a camera's picture that can be set while it runs.
+/// A setting of a camera's picture that can be changed while the camera runs.
 struct KR_EXPORT KRCameraControl {
     int id = 0; ///< number of the V4L2 control of the same meaning
     std::string name;
@@ -52,19 +52,19 @@ struct KR_EXPORT KRSubscriberInfo {
     static KRSubscriberInfo fromKRValue(const KRValue& value);
 };
 
-/// Three numbers that say how a duration was spread; milliseconds, 0 if there was none.
+/// Distribution of a duration in milliseconds; 0 without a measurement.
 struct KRDurations {
     float median_ms = 0;
-    float p99_ms = 0; ///< 99 of 100 were not longer
+    float p99_ms = 0; ///< 99th percentile
     float max_ms = 0;
 };
 
-/// What a subscription has got since it began. Median and p99 are at most 3 % too great.
+/// What a subscription has received since it began. Median and p99 are at most 3 % too great.
 struct KR_EXPORT KRSubscriptionStatistics {
     std::string id; ///< identifier
     int camera = 0;
     int delivered = 0; ///< images fetched
-    int missed = 0;    ///< images of the camera that came between two that were fetched
+    int missed = 0;    ///< images of the camera that were not fetched
     // These travel as three elements each.
     KRDurations age;      ///< from capture to delivery
     KRDurations interval; ///< from delivery to delivery

@@ -1,4 +1,4 @@
 #pragma once
 
-/// Marks what a shared library of this project offers to others; everything else stays hidden in it.
+/// Marks what a shared library of this project exports; everything else is hidden.
 #define KR_EXPORT __attribute__((visibility("default")))

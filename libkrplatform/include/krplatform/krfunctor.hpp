@@ -15,7 +15,7 @@
 
 namespace KR {
 
-/// What a remote method takes or returns. Bool travels as an int; Value is any value at all.
+/// Type of an argument or result of a remote method. Bool travels as an int; Value is any type.
 enum class KRArgumentType { Void, Bool, Int, Float, String, Binary, Array, Value };
 
 /// "void", "bool", "int", "float", "string", "binary", "array" or "value".
@@ -44,7 +44,7 @@ constexpr KRArgumentType argumentTypeOf() {
     }
 }
 
-/// A callable whose C++ types have been erased: values in, a value out, and the types it insists on.
+/// A callable whose C++ types have been erased: values in, a value out, and the types that it requires.
 struct KRGenericFunction {
     std::vector<KRArgumentType> arguments;
     KRArgumentType result = KRArgumentType::Void;
@@ -104,9 +104,8 @@ KRGenericFunction makeGenericFunction(Object* object, R (Base::*member)(A...) co
 
 } // namespace detail
 
-/// A functor for a member function of a module, the object bound in front and gone from the visible arguments.
-/// A virtual member is called virtually. The functor does not own the object.
-/// Name the overload with a cast: createFunctor(this, static_cast<void (M::*)(int)>(&M::set)).
+/// Makes a functor for a member function of a module; the object is bound. A virtual member is called virtually.
+/// The functor does not own the object. Choose an overload with a cast: createFunctor(this, static_cast<void (M::*)(int)>(&M::set)).
 template <class Object, class Member>
 boost::shared_ptr<KRFunctorBase> createFunctor(Object* object, Member member) {
     return boost::make_shared<KRFunctorBase>(detail::makeGenericFunction(object, member));

@@ -8,16 +8,21 @@
 
 namespace KR {
 
+class KRMemoryLedger;
+
 /// The memory module, typed: data by key, and events.
 ///
-/// Calls whatever module is registered as "KRMemory". All operations are thread-safe and throw KRError when
-/// there is no such module. Events declared and subscribed to through this proxy are declared and subscribed to again
-/// when a memory module of another process has gone and another has come; data is not written again.
+/// Calls whatever module is registered as "KRMemory". All operations are thread-safe. Without such a module they throw a
+/// KRError, except for writing operations once there has been one: while the memory module is away, at a restart for
+/// instance, the newest value of each key and the raised events are kept, up to 64 MiB for all proxies of the broker,
+/// and handed over when one is back, events a second later. A warning is logged when it goes, and one line when it is back, with
+/// the number of values and events that could not be kept. Declarations and subscriptions are repeated to each memory
+/// module that comes; other data is not written again. Reading operations and removeData() throw while it is away.
 class KR_EXPORT KRMemoryProxy {
 public:
     explicit KRMemoryProxy(const boost::shared_ptr<KRBroker>& broker);
 
-    /// Writes a value under a key, over whatever was there.
+    /// Writes a value under a key, in place of any earlier one.
     void insertData(const std::string& key, const KRValue& value);
     /// \throws KRError no data under this key
     KRValue getData(const std::string& key) const;
@@ -26,21 +31,21 @@ public:
     /// \throws KRError no data under this key
     void removeData(const std::string& key);
 
-    /// Says that `extractor` raises this event, so that those who subscribe to the event are subscribed to it.
+    /// Declares that `extractor` raises this event: clients that subscribe to the event are subscribed to it.
     void declareEvent(const std::string& event, const std::string& extractor);
-    /// Declares an event that no extractor stands behind.
+    /// Declares an event that no extractor raises.
     void declareEvent(const std::string& event);
     /// Stores the value under the event's name and calls back everyone who subscribed to the event, on call
     /// threads, in the order of raising. Returns without waiting for them.
     void raiseEvent(const std::string& event, const KRValue& value);
     /// Has `callback(string event, value)` of the module `client` called whenever the event is raised, and
     /// subscribes the client to the extractor that declared it. An event may be declared later, and its
-    /// extractor may go and come back. Subscribing again replaces the callback. A client that takes its events so
-    /// slowly that the oldest get lost is told by its method `onEventsLost(string event, int count)`, if it has
-    /// one, before the next event that it gets.
+    /// extractor may go and come back. Subscribing again replaces the callback. If a client is so slow that more events
+    /// wait for it than setEventLimits() allows, or more than 16384, the oldest are lost; its method
+    /// `onEventsLost(string event, int count)`, if it has one, is called before its next event.
     /// \throws KRError no such client; it has no such callback; the extractor refuses the subscription
     void subscribeToEvent(const std::string& event, const std::string& client, const std::string& callback);
-    /// Ends that. The client's last event of an extractor unsubscribes it from the extractor.
+    /// Ends a subscription. The client's last event of an extractor unsubscribes it from the extractor.
     /// \throws KRError the client is not subscribed to the event
     void unsubscribeFromEvent(const std::string& event, const std::string& client);
     /// Names of the events that were declared, raised or subscribed to, in order.
@@ -48,9 +53,15 @@ public:
     /// One array [client, callback, delivered, lost] per subscription to the event, in order of the clients.
     KRValue getEventSubscribers(const std::string& event) const;
 
+    /// Limits the memory for events that wait for slow clients, in kilobytes: 65536 per subscription and 262144 in all
+    /// unless set. \throws KRError a limit below 1
+    void setEventLimits(int perSubscription, int inAll);
+
     const KRProxy& getProxy() const noexcept { return proxy_; }
 
 private:
+    KRMemoryLedger& getLedger() const;
+
     const boost::shared_ptr<KRBroker> broker_;
     KRProxy proxy_;
 };

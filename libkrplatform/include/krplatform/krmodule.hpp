@@ -16,8 +16,8 @@ class KRBroker;
 class KRModule;
 class KRModuleGate;
 
-/// Shuts the module down in order, then destroys it. Called from within one of the module's own calls it hands
-/// the work to a call thread, which waits for that call. Thread-safe.
+/// Shuts the module down in order, then destroys it. When called from within one of the module's own calls, a call
+/// thread does both once that call has returned. Thread-safe.
 KR_EXPORT void shutDownAndDestroy(std::unique_ptr<KRModule> module) noexcept;
 
 /// One remote method as published.
@@ -35,7 +35,7 @@ struct KRMethodDescription {
     std::vector<KRArgumentType> argumentTypes;
     KRArgumentType resultType = KRArgumentType::Void;
 
-    /// "subscribe(string name, int period, float precision)", with ": int period" behind if it has a result.
+    /// "subscribe(string name, int period, float precision)", followed by ": int period" if it has a result.
     KR_EXPORT std::string getSignature() const;
 };
 
@@ -43,14 +43,14 @@ struct KRMethodDescription {
 ///
 /// Derive, publish methods in the constructor, and create the module with createModule()
 /// (<krplatform/krmodulehandle.hpp>): it is reachable once its constructor has finished, and its handle shuts it
-/// down in order. A module that is constructed directly is reachable after makeReachable(), and calls
-/// shutDown() (an extractor may call xStopDetection() instead) in its own destructor, for when this class's
-/// destructor runs the derived class is gone.
+/// down in order. A module that is constructed directly is reachable after makeReachable(), and must call
+/// shutDown() (an extractor may call xStopDetection() instead) in its own destructor: when this class's destructor
+/// runs, the derived class is gone.
 ///
 /// Published methods run on the threads of their callers and on call threads, many at once.
 class KR_EXPORT KRModule {
 public:
-    /// Takes the name in the broker's directory; nobody reaches the module yet.
+    /// Takes the name in the broker's directory; the module is not reachable yet.
     /// \throws KRError the name is empty or taken
     KRModule(boost::shared_ptr<KRBroker> broker, const std::string& name);
     /// Refuses new calls, waits for running ones and frees the name.
@@ -61,8 +61,8 @@ public:
     const std::string& getName() const noexcept;
     boost::shared_ptr<KRBroker> getParentBroker() const;
 
-    /// Asks the module to go: new calls are refused from now on. Returns at once; calls that run go on and
-    /// nothing is destroyed. May be called from anywhere: any thread, a hook, a constructor. Thread-safe.
+    /// Asks the module to exit: new calls are refused from now on. Returns at once; running calls continue and nothing
+    /// is destroyed. May be called from anywhere: any thread, a hook, a constructor. Thread-safe.
     void exit();
     /// exit() or shutDown() has been called. Thread-safe.
     bool isExiting() const noexcept;
@@ -71,20 +71,20 @@ public:
     /// through KRProxy::getFailure(). Thread-safe.
     std::string getFailure() const;
 
-    /// Lets others call the module; without effect on one that they can already call or that is exiting.
-    /// createModule() does this. From now on nothing more can be published. Thread-safe.
+    /// Makes the module callable; does nothing if it already is, or is exiting. createModule() calls this. Nothing more
+    /// can be published afterwards. Thread-safe.
     void makeReachable();
 
-    /// Takes the module down in order: new calls are refused, xShutDown() stops what the module does by itself,
-    /// running calls finish. A call that is on the stack of the calling thread is not waited for.
-    /// May be called more than once; the derived class must still stand.
+    /// Shuts the module down in order: new calls are refused, xShutDown() stops the module's own work, running calls
+    /// finish. Calls on the stack of the calling thread are not waited for.
+    /// May be called more than once; the derived class must still exist.
     void shutDown();
 
     /// The methods published, in publication order. Thread-safe once the module is reachable.
     std::vector<KRMethodDescription> getMethodList() const;
 
 protected:
-    /// Opens the description of the next method to publish; the last argument has no meaning and is 0.
+    /// Opens the description of the next method to publish; the last argument is ignored.
     /// The publication operations belong in the constructor. \throws KRError the module is reachable already
     void functionName(const std::string& method, const std::string& className, const std::string& description,
                       int = 0);
@@ -109,19 +109,19 @@ protected:
     /// that it works again. Does not log. Thread-safe.
     void reportFailure(const std::string& reason);
 
-    /// Runs the function on a call thread. It counts as a running call of the module, so the module stands
-    /// until it has returned; what it throws is logged. \throws KRError the module is exiting
+    /// Runs the function on a call thread. It counts as a running call of the module, which is not destroyed before the
+    /// function has returned; what it throws is logged. \throws KRError the module is exiting; no thread or memory
     void xPost(const std::string& what, std::function<void()> function);
 
-    /// Stops what the module does by itself, while the derived class still stands. Called by shutDown() after
-    /// new calls are refused; may be called again, with nothing left to stop. Does nothing here.
+    /// Stops the module's own work while the derived class still exists. Called by shutDown() once new calls are
+    /// refused; may be called again, with nothing left to stop. Does nothing here.
     virtual void xShutDown() {}
 
-    /// The process whose call of this module runs on the calling thread: a text that tells processes apart,
-    /// empty for this process itself and outside of calls. Thread-safe.
+    /// Identity of the process whose call of this module runs on the calling thread; empty for this process and
+    /// outside of calls. Thread-safe.
     std::string xGetCaller() const;
-    /// A process that may have called this module is gone, or cannot be reached for so long that it counts as
-    /// gone; what the module keeps for it can go. Runs as a call, on a call thread. Does nothing here.
+    /// Called when a process that may have called this module is gone, or has been unreachable for so long that it
+    /// counts as gone: the module can drop what it keeps for it. Runs as a call, on a call thread. Does nothing here.
     virtual void xCallerGone(const std::string& /*caller*/) {}
 
 private:

@@ -35,13 +35,13 @@ KRModuleClass makeModuleClass(std::string_view name) {
             }};
 }
 
-/// What KR_REGISTER_MODULE defines.
+/// Type and name of the function that KR_REGISTER_MODULE defines.
 using KRGetModuleClass = const KRModuleClass*();
 inline constexpr const char* kGetModuleClass = "krGetModuleClass";
 
 } // namespace KR
 
-/// Makes a shared library one that `kr run` and `kr serve` can host: one line, in one of its source files, with a
+/// Lets `kr run` and `kr serve` host a module of this shared library: one line in one of its source files, with a
 /// class that can be made from a broker and a name. A library offers one class.
 #define KR_REGISTER_MODULE(Class)                                                                            \
     extern "C" [[gnu::visibility("default")]] const KR::KRModuleClass* krGetModuleClass() {                  \

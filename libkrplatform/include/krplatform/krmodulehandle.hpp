@@ -11,8 +11,8 @@
 
 namespace KR {
 
-/// Owns a module, alone. When it goes the module comes down in order: new calls are refused, its detection is
-/// stopped while the derived class still stands, running calls finish, then it is destroyed.
+/// Owns a module. Its destructor shuts the module down in order: new calls are refused, detection is stopped while the
+/// derived class still exists, running calls finish, then the module is destroyed.
 template <class Module>
 class KRModuleHandle {
 public:
@@ -35,13 +35,13 @@ public:
     Module& operator*() const noexcept { return *module_; }
     explicit operator bool() const noexcept { return module_ != nullptr; }
 
-    /// Takes the module down now; returns when it is destroyed.
+    /// Shuts the module down and destroys it, as the destructor does.
     void reset() noexcept {
         if (module_) {
             shutDownAndDestroy(std::move(module_));
         }
     }
-    /// Hands the module over; whoever has it shuts it down.
+    /// Releases the module; the caller shuts it down.
     std::unique_ptr<Module> release() noexcept { return std::move(module_); }
 
 private:

@@ -21,10 +21,10 @@ class KRBroker;
 
 /// Calls the methods of a module by name.
 ///
-/// A proxy names a module, it does not hold one: it finds the module at each call, so it serves again when a
-/// module has gone and another has come under its name. Inside one process a call is a direct call on the
-/// caller's thread; a call to another process waits for the answer for as long as that process lives, and fails
-/// when it is gone. All operations are thread-safe.
+/// A proxy names a module, it does not own one: it finds the module at each call, so it works again when the module
+/// has been replaced by another of its name. Inside one process a call is a direct call on the caller's thread. A call
+/// to another process waits for the answer for as long as that process lives, and fails when it is gone. All operations
+/// are thread-safe.
 class KR_EXPORT KRProxy {
 public:
     KRProxy(boost::shared_ptr<KRBroker> broker, std::string module);
@@ -34,9 +34,9 @@ public:
 
     const std::string& getModuleName() const noexcept;
 
-    /// Calls a method and returns its result as an R; overloads are found by number, then by type of arguments.
+    /// Calls a method and returns its result as an R; overloads are chosen by number, then by type of the arguments.
     /// \throws KRError no such module; no such method; wrong number or type of arguments (the error lists the
-    /// signatures there are); the result is no R; whatever the method throws
+    /// signatures); the result is not an R; whatever the method throws
     template <class R = void, class... A>
     R call(std::string_view method, A&&... arguments) const {
         const std::array<KRValue, sizeof...(A)> values{KRValue(std::forward<A>(arguments))...};
@@ -50,16 +50,15 @@ public:
     KRValue callValues(std::string_view method, std::span<const KRValue> arguments) const;
 
     /// Calls a method on a call thread and returns at once. The result is dropped; a failure is logged.
-    /// A call that was accepted runs, whatever becomes of the proxy, and the module stands until it has returned.
-    /// \throws KRError no such module; the module is exiting
+    /// An accepted call runs even if the proxy is destroyed, and the module is not destroyed before it has returned.
+    /// \throws KRError no such module; the module is exiting; no thread or memory for the call
     template <class... A>
     void post(std::string_view method, A&&... arguments) const {
         postValues(method, {KRValue(std::forward<A>(arguments))...});
     }
     void postValues(std::string_view method, std::vector<KRValue> arguments) const;
 
-    /// A number by which a module can be told from the one that had its name before; 0 if there is none that can
-    /// be called.
+    /// Number of the module; another module of the same name has another number. 0 if no such module can be called.
     std::uint32_t getModuleNumber() const;
 
     /// The methods that the module publishes, in publication order. \throws KRError no such module
@@ -68,7 +67,7 @@ public:
     /// \throws KRError no such module; no such method
     std::string getMethodHelp(std::string_view method) const;
     /// Why the module has stopped doing its work (KRModule::reportFailure()); empty while it works.
-    /// \throws KRError no such module; it runs an older version that cannot say
+    /// \throws KRError no such module; it has an older version without this method
     std::string getFailure() const;
 
 private:

@@ -18,10 +18,10 @@ namespace KR {
 
 class KRBrokerPrivate;
 
-/// How far a module is: its name is taken, it can be called, it goes.
+/// State of a module: its name is taken, it can be called, it is exiting.
 enum class KRModuleState { Claimed, Open, Closed };
 
-/// A module of this process, as others are told of it.
+/// A module of this process, as it is announced to others.
 struct KRLocalModule {
     std::string name;
     std::uint32_t number; ///< no other module of this process has or had it
@@ -41,7 +41,7 @@ public:
 
     const std::string& getName() const noexcept { return name_; }
     const std::string& getWhereabouts() const noexcept { return whereabouts_; }
-    /// No other module that this process knows or knew of has it, be it local or remote.
+    /// Unique among all modules that this process knows or knew of, local and remote.
     std::uint32_t getNumber() const noexcept { return number_; }
     KRModuleState getState() const noexcept { return state_.load(std::memory_order_acquire); }
 
@@ -83,17 +83,17 @@ public:
     /// The modules of this process as they are now.
     std::vector<KRLocalModule> listModules() const;
 
-    /// Says how far a module of another process is; the first time this makes it known. It takes the place of
-    /// an earlier one of the same name.
+    /// Sets the state of a module of another process; the first call registers it, in place of an earlier one of
+    /// the same name.
     void setRemoteModule(const std::shared_ptr<KRRemoteModule>& module, KRModuleState state);
-    /// It has gone.
+    /// The module has gone.
     void removeRemoteModule(const std::shared_ptr<KRRemoteModule>& module);
 
-    /// Runs the call on a call thread. Call it once the caller can receive the answer.
-    void serve(std::shared_ptr<KRIncomingCall> call);
-    /// Tells every module of this process that a process which may have called it is gone.
-    void noticeCallerGone(const std::string& caller);
-    /// Runs the job on a call thread. The job must not throw. \throws std::system_error no thread
+    /// Runs the call on a call thread. Call it once the caller can receive the answer. Without a thread or memory for it, it is destroyed unanswered.
+    void serve(std::shared_ptr<KRIncomingCall> call) noexcept;
+    /// Calls xCallerGone() of every module of this process: a process which may have called it is gone.
+    void noticeCallerGone(const std::string& caller) noexcept;
+    /// Runs the job on a call thread. The job must not throw. \throws std::system_error no thread; std::bad_alloc
     void post(std::function<void()> job);
 
 private:
@@ -110,28 +110,28 @@ public:
     KRTransport(const KRTransport&) = delete;
     KRTransport& operator=(const KRTransport&) = delete;
 
-    /// Begins; the broker is ready for it. Returns once the processes that are there are known, or after a while.
+    /// Starts; the broker is ready for it. Returns once the present processes are discovered, or after a while.
     /// \throws KRError the link cannot be made
     virtual void start() = 0;
-    /// The modules of this process are not what they were: tells the others. Called without a lock held.
+    /// Announces the modules of this process, which have changed. Called without a lock held.
     virtual void announceModules() noexcept = 0;
-    /// Announces a module whose name has just been taken in this process, and returns once it is sure to have
-    /// it alone. \throws KRError another process has it; the module is then forgotten and announced no more
+    /// Announces a module whose name has just been taken in this process, and returns once no other process can have
+    /// it. \throws KRError another process has it; the module is then forgotten and announced no more
     virtual void claim(const std::string& name) = 0;
     /// What KRBroker::getDiagnostics() returns. Thread-safe.
     virtual KRBrokerDiagnostics getDiagnostics() const { return {}; }
-    /// Leaves: calls to other processes fail from now on, those under way too, and none come in.
+    /// Leaves: calls to other processes fail from now on, those in progress too, and none come in.
     /// The host is not used after this.
     virtual void stop() noexcept = 0;
 };
 
-/// What a broker is to be like, as far as its address says.
+/// What a broker's address says about it.
 struct KRBrokerOptions {
     bool memory = true;                     ///< runs the memory module
-    std::unique_ptr<KRTransport> transport; ///< null: it is alone
+    std::unique_ptr<KRTransport> transport; ///< null: no other processes
 };
 
-/// Makes sense of a broker's address. The host lives until the transport's stop() returns, and is not used before
+/// Parses a broker's address. The host lives until the transport's stop() returns, and is not used before
 /// its start(). \throws KRError an address that is not understood; a link that cannot be made
 using KRTransportFactory = std::function<KRBrokerOptions(const std::string& url, KRTransportHost& host)>;
 

@@ -25,8 +25,8 @@ class KR_EXPORT KRBinary {
 public:
     /// No bytes.
     KRBinary() = default;
-    /// Shares `size` bytes with the caller, who must not change them any more. The handle may own something
-    /// else than an array (a mapped camera buffer): whatever it owns lives until the last copy is gone.
+    /// Shares `size` bytes with the caller, who must not change them any more. The handle may own something other
+    /// than an array (a mapped camera buffer): whatever it owns lives until the last copy is gone.
     KRBinary(boost::shared_ptr<const unsigned char[]> bytes, std::size_t size) noexcept
         : bytes_(std::move(bytes)), size_(size) {}
     /// A copy of `size` bytes from `bytes` on.
@@ -51,7 +51,7 @@ using KRBinaryAllocator = boost::shared_ptr<unsigned char[]> (*)(std::size_t siz
 /// Thread-safe.
 KR_EXPORT void setBinaryAllocator(KRBinaryAllocator allocator) noexcept;
 
-/// Equal bytes; the same shared bytes are equal without a look at them.
+/// Equal bytes; shared bytes are equal without being compared.
 KR_EXPORT bool operator==(const KRBinary& a, const KRBinary& b) noexcept;
 
 class KRValue;
@@ -99,7 +99,7 @@ public:
 
     KRValue(const KRValue&) = default;
     KRValue(KRValue&&) noexcept = default;
-    /// By value, so that `value = value[0]` does not read what it has just let go.
+    /// By value, so that `value = value[0]` does not read what it has just released.
     KRValue& operator=(KRValue other) noexcept {
         value_ = std::move(other.value_);
         return *this;
@@ -126,7 +126,7 @@ public:
     /// Number of elements of an array. \throws KRError not an array
     std::size_t getSize() const;
     /// Makes this an array of `size` elements: elements that were there stay, new ones are invalid values.
-    /// A value that was no array loses what it held.
+    /// A value that was not an array loses what it held.
     void arraySetSize(std::size_t size);
     /// \throws KRError not an array; no such element
     KRValue& operator[](std::size_t index);
@@ -138,6 +138,9 @@ public:
     void SetBinary(KRBinary binary);
     /// The bytes, shared. \throws KRError not a binary
     const KRBinary& GetBinary() const;
+
+    /// Bytes of memory that this takes: the value itself, and the text, bytes and elements that it holds.
+    std::size_t countBytes() const noexcept;
 
     /// What this holds, as a T: bool, int, float, std::string, KRBinary, KRValue or a vector of these.
     /// An int is also read as a float, and as a bool (true unless it is 0); nothing else converts.
