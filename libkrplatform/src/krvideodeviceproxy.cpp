@@ -1,17 +1,24 @@
 #include "krplatform/krvideodeviceproxy.hpp"
 
 #include "krplatform/krcolorspacelayers.hpp"
+#include "krplatform/krlog.hpp"
+#include "krplatform/krmutex.hpp"
+
+#include "krbroker_p.hpp"
 
 #include <cstdint>
 #include <limits>
 #include <map>
-#include <mutex>
+#include <optional>
 #include <utility>
 #include <vector>
 
 namespace KR {
 
 namespace {
+
+constexpr const char* kCategory = "krplatform.camera";
+constexpr const char* kService = "KRVideoDevice";
 
 /// Refuses an image value that would make a reader or writer of its pixels leave a buffer. What the conversion
 /// to an image refuses by itself (no array, too few elements, wrong types, an unknown colour space) passes.
@@ -71,136 +78,227 @@ std::vector<T> readAll(const KRValue& values) {
 } // namespace
 
 /// What this proxy has subscribed to, kept to subscribe again when the service is another one. Thread-safe.
-struct KRVideoDeviceProxy::Subscriptions {
+class KRVideoDeviceProxy::Subscriptions {
+public:
     struct Subscription {
         std::string name;
-        int camera;
-        int resolution;
-        int colorSpace;
-        int frameRate;
-        std::uint32_t service;                         // number of the module that knows the identifier
+        int camera = 0;
+        int resolution = 0;
+        int colorSpace = 0;
+        int frameRate = 0;
+        std::uint32_t service = 0;                     // number of the module that knows the identifier
         std::string id;                                // of the subscription there
-        std::vector<std::pair<int, int>> parameters{}; // that were set, in order
-        bool known = true;                             // false: the caller's identifier is none of ours
+        std::vector<std::pair<int, int>> parameters{}; // accepted ones, in order
     };
 
-    /// The subscription behind the identifier, brought to the service that is there now.
-    /// \return one without a service if there is none
-    Subscription get(const KRProxy& proxy, const std::string& id) {
-        const std::lock_guard lock(mutex);
-        const std::uint32_t service = proxy.getModuleNumber();
-        const auto found = byId.find(id);
-        if (found == byId.end()) {
-            return {"", 0, 0, 0, 0, service, id, {}, false};
+    explicit Subscriptions(const KRProxy& proxy) : proxy_(proxy) {}
+
+    void add(const Subscription& subscription) {
+        const KRLock lock(mutex_);
+        refusals_.erase(subscription.name);
+        byId_.insert_or_assign(subscription.id, subscription);
+    }
+    void remove(const std::string& id) {
+        const KRLock lock(mutex_);
+        byId_.erase(id);
+    }
+    void addRefusal(const std::string& name, const KRError& error) {
+        const KRLock lock(mutex_);
+        if (refusals_.size() >= kMaxRefusals) {
+            refusals_.clear();
         }
-        Subscription& subscription = found->second;
-        if (service != 0 && service != subscription.service) {
-            // With the lock held, so that one thread does it.
-            subscription.id = proxy.call<std::string>("subscribeCamera", subscription.name,
-                                                      subscription.camera, subscription.resolution,
-                                                      subscription.colorSpace, subscription.frameRate);
-            subscription.service = service;
-            for (const auto& [parameter, value] : subscription.parameters) {
-                proxy.call("setCameraParameter", subscription.id, parameter, value);
+        refusals_.insert_or_assign(
+            name, Refusal{error.getModule(), error.getMethod(), error.getDescription(), error.getLocation()});
+    }
+
+    /// The identifier that the service knows the subscription by. Subscribes again if the service is another one.
+    /// \throws KRError the service refuses that; the identifier is the name of a subscription that was refused
+    std::string getServiceId(const std::string& id) {
+        const KRLock lock(mutex_);
+        const auto found = byId_.find(id);
+        if (found == byId_.end()) {
+            throwRefusalOf(id);
+            return id; // not one of ours: for the service to judge
+        }
+        const std::uint32_t service = proxy_.getModuleNumber();
+        if (service != 0 && service != found->second.service) {
+            resubscribe(found->second, service); // with the lock held, so that one thread does it
+        }
+        return found->second.id;
+    }
+
+    /// Calls an operation that has no meaning for a service that does not know the subscription.
+    void callIfSubscribed(const char* method, const std::string& id) {
+        std::optional<Subscription> subscription;
+        {
+            const KRLock lock(mutex_);
+            const auto found = byId_.find(id);
+            if (found != byId_.end()) {
+                subscription = found->second;
+            } else {
+                throwRefusalOf(id);
             }
         }
-        Subscription current = subscription;
-        current.service = service;
-        return current;
-    }
-
-    template <class Change>
-    void change(const std::string& id, Change function) {
-        const std::lock_guard lock(mutex);
-        const auto found = byId.find(id);
-        if (found != byId.end()) {
-            function(found->second);
-        }
-    }
-
-    /// Calls an operation that has no meaning once the service is gone.
-    void callIfThere(const KRProxy& proxy, const char* method, const std::string& id) {
-        const Subscription subscription = get(proxy, id);
-        if (subscription.known && subscription.service == 0) {
+        if (subscription && proxy_.getModuleNumber() != subscription->service) {
             return;
         }
         try {
-            proxy.call(method, subscription.id);
+            proxy_.call(method, subscription ? subscription->id : id);
         } catch (const KRError&) {
-            if (!subscription.known || proxy.getModuleNumber() == subscription.service) {
+            if (!subscription || proxy_.getModuleNumber() == subscription->service) {
                 throw;
             }
         }
     }
 
+    template <class Change>
+    void change(const std::string& id, Change function) {
+        const KRLock lock(mutex_);
+        const auto found = byId_.find(id);
+        if (found != byId_.end()) {
+            function(found->second);
+        }
+    }
+
     /// Sets a setting, also for the service to come.
     template <class Value, class Change>
-    bool set(const KRProxy& proxy, const char* method, const std::string& id, Value value, Change function) {
-        const Subscription subscription = get(proxy, id);
-        const bool accepted = proxy.call<bool>(method, subscription.id, value);
+    bool set(const char* method, const std::string& id, Value value, Change function) {
+        const bool accepted = proxy_.call<bool>(method, getServiceId(id), value);
         if (accepted) {
             change(id, function);
         }
         return accepted;
     }
 
-    std::mutex mutex;
-    std::map<std::string, Subscription> byId; // guarded by mutex: by the identifier that the caller has
+private:
+    static constexpr std::size_t kMaxRefusals = 64;
+
+    /// What a KRError holds. Its copies would share a text, between threads.
+    struct Refusal {
+        std::string module;
+        std::string method;
+        std::string description;
+        KRSourceLocation where;
+    };
+
+    void resubscribe(Subscription& subscription, std::uint32_t service) KR_REQUIRES(mutex_) {
+        subscription.id = proxy_.call<std::string>("subscribeCamera", subscription.name, subscription.camera,
+                                                   subscription.resolution, subscription.colorSpace,
+                                                   subscription.frameRate);
+        subscription.service = service;
+        for (const auto& [parameter, value] : subscription.parameters) {
+            const std::string text = "parameter " + std::to_string(parameter) + " of camera " +
+                                     std::to_string(subscription.camera) + " could not be set to " +
+                                     std::to_string(value) + " again";
+            try {
+                if (!proxy_.call<bool>("setCameraParameter", subscription.id, parameter, value)) {
+                    logWarning(kCategory, text + ": the camera refuses it");
+                }
+            } catch (const KRError& error) { // the others may be accepted all the same
+                logWarning(kCategory, text + ": " + error.what());
+            }
+        }
+    }
+
+    /// An extractor whose subscription was refused goes on with its name in place of an identifier. The cause says
+    /// more than that the service does not know it.
+    void throwRefusalOf(const std::string& name) KR_REQUIRES(mutex_) {
+        const auto refusal = refusals_.find(name);
+        if (refusal != refusals_.end()) {
+            const Refusal& error = refusal->second;
+            throw KRError(error.module, error.method, error.description, error.where);
+        }
+    }
+
+    const KRProxy& proxy_;
+    KRMutex mutex_;
+    std::map<std::string, Subscription> byId_ KR_GUARDED_BY(mutex_); // by the identifier that the caller has
+    std::map<std::string, Refusal> refusals_ KR_GUARDED_BY(mutex_);  // the last one by the subscriber's name
 };
 
 KRVideoDeviceProxy::KRVideoDeviceProxy(const boost::shared_ptr<KRBroker>& broker)
-    : proxy_(broker, "KRVideoDevice"), subscriptions_(std::make_unique<Subscriptions>()) {}
+    : broker_(broker), proxy_(broker, kService), subscriptions_(std::make_unique<Subscriptions>(proxy_)) {}
 
 KRVideoDeviceProxy::~KRVideoDeviceProxy() = default;
 
+void KRVideoDeviceProxy::setServiceTimeout(std::chrono::milliseconds timeout) {
+    serviceTimeout_ = timeout;
+}
+
 std::string KRVideoDeviceProxy::subscribeCamera(const std::string& name, int camera, int resolution,
                                                 int colorSpace, int frameRate) {
-    const std::uint32_t service = proxy_.getModuleNumber();
-    const auto id =
-        proxy_.call<std::string>("subscribeCamera", name, camera, resolution, colorSpace, frameRate);
-    const std::lock_guard lock(subscriptions_->mutex);
-    subscriptions_->byId.insert_or_assign(
-        id, Subscriptions::Subscription{name, camera, resolution, colorSpace, frameRate, service, id});
-    return id;
+    const auto deadline = std::chrono::steady_clock::now() + serviceTimeout_.load();
+    for (;;) {
+        std::uint32_t service = proxy_.getModuleNumber();
+        if (service == 0 && serviceTimeout_.load() > std::chrono::milliseconds::zero()) {
+            logInfo(kCategory, name + " waits for the camera service " + kService);
+            KRBrokerPrivate::of(*broker_).directory.waitForUnlessExiting(kService, deadline);
+            service = proxy_.getModuleNumber();
+        }
+        try {
+            const auto id =
+                proxy_.call<std::string>("subscribeCamera", name, camera, resolution, colorSpace, frameRate);
+            subscriptions_->add({name, camera, resolution, colorSpace, frameRate, service, id});
+            return id;
+        } catch (const KRError& error) {
+            const bool restarting = proxy_.getModuleNumber() != service;
+            if (restarting && std::chrono::steady_clock::now() < deadline &&
+                !KRModuleGate::isThreadExiting()) {
+                continue; // it went during the call
+            }
+            logWarning(kCategory, "camera " + std::to_string(camera) + " for " + name +
+                                      ": subscription refused: " + error.what());
+            subscriptions_->addRefusal(name, error);
+            throw;
+        }
+    }
 }
 
 void KRVideoDeviceProxy::unsubscribe(const std::string& id) {
-    subscriptions_->callIfThere(proxy_, "unsubscribe", id);
-    const std::lock_guard lock(subscriptions_->mutex);
-    subscriptions_->byId.erase(id);
+    callToEnd("unsubscribe", id);
+    subscriptions_->remove(id);
+}
+
+void KRVideoDeviceProxy::callToEnd(const char* method, const std::string& id) {
+    try {
+        subscriptions_->callIfSubscribed(method, id);
+    } catch (const KRError& error) {
+        logWarning(kCategory, id + ": " + method + " refused: " + error.what());
+        throw;
+    }
 }
 
 KRValue KRVideoDeviceProxy::getImageRemote(const std::string& id) {
-    KRValue image = proxy_.call<KRValue>("getImageRemote", subscriptions_->get(proxy_, id).id);
+    KRValue image = proxy_.call<KRValue>("getImageRemote", subscriptions_->getServiceId(id));
     checkImage(image);
     return image;
 }
 
 void KRVideoDeviceProxy::releaseImage(const std::string& id) {
-    subscriptions_->callIfThere(proxy_, "releaseImage", id);
+    subscriptions_->callIfSubscribed("releaseImage", id);
 }
 
 bool KRVideoDeviceProxy::setFrameRate(const std::string& id, int frameRate) {
-    return subscriptions_->set(proxy_, "setFrameRate", id, frameRate,
+    return subscriptions_->set("setFrameRate", id, frameRate,
                                [&](auto& subscription) { subscription.frameRate = frameRate; });
 }
 
 int KRVideoDeviceProxy::getFrameRate(const std::string& id) const {
-    return proxy_.call<int>("getFrameRate", subscriptions_->get(proxy_, id).id);
+    return proxy_.call<int>("getFrameRate", subscriptions_->getServiceId(id));
 }
 
 bool KRVideoDeviceProxy::setResolution(const std::string& id, int resolution) {
-    return subscriptions_->set(proxy_, "setResolution", id, resolution,
+    return subscriptions_->set("setResolution", id, resolution,
                                [&](auto& subscription) { subscription.resolution = resolution; });
 }
 
 bool KRVideoDeviceProxy::setColorSpace(const std::string& id, int colorSpace) {
-    return subscriptions_->set(proxy_, "setColorSpace", id, colorSpace,
+    return subscriptions_->set("setColorSpace", id, colorSpace,
                                [&](auto& subscription) { subscription.colorSpace = colorSpace; });
 }
 
 bool KRVideoDeviceProxy::setActiveCamera(const std::string& id, int camera) {
-    return subscriptions_->set(proxy_, "setActiveCamera", id, camera,
+    return subscriptions_->set("setActiveCamera", id, camera,
                                [&](auto& subscription) { subscription.camera = camera; });
 }
 
@@ -210,7 +308,7 @@ int KRVideoDeviceProxy::getCameraModel(int camera) const {
 
 bool KRVideoDeviceProxy::setCameraParameter(const std::string& id, int parameter, int value) {
     const bool accepted =
-        proxy_.call<bool>("setCameraParameter", subscriptions_->get(proxy_, id).id, parameter, value);
+        proxy_.call<bool>("setCameraParameter", subscriptions_->getServiceId(id), parameter, value);
     if (accepted) {
         subscriptions_->change(id, [&](auto& subscription) {
             std::erase_if(subscription.parameters, [&](const auto& each) { return each.first == parameter; });
@@ -221,7 +319,7 @@ bool KRVideoDeviceProxy::setCameraParameter(const std::string& id, int parameter
 }
 
 void KRVideoDeviceProxy::setAllCameraParametersToDefault(const std::string& id) {
-    subscriptions_->callIfThere(proxy_, "setAllCameraParametersToDefault", id);
+    callToEnd("setAllCameraParametersToDefault", id);
     subscriptions_->change(id, [](auto& subscription) { subscription.parameters.clear(); });
 }
 

@@ -2,11 +2,15 @@
 
 #include "krplatform/krbroker.hpp"
 
+#include "patience.hpp"
+#include "recordedlog.hpp"
 #include "testmodule.hpp"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
 #include <string>
 #include <vector>
 
@@ -19,7 +23,7 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::ThrowsMessage;
 
-/// A camera service that writes down what it is asked, and answers with what tells the operations apart.
+/// A camera service that records its calls; its answers distinguish the operations.
 struct FakeService {
     std::vector<KRValue> asked;
     boost::shared_ptr<KRBroker> broker = KRBroker::create();
@@ -118,6 +122,7 @@ TEST(KRVideoDeviceProxy, ThrowsWhatTheServiceThrows) {
 
 TEST(KRVideoDeviceProxy, WithoutAServiceEachOperationIsAnError) {
     KRVideoDeviceProxy proxy(KRBroker::create());
+    proxy.setServiceTimeout(std::chrono::milliseconds(0));
     EXPECT_EQ(proxy.getProxy().getModuleName(), "KRVideoDevice");
     EXPECT_THAT([&] { proxy.subscribeCamera("me", 0, 2, 9, 30); },
                 ThrowsMessage<KRError>(HasSubstr("there is no module named KRVideoDevice")));
@@ -134,7 +139,10 @@ struct RestartedService {
             const auto note = [this](auto... asks) { asked.push_back(KRValue::array(asks...)); };
             using String = const std::string&;
             m.add("subscribeCamera",
-                  [note, number](String name, int camera, int resolution, int space, int rate) {
+                  [this, note, number](String name, int camera, int resolution, int space, int rate) {
+                      if (unplugged) {
+                          throw KRError("KRVideoDevice", "subscribeCamera", kUnplugged);
+                      }
                       note("subscribeCamera", name, camera, resolution, space, rate);
                       return name + "_" + std::to_string(number);
                   });
@@ -151,9 +159,12 @@ struct RestartedService {
                     return value >= 0;
                 });
             }
-            m.add("setCameraParameter", [note](String id, int parameter, int value) {
+            m.add("setCameraParameter", [this, note](String id, int parameter, int value) {
+                if (parameter == broken) {
+                    throw KRError("KRVideoDevice", "setCameraParameter", "the driver fails");
+                }
                 note("setCameraParameter", id, parameter, value);
-                return value >= 0;
+                return value >= 0 && parameter != refused;
             });
         });
     }
@@ -163,7 +174,12 @@ struct RestartedService {
         start();
     }
 
+    static constexpr const char* kUnplugged =
+        "camera 0 (v4l2:/dev/video9) cannot be opened: No such file or directory";
     std::vector<KRValue> asked;
+    std::atomic<bool> unplugged = false;
+    int broken = -1;  // setting this parameter fails
+    int refused = -1; // setting this parameter is refused
     int starts = 0;
     boost::shared_ptr<KRBroker> broker = KRBroker::create();
     KRVideoDeviceProxy proxy{broker};
@@ -195,8 +211,10 @@ TEST(KRVideoDeviceProxy, ASubscriptionGoesOnAtTheServiceThatComesWithItsSettings
                                            KRValue::array("setFrameRate", "me_2", 20)));
     proxy.setAllCameraParametersToDefault(id);
     service.restart();
+    proxy.getImageRemote(id);
     proxy.releaseImage(id);
     EXPECT_THAT(service.asked, ElementsAre(KRValue::array("subscribeCamera", "me", 3, 1, 13, 20),
+                                           KRValue::array("getImageRemote", "me_3"),
                                            KRValue::array("releaseImage", "me_3")));
 }
 
@@ -230,6 +248,120 @@ TEST(KRVideoDeviceProxy, AServiceThatGoesWhileItIsAskedNeedNotBeUnsubscribedFrom
     const std::string id = proxy.subscribeCamera("me", 0, 2, 9, 30);
     EXPECT_THROW(proxy.releaseImage(id), KRError);
     proxy.unsubscribe(id);
+}
+
+TEST(KRVideoDeviceProxy, AParameterThatFailsAfterARestartDoesNotKeepTheOthersFromBeingSet) {
+    const test::RecordedLog recorded;
+    RestartedService service;
+    service.start();
+    const std::string id = service.proxy.subscribeCamera("me", 0, 2, 9, 30);
+    for (int parameter = 10; parameter < 14; ++parameter) {
+        EXPECT_TRUE(service.proxy.setCameraParameter(id, parameter, 1));
+    }
+    service.broken = 10;
+    service.refused = 12;
+    service.restart();
+    EXPECT_EQ(service.proxy.getImageRemote(id), "image");
+    EXPECT_THAT(service.asked, ElementsAre(KRValue::array("subscribeCamera", "me", 0, 2, 9, 30),
+                                           KRValue::array("setCameraParameter", "me_2", 11, 1),
+                                           KRValue::array("setCameraParameter", "me_2", 12, 1),
+                                           KRValue::array("setCameraParameter", "me_2", 13, 1),
+                                           KRValue::array("getImageRemote", "me_2")));
+    EXPECT_EQ(
+        recorded.find(KRLogLevel::Warning, "parameter 10 of camera 0 could not be set to 1 again").size(),
+        1U);
+    EXPECT_EQ(
+        recorded.find(KRLogLevel::Warning, "parameter 12 of camera 0 could not be set to 1 again").size(),
+        1U);
+}
+
+TEST(KRVideoDeviceProxy, AServiceThatCannotOpenTheCameraAfterARestartHasNothingToReleaseOrToUnsubscribe) {
+    RestartedService service;
+    service.start();
+    const std::string id = service.proxy.subscribeCamera("me", 0, 2, 9, 30);
+    service.unplugged = true;
+    service.restart();
+    EXPECT_THAT([&] { service.proxy.getImageRemote(id); },
+                ThrowsMessage<KRError>(HasSubstr(RestartedService::kUnplugged)));
+    service.proxy.releaseImage(id);
+    service.unplugged = false;
+    EXPECT_EQ(service.proxy.getImageRemote(id), "image");
+    service.unplugged = true;
+    service.restart();
+    service.proxy.setAllCameraParametersToDefault(id);
+    service.proxy.unsubscribe(id);
+}
+
+TEST(KRVideoDeviceProxy, TheCauseOfARefusedSubscriptionIsLoggedAndTheErrorOfWhatFollows) {
+    const test::RecordedLog recorded;
+    RestartedService service;
+    service.unplugged = true;
+    service.start();
+    const auto throwsTheCause = ThrowsMessage<KRError>(HasSubstr(RestartedService::kUnplugged));
+    EXPECT_THAT([&] { service.proxy.subscribeCamera("me", 0, 2, 9, 30); }, throwsTheCause);
+    const auto warnings = recorded.find(KRLogLevel::Warning, RestartedService::kUnplugged);
+    ASSERT_EQ(warnings.size(), 1U);
+    EXPECT_EQ(warnings[0].category, "krplatform.camera");
+    EXPECT_THAT(warnings[0].message, HasSubstr("camera 0 for me: subscription refused: "));
+    EXPECT_THAT([&] { service.proxy.getImageRemote("me"); }, throwsTheCause);
+    EXPECT_THAT([&] { service.proxy.setFrameRate("me", 30); }, throwsTheCause);
+    EXPECT_THAT([&] { service.proxy.releaseImage("me"); }, throwsTheCause);
+    EXPECT_EQ(service.proxy.getImageRemote("other"), "image") << "for the service to judge";
+    service.unplugged = false;
+    EXPECT_EQ(service.proxy.subscribeCamera("me", 0, 2, 9, 30), "me_1");
+    EXPECT_EQ(service.proxy.getImageRemote("me"), "image");
+}
+
+TEST(KRVideoDeviceProxy, ARefusedUnsubscriptionIsLogged) {
+    const test::RecordedLog recorded;
+    const auto broker = KRBroker::create();
+    KRVideoDeviceProxy proxy(broker);
+    const auto service = makeModule(broker, "KRVideoDevice", [](TestModule& m) {
+        m.add("unsubscribe",
+              [](const std::string&) { throw KRError("KRVideoDevice", "", "unknown identifier"); });
+    });
+    EXPECT_THROW(proxy.unsubscribe("me_1"), KRError);
+    const auto warnings = recorded.find(KRLogLevel::Warning, "me_1: unsubscribe refused: ");
+    ASSERT_EQ(warnings.size(), 1U);
+    EXPECT_EQ(warnings[0].category, "krplatform.camera");
+}
+
+TEST(KRVideoDeviceProxy, SubscribingWaitsForAServiceThatIsNotThereYet) {
+    RestartedService service;
+    auto subscribing =
+        test::startAndLetSleep([&] { return service.proxy.subscribeCamera("me", 0, 2, 9, 30); });
+    service.start();
+    EXPECT_EQ(test::resultOf(subscribing), "me_1");
+    EXPECT_EQ(service.proxy.getImageRemote("me_1"), "image");
+}
+
+TEST(KRVideoDeviceProxy, SubscribingWaitsForTheServiceThatFollowsOneWhichIsExiting) {
+    RestartedService service;
+    service.start();
+    service.module->exit();
+    auto subscribing =
+        test::startAndLetSleep([&] { return service.proxy.subscribeCamera("me", 0, 2, 9, 30); });
+    service.restart();
+    EXPECT_EQ(test::resultOf(subscribing), "me_2");
+}
+
+TEST(KRVideoDeviceProxy, SubscribingFailsWhenNoServiceComesInTime) {
+    RestartedService service;
+    service.proxy.setServiceTimeout(std::chrono::milliseconds(20));
+    EXPECT_THAT([&] { service.proxy.subscribeCamera("me", 0, 2, 9, 30); },
+                ThrowsMessage<KRError>(HasSubstr("there is no module named KRVideoDevice")));
+}
+
+TEST(KRVideoDeviceProxy, AModuleThatIsAskedToExitWaitsForNoServiceAnyMore) {
+    RestartedService service;
+    service.proxy.setServiceTimeout(std::chrono::hours(1));
+    const auto module = makeModule(service.broker, "Motion", [&](TestModule& m) {
+        m.add("run", [&] { return service.proxy.subscribeCamera("me", 0, 2, 9, 30); });
+    });
+    auto running =
+        test::startAndLetSleep([&] { return service.broker->getProxy("Motion")->call<std::string>("run"); });
+    module->exit();
+    EXPECT_THROW(test::resultOf(running), KRError);
 }
 
 } // namespace

@@ -4,6 +4,8 @@
 #include "krplatform/krexport.hpp"
 #include "krplatform/krproxy.hpp"
 
+#include <atomic>
+#include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
@@ -16,26 +18,36 @@ namespace KR {
 /// service throws, and KRError when there is no such module. `id` is the identifier that subscribeCamera()
 /// returned. Setters return false for a value that the camera refuses and change nothing then.
 ///
-/// A subscription made through this proxy outlives the service: when the service is gone, images cannot be fetched
-/// and there is nothing to release or to unsubscribe; once another has come, the next operation subscribes there with
-/// the same settings and parameters, behind the same identifier.
+/// A subscription made through this proxy outlives the service. While the service is gone images cannot be fetched,
+/// and there is nothing to release or to unsubscribe. Once another has come, the next fetch or setting subscribes there
+/// with the same settings and parameters, behind the same identifier; a parameter that is refused then is logged.
+///
+/// A subscription or unsubscription that the service refuses is logged in the category "krplatform.camera".
 class KR_EXPORT KRVideoDeviceProxy {
 public:
     explicit KRVideoDeviceProxy(const boost::shared_ptr<KRBroker>& broker);
     ~KRVideoDeviceProxy();
 
+    /// How long subscribeCamera() waits for a service that is not there; 10 s unless set, 0 not to wait.
+    void setServiceTimeout(std::chrono::milliseconds timeout);
+
     /// Subscribes to a camera; the first subscriber opens it. Frame rate in images per second.
+    ///
+    /// If there is no service yet this waits for one, see setServiceTimeout(). Inside a call of a module, such as an
+    /// acquisition, the wait ends when that module is asked to exit. After a refusal the operations below throw the same
+    /// error for `name` in place of an identifier, until a subscription of that name succeeds.
     /// \return the identifier to use from now on
+    /// \throws KRError no service in time; it refuses, for instance as the camera cannot be opened
     std::string subscribeCamera(const std::string& name, int camera, int resolution, int colorSpace,
                                 int frameRate);
     void unsubscribe(const std::string& id);
 
-    /// The newest image that this subscription has not had: an array of 12 elements (see KRImage::fromKRValue),
-    /// pixels shared with the service, not copied. Waits for one for a while.
+    /// Fetches the newest image that this subscription has not fetched yet: an array of 12 elements (see
+    /// KRImage::fromKRValue), pixels shared with the service, not copied. Waits a bounded time for one.
     /// \throws KRError no image in time; a value that would make its reader leave a buffer: a negative size,
-    /// more layers than the colour space has, fewer pixels than the size tells
+    /// more layers than the colour space has, fewer pixels than its size needs
     KRValue getImageRemote(const std::string& id);
-    /// Gives the image that was fetched last back.
+    /// Returns the image that was fetched last to the service.
     void releaseImage(const std::string& id);
 
     bool setFrameRate(const std::string& id, int frameRate);
@@ -48,7 +60,7 @@ public:
     bool setCameraParameter(const std::string& id, int parameter, int value);
     void setAllCameraParametersToDefault(const std::string& id);
 
-    /// \name What the service tells of itself
+    /// \name What the service reports about itself
     /// They also throw a KRError if the service answers with something else.
     ///@{
     /// All cameras, in the order of their indices.
@@ -64,8 +76,13 @@ public:
     const KRProxy& getProxy() const noexcept { return proxy_; }
 
 private:
-    struct Subscriptions;
+    class Subscriptions;
+
+    void callToEnd(const char* method, const std::string& id);
+
+    const boost::shared_ptr<KRBroker> broker_;
     KRProxy proxy_;
+    std::atomic<std::chrono::milliseconds> serviceTimeout_ = std::chrono::milliseconds(10'000);
     const std::unique_ptr<Subscriptions> subscriptions_;
 };
 
