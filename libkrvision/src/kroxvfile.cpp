@@ -4,6 +4,7 @@
 #include "krheaderfields.hpp"
 #include "krownedbytes.hpp"
 #include "krvision/krimage.hpp"
+#include "krvision/krvideo.hpp"
 #include "krvision/krvisiondefinitions.hpp"
 
 #include <algorithm>
@@ -17,8 +18,10 @@ namespace {
 
 constexpr std::uint64_t kLargestChunk = std::numeric_limits<std::int32_t>::max(); // an image's size is an int
 
-KROxvStream makeStream(const std::array<std::uint32_t, 4>& header) {
-    KROxvStream stream = {header[0], header[1], header[2], header[3], 0, 0};
+} // namespace
+
+KROxvStream KROxvStream::make(const streamHeader& header, std::uint64_t offset) noexcept {
+    KROxvStream stream = {header.width, header.height, header.colorSpace, header.depth, 0, offset};
     const int layers = getNumLayersInColorSpace(static_cast<int>(stream.colorSpace));
     if (layers <= 0 || stream.width == 0 || stream.height == 0 ||
         stream.width > kLargestChunk / stream.height || stream.depth > 64) {
@@ -32,12 +35,10 @@ KROxvStream makeStream(const std::array<std::uint32_t, 4>& header) {
     return stream;
 }
 
-std::string describe(const KROxvStream& stream) {
-    return std::to_string(stream.width) + "x" + std::to_string(stream.height) + " pixels of " +
-           std::to_string(stream.depth) + " bits in colour space " + std::to_string(stream.colorSpace);
+std::string KROxvStream::describe() const {
+    return std::to_string(width) + "x" + std::to_string(height) + " pixels of " + std::to_string(depth) +
+           " bits in colour space " + std::to_string(colorSpace);
 }
-
-} // namespace
 
 KROxvChunkHeader KROxvChunkHeader::decode(const unsigned char (&bytes)[oxv::kChunkHeaderSize]) noexcept {
     const unsigned char* at = bytes;
@@ -91,10 +92,9 @@ void KROxvFile::readStreams() {
     std::uint64_t frameSize = 0;
     bool isSound = count == announced;
     for (std::uint64_t i = 0; i < count; ++i) {
-        std::array<std::uint32_t, 4> header = {};
-        readBytes(header.data(), oxv::kStreamHeaderSize, oxv::kFileHeaderSize + oxv::kStreamHeaderSize * i);
-        KROxvStream stream = makeStream(header);
-        stream.offset = frameSize;
+        streamHeader header = {};
+        readBytes(&header, sizeof header, oxv::kFileHeaderSize + oxv::kStreamHeaderSize * i);
+        const KROxvStream stream = KROxvStream::make(header, frameSize);
         isSound = isSound && stream.chunkSize > 0;
         frameSize += stream.chunkSize;
         streams_.push_back(stream);
@@ -157,7 +157,7 @@ void KROxvFile::requireFrames() const {
     const auto unusable = std::ranges::find(streams_, 0U, &KROxvStream::chunkSize);
     if (unusable != streams_.end()) {
         throw std::runtime_error(path_ + ": stream " + std::to_string(unusable - streams_.begin()) +
-                                 " has an impossible geometry: " + describe(*unusable));
+                                 " has an impossible geometry: " + unusable->describe());
     }
 }
 
@@ -212,7 +212,7 @@ KRImage KROxvFile::makeImage(std::size_t stream) const {
     const KROxvStream& header = streams_.at(stream);
     if (header.chunkSize == 0 || header.depth != 8) {
         throw std::runtime_error(path_ + ": stream " + std::to_string(stream) +
-                                 " cannot be read as images of 8 bits: " + describe(header));
+                                 " cannot be read as images of 8 bits: " + header.describe());
     }
     KRImage image(0, 0, static_cast<int>(header.colorSpace), false, 0.0f, 0.0f, 0.0f, 0.0f);
     image.width = static_cast<int>(header.width);

@@ -10,21 +10,17 @@
 
 namespace KR {
 
-namespace {
-
-std::uint64_t getSize(const KRImage& image) {
-    const int size = wrappingProduct(image.width, image.height, image.nbLayers);
-    if (size < static_cast<int>(oxv::kChunkHeaderSize) || !hasBytes(image, size)) {
-        throw std::invalid_argument("KROxvWriter: an image has fewer than 25 bytes of pixels");
-    }
-    return static_cast<std::uint64_t>(size);
-}
-
-} // namespace
-
 KROxvWriter::KROxvWriter(const std::string& path, const std::vector<streamHeader>& streams,
                          const std::string& name)
     : name_(name.empty() ? path : name), file_(std::make_unique<KRFile>()) {
+    for (const streamHeader& header : streams) {
+        streams_.push_back(KROxvStream::make(header, frameSize_));
+        frameSize_ += streams_.back().chunkSize;
+        if (streams_.back().chunkSize == 0) {
+            throw std::runtime_error(name_ +
+                                     ": a stream has an impossible geometry: " + streams_.back().describe());
+        }
+    }
     const std::array<std::uint32_t, 4> header = {oxv::kVersion1, 0, oxv::kNeverClosed,
                                                  static_cast<std::uint32_t>(streams.size())};
     if (!file_->openToWrite(path) ||
@@ -37,27 +33,42 @@ KROxvWriter::KROxvWriter(const std::string& path, const std::vector<streamHeader
 KROxvWriter::~KROxvWriter() = default;
 
 bool KROxvWriter::hasRoom() const noexcept {
-    return size_ + lastChunk_ < oxv::kAddressableSize;
+    return size_ + (streams_.empty() ? 0 : streams_.back().offset) < oxv::kAddressableSize;
+}
+
+// A chunk of another size would shift all that follow.
+void KROxvWriter::check(const std::vector<const KRImage*>& images) const {
+    if (images.size() != streams_.size()) {
+        throw std::runtime_error(name_ + ": a frame has " + std::to_string(streams_.size()) +
+                                 " images, not " + std::to_string(images.size()));
+    }
+    for (std::size_t i = 0; i < images.size(); ++i) {
+        const KRImage& image = *images[i];
+        const int size = wrappingProduct(image.width, image.height, image.nbLayers);
+        if (size < 0 || static_cast<std::uint64_t>(size) != streams_[i].chunkSize || !hasBytes(image, size)) {
+            throw std::runtime_error(name_ + ": an image of " + std::to_string(image.width) + "x" +
+                                     std::to_string(image.height) + " pixels of " +
+                                     std::to_string(image.nbLayers) + " bytes does not fit stream " +
+                                     std::to_string(i) + ": " + streams_[i].describe());
+        }
+    }
 }
 
 void KROxvWriter::write(const std::vector<const KRImage*>& images) {
-    std::uint64_t frameSize = 0;
-    for (const KRImage* image : images) {
-        lastChunk_ = frameSize;
-        frameSize += getSize(*image);
-    }
-    for (const KRImage* image : images) {
+    check(images);
+    for (std::size_t i = 0; i < images.size(); ++i) {
+        const KRImage& image = *images[i];
         const KROxvChunkHeader header = {
-            image->timeStamp,
-            image->cameraId,
-            {image->leftAngle, image->topAngle, image->rightAngle, image->bottomAngle}};
+            image.timeStamp,
+            image.cameraId,
+            {image.leftAngle, image.topAngle, image.rightAngle, image.bottomAngle}};
         const auto bytes = header.encode();
-        if (!file_->append(bytes.data(), bytes.size(), image->data.get() + bytes.size(),
-                           getSize(*image) - bytes.size())) {
+        if (!file_->append(bytes.data(), bytes.size(), image.data.get() + bytes.size(),
+                           streams_[i].chunkSize - bytes.size())) {
             fail();
         }
     }
-    size_ += frameSize;
+    size_ += frameSize_;
     ++frames_;
 }
 

@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cassert>
 #include <cstddef>
 #include <cstring>
 #include <iostream>
@@ -39,7 +40,10 @@ public:
     void moveTo(unsigned int frame, unsigned int stream);
     /// Offset of the current frame's chunk of the current stream; wraps at 32 bits.
     std::uint32_t offsetOfChunk() const;
-    std::uint32_t chunkSize() const { return streams[currentStream].chunkSize; }
+    std::uint32_t chunkSize() const {
+        assert(currentStream < streams.size());
+        return streams[currentStream].chunkSize;
+    }
 
     /// Prepares the image for the current stream's chunk. \return whether the chunk can be read into it
     bool prepare(KRImage& image, bool adapt) const;

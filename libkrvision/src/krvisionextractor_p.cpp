@@ -73,7 +73,9 @@ std::uint64_t KRVisionExtractorPrivate::expectRun() {
 
 void KRVisionExtractorPrivate::cancelRun() {
     const KRLock lock(runMutex);
-    --runsExpected;
+    if (runsExpected > 0) { // otherwise a direct call of run() has taken it
+        --runsExpected;
+    }
     runChanged.notifyAll();
 }
 

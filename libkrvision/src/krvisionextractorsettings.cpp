@@ -153,7 +153,7 @@ void KRVisionExtractorPrivate::setVideoDeviceFrameRate(int frameRate) {
     try {
         videoDeviceProxy->setFrameRate(getSubscriberId(), frameRate);
     } catch (const KRError&) {
-        // Whoever has just subscribed wants to know why there is no camera, not that an identifier does not exist.
+        // For a subscriber, the cause says more than that an identifier does not exist.
         if (const std::optional<KRError> cause = getRefusal()) {
             throw *cause;
         }

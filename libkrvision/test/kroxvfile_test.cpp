@@ -210,17 +210,31 @@ TEST_F(KROxvFile, TheWriterReportsErrorsUnderTheGivenName) {
               path("missing/a.oxv") + ": cannot be written: No such file or directory");
 }
 
-TEST_F(KROxvFile, TheWriterRefusesAnImageWithoutPixelsForAChunk) {
-    KR::KROxvWriter writer(path(), {{160, 120, kLuma, 8}});
+TEST_F(KROxvFile, TheWriterRefusesAFrameThatWouldShiftThoseAfterIt) {
+    KR::KROxvWriter writer(path(), {{160, 120, kLuma, 8}}, "my.oxv");
     KRImage image = makeEmptyImage();
     writer.write({&image});
-    const KRImage tiny = makeEmptyImage(4, 6);
-    EXPECT_THROW(writer.write({&tiny}), std::invalid_argument);
+    const KRImage small = makeEmptyImage(80, 60), deep = makeEmptyImage(160, 120, kYuv422);
+    EXPECT_EQ(getError([&] { writer.write({&small}); }),
+              "my.oxv: an image of 80x60 pixels of 1 bytes does not fit stream 0: 160x120 pixels of 8 bits "
+              "in colour "
+              "space 0");
+    EXPECT_THROW(writer.write({&deep}), std::runtime_error);
+    EXPECT_EQ(getError([&] { writer.write({&image, &image}); }), "my.oxv: a frame has 1 images, not 2");
+    EXPECT_THROW(writer.write({}), std::runtime_error);
     image.data = KRImage::emptyData(true);
-    EXPECT_THROW(writer.write({&image}), std::invalid_argument);
+    EXPECT_THROW(writer.write({&image}), std::runtime_error);
     writer.close();
     EXPECT_EQ(KR::KROxvFile(path()).countCompleteFrames(), 1u);
     EXPECT_EQ(KR::KROxvFile(path()).countCutBytes(), 0u);
+}
+
+TEST_F(KROxvFile, TheWriterRefusesAnImpossibleGeometry) {
+    EXPECT_EQ(getError([&] {
+                  KR::KROxvWriter(path(), {{160, 120, kLuma, 8}, {160, 120, 27, 8}});
+              }),
+              path() + ": a stream has an impossible geometry: 160x120 pixels of 8 bits in colour space 27");
+    EXPECT_FALSE(std::filesystem::exists(path()));
 }
 
 TEST_F(KROxvFile, TheWriterRemovesAFrameThatWasCut) {

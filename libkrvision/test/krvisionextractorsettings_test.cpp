@@ -141,7 +141,7 @@ TEST(KRVisionExtractorSettings, TheFrameRateSetsThePeriodOfAllSubscribers) {
     EXPECT_EQ(stage.extractor->getMyPeriod("B"), 66);
     EXPECT_EQ(stage.extractor->getCurrentPeriod(), 66);
     EXPECT_GE(stage.journal.count("setFrameRate " + kId + " 15"), 1);
-    EXPECT_EQ(stage.extractor->getFrameRate(), 24); // as the camera tells it
+    EXPECT_EQ(stage.extractor->getFrameRate(), 24); // the rate that the camera reports
 }
 
 TEST(KRVisionExtractorSettings, AFrameRateOfZeroThatTheCameraTakesIsAnError) {

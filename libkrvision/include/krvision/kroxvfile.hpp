@@ -41,13 +41,17 @@ inline constexpr std::uint64_t kAddressableSize = std::uint64_t{1} << 32;
 } // namespace oxv
 
 /// One stream of an oxv file: its header, and what follows from it.
-struct KROxvStream {
+struct KR_EXPORT KROxvStream {
     std::uint32_t width;      ///< pixels
     std::uint32_t height;     ///< pixels
     std::uint32_t colorSpace; ///< code
     std::uint32_t depth;      ///< bits per sample
     std::uint64_t chunkSize;  ///< bytes per frame; 0: the header describes no possible image
     std::uint64_t offset;     ///< of its chunk in a frame, bytes
+
+    /// \param offset  where its chunk begins in a frame
+    static KROxvStream make(const streamHeader& header, std::uint64_t offset) noexcept;
+    std::string describe() const; ///< "640x480 pixels of 8 bits in colour space 9"
 };
 
 /// What each chunk of an oxv file begins with.
@@ -164,8 +168,9 @@ private:
 class KR_EXPORT KROxvWriter {
 public:
     /// Creates the file, or empties it, and writes the headers.
-    /// \param name  what to call the file in errors, if not `path`, such as when `path` is temporary
-    /// \throws std::runtime_error "<name>: cannot be written: <reason>", as all operations
+    /// \param name  the file's name in errors, if not `path`, such as when `path` is temporary
+    /// \throws std::runtime_error "<name>: cannot be written: <reason>", as all operations; a stream has an impossible
+    /// geometry
     KROxvWriter(const std::string& path, const std::vector<streamHeader>& streams,
                 const std::string& name = "");
     ~KROxvWriter();
@@ -175,8 +180,9 @@ public:
     /// Whether every chunk of another frame would begin where readers with 32-bit offsets find it.
     bool hasRoom() const noexcept;
     /// Writes a frame: one chunk per stream. After an error, removeCutFrame() makes the file whole again.
-    /// \param images  one per stream, of its geometry, at least 25 bytes of pixels each
-    /// \throws std::invalid_argument an image is smaller; nothing has been written
+    /// \param images  one per stream, of its size
+    /// \throws std::runtime_error with the name: an image is missing, or not of its stream's size, and nothing has been
+    /// written; or as all operations
     void write(const std::vector<const KRImage*>& images);
     /// Removes what an interrupted write() left behind the last complete frame.
     void removeCutFrame();
@@ -185,12 +191,14 @@ public:
     void close();
 
 private:
+    void check(const std::vector<const KRImage*>& images) const;
     [[noreturn]] void fail() const;
 
     const std::string name_;
     const std::unique_ptr<KRFile> file_;
-    std::uint64_t size_ = 0;      // of the file, up to its last complete frame
-    std::uint64_t lastChunk_ = 0; // offset of the last stream's chunk in a frame; known after the first one
+    std::vector<KROxvStream> streams_;
+    std::uint64_t frameSize_ = 0;
+    std::uint64_t size_ = 0; // of the file, up to its last complete frame
     std::uint32_t frames_ = 0;
 };
 
