@@ -134,9 +134,11 @@ KR_WIDE_CLMUL std::uint32_t updateByWideClmul(std::uint32_t crc, const unsigned 
         d = foldWide<2048>(d, _mm512_loadu_si512(bytes + 192));
     }
     const __m512i runs = foldWide<512>(foldWide<512>(foldWide<512>(a, b), c), d);
-    __m128i run = fold<128>(_mm512_extracti32x4_epi32(runs, 0), _mm512_extracti32x4_epi32(runs, 1));
-    run = fold<128>(run, _mm512_extracti32x4_epi32(runs, 2));
-    return finish(fold<128>(run, _mm512_extracti32x4_epi32(runs, 3)), bytes, size);
+    std::array<unsigned char, 64> lanes; // g++ 12 warns of _mm512_extracti32x4_epi32
+    _mm512_storeu_si512(lanes.data(), runs);
+    __m128i run = fold<128>(load(lanes.data()), load(lanes.data() + 16));
+    run = fold<128>(run, load(lanes.data() + 32));
+    return finish(fold<128>(run, load(lanes.data() + 48)), bytes, size);
 }
 
 #endif

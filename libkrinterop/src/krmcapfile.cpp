@@ -19,8 +19,8 @@ namespace {
 
 class Descriptor {
 public:
-    Descriptor(std::string path, int flags)
-        : path_(std::move(path)), descriptor_(::open(path_.c_str(), flags | O_CLOEXEC, 0666)) {
+    Descriptor(const std::string& path, int flags, std::string name)
+        : name_(std::move(name)), descriptor_(::open(path.c_str(), flags | O_CLOEXEC, 0666)) {
         if (descriptor_ < 0) {
             fail("cannot be opened");
         }
@@ -38,17 +38,18 @@ public:
     /// Says so with what errno tells.
     [[noreturn]] void fail(const char* what) const { fail(what, std::generic_category().message(errno)); }
     [[noreturn]] void fail(const char* what, const std::string& why) const {
-        throw KRMcapError(path_ + ": " + what + ": " + why);
+        throw KRMcapError(name_ + ": " + what + ": " + why);
     }
 
 private:
-    const std::string path_;
+    const std::string name_;
     int descriptor_;
 };
 
 class OutputFile : public KRMcapOutput {
 public:
-    explicit OutputFile(const std::string& path) : file_(path, O_WRONLY | O_CREAT | O_TRUNC) {}
+    OutputFile(const std::string& path, const std::string& name)
+        : file_(path, O_WRONLY | O_CREAT | O_TRUNC, name) {}
 
     void append(std::span<const KRBytes> pieces) override {
         std::array<iovec, 16> parts;
@@ -102,7 +103,7 @@ private:
 
 class InputFile : public KRMcapInput {
 public:
-    explicit InputFile(const std::string& path) : file_(path, O_RDONLY) {
+    explicit InputFile(const std::string& path) : file_(path, O_RDONLY, path) {
         struct stat status;
         if (::fstat(file_.get(), &status) != 0) {
             file_.fail("cannot be read");
@@ -147,8 +148,8 @@ private:
 KRMcapOutput::~KRMcapOutput() = default;
 KRMcapInput::~KRMcapInput() = default;
 
-std::unique_ptr<KRMcapOutput> createMcapFile(const std::string& path) {
-    return std::make_unique<OutputFile>(path);
+std::unique_ptr<KRMcapOutput> createMcapFile(const std::string& path, const std::string& name) {
+    return std::make_unique<OutputFile>(path, name.empty() ? path : name);
 }
 
 std::unique_ptr<KRMcapInput> openMcapFile(const std::string& path) {

@@ -22,8 +22,9 @@ public:
 };
 
 /// A file of the operating system, created or emptied; written without a buffer, several pieces at once.
-/// \throws KRMcapError with the path: it cannot be opened
-KR_EXPORT std::unique_ptr<KRMcapOutput> createMcapFile(const std::string& path);
+/// \param name  what to call the file in errors, if not `path`
+/// \throws KRMcapError with the name: it cannot be opened
+KR_EXPORT std::unique_ptr<KRMcapOutput> createMcapFile(const std::string& path, const std::string& name = "");
 
 struct KRMcapWriterOptions {
     KRMcapCompression compression = KRMcapCompression::None;
