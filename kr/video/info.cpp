@@ -5,6 +5,8 @@
 #include "tool/json.hpp"
 #include "tool/timestamp.hpp"
 #include "video/diagnosis.hpp"
+#include "video/mcap.hpp"
+#include "video/mcapinfo.hpp"
 #include "video/timeline.hpp"
 
 #include <krvision/kroxvfile.hpp>
@@ -22,7 +24,7 @@ struct Options {
     bool json = false;
 
     void declare(Arguments& arguments) {
-        arguments.add("FILE", file, "oxv file").required();
+        arguments.add("FILE", file, "oxv or mcap file").required();
         arguments.addFlag("--json", json, "output as a JSON object with all gaps and jumps");
     }
 };
@@ -153,6 +155,10 @@ Json toJson(const KROxvFile& recording, const std::vector<StreamInfo>& streams) 
 }
 
 ExitCode inspect(const Options& options) {
+    if (isMcap(options.file)) {
+        printMcapInfo(options.file, options.json);
+        return ExitCode::Done;
+    }
     KROxvFile recording(options.file);
     recording.requireFrames();
     std::vector<StreamInfo> streams;

@@ -1,0 +1,104 @@
+// kr video convert and info with MCAP files
+
+#include "recordings.hpp"
+
+#include <krinterop/krmcaptopics.hpp>
+
+#include <nlohmann/json.hpp>
+
+#include <gmock/gmock.h>
+
+namespace {
+
+using namespace KR::test;
+using testing::HasSubstr;
+
+class KrVideoMcap : public Recordings {
+protected:
+    void expectDone(const std::vector<std::string>& arguments) const {
+        const Outcome outcome = kr(arguments);
+        EXPECT_EQ(outcome.exitCode, 0);
+        EXPECT_EQ(outcome.err, "");
+    }
+    /// Three frames of two streams, with angles that are no numbers among them.
+    static Bytes makeRecording() {
+        Bytes file = make(3, 3, 2);
+        put(file, 48 + 13, 0x7FC00001u); // top angle of the first chunk: a NaN with a payload
+        put(file, 48 + kChunk + 8, static_cast<unsigned char>(0xFE)); // camera of the second one
+        return file;
+    }
+};
+
+TEST_F(KrVideoMcap, ARecordingComesBackByteForByte) {
+    const Bytes recording = makeRecording();
+    const std::string in = write("in.oxv", recording);
+    for (const std::string compression : {"none", "lz4", "zstd"}) {
+        expectDone({"video", "convert", in, path("a.mcap"), "--compression", compression});
+        expectDone({"video", "convert", path("a.mcap"), path("out.oxv")});
+        EXPECT_EQ(readAll(path("out.oxv")), recording) << compression;
+    }
+}
+
+TEST_F(KrVideoMcap, ConvertsTheStreamAndTheFramesThatWereAsked) {
+    const Bytes recording = makeRecording();
+    const std::string in = write("in.oxv", recording);
+    expectDone({"video", "convert", in, path("a.mcap"), "--stream", "1", "--from", "1"});
+    expectDone({"video", "convert", path("a.mcap"), path("out.oxv"), "--to", "0"});
+    expectDone({"video", "convert", in, path("expected.oxv"), "--stream", "1", "--from", "1", "--to", "1"});
+    EXPECT_EQ(readAll(path("out.oxv")), readAll(path("expected.oxv")));
+    EXPECT_EQ(kr({"video", "convert", path("a.mcap"), path("out.oxv"), "--from", "2"}).exitCode, 1);
+}
+
+TEST_F(KrVideoMcap, AFileThatWasCutGivesWhatIsWholeAndSaysSo) {
+    const std::string in = write("in.oxv", make(8, 8));
+    expectDone({"video", "convert", in, path("a.mcap"), "--compression", "none"});
+    // The same in chunks of two images.
+    KR::KRMcapWriterOptions options;
+    options.chunkSize = 30000;
+    {
+        KR::KRMcapReader reader(path("a.mcap"));
+        KR::KRMcapWriter writer(path("b.mcap"), options);
+        KR::KRMcapRecording copy(writer);
+        KR::KRMcapImages images;
+        KR::KRImage image(1, 1, 0, true, 0.0f, 0.0f, 0.0f, 0.0f);
+        for (KR::KRMcapMessage message; reader.next(message);) {
+            if (images.take(message, image)) {
+                copy.writeImage(0, image);
+            }
+        }
+        writer.close();
+    }
+    Bytes bytes = readAll(path("b.mcap"));
+    bytes.resize(bytes.size() / 2);
+    const Outcome outcome = kr({"video", "convert", write("cut.mcap", bytes), path("out.oxv")});
+    EXPECT_EQ(outcome.exitCode, 3);
+    EXPECT_THAT(outcome.err, HasSubstr("never closed"));
+    const std::size_t frames = (readAll(path("out.oxv")).size() - 32) / kChunk;
+    EXPECT_GE(frames, 2u);
+    EXPECT_LE(frames, 4u);
+}
+
+TEST_F(KrVideoMcap, InfoShowsTopicsAndImages) {
+    const std::string in = write("in.oxv", makeRecording());
+    expectDone({"video", "convert", in, path("a.mcap")});
+    const Outcome outcome = kr({"video", "info", path("a.mcap")});
+    EXPECT_EQ(outcome.exitCode, 0);
+    EXPECT_THAT(outcome.out, HasSubstr("MCAP, indexed"));
+    EXPECT_THAT(outcome.out, HasSubstr("sensor_msgs/msg/Image, cdr"));
+    EXPECT_THAT(outcome.out, HasSubstr("160x120 pixels"));
+    const auto json = nlohmann::json::parse(kr({"video", "info", "--json", path("a.mcap")}).out);
+    EXPECT_EQ(json["format"], "mcap");
+    EXPECT_EQ(json["messages"], 12);
+    ASSERT_EQ(json["streams"].size(), 2u);
+    EXPECT_EQ(json["streams"][1]["frames"], 3);
+    EXPECT_EQ(json["damage"], nlohmann::json::array());
+}
+
+TEST_F(KrVideoMcap, OtherConversionsOfMcapFilesAreRefused) {
+    const std::string in = write("in.oxv", makeRecording());
+    expectDone({"video", "convert", in, path("a.mcap")});
+    EXPECT_EQ(kr({"video", "convert", path("a.mcap"), path("a.mkv")}).exitCode, 2);
+    EXPECT_EQ(kr({"video", "convert", in, path("b.mcap"), "--compression", "rar"}).exitCode, 2);
+}
+
+} // namespace
