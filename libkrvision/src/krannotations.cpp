@@ -64,7 +64,7 @@ std::vector<T> readList(const KRValue& value, std::size_t index, const char* nam
     std::vector<T> result;
     result.reserve(list.getSize());
     for (std::size_t i = 0; i < list.getSize(); ++i) {
-        const std::string where = name + (" " + std::to_string(i));
+        const std::string where = std::string(name).append(" ").append(std::to_string(i));
         try {
             result.push_back(read(list[i], where));
         } catch (const KRError& error) {

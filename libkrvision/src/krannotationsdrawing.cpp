@@ -197,11 +197,11 @@ void require(const KRImage& image) {
 std::string describe(const KRAnnotations::Box& box) {
     std::string text = box.label;
     if (box.identity >= 0) {
-        text += (text.empty() ? "#" : " #") + std::to_string(box.identity);
+        text.append(text.empty() ? "#" : " #").append(std::to_string(box.identity));
     }
     if (box.score < 1) {
-        text +=
-            (text.empty() ? "" : " ") + std::to_string(std::lround(std::max(0.0F, box.score) * 100)) + "%";
+        text.append(text.empty() ? "" : " ");
+        text.append(std::to_string(std::lround(std::max(0.0F, box.score) * 100))).append("%");
     }
     return text;
 }
