@@ -33,7 +33,7 @@ struct KRMcapWriterOptions {
     /// Bytes of messages after which a chunk is closed: what a killed process loses at most. 0: no chunks, each message is
     /// written as it comes, and found by reading the whole file only.
     std::size_t chunkSize = std::size_t{1} << 20;
-    /// Whether chunks have a checksum of their content. It costs about a twentieth of what writing costs.
+    /// Whether chunks have a checksum of their content.
     bool hasChunkCrcs = true;
     std::string profile; ///< what the header says of conventions that the file follows; "" is none
 };
