@@ -127,7 +127,8 @@ public:
         return found->second.id;
     }
 
-    /// Calls an operation that has no meaning for a service that does not know the subscription.
+    /// Calls an operation that has no meaning for a service that does not know the subscription, or is exiting: what the
+    /// subscription holds goes with the service.
     void callIfSubscribed(const char* method, const std::string& id) {
         std::optional<Subscription> subscription;
         {
@@ -144,8 +145,10 @@ public:
         }
         try {
             proxy_.call(method, subscription ? subscription->id : id);
-        } catch (const KRError&) {
-            if (!subscription || proxy_.getModuleNumber() == subscription->service) {
+        } catch (const KRError& error) {
+            const bool isGone = KRModuleGate::isRefusal(error, kService) ||
+                                (subscription && proxy_.getModuleNumber() != subscription->service);
+            if (!subscription || !isGone) {
                 throw;
             }
         }

@@ -31,18 +31,18 @@ using ::testing::StartsWith;
 TEST(KRVisionExtractorFailures, ARefusedCameraSubscriptionIsLoggedAndMakesTheModuleExit) {
     Stage stage;
     stage.camera->fail("subscribeCamera");
-    stage.camera->fail("releaseImage"); // as a camera service does for an unknown identifier
-    stage.extractor->subscribe("client", 33, 0.0F);
-    // Nothing else is logged in this category.
+    EXPECT_THROW(stage.extractor->subscribe("client", 33, 0.0F), KRError);
+    // Nothing else is logged in this category. Every operation on the refused subscription fails with the cause.
     EXPECT_THAT(
         stage.getLog(),
         ElementsAre(
             "error|Motion: Could not subscribe to KRVideoDevice",
-            StartsWith("error|Motion: Call to release image failed:KRVideoDevice.releaseImage: injected"),
+            StartsWith("error|Motion: Could not retrieve image KRVideoDevice.subscribeCamera: injected"),
+            StartsWith("error|Motion: Call to release image failed:KRVideoDevice.subscribeCamera: injected"),
             "error|Stopping the extractor."));
     EXPECT_TRUE(stage.extractor->isExiting());
     EXPECT_EQ(stage.extractor->getFailure(), "the camera subscription has failed: injected");
-    EXPECT_EQ(stage.journal.count("getImageRemote VisionExtractorMotion"), 1);
+    EXPECT_EQ(stage.journal.count("getImageRemote VisionExtractorMotion"), 0);
     const auto undeleted = stage.extractor->takeUndeleted();
     stage.extractor.reset();
     EXPECT_EQ(stage.journal.count("unsubscribe VisionExtractorMotion"), 0);
