@@ -16,10 +16,9 @@ namespace {
 std::uint64_t readNumber(std::istream& file) {
     int c = file.get();
     while (c == '#' || std::isspace(c) != 0) {
-        while (c == '#' && c != '\n' && c != EOF) {
+        if (c == '#') {
             std::string comment;
             std::getline(file, comment);
-            c = '\n';
         }
         c = file.get();
     }

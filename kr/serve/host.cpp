@@ -78,6 +78,7 @@ private:
 std::vector<std::future<void>> takeDownEach(std::vector<KRModuleHandle<KRModule>>& modules,
                                             Watchdog& watchdog) {
     std::vector<std::future<void>> down;
+    down.reserve(modules.size());
     for (auto& module : modules) {
         down.push_back(std::async(std::launch::async, [&module, &watchdog] {
             const std::string name = module->getName();

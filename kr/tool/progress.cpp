@@ -1,6 +1,7 @@
 #include "tool/progress.hpp"
 
 #include <algorithm>
+#include <cmath>
 #include <string>
 
 #include <unistd.h>
@@ -15,7 +16,7 @@ constexpr std::uint64_t kBarLength = 24;
 constexpr const char* kEraseLine = "\r\033[K";
 
 std::string formatTime(double seconds) {
-    const auto whole = static_cast<long long>(seconds + 0.5);
+    const auto whole = std::llround(seconds);
     if (whole < 60) {
         return std::to_string(whole) + " s";
     }
