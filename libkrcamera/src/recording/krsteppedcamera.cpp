@@ -38,7 +38,7 @@ std::shared_ptr<KRFrame> KRSteppedCamera::waitForFrame(std::uint64_t after,
     if (after >= recording_->getFrameCount()) {
         throw std::runtime_error("the recording has ended");
     }
-    const auto frame = std::make_shared<KRFrame>(after + 1, recording_->read(after), converter_);
+    auto frame = std::make_shared<KRFrame>(after + 1, recording_->read(after), converter_);
     status_.width = frame->getWidth();
     status_.height = frame->getHeight();
     return frame;
