@@ -100,7 +100,7 @@ private:
         switch (opcode) {
         case Opcode::Header:
             contents_.profile = content.string();
-            contents_.library = content.string();
+            contents_.writerLibrary = content.string();
             break;
         case Opcode::Schema:
         case Opcode::Channel:
@@ -313,7 +313,7 @@ void readHeader(KRMcapInput& input, KRMcapDamage& damage, Contents& contents) {
         }
         RecordReader content(reader.bytes(reader.number<std::uint64_t>()));
         contents.profile = content.string();
-        contents.library = content.string();
+        contents.writerLibrary = content.string();
     } catch (const KRMcapError& error) {
         ++damage.badRecords;
         note(damage, std::string("the header: ") + error.what());

@@ -20,7 +20,7 @@ struct Segment {
 /// What is in a file, but for the messages themselves.
 struct Contents {
     std::string profile;
-    std::string library;
+    std::string writerLibrary;
     bool isIndexed = false;
     std::optional<KRMcapStatistics> statistics;
     std::map<std::uint16_t, KRMcapSchema> schemas;

@@ -489,7 +489,7 @@ const std::string& KRMcapReader::getProfile() const noexcept {
 }
 
 const std::string& KRMcapReader::getLibrary() const noexcept {
-    return p_->getContents().library;
+    return p_->getContents().writerLibrary;
 }
 
 std::uint64_t KRMcapReader::getFileSize() const noexcept {
