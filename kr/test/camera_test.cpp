@@ -38,7 +38,7 @@ TEST(KrCamera, ListsTheCamerasThatItIsGiven) {
     EXPECT_EQ(list[1]["model"], 1);
 }
 
-TEST(KrCamera, CamerasThatAreNoneAreRefused) {
+TEST(KrCamera, MalformedCamerasAreRefused) {
     const auto errorOf = [](const std::string& option) {
         const Outcome outcome = kr({"camera", "list", "--camera", option});
         EXPECT_EQ(outcome.exitCode, 2) << option;
@@ -300,7 +300,7 @@ TEST(KrCamera, TopShowsTheStatisticsOfEverySubscription) {
     EXPECT_THAT(outcome.out, AllOf(HasSubstr("subscriber"), HasSubstr("kr_1 "), HasSubstr("kr_2 ")));
 }
 
-TEST(KrCamera, ARecordingThatMissesImagesIsKeptAndTheLossTold) {
+TEST(KrCamera, ARecordingThatMissesImagesIsKeptAndTheLossReported) {
     const test::TemporaryFolder folder;
     const std::string path = folder.path("film.oxv");
     // The camera breaks again and again, for a quarter of a second at least.

@@ -59,7 +59,7 @@ TEST(KrCommand, EveryVerbHasAnExampleInItsHelp) {
     }
 }
 
-TEST(KrCommand, WrongUsageIsToldOnStandardErrorWithCode2) {
+TEST(KrCommand, WrongUsageIsReportedOnStandardErrorWithCode2) {
     for (const std::vector<std::string>& arguments :
          std::vector<std::vector<std::string>>{{},
                                                {"image"},
@@ -85,7 +85,7 @@ TEST(KrCommand, WhatItDoesNotKnowIsNamed) {
     EXPECT_THAT(errorOf({"image", "dump"}), HasSubstr("kr: FILE is required\n"));
 }
 
-TEST(KrCommand, NumbersThatAreNoneAreRefused) {
+TEST(KrCommand, MalformedNumbersAreRefused) {
     const auto refuse = [](std::vector<std::string> arguments, const std::string& number) {
         arguments.push_back(number);
         const Outcome run = kr(arguments);

@@ -202,7 +202,7 @@ TEST_F(KrImageConvert, TheLastOfAnOddNumberOfPixelsIsItsOwnPartner) {
     EXPECT_EQ(makePicture(odd).rgb, expected);
 }
 
-TEST_F(KrImageConvert, WhatCannotBeConvertedIsTold) {
+TEST_F(KrImageConvert, WhatCannotBeConvertedIsReported) {
     Picture odd;
     odd.width = 3;
     odd.height = 1;

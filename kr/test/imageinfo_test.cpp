@@ -65,7 +65,7 @@ TEST_F(KrImageInfo, ShowsTheSameAsJson) {
     EXPECT_EQ(json[1]["problems"].size(), 0u);
 }
 
-TEST_F(KrImageInfo, AFileThatIsNoneFailsAndTheOthersAreShown) {
+TEST_F(KrImageInfo, AFileOfAnotherKindFailsAndTheOthersAreShown) {
     const std::string file = write("a.oxi");
     writeAll(path("other"), Bytes(100, 'x'));
     writeAll(path("short"), {'1', 'I', 'X', 'O', 0});

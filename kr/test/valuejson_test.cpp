@@ -27,7 +27,7 @@ TEST(ValueJson, TakesAWordForAString) {
     EXPECT_EQ(readValue("two words"), KRValue("two words"));
 }
 
-TEST(ValueJson, RefusesWhatBeginsLikeJsonAndIsNone) {
+TEST(ValueJson, RefusesMalformedJson) {
     for (const char* text : {"[1", "{", "\"a", "3x", "-", "[1,]"}) {
         EXPECT_THROW(readValue(text), UsageError) << text;
     }

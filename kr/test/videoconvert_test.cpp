@@ -160,7 +160,7 @@ TEST_F(KrVideoConvert, Y4mHoldsThePlanes) {
     EXPECT_EQ(file.back(), color[3]);
 }
 
-TEST_F(KrVideoConvert, ARecordingThatWasCutIsConvertedAndTheLossTold) {
+TEST_F(KrVideoConvert, ATruncatedRecordingIsConvertedAndTheLossReported) {
     Bytes file = readAll(record("in"));
     file.resize(file.size() - 1);
     const std::string in = write("cut.oxv", file);
@@ -183,7 +183,7 @@ TEST_F(KrVideoConvert, ResolutionsThatReadersRefuseAreConverted) {
     EXPECT_EQ(picture.rgb, Bytes(3 * 1280 * 960, 130));
 }
 
-TEST_F(KrVideoConvert, WhatCannotBeConvertedIsToldAndLeavesNothing) {
+TEST_F(KrVideoConvert, WhatCannotBeConvertedIsReportedAndLeavesNothing) {
     const std::string in = record("in");
     const std::string empty = write("empty.oxv", make(0, 0));
     const std::string text = write("text.mkv", Bytes(1000, 'x'));

@@ -123,7 +123,7 @@ TEST_F(KrVideoRecover, NeverWritesToWhatItReads) {
     EXPECT_EQ(kr({"video", "recover", in, path("out.oxv")}).exitCode, 0);
 }
 
-TEST_F(KrVideoRecover, WhatCannotBeRecoveredIsToldAndNothingIsWritten) {
+TEST_F(KrVideoRecover, WhatCannotBeRecoveredIsReportedAndNothingIsWritten) {
     const std::vector<std::pair<Bytes, std::string>> cases = {
         {{}, "not an oxv file"},
         {{'1', 'V', 'X', 'O', 0}, "ends within its headers, after 5 bytes"},

@@ -64,7 +64,7 @@ TEST(KRV4l2Mode, TwentyFourImagesPerSecondAreEnough) {
               yuy2 + ",width=640,height=480,framerate=24/1");
 }
 
-TEST(KRV4l2Mode, OneThatIsTooLowIsTooSmallHoweverWide) {
+TEST(KRV4l2Mode, AWidePictureWithTooFewRowsIsTooSmall) {
     EXPECT_EQ(chooseV4l2Caps({{yuy2, {1280, 360}, 30, 1}, {yuy2, {1280, 960}, 30, 1}}, {640, 480}),
               yuy2 + ",width=1280,height=960,framerate=30/1");
 }

@@ -87,7 +87,7 @@ TEST_F(SourceTest, AFileThatIsNotAFilmIsRefused) {
     EXPECT_THAT(openError("file:" + (folder / ".")), HasSubstr("is a directory"));
 }
 
-TEST_F(SourceTest, AFileThatNeverDeliversAnImageIsGivenUp) {
+TEST_F(SourceTest, AFileThatNeverDeliversAnImageIsAnError) {
     const std::string damaged = folder / "damaged.y4m"; // looks like MPEG video, without a picture
     constexpr std::array<unsigned char, 75> header{
         0x5b, 0x55, 0x56, 0x34, 0x4d, 0x50, 0x45, 0x47, 0x32, 0x20, 0xff, 0x31, 0x36, 0x02, 0x04,

@@ -85,7 +85,7 @@ TEST(KRDDSDeparture, CallsThatAProcessIsTooFrozenToReadFailAsWell) {
     }
 }
 
-TEST(KRDDSDeparture, ModulesHearOfACallerThatIsKilled) {
+TEST(KRDDSDeparture, ModulesAreNotifiedOfACallerThatIsKilled) {
     const TestDomain domain;
     const OtherProcess server(domain.getUrl(kShortLease), {"module", "Server"});
     OtherProcess client(domain.getUrl(kShortLease), {"module", "Client"});

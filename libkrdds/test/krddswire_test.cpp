@@ -268,7 +268,7 @@ TEST_F(KRDDSWire, AnAnnouncementOfAStateThatNoModuleHasIsDropped) {
     EXPECT_EQ(broker->getModuleList(), std::vector<std::string>{"Module"});
 }
 
-TEST_F(KRDDSWire, AModuleIsNotThereBeforeItsBrokerReadsCalls) {
+TEST_F(KRDDSWire, AModuleIsNotAnnouncedBeforeItsBrokerReadsCalls) {
     stranger.announce(1, makeModuleList("Ghost", 1, 100));
     // The name is taken, so the announcement has come.
     EXPECT_TRUE(

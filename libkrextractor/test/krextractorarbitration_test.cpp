@@ -89,7 +89,7 @@ TEST_F(KRExtractorArbitration, ATooSmallPeriodBecomesTheMinimum) {
     EXPECT_THAT(extractor->takeHooks(), ElementsAre("start 1 1"));
 }
 
-TEST_F(KRExtractorArbitration, APeriodAtTheMinimumIsKeptWithoutAWord) {
+TEST_F(KRExtractorArbitration, APeriodAtTheMinimumIsKeptWithoutAWarning) {
     extractor->subscribe("A", 1, 1.0F);
     EXPECT_THAT(takeLog(), IsEmpty());
 }
@@ -138,7 +138,7 @@ TEST_F(KRExtractorArbitration, SubscribingWithoutValuesTakesTheDefaultsAndThenTh
     EXPECT_EQ(extractor->getMyPrecision("B"), 0.25F);
 }
 
-TEST_F(KRExtractorArbitration, UnsubscribingSomebodyUnknownIsAWarningAndAnError) {
+TEST_F(KRExtractorArbitration, UnsubscribingAnUnknownModuleIsAWarningAndAnError) {
     const auto unsubscribe = [&] { extractor->unsubscribe("X"); };
     const char* method = "received unsubscribe from non-subscribed module: ";
     expectError(unsubscribe, "KRExtractor", method, "X");
@@ -163,7 +163,7 @@ TEST_F(KRExtractorArbitration, UnknownNamesAreRefusedByEveryOtherOperation) {
     EXPECT_THAT(takeLog(), IsEmpty());
 }
 
-TEST_F(KRExtractorArbitration, UpdatingThePeriodOfSomebodyUnknownDoesNotWarnAboutThePeriod) {
+TEST_F(KRExtractorArbitration, UpdatingThePeriodOfAnUnknownModuleDoesNotWarnAboutThePeriod) {
     EXPECT_THROW(extractor->updatePeriod("X", -5), KRError);
     EXPECT_THAT(takeLog(), IsEmpty());
 }

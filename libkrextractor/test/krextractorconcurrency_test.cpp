@@ -154,7 +154,7 @@ TEST(KRExtractorConcurrency, APrecisionThatIsNotANumberIsReportedOnce) {
     EXPECT_EQ(extractor->takeHooks(), std::vector<std::string>{"start 50 nan"});
 }
 
-TEST(KRExtractorConcurrency, AnUpdateForWhoHasJustLeftEndsInAnError) {
+TEST(KRExtractorConcurrency, UpdatingASubscriberThatHasJustLeftIsAnError) {
     const auto broker = KRBroker::create("local:");
     const auto extractor = createModule<RecordingExtractor>(broker, "Faces");
     std::atomic<bool> done = false;

@@ -249,7 +249,7 @@ TEST_P(KRLocalLie, IsCutOffAndNobodyElseNotices) {
 INSTANTIATE_TEST_SUITE_P(KRLocal, KRLocalLie, testing::ValuesIn(kLies),
                          [](const auto& each) { return std::string(each.param.name); });
 
-TEST(KRLocalLiar, WhoGivesBackWhatItDoesNotHoldIsCutOff) {
+TEST(KRLocalLiar, AClientThatReturnsASlotItDoesNotHoldIsCutOff) {
     test::RecordedLog log;
     test::TestService service([](KRLocalRequest& request) {
         request.reply(makeMessage(0, "", {makeBinary(614400, 1), makeBinary(614400, 2)}));
@@ -301,7 +301,7 @@ TEST(KRLocalLiar, AServerThatLiesFailsTheCallsToItAlone) {
     lying.join();
 }
 
-TEST(KRLocalLiar, WhoNeverGreetsIsForgotten) {
+TEST(KRLocalLiar, AClientThatNeverGreetsIsForgotten) {
     test::TestService service([](KRLocalRequest& request) { request.reply(request.message); });
     KRLocalEndpoint server(KRLocalOptions{"server", ""}, service);
     std::vector<KRDescriptor> silent;

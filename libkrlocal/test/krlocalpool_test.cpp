@@ -82,7 +82,7 @@ TEST(KRLocalPool, StaysWithinItsLimitAndRecovers) {
     EXPECT_GT(share(*pool, kImage, 1).size(), 0u);
 }
 
-TEST(KRLocalPool, MakesRoomForAnotherSizeInMemoryThatNobodyUses) {
+TEST(KRLocalPool, ReusesUnusedMemoryForAnotherSize) {
     const auto pool = std::make_shared<KRLocalPool>(4 * kMega);
     std::vector<KRBinary> held;
     while (held.empty() || held.back().size() > 0) {
@@ -94,7 +94,7 @@ TEST(KRLocalPool, MakesRoomForAnotherSizeInMemoryThatNobodyUses) {
     EXPECT_LE(pool->getSize(), 4 * kMega);
 }
 
-TEST(KRLocalPool, GivesMemoryBackThatNobodyUses) {
+TEST(KRLocalPool, ReturnsUnusedMemory) {
     const auto pool = std::make_shared<KRLocalPool>(64 * kMega);
     const KRBinary held = share(*pool, kImage, 1);
     const std::size_t one = pool->getSize();
@@ -205,7 +205,7 @@ TEST_F(Lending, MemoryThatIsGoneIsReportedToWhoeverHasIt) {
     EXPECT_EQ(pass(share(*pool, size, 6)).data()[0], 6);
 }
 
-TEST_F(Lending, GivingBackWhatOneDoesNotHoldIsNoticed) {
+TEST_F(Lending, ReturningASlotThatIsNotHeldIsAnError) {
     KRLocalFrame frame;
     std::vector<std::shared_ptr<const KRSharedMemory>> memories;
     const KRBinary sent = share(*pool, kImage, 5);

@@ -104,7 +104,7 @@ TEST(KRSession, GivesUpWaitingAtTheTimeLimit) {
     EXPECT_FALSE(broker->getSession().waitForService("", milliseconds(0)));
 }
 
-TEST(KRSession, TheLongestTimeLimitIsNone) {
+TEST(KRSession, TheLongestTimeLimitWaitsForever) {
     const auto broker = KRBroker::create();
     auto waiting =
         startAndLetSleep([&] { return broker->getSession().waitForService("m", milliseconds::max()); });

@@ -121,7 +121,7 @@ TEST_F(KRMemoryAway, ItIsLoggedOnceWhenTheMemoryGoesAndOnceWhenItIsBack) {
     EXPECT_THAT(recorded.find(KRLogLevel::Warning, ""), SizeIs(2));
 }
 
-TEST_F(KRMemoryAway, WhatNobodyToldTheMemoryIsNoReasonToLogThatItWent) {
+TEST_F(KRMemoryAway, AMemoryThatWasNeverUsedLeavesWithoutALine) {
     startMemory();
     stopMemory();
     startMemory();

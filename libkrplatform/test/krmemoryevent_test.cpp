@@ -233,7 +233,7 @@ TEST(KRMemoryEvent, MemoryOfLargeValuesIsReturnedToTheSystem) {
 }
 #endif
 
-TEST(KRMemoryEvent, ASlowSubscriberHearsHowManyEventsItHasLostBeforeTheNextOne) {
+TEST(KRMemoryEvent, ASlowSubscriberGetsTheCountOfLostEventsBeforeTheNextOne) {
     constexpr int kKept = 16384;
     constexpr int kTooMany = 3;
     const auto broker = KRBroker::create("local:");

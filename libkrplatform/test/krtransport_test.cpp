@@ -276,7 +276,7 @@ protected:
     }
 };
 
-TEST_F(Transport, EveryModuleHearsOfACallerThatIsGone) {
+TEST_F(Transport, EveryModuleIsNotifiedOfACallerThatHasGone) {
     const auto one = createModule<Bereaved>(broker, "One");
     const auto two = createModule<Bereaved>(broker, "Two");
     wire->host->noticeCallerGone("another process");
@@ -391,7 +391,7 @@ TEST_F(Transport, TheMemoryDropsASubscriberElsewhereThatGoesAsSoonAsItCouldSubsc
         eventually([&] { return KRMemoryProxy(broker).getEventSubscribers("Event").getSize() == 0; }));
 }
 
-TEST_F(Transport, ACallerElsewhereHearsThatTheModuleRanOutOfMemory) {
+TEST_F(Transport, ARemoteCallerGetsAnErrorWhenTheModuleRunsOutOfMemory) {
     const auto module = makeModule(broker, "Module", [&](TestModule& m) {
         m.add("grow", [](const std::string&) -> int { throw std::bad_alloc(); });
     });
@@ -434,7 +434,7 @@ protected:
     }
 };
 
-TEST_F(RemoteMemory, OneThatComesIsToldWhatTheOneBeforeKnew) {
+TEST_F(RemoteMemory, ANewMemoryGetsWhatTheOneBeforeHeld) {
     const auto before = addRemote("KRMemory");
     KRMemoryProxy memory(broker);
     const auto listener = createModule<EventListener>(broker, "Listener");
@@ -462,7 +462,7 @@ TEST_F(RemoteMemory, OneThatComesIsToldWhatTheOneBeforeKnew) {
     EXPECT_EQ(after->getCalls().size(), 3U);
 }
 
-TEST_F(RemoteMemory, OneThatDoesNotKnowTheSubscriberYetIsToldAgain) {
+TEST_F(RemoteMemory, AMemoryThatDoesNotKnowTheSubscriberYetIsAskedAgain) {
     const auto before = addRemote("KRMemory");
     KRMemoryProxy memory(broker);
     const auto listener = createModule<EventListener>(broker, "Listener");

@@ -234,7 +234,7 @@ TEST(KRBinary, AllocatesFromTheHeapWhateverTheRegisteredAllocatorLacks) {
     EXPECT_EQ(shared.data()[100], 7);
 }
 
-TEST(KRBinary, IsReadAndLetGoByManyThreads) {
+TEST(KRBinary, IsReadAndReleasedByManyThreads) {
     const auto value = std::make_unique<KRValue>(KRBinary::copyOf("shared", 6));
     std::vector<std::thread> readers;
     for (int i = 0; i < 4; ++i) {

@@ -234,7 +234,7 @@ TEST(KRVideoDeviceProxy, WhileTheServiceIsGoneThereIsNothingToReleaseOrToUnsubsc
     EXPECT_THAT(service.asked, ElementsAre(KRValue::array("getImageRemote", "me_1")));
 }
 
-TEST(KRVideoDeviceProxy, AServiceThatGoesWhileItIsAskedNeedNotBeUnsubscribedFrom) {
+TEST(KRVideoDeviceProxy, AServiceThatExitsDuringACallNeedNotBeUnsubscribedFrom) {
     const auto broker = KRBroker::create();
     KRVideoDeviceProxy proxy(broker);
     const auto service = makeModule(broker, "KRVideoDevice", [](TestModule& m) {

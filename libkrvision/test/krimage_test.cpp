@@ -105,7 +105,7 @@ TEST(KRImageData, ASizeThatWasNegativeIsNotAllocated) {
     EXPECT_THROW(KRImage::internalDataZeroInitialized(static_cast<std::size_t>(-6)), std::bad_alloc);
 }
 
-TEST(KRImageData, OwnsDataTellsTheThreeStatesOfTheBufferApart) {
+TEST(KRImageData, OwnsDataDistinguishesTheThreeStatesOfTheBuffer) {
     EXPECT_TRUE(makeImage(0, 9).ownsData());
     KRImage image = makeImage(0, 9, true);
     EXPECT_FALSE(image.ownsData());

@@ -116,7 +116,7 @@ TEST_F(KRVideoReading, ColorSpaces0To16AreAcceptedAndNoOther) {
     }
 }
 
-TEST_F(KRVideoReading, TheFirstStreamThatIsWrongIsTheOneThatIsTold) {
+TEST_F(KRVideoReading, TheFirstWrongStreamIsReported) {
     EXPECT_EQ(errorOf(makeOxvHeader(kOxvVersion1, 0, 1, 2, {{160, 120, 17, 8}, {1, 1, 0, 8}})),
               "invalid color space");
     EXPECT_EQ(errorOf(makeOxvHeader(kOxvVersion1, 0, 1, 2, {{160, 120, 16, 8}, {1, 1, 17, 8}})),

@@ -262,7 +262,7 @@ TEST_F(KRVideoImage, OfADepthWhoseProductWrapsRoundHasAShortChunk) {
 
 // ---- hostile files
 
-TEST_F(KRVideoImage, ThatCannotBeReadIsToldNothingOfWhatMemoryHeld) {
+TEST_F(KRVideoImage, ThatCannotBeReadGetsNoneOfTheMemorysFormerBytes) {
     KRVideo video;
     openBytes(video, makeOxvHeader(kOxvVersion1, 0, 2, 1, {{640, 480, kYuv422, 8}}));
     KRImage image = makeEmptyImage();

@@ -145,7 +145,7 @@ TEST(KRVisionExtractorAcquisition, TheLoopRereadsThePeriodAtEachIteration) {
     EXPECT_TRUE(stage.journal.waitForMore("xProcessImage", 5));
 }
 
-TEST(KRVisionExtractorAcquisition, AnImageThatIsNoneIsReleasedButNotProcessed) {
+TEST(KRVisionExtractorAcquisition, AnInvalidImageIsReleasedButNotProcessed) {
     Stage stage;
     stage.camera->setImage(KRValue("no image"));
     stage.extractor->subscribe("client", 33, 0.0F);

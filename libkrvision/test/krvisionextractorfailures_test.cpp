@@ -48,7 +48,7 @@ TEST(KRVisionExtractorFailures, ARefusedCameraSubscriptionIsLoggedAndMakesTheMod
     EXPECT_EQ(stage.journal.count("unsubscribe VisionExtractorMotion"), 0);
 }
 
-TEST(KRVisionExtractorFailures, ASubscriberHearsWhyTheCameraWasRefused) {
+TEST(KRVisionExtractorFailures, ASubscriberGetsTheReasonForARefusedCamera) {
     Stage stage;
     stage.camera->taste = Taste::OfItsOwn;
     const std::string cause = "camera 0 (v4l2:/dev/video9) cannot be opened: No such file or directory";
@@ -252,7 +252,7 @@ TEST(KRVisionExtractorFailures, ADetectionEndsWhileTheCameraServiceIsAway) {
     EXPECT_FALSE(stage.extractor->isProcessing());
 }
 
-TEST(KRVisionExtractorFailures, WithoutACameraServiceASubscriberHearsSo) {
+TEST(KRVisionExtractorFailures, WithoutACameraServiceSubscribingFailsWithThatReason) {
     Journal journal;
     const auto broker = KRBroker::create("local:");
     const auto extractor = createModule<TestExtractor>(broker, "Motion", journal);

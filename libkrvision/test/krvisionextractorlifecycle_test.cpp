@@ -80,7 +80,7 @@ TEST(KRVisionExtractorLifecycle, AnExceptionDoesNotKeepTheModuleFromBeingDestroy
     EXPECT_EQ(stage.journal.get().back(), "xStopImageProcessing");
 }
 
-TEST(KRVisionExtractorLifecycle, AClassThatStopsItselfInItsDestructorHearsOfOneStop) {
+TEST(KRVisionExtractorLifecycle, AClassThatStopsItselfInItsDestructorGetsOneStopHook) {
     class StopsItself : public TestExtractor {
     public:
         using TestExtractor::TestExtractor;

@@ -99,7 +99,7 @@ TEST(KRVisionExtractorMethods, EachReachesItsOperation) {
     proxy->call("unsubscribe", "client");
 }
 
-TEST(KRVisionExtractorMethods, SetFrameRateIsToldApartByItsArguments) {
+TEST(KRVisionExtractorMethods, OverloadsOfSetFrameRateDifferByTheirArguments) {
     Stage stage;
     const auto proxy = stage.broker->getProxy("Motion");
     proxy->call("subscribe", "A", 100, 0.0F);
