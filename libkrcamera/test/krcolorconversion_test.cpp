@@ -18,7 +18,7 @@ namespace KR {
 namespace {
 
 constexpr unsigned char canary = 0xA5;
-constexpr int height = 3;
+constexpr int rows = 3;
 
 using Triple = std::array<double, 3>;
 
@@ -27,11 +27,11 @@ class Picture {
 public:
     Picture(GstVideoFormat format, int width, const char* colorimetry) {
         GstVideoInfo info;
-        gst_video_info_set_format(&info, format, static_cast<guint>(width), height);
+        gst_video_info_set_format(&info, format, static_cast<guint>(width), rows);
         EXPECT_TRUE(gst_video_colorimetry_from_string(&info.colorimetry, colorimetry));
         if (GST_VIDEO_INFO_N_PLANES(&info) == 1) {
             info.stride[0] += 64;
-            info.size = static_cast<gsize>(info.stride[0]) * height;
+            info.size = static_cast<gsize>(info.stride[0]) * rows;
         }
         bytes_.assign(info.size, canary);
         buffer_.reset(gst_buffer_new_wrapped_full(static_cast<GstMemoryFlags>(0), bytes_.data(), info.size, 0,
@@ -61,7 +61,7 @@ public:
     }
     bool isPaddingUntouched() const {
         const int stride = frame.info.stride[0];
-        for (int y = 0; y < height; ++y) {
+        for (int y = 0; y < rows; ++y) {
             const auto end = bytes_.begin() + (y + 1) * stride;
             if (!std::all_of(end - 64, end, [](unsigned char byte) { return byte == canary; })) {
                 return false;
@@ -149,7 +149,7 @@ protected:
     static double getWorst(const Picture& in, const Picture& out) {
         double worst = 0;
         const int components = static_cast<int>(GST_VIDEO_FRAME_N_COMPONENTS(&out.frame));
-        for (int y = 0; y < height; ++y) {
+        for (int y = 0; y < rows; ++y) {
             for (int x = 0; x < GST_VIDEO_FRAME_WIDTH(&in.frame); ++x) {
                 const Triple exact = convertExactly(in.getPixel(x, y), in.frame.info, out.frame.info);
                 for (int i = 0; i < components; ++i) {

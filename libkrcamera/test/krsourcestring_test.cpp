@@ -22,7 +22,7 @@ KRSourceString parse(const std::string& text) {
     return parseSourceString(text, kinds);
 }
 
-std::string errorOf(const std::function<void()>& function) {
+std::string parseErrorOf(const std::function<void()>& function) {
     try {
         function();
     } catch (const std::invalid_argument& error) {
@@ -44,7 +44,7 @@ TEST(KRSourceString, OnlySomeKindsHaveADefaultArgument) {
     EXPECT_EQ(parse("test").argument, "ball");
     EXPECT_EQ(parse("test:snow").argument, "snow");
     for (const std::string text : {"test:", "file", "file:", "rtsp", "rtsp:", "rtsp://", "rtsp:host"}) {
-        EXPECT_EQ(errorOf([&] { parse(text); }),
+        EXPECT_EQ(parseErrorOf([&] { parse(text); }),
                   "camera source \"" + text +
                       "\" is incomplete; supported are test, test:PATTERN, file:PATH, rtsp://...");
     }
@@ -52,7 +52,7 @@ TEST(KRSourceString, OnlySomeKindsHaveADefaultArgument) {
 
 TEST(KRSourceString, AnUnknownSchemeIsRefusedWithTheKnownOnes) {
     for (const std::string text : {"", ":", "webcam:0", "TEST", "tes", "tests:x"}) {
-        EXPECT_EQ(errorOf([&] { parse(text); }),
+        EXPECT_EQ(parseErrorOf([&] { parse(text); }),
                   "camera source \"" + text +
                       "\" is not supported; supported are test, test:PATTERN, file:PATH, rtsp://...");
     }
@@ -74,7 +74,7 @@ TEST(KRSourceString, HidesThePasswordOfAUriAndOfNothingElse) {
 TEST(KRSourceString, AnErrorDoesNotTellThePassword) {
     for (const std::string text :
          {"rtsp:user:secret@host", "rtsp:/user:secret@host", "rtsp:///user:secret@host"}) {
-        EXPECT_THAT(errorOf([&] { parse(text); }),
+        EXPECT_THAT(parseErrorOf([&] { parse(text); }),
                     testing::AllOf(testing::HasSubstr(":***@host\" is incomplete"),
                                    testing::Not(testing::HasSubstr("secret"))));
     }
@@ -104,10 +104,10 @@ TEST(KRRecordingAddress, APathMayContainWhatLooksLikeAnOption) {
 
 TEST(KRRecordingAddress, NeedsAPathAndAKnownPace) {
     for (const std::string text : {"", "#1", "?pace=own", "#1?pace=fetch"}) {
-        EXPECT_EQ(errorOf([&] { parseRecordingAddress(text); }),
+        EXPECT_EQ(parseErrorOf([&] { parseRecordingAddress(text); }),
                   "recording \"" + text + "\" is incomplete; expected PATH[#STREAM][?pace=own|fetch]");
     }
-    EXPECT_EQ(errorOf([] { parseRecordingAddress("film.oxv?pace=slow"); }),
+    EXPECT_EQ(parseErrorOf([] { parseRecordingAddress("film.oxv?pace=slow"); }),
               "recording \"film.oxv?pace=slow\" has an unknown pace; the paces are own, fetch");
 }
 

@@ -14,7 +14,7 @@ namespace KR {
 
 namespace {
 
-constexpr std::size_t kMemorySize = std::size_t{8} << 20; // of many slots together; one of a larger slot
+constexpr std::size_t kSharedSlotsSize = std::size_t{8} << 20; // of many slots together; one of a larger slot
 
 /// Four sizes for each doubling, so that at most a fifth of a slot is not used. Multiples of a page.
 std::size_t roundUp(std::size_t size) noexcept {
@@ -110,7 +110,7 @@ bool KRLocalPool::grow(std::size_t slotSize) {
     std::size_t slots = 1;
     {
         const KRLock lock(mutex_);
-        slots = std::max<std::size_t>(1, std::min(kMemorySize, limit_ / 8) / slotSize);
+        slots = std::max<std::size_t>(1, std::min(kSharedSlotsSize, limit_ / 8) / slotSize);
         // Other sizes make room, those that have been idle the longest first.
         while (size_ + slots * slotSize > limit_) {
             auto oldest = memories_.end();

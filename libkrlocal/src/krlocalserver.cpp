@@ -14,7 +14,7 @@ namespace KR {
 
 namespace {
 
-constexpr const char* kCategory = "krlocal";
+constexpr const char* kServerCategory = "krlocal";
 constexpr int kIdleTime_ms = 2000; // after which a thread that is not needed leaves
 
 thread_local const KRLocalServer* servingHere = nullptr;
@@ -94,7 +94,7 @@ void KRLocalSession::disconnect(const std::string& why) noexcept {
     channel_->disown();
     if (!broken_.exchange(true)) {
         ++*disconnected_;
-        logWarning(kCategory,
+        logWarning(kServerCategory,
                    "process " + std::to_string(channel_->getProcess()) + " is disconnected, it " + why);
     }
 }
@@ -158,7 +158,7 @@ void KRLocalServer::startThread() {
         const KRLock lock(mutex_);
         --threads_;
         left_.notifyAll();
-        logError(kCategory, std::string("no thread to serve requests: ") + error.what());
+        logError(kServerCategory, std::string("no thread to serve requests: ") + error.what());
     }
 }
 
@@ -225,7 +225,7 @@ void KRLocalServer::serve(std::uint64_t id) {
         remove(session);
         return;
     } catch (const std::exception& error) { // no memory, no descriptors
-        logWarning(kCategory, "the connection of process " +
+        logWarning(kServerCategory, "the connection of process " +
                                   std::to_string(session->getChannel().getProcess()) +
                                   " is closed: " + error.what());
         remove(session);

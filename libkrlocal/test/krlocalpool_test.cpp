@@ -12,7 +12,7 @@
 namespace KR {
 namespace {
 
-constexpr std::size_t kImage = 614400;
+constexpr std::size_t kPixels = 614400;
 constexpr std::size_t kMega = 1 << 20;
 
 KRBinary share(KRLocalPool& pool, std::size_t size, unsigned char value) {
@@ -56,21 +56,21 @@ protected:
 
 TEST(KRLocalPool, UsesASlotAgainOnceItsLastHandleIsGone) {
     const auto pool = std::make_shared<KRLocalPool>(16 * kMega);
-    auto first = pool->allocate(kImage);
+    auto first = pool->allocate(kPixels);
     ASSERT_TRUE(first);
     auto copy = first;
     const unsigned char* const address = first.get();
     first = nullptr;
-    EXPECT_NE(pool->allocate(kImage).get(), address);
+    EXPECT_NE(pool->allocate(kPixels).get(), address);
     copy = nullptr;
-    EXPECT_EQ(pool->allocate(kImage).get(), address);
+    EXPECT_EQ(pool->allocate(kPixels).get(), address);
 }
 
 TEST(KRLocalPool, StaysWithinItsLimitAndRecovers) {
     const auto pool = std::make_shared<KRLocalPool>(4 * kMega);
     std::vector<KRBinary> held;
     for (;;) {
-        KRBinary next = share(*pool, kImage, 1);
+        KRBinary next = share(*pool, kPixels, 1);
         if (next.size() == 0) {
             break;
         }
@@ -79,14 +79,14 @@ TEST(KRLocalPool, StaysWithinItsLimitAndRecovers) {
     EXPECT_GE(held.size(), 5u);
     EXPECT_LE(pool->getSize(), 4 * kMega);
     held.pop_back();
-    EXPECT_GT(share(*pool, kImage, 1).size(), 0u);
+    EXPECT_GT(share(*pool, kPixels, 1).size(), 0u);
 }
 
 TEST(KRLocalPool, ReusesUnusedMemoryForAnotherSize) {
     const auto pool = std::make_shared<KRLocalPool>(4 * kMega);
     std::vector<KRBinary> held;
     while (held.empty() || held.back().size() > 0) {
-        held.push_back(share(*pool, kImage, 1));
+        held.push_back(share(*pool, kPixels, 1));
     }
     EXPECT_EQ(share(*pool, 3 * kMega, 1).size(), 0u);
     held.clear();
@@ -96,44 +96,44 @@ TEST(KRLocalPool, ReusesUnusedMemoryForAnotherSize) {
 
 TEST(KRLocalPool, ReturnsUnusedMemory) {
     const auto pool = std::make_shared<KRLocalPool>(64 * kMega);
-    const KRBinary held = share(*pool, kImage, 1);
+    const KRBinary held = share(*pool, kPixels, 1);
     const std::size_t one = pool->getSize();
     EXPECT_GT(share(*pool, 5 * kMega, 1).size(), 0u);
     EXPECT_GT(pool->getSize(), one);
     EXPECT_TRUE(pool->trim(std::chrono::seconds(0)));
     EXPECT_EQ(pool->getSize(), one);
-    EXPECT_EQ(held.data()[kImage - 1], 1);
+    EXPECT_EQ(held.data()[kPixels - 1], 1);
 }
 
 TEST(KRLocalPool, HasNothingForSmallBinariesOrWithoutALimit) {
-    EXPECT_FALSE(std::make_shared<KRLocalPool>(0)->allocate(kImage));
+    EXPECT_FALSE(std::make_shared<KRLocalPool>(0)->allocate(kPixels));
     EXPECT_FALSE(std::make_shared<KRLocalPool>(kMega)->allocate(100));
 }
 
 TEST_F(Lending, TheReceiverSeesTheVeryMemoryThatWasFilled) {
-    const auto bytes = pool->allocate(kImage);
-    std::memset(bytes.get(), 5, kImage);
-    const KRBinary got = pass(KRBinary(bytes, kImage));
-    ASSERT_EQ(got.size(), kImage);
-    EXPECT_EQ(got.data()[kImage - 1], 5);
+    const auto bytes = pool->allocate(kPixels);
+    std::memset(bytes.get(), 5, kPixels);
+    const KRBinary got = pass(KRBinary(bytes, kPixels));
+    ASSERT_EQ(got.size(), kPixels);
+    EXPECT_EQ(got.data()[kPixels - 1], 5);
     bytes[100] = 6; // nobody else may do that; shows that nothing was copied
     EXPECT_EQ(got.data()[100], 6);
 }
 
 TEST_F(Lending, ASlotIsUsedAgainOnlyWhenTheReceiversLastCopyIsGone) {
-    KRBinary sent = share(*pool, kImage, 5);
+    KRBinary sent = share(*pool, kPixels, 5);
     const unsigned char* const address = sent.data();
     KRBinary got = pass(sent);
     KRBinary copy = got;
     sent = {};
     got = {};
-    EXPECT_NE(pool->allocate(kImage).get(), address);
+    EXPECT_NE(pool->allocate(kPixels).get(), address);
     EXPECT_EQ(copy.data()[0], 5);
     EXPECT_EQ(lendings->collect(), 1u);
     copy = {};
     EXPECT_EQ(lendings->collect(), 0u);
     EXPECT_EQ(pool->getUsedSlots(), 0u);
-    EXPECT_EQ(pool->allocate(kImage).get(), address);
+    EXPECT_EQ(pool->allocate(kPixels).get(), address);
 }
 
 TEST_F(Lending, APoolThatIsShortTakesWhatHasBeenGivenBack) {
@@ -152,11 +152,11 @@ TEST_F(Lending, APoolThatIsShortTakesWhatHasBeenGivenBack) {
 }
 
 TEST_F(Lending, OneBinaryCanBeLentManyTimes) {
-    const KRBinary sent = share(*pool, kImage, 5);
+    const KRBinary sent = share(*pool, kPixels, 5);
     std::vector<KRBinary> got;
     for (int i = 0; i < 10; ++i) {
         got.push_back(pass(sent));
-        ASSERT_EQ(got.back().size(), kImage);
+        ASSERT_EQ(got.back().size(), kPixels);
     }
     EXPECT_EQ(pool->getUsedSlots(), 1u);
     got.clear();
@@ -179,12 +179,12 @@ TEST_F(Lending, AReceiverThatKeepsEverythingGetsHalfOfThePool) {
 }
 
 TEST_F(Lending, WhatIsHeldWhenTheConnectionClosesStaysAsItIs) {
-    KRBinary got = pass(share(*pool, kImage, 5));
+    KRBinary got = pass(share(*pool, kPixels, 5));
     ASSERT_TRUE(lendings->close(getpid())); // the other is alive: it is this process
     pool->keepUntilReturned(lendings);
     lendings = nullptr;
     for (int i = 0; i < 10; ++i) {
-        share(*pool, kImage, 9);
+        share(*pool, kPixels, 9);
     }
     EXPECT_EQ(got.data()[0], 5);
     EXPECT_EQ(pool->getUsedSlots(), 1u);
@@ -194,7 +194,7 @@ TEST_F(Lending, WhatIsHeldWhenTheConnectionClosesStaysAsItIs) {
 }
 
 TEST_F(Lending, MemoryThatIsGoneIsReportedToWhoeverHasIt) {
-    const std::size_t size = kImage;
+    const std::size_t size = kPixels;
     pass(share(*pool, size, 5));
     EXPECT_TRUE(lendings->takeForgotten().empty());
     pool->trim(std::chrono::seconds(0));
@@ -208,7 +208,7 @@ TEST_F(Lending, MemoryThatIsGoneIsReportedToWhoeverHasIt) {
 TEST_F(Lending, ReturningASlotThatIsNotHeldIsAnError) {
     KRLocalFrame frame;
     std::vector<std::shared_ptr<const KRSharedMemory>> memories;
-    const KRBinary sent = share(*pool, kImage, 5);
+    const KRBinary sent = share(*pool, kPixels, 5);
     ASSERT_TRUE(lendings->lend(sent, frame, memories));
     const KRLocalFrame::Binary lent = frame.binaries[0];
     unsigned char* const page = borrowings.getReturns().data();

@@ -13,10 +13,10 @@ namespace KR {
 
 namespace {
 
-constexpr const char* kCategory = "krplatform.memory";
+constexpr const char* kLedgerCategory = "krplatform.memory";
 // The memory module may discover the modules of this process a little later than this process discovers it.
 constexpr int kTries = 25;
-constexpr std::chrono::milliseconds kRetryInterval{200};
+constexpr std::chrono::milliseconds kDeliveryRetryInterval{200};
 // Time for the clients in other processes to subscribe again before they would miss the events that were kept.
 constexpr std::chrono::seconds kResubscriptionTime{1};
 
@@ -178,7 +178,7 @@ void KRMemoryLedger::noticeModule(const std::string& module, bool reachable) noe
             startHandOver();
         }
     } catch (...) {
-        logError(kCategory, "no memory to note that a module came or went");
+        logError(kLedgerCategory, "no memory to note that a module came or went");
     }
 }
 
@@ -189,7 +189,7 @@ void KRMemoryLedger::goAway() {
     away_ = true;
     handedOver_ = {};
     lost_ = 0;
-    logWarning(kCategory, "the memory module has gone; values and events are kept until one is back");
+    logWarning(kLedgerCategory, "the memory module has gone; values and events are kept until one is back");
 }
 
 void KRMemoryLedger::startHandOver() {
@@ -240,7 +240,7 @@ void KRMemoryLedger::handOver() {
             const KRLock lock(mutex_);
             handingOver_ = false; // the next operation tries again
         }
-        logError(kCategory, "what was kept for the memory module is not handed over: " + why);
+        logError(kLedgerCategory, "what was kept for the memory module is not handed over: " + why);
     }
 }
 
@@ -263,7 +263,7 @@ void KRMemoryLedger::repeat(std::uint32_t memory) {
                 return;
             }
         }
-        if (!complete && !pause(kRetryInterval)) {
+        if (!complete && !pause(kDeliveryRetryInterval)) {
             return;
         }
     }
@@ -278,7 +278,7 @@ bool KRMemoryLedger::repeatAll(const Declarations& declarations, const Subscript
         } catch (const KRError& error) {
             complete = false;
             if (last) {
-                logError(kCategory,
+                logError(kLedgerCategory,
                          std::string("the memory module that has come does not know all: ") + error.what());
             }
         }
@@ -330,10 +330,10 @@ void KRMemoryLedger::handOverBacklog() {
                     const KRLock lock(mutex_);
                     backlog_.putBack(std::move(entry));
                 }
-                pause(kRetryInterval);
+                pause(kDeliveryRetryInterval);
                 return;
             }
-            logWarning(kCategory, (value ? "the value " : "the event ") + entry.name +
+            logWarning(kLedgerCategory, (value ? "the value " : "the event ") + entry.name +
                                       " was kept, but is refused: " + error.what());
             const KRLock lock(mutex_);
             ++lost_;
@@ -351,9 +351,9 @@ void KRMemoryLedger::reportBack() {
         text += ", and " + describe(handedOver_) + " that were kept";
     }
     if (lost_ > 0) {
-        logWarning(kCategory, text + "; " + std::to_string(lost_) + " were lost");
+        logWarning(kLedgerCategory, text + "; " + std::to_string(lost_) + " were lost");
     } else {
-        logInfo(kCategory, text);
+        logInfo(kLedgerCategory, text);
     }
 }
 
@@ -371,11 +371,11 @@ void KRMemoryLedger::stop() noexcept {
         stopping_ = true;
         stopped_.notifyAll();
         if (!backlog_.isEmpty()) {
-            logWarning(kCategory, describe(backlog_.getCounts()) +
+            logWarning(kLedgerCategory, describe(backlog_.getCounts()) +
                                       " that were kept for the memory module are lost: none is back");
         }
     } catch (...) {
-        logError(kCategory, "no memory to report what was kept for the memory module");
+        logError(kLedgerCategory, "no memory to report what was kept for the memory module");
     }
 }
 

@@ -32,8 +32,8 @@ using testing::Pair;
 using testing::ThrowsMessage;
 
 /// A broker, its memory, and a client "client" that is subscribed to "event".
-struct Fixture {
-    explicit Fixture(EventListener::Hook hook = {})
+struct EventFixture {
+    explicit EventFixture(EventListener::Hook hook = {})
         : client(createModule<EventListener>(broker, "client", std::move(hook))) {
         memory.subscribeToEvent("event", "client", "onEvent");
     }
@@ -49,14 +49,14 @@ struct Fixture {
 };
 
 TEST(KRMemoryEvent, IsDeliveredWithItsNameAndValueAndKeptAsData) {
-    Fixture f;
+    EventFixture f;
     f.memory.raiseEvent("event", KRValue::array(1, "face"));
     EXPECT_THAT(f.client->waitForEvents(1), ElementsAre(Pair("event", KRValue::array(1, "face"))));
     EXPECT_EQ(f.memory.getData("event"), KRValue::array(1, "face"));
 }
 
 TEST(KRMemoryEvent, ReachesEverySubscriberAndNobodyElse) {
-    Fixture f;
+    EventFixture f;
     const auto other = createModule<EventListener>(f.broker, "other");
     const auto bystander = createModule<EventListener>(f.broker, "bystander");
     f.memory.subscribeToEvent("event", "other", "onEvent");
@@ -69,7 +69,7 @@ TEST(KRMemoryEvent, ReachesEverySubscriberAndNobodyElse) {
 }
 
 TEST(KRMemoryEvent, TenThousandComeInTheOrderOfRaising) {
-    Fixture f;
+    EventFixture f;
     constexpr int kEvents = 10000;
     for (int i = 0; i < kEvents; ++i) {
         f.memory.raiseEvent("event", i);
@@ -83,7 +83,7 @@ TEST(KRMemoryEvent, TenThousandComeInTheOrderOfRaising) {
 }
 
 TEST(KRMemoryEvent, EachRaisersEventsComeInTheirOrder) {
-    Fixture f;
+    EventFixture f;
     std::vector<std::thread> raisers;
     for (int raiser = 0; raiser < 4; ++raiser) {
         raisers.emplace_back([&, raiser] {
@@ -108,7 +108,7 @@ TEST(KRMemoryEvent, ASlowSubscriberLosesTheOldestAndTheLossIsLoggedAndCounted) {
     const test::RecordedLog recorded;
     Event entered;
     Event release;
-    Fixture f([&](const KRValue&) {
+    EventFixture f([&](const KRValue&) {
         entered.set();
         EXPECT_TRUE(release.wait());
     });
@@ -276,7 +276,7 @@ TEST(KRMemoryEvent, ASlowSubscriberGetsTheCountOfLostEventsBeforeTheNextOne) {
 TEST(KRMemoryEvent, ASlowSubscriberHoldsUpNeitherTheRaiserNorOthers) {
     Event entered;
     Event release;
-    Fixture f([&](const KRValue&) {
+    EventFixture f([&](const KRValue&) {
         entered.set();
         EXPECT_TRUE(release.wait());
     });
@@ -291,7 +291,7 @@ TEST(KRMemoryEvent, ASlowSubscriberHoldsUpNeitherTheRaiserNorOthers) {
 
 TEST(KRMemoryEvent, ACallbackThatThrowsIsLoggedAndGetsTheNextEventAllTheSame) {
     const test::RecordedLog recorded;
-    Fixture f([&](const KRValue& value) {
+    EventFixture f([&](const KRValue& value) {
         if (value == 1) {
             throw std::runtime_error("no film");
         }
@@ -342,7 +342,7 @@ TEST(KRMemoryEvent, SubscribingAgainReplacesTheCallback) {
 }
 
 TEST(KRMemoryEvent, NothingComesAfterUnsubscribing) {
-    Fixture f;
+    EventFixture f;
     f.memory.subscribeToEvent("last", "client", "onEvent");
     f.memory.unsubscribeFromEvent("event", "client");
     f.memory.raiseEvent("event", 1);
@@ -354,7 +354,7 @@ TEST(KRMemoryEvent, NothingComesAfterUnsubscribing) {
 }
 
 TEST(KRMemoryEvent, ABadClientOrCallbackIsRefused) {
-    Fixture f;
+    EventFixture f;
     EXPECT_THAT([&] { f.memory.subscribeToEvent("e", "nobody", "onEvent"); },
                 ThrowsMessage<KRError>(HasSubstr("there is no module named nobody")));
     EXPECT_THAT(
@@ -368,7 +368,7 @@ TEST(KRMemoryEvent, ABadClientOrCallbackIsRefused) {
 }
 
 TEST(KRMemoryEvent, AClientThatGoesIsForgotten) {
-    Fixture f;
+    EventFixture f;
     f.client.reset();
     EXPECT_EQ(f.memory.getEventSubscribers("event"), KRValue::array());
     f.memory.raiseEvent("event", 1);
@@ -399,7 +399,7 @@ TEST(KRMemoryEvent, AClientMaySubscribeInItsConstructor) {
 }
 
 TEST(KRMemoryEvent, TheListNamesWhatWasDeclaredRaisedOrSubscribedTo) {
-    Fixture f;
+    EventFixture f;
     f.memory.declareEvent("declared");
     f.memory.declareEvent("declared with extractor", "extractor");
     f.memory.raiseEvent("raised", 1);

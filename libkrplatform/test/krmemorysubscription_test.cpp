@@ -24,8 +24,8 @@ using testing::IsEmpty;
 using testing::ThrowsMessage;
 
 /// A broker, its memory, an extractor "extractor" that declared "event", and a client "client".
-struct Fixture {
-    explicit Fixture(FakeExtractor::Hook hook = {})
+struct SubscriptionFixture {
+    explicit SubscriptionFixture(FakeExtractor::Hook hook = {})
         : extractor(createModule<FakeExtractor>(broker, "extractor", std::move(hook))) {
         memory.declareEvent("event", "extractor");
     }
@@ -37,7 +37,7 @@ struct Fixture {
 };
 
 TEST(KRMemorySubscription, SubscribesTheClientToTheExtractorBeforeItReturns) {
-    Fixture f;
+    SubscriptionFixture f;
     f.memory.subscribeToEvent("event", "client", "onEvent");
     EXPECT_THAT(f.extractor->getCalls(), ElementsAre("subscribe client"));
     f.memory.unsubscribeFromEvent("event", "client");
@@ -45,7 +45,7 @@ TEST(KRMemorySubscription, SubscribesTheClientToTheExtractorBeforeItReturns) {
 }
 
 TEST(KRMemorySubscription, EachClientIsSubscribedByItself) {
-    Fixture f;
+    SubscriptionFixture f;
     const auto other = createModule<EventListener>(f.broker, "other");
     f.memory.subscribeToEvent("event", "client", "onEvent");
     f.memory.subscribeToEvent("event", "other", "onEvent");
@@ -54,7 +54,7 @@ TEST(KRMemorySubscription, EachClientIsSubscribedByItself) {
 }
 
 TEST(KRMemorySubscription, AClientsLastEventUnsubscribesItFromTheExtractor) {
-    Fixture f;
+    SubscriptionFixture f;
     f.memory.declareEvent("second", "extractor");
     f.memory.subscribeToEvent("event", "client", "onEvent");
     f.memory.subscribeToEvent("second", "client", "onEvent");
@@ -67,7 +67,7 @@ TEST(KRMemorySubscription, AClientsLastEventUnsubscribesItFromTheExtractor) {
 }
 
 TEST(KRMemorySubscription, AnEventMayBeDeclaredLater) {
-    Fixture f;
+    SubscriptionFixture f;
     f.memory.subscribeToEvent("later", "client", "onEvent");
     EXPECT_THAT(f.extractor->getCalls(), IsEmpty());
     f.memory.declareEvent("later", "extractor");
@@ -75,7 +75,7 @@ TEST(KRMemorySubscription, AnEventMayBeDeclaredLater) {
 }
 
 TEST(KRMemorySubscription, ADeclaredExtractorMayComeLater) {
-    Fixture f;
+    SubscriptionFixture f;
     f.memory.declareEvent("other event", "other extractor");
     f.memory.subscribeToEvent("other event", "client", "onEvent");
     const auto other = createModule<FakeExtractor>(f.broker, "other extractor");
@@ -83,7 +83,7 @@ TEST(KRMemorySubscription, ADeclaredExtractorMayComeLater) {
 }
 
 TEST(KRMemorySubscription, AnEventMayGoFromOneExtractorToAnother) {
-    Fixture f;
+    SubscriptionFixture f;
     const auto other = createModule<FakeExtractor>(f.broker, "other extractor");
     f.memory.subscribeToEvent("event", "client", "onEvent");
     f.memory.declareEvent("event", "other extractor");
@@ -94,7 +94,7 @@ TEST(KRMemorySubscription, AnEventMayGoFromOneExtractorToAnother) {
 }
 
 TEST(KRMemorySubscription, AnExtractorThatComesBackHasItsSubscribersAgain) {
-    Fixture f;
+    SubscriptionFixture f;
     f.memory.subscribeToEvent("event", "client", "onEvent");
     for (int round = 0; round < 5; ++round) {
         f.extractor.reset();
@@ -106,7 +106,7 @@ TEST(KRMemorySubscription, AnExtractorThatComesBackHasItsSubscribersAgain) {
 }
 
 TEST(KRMemorySubscription, AClientMayLeaveWhileTheExtractorIsAway) {
-    Fixture f;
+    SubscriptionFixture f;
     f.memory.subscribeToEvent("event", "client", "onEvent");
     f.extractor.reset();
     f.memory.unsubscribeFromEvent("event", "client");
@@ -116,7 +116,7 @@ TEST(KRMemorySubscription, AClientMayLeaveWhileTheExtractorIsAway) {
 }
 
 TEST(KRMemorySubscription, AClientThatGoesIsUnsubscribedFromTheExtractor) {
-    Fixture f;
+    SubscriptionFixture f;
     const auto other = createModule<EventListener>(f.broker, "other");
     f.memory.subscribeToEvent("event", "client", "onEvent");
     f.memory.subscribeToEvent("event", "other", "onEvent");
@@ -125,7 +125,7 @@ TEST(KRMemorySubscription, AClientThatGoesIsUnsubscribedFromTheExtractor) {
 }
 
 TEST(KRMemorySubscription, AClientThatExitsIsUnsubscribedThoughItStillStands) {
-    Fixture f;
+    SubscriptionFixture f;
     f.memory.subscribeToEvent("event", "client", "onEvent");
     f.client->exit();
     EXPECT_TRUE(f.extractor->waitForSubscribers({}));
@@ -133,7 +133,7 @@ TEST(KRMemorySubscription, AClientThatExitsIsUnsubscribedThoughItStillStands) {
 
 TEST(KRMemorySubscription, ARefusalOfTheExtractorIsTheCallersErrorAndNothingIsKept) {
     std::atomic<bool> refuse = true;
-    Fixture f([&](const std::string& call, const std::string&) {
+    SubscriptionFixture f([&](const std::string& call, const std::string&) {
         if (refuse && call == "subscribe") {
             throw KRError("extractor", "subscribe", "the camera is unplugged");
         }
@@ -150,7 +150,7 @@ TEST(KRMemorySubscription, ARefusalOfTheExtractorIsTheCallersErrorAndNothingIsKe
 
 TEST(KRMemorySubscription, AnExtractorThatThrowsAnythingAtAllBlocksNobody) {
     std::atomic<bool> refuse = true;
-    Fixture f([&](const std::string&, const std::string&) {
+    SubscriptionFixture f([&](const std::string&, const std::string&) {
         if (refuse) {
             throw 7;
         }
@@ -167,7 +167,7 @@ TEST(KRMemorySubscription, AnExtractorThatThrowsAnythingAtAllBlocksNobody) {
 
 TEST(KRMemorySubscription, AnExtractorThatFailsToUnsubscribeIsLogged) {
     const test::RecordedLog recorded;
-    Fixture f([&](const std::string& call, const std::string&) {
+    SubscriptionFixture f([&](const std::string& call, const std::string&) {
         if (call == "unsubscribe") {
             throw std::runtime_error("stuck");
         }
@@ -178,7 +178,7 @@ TEST(KRMemorySubscription, AnExtractorThatFailsToUnsubscribeIsLogged) {
 }
 
 TEST(KRMemorySubscription, AModuleWithoutSubscribeIsNoExtractor) {
-    Fixture f;
+    SubscriptionFixture f;
     f.memory.declareEvent("event", "client");
     EXPECT_THAT([&] { f.memory.subscribeToEvent("event", "client", "onEvent"); },
                 ThrowsMessage<KRError>(HasSubstr("client.subscribe: no such method")));
@@ -206,7 +206,7 @@ TEST(KRMemorySubscription, LocksNothingWhileTheExtractorIsAsked) {
 TEST(KRMemorySubscription, ASecondSubscriptionWaitsForTheFirstOneThatIsUnderWay) {
     Event entered;
     Event release;
-    Fixture f([&](const std::string&, const std::string&) {
+    SubscriptionFixture f([&](const std::string&, const std::string&) {
         entered.set();
         EXPECT_TRUE(release.wait());
     });
@@ -229,7 +229,7 @@ TEST(KRMemorySubscription, ARefusalDoesNotEndASubscriptionThatTheClientMadeMeanw
     Event entered;
     Event release;
     std::atomic<int> asked = 0;
-    Fixture f([&](const std::string& call, const std::string&) {
+    SubscriptionFixture f([&](const std::string& call, const std::string&) {
         if (call == "subscribe" && ++asked == 1) {
             entered.set();
             EXPECT_TRUE(release.wait());
@@ -252,7 +252,7 @@ TEST(KRMemorySubscription, AnExtractorMayGoWhileItIsAsked) {
     for (int round = 0; round < 30; ++round) {
         Event entered;
         Event release;
-        Fixture f([&](const std::string&, const std::string&) {
+        SubscriptionFixture f([&](const std::string&, const std::string&) {
             entered.set();
             EXPECT_TRUE(release.wait());
         });

@@ -21,8 +21,8 @@ using testing::HasSubstr;
 using testing::ThrowsMessage;
 
 /// A broker with one module, and a proxy on it.
-struct Fixture {
-    explicit Fixture(const TestModule::Setup& setup) : module(makeModule(broker, "module", setup)) {}
+struct CallFixture {
+    explicit CallFixture(const TestModule::Setup& setup) : module(makeModule(broker, "module", setup)) {}
 
     boost::shared_ptr<KRBroker> broker = KRBroker::create("local:?memory=none");
     KRModuleHandle<TestModule> module;
@@ -35,7 +35,7 @@ auto refusesAndSays(const std::string& text) {
 }
 
 TEST(KRModuleCall, ArgumentsAndResultOfEveryTypeTravel) {
-    const Fixture f([](TestModule& m) {
+    const CallFixture f([](TestModule& m) {
         m.add("bool", [](bool v) { return !v; });
         m.add("int", [](int v) { return -v; });
         m.add("float", [](float v) { return v / 2; });
@@ -61,7 +61,7 @@ TEST(KRModuleCall, ArgumentsAndResultOfEveryTypeTravel) {
 
 TEST(KRModuleCall, RunsOnTheCallersThreadAndCopiesNoPixels) {
     std::thread::id ranOn;
-    const Fixture f([&](TestModule& m) {
+    const CallFixture f([&](TestModule& m) {
         m.add("echo", [&](const KRValue& v) {
             ranOn = std::this_thread::get_id();
             return v;
@@ -73,7 +73,7 @@ TEST(KRModuleCall, RunsOnTheCallersThreadAndCopiesNoPixels) {
 }
 
 TEST(KRModuleCall, AnOverloadIsChosenByTheNumberOfArguments) {
-    const Fixture f([](TestModule& m) {
+    const CallFixture f([](TestModule& m) {
         m.add("f", [](const std::string&, int, float) { return 3; });
         m.add("f", [](const std::string&) { return 1; });
         m.add("f", [] { return 0; });
@@ -84,7 +84,7 @@ TEST(KRModuleCall, AnOverloadIsChosenByTheNumberOfArguments) {
 }
 
 TEST(KRModuleCall, AnOverloadIsChosenByTheTypesOfArguments) {
-    const Fixture f([](TestModule& m) {
+    const CallFixture f([](TestModule& m) {
         m.add("f", [](const KRValue&) { return std::string("value"); });
         m.add("f", [](float) { return std::string("float"); });
         m.add("f", [](int) { return std::string("int"); });
@@ -98,7 +98,7 @@ TEST(KRModuleCall, AnOverloadIsChosenByTheTypesOfArguments) {
 }
 
 TEST(KRModuleCall, AnIntIsReadAsAFloatBeforeItIsTakenAsAnyValue) {
-    const Fixture f([](TestModule& m) {
+    const CallFixture f([](TestModule& m) {
         m.add("f", [](const KRValue&) { return std::string("value"); });
         m.add("f", [](float) { return std::string("float"); });
     });
@@ -106,7 +106,7 @@ TEST(KRModuleCall, AnIntIsReadAsAFloatBeforeItIsTakenAsAnyValue) {
 }
 
 TEST(KRModuleCall, TheOverloadWithTheFewestConversionsWins) {
-    const Fixture f([](TestModule& m) {
+    const CallFixture f([](TestModule& m) {
         m.add("f", [](float, float) { return std::string("two floats"); });
         m.add("f", [](int, float) { return std::string("int and float"); });
     });
@@ -115,7 +115,7 @@ TEST(KRModuleCall, TheOverloadWithTheFewestConversionsWins) {
 }
 
 TEST(KRModuleCall, AValueArgumentTakesEveryTypeAndAFloatArgumentAnInt) {
-    const Fixture f([](TestModule& m) {
+    const CallFixture f([](TestModule& m) {
         m.add("type", [](const KRValue& v) { return std::string(getTypeName(v.getType())); });
         m.add("half", [](float v) { return v / 2; });
     });
@@ -126,7 +126,7 @@ TEST(KRModuleCall, AValueArgumentTakesEveryTypeAndAFloatArgumentAnInt) {
 }
 
 TEST(KRModuleCall, AWrongNumberOrTypeIsAnErrorThatTellsTheSignatures) {
-    const Fixture f([](TestModule& m) {
+    const CallFixture f([](TestModule& m) {
         m.functionName("set", "M", "");
         m.addParam("period", "");
         struct Object {
@@ -145,7 +145,7 @@ TEST(KRModuleCall, AWrongNumberOrTypeIsAnErrorThatTellsTheSignatures) {
 }
 
 TEST(KRModuleCall, AnUnknownMethodIsAnErrorThatTellsWhatThereIs) {
-    const Fixture f([](TestModule& m) {
+    const CallFixture f([](TestModule& m) {
         m.add("go", [](int) {});
         m.add("stop", [] {});
     });
@@ -155,7 +155,7 @@ TEST(KRModuleCall, AnUnknownMethodIsAnErrorThatTellsWhatThereIs) {
 }
 
 TEST(KRModuleCall, AnErrorCarriesModuleAndMethodApart) {
-    const Fixture f([](TestModule& m) { m.add("go", [](int) {}); });
+    const CallFixture f([](TestModule& m) { m.add("go", [](int) {}); });
     try {
         f.proxy->call("go", "fast");
         FAIL();
@@ -177,12 +177,12 @@ TEST(KRModuleCall, AModuleThatIsNotThereIsAnErrorThatNamesIt) {
 }
 
 TEST(KRModuleCall, AResultOfAnotherTypeIsAnError) {
-    const Fixture f([](TestModule& m) { m.add("name", [] { return std::string("text"); }); });
+    const CallFixture f([](TestModule& m) { m.add("name", [] { return std::string("text"); }); });
     EXPECT_THROW((void)f.proxy->call<int>("name"), KRError);
 }
 
 TEST(KRModuleCall, WhatTheMethodThrowsReachesTheCaller) {
-    const Fixture f([](TestModule& m) {
+    const CallFixture f([](TestModule& m) {
         m.add("throwKR", [] { throw KRError("camera", "open", "unplugged"); });
         m.add("throwStd", [] { throw std::out_of_range("too far"); });
         m.add("throwInt", [] { throw 7; });
@@ -195,7 +195,7 @@ TEST(KRModuleCall, WhatTheMethodThrowsReachesTheCaller) {
 }
 
 TEST(KRModuleCall, AMethodMayCallItsOwnModule) {
-    const Fixture f([](TestModule& m) {
+    const CallFixture f([](TestModule& m) {
         m.add("count", [&m](int n) {
             return n == 0 ? 0 : 1 + m.getParentBroker()->getProxy("module")->call<int>("count", n - 1);
         });
@@ -204,7 +204,7 @@ TEST(KRModuleCall, AMethodMayCallItsOwnModule) {
 }
 
 TEST(KRModuleCall, ArgumentsMayBeGivenAsValues) {
-    const Fixture f([](TestModule& m) { m.add("sub", [](int a, int b) { return a - b; }); });
+    const CallFixture f([](TestModule& m) { m.add("sub", [](int a, int b) { return a - b; }); });
     EXPECT_EQ(f.proxy->callValues("sub", std::array<KRValue, 2>{5, 3}), 2);
 }
 

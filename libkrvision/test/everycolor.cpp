@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <random>
 #include <vector>
 
 namespace KR::test {
@@ -14,6 +15,17 @@ using Bytes = std::vector<unsigned char>;
 constexpr std::size_t kChunk = 1 << 16;
 
 } // namespace
+
+std::vector<unsigned char> randomBytes(std::size_t size, unsigned seed) {
+    std::mt19937 random(seed);
+    Bytes bytes(size);
+    std::generate(bytes.begin(), bytes.end(), [&random] { return static_cast<unsigned char>(random()); });
+    return bytes;
+}
+
+std::string nameOf(const testing::TestParamInfo<const ConversionPath*>& path) {
+    return path.param->name;
+}
 
 std::size_t countWrongBgrColors(const ConversionPath& path) {
     Bytes bgr(kChunk * 6);

@@ -29,7 +29,7 @@ KRAnnotations makeAnnotations() {
     return annotations;
 }
 
-KRImage makeImage(int width, int height, int colorSpace) {
+KRImage makeCanvas(int width, int height, int colorSpace) {
     return KRImage(width, height, colorSpace, false, 0, 0, 0, 0);
 }
 
@@ -59,7 +59,7 @@ TEST(KRAnnotations, TravelAsAValueAndBack) {
 }
 
 TEST(KRAnnotations, AnImageGivesThemItsCameraAndTimeStamp) {
-    KRImage image = makeImage(4, 4, kLumaColorSpace);
+    KRImage image = makeCanvas(4, 4, kLumaColorSpace);
     image.cameraId = 3;
     image.timeStamp = 42;
     const KRAnnotations annotations(image);
@@ -99,7 +99,7 @@ TEST(KRAnnotations, AValueOfAnotherLayoutIsRefusedByTheNameOfItsElement) {
 
 TEST(KRAnnotationsDrawing, ABoxLiesWhereItsCoordinatesSayInEverySize) {
     for (const auto& [width, height] : {std::pair(160, 120), std::pair(640, 480)}) {
-        KRImage image = makeImage(width, height, kRgbColorSpace);
+        KRImage image = makeCanvas(width, height, kRgbColorSpace);
         KRAnnotations annotations;
         annotations.boxes = {{0.25F, 0.25F, 0.75F, 0.75F, "", 1, -1}};
         drawAnnotations(image, annotations);
@@ -122,7 +122,7 @@ TEST(KRAnnotationsDrawing, EveryColorSpaceGetsItsOwnOrange) {
                                                                     {kBgrColorSpace, {0, 128, 255}},
                                                                     {kBgrxColorSpace, {0, 128, 255, 255}}};
     for (const auto& [colorSpace, pixel] : expected) {
-        KRImage image = makeImage(64, 64, colorSpace);
+        KRImage image = makeCanvas(64, 64, colorSpace);
         KRAnnotations annotations;
         annotations.boxes = {{0, 0, 1, 1, "", 1, -1}};
         drawAnnotations(image, annotations);
@@ -131,7 +131,7 @@ TEST(KRAnnotationsDrawing, EveryColorSpaceGetsItsOwnOrange) {
 }
 
 TEST(KRAnnotationsDrawing, PointsLinesAndTextsAreDrawn) {
-    KRImage image = makeImage(100, 100, kBgrColorSpace);
+    KRImage image = makeCanvas(100, 100, kBgrColorSpace);
     KRAnnotations annotations;
     annotations.points = {{0.2F, 0.2F}};
     annotations.polylines = {{{{0.5F, 0.5F}, {0.9F, 0.5F}, {0.9F, 0.9F}}, true}};
@@ -158,7 +158,7 @@ TEST(KRAnnotationsDrawing, WhatLiesOutsideIsCutOffInEverySize) {
     annotations.texts = {{{0.99F, 0.99F}, "cut"}, {{-huge, huge}, "far"}, {{0, 0}, "\xC3\xA4\xFF\x1B"}};
     for (int width = 1; width <= 9; ++width) {
         for (const int colorSpace : {kLumaColorSpace, kYUV422ColorSpace, kBgrxColorSpace}) {
-            KRImage image = makeImage(width, 3, colorSpace); // odd numbers of pixels among them
+            KRImage image = makeCanvas(width, 3, colorSpace); // odd numbers of pixels among them
             drawAnnotations(image, annotations);
             EXPECT_GT(countChangedBytes(image), 0U);
         }
@@ -166,15 +166,15 @@ TEST(KRAnnotationsDrawing, WhatLiesOutsideIsCutOffInEverySize) {
 }
 
 TEST(KRAnnotationsDrawing, AnImageThatCannotBeDrawnOnIsRefusedUnchanged) {
-    KRImage planes = makeImage(8, 8, 10);
+    KRImage planes = makeCanvas(8, 8, 10);
     EXPECT_THROW(drawAnnotations(planes, makeAnnotations()), KRError);
     EXPECT_EQ(countChangedBytes(planes), 0U);
     KRImage withoutPixels(8, 8, kLumaColorSpace, true, 0, 0, 0, 0);
     EXPECT_THROW(drawAnnotations(withoutPixels, makeAnnotations()), KRError);
-    KRImage tooSmall = makeImage(8, 8, kLumaColorSpace);
+    KRImage tooSmall = makeCanvas(8, 8, kLumaColorSpace);
     tooSmall.height = 9;
     EXPECT_THROW(drawAnnotations(tooSmall, makeAnnotations()), KRError);
-    KRImage negative = makeImage(8, 8, kLumaColorSpace);
+    KRImage negative = makeCanvas(8, 8, kLumaColorSpace);
     negative.width = -8;
     EXPECT_THROW(drawAnnotations(negative, makeAnnotations()), KRError);
 }

@@ -17,16 +17,11 @@
 namespace {
 
 using KR::ConversionPath;
+using KR::test::nameOf;
+using KR::test::randomBytes;
 using Bytes = std::vector<unsigned char>;
 
 constexpr unsigned char kCanary = 0xA5;
-
-Bytes randomBytes(std::size_t size, unsigned seed) {
-    std::mt19937 random(seed);
-    Bytes bytes(size);
-    std::generate(bytes.begin(), bytes.end(), [&random] { return static_cast<unsigned char>(random()); });
-    return bytes;
-}
 
 // Memory between two inaccessible pages.
 class GuardedMemory {
@@ -87,10 +82,6 @@ class KRConversionPath : public testing::TestWithParam<const ConversionPath*> {
 protected:
     const ConversionPath& path() const { return *GetParam(); }
 };
-
-std::string nameOf(const testing::TestParamInfo<const ConversionPath*>& path) {
-    return path.param->name;
-}
 
 INSTANTIATE_TEST_SUITE_P(Forced, KRConversionPath, testing::ValuesIn(KR::conversionPaths()), nameOf);
 

@@ -30,15 +30,15 @@ KRImage makeImage(int width, int height, int colorSpace, bool emptyBuffer) {
 }
 
 // What a refused resizing operation must leave unchanged.
-struct Snapshot {
+struct Shape {
     int width, height, nbLayers, colorSpace, allocatedSize, allocatedResolution, allocatedLayers;
     const unsigned char* data;
 
-    explicit Snapshot(const KRImage& image)
+    explicit Shape(const KRImage& image)
         : width(image.width), height(image.height), nbLayers(image.nbLayers), colorSpace(image.colorSpace),
           allocatedSize(image.allocatedSize), allocatedResolution(image.allocatedResolution),
           allocatedLayers(image.allocatedLayers), data(image.data.get()) {}
-    bool operator==(const Snapshot&) const = default;
+    bool operator==(const Shape&) const = default;
 };
 
 // ---- regions of interest
@@ -238,7 +238,7 @@ TEST(KRImage, CopySharesThePixelsAndCopiesEverythingElse) {
     image.extraFlag = true;
     image.rois.emplace_back(1, 2, 3, 4);
     KRImage copy(image);
-    EXPECT_EQ(Snapshot(copy), Snapshot(image));
+    EXPECT_EQ(Shape(copy), Shape(image));
     EXPECT_EQ(copy.timeStamp, 42);
     EXPECT_EQ(copy.cameraId, -3);
     EXPECT_EQ(copy.leftAngle, 0.4f);
@@ -365,19 +365,19 @@ TEST(KRImageSetResolution, ReplacesAnExternalBufferByAnOwnedOne) {
 
 TEST(KRImageSetResolution, RefusesTheOnesThatOnlyTheSizeTableKnows) {
     KRImage image = makeImage(2, 9);
-    const Snapshot before(image);
+    const Shape before(image);
     for (const int resolution : {9, 17, 18, -1}) {
         EXPECT_THAT([&] { image.setResolution(resolution); },
                     ThrowsMessage<std::invalid_argument>(StrEq("KRImage: invalid resolution")));
     }
-    EXPECT_EQ(Snapshot(image), before);
+    EXPECT_EQ(Shape(image), before);
 }
 
 TEST(KRImageSetResolution, WithoutABufferOfTheRightSizeChangesNothing) {
     KRImage image = makeImage(120, 160, 9, true); // as many bytes as 160x120, but no code and no buffer
-    const Snapshot before(image);
+    const Shape before(image);
     EXPECT_FALSE(image.setResolution(0));
-    EXPECT_EQ(Snapshot(image), before);
+    EXPECT_EQ(Shape(image), before);
 }
 
 // ---- setColorSpace
@@ -415,13 +415,13 @@ TEST(KRImageSetColorSpace, ToThePresentOneIsTrueEvenIfItIsInvalid) {
 
 TEST(KRImageSetColorSpace, RefusesAnInvalidOne) {
     KRImage image = makeImage(0, 9);
-    const Snapshot before(image);
+    const Shape before(image);
     for (const int colorSpace : {27, -1}) {
         EXPECT_THAT(
             [&] { image.setColorSpace(colorSpace); },
             ThrowsMessage<std::invalid_argument>(StrEq("KRImage: setColorSpace: invalid color space")));
     }
-    EXPECT_EQ(Snapshot(image), before);
+    EXPECT_EQ(Shape(image), before);
 }
 
 TEST(KRImageSetColorSpace, ToMoreLayersNeedsABufferThatWasSizedForAResolution) {
@@ -459,9 +459,9 @@ TEST(KRImageReallocateDataSize, TakesEveryResolutionOfTheSizeTable) {
 TEST(KRImageReallocateDataSize, OfTheSameSizeChangesNothing) {
     KRImage image = makeImage(0, 3, 9, true);
     image.allocatedSize = 160 * 120 * 2;
-    const Snapshot before(image);
+    const Shape before(image);
     EXPECT_FALSE(image.reallocateDataSize(0, 2)); // no buffer
-    EXPECT_EQ(Snapshot(image), before);
+    EXPECT_EQ(Shape(image), before);
 
     image.data = KRImage::emptyData(false);
     const auto* data = image.data.get();
@@ -491,22 +491,22 @@ TEST(KRImageReallocateDataSize, LeavesAnExternalBufferAlone) {
 
 TEST(KRImageReallocateDataSize, RefusesAnUnknownCodeByItsNumber) {
     KRImage image = makeImage(0, 9);
-    const Snapshot before(image);
+    const Shape before(image);
     EXPECT_THAT(
         [&] { image.reallocateDataSize(20, 2); },
         ThrowsMessage<std::invalid_argument>(StrEq("KRImage: reallocateDataSize: Weird resolution #20")));
     EXPECT_THAT(
         [&] { image.reallocateDataSize(-7, 2); },
         ThrowsMessage<std::invalid_argument>(StrEq("KRImage: reallocateDataSize: Weird resolution #-7")));
-    EXPECT_EQ(Snapshot(image), before);
+    EXPECT_EQ(Shape(image), before);
 }
 
 TEST(KRImageReallocateDataSize, OfANegativeSizeChangesNothing) {
     KRImage image = makeImage(0, 9);
-    const Snapshot before(image);
+    const Shape before(image);
     EXPECT_THROW(image.reallocateDataSize(2, -1), std::bad_alloc);
     EXPECT_THROW(image.reallocateDataSize(4, 512), std::bad_alloc); // 2516582400 bytes wrap below zero
-    EXPECT_EQ(Snapshot(image), before);
+    EXPECT_EQ(Shape(image), before);
 }
 
 } // namespace

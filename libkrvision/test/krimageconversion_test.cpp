@@ -1,6 +1,7 @@
 #include "krvision/krimage.hpp"
 
 #include "conversionformulas.hpp"
+#include "everycolor.hpp"
 #include "krconversionpath.hpp"
 #include "krplatform/krlog.hpp"
 #include "krvision/krvisiondefinitions.hpp"
@@ -10,7 +11,6 @@
 #include <algorithm>
 #include <array>
 #include <new>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -18,27 +18,22 @@ namespace {
 
 using KR::KRImage;
 using KR::KRLogRecord;
+using KR::test::nameOf;
+using KR::test::randomBytes;
 using Bytes = std::vector<unsigned char>;
 
 constexpr int kYuv422 = 9;
 constexpr int kBgr = KR::kBgrColorSpace;
 constexpr unsigned char kUntouched = 0xA5;
 
-KRImage makeImage(int width, int height, int colorSpace = kYuv422, bool emptyBuffer = false) {
+KRImage makeConvertible(int width, int height, int colorSpace = kYuv422, bool emptyBuffer = false) {
     return {width, height, colorSpace, emptyBuffer, 0.4f, 0.3f, -0.4f, -0.3f};
 }
 
 KRImage makeYuvImage(int width, int height, const Bytes& bytes) {
-    KRImage image = makeImage(width, height);
+    KRImage image = makeConvertible(width, height);
     std::copy(bytes.begin(), bytes.end(), image.data.get());
     return image;
-}
-
-Bytes randomBytes(std::size_t size, unsigned seed) {
-    std::mt19937 random(seed);
-    Bytes bytes(size);
-    std::generate(bytes.begin(), bytes.end(), [&random] { return static_cast<unsigned char>(random()); });
-    return bytes;
 }
 
 char* asChars(Bytes& bytes) {
@@ -69,14 +64,14 @@ private:
 // ---- from BGR
 
 TEST_F(KRImageConversion, WhiteAndBlackBecomeTheEndsOfTheStudioRange) {
-    KRImage image = makeImage(2, 2);
+    KRImage image = makeConvertible(2, 2);
     Bytes bgr = {255, 255, 255, 255, 255, 255, 0, 0, 0, 0, 0, 0};
     EXPECT_TRUE(image.computeYUV422imageFromBGR(2, 2, asChars(bgr)));
     EXPECT_EQ(Bytes(image.data.get(), image.data.get() + 8), (Bytes{235, 128, 235, 128, 16, 128, 16, 128}));
 }
 
 TEST_F(KRImageConversion, ChromaOfAPairIsThatOfItsFirstPixelAlone) {
-    KRImage image = makeImage(4, 1);
+    KRImage image = makeConvertible(4, 1);
     Bytes bgr = {10, 200, 30, 250, 0, 90, /**/ 10, 200, 30, 10, 200, 30};
     EXPECT_TRUE(image.computeYUV422imageFromBGR(1, 4, asChars(bgr)));
     EXPECT_EQ(image.data[1], image.data[5]);
@@ -85,7 +80,7 @@ TEST_F(KRImageConversion, ChromaOfAPairIsThatOfItsFirstPixelAlone) {
 }
 
 TEST_F(KRImageConversion, FromBgrTakesRowsBeforeColumns) {
-    KRImage image = makeImage(1, 1, kBgr);
+    KRImage image = makeConvertible(1, 1, kBgr);
     Bytes bgr(3 * 6 * 4);
     EXPECT_TRUE(image.computeYUV422imageFromBGR(4, 6, asChars(bgr)));
     EXPECT_EQ(image.width, 6);
@@ -93,7 +88,7 @@ TEST_F(KRImageConversion, FromBgrTakesRowsBeforeColumns) {
 }
 
 TEST_F(KRImageConversion, FromBgrKeepsABufferOfTheRightShape) {
-    KRImage image = makeImage(6, 4);
+    KRImage image = makeConvertible(6, 4);
     image.colorSpace = 14; // any value
     const auto* data = image.data.get();
     Bytes bgr(3 * 6 * 4);
@@ -104,7 +99,7 @@ TEST_F(KRImageConversion, FromBgrKeepsABufferOfTheRightShape) {
 }
 
 TEST_F(KRImageConversion, FromBgrWritesToAnExternalBufferOfTheRightShape) {
-    KRImage image = makeImage(2, 1, kYuv422, true);
+    KRImage image = makeConvertible(2, 1, kYuv422, true);
     std::array<unsigned char, 4> pixels = {};
     image.data = KRImage::externalData(pixels.data());
     Bytes bgr(6, 255);
@@ -113,7 +108,7 @@ TEST_F(KRImageConversion, FromBgrWritesToAnExternalBufferOfTheRightShape) {
 }
 
 TEST_F(KRImageConversion, FromBgrReshapesAnImageThatOwnsItsBuffer) {
-    KRImage image = makeImage(0, 0, 2);
+    KRImage image = makeConvertible(0, 0, 2);
     const KRImage copy(image);
     const int allocatedSize = image.allocatedSize;
     Bytes bgr = randomBytes(3 * 8 * 5, 1);
@@ -133,7 +128,7 @@ TEST_F(KRImageConversion, FromBgrReshapesAnImageThatOwnsItsBuffer) {
 
 TEST_F(KRImageConversion, FromBgrReshapesForEachOfWidthHeightAndLayers) {
     Bytes bgr(3 * 8 * 4);
-    for (KRImage image : {makeImage(6, 4), makeImage(8, 2), makeImage(8, 4, kBgr)}) {
+    for (KRImage image : {makeConvertible(6, 4), makeConvertible(8, 2), makeConvertible(8, 4, kBgr)}) {
         const auto* data = image.data.get();
         EXPECT_TRUE(image.computeYUV422imageFromBGR(4, 8, asChars(bgr)));
         EXPECT_NE(image.data.get(), data);
@@ -142,7 +137,7 @@ TEST_F(KRImageConversion, FromBgrReshapesForEachOfWidthHeightAndLayers) {
 }
 
 TEST_F(KRImageConversion, FromBgrRefusesAnExternalBufferOfAnotherShape) {
-    KRImage image = makeImage(4, 1, kYuv422, true);
+    KRImage image = makeConvertible(4, 1, kYuv422, true);
     std::array<unsigned char, 8> pixels;
     pixels.fill(kUntouched);
     image.data = KRImage::externalData(pixels.data());
@@ -156,17 +151,17 @@ TEST_F(KRImageConversion, FromBgrRefusesAnExternalBufferOfAnotherShape) {
 
 TEST_F(KRImageConversion, FromBgrRefusesAnImageWithoutBuffer) {
     Bytes bgr(6);
-    KRImage other = makeImage(4, 1, kYuv422, true);
+    KRImage other = makeConvertible(4, 1, kYuv422, true);
     EXPECT_FALSE(other.computeYUV422imageFromBGR(1, 2, asChars(bgr)));
     EXPECT_EQ(takeErrors(), kNotCompatible);
     EXPECT_EQ(other.width, 4);
-    KRImage same = makeImage(2, 1, kYuv422, true);
+    KRImage same = makeConvertible(2, 1, kYuv422, true);
     EXPECT_FALSE(same.computeYUV422imageFromBGR(1, 2, asChars(bgr)));
     EXPECT_EQ(takeErrors(), kNotCompatible);
 }
 
 TEST_F(KRImageConversion, FromBgrOfANegativeSizeChangesNothing) {
-    KRImage image = makeImage(4, 1);
+    KRImage image = makeConvertible(4, 1);
     const auto* data = image.data.get();
     EXPECT_THROW(image.computeYUV422imageFromBGR(-1, 2, nullptr), std::bad_alloc);
     EXPECT_EQ(image.width, 4);
@@ -201,7 +196,7 @@ TEST_F(KRImageConversion, PlanesFollowEachOther) {
 }
 
 TEST_F(KRImageConversion, RefusesAnImageThatIsNotYuv422) {
-    KRImage image = makeImage(4, 2, kBgr);
+    KRImage image = makeConvertible(4, 2, kBgr);
     Bytes out(24, kUntouched);
     EXPECT_FALSE(image.computeBGRimageFromYUV422(out.data()));
     EXPECT_EQ(takeErrors(), kNotYuv);
@@ -214,7 +209,7 @@ TEST_F(KRImageConversion, RefusesAnImageThatIsNotYuv422) {
 
 TEST_F(KRImageConversion, OfNoPixelsIsDoneAtOnce) {
     for (KRImage image :
-         {makeImage(0, 0), makeImage(0, 4), makeImage(4, 0), makeImage(0, 0, kYuv422, true)}) {
+         {makeConvertible(0, 0), makeConvertible(0, 4), makeConvertible(4, 0), makeConvertible(0, 0, kYuv422, true)}) {
         Bytes out(4, kUntouched);
         EXPECT_TRUE(image.computeBGRimageFromYUV422(out.data()));
         EXPECT_TRUE(image.computeYYYUUUVVVimageFromYUV422(out.data()));
@@ -226,7 +221,7 @@ TEST_F(KRImageConversion, OfNoPixelsIsDoneAtOnce) {
 }
 
 TEST_F(KRImageConversion, OfANegativeNumberOfPixelsWritesNothing) {
-    const KRImage image = makeImage(-4, 2, kYuv422, true);
+    const KRImage image = makeConvertible(-4, 2, kYuv422, true);
     Bytes out(4, kUntouched);
     EXPECT_TRUE(image.computeBGRimageFromYUV422(out.data()));
     EXPECT_TRUE(image.computeYYYUUUVVVimageFromYUV422(out.data()));
@@ -241,10 +236,6 @@ protected:
     void SetUp() override { KR::forceConversionPath(GetParam()); }
     void TearDown() override { KR::forceConversionPath(nullptr); }
 };
-
-std::string nameOf(const testing::TestParamInfo<const KR::ConversionPath*>& path) {
-    return path.param->name;
-}
 
 INSTANTIATE_TEST_SUITE_P(Forced, KRImageConversionOnPath, testing::ValuesIn(KR::conversionPaths()), nameOf);
 
@@ -261,7 +252,7 @@ TEST_P(KRImageConversionOnPath, FromBgrConvertsEveryFullPairOfAFrame) {
     for (const auto [width, height] : kSizes) {
         const auto pixels = static_cast<std::size_t>(width * height);
         Bytes bgr = randomBytes(3 * pixels, static_cast<unsigned>(width));
-        KRImage image = makeImage(width, height);
+        KRImage image = makeConvertible(width, height);
         std::fill_n(image.data.get(), 2 * pixels, kUntouched);
         ASSERT_TRUE(image.computeYUV422imageFromBGR(height, width, asChars(bgr)));
         Bytes expected(2 * pixels, kUntouched);

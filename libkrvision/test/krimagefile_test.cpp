@@ -32,7 +32,7 @@ constexpr std::uint32_t kVersion0 = 0x4F584930;
 constexpr std::size_t kHeaderSize = 48;
 constexpr std::size_t kVersion0HeaderSize = 32;
 
-KRImage makeImage(int width, int height, int colorSpace, bool emptyBuffer = false) {
+KRImage makeFileImage(int width, int height, int colorSpace, bool emptyBuffer = false) {
     return {width, height, colorSpace, emptyBuffer, 0.5f, 0.25f, -0.5f, -0.25f};
 }
 
@@ -122,7 +122,7 @@ TEST_F(KRImageFile, HoldsTheHeaderAndThePixels) {
 }
 
 TEST_F(KRImageFile, OfTwoLayersAt160x120HasItsBytesAndBeginsWith1IXO) {
-    EXPECT_TRUE(makeImage(160, 120, 9).writeFile(path().c_str()));
+    EXPECT_TRUE(makeFileImage(160, 120, 9).writeFile(path().c_str()));
     const Bytes file = readAll(path());
     ASSERT_EQ(file.size(), kHeaderSize + 38400);
     EXPECT_EQ(std::string(file.begin(), file.begin() + 4), "1IXO");
@@ -137,13 +137,13 @@ TEST_F(KRImageFile, HoldsThePixelsOfTheGeometryNotTheWholeBuffer) {
 
 TEST_F(KRImageFile, ReplacesTheFileThatIsThere) {
     writeAll(path(), Bytes(1000, 7));
-    EXPECT_TRUE(makeImage(2, 1, 9).writeFile(path().c_str()));
+    EXPECT_TRUE(makeFileImage(2, 1, 9).writeFile(path().c_str()));
     EXPECT_EQ(std::filesystem::file_size(path()), kHeaderSize + 4);
 }
 
 TEST_F(KRImageFile, OfAnExternalBufferIsWritten) {
     Bytes pixels = {1, 2, 3, 4};
-    KRImage image = makeImage(2, 1, 9, true);
+    KRImage image = makeFileImage(2, 1, 9, true);
     image.data = KRImage::externalData(pixels.data());
     EXPECT_TRUE(image.writeFile(path().c_str()));
     const Bytes file = readAll(path());
@@ -151,25 +151,25 @@ TEST_F(KRImageFile, OfAnExternalBufferIsWritten) {
 }
 
 TEST_F(KRImageFile, OfNoPixelsIsAHeader) {
-    EXPECT_TRUE(makeImage(0, 0, 9).writeFile(path().c_str()));
-    EXPECT_TRUE(makeImage(0, 0, 9, true).writeFile(path("null.oxi").c_str()));
+    EXPECT_TRUE(makeFileImage(0, 0, 9).writeFile(path().c_str()));
+    EXPECT_TRUE(makeFileImage(0, 0, 9, true).writeFile(path("null.oxi").c_str()));
     EXPECT_EQ(std::filesystem::file_size(path()), kHeaderSize);
-    KRImage image = makeImage(0, 0, 9);
+    KRImage image = makeFileImage(0, 0, 9);
     EXPECT_TRUE(image.readFile(path().c_str()));
 }
 
 TEST_F(KRImageFile, IsNotWrittenWhereThereIsNoFolderOrNoSpace) {
-    const KRImage image = makeImage(2, 1, 9);
+    const KRImage image = makeFileImage(2, 1, 9);
     EXPECT_FALSE(image.writeFile(path("missing/image.oxi").c_str()));
     EXPECT_FALSE(image.writeFile("/dev/full"));
-    EXPECT_FALSE(makeImage(640, 480, 9).writeFile("/dev/full"));
-    EXPECT_FALSE(makeImage(0, 0, 9).writeFile("/dev/full"));
+    EXPECT_FALSE(makeFileImage(640, 480, 9).writeFile("/dev/full"));
+    EXPECT_FALSE(makeFileImage(0, 0, 9).writeFile("/dev/full"));
     EXPECT_EQ(takeErrors(), kNothing);
 }
 
 TEST_F(KRImageFile, IsNotWrittenOfPixelsThatAreNotThere) {
-    EXPECT_FALSE(makeImage(2, 1, 9, true).writeFile(path().c_str()));
-    EXPECT_FALSE(makeImage(-1, 1, 9, true).writeFile(path().c_str()));
+    EXPECT_FALSE(makeFileImage(2, 1, 9, true).writeFile(path().c_str()));
+    EXPECT_FALSE(makeFileImage(-1, 1, 9, true).writeFile(path().c_str()));
     KRImage image(7, 9, false, 0, 0, 0, 0);
     image.setResolution(2); // keeps the buffer of 80x60
     EXPECT_FALSE(image.writeFile(path().c_str()));
@@ -179,7 +179,7 @@ TEST_F(KRImageFile, IsNotWrittenOfPixelsThatAreNotThere) {
 // ---- reading
 
 TEST_F(KRImageFile, RoundTripKeepsTheImage) {
-    KRImage image = makeImage(100, 30, 13);
+    KRImage image = makeFileImage(100, 30, 13);
     for (int i = 0; i < image.allocatedSize; ++i) {
         image.data[i] = static_cast<unsigned char>(i * 31);
     }
@@ -203,7 +203,7 @@ TEST_F(KRImageFile, RoundTripKeepsTheImage) {
 
 // Of a file with the same geometry, the rest of the header is dropped: deliberate.
 TEST_F(KRImageFile, OfTheSameGeometryChangesThePixelsAlone) {
-    KRImage image = makeImage(4, 2, 14);
+    KRImage image = makeFileImage(4, 2, 14);
     image.timeStamp = 77;
     image.cameraId = 5;
     const Snapshot before(image);
@@ -215,7 +215,7 @@ TEST_F(KRImageFile, OfTheSameGeometryChangesThePixelsAlone) {
 
 TEST_F(KRImageFile, OfTheSameGeometryIsReadIntoAnExternalBuffer) {
     Bytes pixels(17, 0xA5);
-    KRImage image = makeImage(4, 2, 9, true);
+    KRImage image = makeFileImage(4, 2, 9, true);
     image.data = KRImage::externalData(pixels.data());
     Bytes expected = makeFile(kVersion0, 4, 2, 2, 9, 16);
     EXPECT_TRUE(read(image, expected));
@@ -254,11 +254,11 @@ TEST_F(KRImageFile, LeavesWhatTheBufferWasSizedForAsItWas) {
 }
 
 TEST_F(KRImageFile, OfAnotherGeometryLeavesAnImageWhoseDeepCopyHasAllItsPixels) {
-    KRImage small = makeImage(4, 2, 9);
+    KRImage small = makeFileImage(4, 2, 9);
     ASSERT_TRUE(read(small, makeFile(kVersion1, 40, 30, 2, 9, 2400)));
     const KRImage grown = small.deepCopy(); // more than allocatedSize
     EXPECT_EQ(std::memcmp(grown.data.get(), small.data.get(), 2400), 0);
-    KRImage large = makeImage(40, 30, 9);
+    KRImage large = makeFileImage(40, 30, 9);
     ASSERT_TRUE(read(large, makeFile(kVersion1, 4, 2, 2, 9, 16)));
     const KRImage shrunk = large.deepCopy(); // less than that
     EXPECT_EQ(std::memcmp(shrunk.data.get(), large.data.get(), 16), 0);
@@ -266,10 +266,10 @@ TEST_F(KRImageFile, OfAnotherGeometryLeavesAnImageWhoseDeepCopyHasAllItsPixels) 
 
 TEST_F(KRImageFile, OfAnotherGeometryNeedsAnImageThatOwnsItsBuffer) {
     Bytes pixels(320 * 240 * 2);
-    KRImage external = makeImage(320, 240, 9, true);
+    KRImage external = makeFileImage(320, 240, 9, true);
     external.data = KRImage::externalData(pixels.data());
-    KRImage none = makeImage(320, 240, 9, true);
-    KRImage reset = makeImage(320, 240, 9, true);
+    KRImage none = makeFileImage(320, 240, 9, true);
+    KRImage reset = makeFileImage(320, 240, 9, true);
     reset.data.reset();
     for (KRImage* image : {&external, &none, &reset}) {
         const Snapshot before(*image);
@@ -280,7 +280,7 @@ TEST_F(KRImageFile, OfAnotherGeometryNeedsAnImageThatOwnsItsBuffer) {
 }
 
 TEST_F(KRImageFile, OfOtherLayersAloneIsOfAnotherGeometry) {
-    KRImage image = makeImage(4, 2, 9);
+    KRImage image = makeFileImage(4, 2, 9);
     EXPECT_TRUE(read(image, makeFile(kVersion1, 4, 2, 3, 13, 24)));
     EXPECT_EQ(image.nbLayers, 3);
     EXPECT_EQ(image.colorSpace, 13);
@@ -288,7 +288,7 @@ TEST_F(KRImageFile, OfOtherLayersAloneIsOfAnotherGeometry) {
 }
 
 TEST_F(KRImageFile, OfTheSameGeometryIsRefusedByAnImageWithoutItsPixels) {
-    KRImage none = makeImage(4, 2, 9, true);
+    KRImage none = makeFileImage(4, 2, 9, true);
     EXPECT_FALSE(read(none, makeFile(kVersion1, 4, 2, 2, 9, 16)));
     KRImage image(7, 9, false, 0, 0, 0, 0);
     image.setResolution(2); // keeps the buffer of 80x60
@@ -297,14 +297,14 @@ TEST_F(KRImageFile, OfTheSameGeometryIsRefusedByAnImageWithoutItsPixels) {
 }
 
 TEST_F(KRImageFile, OfTheSameGeometryIsReadIntoABufferThatTheCallerMadeToOwn) {
-    KRImage image = makeImage(4, 2, 9, true);
+    KRImage image = makeFileImage(4, 2, 9, true);
     image.data = {new unsigned char[16], KRImage::deleter{false}};
     EXPECT_TRUE(read(image, makeFile(kVersion1, 4, 2, 2, 9, 16)));
     EXPECT_EQ(image.data[15], 15 * 7 + 1);
 }
 
 TEST_F(KRImageFile, OfVersion0HasTheDefaultAngles) {
-    KRImage image = makeImage(1, 1, 9);
+    KRImage image = makeFileImage(1, 1, 9);
     EXPECT_TRUE(read(image, makeFile(kVersion0, 4, 2, 2, 9, 16)));
     EXPECT_EQ(std::bit_cast<std::uint32_t>(image.leftAngle), 0x3ED576D4u);
     EXPECT_EQ(std::bit_cast<std::uint32_t>(image.topAngle), 0x3EA45733u);
@@ -317,7 +317,7 @@ TEST_F(KRImageFile, OfVersion0HasTheDefaultAngles) {
 }
 
 TEST_F(KRImageFile, OfAColorSpaceThatDoesNotExistIsTakenAsItIs) {
-    KRImage image = makeImage(1, 1, 9);
+    KRImage image = makeFileImage(1, 1, 9);
     EXPECT_TRUE(read(image, makeFile(kVersion1, 4, 2, 5, 99, 40)));
     EXPECT_EQ(image.colorSpace, 99);
     EXPECT_EQ(image.nbLayers, 5);
@@ -325,12 +325,12 @@ TEST_F(KRImageFile, OfAColorSpaceThatDoesNotExistIsTakenAsItIs) {
 }
 
 TEST_F(KRImageFile, MayGoOnBehindThePixels) {
-    KRImage image = makeImage(4, 2, 9);
+    KRImage image = makeFileImage(4, 2, 9);
     EXPECT_TRUE(read(image, makeFile(kVersion1, 4, 2, 2, 9, 1000)));
 }
 
 TEST_F(KRImageFile, OfAnotherFormatIsRefusedWithAMessage) {
-    KRImage image = makeImage(4, 2, 9);
+    KRImage image = makeFileImage(4, 2, 9);
     const Snapshot before(image);
     for (const std::uint32_t magic : {0x4F584932u, 0x3149584Fu, 0x4F585631u, 0u, 0xFFFFFFFFu}) {
         Bytes file;
@@ -342,7 +342,7 @@ TEST_F(KRImageFile, OfAnotherFormatIsRefusedWithAMessage) {
 }
 
 TEST_F(KRImageFile, ThatIsMissingOrAFolderOrEmptyIsRefusedWithoutAMessage) {
-    KRImage image = makeImage(4, 2, 9);
+    KRImage image = makeFileImage(4, 2, 9);
     EXPECT_FALSE(image.readFile(path("missing.oxi").c_str()));
     EXPECT_FALSE(image.readFile(path("").c_str()));
     EXPECT_FALSE(read(image, {}));
@@ -355,7 +355,7 @@ TEST_F(KRImageFile, TruncatedInTheHeaderChangesNothing) {
     for (const std::uint32_t version : {kVersion0, kVersion1}) {
         const std::size_t headerSize = version == kVersion1 ? kHeaderSize : kVersion0HeaderSize;
         for (std::size_t size = 0; size < headerSize; ++size) {
-            KRImage image = makeImage(1, 1, 9);
+            KRImage image = makeFileImage(1, 1, 9);
             const Snapshot before(image);
             Bytes file = makeFile(version, 4, 2, 2, 9, 0);
             file.resize(size);
@@ -368,7 +368,7 @@ TEST_F(KRImageFile, TruncatedInTheHeaderChangesNothing) {
 
 TEST_F(KRImageFile, TruncatedInThePixelsHasGivenTheImageItsHeader) {
     for (std::size_t pixels = 0; pixels < 16; ++pixels) {
-        KRImage image = makeImage(1, 1, 13);
+        KRImage image = makeFileImage(1, 1, 13);
         const Bytes file = makeFile(kVersion1, 4, 2, 2, 9, pixels);
         EXPECT_FALSE(read(image, file));
         EXPECT_EQ(image.width, 4);
@@ -382,7 +382,7 @@ TEST_F(KRImageFile, TruncatedInThePixelsHasGivenTheImageItsHeader) {
 }
 
 TEST_F(KRImageFile, TruncatedInThePixelsOfAnImageThatFitsIsRefused) {
-    KRImage image = makeImage(4, 2, 14);
+    KRImage image = makeFileImage(4, 2, 14);
     image.timeStamp = 77;
     const Snapshot before(image);
     EXPECT_FALSE(read(image, makeFile(kVersion1, 4, 2, 2, 9, 15)));
@@ -391,7 +391,7 @@ TEST_F(KRImageFile, TruncatedInThePixelsOfAnImageThatFitsIsRefused) {
 }
 
 TEST_F(KRImageFile, OfMorePixelsThanItCanHoldIsRefusedBeforeTheyAreAllocated) {
-    KRImage image = makeImage(1, 1, 9);
+    KRImage image = makeFileImage(1, 1, 9);
     const Snapshot before(image);
     EXPECT_FALSE(read(image, makeFile(kVersion1, 32767, 32767, 2, 9, 100)));
     EXPECT_FALSE(read(image, makeFile(kVersion0, 2560 * 1920 * 12 + 1, 1, 1, 0, 100)));
@@ -403,30 +403,30 @@ TEST_F(KRImageFile, OfMorePixelsThanUsualIsReadIfItHoldsThem) {
     writeAll(path(), makeFile(kVersion0, kSize, 1, 1, 0, 1));
     std::filesystem::resize_file(path(),
                                  kVersion0HeaderSize + std::uintmax_t{kSize}); // a hole except for one byte
-    KRImage image = makeImage(1, 1, 9);
+    KRImage image = makeFileImage(1, 1, 9);
     EXPECT_TRUE(image.readFile(path().c_str()));
     EXPECT_EQ(image.width, kSize);
     EXPECT_EQ(image.data[0], 1);
     EXPECT_EQ(image.data[kSize - 1], 0);
     std::filesystem::resize_file(path(), kVersion0HeaderSize + std::uintmax_t{kSize} - 1);
-    KRImage other = makeImage(1, 1, 9);
+    KRImage other = makeFileImage(1, 1, 9);
     EXPECT_FALSE(other.readFile(path().c_str()));
     EXPECT_EQ(other.width, 1);
 }
 
 TEST_F(KRImageFile, OfANegativeSizeIsNotAllocated) {
-    KRImage image = makeImage(1, 1, 9);
+    KRImage image = makeFileImage(1, 1, 9);
     const Snapshot before(image);
     EXPECT_THROW(read(image, makeFile(kVersion1, -4, 2, 2, 9, 16)), std::bad_alloc);
     EXPECT_THROW(read(image, makeFile(kVersion1, 65536, 32768, 1, 9, 16)), std::bad_alloc);
     EXPECT_EQ(Snapshot(image), before);
-    KRImage negative = makeImage(-4, 2, 9, true);
+    KRImage negative = makeFileImage(-4, 2, 9, true);
     EXPECT_FALSE(read(negative, makeFile(kVersion1, -4, 2, 2, 9, 16))); // fits, but there is no such buffer
 }
 
 TEST_F(KRImageFile, OfRandomBytesNeverLeavesTheBuffer) {
     std::mt19937 random(1);
-    KRImage image = makeImage(4, 2, 9);
+    KRImage image = makeFileImage(4, 2, 9);
     for (int i = 0; i < 1000; ++i) {
         Bytes file = makeFile(i % 2 == 0 ? kVersion1 : kVersion0, 4, 2, 2, 9, 16);
         for (auto changes = 1 + random() % 3; changes > 0; --changes) {
@@ -443,7 +443,7 @@ TEST_F(KRImageFile, OfRandomBytesNeverLeavesTheBuffer) {
             image.data[0] = image.data[size - 1]; // both are accessible
         }
         if (size > 1000000) {
-            image = makeImage(4, 2, 9);
+            image = makeFileImage(4, 2, 9);
         }
     }
 }

@@ -23,9 +23,9 @@ using KR::KRValue;
 using testing::StrEq;
 using testing::ThrowsMessage;
 
-constexpr int kIntMax = std::numeric_limits<int>::max();
+constexpr int kLargest = std::numeric_limits<int>::max();
 
-KRImage makeImage(int width, int height, int colorSpace, bool emptyBuffer = false) {
+KRImage makeSource(int width, int height, int colorSpace, bool emptyBuffer = false) {
     return {width, height, colorSpace, emptyBuffer, 0.4f, 0.3f, -0.4f, -0.3f};
 }
 
@@ -48,7 +48,7 @@ std::unique_ptr<KRImage> fromValue(const KRValue& value) {
 }
 
 TEST(KRImageValue, HoldsTheImageInTwelveElements) {
-    KRImage image = makeImage(160, 120, 9);
+    KRImage image = makeSource(160, 120, 9);
     for (int i = 0; i < 38400; ++i) {
         image.data[i] = static_cast<unsigned char>(i % 251);
     }
@@ -77,7 +77,7 @@ TEST(KRImageValue, HoldsTheImageInTwelveElements) {
 }
 
 TEST(KRImageValue, HoldsACopyOfThePixels) {
-    KRImage image = makeImage(4, 2, 9);
+    KRImage image = makeSource(4, 2, 9);
     const KRValue value = image.toKRValue();
     image.data[0] = 200;
     EXPECT_EQ(value[6].GetBinary().data()[0], 0);
@@ -90,7 +90,7 @@ TEST(KRImageValue, HoldsThePixelsOfThePresentGeometryNotTheWholeBuffer) {
 }
 
 TEST(KRImageValue, OfAnImageOfNoPixelsHasAnEmptyBinary) {
-    const KRValue value = makeImage(0, 0, 9).toKRValue();
+    const KRValue value = makeSource(0, 0, 9).toKRValue();
     EXPECT_EQ(value[6].GetBinary().size(), 0u);
     const auto image = fromValue(value);
     ASSERT_TRUE(image);
@@ -98,11 +98,11 @@ TEST(KRImageValue, OfAnImageOfNoPixelsHasAnEmptyBinary) {
 }
 
 TEST(KRImageValue, OfANegativeSizeIsNotAllocated) {
-    EXPECT_THROW(makeImage(-1, 10, 9, true).toKRValue(), std::bad_alloc);
+    EXPECT_THROW(makeSource(-1, 10, 9, true).toKRValue(), std::bad_alloc);
 }
 
 TEST(KRImageValue, SignExtendsTheCamera) {
-    KRImage image = makeImage(4, 2, 9);
+    KRImage image = makeSource(4, 2, 9);
     image.cameraId = -2;
     EXPECT_EQ(image.toKRValue()[7].to<int>(), -2);
     EXPECT_EQ(fromValue(image.toKRValue())->cameraId, -2);
@@ -115,26 +115,26 @@ TEST(KRImageValue, TakesTheLowEightBitsOfTheCamera) {
 }
 
 TEST(KRImageValue, OfAnUnsetTimeStampHasMinusOneMicroseconds) {
-    const KRValue value = makeImage(4, 2, 9).toKRValue();
+    const KRValue value = makeSource(4, 2, 9).toKRValue();
     EXPECT_EQ(value[4].to<int>(), 0);
     EXPECT_EQ(value[5].to<int>(), -1);
     EXPECT_EQ(fromValue(value)->timeStamp, -1);
 }
 
 TEST(KRImageValue, RoundTripKeepsTimeStampsWhoseSecondsFitAnInt) {
-    const std::int64_t maxSeconds = kIntMax;
+    const std::int64_t maxSeconds = kLargest;
     for (const std::int64_t timeStamp :
          {std::int64_t{0}, std::int64_t{-1}, std::int64_t{1}, std::int64_t{999999}, std::int64_t{1000000},
           std::int64_t{-1000001}, std::int64_t{1500000000123456}, maxSeconds * 1000000 + 999999,
           (-maxSeconds - 1) * 1000000 - 999999}) {
-        KRImage image = makeImage(4, 2, 9);
+        KRImage image = makeSource(4, 2, 9);
         image.timeStamp = timeStamp;
         EXPECT_EQ(fromValue(image.toKRValue())->timeStamp, timeStamp);
     }
 }
 
 TEST(KRImageValue, RoundTripKeepsTheImage) {
-    KRImage image = makeImage(100, 30, 13);
+    KRImage image = makeSource(100, 30, 13);
     for (int i = 0; i < image.allocatedSize; ++i) {
         image.data[i] = static_cast<unsigned char>(i * 31);
     }

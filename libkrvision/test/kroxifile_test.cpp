@@ -54,7 +54,7 @@ private:
     const TemporaryFolder folder_;
 };
 
-std::string getError(const std::function<void()>& operation) {
+std::string getOxiError(const std::function<void()>& operation) {
     try {
         operation();
     } catch (const std::runtime_error& error) {
@@ -100,17 +100,17 @@ TEST_F(KROxiFile, ReportsWhyAFileHasNoHeader) {
     const std::string other = write("other", Bytes(100, 'x'));
     EXPECT_FALSE(KR::isOxiFile(other));
     EXPECT_FALSE(KR::isOxiFile(write("empty", {})));
-    EXPECT_EQ(getError([&] { readOxiHeader(other); }), other + ": not an oxi file");
+    EXPECT_EQ(getOxiError([&] { readOxiHeader(other); }), other + ": not an oxi file");
     const std::string cut = write("cut", {'1', 'I', 'X', 'O', 0});
-    EXPECT_EQ(getError([&] { readOxiHeader(cut); }), cut + ": ends within its header, after 5 bytes");
-    EXPECT_EQ(getError([&] { readOxiHeader(path("")); }), path("") + ": cannot be read: Is a directory");
-    EXPECT_EQ(getError([&] { KR::isOxiFile(path("missing")); }),
+    EXPECT_EQ(getOxiError([&] { readOxiHeader(cut); }), cut + ": ends within its header, after 5 bytes");
+    EXPECT_EQ(getOxiError([&] { readOxiHeader(path("")); }), path("") + ": cannot be read: Is a directory");
+    EXPECT_EQ(getOxiError([&] { KR::isOxiFile(path("missing")); }),
               path("missing") + ": cannot be read: No such file or directory");
 }
 
 TEST_F(KROxiFile, NeverWaitsForAPipe) {
     ASSERT_EQ(::mkfifo(path("pipe").c_str(), 0600), 0);
-    EXPECT_EQ(getError([&] { readOxi(path("pipe")); }),
+    EXPECT_EQ(getOxiError([&] { readOxi(path("pipe")); }),
               path("pipe") + ": cannot be read: not a regular file");
 }
 
@@ -124,23 +124,23 @@ TEST_F(KROxiFile, RefusesSizesThatKRImageTakesAtTheirWord) {
     KRImage image(0, 0, KR::kLumaColorSpace, false, 0.0f, 0.0f, 0.0f, 0.0f);
     EXPECT_TRUE(image.readFile(file.c_str()));
     EXPECT_EQ(image.width, 65536);
-    EXPECT_EQ(getError([&] { readOxi(file); }), file + ": no image has 65536x65536 pixels of 2 bytes");
+    EXPECT_EQ(getOxiError([&] { readOxi(file); }), file + ": no image has 65536x65536 pixels of 2 bytes");
 
     file = writeWith(4, (1 << 30) + 2);
     EXPECT_TRUE(image.readFile(file.c_str()));
-    EXPECT_EQ(getError([&] { readOxi(file); }), file + ": no image has 1073741826x2 pixels of 2 bytes");
+    EXPECT_EQ(getOxiError([&] { readOxi(file); }), file + ": no image has 1073741826x2 pixels of 2 bytes");
 }
 
 TEST_F(KROxiFile, RefusesImpossibleGeometryAndMissingPixels) {
     std::string file = writeWith(4, -4);
-    EXPECT_EQ(getError([&] { readOxi(file); }), file + ": no image has -4x2 pixels of 2 bytes");
+    EXPECT_EQ(getOxiError([&] { readOxi(file); }), file + ": no image has -4x2 pixels of 2 bytes");
     file = writeWith(4, 5);
-    EXPECT_EQ(getError([&] { readOxi(file); }),
+    EXPECT_EQ(getOxiError([&] { readOxi(file); }),
               file + ": the file ends within the pixels: it has 64 bytes and needs 68");
     file = writeWith(16, 27);
-    EXPECT_EQ(getError([&] { readOxi(file); }), file + ": colour space 27 does not exist");
+    EXPECT_EQ(getOxiError([&] { readOxi(file); }), file + ": colour space 27 does not exist");
     file = writeWith(16, 0);
-    EXPECT_EQ(getError([&] { readOxi(file); }), file + ": a pixel in colour space 0 has 1 bytes, not 2");
+    EXPECT_EQ(getOxiError([&] { readOxi(file); }), file + ": a pixel in colour space 0 has 1 bytes, not 2");
     EXPECT_THAT(
         findProblems(readOxiHeader(writeWith(12, 12))),
         ElementsAre(HasSubstr("ends within the pixels"), HasSubstr("colour space 9 has 2 bytes, not 12")));

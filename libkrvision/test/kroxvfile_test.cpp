@@ -22,7 +22,7 @@ using KR::oxv::kNeverClosed;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
-constexpr std::size_t kChunk = 160 * 120;
+constexpr std::size_t kChunkPixels = 160 * 120;
 
 class KROxvFile : public testing::Test {
 protected:
@@ -36,7 +36,7 @@ protected:
                                    std::vector<streamHeader>(streams, streamHeader{160, 120, kLuma, 8}));
         for (unsigned frame = 0; frame < frames; ++frame) {
             for (unsigned stream = 0; stream < streams; ++stream) {
-                appendChunk(file, frame, stream, kChunk);
+                appendChunk(file, frame, stream, kChunkPixels);
             }
         }
         return file;
@@ -46,7 +46,7 @@ private:
     const TemporaryFolder folder_;
 };
 
-std::string getError(const std::function<void()>& operation) {
+std::string getOxvError(const std::function<void()>& operation) {
     try {
         operation();
     } catch (const std::exception& error) {
@@ -61,13 +61,13 @@ TEST_F(KROxvFile, ReadsFramesOfEveryStream) {
     EXPECT_EQ(file.countCompleteFrames(), 3u);
     EXPECT_EQ(file.countAddressableFrames(), 3u);
     EXPECT_EQ(file.countCutBytes(), 0u);
-    EXPECT_EQ(file.getFrameSize(), 2 * kChunk);
-    EXPECT_EQ(file.getOffset(1, 1), 48 + 3 * kChunk);
+    EXPECT_EQ(file.getFrameSize(), 2 * kChunkPixels);
+    EXPECT_EQ(file.getOffset(1, 1), 48 + 3 * kChunkPixels);
     for (unsigned stream = 0; stream < 2; ++stream) {
         KRImage image = file.makeImage(stream);
         for (unsigned frame = 0; frame < 3; ++frame) {
             file.readImage(image, frame, stream);
-            EXPECT_TRUE(holdsChunk(image, frame, stream, kChunk));
+            EXPECT_TRUE(holdsChunk(image, frame, stream, kChunkPixels));
             EXPECT_EQ(image.data[0], image.data[160]) << "the row below replaces the chunk header";
             EXPECT_EQ(image.data[24], image.data[184]);
             EXPECT_EQ(image.bottomAngle, -0.25f);
@@ -92,7 +92,7 @@ TEST_F(KROxvFile, CountsTheFramesThatAreThereWhateverTheHeaderSays) {
         bytes.resize(bytes.size() - 10);
         const KR::KROxvFile file(write(bytes));
         EXPECT_EQ(file.countCompleteFrames(), 2u);
-        EXPECT_EQ(file.countCutBytes(), 2 * kChunk - 10);
+        EXPECT_EQ(file.countCutBytes(), 2 * kChunkPixels - 10);
         EXPECT_EQ(file.getAnnouncedCount(), count);
     }
 }
@@ -122,7 +122,7 @@ TEST_F(KROxvFile, ReportsWhyAFileHasNoFrames) {
         EXPECT_EQ(file.countExpectedFrames(), 0u);
         EXPECT_EQ(file.countAddressableFrames(), 0u);
         EXPECT_THROW(file.readChunkHeader(0, 5000), std::out_of_range);
-        return getError([&] { file.requireFrames(); });
+        return getOxvError([&] { file.requireFrames(); });
     };
     EXPECT_EQ(reasonOf({'1', 'V', 'X', 'O', 0}), path() + ": ends within its headers, after 5 bytes");
     EXPECT_EQ(reasonOf(makeOxvHeader(kOxvVersion1, 0, 1, 2, {{160, 120, 0, 8}})),
@@ -142,8 +142,8 @@ TEST_F(KROxvFile, ReportsWhyAFileHasNoFrames) {
 TEST_F(KROxvFile, ReportsWhatCannotBeRead) {
     const KR::KROxvFile file(write(makeFile(2, 1, 2)));
     KRImage image = file.makeImage(0);
-    EXPECT_EQ(getError([&] { file.readImage(image, 2, 0); }),
-              path() + ": cannot be read at byte " + std::to_string(32 + 2 * kChunk));
+    EXPECT_EQ(getOxvError([&] { file.readImage(image, 2, 0); }),
+              path() + ": cannot be read at byte " + std::to_string(32 + 2 * kChunkPixels));
     EXPECT_THROW(file.readImage(image, 0, 1), std::out_of_range);
     EXPECT_THROW(file.makeImage(1), std::out_of_range);
     KRImage small(80, 60, kLuma, false, 0.0f, 0.0f, 0.0f, 0.0f);
@@ -152,13 +152,13 @@ TEST_F(KROxvFile, ReportsWhatCannotBeRead) {
     EXPECT_THROW(file.readImage(image, 0, 0), std::invalid_argument);
     const KR::KROxvFile deep(write(makeOxvHeader(kOxvVersion1, 0, 0, 1, {{160, 120, 0, 16}})));
     EXPECT_EQ(
-        getError([&] { deep.makeImage(0); }),
+        getOxvError([&] { deep.makeImage(0); }),
         path() +
             ": stream 0 cannot be read as images of 8 bits: 160x120 pixels of 16 bits in colour space 0");
-    EXPECT_EQ(getError([&] { KR::KROxvFile(path("missing")); }),
+    EXPECT_EQ(getOxvError([&] { KR::KROxvFile(path("missing")); }),
               path("missing") + ": cannot be read: No such file or directory");
     ASSERT_EQ(::mkfifo(path("pipe").c_str(), 0600), 0);
-    EXPECT_EQ(getError([&] { KR::KROxvFile(path("pipe")); }),
+    EXPECT_EQ(getOxvError([&] { KR::KROxvFile(path("pipe")); }),
               path("pipe") + ": cannot be read: not a regular file");
 }
 
@@ -176,7 +176,7 @@ KRImage makeImage(unsigned frame, unsigned stream) {
     KRImage image = makeEmptyImage();
     image.timeStamp = timeStampOf(frame, stream);
     image.cameraId = static_cast<signed char>(stream);
-    for (std::size_t at = 0; at < kChunk; ++at) {
+    for (std::size_t at = 0; at < kChunkPixels; ++at) {
         image.data[static_cast<std::ptrdiff_t>(at)] = pixelOf(frame, stream, at);
     }
     return image;
@@ -197,16 +197,16 @@ TEST_F(KROxvFile, TheWriterCountsFramesAndTheReaderGetsThemBack) {
     EXPECT_EQ(file.countCompleteFrames(), 3u);
     KRImage image = file.makeImage(1);
     file.readImage(image, 2, 1);
-    EXPECT_TRUE(holdsChunk(image, 2, 1, kChunk));
+    EXPECT_TRUE(holdsChunk(image, 2, 1, kChunkPixels));
     EXPECT_THAT(file.readChunkHeader(0, 0).angles, ElementsAre(9.0f, 9.0f, 9.0f, 9.0f));
 }
 
 TEST_F(KROxvFile, TheWriterReportsErrorsUnderTheGivenName) {
-    EXPECT_EQ(getError([&] {
+    EXPECT_EQ(getOxvError([&] {
                   KR::KROxvWriter("/dev/full", {{160, 120, kLuma, 8}}, "my.oxv");
               }),
               "my.oxv: cannot be written: No space left on device");
-    EXPECT_EQ(getError([&] { KR::KROxvWriter(path("missing/a.oxv"), {}); }),
+    EXPECT_EQ(getOxvError([&] { KR::KROxvWriter(path("missing/a.oxv"), {}); }),
               path("missing/a.oxv") + ": cannot be written: No such file or directory");
 }
 
@@ -215,12 +215,12 @@ TEST_F(KROxvFile, TheWriterRefusesAFrameThatWouldShiftThoseAfterIt) {
     KRImage image = makeEmptyImage();
     writer.write({&image});
     const KRImage small = makeEmptyImage(80, 60), deep = makeEmptyImage(160, 120, kYuv422);
-    EXPECT_EQ(getError([&] { writer.write({&small}); }),
+    EXPECT_EQ(getOxvError([&] { writer.write({&small}); }),
               "my.oxv: an image of 80x60 pixels of 1 bytes does not fit stream 0: 160x120 pixels of 8 bits "
               "in colour "
               "space 0");
     EXPECT_THROW(writer.write({&deep}), std::runtime_error);
-    EXPECT_EQ(getError([&] { writer.write({&image, &image}); }), "my.oxv: a frame has 1 images, not 2");
+    EXPECT_EQ(getOxvError([&] { writer.write({&image, &image}); }), "my.oxv: a frame has 1 images, not 2");
     EXPECT_THROW(writer.write({}), std::runtime_error);
     image.data = KRImage::emptyData(true);
     EXPECT_THROW(writer.write({&image}), std::runtime_error);
@@ -230,7 +230,7 @@ TEST_F(KROxvFile, TheWriterRefusesAFrameThatWouldShiftThoseAfterIt) {
 }
 
 TEST_F(KROxvFile, TheWriterRefusesAnImpossibleGeometry) {
-    EXPECT_EQ(getError([&] {
+    EXPECT_EQ(getOxvError([&] {
                   KR::KROxvWriter(path(), {{160, 120, kLuma, 8}, {160, 120, 27, 8}});
               }),
               path() + ": a stream has an impossible geometry: 160x120 pixels of 8 bits in colour space 27");

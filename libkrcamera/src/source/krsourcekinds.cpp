@@ -10,7 +10,7 @@ namespace KR {
 
 namespace {
 
-constexpr std::array kinds{
+constexpr std::array sourceKinds{
     KRSourceKind{"test", "test, test:PATTERN", 1, makeTestSource, "ball"},
     KRSourceKind{"file", "file:PATH", 2, makeFileSource},
     KRSourceKind{"image", "image:PATH", 6, makeStillImageSource},
@@ -25,7 +25,7 @@ constexpr std::array kinds{
 } // namespace
 
 std::unique_ptr<KRSource> makeSource(const std::string& text) {
-    const KRSourceString string = parseSourceString(text, kinds);
+    const KRSourceString string = parseSourceString(text, sourceKinds);
     return string.kind->make(string);
 }
 
