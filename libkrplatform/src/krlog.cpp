@@ -77,7 +77,7 @@ private:
     /// \throws std::system_error no thread
     void startThread() KR_REQUIRES(mutex_);
     void run() noexcept KR_EXCLUDES(mutex_);
-    void waitForWork(KRLock& lock) KR_REQUIRES(mutex_);
+    void waitForWork(KRLock& lock) KR_REQUIRES(mutex_) KR_NO_THREAD_SAFETY_ANALYSIS; // unlocks it to write
     void reportLosses() KR_REQUIRES(mutex_);
     void deliver(const Item& item, const Entries& listeners) noexcept KR_EXCLUDES(mutex_);
     /// The rest of the queue, on the log thread, from which nothing more is to be expected.
