@@ -33,7 +33,7 @@ boost::shared_ptr<KRBroker> connect([[maybe_unused]] const std::string& url) {
     setLogLevel(KRLogLevel::Warning);
 #ifdef KR_WITH_DDS
     if (!url.empty()) {
-        const auto broker = connectTo(url);
+        auto broker = connectTo(url);
         waitForModule(*broker, kService);
         return broker;
     }
