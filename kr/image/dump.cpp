@@ -22,7 +22,7 @@ struct Options {
 ExitCode dump(const Options& options) {
     KRImage image = readOxi(options.file);
     constexpr std::size_t kDumped = 16; // bytes of the buffer that toString() reads
-    const auto size = static_cast<std::size_t>(image.width * image.height * image.nbLayers);
+    const auto size = std::size_t{1} * image.width * image.height * image.nbLayers;
     if (size < kDumped) {
         const auto padded = KRImage::internalDataZeroInitialized(kDumped);
         std::copy_n(image.data.get(), size, padded.get());
