@@ -226,8 +226,8 @@ void KRLocalServer::serve(std::uint64_t id) {
         return;
     } catch (const std::exception& error) { // no memory, no descriptors
         logWarning(kServerCategory, "the connection of process " +
-                                  std::to_string(session->getChannel().getProcess()) +
-                                  " is closed: " + error.what());
+                                        std::to_string(session->getChannel().getProcess()) +
+                                        " is closed: " + error.what());
         remove(session);
         return;
     }

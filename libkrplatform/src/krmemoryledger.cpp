@@ -334,7 +334,7 @@ void KRMemoryLedger::handOverBacklog() {
                 return;
             }
             logWarning(kLedgerCategory, (value ? "the value " : "the event ") + entry.name +
-                                      " was kept, but is refused: " + error.what());
+                                            " was kept, but is refused: " + error.what());
             const KRLock lock(mutex_);
             ++lost_;
         }
@@ -372,7 +372,7 @@ void KRMemoryLedger::stop() noexcept {
         stopped_.notifyAll();
         if (!backlog_.isEmpty()) {
             logWarning(kLedgerCategory, describe(backlog_.getCounts()) +
-                                      " that were kept for the memory module are lost: none is back");
+                                            " that were kept for the memory module are lost: none is back");
         }
     } catch (...) {
         logError(kLedgerCategory, "no memory to report what was kept for the memory module");

@@ -17,7 +17,6 @@ std::string nameOf(const testing::TestParamInfo<const ConversionPath*>& path);
 
 // Every colour through one path, compared with the formulas. Apart from the tests, as only this needs optimising.
 
-
 /// The number of pairs that are converted wrongly: every BGR colour as first pixel, and in another order as second.
 std::size_t countWrongBgrColors(const ConversionPath& path);
 /// The same for every YUV colour.

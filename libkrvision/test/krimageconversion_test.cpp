@@ -208,8 +208,8 @@ TEST_F(KRImageConversion, RefusesAnImageThatIsNotYuv422) {
 }
 
 TEST_F(KRImageConversion, OfNoPixelsIsDoneAtOnce) {
-    for (KRImage image :
-         {makeConvertible(0, 0), makeConvertible(0, 4), makeConvertible(4, 0), makeConvertible(0, 0, kYuv422, true)}) {
+    for (KRImage image : {makeConvertible(0, 0), makeConvertible(0, 4), makeConvertible(4, 0),
+                          makeConvertible(0, 0, kYuv422, true)}) {
         Bytes out(4, kUntouched);
         EXPECT_TRUE(image.computeBGRimageFromYUV422(out.data()));
         EXPECT_TRUE(image.computeYYYUUUVVVimageFromYUV422(out.data()));

@@ -68,7 +68,8 @@ TEST_F(KRImagePpm, OfTwoLayersAndAnOddNumberOfPixelsHasTheLastOneFromItsOwnBytes
 }
 
 TEST_F(KRImagePpm, OfThreeLayersHasThemInTheirOrder) {
-    EXPECT_EQ(save(makePpmImage(2, 1, 13, {1, 2, 3, 4, 5, 6})), makePpm("P6\n2 1\n 255\n", {1, 2, 3, 4, 5, 6}));
+    EXPECT_EQ(save(makePpmImage(2, 1, 13, {1, 2, 3, 4, 5, 6})),
+              makePpm("P6\n2 1\n 255\n", {1, 2, 3, 4, 5, 6}));
 }
 
 TEST_F(KRImagePpm, OfAnyOtherNumberOfLayersIsTheHeaderAlone) {
