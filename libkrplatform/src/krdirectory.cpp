@@ -36,8 +36,7 @@ std::shared_ptr<KRModuleGate> KRDirectory::reserve(const std::string& name, KRMo
         const auto remote = remote_.find(name);
         if (remote != remote_.end()) {
             throw KRError("KRBroker", "registerModule",
-                          "there is a module named " + name + " already, " +
-                              remote->second->getWhereabouts());
+                          "there is a module named " + name + " already, " + remote->second->getLocation());
         }
         if (!gates_.emplace(name, gate).second) {
             throw KRError("KRBroker", "registerModule", "there is a module named " + name + " already");

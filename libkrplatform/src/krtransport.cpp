@@ -16,8 +16,8 @@ std::uint32_t drawModuleNumber() noexcept {
     return ++last;
 }
 
-KRRemoteModule::KRRemoteModule(std::string name, std::string whereabouts)
-    : name_(std::move(name)), whereabouts_(std::move(whereabouts)), number_(drawModuleNumber()) {}
+KRRemoteModule::KRRemoteModule(std::string name, std::string location)
+    : name_(std::move(name)), location_(std::move(location)), number_(drawModuleNumber()) {}
 
 KRRemoteModule::~KRRemoteModule() = default;
 

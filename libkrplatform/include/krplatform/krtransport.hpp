@@ -33,14 +33,14 @@ struct KRLocalModule {
 /// One object stands for one registration: a module that goes and comes back is another object.
 class KR_EXPORT KRRemoteModule {
 public:
-    /// \param whereabouts  for messages, e.g. "in process 4711 on robot1"
-    KRRemoteModule(std::string name, std::string whereabouts);
+    /// \param location  for messages, e.g. "in process 4711 on robot1"
+    KRRemoteModule(std::string name, std::string location);
     virtual ~KRRemoteModule();
     KRRemoteModule(const KRRemoteModule&) = delete;
     KRRemoteModule& operator=(const KRRemoteModule&) = delete;
 
     const std::string& getName() const noexcept { return name_; }
-    const std::string& getWhereabouts() const noexcept { return whereabouts_; }
+    const std::string& getLocation() const noexcept { return location_; }
     /// Unique among all modules that this process knows or knew of, local and remote.
     std::uint32_t getNumber() const noexcept { return number_; }
     KRModuleState getState() const noexcept { return state_.load(std::memory_order_acquire); }
@@ -52,7 +52,7 @@ public:
 private:
     friend class KRDirectory;
     const std::string name_;
-    const std::string whereabouts_;
+    const std::string location_;
     const std::uint32_t number_;
     std::atomic<KRModuleState> state_ = KRModuleState::Claimed; // written with the directory's lock held
 };
