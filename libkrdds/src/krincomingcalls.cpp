@@ -50,6 +50,8 @@ public:
         }
     }
 
+    bool isCallerGone() const noexcept override { return peer_->isGone(); }
+
 private:
     void answer(KRReply::Status status, const KRValue& value) {
         if (!peer_->reply(sequence_, status, value)) {

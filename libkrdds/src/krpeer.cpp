@@ -35,6 +35,11 @@ void KRPeer::setGone(const std::string& why) {
     }
 }
 
+bool KRPeer::isGone() const {
+    const KRLock lock(mutex_);
+    return !gone_.empty();
+}
+
 void KRPeer::close() {
     requests_.close();
     replies_.close();

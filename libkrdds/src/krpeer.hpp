@@ -45,6 +45,7 @@ public:
 
     /// Fails the calls under way, and all from now on. `why` is for people.
     void setGone(const std::string& why) KR_EXCLUDES(mutex_);
+    bool isGone() const KR_EXCLUDES(mutex_);
     /// Deletes the writers, which may take two seconds if the other acknowledges nothing. Call setGone() before.
     void close();
 

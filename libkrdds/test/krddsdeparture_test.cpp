@@ -100,6 +100,24 @@ TEST(KRDDSDeparture, ModulesAreNotifiedOfACallerThatIsKilled) {
     }));
 }
 
+TEST(KRDDSDeparture, ACallLearnsThatItsCallerWasKilled) {
+    const TestDomain domain;
+    const OtherProcess server(domain.getUrl(kShortLease), {"module", "Server"});
+    OtherProcess client(domain.getUrl(kShortLease), {"module", "Client"});
+    const auto broker = domain.createBroker(kShortLease);
+    const auto proxy = broker->getProxy("Server");
+    const auto clientProxy = broker->getProxy("Client");
+    ASSERT_TRUE(eventually([&] { return clientProxy->call<bool>("isReachable", "Server"); }));
+    auto call = std::async(std::launch::async, [&] {
+        EXPECT_THROW(clientProxy->call("callOther", "Server", "outliveCaller", ""), KRError);
+    });
+    ASSERT_TRUE(eventually([&] { return proxy->call<int>("countBlocked") == 1; }));
+    EXPECT_FALSE(proxy->call<bool>("hasOutlivedCaller"));
+    client.kill();
+    EXPECT_TRUE(eventually([&] { return proxy->call<bool>("hasOutlivedCaller"); }));
+    resultOf(call);
+}
+
 /// The memory and an extractor in this process, two listeners in two others, subscribed to the extractor's event.
 class KRDDSSubscribers : public testing::Test {
 protected:

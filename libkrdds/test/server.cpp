@@ -106,6 +106,11 @@ private:
             blocked_++;
             return released_.wait();
         });
+        add("outliveCaller", [this](const KRValue&) { // as callOther() calls it
+            blocked_++;
+            outlived_ = eventually([this] { return xIsCallerGone(); });
+        });
+        add("hasOutlivedCaller", [this] { return outlived_.load(); });
         add("countBlocked", [this] { return blocked_.load(); });
         add("release", [this] { released_.set(); });
         add("note", [this](int number) {
@@ -146,6 +151,7 @@ private:
 
     Event released_;
     std::atomic<int> blocked_ = 0;
+    std::atomic<bool> outlived_ = false;
     std::atomic<int> images_ = 0;
     std::mutex mutex_;
     std::vector<int> notes_;        // guarded by mutex_

@@ -346,7 +346,13 @@ void KRModule::xPost(const std::string& what, std::function<void()> function) {
 }
 
 std::string KRModule::xGetCaller() const {
-    return p_->gate->getCaller();
+    const KRIncomingCall* call = p_->gate->getIncomingCall();
+    return call != nullptr ? call->caller : std::string();
+}
+
+bool KRModule::xIsCallerGone() const {
+    const KRIncomingCall* call = p_->gate->getIncomingCall();
+    return call != nullptr && call->isCallerGone();
 }
 
 void shutDownAndDestroy(std::unique_ptr<KRModule> module) noexcept {

@@ -129,17 +129,17 @@ KRValue KRModuleGate::call(std::string_view method, std::span<const KRValue> arg
     return Running(*this).call(method, arguments);
 }
 
-std::string KRModuleGate::getCaller() const {
+const KRIncomingCall* KRModuleGate::getIncomingCall() const noexcept {
     for (const Running* call = innermostCall; call != nullptr; call = call->around_) {
         if (&call->gate_ == this) {
-            return call->caller_ != nullptr ? *call->caller_ : std::string();
+            return call->incoming_;
         }
     }
-    return {};
+    return nullptr;
 }
 
-KRModuleGate::Running::Running(KRModuleGate& gate, const std::string* caller) noexcept
-    : gate_(gate), caller_(caller), around_(innermostCall) {
+KRModuleGate::Running::Running(KRModuleGate& gate, const KRIncomingCall* incoming) noexcept
+    : gate_(gate), incoming_(incoming), around_(innermostCall) {
     innermostCall = this;
 }
 

@@ -50,8 +50,8 @@ public:
 
     /// The calling thread is inside a call of this module.
     bool isInsideCall() const noexcept { return countCallsOfThisThread() > 0; }
-    /// The process whose call of this module runs on this thread; empty for this process itself.
-    std::string getCaller() const;
+    /// The call of another process that runs in this module on this thread; null for one of this process.
+    const KRIncomingCall* getIncomingCall() const noexcept;
     /// The error says that the module of this name lets no call in, in this process or another one.
     static bool isRefusal(const KRError& error, const std::string& module);
     /// The calling thread is inside a call of a module that is closed.
@@ -62,8 +62,8 @@ public:
     /// While this exists, a call that was counted runs on this thread; its destructor leaves the gate.
     class Running {
     public:
-        /// \param caller  the process that calls, if it is another one; outlives the call
-        explicit Running(KRModuleGate& gate, const std::string* caller = nullptr) noexcept;
+        /// \param incoming  the call, if another process makes it; outlives this
+        explicit Running(KRModuleGate& gate, const KRIncomingCall* incoming = nullptr) noexcept;
         ~Running();
         Running(const Running&) = delete;
         Running& operator=(const Running&) = delete;
@@ -73,7 +73,7 @@ public:
     private:
         friend KRModuleGate;
         KRModuleGate& gate_;
-        const std::string* const caller_;
+        const KRIncomingCall* const incoming_;
         const Running* const around_; // the call that this one was made from, on this thread
     };
 

@@ -48,7 +48,7 @@ void run(KRIncomingCall& call, KRModuleGate& gate) {
     KRValue result;
     std::optional<KRError> failure;
     {
-        KRModuleGate::Running running(gate, &call.caller);
+        KRModuleGate::Running running(gate, &call);
         try {
             result = running.call(call.method, call.arguments);
         } catch (const KRError& error) {

@@ -104,11 +104,13 @@ public:
 
 protected:
     void xShutDown() override;
-    /// Ends the subscriptions of the process, also those that still wait for their camera.
+    /// Ends the subscriptions of the process. A call that still waits for its camera ends its own.
     void xCallerGone(const std::string& caller) override;
 
 private:
     void publishMethods();
+    /// Ends a subscription whose process is gone, unless it has ended already.
+    void endOrphan(const std::string& id);
 
     struct Private;
     std::unique_ptr<Private> p_;

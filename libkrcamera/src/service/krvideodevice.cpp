@@ -92,7 +92,12 @@ std::string KRVideoDevice::subscribeCamera(const std::string& name, int camera, 
         p_->fail(method, "the name of the subscriber has " + std::to_string(name.size()) +
                              " bytes; at most " + std::to_string(maximumNameSize) + " are supported");
     }
-    return p_->subscribe(name, xGetCaller(), {camera, resolution, colorSpace, frameRate});
+    const std::string id = p_->subscribe(name, xGetCaller(), {camera, resolution, colorSpace, frameRate});
+    if (xIsCallerGone()) { // xCallerGone() may have run before the subscription was there
+        endOrphan(id);
+        p_->fail(method, "the process that subscribed has ended");
+    }
+    return id;
 }
 
 void KRVideoDevice::unsubscribe(const std::string& id) {
@@ -112,14 +117,18 @@ void KRVideoDevice::unsubscribe(const std::string& id) {
 }
 
 void KRVideoDevice::xCallerGone(const std::string& caller) {
-    for (const std::string& id : p_->noteCallerGone(caller)) {
-        try {
-            unsubscribe(id);
-            logInfo("KRVideoDevice",
-                    "subscription " + escapeText(id) + " has ended with the process that made it");
-        } catch (const KRError& error) {
-            logVerbose("KRVideoDevice", error.what()); // it has just unsubscribed
-        }
+    for (const std::string& id : p_->listOf(caller)) {
+        endOrphan(id);
+    }
+}
+
+void KRVideoDevice::endOrphan(const std::string& id) {
+    try {
+        unsubscribe(id);
+        logInfo("KRVideoDevice",
+                "subscription " + escapeText(id) + " has ended with the process that made it");
+    } catch (const KRError& error) {
+        logVerbose("KRVideoDevice", error.what()); // it has just ended
     }
 }
 

@@ -52,38 +52,13 @@ void KRVideoDevice::Private::acquire(const char* method, KRCameraSlot& slot, int
     }
 }
 
-/// Registers a call that waits for a camera: its process may end before the subscription exists.
-class KRVideoDevice::Private::Opening {
-public:
-    Opening(Private& owner, const std::string& from) : caller(from), owner_(owner) {
-        const KRLock lock(owner_.mutex);
-        owner_.openings_.push_back(this);
-    }
-    ~Opening() {
-        const KRLock lock(owner_.mutex);
-        std::erase(owner_.openings_, this);
-    }
-    Opening(const Opening&) = delete;
-    Opening& operator=(const Opening&) = delete;
-
-    const std::string& caller;
-    bool isCallerGone = false; ///< guarded by the owner's mutex
-
-private:
-    Private& owner_;
-};
-
 std::string KRVideoDevice::Private::subscribe(const std::string& subscriber, const std::string& caller,
                                               const KRSubscription::Settings& settings) {
     const char* method = "subscribeCamera";
     KRCameraSlot& slot = getSlot(settings);
-    const Opening opening(*this, caller);
     acquire(method, slot, settings.resolution);
     try {
         const KRLock lock(mutex);
-        if (opening.isCallerGone) {
-            fail(method, slot.getTitle() + ": the process that subscribed has ended");
-        }
         if (subscriptions.size() >= maximumSubscriptions) {
             fail(method, "there are " + std::to_string(subscriptions.size()) +
                              " subscriptions; more are not supported");
@@ -103,18 +78,15 @@ std::string KRVideoDevice::Private::add(const std::string& subscriber, const std
     return id;
 }
 
-std::vector<std::string> KRVideoDevice::Private::noteCallerGone(const std::string& caller) {
-    std::vector<std::string> left;
+std::vector<std::string> KRVideoDevice::Private::listOf(const std::string& caller) const {
+    std::vector<std::string> ids;
     const KRLock lock(mutex);
-    for (Opening* opening : openings_) {
-        opening->isCallerGone = opening->isCallerGone || opening->caller == caller;
-    }
     for (const auto& [id, subscription] : subscriptions) {
         if (subscription->getCaller() == caller) {
-            left.push_back(id);
+            ids.push_back(id);
         }
     }
-    return left;
+    return ids;
 }
 
 std::shared_ptr<KRSubscription> KRVideoDevice::Private::find(const char* method,

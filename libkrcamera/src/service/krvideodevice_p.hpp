@@ -40,7 +40,7 @@ struct KRVideoDevice::Private {
 
     /// Opens the camera and adds a subscription. \return its identifier
     /// \param caller  the process that subscribes; empty for this one
-    /// \throws KRError  the camera cannot be opened; the caller is gone
+    /// \throws KRError  the camera cannot be opened
     std::string subscribe(const std::string& subscriber, const std::string& caller,
                           const KRSubscription::Settings& settings);
     /// \throws KRError  the subscription does not exist
@@ -48,9 +48,8 @@ struct KRVideoDevice::Private {
     [[noreturn]] void failUnknown(const char* method, const std::string& id) const;
     /// All subscriptions with their identifiers, the oldest first.
     Subscriptions list() const;
-    /// A process is gone: its calls that still wait for a camera will not add a subscription.
-    /// \return the identifiers of its subscriptions
-    std::vector<std::string> noteCallerGone(const std::string& caller);
+    /// The identifiers of a process's subscriptions.
+    std::vector<std::string> listOf(const std::string& caller) const;
 
     const std::string name;                           ///< of the module
     std::vector<std::unique_ptr<KRCameraSlot>> slots; ///< one per camera, constant
@@ -60,12 +59,8 @@ struct KRVideoDevice::Private {
     std::uint64_t subscriptionsMade KR_GUARDED_BY(mutex) = 0;
 
 private:
-    class Opening;
-
     std::string add(const std::string& subscriber, const std::string& caller,
                     const KRSubscription::Settings& settings) KR_REQUIRES(mutex);
-
-    std::vector<Opening*> openings_ KR_GUARDED_BY(mutex); ///< calls that wait for a camera
 };
 
 } // namespace KR

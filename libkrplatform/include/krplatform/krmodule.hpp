@@ -120,6 +120,9 @@ protected:
     /// Identity of the process whose call of this module runs on the calling thread; empty for this process and
     /// outside of calls. Thread-safe.
     std::string xGetCaller() const;
+    /// Whether that process is gone, or counts as gone. xCallerGone() may have run before the call began: a call that
+    /// keeps something for its caller checks this once it has. Thread-safe.
+    bool xIsCallerGone() const;
     /// Called when a process that may have called this module is gone, or has been unreachable for so long that it
     /// counts as gone: the module can drop what it keeps for it. Runs as a call, on a call thread. Does nothing here.
     virtual void xCallerGone(const std::string& /*caller*/) {}

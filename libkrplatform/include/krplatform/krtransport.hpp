@@ -70,6 +70,9 @@ public:
 
     virtual void succeed(const KRValue& result) noexcept = 0;
     virtual void fail(const KRError& error) noexcept = 0;
+    /// Whether the calling process is gone or counts as gone. A transport whose callers can go overrides it; it is true
+    /// before KRTransportHost::noticeCallerGone(). Thread-safe.
+    virtual bool isCallerGone() const noexcept { return false; }
 
     const std::string caller; ///< identity of the calling process
     const std::string module;
