@@ -273,19 +273,6 @@ void KRVisionExtractorPrivate::setSubscriberId(const std::string& id) {
     subscriberId = id;
 }
 
-void KRVisionExtractorPrivate::setRefusal(const std::optional<KRError>& error) {
-    const KRLock lock(idMutex);
-    refusal.reset(); // errors cannot be assigned
-    if (error) {
-        refusal.emplace(*error);
-    }
-}
-
-std::optional<KRError> KRVisionExtractorPrivate::getRefusal() {
-    const KRLock lock(idMutex);
-    return refusal;
-}
-
 void KRVisionExtractorPrivate::xSubscribe() {
     const KRLock subscriptionGuard(subscriptionMutex);
     const std::shared_lock resolutionGuard(resolutionLock);
@@ -296,14 +283,12 @@ void KRVisionExtractorPrivate::xSubscribe() {
         return;
     }
     try {
-        setRefusal(std::nullopt);
         setSubscriberId(videoDeviceProxy->subscribeCamera(
             getSubscriberId(), activeCamera, resolution, colorSpace, toFrameRate(owner->getCurrentPeriod())));
         subscribed = true;
         xSetSubscriptionParameters();
     } catch (const KRError& error) {
         logProblem("Could not subscribe to KRVideoDevice");
-        setRefusal(error);
         exitBecause("the camera subscription has failed: " + error.getDescription());
     }
 }

@@ -10,7 +10,6 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
-#include <optional>
 #include <shared_mutex>
 #include <string>
 #include <string_view>
@@ -95,8 +94,6 @@ private:
     std::string getSubscriberId();
     void setSubscriberId(const std::string& id);
     std::string getUnsubscribedId() const;
-    void setRefusal(const std::optional<KRError>& error);
-    std::optional<KRError> getRefusal();
     bool hasSubscriber(const std::string& subscriber);
     void updatePeriodOf(const std::string& subscriber, int frameRate);
     void updatePeriodIfSubscribed(const std::string& subscriber, int frameRate);
@@ -112,8 +109,6 @@ private:
     KRMutex subscriptionMutex; // held while subscribing and unsubscribing
     KRMutex idMutex;
     std::string subscriberId KR_GUARDED_BY(idMutex);
-    std::optional<KRError>
-        refusal KR_GUARDED_BY(idMutex); // why the camera service refused the last subscription
     std::atomic<bool> subscribed = false;
     KRMutex parametersMutex;
     std::vector<std::pair<int, int>> cameraParameters KR_GUARDED_BY(parametersMutex); // ids and values

@@ -150,15 +150,7 @@ bool KRVisionExtractorPrivate::setFrameRate(const std::string& subscriber, int f
 }
 
 void KRVisionExtractorPrivate::setVideoDeviceFrameRate(int frameRate) {
-    try {
-        videoDeviceProxy->setFrameRate(getSubscriberId(), frameRate);
-    } catch (const KRError&) {
-        // For a subscriber, the cause says more than that an identifier does not exist.
-        if (const std::optional<KRError> cause = getRefusal()) {
-            throw *cause;
-        }
-        throw;
-    }
+    videoDeviceProxy->setFrameRate(getSubscriberId(), frameRate);
 }
 
 void KRVisionExtractorPrivate::setParameter(const std::string& name, const KRValue& value) {
