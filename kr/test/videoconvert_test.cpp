@@ -3,6 +3,7 @@
 #include "image/pictureconversion.hpp"
 #include "patience.hpp"
 #include "recordings.hpp"
+#include "video/filmreader.hpp"
 #include "video/frames.hpp"
 #include "video/framesink.hpp"
 
@@ -11,8 +12,13 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
+#include <array>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <filesystem>
+#include <stdexcept>
 
 namespace {
 
@@ -238,6 +244,24 @@ TEST_F(KrVideoConvert, AFileWithoutVideoIsRefusedRatherThanWaitedFor) {
         EXPECT_EQ(outcome.err, "kr: " + in + ": there is no video in it\n");
     }
     EXPECT_FALSE(std::filesystem::exists(path("a.oxv")));
+}
+
+TEST_F(KrVideoConvert, AFilmThatDeliversNoFrameIsGivenUp) {
+    const std::string film = path("film.mkv");
+    ASSERT_EQ(convert(record("in"), "film.mkv").exitCode, 0);
+    // The headers of the film, then a hole whose reading takes hours.
+    const Bytes bytes = readAll(film);
+    constexpr std::array<unsigned char, 4> kCluster{0x1F, 0x43, 0xB6, 0x75};
+    const auto frames = std::search(bytes.begin(), bytes.end(), kCluster.begin(), kCluster.end());
+    ASSERT_NE(frames, bytes.end());
+    std::filesystem::resize_file(film, static_cast<std::uintmax_t>(frames - bytes.begin()));
+    std::filesystem::resize_file(film, std::uintmax_t{1} << 40);
+    try {
+        openFilm(film, KR::kQVGA, std::chrono::milliseconds(200));
+        FAIL() << "there is no frame";
+    } catch (const std::runtime_error& error) {
+        EXPECT_EQ(error.what(), film + ": no frame could be decoded within 200 ms");
+    }
 }
 
 TEST_F(KrVideoConvert, ADiskThatIsFullIsAFailure) {

@@ -28,7 +28,8 @@ std::string describe(int resolution) {
 
 class GstFilmReader : public FilmReader {
 public:
-    GstFilmReader(const std::string& path, int resolution) : path_(path), line_(describe(resolution)) {
+    GstFilmReader(const std::string& path, int resolution, std::chrono::milliseconds patience)
+        : path_(path), patience_(patience), line_(describe(resolution)) {
         // Not in the description, where quotes and blanks in a path would have a meaning.
         g_object_set(line_.find("source").get(), "location", path.c_str(), nullptr);
         sink_ = line_.find("sink");
@@ -70,7 +71,6 @@ public:
 
 private:
     static constexpr const char* kNoVideo = "there is no video in it";
-    static constexpr GstClockTime kPatience = 10 * GST_SECOND; // for one frame
 
     // The decoder has found all streams; GStreamer would wait for ever if none of them is a video. On its thread.
     static void noticeStreams(GstElement*, gpointer reader) {
@@ -83,10 +83,10 @@ private:
 
     /// \return null: there are no more
     GstHandle<GstSample> pull() {
-        constexpr GstClockTime kStep = 50 * GST_MSECOND;
+        constexpr std::chrono::milliseconds kStep(50);
         GstAppSink* sink = GST_APP_SINK(sink_.get());
-        for (GstClockTime waited = 0; waited < kPatience; waited += kStep) {
-            GstHandle<GstSample> sample(gst_app_sink_try_pull_sample(sink, kStep));
+        for (std::chrono::milliseconds waited(0); waited < patience_; waited += kStep) {
+            GstHandle<GstSample> sample(gst_app_sink_try_pull_sample(sink, kStep.count() * GST_MSECOND));
             line_.waitForEnd(0); // throws the error that may have ended the frames
             if (sample || gst_app_sink_is_eos(sink)) {
                 return sample;
@@ -95,8 +95,8 @@ private:
                 throw std::runtime_error(kNoVideo);
             }
         }
-        throw std::runtime_error("no frame could be decoded for " + std::to_string(kPatience / GST_SECOND) +
-                                 " s");
+        throw std::runtime_error("no frame could be decoded within " + std::to_string(patience_.count()) +
+                                 " ms");
     }
 
     static void copy(GstSample* sample, KRImage& image) {
@@ -119,7 +119,8 @@ private:
     }
 
     const std::string path_;
-    std::atomic<bool> hasNoVideo_ = false; // set by a thread of the pipeline, which goes first
+    const std::chrono::milliseconds patience_; // for one frame
+    std::atomic<bool> hasNoVideo_ = false;     // set by a thread of the pipeline, which goes first
     GstLine line_;
     GstHandle<GstElement> sink_;
     GstHandle<GstSample> first_; // read ahead, to check that there is one
@@ -127,8 +128,9 @@ private:
 
 } // namespace
 
-std::unique_ptr<FilmReader> openFilm(const std::string& path, int resolution) {
-    return std::make_unique<GstFilmReader>(path, resolution);
+std::unique_ptr<FilmReader> openFilm(const std::string& path, int resolution,
+                                     std::chrono::milliseconds patience) {
+    return std::make_unique<GstFilmReader>(path, resolution, patience);
 }
 
 } // namespace KR::tool

@@ -32,7 +32,7 @@ std::unique_ptr<FrameSink> makeWindowSink(std::int64_t) {
     refuse();
 }
 
-std::unique_ptr<FilmReader> openFilm(const std::string&, int) {
+std::unique_ptr<FilmReader> openFilm(const std::string&, int, std::chrono::milliseconds) {
     refuse();
 }
 

@@ -26,6 +26,7 @@ using test::eventually;
 class LiveCameraTest : public testing::Test {
 protected:
     using Clock = std::chrono::steady_clock;
+    static constexpr std::chrono::milliseconds kShortLimit{500}; // of silence
 
     class Source : public KRImageSource {
     public:
@@ -213,8 +214,8 @@ TEST_F(LiveCameraTest, OneThatNeverDeliversIsGivenUpWithAHint) {
     };
     KRLiveCamera silent(
         0, "camera 0", [this](const KRSize&) { return std::make_unique<Source>(*this); },
-        KRLiveCamera::Silence{false, "the file may be damaged"});
-    EXPECT_EQ(errorOf([&] { silent.open(); }), "no image within 10 s; the file may be damaged");
+        KRLiveCamera::Silence{false, "the file may be damaged", kShortLimit});
+    EXPECT_EQ(errorOf([&] { silent.open(); }), "no image within 500 ms; the file may be damaged");
 }
 
 TEST_F(LiveCameraTest, AWaitingFetchFailsWithTheSource) {
@@ -314,10 +315,10 @@ TEST_F(LiveCameraTest, SilenceIsAFailureForSourcesThatNeverPause) {
     };
     KRLiveCamera steady(
         0, "camera 0", [this](const KRSize&) { return std::make_unique<Source>(*this); },
-        KRLiveCamera::Silence{true});
+        KRLiveCamera::Silence{true, "", kShortLimit});
     steady.open();
     ASSERT_TRUE(eventually([&] { return steady.getStatus().state == "failed"; }));
-    EXPECT_EQ(steady.getStatus().failure, "no image within 10 s");
+    EXPECT_EQ(steady.getStatus().failure, "no image within 500 ms");
 }
 
 TEST_F(LiveCameraTest, AFetchThatWaitsGetsTheNextFrame) {

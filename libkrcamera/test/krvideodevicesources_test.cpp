@@ -158,8 +158,6 @@ TEST_F(SourceTest, AMissingDeviceIsNamed) {
 }
 
 TEST_F(SourceTest, ASourceThatDeliversNothingCannotBeOpened) {
-    EXPECT_THAT(openError("gst:videotestsrc is-live=true ! valve drop=true"),
-                HasSubstr("no image within 10 s"));
     EXPECT_THAT(openError("gst:videotestsrc num-buffers=0"), HasSubstr("the source has ended"));
 }
 

@@ -16,7 +16,6 @@ namespace KR {
 
 namespace {
 
-constexpr std::chrono::seconds imageTimeout(10);
 constexpr std::chrono::hours stableTime(1); // a failure after that is logged like a first one
 constexpr std::size_t maximumReasons = 8;
 
@@ -43,7 +42,7 @@ void KRLiveCamera::open() {
         tryNow_ = true;
         changed_.notifyAll();
     }
-    changed_.waitFor(lock, imageTimeout, [&] {
+    changed_.waitFor(lock, silence_.limit, [&] {
         mutex_.assertHeld();
         return stopping_ || timesOpened_ != opened || timesFailed_ != failed;
     });
@@ -153,7 +152,7 @@ bool KRLiveCamera::captureFrames() {
         if (std::optional<KRCapture> capture = source->pull()) {
             setNewest(std::move(*capture));
             last = Clock::now();
-        } else if (Clock::now() - last > imageTimeout) {
+        } else if (Clock::now() - last > silence_.limit) {
             noteSilence(last);
         }
     }
@@ -224,8 +223,10 @@ void KRLiveCamera::logFailure(const std::string& reason, Clock::duration deliver
 }
 
 std::string KRLiveCamera::describeSilence() const {
-    return "no image within " + std::to_string(imageTimeout.count()) + " s" +
-           (silence_.hint.empty() ? "" : "; " + silence_.hint);
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(silence_.limit);
+    const std::string limit = seconds == silence_.limit ? std::to_string(seconds.count()) + " s"
+                                                        : std::to_string(silence_.limit.count()) + " ms";
+    return "no image within " + limit + (silence_.hint.empty() ? "" : "; " + silence_.hint);
 }
 
 bool KRLiveCamera::pause(Clock::duration delay) {

@@ -22,10 +22,11 @@ class KRLiveCamera : public KRCamera {
 public:
     using OpenSource = std::function<std::unique_ptr<KRImageSource>(const KRSize& wanted)>;
 
-    /// What it means that a source delivers nothing for ten seconds. Before its first image, it has failed.
+    /// What it means that a source delivers nothing for a while. Before its first image, it has failed.
     struct Silence {
         bool isFailure = false; ///< after the first image, too; otherwise that is logged as a warning
         std::string hint{};     ///< appended to the message: "the file may be damaged"
+        std::chrono::milliseconds limit = std::chrono::seconds(10);
     };
 
     /// \param title  for the log
