@@ -19,7 +19,9 @@ namespace {
 std::string describe(int resolution) {
     int width = 0, height = 0;
     setSizeFromResolution(resolution, width, height);
-    return "filesrc name=source ! decodebin name=decoder ! videoconvert name=converter ! videoscale "
+    return "filesrc name=source ! decodebin name=decoder ! videoconvert name=converter ! "
+           // GLib ends a process that cannot get the memory for a picture.
+           "video/x-raw,width=[1,8192],height=[1,8192] ! videoscale "
            "add-borders=true ! "
            "video/x-raw,format=YUY2,pixel-aspect-ratio=1/1,colorimetry=bt601,width=" +
            std::to_string(width) + ",height=" + std::to_string(height) +

@@ -157,6 +157,23 @@ TEST_F(SourceTest, AMissingDeviceIsNamed) {
         "setActiveCamera: camera 1 (v4l2:/dev/nonexistent) cannot be opened: No such file or directory");
 }
 
+// GLib would end the process if there were no memory for them.
+TEST_F(SourceTest, PicturesThatAreTooLargeAreRefusedBeforeMemoryIsTakenForThem) {
+    const std::string wide = folder / "wide.png";
+    runPipeline("videotestsrc num-buffers=1 ! video/x-raw,width=8193,height=2 ! pngenc ! filesink location=" +
+                wide);
+    for (const std::string scheme : {"file:", "image:"}) {
+        EXPECT_THAT(openError(scheme + wide), HasSubstr("pictures are larger than 8192x8192"));
+    }
+    EXPECT_THAT(openError("gst:videotestsrc ! video/x-raw,width=30000,height=30000"),
+                HasSubstr("could not link"));
+    const std::string widest = folder / "widest.png";
+    runPipeline("videotestsrc num-buffers=1 ! video/x-raw,width=8192,height=2 ! pngenc ! filesink location=" +
+                widest);
+    start({"image:" + widest});
+    fetch(subscribe());
+}
+
 TEST_F(SourceTest, ASourceThatDeliversNothingCannotBeOpened) {
     EXPECT_THAT(openError("gst:videotestsrc num-buffers=0"), HasSubstr("the source has ended"));
 }

@@ -167,6 +167,9 @@ void KRPipeline::readError(GstMessage* message) {
     const std::size_t lastLine = place.rfind('\n');
     if (place.find("not-linked") != std::string::npos) {
         failure_ = noVideo;
+    } else if (place.find("not-negotiated") != std::string::npos) {
+        *failure_ += " Its pictures are larger than " + std::to_string(largestSide) + "x" +
+                     std::to_string(largestSide) + ", or of a kind that cannot be converted";
     } else if (const std::string reason = explain(error); !reason.empty()) {
         failure_ = reason;
     } else if (lastLine != std::string::npos && lastLine + 1 < place.size()) {

@@ -10,8 +10,9 @@ namespace {
 // The sink keeps the newest image only. It is part of the description that is parsed, so that a source may end in an
 // element whose pads are added later, or in caps.
 std::string appendSink(const std::string& elements) {
-    return elements + " ! appsink name=" + imageSinkName +
-           " caps=video/x-raw max-buffers=1 drop=true enable-last-sample=false";
+    const std::string range = "(int)[1," + std::to_string(largestSide) + "]";
+    return elements + " ! appsink name=" + imageSinkName + " caps=\"video/x-raw,width=" + range +
+           ",height=" + range + "\" max-buffers=1 drop=true enable-last-sample=false";
 }
 
 } // namespace

@@ -6,6 +6,9 @@
 namespace KR {
 
 constexpr const char* imageSinkName = "kr-images";
+/// Width and height of the largest picture that a source may deliver. GStreamer refuses a larger one before it asks for
+/// the memory: GLib ends a process that cannot get memory.
+constexpr int largestSide = 8192;
 
 /// Builds the elements of a source: a bin that ends in the appsink named `imageSinkName`, for raw video in system
 /// memory.
