@@ -1,18 +1,24 @@
 #include "otherprocess.hpp"
+#include "stranger.hpp"
 #include "testdomain.hpp"
 
 #include <patience.hpp>
+#include <testmodule.hpp>
 
 #include <krplatform/krproxy.hpp>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <cstdint>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
+#include <unistd.h>
+#include <vector>
 
 namespace KR::test {
 
@@ -107,6 +113,31 @@ TEST_F(KRDDSSecurity, ProcessesOfOneAuthorityReachEachOtherAndNobodyElse) {
     seesOnly(getUrl("ours/laptop"), "Robot", server.getPid());
     seesOnly(domain.getUrl(), "Open", open.getPid());
     seesOnly(getUrl("foreign/intruder"), "Intruder", foreign.getPid());
+}
+
+TEST_F(KRDDSSecurity, AValidIdentityCannotCallInAnotherBrokersName) {
+    const std::vector<std::uint8_t> nothing{0x90}; // an empty array
+    const auto broker = KRBroker::create(getUrl("ours/robot"));
+    std::atomic<int> runs = 0;
+    const auto module =
+        makeModule(broker, "Module", [&](TestModule& made) { made.add("run", [&] { return ++runs; }); });
+    const OtherProcess laptop(getUrl("ours/laptop"), {"module", "Laptop"});
+    ASSERT_TRUE(broker->getSession().waitForService("Laptop", kPatience));
+    Stranger thief(domain.getNumber()); // with the robot's credentials, which this process uses on the domain
+    const std::string robot = thief.findBrokerOf(getpid());
+    const dds_entity_t replies = thief.readReplies();
+    thief.announce(1, nothing);
+    thief.request(robot, 1, "Module", "run", nothing);
+    ASSERT_TRUE(eventually([&] { return runs == 1; })); // it may call
+    thief.pretendToBe(thief.findBrokerOf(laptop.getPid()));
+    thief.request(robot, 2, "Module", "run", nothing);
+    EXPECT_TRUE(eventually([&] { return broker->getDiagnostics().refusedMessages == 1; }));
+    thief.announce(1, nothing);
+    thief.withdraw(); // in the name of the laptop, whose modules stay
+    EXPECT_TRUE(eventually([&] { return broker->getDiagnostics().refusedMessages == 3; }));
+    EXPECT_EQ(broker->getProxy("Laptop")->call<int>("getPid"), laptop.getPid());
+    EXPECT_EQ(runs, 1);
+    EXPECT_GT(replies, 0);
 }
 
 TEST_F(KRDDSSecurity, AFileThatIsMissingOrIsSomethingElseIsNamed) {

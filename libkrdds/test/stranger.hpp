@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <sys/types.h>
 #include <utility>
 #include <vector>
 
@@ -52,19 +53,13 @@ public:
 
     /// Identity of the one broker that there is besides `except`.
     std::string findBroker(const std::string& except = {}) {
-        const dds_entity_t reader = readAnnouncements();
-        std::string id;
-        EXPECT_TRUE(eventually([&] {
-            void* sample = nullptr;
-            dds_sample_info_t info;
-            while (id.empty() && dds_take(reader, &sample, &info, 1, 1) == 1) {
-                const std::string found = static_cast<KRVision_Announcement*>(sample)->broker;
-                id = found == except ? "" : found;
-                dds_return_loan(reader, &sample, 1);
-            }
-            return !id.empty();
-        }));
-        return id;
+        return findBrokerWhere([&](const auto& announcement) { return announcement.broker != except; });
+    }
+    /// Identity of the one broker in the process.
+    std::string findBrokerOf(pid_t process) {
+        return findBrokerWhere([&](const auto& announcement) {
+            return announcement.pid == static_cast<std::uint32_t>(process);
+        });
     }
 
     /// Announces itself as a broker.
@@ -143,6 +138,24 @@ public:
     }
 
 private:
+    template <class Condition>
+    std::string findBrokerWhere(Condition isWanted) {
+        const dds_entity_t reader = readAnnouncements();
+        std::string id;
+        EXPECT_TRUE(eventually([&] {
+            void* sample = nullptr;
+            dds_sample_info_t info;
+            while (id.empty() && dds_take(reader, &sample, &info, 1, 1) == 1) {
+                const auto& announcement = *static_cast<const KRVision_Announcement*>(sample);
+                if (info.valid_data && isWanted(announcement)) {
+                    id = announcement.broker;
+                }
+                dds_return_loan(reader, &sample, 1);
+            }
+            return !id.empty();
+        }));
+        return id;
+    }
     dds_entity_t getAnnouncer() {
         if (announcer_ == 0) {
             const dds_entity_t topic = dds_create_topic(participant_, &KRVision_Announcement_desc,
