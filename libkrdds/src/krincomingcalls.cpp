@@ -121,6 +121,7 @@ void KRIncomingCalls::take(const KRRequest& request) {
         } else if (const std::string problem = findProblem(caller, bytes); problem.empty()) {
             caller.waiting.emplace(request.sequence, std::move(call));
             caller.waitingBytes += bytes;
+            return;
         } else {
             ++refused_;
             refusals_.write(KRLogLevel::Warning, "a call is dropped: " + problem);

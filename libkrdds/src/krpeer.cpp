@@ -89,7 +89,7 @@ KRValue KRPeer::call(const std::string& module, std::string_view method, std::sp
         fail(failure);
     }
     try {
-        const KRValue value = pending.reply->value.decode();
+        KRValue value = pending.reply->value.decode();
         switch (pending.reply->status) {
         case KRReply::Result:
             return value;

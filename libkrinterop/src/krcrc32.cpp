@@ -66,7 +66,8 @@ constexpr long long powerOfX(int n) {
     for (int i = 0; i < n; ++i) {
         power = (power >> 1) ^ ((power & 1) != 0 ? kPolynomial : 0);
     }
-    return static_cast<long long>(std::uint64_t{power} << 1);
+    const std::uint64_t reflected = std::uint64_t{power} << 1;
+    return static_cast<long long>(reflected);
 }
 static_assert(powerOfX(512 + 32) == 0x154442bd4 && powerOfX(512 - 32) == 0x1c6e41596); // as in the paper
 

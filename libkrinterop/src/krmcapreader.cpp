@@ -278,7 +278,7 @@ private:
     }
 
     template <class T>
-    void define(const OpenSegment& open, std::map<std::uint16_t, T>& known, T&& defined, const char* what) {
+    void define(const OpenSegment& open, std::map<std::uint16_t, T>& known, T defined, const char* what) {
         const std::uint16_t id = defined.id;
         const auto found = known.find(id);
         if (found == known.end()) {

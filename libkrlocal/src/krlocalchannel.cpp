@@ -134,6 +134,7 @@ void KRLocalChannel::send(KRLocalFrame::Kind kind, std::uint64_t number, const K
             ++streamed;
         }
     }
+    descriptors.reserve(memories.size());
     for (const auto& memory : memories) {
         descriptors.push_back(memory->getDescriptor());
     }

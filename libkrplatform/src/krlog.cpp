@@ -340,6 +340,7 @@ void Log::continueChild() noexcept {
     // The log thread is the parent's. What waits is for the parent to write, and its listeners hear for the parent.
     const KRLogLevel level = instance.load()->printedLevel_;
     static Log* parents = nullptr; // stays as it is, locked; reachable, so that it is no leak
+    // NOLINTNEXTLINE(bugprone-unhandled-exception-at-new): a child without memory for it ends
     parents = instance.exchange(new Log);
     instance.load()->printedLevel_ = level;
     (void)parents;

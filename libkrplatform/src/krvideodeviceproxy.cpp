@@ -239,7 +239,7 @@ std::string KRVideoDeviceProxy::subscribeCamera(const std::string& name, int cam
             service = proxy_.getModuleNumber();
         }
         try {
-            const auto id =
+            auto id =
                 proxy_.call<std::string>("subscribeCamera", name, camera, resolution, colorSpace, frameRate);
             subscriptions_->add({name, camera, resolution, colorSpace, frameRate, service, id});
             return id;

@@ -73,7 +73,7 @@ std::string KRVideoDevice::Private::subscribe(const std::string& subscriber, con
 std::string KRVideoDevice::Private::add(const std::string& subscriber, const std::string& caller,
                                         const KRSubscription::Settings& settings) {
     const std::uint64_t number = ++subscriptionsMade;
-    const std::string id = subscriber + "_" + std::to_string(number);
+    std::string id = subscriber + "_" + std::to_string(number);
     subscriptions.emplace(id, std::make_shared<KRSubscription>(number, settings, caller));
     return id;
 }
