@@ -4,7 +4,12 @@
 #include "system/memory.hpp"
 #include "tool/command.hpp"
 #include "tool/json.hpp"
+#include "tool/timestamp.hpp"
 
+#include <krplatform/krtext.hpp>
+
+#include <cstdint>
+#include <cstdio>
 #include <string>
 
 namespace KR::tool {
@@ -18,13 +23,28 @@ struct Options {
 
     void declare(Arguments& arguments) {
         arguments.add("PREFIX", prefix, "beginning of the keys; all keys without it");
-        arguments.addFlag("--json", json, "output as a JSON array");
+        arguments.addFlag("--json", json, "output as JSON");
         domain.declare(arguments);
     }
 };
 
 ExitCode list(const Options& options) {
-    printNames(findMemory(options.domain.connect()).getDataList(options.prefix), options.json);
+    const KRMemoryProxy memory = findMemory(options.domain.connect());
+    Json keys = Json::array();
+    for (const std::string& key : memory.getDataList(options.prefix)) {
+        try {
+            const std::int64_t time = memory.getTimestamp(key);
+            if (options.json) {
+                keys.push_back({{"key", key}, {"time_usec", time}});
+            } else {
+                std::printf("%7s  %s\n", formatAge(time).c_str(), escapeText(key).c_str());
+            }
+        } catch (const KRError&) { // removed meanwhile
+        }
+    }
+    if (options.json) {
+        printJson(keys);
+    }
     return ExitCode::Done;
 }
 
@@ -33,7 +53,7 @@ const GroupRegistration group("memory", "Values in the memory that all modules s
 const VerbRegistration registration(Verb<Options>{
     .group = "memory",
     .name = "list",
-    .summary = "List the keys",
+    .summary = "List the keys, and how long ago each was written",
     .example = "  kr memory list\n"
                "  kr memory list KRMotion/",
     .run = list,

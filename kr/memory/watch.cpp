@@ -4,9 +4,11 @@
 #include "system/memory.hpp"
 #include "system/valuejson.hpp"
 #include "tool/command.hpp"
+#include "tool/format.hpp"
 #include "tool/interruption.hpp"
 #include "tool/json.hpp"
 #include "tool/output.hpp"
+#include "tool/timestamp.hpp"
 
 #include <krplatform/krtext.hpp>
 
@@ -56,7 +58,9 @@ ExitCode watch(const Options& options) {
             for (const auto& [key, value] : now) {
                 const auto old = before.find(key);
                 if (old == before.end() || !(old->second == value)) {
-                    output.print(escapeText(key) + " " + formatJson(toJson(value)) + "\n", interruption);
+                    output.print(format("%7s  ", formatAge(memory.getTimestamp(key)).c_str()) +
+                                     escapeText(key) + " " + formatJson(toJson(value)) + "\n",
+                                 interruption);
                 }
             }
             before = std::move(now);
@@ -76,6 +80,7 @@ const VerbRegistration registration(Verb<Options>{
     .name = "watch",
     .summary = "Print values as they change, a line each, until Ctrl-C",
     .example = "  kr memory watch KRMotion/\n"
+               "Each line begins with how long ago the value was written.\n"
                "A value that changes and changes back between two readings is missed; kr event watch misses "
                "nothing.",
     .run = watch,

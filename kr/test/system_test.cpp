@@ -8,6 +8,8 @@
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
 
+#include <chrono>
+#include <cstdint>
 #include <string>
 
 namespace KR::test {
@@ -17,6 +19,7 @@ using nlohmann::json;
 using testing::AllOf;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::MatchesRegex;
 using testing::Not;
 using testing::StartsWith;
 
@@ -88,10 +91,32 @@ TEST_F(KrSystem, WritesReadsAndListsValuesOfTheMemory) {
     EXPECT_EQ(krOnDomain({"memory", "set", "Door/Name", "front"}).exitCode, 0);
     EXPECT_EQ(krOnDomain({"memory", "get", "Door/Open"}).out, "1\n");
     EXPECT_EQ(krOnDomain({"memory", "get", "Door/Name"}).out, "\"front\"\n");
-    EXPECT_EQ(krOnDomain({"memory", "list", "Door/"}).out, "Door/Name\nDoor/Open\n");
+    EXPECT_THAT(krOnDomain({"memory", "list", "Door/"}).out,
+                MatchesRegex(" *[0-9.]+ m?s  Door/Name\n *[0-9.]+ m?s  Door/Open\n"));
     const Outcome missing = krOnDomain({"memory", "get", "Door/Width"});
     EXPECT_EQ(missing.exitCode, 1);
     EXPECT_THAT(missing.err, HasSubstr("Door/Width"));
+}
+
+TEST_F(KrSystem, ShowsWhenAValueWasWritten) {
+    RunningProgram server = serve();
+    ASSERT_TRUE(server.isUp()) << server.readErr();
+    const auto readClock = [] {
+        return std::chrono::duration_cast<std::chrono::microseconds>(
+                   std::chrono::system_clock::now().time_since_epoch())
+            .count();
+    };
+    const auto before = readClock();
+    ASSERT_EQ(krOnDomain({"memory", "set", "Door/Open", "true"}).exitCode, 0);
+    const Outcome get = krOnDomain({"memory", "get", "Door/Open"});
+    EXPECT_EQ(get.out, "1\n");
+    EXPECT_THAT(get.err, MatchesRegex("kr: Door/Open was written [0-9.]+ m?s ago\n"));
+    const json got = json::parse(krOnDomain({"memory", "get", "Door/Open", "--json"}).out);
+    EXPECT_EQ(got["value"], 1);
+    EXPECT_GE(got["time_usec"].get<std::int64_t>(), before);
+    EXPECT_LE(got["time_usec"].get<std::int64_t>(), readClock());
+    const json list = json::parse(krOnDomain({"memory", "list", "--json"}).out);
+    EXPECT_EQ(list, json({{{"key", "Door/Open"}, {"time_usec", got["time_usec"]}}}));
 }
 
 TEST_F(KrSystem, LooksAtTheCamerasOfTheRunningService) {

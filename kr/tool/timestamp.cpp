@@ -1,7 +1,10 @@
 #include "tool/timestamp.hpp"
 
+#include "tool/format.hpp"
+
 #include <array>
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <ctime>
 
@@ -24,6 +27,36 @@ std::string formatTimeStamp(std::int64_t timeStamp) {
                   calendar.tm_mon + 1, calendar.tm_mday, calendar.tm_hour, calendar.tm_min, calendar.tm_sec,
                   static_cast<int>((time - seconds).count()));
     return text.data();
+}
+
+std::string formatAge(std::int64_t timeStamp, std::int64_t now) {
+    const double seconds = std::abs(static_cast<double>(now - timeStamp)) / 1e6;
+    const char* const sign = timeStamp > now ? "-" : "";
+    constexpr double kMinute = 60;
+    constexpr double kHour = 60 * kMinute;
+    constexpr double kDay = 24 * kHour;
+    // Each unit ends where rounding would show the number at which the next one begins.
+    if (seconds < 0.9995) {
+        return format("%s%.0f ms", sign, seconds * 1000);
+    }
+    if (seconds < 9.95) {
+        return format("%s%.1f s", sign, seconds);
+    }
+    if (seconds < 99.5) {
+        return format("%s%.0f s", sign, seconds);
+    }
+    if (seconds < 99.5 * kMinute) {
+        return format("%s%.0f min", sign, seconds / kMinute);
+    }
+    if (seconds < 47.5 * kHour) {
+        return format("%s%.0f h", sign, seconds / kHour);
+    }
+    return format("%s%.0f d", sign, seconds / kDay);
+}
+
+std::string formatAge(std::int64_t timeStamp) {
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    return formatAge(timeStamp, std::chrono::duration_cast<std::chrono::microseconds>(now).count());
 }
 
 } // namespace KR::tool

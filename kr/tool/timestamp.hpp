@@ -10,4 +10,11 @@ namespace KR::tool {
 /// \param timeStamp  microseconds since the Unix epoch
 std::string formatTimeStamp(std::int64_t timeStamp);
 
+/// Formats how long ago a time was, in at most 7 characters for 27 years: "250 ms", "7.5 s", "42 s", "12 min", "5 h",
+/// "12 d". It has a minus for a time in the future: the clock that told it is ahead of this machine's.
+/// \param timeStamp  microseconds since the Unix epoch
+/// \param now        the same; by default the current time
+std::string formatAge(std::int64_t timeStamp, std::int64_t now);
+std::string formatAge(std::int64_t timeStamp);
+
 } // namespace KR::tool

@@ -53,6 +53,11 @@ void KRMemory::publishMethods() {
     setReturn("value", "The value written last.");
     publish(&KRMemory::getData);
 
+    functionName("getTimestamp", kName, "Gets the time when a key was last written.");
+    addParam("key", "Name of the data.");
+    setReturn("time", "Array of whole seconds since the Unix epoch and the microseconds beyond.");
+    publish(&KRMemory::getTimestamp);
+
     functionName("getDataList", kName, "Gets the keys.");
     addParam("prefix", "What the keys have to begin with; empty for all.");
     setReturn("keys", "Array of keys, in order.");
@@ -127,11 +132,24 @@ void KRMemory::insertData(const std::string& key, const KRValue& value) {
 
 KRValue KRMemory::getData(const std::string& key) {
     const KRLock lock(mutex_);
+    return find("getData", key).value;
+}
+
+KRValue KRMemory::getTimestamp(const std::string& key) {
+    const KRLock lock(mutex_);
+    const auto time = find("getTimestamp", key).written.time_since_epoch();
+    const auto seconds = std::chrono::floor<std::chrono::seconds>(time);
+    return KRValue::array(
+        static_cast<int>(seconds.count()),
+        static_cast<int>(std::chrono::floor<std::chrono::microseconds>(time - seconds).count()));
+}
+
+const KRMemory::Stored& KRMemory::find(const char* method, const std::string& key) const {
     const auto found = data_.find(key);
     if (found == data_.end()) {
-        throw KRError(kName, "getData", "there is no data named " + key);
+        throw KRError(kName, method, "there is no data named " + key);
     }
-    return found->second.value;
+    return found->second;
 }
 
 std::vector<std::string> KRMemory::getDataList(const std::string& prefix) {

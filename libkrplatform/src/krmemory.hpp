@@ -7,6 +7,7 @@
 
 #include "krheap.hpp"
 
+#include <chrono>
 #include <deque>
 #include <map>
 #include <memory>
@@ -34,6 +35,8 @@ public:
 
     void insertData(const std::string& key, const KRValue& value);
     KRValue getData(const std::string& key);
+    /// When the key was last written: [seconds since the Unix epoch, microseconds beyond].
+    KRValue getTimestamp(const std::string& key);
     std::vector<std::string> getDataList(const std::string& prefix);
     void removeData(const std::string& key);
 
@@ -73,6 +76,7 @@ private:
     struct Stored {
         KRValue value;
         std::size_t bytes = 0;
+        std::chrono::system_clock::time_point written = std::chrono::system_clock::now();
     };
     struct Event {
         std::string extractor;                                              // empty: no extractor raises it
@@ -111,6 +115,8 @@ private:
     [[nodiscard]] Pending takeOldest(Subscription& subscription) KR_REQUIRES(mutex_);
     /// Drops the oldest events until what waits is within the limits. The caller destroys `lost` without the lock.
     void enforceLimits(Subscription& grown, Undelivered& lost) KR_REQUIRES(mutex_);
+    /// \throws KRError no data under this key, named after the method
+    const Stored& find(const char* method, const std::string& key) const KR_REQUIRES(mutex_);
     [[nodiscard]] Stored store(const std::string& key, Stored value) KR_REQUIRES(mutex_);
     /// Returns memory to the system, on a call thread, after a lot of it has been freed.
     void returnMemoryLater() KR_EXCLUDES(mutex_);

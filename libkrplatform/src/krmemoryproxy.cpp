@@ -21,6 +21,11 @@ KRValue KRMemoryProxy::getData(const std::string& key) const {
     return proxy_.call<KRValue>("getData", key);
 }
 
+std::int64_t KRMemoryProxy::getTimestamp(const std::string& key) const {
+    const KRValue time = proxy_.call<KRValue>("getTimestamp", key);
+    return time[0].to<int>() * std::int64_t{1000000} + time[1].to<int>();
+}
+
 std::vector<std::string> KRMemoryProxy::getDataList(const std::string& prefix) const {
     return proxy_.call<std::vector<std::string>>("getDataList", prefix);
 }

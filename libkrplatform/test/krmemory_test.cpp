@@ -7,6 +7,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <cstdint>
 #include <string>
 #include <thread>
 #include <vector>
@@ -49,7 +51,45 @@ TEST(KRMemory, AKeyThatIsNotThereIsAnErrorThatNamesIt) {
     KRMemoryProxy memory(KRBroker::create());
     const auto namesIt = ThrowsMessage<KRError>(HasSubstr("there is no data named key"));
     EXPECT_THAT([&] { memory.getData("key"); }, namesIt);
+    EXPECT_THAT([&] { memory.getTimestamp("key"); }, namesIt);
     EXPECT_THAT([&] { memory.removeData("key"); }, namesIt);
+}
+
+std::int64_t readClock_usec() {
+    return std::chrono::duration_cast<std::chrono::microseconds>(
+               std::chrono::system_clock::now().time_since_epoch())
+        .count();
+}
+
+TEST(KRMemory, KnowsWhenAKeyWasLastWritten) {
+    KRMemoryProxy memory(KRBroker::create());
+    const std::int64_t before = readClock_usec();
+    memory.insertData("key", 1);
+    const std::int64_t first = memory.getTimestamp("key");
+    EXPECT_GE(first, before);
+    EXPECT_LE(first, readClock_usec());
+    EXPECT_EQ(memory.getTimestamp("key"), first) << "reading is not writing";
+    while (readClock_usec() == first) {
+    }
+    memory.insertData("key", 1);
+    EXPECT_GT(memory.getTimestamp("key"), first) << "the same value, written again";
+}
+
+TEST(KRMemory, KnowsWhenAnEventWasLastRaised) {
+    KRMemoryProxy memory(KRBroker::create());
+    const std::int64_t before = readClock_usec();
+    memory.raiseEvent("event", 1);
+    EXPECT_GE(memory.getTimestamp("event"), before);
+}
+
+TEST(KRMemory, GivesATimeAsTwoIntsAsImagesDo) {
+    KRMemoryProxy memory(KRBroker::create());
+    memory.insertData("key", 1);
+    const auto time = memory.getProxy().call<std::vector<int>>("getTimestamp", "key");
+    ASSERT_EQ(time.size(), 2U);
+    EXPECT_GE(time[1], 0);
+    EXPECT_LT(time[1], 1000000);
+    EXPECT_EQ(time[0] * std::int64_t{1000000} + time[1], memory.getTimestamp("key"));
 }
 
 TEST(KRMemory, ForgetsWhatIsRemoved) {
@@ -83,7 +123,7 @@ TEST(KRMemory, IsAModuleLikeAnyOther) {
     for (const auto& method : proxy->getMethodList()) {
         names.push_back(method.name);
     }
-    EXPECT_THAT(names, ElementsAre("insertData", "getData", "getDataList", "removeData", "declareEvent",
+    EXPECT_THAT(names, ElementsAre("insertData", "getData", "getTimestamp", "getDataList", "removeData", "declareEvent",
                                    "declareEvent", "raiseEvent", "subscribeToEvent", "unsubscribeFromEvent",
                                    "getEventList", "getEventSubscribers", "setEventLimits"));
 }

@@ -3,6 +3,7 @@
 #include "krplatform/krexport.hpp"
 #include "krplatform/krproxy.hpp"
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -26,6 +27,11 @@ public:
     void insertData(const std::string& key, const KRValue& value);
     /// \throws KRError no data under this key
     KRValue getData(const std::string& key) const;
+    /// When the key was last written, by the clock of the memory module's machine: microseconds since the Unix epoch. A
+    /// write with the same value counts; a value that was kept while the memory module was away is written when it is back.
+    /// On the wire, as in an image, an array of whole seconds and the microseconds beyond.
+    /// \throws KRError no data under this key
+    std::int64_t getTimestamp(const std::string& key) const;
     /// Keys that begin with `prefix`, in order.
     std::vector<std::string> getDataList(const std::string& prefix = "") const;
     /// \throws KRError no data under this key
