@@ -30,7 +30,7 @@ std::chrono::milliseconds getPatience(int frameRate) noexcept {
     return std::chrono::milliseconds(std::max(200, 2 * 1000 / frameRate));
 }
 
-KRValue makeImageValue(const KRSubscription::Settings& settings, const KRFrame& frame, KRBinary pixels) {
+KRValue makeImageValue(const KRImageSubscription::Settings& settings, const KRFrame& frame, KRBinary pixels) {
     const KRSize size = getSize(settings.resolution);
     const std::int64_t time_usec = frame.getCaptureTime();
     const KRAngles& angles = frame.getAngles();
@@ -101,7 +101,7 @@ std::string KRVideoDevice::subscribeCamera(const std::string& name, int camera, 
 }
 
 void KRVideoDevice::unsubscribe(const std::string& id) {
-    std::shared_ptr<KRSubscription> subscription;
+    std::shared_ptr<KRImageSubscription> subscription;
     {
         const KRLock lock(p_->mutex);
         const auto found = p_->subscriptions.find(id);
@@ -134,10 +134,10 @@ void KRVideoDevice::endOrphan(const std::string& id) {
 
 KRValue KRVideoDevice::getImageRemote(const std::string& id) {
     const char* method = "getImageRemote";
-    const std::shared_ptr<KRSubscription> subscription = p_->find(method, id);
+    const std::shared_ptr<KRImageSubscription> subscription = p_->find(method, id);
     const auto start = std::chrono::steady_clock::now();
     for (;;) {
-        const KRSubscription::Position position = subscription->getPosition();
+        const KRImageSubscription::Position position = subscription->getPosition();
         KRCameraSlot& slot = p_->getSlot(position.settings);
         if (position.ended) {
             p_->fail(method, "subscription \"" + id + "\" has ended");
@@ -176,7 +176,7 @@ void KRVideoDevice::releaseImage(const std::string& id) {
 }
 
 bool KRVideoDevice::setFrameRate(const std::string& id, int frameRate) {
-    const std::shared_ptr<KRSubscription> subscription = p_->find("setFrameRate", id);
+    const std::shared_ptr<KRImageSubscription> subscription = p_->find("setFrameRate", id);
     if (!isFrameRateSupported(frameRate)) {
         return false;
     }
@@ -189,7 +189,7 @@ int KRVideoDevice::getFrameRate(const std::string& id) const {
 }
 
 bool KRVideoDevice::setResolution(const std::string& id, int resolution) {
-    const std::shared_ptr<KRSubscription> subscription = p_->find("setResolution", id);
+    const std::shared_ptr<KRImageSubscription> subscription = p_->find("setResolution", id);
     if (!isResolutionSupported(resolution)) {
         return false;
     }
@@ -199,7 +199,7 @@ bool KRVideoDevice::setResolution(const std::string& id, int resolution) {
 }
 
 bool KRVideoDevice::setColorSpace(const std::string& id, int colorSpace) {
-    const std::shared_ptr<KRSubscription> subscription = p_->find("setColorSpace", id);
+    const std::shared_ptr<KRImageSubscription> subscription = p_->find("setColorSpace", id);
     if (!isColorSpaceSupported(colorSpace)) {
         return false;
     }
@@ -209,13 +209,13 @@ bool KRVideoDevice::setColorSpace(const std::string& id, int colorSpace) {
 
 bool KRVideoDevice::setActiveCamera(const std::string& id, int camera) {
     const char* method = "setActiveCamera";
-    const std::shared_ptr<KRSubscription> subscription = p_->find(method, id);
+    const std::shared_ptr<KRImageSubscription> subscription = p_->find(method, id);
     KRCameraSlot* slot = p_->findSlot(camera);
     if (slot == nullptr) {
         return false;
     }
     const KRLock moving(subscription->moving);
-    const KRSubscription::Position position = subscription->getPosition();
+    const KRImageSubscription::Position position = subscription->getPosition();
     if (position.ended) {
         p_->failUnknown(method, id);
     }

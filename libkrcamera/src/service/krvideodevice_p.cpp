@@ -38,7 +38,7 @@ KRCameraSlot& KRVideoDevice::Private::getSlot(const char* method, int camera) co
                                         : "there are cameras 0 to " + std::to_string(slots.size() - 1)));
 }
 
-KRCameraSlot& KRVideoDevice::Private::getSlot(const KRSubscription::Settings& settings) const noexcept {
+KRCameraSlot& KRVideoDevice::Private::getSlot(const KRImageSubscription::Settings& settings) const noexcept {
     KRCameraSlot* slot = findSlot(settings.camera);
     assert(slot != nullptr); // a subscription is only moved to cameras that exist
     return *slot;
@@ -53,7 +53,7 @@ void KRVideoDevice::Private::acquire(const char* method, KRCameraSlot& slot, int
 }
 
 std::string KRVideoDevice::Private::subscribe(const std::string& subscriber, const std::string& caller,
-                                              const KRSubscription::Settings& settings) {
+                                              const KRImageSubscription::Settings& settings) {
     const char* method = "subscribeCamera";
     KRCameraSlot& slot = getSlot(settings);
     acquire(method, slot, settings.resolution);
@@ -71,10 +71,10 @@ std::string KRVideoDevice::Private::subscribe(const std::string& subscriber, con
 }
 
 std::string KRVideoDevice::Private::add(const std::string& subscriber, const std::string& caller,
-                                        const KRSubscription::Settings& settings) {
+                                        const KRImageSubscription::Settings& settings) {
     const std::uint64_t number = ++subscriptionsMade;
     std::string id = subscriber + "_" + std::to_string(number);
-    subscriptions.emplace(id, std::make_shared<KRSubscription>(number, settings, caller));
+    subscriptions.emplace(id, std::make_shared<KRImageSubscription>(number, settings, caller));
     return id;
 }
 
@@ -89,7 +89,7 @@ std::vector<std::string> KRVideoDevice::Private::listOf(const std::string& calle
     return ids;
 }
 
-std::shared_ptr<KRSubscription> KRVideoDevice::Private::find(const char* method,
+std::shared_ptr<KRImageSubscription> KRVideoDevice::Private::find(const char* method,
                                                              const std::string& id) const {
     const KRLock lock(mutex);
     const auto found = subscriptions.find(id);

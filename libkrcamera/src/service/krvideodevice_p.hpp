@@ -3,7 +3,7 @@
 #include "krcamera/krvideodevice.hpp"
 
 #include "service/krcameraslot.hpp"
-#include "service/krsubscription.hpp"
+#include "service/krimagesubscription.hpp"
 
 #include <krplatform/krerror.hpp>
 #include <krplatform/krmutex.hpp>
@@ -22,7 +22,7 @@ KRSize getSize(int resolution) noexcept;
 
 /// The cameras and subscriptions of the service. Thread-safe; `method` is the operation that an error names.
 struct KRVideoDevice::Private {
-    using Subscriptions = std::vector<std::pair<std::string, std::shared_ptr<KRSubscription>>>;
+    using Subscriptions = std::vector<std::pair<std::string, std::shared_ptr<KRImageSubscription>>>;
 
     explicit Private(std::string moduleName) : name(std::move(moduleName)) {}
 
@@ -34,7 +34,7 @@ struct KRVideoDevice::Private {
     /// \throws KRError  the camera does not exist
     KRCameraSlot& getSlot(const char* method, int camera) const;
     /// The camera that a subscription uses now.
-    KRCameraSlot& getSlot(const KRSubscription::Settings& settings) const noexcept;
+    KRCameraSlot& getSlot(const KRImageSubscription::Settings& settings) const noexcept;
     /// \throws KRError  the camera cannot be opened
     void acquire(const char* method, KRCameraSlot& slot, int resolution) const;
 
@@ -42,9 +42,9 @@ struct KRVideoDevice::Private {
     /// \param caller  the process that subscribes; empty for this one
     /// \throws KRError  the camera cannot be opened
     std::string subscribe(const std::string& subscriber, const std::string& caller,
-                          const KRSubscription::Settings& settings);
+                          const KRImageSubscription::Settings& settings);
     /// \throws KRError  the subscription does not exist
-    std::shared_ptr<KRSubscription> find(const char* method, const std::string& id) const;
+    std::shared_ptr<KRImageSubscription> find(const char* method, const std::string& id) const;
     [[noreturn]] void failUnknown(const char* method, const std::string& id) const;
     /// All subscriptions with their identifiers, the oldest first.
     Subscriptions list() const;
@@ -55,12 +55,12 @@ struct KRVideoDevice::Private {
     std::vector<std::unique_ptr<KRCameraSlot>> slots; ///< one per camera, constant
 
     mutable KRMutex mutex;
-    std::map<std::string, std::shared_ptr<KRSubscription>> subscriptions KR_GUARDED_BY(mutex);
+    std::map<std::string, std::shared_ptr<KRImageSubscription>> subscriptions KR_GUARDED_BY(mutex);
     std::uint64_t subscriptionsMade KR_GUARDED_BY(mutex) = 0;
 
 private:
     std::string add(const std::string& subscriber, const std::string& caller,
-                    const KRSubscription::Settings& settings) KR_REQUIRES(mutex);
+                    const KRImageSubscription::Settings& settings) KR_REQUIRES(mutex);
 };
 
 } // namespace KR

@@ -1,4 +1,4 @@
-#include "service/krsubscription.hpp"
+#include "service/krimagesubscription.hpp"
 
 #include "camera/krframe.hpp"
 
@@ -16,46 +16,46 @@ int toInt(std::uint64_t count) noexcept {
 
 } // namespace
 
-KRSubscription::Settings KRSubscription::getSettings() const {
+KRImageSubscription::Settings KRImageSubscription::getSettings() const {
     const KRLock lock(mutex_);
     return settings_;
 }
 
-KRSubscription::Position KRSubscription::getPosition() const {
+KRImageSubscription::Position KRImageSubscription::getPosition() const {
     const KRLock lock(mutex_);
     return {settings_, lastFrame_, moves_, ended_};
 }
 
-void KRSubscription::setResolution(int resolution) {
+void KRImageSubscription::setResolution(int resolution) {
     const KRLock lock(mutex_);
     settings_.resolution = resolution;
 }
 
-void KRSubscription::setColorSpace(int colorSpace) {
+void KRImageSubscription::setColorSpace(int colorSpace) {
     const KRLock lock(mutex_);
     settings_.colorSpace = colorSpace;
 }
 
-void KRSubscription::setFrameRate(int frameRate) {
+void KRImageSubscription::setFrameRate(int frameRate) {
     const KRLock lock(mutex_);
     settings_.frameRate = frameRate;
 }
 
-void KRSubscription::setCamera(int camera) {
+void KRImageSubscription::setCamera(int camera) {
     const KRLock lock(mutex_);
     settings_.camera = camera;
     lastFrame_ = 0;
     ++moves_;
 }
 
-void KRSubscription::end() {
+void KRImageSubscription::end() {
     std::shared_ptr<KRFrame> held; // released after the lock
     const KRLock lock(mutex_);
     ended_ = true;
     held.swap(held_);
 }
 
-bool KRSubscription::take(const std::shared_ptr<KRFrame>& frame, const Position& position) {
+bool KRImageSubscription::take(const std::shared_ptr<KRFrame>& frame, const Position& position) {
     std::shared_ptr<KRFrame> before; // released after the lock
     const KRLock lock(mutex_);
     if (ended_ || moves_ != position.moves || lastFrame_ >= frame->getNumber()) {
@@ -71,7 +71,7 @@ bool KRSubscription::take(const std::shared_ptr<KRFrame>& frame, const Position&
     return true;
 }
 
-void KRSubscription::noteDelivery(const KRFrame& frame) {
+void KRImageSubscription::noteDelivery(const KRFrame& frame) {
     const KRLock lock(mutex_);
     deliveredAt_ = Clock::now();
     ages_.add(deliveredAt_ - frame.getTaken());
@@ -82,25 +82,25 @@ void KRSubscription::noteDelivery(const KRFrame& frame) {
     ++delivered_;
 }
 
-void KRSubscription::release() {
+void KRImageSubscription::release() {
     std::shared_ptr<KRFrame> held; // released after the lock
     const KRLock lock(mutex_);
     noteRelease();
     held.swap(held_);
 }
 
-void KRSubscription::noteRelease() {
+void KRImageSubscription::noteRelease() {
     if (held_) {
         holds_.add(Clock::now() - deliveredAt_);
     }
 }
 
-KRSubscriberInfo KRSubscription::getInfo(const std::string& id) const {
+KRSubscriberInfo KRImageSubscription::getInfo(const std::string& id) const {
     const Settings settings = getSettings();
     return {id, settings.camera, settings.resolution, settings.colorSpace, settings.frameRate};
 }
 
-KRSubscriptionStatistics KRSubscription::getStatistics(const std::string& id) const {
+KRSubscriptionStatistics KRImageSubscription::getStatistics(const std::string& id) const {
     const KRLock lock(mutex_);
     return {id,
             settings_.camera,

@@ -16,7 +16,7 @@ namespace KR {
 class KRFrame;
 
 /// One subscription: its settings, the image it holds, and its statistics. Thread-safe.
-class KRSubscription {
+class KRImageSubscription {
 public:
     struct Settings {
         int camera;
@@ -34,7 +34,7 @@ public:
 
     /// \param number  increases from subscription to subscription
     /// \param caller  the process that subscribed; empty for this one
-    KRSubscription(std::uint64_t number, const Settings& settings, std::string caller = {})
+    KRImageSubscription(std::uint64_t number, const Settings& settings, std::string caller = {})
         : number_(number), caller_(std::move(caller)), settings_(settings) {}
 
     std::uint64_t getNumber() const noexcept { return number_; }

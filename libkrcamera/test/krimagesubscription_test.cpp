@@ -1,4 +1,4 @@
-#include "service/krsubscription.hpp"
+#include "service/krimagesubscription.hpp"
 
 #include "camera/krframe.hpp"
 #include "conversion/krconverter.hpp"
@@ -23,11 +23,11 @@ protected:
     }
     int countMissed() const { return subscription.getStatistics("").missed; }
 
-    KRSubscription subscription{1, {0, 2, 9, 30}};
+    KRImageSubscription subscription{1, {0, 2, 9, 30}};
 };
 
 TEST_F(SubscriptionAccountTest, AFrameThatAnotherThreadTookOrANewerOneIsRefused) {
-    const KRSubscription::Position position = subscription.getPosition();
+    const KRImageSubscription::Position position = subscription.getPosition();
     const auto frame = makeFrame(5);
     EXPECT_TRUE(subscription.take(frame, position));
     EXPECT_FALSE(subscription.take(frame, position));
@@ -38,14 +38,14 @@ TEST_F(SubscriptionAccountTest, AFrameThatAnotherThreadTookOrANewerOneIsRefused)
 
 TEST_F(SubscriptionAccountTest, AFrameOfThePreviousCameraIsRefused) {
     EXPECT_TRUE(take(100));
-    const KRSubscription::Position before = subscription.getPosition();
+    const KRImageSubscription::Position before = subscription.getPosition();
     subscription.setCamera(1);
     EXPECT_FALSE(subscription.take(makeFrame(101), before));
     EXPECT_TRUE(take(1));
 }
 
 TEST_F(SubscriptionAccountTest, OneThatHasEndedTakesNothing) {
-    const KRSubscription::Position before = subscription.getPosition();
+    const KRImageSubscription::Position before = subscription.getPosition();
     subscription.end();
     EXPECT_TRUE(subscription.getPosition().ended);
     EXPECT_FALSE(subscription.take(makeFrame(1), before));
