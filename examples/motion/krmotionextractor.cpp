@@ -17,9 +17,9 @@ KR::KRValue toValue(const Motion& motion) {
                               motion.bottom);
 }
 
-KR::KRAnnotations annotate(const KR::KRImage& image, const Motion& motion) {
+KR::KRAnnotations annotate(const KR::KRImage& image, const Motion& motion, bool detected) {
     KR::KRAnnotations annotations(image);
-    if (motion.amount >= KRMotionExtractor::kDetected) {
+    if (detected) {
         annotations.boxes.push_back(
             {motion.left, motion.top, motion.right, motion.bottom, "motion", motion.amount, -1});
     }
@@ -34,6 +34,8 @@ KRMotionExtractor::KRMotionExtractor(boost::shared_ptr<KR::KRBroker> broker, con
     declareEvent(getMotionEvent());
     declareMemoryKey(getMotionKey());
     declareMemoryKey(getAnnotationsKey());
+    declareParameter("threshold", "Share of the pixels that must change for motion to be detected.",
+                     kThreshold, 0.0F, 1.0F, "of the pixels", [this](float value) { threshold_ = value; });
 }
 
 Motion KRMotionExtractor::getMotion() const {
@@ -77,10 +79,11 @@ void KRMotionExtractor::xProcessImage(KR::KRImage* image) {
             const KR::KRLock lock(mutex_);
             motion_ = motion;
         }
+        const bool detected = motion.amount > 0 && motion.amount >= threshold_;
         try {
             memory_.insertData(getMotionKey(), toValue(motion));
-            memory_.insertData(getAnnotationsKey(), annotate(*image, motion).toKRValue());
-            if (motion.amount >= kDetected) {
+            memory_.insertData(getAnnotationsKey(), annotate(*image, motion, detected).toKRValue());
+            if (detected) {
                 memory_.raiseEvent(getMotionEvent(), toValue(motion));
             }
         } catch (const KR::KRError& error) { // the next image is another chance

@@ -202,6 +202,23 @@ void KRBroker::startMemory() {
     p_->memory->makeReachable();
 }
 
+void KRBroker::setInitialParameters(const std::string& module,
+                                    std::vector<std::pair<std::string, KRValue>> values) {
+    std::vector<KRValue> pairs;
+    pairs.reserve(values.size());
+    for (auto& [name, value] : values) {
+        pairs.push_back(KRValue::array(name, std::move(value)));
+    }
+    const KRLock lock(p_->parametersMutex);
+    p_->initialParameters[module] = std::move(pairs);
+}
+
+std::vector<KRValue> KRBrokerPrivate::getInitialParameters(const std::string& module) {
+    const KRLock lock(parametersMutex);
+    const auto found = initialParameters.find(module);
+    return found == initialParameters.end() ? std::vector<KRValue>() : found->second;
+}
+
 void registerTransport(const std::string& scheme, KRTransportFactory factory) {
     getTransports().add(scheme, std::move(factory));
 }

@@ -2,6 +2,7 @@
 
 #include "krplatform/krbroker.hpp"
 #include "krplatform/krmodulehandle.hpp"
+#include "krplatform/krmutex.hpp"
 #include "krplatform/krtransport.hpp"
 
 #include "krcallthreads.hpp"
@@ -11,6 +12,7 @@
 
 #include <atomic>
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -34,9 +36,14 @@ public:
     /// Runs the job, which must not throw, on a call thread. \throws KRError it could not be posted, named after the method
     void post(const std::string& module, const std::string& method, std::function<void()> job);
 
+    /// [name, value] pairs for the module of this name.
+    std::vector<KRValue> getInitialParameters(const std::string& module) KR_EXCLUDES(parametersMutex);
+
     /// A module became reachable, or stopped being so.
     void noticeModule(const std::string& module, bool reachable) noexcept;
 
+    KRMutex parametersMutex;
+    std::map<std::string, std::vector<KRValue>> initialParameters KR_GUARDED_BY(parametersMutex); // by module
     KRDirectory directory;
     KRTransportHost host{*this};
     std::unique_ptr<KRTransport>

@@ -19,6 +19,7 @@ namespace {
 constexpr std::string_view kGetMethodList = "getMethodList";
 constexpr std::string_view kGetMethodHelp = "getMethodHelp";
 constexpr std::string_view kGetFailure = "getFailure";
+constexpr std::string_view kGetParameterList = "getParameterList";
 
 /// How well a value fits an argument type: 0 is exact, more is worse; nullopt if it does not fit.
 std::optional<int> mismatch(KRArgumentType wanted, const KRValue& given) {
@@ -132,7 +133,10 @@ KRModule::Private::Private(boost::shared_ptr<KRBroker> parentBroker, const std::
                            KRModule& module)
     : name(moduleName), broker(std::move(parentBroker)),
       gate(broker ? getDirectory().reserve(name, module)
-                  : throw KRError(name, "KRModule", "a module needs a broker")) {}
+                  : throw KRError(name, "KRModule", "a module needs a broker")),
+      parameters(name, [this](const std::string& parameter, const KRValue& value) {
+          raiseParameterChanged(parameter, value);
+      }) {}
 
 KRDirectory& KRModule::Private::getDirectory() const {
     return KRBrokerPrivate::of(*broker).directory;
@@ -178,11 +182,10 @@ KRValue KRModule::Private::call(std::string_view method, std::span<const KRValue
                           "); there is: " + getSignatures(overloads->second));
     }
     if (method == kGetMethodList && arguments.empty()) {
-        std::vector<KRMethodDescription> list;
-        for (const Method& each : methods) {
-            list.push_back(each.description);
-        }
-        return toValue(list);
+        return toValue(getMethodList());
+    }
+    if (method == kGetParameterList && arguments.empty()) {
+        return std::vector<KRValue>();
     }
     if (method == kGetMethodHelp && arguments.size() == 1 && arguments[0].isString()) {
         return describeMethods(arguments[0].to<std::string>());
@@ -195,6 +198,16 @@ KRValue KRModule::Private::call(std::string_view method, std::span<const KRValue
         all[i] = i;
     }
     throw KRError(name, std::string(method), "no such method; there is: " + getSignatures(all));
+}
+
+std::vector<KRMethodDescription> KRModule::Private::getMethodList() const {
+    std::vector<KRMethodDescription> list;
+    for (const Method& each : methods) {
+        if (each.listed) {
+            list.push_back(each.description);
+        }
+    }
+    return list;
 }
 
 std::string KRModule::Private::getFailure() const {
@@ -265,6 +278,9 @@ void KRModule::reportFailure(const std::string& reason) {
 }
 
 void KRModule::makeReachable() {
+    if (!p_->gate->wasOpened() && !p_->gate->isClosed()) {
+        p_->parameters.setValues(KRBrokerPrivate::of(*p_->broker).getInitialParameters(p_->name));
+    }
     p_->getDirectory().open(*p_->gate);
 }
 
@@ -279,11 +295,7 @@ void KRModule::shutDown() {
 }
 
 std::vector<KRMethodDescription> KRModule::getMethodList() const {
-    std::vector<KRMethodDescription> list;
-    for (const auto& method : p_->methods) {
-        list.push_back(method.description);
-    }
-    return list;
+    return p_->getMethodList();
 }
 
 void KRModule::functionName(const std::string& method, const std::string& className,

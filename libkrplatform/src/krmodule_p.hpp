@@ -4,6 +4,7 @@
 #include "krplatform/krmutex.hpp"
 
 #include "krmodulegate.hpp"
+#include "krparameters.hpp"
 
 #include <map>
 #include <memory>
@@ -20,6 +21,7 @@ struct KRModule::Private {
     struct Method {
         KRMethodDescription description;
         boost::shared_ptr<KRFunctorBase> functor;
+        bool listed = true;
     };
 
     Private(boost::shared_ptr<KRBroker> parentBroker, const std::string& moduleName, KRModule& module);
@@ -31,6 +33,8 @@ struct KRModule::Private {
     std::string getSignatures(const std::vector<std::size_t>& indices) const;
     KRDirectory& getDirectory() const;
     std::string getFailure() const;
+    std::vector<KRMethodDescription> getMethodList() const;
+    void raiseParameterChanged(const std::string& parameter, const KRValue& value) const noexcept;
 
     // Constant after construction.
     const std::string name;
@@ -41,6 +45,9 @@ struct KRModule::Private {
     std::vector<Method> methods;
     std::map<std::string, std::vector<std::size_t>, std::less<>> methodsByName; // indices of methods
     KRMethodDescription openDescription;
+    KRParameters parameters;
+    static constexpr std::size_t kParameterMethods = 4;
+    std::size_t firstParameterMethod = 0; // index of the first of them, once there are parameters
 
     mutable KRMutex failureMutex;
     std::string failure KR_GUARDED_BY(failureMutex); // empty while the module works

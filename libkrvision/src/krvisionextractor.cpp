@@ -1,6 +1,7 @@
 #include "krvision/krvisionextractor.hpp"
 
 #include "krvisionextractor_p.hpp"
+#include "krvisionextractorparameters.hpp"
 
 #include "krplatform/krbroker.hpp"
 #include "krplatform/krproxy.hpp"
@@ -19,6 +20,7 @@ KRVisionExtractor::KRVisionExtractor(boost::shared_ptr<KRBroker> broker, const s
     : KRExtractor(broker, name), p_(std::make_unique<KRVisionExtractorPrivate>(broker, resolution, colorSpace,
                                                                                frameRate, camera, this)) {
     publishMethods();
+    declareParameters();
 }
 
 KRVisionExtractor::~KRVisionExtractor() = default;
@@ -88,23 +90,33 @@ void KRVisionExtractor::publishMethods() {
 }
 
 bool KRVisionExtractor::setColorSpace(const int& colorSpace) {
-    return p_->setColorSpace(colorSpace);
+    const bool accepted = p_->setColorSpace(colorSpace);
+    xNoticeParameterChange(kColorSpaceParameter);
+    return accepted;
 }
 
 bool KRVisionExtractor::setFrameRate(const int& frameRate) {
-    return p_->setFrameRate(frameRate);
+    const bool accepted = p_->setFrameRate(frameRate);
+    xNoticeParameterChange(kFrameRateParameter);
+    return accepted;
 }
 
 bool KRVisionExtractor::setFrameRate(const std::string& subscriber, const int& frameRate) {
-    return p_->setFrameRate(subscriber, frameRate);
+    const bool accepted = p_->setFrameRate(subscriber, frameRate);
+    xNoticeParameterChange(kFrameRateParameter);
+    return accepted;
 }
 
 bool KRVisionExtractor::setResolution(const int& resolution) {
-    return p_->setResolution(resolution);
+    const bool accepted = p_->setResolution(resolution);
+    xNoticeParameterChange(kResolutionParameter);
+    return accepted;
 }
 
 bool KRVisionExtractor::setActiveCamera(const int& camera) {
-    return p_->setActiveCamera(camera);
+    const bool accepted = p_->setActiveCamera(camera);
+    xNoticeParameterChange(kCameraParameter);
+    return accepted;
 }
 
 void KRVisionExtractor::setParameter(const std::string& name, const KRValue& value) {
@@ -117,6 +129,7 @@ void KRVisionExtractor::setSubscriptionParameters(const std::vector<std::pair<in
 
 void KRVisionExtractor::pause(bool paused) {
     p_->pause(paused);
+    xNoticeParameterChange(kPauseParameter);
 }
 
 int KRVisionExtractor::getResolution() {

@@ -74,6 +74,16 @@ public:
     int getActiveCamera();
     int getFrameRate();
     int getDefaultPeriod() const noexcept { return defaultPeriod; }
+
+    /// There is a camera subscription.
+    bool isSubscribed() const noexcept { return subscribed; }
+    /// \name For the next subscription, whatever the camera service will say to it
+    ///@{
+    void presetCamera(int camera);
+    void presetColorSpace(int newColorSpace);
+    /// \param frameRate  1 to 30; of a first subscriber that gives no period
+    void presetFrameRate(int frameRate) noexcept { defaultPeriod = 1000 / frameRate; }
+    ///@}
     int getMinimumPeriod() const noexcept;
     boost::shared_ptr<KRVideoDeviceProxy> getVideoDeviceProxy() const { return videoDeviceProxy; }
 
@@ -103,7 +113,8 @@ private:
     // Constant after construction.
     const boost::shared_ptr<KRVideoDeviceProxy> videoDeviceProxy;
     KRVisionExtractor* const owner;
-    int defaultPeriod;
+
+    std::atomic<int> defaultPeriod; // milliseconds
 
     // The camera subscription.
     KRMutex subscriptionMutex; // held while subscribing and unsubscribing

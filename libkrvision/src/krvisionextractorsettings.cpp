@@ -86,6 +86,16 @@ bool KRVisionExtractorPrivate::setActiveCamera(int camera) {
     }
 }
 
+void KRVisionExtractorPrivate::presetCamera(int camera) {
+    const std::unique_lock guard(cameraLock);
+    activeCamera = camera;
+}
+
+void KRVisionExtractorPrivate::presetColorSpace(int newColorSpace) {
+    const std::unique_lock guard(colorSpaceLock);
+    colorSpace = newColorSpace;
+}
+
 bool KRVisionExtractorPrivate::hasSubscriber(const std::string& subscriber) {
     for (const KRValue& entry : owner->getSubscribersInfo().to<std::vector<KRValue>>()) {
         if (entry[0].to<std::string>() == subscriber) {

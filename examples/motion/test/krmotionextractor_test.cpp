@@ -88,6 +88,29 @@ TEST(KRMotionExtractor, SeesTheBallOfTheTestPictureMove) {
     EXPECT_FALSE(motion->isProcessing());
 }
 
+TEST(KRMotionExtractor, TakesLessMotionThanItsThresholdForNone) {
+    const auto broker = KR::KRBroker::create("local:");
+    const auto camera =
+        KR::createModule<KR::KRVideoDevice>(broker, "KRVideoDevice", std::vector<std::string>{"test"});
+    const auto motion = KR::createModule<KRMotionExtractor>(broker, "Motion");
+    const auto proxy = broker->getProxy("Motion");
+    proxy->call("setParameterValue", "threshold", 1.0F);
+    proxy->call("subscribe", "client", 33, 1.0F);
+    KR::KRMemoryProxy memory(broker);
+    const auto annotations = [&] { return memory.getData("Motion/Annotations"); };
+    while (annotations().getSize() == 0) {
+        std::this_thread::yield();
+    }
+    EXPECT_GT(memory.getData("Motion/Motion")[0].to<float>(), 0.0F);
+    EXPECT_TRUE(KR::KRAnnotations::fromKRValue(annotations()).boxes.empty());
+    proxy->call("setParameterValue", "threshold", 0.0001F);
+    while (KR::KRAnnotations::fromKRValue(annotations()).boxes.empty()) { // until it sees the ball move
+        std::this_thread::yield();
+    }
+    EXPECT_THROW(proxy->call("setParameterValue", "threshold", 1.5F), KR::KRError);
+    proxy->call("unsubscribe", "client");
+}
+
 TEST(KRMotionExtractor, SeesNothingMoveInAStillPicture) {
     const auto broker = KR::KRBroker::create("local:");
     const auto camera = KR::createModule<KR::KRVideoDevice>(broker, "KRVideoDevice",

@@ -2,6 +2,7 @@
 
 #include "krplatform/krdiagnostics.hpp"
 #include "krplatform/krexport.hpp"
+#include "krplatform/krvalue.hpp"
 
 #include <boost/smart_ptr/enable_shared_from_this.hpp>
 #include <boost/smart_ptr/shared_ptr.hpp>
@@ -9,6 +10,7 @@
 #include <chrono>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace KR {
@@ -56,6 +58,10 @@ public:
     /// program whose other modules have to be reachable before whoever waits for the memory finds it.
     /// \throws KRError there is a module of that name
     void startMemory();
+
+    /// Values that a module of this name in this broker gets for its parameters before it can be called, in place of those
+    /// of an earlier call. KRModule::makeReachable() sets them, and reports what is wrong with them.
+    void setInitialParameters(const std::string& module, std::vector<std::pair<std::string, KRValue>> values);
 
     /// Names of the modules that can be called, those of other processes included, in order.
     std::vector<std::string> getModuleList() const;

@@ -2,12 +2,16 @@
 
 #include "krplatform/krexport.hpp"
 #include "krplatform/krfunctor.hpp"
+#include "krplatform/krparameter.hpp"
 
 #include <boost/smart_ptr/shared_ptr.hpp>
 
+#include <concepts>
 #include <functional>
 #include <memory>
 #include <string>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
 namespace KR {
@@ -72,7 +76,8 @@ public:
     std::string getFailure() const;
 
     /// Makes the module callable; does nothing if it already is, or is exiting. createModule() calls this. Nothing more
-    /// can be published afterwards. Thread-safe.
+    /// can be published afterwards. Before, parameters get the values of KRBroker::setInitialParameters(). Thread-safe.
+    /// \throws KRError there is no such parameter, it cannot have that value, or its setter refuses it
     void makeReachable();
 
     /// Shuts the module down in order: new calls are refused, xShutDown() stops the module's own work, running calls
@@ -105,6 +110,85 @@ protected:
         publish(description, createFunctor(object, member));
     }
 
+    /// \name Parameters: what can be set about the module while it runs
+    ///
+    /// Declare them in the constructor, with the value that the module begins with as default. The first one publishes
+    /// the methods getParameterList, getParameterValue, setParameterValue and setParameterValues. A setter gets values in
+    /// range only. It runs on the thread of whoever sets, possibly several at once, and with no lock held. It refuses a
+    /// value by throwing, a KRError with the reason for instance, which the caller sees; it must not have changed anything
+    /// then. When calls overlap, the value passed last is in force in the end; a setter may get it twice. A change raises
+    /// the event "NAME/ParameterChanged" with [parameter, value].
+    /// \throws KRError a malformed name, or one that is taken; an empty range; a default out of range; the module is
+    /// reachable already
+    ///@{
+    template <std::same_as<bool> T>
+    void declareParameter(const std::string& name, const std::string& description, T defaultValue,
+                          std::function<void(bool)> setter) {
+        declareParameter({.name = name,
+                          .type = KRParameterInfo::Type::Bool,
+                          .description = description,
+                          .defaultValue = defaultValue},
+                         bindSetter<bool>(std::move(setter)));
+    }
+    template <detail::FitsInt T>
+    requires(!std::same_as<T, bool>) void declareParameter(const std::string& name,
+                                                           const std::string& description, T defaultValue,
+                                                           int minimum, int maximum, const std::string& unit,
+                                                           std::function<void(int)> setter) {
+        declareParameter({.name = name,
+                          .type = KRParameterInfo::Type::Int,
+                          .description = description,
+                          .unit = unit,
+                          .defaultValue = defaultValue,
+                          .minimum = minimum,
+                          .maximum = maximum},
+                         bindSetter<int>(std::move(setter)));
+    }
+    template <std::floating_point T>
+    void declareParameter(const std::string& name, const std::string& description, T defaultValue,
+                          std::type_identity_t<T> minimum, std::type_identity_t<T> maximum,
+                          const std::string& unit, std::function<void(float)> setter) {
+        declareParameter({.name = name,
+                          .type = KRParameterInfo::Type::Float,
+                          .description = description,
+                          .unit = unit,
+                          .defaultValue = defaultValue,
+                          .minimum = minimum,
+                          .maximum = maximum},
+                         bindSetter<float>(std::move(setter)));
+    }
+    /// A text of up to KRParameterInfo::kMaxTextBytes bytes.
+    void declareParameter(const std::string& name, const std::string& description,
+                          const std::string& defaultValue, std::function<void(const std::string&)> setter) {
+        declareParameter({.name = name,
+                          .type = KRParameterInfo::Type::Text,
+                          .description = description,
+                          .defaultValue = defaultValue},
+                         bindSetter<std::string>(std::move(setter)));
+    }
+    /// One of several texts. Callers may write it in upper or lower case; the setter gets it as declared.
+    void declareParameter(const std::string& name, const std::string& description,
+                          const std::string& defaultValue, const std::vector<std::string>& choices,
+                          std::function<void(const std::string&)> setter) {
+        declareParameter({.name = name,
+                          .type = KRParameterInfo::Type::Choice,
+                          .description = description,
+                          .defaultValue = defaultValue,
+                          .choices = choices},
+                         bindSetter<std::string>(std::move(setter)));
+    }
+    /// Any of them. With a getter, the value is what that returns, not what was set last: for something that can also
+    /// change by other means, which xNoticeParameterChange() reports. It runs as the setter does.
+    void declareParameter(KRParameterInfo info, std::function<void(const KRValue&)> setter,
+                          std::function<KRValue()> getter = {});
+    ///@}
+
+    /// The same for a base class whose list of methods is fixed: the methods are answered, but not listed.
+    void xDeclareParameter(KRParameterInfo info, std::function<void(const KRValue&)> setter,
+                           std::function<KRValue()> getter = {});
+    /// Raises the event for a parameter with a getter if its value has changed. Thread-safe.
+    void xNoticeParameterChange(const std::string& name) noexcept;
+
     /// Records why the module has stopped doing its work, for people and supervisors to see; an empty text says
     /// that it works again. Does not log. Thread-safe.
     void reportFailure(const std::string& reason);
@@ -132,6 +216,13 @@ private:
     friend void shutDownAndDestroy(std::unique_ptr<KRModule> module) noexcept;
 
     void publish(const KRMethodDescription& description, const boost::shared_ptr<KRFunctorBase>& functor);
+    template <class T, class Setter>
+    static std::function<void(const KRValue&)> bindSetter(Setter setter) {
+        if (!setter) {
+            return {};
+        }
+        return [setter = std::move(setter)](const KRValue& value) { setter(value.to<T>()); };
+    }
 
     struct Private;
     std::unique_ptr<Private> p_;

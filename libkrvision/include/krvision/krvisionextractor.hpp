@@ -40,6 +40,13 @@ class KRVisionExtractorPrivate;
 /// an image. If the camera service refuses the subscription, the module exits. getFailure() then gives the reason
 /// until the next acquisition has started well.
 ///
+/// Parameters: "camera", "resolution", "colorSpace", "frameRate" and "pause" are parameters of every vision extractor
+/// (KRModule::declareParameter), with names for resolutions and colour spaces. What the methods of the same purpose refuse
+/// with false, these refuse with the reason. Unlike these methods, they also take a colour space and a frame rate while
+/// nobody is subscribed, for the next subscription; a frame rate then is that of a first subscriber that gives no period.
+/// The methods of parameters are answered, but not listed among the methods, unless the derived class declares a
+/// parameter.
+///
 /// A derived class that is not created with createModule() calls xStopDetection() in its own destructor. One that is
 /// may do so too.
 class KR_EXPORT KRVisionExtractor : public KRExtractor {
@@ -105,7 +112,7 @@ public:
     bool isProcessing();
     boost::shared_ptr<KRVideoDeviceProxy> getVideoDeviceProxy();
 
-    /// 1000 / the frame rate given at construction, in milliseconds.
+    /// 1000 / the frame rate given at construction, or set as parameter since, in milliseconds.
     int getDefaultPeriod() override;
     /// 33 ms; 50 ms for camera 2.
     int getMinimumPeriod() override;
@@ -133,6 +140,7 @@ private:
     friend class KRVisionExtractorPrivate; // which reports failures
 
     void publishMethods();
+    void declareParameters();
 
     std::unique_ptr<KRVisionExtractorPrivate> p_;
 };

@@ -1,0 +1,213 @@
+#include "krvisionextractorparameters.hpp"
+
+#include "krvision/krvisiondefinitions.hpp"
+#include "krvision/krvisionextractor.hpp"
+
+#include "krvisionextractor_p.hpp"
+
+#include "krplatform/krerror.hpp"
+
+#include <algorithm>
+#include <array>
+#include <string>
+#include <vector>
+
+namespace KR {
+
+namespace {
+
+constexpr int kLastResolution = 8; // for which there are images
+constexpr int kLastCamera = 99;
+constexpr int kLowestFrameRate = 1;
+constexpr int kHighestFrameRate = 30;
+
+struct ColorSpace {
+    int code;
+    const char* name;
+};
+constexpr std::array kColorSpaces{
+    ColorSpace{kLumaColorSpace, "luma"}, ColorSpace{kYUV422ColorSpace, "YUV422"},
+    ColorSpace{kRgbColorSpace, "RGB"},   ColorSpace{kBgrColorSpace, "BGR"},
+    ColorSpace{kBgrxColorSpace, "BGRx"},
+};
+
+// "640x480"; the number of a code without a size.
+std::string toResolutionName(int resolution) {
+    int width = 0;
+    int height = 0;
+    setSizeFromResolution(resolution, width, height);
+    return width < 0 ? std::to_string(resolution) : std::to_string(width) + "x" + std::to_string(height);
+}
+
+// "YUV422"; the number of a code without a name.
+std::string toColorSpaceName(int colorSpace) {
+    const auto found = std::ranges::find(kColorSpaces, colorSpace, &ColorSpace::code);
+    return found == kColorSpaces.end() ? std::to_string(colorSpace) : found->name;
+}
+
+// The code that has this name among those that a parameter offers: 0 to `last`, and the one it began with.
+template <class ToName>
+int toCode(const std::string& name, int last, int initial, ToName toName) {
+    for (int code = 0; code <= last; ++code) {
+        if (toName(code) == name) {
+            return code;
+        }
+    }
+    return initial;
+}
+
+std::vector<std::string> listResolutions(int initial) {
+    std::vector<std::string> names;
+    for (int code = 0; code <= kLastResolution; ++code) {
+        names.push_back(toResolutionName(code));
+    }
+    if (std::ranges::find(names, toResolutionName(initial)) == names.end()) {
+        names.push_back(toResolutionName(initial));
+    }
+    return names;
+}
+
+std::vector<std::string> listColorSpaces(int initial) {
+    std::vector<std::string> names;
+    for (const ColorSpace& each : kColorSpaces) {
+        names.emplace_back(each.name);
+    }
+    if (std::ranges::find(names, toColorSpaceName(initial)) == names.end()) {
+        names.push_back(toColorSpaceName(initial));
+    }
+    return names;
+}
+
+std::string describeCameras(const KRVideoDeviceProxy& service, int camera) {
+    const std::string missing = "camera " + std::to_string(camera) + " does not exist";
+    try {
+        const std::size_t count = service.getCameraList().size();
+        return missing + (count == 0   ? "; there are none"
+                          : count == 1 ? "; there is camera 0 only"
+                                       : "; cameras are 0 to " + std::to_string(count - 1));
+    } catch (const KRError&) { // a camera service of another kind
+        return missing;
+    }
+}
+
+} // namespace
+
+void KRVisionExtractor::declareParameters() {
+    using Type = KRParameterInfo::Type;
+    const auto refuse = [this](const char* parameter, const std::string& why) {
+        throw KRError(getName(), parameter, why);
+    };
+
+    const int initialCamera = getActiveCamera();
+    xDeclareParameter(
+        {.name = kCameraParameter,
+         .description = "Camera whose images are processed.",
+         .defaultValue = initialCamera,
+         .minimum = std::min(0, initialCamera),
+         .maximum = std::max(kLastCamera, initialCamera)},
+        [this, refuse](const KRValue& value) {
+            const int camera = value.to<int>();
+            if (camera == getActiveCamera()) {
+                return;
+            }
+            if (!p_->isSubscribed() && getVideoDeviceProxy()->getProxy().getModuleNumber() == 0) {
+                p_->presetCamera(camera); // the service may come later, and says then what it has
+                return;
+            }
+            const bool wasPaused = isPaused();
+            try {
+                if (!setActiveCamera(camera)) {
+                    refuse(kCameraParameter, describeCameras(*getVideoDeviceProxy(), camera));
+                }
+            } catch (...) {
+                if (isProcessing()) {
+                    p_->pause(wasPaused); // an error leaves the acquisition paused
+                }
+                throw;
+            }
+        },
+        [this] { return KRValue(getActiveCamera()); });
+
+    const int initialResolution = getResolution();
+    xDeclareParameter(
+        {.name = kResolutionParameter,
+         .type = Type::Choice,
+         .description = "Size of the images.",
+         .unit = "pixels",
+         .defaultValue = toResolutionName(initialResolution),
+         .choices = listResolutions(initialResolution)},
+        [this, refuse, initialResolution](const KRValue& value) {
+            const int resolution =
+                toCode(value.to<std::string>(), kLastResolution, initialResolution, toResolutionName);
+            if (resolution != getResolution() && !setResolution(resolution)) {
+                refuse(kResolutionParameter, "the camera service does not deliver it");
+            }
+        },
+        [this] { return KRValue(toResolutionName(getResolution())); });
+
+    const int initialColorSpace = getColorSpace();
+    xDeclareParameter(
+        {.name = kColorSpaceParameter,
+         .type = Type::Choice,
+         .description = "Colour space of the images.",
+         .defaultValue = toColorSpaceName(initialColorSpace),
+         .choices = listColorSpaces(initialColorSpace)},
+        [this, refuse, initialColorSpace](const KRValue& value) {
+            const int colorSpace =
+                toCode(value.to<std::string>(), kBgrxColorSpace, initialColorSpace, toColorSpaceName);
+            if (colorSpace == getColorSpace()) {
+                return;
+            }
+            if (!p_->isSubscribed()) {
+                p_->presetColorSpace(colorSpace);
+            } else if (!setColorSpace(colorSpace)) {
+                refuse(kColorSpaceParameter, "the camera service does not deliver it");
+            }
+        },
+        [this] { return KRValue(toColorSpaceName(getColorSpace())); });
+
+    const int initialFrameRate =
+        std::clamp(1000 / p_->getDefaultPeriod(), kLowestFrameRate, kHighestFrameRate);
+    xDeclareParameter(
+        {.name = kFrameRateParameter,
+         .description = "Images processed per second, for all subscribers.",
+         .unit = "images per second",
+         .defaultValue = initialFrameRate,
+         .minimum = kLowestFrameRate,
+         .maximum = kHighestFrameRate},
+        [this, refuse](const KRValue& value) {
+            const int frameRate = value.to<int>();
+            if (p_->isSubscribed()) {
+                if (!setFrameRate(frameRate)) {
+                    refuse(kFrameRateParameter, "the camera service refuses it");
+                }
+            } else if (getCurrentPeriod() >= 0) {
+                refuse(kFrameRateParameter, "there are subscribers, but no camera subscription yet");
+            }
+            p_->presetFrameRate(frameRate);
+        },
+        [this] {
+            const int period = getCurrentPeriod();
+            return KRValue(period < 0 ? 1000 / p_->getDefaultPeriod()
+                                      : KRVisionExtractorPrivate::toFrameRate(period));
+        });
+
+    xDeclareParameter(
+        {.name = kPauseParameter,
+         .type = Type::Bool,
+         .description = "Whether the processing pauses.",
+         .defaultValue = false,
+         .saved = false},
+        [this, refuse](const KRValue& value) {
+            if (value.to<bool>() == isPaused()) {
+                return;
+            }
+            if (!isProcessing()) {
+                refuse(kPauseParameter, "nothing is processed while nobody is subscribed");
+            }
+            pause(value.to<bool>());
+        },
+        [this] { return KRValue(isPaused()); });
+}
+
+} // namespace KR
