@@ -130,6 +130,9 @@ void KRBrokerPrivate::post(const std::string& module, const std::string& method,
 
 void KRBrokerPrivate::noticeModule(const std::string& module, bool reachable) noexcept {
     ledger->noticeModule(module, reachable);
+    if (reachable) {
+        followers.noticeModule(module);
+    }
     try {
         if (KRMemory* const noticing = noticingMemory) {
             noticing->noticeModule(module, reachable);

@@ -9,6 +9,7 @@
 #include "krdirectory.hpp"
 #include "krmemory.hpp"
 #include "krmemoryledger.hpp"
+#include "krmodulefollowers.hpp"
 
 #include <atomic>
 #include <functional>
@@ -44,6 +45,7 @@ public:
 
     KRMutex parametersMutex;
     std::map<std::string, std::vector<KRValue>> initialParameters KR_GUARDED_BY(parametersMutex); // by module
+    KRModuleFollowers followers;
     KRDirectory directory;
     KRTransportHost host{*this};
     std::unique_ptr<KRTransport>
