@@ -74,6 +74,10 @@ private:
     std::thread thread_; // last: it uses the other members
 };
 
+std::string describe(const KRSubscription& subscription) {
+    return "the subscription to " + subscription.getExtractor();
+}
+
 // All at once, since each may be waiting for an image. The vector must not change until they are down.
 std::vector<std::future<void>> takeDownEach(std::vector<KRModuleHandle<KRModule>>& modules,
                                             Watchdog& watchdog) {
@@ -87,6 +91,22 @@ std::vector<std::future<void>> takeDownEach(std::vector<KRModuleHandle<KRModule>
         }));
     }
     return down;
+}
+
+// The same for subscriptions, which may wait for an extractor that is just being subscribed to.
+std::vector<std::future<void>> endEach(std::vector<KRSubscription>& subscriptions, Watchdog& watchdog) {
+    std::vector<std::future<void>> ended;
+    ended.reserve(subscriptions.size());
+    for (auto& subscription : subscriptions) {
+        const std::string name = describe(subscription);
+        watchdog.expect(name);
+        ended.push_back(
+            std::async(std::launch::async, [last = std::move(subscription), name, &watchdog]() mutable {
+                { const KRSubscription ending = std::move(last); }
+                watchdog.noticeDown(name);
+            }));
+    }
+    return ended;
 }
 
 } // namespace
@@ -144,12 +164,15 @@ void Host::takeDown() {
         }
     }
     const auto end = std::chrono::steady_clock::now() + kTimeWithServices;
+    auto subscriptionsEnded = endEach(subscriptions_, watchdog);
     auto modulesDown = takeDownEach(modules_, watchdog);
     for (const auto& module : modulesDown) {
         module.wait_until(end);
     }
     takeDownEach(services_, watchdog); // also wakes modules that wait for one, such as for a camera to open
+    subscriptionsEnded.clear();
     modulesDown.clear();
+    subscriptions_.clear();
     modules_.clear();
     services_.clear();
 }

@@ -3,6 +3,7 @@
 #include "tool/command.hpp"
 
 #include <krplatform/krmodulehandle.hpp>
+#include <krplatform/krsubscription.hpp>
 
 #include <chrono>
 #include <functional>
@@ -13,8 +14,8 @@ namespace KR::tool {
 
 class Interruption;
 
-/// Runs modules until the program is interrupted. They come down all at once, then the services that they may need; a
-/// service waits for them for a second at most. Thread-bound.
+/// Runs modules until the program is interrupted. They come down all at once, and subscriptions end with them, then the
+/// services that they may need; a service waits for them for a second at most. Thread-bound.
 class Host {
 public:
     /// Time that modules have to come down; then the program ends without them.
@@ -35,6 +36,9 @@ public:
     void add(const std::string& name, const std::function<KRModuleHandle<KRModule>()>& make,
              Interruption& interruption);
 
+    /// Keeps a subscription, to a module here or elsewhere.
+    void addSubscription(KRSubscription subscription) { subscriptions_.push_back(std::move(subscription)); }
+
     /// Waits until the program is interrupted, or until there are modules and all of them have failed or exited by
     /// themselves. Reports each module that does.
     /// \return Failed if one did, even if others worked on
@@ -49,6 +53,7 @@ public:
 private:
     std::vector<KRModuleHandle<KRModule>> services_;
     std::vector<KRModuleHandle<KRModule>> modules_;
+    std::vector<KRSubscription> subscriptions_;
 };
 
 } // namespace KR::tool

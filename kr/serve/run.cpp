@@ -1,6 +1,7 @@
 // kr run
 
 #include "serve/host.hpp"
+#include "serve/hostingoptions.hpp"
 #include "serve/modulelibrary.hpp"
 #include "system/domain.hpp"
 #include "tool/command.hpp"
@@ -18,10 +19,12 @@ struct Options {
     Domain domain;
     std::string path;
     std::string name;
+    HostingOptions hosting;
 
     void declare(Arguments& arguments) {
         arguments.add("MODULE", path, "library that contains KR_REGISTER_MODULE").required();
         arguments.add("--name", name, "name of the module (default: that of its class)");
+        hosting.declare(arguments);
         domain.declare(arguments);
     }
 };
@@ -29,11 +32,15 @@ struct Options {
 ExitCode runModule(const Options& options) {
     Interruption interruption;
     setLogLevel(KRLogLevel::Info);
-    loadModuleClass(options.path); // reports a wrong file before it connects to brokers
+    options.hosting.checkSubscriptions();
+    const KRModuleClass& moduleClass =
+        loadModuleClass(options.path); // reports a wrong file before it connects
     const auto broker = options.domain.connect();
+    options.hosting.giveParameters(*broker, {options.name.empty() ? moduleClass.defaultName : options.name});
     Host host;
     host.add(
         options.path, [&] { return createModuleOf(options.path, broker, options.name); }, interruption);
+    options.hosting.subscribe(broker, host);
     printError("module " + host.getModules().front()->getName() + " runs; Ctrl-C ends it");
     const ExitCode code = host.waitFor(interruption);
     host.takeDown();
@@ -46,6 +53,7 @@ const VerbRegistration registration(Verb<Options>{
     .summary = "Host a module library in a process of its own",
     .example = "  kr run ./krmotion.so\n"
                "  kr run ./krmotion.so --name DoorMotion --broker 'dds:?peers=robot1'\n"
+               "  kr run ./krmotion.so --param threshold=0.01 --param camera=1 --subscribe KRMotion:100:1.0\n"
                "Exit code 1 if the module fails or exits by itself.",
     .run = runModule,
 });

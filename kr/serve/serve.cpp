@@ -2,6 +2,7 @@
 
 #include "camera/cameras.hpp"
 #include "serve/host.hpp"
+#include "serve/hostingoptions.hpp"
 #include "serve/modulelibrary.hpp"
 #include "system/domain.hpp"
 #include "tool/command.hpp"
@@ -22,12 +23,14 @@ struct Options {
     Domain domain;
     SourceOptions cameras;
     std::vector<std::string> libraries;
+    HostingOptions hosting;
 
     void declare(Arguments& arguments) {
         cameras.declare(arguments);
         arguments.add("--run", libraries, "module library to host too")
             .valueName("[NAME=]MODULE.so")
             .repeatable();
+        hosting.declare(arguments);
         domain.declare(arguments);
     }
 };
@@ -36,10 +39,15 @@ ExitCode serve(const Options& options) {
     Interruption interruption;
     setLogLevel(KRLogLevel::Info);
     const auto sources = options.cameras.readSources();
+    options.hosting.checkSubscriptions();
+    std::vector<std::string> modules;
     for (const std::string& library : options.libraries) {
-        loadModuleClass(splitNamedLibrary(library).path);
+        const NamedLibrary named = splitNamedLibrary(library);
+        const KRModuleClass& moduleClass = loadModuleClass(named.path);
+        modules.push_back(named.name.empty() ? moduleClass.defaultName : named.name);
     }
     const auto broker = options.domain.connect();
+    options.hosting.giveParameters(*broker, modules);
     Host host;
     host.addService(createModule<KRVideoDevice>(broker, "KRVideoDevice", sources));
     if (!options.domain.saysWhereMemoryIs()) {
@@ -50,6 +58,7 @@ ExitCode serve(const Options& options) {
         host.add(
             library, [&] { return createModuleOf(named.path, broker, named.name); }, interruption);
     }
+    options.hosting.subscribe(broker, host);
     printError("serving on " + options.domain.getUrl() + "; Ctrl-C ends it");
     const ExitCode code = host.waitFor(interruption);
     host.takeDown();
@@ -63,6 +72,7 @@ const VerbRegistration registration(Verb<Options>{
     .example =
         "  kr serve --camera 0=test:ball --camera 1=file:clip.mp4 --run ./krmotion.so\n"
         "  kr serve --run DoorMotion=./krmotion.so --broker 'dds:?domain=3'\n"
+        "  kr serve --run ./krmotion.so --param-file robot.json --subscribe KRMotion:100:1.0\n"
         "A module that fails or exits by itself is reported, and the exit code is 1 then; the others go on.",
     .run = serve,
 });

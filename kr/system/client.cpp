@@ -33,12 +33,15 @@ void Client::onEventsLost(const std::string& event, int count) {
     onLoss_(event, count);
 }
 
-KRModuleHandle<Client> makeClient(const boost::shared_ptr<KRBroker>& broker, Client::OnEvent onEvent,
-                                  Client::OnLoss onLoss) {
+std::string makeClientName() {
     std::array<char, 256> host{};
     ::gethostname(host.data(), host.size() - 1);
-    const std::string name = "kr-" + std::string(host.data()) + "-" + std::to_string(::getpid());
-    return createModule<Client>(broker, name, std::move(onEvent), std::move(onLoss));
+    return "kr-" + std::string(host.data()) + "-" + std::to_string(::getpid());
+}
+
+KRModuleHandle<Client> makeClient(const boost::shared_ptr<KRBroker>& broker, Client::OnEvent onEvent,
+                                  Client::OnLoss onLoss) {
+    return createModule<Client>(broker, makeClientName(), std::move(onEvent), std::move(onLoss));
 }
 
 } // namespace KR::tool

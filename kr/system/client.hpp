@@ -31,7 +31,10 @@ private:
     const OnLoss onLoss_;
 };
 
-/// Makes a client under a name that no other process has.
+/// A name that no other process uses: "kr-HOST-PROCESS".
+std::string makeClientName();
+
+/// Makes a client under that name.
 KRModuleHandle<Client> makeClient(const boost::shared_ptr<KRBroker>& broker, Client::OnEvent onEvent,
                                   Client::OnLoss onLoss);
 

@@ -4,6 +4,7 @@
 
 #include <krplatform/krbroker.hpp>
 #include <krplatform/krmemoryproxy.hpp>
+#include <krplatform/krparameter.hpp>
 
 #include <chrono>
 
@@ -36,6 +37,28 @@ std::vector<std::string> completeModuleAndMethod(const std::vector<std::string>&
         }
     }
     return names;
+}
+
+std::vector<std::string> completeModuleAndParameter(const std::vector<std::string>& words,
+                                                    const std::string& url) {
+    if (words.empty() || words.size() > 2) {
+        return completeModule(words, url);
+    }
+    const auto broker = connectTo(url);
+    std::vector<std::string> candidates;
+    if (!broker->getSession().waitForService(words[0], kPatience)) {
+        return candidates;
+    }
+    for (const KRParameterInfo& parameter : getParameterList(*broker->getProxy(words[0]))) {
+        if (words.size() == 1) {
+            candidates.push_back(parameter.name);
+        } else if (parameter.name == words[1]) {
+            candidates = parameter.type == KRParameterInfo::Type::Bool
+                             ? std::vector<std::string>{"true", "false"}
+                             : parameter.choices;
+        }
+    }
+    return candidates;
 }
 
 std::vector<std::string> completeMemoryKey(const std::vector<std::string>& words, const std::string& url) {

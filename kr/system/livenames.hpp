@@ -13,6 +13,9 @@ namespace KR::tool {
 std::vector<std::string> completeModule(const std::vector<std::string>& words, const std::string& broker);
 std::vector<std::string> completeModuleAndMethod(const std::vector<std::string>& words,
                                                  const std::string& broker);
+/// The third word is a value of the parameter, where there are few.
+std::vector<std::string> completeModuleAndParameter(const std::vector<std::string>& words,
+                                                    const std::string& broker);
 std::vector<std::string> completeMemoryKey(const std::vector<std::string>& words, const std::string& broker);
 std::vector<std::string> completeEvent(const std::vector<std::string>& words, const std::string& broker);
 ///@}

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <krplatform/krbroker.hpp>
+
+#include <string>
+#include <vector>
+
+namespace KR::tool {
+
+class Arguments;
+class Host;
+
+/// What kr run and kr serve offer for the modules that they host: values of parameters, and subscriptions.
+class HostingOptions {
+public:
+    void declare(Arguments& arguments);
+
+    /// Has the broker give the modules their values when it makes them. Reports sections of a file that are for none.
+    /// \param modules  names of the modules that are going to be hosted
+    /// \throws UsageError a malformed value; one for a module that is not hosted
+    /// \throws std::runtime_error the file cannot be used
+    void giveParameters(KRBroker& broker, const std::vector<std::string>& modules) const;
+
+    /// Subscribes for as long as the host stands. \throws UsageError a malformed subscription
+    void subscribe(const boost::shared_ptr<KRBroker>& broker, Host& host) const;
+    /// \throws UsageError a malformed subscription
+    void checkSubscriptions() const;
+
+private:
+    std::vector<std::string> parameters_;
+    std::string parameterFile_;
+    std::vector<std::string> subscriptions_;
+};
+
+} // namespace KR::tool
