@@ -100,6 +100,17 @@ private:
     }
 
     void run() noexcept {
+        try {
+            subscribeUntilAccepted();
+        } catch (...) { // no memory, for a text most likely; the next module of this name is another chance
+            logError(kCategory, "a subscription is given up");
+            const KRLock lock(mutex_);
+            busy_ = false;
+            changed_.notifyAll();
+        }
+    }
+
+    void subscribeUntilAccepted() {
         std::chrono::seconds pause = kFirstPause;
         for (;;) {
             std::uint32_t number = 0;
@@ -129,7 +140,7 @@ private:
     }
 
     /// \return why it was refused; empty if it was not
-    std::string subscribe() noexcept {
+    std::string subscribe() {
         try {
             if (parameters_) {
                 extractor_.call("subscribe", client_, parameters_->first, parameters_->second);
@@ -139,9 +150,11 @@ private:
             return {};
         } catch (const KRError& error) {
             unsubscribe(); // it may have kept a subscriber whom it failed to serve
-            return error.getDescription();
+            return error.getDescription().empty() ? "it gives no reason" : error.getDescription();
         } catch (...) {
-            return "out of memory";
+            const std::string reason = describeCurrentException();
+            unsubscribe();
+            return reason.empty() ? "it gives no reason" : reason;
         }
     }
     void unsubscribe() noexcept {
