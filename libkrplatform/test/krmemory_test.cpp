@@ -123,9 +123,10 @@ TEST(KRMemory, IsAModuleLikeAnyOther) {
     for (const auto& method : proxy->getMethodList()) {
         names.push_back(method.name);
     }
-    EXPECT_THAT(names, ElementsAre("insertData", "getData", "getTimestamp", "getDataList", "removeData", "declareEvent",
-                                   "declareEvent", "raiseEvent", "subscribeToEvent", "unsubscribeFromEvent",
-                                   "getEventList", "getEventSubscribers", "setEventLimits"));
+    EXPECT_THAT(names,
+                ElementsAre("insertData", "getData", "getTimestamp", "getDataList", "removeData",
+                            "declareEvent", "declareEvent", "raiseEvent", "subscribeToEvent",
+                            "unsubscribeFromEvent", "getEventList", "getEventSubscribers", "setEventLimits"));
 }
 
 TEST(KRMemory, WithoutOneEachOperationIsAnError) {

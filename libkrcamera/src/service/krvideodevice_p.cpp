@@ -90,7 +90,7 @@ std::vector<std::string> KRVideoDevice::Private::listOf(const std::string& calle
 }
 
 std::shared_ptr<KRImageSubscription> KRVideoDevice::Private::find(const char* method,
-                                                             const std::string& id) const {
+                                                                  const std::string& id) const {
     const KRLock lock(mutex);
     const auto found = subscriptions.find(id);
     if (found == subscriptions.end()) {
