@@ -102,6 +102,24 @@ void KRLink::onAnnouncement(dds_entity_t, void* link) {
     static_cast<KRLink*>(link)->wake();
 }
 
+bool KRLink::admitAnnouncement(const void* sample, const dds_sample_info_t* info, void* given) noexcept {
+    KRLink& link = *static_cast<KRLink*>(given);
+    try {
+        const char* broker = static_cast<const KRVision_Announcement*>(sample)->broker;
+        if (!isBrokerId(broker)) {
+            link.countMalformed("an announcement is malformed: its broker is not an identity");
+            return false;
+        }
+        if (!link.senders_.isFirstName(info->publication_handle, broker)) {
+            link.countForged("that names several brokers", broker);
+            return false;
+        }
+        return true;
+    } catch (const std::exception&) { // short of memory
+        return false;
+    }
+}
+
 void KRLink::onAnnouncerMatched(dds_entity_t, dds_subscription_matched_status_t, void* link) {
     static_cast<KRLink*>(link)->wake();
 }
@@ -127,9 +145,11 @@ void KRLink::createEntities() {
     checkDDS(dds_get_guid(participant, &guid), "identity");
     id_ = toText(guid);
 
-    const dds_entity_t announcementTopic = checkDDS(
-        dds_create_topic(participant, &KRVision_Announcement_desc, "KRVision/Broker", nullptr, nullptr),
-        "topic");
+    const auto createAnnouncementTopic = [&] {
+        return checkDDS(
+            dds_create_topic(participant, &KRVision_Announcement_desc, "KRVision/Broker", nullptr, nullptr),
+            "topic");
+    };
     const std::string prefix = "KRVision/" + std::to_string(kProtocol);
     connection_ = {participant,
                    createMessageTopic(participant, (prefix + "/Request").c_str(), "KRVision::Request"),
@@ -153,8 +173,14 @@ void KRLink::createEntities() {
     dds_qset_ignorelocal(announcements.get(), DDS_IGNORELOCAL_PARTICIPANT);
     // All, so that nobody's announcement in another's name takes the place of the other's own.
     dds_qset_history(announcements.get(), DDS_HISTORY_KEEP_ALL, 0);
-    announcementReader_ = createReader(announcementTopic, announcements.get(), onAnnouncement);
-    announcer_.start(participant, announcementTopic, id_);
+    const dds_entity_t admitted = createAnnouncementTopic();
+    dds_topic_filter filter{};
+    filter.mode = DDS_TOPIC_FILTER_SAMPLE_SAMPLEINFO_ARG;
+    filter.f.sample_sampleinfo_arg = admitAnnouncement;
+    filter.arg = this;
+    checkDDS(dds_set_topic_filter_extended(admitted, &filter), "filter");
+    announcementReader_ = createReader(admitted, announcements.get(), onAnnouncement);
+    announcer_.start(participant, createAnnouncementTopic(), id_);
 }
 
 // Writers towards other brokers are made when these come. That they may be made is found out here, where it can be
@@ -303,12 +329,16 @@ bool KRLink::checkSender(dds_entity_t reader, dds_instance_handle_t writer, cons
         return true;
     }
     if (!sender.empty()) { // or else it is gone, and nobody waits for what it wanted
-        ++forged_;
-        forgeries_.write(KRLogLevel::Warning, "a message of the participant " + sender +
-                                                  " is dropped: it names the broker " +
-                                                  escapeText(named, 64) + " as its sender");
+        countForged(sender, named);
     }
     return false;
+}
+
+void KRLink::countForged(const std::string& sender, const std::string& named) {
+    ++forged_;
+    forgeries_.write(KRLogLevel::Warning, "a message of the participant " + sender +
+                                              " is dropped: it names the broker " + escapeText(named, 64) +
+                                              " as its sender");
 }
 
 void KRLink::takeReplies() {

@@ -43,6 +43,9 @@ private:
     template <void (KRLink::*take)()>
     static void onData(dds_entity_t reader, void* link);
     static void onAnnouncement(dds_entity_t reader, void* link);
+    /// Whether the engine may keep an announcement. It keeps memory for every identity that a writer names, until the
+    /// writer is gone.
+    static bool admitAnnouncement(const void* sample, const dds_sample_info_t* info, void* link) noexcept;
     static void onAnnouncerMatched(dds_entity_t reader, dds_subscription_matched_status_t status, void* link);
 
     void createEntities();
@@ -58,6 +61,7 @@ private:
     void answerInquiry(const KRRequest& request);
     /// Whether the message comes from the broker that it names; counts and drops it otherwise.
     bool checkSender(dds_entity_t reader, dds_instance_handle_t writer, const std::string& named);
+    void countForged(const std::string& sender, const std::string& named);
     void countMalformed(const char* why);
 
     // On the thread KRDDS.

@@ -82,9 +82,6 @@ void KRLink::takeAnnouncement(const void* sample, const dds_sample_info_t& info)
     if (!info.valid_data && !disposed) {
         return; // nobody writes it any more, which pollDiscovery() sees
     }
-    if (!isBrokerId(message.broker)) {
-        throw KRMalformed("an announcement is malformed: its broker is not an identity");
-    }
     if (!checkSender(announcementReader_, info.publication_handle, message.broker)) {
         return;
     }

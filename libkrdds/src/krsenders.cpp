@@ -35,4 +35,12 @@ std::string KRSenders::find(dds_entity_t reader, dds_instance_handle_t writer) {
     return id;
 }
 
+bool KRSenders::isFirstName(dds_instance_handle_t writer, const std::string& broker) {
+    const KRLock lock(mutex_);
+    if (firstNames_.size() >= kMaxKnown && !firstNames_.contains(writer)) {
+        firstNames_.clear(); // those that still write begin anew
+    }
+    return firstNames_.emplace(writer, broker).first->second == broker;
+}
+
 } // namespace KR

@@ -19,12 +19,16 @@ public:
     /// Identity of the participant that a sample's writer belongs to; empty once the writer is gone, unless it was
     /// asked for before. \param writer  publication handle of the sample
     std::string find(dds_entity_t reader, dds_instance_handle_t writer);
+    /// Whether this is the first broker that a writer of announcements names, or the same one again. Takes no lock but
+    /// its own, so the engine may call it.
+    bool isFirstName(dds_instance_handle_t writer, const std::string& broker);
 
 private:
     static constexpr std::size_t kMaxKnown = 4096;
 
     KRMutex mutex_;
     std::map<dds_instance_handle_t, std::string> known_ KR_GUARDED_BY(mutex_); // handles are never used again
+    std::map<dds_instance_handle_t, std::string> firstNames_ KR_GUARDED_BY(mutex_);
 };
 
 } // namespace KR
