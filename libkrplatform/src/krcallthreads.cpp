@@ -6,20 +6,33 @@
 
 #include <deque>
 #include <list>
+#include <new>
 #include <thread>
 
 namespace KR {
 
 struct KRCallThreads::State {
     using Threads = std::list<std::thread>;
+    /// A thread without a job.
+    struct Idle {
+        KRCondition wake;
+        bool woken = false; // guarded by the mutex
+    };
 
     KRMutex mutex;
-    KRCondition wake;
     std::deque<std::function<void()>> jobs KR_GUARDED_BY(mutex);
     Threads running KR_GUARDED_BY(mutex);
     Threads retired KR_GUARDED_BY(mutex); // ended or about to; the next thread that retires joins them
-    std::size_t idle KR_GUARDED_BY(mutex) = 0;
+    std::list<Idle*> idle KR_GUARDED_BY(mutex); // the last one was busy last, so its memory is in the caches
     bool stopping KR_GUARDED_BY(mutex) = false;
+
+    void wakeLast() KR_REQUIRES(mutex) {
+        idle.back()->woken = true;
+        idle.back()->wake.notifyOne();
+        idle.pop_back();
+    }
+    /// Waits for a job. \return false: none has come for a while
+    bool waitIdle(KRLock& lock) KR_REQUIRES(mutex);
 
     static void run(std::shared_ptr<State> state, Threads::iterator self) noexcept;
     static void runJob(std::function<void()>& job) noexcept;
@@ -32,7 +45,9 @@ KRCallThreads::~KRCallThreads() {
     {
         const KRLock lock(state_->mutex);
         state_->stopping = true;
-        state_->wake.notifyAll();
+        while (!state_->idle.empty()) {
+            state_->wakeLast();
+        }
     }
     // Jobs may post jobs, and so start threads, until the last one has ended.
     for (;;) {
@@ -58,8 +73,8 @@ KRCallThreads::~KRCallThreads() {
 void KRCallThreads::post(std::function<void()> job) {
     const KRLock lock(state_->mutex);
     state_->jobs.push_back(std::move(job));
-    if (state_->jobs.size() <= state_->idle) {
-        state_->wake.notifyOne();
+    if (!state_->idle.empty()) {
+        state_->wakeLast(); // or a busy thread takes the job before
         return;
     }
     try {
@@ -80,6 +95,26 @@ void KRCallThreads::post(std::function<void()> job) {
 std::size_t KRCallThreads::getCount() const {
     const KRLock lock(state_->mutex);
     return state_->running.size();
+}
+
+bool KRCallThreads::State::waitIdle(KRLock& lock) {
+    Idle self;
+    std::list<Idle*> entry;
+    try {
+        entry.push_back(&self);
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    const auto place = entry.begin();
+    idle.splice(idle.end(), entry);
+    const bool woken = self.wake.waitFor(lock, kIdleTime, [&] {
+        mutex.assertHeld();
+        return self.woken;
+    });
+    if (!woken) {
+        idle.erase(place);
+    }
+    return woken;
 }
 
 void KRCallThreads::State::runJob(std::function<void()>& job) noexcept {
@@ -109,13 +144,7 @@ void KRCallThreads::State::run(std::shared_ptr<State> state, Threads::iterator s
             if (state->stopping) {
                 return; // the destructor joins
             }
-            ++state->idle;
-            const bool woken = state->wake.waitFor(lock, kIdleTime, [&] {
-                state->mutex.assertHeld();
-                return !state->jobs.empty() || state->stopping;
-            });
-            --state->idle;
-            if (!woken) {
+            if (!state->waitIdle(lock)) {
                 break;
             }
         }

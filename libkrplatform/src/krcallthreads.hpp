@@ -8,7 +8,8 @@
 namespace KR {
 
 /// Threads that run posted calls: as many as there are calls in progress, however long these block.
-/// A thread without work retires after a while. Thread-safe.
+/// Of several without work the one that was busy last gets the next job; one without work retires after a while.
+/// Thread-safe.
 class KRCallThreads {
 public:
     static constexpr std::chrono::seconds kIdleTime{2};

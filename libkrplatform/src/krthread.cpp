@@ -16,6 +16,9 @@ thread_local std::string threadName;
 } // namespace
 
 void setThreadName(const std::string& name) {
+    if (name == threadName) {
+        return; // as before each job of a call thread
+    }
     threadName = name;
     pthread_setname_np(pthread_self(), name.substr(0, kKernelNameSize - 1).c_str());
 }

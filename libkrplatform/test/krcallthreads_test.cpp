@@ -10,10 +10,13 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <fstream>
 #include <set>
 #include <stdexcept>
 #include <string>
+#include <sys/types.h>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 namespace KR {
@@ -41,6 +44,14 @@ private:
     const int expected_;
     std::atomic<int> arrived_ = 0;
 };
+
+bool isThreadAsleep(pid_t thread) {
+    std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/stat");
+    std::string line;
+    std::getline(file, line);
+    const auto afterName = line.rfind(')');
+    return afterName != std::string::npos && line.substr(afterName, 3) == ") S";
+}
 
 TEST(KRCallThreads, AHundredBlockedCallsRunAtTheSameTime) {
     const auto broker = KRBroker::create("local:?memory=none");
@@ -88,6 +99,36 @@ TEST(KRCallThreads, AnIdleThreadIsUsedAgain) {
         most = std::max(most, broker->getCallThreadCount());
     }
     EXPECT_LT(most, 500u) << "one would do; a thread that has just counted is not idle yet";
+}
+
+TEST(KRCallThreads, TheThreadThatWasBusyLastGetsTheNextCall) {
+    const auto broker = KRBroker::create("local:?memory=none");
+    constexpr int kThreads = 4;
+    std::vector<Event> release(kThreads);
+    std::vector<std::atomic<pid_t>> threads(kThreads);
+    std::vector<std::atomic<bool>> done(kThreads);
+    std::atomic<pid_t> last = 0;
+    auto module = makeModule(broker, "m", [&](TestModule& m) {
+        m.add("hold", [&](int number) {
+            threads[number] = gettid();
+            EXPECT_TRUE(release[number].wait());
+            done[number] = true;
+        });
+        m.add("go", [&] { last = gettid(); });
+    });
+    const auto proxy = broker->getProxy("m");
+    for (int i = 0; i < kThreads; ++i) {
+        proxy->post("hold", i);
+        ASSERT_TRUE(eventually([&] { return threads[i] != 0; }));
+    }
+    // They become idle in another order than they were started in.
+    for (const int i : {2, 0, 3, 1}) {
+        release[i].set();
+        ASSERT_TRUE(eventually([&] { return done[i] && isThreadAsleep(threads[i]); }));
+    }
+    proxy->post("go");
+    ASSERT_TRUE(eventually([&] { return last != 0; }));
+    EXPECT_EQ(last, threads[1]);
 }
 
 TEST(KRCallThreads, ABlockedCallStarvesNoOther) {

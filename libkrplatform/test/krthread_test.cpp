@@ -55,6 +55,16 @@ TEST(KRThread, TheKernelKeepsTheFirst15BytesOfAName) {
               "short");
 }
 
+TEST(KRThread, AThreadThatHasTheNameAlreadyIsNotNamedAgain) {
+    EXPECT_EQ(onAThread([] {
+                  setThreadName("mine");
+                  pthread_setname_np(pthread_self(), "by another");
+                  setThreadName("mine");
+                  return getKernelName();
+              }),
+              "by another");
+}
+
 TEST(KRThread, WithoutANameOfItsOwnAThreadHasTheKernels) {
     EXPECT_EQ(onAThread([] {
                   pthread_setname_np(pthread_self(), "by another");
