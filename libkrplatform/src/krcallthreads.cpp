@@ -22,7 +22,7 @@ struct KRCallThreads::State {
     KRMutex mutex;
     std::deque<std::function<void()>> jobs KR_GUARDED_BY(mutex);
     Threads running KR_GUARDED_BY(mutex);
-    Threads retired KR_GUARDED_BY(mutex); // ended or about to; the next thread that retires joins them
+    Threads retired KR_GUARDED_BY(mutex);       // ended or about to; the next thread that retires joins them
     std::list<Idle*> idle KR_GUARDED_BY(mutex); // the last one was busy last, so its memory is in the caches
     bool stopping KR_GUARDED_BY(mutex) = false;
 
