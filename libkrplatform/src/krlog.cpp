@@ -5,6 +5,7 @@
 #include "krplatform/krthread.hpp"
 
 #include "krlogconsole.hpp"
+#include "krloglevels.hpp"
 
 #include <algorithm>
 #include <atomic>
@@ -55,13 +56,14 @@ public:
     /// The log of this process; made by the first call.
     static Log& get();
 
+    /// Whether a record of this level may be printed or heard, depending on its category.
     bool isWanted(KRLogLevel level) const noexcept {
-        return isPrinted(level) || hasListeners_.load(std::memory_order_acquire);
+        return level <= mostVerbose_.load(std::memory_order_relaxed) ||
+               hasListeners_.load(std::memory_order_acquire);
     }
-    bool isPrinted(KRLogLevel level) const noexcept {
-        return level <= printedLevel_.load(std::memory_order_relaxed);
-    }
-    void setPrintedLevel(KRLogLevel level) noexcept { printedLevel_ = level; }
+    void setDefaultLevel(KRLogLevel level) noexcept KR_EXCLUDES(mutex_);
+    void setLevels(std::string_view text) KR_EXCLUDES(mutex_);
+    std::string getLevels() const KR_EXCLUDES(mutex_);
 
     void submit(KRLogRecord record) noexcept KR_EXCLUDES(mutex_);
     void countLost() noexcept KR_EXCLUDES(mutex_);
@@ -73,6 +75,7 @@ public:
 private:
     Log() = default;
 
+    void readEnvironment() KR_EXCLUDES(mutex_);
     void queue(KRLogRecord record) KR_REQUIRES(mutex_);
     /// \throws std::system_error no thread
     void startThread() KR_REQUIRES(mutex_);
@@ -83,6 +86,11 @@ private:
     /// The rest of the queue, on the log thread, from which nothing more is to be expected.
     void printRest() noexcept KR_EXCLUDES(mutex_);
 
+    /// In the child of a fork, whose parent's log is locked by the forking thread.
+    void copyLevels(const Log& parents) KR_NO_THREAD_SAFETY_ANALYSIS {
+        levels_ = parents.levels_;
+        mostVerbose_ = parents.mostVerbose_.load();
+    }
     static void prepareFork() noexcept KR_NO_THREAD_SAFETY_ANALYSIS;
     static void continueParent() noexcept KR_NO_THREAD_SAFETY_ANALYSIS;
     static void continueChild() noexcept;
@@ -94,12 +102,13 @@ private:
     static thread_local const Item* delivered; // by the calling thread, which is then the log thread
     static thread_local bool onLogThread;
 
-    std::atomic<KRLogLevel> printedLevel_ = KRLogLevel::Info;
+    std::atomic<KRLogLevel> mostVerbose_ = KRLogLevel::Info; // of levels_
     std::atomic<bool> hasListeners_ = false;
 
-    KRMutex mutex_;
-    KRCondition wake_;    // there is work for the log thread
-    KRCondition changed_; // the log thread has handled a record
+    mutable KRMutex mutex_;
+    KRLogLevels levels_ KR_GUARDED_BY(mutex_); // what is printed
+    KRCondition wake_;                         // there is work for the log thread
+    KRCondition changed_;                      // the log thread has handled a record
     std::deque<Item> queue_ KR_GUARDED_BY(mutex_);
     std::size_t queuedBytes_ KR_GUARDED_BY(mutex_) = 0;
     std::uint64_t submitted_ KR_GUARDED_BY(mutex_) = 0; // records so far
@@ -127,6 +136,7 @@ Log& Log::get() {
         ::pthread_atfork(prepareFork, continueParent, continueChild);
         std::atexit(atExit);
         terminateBefore = std::set_terminate(atTerminate);
+        instance.load()->readEnvironment();
         return true;
     }();
     (void)made;
@@ -156,8 +166,41 @@ void Log::submit(KRLogRecord record) noexcept {
     }
 }
 
+void Log::readEnvironment() {
+    const char* const levels = std::getenv("KR_LOG");
+    if (levels == nullptr) {
+        return;
+    }
+    try {
+        setLevels(levels);
+    } catch (const std::exception& error) {
+        submit({KRLogLevel::Warning, "krplatform.log", std::string("KR_LOG has no effect: ") + error.what(),
+                KRSourceLocation::current(), getThreadName(), std::chrono::system_clock::now()});
+    }
+}
+
+void Log::setDefaultLevel(KRLogLevel level) noexcept {
+    const KRLock lock(mutex_);
+    levels_.setDefault(level);
+    mostVerbose_ = levels_.getMostVerbose();
+}
+
+void Log::setLevels(std::string_view text) {
+    const KRLock lock(mutex_);
+    levels_.set(text);
+    mostVerbose_ = levels_.getMostVerbose();
+}
+
+std::string Log::getLevels() const {
+    const KRLock lock(mutex_);
+    return levels_.toText();
+}
+
 void Log::queue(KRLogRecord record) {
-    const bool printed = isPrinted(record.level);
+    const bool printed = record.level <= levels_.get(record.category);
+    if (!printed && listeners_.empty()) {
+        return;
+    }
     Item item{std::move(record), submitted_ + 1, printed, {}};
     if (delivered != nullptr) {
         item.deaf = delivered->deaf;
@@ -338,12 +381,10 @@ void Log::continueParent() noexcept {
 
 void Log::continueChild() noexcept {
     // The log thread is the parent's. What waits is for the parent to write, and its listeners hear for the parent.
-    const KRLogLevel level = instance.load()->printedLevel_;
     static Log* parents = nullptr; // stays as it is, locked; reachable, so that it is no leak
     // NOLINTNEXTLINE(bugprone-unhandled-exception-at-new): a child without memory for it ends
     parents = instance.exchange(new Log);
-    instance.load()->printedLevel_ = level;
-    (void)parents;
+    instance.load()->copyLevels(*parents);
     onLogThread = false;
     delivered = nullptr;
 }
@@ -395,7 +436,15 @@ bool flushLog(std::chrono::milliseconds timeout) {
 }
 
 void setLogLevel(KRLogLevel level) noexcept {
-    Log::get().setPrintedLevel(level);
+    Log::get().setDefaultLevel(level);
+}
+
+void setLogLevels(std::string_view levels) {
+    Log::get().setLevels(levels);
+}
+
+std::string getLogLevels() {
+    return Log::get().getLevels();
 }
 
 KRLogListener::KRLogListener(std::function<void(const KRLogRecord&)> listener)

@@ -2,6 +2,8 @@
 
 #include "krplatform/krtext.hpp"
 
+#include "krloglevels.hpp"
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -42,16 +44,17 @@ const char* getColor(KRLogLevel level) noexcept {
     return "";
 }
 
-/// "[12:34:56.789] ", local time
+/// "[2026-11-22 12:34:56.789] ", local time
 std::string formatTime(std::chrono::system_clock::time_point time) {
     const std::time_t seconds = std::chrono::system_clock::to_time_t(time);
     const auto milliseconds =
         std::chrono::duration_cast<std::chrono::milliseconds>(time.time_since_epoch()).count() % 1000;
     std::tm parts{};
     ::localtime_r(&seconds, &parts);
-    std::array<char, 32> text{};
-    std::snprintf(text.data(), text.size(), "[%02d:%02d:%02d.%03d] ", parts.tm_hour, parts.tm_min,
-                  parts.tm_sec, static_cast<int>(milliseconds));
+    std::array<char, 80> text{};
+    std::snprintf(text.data(), text.size(), "[%04d-%02d-%02d %02d:%02d:%02d.%03d] ", parts.tm_year + 1900,
+                  parts.tm_mon + 1, parts.tm_mday, parts.tm_hour, parts.tm_min, parts.tm_sec,
+                  static_cast<int>(milliseconds));
     return text.data();
 }
 
@@ -74,20 +77,6 @@ ssize_t writeWithoutSignal(std::string_view bytes) noexcept {
 }
 
 } // namespace
-
-const char* getLevelName(KRLogLevel level) noexcept {
-    switch (level) {
-    case KRLogLevel::Error:
-        return "error";
-    case KRLogLevel::Warning:
-        return "warning";
-    case KRLogLevel::Info:
-        return "info";
-    case KRLogLevel::Verbose:
-        return "verbose";
-    }
-    return "error";
-}
 
 KRLogConsole::KRLogConsole() : colored_(isColorTerminal()) {}
 

@@ -12,9 +12,6 @@
 
 namespace KR {
 
-/// "error", "warning", "info" or "verbose"
-const char* getLevelName(KRLogLevel level) noexcept;
-
 /// Turns records into lines and writes them to standard error, which it never waits for.
 ///
 /// A line that repeats a recent one is only counted; the counts are written at growing intervals. Reentrant.

@@ -10,6 +10,7 @@
 #include <array>
 #include <optional>
 #include <sstream>
+#include <stdexcept>
 
 namespace KR {
 
@@ -20,6 +21,8 @@ constexpr std::string_view kGetMethodList = "getMethodList";
 constexpr std::string_view kGetMethodHelp = "getMethodHelp";
 constexpr std::string_view kGetFailure = "getFailure";
 constexpr std::string_view kGetParameterList = "getParameterList";
+constexpr std::string_view kGetLogLevels = "getLogLevels";
+constexpr std::string_view kSetLogLevels = "setLogLevels";
 
 /// How well a value fits an argument type: 0 is exact, more is worse; nullopt if it does not fit.
 std::optional<int> mismatch(KRArgumentType wanted, const KRValue& given) {
@@ -192,6 +195,19 @@ KRValue KRModule::Private::call(std::string_view method, std::span<const KRValue
     }
     if (method == kGetFailure && arguments.empty()) {
         return getFailure();
+    }
+    if (method == kGetLogLevels && arguments.empty()) {
+        return getLogLevels();
+    }
+    if (method == kSetLogLevels && arguments.size() == 1 && arguments[0].isString()) {
+        const std::string levels = arguments[0].to<std::string>();
+        try {
+            setLogLevels(levels);
+        } catch (const std::invalid_argument& error) {
+            throw KRError(name, std::string(method), error.what());
+        }
+        logInfo("krplatform.module", name + " was asked to print of the log: " + levels);
+        return {};
     }
     std::vector<std::size_t> all(methods.size());
     for (std::size_t i = 0; i < all.size(); ++i) {

@@ -97,6 +97,51 @@ TEST(KRLog, StandardErrorShowsTheChosenLevelAndGraverOnes) {
     setLogLevel(KRLogLevel::Info);
 }
 
+TEST(KRLog, ALineBeginsWithDateAndTime) {
+    EXPECT_THAT(standardErrorOf([] { logError("c", "dated"); }),
+                testing::ContainsRegex("^.20[0-9][0-9]-[01][0-9]-[0-3][0-9] [0-2][0-9]:[0-5][0-9]:[0-6][0-9]."
+                                       "[0-9][0-9][0-9]. error c: dated"));
+}
+
+TEST(KRLog, ACategoryAndThoseBelowItMayHaveALevel) {
+    setLogLevels("warning,krdds=debug,krdds.link=error");
+    EXPECT_EQ(getLogLevels(), "warning,krdds=verbose,krdds.link=error");
+    EXPECT_THAT(standardErrorOf([] { logInfo("c", "a"); }), IsEmpty());
+    EXPECT_THAT(standardErrorOf([] { logVerbose("krdds", "b"); }), Not(IsEmpty()));
+    EXPECT_THAT(standardErrorOf([] { logVerbose("krdds.call", "c"); }), Not(IsEmpty()));
+    EXPECT_THAT(standardErrorOf([] { logWarning("krdds.link", "d"); }), IsEmpty());
+    EXPECT_THAT(standardErrorOf([] { logInfo("krddsother", "e"); }), IsEmpty());
+    setLogLevels("verbose");
+    EXPECT_THAT(standardErrorOf([] { logVerbose("krdds.link", "f"); }), Not(IsEmpty()))
+        << "a level alone is for all categories";
+    setLogLevels("info");
+    EXPECT_EQ(getLogLevels(), "info");
+}
+
+TEST(KRLog, WhatIsNoLevelIsRefusedAndChangesNothing) {
+    const std::string before = getLogLevels();
+    const auto refusalOf = [](const std::string& levels) -> std::string {
+        try {
+            setLogLevels(levels);
+        } catch (const std::invalid_argument& error) {
+            return error.what();
+        }
+        return "";
+    };
+    EXPECT_THAT(refusalOf("loud"),
+                HasSubstr("\"loud\" is not a level of the log; levels are error, warning"));
+    EXPECT_THAT(refusalOf("warning,krdds"), HasSubstr("\"krdds\" is not a level"));
+    EXPECT_THAT(refusalOf(""), HasSubstr("\"\" is not a level"));
+    EXPECT_THAT(refusalOf("=info"), HasSubstr("does not name a category"));
+    EXPECT_THAT(refusalOf(std::string(101, 'c') + "=info"), HasSubstr("does not name a category"));
+    std::string many = "info";
+    for (int i = 0; i < 101; ++i) {
+        many += ",c" + std::to_string(i) + "=error";
+    }
+    EXPECT_THAT(refusalOf(many), HasSubstr("100 categories"));
+    EXPECT_EQ(getLogLevels(), before);
+}
+
 TEST(KRLog, AMessageThatLooksLikeAFormatIsPrintedAsItIs) {
     EXPECT_THAT(standardErrorOf([] { logError("{}", "{0} %s {"); }), HasSubstr("error {}: {0} %s {"));
 }

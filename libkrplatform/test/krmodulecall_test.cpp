@@ -1,3 +1,4 @@
+#include "krplatform/krlog.hpp"
 #include "krplatform/krproxy.hpp"
 
 #include "testmodule.hpp"
@@ -142,6 +143,17 @@ TEST(KRModuleCall, AWrongNumberOrTypeIsAnErrorThatTellsTheSignatures) {
     EXPECT_THAT([&] { f.proxy->call("set", 1.0f); }, refusesAndSays(signatures));
     EXPECT_THAT([&] { f.proxy->call("set", KRBinary(), 0.5f); }, refusesAndSays("(binary, float)"));
     EXPECT_THAT([&] { f.proxy->call("set", KRValue()); }, refusesAndSays("(invalid)"));
+}
+
+TEST(KRModuleCall, EveryModuleSetsTheLevelsOfTheLogOfItsProcess) {
+    const CallFixture f([](TestModule&) {});
+    const std::string before = f.proxy->call<std::string>("getLogLevels");
+    f.proxy->call("setLogLevels", "error,krdds=verbose");
+    EXPECT_EQ(f.proxy->call<std::string>("getLogLevels"), "error,krdds=verbose");
+    EXPECT_THAT([&] { f.proxy->call("setLogLevels", "loud"); },
+                refusesAndSays("setLogLevels: \"loud\" is not a level of the log"));
+    EXPECT_EQ(getLogLevels(), "error,krdds=verbose");
+    f.proxy->call("setLogLevels", before);
 }
 
 TEST(KRModuleCall, AnUnknownMethodIsAnErrorThatTellsWhatThereIs) {

@@ -58,9 +58,20 @@ inline void logVerbose(std::string_view category, std::string_view message,
 /// \return false: the timeout was over first, or this was called from within a listener. Thread-safe.
 KR_EXPORT bool flushLog(std::chrono::milliseconds timeout = std::chrono::seconds(30));
 
-/// Chooses what is printed on standard error: records of this level and graver ones; Info at the start.
-/// Listeners get every record all the same. Thread-safe.
+/// Chooses what is printed on standard error, unless the environment variable KR_LOG or setLogLevels() chooses otherwise:
+/// records of this level and graver ones; Info at the start. Listeners get every record all the same. Thread-safe.
 KR_EXPORT void setLogLevel(KRLogLevel level) noexcept;
+
+/// Chooses what is printed on standard error, whatever setLogLevel() says. KR_LOG sets the same when the process starts.
+/// \param levels  comma-separated, the last one counts: "warning" for all categories, of which none keeps another
+/// level; "krdds=verbose" for a category and those whose names continue it after a dot. Levels are error, warning, info
+/// and verbose, which is also called debug: "warning,krdds=debug"
+/// \throws std::invalid_argument there is no such level; a category is "" or longer than 100 bytes; more than 100
+/// categories; nothing has changed then. Thread-safe.
+KR_EXPORT void setLogLevels(std::string_view levels);
+
+/// What is printed on standard error, in the form that setLogLevels() takes. Thread-safe.
+KR_EXPORT std::string getLogLevels();
 
 /// Hears every record that is logged while it exists.
 ///
