@@ -6,6 +6,7 @@
 
 #include "krbroker_p.hpp"
 #include "krmodule_p.hpp"
+#include "krnearestnames.hpp"
 
 #include <array>
 #include <optional>
@@ -209,11 +210,23 @@ KRValue KRModule::Private::call(std::string_view method, std::span<const KRValue
         logInfo("krplatform.module", name + " was asked to print of the log: " + levels);
         return {};
     }
-    std::vector<std::size_t> all(methods.size());
-    for (std::size_t i = 0; i < all.size(); ++i) {
-        all[i] = i;
+    throw KRError(name, std::string(method), "no such method; " + suggestMethods(method));
+}
+
+std::string KRModule::Private::suggestMethods(std::string_view wanted) const {
+    constexpr std::size_t kFew = 3;
+    std::vector<std::string> names;
+    for (const auto& [method, overloads] : methodsByName) {
+        if (!method.starts_with("_")) { // internal
+            names.push_back(method);
+        }
     }
-    throw KRError(name, std::string(method), "no such method; there is: " + getSignatures(all));
+    if (names.empty()) {
+        return "the module publishes none";
+    }
+    return (names.size() > kFew ? "the nearest names are " : "there is ") +
+           joinWithCommas(findNearestNames(wanted, names, kFew),
+                          [](const std::string& each) { return each; });
 }
 
 std::vector<KRMethodDescription> KRModule::Private::getMethodList() const {

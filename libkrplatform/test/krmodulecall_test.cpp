@@ -19,6 +19,7 @@ using test::makeModule;
 using test::TestModule;
 using testing::AllOf;
 using testing::HasSubstr;
+using testing::Not;
 using testing::ThrowsMessage;
 
 /// A broker with one module, and a proxy on it.
@@ -162,8 +163,24 @@ TEST(KRModuleCall, AnUnknownMethodIsAnErrorThatTellsWhatThereIs) {
         m.add("stop", [] {});
     });
     EXPECT_THAT([&] { f.proxy->call("fly", 1); }, refusesAndSays("module.fly: no such method"));
-    EXPECT_THAT([&] { f.proxy->call("fly"); }, refusesAndSays("there is: go(int), stop()"));
+    EXPECT_THAT([&] { f.proxy->call("fly"); }, refusesAndSays("no such method; there is go, stop"));
     EXPECT_THAT([&] { f.proxy->call("getMethodHelp"); }, refusesAndSays("no such method"));
+}
+
+TEST(KRModuleCall, AnUnknownMethodIsAnsweredWithTheNearestNames) {
+    const CallFixture f([](TestModule& m) {
+        for (const char* method :
+             {"subscribe", "unsubscribe", "setResolution", "getResolution", "pause", "_run"}) {
+            m.add(method, [] {});
+        }
+    });
+    const auto says = [](const std::string& names) {
+        return refusesAndSays("no such method; the nearest names are " + names);
+    };
+    EXPECT_THAT([&] { f.proxy->call("subscrib"); }, says("subscribe, unsubscribe, "));
+    EXPECT_THAT([&] { f.proxy->call("setresolutoin"); }, says("setResolution, getResolution, "));
+    EXPECT_THAT([&] { f.proxy->call("Resolution"); }, says("getResolution, setResolution, "));
+    EXPECT_THAT([&] { f.proxy->call("run"); }, Not(refusesAndSays("_run"))) << "internal";
 }
 
 TEST(KRModuleCall, AnErrorCarriesModuleAndMethodApart) {
