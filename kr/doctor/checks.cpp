@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <fstream>
+#include <map>
 #include <set>
 #include <sstream>
 #include <vector>
@@ -159,8 +160,7 @@ Finding checkModules(KRBroker& broker) {
                 failures.push_back(escapeText(module) + " has failed: " + escapeText(failure));
             }
         } catch (const KRError& error) {
-            failures.push_back(escapeText(module) +
-                               " does not answer: " + escapeText(error.getDescription()));
+            failures.push_back(escapeText(module) + " does not answer: " + escapeText(error.getDescription()));
         }
     }
     if (failures.empty()) {
@@ -168,6 +168,30 @@ Finding checkModules(KRBroker& broker) {
     }
     return {"modules", false, join(failures, "; "),
             "restart the process that hosts the module; its log has more"};
+}
+
+Finding checkOutputs(KRBroker& broker) {
+    std::map<std::string, std::vector<std::string>> modulesByOutput;
+    for (const std::string& module : broker.getModuleList()) {
+        try {
+            const auto names = broker.getProxy(module)->call<std::vector<std::string>>("getOutputNames");
+            for (const std::string& name : std::set(names.begin(), names.end())) {
+                modulesByOutput[name].push_back(module);
+            }
+        } catch (const KRError&) { // not an extractor
+        }
+    }
+    std::vector<std::string> problems;
+    for (const auto& [name, modules] : modulesByOutput) {
+        if (modules.size() > 1) {
+            problems.push_back(escapeText(join(modules, " and ") + " declare " + name));
+        }
+    }
+    if (problems.empty()) {
+        return {"outputs", true, "each event and key is declared by one module", ""};
+    }
+    return {"outputs", false, join(problems, "; "),
+            "end one of the modules, or begin their names with that of the module: getName() + \"/...\""};
 }
 
 Finding checkServices(const KRBroker& broker, const std::string& url) {

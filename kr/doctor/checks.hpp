@@ -29,6 +29,8 @@ Finding checkBrokers(const KRBroker& broker);
 Finding checkMessages(const KRBroker& broker);
 /// Modules that work, by their own account.
 Finding checkModules(KRBroker& broker);
+/// Events and keys that only one extractor declares.
+Finding checkOutputs(KRBroker& broker);
 /// A memory module and a camera service, which modules need. \param url  address of the broker
 Finding checkServices(const KRBroker& broker, const std::string& url);
 

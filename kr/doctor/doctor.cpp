@@ -33,6 +33,7 @@ std::vector<Finding> examine(const Domain& domain) {
         findings.push_back(checkBrokers(*broker));
         findings.push_back(checkServices(*broker, domain.getUrl()));
         findings.push_back(checkModules(*broker));
+        findings.push_back(checkOutputs(*broker));
         findings.push_back(checkMessages(*broker));
     } catch (const KRError& error) {
         findings.push_back({"broker", false, error.getDescription(), "kr serve --help   (has an example)"});

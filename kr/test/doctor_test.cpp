@@ -2,6 +2,7 @@
 
 #include "krsystem.hpp"
 #include "stranger.hpp"
+#include "testmodule.hpp"
 
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
@@ -31,7 +32,7 @@ TEST_F(KrSystem, IsFoundWellByItsDoctor) {
                                    std::to_string(domain_.getNumber()) + " are taken"));
         }
     }
-    EXPECT_EQ(findings.size(), 8U);
+    EXPECT_EQ(findings.size(), 9U);
 }
 
 TEST_F(KrSystem, ItsDoctorFindsABrokerOfAnotherVersion) {
@@ -49,6 +50,18 @@ TEST_F(KrSystem, ItsDoctorFindsABrokerOfAnotherVersion) {
         }
     }
     EXPECT_EQ(found, 1);
+}
+
+TEST_F(KrSystem, ItsDoctorFindsTwoModulesThatDeclareTheSameOutput) {
+    const auto broker = domain_.createBroker();
+    const auto declare = [](TestModule& module) {
+        module.add("getOutputNames", [] { return std::vector<std::string>{"Seen", "Seen"}; });
+    };
+    const auto first = makeModule(broker, "First", declare);
+    EXPECT_THAT(krOnDomain({"doctor"}).out, HasSubstr("ok   outputs"));
+    const auto second = makeModule(broker, "Second", declare);
+    EXPECT_THAT(krOnDomain({"doctor"}).out,
+                HasSubstr("BAD  outputs          First and Second declare Seen\n"));
 }
 
 TEST_F(KrSystem, ItsDoctorFindsTwoModulesOfOneNameAndTheirProcesses) {

@@ -357,6 +357,7 @@ void KRExtractor::declareMemoryKey(const std::string& name) {
     KRValue empty;
     empty.arraySetSize(0);
     p_->memoryProxy->insertData(name, empty);
+    p_->memoryProxy->declareData(name, p_->name);
 }
 
 void KRExtractor::xShutDown() {

@@ -217,6 +217,21 @@ public:
     void insertData(const std::string& key, const KRValue&) { throw KRError("KRMemory", "insertData", key); }
 };
 
+TEST(KRExtractorConstruction, AKeyThatAnotherExtractorDeclaresTooIsReported) {
+    const auto broker = KRBroker::create();
+    std::atomic<int> warnings = 0;
+    const KRLogListener listener([&](const KRLogRecord& record) {
+        warnings +=
+            record.message.starts_with("the modules First and Second both declare the key Seen") ? 1 : 0;
+    });
+    const auto first = createModule<RecordingExtractor>(broker, "First");
+    const auto second = createModule<RecordingExtractor>(broker, "Second");
+    first->declareMemoryKey("Seen");
+    second->declareMemoryKey("Seen");
+    flushLog();
+    EXPECT_EQ(warnings, 1);
+}
+
 TEST(KRExtractorConstruction, WaitsForTheMemoryModule) {
     const auto broker = KRBroker::create("local:?memory=none");
     auto constructed =

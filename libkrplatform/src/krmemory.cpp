@@ -67,6 +67,11 @@ void KRMemory::publishMethods() {
     addParam("key", "Name of the data.");
     publish(&KRMemory::removeData);
 
+    functionName("declareData", kName, "Declares a key and the module that writes it.");
+    addParam("key", "Name of the data.");
+    addParam("module", "Name of the module.");
+    publish(&KRMemory::declareData);
+
     functionName("declareEvent", kName, "Declares an event and the extractor that raises it.");
     addParam("event", "Name of the event.");
     addParam("extractor", "Name of the extractor module.");
@@ -175,12 +180,30 @@ void KRMemory::removeData(const std::string& key) {
     returnMemoryLater();
 }
 
+void KRMemory::declareData(const std::string& key, const std::string& module) {
+    std::string before;
+    {
+        const KRLock lock(mutex_);
+        before = std::exchange(writers_[key], module);
+    }
+    warnIfBoth(before, module, "declare the key " + key + " and write over each other's values");
+}
+
+void KRMemory::warnIfBoth(const std::string& before, const std::string& now,
+                          const std::string& declare) const {
+    const bool areTwo = !before.empty() && !now.empty() && before != now;
+    if (areTwo && (isReachable(before) || isStillToCome(before))) {
+        logWarning(kCategory, "the modules " + before + " and " + now + " both " + declare);
+    }
+}
+
 void KRMemory::declareEvent(const std::string& event) {
     declareEvent(event, "");
 }
 
 void KRMemory::declareEvent(const std::string& event, const std::string& extractor) {
     std::vector<LinkKey> links;
+    std::string before;
     {
         const KRLock lock(mutex_);
         Event& declared = events_[event];
@@ -188,9 +211,11 @@ void KRMemory::declareEvent(const std::string& event, const std::string& extract
             links.emplace_back(declared.extractor, client);
             links.emplace_back(extractor, client);
         }
-        declared.extractor = extractor;
+        before = std::exchange(declared.extractor, extractor);
     }
     settleLater(links);
+    warnIfBoth(before, extractor,
+               "declare the event " + event + "; its subscribers are those of " + extractor + " from now on");
 }
 
 void KRMemory::raiseEvent(const std::string& event, const KRValue& value) {

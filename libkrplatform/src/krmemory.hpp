@@ -39,6 +39,8 @@ public:
     KRValue getTimestamp(const std::string& key);
     std::vector<std::string> getDataList(const std::string& prefix);
     void removeData(const std::string& key);
+    /// The module writes this key. Logs a warning if another one that is there has said so, too.
+    void declareData(const std::string& key, const std::string& module);
 
     void declareEvent(const std::string& event, const std::string& extractor);
     void declareEvent(const std::string& event);
@@ -105,6 +107,8 @@ private:
     /// Brings the client's subscription to the extractor to what its events need.
     void settle(const std::string& extractor, const std::string& client) KR_EXCLUDES(mutex_);
     void settleLater(const std::vector<LinkKey>& links) KR_EXCLUDES(mutex_);
+    /// Logs a warning if both are modules that are there, and not the same one.
+    void warnIfBoth(const std::string& before, const std::string& now, const std::string& declare) const;
     bool isReachable(const std::string& module) const;
     bool isStillToCome(const std::string& module) const; // its name is taken, but it cannot be called yet
     bool isWanted(const LinkKey& key) const KR_REQUIRES(mutex_);
@@ -124,6 +128,7 @@ private:
     mutable KRMutex mutex_;
     KRCondition settled_;
     std::map<std::string, Stored> data_ KR_GUARDED_BY(mutex_);
+    std::map<std::string, std::string> writers_ KR_GUARDED_BY(mutex_); // module by key, as declared last
     std::map<std::string, Event> events_ KR_GUARDED_BY(mutex_);
     std::map<LinkKey, Link> links_ KR_GUARDED_BY(mutex_);
     std::size_t maxPendingBytes_ KR_GUARDED_BY(mutex_) = kMaxPendingBytes;

@@ -34,6 +34,13 @@ void KRMemoryProxy::removeData(const std::string& key) {
     proxy_.call("removeData", key);
 }
 
+void KRMemoryProxy::declareData(const std::string& key, const std::string& module) noexcept {
+    try {
+        proxy_.call("declareData", key, module);
+    } catch (...) { // nobody is warned
+    }
+}
+
 void KRMemoryProxy::declareEvent(const std::string& event, const std::string& extractor) {
     getLedger().declareEvent(event, extractor);
 }

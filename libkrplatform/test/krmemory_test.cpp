@@ -124,7 +124,7 @@ TEST(KRMemory, IsAModuleLikeAnyOther) {
         names.push_back(method.name);
     }
     EXPECT_THAT(names,
-                ElementsAre("insertData", "getData", "getTimestamp", "getDataList", "removeData",
+                ElementsAre("insertData", "getData", "getTimestamp", "getDataList", "removeData", "declareData",
                             "declareEvent", "declareEvent", "raiseEvent", "subscribeToEvent",
                             "unsubscribeFromEvent", "getEventList", "getEventSubscribers", "setEventLimits"));
 }

@@ -398,6 +398,38 @@ TEST(KRMemoryEvent, AClientMaySubscribeInItsConstructor) {
     EXPECT_EQ(memory.getEventSubscribers("event").getSize(), 1u);
 }
 
+TEST(KRMemoryEvent, TwoModulesThatDeclareTheSameEventOrKeyAreReported) {
+    EventFixture f;
+    const test::RecordedLog recorded;
+    const auto first = makeModule(f.broker, "first");
+    const auto second = makeModule(f.broker, "second", [&](TestModule&) {
+        f.memory.declareEvent("seen", "first");
+        f.memory.declareEvent("seen", "second"); // which is not reachable yet
+    });
+    EXPECT_TRUE(recorded.waitFor(KRLogLevel::Warning,
+                                 "the modules first and second both declare the event seen; its subscribers "
+                                 "are those of second from now on"));
+    f.memory.declareData("last", "second");
+    f.memory.declareData("last", "second");
+    f.memory.declareData("last", "first");
+    EXPECT_TRUE(
+        recorded.waitFor(KRLogLevel::Warning, "the modules second and first both declare the key last"));
+    EXPECT_EQ(recorded.find(KRLogLevel::Warning, " both declare ").size(), 2U);
+}
+
+TEST(KRMemoryEvent, AModuleThatHasGoneSharesItsNamesWithNobody) {
+    EventFixture f;
+    const test::RecordedLog recorded;
+    makeModule(f.broker, "first", [&](TestModule&) {
+        f.memory.declareEvent("seen", "first");
+        f.memory.declareData("last", "first");
+    });
+    const auto second = makeModule(f.broker, "second");
+    f.memory.declareEvent("seen", "second");
+    f.memory.declareData("last", "second");
+    EXPECT_EQ(recorded.find(KRLogLevel::Warning, " both declare ").size(), 0U);
+}
+
 TEST(KRMemoryEvent, TheListNamesWhatWasDeclaredRaisedOrSubscribedTo) {
     EventFixture f;
     f.memory.declareEvent("declared");

@@ -37,6 +37,10 @@ public:
     /// \throws KRError no data under this key
     void removeData(const std::string& key);
 
+    /// Says that `module` writes this key, so that the memory module logs a warning when a second module says the same.
+    /// Does nothing if the memory module is away, or of an older version. Does not throw.
+    void declareData(const std::string& key, const std::string& module) noexcept;
+
     /// Declares that `extractor` raises this event: clients that subscribe to the event are subscribed to it.
     void declareEvent(const std::string& event, const std::string& extractor);
     /// Declares an event that no extractor raises.
