@@ -1,6 +1,7 @@
 // kr camera snapshot
 
 #include "camera/cameras.hpp"
+#include "image/coloroptions.hpp"
 #include "image/imagefile.hpp"
 #include "tool/command.hpp"
 #include "tool/outputfile.hpp"
@@ -14,6 +15,7 @@ namespace {
 struct Options {
     CameraOptions camera;
     GeometryOptions geometry;
+    ColorOptions colors;
     std::string out;
 
     void declare(Arguments& arguments) {
@@ -21,6 +23,7 @@ struct Options {
         arguments.add("OUT", out, "file that ends in .oxi, .ppm, .png or .jpg; an existing one is replaced")
             .required();
         geometry.declare(arguments);
+        colors.declare(arguments);
     }
 };
 
@@ -30,7 +33,7 @@ ExitCode takeSnapshot(const Options& options) {
     OutputFile out(options.out, "");
     Subscription subscription(cameras.getService(), options.camera.number, options.geometry.getResolution(),
                               options.geometry.getColorSpace());
-    writeImage(*subscription.fetch(), out.getPath());
+    writeImage(*subscription.fetch(), out.getPath(), options.colors.getColors());
     out.commit();
     return ExitCode::Done;
 }

@@ -1,7 +1,7 @@
 // kr image convert
 
+#include "image/coloroptions.hpp"
 #include "image/imagefile.hpp"
-#include "image/pictureconversion.hpp"
 #include "tool/colorspace.hpp"
 #include "tool/command.hpp"
 #include "tool/outputfile.hpp"
@@ -20,6 +20,7 @@ struct Options {
     std::string out;
     std::string colorSpace;
     int quality = 90;
+    ColorOptions colors;
 
     void declare(Arguments& arguments) {
         arguments.add("IN", in, "oxi, ppm, pgm, png or jpeg file").required();
@@ -29,6 +30,7 @@ struct Options {
                       "colour space of an oxi file: " + listColorSpaces() +
                           " (default: yuv422, or luma for a grey picture)");
         arguments.add("--quality", quality, "quality of a jpeg, 1 to 100").wholeNumber(1, 100).showDefault();
+        colors.declare(arguments);
     }
 };
 
@@ -40,8 +42,8 @@ int chooseColorSpace(const Options& options, const Picture& picture) {
 }
 
 // Keeps time stamp, camera and angles.
-KRImage changeColorSpace(const KRImage& from, int colorSpace) {
-    KRImage image = makeImage(makePicture(from), colorSpace);
+KRImage changeColorSpace(const KRImage& from, int colorSpace, Colors colors) {
+    KRImage image = makeImage(makePicture(from, colors), colorSpace, colors);
     image.timeStamp = from.timeStamp;
     image.cameraId = from.cameraId;
     image.leftAngle = from.leftAngle;
@@ -52,16 +54,18 @@ KRImage changeColorSpace(const KRImage& from, int colorSpace) {
 }
 
 KRImage readAsImage(const Options& options) {
+    const Colors colors = options.colors.getColors();
     if (!isOxiFile(options.in)) {
         const Picture picture = readPicture(options.in);
-        return makeImage(picture, chooseColorSpace(options, picture));
+        return makeImage(picture, chooseColorSpace(options, picture), colors);
     }
     const KRImage image = readOxi(options.in);
-    return options.colorSpace.empty() ? image : changeColorSpace(image, chooseColorSpace(options, {}));
+    return options.colorSpace.empty() ? image
+                                      : changeColorSpace(image, chooseColorSpace(options, {}), colors);
 }
 
-Picture readAsPicture(const std::string& path) {
-    return isOxiFile(path) ? makePicture(readOxi(path)) : readPicture(path);
+Picture readAsPicture(const std::string& path, Colors colors) {
+    return isOxiFile(path) ? makePicture(readOxi(path), colors) : readPicture(path);
 }
 
 ExitCode convert(const Options& options) {
@@ -72,9 +76,9 @@ ExitCode convert(const Options& options) {
     }
     OutputFile out(options.out, options.in);
     if (isToOxi) {
-        writeImage(readAsImage(options), out.getPath());
+        writeImage(readAsImage(options), out.getPath(), options.colors.getColors());
     } else {
-        writePicture(readAsPicture(options.in), out.getPath(), options.quality);
+        writePicture(readAsPicture(options.in, options.colors.getColors()), out.getPath(), options.quality);
     }
     out.commit();
     return ExitCode::Done;
@@ -85,6 +89,7 @@ const VerbRegistration registration(Verb<Options>{
     .name = "convert",
     .summary = "Convert an image file to a picture, or back",
     .example = "  kr image convert left.oxi left.png\n"
+               "  kr image convert left.oxi seen.png --as-modules-see\n"
                "  kr image convert photo.jpg photo.oxi --color-space bgr",
     .run = convert,
 });

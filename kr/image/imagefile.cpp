@@ -1,6 +1,5 @@
 #include "image/imagefile.hpp"
 
-#include "image/pictureconversion.hpp"
 #include "tool/command.hpp"
 #include "tool/outputfile.hpp"
 
@@ -15,9 +14,9 @@ void requireImageExtension(const std::string& path) {
     }
 }
 
-void writeImage(const KRImage& image, const std::string& path) {
+void writeImage(const KRImage& image, const std::string& path, Colors colors) {
     if (getExtension(path) != ".oxi") {
-        writePicture(makePicture(image), path);
+        writePicture(makePicture(image, colors), path);
     } else if (!image.writeFile(path.c_str())) {
         throw std::runtime_error(getFinalName(path) + ": cannot be written");
     }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "image/pictureconversion.hpp"
+
 #include <krvision/krimage.hpp>
 
 #include <string>
@@ -10,7 +12,9 @@ namespace KR::tool {
 void requireImageExtension(const std::string& path);
 
 /// Writes an image in the format of the path's extension: .oxi, .ppm, .png or .jpg.
-/// \param path  also that of an OutputFile \throws std::runtime_error with the final path
-void writeImage(const KRImage& image, const std::string& path);
+/// \param path    also that of an OutputFile
+/// \param colors  of a picture
+/// \throws std::runtime_error with the final path
+void writeImage(const KRImage& image, const std::string& path, Colors colors);
 
 } // namespace KR::tool

@@ -127,7 +127,7 @@ ExitCode inspectAll(const Options& options) {
     return code;
 }
 
-const GroupRegistration group("image", "Image files");
+const GroupRegistration group("image", "Convert and inspect image files");
 
 const VerbRegistration registration(Verb<Options>{
     .group = "image",

@@ -1,5 +1,6 @@
 // kr video extract
 
+#include "image/coloroptions.hpp"
 #include "image/imagefile.hpp"
 #include "tool/command.hpp"
 #include "tool/outputfile.hpp"
@@ -16,6 +17,7 @@ struct Options {
     std::string out;
     std::uint64_t frame = 0;
     std::size_t stream = 0;
+    ColorOptions colors;
 
     void declare(Arguments& arguments) {
         arguments.add("FILE", file, "oxv file").required();
@@ -23,6 +25,7 @@ struct Options {
         arguments.add("--stream", stream, "stream number").wholeNumber(0).showDefault();
         arguments.add("OUT", out, "file that ends in .png, .ppm, .jpg or .oxi; an existing one is replaced")
             .required();
+        colors.declare(arguments);
     }
 };
 
@@ -31,7 +34,7 @@ ExitCode extract(const Options& options) {
     OutputFile out(options.out, options.file);
     KROxvFile recording(options.file);
     Frames frames(recording, options.stream);
-    writeImage(frames.read(options.frame), out.getPath());
+    writeImage(frames.read(options.frame), out.getPath(), options.colors.getColors());
     out.commit();
     return ExitCode::Done;
 }
