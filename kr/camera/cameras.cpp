@@ -3,17 +3,15 @@
 #include "tool/colorspace.hpp"
 #include "tool/command.hpp"
 #include "tool/interruption.hpp"
-#ifdef KR_WITH_DDS
-#include "system/domain.hpp"
-#endif
 
 #include <krplatform/krerror.hpp>
-#include <krplatform/krlog.hpp>
 #include <krvision/krvisiondefinitions.hpp>
 
 #include <charconv>
+#include <filesystem>
 #include <map>
 #include <stdexcept>
+#include <system_error>
 
 namespace KR::tool {
 
@@ -29,21 +27,53 @@ int readNumber(const std::string& text) {
     return error == std::errc() && read == end && number >= 0 ? number : -1;
 }
 
-boost::shared_ptr<KRBroker> connect([[maybe_unused]] const std::string& url) {
-    setLogLevel(KRLogLevel::Warning);
+std::vector<std::string> listSizes() {
+    std::vector<std::string> sizes;
+    for (int code = 0; code <= 17; ++code) {
+        int width = 0;
+        int height = 0;
+        setSizeFromResolution(code, width, height);
+        sizes.push_back(std::to_string(width) + "x" + std::to_string(height));
+    }
+    return sizes;
+}
+
+// What --camera 0=SOURCE may be: the cameras of this machine, and the beginnings of the other sources.
+std::vector<std::string> listSources(const std::string&) {
+    std::vector<std::string> sources;
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator("/dev", error)) {
+        if (entry.path().filename().string().starts_with("video")) {
+            sources.push_back("0=v4l2:" + entry.path().string());
+        }
+    }
+    for (const char* kind : {"test", "file:", "image:", "oxv:", "gst:", "http://", "https://", "rtsp://"}) {
+        sources.push_back(std::string("0=") + kind);
+    }
+    return sources;
+}
+
+boost::shared_ptr<KRBroker> connect(const ServiceOptions& options) {
 #ifdef KR_WITH_DDS
-    if (!url.empty()) {
-        auto broker = connectTo(url);
-        waitForModule(*broker, kService);
+    if (!options.isOwn()) {
+        auto broker = options.domain.connect();
+        if (!broker->getSession().waitForService(kService, Domain::kPatience)) {
+            throw std::runtime_error(
+                "there is no camera service on " + options.domain.getUrl() +
+                ": kr serve runs one, kr doctor helps; --camera 0=SOURCE runs one for this "
+                "command only");
+        }
         return broker;
     }
+#else
+    (void)options;
 #endif
     return KRBroker::create("local:");
 }
 
 KRModuleHandle<KRVideoDevice> makeService(const boost::shared_ptr<KRBroker>& broker,
                                           const ServiceOptions& options) {
-    if (!options.broker.empty()) {
+    if (!options.isOwn()) {
         return {};
     }
     return createModule<KRVideoDevice>(broker, kService, options.own.readSources());
@@ -51,11 +81,14 @@ KRModuleHandle<KRVideoDevice> makeService(const boost::shared_ptr<KRBroker>& bro
 
 } // namespace
 
-void SourceOptions::declare(Arguments& arguments) {
-    arguments
+Argument SourceOptions::declare(Arguments& arguments, const std::string& otherwise) {
+    return arguments
         .add("--camera", cameras,
-             "N=SOURCE: source of camera N, such as 0=test:smpte, 1=file:a.mp4 or 0=v4l2:/dev/video0; may be "
-             "repeated (default: 0=test)")
+             "source of camera N, such as 0=test:smpte, 1=file:a.mp4 or 0=v4l2:/dev/video0; may be repeated "
+             "(default: " +
+                 otherwise + ")")
+        .valueName("N=SOURCE")
+        .completes(listSources)
         .repeatable();
 }
 
@@ -86,18 +119,24 @@ std::vector<std::string> SourceOptions::readSources() const {
 }
 
 void ServiceOptions::declare(Arguments& arguments) {
-    own.declare(arguments);
 #ifdef KR_WITH_DDS
-    arguments
-        .add("--broker", broker,
-             "address of brokers with a camera service, such as dds:; instead of --camera")
-        .valueName("URL")
-        .excludes("--camera");
+    own.declare(arguments, "the cameras of the running system");
+    domain.declare(arguments).excludes("--camera");
+#else
+    own.declare(arguments, "0=test");
+#endif
+}
+
+bool ServiceOptions::isOwn() const noexcept {
+#ifdef KR_WITH_DDS
+    return !own.cameras.empty();
+#else
+    return true;
 #endif
 }
 
 Cameras::Cameras(const ServiceOptions& options)
-    : broker_(connect(options.broker)), module_(makeService(broker_, options)), service_(broker_),
+    : broker_(connect(options)), module_(makeService(broker_, options)), service_(broker_),
       count_(static_cast<int>(service_.getCameraList().size())) {}
 
 Cameras::Cameras(const CameraOptions& options) : Cameras(options.service) {
@@ -118,8 +157,11 @@ void CameraOptions::declare(Arguments& arguments) {
 }
 
 void GeometryOptions::declare(Arguments& arguments) {
-    arguments.add("--resolution", resolution, "WIDTHxHEIGHT, the size of a resolution code").showDefault();
-    arguments.add("--color-space", colorSpace, listColorSpaces()).showDefault();
+    arguments.add("--resolution", resolution, "size of the images, that of a resolution code")
+        .valueName("WIDTHxHEIGHT")
+        .completes(listSizes())
+        .showDefault();
+    declareColorSpace(arguments, colorSpace, "colour space of the images").showDefault();
 }
 
 int GeometryOptions::getResolution() const {
@@ -129,12 +171,8 @@ int GeometryOptions::getResolution() const {
     const int code = getResolutionFromSize(width, height);
     if (code < 0) {
         std::string sizes;
-        for (int known = 0; known <= 17; ++known) {
-            int knownWidth = 0;
-            int knownHeight = 0;
-            setSizeFromResolution(known, knownWidth, knownHeight);
-            sizes +=
-                (known == 0 ? "" : ", ") + std::to_string(knownWidth) + "x" + std::to_string(knownHeight);
+        for (const std::string& size : listSizes()) {
+            sizes += (sizes.empty() ? "" : ", ") + size;
         }
         throw UsageError("--resolution " + resolution + ": sizes are " + sizes);
     }

@@ -1,5 +1,10 @@
 #pragma once
 
+#include "tool/arguments.hpp"
+#ifdef KR_WITH_DDS
+#include "system/domain.hpp"
+#endif
+
 #include <krcamera/krvideodevice.hpp>
 #include <krplatform/krbroker.hpp>
 #include <krplatform/krmodulehandle.hpp>
@@ -13,25 +18,29 @@
 
 namespace KR::tool {
 
-class Arguments;
 class Interruption;
 
 /// The option `--camera N=SOURCE` of a verb.
 struct SourceOptions {
     std::vector<std::string> cameras; ///< as given
 
-    void declare(Arguments& arguments);
+    /// \param otherwise  what is used without the option, for the help
+    Argument declare(Arguments& arguments, const std::string& otherwise);
     /// One source per camera, in the order of their numbers; "test" alone if none was given.
     /// \throws UsageError an option is malformed, or a number is missing or given twice
     std::vector<std::string> readSources() const;
 };
 
-/// The cameras that a verb uses: those of `--camera`, or those of a running service by `--broker URL`.
+/// The cameras that a verb uses: those of `--camera`, in a service of its own, or else those of the running service, by
+/// `--broker URL`. Without the verbs that talk to brokers, there is only its own service.
 struct ServiceOptions {
     SourceOptions own;
-    std::string broker; ///< "" for a service of its own
+#ifdef KR_WITH_DDS
+    Domain domain;
+#endif
 
     void declare(Arguments& arguments);
+    bool isOwn() const noexcept;
 };
 
 /// One of these cameras: the argument N.
@@ -46,12 +55,14 @@ struct CameraOptions {
 class Cameras {
 public:
     /// \throws UsageError as SourceOptions::readSources()
-    /// \throws KRError a source is not supported; the brokers have no camera service
+    /// \throws KRError a source is not supported \throws std::runtime_error the brokers have no camera service
     explicit Cameras(const ServiceOptions& options);
     /// \throws UsageError also if there is no such camera
     explicit Cameras(const CameraOptions& options);
 
     KRVideoDeviceProxy& getService() noexcept { return service_; }
+    /// The service is one of this process.
+    bool isOwn() const noexcept { return static_cast<bool>(module_); }
     /// \throws UsageError there is no such camera
     void require(int camera) const;
 

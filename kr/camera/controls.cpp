@@ -30,8 +30,8 @@ struct Options {
         camera.declare(arguments);
         arguments
             .add("--set", settings,
-                 "ID=VALUE: value of a control, by its number or name, to set before they are listed; may be "
-                 "repeated")
+                 "value of a control, by its number or name, to set before they are listed; may be repeated")
+            .valueName("ID=VALUE")
             .repeatable();
         arguments.addFlag("--json", json, "output as a JSON array with an object per control");
     }
@@ -124,7 +124,8 @@ const VerbRegistration registration(Verb<Options>{
     .group = "camera",
     .name = "controls",
     .summary = "List the controls of a camera, and set them",
-    .example = "  kr camera controls 0 --camera 0=v4l2:/dev/video0 --set brightness=140",
+    .example = "  kr camera controls 0\n"
+               "  kr camera controls 0 --set brightness=140 --camera 0=v4l2:/dev/video0",
     .run = listControls,
 });
 

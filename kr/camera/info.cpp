@@ -96,7 +96,8 @@ const VerbRegistration registration(Verb<Options>{
     .group = "camera",
     .name = "info",
     .summary = "Open a camera and show what it delivers",
-    .example = "  kr camera info 0 --camera 0=v4l2:/dev/video0",
+    .example = "  kr camera info 0\n"
+               "  kr camera info 0 --camera 0=v4l2:/dev/video0",
     .run = printCamera,
 });
 

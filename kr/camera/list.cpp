@@ -38,13 +38,14 @@ ExitCode list(const Options& options) {
     return ExitCode::Done;
 }
 
-const GroupRegistration group("camera", "Cameras");
+const GroupRegistration group("camera", "Look at cameras, set their controls and record them");
 
 const VerbRegistration registration(Verb<Options>{
     .group = "camera",
     .name = "list",
     .summary = "List the cameras",
-    .example = "  kr camera list --camera 0=test --camera 1=v4l2:/dev/video0",
+    .example = "  kr camera list\n"
+               "  kr camera list --broker 'dds:?domain=3'",
     .run = list,
 });
 

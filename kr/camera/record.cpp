@@ -3,6 +3,7 @@
 #include "camera/cameras.hpp"
 #include "camera/silence.hpp"
 #include "tool/command.hpp"
+#include "tool/errortext.hpp"
 #include "tool/interruption.hpp"
 #include "tool/outputfile.hpp"
 #include "tool/progress.hpp"
@@ -116,7 +117,7 @@ ExitCode recordUntil(Clock::time_point end, Recorder& recorder, Interruption& in
         } catch (const KRError& error) {
             code = ExitCode::DataLost;
             if (!silence.goOn(error, interruption)) {
-                printError(error.getDescription() + "; " + path + " ends here");
+                printError(describe(error) + "; " + path + " ends here");
                 return code;
             }
             continue;
@@ -188,7 +189,8 @@ const VerbRegistration registration(Verb<Options>{
     .group = "camera",
     .name = "record",
     .summary = "Record cameras to a file",
-    .example = "  kr camera record 0 1 both.oxv --seconds 10 --camera 0=test --camera 1=v4l2:/dev/video0\n"
+    .example = "  kr camera record 0 corridor.oxv --seconds 10\n"
+               "  kr camera record 0 1 both.oxv --seconds 10 --camera 0=test --camera 1=v4l2:/dev/video0\n"
                "Exit code 3 if frames are missing.",
     .run = record,
 });

@@ -1,6 +1,7 @@
 #include "camera/silence.hpp"
 
 #include "tool/command.hpp"
+#include "tool/errortext.hpp"
 #include "tool/interruption.hpp"
 
 #include <algorithm>
@@ -19,7 +20,7 @@ bool Silence::goOn(const KRError& error, Interruption& interruption) {
         return false;
     }
     if (isNew) {
-        printError(error.getDescription() + "; going on without");
+        printError(describe(error) + "; going on without");
     }
     interruption.waitFor(kPause);
     return true;

@@ -42,7 +42,8 @@ const VerbRegistration registration(Verb<Options>{
     .group = "camera",
     .name = "snapshot",
     .summary = "Write one image of a camera to a file",
-    .example = "  kr camera snapshot 0 now.png --camera 0=v4l2:/dev/video0",
+    .example = "  kr camera snapshot 0 now.png\n"
+               "  kr camera snapshot 0 now.png --camera 0=v4l2:/dev/video0",
     .run = takeSnapshot,
 });
 

@@ -2,16 +2,22 @@
 
 #include "camera/cameras.hpp"
 #include "tool/command.hpp"
+#include "tool/errortext.hpp"
 #include "tool/format.hpp"
 #include "tool/interruption.hpp"
+#include "tool/json.hpp"
 #include "tool/output.hpp"
+#include "tool/timestamp.hpp"
+#include "tool/watchoptions.hpp"
 
 #include <krplatform/krerror.hpp>
 #include <krplatform/krtext.hpp>
 #include <krplatform/krthread.hpp>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cmath>
 #include <memory>
 #include <thread>
 
@@ -23,15 +29,13 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr double kLongest_s = 1e7; // some months
-
 struct Options {
     ServiceOptions service;
     GeometryOptions geometry;
-    double seconds = 0;
+    WatchOptions watch;
 
     void declare(Arguments& arguments) {
-        arguments.add("--seconds", seconds, "duration (default: until Ctrl-C)").realNumber(0.01, kLongest_s);
+        watch.declare(arguments, "tables", "a JSON object per table, a line each");
         geometry.declare(arguments);
         service.declare(arguments);
     }
@@ -42,9 +46,41 @@ std::string formatDurations(const KRDurations& durations) {
                   static_cast<double>(durations.p99_ms), static_cast<double>(durations.max_ms));
 }
 
+Json toJson(const KRDurations& durations) {
+    const auto toMicroseconds = [](float milliseconds) {
+        return std::llround(1000 * static_cast<double>(milliseconds));
+    };
+    return {{"median_usec", toMicroseconds(durations.median_ms)},
+            {"p99_usec", toMicroseconds(durations.p99_ms)},
+            {"max_usec", toMicroseconds(durations.max_ms)}};
+}
+
+std::string formatJsonTable(const KRVideoDeviceProxy& service) {
+    Json subscriptions = Json::array();
+    for (const KRSubscriptionStatistics& statistics : service.getStatistics()) {
+        subscriptions.push_back({{"subscriber", statistics.id},
+                                 {"camera", statistics.camera},
+                                 {"delivered", statistics.delivered},
+                                 {"missed", statistics.missed},
+                                 {"age", toJson(statistics.age)},
+                                 {"interval", toJson(statistics.interval)},
+                                 {"hold", toJson(statistics.hold)}});
+    }
+    Json failures = Json::array();
+    for (const KRCameraInfo& camera : service.getCameraList()) {
+        if (!camera.failure.empty()) {
+            failures.push_back({{"camera", camera.camera}, {"failure", camera.failure}});
+        }
+    }
+    return formatJson(
+               {{"time_usec", getTimeStamp()}, {"subscriptions", subscriptions}, {"failures", failures}}) +
+           "\n";
+}
+
 std::string formatTable(const KRVideoDeviceProxy& service) {
-    std::string table = format("%-10s %6s %9s %7s   %-23s %-23s %-23s\n", "subscriber", "camera", "delivered",
-                               "missed", "age: median p99 max, ms", "interval", "hold");
+    std::string table = formatTimeStamp(getTimeStamp()) + "\n";
+    table += format("%-10s %6s %9s %7s   %-23s %-23s %-23s\n", "subscriber", "camera", "delivered", "missed",
+                    "age: median p99 max, ms", "interval", "hold");
     for (const KRSubscriptionStatistics& statistics : service.getStatistics()) {
         table += format("%-10s %6d %9d %7d  ", escapeText(statistics.id).c_str(), statistics.camera,
                         statistics.delivered, statistics.missed);
@@ -94,29 +130,31 @@ ExitCode printTables(const Options& options) {
     Output output;
     {
         std::vector<std::unique_ptr<Load>> loads;
-        for (const KRCameraInfo& camera : service.getCameraList()) {
-            loads.push_back(
-                std::make_unique<Load>(subscribe(service, camera.camera, options.geometry, interruption)));
-        }
-        const bool isTerminal = ::isatty(STDOUT_FILENO) != 0;
-        const std::chrono::duration<double> length(options.seconds);
-        const auto start = Clock::now();
-        auto next = start;
-        bool isLast = false;
-        while (!isLast && !output.isBroken()) {
-            next += std::chrono::seconds(1);
-            if (options.seconds > 0 && next >= start + length) {
-                next = start + std::chrono::duration_cast<Clock::duration>(length);
-                isLast = true;
+        if (cameras.isOwn()) { // nobody else subscribes to them
+            for (const KRCameraInfo& camera : service.getCameraList()) {
+                loads.push_back(std::make_unique<Load>(
+                    subscribe(service, camera.camera, options.geometry, interruption)));
             }
+        }
+        const bool isJson = options.watch.json;
+        const bool isTerminal = !isJson && ::isatty(STDOUT_FILENO) != 0;
+        const auto end = options.watch.getEnd();
+        auto next = Clock::now();
+        for (int printed = 0; !options.watch.isEnough(printed) && next < end && !output.isBroken();
+             ++printed) {
+            next = std::min(end, next + std::chrono::seconds(1));
             if (interruption.waitFor(std::chrono::ceil<std::chrono::milliseconds>(next - Clock::now()))) {
                 break;
             }
             std::string table;
             try {
-                table = formatTable(service);
+                table = isJson ? formatJsonTable(service) : formatTable(service);
             } catch (const KRError& error) { // the service may be restarting
-                table = escapeText(error.getDescription()) + "\n";
+                if (isJson) {
+                    printError(describe(error));
+                    continue;
+                }
+                table = escapeText(describe(error)) + "\n";
             }
             output.print((isTerminal ? "\x1b[H\x1b[2J" : "") + table, interruption); // home, clear the screen
         }
@@ -127,8 +165,11 @@ ExitCode printTables(const Options& options) {
 const VerbRegistration registration(Verb<Options>{
     .group = "camera",
     .name = "top",
-    .summary = "Subscribe to all cameras and show the statistics of all subscriptions every second",
-    .example = "  kr camera top --camera 0=test --camera 1=v4l2:/dev/video0",
+    .summary = "Show the statistics of all subscriptions to cameras every second",
+    .example = "  kr camera top\n"
+               "  kr camera top --count 1 --json\n"
+               "  kr camera top --camera 0=test --camera 1=v4l2:/dev/video0\n"
+               "It subscribes to cameras of --camera, and only watches those of a running system.",
     .run = printTables,
 });
 

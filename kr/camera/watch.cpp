@@ -3,10 +3,13 @@
 #include "camera/cameras.hpp"
 #include "camera/silence.hpp"
 #include "tool/command.hpp"
+#include "tool/errortext.hpp"
 #include "tool/format.hpp"
 #include "tool/interruption.hpp"
+#include "tool/json.hpp"
 #include "tool/output.hpp"
 #include "tool/timestamp.hpp"
+#include "tool/watchoptions.hpp"
 
 #include <cstdint>
 #include <memory>
@@ -19,13 +22,11 @@ namespace {
 struct Options {
     CameraOptions camera;
     GeometryOptions geometry;
-    int frames = 0;
+    WatchOptions watch;
 
     void declare(Arguments& arguments) {
         camera.declare(arguments);
-        arguments.add("--frames", frames, "number of images to wait for; 0: until Ctrl-C")
-            .wholeNumber(0)
-            .showDefault();
+        watch.declare(arguments, "images", "a JSON object per image, a line each");
         geometry.declare(arguments);
     }
 };
@@ -47,11 +48,18 @@ std::string formatImage(const KRImage& image, std::int64_t before, int missed) {
     return line + "\n";
 }
 
+// The same for programs; intervals are null for the first image.
+std::string formatImageAsJson(const KRImage& image, std::int64_t before, int missed) {
+    const Json interval = before >= 0 ? Json(image.timeStamp - before) : Json(nullptr);
+    return formatJson({{"time_usec", image.timeStamp}, {"interval_usec", interval}, {"missed", missed}}) +
+           "\n";
+}
+
 /// The images of a subscription as a person watches them, across restarts of the service.
 class ImageLog {
 public:
-    ImageLog(const Subscription& subscription, Output& output, Interruption& interruption)
-        : subscription_(subscription), output_(output), interruption_(interruption) {}
+    ImageLog(const Subscription& subscription, bool isJson, Output& output, Interruption& interruption)
+        : subscription_(subscription), isJson_(isJson), output_(output), interruption_(interruption) {}
 
     void print(const KRImage& image) {
         const std::optional<KRSubscriptionStatistics> statistics = subscription_.getStatistics();
@@ -62,12 +70,15 @@ public:
             missedBefore_ = statistics->missed;
             statistics_ = statistics;
         }
-        output_.print(formatImage(image, timeBefore_, missed), interruption_);
+        output_.print((isJson_ ? formatImageAsJson : formatImage)(image, timeBefore_, missed), interruption_);
         timeBefore_ = image.timeStamp;
         ++images_;
         missed_ += missed;
     }
     void printSummary() {
+        if (isJson_) {
+            return;
+        }
         output_.print(format("%d images, %d missed\n", images_, missed_), interruption_);
         if (statistics_) {
             output_.print(formatDurations("interval", statistics_->interval), interruption_);
@@ -78,6 +89,7 @@ public:
 
 private:
     const Subscription& subscription_;
+    const bool isJson_;
     Output& output_;
     Interruption& interruption_;
     std::int64_t timeBefore_ = -1;
@@ -95,17 +107,18 @@ ExitCode watch(const Options& options) {
     {
         const auto subscription =
             subscribe(cameras.getService(), options.camera.number, options.geometry, interruption);
-        ImageLog log(*subscription, output, interruption);
+        ImageLog log(*subscription, options.watch.json, output, interruption);
         Silence silence;
-        while ((options.frames == 0 || log.countImages() < options.frames) && !output.isBroken() &&
-               !interruption.hasCome()) {
+        const auto end = options.watch.getEnd();
+        while (!options.watch.isEnough(log.countImages()) && WatchOptions::Clock::now() < end &&
+               !output.isBroken() && !interruption.hasCome()) {
             silence.beginFetch();
             try {
                 log.print(*subscription->fetch());
                 silence.end();
             } catch (const KRError& error) {
                 if (!silence.goOn(error, interruption)) {
-                    printError(error.getDescription());
+                    printError(describe(error));
                     code = ExitCode::Failed;
                     break;
                 }
@@ -122,8 +135,9 @@ const VerbRegistration registration(Verb<Options>{
     .name = "watch",
     .summary = "Print a line for each image of a camera",
     .example =
-        "  kr camera watch 0 --frames 100 --camera 0=v4l2:/dev/video0\n"
-        "  kr camera watch 0 --resolution 1280x960 --broker dds:\n"
+        "  kr camera watch 0 --count 100\n"
+        "  kr camera watch 0 --resolution 1280x960 --seconds 10 --json\n"
+        "  kr camera watch 0 --camera 0=v4l2:/dev/video0\n"
         "Late images and restarts of the service are reported; it ends with exit code 1 after ten seconds\n"
         "without an image.",
     .run = watch,

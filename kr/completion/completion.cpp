@@ -10,13 +10,28 @@ namespace KR::tool {
 
 namespace {
 
-// Without candidates, the shell completes file names.
+// Without candidates, the shell completes file names. Bash splits words at '=' and ':', and replaces only the last part;
+// the script puts them together again, and removes the other parts from the candidates.
 constexpr const char* kBash = R"sh(_kr() {
-    local line
+    local line word rest=$COMP_LINE current=${COMP_WORDS[COMP_CWORD]} before
+    local -a words=()
+    for word in "${COMP_WORDS[@]:0:COMP_CWORD+1}"; do
+        if (( ${#words[@]} == 0 )) || [[ $rest == [[:blank:]]* ]]; then
+            words+=("$word")
+        else
+            words[-1]+=$word
+        fi
+        rest=${rest#"${rest%%[![:blank:]]*}"}
+        rest=${rest#"$word"}
+    done
+    [[ $current == [=:]* ]] && current=
+    before=${words[-1]%"$current"}
+    before=${before//[\'\"]/}
+    words=("${words[@]//[\'\"]/}")
     COMPREPLY=()
     while IFS= read -r line; do
-        COMPREPLY+=("$(printf '%q' "$line")")
-    done < <("${COMP_WORDS[0]}" complete -- "${COMP_WORDS[@]:1:COMP_CWORD}" 2>/dev/null)
+        COMPREPLY+=("$(printf '%q' "${line#"$before"}")")
+    done < <("${words[0]}" complete -- "${words[@]:1}" 2>/dev/null)
 }
 complete -o default -F _kr kr
 )sh";
@@ -24,7 +39,7 @@ complete -o default -F _kr kr
 constexpr const char* kZsh = R"sh(#compdef kr
 _kr() {
     local -a candidates
-    candidates=("${(@f)$("${words[1]}" complete -- "${(@)words[2,CURRENT]}" 2>/dev/null)}")
+    candidates=("${(@f)$("${words[1]}" complete -- "${(@Q)words[2,CURRENT]}" 2>/dev/null)}")
     candidates=("${(@)candidates:#}")
     if (( ${#candidates} )); then
         compadd -a candidates

@@ -1,5 +1,7 @@
 #include "doctor/checks.hpp"
 
+#include "tool/errortext.hpp"
+
 #include <krdds/krdds.hpp>
 
 #include <krplatform/krerror.hpp>
@@ -160,7 +162,7 @@ Finding checkModules(KRBroker& broker) {
                 failures.push_back(escapeText(module) + " has failed: " + escapeText(failure));
             }
         } catch (const KRError& error) {
-            failures.push_back(escapeText(module) + " does not answer: " + escapeText(error.getDescription()));
+            failures.push_back(escapeText(module) + " does not answer: " + escapeText(describe(error)));
         }
     }
     if (failures.empty()) {

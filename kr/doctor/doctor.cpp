@@ -3,6 +3,7 @@
 #include "doctor/checks.hpp"
 #include "system/domain.hpp"
 #include "tool/command.hpp"
+#include "tool/errortext.hpp"
 #include "tool/json.hpp"
 
 #include <krplatform/krerror.hpp>
@@ -36,7 +37,7 @@ std::vector<Finding> examine(const Domain& domain) {
         findings.push_back(checkOutputs(*broker));
         findings.push_back(checkMessages(*broker));
     } catch (const KRError& error) {
-        findings.push_back({"broker", false, error.getDescription(), "kr serve --help   (has an example)"});
+        findings.push_back({"broker", false, describe(error), "kr serve --help   (has an example)"});
     }
     return findings;
 }

@@ -52,7 +52,7 @@ ExitCode list(const ListOptions& options) {
     return ExitCode::Done;
 }
 
-const GroupRegistration group("event", "Events that modules raise");
+const GroupRegistration group("event", "List, watch and raise events of modules");
 
 const VerbRegistration registration(Verb<ListOptions>{
     .group = "event",

@@ -8,6 +8,8 @@
 #include "tool/interruption.hpp"
 #include "tool/json.hpp"
 #include "tool/output.hpp"
+#include "tool/timestamp.hpp"
+#include "tool/watchoptions.hpp"
 
 #include <krplatform/krmutex.hpp>
 #include <krplatform/krtext.hpp>
@@ -25,11 +27,11 @@ namespace {
 struct Options {
     Domain domain;
     std::vector<std::string> events;
-    int count = 0;
+    WatchOptions watch;
 
     void declare(Arguments& arguments) {
         arguments.add("EVENTS", events, "names of events").required();
-        arguments.add("--count", count, "number of events to print before it ends").wholeNumber(1);
+        watch.declare(arguments, "events", "a JSON object per event, a line each");
         domain.declare(arguments);
     }
 };
@@ -37,11 +39,15 @@ struct Options {
 /// Prints events in the order in which they come, without blocking those who bring them. Thread-safe.
 class EventPrinter {
 public:
-    /// \param count  events to print; 0: no limit
-    explicit EventPrinter(int count) : left_(count), isCounting_(count > 0) {}
+    explicit EventPrinter(const WatchOptions& options)
+        : left_(options.count), isCounting_(options.count > 0), isJson_(options.json) {}
 
     void print(const std::string& event, const KRValue& value) {
-        std::string line = escapeText(event) + " " + formatJson(toJson(value)) + "\n";
+        const std::int64_t now = getTimeStamp();
+        std::string line =
+            isJson_
+                ? formatJson({{"time_usec", now}, {"event", event}, {"value", toJson(value)}}) + "\n"
+                : formatTimeStamp(now) + "  " + escapeText(event) + " " + formatJson(toJson(value)) + "\n";
         const KRLock lock(mutex_);
         if (isCounting_ && left_ == 0) {
             return;
@@ -86,6 +92,7 @@ private:
     Output output_{kCapacity};
     int left_ KR_GUARDED_BY(mutex_);
     const bool isCounting_;
+    const bool isJson_;
     std::uint64_t unread_ KR_GUARDED_BY(mutex_) = 0;  // did not fit into the output
     std::uint64_t dropped_ KR_GUARDED_BY(mutex_) = 0; // by the memory
 };
@@ -94,7 +101,7 @@ ExitCode watch(const Options& options) {
     Interruption interruption;
     const auto broker = options.domain.connect();
     KRMemoryProxy memory = findMemory(broker);
-    EventPrinter printer(options.count);
+    EventPrinter printer(options.watch);
     {
         const auto client = makeClient(
             broker, [&](const std::string& event, const KRValue& value) { printer.print(event, value); },
@@ -103,9 +110,10 @@ ExitCode watch(const Options& options) {
             memory.subscribeToEvent(event, client->getName(), Client::kCallback);
         }
         printError("watching; Ctrl-C ends it");
+        const auto end = options.watch.getEnd();
         // The broker renews the subscriptions when the memory is restarted.
         constexpr std::chrono::milliseconds kStep{20};
-        while (!printer.isDone() && !interruption.waitFor(kStep)) {
+        while (!printer.isDone() && WatchOptions::Clock::now() < end && !interruption.waitFor(kStep)) {
         }
         for (const std::string& event : options.events) {
             try {
@@ -120,9 +128,9 @@ ExitCode watch(const Options& options) {
 const VerbRegistration registration(Verb<Options>{
     .group = "event",
     .name = "watch",
-    .summary = "Subscribe to events and print a line for each, until Ctrl-C",
+    .summary = "Subscribe to events and print a line for each as it comes",
     .example = "  kr event watch KRMotion/MotionDetected\n"
-               "  kr event watch Door/Opened --count 1\n"
+               "  kr event watch Door/Opened --count 1 --json\n"
                "Like any subscription, this one starts the extractor that declared the event.\n"
                "Exit code 3 if events were lost because their reader was too slow.",
     .run = watch,

@@ -7,6 +7,7 @@
 #include "tool/interruption.hpp"
 #include "tool/json.hpp"
 #include "tool/output.hpp"
+#include "tool/watchoptions.hpp"
 
 #include <krplatform/krtext.hpp>
 
@@ -23,15 +24,13 @@ namespace {
 struct Options {
     Domain domain;
     double interval_s = 1;
-    int count = 0;
-    bool json = false;
+    WatchOptions watch;
 
     void declare(Arguments& arguments) {
         arguments.add("--interval", interval_s, "seconds between two tables")
             .realNumber(0.05, 3600)
             .showDefault();
-        arguments.add("--count", count, "number of tables to print before it ends").wholeNumber(1);
-        arguments.addFlag("--json", json, "output each table as a JSON array");
+        watch.declare(arguments, "tables", "a JSON array per table, a line each");
         domain.declare(arguments);
     }
 };
@@ -107,25 +106,29 @@ ExitCode printTables(const Options& options) {
         printError("there is no extractor on " + options.domain.getUrl());
     }
     Output output;
-    for (int printed = 0; options.count == 0 || printed < options.count; ++printed) {
-        if (interruption.waitFor(interval) || output.isBroken()) {
+    const auto end = options.watch.getEnd();
+    for (int printed = 0; !options.watch.isEnough(printed) && WatchOptions::Clock::now() < end; ++printed) {
+        const auto next = std::min(end, WatchOptions::Clock::now() + interval);
+        if (interruption.waitFor(
+                std::chrono::ceil<std::chrono::milliseconds>(next - WatchOptions::Clock::now())) ||
+            output.isBroken()) {
             break;
         }
         const auto extractors = overview.poll();
         const char* separator = isTerminal ? kClearScreen : printed > 0 ? "\n" : "";
-        output.print(options.json ? formatJson(toJson(extractors), 2) + "\n"
-                                  : separator + formatTable(extractors),
+        output.print(options.watch.json ? formatJson(toJson(extractors)) + "\n"
+                                        : separator + formatTable(extractors),
                      interruption);
     }
     return output.finish(interruption);
 }
 
-const GroupRegistration group("extractor", "Extractors and their subscribers");
+const GroupRegistration group("extractor", "Watch extractors and their subscribers");
 
 const VerbRegistration registration(Verb<Options>{
     .group = "extractor",
     .name = "top",
-    .summary = "Show the state of all extractors every second, until Ctrl-C",
+    .summary = "Show the state of all extractors every second",
     .example = "  kr extractor top\n"
                "  kr extractor top --count 1 --json",
     .run = printTables,

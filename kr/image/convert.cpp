@@ -26,9 +26,8 @@ struct Options {
         arguments.add("IN", in, "oxi, ppm, pgm, png or jpeg file").required();
         arguments.add("OUT", out, "file that ends in .oxi, .ppm, .png or .jpg; an existing one is replaced")
             .required();
-        arguments.add("--color-space", colorSpace,
-                      "colour space of an oxi file: " + listColorSpaces() +
-                          " (default: yuv422, or luma for a grey picture)");
+        declareColorSpace(arguments, colorSpace,
+                          "colour space of an oxi file (default: yuv422, or luma for a grey picture)");
         arguments.add("--quality", quality, "quality of a jpeg, 1 to 100").wholeNumber(1, 100).showDefault();
         colors.declare(arguments);
     }

@@ -48,7 +48,7 @@ ExitCode list(const Options& options) {
     return ExitCode::Done;
 }
 
-const GroupRegistration group("memory", "Values in the memory that all modules share");
+const GroupRegistration group("memory", "Read, write and watch values in the memory that all modules share");
 
 const VerbRegistration registration(Verb<Options>{
     .group = "memory",

@@ -1,6 +1,7 @@
 // kr module info
 
 #include "system/domain.hpp"
+#include "system/internal.hpp"
 #include "system/livenames.hpp"
 #include "tool/command.hpp"
 #include "tool/json.hpp"
@@ -19,10 +20,12 @@ namespace {
 struct Options {
     Domain domain;
     std::string module;
+    bool all = false;
     bool json = false;
 
     void declare(Arguments& arguments) {
         arguments.add("MODULE", module, "name of the module").required();
+        arguments.addFlag("--all", all, "every method, internal ones included");
         arguments.addFlag("--json", json, "output as JSON");
         domain.declare(arguments);
     }
@@ -68,7 +71,11 @@ Json toJson(const KRMethodDescription& method) {
 ExitCode showMethods(const Options& options) {
     const auto broker = options.domain.connect();
     waitForModule(*broker, options.module);
-    const auto methods = broker->getProxy(options.module)->getMethodList();
+    auto methods = broker->getProxy(options.module)->getMethodList();
+    if (!options.all) {
+        std::erase_if(methods,
+                      [](const KRMethodDescription& method) { return isInternalMethod(method.name); });
+    }
     if (options.json) {
         Json list = Json::array();
         for (const KRMethodDescription& method : methods) {

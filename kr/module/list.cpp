@@ -1,28 +1,43 @@
 // kr module list
 
 #include "system/domain.hpp"
+#include "system/internal.hpp"
 #include "tool/command.hpp"
 #include "tool/json.hpp"
 
 #include <string>
+#include <vector>
 
 namespace KR::tool {
 
 namespace {
 
-ExitCode list(const ListOptions& options) {
-    const auto modules = options.domain.connect()->getModuleList();
-    printNames(modules, options.json);
+struct Options {
+    ListOptions list;
+    bool all = false;
+
+    void declare(Arguments& arguments) {
+        arguments.addFlag("--all", all, "every module, those of running kr commands included");
+        list.declare(arguments);
+    }
+};
+
+ExitCode list(const Options& options) {
+    auto modules = options.list.domain.connect()->getModuleList();
+    if (!options.all) {
+        std::erase_if(modules, isInternalModule);
+    }
+    printNames(modules, options.list.json);
     if (modules.empty()) {
-        printError("there are no modules on " + options.domain.getUrl() +
+        printError("there are no modules on " + options.list.domain.getUrl() +
                    "; kr serve runs some, kr doctor helps");
     }
     return ExitCode::Done;
 }
 
-const GroupRegistration group("module", "Modules that can be called, and what they publish");
+const GroupRegistration group("module", "List modules that can be called, and what they publish");
 
-const VerbRegistration registration(Verb<ListOptions>{
+const VerbRegistration registration(Verb<Options>{
     .group = "module",
     .name = "list",
     .summary = "List the modules of all brokers",

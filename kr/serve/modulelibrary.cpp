@@ -1,6 +1,7 @@
 #include "serve/modulelibrary.hpp"
 
 #include "tool/command.hpp"
+#include "tool/errortext.hpp"
 
 #include <krplatform/krerror.hpp>
 
@@ -49,7 +50,7 @@ KRModuleHandle<KRModule> createModuleOf(const std::string& library, const boost:
     try {
         return moduleClass.create(broker, used);
     } catch (const KRError& error) {
-        refuse(error.getDescription());
+        refuse(describe(error));
     } catch (const std::exception& error) {
         refuse(error.what());
     } catch (...) {

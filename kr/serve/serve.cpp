@@ -26,7 +26,7 @@ struct Options {
     HostingOptions hosting;
 
     void declare(Arguments& arguments) {
-        cameras.declare(arguments);
+        cameras.declare(arguments, "0=test");
         arguments.add("--run", libraries, "module library to host too")
             .valueName("[NAME=]MODULE.so")
             .repeatable();

@@ -1,16 +1,18 @@
 #include "system/domain.hpp"
 
-#include "tool/arguments.hpp"
+#include "system/internal.hpp"
 
 #include <krdds/krdds.hpp>
 
-#include <krplatform/krerror.hpp>
+#include <stdexcept>
 
 namespace KR::tool {
 
-void Domain::declare(Arguments& arguments) {
-    arguments.add("--broker", url_, "address of the broker: dds: with options, see docs/several-machines.md")
+Argument Domain::declare(Arguments& arguments) {
+    return arguments
+        .add("--broker", url_, "address of the broker: dds: with options, see docs/several-machines.md")
         .valueName("URL")
+        .completes({kDefaultUrl, "dds:?domain=", "dds:?peers="})
         .showDefault();
 }
 
@@ -36,13 +38,14 @@ void waitForModule(KRBroker& broker, const std::string& module) {
     if (!broker.getSession().waitForService(module, Domain::kPatience)) {
         std::string known;
         for (const std::string& name : broker.getModuleList()) {
-            known += (known.empty() ? "" : ", ") + name;
+            if (!isInternalModule(name)) {
+                known += (known.empty() ? "" : ", ") + name;
+            }
         }
-        throw KRError("kr", "waitForModule",
-                      "there is no module " + module +
-                          (known.empty() ? ", nor any other: is a broker running? "
-                                           "kr serve runs one, kr doctor helps"
-                                         : "; modules are " + known));
+        throw std::runtime_error("there is no module " + module +
+                                 (known.empty() ? ", nor any other: is a broker running? "
+                                                  "kr serve runs one, kr doctor helps"
+                                                : "; modules are " + known));
     }
 }
 

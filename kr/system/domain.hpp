@@ -1,5 +1,7 @@
 #pragma once
 
+#include "tool/arguments.hpp"
+
 #include <krplatform/krbroker.hpp>
 #include <krplatform/krproxy.hpp>
 
@@ -10,8 +12,6 @@
 
 namespace KR::tool {
 
-class Arguments;
-
 /// The brokers that a verb talks to, by its option --broker.
 class Domain {
 public:
@@ -19,7 +19,7 @@ public:
     /// How long a verb waits for a module.
     static constexpr std::chrono::seconds kPatience{5};
 
-    void declare(Arguments& arguments);
+    Argument declare(Arguments& arguments);
     const std::string& getUrl() const noexcept { return url_; }
     /// Whether the address says whether the memory module runs here. \throws KRError the address is malformed
     bool saysWhereMemoryIs() const;
@@ -42,7 +42,7 @@ struct ListOptions {
 /// Makes a broker of this process at the address. \throws KRError the address is malformed or unusable
 boost::shared_ptr<KRBroker> connectTo(const std::string& url);
 
-/// Waits until the module can be called. \throws KRError it cannot within Domain::kPatience
+/// Waits until the module can be called. \throws std::runtime_error it cannot within Domain::kPatience
 void waitForModule(KRBroker& broker, const std::string& module);
 
 } // namespace KR::tool

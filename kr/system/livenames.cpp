@@ -1,11 +1,13 @@
 #include "system/livenames.hpp"
 
 #include "system/domain.hpp"
+#include "system/internal.hpp"
 
 #include <krplatform/krbroker.hpp>
 #include <krplatform/krmemoryproxy.hpp>
 #include <krplatform/krparameter.hpp>
 
+#include <algorithm>
 #include <chrono>
 
 namespace KR::tool {
@@ -21,7 +23,9 @@ std::vector<std::string> completeModule(const std::vector<std::string>& words, c
     if (!words.empty()) {
         return {};
     }
-    return connectTo(url)->getModuleList();
+    auto modules = connectTo(url)->getModuleList();
+    std::erase_if(modules, isInternalModule);
+    return modules;
 }
 
 std::vector<std::string> completeModuleAndMethod(const std::vector<std::string>& words,
@@ -33,7 +37,10 @@ std::vector<std::string> completeModuleAndMethod(const std::vector<std::string>&
     std::vector<std::string> names;
     if (broker->getSession().waitForService(words[0], kPatience)) {
         for (const KRMethodDescription& method : broker->getProxy(words[0])->getMethodList()) {
-            names.push_back(method.name);
+            const bool isNew = std::find(names.begin(), names.end(), method.name) == names.end();
+            if (isNew && !isInternalMethod(method.name)) { // overloads have one name
+                names.push_back(method.name);
+            }
         }
     }
     return names;

@@ -26,7 +26,7 @@ using testing::HasSubstr;
 using testing::MatchesRegex;
 
 TEST(KrCamera, ListsTheCamerasThatItIsGiven) {
-    const Outcome one = kr({"camera", "list"});
+    const Outcome one = kr({"camera", "list", "--camera", "0=test"});
     EXPECT_EQ(one.exitCode, 0) << one.err;
     EXPECT_EQ(one.out, "  0  test\n");
     const Outcome two =
@@ -52,13 +52,13 @@ TEST(KrCamera, MalformedCamerasAreRefused) {
     const Outcome unknown = kr({"camera", "list", "--camera", "0=webcam"});
     EXPECT_EQ(unknown.exitCode, 1);
     EXPECT_THAT(unknown.err, HasSubstr("camera source \"webcam\" is not supported"));
-    const Outcome none = kr({"camera", "info", "3"});
+    const Outcome none = kr({"camera", "info", "3", "--camera", "0=test"});
     EXPECT_EQ(none.exitCode, 2);
     EXPECT_THAT(none.err, HasSubstr("there is no camera 3; there is only camera 0"));
 }
 
 TEST(KrCamera, ShowsWhatACameraDelivers) {
-    const Outcome outcome = kr({"camera", "info", "0", "--json"});
+    const Outcome outcome = kr({"camera", "info", "0", "--json", "--camera", "0=test"});
     EXPECT_EQ(outcome.exitCode, 0) << outcome.err;
     const json info = json::parse(outcome.out);
     EXPECT_EQ(info["width"], 640);
@@ -86,26 +86,27 @@ TEST(KrCamera, TheRateOfAShortRecordingIsThatOfItsImages) {
 }
 
 TEST(KrCamera, ControlsAreListedAndSetByNumberOrName) {
-    const Outcome list = kr({"camera", "controls", "0"});
+    const Outcome list = kr({"camera", "controls", "0", "--camera", "0=test"});
     EXPECT_EQ(list.exitCode, 0) << list.err;
     EXPECT_THAT(list.out, AllOf(HasSubstr("0x00980900  brightness"), HasSubstr("-100 to 100")));
-    const Outcome set =
-        kr({"camera", "controls", "0", "--set", "brightness=20", "--set", "0x00980903=-90", "--json"});
+    const Outcome set = kr({"camera", "controls", "0", "--set", "brightness=20", "--set", "0x00980903=-90",
+                            "--json", "--camera", "0=test"});
     EXPECT_EQ(set.exitCode, 0) << set.err;
     const json controls = json::parse(set.out);
     EXPECT_EQ(controls[0]["value"], 20);
     EXPECT_EQ(controls[3]["value"], -90);
-    EXPECT_THAT(kr({"camera", "controls", "0", "--set", "brightness=101"}).err,
+    EXPECT_THAT(kr({"camera", "controls", "0", "--set", "brightness=101", "--camera", "0=test"}).err,
                 HasSubstr("the camera refuses brightness=101; brightness goes from -100 to 100"));
-    const Outcome unknown = kr({"camera", "controls", "0", "--set", "light=1"});
+    const Outcome unknown = kr({"camera", "controls", "0", "--set", "light=1", "--camera", "0=test"});
     EXPECT_EQ(unknown.exitCode, 2);
     EXPECT_THAT(unknown.err, HasSubstr("the camera has no control \"light\"; it has brightness, contrast, "));
-    EXPECT_EQ(kr({"camera", "controls", "0", "--set", "12=1"}).exitCode, 2);
-    EXPECT_THAT(kr({"camera", "controls", "0", "--set", "hue=x"}).err, HasSubstr("expected ID=VALUE"));
+    EXPECT_EQ(kr({"camera", "controls", "0", "--set", "12=1", "--camera", "0=test"}).exitCode, 2);
+    EXPECT_THAT(kr({"camera", "controls", "0", "--set", "hue=x", "--camera", "0=test"}).err,
+                HasSubstr("expected ID=VALUE"));
 }
 
 TEST(KrCamera, WatchShowsALinePerImageAndASummary) {
-    const Outcome outcome = kr({"camera", "watch", "0", "--frames", "4"});
+    const Outcome outcome = kr({"camera", "watch", "0", "--count", "4", "--camera", "0=test"});
     EXPECT_EQ(outcome.exitCode, 0) << outcome.err;
     EXPECT_EQ(std::ranges::count(outcome.out, '\n'), 4 + 3);
     EXPECT_THAT(outcome.out, AllOf(HasSubstr(" UTC"), HasSubstr(" ms "), HasSubstr(" missed\n"),
@@ -113,7 +114,7 @@ TEST(KrCamera, WatchShowsALinePerImageAndASummary) {
 }
 
 TEST(KrCamera, WatchReportsACameraThatEndsAndGoesOnWhenItIsBack) {
-    const Outcome outcome = kr({"camera", "watch", "0", "--frames", "10", "--camera",
+    const Outcome outcome = kr({"camera", "watch", "0", "--count", "10", "--camera",
                                 "0=gst:videotestsrc is-live=true num-buffers=3"});
     EXPECT_EQ(outcome.exitCode, 0);
     EXPECT_THAT(outcome.err, HasSubstr("has failed: the source has ended; going on without"));
@@ -124,17 +125,18 @@ TEST(KrCamera, WhatRunsUntilItIsInterruptedEndsWell) {
     const test::TemporaryFolder folder;
     const std::string path = folder.path("film.oxv");
     for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
-        test::RunningProgram watch({"camera", "watch", "0"}, " missed\n");
+        test::RunningProgram watch({"camera", "watch", "0", "--camera", "0=test"}, " missed\n");
         EXPECT_TRUE(watch.isUp());
         const Outcome watched = watch.stop(signal);
         EXPECT_EQ(watched.exitCode, 0) << signal;
         EXPECT_THAT(watched.out, HasSubstr(" images, ")) << "the summary";
 
-        test::RunningProgram top({"camera", "top"}, "kr_1 ");
+        test::RunningProgram top({"camera", "top", "--camera", "0=test"}, "kr_1 ");
         EXPECT_TRUE(top.isUp());
         EXPECT_EQ(top.stop(signal).exitCode, 0) << signal;
 
-        test::RunningProgram record({"camera", "record", "0", path, "--seconds", "3600"}, "");
+        test::RunningProgram record(
+            {"camera", "record", "0", path, "--seconds", "3600", "--camera", "0=test"}, "");
         EXPECT_TRUE(test::eventually([&] { return !std::filesystem::is_empty(folder.path("")); }));
         EXPECT_EQ(record.stop(signal).exitCode, 0) << signal;
         EXPECT_EQ(kr({"video", "doctor", path}).exitCode, 0) << signal;
@@ -172,7 +174,7 @@ TEST(KrCamera, WhatWaitsForACameraToOpenIsInterruptedAtOnce) {
 
 TEST(KrCamera, WatchingEndsWhenNobodyReadsIt) {
     const test::TemporaryFolder folder;
-    for (const std::string command : {"camera watch 0", "camera top"}) {
+    for (const std::string command : {"camera watch 0 --camera 0=test", "camera top --camera 0=test"}) {
         const std::string reader = "trap '' PIPE; { timeout 30 '" KR_PROGRAM "' " + command + "; echo $? > " +
                                    folder.path("code") + "; } | head -n 1 > /dev/null";
         EXPECT_EQ(std::system(reader.c_str()), 0);
@@ -184,17 +186,19 @@ TEST(KrCamera, WatchingEndsWhenNobodyReadsIt) {
 TEST(KrCamera, SnapshotsAreImageFilesOrPictures) {
     const test::TemporaryFolder folder;
     const std::string oxi = folder.path("now.oxi");
-    EXPECT_EQ(
-        kr({"camera", "snapshot", "0", oxi, "--resolution", "320x240", "--color-space", "bgr"}).exitCode, 0);
+    EXPECT_EQ(kr({"camera", "snapshot", "0", oxi, "--resolution", "320x240", "--color-space", "bgr",
+                  "--camera", "0=test"})
+                  .exitCode,
+              0);
     const json info = json::parse(kr({"image", "info", "--json", oxi}).out);
     EXPECT_EQ(info[0]["width"], 320);
     EXPECT_EQ(info[0]["color_space"], 13);
     const std::string png = folder.path("now.png");
-    EXPECT_EQ(kr({"camera", "snapshot", "0", png}).exitCode, 0);
+    EXPECT_EQ(kr({"camera", "snapshot", "0", png, "--camera", "0=test"}).exitCode, 0);
     EXPECT_EQ(json::parse(kr({"image", "info", "--json", png}).out)[0]["width"], 640);
-    const Outcome unknown = kr({"camera", "snapshot", "0", folder.path("now.gif")});
+    const Outcome unknown = kr({"camera", "snapshot", "0", folder.path("now.gif"), "--camera", "0=test"});
     EXPECT_EQ(unknown.exitCode, 2);
-    const Outcome odd = kr({"camera", "snapshot", "0", png, "--resolution", "100x100"});
+    const Outcome odd = kr({"camera", "snapshot", "0", png, "--resolution", "100x100", "--camera", "0=test"});
     EXPECT_EQ(odd.exitCode, 2);
     EXPECT_THAT(odd.err, HasSubstr("sizes are 160x120, 320x240"));
 }
@@ -228,15 +232,20 @@ TEST(KrCamera, SeveralCamerasAreStreamsOfOneRecording) {
 TEST(KrCamera, RecordsWhatARecordingCanHoldAndSaysWhatNot) {
     const test::TemporaryFolder folder;
     const std::string path = folder.path("film.oxv");
-    EXPECT_THAT(kr({"camera", "record", "0", path, "--seconds", "1", "--resolution", "1280x960"}).err,
+    EXPECT_THAT(kr({"camera", "record", "0", path, "--seconds", "1", "--resolution", "1280x960", "--camera",
+                    "0=test"})
+                    .err,
                 HasSubstr("a recording holds 160x120, 320x240 or 640x480"));
-    EXPECT_THAT(kr({"camera", "record", "0", path, "--seconds", "1", "--color-space", "bgrx"}).err,
-                HasSubstr("a recording cannot hold that"));
-    EXPECT_THAT(kr({"camera", "record", "0", folder.path("film.mp4"), "--seconds", "1"}).err,
-                HasSubstr("ends in .oxv"));
-    EXPECT_THAT(kr({"camera", "record", "left", path, "--seconds", "1"}).err,
+    EXPECT_THAT(
+        kr({"camera", "record", "0", path, "--seconds", "1", "--color-space", "bgrx", "--camera", "0=test"})
+            .err,
+        HasSubstr("a recording cannot hold that"));
+    EXPECT_THAT(
+        kr({"camera", "record", "0", folder.path("film.mp4"), "--seconds", "1", "--camera", "0=test"}).err,
+        HasSubstr("ends in .oxv"));
+    EXPECT_THAT(kr({"camera", "record", "left", path, "--seconds", "1", "--camera", "0=test"}).err,
                 HasSubstr("left is not a camera number"));
-    EXPECT_EQ(kr({"camera", "record", path, "--seconds", "1"}).exitCode, 2);
+    EXPECT_EQ(kr({"camera", "record", path, "--seconds", "1", "--camera", "0=test"}).exitCode, 2);
     EXPECT_FALSE(std::filesystem::exists(path));
 }
 
@@ -250,13 +259,15 @@ TEST(KrCamera, ARecordingThatFailsLeavesWhatWasThere) {
     const test::Bytes left = test::readAll(path);
     EXPECT_EQ(std::string(left.begin(), left.end()), "what was there");
 
-    const Outcome folderless = kr({"camera", "record", "0", folder.path("none/film.oxv"), "--seconds", "1"});
+    const Outcome folderless =
+        kr({"camera", "record", "0", folder.path("none/film.oxv"), "--seconds", "1", "--camera", "0=test"});
     EXPECT_EQ(folderless.exitCode, 1);
     EXPECT_THAT(folderless.err, HasSubstr("there is no folder " + folder.path("none")));
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder.path("")), {}), 1);
 
     std::filesystem::create_symlink("/dev/null", folder.path("null.oxv"));
-    const Outcome link = kr({"camera", "record", "0", folder.path("null.oxv"), "--seconds", "1"});
+    const Outcome link =
+        kr({"camera", "record", "0", folder.path("null.oxv"), "--seconds", "1", "--camera", "0=test"});
     EXPECT_EQ(link.exitCode, 1);
     EXPECT_THAT(link.err, HasSubstr("null.oxv: a recording is written to a regular file"));
 }
@@ -266,7 +277,8 @@ TEST(KrCamera, ARecordingOnAFullDiskHoldsWhatFitted) {
     const std::string path = folder.path("film.oxv");
     // The header, two frames, and a part of the third.
     const std::string limited = "ulimit -f 200; exec '" KR_PROGRAM "' camera record 0 " + path +
-                                " --seconds 3600 --resolution 160x120 2> " + folder.path("err");
+                                " --camera 0=test --seconds 3600 --resolution 160x120 2> " +
+                                folder.path("err");
     const int status = std::system(("trap '' XFSZ; " + limited).c_str());
     EXPECT_EQ(WEXITSTATUS(status), 3);
     const test::Bytes error = test::readAll(folder.path("err"));
@@ -280,7 +292,8 @@ TEST(KrCamera, NoFileTakesThePlaceOfAStreamThatIsClosed) {
     const test::TemporaryFolder folder;
     const std::string path = folder.path("film.oxv");
     const pid_t process = test::start(
-        {"/bin/sh", "-c", "exec '" KR_PROGRAM "' camera record 0 " + path + " --seconds 3600 <&- >&- 2>&-"},
+        {"/bin/sh", "-c",
+         "exec '" KR_PROGRAM "' camera record 0 " + path + " --camera 0=test --seconds 3600 <&- >&- 2>&-"},
         STDOUT_FILENO, STDERR_FILENO);
     EXPECT_TRUE(test::eventually([&] { return !std::filesystem::is_empty(folder.path("")); }));
     for (const std::string stream : {"0", "1", "2"}) {

@@ -39,6 +39,18 @@ TEST(KrCommand, HelpIsDataAndDone) {
     EXPECT_THAT(run.out, HasSubstr("3 done but data was lost"));
 }
 
+TEST(KrCommand, SaysItsVersion) {
+    const Outcome run = kr({"--version"});
+    EXPECT_EQ(run.exitCode, 0);
+    EXPECT_THAT(run.out, testing::MatchesRegex("kr [0-9]+\\.[0-9]+\\.[0-9]+\n"));
+}
+
+TEST(KrCommand, ALogLevelThatIsNoneIsRefused) {
+    const Outcome run = kr({"completion", "bash", "--log-level", "loud"});
+    EXPECT_EQ(run.exitCode, 2);
+    EXPECT_THAT(run.err, HasSubstr("--log-level: \"loud\" is not a level of the log"));
+}
+
 TEST(KrCommand, EveryVerbHasAnExampleInItsHelp) {
     const auto expectExample = [](const Outcome& run, const std::string& command) {
         EXPECT_EQ(run.exitCode, 0);
@@ -105,7 +117,7 @@ TEST(KrCommand, MalformedNumbersAreRefused) {
 }
 
 TEST(KrCommand, ANumberMayHaveZerosInFront) {
-    EXPECT_THAT(kr({"camera", "info", "010"}).err, HasSubstr("there is no camera 10;"));
+    EXPECT_THAT(kr({"camera", "info", "010", "--camera", "0=test"}).err, HasSubstr("there is no camera 10;"));
 }
 
 TEST(KrCommand, OutputThatCannotBeWrittenIsAFailure) {

@@ -18,6 +18,7 @@ using nlohmann::json;
 using testing::AllOf;
 using testing::HasSubstr;
 using testing::Not;
+using testing::StartsWith;
 
 TEST_F(KrSystem, HostsAModuleLibraryThatOthersSubscribeTo) {
     RunningProgram server = serve({"--camera", "0=test:ball"});
@@ -49,6 +50,70 @@ TEST_F(KrSystem, HostsAModuleLibraryThatOthersSubscribeTo) {
     EXPECT_EQ(ended.exitCode, 0) << ended.err;
     EXPECT_THAT(ended.err, Not(HasSubstr("did not come down")));
     EXPECT_EQ(server.stop(SIGINT).exitCode, 0);
+}
+
+TEST_F(KrSystem, SaysAllOfAnErrorAndReportsASetterThatRefuses) {
+    RunningProgram server = serve({"--run", KR_MOTION_LIBRARY});
+    ASSERT_TRUE(server.isUp()) << server.readErr();
+    const Outcome stranger = krOnDomain({"call", "KRMotion", "unsubscribe", "nobody"});
+    EXPECT_EQ(stranger.exitCode, 1);
+    EXPECT_EQ(stranger.err,
+              "kr: KRMotion.unsubscribe: received unsubscribe from non-subscribed module: nobody\n");
+
+    const std::vector<std::string> set{"call", "KRMotion", "setResolution", "99"};
+    const Outcome refused = krOnDomain(set);
+    EXPECT_EQ(refused.exitCode, 0);
+    EXPECT_EQ(refused.out, "0\n");
+    EXPECT_THAT(refused.err, StartsWith("kr: KRMotion.setResolution: refused"));
+    EXPECT_EQ(krOnDomain({"call", "--check", "KRMotion", "setResolution", "99"}).exitCode, 1);
+    const Outcome accepted = krOnDomain({"call", "--check", "KRMotion", "setResolution", "1"});
+    EXPECT_EQ(accepted.exitCode, 0);
+    EXPECT_EQ(accepted.err, "");
+    const Outcome getter = krOnDomain({"call", "--check", "KRMotion", "isPaused"});
+    EXPECT_EQ(getter.exitCode, 0) << "not a setter";
+    EXPECT_EQ(getter.err, "");
+}
+
+TEST_F(KrSystem, ShowsInternalMethodsOnlyIfAsked) {
+    RunningProgram server = serve({"--run", KR_MOTION_LIBRARY});
+    ASSERT_TRUE(server.isUp()) << server.readErr();
+    EXPECT_THAT(krOnDomain({"module", "info", "KRMotion"}).out, Not(HasSubstr("_run")));
+    EXPECT_THAT(krOnDomain({"module", "info", "KRMotion", "--all"}).out, HasSubstr("_run("));
+    const std::string methods =
+        kr({"complete", "--", "call", "--broker", domain_.getUrl(), "KRMotion", ""}).out;
+    EXPECT_THAT(methods, Not(HasSubstr("_run")));
+    EXPECT_EQ(methods.find("subscribe\n", methods.find("subscribe\n") + 1), methods.find("unsubscribe\n") + 2)
+        << "overloads are one name";
+}
+
+TEST_F(KrSystem, SetsWhatAModuleLogsWhileItRuns) {
+    RunningProgram server = serve({"--run", KR_MOTION_LIBRARY, "--log-level", "warning,KRImage=error"});
+    ASSERT_TRUE(server.isUp()) << server.readErr();
+    EXPECT_THAT(server.readErr(), Not(HasSubstr("] info ")));
+    EXPECT_THAT(krOnDomain({"log", "--module", "KRMotion"}).out, HasSubstr("warning,KRImage=error\n"));
+    const Outcome set = krOnDomain({"log", "debug", "core.extractor", "--module", "KRMotion", "--json"});
+    EXPECT_EQ(set.exitCode, 0) << set.err;
+    EXPECT_EQ(json::parse(set.out), json({{"KRMotion", "warning,KRImage=error,core.extractor=verbose"}}));
+    EXPECT_EQ(krOnDomain({"call", "KRMotion", "subscribe", "a", "50", "1.0"}).exitCode, 0);
+    EXPECT_EQ(krOnDomain({"call", "KRMotion", "subscribe", "b", "50", "1.0"}).exitCode, 0);
+    EXPECT_TRUE(server.waitFor("verbose core.extractor: KRMotion received subscribe from b"));
+    const Outcome wrong = krOnDomain({"log", "loud", "--module", "KRMotion"});
+    EXPECT_EQ(wrong.exitCode, 1);
+    EXPECT_THAT(wrong.err, HasSubstr("KRMotion.setLogLevels: \"loud\" is not a level of the log"));
+}
+
+TEST_F(KrSystem, LogsWhatTheEnvironmentSays) {
+    ASSERT_EQ(::setenv("KR_LOG", "warning,krdds=verbose", 1), 0);
+    RunningProgram server = serve();
+    ::unsetenv("KR_LOG");
+    ASSERT_TRUE(server.isUp()) << server.readErr();
+    EXPECT_THAT(krOnDomain({"log", "--module", "KRMemory"}).out, HasSubstr(" warning,krdds=verbose\n"));
+    ASSERT_EQ(::setenv("KR_LOG", "loud", 1), 0);
+    const Outcome wrong = kr({"completion", "bash"});
+    const Outcome used = krOnDomain({"module", "list"});
+    ::unsetenv("KR_LOG");
+    EXPECT_EQ(wrong.exitCode, 0);
+    EXPECT_THAT(used.err, HasSubstr("KR_LOG has no effect: \"loud\" is not a level of the log"));
 }
 
 TEST_F(KrSystem, ComesDownWhileAModuleWaitsForACameraThatDeliversNothing) {

@@ -30,6 +30,10 @@ TEST_F(KrSystem, ListsTheModulesOfAnotherProcess) {
     EXPECT_EQ(outcome.exitCode, 0);
     EXPECT_EQ(outcome.out, "KRMemory\nKRVideoDevice\n");
     EXPECT_EQ(json::parse(krOnDomain({"module", "list", "--json"}).out), json({"KRMemory", "KRVideoDevice"}));
+    RunningProgram watch(onDomain({"event", "watch", "Door/Opened"}), "watching");
+    ASSERT_TRUE(watch.isUp()) << watch.readErr();
+    EXPECT_EQ(krOnDomain({"module", "list"}).out, "KRMemory\nKRVideoDevice\n");
+    EXPECT_THAT(krOnDomain({"module", "list", "--all"}).out, HasSubstr("\nkr-"));
 }
 
 TEST_F(KrSystem, ShowsTheMethodsOfAModuleAsPublished) {
@@ -97,7 +101,7 @@ TEST_F(KrSystem, WritesReadsAndListsValuesOfTheMemory) {
                 MatchesRegex(" *[0-9.]+ m?s  Door/Name\n *[0-9.]+ m?s  Door/Open\n"));
     const Outcome missing = krOnDomain({"memory", "get", "Door/Width"});
     EXPECT_EQ(missing.exitCode, 1);
-    EXPECT_THAT(missing.err, HasSubstr("Door/Width"));
+    EXPECT_EQ(missing.err, "kr: KRMemory.getData: there is no data named Door/Width\n");
 }
 
 TEST_F(KrSystem, ShowsWhenAValueWasWritten) {
@@ -127,7 +131,7 @@ TEST_F(KrSystem, LooksAtTheCamerasOfTheRunningService) {
     EXPECT_EQ(krOnDomain({"camera", "list"}).out, "  0  test:black\n  1  test:white\n");
     RunningProgram other(onDomain({"camera", "watch", "0"}), " missed");
     ASSERT_TRUE(other.isUp()) << other.readErr();
-    const Outcome watch = krOnDomain({"camera", "watch", "1", "--frames", "3", "--resolution", "1280x960"});
+    const Outcome watch = krOnDomain({"camera", "watch", "1", "--count", "3", "--resolution", "1280x960"});
     EXPECT_EQ(watch.exitCode, 0) << watch.err;
     EXPECT_THAT(watch.out, HasSubstr("\n3 images, "));
     EXPECT_EQ(other.stop(SIGINT).exitCode, 0);
@@ -144,6 +148,8 @@ TEST_F(KrSystem, LooksAtTheCamerasOfTheRunningService) {
     const Outcome both = krOnDomain({"camera", "list", "--camera", "0=test"});
     EXPECT_EQ(both.exitCode, 2);
     EXPECT_THAT(both.err, AllOf(HasSubstr("--camera"), HasSubstr("--broker")));
+    EXPECT_THAT(krOnDomain({"camera", "top", "--count", "1"}).out, Not(HasSubstr("kr_2 ")))
+        << "it only watches the system";
     const Outcome none = krOnDomain({"camera", "watch", "2"});
     EXPECT_EQ(none.exitCode, 2);
     EXPECT_THAT(none.err, HasSubstr("there are cameras 0 to 1"));

@@ -9,8 +9,10 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdint>
 #include <fstream>
 #include <memory>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -31,7 +33,7 @@ TEST_F(KrSystem, WatchesTheMemoryAsItChanges) {
     RunningProgram server = serve();
     ASSERT_TRUE(server.isUp()) << server.readErr();
     ASSERT_EQ(krOnDomain({"memory", "set", "Door/Open", "0"}).exitCode, 0);
-    RunningProgram watch(onDomain({"memory", "watch", "Door/", "--interval", "10"}), "Door/Open 0\n");
+    RunningProgram watch(onDomain({"memory", "watch", "Door/", "--interval", "0.01"}), "Door/Open 0\n");
     ASSERT_TRUE(watch.isUp()) << watch.readErr();
     ASSERT_EQ(krOnDomain({"memory", "set", "Window", "1"}).exitCode, 0);
     ASSERT_EQ(krOnDomain({"memory", "set", "Door/Open", "1"}).exitCode, 0);
@@ -54,14 +56,15 @@ TEST_F(KrSystem, WatchesEventsThatItRaises) {
     EXPECT_EQ(krOnDomain({"event", "raise", "Door/Opened"}).exitCode, 0);
     const Outcome outcome = watch.wait();
     EXPECT_EQ(outcome.exitCode, 0);
-    EXPECT_EQ(outcome.out, "Door/Opened [\"front\",0.5]\nDoor/Opened null\n");
+    EXPECT_THAT(outcome.out,
+                testing::MatchesRegex(".* UTC  Door/Opened \\[\"front\",0.5\\]\n.* UTC  Door/Opened null\n"));
 }
 
 TEST_F(KrSystem, WatchesOnWhenTheMemoryIsRestarted) {
     auto server = std::make_unique<RunningProgram>(onDomain({"serve"}), "serving on");
     ASSERT_TRUE(server->isUp()) << server->readErr();
     ASSERT_EQ(krOnDomain({"memory", "set", "Door/Open", "0"}).exitCode, 0);
-    RunningProgram values(onDomain({"memory", "watch", "--interval", "10"}), "Door/Open 0\n");
+    RunningProgram values(onDomain({"memory", "watch", "--interval", "0.01"}), "Door/Open 0\n");
     ASSERT_TRUE(values.isUp()) << values.readErr();
     RunningProgram events(onDomain({"event", "watch", "Door/Opened", "--count", "1"}), "watching");
     ASSERT_TRUE(events.isUp()) << events.readErr();
@@ -76,7 +79,58 @@ TEST_F(KrSystem, WatchesOnWhenTheMemoryIsRestarted) {
         return list.size() == 1 && list[0]["subscribers"].size() == 1;
     }));
     EXPECT_EQ(krOnDomain({"event", "raise", "Door/Opened", "5"}).exitCode, 0);
-    EXPECT_EQ(events.wait().out, "Door/Opened 5\n");
+    EXPECT_THAT(events.wait().out, HasSubstr(" UTC  Door/Opened 5\n"));
+}
+
+// A line of JSON each.
+std::vector<json> parseLines(const std::string& text) {
+    std::vector<json> lines;
+    std::istringstream stream(text);
+    for (std::string line; std::getline(stream, line);) {
+        lines.push_back(json::parse(line));
+    }
+    return lines;
+}
+
+TEST_F(KrSystem, WatchesAsLinesOfJsonUntilItsTimeIsOver) {
+    RunningProgram server = serve();
+    ASSERT_TRUE(server.isUp()) << server.readErr();
+    ASSERT_EQ(krOnDomain({"memory", "set", "Door/Open", "0"}).exitCode, 0);
+    RunningProgram events(onDomain({"event", "watch", "Door/Opened", "--json", "--count", "1"}), "watching");
+    ASSERT_TRUE(events.isUp()) << events.readErr();
+    ASSERT_EQ(krOnDomain({"event", "raise", "Door/Opened", "7"}).exitCode, 0);
+
+    const auto values = parseLines(krOnDomain({"memory", "watch", "--json", "--count", "1"}).out);
+    ASSERT_EQ(values.size(), 1U);
+    EXPECT_EQ(values[0]["key"], "Door/Open");
+    EXPECT_EQ(values[0]["value"], 0);
+    const auto raised = parseLines(events.wait().out);
+    ASSERT_EQ(raised.size(), 1U);
+    EXPECT_EQ(raised[0]["event"], "Door/Opened");
+    EXPECT_EQ(raised[0]["value"], 7);
+    EXPECT_GT(raised[0]["time_usec"], 1'000'000'000'000'000);
+    const auto images = parseLines(krOnDomain({"camera", "watch", "0", "--json", "--count", "2"}).out);
+    ASSERT_EQ(images.size(), 2U);
+    EXPECT_EQ(images[0]["interval_usec"], nullptr);
+    EXPECT_EQ(images[1]["interval_usec"],
+              images[1]["time_usec"].get<std::int64_t>() - images[0]["time_usec"].get<std::int64_t>());
+    RunningProgram watch(onDomain({"camera", "watch", "0"}), " missed");
+    ASSERT_TRUE(watch.isUp()) << watch.readErr();
+    const auto tables = parseLines(krOnDomain({"camera", "top", "--json", "--count", "1"}).out);
+    ASSERT_EQ(tables.size(), 1U);
+    ASSERT_EQ(tables[0]["subscriptions"].size(), 1U);
+    EXPECT_GT(tables[0]["subscriptions"][0]["interval"]["median_usec"], 1000);
+
+    for (const std::vector<std::string>& verb :
+         std::vector<std::vector<std::string>>{{"event", "watch", "Door/Opened"},
+                                               {"memory", "watch"},
+                                               {"camera", "watch", "0"},
+                                               {"camera", "top"},
+                                               {"extractor", "top"}}) {
+        std::vector<std::string> arguments = verb;
+        arguments.insert(arguments.end(), {"--seconds", "0.1"});
+        EXPECT_EQ(krOnDomain(arguments).exitCode, 0) << verb[0] << " " << verb[1];
+    }
 }
 
 /// A pipe that is read late or never.

@@ -4,6 +4,7 @@
 
 #include <charconv>
 #include <sstream>
+#include <utility>
 
 namespace KR::tool {
 
@@ -26,11 +27,6 @@ std::string describe(Number minimum, Number maximum) {
 
 std::string refuse(const std::string& expected, const std::string& text) {
     return "expected " + expected + ", not \"" + text + "\"";
-}
-
-template <class Value>
-Argument addTo(CLI::App& verb, const std::string& name, Value& value, const std::string& help) {
-    return Argument(*verb.add_option(name, value, help));
 }
 
 } // namespace
@@ -66,6 +62,15 @@ Argument& Argument::realNumber(double minimum, double maximum) {
 
 Argument& Argument::oneOf(const std::vector<std::string>& values) {
     option_->check(CLI::IsMember(values));
+    return completes(values);
+}
+
+Argument& Argument::completes(const std::vector<std::string>& values) {
+    return completes([values](const std::string&) { return values; });
+}
+
+Argument& Argument::completes(ValueCompleter completer) {
+    (*completers_)[option_] = std::move(completer);
     return *this;
 }
 
@@ -89,29 +94,34 @@ Argument& Argument::valueName(const std::string& name) {
     return *this;
 }
 
+template <class Value>
+Argument Arguments::addTo(const std::string& name, Value& value, const std::string& help) {
+    return Argument(*verb_.add_option(name, value, help), completers_);
+}
+
 Argument Arguments::add(const std::string& name, std::string& value, const std::string& help) {
-    return addTo(verb_, name, value, help);
+    return addTo(name, value, help);
 }
 
 Argument Arguments::add(const std::string& name, int& value, const std::string& help) {
-    return addTo(verb_, name, value, help);
+    return addTo(name, value, help);
 }
 
 Argument Arguments::add(const std::string& name, std::uint64_t& value, const std::string& help) {
-    return addTo(verb_, name, value, help);
+    return addTo(name, value, help);
 }
 
 Argument Arguments::add(const std::string& name, std::optional<std::uint64_t>& value,
                         const std::string& help) {
-    return addTo(verb_, name, value, help);
+    return addTo(name, value, help);
 }
 
 Argument Arguments::add(const std::string& name, double& value, const std::string& help) {
-    return addTo(verb_, name, value, help);
+    return addTo(name, value, help);
 }
 
 Argument Arguments::add(const std::string& name, std::vector<std::string>& values, const std::string& help) {
-    return addTo(verb_, name, values, help);
+    return addTo(name, values, help);
 }
 
 void Arguments::addFlag(const std::string& name, bool& value, const std::string& help) {

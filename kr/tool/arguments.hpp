@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <functional>
 #include <limits>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -14,10 +15,14 @@ class Option;
 
 namespace KR::tool {
 
+/// Returns what may be the value of an option, for shells that complete a line. \param broker  address of the broker
+using ValueCompleter = std::function<std::vector<std::string>(const std::string& broker)>;
+using ValueCompleters = std::map<const CLI::Option*, ValueCompleter>;
+
 /// One argument of a verb. Its operations restrict what it accepts, and return it.
 class Argument {
 public:
-    explicit Argument(CLI::Option& option) : option_(&option) {}
+    Argument(CLI::Option& option, ValueCompleters& completers) : option_(&option), completers_(&completers) {}
 
     Argument& required();
     /// A whole number from `minimum` to `maximum`. Every argument that is an integer needs it: CLI11 alone reads "" as 0,
@@ -26,6 +31,9 @@ public:
     /// A number from `minimum` to `maximum`, not NaN.
     Argument& realNumber(double minimum, double maximum);
     Argument& oneOf(const std::vector<std::string>& values);
+    /// Values that a shell offers; others are accepted too. oneOf() does the same for its values.
+    Argument& completes(const std::vector<std::string>& values);
+    Argument& completes(ValueCompleter completer);
     /// May be given several times, with one value each.
     Argument& repeatable();
     /// Cannot be given together with another option.
@@ -37,12 +45,14 @@ public:
 
 private:
     CLI::Option* option_;
+    ValueCompleters* completers_;
 };
 
 /// The command line of a verb, to which its options are added. This hides CLI11, which takes seconds to compile.
 class Arguments {
 public:
-    explicit Arguments(CLI::App& verb) : verb_(verb) {}
+    /// \param completers  receives those of the options
+    Arguments(CLI::App& verb, ValueCompleters& completers) : verb_(verb), completers_(completers) {}
 
     /// \name Adds an argument ("FILE") or an option with a value ("--frame")
     /// The variable keeps its value unless it is given.
@@ -62,7 +72,11 @@ public:
     void hide();
 
 private:
+    template <class Value>
+    Argument addTo(const std::string& name, Value& value, const std::string& help);
+
     CLI::App& verb_;
+    ValueCompleters& completers_;
 };
 
 } // namespace KR::tool

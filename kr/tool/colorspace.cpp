@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <vector>
 
 namespace KR::tool {
 
@@ -53,6 +54,16 @@ std::string listColorSpaces() {
         list += (list.empty() ? "" : ", ") + toLower(space.name);
     }
     return list;
+}
+
+Argument declareColorSpace(Arguments& arguments, std::string& name, const std::string& what) {
+    std::vector<std::string> names;
+    for (const ColorSpace& space : kColorSpaces) {
+        names.push_back(toLower(space.name));
+    }
+    return arguments.add("--color-space", name, what + ": " + listColorSpaces())
+        .valueName("NAME")
+        .completes(names);
 }
 
 } // namespace KR::tool

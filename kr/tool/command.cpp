@@ -1,9 +1,9 @@
 #include "tool/command.hpp"
 
+#include "tool/errortext.hpp"
 #include "tool/registry.hpp"
 
 #include <krplatform/krerror.hpp>
-#include <krplatform/krlog.hpp>
 #include <krplatform/krtext.hpp>
 
 #include <CLI/CLI.hpp>
@@ -23,14 +23,13 @@ namespace KR::tool {
 namespace {
 
 ExitCode run(const std::function<ExitCode()>& act) {
-    setLogLevel(KRLogLevel::Warning); // verbs that host modules lower it
     try {
         return act();
     } catch (const UsageError& error) {
         printError(error.what());
         return ExitCode::WrongUsage;
     } catch (const KRError& error) {
-        printError(error.getDescription());
+        printError(describe(error));
     } catch (const std::bad_alloc&) {
         printError("out of memory");
     } catch (const std::exception& error) {
@@ -99,7 +98,8 @@ ExitCode runCommandLine(int argc, const char* const* argv) {
     std::function<ExitCode()> chosen;
     ExitCode code;
     try {
-        declareAll(app, chosen);
+        ValueCompleters completers;
+        declareAll(app, chosen, completers);
         app.parse(argc, argv);
         code = run(chosen);
     } catch (const CLI::ParseError& error) {

@@ -39,8 +39,8 @@ struct Verb {
     std::string name;
     std::string summary; ///< one line, imperative, without a full stop
     std::string example; ///< one command line or more, for the end of its --help
-    /// Does the work, after the options have been read. A KRError is reported with its description, another
-    /// std::exception with its what(); the exit code is then Failed, or WrongUsage for a UsageError.
+    /// Does the work, after the options have been read. A KRError is reported by describe(), another
+    /// std::exception by its what(); the exit code is then Failed, or WrongUsage for a UsageError.
     ExitCode (*run)(const Options&);
     Completer complete = {}; ///< may be empty
 };

@@ -14,8 +14,8 @@ struct ParsedWords {
     const Command* command = nullptr;        ///< the verb; null until it is named
     std::vector<std::string> arguments = {}; ///< of the verb, without options
     std::string broker = "dds:";
-    bool needsValue = false; ///< the next word is the value of an option
-    bool isKnown = true;     ///< false: there is no such group or verb
+    const CLI::Option* option = nullptr; ///< whose value the next word is; null: it is none
+    bool isKnown = true;                 ///< false: there is no such group or verb
 };
 
 ParsedWords parse(const CLI::App& app, const std::vector<std::string>& words) {
@@ -56,8 +56,17 @@ ParsedWords parse(const CLI::App& app, const std::vector<std::string>& words) {
             parsed.at = named.front();
         }
     }
-    parsed.needsValue = wanted != nullptr;
+    parsed.option = wanted;
     return parsed;
+}
+
+template <class Complete>
+std::vector<std::string> completeSafely(Complete complete) {
+    try {
+        return complete();
+    } catch (const std::exception&) { // nobody answers who would know
+        return {};
+    }
 }
 
 } // namespace
@@ -66,13 +75,28 @@ std::vector<std::string> completeCommandLine(const std::vector<std::string>& wor
                                              const std::string& prefix) {
     CLI::App app;
     std::function<ExitCode()> chosen;
-    declareAll(app, chosen);
+    ValueCompleters completers;
+    declareAll(app, chosen, completers);
     const ParsedWords parsed = parse(app, words);
     std::vector<std::string> candidates;
-    if (!parsed.isKnown || parsed.needsValue) { // the value of an option is a file, or cannot be known
+    if (!parsed.isKnown) {
         return candidates;
     }
-    if (prefix.starts_with("-")) {
+    const auto equals = prefix.find('=');
+    const bool isJoined = parsed.option == nullptr && prefix.starts_with("--") && equals != std::string::npos;
+    const CLI::Option* const valueOf =
+        isJoined ? parsed.at->get_option_no_throw(prefix.substr(0, equals)) : parsed.option;
+    if (isJoined || valueOf != nullptr) { // a value that nobody can know is a file, which the shell completes
+        const auto completer = completers.find(valueOf);
+        if (completer != completers.end()) {
+            candidates = completeSafely([&] { return completer->second(parsed.broker); });
+        }
+        if (isJoined) {
+            for (std::string& candidate : candidates) {
+                candidate.insert(0, prefix, 0, equals + 1);
+            }
+        }
+    } else if (prefix.starts_with("-")) {
         for (const CLI::Option* option : parsed.at->get_options()) {
             for (const std::string& name : option->get_lnames()) {
                 candidates.push_back("--" + name);
@@ -85,10 +109,8 @@ std::vector<std::string> completeCommandLine(const std::vector<std::string>& wor
             }
         }
     } else if (parsed.command->complete) {
-        try {
-            candidates = parsed.command->complete(parsed.arguments, parsed.broker);
-        } catch (const std::exception&) { // nobody answers who would know
-        }
+        candidates =
+            completeSafely([&] { return parsed.command->complete(parsed.arguments, parsed.broker); });
     }
     std::erase_if(candidates, [&](const std::string& candidate) { return !candidate.starts_with(prefix); });
     return candidates;

@@ -1,15 +1,33 @@
 #include "tool/registry.hpp"
 
+#include <krplatform/krlog.hpp>
+
 #include <CLI/CLI.hpp>
 
+#include <memory>
+#include <stdexcept>
 #include <utility>
 
 namespace KR::tool {
 
 namespace {
 
-constexpr const char* kConventions = "Results go to standard output, everything else to standard error.\n"
-                                     "Exit codes: 0 done, 1 failed, 2 wrong usage, 3 done but data was lost.";
+constexpr const char* kConventions =
+    "kr GROUP --help lists the verbs of a group, kr GROUP VERB --help its options and an example.\n"
+    "Results go to standard output, everything else to standard error.\n"
+    "Exit codes: 0 done, 1 failed, 2 wrong usage, 3 done but data was lost.";
+
+void setUpLog(const std::string& levels) {
+    setLogLevel(KRLogLevel::Warning); // verbs that host modules lower it
+    if (levels.empty()) {
+        return;
+    }
+    try {
+        setLogLevels(levels);
+    } catch (const std::invalid_argument& error) {
+        throw UsageError(std::string("--log-level: ") + error.what());
+    }
+}
 
 } // namespace
 
@@ -28,9 +46,10 @@ GroupRegistration::GroupRegistration(std::string group, std::string summary) {
     getGroups()[std::move(group)].summary = std::move(summary);
 }
 
-void declareAll(CLI::App& app, std::function<ExitCode()>& chosen) {
+void declareAll(CLI::App& app, std::function<ExitCode()>& chosen, ValueCompleters& completers) {
     app.require_subcommand(1);
-    app.set_help_flag("-h,--help", "Show this text");
+    app.set_help_flag("-h,--help", "this text");
+    app.set_version_flag("--version", "kr " KR_VERSION, "version of KRVision");
     app.footer(kConventions);
     for (const auto& [name, group] : getGroups()) {
         CLI::App* verbs = &app;
@@ -42,8 +61,21 @@ void declareAll(CLI::App& app, std::function<ExitCode()>& chosen) {
         for (const auto& [verbName, command] : group.commands) {
             CLI::App* verb = verbs->add_subcommand(verbName, command.summary);
             verb->footer("Example:\n" + command.example);
-            Arguments arguments(*verb);
-            verb->callback([&chosen, run = command.declare(arguments)] { chosen = run; });
+            Arguments arguments(*verb, completers);
+            const auto run = command.declare(arguments);
+            const auto logLevels = std::make_shared<std::string>();
+            arguments
+                .add("--log-level", *logLevels,
+                     "what is logged: error, warning, info or verbose, also by category: "
+                     "warning,krdds=verbose")
+                .valueName("LEVELS")
+                .completes({"error", "warning", "info", "verbose"});
+            verb->callback([&chosen, run, logLevels] {
+                chosen = [run, logLevels] {
+                    setUpLog(*logLevels);
+                    return run();
+                };
+            });
         }
     }
 }

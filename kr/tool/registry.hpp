@@ -18,6 +18,7 @@ struct Group {
 std::map<std::string, Group>& getGroups();
 
 /// Adds all groups and verbs to a command line; parsing it sets `chosen` to what the verb does.
-void declareAll(CLI::App& app, std::function<ExitCode()>& chosen);
+/// \param completers  receives those of the options
+void declareAll(CLI::App& app, std::function<ExitCode()>& chosen, ValueCompleters& completers);
 
 } // namespace KR::tool

@@ -55,8 +55,13 @@ std::string formatAge(std::int64_t timeStamp, std::int64_t now) {
 }
 
 std::string formatAge(std::int64_t timeStamp) {
-    const auto now = std::chrono::system_clock::now().time_since_epoch();
-    return formatAge(timeStamp, std::chrono::duration_cast<std::chrono::microseconds>(now).count());
+    return formatAge(timeStamp, getTimeStamp());
+}
+
+std::int64_t getTimeStamp() {
+    return std::chrono::duration_cast<std::chrono::microseconds>(
+               std::chrono::system_clock::now().time_since_epoch())
+        .count();
 }
 
 } // namespace KR::tool

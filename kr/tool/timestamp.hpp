@@ -17,4 +17,7 @@ std::string formatTimeStamp(std::int64_t timeStamp);
 std::string formatAge(std::int64_t timeStamp, std::int64_t now);
 std::string formatAge(std::int64_t timeStamp);
 
+/// The time of the system's clock, in microseconds since the Unix epoch.
+std::int64_t getTimeStamp();
+
 } // namespace KR::tool

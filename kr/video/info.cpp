@@ -177,7 +177,7 @@ ExitCode inspect(const Options& options) {
     return ExitCode::Done;
 }
 
-const GroupRegistration group("video", "Recordings");
+const GroupRegistration group("video", "Convert, inspect, play and repair recordings");
 
 const VerbRegistration registration(Verb<Options>{
     .group = "video",
