@@ -54,6 +54,34 @@ TEST(KRVisionDefinitions, EveryResolutionHasItsSize) {
     }
 }
 
+TEST(KRVisionDefinitions, TheNameOfAResolutionIsItsSize) {
+    using namespace KR;
+    const std::array<Resolution, 18> named = {{
+        {k160x120, 160, 120},
+        {k320x240, 320, 240},
+        {k640x480, 640, 480},
+        {k1280x960, 1280, 960},
+        {k2560x1920, 2560, 1920},
+        {k1280x720, 1280, 720},
+        {k1920x1080, 1920, 1080},
+        {k80x60, 80, 60},
+        {k40x30, 40, 30},
+        {k640x360, 640, 360},
+        {k320x180, 320, 180},
+        {k160x90, 160, 90},
+        {k80x45, 80, 45},
+        {k2560x720, 2560, 720},
+        {k1280x360, 1280, 360},
+        {k640x180, 640, 180},
+        {k320x90, 320, 90},
+        {k160x45, 160, 45},
+    }};
+    for (std::size_t i = 0; i < named.size(); ++i) {
+        EXPECT_EQ(named[i].code, kResolutions[i].code) << i;
+        EXPECT_EQ(getResolutionFromSize(named[i].width, named[i].height), named[i].code) << i;
+    }
+}
+
 TEST(KRVisionDefinitions, EverySizeHasItsResolution) {
     for (const auto& [code, width, height] : kResolutions) {
         EXPECT_EQ(KR::getResolutionFromSize(width, height), code);

@@ -8,18 +8,45 @@
 /// lookups without state; none throws or logs.
 namespace KR {
 
-// Only codes that this project refers to have names.
-inline constexpr int kQVGA = 1; ///< 320x240
-inline constexpr int kVGA = 2;  ///< 640x480
-/// One byte per pixel: the luma.
-inline constexpr int kLumaColorSpace = 0;
-/// Two bytes per pixel: Y0 U Y1 V for each pair of horizontal neighbours.
-inline constexpr int kYUV422ColorSpace = 9;
-/// \name Colour spaces of the camera service, bytes per pixel in the order of their names
+/// \name Resolution codes, in pixels: 4:3
 ///@{
-inline constexpr int kRgbColorSpace = 11;
-inline constexpr int kBgrColorSpace = 13;
-inline constexpr int kBgrxColorSpace = 18; ///< the fourth byte is unused
+inline constexpr int k40x30 = 8;
+inline constexpr int k80x60 = 7;
+inline constexpr int k160x120 = 0;
+inline constexpr int k320x240 = 1;
+inline constexpr int kQVGA = k320x240;
+inline constexpr int k640x480 = 2;
+inline constexpr int kVGA = k640x480;
+inline constexpr int k1280x960 = 3;
+inline constexpr int k2560x1920 = 4;
+///@}
+/// \name 16:9
+/// The camera service delivers all; KRImage and vision extractors take 1280x720 and 1920x1080 of these.
+///@{
+inline constexpr int k80x45 = 12;
+inline constexpr int k160x90 = 11;
+inline constexpr int k320x180 = 10;
+inline constexpr int k640x360 = 9;
+inline constexpr int k1280x720 = 5;
+inline constexpr int k1920x1080 = 6;
+///@}
+/// \name 32:9, two pictures side by side; neither KRImage nor vision extractors take them
+///@{
+inline constexpr int k160x45 = 17;
+inline constexpr int k320x90 = 16;
+inline constexpr int k640x180 = 15;
+inline constexpr int k1280x360 = 14;
+inline constexpr int k2560x720 = 13;
+///@}
+
+/// \name Colour-space codes that the camera service delivers; images may have others, up to 26
+///@{
+inline constexpr int kLumaColorSpace = 0; ///< 1 byte per pixel: Y
+inline constexpr int kYUV422ColorSpace =
+    9; ///< 2 bytes per pixel: Y0 U Y1 V for each pair of horizontal neighbours
+inline constexpr int kRgbColorSpace = 11;  ///< 3 bytes per pixel: R G B
+inline constexpr int kBgrColorSpace = 13;  ///< 3 bytes per pixel: B G R, as OpenCV has them
+inline constexpr int kBgrxColorSpace = 18; ///< 4 bytes per pixel: B G R and an unused one
 ///@}
 
 /// Whether an image can be constructed for this resolution code or set to it: codes 0 to 8. The size table goes up
