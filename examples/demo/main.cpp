@@ -184,7 +184,8 @@ private:
     void takePicture() {
         Picture picture;
         for (const Watch& watch : watches_) {
-            picture.add(broker_, watch.camera, watch.extractor->getMotion());
+            picture.add(broker_, watch.camera, options_.cameras[static_cast<std::size_t>(watch.camera)],
+                        watch.extractor->getName());
         }
         picture.writePng(options_.picture);
         std::printf("the picture is in %s\n", options_.picture.c_str());

@@ -1,6 +1,8 @@
 #include "picture.hpp"
 
 #include <krcamera/krvideodevice.hpp>
+#include <krplatform/krmemoryproxy.hpp>
+#include <krplatform/krthread.hpp>
 #include <krplatform/krvideodeviceproxy.hpp>
 #include <krvision/krvisiondefinitions.hpp>
 
@@ -8,57 +10,123 @@
 
 #include <algorithm>
 #include <array>
-#include <memory>
+#include <cstdio>
+#include <ctime>
+#include <optional>
 #include <stdexcept>
 
 namespace {
 
-void drawBox(std::vector<unsigned char>& rgb, int width, int height, const Motion& motion) {
-    const int left = static_cast<int>(motion.left * static_cast<float>(width));
-    const int right = std::min(width, static_cast<int>(motion.right * static_cast<float>(width))) - 1;
-    const int top = static_cast<int>(motion.top * static_cast<float>(height));
-    const int bottom = std::min(height, static_cast<int>(motion.bottom * static_cast<float>(height))) - 1;
-    for (int y = top; y <= bottom; ++y) {
-        for (int x = left; x <= right; ++x) {
-            constexpr int kThickness = 3;
-            if (x - left < kThickness || right - x < kThickness || y - top < kThickness ||
-                bottom - y < kThickness) {
-                constexpr std::array<unsigned char, 3> kOrange{255, 128, 0};
-                std::copy(kOrange.begin(), kOrange.end(), rgb.begin() + 3 * (y * width + x));
-            }
+/// A subscription to RGB images, in the colours of the standard.
+class Camera {
+public:
+    Camera(const boost::shared_ptr<KR::KRBroker>& broker, int camera)
+        : service_(broker),
+          id_(service_.subscribeCamera("Picture", camera, KR::kVGA, KR::kRgbColorSpace, 30)) {}
+    ~Camera() {
+        try {
+            service_.unsubscribe(id_);
+        } catch (const KR::KRError&) { // the service is gone, and the subscription with it
         }
     }
+    Camera(const Camera&) = delete;
+    Camera& operator=(const Camera&) = delete;
+
+    /// The next image, which shares its pixels with nobody.
+    std::unique_ptr<KR::KRImage> fetch() {
+        const std::unique_ptr<KR::KRImage> image(KR::KRImage::fromKRValue(service_.getImageRemote(id_)));
+        service_.releaseImage(id_);
+        return std::make_unique<KR::KRImage>(image->deepCopy());
+    }
+
+private:
+    KR::KRVideoDeviceProxy service_;
+    const std::string id_;
+};
+
+// What the extractor wrote about the image of this time; nullopt if it left that out.
+std::optional<KR::KRAnnotations> findAnnotations(const KR::KRMemoryProxy& memory,
+                                                 const std::string& extractor, std::int64_t timeStamp) {
+    constexpr int kTries = 100;
+    for (int i = 0; i < kTries; ++i) {
+        try {
+            auto annotations = KR::KRAnnotations::fromKRValue(memory.getData(extractor + "/Annotations"));
+            if (annotations.timeStamp == timeStamp) {
+                return annotations;
+            }
+            if (annotations.timeStamp > timeStamp) {
+                return std::nullopt;
+            }
+        } catch (const KR::KRError&) { // nothing has been written yet
+        }
+        KR::sleepMilliseconds(2);
+    }
+    return std::nullopt;
+}
+
+/// "12:34:56.789", local time
+std::string formatTime(std::int64_t timeStamp) {
+    const std::time_t seconds = timeStamp / 1'000'000;
+    std::tm parts{};
+    ::localtime_r(&seconds, &parts);
+    std::array<char, 32> text{};
+    std::snprintf(text.data(), text.size(), "%02d:%02d:%02d.%03d", parts.tm_hour, parts.tm_min, parts.tm_sec,
+                  static_cast<int>(timeStamp / 1000 % 1000));
+    return text.data();
+}
+
+std::string describeFindings(const std::string& extractor, const KR::KRAnnotations& annotations) {
+    if (annotations.boxes.empty()) {
+        return extractor + ": nothing moves";
+    }
+    std::array<char, 64> text{};
+    std::snprintf(text.data(), text.size(), ": %.1f %% of the picture moves",
+                  100.0 * static_cast<double>(annotations.boxes.front().score));
+    return extractor + text.data();
 }
 
 } // namespace
 
-void Picture::add(const boost::shared_ptr<KR::KRBroker>& broker, int camera, const Motion& motion) {
-    KR::KRVideoDeviceProxy cameras(broker);
-    const std::string id = cameras.subscribeCamera("Picture", camera, KR::kVGA, KR::kRgbColorSpace, 30);
-    const auto image = std::unique_ptr<KR::KRImage>(KR::KRImage::fromKRValue(cameras.getImageRemote(id)));
-    cameras.releaseImage(id);
-    cameras.unsubscribe(id);
-    Tile tile{image->width, image->height, {}};
-    tile.rgb.assign(image->data.get(), image->data.get() + 3 * image->width * image->height);
-    drawBox(tile.rgb, tile.width, tile.height, motion);
-    tiles_.push_back(std::move(tile));
+void Picture::add(const boost::shared_ptr<KR::KRBroker>& broker, int camera, const std::string& source,
+                  const std::string& extractor) {
+    Camera images(broker, camera);
+    const KR::KRMemoryProxy memory(broker);
+    constexpr int kTries = 50; // an extractor that runs at half the rate skips every other image
+    for (int i = 0; i < kTries; ++i) {
+        auto image = images.fetch();
+        auto annotations = findAnnotations(memory, extractor, image->timeStamp);
+        if (!annotations) {
+            continue;
+        }
+        const std::string name = source.substr(source.find_last_of('/') + 1);
+        annotations->texts.push_back(
+            {{0.01F, 0.01F},
+             "camera " + std::to_string(camera) + " (" + name + ")  " + formatTime(image->timeStamp)});
+        annotations->texts.push_back({{0.01F, 0.06F}, describeFindings(extractor, *annotations)});
+        KR::drawAnnotations(*image, *annotations);
+        tiles_.push_back(std::move(image));
+        return;
+    }
+    throw std::runtime_error(extractor + " wrote nothing about " + std::to_string(kTries) +
+                             " images of camera " + std::to_string(camera));
 }
 
 void Picture::writePng(const std::string& path) const {
     int width = 0;
     int height = 0;
-    for (const Tile& tile : tiles_) {
-        width += tile.width;
-        height = std::max(height, tile.height);
+    for (const auto& tile : tiles_) {
+        width += tile->width;
+        height = std::max(height, tile->height);
     }
-    std::vector<unsigned char> rgb(static_cast<std::size_t>(3) * width * height);
+    std::vector<unsigned char> rgb(std::size_t{3} * static_cast<unsigned>(width) *
+                                   static_cast<unsigned>(height));
     int left = 0;
-    for (const Tile& tile : tiles_) {
-        for (int y = 0; y < tile.height; ++y) {
-            std::copy_n(tile.rgb.begin() + 3 * y * tile.width, 3 * tile.width,
+    for (const auto& tile : tiles_) {
+        for (int y = 0; y < tile->height; ++y) {
+            std::copy_n(tile->data.get() + 3 * y * tile->width, 3 * tile->width,
                         rgb.begin() + 3 * (y * width + left));
         }
-        left += tile.width;
+        left += tile->width;
     }
     png_image png{};
     png.version = PNG_IMAGE_VERSION;
