@@ -233,7 +233,9 @@ TEST_F(KrSystem, CountsTheEventsThatAStalledReaderHasMissed) {
     EXPECT_EQ(outcome.exitCode, 3);
     const std::string text = pipe.readToEnd();
     const auto printed = std::count(text.begin(), text.end(), '\n');
-    EXPECT_THAT(outcome.err, HasSubstr("kr: lost " + std::to_string(kEvents - printed) + " events: "));
+    const auto lost = [](auto count) { return HasSubstr("kr: lost " + std::to_string(count) + " events: "); };
+    // The memory counts an event before the call that delivers it: the last one may come too late.
+    EXPECT_THAT(outcome.err, testing::AnyOf(lost(kEvents - printed), lost(kEvents - printed - 1)));
 }
 
 TEST_F(KrSystem, WatchesACameraAcrossARestartOfItsService) {
