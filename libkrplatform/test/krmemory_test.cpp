@@ -124,8 +124,8 @@ TEST(KRMemory, IsAModuleLikeAnyOther) {
         names.push_back(method.name);
     }
     EXPECT_THAT(names,
-                ElementsAre("insertData", "getData", "getTimestamp", "getDataList", "removeData", "declareData",
-                            "declareEvent", "declareEvent", "raiseEvent", "subscribeToEvent",
+                ElementsAre("insertData", "getData", "getTimestamp", "getDataList", "removeData",
+                            "declareData", "declareEvent", "declareEvent", "raiseEvent", "subscribeToEvent",
                             "unsubscribeFromEvent", "getEventList", "getEventSubscribers", "setEventLimits"));
 }
 
