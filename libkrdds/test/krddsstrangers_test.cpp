@@ -18,6 +18,7 @@
 
 #include <arpa/inet.h>
 #include <atomic>
+#include <fstream>
 #include <future>
 #include <memory>
 #include <netinet/in.h>
@@ -163,6 +164,38 @@ TEST_F(KRDDSStrangers, BrokersOfAnotherVersionDoNotFloodTheLog) {
     EXPECT_EQ(log.find(KRLogLevel::Error, "speaks protocol 2").size(), KRLimitedLog::kLines);
 }
 
+// The sanitizers' allocators keep freed memory.
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+long getResidentKilobytes(pid_t process) {
+    std::ifstream file("/proc/" + std::to_string(process) + "/statm");
+    long size = 0;
+    long resident = 0;
+    file >> size >> resident;
+    return resident * (sysconf(_SC_PAGESIZE) / 1024);
+}
+
+TEST_F(KRDDSStrangers, AnnouncementsInEverNewNamesTakeNoMemory) {
+    const OtherProcess other(domain.getUrl(), {"module", "Other"});
+    const auto proxy = broker->getProxy("Other");
+    ASSERT_TRUE(broker->getSession().waitForService("Other", kPatience));
+    const long before = getResidentKilobytes(other.getPid());
+    const std::string own = stranger.getId();
+    stranger.readRequests(); // so that its module can be called
+    constexpr int kNames = 2000;
+    for (int i = 0; i < kNames; ++i) {
+        std::string name = std::to_string(i) + "-";
+        name.resize(i % 2 == 0 ? 32 : 65000, 'a');
+        stranger.pretendToBe(name);
+        stranger.announce(1, kNoModules);
+    }
+    stranger.pretendToBe(own);
+    stranger.announce(1, kGhost);
+    ASSERT_TRUE(eventually([&] { return proxy->call<bool>("isReachable", "Ghost"); }));
+    EXPECT_LT(getResidentKilobytes(other.getPid()), before + 65 * kNames / 4);
+    EXPECT_TRUE(eventually([&] { return countMalformed() == kNames; }));
+}
+#endif
+
 TEST_F(KRDDSStrangers, AForgedDepartureOrAnnouncementChangesNothing) {
     Stranger watcher(domain.getNumber());
     auto service = domain.createBroker();
@@ -244,6 +277,7 @@ TEST_F(KRDDSStrangers, CallsOfABrokerThatHasNotAnnouncedItselfWaitWithoutThreads
 
 TEST_F(KRDDSStrangers, ACallerThatReadsNoRepliesDoesNotKeepAModuleFromGoing) {
     stranger.announce(1, kNoModules);
+    ASSERT_TRUE(eventually([&] { return broker->getDiagnostics().peers.size() == 1; }));
     stranger.request(id, 5, "Module", "run", kNoArguments);
     ASSERT_TRUE(awaitArrival(stranger, 6));
     auto going = std::async(std::launch::async, [this] {
