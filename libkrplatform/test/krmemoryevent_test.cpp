@@ -220,13 +220,16 @@ TEST(KRMemoryEvent, MemoryOfLargeValuesIsReturnedToTheSystem) {
     makeBytes(16 << 20); // once one of this size is freed, the allocator takes smaller ones from its heap
     const auto broker = KRBroker::create();
     KRMemoryProxy memory(broker);
-    std::vector<KRBinary> between; // so that no run of free memory reaches the end of the heap
-    for (int i = 0; i < 200; ++i) {
+    constexpr int kValues = 200;
+    // Of the same size, or else they might lie elsewhere: then the values would be freed at the end of the heap, which
+    // shrinks by itself.
+    std::vector<KRBinary> between;
+    for (int i = 0; i < kValues; ++i) {
         memory.insertData(std::to_string(i), makeBytes(600'000));
-        between.push_back(makeBytes(100));
+        between.push_back(makeBytes(600'000));
     }
     const std::size_t before = getResidentBytes();
-    for (int i = 0; i < 200; ++i) {
+    for (int i = 0; i < kValues; ++i) {
         memory.removeData(std::to_string(i));
     }
     EXPECT_TRUE(eventually([&] { return getResidentBytes() + (60U << 20) < before; }));
