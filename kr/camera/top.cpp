@@ -78,11 +78,17 @@ std::string formatJsonTable(const KRVideoDeviceProxy& service) {
 }
 
 std::string formatTable(const KRVideoDeviceProxy& service) {
+    const auto subscriptions = service.getStatistics();
+    std::size_t width = 10;
+    for (const KRSubscriptionStatistics& statistics : subscriptions) {
+        width = std::max(width, escapeText(statistics.id).size());
+    }
+    const int column = static_cast<int>(width);
     std::string table = formatTimeStamp(getTimeStamp()) + "\n";
-    table += format("%-10s %6s %9s %7s   %-23s %-23s %-23s\n", "subscriber", "camera", "delivered", "missed",
-                    "age: median p99 max, ms", "interval", "hold");
-    for (const KRSubscriptionStatistics& statistics : service.getStatistics()) {
-        table += format("%-10s %6d %9d %7d  ", escapeText(statistics.id).c_str(), statistics.camera,
+    table += format("%-*s %6s %9s %7s   %-23s %-23s %-23s\n", column, "subscriber", "camera", "delivered",
+                    "missed", "age: median p99 max, ms", "interval", "hold");
+    for (const KRSubscriptionStatistics& statistics : subscriptions) {
+        table += format("%-*s %6d %9d %7d  ", column, escapeText(statistics.id).c_str(), statistics.camera,
                         statistics.delivered, statistics.missed);
         table += formatDurations(statistics.age) + formatDurations(statistics.interval) +
                  formatDurations(statistics.hold) + "\n";

@@ -207,7 +207,7 @@ KRValue KRModule::Private::call(std::string_view method, std::span<const KRValue
         } catch (const std::invalid_argument& error) {
             throw KRError(name, std::string(method), error.what());
         }
-        logInfo("krplatform.module", name + " was asked to print of the log: " + levels);
+        logInfo("krplatform.module", name + " was asked to log " + levels);
         return {};
     }
     throw KRError(name, std::string(method), "no such method; " + suggestMethods(method));
