@@ -40,21 +40,35 @@ struct Options {
     }
 };
 
-std::map<std::string, KRValue> readValues(const KRMemoryProxy& memory, const std::string& prefix) {
-    std::map<std::string, KRValue> values;
-    for (const std::string& key : memory.getDataList(prefix)) {
-        try {
-            values[key] = memory.getData(key);
-        } catch (const KRError&) { // removed meanwhile
-        }
-    }
-    return values;
-}
+constexpr int kMaxBytes = 1 << 16; // of a value; images are larger, and say little as text
 
-std::string formatLine(const std::string& key, const KRValue& value, std::int64_t written, bool isJson) {
-    return isJson ? formatJson({{"time_usec", written}, {"key", key}, {"value", toJson(value)}}) + "\n"
-                  : format("%7s  ", formatAge(written).c_str()) + escapeText(key) + " " +
-                        formatJson(toJson(value)) + "\n";
+/// The values that were printed last.
+class Printed {
+public:
+    /// Whether the value is not the one that was printed last; it is printed then.
+    bool isNews(const KRMemoryChange& change) {
+        if (change.leftOut) {
+            values_.erase(change.key); // whether it is another one is not known
+            return true;
+        }
+        const auto [entry, isNew] = values_.try_emplace(change.key);
+        if (!isNew && entry->second == change.value) {
+            return false;
+        }
+        entry->second = change.value;
+        return true;
+    }
+
+private:
+    std::map<std::string, KRValue> values_;
+};
+
+std::string formatLine(const KRMemoryChange& change, bool isJson) {
+    const Json value = change.leftOut ? Json{{"bytes", change.bytes}} : toJson(change.value);
+    return isJson
+               ? formatJson({{"time_usec", change.written_usec}, {"key", change.key}, {"value", value}}) + "\n"
+               : format("%7s  ", formatAge(change.written_usec).c_str()) + escapeText(change.key) + " " +
+                     formatJson(value) + "\n";
 }
 
 ExitCode watch(const Options& options) {
@@ -62,7 +76,8 @@ ExitCode watch(const Options& options) {
     const auto broker = options.domain.connect();
     const KRMemoryProxy memory = findMemory(broker);
     Output output;
-    std::map<std::string, KRValue> before;
+    Printed values;
+    std::string last;
     int printed = 0;
     bool isAnswering = true;
     const auto end = options.watch.getEnd();
@@ -72,17 +87,14 @@ ExitCode watch(const Options& options) {
     do {
         next = std::min(end, WatchOptions::Clock::now() + interval);
         try {
-            std::map<std::string, KRValue> now = readValues(memory, options.prefix);
-            for (const auto& [key, value] : now) {
-                const auto old = before.find(key);
-                const bool isNew = old == before.end() || !(old->second == value);
-                if (isNew && !options.watch.isEnough(printed)) {
-                    output.print(formatLine(key, value, memory.getTimestamp(key), options.watch.json),
-                                 interruption);
+            const KRMemoryChanges changes = memory.getDataChanges(options.prefix, last, kMaxBytes);
+            for (const KRMemoryChange& change : changes.changes) {
+                if (!options.watch.isEnough(printed) && values.isNews(change)) {
+                    output.print(formatLine(change, options.watch.json), interruption);
                     ++printed;
                 }
             }
-            before = std::move(now);
+            last = changes.now;
             isAnswering = true;
         } catch (const KRError& error) { // the memory may be restarting
             if (isAnswering) {
@@ -105,7 +117,7 @@ const VerbRegistration registration(Verb<Options>{
                "  kr memory watch KRMotion/ --seconds 10 --json\n"
                "Each line begins with how long ago the value was written.\n"
                "A value that changes and changes back between two readings is missed; kr event watch misses "
-               "nothing.",
+               "nothing. Of a value of more than 64 KiB, an image for instance, the size is printed.",
     .run = watch,
     .complete = completeMemoryKey,
 });

@@ -43,6 +43,19 @@ TEST_F(KrSystem, WatchesTheMemoryAsItChanges) {
     EXPECT_THAT(outcome.out, MatchesRegex(" *[0-9.]+ m?s  Door/Open 0\n *[0-9.]+ m?s  Door/Open 1\n"));
 }
 
+TEST_F(KrSystem, WatchesTheSizeOfALargeValueAndNotItsBytes) {
+    RunningProgram server = serve();
+    ASSERT_TRUE(server.isUp()) << server.readErr();
+    ASSERT_EQ(krOnDomain({"memory", "set", "Image/Small", "1"}).exitCode, 0);
+    RunningProgram watch(onDomain({"memory", "watch", "Image", "--interval", "0.01"}), "Image/Small 1\n");
+    ASSERT_TRUE(watch.isUp()) << watch.readErr();
+    ASSERT_EQ(krOnDomain({"memory", "set", "Image/Large", "\"" + std::string(70000, 'x') + "\""}).exitCode, 0);
+    EXPECT_TRUE(watch.waitFor("Image/Large {\"bytes\":70"));
+    const Outcome outcome = watch.stop(SIGINT);
+    EXPECT_EQ(outcome.exitCode, 0);
+    EXPECT_LT(outcome.out.size(), 1000U);
+}
+
 TEST_F(KrSystem, WatchesEventsThatItRaises) {
     RunningProgram server = serve();
     ASSERT_TRUE(server.isUp()) << server.readErr();

@@ -6,6 +6,8 @@
 #include "krbroker_p.hpp"
 
 #include <algorithm>
+#include <random>
+#include <sstream>
 
 namespace KR {
 
@@ -22,6 +24,13 @@ void tryToUnsubscribe(const KRProxy& extractor, const std::string& client) {
     }
 }
 
+std::string drawInstance() {
+    std::random_device random;
+    std::ostringstream text;
+    text << std::hex << random() << random();
+    return text.str();
+}
+
 std::size_t toBytes(int kilobytes) {
     if (kilobytes < 1) {
         throw KRError(KRMemory::kName, "setEventLimits",
@@ -33,7 +42,7 @@ std::size_t toBytes(int kilobytes) {
 } // namespace
 
 KRMemory::KRMemory(boost::shared_ptr<KRBroker> broker, const std::string& name)
-    : KRModule(std::move(broker), name) {
+    : KRModule(std::move(broker), name), instance_(drawInstance()) {
     publishMethods();
 }
 
@@ -47,6 +56,10 @@ void KRMemory::publishMethods() {
     addParam("key", "Name of the data.");
     addParam("value", "The value; it replaces whatever was there.");
     publish(&KRMemory::insertData);
+
+    functionName("insertListData", kName, "Writes values under several keys, all or none.");
+    addParam("list", "Array of [key, value].");
+    publish(&KRMemory::insertListData);
 
     functionName("getData", kName, "Gets the value under a key.");
     addParam("key", "Name of the data.");
@@ -62,6 +75,18 @@ void KRMemory::publishMethods() {
     addParam("prefix", "What the keys have to begin with; empty for all.");
     setReturn("keys", "Array of keys, in order.");
     publish(&KRMemory::getDataList);
+
+    functionName("getDataValues", kName, "Gets keys and their values.");
+    addParam("prefix", "What the keys have to begin with; empty for all.");
+    setReturn("values", "Array of [key, value], in order.");
+    publish(&KRMemory::getDataValues);
+
+    functionName("getDataChanges", kName, "Gets the values that were written after an earlier call.");
+    addParam("prefix", "What the keys have to begin with; empty for all.");
+    addParam("since", "What the earlier call returned as now; empty for all values.");
+    addParam("maxBytes", "Size of the largest value to get.");
+    setReturn("changes", "[now, array of [key, value, bytes, seconds, microseconds]], where larger values are invalid.");
+    publish(&KRMemory::getDataChanges);
 
     functionName("removeData", kName, "Removes a key and its value.");
     addParam("key", "Name of the data.");
@@ -120,12 +145,14 @@ void KRMemory::publishMethods() {
 
 KRMemory::Stored KRMemory::store(const std::string& key, Stored value) {
     Stored& stored = data_[key];
+    value.change = ++changes_;
     heap_.add(value.bytes);
     heap_.remove(stored.bytes);
     return std::exchange(stored, std::move(value));
 }
 
 void KRMemory::insertData(const std::string& key, const KRValue& value) {
+    checkData("insertData", key, value);
     {
         Stored previous; // destroyed without the lock: shared bytes may call their owner then
         Stored next{value, value.countBytes()};
@@ -140,13 +167,17 @@ KRValue KRMemory::getData(const std::string& key) {
     return find("getData", key).value;
 }
 
-KRValue KRMemory::getTimestamp(const std::string& key) {
-    const KRLock lock(mutex_);
-    const auto time = find("getTimestamp", key).written.time_since_epoch();
+KRValue KRMemory::toTimestamp(const Stored& stored) {
+    const auto time = stored.written.time_since_epoch();
     const auto seconds = std::chrono::floor<std::chrono::seconds>(time);
     return KRValue::array(
         static_cast<int>(seconds.count()),
         static_cast<int>(std::chrono::floor<std::chrono::microseconds>(time - seconds).count()));
+}
+
+KRValue KRMemory::getTimestamp(const std::string& key) {
+    const KRLock lock(mutex_);
+    return toTimestamp(find("getTimestamp", key));
 }
 
 const KRMemory::Stored& KRMemory::find(const char* method, const std::string& key) const {
@@ -202,6 +233,7 @@ void KRMemory::declareEvent(const std::string& event) {
 }
 
 void KRMemory::declareEvent(const std::string& event, const std::string& extractor) {
+    checkName("declareEvent", event);
     std::vector<LinkKey> links;
     std::string before;
     {
@@ -219,6 +251,7 @@ void KRMemory::declareEvent(const std::string& event, const std::string& extract
 }
 
 void KRMemory::raiseEvent(const std::string& event, const KRValue& value) {
+    checkData("raiseEvent", event, value);
     std::vector<std::shared_ptr<Subscription>> idle;
     {
         Stored previous; // this and the next are destroyed without the lock
@@ -385,6 +418,7 @@ void KRMemory::subscribeToEvent(const std::string& event, const std::string& cli
         // The caller's modules may not have been discovered here yet.
         KRBrokerPrivate::of(*getParentBroker()).directory.waitForState(client, kIntroduction);
     }
+    checkName("subscribeToEvent", event);
     const bool hearsOfLosses = checkCallback(client, callback);
     // Built before the lock and in place: a subscription holds a proxy, which does not move.
     const std::shared_ptr<Subscription> subscription(

@@ -8,6 +8,7 @@
 #include "krheap.hpp"
 
 #include <chrono>
+#include <cstdint>
 #include <deque>
 #include <map>
 #include <memory>
@@ -30,14 +31,23 @@ public:
     static constexpr std::size_t kMaxPending = 16384;
     static constexpr std::size_t kMaxPendingBytes = 64 << 20;  // of one subscription, unless set otherwise
     static constexpr std::size_t kMaxPendingInAll = 256 << 20; // the same of all
+    static constexpr std::size_t kMaxKeyBytes = 1024;          // also of an event's name
+    static constexpr std::size_t kMaxValueBytes = 256 << 20;   // as KRValue::countBytes() counts
 
     KRMemory(boost::shared_ptr<KRBroker> broker, const std::string& name);
 
     void insertData(const std::string& key, const KRValue& value);
+    /// \param list  array of arrays [key, value]
+    void insertListData(const KRValue& list);
     KRValue getData(const std::string& key);
     /// When the key was last written: [seconds since the Unix epoch, microseconds beyond].
     KRValue getTimestamp(const std::string& key);
     std::vector<std::string> getDataList(const std::string& prefix);
+    /// \return array of arrays [key, value]
+    KRValue getDataValues(const std::string& prefix);
+    /// \return [now, array of arrays [key, value, bytes of the value, seconds and microseconds when it was written]]; the
+    /// value is invalid if it has more than maxBytes
+    KRValue getDataChanges(const std::string& prefix, const std::string& since, int maxBytes);
     void removeData(const std::string& key);
     /// The module writes this key. Logs a warning if another one that is there has said so, too.
     void declareData(const std::string& key, const std::string& module);
@@ -50,6 +60,9 @@ public:
     void unsubscribeFromEvent(const std::string& event, const std::string& client);
     std::vector<std::string> getEventList();
     KRValue getEventSubscribers(const std::string& event);
+
+    /// \throws KRError the key or the value is too large for the memory
+    static void checkData(const char* method, const std::string& key, const KRValue& value);
 
     /// Limits what may wait, in kilobytes. \throws KRError a limit below 1
     void setEventLimits(int perSubscription, int inAll);
@@ -79,7 +92,9 @@ private:
         KRValue value;
         std::size_t bytes = 0;
         std::chrono::system_clock::time_point written = std::chrono::system_clock::now();
+        std::uint64_t change = 0; // number of the change that brought it
     };
+    static KRValue toTimestamp(const Stored& stored);
     struct Event {
         std::string extractor;                                              // empty: no extractor raises it
         std::map<std::string, std::shared_ptr<Subscription>> subscriptions; // by client
@@ -92,6 +107,7 @@ private:
     using LinkKey = std::pair<std::string, std::string>; // extractor, client
 
     void publishMethods();
+    static void checkName(const char* method, const std::string& name);
     /// \throws KRError there is no such module, or it is exiting
     KRModuleState findClient(const std::string& client) const;
     /// \return whether the client may have a method that takes reports of lost events
@@ -125,10 +141,13 @@ private:
     /// Returns memory to the system, on a call thread, after a lot of it has been freed.
     void returnMemoryLater() KR_EXCLUDES(mutex_);
 
+    const std::string instance_; // no other memory module has it
+
     mutable KRMutex mutex_;
     KRCondition settled_;
     std::map<std::string, Stored> data_ KR_GUARDED_BY(mutex_);
     std::map<std::string, std::string> writers_ KR_GUARDED_BY(mutex_); // module by key, as declared last
+    std::uint64_t changes_ KR_GUARDED_BY(mutex_) = 0; // of data so far
     std::map<std::string, Event> events_ KR_GUARDED_BY(mutex_);
     std::map<LinkKey, Link> links_ KR_GUARDED_BY(mutex_);
     std::size_t maxPendingBytes_ KR_GUARDED_BY(mutex_) = kMaxPendingBytes;

@@ -64,6 +64,36 @@ void KRMemoryLedger::raiseEvent(const std::string& event, const KRValue& value) 
     write("raiseEvent", KRMemoryBacklog::Kind::Event, event, value);
 }
 
+void KRMemoryLedger::insertListData(const std::vector<std::pair<std::string, KRValue>>& list) {
+    constexpr const char* kMethod = "insertListData";
+    std::vector<KRValue> entries;
+    entries.reserve(list.size());
+    for (const auto& [key, value] : list) {
+        entries.push_back(KRValue::array(key, value));
+    }
+    const KRValue argument(std::move(entries));
+    for (;;) {
+        const Outcome outcome = callIfThere(kMethod, argument);
+        if (outcome == Outcome::Done) {
+            used_ = true;
+            return;
+        }
+        for (const auto& [key, value] : list) {
+            KRMemory::checkData(kMethod, key, value);
+        }
+        const KRLock lock(mutex_);
+        if (outcome == Outcome::Skipped && !away_) {
+            continue; // it is back
+        }
+        goAway();
+        for (const auto& [key, value] : list) {
+            backlog_.add(KRMemoryBacklog::Kind::Value, key, value);
+        }
+        startHandOver();
+        return;
+    }
+}
+
 void KRMemoryLedger::write(const char* method, KRMemoryBacklog::Kind kind, const std::string& name,
                            const KRValue& value) {
     for (;;) {
@@ -72,6 +102,7 @@ void KRMemoryLedger::write(const char* method, KRMemoryBacklog::Kind kind, const
             used_ = true;
             return;
         }
+        KRMemory::checkData(method, name, value);
         const KRLock lock(mutex_);
         if (outcome == Outcome::Skipped && !away_) {
             continue; // it is back

@@ -12,6 +12,7 @@
 #include <map>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace KR {
 
@@ -27,6 +28,7 @@ public:
 
     /// The operations of KRMemoryProxy of these names; they throw what the memory module throws.
     void insertData(const std::string& key, const KRValue& value);
+    void insertListData(const std::vector<std::pair<std::string, KRValue>>& list);
     void raiseEvent(const std::string& event, const KRValue& value);
     void declareEvent(const std::string& event, const std::string& extractor);
     void subscribeToEvent(const std::string& event, const std::string& client, const std::string& callback);

@@ -17,6 +17,10 @@ void KRMemoryProxy::insertData(const std::string& key, const KRValue& value) {
     getLedger().insertData(key, value);
 }
 
+void KRMemoryProxy::insertListData(const std::vector<std::pair<std::string, KRValue>>& list) {
+    getLedger().insertListData(list);
+}
+
 KRValue KRMemoryProxy::getData(const std::string& key) const {
     return proxy_.call<KRValue>("getData", key);
 }
@@ -28,6 +32,30 @@ std::int64_t KRMemoryProxy::getTimestamp(const std::string& key) const {
 
 std::vector<std::string> KRMemoryProxy::getDataList(const std::string& prefix) const {
     return proxy_.call<std::vector<std::string>>("getDataList", prefix);
+}
+
+std::vector<std::pair<std::string, KRValue>> KRMemoryProxy::getDataValues(const std::string& prefix) const {
+    const auto list = proxy_.call<KRValue>("getDataValues", prefix);
+    std::vector<std::pair<std::string, KRValue>> values;
+    values.reserve(list.getSize());
+    for (std::size_t i = 0; i < list.getSize(); ++i) {
+        values.emplace_back(list[i][0].to<std::string>(), list[i][1]);
+    }
+    return values;
+}
+
+KRMemoryChanges KRMemoryProxy::getDataChanges(const std::string& prefix, const std::string& since,
+                                              int maxBytes) const {
+    const auto answer = proxy_.call<KRValue>("getDataChanges", prefix, since, maxBytes);
+    const KRValue& list = answer[1];
+    KRMemoryChanges changes{answer[0].to<std::string>(), {}};
+    changes.changes.reserve(list.getSize());
+    for (std::size_t i = 0; i < list.getSize(); ++i) {
+        const auto bytes = list[i][2].to<int>();
+        const auto written = list[i][3].to<int>() * std::int64_t{1000000} + list[i][4].to<int>();
+        changes.changes.push_back({list[i][0].to<std::string>(), list[i][1], bytes, bytes > maxBytes, written});
+    }
+    return changes;
 }
 
 void KRMemoryProxy::removeData(const std::string& key) {

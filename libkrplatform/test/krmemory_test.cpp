@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace KR {
@@ -21,6 +22,8 @@ using test::TestModule;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Pair;
+using testing::SizeIs;
 using testing::ThrowsMessage;
 
 TEST(KRMemory, KeepsWhatWasWrittenLast) {
@@ -112,6 +115,102 @@ TEST(KRMemory, ListsTheKeysThatBeginWithAPrefix) {
     EXPECT_THAT(memory.getDataList("Motion!"), IsEmpty());
 }
 
+TEST(KRMemory, WritesManyValuesInOneCall) {
+    KRMemoryProxy memory(KRBroker::create());
+    std::vector<std::pair<std::string, KRValue>> list;
+    for (int i = 0; i < 10000; ++i) {
+        list.emplace_back("Key" + std::to_string(10000 + i), i);
+    }
+    memory.insertListData(list);
+    EXPECT_EQ(memory.getData("Key10007"), 7);
+    EXPECT_THAT(memory.getDataList("Key"), SizeIs(10000));
+    EXPECT_EQ(memory.getDataValues("Key"), list);
+}
+
+TEST(KRMemory, WritesAllOfAListOrNothing) {
+    const auto broker = KRBroker::create();
+    KRMemoryProxy memory(broker);
+    EXPECT_THROW(memory.insertListData({{"A", 1}, {std::string(1025, 'x'), 2}}), KRError);
+    EXPECT_THAT(
+        [&] {
+            memory.getProxy().call("insertListData", KRValue::array(KRValue::array("A", 1), KRValue(3)));
+        },
+        ThrowsMessage<KRError>(HasSubstr("element 1 of the list is not [key, value]")));
+    EXPECT_THAT(memory.getDataList(), IsEmpty());
+}
+
+TEST(KRMemory, GetsTheValuesThatBeginWithAPrefix) {
+    KRMemoryProxy memory(KRBroker::create());
+    memory.insertListData({{"Face", 1}, {"Face/Count", "two"}, {"Motion", 3}});
+    EXPECT_THAT(memory.getDataValues("Face"),
+                ElementsAre(Pair("Face", KRValue(1)), Pair("Face/Count", KRValue("two"))));
+    EXPECT_THAT(memory.getDataValues(), SizeIs(3));
+    EXPECT_THAT(memory.getDataValues("Z"), IsEmpty());
+}
+
+std::vector<std::string> getKeys(const KRMemoryChanges& changes) {
+    std::vector<std::string> keys;
+    for (const KRMemoryChange& change : changes.changes) {
+        keys.push_back(change.key);
+    }
+    return keys;
+}
+
+TEST(KRMemory, GetsWhatWasWrittenSinceAnEarlierCall) {
+    const auto broker = KRBroker::create();
+    KRMemoryProxy memory(broker);
+    memory.insertListData({{"A", 1}, {"B", 2}, {"Other", 3}});
+    KRMemoryChanges changes = memory.getDataChanges("", "", 1000);
+    EXPECT_THAT(getKeys(changes), ElementsAre("A", "B", "Other"));
+    memory.insertData("B", 4);
+    memory.raiseEvent("C", 5);
+    const KRMemoryChanges two = memory.getDataChanges("", changes.now, 1000);
+    EXPECT_THAT(getKeys(two), ElementsAre("B", "C"));
+    EXPECT_EQ(two.changes[0].value, 4);
+    EXPECT_EQ(two.changes[0].written_usec, memory.getTimestamp("B"));
+    EXPECT_THAT(getKeys(memory.getDataChanges("B", changes.now, 1000)), ElementsAre("B"));
+    EXPECT_THAT(getKeys(memory.getDataChanges("", two.now, 1000)), IsEmpty());
+    // What another memory module has said stands for nothing here.
+    KRMemoryProxy another(KRBroker::create());
+    another.insertListData({{"A", 1}, {"B", 2}});
+    EXPECT_THAT(getKeys(another.getDataChanges("", two.now, 1000)), ElementsAre("A", "B"));
+    EXPECT_THAT(getKeys(another.getDataChanges("", "nonsense", 1000)), ElementsAre("A", "B"));
+}
+
+TEST(KRMemory, LeavesOutLargeValuesOfWhatWasWritten) {
+    KRMemoryProxy memory(KRBroker::create());
+    memory.insertData("Image", KRValue::array(KRBinary::copyOf(std::string(5000, 'x').data(), 5000)));
+    memory.insertData("Count", 1);
+    const KRMemoryChanges changes = memory.getDataChanges("", "", 4000);
+    ASSERT_THAT(getKeys(changes), ElementsAre("Count", "Image"));
+    EXPECT_FALSE(changes.changes[0].leftOut);
+    EXPECT_TRUE(changes.changes[1].leftOut);
+    EXPECT_FALSE(changes.changes[1].value.isValid());
+    EXPECT_GE(changes.changes[1].bytes, 5000);
+}
+
+TEST(KRMemory, RefusesNamesAndValuesThatAreTooLargeAndSaysHowLargeTheyMayBe) {
+    KRMemoryProxy memory(KRBroker::create());
+    const std::string longest(1024, 'x');
+    memory.insertData(longest, 1);
+    EXPECT_EQ(memory.getData(longest), 1);
+    const auto tooLong = ThrowsMessage<KRError>(HasSubstr("a name of 1025 bytes, xxx"));
+    EXPECT_THAT([&] { memory.insertData(longest + "x", 1); }, tooLong);
+    EXPECT_THAT([&] { memory.raiseEvent(longest + "x", 1); }, tooLong);
+    EXPECT_THAT([&] { memory.declareEvent(longest + "x"); }, tooLong);
+    EXPECT_THAT([&] { memory.insertData(longest + "x", 1); },
+                ThrowsMessage<KRError>(HasSubstr("the most is 1024")));
+    // Nobody looks at the bytes of a value that is refused.
+    const boost::shared_ptr<const unsigned char[]> few(new unsigned char[1]);
+    const KRBinary large(few, std::size_t{256} << 20);
+    const auto tooLarge = ThrowsMessage<KRError>(HasSubstr("bytes; the most is 268435456"));
+    EXPECT_THAT([&] { memory.insertData("Image", large); }, tooLarge);
+    EXPECT_THAT([&] { memory.insertListData({{"Image", large}}); }, tooLarge);
+    EXPECT_THAT([&] { memory.raiseEvent("Image", large); }, tooLarge);
+    EXPECT_THAT(memory.getDataList(), ElementsAre(longest));
+    EXPECT_THAT(memory.getEventList(), IsEmpty());
+}
+
 TEST(KRMemory, IsAModuleLikeAnyOther) {
     const auto broker = KRBroker::create();
     const auto proxy = broker->getProxy("KRMemory");
@@ -123,10 +222,10 @@ TEST(KRMemory, IsAModuleLikeAnyOther) {
     for (const auto& method : proxy->getMethodList()) {
         names.push_back(method.name);
     }
-    EXPECT_THAT(names,
-                ElementsAre("insertData", "getData", "getTimestamp", "getDataList", "removeData",
-                            "declareData", "declareEvent", "declareEvent", "raiseEvent", "subscribeToEvent",
-                            "unsubscribeFromEvent", "getEventList", "getEventSubscribers", "setEventLimits"));
+    EXPECT_THAT(names, ElementsAre("insertData", "insertListData", "getData", "getTimestamp", "getDataList",
+                                   "getDataValues", "getDataChanges", "removeData", "declareData", "declareEvent",
+                                   "declareEvent", "raiseEvent", "subscribeToEvent", "unsubscribeFromEvent",
+                                   "getEventList", "getEventSubscribers", "setEventLimits"));
 }
 
 TEST(KRMemory, WithoutOneEachOperationIsAnError) {

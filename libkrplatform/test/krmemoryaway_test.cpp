@@ -79,6 +79,17 @@ protected:
     KRModuleHandle<TestModule> module;
 };
 
+TEST_F(KRMemoryAway, AListOfValuesIsKeptAndHandedOver) {
+    startMemory();
+    memory.insertData("A", 1);
+    stopMemory();
+    memory.insertListData({{"A", 2}, {"B", 3}});
+    EXPECT_THROW(memory.insertListData({{std::string(2000, 'x'), 2}}), KRError);
+    startMemory();
+    EXPECT_THAT(waitForCalls(2),
+                ElementsAre(KRValue::array("insertData", "A", 2), KRValue::array("insertData", "B", 3)));
+}
+
 TEST_F(KRMemoryAway, TheNewestValueOfEachKeyAndTheEventsAreKeptAndHandedOverInOrder) {
     startMemory();
     memory.insertData("A", 1);

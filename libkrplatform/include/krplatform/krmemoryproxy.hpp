@@ -5,13 +5,31 @@
 
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace KR {
 
 class KRMemoryLedger;
 
+/// A value that was written to the memory.
+struct KRMemoryChange {
+    std::string key;
+    KRValue value; ///< invalid if it was left out
+    int bytes = 0; ///< that the value takes
+    bool leftOut = false;
+    std::int64_t written_usec = 0; ///< as KRMemoryProxy::getTimestamp() returns it
+};
+
+/// What was written to the memory after an earlier look at it.
+struct KRMemoryChanges {
+    std::string now; ///< stands for this look
+    std::vector<KRMemoryChange> changes;
+};
+
 /// The memory module, typed: data by key, and events.
+///
+/// A key, as the name of an event, has at most 1024 bytes, and a value takes at most 256 MiB; operations refuse more.
 ///
 /// Calls whatever module is registered as "KRMemory". All operations are thread-safe. Without such a module they throw a
 /// KRError, except for writing operations once there has been one: while the memory module is away, at a restart for
@@ -25,6 +43,8 @@ public:
 
     /// Writes a value under a key, in place of any earlier one.
     void insertData(const std::string& key, const KRValue& value);
+    /// Writes values under several keys in one call, all or none.
+    void insertListData(const std::vector<std::pair<std::string, KRValue>>& list);
     /// \throws KRError no data under this key
     KRValue getData(const std::string& key) const;
     /// When the key was last written, by the clock of the memory module's machine: microseconds since the Unix epoch. A
@@ -34,6 +54,12 @@ public:
     std::int64_t getTimestamp(const std::string& key) const;
     /// Keys that begin with `prefix`, in order.
     std::vector<std::string> getDataList(const std::string& prefix = "") const;
+    /// Keys that begin with `prefix`, in order, and their values.
+    std::vector<std::pair<std::string, KRValue>> getDataValues(const std::string& prefix = "") const;
+    /// Values under keys that begin with `prefix` that were written since an earlier call, in the order of the keys.
+    /// \param since     `now` of that call; empty, or from another memory module: all values
+    /// \param maxBytes  values that take more are left out
+    KRMemoryChanges getDataChanges(const std::string& prefix, const std::string& since, int maxBytes) const;
     /// \throws KRError no data under this key
     void removeData(const std::string& key);
 
