@@ -2,6 +2,7 @@
 
 #include "krddsdomain.hpp"
 #include "krlink.hpp"
+#include "krengine.h"
 
 #include <krplatform/krlog.hpp>
 #include <krplatform/krthread.hpp>
@@ -31,7 +32,8 @@ std::string getHostName() {
 
 } // namespace
 
-void KRAnnouncer::start(dds_entity_t participant, dds_entity_t topic, const std::string& id) {
+void KRAnnouncer::start(ddsi_domaingv* engine, dds_entity_t participant, dds_entity_t topic,
+                        const std::string& id) {
     const std::unique_ptr<dds_qos_t, void (*)(dds_qos_t*)> qos(dds_create_qos(), dds_delete_qos);
     // A write does not wait for brokers that are behind: poll() tries again.
     dds_qset_reliability(qos.get(), DDS_RELIABILITY_RELIABLE, 0);
@@ -39,6 +41,7 @@ void KRAnnouncer::start(dds_entity_t participant, dds_entity_t topic, const std:
     dds_qset_history(qos.get(), DDS_HISTORY_KEEP_LAST, 1);
     dds_qset_writer_data_lifecycle(qos.get(), false); // so that a lost broker differs from one that leaves
     const KRLock lock(mutex_);
+    engine_ = engine;
     writer_ = checkDDS(dds_create_writer(participant, topic, qos.get(), nullptr), "writer of announcements");
     id_ = id;
     hostName_ = getHostName();
@@ -74,6 +77,7 @@ KRClaimTime KRAnnouncer::ask(const std::string& module) {
     const KRLock lock(mutex_);
     asked_.insert(module);
     try {
+        krRequestPromptAcks(engine_, writer_);
         announceNow();
     } catch (...) {
         asked_.erase(module);

@@ -11,6 +11,8 @@
 #include <set>
 #include <string>
 
+struct ddsi_domaingv;
+
 namespace KR {
 
 /// What this broker announces of itself, and the names that it asks for. Thread-safe; nothing here waits for others
@@ -19,8 +21,11 @@ class KRAnnouncer {
 public:
     KRAnnouncer(KRTransportHost& host, std::string name) : host_(host), name_(std::move(name)) {}
 
-    /// Begins to announce. Call it once. \param id  identity of the broker \throws KRError the engine refuses
-    void start(dds_entity_t participant, dds_entity_t topic, const std::string& id) KR_EXCLUDES(mutex_);
+    /// Begins to announce. Call it once.
+    /// \param engine  the engine's instance of the domain \param id  identity of the broker
+    /// \throws KRError the engine refuses
+    void start(ddsi_domaingv* engine, dds_entity_t participant, dds_entity_t topic, const std::string& id)
+        KR_EXCLUDES(mutex_);
     /// Ends the announcement, which tells the others that this broker leaves.
     void stop() noexcept KR_EXCLUDES(mutex_);
 
@@ -44,6 +49,7 @@ private:
     const std::string name_;
 
     KRMutex mutex_; // held while the announcement is written, which never waits
+    ddsi_domaingv* engine_ KR_GUARDED_BY(mutex_) = nullptr;
     dds_entity_t writer_ KR_GUARDED_BY(mutex_) = 0; // 0 before start() and after stop()
     std::string id_ KR_GUARDED_BY(mutex_);
     std::string hostName_ KR_GUARDED_BY(mutex_);

@@ -1,5 +1,7 @@
 #include "krddsdomain.hpp"
 
+#include "krdds/krdds.hpp"
+#include "krhostnetwork.hpp"
 #include "krlimitedlog.hpp"
 #include "krsecurityfiles.hpp"
 
@@ -54,10 +56,28 @@ void writeLog(void*, const dds_log_data_t* record) noexcept {
 }
 
 struct Joined {
-    std::string configuration;
+    KRDDSOptions options;
+    bool staysOnHost;
     dds_entity_t domain;
     int brokers;
 };
+
+/// Creates the engine's instance of a domain. \throws KRError the engine refuses
+dds_entity_t createDomain(const KRDDSOptions& options, const KRHostNetwork& network) {
+    const auto create = [&](bool place) {
+        lastError.clear();
+        return dds_create_domain(options.domain, options.getConfiguration(network, place).c_str());
+    };
+    dds_entity_t domain = create(true);
+    if (domain < 0 && options.usesMulticast(network)) {
+        constexpr std::size_t kFew = 5; // that others may have taken or left since
+        const std::size_t taken = KRHostNetwork::examine().findPlaces(options.domain).size();
+        if (taken + kFew >= static_cast<std::size_t>(kMaxDDSProcesses)) {
+            domain = create(false); // those that have a place find it all the same
+        }
+    }
+    return checkDDS(domain, "domain " + std::to_string(options.domain));
+}
 
 KRMutex domainsMutex;
 std::map<std::uint32_t, Joined>& getDomains() KR_REQUIRES(domainsMutex) {
@@ -88,24 +108,23 @@ std::shared_ptr<KRDDSDomain> KRDDSDomain::join(const KRDDSOptions& options) {
     if (!options.security.empty()) {
         checkSecurityFiles(options.security);
     }
-    const std::string configuration = options.getConfiguration();
     const KRLock lock(domainsMutex);
     auto& domains = getDomains();
     const auto found = domains.find(options.domain);
     if (found == domains.end()) {
         dds_set_log_sink(writeLog, nullptr);
-        lastError.clear();
-        const std::string what = "domain " + std::to_string(options.domain);
-        const dds_entity_t domain = checkDDS(dds_create_domain(options.domain, configuration.c_str()), what);
-        domains.emplace(options.domain, Joined{configuration, domain, 1});
-    } else if (found->second.configuration != configuration) {
+        const KRHostNetwork network = KRHostNetwork::examine();
+        const dds_entity_t domain = createDomain(options, network);
+        domains.emplace(options.domain, Joined{options, options.staysOnHost(network), domain, 1});
+    } else if (!found->second.options.agreesWith(options)) {
         throw KRError("KRBroker", "create",
                       "another broker of this process is on DDS domain " + std::to_string(options.domain) +
                           " with other peers, interfaces, lease, fragment or security");
     } else {
         ++found->second.brokers;
     }
-    return std::shared_ptr<KRDDSDomain>(new KRDDSDomain(options.domain));
+    return std::shared_ptr<KRDDSDomain>(
+        new KRDDSDomain(options.domain, domains.at(options.domain).staysOnHost));
 }
 
 KRDDSDomain::~KRDDSDomain() {

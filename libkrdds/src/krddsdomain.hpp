@@ -33,10 +33,13 @@ public:
     KRDDSDomain& operator=(const KRDDSDomain&) = delete;
 
     std::uint32_t getNumber() const noexcept { return number_; }
+    /// Whether no other host can be reached.
+    bool staysOnHost() const noexcept { return staysOnHost_; }
 
 private:
-    explicit KRDDSDomain(std::uint32_t number) : number_(number) {}
+    KRDDSDomain(std::uint32_t number, bool staysOnHost) : number_(number), staysOnHost_(staysOnHost) {}
     const std::uint32_t number_;
+    const bool staysOnHost_;
 };
 
 /// An entity of the engine, deleted with this.

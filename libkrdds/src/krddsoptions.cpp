@@ -2,6 +2,7 @@
 
 #include "krannouncement.hpp"
 #include "krbytes.hpp"
+#include "krdds/krdds.hpp"
 
 #include <krplatform/krerror.hpp>
 
@@ -177,13 +178,31 @@ KRDDSOptions KRDDSOptions::parse(const std::string& url) {
     return options;
 }
 
-std::string KRDDSOptions::getConfiguration() const {
+bool KRDDSOptions::agreesWith(const KRDDSOptions& other) const {
+    return peers == other.peers && interfaces == other.interfaces && lease == other.lease &&
+           fragment == other.fragment && security == other.security;
+}
+
+bool KRDDSOptions::staysOnHost(const KRHostNetwork& network) const {
+    return interfaces.empty() ? network.alone : interfaces == std::vector{network.loopback};
+}
+
+bool KRDDSOptions::usesMulticast(const KRHostNetwork& network) const {
+    return staysOnHost(network) ? network.loopbackMulticast : network.multicast;
+}
+
+std::string KRDDSOptions::getConfiguration(const KRHostNetwork& network, bool place) const {
     std::ostringstream xml;
     xml << "<CycloneDDS><Domain Id=\"any\"><General>";
-    if (!interfaces.empty()) {
+    auto used = interfaces;
+    if (used.empty() && network.alone && network.loopbackMulticast) {
+        used = {network.loopback};
+    }
+    if (!used.empty()) {
         xml << "<Interfaces>";
-        for (const std::string& interface : interfaces) {
-            xml << "<NetworkInterface name=\"" << escapeXml(interface) << "\"/>";
+        for (const std::string& interface : used) {
+            xml << "<NetworkInterface name=\"" << escapeXml(interface) << '"'
+                << (interface == network.loopback && network.loopbackMulticast ? " multicast=\"true\"" : "") << "/>";
         }
         xml << "</Interfaces>";
     }
@@ -192,15 +211,27 @@ std::string KRDDSOptions::getConfiguration() const {
         << "<FragmentSize>" << fragment << "B</FragmentSize></General>";
     // With an index each process on a host has its own known port, where others find it without multicast. 119 is the
     // last index whose port does not belong to the next domain.
-    xml << "<Discovery><ParticipantIndex>auto</ParticipantIndex>"
+    static_assert(kMaxDDSProcesses == 120);
+    xml << "<Discovery><ParticipantIndex>" << (place ? "auto" : "none") << "</ParticipantIndex>"
         << "<MaxAutoParticipantIndex>119</MaxAutoParticipantIndex><Peers>";
     for (const std::string& peer : peers) {
         xml << "<Peer Address=\"" << escapeXml(peer) << "\"/>";
     }
-    if (std::find(peers.begin(), peers.end(), "localhost") == peers.end()) {
-        xml << "<Peer Address=\"localhost\"/>"; // other processes on this host, with or without multicast
+    if (std::find(peers.begin(), peers.end(), "localhost") != peers.end()) {
+        // is in the list already
+    } else if (!usesMulticast(network)) {
+        xml << "<Peer Address=\"localhost\"/>"; // on every port that another process may have
+    } else if (!network.alone) {
+        // Those that came before and use another interface. Those that come later look for this one.
+        for (const std::uint16_t port : network.findPlaces(domain)) {
+            xml << "<Peer Address=\"localhost:" << port << "\"/>";
+        }
     }
-    xml << "</Peers><LeaseDuration>" << lease.count() << "ms</LeaseDuration></Discovery>";
+    // Processes of one host see each other's pulses. What the engine sends to show that a process runs would be most of
+    // what many of them do.
+    constexpr std::chrono::milliseconds kLeaseOnHost{30000};
+    const auto shown = staysOnHost(network) ? std::max(lease, kLeaseOnHost) : lease;
+    xml << "</Peers><LeaseDuration>" << shown.count() << "ms</LeaseDuration></Discovery>";
     // A whole image fits the receive buffer, if the system allows that much, and the writer's cache.
     xml << "<Internal><SocketReceiveBufferSize min=\"default\" max=\"4MB\"/>"
         << "<MaxSampleSize>" << KRReceivedBytes::kMax << "B</MaxSampleSize>"

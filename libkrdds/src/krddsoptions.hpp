@@ -1,5 +1,7 @@
 #pragma once
 
+#include "krhostnetwork.hpp"
+
 #include <chrono>
 #include <cstdint>
 #include <optional>
@@ -22,8 +24,15 @@ struct KRDDSOptions {
     /// \throws KRError the address is malformed
     static KRDDSOptions parse(const std::string& url);
 
-    /// Configuration of the engine for the domain, as XML.
-    std::string getConfiguration() const;
+    /// Whether brokers of one process can share the engine's instance of their domain.
+    bool agreesWith(const KRDDSOptions& other) const;
+    /// Whether no other host can be reached.
+    bool staysOnHost(const KRHostNetwork& network) const;
+    /// Whether processes of one host discover each other by multicast.
+    bool usesMulticast(const KRHostNetwork& network) const;
+    /// Configuration of the engine for the domain, as XML. \param place  whether it listens where others of its host look
+    /// for it without multicast, of which there are kMaxDDSProcesses
+    std::string getConfiguration(const KRHostNetwork& network, bool place) const;
 };
 
 } // namespace KR

@@ -121,6 +121,9 @@ void KRIncomingCalls::take(const KRRequest& request) {
         } else if (const std::string problem = findProblem(caller, bytes); problem.empty()) {
             caller.waiting.emplace(request.sequence, std::move(call));
             caller.waitingBytes += bytes;
+            if (caller.peer && caller.peer->wantReplies()) {
+                wake_();
+            }
             return;
         } else {
             ++refused_;
@@ -220,7 +223,11 @@ std::vector<std::uint64_t> KRIncomingCalls::findUnknown(const std::string& calle
 
 void KRIncomingCalls::setPeer(const std::shared_ptr<KRPeer>& peer) {
     const KRLock lock(mutex_);
-    callers_[peer->getId()].peer = peer;
+    Caller& caller = callers_[peer->getId()];
+    caller.peer = peer;
+    if (!caller.waiting.empty()) {
+        peer->wantReplies();
+    }
 }
 
 void KRIncomingCalls::removePeer(const std::string& id) {

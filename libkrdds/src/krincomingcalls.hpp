@@ -22,7 +22,8 @@ namespace KR {
 ///
 /// A call runs once its caller has been discovered (it may have discovered us first), reads replies, and has fewer
 /// than kMaxRunning calls running here. Until then it waits, without a thread. Both are bounded per caller; what is
-/// beyond the bounds is dropped and counted. Its caller asks about it and gets an error.
+/// beyond the bounds is dropped and counted. Its caller asks about it and gets an error. The first call of a caller has
+/// its peer want replies (KRPeer::wantReplies()).
 class KRIncomingCalls : public std::enable_shared_from_this<KRIncomingCalls> {
 public:
     static constexpr std::size_t kMaxRunning = 512;                          ///< calls of one caller
@@ -44,7 +45,7 @@ public:
     std::vector<std::uint64_t> findUnknown(const std::string& caller,
                                            const std::vector<std::uint64_t>& sequences) KR_EXCLUDES(mutex_);
 
-    /// The caller has been discovered.
+    /// The caller has been discovered. Follow it by what its peer wants then, and poll().
     void setPeer(const std::shared_ptr<KRPeer>& peer) KR_EXCLUDES(mutex_);
     /// The caller is gone: drops its calls that wait.
     void removePeer(const std::string& id) KR_EXCLUDES(mutex_);

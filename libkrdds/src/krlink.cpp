@@ -12,7 +12,10 @@
 #include "krvision.h"
 
 #include <algorithm>
+#include <array>
+#include <set>
 #include <string_view>
+#include <unistd.h>
 #include <vector>
 
 namespace KR {
@@ -20,15 +23,14 @@ namespace KR {
 namespace {
 
 constexpr const char* kCategory = "krdds";
-constexpr int kStartPoll_ms = 10;
-constexpr int kFewestStartPolls = 10;
-constexpr int kStartPollsAlone = 30; // on a busy machine it takes a while until another is heard of
-constexpr int kMostStartPolls = 100;
+constexpr int kStartPoll_ms = 2;
+constexpr std::chrono::milliseconds kStartPatience{1000};
+constexpr std::chrono::milliseconds kSilencePatience{300}; // with processes of this host that may not be brokers
+constexpr std::chrono::milliseconds kNetworkPatience{30};  // with the first answer of another host
 constexpr std::chrono::milliseconds kClaimPatience{300};
 constexpr std::chrono::milliseconds kFewestAckPatience{10000};
 constexpr std::chrono::milliseconds kLastAnswersPatience{1000};
 constexpr int kMaxInquiriesAnswered = 16;
-constexpr std::string_view kBrokerMark = "KRVision"; // user data of a participant that is a broker
 
 using Qos = std::unique_ptr<dds_qos_t, void (*)(dds_qos_t*)>;
 
@@ -56,7 +58,54 @@ bool isBroker(const dds_builtintopic_participant_t& participant) {
         return false;
     }
     const std::unique_ptr<void, void (*)(void*)> owned(mark, dds_free);
-    return std::string_view(static_cast<const char*>(mark), size) == kBrokerMark;
+    return std::string_view(static_cast<const char*>(mark), size).starts_with(KRLink::kMark);
+}
+
+/// A property that the engine gives a participant; empty without it.
+std::string getProperty(const dds_builtintopic_participant_t& participant, const char* name) {
+    char* value = nullptr;
+    if (!dds_qget_prop(participant.qos, name, &value) || value == nullptr) {
+        return {};
+    }
+    const std::unique_ptr<char, void (*)(void*)> owned(value, dds_free);
+    return value;
+}
+
+/// Participants that have been discovered.
+struct Discovered {
+    std::vector<std::string> brokers; // identities
+    std::set<std::string> ports;      // ":7410@" for instance, where those of this host listen
+};
+
+/// \param reader  of the engine's list of participants
+Discovered readParticipants(dds_entity_t reader) {
+    constexpr std::uint32_t kMost = 1000;
+    std::array<char, 256> host{};
+    gethostname(host.data(), host.size() - 1);
+    Discovered discovered;
+    KRLoan loan(kMost);
+    const dds_return_t count = loan.fill(reader, dds_read);
+    for (dds_return_t i = 0; i < count; ++i) {
+        const auto& participant = *static_cast<const dds_builtintopic_participant_t*>(loan.getSample(i));
+        if (loan.getInfo(i).instance_state != DDS_ALIVE_INSTANCE_STATE) {
+            continue;
+        }
+        if (isBroker(participant)) {
+            discovered.brokers.push_back(toText(participant.key));
+        }
+        if (getProperty(participant, "__Hostname") != host.data()) {
+            continue;
+        }
+        // "udp/239.255.0.1:7400@1,udp/127.0.0.1:7410@1"
+        const std::string addresses = getProperty(participant, "__NetworkAddresses");
+        for (auto at = addresses.find('@'); at != std::string::npos; at = addresses.find('@', at + 1)) {
+            const auto colon = addresses.rfind(':', at);
+            if (colon != std::string::npos) {
+                discovered.ports.insert(addresses.substr(colon, at - colon + 1));
+            }
+        }
+    }
+    return discovered;
 }
 
 std::vector<std::uint64_t> decodeInquiry(const KRRequest& request) {
@@ -135,7 +184,7 @@ dds_entity_t KRLink::createReader(dds_entity_t topic, const dds_qos_t* qos,
 
 void KRLink::createEntities() {
     const Qos marked = createQos();
-    dds_qset_userdata(marked.get(), kBrokerMark.data(), kBrokerMark.size());
+    dds_qset_userdata(marked.get(), kMark.data(), kMark.size());
     participant_ = KRDDSEntity(checkDDS(dds_create_participant(options_.domain, marked.get(), nullptr),
                                         options_.security.empty()
                                             ? "participant"
@@ -144,6 +193,9 @@ void KRLink::createEntities() {
     dds_guid_t guid{};
     checkDDS(dds_get_guid(participant, &guid), "identity");
     id_ = toText(guid);
+    if (domain_->staysOnHost()) {
+        pulse_ = std::make_unique<KRPulse>(id_); // before others hear of this broker
+    }
 
     const auto createAnnouncementTopic = [&] {
         return checkDDS(
@@ -152,7 +204,7 @@ void KRLink::createEntities() {
     };
     const std::string prefix = "KRVision/" + std::to_string(kProtocol);
     connection_ = {participant,
-                   createMessageTopic(participant, (prefix + "/Request").c_str(), "KRVision::Request"),
+                   createMessageTopic(participant, (prefix + "/Request").c_str(), "KRVision::Request", &engine_),
                    createMessageTopic(participant, (prefix + "/Reply").c_str(), "KRVision::Reply"),
                    id_,
                    std::max(options_.lease, kFewestAckPatience),
@@ -180,14 +232,17 @@ void KRLink::createEntities() {
     filter.arg = this;
     checkDDS(dds_set_topic_filter_extended(admitted, &filter), "filter");
     announcementReader_ = createReader(admitted, announcements.get(), onAnnouncement);
-    announcer_.start(participant, createAnnouncementTopic(), id_);
+    announcer_.start(engine_, participant, createAnnouncementTopic(), id_);
 }
 
-// Writers towards other brokers are made when these come. That they may be made is found out here, where it can be
+// Writers towards other brokers are made at the first call. That they may be made is found out here, where it can be
 // reported to whoever asked for a broker.
 void KRLink::checkPermissions() {
     try {
-        KRPeer(connection_, id_, "in this process").close();
+        KRPeer self(connection_, id_, "in this process");
+        self.openRequests();
+        self.openReplies();
+        self.close();
     } catch (const KRError& error) {
         throw KRError("KRBroker", "create",
                       "a broker must be allowed to publish requests and replies: " + error.getDescription());
@@ -203,34 +258,35 @@ void KRLink::start() {
     takeReplies();
     announcer_.announce();
     thread_ = std::thread([this] { run(); });
-    const KRDDSEntity participants(
-        checkDDS(dds_create_reader(participant_.get(), DDS_BUILTIN_TOPIC_DCPSPARTICIPANT, nullptr, nullptr),
-                 "reader"));
-    for (int polls = 1; polls <= kMostStartPolls; ++polls) {
-        sleepMilliseconds(kStartPoll_ms);
-        if (polls >= (directory_.isEmpty() ? kStartPollsAlone : kFewestStartPolls) &&
-            knowsBrokersOf(participants.get())) {
-            break;
-        }
-    }
+    waitForBrokersThatAreThere();
     logInfo(kCategory,
             "broker " + escapeText(options_.name) + " is on DDS domain " + std::to_string(options_.domain));
 }
 
-// A broker's participant is discovered before its modules.
-bool KRLink::knowsBrokersOf(dds_entity_t participants) const {
-    KRLoan loan(1000);
-    const dds_return_t count = loan.fill(participants, dds_read);
-    for (dds_return_t i = 0; i < count; ++i) {
-        const auto& participant = *static_cast<const dds_builtintopic_participant_t*>(loan.getSample(i));
-        if (loan.getInfo(i).instance_state == DDS_ALIVE_INSTANCE_STATE && isBroker(participant)) {
-            const std::string id = toText(participant.key);
-            if (id != id_ && !directory_.isSettled(id)) {
-                return false;
-            }
-        }
+// A broker's participant is discovered before its modules. Processes of this host can be counted: their ports are taken.
+void KRLink::waitForBrokersThatAreThere() const {
+    using Clock = std::chrono::steady_clock;
+    const KRDDSEntity reader(
+        checkDDS(dds_create_reader(participant_.get(), DDS_BUILTIN_TOPIC_DCPSPARTICIPANT, nullptr, nullptr),
+                 "reader"));
+    const auto begin = Clock::now();
+    const auto places = KRHostNetwork::examine().findPlaces(options_.domain);
+    const auto isComplete = [&] {
+        const auto waited = Clock::now() - begin;
+        const Discovered discovered = readParticipants(reader.get());
+        const auto heard = std::count_if(places.begin(), places.end(), [&](std::uint16_t port) {
+            return discovered.ports.contains(":" + std::to_string(port) + "@");
+        });
+        const bool allHeard = heard + 1 >= std::ssize(places); // one is our own
+        const bool allKnown = std::all_of(
+            discovered.brokers.begin(), discovered.brokers.end(),
+            [&](const std::string& id) { return id == id_ || directory_.knows(id); });
+        return allKnown && (allHeard || waited >= kSilencePatience) &&
+               (domain_->staysOnHost() || waited >= kNetworkPatience);
+    };
+    while (!isComplete() && Clock::now() - begin < kStartPatience) {
+        sleepMilliseconds(kStartPoll_ms);
     }
-    return true;
 }
 
 void KRLink::stop() noexcept {
@@ -384,7 +440,13 @@ void KRLink::takeRequest(KRRequest request) {
 void KRLink::answerInquiry(const KRRequest& request) {
     const auto peer = directory_.find(request.broker);
     const auto unknown = calls_->findUnknown(request.broker, decodeInquiry(request));
-    if (unknown.empty() || !peer || !peer->readsReplies()) {
+    if (unknown.empty() || !peer) {
+        return; // it asks again
+    }
+    if (!peer->readsReplies()) {
+        if (peer->wantReplies()) {
+            wake();
+        }
         return; // it asks again
     }
     if (++inquiriesAnswered_ > kMaxInquiriesAnswered || !post([this, peer, unknown] {

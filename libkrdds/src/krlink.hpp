@@ -5,6 +5,7 @@
 #include "krddsoptions.hpp"
 #include "krincomingcalls.hpp"
 #include "krpeerdirectory.hpp"
+#include "krpulse.hpp"
 #include "krsenders.hpp"
 
 #include <krplatform/krmutex.hpp>
@@ -17,6 +18,7 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <string_view>
 #include <thread>
 
 namespace KR {
@@ -28,11 +30,12 @@ namespace KR {
 class KRLink : public KRTransport {
 public:
     static constexpr std::uint32_t kProtocol = 1;
+    static constexpr std::string_view kMark = "KRVision"; ///< user data of a broker's participant begin with it
 
     KRLink(KRDDSOptions options, KRTransportHost& host);
     ~KRLink() override { KRLink::stop(); }
 
-    /// Serves, and polls until the brokers that are there are known, for a second or so at most.
+    /// Serves, and waits until the brokers that are there are known, for a second or so at most.
     void start() override;
     void stop() noexcept override;
     void announceModules() noexcept override;
@@ -51,8 +54,7 @@ private:
     void createEntities();
     void checkPermissions();
     dds_entity_t createReader(dds_entity_t topic, const dds_qos_t* qos, dds_on_data_available_fn onData);
-    /// Whether all participants that are brokers are known and can be called.
-    bool knowsBrokersOf(dds_entity_t participants) const;
+    void waitForBrokersThatAreThere() const;
 
     // On the threads of the engine.
     void takeRequests();
@@ -66,11 +68,17 @@ private:
 
     // On the thread KRDDS.
     void run() noexcept;
-    void pollDiscovery();
+    /// \param news  something has happened since the last time
+    void pollDiscovery(bool news);
     void takeAnnouncements();
     void takeAnnouncement(const void* sample, const dds_sample_info_t& info);
     std::set<dds_instance_handle_t> getAnnouncers() const;
+    void openReplies();
     void inquireOfPeers();
+    /// Beats, and forgets the processes of this host that do not.
+    void watchPulses();
+    /// Has the engine show this process to all others once more.
+    void showAgain();
 
     void wake() KR_EXCLUDES(wakeMutex_);
     /// Waits until pollDiscovery() has run that began after this call, or for a while.
@@ -84,7 +92,9 @@ private:
     KRTransportHost& host_; // not used after stop()
     const std::shared_ptr<KRDDSDomain> domain_;
     KRDDSEntity participant_;
+    ddsi_domaingv* engine_ = nullptr;
     std::string id_;
+    std::unique_ptr<KRPulse> pulse_; // null: other hosts may be reached, so the engine shows that this process runs
     KRPeer::Connection connection_;
     dds_entity_t announcementReader_ = 0;
     dds_entity_t requestReader_ = 0;
@@ -104,7 +114,11 @@ private:
     KRAnnouncer announcer_;
     const std::shared_ptr<KRIncomingCalls> calls_; // calls that run share it
     KRPeerDirectory directory_;
-    std::chrono::steady_clock::time_point lastInquiry_; // used by the thread KRDDS
+    std::chrono::steady_clock::time_point lastInquiry_; // this and the next are used by the thread KRDDS
+    std::chrono::steady_clock::time_point started_;
+    std::chrono::steady_clock::time_point lastBeat_;
+    int shownAgain_ = 0; // times
+    KRPulses pulses_;
 
     KRMutex wakeMutex_; // taken last
     KRCondition woken_;

@@ -2,13 +2,19 @@
 
 #include "krlink.hpp"
 
+#include "krengine.h"
 #include "krloan.hpp"
 #include "krvaluecode.hpp"
 
+#include <krplatform/krerror.hpp>
 #include <krplatform/krthread.hpp>
 
 #include "krvision.h"
 
+#include <algorithm>
+#include <array>
+#include <memory>
+#include <utility>
 #include <vector>
 
 namespace KR {
@@ -16,18 +22,26 @@ namespace KR {
 namespace {
 
 constexpr std::chrono::seconds kInquiryAge{1}; // of a call that is asked about, and how often
-constexpr std::chrono::milliseconds kPollInterval{200};
+constexpr std::chrono::milliseconds kTick{500};
+constexpr std::chrono::milliseconds kShortestTick{25};
+constexpr int kBeatsInLease = 4;
+// A packet by which the engine shows a process may be lost when many start at once; it sends the next one much later.
+constexpr std::array<int, 4> kShowAgainAfter_ms{500, 1500, 4000, 10000};
+constexpr int kTicksOfQuiet = 20; // whatever happens is reported; this is in case it is not
 constexpr std::chrono::seconds kPollPatience{10}; // much longer than a poll takes on a busy machine
 
 } // namespace
 
 void KRLink::run() noexcept {
     setThreadName("KRDDS");
-    while (!stopping_) {
+    const auto tick = std::clamp(options_.lease / kBeatsInLease, kShortestTick, kTick);
+    started_ = lastBeat_ = std::chrono::steady_clock::now();
+    for (int ticks = 0; !stopping_; ++ticks) {
+        bool news = false;
         std::uint64_t poll = 0;
         {
             KRLock lock(wakeMutex_);
-            woken_.waitFor(lock, kPollInterval, [this] {
+            news = woken_.waitFor(lock, tick, [this] {
                 wakeMutex_.assertHeld();
                 return wake_;
             });
@@ -35,8 +49,11 @@ void KRLink::run() noexcept {
             poll = ++pollsBegun_;
         }
         try {
+            if (!stopping_ && pulse_ && std::chrono::steady_clock::now() - lastBeat_ >= tick) {
+                watchPulses();
+            }
             if (!stopping_) {
-                pollDiscovery();
+                pollDiscovery(news || ticks % kTicksOfQuiet == 0);
             }
         } catch (const std::exception& error) { // short of memory, for instance; it goes on next time
             failures_.write(KRLogLevel::Error, std::string("discovery: ") + error.what());
@@ -47,9 +64,13 @@ void KRLink::run() noexcept {
     }
 }
 
-void KRLink::pollDiscovery() {
-    takeAnnouncements();
-    directory_.poll(getAnnouncers());
+void KRLink::pollDiscovery(bool news) {
+    if (news || directory_.hasConflicts()) {
+        takeAnnouncements();
+        openReplies();
+        directory_.poll(getAnnouncers());
+        pulses_.keep([this](const std::string& id) { return directory_.knows(id); });
+    }
     calls_->poll();
     announcer_.poll();
     inquireOfPeers();
@@ -86,7 +107,11 @@ void KRLink::takeAnnouncement(const void* sample, const dds_sample_info_t& info)
         return;
     }
     if (info.valid_data) {
-        directory_.accept(connection_, KRAnnouncement::parse(message, kProtocol), info.publication_handle);
+        KRAnnouncement announcement = KRAnnouncement::parse(message, kProtocol);
+        if (pulse_) {
+            pulses_.watch(announcement.broker, announcement.host, static_cast<pid_t>(announcement.pid));
+        }
+        directory_.accept(connection_, std::move(announcement), info.publication_handle);
     }
     if (disposed) {
         directory_.remove(message.broker, "has left the domain");
@@ -104,6 +129,47 @@ std::set<dds_instance_handle_t> KRLink::getAnnouncers() const {
         }
         writers.resize(2 * static_cast<std::size_t>(count));
     }
+}
+
+void KRLink::openReplies() {
+    for (const auto& peer : directory_.list()) {
+        if (!peer->wantsReplies() || peer->readsReplies()) {
+            continue;
+        }
+        try {
+            peer->openReplies();
+        } catch (const KRError& error) { // permissions, for instance
+            failures_.write(KRLogLevel::Error, "the broker " + peer->getLocation() +
+                                                   " cannot be answered: " + error.getDescription());
+        }
+    }
+}
+
+void KRLink::watchPulses() {
+    const auto now = std::chrono::steady_clock::now();
+    pulse_->beat();
+    const bool wasFrozen = now - lastBeat_ >= options_.lease; // so that others may have forgotten this process
+    lastBeat_ = now;
+    const auto shown = static_cast<std::size_t>(shownAgain_);
+    if (wasFrozen) {
+        showAgain();
+    } else if (shown < kShowAgainAfter_ms.size() &&
+               now - started_ >= std::chrono::milliseconds(kShowAgainAfter_ms[shown])) {
+        showAgain();
+    }
+    for (const std::string& id : pulses_.findSilent(kBeatsInLease, options_.lease)) {
+        const dds_guid_t guid = toGuid(id);
+        krForgetParticipant(engine_, &guid);
+    }
+}
+
+void KRLink::showAgain() {
+    // The engine sends what has changed: so something does.
+    ++shownAgain_;
+    const std::string mark = std::string(kMark) + (shownAgain_ % 2 == 0 ? "" : " ");
+    const std::unique_ptr<dds_qos_t, void (*)(dds_qos_t*)> qos(dds_create_qos(), dds_delete_qos);
+    dds_qset_userdata(qos.get(), mark.data(), mark.size());
+    dds_set_qos(participant_.get(), qos.get());
 }
 
 void KRLink::inquireOfPeers() {

@@ -15,6 +15,8 @@ namespace KR {
 
 /// Sends messages to one broker. Keeps each until it is acknowledged, within the engine's bounds. Thread-safe.
 ///
+/// The engine's writer is made when it is first needed: each costs all other processes memory and messages.
+///
 /// The engine holds a writer's lock for as long as a write waits for the reader, and deleting the writer waits for that
 /// lock. So only one thread is in the engine at a time, for a moment only, and the others wait here, where they can
 /// be woken.
@@ -28,9 +30,8 @@ public:
     };
 
     /// \param partition  identity of the broker that reads
-    /// \param onMatched  called once it does, on a thread of the engine, possibly before the constructor returns
-    /// \throws KRError the engine refuses, because of this process's permissions for instance
-    KRMessageWriter(dds_entity_t participant, dds_entity_t topic, const std::string& partition,
+    /// \param onMatched  called once it does, on a thread of the engine or inside open() and write()
+    KRMessageWriter(dds_entity_t participant, dds_entity_t topic, std::string partition,
                     std::function<void()> onMatched);
     ~KRMessageWriter() { close(); }
     KRMessageWriter(const KRMessageWriter&) = delete;
@@ -38,8 +39,18 @@ public:
 
     /// Whether the other reads, or has read.
     bool isMatched() const noexcept { return matched_; }
+    /// Whether there is a writer, but the other does not read yet.
+    bool isWaitingForReader() const KR_EXCLUDES(mutex_) {
+        const KRLock lock(mutex_);
+        return opened_ && !matched_;
+    }
 
-    /// Waits while the reader is behind, at most `patience`.
+    /// Makes the engine's writer, if there is none yet. Does not wait for the other broker.
+    /// \throws KRError the engine refuses, because of this process's permissions for instance
+    void open() KR_EXCLUDES(mutex_);
+
+    /// Makes the engine's writer if there is none, and waits until the other reads and while it is behind, at most
+    /// `patience`. \throws KRError as open()
     Outcome write(KRComposedBytes message, std::chrono::milliseconds patience) KR_EXCLUDES(mutex_);
 
     /// Ends writes under way without waiting for them.
@@ -49,14 +60,19 @@ public:
 
 private:
     static void onMatched(dds_entity_t, dds_publication_matched_status_t status, void* writer);
+    KRDDSEntity createWriter();
 
+    const dds_entity_t participant_;
+    const dds_entity_t topic_;
+    const std::string partition_;
     const std::function<void()> onMatched_;
     std::atomic<bool> matched_ = false;
-    KRDDSEntity writer_; // deleted only when nobody is in the engine and closed_ is set
+    KRDDSEntity writer_; // made and deleted by whom busy_ names, used while closed_ is not set
 
-    KRMutex mutex_;
+    mutable KRMutex mutex_;
     KRCondition changed_;
-    bool busy_ KR_GUARDED_BY(mutex_) = false; // a thread is in the engine
+    bool busy_ KR_GUARDED_BY(mutex_) = false;   // a thread is in the engine
+    bool opened_ KR_GUARDED_BY(mutex_) = false; // writer_ has been made
     bool closed_ KR_GUARDED_BY(mutex_) = false;
 };
 

@@ -71,7 +71,12 @@ KRValue KRPeer::call(const std::string& module, std::string_view method, std::sp
     if (!failure.empty()) {
         fail(failure);
     }
-    const auto outcome = requests_.write(std::move(message), patience_);
+    auto outcome = KRMessageWriter::Outcome::Refused;
+    try {
+        outcome = requests_.write(std::move(message), patience_);
+    } catch (const KRError& error) { // permissions, for instance
+        failure = error.getDescription();
+    }
     {
         KRLock lock(mutex_);
         if (outcome == KRMessageWriter::Outcome::Sent) {
@@ -81,7 +86,7 @@ KRValue KRPeer::call(const std::string& module, std::string_view method, std::sp
             });
         }
         pending_.erase(request.sequence);
-        if (!pending.reply) {
+        if (!pending.reply && failure.empty()) {
             failure = describe(outcome);
         }
     }

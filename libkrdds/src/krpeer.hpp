@@ -21,7 +21,8 @@ namespace KR {
 /// Another broker on the domain, and the calls from here that it has not answered. Thread-safe.
 ///
 /// It has its own writers, so that a broker that does not read blocks only its callers. They keep every message
-/// until it is acknowledged: a reply is never lost to a broker that lives.
+/// until it is acknowledged: a reply is never lost to a broker that lives. They are made when the first call goes
+/// there or comes from there.
 class KRPeer {
 public:
     /// What a peer needs to know of this process.
@@ -35,13 +36,20 @@ public:
             onMatched; ///< a peer reads requests or replies now; runs on a thread of the engine
     };
 
-    /// \throws KRError the engine refuses the writers
     KRPeer(const Connection& connection, std::string id, std::string location);
 
     const std::string& getId() const noexcept { return id_; }
     const std::string& getLocation() const noexcept { return location_; }
-    bool readsRequests() const noexcept { return requests_.isMatched(); }
+    /// Whether calls to there wait until it reads them.
+    bool isConnecting() const { return requests_.isWaitingForReader(); }
     bool readsReplies() const noexcept { return replies_.isMatched(); }
+    /// Has openReplies() called soon, if it has not been. \return whether this is new
+    bool wantReplies() noexcept { return !wantsReplies_.exchange(true); }
+    bool wantsReplies() const noexcept { return wantsReplies_; }
+    /// Prepares for answers to calls from there. \throws KRError the engine refuses
+    void openReplies() { replies_.open(); }
+    /// Prepares for calls to there, which the first one does as well. \throws KRError the engine refuses
+    void openRequests() { requests_.open(); }
 
     /// Fails the calls under way, and all from now on. `why` is for people.
     void setGone(const std::string& why) KR_EXCLUDES(mutex_);
@@ -83,6 +91,7 @@ private:
     KRMessageWriter requests_;
     KRMessageWriter replies_;
     std::atomic<bool> inquiring_ = false;
+    std::atomic<bool> wantsReplies_ = false;
 
     mutable KRMutex mutex_;
     std::string gone_ KR_GUARDED_BY(mutex_); // why, once it is

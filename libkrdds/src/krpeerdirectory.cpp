@@ -46,10 +46,10 @@ std::vector<std::shared_ptr<KRPeer>> KRPeerDirectory::list() const {
     return peers;
 }
 
-bool KRPeerDirectory::isSettled(const std::string& id) const {
+bool KRPeerDirectory::knows(const std::string& id) const {
     const KRLock lock(mutex_);
     const auto found = neighbors_.find(id);
-    return found != neighbors_.end() && (!found->second.peer || found->second.peer->readsRequests());
+    return found != neighbors_.end();
 }
 
 bool KRPeerDirectory::isEmpty() const {
@@ -87,8 +87,8 @@ void KRPeerDirectory::describe(KRBrokerDiagnostics& diagnostics) const {
     for (const auto& [id, neighbor] : neighbors_) {
         KRPeerDiagnostics peer{neighbor.location, neighbor.protocol, KRPeerDiagnostics::State::Refused, {}};
         if (neighbor.peer) {
-            peer.state = neighbor.peer->readsRequests() ? KRPeerDiagnostics::State::Connected
-                                                        : KRPeerDiagnostics::State::Connecting;
+            peer.state = neighbor.peer->isConnecting() ? KRPeerDiagnostics::State::Connecting
+                                                       : KRPeerDiagnostics::State::Connected;
         }
         for (const auto& [name, announced] : neighbor.modules) {
             if (announced.state == KRModuleState::Open) {
@@ -189,13 +189,7 @@ std::shared_ptr<KRPeer> KRPeerDirectory::makePeer(const KRPeer::Connection& conn
                                                "version on both");
         return nullptr;
     }
-    try {
-        return std::make_shared<KRPeer>(connection, announcement.broker, announcement.getLocation());
-    } catch (const KRError& error) { // permissions, for instance
-        refusals_.write(KRLogLevel::Error, "the broker " + announcement.getLocation() +
-                                               " cannot be called: " + error.getDescription());
-        return nullptr;
-    }
+    return std::make_shared<KRPeer>(connection, announcement.broker, announcement.getLocation());
 }
 
 void KRPeerDirectory::remove(const std::string& id, const std::string& why) {
@@ -239,7 +233,7 @@ std::map<std::string, KRPeerDirectory::Wanted> KRPeerDirectory::chooseModules(Co
     {
         const KRLock lock(mutex_);
         for (const auto& [id, neighbor] : neighbors_) {
-            if (!neighbor.peer || !neighbor.peer->readsRequests()) {
+            if (!neighbor.peer) {
                 continue;
             }
             for (const auto& [name, announced] : neighbor.modules) {

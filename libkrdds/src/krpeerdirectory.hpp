@@ -40,8 +40,8 @@ public:
 
     std::shared_ptr<KRPeer> find(const std::string& id) const KR_EXCLUDES(mutex_);
     std::vector<std::shared_ptr<KRPeer>> list() const KR_EXCLUDES(mutex_);
-    /// Whether a broker is known and can be called, or has been refused.
-    bool isSettled(const std::string& id) const KR_EXCLUDES(mutex_);
+    /// Whether a broker has announced itself; it may have been refused.
+    bool knows(const std::string& id) const KR_EXCLUDES(mutex_);
     bool isEmpty() const KR_EXCLUDES(mutex_);
 
     struct OtherClaims {
@@ -63,6 +63,8 @@ public:
                 dds_instance_handle_t writer) KR_EXCLUDES(mutex_);
     /// A broker is gone. \param why  for people, "has left the domain"
     void remove(const std::string& id, const std::string& why) KR_EXCLUDES(mutex_);
+    /// Whether poll() has to watch how long there are two modules of one name.
+    bool hasConflicts() const noexcept { return !conflicts_.empty(); }
     /// Removes brokers whose announcement is no longer written, and reports changes of modules to the host.
     /// \param announcers  the writers of announcements that exist now
     void poll(const std::set<dds_instance_handle_t>& announcers) KR_EXCLUDES(mutex_);

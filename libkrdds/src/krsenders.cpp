@@ -13,6 +13,15 @@ std::string toText(const dds_guid_t& guid) {
     return text;
 }
 
+dds_guid_t toGuid(const std::string& text) {
+    const auto toDigit = [](char c) { return c <= '9' ? c - '0' : c - 'a' + 10; };
+    dds_guid_t guid{};
+    for (std::size_t i = 0; i < sizeof guid.v; ++i) {
+        guid.v[i] = static_cast<std::uint8_t>(toDigit(text.at(2 * i)) << 4 | toDigit(text.at(2 * i + 1)));
+    }
+    return guid;
+}
+
 std::string KRSenders::find(dds_entity_t reader, dds_instance_handle_t writer) {
     {
         const KRLock lock(mutex_);

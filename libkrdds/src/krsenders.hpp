@@ -12,6 +12,9 @@ namespace KR {
 /// An identity as text: 32 hexadecimal digits.
 std::string toText(const dds_guid_t& guid);
 
+/// The identity that is written so. \param text  32 hexadecimal digits in lower case
+dds_guid_t toGuid(const std::string& text);
+
 /// Who wrote what a reader has received. A broker's identity is that of its participant, which the engine vouches for:
 /// with security on it has checked its credentials. What a message says of its sender proves nothing. Thread-safe.
 class KRSenders {

@@ -298,7 +298,8 @@ const ddsi_sertype_ops kTypeOperations = [] {
 
 } // namespace
 
-dds_entity_t createMessageTopic(dds_entity_t participant, const char* topicName, const char* typeName) {
+dds_entity_t createMessageTopic(dds_entity_t participant, const char* topicName, const char* typeName,
+                                ddsi_domaingv** engine) {
     auto* type = new MessageType;
     ddsi_sertype_init(type, typeName, &kTypeOperations, &kMessageOperations, true);
     type->allowed_data_representation = DDS_DATA_REPRESENTATION_FLAG_XCDR1;
@@ -307,6 +308,8 @@ dds_entity_t createMessageTopic(dds_entity_t participant, const char* topicName,
         dds_create_topic_sertype(participant, topicName, &given, nullptr, nullptr, nullptr);
     if (topic < 0) {
         ddsi_sertype_unref(type);
+    } else if (engine != nullptr) {
+        *engine = static_cast<ddsi_domaingv*>(ddsrt_atomic_ldvoidp(&given->gv));
     }
     return checkDDS(topic, "topic");
 }

@@ -6,13 +6,17 @@
 
 #include <memory>
 
+struct ddsi_domaingv;
 struct ddsi_serdata;
 
 namespace KR {
 
 /// Creates a topic whose messages the engine sends and receives as bytes, so that pixels are copied only when it splits a
-/// message into fragments and reassembles it. \throws KRError the engine refuses
-dds_entity_t createMessageTopic(dds_entity_t participant, const char* topicName, const char* typeName);
+/// message into fragments and reassembles it.
+/// \param engine  receives the engine's instance of the domain unless null
+/// \throws KRError the engine refuses
+dds_entity_t createMessageTopic(dds_entity_t participant, const char* topicName, const char* typeName,
+                                ddsi_domaingv** engine = nullptr);
 
 /// Writes a message. Waits while the reader is behind, at most the writer's maximum blocking time.
 /// \return the engine's code: 0, DDS_RETCODE_TIMEOUT if the message was not written, or another negative one

@@ -47,6 +47,17 @@ TEST(KRDDSDeparture, CallsUnderWayToAProcessThatIsKilledFailAndItsModulesGo) {
     EXPECT_EQ(proxy->call<int>("getPid"), next.getPid());
 }
 
+TEST(KRDDSDeparture, AProcessOfThisHostThatIsKilledIsGoneLongBeforeItsLeaseIsOver) {
+    const TestDomain domain;
+    const std::string options = "lease=300";
+    OtherProcess server(domain.getUrl(options), {"module", "Server"});
+    const auto broker = domain.createBroker(options);
+    ASSERT_TRUE(broker->getSession().waitForService("Server", kPatience));
+    server.kill();
+    EXPECT_TRUE(eventually([&] { return broker->getModuleList().empty(); }));
+    const auto module = makeModule(broker, "Server"); // its name is free
+}
+
 TEST(KRDDSDeparture, AProcessThatIsFrozenCountsAsGoneUntilItIsBack) {
     const TestDomain domain;
     OtherProcess server(domain.getUrl(kShortLease), {"module", "Server"});

@@ -268,14 +268,19 @@ TEST_F(KRDDSWire, AnAnnouncementOfAStateThatNoModuleHasIsDropped) {
     EXPECT_EQ(broker->getModuleList(), std::vector<std::string>{"Module"});
 }
 
-TEST_F(KRDDSWire, AModuleIsNotAnnouncedBeforeItsBrokerReadsCalls) {
+TEST_F(KRDDSWire, ACallWaitsUntilTheBrokerReadsCalls) {
     stranger.announce(1, makeModuleList("Ghost", 1, 100));
-    // The name is taken, so the announcement has come.
-    EXPECT_TRUE(
-        eventually([&] { return refusalOf(broker, "Ghost").find("(stranger)") != std::string::npos; }));
-    EXPECT_EQ(broker->getModuleList(), std::vector<std::string>{"Module"});
-    stranger.readRequests();
-    EXPECT_TRUE(broker->getSession().waitForService("Ghost", kPatience));
+    ASSERT_TRUE(broker->getSession().waitForService("Ghost", kPatience));
+    EXPECT_EQ(broker->getDiagnostics().peers[0].state, KRPeerDiagnostics::State::Connected);
+    auto call = std::async(std::launch::async, [&] { return broker->getProxy("Ghost")->call<int>("go"); });
+    EXPECT_TRUE(eventually([&] {
+        return broker->getDiagnostics().peers[0].state == KRPeerDiagnostics::State::Connecting;
+    }));
+    const dds_entity_t requests = stranger.readRequests();
+    std::uint64_t number = 0;
+    takeNext<KRVision_Request>(requests, [&](const KRVision_Request& taken) { number = taken.number; });
+    stranger.reply(stranger.findBroker(stranger.getId()), number, 0, {7});
+    EXPECT_EQ(resultOf(call), 7);
 }
 
 TEST_F(KRDDSWire, AModuleThatCameBackIsAnotherOne) {

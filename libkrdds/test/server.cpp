@@ -146,10 +146,21 @@ private:
             return KRBinary::copyOf(std::string(size, 'i').data(), size);
         });
         add("countImages", [this] { return images_.load(); });
+        // Takes the name for a module of this process. \return whether nobody else has it
+        add("take", [this](const std::string& name) {
+            try {
+                taken_ = makeModule(getParentBroker(), name);
+                return true;
+            } catch (const KRError&) {
+                return false;
+            }
+        });
+        add("giveBack", [this] { taken_.reset(); });
         add("exit", [this] { exit(); });
     }
 
     Event released_;
+    KRModuleHandle<TestModule> taken_;
     std::atomic<int> blocked_ = 0;
     std::atomic<bool> outlived_ = false;
     std::atomic<int> images_ = 0;

@@ -1,0 +1,160 @@
+#include "krpulse.hpp"
+
+#include <cerrno>
+#include <dirent.h>
+#include <fcntl.h>
+#include <fstream>
+#include <string_view>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/utsname.h>
+#include <unistd.h>
+
+namespace KR {
+
+namespace {
+
+constexpr std::size_t kSize = 4096;
+constexpr int kSeals = F_SEAL_SHRINK | F_SEAL_GROW; // so that reading it never fails
+
+std::string getMemoryName(const std::string& id) {
+    return "krvision-pulse-" + id;
+}
+
+std::string getHostName() {
+    utsname names{};
+    return uname(&names) == 0 ? names.nodename : "";
+}
+
+/// Whether the process has ended, its parent may not have noticed.
+bool hasEnded(pid_t process) {
+    std::ifstream file("/proc/" + std::to_string(process) + "/stat");
+    std::string line;
+    if (!std::getline(file, line)) {
+        return true;
+    }
+    const auto afterName = line.rfind(") ");
+    return afterName != std::string::npos && (line[afterName + 2] == 'Z' || line[afterName + 2] == 'X');
+}
+
+} // namespace
+
+KRPulse::KRPulse(const std::string& id) noexcept {
+    file_ = memfd_create(getMemoryName(id).c_str(), MFD_CLOEXEC | MFD_ALLOW_SEALING);
+    if (file_ < 0 || ftruncate(file_, kSize) != 0) {
+        return;
+    }
+    void* const memory = mmap(nullptr, kSize, PROT_READ | PROT_WRITE, MAP_SHARED, file_, 0);
+    if (memory == MAP_FAILED || fcntl(file_, F_ADD_SEALS, kSeals) != 0) {
+        return;
+    }
+    counter_ = static_cast<std::atomic<std::uint64_t>*>(memory);
+}
+
+KRPulse::~KRPulse() {
+    if (counter_ != nullptr) {
+        munmap(counter_, kSize);
+    }
+    if (file_ >= 0) {
+        close(file_);
+    }
+}
+
+void KRPulse::beat() noexcept {
+    if (counter_ != nullptr) {
+        counter_->fetch_add(1, std::memory_order_relaxed);
+    }
+}
+
+/// The pulse of one process.
+class KRPulses::View {
+public:
+    /// \return null if it cannot be seen
+    static std::unique_ptr<View> open(const std::string& id, pid_t process) {
+        const std::string folder = "/proc/" + std::to_string(process) + "/fd/";
+        const std::string wanted = "/memfd:" + getMemoryName(id);
+        const std::unique_ptr<DIR, int (*)(DIR*)> list(opendir(folder.c_str()), closedir);
+        while (const dirent* const entry = list ? readdir(list.get()) : nullptr) {
+            const std::string path = folder + entry->d_name;
+            char target[128];
+            const ssize_t size = readlink(path.c_str(), target, sizeof target);
+            if (size > 0 &&
+                std::string_view(target, static_cast<std::size_t>(size)).starts_with(wanted)) {
+                return map(path, process);
+            }
+        }
+        return nullptr;
+    }
+    ~View() { munmap(memory_, kSize); }
+    View(const View&) = delete;
+    View& operator=(const View&) = delete;
+
+    std::uint64_t read() const noexcept {
+        return static_cast<const std::atomic<std::uint64_t>*>(memory_)->load(std::memory_order_relaxed);
+    }
+    bool isOver() const { return hasEnded(process_); }
+
+private:
+    View(void* memory, pid_t process) : memory_(memory), process_(process) {}
+
+    static std::unique_ptr<View> map(const std::string& path, pid_t process) {
+        const int file = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        if (file < 0) {
+            return nullptr;
+        }
+        struct stat status {};
+        const int seals = fcntl(file, F_GET_SEALS);
+        const bool isGood = seals >= 0 && (seals & kSeals) == kSeals && fstat(file, &status) == 0 &&
+                            status.st_size >= static_cast<off_t>(kSize);
+        void* const memory = isGood ? mmap(nullptr, kSize, PROT_READ, MAP_SHARED, file, 0) : MAP_FAILED;
+        close(file);
+        return memory == MAP_FAILED ? nullptr : std::unique_ptr<View>(new View(memory, process));
+    }
+
+    void* const memory_;
+    const pid_t process_;
+};
+
+KRPulses::KRPulses() : host_(getHostName()) {}
+
+KRPulses::~KRPulses() = default;
+
+void KRPulses::watch(const std::string& id, const std::string& host, pid_t process) {
+    if (watched_.contains(id)) {
+        return;
+    }
+    // Brokers of this process live and die with it.
+    auto view = host == host_ && process != getpid() ? View::open(id, process) : nullptr;
+    const std::uint64_t pulse = view ? view->read() : 0;
+    watched_[id] = {std::move(view), pulse, 0, std::chrono::steady_clock::now()};
+}
+
+void KRPulses::keep(const std::function<bool(const std::string& id)>& isWanted) {
+    std::erase_if(watched_, [&](const auto& each) { return !isWanted(each.first); });
+}
+
+std::vector<std::string> KRPulses::findSilent(int looks, std::chrono::milliseconds time) {
+    constexpr int kSuspicious = 2; // looks without a pulse
+    std::vector<std::string> silent;
+    const auto now = std::chrono::steady_clock::now();
+    for (auto& [id, watched] : watched_) {
+        if (!watched.view) {
+            continue;
+        }
+        const std::uint64_t pulse = watched.view->read();
+        if (pulse != watched.last) {
+            watched.last = pulse;
+            watched.missed = 0;
+            watched.since = now;
+            continue;
+        }
+        ++watched.missed;
+        if ((watched.missed >= looks && now - watched.since >= time) ||
+            (watched.missed >= kSuspicious && watched.view->isOver())) {
+            silent.push_back(id);
+        }
+    }
+    return silent;
+}
+
+} // namespace KR
