@@ -20,6 +20,7 @@
 #include <cstring>
 #include <map>
 #include <set>
+#include <sstream>
 #include <system_error>
 #include <thread>
 
@@ -31,6 +32,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr const char* kCategory = "krlocal";
 constexpr std::uint64_t kVersion = 1; // of the protocol
+constexpr const char* kAddressMark = "KRLocal/1";
 constexpr std::size_t kMaxGreeting = 64;
 constexpr std::size_t kMaxSessions = 4096;
 constexpr std::size_t kMaxIdentity = 1024;
@@ -56,6 +58,27 @@ bool KRLocalAddress::isOnThisMachine() const {
     return !machine.empty() && machine == getMachineIdentity();
 }
 
+std::string KRLocalAddress::toText() const {
+    std::ostringstream text;
+    text << kAddressMark << ' ' << machine << ' ' << user << ' ' << process << ' ' << socket << ' ' << secret;
+    return text.str();
+}
+
+std::optional<KRLocalAddress> KRLocalAddress::parse(std::string_view text) {
+    constexpr std::size_t kMaxText = 512;
+    if (text.size() > kMaxText) {
+        return std::nullopt;
+    }
+    std::istringstream words{std::string(text)};
+    std::string mark;
+    KRLocalAddress address;
+    words >> mark >> address.machine >> address.user >> address.process >> address.socket >> address.secret;
+    if (!words || mark != kAddressMark || address.process < 0 || !(words >> std::ws).eof()) {
+        return std::nullopt;
+    }
+    return address;
+}
+
 KRLocalConnection::~KRLocalConnection() = default;
 
 class KRLocalEndpoint::Private : public std::enable_shared_from_this<KRLocalEndpoint::Private> {
@@ -68,7 +91,7 @@ public:
                           "an identity has 1 to " + std::to_string(kMaxIdentity) + " bytes, not " +
                               std::to_string(options_.id.size()));
         }
-        address_ = {getMachineIdentity(), "krvision-" + drawSecret(), drawSecret()};
+        address_ = {getMachineIdentity(), "krvision-" + drawSecret(), drawSecret(), getpid(), geteuid()};
         listening_ = listenAt(address_.socket);
         fcntl(listening_.get(), F_SETFL, O_NONBLOCK);
         epoll_ = KRDescriptor(epoll_create1(EPOLL_CLOEXEC));
@@ -96,7 +119,14 @@ public:
             fail("the address is of another machine, boot or network namespace");
         }
         KRDescriptor socket = connectTo(address.socket, deadline);
+        if (!socket) {
+            return nullptr;
+        }
         const pid_t process = admission_.admit(socket.get());
+        if (address.process != 0 && process != address.process) {
+            fail("process " + std::to_string(process) + " listens, not process " +
+                 std::to_string(address.process) + " of the address");
+        }
         auto channel = std::make_unique<KRLocalChannel>(std::move(socket), process, counts_);
         try {
             channel->sendGreeting(KRLocalFrame::Hello, kVersion, address.secret + options_.id);
@@ -110,6 +140,9 @@ public:
                 fail("process " + std::to_string(process) + " speaks another version of the protocol");
             }
         } catch (const KRLocalClosed&) {
+            if (!connectTo(address.socket, deadline)) {
+                return nullptr; // it has ended meanwhile
+            }
             fail("process " + std::to_string(process) + " refuses the connection");
         } catch (const KRLocalMalformed& error) {
             fail("process " + std::to_string(process) + " sent " + error.what());
@@ -239,6 +272,7 @@ private:
             }
         }
         greeting_.clear();
+        listening_ = KRDescriptor(); // so that others find that this endpoint is gone
     }
 
     /// Without connections there is little to do until one comes.
@@ -375,12 +409,13 @@ private:
     const std::shared_ptr<KRLocalServer> server_;
     // Constant after construction.
     KRLocalAddress address_;
-    KRDescriptor listening_;
     KRDescriptor epoll_;
     KRDescriptor wake_;
     std::thread thread_; // accepts, and notices what ends
 
-    std::map<std::uint64_t, Greeting> greeting_; // of that thread
+    // Of that thread.
+    KRDescriptor listening_; // until it ends
+    std::map<std::uint64_t, Greeting> greeting_;
 
     mutable KRMutex mutex_;
     KRCondition callbackLeft_;

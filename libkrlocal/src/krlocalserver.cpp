@@ -44,6 +44,14 @@ const std::string& KRLocalRequest::getCaller() const noexcept {
     return session_->getCaller();
 }
 
+bool KRLocalRequest::isCallerGone() const noexcept {
+    return session_->hasEnded();
+}
+
+pid_t KRLocalRequest::getCallerProcess() const noexcept {
+    return session_->getChannel().getProcess();
+}
+
 void KRLocalRequest::reply(const KRLocalMessage& answer) {
     if (answered_.exchange(true)) {
         return;
@@ -246,6 +254,7 @@ void KRLocalServer::remove(const std::shared_ptr<KRLocalSession>& session) {
         });
     }
     epoll_ctl(epoll_->get(), EPOLL_CTL_DEL, session->getChannel().getSocket(), nullptr);
+    session->end();
     session->getChannel().close();
     if (last && !stopped_) {
         service_.noticeCallerGone(session->getCaller());
@@ -280,6 +289,7 @@ void KRLocalServer::stop() noexcept {
     constexpr std::uint64_t kOne = 1;
     [[maybe_unused]] const auto written = ::write(wake_.get(), &kOne, sizeof kOne);
     for (const auto& [id, session] : sessions) {
+        session->end();
         session->getChannel().close(); // ends replies that block
     }
     const int own = servingHere == this ? 1 : 0;

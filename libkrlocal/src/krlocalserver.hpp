@@ -32,6 +32,9 @@ public:
     const std::string& getCaller() const noexcept { return caller_; }
     std::uint64_t getId() const noexcept { return id_; }
 
+    bool hasEnded() const noexcept { return ended_; }
+    void end() noexcept { ended_ = true; }
+
     /// The calling thread is the one that reads now: makes it see what the one before has written.
     void takeOver() KR_EXCLUDES(mutex_) { const KRLock lock(mutex_); }
     /// Lets a thread read the next message once it has come, as long as not too many requests run.
@@ -51,6 +54,7 @@ private:
     const std::shared_ptr<const KRDescriptor> epoll_;
     const std::shared_ptr<std::atomic<std::uint64_t>> disconnected_;
     std::atomic<bool> broken_ = false;
+    std::atomic<bool> ended_ = false;
 
     KRMutex mutex_;
     std::size_t running_ KR_GUARDED_BY(mutex_) = 0;

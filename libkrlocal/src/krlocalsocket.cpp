@@ -130,9 +130,11 @@ KRDescriptor connectTo(const std::string& name, std::chrono::steady_clock::time_
     setsockopt(connecting.get(), SOL_SOCKET, SO_SNDTIMEO, &shortly, sizeof shortly);
     while (connect(connecting.get(), reinterpret_cast<const sockaddr*>(&address), size) != 0) {
         const bool busy = errno == EAGAIN || errno == EINTR;
+        if (errno == ECONNREFUSED) {
+            return {};
+        }
         if (!busy || std::chrono::steady_clock::now() >= deadline) {
-            fail("connect", busy ? "the other process does not accept the connection"
-                                 : "no process listens: " + std::string(std::strerror(errno)));
+            fail("connect", busy ? "the other process does not accept the connection" : std::strerror(errno));
         }
     }
     const timeval forever{0, 0};

@@ -32,7 +32,7 @@ std::string drawSecret();
 /// A socket that listens under this name. \throws KRError
 KRDescriptor listenAt(const std::string& name);
 
-/// A socket connected to that name. \throws KRError nobody listens there, or nobody accepts before the deadline
+/// A socket connected to that name; none if nobody listens there. \throws KRError nobody accepts before the deadline
 KRDescriptor connectTo(const std::string& name, std::chrono::steady_clock::time_point deadline);
 
 } // namespace KR

@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <atomic>
 #include <thread>
+#include <unistd.h>
 
 namespace KR {
 namespace {
@@ -316,11 +317,46 @@ TEST_F(Connection, IsOnlyMadeWhereSocketsReach) {
     EXPECT_FALSE(address.isOnThisMachine());
     EXPECT_THAT([&] { client->connect(address, kPatience, {}); },
                 ThrowsMessage<KRError>(HasSubstr("another machine")));
-    address = server->getAddress();
+}
+
+TEST_F(Connection, IsNotMadeToAnEndpointThatHasBeenStopped) {
+    serveEcho();
+    const KRLocalAddress address = server->getAddress();
     server->stop();
+    EXPECT_EQ(client->connect(address, kPatience, {}), nullptr);
     server = nullptr;
+    EXPECT_EQ(client->connect(address, kPatience, {}), nullptr);
+}
+
+TEST_F(Connection, IsOnlyMadeToTheProcessOfTheAddress) {
+    serveEcho();
+    KRLocalAddress address = server->getAddress();
+    EXPECT_EQ(address.process, getpid());
+    address.process = getppid();
     EXPECT_THAT([&] { client->connect(address, kPatience, {}); },
-                ThrowsMessage<KRError>(HasSubstr("no process listens")));
+                ThrowsMessage<KRError>(HasSubstr("not process " + std::to_string(getppid()))));
+}
+
+TEST_F(Connection, AnAddressIsTheSameAfterItsWayThroughText) {
+    serveEcho();
+    const KRLocalAddress address = server->getAddress();
+    const auto parsed = KRLocalAddress::parse(address.toText());
+    ASSERT_TRUE(parsed);
+    EXPECT_EQ(parsed->toText(), address.toText());
+    EXPECT_EQ(parsed->user, geteuid());
+    EXPECT_NE(client->connect(*parsed, kPatience, {}), nullptr);
+}
+
+TEST(KRLocalAddress, IsNotReadFromOtherText) {
+    const std::string good = "KRLocal/1 boot/1 1000 4711 krvision-0 secret";
+    EXPECT_TRUE(KRLocalAddress::parse(good));
+    for (const std::string& bad :
+         {std::string(), std::string("KRLocal/1"), good + " more", "KRLocal/2" + good.substr(9),
+          std::string("KRLocal/1 boot/1 user 4711 krvision-0 secret"),
+          std::string("KRLocal/1 boot/1 1000 -4711 krvision-0 secret"), good + std::string(600, 'x'),
+          good.substr(0, good.rfind(' '))}) {
+        EXPECT_FALSE(KRLocalAddress::parse(bad)) << bad;
+    }
 }
 
 TEST_F(Connection, AGroupThatDoesNotExistIsAnError) {

@@ -92,7 +92,7 @@ int main(int count, char** arguments) {
             return serve(group);
         }
         if (words.size() == 4 && words[0] == "fetch") {
-            return fetch({words[1], words[2], words[3]}, group);
+            return fetch({words[1], words[2], words[3], 0, 0}, group);
         }
     } catch (const KR::KRError& error) {
         std::cout << error.getDescription() << std::endl;

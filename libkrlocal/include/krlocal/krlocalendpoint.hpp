@@ -10,7 +10,10 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
+#include <string_view>
+#include <sys/types.h>
 
 namespace KR {
 
@@ -21,9 +24,15 @@ struct KR_EXPORT KRLocalAddress {
     std::string machine; ///< this boot of the machine, and the network namespace
     std::string socket;  ///< name in the abstract namespace of AF_UNIX
     std::string secret;  ///< drawn anew for each endpoint
+    pid_t process = 0;   ///< that listens; nobody else is connected to. 0: whoever it is
+    uid_t user = 0;      ///< of that process
 
     /// Whether a socket of this process can reach it.
     bool isOnThisMachine() const;
+    /// One line of text without the characters that need escaping.
+    std::string toText() const;
+    /// \return nullopt: not what toText() returns, or that of another version
+    static std::optional<KRLocalAddress> parse(std::string_view text);
 };
 
 struct KRLocalOptions {
@@ -43,6 +52,10 @@ public:
 
     /// Identity that the calling endpoint gave itself.
     const std::string& getCaller() const noexcept;
+    /// The calling process; 0: cannot be seen from here.
+    pid_t getCallerProcess() const noexcept;
+    /// Whether the connection has ended, so that nobody waits for the answer.
+    bool isCallerGone() const noexcept;
     /// Answers; the first answer counts. Blocks while the caller does not read. An answer to a caller that is gone is
     /// dropped. \throws KRError the message is beyond the bounds; the request is still unanswered
     void reply(const KRLocalMessage& answer);
@@ -115,7 +128,8 @@ public:
     /// Connects to another endpoint; blocks until it answers.
     /// \param onGone  called once, with the reason, when the connection has ended: on a thread of this endpoint or one
     ///                that is calling, without a lock held; not after stop()
-    /// \throws KRError it does not listen, does not answer in time, or is of another user
+    /// \return null: nobody listens there any more, the endpoint has been stopped or its process has ended
+    /// \throws KRError it does not answer in time, is not the process of the address, or is of another user
     std::shared_ptr<KRLocalConnection> connect(const KRLocalAddress& address,
                                                std::chrono::milliseconds patience,
                                                std::function<void(const std::string& why)> onGone);
