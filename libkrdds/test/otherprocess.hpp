@@ -1,37 +1,29 @@
 #pragma once
 
+#include <startedprocess.hpp>
+
 #include <string>
-#include <sys/types.h>
+#include <utility>
 #include <vector>
 
 namespace KR::test {
 
-/// Another process of the tests (server.cpp), which goes with this object.
-class OtherProcess {
+/// Another process of the tests (server.cpp).
+class OtherProcess : public StartedProcess {
 public:
-    /// Starts it with "KIND NAME" pairs. \param before  a program to run it with, and its arguments
+    /// Starts it with "KIND NAME" pairs. It answers "ready" when its modules are up, or why they are not.
+    /// \param before  a program to run it with, and its arguments
     explicit OtherProcess(const std::string& url, const std::vector<std::string>& modules = {},
-                          const std::vector<std::string>& before = {});
-    /// Asks it to end, and ends it if it does not.
-    ~OtherProcess();
-    OtherProcess(const OtherProcess&) = delete;
-    OtherProcess& operator=(const OtherProcess&) = delete;
-
-    /// What it said when its modules were up, "ready", or why they are not.
-    const std::string& getAnswer() const noexcept { return answer_; }
-    pid_t getPid() const noexcept { return pid_; }
-    /// Asks it to end and waits until it has. \return its exit code, or 128 and the number of the signal
-    int stop();
-    void kill();
-    void freeze();
-    void thaw();
+                          std::vector<std::string> before = {})
+        : StartedProcess(compose(url, modules, std::move(before))) {}
 
 private:
-    int waitForEnd();
-
-    pid_t pid_ = -1;
-    int input_ = -1; // of the process
-    std::string answer_;
+    static std::vector<std::string> compose(const std::string& url, const std::vector<std::string>& modules,
+                                            std::vector<std::string> before) {
+        before.insert(before.end(), {KRDDS_SERVER, url});
+        before.insert(before.end(), modules.begin(), modules.end());
+        return before;
+    }
 };
 
 } // namespace KR::test

@@ -3,6 +3,7 @@
 #include "krlocal/krlocalendpoint.hpp"
 
 #include "images.hpp"
+#include "mappedmemory.hpp"
 #include "otherprocess.hpp"
 #include "patience.hpp"
 #include "testservice.hpp"

@@ -1,42 +1,24 @@
 #pragma once
 
-#include <cstddef>
+#include "startedprocess.hpp"
+
 #include <string>
-#include <sys/types.h>
+#include <utility>
 #include <vector>
 
 namespace KR::test {
 
-/// Another process of the tests (server.cpp), which goes with this object.
-class OtherProcess {
+/// Another process of the tests (server.cpp).
+class OtherProcess : public StartedProcess {
 public:
-    explicit OtherProcess(const std::vector<std::string>& arguments);
-    /// Asks it to end, and ends it if it does not.
-    ~OtherProcess();
-    OtherProcess(const OtherProcess&) = delete;
-    OtherProcess& operator=(const OtherProcess&) = delete;
-
-    /// The first line that it has printed.
-    const std::string& getAnswer() const noexcept { return answer_; }
-    /// Asks it to end and waits until it has. \return its exit code, or 128 and the number of the signal
-    int stop();
-    void kill();
-    void freeze() const;
-    void thaw() const;
+    explicit OtherProcess(std::vector<std::string> arguments)
+        : StartedProcess(addProgram(std::move(arguments))) {}
 
 private:
-    int waitForEnd();
-
-    pid_t pid_ = -1;
-    int input_ = -1; // of the process
-    std::string answer_;
+    static std::vector<std::string> addProgram(std::vector<std::string> arguments) {
+        arguments.insert(arguments.begin(), KRLOCAL_SERVER);
+        return arguments;
+    }
 };
-
-/// Shared memory of binaries that this process has mapped, its own and that of others.
-struct MappedMemory {
-    std::size_t mappings = 0;
-    std::size_t resident_kB = 0;
-};
-MappedMemory readMappedMemory();
 
 } // namespace KR::test

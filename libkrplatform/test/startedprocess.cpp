@@ -1,4 +1,4 @@
-#include "otherprocess.hpp"
+#include "startedprocess.hpp"
 
 #include "patience.hpp"
 
@@ -6,7 +6,6 @@
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
-#include <fstream>
 #include <poll.h>
 #include <spawn.h>
 #include <stdexcept>
@@ -18,16 +17,14 @@ extern char** environ;
 
 namespace KR::test {
 
-OtherProcess::OtherProcess(const std::vector<std::string>& given) {
+StartedProcess::StartedProcess(std::vector<std::string> command) {
     std::array<int, 2> input{};
     std::array<int, 2> output{};
     if (pipe2(input.data(), O_CLOEXEC) != 0 || pipe2(output.data(), O_CLOEXEC) != 0) {
         throw std::runtime_error("no pipe");
     }
-    std::vector<std::string> words{KRLOCAL_SERVER};
-    words.insert(words.end(), given.begin(), given.end());
     std::vector<char*> arguments;
-    for (std::string& word : words) {
+    for (std::string& word : command) {
         arguments.push_back(word.data());
     }
     arguments.push_back(nullptr);
@@ -35,7 +32,7 @@ OtherProcess::OtherProcess(const std::vector<std::string>& given) {
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, input[0], STDIN_FILENO);
     posix_spawn_file_actions_adddup2(&actions, output[1], STDOUT_FILENO);
-    const int failed = posix_spawn(&pid_, arguments[0], &actions, nullptr, arguments.data(), environ);
+    const int failed = posix_spawnp(&pid_, arguments[0], &actions, nullptr, arguments.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
     close(input[0]);
     close(output[1]);
@@ -55,13 +52,13 @@ OtherProcess::OtherProcess(const std::vector<std::string>& given) {
     close(output[0]);
 }
 
-OtherProcess::~OtherProcess() {
+StartedProcess::~StartedProcess() {
     if (pid_ > 0) {
         stop();
     }
 }
 
-int OtherProcess::waitForEnd() {
+int StartedProcess::waitForEnd() {
     int status = 0;
     if (!eventually([&] { return waitpid(pid_, &status, WNOHANG) == pid_; })) {
         ::kill(pid_, SIGKILL);
@@ -71,43 +68,24 @@ int OtherProcess::waitForEnd() {
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-int OtherProcess::stop() {
+int StartedProcess::stop() {
     thaw();
     close(std::exchange(input_, -1));
     return waitForEnd();
 }
 
-void OtherProcess::kill() {
+void StartedProcess::kill() {
     ::kill(pid_, SIGKILL);
     close(std::exchange(input_, -1));
     waitForEnd();
 }
 
-void OtherProcess::freeze() const {
+void StartedProcess::freeze() const {
     ::kill(pid_, SIGSTOP);
 }
 
-void OtherProcess::thaw() const {
+void StartedProcess::thaw() const {
     ::kill(pid_, SIGCONT);
-}
-
-MappedMemory readMappedMemory() {
-    MappedMemory memory;
-    std::ifstream maps("/proc/self/smaps");
-    bool ours = false;
-    for (std::string line; std::getline(maps, line);) {
-        if (line.find("memfd:krvision") != std::string::npos) {
-            ours = true;
-            ++memory.mappings;
-        } else if (line.find("-") != std::string::npos && line.find(":") == std::string::npos) {
-            ours = false;
-        } else if (line.rfind("VmFlags:", 0) == 0) {
-            ours = false;
-        } else if (ours && line.rfind("Rss:", 0) == 0) {
-            memory.resident_kB += std::stoul(line.substr(4));
-        }
-    }
-    return memory;
 }
 
 } // namespace KR::test

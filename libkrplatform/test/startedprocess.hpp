@@ -1,0 +1,36 @@
+#pragma once
+
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+namespace KR::test {
+
+/// Another process, which goes with this object.
+class StartedProcess {
+public:
+    /// Starts a program, which is to say one line soon and to end with its standard input.
+    explicit StartedProcess(std::vector<std::string> command);
+    /// Asks it to end, and ends it if it does not.
+    ~StartedProcess();
+    StartedProcess(const StartedProcess&) = delete;
+    StartedProcess& operator=(const StartedProcess&) = delete;
+
+    /// The line that it has said.
+    const std::string& getAnswer() const noexcept { return answer_; }
+    pid_t getPid() const noexcept { return pid_; }
+    /// Asks it to end and waits until it has. \return its exit code, or 128 and the number of the signal
+    int stop();
+    void kill();
+    void freeze() const;
+    void thaw() const;
+
+private:
+    int waitForEnd();
+
+    pid_t pid_ = -1;
+    int input_ = -1; // of the process
+    std::string answer_;
+};
+
+} // namespace KR::test
