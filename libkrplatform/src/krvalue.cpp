@@ -1,5 +1,7 @@
 #include "krplatform/krvalue.hpp"
 
+#include "krplatform/krsharedallocation.hpp"
+
 #include <boost/smart_ptr/make_shared.hpp>
 
 #include <algorithm>
@@ -19,11 +21,14 @@ void setBinaryAllocator(KRBinaryAllocator allocator) noexcept {
     binaryAllocator = allocator;
 }
 
+boost::shared_ptr<unsigned char[]> allocateShared(std::size_t size) noexcept {
+    const KRBinaryAllocator allocator = binaryAllocator;
+    return allocator == nullptr ? nullptr : allocator(size);
+}
+
 boost::shared_ptr<unsigned char[]> KRBinary::allocate(std::size_t size) {
-    if (const KRBinaryAllocator allocator = binaryAllocator) {
-        if (auto bytes = allocator(size)) {
-            return bytes;
-        }
+    if (auto bytes = allocateShared(size)) {
+        return bytes;
     }
     return boost::make_shared_noinit<unsigned char[]>(size);
 }

@@ -3,6 +3,7 @@
 #include "conversion/krcolorconversion.hpp"
 #include "gstreamer/krgstreamer.hpp"
 
+#include <krplatform/krsharedallocation.hpp>
 #include <krvision/krvisiondefinitions.hpp>
 
 #include <algorithm>
@@ -315,7 +316,10 @@ KRConverter::~KRConverter() = default;
 KRBinary KRConverter::convert(const GstVideoFrame& image, int resolution, int colorSpace) {
     std::unique_ptr<Conversion> conversion = take(image.info, resolution, colorSpace);
     const std::size_t size = GST_VIDEO_INFO_SIZE(&conversion->out);
-    boost::shared_ptr<unsigned char[]> bytes = buffers_->take(size);
+    boost::shared_ptr<unsigned char[]> bytes = allocateShared(size); // for clients in other processes
+    if (!bytes) {
+        bytes = buffers_->take(size);
+    }
     const GstHandle<GstBuffer> buffer(gst_buffer_new_wrapped_full(static_cast<GstMemoryFlags>(0), bytes.get(),
                                                                   size, 0, size, nullptr, nullptr));
     GstVideoInfo info = conversion->out;

@@ -1,5 +1,6 @@
 #include "gstreamer/krpipeline.hpp"
 
+#include "gstreamer/krsharedallocator.hpp"
 #include "gstreamer/krsourcebin.hpp"
 
 #include <krplatform/krthread.hpp>
@@ -56,6 +57,7 @@ void KRPipeline::build() {
     }
     const GstHandle<GstElement> bin = makeSourceBin(description_);
     sink_.reset(gst_bin_get_by_name(GST_BIN(bin.get()), imageSinkName));
+    offerSharedMemory(sink_.get());
     gst_bin_add(GST_BIN(pipeline_.get()), bin.get()); // keeps a reference
     if (controls_ != nullptr) {
         gain_.reset(gst_bin_get_by_name(GST_BIN(bin.get()), "gain"));
