@@ -35,6 +35,7 @@ struct KRAnnouncement {
     std::string name;
     std::string host;
     std::uint32_t pid = 0;
+    std::string local;          ///< what KRLocalWay::reach() takes; empty: nothing
     KRAnnouncedModules modules; ///< empty if the protocol is not `own`
 
     /// "in process 4711 (kr) on robot1", escaped for printing.

@@ -41,6 +41,8 @@ public:
     }
     void appendShared(const KRComposedBytes& other);
     std::size_t size() const noexcept { return size_; }
+    /// The bytes that it owns; it shares none.
+    std::string takeOwn() && { return std::move(own_); }
     /// Overwrites bytes that were appended before the first shared binary.
     void overwrite(std::size_t offset, const void* bytes, std::size_t size);
 

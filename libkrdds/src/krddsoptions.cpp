@@ -24,6 +24,7 @@ namespace {
 
 constexpr std::string_view kScheme = "dds:";
 constexpr std::uint32_t kMaxDomain = 230;
+constexpr std::string_view kGroup = "group:";
 
 class Parser {
 public:
@@ -46,6 +47,25 @@ public:
             refuse(why.str());
         }
         return number;
+    }
+
+    /// The text, "256M" for instance, as a number of bytes.
+    std::size_t toSize(const std::string& option, const std::string& text) const {
+        constexpr std::size_t kMost = std::size_t{1} << 40;
+        std::size_t number = 0;
+        const char* const last = text.data() + text.size();
+        const auto [end, error] = std::from_chars(text.data(), last, number);
+        const std::string unit(end, last);
+        const std::size_t factor = unit.empty()  ? 1
+                                   : unit == "K" ? std::size_t{1} << 10
+                                   : unit == "M" ? std::size_t{1} << 20
+                                   : unit == "G" ? std::size_t{1} << 30
+                                                 : 0;
+        if (error != std::errc() || factor == 0 || number > kMost / factor) {
+            refuse(option + " is \"" + text +
+                   "\", not a number of bytes up to 1024G; K, M and G may follow it");
+        }
+        return number * factor;
     }
 
     std::vector<std::string> toList(const std::string& option, const std::string& text) const {
@@ -168,12 +188,25 @@ KRDDSOptions KRDDSOptions::parse(const std::string& url) {
                 parser.refuse("security needs a folder");
             }
             options.security = value;
+        } else if (name == "local") {
+            options.local = value != "off";
+            if (value.starts_with(kGroup)) {
+                options.localGroup = value.substr(kGroup.size());
+            }
+            if (value != "on" && value != "off" && options.localGroup.empty()) {
+                parser.refuse("local is \"" + value + "\", not on, off or group:NAME");
+            }
+        } else if (name == "local-memory") {
+            options.localMemory = parser.toSize(name, value);
         } else {
             parser.refuse("unknown option \"" + option + "\"");
         }
     }
     if (options.name.empty()) {
         options.name = getProgramName();
+    }
+    if (!options.security.empty() && !given.contains("local")) {
+        options.local = false; // which does without certificates and encryption
     }
     return options;
 }

@@ -3,6 +3,7 @@
 #include "krhostnetwork.hpp"
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -20,6 +21,9 @@ struct KRDDSOptions {
     std::chrono::milliseconds lease{2000};
     std::uint32_t fragment = 65000; ///< bytes
     std::string security;           ///< folder; empty: off
+    bool local = true;              ///< brokers of this machine are called without DDS
+    std::string localGroup;         ///< whose members are among them; empty: those of the same user alone
+    std::size_t localMemory = std::size_t{256} << 20; ///< most shared memory, bytes
 
     /// \throws KRError the address is malformed
     static KRDDSOptions parse(const std::string& url);

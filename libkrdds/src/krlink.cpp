@@ -1,5 +1,6 @@
 #include "krlink.hpp"
 
+#include "krengine.h"
 #include "krloan.hpp"
 #include "krmessage.hpp"
 #include "krserdata.hpp"
@@ -129,7 +130,12 @@ std::vector<std::uint64_t> decodeInquiry(const KRRequest& request) {
 KRLink::KRLink(KRDDSOptions options, KRTransportHost& host)
     : options_(std::move(options)), host_(host), domain_(KRDDSDomain::join(options_)),
       announcer_(host, options_.name), calls_(std::make_shared<KRIncomingCalls>(host, [this] { wake(); })),
-      directory_(host, *calls_, options_.lease) {}
+      way_(host, {[this](std::function<void()> job) { return post(std::move(job)); },
+                  [this](const std::string& broker) { noticeGone(broker); },
+                  [this](const std::string& broker) { noticeCallerGone(broker); },
+                  [this](const std::string& broker, pid_t process) { return admit(broker, process); },
+                  [this] { wake(); }, [this](const char* why) { countMalformed(why); }}),
+      directory_(host, *calls_, way_, options_.lease) {}
 
 // ---- entities of the engine
 
@@ -232,14 +238,15 @@ void KRLink::createEntities() {
     filter.arg = this;
     checkDDS(dds_set_topic_filter_extended(admitted, &filter), "filter");
     announcementReader_ = createReader(admitted, announcements.get(), onAnnouncement);
-    announcer_.start(engine_, participant, createAnnouncementTopic(), id_);
+    way_.start(options_, id_);
+    announcer_.start(engine_, participant, createAnnouncementTopic(), id_, way_.getAddress());
 }
 
 // Writers towards other brokers are made at the first call. That they may be made is found out here, where it can be
 // reported to whoever asked for a broker.
 void KRLink::checkPermissions() {
     try {
-        KRPeer self(connection_, id_, "in this process");
+        KRPeer self(connection_, id_, "in this process", 0, {});
         self.openRequests();
         self.openReplies();
         self.close();
@@ -280,7 +287,7 @@ void KRLink::waitForBrokersThatAreThere() const {
         const bool allHeard = heard + 1 >= std::ssize(places); // one is our own
         const bool allKnown = std::all_of(
             discovered.brokers.begin(), discovered.brokers.end(),
-            [&](const std::string& id) { return id == id_ || directory_.knows(id); });
+            [&](const std::string& id) { return id == id_ || directory_.isSettled(id); });
         return allKnown && (allHeard || waited >= kSilencePatience) &&
                (domain_->staysOnHost() || waited >= kNetworkPatience);
     };
@@ -300,6 +307,7 @@ void KRLink::stop() noexcept {
         thread_.join();
     }
     calls_->stop(kLastAnswersPatience);
+    way_.finish(kLastAnswersPatience);
     const auto peers = directory_.list();
     for (const auto& peer : peers) {
         peer->setGone("this process is leaving the domain");
@@ -309,6 +317,7 @@ void KRLink::stop() noexcept {
             peer->close();
         }
     }
+    way_.stop();
     dds_delete(replyReader_);
     dds_delete(announcementReader_);
     while (listening_ > 0) { // not for long: they do not wait for anything
@@ -395,6 +404,39 @@ void KRLink::countForged(const std::string& sender, const std::string& named) {
     forgeries_.write(KRLogLevel::Warning, "a message of the participant " + sender +
                                               " is dropped: it names the broker " + escapeText(named, 64) +
                                               " as its sender");
+}
+
+KRLocalWay::Admission KRLink::admit(const std::string& broker, pid_t process) {
+    if (auto peer = directory_.find(broker)) {
+        if (peer->getProcess() == process) {
+            return {true, [peer = std::move(peer)] { return peer->isGone(); }};
+        }
+    } else if (isBrokerId(broker.c_str()) && broker != id_) {
+        return {true, {}}; // it has nothing here yet that another could use
+    }
+    ++forged_;
+    forgeries_.write(KRLogLevel::Warning, "a call of process " + std::to_string(process) +
+                                              " is dropped: it names the broker " + escapeText(broker, 64) +
+                                              " as its sender");
+    return {};
+}
+
+void KRLink::noticeGone(const std::string& broker) {
+    if (directory_.noticeGone(broker)) {
+        const dds_guid_t guid = toGuid(broker);
+        krForgetParticipant(engine_, &guid); // or else the engine waits for its acknowledgements
+        wake();
+    }
+}
+
+// A broker whose process has ended, or one that connects anew. Who listens at its address tells.
+void KRLink::noticeCallerGone(const std::string& broker) {
+    const auto peer = directory_.find(broker);
+    if (!peer) {
+        host_.noticeCallerGone(broker);
+    } else if (peer->getRoute()) {
+        peer->getRoute()->connectLater();
+    }
 }
 
 void KRLink::takeReplies() {

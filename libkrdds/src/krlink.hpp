@@ -4,6 +4,7 @@
 #include "krddsdomain.hpp"
 #include "krddsoptions.hpp"
 #include "krincomingcalls.hpp"
+#include "krlocalway.hpp"
 #include "krpeerdirectory.hpp"
 #include "krpulse.hpp"
 #include "krsenders.hpp"
@@ -66,6 +67,12 @@ private:
     void countForged(const std::string& sender, const std::string& named);
     void countMalformed(const char* why);
 
+    // On call threads and those of the local endpoint.
+    /// Admits the process if it is the one of the broker, as far as is known; counts and logs it otherwise.
+    KRLocalWay::Admission admit(const std::string& broker, pid_t process);
+    void noticeGone(const std::string& broker);
+    void noticeCallerGone(const std::string& broker);
+
     // On the thread KRDDS.
     void run() noexcept;
     /// \param news  something has happened since the last time
@@ -113,6 +120,7 @@ private:
     KRLimitedLog failures_{"krdds", "failures"};
     KRAnnouncer announcer_;
     const std::shared_ptr<KRIncomingCalls> calls_; // calls that run share it
+    KRLocalWay way_;
     KRPeerDirectory directory_;
     std::chrono::steady_clock::time_point lastInquiry_; // this and the next are used by the thread KRDDS
     std::chrono::steady_clock::time_point started_;

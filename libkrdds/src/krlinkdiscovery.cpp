@@ -111,6 +111,7 @@ void KRLink::takeAnnouncement(const void* sample, const dds_sample_info_t& info)
         if (pulse_) {
             pulses_.watch(announcement.broker, announcement.host, static_cast<pid_t>(announcement.pid));
         }
+        announcement.local = KRSenders::readUserData(announcementReader_, info.publication_handle);
         directory_.accept(connection_, std::move(announcement), info.publication_handle);
     }
     if (disposed) {

@@ -10,28 +10,59 @@ namespace KR {
 
 namespace {
 
+constexpr const char* kLost = "the call or its answer was lost, the connection was interrupted";
+constexpr std::chrono::seconds kGonePatience{10}; // much longer than a poll takes on a busy machine
+
 /// Unique in this process, whichever broker calls; never used again.
 std::uint64_t drawSequence() noexcept {
     static std::atomic<std::uint64_t> last = 0;
     return ++last;
 }
 
+/// The result in an answer. \throws KRError it says so, or cannot be understood
+template <class Decode>
+KRValue readAnswer(std::uint32_t status, const Decode& decode, const std::string& module,
+                   std::string_view method) {
+    try {
+        KRValue value = decode();
+        switch (status) {
+        case KRReply::Result:
+            return value;
+        case KRReply::Error:
+            throw KRError(value[0].to<std::string>(), value[1].to<std::string>(), value[2].to<std::string>());
+        default:
+            throw KRError(module, std::string(method), kLost);
+        }
+    } catch (const KRMalformed& error) {
+        throw KRError(module, std::string(method),
+                      std::string("the answer cannot be understood: ") + error.what());
+    }
+}
+
 } // namespace
 
-KRPeer::KRPeer(const Connection& connection, std::string id, std::string location)
-    : own_(connection.id), id_(std::move(id)), location_(std::move(location)), patience_(connection.patience),
+KRPeer::KRPeer(const Connection& connection, std::string id, std::string location, pid_t process,
+               KRLocalWay::Reach reach)
+    : own_(connection.id), id_(std::move(id)), location_(std::move(location)), process_(process),
+      reach_(std::move(reach)), patience_(connection.patience),
       requests_(connection.participant, connection.requestTopic, id_, connection.onMatched),
       replies_(connection.participant, connection.replyTopic, id_, connection.onMatched) {}
 
 void KRPeer::setGone(const std::string& why) {
     requests_.interrupt();
     replies_.interrupt();
-    const KRLock lock(mutex_);
-    if (gone_.empty()) {
-        gone_ = why;
+    {
+        const KRLock lock(mutex_);
+        if (gone_.empty()) {
+            gone_ = why;
+        }
+        for (const auto& [sequence, pending] : pending_) {
+            pending->changed.notifyAll();
+        }
+        goneChanged_.notifyAll();
     }
-    for (const auto& [sequence, pending] : pending_) {
-        pending->changed.notifyAll();
+    if (reach_.route) {
+        reach_.route->close(why);
     }
 }
 
@@ -55,7 +86,57 @@ std::string KRPeer::describe(KRMessageWriter::Outcome outcome) const {
                : "the DDS engine refuses the call";
 }
 
+void KRPeer::describeWay(KRPeerDiagnostics& diagnostics) const {
+    const std::shared_ptr<KRLocalRoute>& route = reach_.route;
+    diagnostics.local = route && route->isOpen();
+    if (diagnostics.local) {
+        diagnostics.way = "socket and shared memory of this machine";
+    } else if (!route) {
+        diagnostics.way = "DDS: " + reach_.reason;
+    } else {
+        const std::string problem = route->getProblem();
+        diagnostics.way = problem.empty() ? "socket and shared memory of this machine, from the first call on"
+                                          : "DDS: " + problem;
+    }
+}
+
 KRValue KRPeer::call(const std::string& module, std::string_view method, std::span<const KRValue> arguments) {
+    if (reach_.route) {
+        if (const auto connection = reach_.route->get()) {
+            return callLocally(*connection, module, method, arguments);
+        }
+    }
+    return callOverDDS(module, method, arguments);
+}
+
+KRValue KRPeer::callLocally(KRLocalConnection& connection, const std::string& module, std::string_view method,
+                            std::span<const KRValue> arguments) {
+    KRLocalMessage request;
+    encodeValue(
+        KRValue::array(module, std::string(method), std::vector<KRValue>(arguments.begin(), arguments.end())),
+        request);
+    KRLocalMessage reply;
+    try {
+        reply = connection.call(request);
+    } catch (const KRError&) { // the connection has ended, or the other has not answered
+        if (!connection.isOpen() && reach_.route->isGoneAfterAll()) {
+            KRLock lock(mutex_);
+            goneChanged_.waitFor(lock, kGonePatience, [this] { // until the modules are gone as well
+                mutex_.assertHeld();
+                return !gone_.empty();
+            });
+            if (!gone_.empty()) {
+                throw KRError(module, std::string(method), gone_);
+            }
+        }
+        throw KRError(module, std::string(method), kLost);
+    }
+    return readAnswer(
+        reply.code, [&] { return decodeValue(reply); }, module, method);
+}
+
+KRValue KRPeer::callOverDDS(const std::string& module, std::string_view method,
+                            std::span<const KRValue> arguments) {
     const auto fail = [&](const std::string& why) { throw KRError(module, std::string(method), why); };
     KRRequest request{own_, drawSequence(), KRRequest::Call, module, std::string(method), {}};
     KRComposedBytes message = request.compose(std::vector<KRValue>(arguments.begin(), arguments.end()));
@@ -93,20 +174,8 @@ KRValue KRPeer::call(const std::string& module, std::string_view method, std::sp
     if (!failure.empty()) {
         fail(failure);
     }
-    try {
-        KRValue value = pending.reply->value.decode();
-        switch (pending.reply->status) {
-        case KRReply::Result:
-            return value;
-        case KRReply::Error:
-            throw KRError(value[0].to<std::string>(), value[1].to<std::string>(), value[2].to<std::string>());
-        default:
-            fail("the call or its answer was lost, the connection was interrupted");
-        }
-    } catch (const KRMalformed& error) {
-        fail(std::string("the answer cannot be understood: ") + error.what());
-    }
-    return {};
+    return readAnswer(
+        pending.reply->status, [&] { return pending.reply->value.decode(); }, module, method);
 }
 
 void KRPeer::takeReply(KRReply reply) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "krlocalway.hpp"
 #include "krmessage.hpp"
 #include "krmessagewriter.hpp"
 
@@ -36,12 +37,21 @@ public:
             onMatched; ///< a peer reads requests or replies now; runs on a thread of the engine
     };
 
-    KRPeer(const Connection& connection, std::string id, std::string location);
+    /// \param process  of the broker, as it has announced \param reach  the way on this machine
+    KRPeer(const Connection& connection, std::string id, std::string location, pid_t process,
+           KRLocalWay::Reach reach);
 
     const std::string& getId() const noexcept { return id_; }
     const std::string& getLocation() const noexcept { return location_; }
+    pid_t getProcess() const noexcept { return process_; }
+    /// Null: it is called over DDS.
+    const std::shared_ptr<KRLocalRoute>& getRoute() const noexcept { return reach_.route; }
+    /// Fills in how it is called.
+    void describeWay(KRPeerDiagnostics& diagnostics) const;
     /// Whether calls to there wait until it reads them.
-    bool isConnecting() const { return requests_.isWaitingForReader(); }
+    bool isConnecting() const {
+        return (reach_.route && !reach_.route->isSettled()) || requests_.isWaitingForReader();
+    }
     bool readsReplies() const noexcept { return replies_.isMatched(); }
     /// Has openReplies() called soon, if it has not been. \return whether this is new
     bool wantReplies() noexcept { return !wantsReplies_.exchange(true); }
@@ -81,12 +91,18 @@ private:
         std::optional<KRReply> reply;
     };
 
+    KRValue callOverDDS(const std::string& module, std::string_view method,
+                        std::span<const KRValue> arguments) KR_EXCLUDES(mutex_);
+    KRValue callLocally(KRLocalConnection& connection, const std::string& module, std::string_view method,
+                        std::span<const KRValue> arguments) KR_EXCLUDES(mutex_);
     /// Why a call fails whose request could not be sent.
     std::string describe(KRMessageWriter::Outcome outcome) const KR_REQUIRES(mutex_);
 
     const std::string own_;
     const std::string id_;
     const std::string location_;
+    const pid_t process_;
+    const KRLocalWay::Reach reach_;
     const std::chrono::milliseconds patience_;
     KRMessageWriter requests_;
     KRMessageWriter replies_;
@@ -95,6 +111,7 @@ private:
 
     mutable KRMutex mutex_;
     std::string gone_ KR_GUARDED_BY(mutex_); // why, once it is
+    KRCondition goneChanged_;
     std::map<std::uint64_t, Pending*> pending_ KR_GUARDED_BY(mutex_);
 };
 

@@ -52,6 +52,12 @@ bool KRPeerDirectory::knows(const std::string& id) const {
     return found != neighbors_.end();
 }
 
+bool KRPeerDirectory::isSettled(const std::string& id) const {
+    const KRLock lock(mutex_);
+    const auto found = neighbors_.find(id);
+    return found != neighbors_.end() && !(found->second.peer && found->second.peer->isConnecting());
+}
+
 bool KRPeerDirectory::isEmpty() const {
     const KRLock lock(mutex_);
     return neighbors_.empty();
@@ -85,10 +91,14 @@ void KRPeerDirectory::describe(KRBrokerDiagnostics& diagnostics) const {
     }
     const KRLock lock(mutex_);
     for (const auto& [id, neighbor] : neighbors_) {
-        KRPeerDiagnostics peer{neighbor.location, neighbor.protocol, KRPeerDiagnostics::State::Refused, {}};
+        KRPeerDiagnostics peer;
+        peer.location = neighbor.location;
+        peer.protocol = neighbor.protocol;
+        peer.state = KRPeerDiagnostics::State::Refused;
         if (neighbor.peer) {
             peer.state = neighbor.peer->isConnecting() ? KRPeerDiagnostics::State::Connecting
                                                        : KRPeerDiagnostics::State::Connected;
+            neighbor.peer->describeWay(peer);
         }
         for (const auto& [name, announced] : neighbor.modules) {
             if (announced.state == KRModuleState::Open) {
@@ -160,12 +170,22 @@ void KRPeerDirectory::accept(const KRPeer::Connection& connection, KRAnnouncemen
     }
 }
 
+bool KRPeerDirectory::noticeGone(const std::string& id) {
+    const KRLock lock(mutex_);
+    const auto found = neighbors_.find(id);
+    if (found == neighbors_.end()) {
+        return false;
+    }
+    found->second.gone = true;
+    return true;
+}
+
 void KRPeerDirectory::poll(const std::set<dds_instance_handle_t>& announcers) {
     std::vector<std::string> lost;
     {
         const KRLock lock(mutex_);
         for (const auto& [id, neighbor] : neighbors_) {
-            if (!announcers.contains(neighbor.writer)) {
+            if (neighbor.gone || !announcers.contains(neighbor.writer)) {
                 lost.push_back(id);
             }
         }
@@ -189,7 +209,9 @@ std::shared_ptr<KRPeer> KRPeerDirectory::makePeer(const KRPeer::Connection& conn
                                                "version on both");
         return nullptr;
     }
-    return std::make_shared<KRPeer>(connection, announcement.broker, announcement.getLocation());
+    const auto process = static_cast<pid_t>(announcement.pid);
+    return std::make_shared<KRPeer>(connection, announcement.broker, announcement.getLocation(), process,
+                                    way_.reach(announcement.broker, announcement.local, process));
 }
 
 void KRPeerDirectory::remove(const std::string& id, const std::string& why) {

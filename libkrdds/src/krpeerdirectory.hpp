@@ -33,8 +33,9 @@ public:
     static constexpr std::size_t kMaxModules = 100000; ///< of all brokers
 
     /// \param lease  after which a process that is silent counts as gone
-    KRPeerDirectory(KRTransportHost& host, KRIncomingCalls& calls, std::chrono::milliseconds lease)
-        : host_(host), calls_(calls), lease_(lease) {}
+    KRPeerDirectory(KRTransportHost& host, KRIncomingCalls& calls, KRLocalWay& way,
+                    std::chrono::milliseconds lease)
+        : host_(host), calls_(calls), way_(way), lease_(lease) {}
 
     // ---- thread-safe
 
@@ -42,6 +43,8 @@ public:
     std::vector<std::shared_ptr<KRPeer>> list() const KR_EXCLUDES(mutex_);
     /// Whether a broker has announced itself; it may have been refused.
     bool knows(const std::string& id) const KR_EXCLUDES(mutex_);
+    /// The same, and nothing waits for a connection to it.
+    bool isSettled(const std::string& id) const KR_EXCLUDES(mutex_);
     bool isEmpty() const KR_EXCLUDES(mutex_);
 
     struct OtherClaims {
@@ -51,6 +54,9 @@ public:
     };
     OtherClaims findOtherClaims(const std::string& module, const KRClaimTime& claimed,
                                 const std::string& own) const KR_EXCLUDES(mutex_);
+
+    /// Nobody listens at the broker's local address any more: poll() removes it. \return whether it is known
+    bool noticeGone(const std::string& id) KR_EXCLUDES(mutex_);
 
     /// Fills in peers, conflicts and refused messages.
     void describe(KRBrokerDiagnostics& diagnostics) const KR_EXCLUDES(mutex_);
@@ -78,6 +84,7 @@ private:
         dds_instance_handle_t writer = 0;
         KRAnnouncedModules modules;
         bool hostedModules = false; // it has announced one that could be called
+        bool gone = false;          // as the socket tells
     };
     struct Registered { // a module that the host knows
         std::shared_ptr<KRPeer> peer;
@@ -106,6 +113,7 @@ private:
 
     KRTransportHost& host_;
     KRIncomingCalls& calls_;
+    KRLocalWay& way_;
     const std::chrono::milliseconds lease_;
     std::atomic<std::uint64_t> refused_ = 0;
 

@@ -22,6 +22,27 @@ dds_guid_t toGuid(const std::string& text) {
     return guid;
 }
 
+namespace {
+
+using Endpoint = std::unique_ptr<dds_builtintopic_endpoint_t, void (*)(dds_builtintopic_endpoint_t*)>;
+
+Endpoint getWriter(dds_entity_t reader, dds_instance_handle_t writer) {
+    return {dds_get_matched_publication_data(reader, writer), dds_builtintopic_free_endpoint};
+}
+
+} // namespace
+
+std::string KRSenders::readUserData(dds_entity_t reader, dds_instance_handle_t writer) {
+    const Endpoint endpoint = getWriter(reader, writer);
+    void* data = nullptr;
+    std::size_t size = 0;
+    if (!endpoint || !dds_qget_userdata(endpoint->qos, &data, &size)) {
+        return {};
+    }
+    const std::unique_ptr<void, void (*)(void*)> owned(data, dds_free);
+    return {static_cast<const char*>(data), size};
+}
+
 std::string KRSenders::find(dds_entity_t reader, dds_instance_handle_t writer) {
     {
         const KRLock lock(mutex_);
@@ -30,8 +51,7 @@ std::string KRSenders::find(dds_entity_t reader, dds_instance_handle_t writer) {
             return found->second;
         }
     }
-    const std::unique_ptr<dds_builtintopic_endpoint_t, void (*)(dds_builtintopic_endpoint_t*)> endpoint(
-        dds_get_matched_publication_data(reader, writer), dds_builtintopic_free_endpoint);
+    const Endpoint endpoint = getWriter(reader, writer);
     if (!endpoint) {
         return {};
     }

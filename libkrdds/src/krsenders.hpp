@@ -26,6 +26,9 @@ public:
     /// its own, so the engine may call it.
     bool isFirstName(dds_instance_handle_t writer, const std::string& broker);
 
+    /// User data of the writer; empty: none, or the writer is gone.
+    static std::string readUserData(dds_entity_t reader, dds_instance_handle_t writer);
+
 private:
     static constexpr std::size_t kMaxKnown = 4096;
 

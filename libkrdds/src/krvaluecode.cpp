@@ -4,7 +4,9 @@
 
 #include <msgpack.hpp>
 
+#include <array>
 #include <limits>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -12,7 +14,9 @@ namespace KR {
 
 namespace {
 
-constexpr std::size_t kShared = 4096; // binaries of this size or larger are not copied
+constexpr std::size_t kShared = 4096;   // binaries of this size or larger are not copied
+constexpr std::int8_t kOutsideType = 1; // extension of messages on this machine: a binary outside the body
+constexpr std::uint32_t kOutsideSize = 4;
 
 /// What msgpack writes to.
 struct Sink {
@@ -22,7 +26,9 @@ struct Sink {
 
 class Encoder {
 public:
-    explicit Encoder(KRComposedBytes& bytes) : bytes_(bytes), sink_{bytes}, packer_(sink_) {}
+    /// \param outside  takes the binaries that are not to be among the bytes; null: none
+    explicit Encoder(KRComposedBytes& bytes, std::vector<KRBinary>* outside = nullptr)
+        : bytes_(bytes), outside_(outside), sink_{bytes}, packer_(sink_) {}
 
     void encode(const KRValue& value, std::size_t depth) {
         if (++values_ > KRValueBounds::kValues) {
@@ -48,8 +54,13 @@ public:
         case KRValue::Type::Binary: {
             const KRBinary& binary = value.GetBinary();
             check(binary.size());
+            if (outside_ != nullptr && binary.size() >= KRLocalMessage::kSharedFrom &&
+                outside_->size() < KRLocalMessage::kMaxBinaries) {
+                packOutside(binary);
+                break;
+            }
             packer_.pack_bin(static_cast<std::uint32_t>(binary.size()));
-            if (binary.size() >= kShared) {
+            if (outside_ == nullptr && binary.size() >= kShared) {
                 bytes_.appendShared(binary);
             } else {
                 bytes_.append(binary.data(), binary.size());
@@ -70,8 +81,19 @@ public:
     }
 
 private:
+    void packOutside(const KRBinary& binary) {
+        std::array<char, kOutsideSize> index{};
+        const std::size_t number = outside_->size();
+        for (std::size_t i = 0; i < index.size(); ++i) {
+            index[i] = static_cast<char>(number >> (8 * (index.size() - 1 - i)));
+        }
+        packer_.pack_ext(index.size(), kOutsideType);
+        packer_.pack_ext_body(index.data(), index.size());
+        outside_->push_back(binary);
+        outsideBytes_ += binary.size();
+    }
     void check(std::size_t more) const {
-        if (more > KRValueBounds::kBytes || bytes_.size() + more > KRValueBounds::kBytes) {
+        if (more > KRValueBounds::kBytes || bytes_.size() + outsideBytes_ + more > KRValueBounds::kBytes) {
             refuse("more than " + std::to_string(KRValueBounds::kBytes) + " bytes");
         }
     }
@@ -80,6 +102,8 @@ private:
     }
 
     KRComposedBytes& bytes_;
+    std::vector<KRBinary>* const outside_;
+    std::size_t outsideBytes_ = 0;
     Sink sink_;
     msgpack::packer<Sink> packer_;
     std::size_t values_ = 0;
@@ -88,8 +112,10 @@ private:
 /// Builds the value while msgpack parses. A function that returns false ends the parsing.
 class Decoder : public msgpack::null_visitor {
 public:
-    Decoder(const KRReceivedBytes& received, std::size_t maxValues)
-        : received_(received), maxValues_(maxValues) {}
+    /// \param received  owns the bytes; null: nobody, and binaries are copied
+    /// \param outside   binaries that are not among the bytes
+    Decoder(const KRReceivedBytes* received, std::size_t maxValues, std::span<const KRBinary> outside = {})
+        : received_(received), outside_(outside), maxValues_(maxValues) {}
 
     bool visit_nil() { return add(KRValue()); }
     bool visit_boolean(bool) { return fail("a boolean"); }
@@ -109,13 +135,22 @@ public:
     bool visit_float64(double) { return fail("a float of 64 bits"); }
     bool visit_str(const char* text, std::uint32_t size) { return add(std::string(text, size)); }
     bool visit_bin(const char* bytes, std::uint32_t size) {
-        if (size < kShared) {
+        if (received_ == nullptr || size < kShared) {
             return add(KRBinary::copyOf(bytes, size));
         }
         const auto* first = reinterpret_cast<const unsigned char*>(bytes);
-        return add(KRBinary(boost::shared_ptr<const unsigned char[]>(received_.bytes, first), size));
+        return add(KRBinary(boost::shared_ptr<const unsigned char[]>(received_->bytes, first), size));
     }
-    bool visit_ext(const char*, std::uint32_t) { return fail("an extension"); }
+    bool visit_ext(const char* bytes, std::uint32_t size) { // the first byte is the type
+        if (outside_.empty() || size != 1 + kOutsideSize || bytes[0] != kOutsideType) {
+            return fail("an extension");
+        }
+        std::size_t index = 0;
+        for (std::uint32_t i = 1; i < size; ++i) {
+            index = index << 8 | static_cast<unsigned char>(bytes[i]);
+        }
+        return index < outside_.size() ? add(outside_[index]) : fail("a binary that has not come");
+    }
     bool start_array(std::uint32_t count) {
         if (open_.size() >= KRValueBounds::kDepth) {
             return fail("arrays are nested too deep");
@@ -164,7 +199,8 @@ private:
         return false;
     }
 
-    const KRReceivedBytes& received_;
+    const KRReceivedBytes* const received_;
+    const std::span<const KRBinary> outside_;
     const std::size_t maxValues_;
     std::vector<std::vector<KRValue>> open_; // arrays being read
     KRValue result_;
@@ -181,17 +217,37 @@ KRComposedBytes encodeValue(const KRValue& value) {
     return bytes;
 }
 
-KRValue decodeValue(const KRReceivedBytes& received, std::size_t offset, std::size_t size,
-                    std::size_t maxValues) {
-    Decoder decoder(received, maxValues);
+void encodeValue(const KRValue& value, KRLocalMessage& message) {
+    KRComposedBytes bytes;
+    std::vector<KRBinary> binaries;
+    Encoder(bytes, &binaries).encode(value, 0);
+    message.body = std::move(bytes).takeOwn();
+    message.binaries = std::move(binaries);
+}
+
+namespace {
+
+KRValue decodeBytes(const char* bytes, std::size_t size, Decoder& decoder) {
     std::size_t read = 0;
-    const char* bytes = reinterpret_cast<const char*>(received.bytes.get()) + offset;
     msgpack::parse(bytes, size, read, decoder);
     KRValue value = decoder.take();
     if (read != size) {
         throw KRMalformed("a value is malformed: there are bytes after it");
     }
     return value;
+}
+
+} // namespace
+
+KRValue decodeValue(const KRReceivedBytes& received, std::size_t offset, std::size_t size,
+                    std::size_t maxValues) {
+    Decoder decoder(&received, maxValues);
+    return decodeBytes(reinterpret_cast<const char*>(received.bytes.get()) + offset, size, decoder);
+}
+
+KRValue decodeValue(const KRLocalMessage& message) {
+    Decoder decoder(nullptr, KRValueBounds::kValues, message.binaries);
+    return decodeBytes(message.body.data(), message.body.size(), decoder);
 }
 
 } // namespace KR

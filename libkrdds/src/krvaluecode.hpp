@@ -2,6 +2,7 @@
 
 #include "krbytes.hpp"
 
+#include <krlocal/krlocalmessage.hpp>
 #include <krplatform/krvalue.hpp>
 
 #include <cstddef>
@@ -31,5 +32,11 @@ KRComposedBytes encodeValue(const KRValue& value);
 /// \throws KRMalformed not a value, more than one, or beyond the bounds
 KRValue decodeValue(const KRReceivedBytes& received, std::size_t offset, std::size_t size,
                     std::size_t maxValues = KRValueBounds::kValues);
+
+/// The same for another process of this machine: large binaries become those of the message, and the body has their index
+/// in an extension of type 1. The code of the message is left as it is. \throws KRError beyond the bounds
+void encodeValue(const KRValue& value, KRLocalMessage& message);
+/// \throws KRMalformed as above; a binary that has not come
+KRValue decodeValue(const KRLocalMessage& message);
 
 } // namespace KR

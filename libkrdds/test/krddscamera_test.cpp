@@ -1,4 +1,5 @@
 #include "otherprocess.hpp"
+#include "sharedmemory.hpp"
 #include "testdomain.hpp"
 
 #include <patience.hpp>
@@ -91,6 +92,30 @@ TEST(KRDDSCamera, SubscriptionsOfOtherProcessesGoOn) {
     ASSERT_EQ(left.size(), 2U);
     EXPECT_EQ(left[0].id, own);
     EXPECT_EQ(left[1].id, "Staying_2");
+}
+
+TEST(KRDDSCameraMemory, ImagesLieWhereOtherProcessesCanReadThem) {
+    const TestDomain domain;
+    const auto broker = domain.createBroker("local=on&lease=30");
+    const auto camera =
+        createModule<KRVideoDevice>(broker, "KRVideoDevice", std::vector<std::string>{"test"});
+    KRVideoDeviceProxy proxy(broker);
+    constexpr int kQuarter = 1; // and converted
+    constexpr int kBgr = 13;
+    for (const auto& [resolution, colorSpace] :
+         {std::pair(kVga, kYuv422), std::pair(kVga, kBgr), std::pair(kQuarter, kYuv422)}) {
+        const std::string id = proxy.subscribeCamera("Client", 0, resolution, colorSpace, 30);
+        const KRValue image = proxy.getImageRemote(id);
+        int pixels = 0;
+        for (std::size_t i = 0; i < image.getSize(); ++i) {
+            if (image[i].isBinary()) {
+                ++pixels;
+                EXPECT_TRUE(isInSharedMemory(image[i].GetBinary())) << resolution << " " << colorSpace;
+            }
+        }
+        EXPECT_EQ(pixels, 1);
+        proxy.unsubscribe(id);
+    }
 }
 
 } // namespace

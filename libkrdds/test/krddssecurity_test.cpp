@@ -140,6 +140,21 @@ TEST_F(KRDDSSecurity, AValidIdentityCannotCallInAnotherBrokersName) {
     EXPECT_GT(replies, 0);
 }
 
+TEST_F(KRDDSSecurity, CallsTakeNoSocketUnlessThatIsWanted) {
+    for (const auto& [options, way] :
+         {std::pair<std::string, std::string>("", "DDS: security is on here"),
+          std::pair<std::string, std::string>("&local=on", "socket and shared memory of this machine")}) {
+        const OtherProcess server(getUrl("ours/robot") + options, {"module", "Robot"});
+        ASSERT_EQ(server.getAnswer(), "ready");
+        const auto broker = KRBroker::create(getUrl("ours/laptop") + options);
+        ASSERT_TRUE(broker->getSession().waitForService("Robot", kPatience));
+        EXPECT_EQ(broker->getProxy("Robot")->call<int>("getPid"), server.getPid());
+        const auto peers = broker->getDiagnostics().peers;
+        ASSERT_FALSE(peers.empty());
+        EXPECT_EQ(peers.back().way, way);
+    }
+}
+
 TEST_F(KRDDSSecurity, AFileThatIsMissingOrIsSomethingElseIsNamed) {
     EXPECT_EQ(refusalOf("ours/robot"), "no error");
     for (const char* file : {"identity-ca.pem", "identity.pem", "key.pem", "permissions-ca.pem",

@@ -3,6 +3,8 @@
 // (subscribes to the camera) and counter (raises "Images" for each). It says "ready" and goes when its
 // standard input ends.
 
+#include "sharedmemory.hpp"
+
 #include <eventmodules.hpp>
 #include <testmodule.hpp>
 
@@ -19,6 +21,7 @@
 #include <krvision/krvisionextractor.hpp>
 #endif
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <iostream>
@@ -145,6 +148,26 @@ private:
             ++images_;
             return KRBinary::copyOf(std::string(size, 'i').data(), size);
         });
+        add("allocateImage", [](int size) {
+            const auto bytes = KRBinary::allocate(static_cast<std::size_t>(size));
+            std::fill_n(bytes.get(), size, static_cast<unsigned char>('i'));
+            return KRBinary(bytes, static_cast<std::size_t>(size));
+        });
+        // Fetches images from another module and keeps them; tells how many of them are in shared memory.
+        add("keepImages", [this](const std::string& module, int count, int size) {
+            int shared = 0;
+            for (int i = 0; i < count; ++i) {
+                const auto image = getParentBroker()->getProxy(module)->call<KRBinary>("allocateImage", size);
+                shared += isInSharedMemory(image) ? 1 : 0;
+                const std::lock_guard lock(mutex_);
+                kept_.push_back(image);
+            }
+            return shared;
+        });
+        add("dropImages", [this] {
+            const std::lock_guard lock(mutex_);
+            kept_.clear();
+        });
         add("countImages", [this] { return images_.load(); });
         // Takes the name for a module of this process. \return whether nobody else has it
         add("take", [this](const std::string& name) {
@@ -166,6 +189,7 @@ private:
     std::atomic<int> images_ = 0;
     std::mutex mutex_;
     std::vector<int> notes_;        // guarded by mutex_
+    std::vector<KRBinary> kept_;    // guarded by mutex_
     std::vector<std::string> gone_; // guarded by mutex_
 };
 

@@ -62,6 +62,24 @@ public:
         });
     }
 
+    /// User data of a broker's announcements. \param other  that of another broker than this one
+    std::string findUserData(const std::string& broker, bool other = false) {
+        const dds_entity_t reader = readAnnouncements();
+        std::string found;
+        EXPECT_TRUE(eventually([&] {
+            void* sample = nullptr;
+            dds_sample_info_t info;
+            while (found.empty() && dds_take(reader, &sample, &info, 1, 1) == 1) {
+                if ((static_cast<KRVision_Announcement*>(sample)->broker != broker) == other) {
+                    found = readUserData(reader, info.publication_handle);
+                }
+                dds_return_loan(reader, &sample, 1);
+            }
+            return !found.empty();
+        }));
+        return found;
+    }
+
     /// Announces itself as a broker.
     void announce(std::uint32_t protocol, std::vector<std::uint8_t> modules) {
         char host[] = "elsewhere";
@@ -156,6 +174,18 @@ private:
         }));
         return id;
     }
+    static std::string readUserData(dds_entity_t reader, dds_instance_handle_t writer) {
+        const std::unique_ptr<dds_builtintopic_endpoint_t, void (*)(dds_builtintopic_endpoint_t*)> endpoint(
+            dds_get_matched_publication_data(reader, writer), dds_builtintopic_free_endpoint);
+        void* data = nullptr;
+        std::size_t size = 0;
+        if (!endpoint || !dds_qget_userdata(endpoint->qos, &data, &size)) {
+            return {};
+        }
+        const std::unique_ptr<void, void (*)(void*)> owned(data, dds_free);
+        return {static_cast<const char*>(data), size};
+    }
+
     dds_entity_t getAnnouncer() {
         if (announcer_ == 0) {
             const dds_entity_t topic = dds_create_topic(participant_, &KRVision_Announcement_desc,

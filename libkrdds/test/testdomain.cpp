@@ -2,6 +2,7 @@
 
 #include <krdds/krdds.hpp>
 
+#include <cstdlib>
 #include <fcntl.h>
 #include <stdexcept>
 #include <sys/file.h>
@@ -53,8 +54,13 @@ TestDomain::~TestDomain() {
 }
 
 std::string TestDomain::getUrl(const std::string& options) const {
-    return "dds:?domain=" + std::to_string(number_) + "&interfaces=lo" +
-           (options.empty() ? "" : "&" + options);
+    std::string url = "dds:?domain=" + std::to_string(number_) + "&interfaces=lo";
+    const char* const local = std::getenv("KR_TEST_LOCAL");
+    if (local != nullptr && options.find("local=") == std::string::npos &&
+        options.find("security=") == std::string::npos) {
+        url += std::string("&local=") + local;
+    }
+    return url + (options.empty() ? "" : "&" + options);
 }
 
 } // namespace KR::test

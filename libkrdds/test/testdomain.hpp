@@ -17,7 +17,8 @@ public:
     TestDomain& operator=(const TestDomain&) = delete;
 
     int getNumber() const noexcept { return number_; }
-    /// Address of a broker on it. The lease is long, so that a busy machine kills nobody, unless `options` say
+    /// Address of a broker on it. The environment variable KR_TEST_LOCAL is its option `local`, unless `options` have that
+    /// or security. The lease is long, so that a busy machine kills nobody, unless `options` say
     /// otherwise.
     std::string getUrl(const std::string& options = "lease=30") const;
     boost::shared_ptr<KRBroker> createBroker(const std::string& options = "lease=30") const {

@@ -75,7 +75,26 @@ void refuse(KRIncomingCall& call, std::optional<KRModuleState> state) {
     }
 }
 
+/// State of a module that cannot be called; nullopt: there is none.
+std::optional<KRModuleState> getState(const std::shared_ptr<KRModuleGate>& gate) {
+    return gate ? std::optional(gate->isClosed() ? KRModuleState::Closed : KRModuleState::Claimed)
+                : std::nullopt;
+}
+
 } // namespace
+
+void KRTransportHost::serveHere(const std::shared_ptr<KRIncomingCall>& call) noexcept {
+    try {
+        const std::shared_ptr<KRModuleGate> gate = broker_.directory.find(call->module);
+        if (gate && gate->tryToEnter()) {
+            run(*call, *gate);
+        } else {
+            refuse(*call, getState(gate));
+        }
+    } catch (...) { // no memory
+        logError("krplatform.call", "a call from another process is lost: out of memory");
+    }
+}
 
 void KRTransportHost::serve(std::shared_ptr<KRIncomingCall> call) noexcept {
     std::shared_ptr<KRModuleGate> entered;
@@ -86,9 +105,7 @@ void KRTransportHost::serve(std::shared_ptr<KRIncomingCall> call) noexcept {
             broker_.threads.post([call, gate] { run(*call, *gate); });
             return;
         }
-        const auto state =
-            gate ? std::optional(gate->isClosed() ? KRModuleState::Closed : KRModuleState::Claimed)
-                 : std::nullopt;
+        const auto state = getState(gate);
         broker_.threads.post([call, state] { refuse(*call, state); });
     } catch (...) { // no thread or no memory: the call is destroyed unanswered, so its caller gets an error
         if (entered) {

@@ -23,6 +23,8 @@ namespace KR {
 /// | `interfaces` | network interfaces to use, separated by commas | one that DDS chooses |
 /// | `lease` | seconds of silence after which a process counts as gone, 0.1 to 3600 | 2 |
 /// | `fragment` | bytes of a network fragment, 512 to 65000; 1344 suits frames of 1500 bytes | 65000 |
+/// | `local` | `on`: brokers of this machine are called through a socket and shared memory; `off`: over DDS, as all others; `group:NAME`: on, and members of that group may connect as well as the same user | `on`; with `security` `off` |
+/// | `local-memory` | bytes of shared memory for that, at most; K, M or G may follow; 0: none | 256M |
 /// | `security` | folder with certificates and permissions, as docs/several-machines.md describes | off |
 ///
 /// If security is asked for and not possible, creating the broker fails with a KRError. Thread-safe.

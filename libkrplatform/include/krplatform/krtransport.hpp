@@ -94,6 +94,8 @@ public:
 
     /// Runs the call on a call thread. Call it once the caller can receive the answer. Without a thread or memory for it, it is destroyed unanswered.
     void serve(std::shared_ptr<KRIncomingCall> call) noexcept;
+    /// The same on the calling thread, which may take as long as the call does.
+    void serveHere(const std::shared_ptr<KRIncomingCall>& call) noexcept;
     /// Calls xCallerGone() of every module of this process: a process which may have called it is gone.
     void noticeCallerGone(const std::string& caller) noexcept;
     /// Runs the job on a call thread. The job must not throw. \throws std::system_error no thread; std::bad_alloc

@@ -1,0 +1,410 @@
+// Brokers of one machine that reach each other without DDS.
+
+#include "otherprocess.hpp"
+#include "sharedmemory.hpp"
+#include "stranger.hpp"
+#include "testdomain.hpp"
+
+#include <patience.hpp>
+#include <recordedlog.hpp>
+#include <testmodule.hpp>
+
+#include <krlocal/krlocalendpoint.hpp>
+#include <krplatform/krproxy.hpp>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <functional>
+#include <future>
+#include <random>
+#include <thread>
+#include <unistd.h>
+
+namespace KR::test {
+
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+constexpr int kImage = 614400;
+const std::string kOptions = "local=on&lease=300"; // so that nothing is noticed by way of DDS
+const std::vector<std::string> kServer{"module", "Server"};
+
+/// How another process is called, as the broker says.
+KRPeerDiagnostics describe(const KRBroker& broker, const OtherProcess& other) {
+    for (const KRPeerDiagnostics& peer : broker.getDiagnostics().peers) {
+        if (peer.location.starts_with("in process " + std::to_string(other.getPid()) + " ")) {
+            return peer;
+        }
+    }
+    return {};
+}
+
+bool isStillImage(const KRBinary& image, int size) {
+    return image.size() == static_cast<std::size_t>(size) &&
+           std::all_of(image.data(), image.data() + image.size(), [](unsigned char c) { return c == 'i'; });
+}
+
+/// A broker here, a module "Server" in another process.
+class KRDDSLocal : public testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_EQ(server.getAnswer(), "ready");
+        ASSERT_TRUE(broker->getSession().waitForService("Server", kPatience));
+    }
+
+    TestDomain domain;
+    OtherProcess server{domain.getUrl(kOptions), kServer};
+    boost::shared_ptr<KRBroker> broker = domain.createBroker(kOptions);
+    boost::shared_ptr<KRProxy> proxy = broker->getProxy("Server");
+};
+
+TEST_F(KRDDSLocal, ABrokerOfThisMachineIsCalledThroughASocket) {
+    EXPECT_EQ(proxy->call<int>("getPid"), server.getPid());
+    const KRPeerDiagnostics peer = describe(*broker, server);
+    EXPECT_TRUE(peer.local);
+    EXPECT_EQ(peer.way, "socket and shared memory of this machine");
+    EXPECT_EQ(peer.state, KRPeerDiagnostics::State::Connected);
+}
+
+TEST_F(KRDDSLocal, AnImageArrivesInTheSharedMemoryOfItsSender) {
+    for (const char* method : {"allocateImage", "makeImage"}) { // the second one is copied there
+        const auto image = proxy->call<KRBinary>(method, kImage);
+        EXPECT_TRUE(isInSharedMemory(image));
+        EXPECT_TRUE(isStillImage(image, kImage));
+    }
+}
+
+TEST_F(KRDDSLocal, AnImageMayBeAnArgument) {
+    const KRBinary image = KRBinary::copyOf(std::string(kImage, 'i').data(), kImage);
+    EXPECT_TRUE(isStillImage(proxy->call<KRBinary>("echo", image), kImage));
+}
+
+TEST_F(KRDDSLocal, MoreImagesThanAMessageHandsOverGoThrough) {
+    constexpr std::size_t kMany = 1100;
+    const KRBinary image = KRBinary::copyOf(std::string(20000, 'i').data(), 20000);
+    const auto got = proxy->call<KRValue>("echo", std::vector<KRValue>(kMany, image));
+    ASSERT_EQ(got.getSize(), kMany);
+    for (std::size_t i = 0; i < kMany; i += 100) {
+        EXPECT_TRUE(isStillImage(got[i].to<KRBinary>(), 20000));
+    }
+}
+
+TEST_F(KRDDSLocal, AProcessThatIsKilledIsNoticedWithoutACall) {
+    server.kill();
+    EXPECT_TRUE(eventually([&] { return broker->getModuleList().empty(); }));
+}
+
+TEST_F(KRDDSLocal, CallsToAProcessThatIsKilledFailAndItsModulesAreGoneByThen) {
+    auto blocked = std::async(std::launch::async, [&] { return proxy->call<bool>("block"); });
+    ASSERT_TRUE(eventually([&] { return proxy->call<int>("countBlocked") == 1; }));
+    server.kill();
+    try {
+        resultOf(blocked);
+        FAIL() << "there was an answer";
+    } catch (const KRError& error) {
+        EXPECT_THAT(error.getDescription(), HasSubstr("is gone or cannot be reached"));
+    }
+    EXPECT_TRUE(broker->getModuleList().empty());
+}
+
+TEST_F(KRDDSLocal, ModulesHearOfACallerThatIsKilled) {
+    OtherProcess client(domain.getUrl(kOptions), {"module", "Client"});
+    const auto clientProxy = broker->getProxy("Client");
+    ASSERT_TRUE(broker->getSession().waitForService("Client", kPatience));
+    ASSERT_TRUE(eventually([&] { return clientProxy->call<bool>("isReachable", "Server"); }));
+    const auto caller = clientProxy->call<std::string>("callOther", "Server", "callerOf", "");
+    client.kill();
+    EXPECT_TRUE(eventually([&] { return !proxy->call<std::vector<std::string>>("getGone").empty(); }));
+    EXPECT_THAT(proxy->call<std::vector<std::string>>("getGone"), ElementsAre(caller));
+}
+
+TEST_F(KRDDSLocal, ABrokerThatLeavesIsNoticedThoughItsProcessStays) {
+    auto second = domain.createBroker(kOptions);
+    auto module = makeModule(second, "Here", [](TestModule& made) {
+        made.add("echo", [](const KRValue& value) { return value; });
+    });
+    ASSERT_TRUE(broker->getSession().waitForService("Here", kPatience));
+    EXPECT_EQ(broker->getProxy("Here")->call<int>("echo", 4), 4);
+    module = {};
+    second.reset();
+    EXPECT_TRUE(eventually([&] { return broker->getDiagnostics().peers.size() == 1; }));
+    EXPECT_EQ(proxy->call<int>("echo", 5), 5);
+}
+
+TEST_F(KRDDSLocal, ProcessesThatAreKilledWhileImagesFlowDisturbNobodyElse) {
+    std::mt19937 random{8};
+    for (int round = 0; round < 6; ++round) {
+        const std::string name = "Mortal" + std::to_string(round);
+        OtherProcess mortal(domain.getUrl(kOptions), {"module", name});
+        ASSERT_TRUE(broker->getSession().waitForService(name, kPatience));
+        std::vector<std::thread> callers;
+        for (int i = 0; i < 3; ++i) {
+            callers.emplace_back([&] {
+                const auto called = broker->getProxy(name);
+                try {
+                    for (;;) {
+                        EXPECT_TRUE(isStillImage(called->call<KRBinary>("allocateImage", kImage), kImage));
+                    }
+                } catch (const KRError& error) { // as it must end
+                    EXPECT_THAT(error.getDescription(),
+                                testing::AnyOf(HasSubstr("is gone or cannot be reached"),
+                                               HasSubstr("there is no module")));
+                }
+            });
+        }
+        // It fetches from the other server at the same time.
+        std::thread feeding([&] {
+            try {
+                for (;;) {
+                    broker->getProxy(name)->call<int>("keepImages", "Server", 3, kImage);
+                    broker->getProxy(name)->call("dropImages");
+                }
+            } catch (const KRError&) { // as it must end
+            }
+        });
+        std::this_thread::sleep_for(std::chrono::microseconds(random() % 20000));
+        mortal.kill();
+        for (std::thread& caller : callers) {
+            caller.join();
+        }
+        feeding.join();
+        EXPECT_TRUE(isInSharedMemory(proxy->call<KRBinary>("allocateImage", kImage)));
+    }
+}
+
+TEST_F(KRDDSLocal, AProcessThatIsFrozenForAMomentGoesOn) {
+    std::mt19937 random{8};
+    std::atomic<bool> ending = false;
+    std::thread caller([&] {
+        while (!ending) {
+            EXPECT_TRUE(isStillImage(proxy->call<KRBinary>("allocateImage", kImage), kImage));
+        }
+    });
+    for (int round = 0; round < 50; ++round) {
+        std::this_thread::sleep_for(std::chrono::microseconds(random() % 5000));
+        server.freeze();
+        std::this_thread::sleep_for(std::chrono::microseconds(random() % 2000));
+        server.thaw();
+    }
+    ending = true;
+    caller.join();
+    EXPECT_TRUE(describe(*broker, server).local);
+}
+
+/// A module "Source" here that shares 8 MiB, and two processes that fetch images from it.
+class KRDDSLocalSource : public testing::Test {
+protected:
+    static constexpr int kMegabyte = 1 << 20;
+
+    void SetUp() override {
+        for (const char* name : {"First", "Second"}) {
+            ASSERT_TRUE(broker->getSession().waitForService(name, kPatience));
+            ASSERT_TRUE(
+                eventually([&] { return broker->getProxy(name)->call<bool>("isReachable", "Source"); }));
+        }
+    }
+    /// Fetches images there. \return how many of them came in shared memory
+    int keep(const std::string& process, int count) {
+        return broker->getProxy(process)->call<int>("keepImages", "Source", count, kMegabyte);
+    }
+
+    TestDomain domain;
+    boost::shared_ptr<KRBroker> broker = domain.createBroker(kOptions + "&local-memory=8M");
+    KRModuleHandle<TestModule> source = makeModule(broker, "Source", [](TestModule& module) {
+        module.add("allocateImage", [](int size) {
+            const auto bytes = KRBinary::allocate(static_cast<std::size_t>(size));
+            std::fill_n(bytes.get(), size, static_cast<unsigned char>('i'));
+            return KRBinary(bytes, static_cast<std::size_t>(size));
+        });
+    });
+    OtherProcess first{domain.getUrl(kOptions), {"module", "First"}};
+    OtherProcess second{domain.getUrl(kOptions), {"module", "Second"}};
+};
+
+TEST_F(KRDDSLocalSource, WhatIsBeyondTheBoundGoesThroughTheSocketUntilThereIsRoom) {
+    EXPECT_EQ(keep("First", 10), 4); // one process is lent half
+    broker->getProxy("First")->call("dropImages");
+    EXPECT_EQ(keep("First", 2), 2);
+}
+
+TEST_F(KRDDSLocalSource, AReceiverThatIsFrozenKeepsItsOwnSlotsAlone) {
+    EXPECT_EQ(keep("First", 4), 4);
+    first.freeze();
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_EQ(keep("Second", 3), 3);
+        broker->getProxy("Second")->call("dropImages");
+    }
+    first.thaw();
+}
+
+TEST_F(KRDDSLocalSource, WhatAReceiverHeldIsThereAgainOnceItIsKilled) {
+    EXPECT_EQ(keep("First", 4), 4);
+    EXPECT_EQ(keep("Second", 3), 3);
+    first.kill();
+    second.kill();
+    const OtherProcess third(domain.getUrl(kOptions), {"module", "Third"});
+    ASSERT_TRUE(broker->getSession().waitForService("Third", kPatience));
+    ASSERT_TRUE(eventually([&] { return broker->getProxy("Third")->call<bool>("isReachable", "Source"); }));
+    EXPECT_EQ(keep("Third", 4), 4);
+}
+
+/// Connects to the broker of a test as a program of its own design does.
+class Liar : public KRLocalService {
+public:
+    explicit Liar(const std::string& id) : endpoint_(KRLocalOptions{id, ""}, *this) {}
+    ~Liar() override {
+        endpoint_.stop();
+        for (std::thread& thread : threads_) {
+            thread.join();
+        }
+    }
+    void post(std::function<void()> job) override { threads_.emplace_back(std::move(job)); }
+    void serve(std::shared_ptr<KRLocalRequest>) noexcept override {}
+    void noticeCallerGone(const std::string&) noexcept override {}
+
+    /// \return why there was no answer to a call of this body
+    std::string send(const KRLocalAddress& address, const std::string& body) {
+        KRLocalMessage request;
+        request.body = body;
+        try {
+            endpoint_.connect(address, kPatience, {})->call(request);
+        } catch (const KRError& error) {
+            return error.getDescription();
+        }
+        return "no error";
+    }
+
+private:
+    std::vector<std::thread> threads_;
+    KRLocalEndpoint endpoint_;
+};
+
+/// Tells who calls it.
+class Asked : public TestModule {
+public:
+    Asked(boost::shared_ptr<KRBroker> broker, const std::string& name) : TestModule(std::move(broker), name) {
+        add("callerOf", [this](const KRValue&) { return xGetCaller(); });
+    }
+};
+
+TEST_F(KRDDSLocal, ACallInTheNameOfAnotherBrokerIsDroppedAndCounted) {
+    Stranger stranger(domain.getNumber());
+    const auto here = createModule<Asked>(broker, "Here");
+    ASSERT_TRUE(eventually([&] { return proxy->call<bool>("isReachable", "Here"); }));
+    const auto victim = proxy->call<std::string>("callOther", "Here", "callerOf", "");
+    const auto address = KRLocalAddress::parse(stranger.findUserData(victim, true));
+    ASSERT_TRUE(address);
+    EXPECT_EQ(address->process, getpid());
+    EXPECT_EQ(Liar(victim).send(*address, "anything"), "the call was not answered");
+    EXPECT_EQ(broker->getDiagnostics().refusedMessages, 1U);
+    EXPECT_EQ(proxy->call<std::string>("callOther", "Here", "callerOf", ""), victim);
+}
+
+TEST_F(KRDDSLocal, ARequestThatIsMalformedIsDroppedAndCounted) {
+    Stranger stranger(domain.getNumber());
+    const auto own = proxy->call<std::string>("getCaller");
+    const auto address = KRLocalAddress::parse(stranger.findUserData(own));
+    ASSERT_TRUE(address);
+    Liar liar(stranger.getId());
+    const std::vector<std::string> bodies{"",
+                                          "\x01",
+                                          "\x92\xa1m\xa1n",     // no arguments
+                                          "\x93\xa1m\x01\x90",  // a number for a method
+                                          "\x93\xa1m\xa1n\x01", // a number for the arguments
+                                          std::string("\x93\xa1m\xa1n\x91\xd6\x01\0\0\0\x07", 12), // binary 7
+                                          "\x93\xa1m\xa1n\x90\x90"};
+    for (const std::string& body : bodies) {
+        EXPECT_EQ(liar.send(*address, body), "the call was not answered");
+    }
+    EXPECT_EQ(broker->getDiagnostics().malformedMessages, bodies.size());
+    EXPECT_EQ(proxy->call<int>("echo", 4), 4);
+}
+
+/// Makes a call both ways, and checks how.
+void checkCalls(const TestDomain& domain, const std::string& options, const OtherProcess& other,
+                const std::string& way) {
+    ASSERT_EQ(other.getAnswer(), "ready");
+    const auto broker = domain.createBroker(options);
+    ASSERT_TRUE(broker->getSession().waitForService("Server", kPatience));
+    const auto proxy = broker->getProxy("Server");
+    const auto image = proxy->call<KRBinary>("makeImage", kImage);
+    EXPECT_TRUE(isStillImage(image, kImage));
+    const KRPeerDiagnostics peer = describe(*broker, other);
+    EXPECT_THAT(peer.way, HasSubstr(way));
+    EXPECT_EQ(isInSharedMemory(image), peer.local);
+    const auto here = makeModule(broker, "Here", [](TestModule& module) {
+        module.add("echo", [](const KRValue& value) { return value; });
+    });
+    ASSERT_TRUE(eventually([&] { return proxy->call<bool>("isReachable", "Here"); }));
+    EXPECT_EQ(proxy->call<KRValue>("callOther", "Here", "echo", image), KRValue(image));
+}
+
+TEST(KRDDSWays, ABrokerThatOffersNoSocketIsCalledOverDDS) { // as those of earlier versions
+    const TestDomain domain;
+    const OtherProcess other(domain.getUrl("local=off&lease=30"), kServer);
+    checkCalls(domain, kOptions, other, "DDS: it offers no other way");
+}
+
+TEST(KRDDSWays, ABrokerThatIsToTakeDDSTakesIt) {
+    const TestDomain domain;
+    const OtherProcess other(domain.getUrl(kOptions), kServer);
+    checkCalls(domain, "local=off&lease=30", other, "DDS: local=off here");
+}
+
+TEST(KRDDSWays, SharedMemoryNeedsNoFileSystem) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "only root has mounts of its own";
+    }
+    const TestDomain domain;
+    const OtherProcess other(domain.getUrl(kOptions), kServer,
+                             {"unshare", "--mount", "sh", "-c",
+                              "mount -t tmpfs -o size=4k,ro none /dev/shm && exec \"$@\"", "sh"});
+    checkCalls(domain, kOptions, other, "socket and shared memory");
+}
+
+TEST(KRDDSWays, AnotherUserIsCalledOverDDS) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "only root can be another user";
+    }
+    const TestDomain domain;
+    const OtherProcess other(domain.getUrl(kOptions), kServer,
+                             {"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"});
+    checkCalls(domain, kOptions, other, "DDS: it is of user 65534");
+}
+
+TEST(KRDDSWays, AnotherUserOfTheGroupIsCalledThroughASocket) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "only root can be another user";
+    }
+    const TestDomain domain;
+    const std::string options = "local=group:root&lease=300";
+    const OtherProcess other(domain.getUrl(options), kServer,
+                             {"setpriv", "--reuid=65534", "--regid=0", "--clear-groups"});
+    checkCalls(domain, options, other, "socket and shared memory");
+}
+
+TEST(KRDDSWays, OptionsThatCannotBeAreRefusedWithTheReason) {
+    const auto refusal = [](const std::string& options) -> std::string {
+        try {
+            KRBroker::create("dds:?domain=100&interfaces=lo&" + options);
+        } catch (const KRError& error) {
+            return error.getDescription();
+        }
+        return "no error";
+    };
+    EXPECT_THAT(refusal("local=maybe"), HasSubstr("local is \"maybe\", not on, off or group:NAME"));
+    EXPECT_THAT(refusal("local=group:"), HasSubstr("local is \"group:\", not on, off or group:NAME"));
+    EXPECT_THAT(refusal("local=group:nosuchgroup"), HasSubstr("there is no group named nosuchgroup"));
+    EXPECT_THAT(refusal("local-memory=much"), HasSubstr("local-memory is \"much\", not a number of bytes"));
+    EXPECT_THAT(refusal("local-memory=2000G"), HasSubstr("up to 1024G"));
+    EXPECT_THAT(refusal("local-memory=12X"), HasSubstr("local-memory is \"12X\""));
+}
+
+} // namespace
+
+} // namespace KR::test
