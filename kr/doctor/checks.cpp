@@ -137,6 +137,27 @@ Finding checkBrokers(const KRBroker& broker) {
             "kill PROCESS, on the host that is named   (the unwanted one)"};
 }
 
+Finding checkWays(const KRBroker& broker) {
+    int local = 0;
+    std::vector<std::string> others;
+    for (const KRPeerDiagnostics& peer : broker.getDiagnostics().peers) {
+        if (peer.state == KRPeerDiagnostics::State::Refused) {
+            continue;
+        }
+        if (peer.local) {
+            ++local;
+        } else {
+            others.push_back(peer.location + ", " + peer.way);
+        }
+    }
+    std::string text = std::to_string(local) + (local == 1 ? " broker is" : " brokers are") +
+                       " called through shared memory";
+    if (!others.empty()) {
+        text += ", " + std::to_string(others.size()) + " otherwise: " + join(others, "; ");
+    }
+    return {"ways", true, text, ""};
+}
+
 Finding checkMessages(const KRBroker& broker) {
     const KRBrokerDiagnostics diagnostics = broker.getDiagnostics();
     if (diagnostics.malformedMessages == 0 && diagnostics.refusedMessages == 0) {

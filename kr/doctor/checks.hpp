@@ -25,6 +25,8 @@ Finding checkClock();
 Finding checkParticipants(const std::string& url);
 /// Unique names of modules, and one protocol.
 Finding checkBrokers(const KRBroker& broker);
+/// How other brokers are called: through shared memory of this machine or over DDS, and why. Always good.
+Finding checkWays(const KRBroker& broker);
 /// No messages that had to be discarded.
 Finding checkMessages(const KRBroker& broker);
 /// Modules that work, by their own account.

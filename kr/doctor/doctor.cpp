@@ -32,6 +32,7 @@ std::vector<Finding> examine(const Domain& domain) {
         findings.push_back(checkParticipants(domain.getUrl()));
         const auto broker = domain.connect();
         findings.push_back(checkBrokers(*broker));
+        findings.push_back(checkWays(*broker));
         findings.push_back(checkServices(*broker, domain.getUrl()));
         findings.push_back(checkModules(*broker));
         findings.push_back(checkOutputs(*broker));

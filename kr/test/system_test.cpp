@@ -36,6 +36,19 @@ TEST_F(KrSystem, ListsTheModulesOfAnotherProcess) {
     EXPECT_THAT(krOnDomain({"module", "list", "--all"}).out, HasSubstr("\nkr-"));
 }
 
+TEST_F(KrSystem, ListsWhereModulesRunAndHowTheyAreCalled) {
+    RunningProgram server = serve();
+    ASSERT_TRUE(server.isUp()) << server.readErr();
+    const std::string location = ", in process " + std::to_string(server.getPid()) + " (kr) on ";
+    EXPECT_THAT(krOnDomain({"module", "list", "--verbose"}).out,
+                AllOf(StartsWith("KRMemory" + location), HasSubstr("\nKRVideoDevice" + location),
+                      HasSubstr(", socket and shared memory of this machine\n")));
+    const json modules = json::parse(krOnDomain({"module", "list", "--verbose", "--json"}).out);
+    ASSERT_EQ(modules.size(), 2U);
+    EXPECT_EQ(modules[0]["name"], "KRMemory");
+    EXPECT_EQ(modules[0]["local"], true);
+}
+
 TEST_F(KrSystem, ShowsTheMethodsOfAModuleAsPublished) {
     RunningProgram server = serve();
     ASSERT_TRUE(server.isUp()) << server.readErr();
