@@ -65,10 +65,10 @@ private:
 
 std::string formatLine(const KRMemoryChange& change, bool isJson) {
     const Json value = change.leftOut ? Json{{"bytes", change.bytes}} : toJson(change.value);
-    return isJson
-               ? formatJson({{"time_usec", change.written_usec}, {"key", change.key}, {"value", value}}) + "\n"
-               : format("%7s  ", formatAge(change.written_usec).c_str()) + escapeText(change.key) + " " +
-                     formatJson(value) + "\n";
+    return isJson ? formatJson({{"time_usec", change.written_usec}, {"key", change.key}, {"value", value}}) +
+                        "\n"
+                  : format("%7s  ", formatAge(change.written_usec).c_str()) + escapeText(change.key) + " " +
+                        formatJson(value) + "\n";
 }
 
 ExitCode watch(const Options& options) {

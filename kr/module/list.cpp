@@ -33,8 +33,10 @@ void printLocations(const KRBroker& broker, const Options& options) {
         for (const std::string& module : peer.modules) {
             if (options.all || !isInternalModule(module)) {
                 lines[module] += module + ", " + peer.location + ", " + peer.way + "\n";
-                list.push_back(
-                    {{"name", module}, {"location", peer.location}, {"local", peer.local}, {"way", peer.way}});
+                list.push_back({{"name", module},
+                                {"location", peer.location},
+                                {"local", peer.local},
+                                {"way", peer.way}});
             }
         }
     }

@@ -49,7 +49,8 @@ TEST_F(KrSystem, WatchesTheSizeOfALargeValueAndNotItsBytes) {
     ASSERT_EQ(krOnDomain({"memory", "set", "Image/Small", "1"}).exitCode, 0);
     RunningProgram watch(onDomain({"memory", "watch", "Image", "--interval", "0.01"}), "Image/Small 1\n");
     ASSERT_TRUE(watch.isUp()) << watch.readErr();
-    ASSERT_EQ(krOnDomain({"memory", "set", "Image/Large", "\"" + std::string(70000, 'x') + "\""}).exitCode, 0);
+    ASSERT_EQ(krOnDomain({"memory", "set", "Image/Large", "\"" + std::string(70000, 'x') + "\""}).exitCode,
+              0);
     EXPECT_TRUE(watch.waitFor("Image/Large {\"bytes\":70"));
     const Outcome outcome = watch.stop(SIGINT);
     EXPECT_EQ(outcome.exitCode, 0);

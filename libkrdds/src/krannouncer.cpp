@@ -1,8 +1,8 @@
 #include "krannouncer.hpp"
 
 #include "krddsdomain.hpp"
-#include "krlink.hpp"
 #include "krengine.h"
+#include "krlink.hpp"
 
 #include <krplatform/krlog.hpp>
 #include <krplatform/krthread.hpp>

@@ -26,8 +26,7 @@ public:
     /// \param local  its KRLocalWay::getAddress()
     /// \throws KRError the engine refuses
     void start(ddsi_domaingv* engine, dds_entity_t participant, dds_entity_t topic, const std::string& id,
-               const std::string& local)
-        KR_EXCLUDES(mutex_);
+               const std::string& local) KR_EXCLUDES(mutex_);
     /// Ends the announcement, which tells the others that this broker leaves.
     void stop() noexcept KR_EXCLUDES(mutex_);
 

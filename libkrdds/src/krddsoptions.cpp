@@ -235,7 +235,8 @@ std::string KRDDSOptions::getConfiguration(const KRHostNetwork& network, bool pl
         xml << "<Interfaces>";
         for (const std::string& interface : used) {
             xml << "<NetworkInterface name=\"" << escapeXml(interface) << '"'
-                << (interface == network.loopback && network.loopbackMulticast ? " multicast=\"true\"" : "") << "/>";
+                << (interface == network.loopback && network.loopbackMulticast ? " multicast=\"true\"" : "")
+                << "/>";
         }
         xml << "</Interfaces>";
     }

@@ -26,8 +26,9 @@ namespace {
 constexpr const char* kCategory = "krdds";
 constexpr int kStartPoll_ms = 2;
 constexpr std::chrono::milliseconds kStartPatience{1000};
-constexpr std::chrono::milliseconds kSilencePatience{300}; // with processes of this host that may not be brokers
-constexpr std::chrono::milliseconds kNetworkPatience{30};  // with the first answer of another host
+constexpr std::chrono::milliseconds kSilencePatience{
+    300}; // with processes of this host that may not be brokers
+constexpr std::chrono::milliseconds kNetworkPatience{30}; // with the first answer of another host
 constexpr std::chrono::milliseconds kClaimPatience{300};
 constexpr std::chrono::milliseconds kFewestAckPatience{10000};
 constexpr std::chrono::milliseconds kLastAnswersPatience{1000};
@@ -209,12 +210,13 @@ void KRLink::createEntities() {
             "topic");
     };
     const std::string prefix = "KRVision/" + std::to_string(kProtocol);
-    connection_ = {participant,
-                   createMessageTopic(participant, (prefix + "/Request").c_str(), "KRVision::Request", &engine_),
-                   createMessageTopic(participant, (prefix + "/Reply").c_str(), "KRVision::Reply"),
-                   id_,
-                   std::max(options_.lease, kFewestAckPatience),
-                   [this] { wake(); }};
+    connection_ = {
+        participant,
+        createMessageTopic(participant, (prefix + "/Request").c_str(), "KRVision::Request", &engine_),
+        createMessageTopic(participant, (prefix + "/Reply").c_str(), "KRVision::Reply"),
+        id_,
+        std::max(options_.lease, kFewestAckPatience),
+        [this] { wake(); }};
     if (!options_.security.empty()) {
         checkPermissions();
     }
@@ -285,9 +287,9 @@ void KRLink::waitForBrokersThatAreThere() const {
             return discovered.ports.contains(":" + std::to_string(port) + "@");
         });
         const bool allHeard = heard + 1 >= std::ssize(places); // one is our own
-        const bool allKnown = std::all_of(
-            discovered.brokers.begin(), discovered.brokers.end(),
-            [&](const std::string& id) { return id == id_ || directory_.isSettled(id); });
+        const bool allKnown =
+            std::all_of(discovered.brokers.begin(), discovered.brokers.end(),
+                        [&](const std::string& id) { return id == id_ || directory_.isSettled(id); });
         return allKnown && (allHeard || waited >= kSilencePatience) &&
                (domain_->staysOnHost() || waited >= kNetworkPatience);
     };

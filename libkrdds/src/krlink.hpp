@@ -31,7 +31,8 @@ namespace KR {
 class KRLink : public KRTransport {
 public:
     static constexpr std::uint32_t kProtocol = 1;
-    static constexpr std::string_view kMark = "KRVision"; ///< user data of a broker's participant begin with it
+    static constexpr std::string_view kMark =
+        "KRVision"; ///< user data of a broker's participant begin with it
 
     KRLink(KRDDSOptions options, KRTransportHost& host);
     ~KRLink() override { KRLink::stop(); }
@@ -101,7 +102,8 @@ private:
     KRDDSEntity participant_;
     ddsi_domaingv* engine_ = nullptr;
     std::string id_;
-    std::unique_ptr<KRPulse> pulse_; // null: other hosts may be reached, so the engine shows that this process runs
+    std::unique_ptr<KRPulse>
+        pulse_; // null: other hosts may be reached, so the engine shows that this process runs
     KRPeer::Connection connection_;
     dds_entity_t announcementReader_ = 0;
     dds_entity_t requestReader_ = 0;

@@ -27,7 +27,7 @@ constexpr std::chrono::milliseconds kShortestTick{25};
 constexpr int kBeatsInLease = 4;
 // A packet by which the engine shows a process may be lost when many start at once; it sends the next one much later.
 constexpr std::array<int, 4> kShowAgainAfter_ms{500, 1500, 4000, 10000};
-constexpr int kTicksOfQuiet = 20; // whatever happens is reported; this is in case it is not
+constexpr int kTicksOfQuiet = 20;                 // whatever happens is reported; this is in case it is not
 constexpr std::chrono::seconds kPollPatience{10}; // much longer than a poll takes on a busy machine
 
 } // namespace
@@ -149,7 +149,8 @@ void KRLink::openReplies() {
 void KRLink::watchPulses() {
     const auto now = std::chrono::steady_clock::now();
     pulse_->beat();
-    const bool wasFrozen = now - lastBeat_ >= options_.lease; // so that others may have forgotten this process
+    const bool wasFrozen =
+        now - lastBeat_ >= options_.lease; // so that others may have forgotten this process
     lastBeat_ = now;
     const auto shown = static_cast<std::size_t>(shownAgain_);
     if (wasFrozen) {

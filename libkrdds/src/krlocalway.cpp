@@ -65,8 +65,8 @@ std::shared_ptr<KRIncomingCall> readCall(std::shared_ptr<KRLocalRequest> request
         !call[2].isArray()) {
         throw KRMalformed("a request is malformed: it is not a module, a method and arguments");
     }
-    return std::make_shared<Served>(std::move(request), std::move(isGone), call[0].to<std::string>(), call[1].to<std::string>(),
-                                    call[2].to<std::vector<KRValue>>());
+    return std::make_shared<Served>(std::move(request), std::move(isGone), call[0].to<std::string>(),
+                                    call[1].to<std::string>(), call[2].to<std::vector<KRValue>>());
 }
 
 } // namespace

@@ -78,8 +78,7 @@ public:
             const std::string path = folder + entry->d_name;
             char target[128];
             const ssize_t size = readlink(path.c_str(), target, sizeof target);
-            if (size > 0 &&
-                std::string_view(target, static_cast<std::size_t>(size)).starts_with(wanted)) {
+            if (size > 0 && std::string_view(target, static_cast<std::size_t>(size)).starts_with(wanted)) {
                 return map(path, process);
             }
         }

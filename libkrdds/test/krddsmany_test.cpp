@@ -84,8 +84,8 @@ TEST(KRDDSMany, OfTwentyProcessesThatTakeANameAtOnceOneGetsIt) {
         EXPECT_EQ(callAll("take", std::string("Wanted")), 1);
         callAll("giveBack");
         for (const auto& member : members) {
-            EXPECT_TRUE(
-                eventually([&] { return !member->template call<bool>("isReachable", std::string("Wanted")); }));
+            EXPECT_TRUE(eventually(
+                [&] { return !member->template call<bool>("isReachable", std::string("Wanted")); }));
         }
     }
 }

@@ -273,9 +273,8 @@ TEST_F(KRDDSWire, ACallWaitsUntilTheBrokerReadsCalls) {
     ASSERT_TRUE(broker->getSession().waitForService("Ghost", kPatience));
     EXPECT_EQ(broker->getDiagnostics().peers[0].state, KRPeerDiagnostics::State::Connected);
     auto call = std::async(std::launch::async, [&] { return broker->getProxy("Ghost")->call<int>("go"); });
-    EXPECT_TRUE(eventually([&] {
-        return broker->getDiagnostics().peers[0].state == KRPeerDiagnostics::State::Connecting;
-    }));
+    EXPECT_TRUE(eventually(
+        [&] { return broker->getDiagnostics().peers[0].state == KRPeerDiagnostics::State::Connecting; }));
     const dds_entity_t requests = stranger.readRequests();
     std::uint64_t number = 0;
     takeNext<KRVision_Request>(requests, [&](const KRVision_Request& taken) { number = taken.number; });

@@ -85,7 +85,8 @@ void KRMemory::publishMethods() {
     addParam("prefix", "What the keys have to begin with; empty for all.");
     addParam("since", "What the earlier call returned as now; empty for all values.");
     addParam("maxBytes", "Size of the largest value to get.");
-    setReturn("changes", "[now, array of [key, value, bytes, seconds, microseconds]], where larger values are invalid.");
+    setReturn("changes",
+              "[now, array of [key, value, bytes, seconds, microseconds]], where larger values are invalid.");
     publish(&KRMemory::getDataChanges);
 
     functionName("removeData", kName, "Removes a key and its value.");

@@ -147,7 +147,7 @@ private:
     KRCondition settled_;
     std::map<std::string, Stored> data_ KR_GUARDED_BY(mutex_);
     std::map<std::string, std::string> writers_ KR_GUARDED_BY(mutex_); // module by key, as declared last
-    std::uint64_t changes_ KR_GUARDED_BY(mutex_) = 0; // of data so far
+    std::uint64_t changes_ KR_GUARDED_BY(mutex_) = 0;                  // of data so far
     std::map<std::string, Event> events_ KR_GUARDED_BY(mutex_);
     std::map<LinkKey, Link> links_ KR_GUARDED_BY(mutex_);
     std::size_t maxPendingBytes_ KR_GUARDED_BY(mutex_) = kMaxPendingBytes;

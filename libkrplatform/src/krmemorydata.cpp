@@ -32,7 +32,8 @@ void KRMemory::insertListData(const KRValue& list) {
     const auto refuse = [&](std::size_t i) {
         throw KRError(kName, kMethod, "element " + std::to_string(i) + " of the list is not [key, value]");
     };
-    std::vector<std::pair<std::string, Stored>> entries; // with the previous values, destroyed without the lock
+    std::vector<std::pair<std::string, Stored>>
+        entries; // with the previous values, destroyed without the lock
     entries.reserve(list.getSize());
     for (std::size_t i = 0; i < list.getSize(); ++i) {
         const KRValue& entry = list[i];

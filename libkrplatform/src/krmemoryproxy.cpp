@@ -53,7 +53,8 @@ KRMemoryChanges KRMemoryProxy::getDataChanges(const std::string& prefix, const s
     for (std::size_t i = 0; i < list.getSize(); ++i) {
         const auto bytes = list[i][2].to<int>();
         const auto written = list[i][3].to<int>() * std::int64_t{1000000} + list[i][4].to<int>();
-        changes.changes.push_back({list[i][0].to<std::string>(), list[i][1], bytes, bytes > maxBytes, written});
+        changes.changes.push_back(
+            {list[i][0].to<std::string>(), list[i][1], bytes, bytes > maxBytes, written});
     }
     return changes;
 }

@@ -132,9 +132,7 @@ TEST(KRMemory, WritesAllOfAListOrNothing) {
     KRMemoryProxy memory(broker);
     EXPECT_THROW(memory.insertListData({{"A", 1}, {std::string(1025, 'x'), 2}}), KRError);
     EXPECT_THAT(
-        [&] {
-            memory.getProxy().call("insertListData", KRValue::array(KRValue::array("A", 1), KRValue(3)));
-        },
+        [&] { memory.getProxy().call("insertListData", KRValue::array(KRValue::array("A", 1), KRValue(3))); },
         ThrowsMessage<KRError>(HasSubstr("element 1 of the list is not [key, value]")));
     EXPECT_THAT(memory.getDataList(), IsEmpty());
 }
@@ -222,10 +220,11 @@ TEST(KRMemory, IsAModuleLikeAnyOther) {
     for (const auto& method : proxy->getMethodList()) {
         names.push_back(method.name);
     }
-    EXPECT_THAT(names, ElementsAre("insertData", "insertListData", "getData", "getTimestamp", "getDataList",
-                                   "getDataValues", "getDataChanges", "removeData", "declareData", "declareEvent",
-                                   "declareEvent", "raiseEvent", "subscribeToEvent", "unsubscribeFromEvent",
-                                   "getEventList", "getEventSubscribers", "setEventLimits"));
+    EXPECT_THAT(names,
+                ElementsAre("insertData", "insertListData", "getData", "getTimestamp", "getDataList",
+                            "getDataValues", "getDataChanges", "removeData", "declareData", "declareEvent",
+                            "declareEvent", "raiseEvent", "subscribeToEvent", "unsubscribeFromEvent",
+                            "getEventList", "getEventSubscribers", "setEventLimits"));
 }
 
 TEST(KRMemory, WithoutOneEachOperationIsAnError) {

@@ -18,8 +18,10 @@ struct KRPeerDiagnostics {
     std::uint32_t protocol = 0;
     State state = State::Connecting;
     std::vector<std::string> modules; ///< names of its modules that can be called
-    bool local = false; ///< it is called through a socket of this machine and shared memory, not over the network
-    std::string way;    ///< the same for people, with the reason: "DDS: it is on another machine or in a container"
+    bool local =
+        false; ///< it is called through a socket of this machine and shared memory, not over the network
+    std::string
+        way; ///< the same for people, with the reason: "DDS: it is on another machine or in a container"
 };
 
 /// Modules of the same name in several processes, which each can be called.
