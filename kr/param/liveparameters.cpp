@@ -1,11 +1,14 @@
 #include "param/liveparameters.hpp"
 
 #include "system/domain.hpp"
+#include "system/internal.hpp"
 #include "tool/command.hpp"
+#include "tool/errortext.hpp"
 
 #include <krplatform/krerror.hpp>
 
 #include <algorithm>
+#include <stdexcept>
 
 namespace KR::tool {
 
@@ -16,13 +19,16 @@ ListedParameters readParameters(KRBroker& broker, const std::string& module, boo
     }
     ListedParameters modules;
     for (const std::string& each : broker.getModuleList()) {
+        if (isInternalModule(each)) {
+            continue;
+        }
         try {
             auto parameters = getParameterList(*broker.getProxy(each));
             if (!parameters.empty()) {
                 modules.emplace_back(each, std::move(parameters));
             }
         } catch (const KRError& error) {
-            printError(each + " does not list its parameters: " + error.getDescription());
+            printError(each + " does not list its parameters: " + describe(error));
             failed = true;
         }
     }
@@ -38,7 +44,7 @@ KRParameterInfo readParameter(KRBroker& broker, const std::string& module, const
         for (const KRParameterInfo& each : parameters) {
             known += (known.empty() ? "; parameters are " : ", ") + each.name;
         }
-        throw KRError(module, "getParameterList", module + " has no parameter " + name + known);
+        throw std::runtime_error(module + " has no parameter " + name + known);
     }
     return std::move(*found);
 }

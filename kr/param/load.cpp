@@ -4,6 +4,7 @@
 #include "param/parameterfile.hpp"
 #include "system/domain.hpp"
 #include "tool/command.hpp"
+#include "tool/errortext.hpp"
 
 #include <krplatform/krerror.hpp>
 
@@ -47,7 +48,9 @@ std::vector<std::string> findProblems(KRBroker& broker, const std::string& modul
         }
         return problems;
     } catch (const KRError& error) {
-        return {error.getDescription()};
+        return {describe(error)};
+    } catch (const std::runtime_error& error) { // there is no such module
+        return {error.what()};
     }
 }
 
