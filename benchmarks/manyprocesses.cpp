@@ -1,14 +1,16 @@
 // One of many processes on a domain, for benchmarks/many-processes: hosts a module, and prints a line once it can
-// call those of all the others.
+// call those of all the others. With a fourth argument it makes so many more modules first, and prints how long that took.
 
 #include <krdds/krdds.hpp>
 #include <krplatform/krbroker.hpp>
 #include <krplatform/krmodulehandle.hpp>
 #include <krplatform/krproxy.hpp>
 
+#include <chrono>
 #include <cstdlib>
 #include <iostream>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -30,9 +32,18 @@ std::string nameOf(int number) {
     return "Member" + std::to_string(number);
 }
 
-int run(const std::string& url, int number, int count) {
+int run(const std::string& url, int number, int count, int more) {
     KR::registerDDS();
     const auto broker = KR::KRBroker::create(url);
+    const auto begin = std::chrono::steady_clock::now();
+    std::vector<KR::KRModuleHandle<Member>> others;
+    for (int i = 0; i < more; ++i) {
+        others.push_back(KR::createModule<Member>(broker, nameOf(number) + "." + std::to_string(i)));
+    }
+    if (more > 0) {
+        const std::chrono::duration<double> time = std::chrono::steady_clock::now() - begin;
+        std::cerr << more << " modules in " << time.count() << " s" << std::endl;
+    }
     const auto member = KR::createModule<Member>(broker, nameOf(number));
     for (int other = 0; other < count; ++other) {
         broker->getSession().waitForService(nameOf(other));
@@ -50,12 +61,13 @@ int run(const std::string& url, int number, int count) {
 } // namespace
 
 int main(int count, char** arguments) {
-    if (count != 4) {
-        std::cerr << "Usage: many_processes URL NUMBER COUNT\n";
+    if (count != 4 && count != 5) {
+        std::cerr << "Usage: many_processes URL NUMBER COUNT [MODULES]\n";
         return 2;
     }
     try {
-        return run(arguments[1], std::stoi(arguments[2]), std::stoi(arguments[3]));
+        return run(arguments[1], std::stoi(arguments[2]), std::stoi(arguments[3]),
+                   count == 5 ? std::stoi(arguments[4]) : 0);
     } catch (const std::exception& error) {
         std::cout << "failed: " << error.what() << std::endl;
         return EXIT_FAILURE;

@@ -21,7 +21,7 @@ std::string getMemoryName(const std::string& id) {
     return "krvision-pulse-" + id;
 }
 
-std::string getHostName() {
+std::string getOwnHostName() {
     utsname names{};
     return uname(&names) == 0 ? names.nodename : "";
 }
@@ -114,7 +114,7 @@ private:
     const pid_t process_;
 };
 
-KRPulses::KRPulses() : host_(getHostName()) {}
+KRPulses::KRPulses() : host_(getOwnHostName()) {}
 
 KRPulses::~KRPulses() = default;
 

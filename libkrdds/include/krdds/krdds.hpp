@@ -42,7 +42,7 @@ struct KRDDSAddress {
 /// \throws KRError the address is malformed. Thread-safe.
 KR_EXPORT KRDDSAddress parseDDSAddress(const std::string& url);
 
-/// Processes of one host that can be on a domain.
+/// Processes of one host with a port on a domain that others know. Further ones are discovered by multicast alone.
 constexpr int kMaxDDSProcesses = 120;
 
 /// UDP port of process `index` of a host, 0 to kMaxDDSProcesses - 1, on a domain. Thread-safe.
