@@ -1,6 +1,7 @@
 #include "krplatform/krbroker.hpp"
 
 #include "krplatform/krlog.hpp"
+#include "krplatform/krmemoryobserver.hpp"
 #include "krplatform/krmutex.hpp"
 #include "krplatform/krproxy.hpp"
 #include "krplatform/krtext.hpp"
@@ -26,25 +27,39 @@ void logFailedPost(const std::string& module, const std::string& method) {
 
 constexpr std::string_view kLocalScheme = "local:";
 
-KRBrokerOptions parseLocalUrl(const std::string& url) {
+/// What an address "local:..." says.
+struct LocalOptions {
+    bool memory = true;
+    bool recordingClock = false;
+};
+
+LocalOptions parseLocalUrl(const std::string& url) {
     const auto refuse = [&](const std::string& why) {
         throw KRError("KRBroker", "create",
-                      "broker address \"" + url + "\": " + why + "; known are local: and local:?memory=none");
+                      "broker address \"" + url + "\": " + why +
+                          "; known are local:, local:?memory=none and local:?clock=recording");
     };
     std::string_view rest = url;
     rest.remove_prefix(kLocalScheme.size());
-    KRBrokerOptions options;
+    LocalOptions options;
     if (rest.empty()) {
         return options;
     }
     if (rest.front() != '?') {
         refuse("nothing but options may follow local:");
     }
-    rest.remove_prefix(1);
-    if (rest != "memory=none") {
-        refuse("unknown option \"" + std::string(rest) + "\"");
+    while (!rest.empty()) {
+        rest.remove_prefix(1);
+        const std::string_view option = rest.substr(0, rest.find('&'));
+        rest.remove_prefix(option.size());
+        if (option == "memory=none") {
+            options.memory = false;
+        } else if (option == "clock=recording") {
+            options.recordingClock = true;
+        } else {
+            refuse("unknown option \"" + std::string(option) + "\"");
+        }
     }
-    options.memory = false;
     return options;
 }
 
@@ -153,6 +168,15 @@ void KRSession::waitForService(const std::string& name) {
 bool KRSession::waitForService(const std::string& name, std::chrono::milliseconds timeout) {
     using Clock = std::chrono::steady_clock;
     using std::chrono::milliseconds;
+    constexpr milliseconds kLongest = std::chrono::hours(24 * 365);
+    if (broker_.clock->isRecording()) {
+        const auto here = std::chrono::steady_clock::now();
+        if (!broker_.directory.waitFor(name, here)) {
+            broker_.clock->sleepUntil(broker_.clock->now() +
+                                      std::clamp(timeout, milliseconds::zero(), kLongest));
+        }
+        return broker_.directory.waitFor(name, here);
+    }
     const auto now = Clock::now();
     if (timeout > std::chrono::floor<milliseconds>(Clock::time_point::max() - now)) {
         waitForService(name); // the clock does not reach that far
@@ -178,9 +202,17 @@ KRBroker::~KRBroker() {
 
 boost::shared_ptr<KRBroker> KRBroker::create(const std::string& url) {
     boost::shared_ptr<KRBroker> broker(new KRBroker);
-    KRBrokerOptions options =
-        url.starts_with(kLocalScheme) ? parseLocalUrl(url) : getTransports().find(url)(url, broker->p_->host);
     KRBrokerPrivate& p = *broker->p_;
+    KRBrokerOptions options;
+    if (url.starts_with(kLocalScheme)) {
+        const LocalOptions local = parseLocalUrl(url);
+        options.memory = local.memory;
+        if (local.recordingClock) {
+            p.clock = std::make_unique<KRRecordingClock>();
+        }
+    } else {
+        options = getTransports().find(url)(url, p.host);
+    }
     p.transport = std::move(options.transport);
     p.directory.setTransport(p.transport.get());
     // Without owning this broker, which owns the ledger.
@@ -196,6 +228,10 @@ boost::shared_ptr<KRBroker> KRBroker::create(const std::string& url) {
         broker->startMemory();
     }
     return broker;
+}
+
+KRClock& KRBroker::getClock() noexcept {
+    return *p_->clock;
 }
 
 void KRBroker::startMemory() {
@@ -232,6 +268,14 @@ boost::shared_ptr<KRProxy> KRBroker::getProxy(const std::string& module, int) {
 
 KRSession& KRBroker::getSession() noexcept {
     return p_->session;
+}
+
+void setMemoryObserver(KRBroker& broker, KRMemoryObserver observer) {
+    KRMemory* const memory = KRBrokerPrivate::of(broker).memory.get();
+    if (memory == nullptr) {
+        throw KRError("KRBroker", "setMemoryObserver", "the broker runs no memory module");
+    }
+    memory->setObserver(std::move(observer));
 }
 
 std::vector<std::string> KRBroker::getModuleList() const {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "krplatform/krbroker.hpp"
+#include "krplatform/krclock.hpp"
 #include "krplatform/krmodulehandle.hpp"
 #include "krplatform/krmutex.hpp"
 #include "krplatform/krtransport.hpp"
@@ -46,6 +47,7 @@ public:
     KRMutex parametersMutex;
     std::map<std::string, std::vector<KRValue>> initialParameters KR_GUARDED_BY(parametersMutex); // by module
     KRModuleFollowers followers;
+    std::unique_ptr<KRClock> clock = std::make_unique<KRMachineClock>(); // constant once the broker is made
     KRDirectory directory;
     KRTransportHost host{*this};
     std::unique_ptr<KRTransport>

@@ -127,6 +127,18 @@ void KRMemory::publishMethods() {
     addParam("client", "Name of the module which had subscribed.");
     publish(&KRMemory::unsubscribeFromEvent);
 
+    functionName("subscribeToWrites", kName,
+                 "Subscribes a module to values and events, and to no extractor.");
+    addParam("prefix", "What the names of the keys and events have to begin with; empty for all.");
+    addParam("client", "Name of the module which subscribes.");
+    addParam("callback", "Its method to call with a name, the value, and whether it is an event.");
+    publish(&KRMemory::subscribeToWrites);
+
+    functionName("unsubscribeFromWrites", kName, "Ends such a subscription.");
+    addParam("prefix", "As it was subscribed to.");
+    addParam("client", "Name of the module which had subscribed.");
+    publish(&KRMemory::unsubscribeFromWrites);
+
     functionName("getEventList", kName, "Gets the events that were declared, raised or subscribed to.");
     setReturn("events", "Array of names, in order.");
     publish(&KRMemory::getEventList);
@@ -152,14 +164,30 @@ KRMemory::Stored KRMemory::store(const std::string& key, Stored value) {
     return std::exchange(stored, std::move(value));
 }
 
+void KRMemory::setObserver(KRMemoryObserver observer) {
+    auto next = observer ? std::make_shared<const KRMemoryObserver>(std::move(observer)) : nullptr;
+    const KRLock lock(mutex_);
+    observer_.swap(next);
+}
+
 void KRMemory::insertData(const std::string& key, const KRValue& value) {
     checkData("insertData", key, value);
+    Idle idle;
+    std::shared_ptr<const KRMemoryObserver> observer;
     {
         Stored previous; // destroyed without the lock: shared bytes may call their owner then
+        Undelivered lost;
         Stored next{value, value.countBytes()};
+        const std::size_t bytes = next.bytes;
         const KRLock lock(mutex_);
         previous = store(key, std::move(next));
+        appendWrite(key, false, value, bytes, lost, idle);
+        observer = observer_;
     }
+    if (observer) {
+        (*observer)({false, key, value});
+    }
+    deliverTo(idle);
     returnMemoryLater();
 }
 
@@ -253,29 +281,56 @@ void KRMemory::declareEvent(const std::string& event, const std::string& extract
 
 void KRMemory::raiseEvent(const std::string& event, const KRValue& value) {
     checkData("raiseEvent", event, value);
-    std::vector<std::shared_ptr<Subscription>> idle;
+    Idle idle;
+    std::shared_ptr<const KRMemoryObserver> observer;
     {
         Stored previous; // this and the next are destroyed without the lock
         Undelivered lost;
         Stored next{value, value.countBytes()};
         const std::size_t bytes = next.bytes;
         const KRLock lock(mutex_);
-        auto& subscriptions = events_[event].subscriptions;
-        idle.reserve(
-            subscriptions.size()); // nothing fails between marking one as delivering and posting that
+        Subscriptions& subscriptions = events_[event].subscriptions;
         previous = store(event, std::move(next));
         for (const auto& [client, subscription] : subscriptions) {
-            subscription->pending.push_back({value, bytes});
-            subscription->pendingBytes += bytes;
-            pendingInAll_ += bytes;
-            heap_.add(bytes);
-            enforceLimits(*subscription, lost);
-            if (!subscription->delivering) {
-                subscription->delivering = true;
-                idle.push_back(subscription);
+            append(subscription, {"", true, value, bytes}, lost, idle);
+        }
+        appendWrite(event, true, value, bytes, lost, idle);
+        observer = observer_;
+    }
+    if (observer) {
+        (*observer)({true, event, value});
+    }
+    deliverTo(idle);
+    returnMemoryLater();
+}
+
+void KRMemory::append(const std::shared_ptr<Subscription>& subscription, Pending pending, Undelivered& lost,
+                      Idle& idle) {
+    idle.reserve(idle.size() + 1); // nothing fails between marking it as delivering and posting that
+    const std::size_t bytes = pending.bytes;
+    subscription->pending.push_back(std::move(pending));
+    subscription->pendingBytes += bytes;
+    pendingInAll_ += bytes;
+    heap_.add(bytes);
+    enforceLimits(*subscription, lost);
+    if (!subscription->delivering) {
+        subscription->delivering = true;
+        idle.push_back(subscription);
+    }
+}
+
+void KRMemory::appendWrite(const std::string& name, bool isEvent, const KRValue& value, std::size_t bytes,
+                           Undelivered& lost, Idle& idle) {
+    for (const auto& [prefix, subscriptions] : writes_) {
+        if (name.starts_with(prefix)) {
+            for (const auto& [client, subscription] : subscriptions) {
+                append(subscription, {name, isEvent, value, bytes + name.size()}, lost, idle);
             }
         }
     }
+}
+
+void KRMemory::deliverTo(const Idle& idle) {
     std::exception_ptr failure;
     for (const auto& subscription : idle) {
         try {
@@ -284,7 +339,6 @@ void KRMemory::raiseEvent(const std::string& event, const KRValue& value) {
             failure = std::current_exception();
         }
     }
-    returnMemoryLater();
     if (failure) {
         std::rethrow_exception(failure);
     }
@@ -320,13 +374,19 @@ void KRMemory::enforceLimits(Subscription& grown, Undelivered& lost) {
     }
     while (pendingInAll_ > maxPendingInAll_) {
         Subscription* largest = nullptr;
-        for (auto& [name, event] : events_) {
-            for (auto& [client, subscription] : event.subscriptions) {
+        const auto look = [&](const Subscriptions& subscriptions) {
+            for (const auto& [client, subscription] : subscriptions) {
                 if (subscription->pending.size() > 1 &&
                     (largest == nullptr || subscription->pendingBytes > largest->pendingBytes)) {
                     largest = subscription.get();
                 }
             }
+        };
+        for (const auto& [name, event] : events_) {
+            look(event.subscriptions);
+        }
+        for (const auto& [prefix, subscriptions] : writes_) {
+            look(subscriptions);
         }
         if (largest == nullptr) {
             return;
@@ -373,8 +433,9 @@ void KRMemory::deliver(const std::shared_ptr<Subscription>& subscription) {
 
 bool KRMemory::deliverNext(Subscription& subscription) {
     const auto logWarningAbout = [&](const std::string& what) {
-        logWarning(kCategory, "event " + subscription.event + " for " + subscription.client.getModuleName() +
-                                  "." + subscription.callback + ": " + what);
+        logWarning(kCategory, (subscription.isOfWrites ? "writes under " : "event ") + subscription.event +
+                                  " for " + subscription.client.getModuleName() + "." +
+                                  subscription.callback + ": " + what);
     };
     Pending next;
     int lost = 0;
@@ -395,7 +456,11 @@ bool KRMemory::deliverNext(Subscription& subscription) {
         reportLoss(subscription, lost);
     }
     try {
-        subscription.client.call(subscription.callback, subscription.event, next.value);
+        if (subscription.isOfWrites) {
+            subscription.client.call(subscription.callback, next.name, next.value, next.isEvent);
+        } else {
+            subscription.client.call(subscription.callback, subscription.event, next.value);
+        }
     } catch (...) {
         logWarningAbout(describeCurrentException());
     }
@@ -415,22 +480,15 @@ void KRMemory::reportLoss(const Subscription& subscription, int lost) {
 
 void KRMemory::subscribeToEvent(const std::string& event, const std::string& client,
                                 const std::string& callback) {
-    if (!xGetCaller().empty()) {
-        // The caller's modules may not have been discovered here yet.
-        KRBrokerPrivate::of(*getParentBroker()).directory.waitForState(client, kIntroduction);
-    }
     checkName("subscribeToEvent", event);
-    const bool hearsOfLosses = checkCallback(client, callback);
-    // Built before the lock and in place: a subscription holds a proxy, which does not move.
-    const std::shared_ptr<Subscription> subscription(
-        new Subscription{event, callback, {getParentBroker(), client}, hearsOfLosses, {}});
+    const auto subscription = makeSubscription(event, false, client, callback);
     std::string extractor;
     Undelivered undelivered; // destroyed without the lock
     {
         const KRLock lock(mutex_);
         findClient(client); // should it go after this, noticeModule() waits for the lock and drops it
         Event& subscribed = events_[event];
-        undelivered = drop(subscribed, client);
+        undelivered = drop(subscribed.subscriptions, client);
         subscribed.subscriptions[client] = subscription;
         extractor = subscribed.extractor;
     }
@@ -439,7 +497,7 @@ void KRMemory::subscribeToEvent(const std::string& event, const std::string& cli
     } catch (...) {
         // Only this one: the client may have subscribed to the event once more meanwhile.
         const KRLock lock(mutex_);
-        undelivered = drop(events_[event], client, subscription.get());
+        undelivered = drop(events_[event].subscriptions, client, subscription.get());
         throw;
     }
 }
@@ -453,10 +511,51 @@ void KRMemory::unsubscribeFromEvent(const std::string& event, const std::string&
         if (found == events_.end() || !found->second.subscriptions.contains(client)) {
             throw KRError(kName, "unsubscribeFromEvent", client + " is not subscribed to the event " + event);
         }
-        undelivered = drop(found->second, client);
+        undelivered = drop(found->second.subscriptions, client);
         extractor = found->second.extractor;
     }
     settle(extractor, client);
+}
+
+std::shared_ptr<KRMemory::Subscription> KRMemory::makeSubscription(const std::string& name, bool isOfWrites,
+                                                                   const std::string& client,
+                                                                   const std::string& callback) {
+    if (!xGetCaller().empty()) {
+        // The caller's modules may not have been discovered here yet.
+        KRBrokerPrivate::of(*getParentBroker()).directory.waitForState(client, kIntroduction);
+    }
+    const bool hearsOfLosses = isOfWrites
+                                   ? checkCallback(client, callback, 3, "(string name, value, bool isEvent)")
+                                   : checkCallback(client, callback, 2, "(string event, value)");
+    // Built in place: a subscription holds a proxy, which does not move.
+    return std::shared_ptr<Subscription>(
+        new Subscription{name, isOfWrites, callback, {getParentBroker(), client}, hearsOfLosses, {}});
+}
+
+void KRMemory::subscribeToWrites(const std::string& prefix, const std::string& client,
+                                 const std::string& callback) {
+    checkName("subscribeToWrites", prefix);
+    const auto subscription = makeSubscription(prefix, true, client, callback);
+    Undelivered undelivered; // destroyed without the lock
+    const KRLock lock(mutex_);
+    findClient(client);
+    Subscriptions& subscriptions = writes_[prefix];
+    undelivered = drop(subscriptions, client);
+    subscriptions[client] = subscription;
+}
+
+void KRMemory::unsubscribeFromWrites(const std::string& prefix, const std::string& client) {
+    Undelivered undelivered;
+    const KRLock lock(mutex_);
+    const auto found = writes_.find(prefix);
+    if (found == writes_.end() || !found->second.contains(client)) {
+        throw KRError(kName, "unsubscribeFromWrites",
+                      client + " is not subscribed to writes under \"" + prefix + "\"");
+    }
+    undelivered = drop(found->second, client);
+    if (found->second.empty()) {
+        writes_.erase(found);
+    }
 }
 
 std::vector<std::string> KRMemory::getEventList() {
@@ -492,13 +591,14 @@ KRModuleState KRMemory::findClient(const std::string& client) const {
     return *state;
 }
 
-bool KRMemory::checkCallback(const std::string& client, const std::string& callback) const {
+bool KRMemory::checkCallback(const std::string& client, const std::string& callback, std::size_t arguments,
+                             const char* signature) const {
     if (findClient(client) != KRModuleState::Open) {
         return true; // it subscribes in its own constructor, where it may not have published the method yet
     }
     const auto methods = KRProxy(getParentBroker(), client).getMethodList();
     const bool fits = std::any_of(methods.begin(), methods.end(), [&](const KRMethodDescription& method) {
-        return method.name == callback && method.argumentTypes.size() == 2;
+        return method.name == callback && method.argumentTypes.size() == arguments;
     });
     const bool hearsOfLosses =
         std::any_of(methods.begin(), methods.end(), [](const KRMethodDescription& method) {
@@ -506,7 +606,7 @@ bool KRMemory::checkCallback(const std::string& client, const std::string& callb
         });
     if (!fits) {
         throw KRError(kName, "subscribeToEvent",
-                      "the module " + client + " has no method " + callback + "(string event, value)");
+                      "the module " + client + " has no method " + callback + signature);
     }
     return hearsOfLosses;
 }
@@ -514,7 +614,7 @@ bool KRMemory::checkCallback(const std::string& client, const std::string& callb
 void KRMemory::noticeModule(const std::string& module, bool reachable) {
     std::vector<LinkKey> links;
     std::vector<Undelivered> undelivered;
-    std::vector<std::shared_ptr<Subscription>> waiting;
+    Idle waiting;
     {
         const KRLock lock(mutex_);
         for (auto& [name, event] : events_) {
@@ -523,18 +623,14 @@ void KRMemory::noticeModule(const std::string& module, bool reachable) {
                     links.emplace_back(module, client);
                 }
             }
-            const auto own = event.subscriptions.find(module);
-            if (own == event.subscriptions.end()) {
-                continue;
-            }
-            if (!reachable) {
-                undelivered.push_back(drop(event, module));
+            if (noticeClient(event.subscriptions, module, reachable, undelivered, waiting) && !reachable) {
                 links.emplace_back(event.extractor, module);
-            } else if (!own->second->pending.empty() && !own->second->delivering) {
-                waiting.push_back(own->second);
-                own->second->delivering = true;
             }
         }
+        for (auto& [prefix, subscriptions] : writes_) {
+            noticeClient(subscriptions, module, reachable, undelivered, waiting);
+        }
+        std::erase_if(writes_, [](const auto& entry) { return entry.second.empty(); });
         if (!reachable) {
             for (auto& [key, link] : links_) {
                 if (key.first == module) {
@@ -551,6 +647,21 @@ void KRMemory::noticeModule(const std::string& module, bool reachable) {
             logWarning(kCategory, "events have to wait: " + describeCurrentException());
         }
     }
+}
+
+bool KRMemory::noticeClient(Subscriptions& subscriptions, const std::string& client, bool reachable,
+                            std::vector<Undelivered>& undelivered, Idle& waiting) {
+    const auto own = subscriptions.find(client);
+    if (own == subscriptions.end()) {
+        return false;
+    }
+    if (!reachable) {
+        undelivered.push_back(drop(subscriptions, client));
+    } else if (!own->second->pending.empty() && !own->second->delivering) {
+        waiting.push_back(own->second);
+        own->second->delivering = true;
+    }
+    return true;
 }
 
 void KRMemory::settleLater(const std::vector<LinkKey>& links) {
@@ -633,17 +744,16 @@ bool KRMemory::isWanted(const LinkKey& key) const {
            });
 }
 
-KRMemory::Undelivered KRMemory::drop(Event& event, const std::string& client,
+KRMemory::Undelivered KRMemory::drop(Subscriptions& subscriptions, const std::string& client,
                                      const Subscription* subscription) {
     Undelivered undelivered;
-    const auto found = event.subscriptions.find(client);
-    if (found != event.subscriptions.end() &&
-        (subscription == nullptr || found->second.get() == subscription)) {
+    const auto found = subscriptions.find(client);
+    if (found != subscriptions.end() && (subscription == nullptr || found->second.get() == subscription)) {
         pendingInAll_ -= found->second->pendingBytes;
         heap_.remove(found->second->pendingBytes);
         found->second->pendingBytes = 0;
         undelivered.swap(found->second->pending);
-        event.subscriptions.erase(found);
+        subscriptions.erase(found);
     }
     return undelivered;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "krplatform/krmemoryobserver.hpp"
 #include "krplatform/krmodule.hpp"
 #include "krplatform/krmutex.hpp"
 #include "krplatform/krproxy.hpp"
@@ -58,6 +59,10 @@ public:
     void raiseEvent(const std::string& event, const KRValue& value);
     void subscribeToEvent(const std::string& event, const std::string& client, const std::string& callback);
     void unsubscribeFromEvent(const std::string& event, const std::string& client);
+    /// Calls `callback(string name, value, bool isEvent)` of the client for whatever is written under a name that begins
+    /// with the prefix, and for such events; subscribes it to no extractor.
+    void subscribeToWrites(const std::string& prefix, const std::string& client, const std::string& callback);
+    void unsubscribeFromWrites(const std::string& prefix, const std::string& client);
     std::vector<std::string> getEventList();
     KRValue getEventSubscribers(const std::string& event);
 
@@ -67,17 +72,23 @@ public:
     /// Limits what may wait, in kilobytes. \throws KRError a limit below 1
     void setEventLimits(int perSubscription, int inAll);
 
+    /// setMemoryObserver().
+    void setObserver(KRMemoryObserver observer);
+
     /// A module became reachable, or stopped being so. Does not block.
     void noticeModule(const std::string& module, bool reachable);
 
 private:
     struct Pending {
+        std::string name; // of the key or event, for a subscription to writes
+        bool isEvent;
         KRValue value;
         std::size_t bytes;
     };
     using Undelivered = std::deque<Pending>;
     struct Subscription {
-        std::string event;
+        std::string event; // or prefix
+        bool isOfWrites;
         std::string callback;
         KRProxy client;
         bool hearsOfLosses;
@@ -95,10 +106,13 @@ private:
         std::uint64_t change = 0; // number of the change that brought it
     };
     static KRValue toTimestamp(const Stored& stored);
+    using Subscriptions = std::map<std::string, std::shared_ptr<Subscription>>; // by client
     struct Event {
-        std::string extractor;                                              // empty: no extractor raises it
-        std::map<std::string, std::shared_ptr<Subscription>> subscriptions; // by client
+        std::string extractor; // empty: no extractor raises it
+        Subscriptions subscriptions;
     };
+    /// Subscriptions that are to be delivered to, once the lock has been left.
+    using Idle = std::vector<std::shared_ptr<Subscription>>;
     // A client's subscription to an extractor.
     struct Link {
         bool subscribed = false;
@@ -112,7 +126,10 @@ private:
     KRModuleState findClient(const std::string& client) const;
     /// \return whether the client may have a method that takes reports of lost events
     /// \throws KRError it cannot be called back
-    bool checkCallback(const std::string& client, const std::string& callback) const;
+    bool checkCallback(const std::string& client, const std::string& callback, std::size_t arguments,
+                       const char* signature) const;
+    std::shared_ptr<Subscription> makeSubscription(const std::string& name, bool isOfWrites,
+                                                   const std::string& client, const std::string& callback);
     static void reportLoss(const Subscription& subscription, int lost);
     /// Calls the subscriber with its pending events, if it is reachable.
     void deliver(const std::shared_ptr<Subscription>& subscription) KR_EXCLUDES(mutex_);
@@ -122,6 +139,9 @@ private:
     void deliverLater(const std::shared_ptr<Subscription>& subscription) KR_EXCLUDES(mutex_);
     /// Brings the client's subscription to the extractor to what its events need.
     void settle(const std::string& extractor, const std::string& client) KR_EXCLUDES(mutex_);
+    /// A client came or went. \return whether it has a subscription among these
+    bool noticeClient(Subscriptions& subscriptions, const std::string& client, bool reachable,
+                      std::vector<Undelivered>& undelivered, Idle& waiting) KR_REQUIRES(mutex_);
     void settleLater(const std::vector<LinkKey>& links) KR_EXCLUDES(mutex_);
     /// Logs a warning if both are modules that are there, and not the same one.
     void warnIfBoth(const std::string& before, const std::string& now, const std::string& declare) const;
@@ -130,8 +150,16 @@ private:
     bool isWanted(const LinkKey& key) const KR_REQUIRES(mutex_);
     /// Ends the client's subscription, or only `subscription` if that is not null. The caller destroys the result
     /// without the lock.
-    [[nodiscard]] Undelivered drop(Event& event, const std::string& client,
+    [[nodiscard]] Undelivered drop(Subscriptions& subscriptions, const std::string& client,
                                    const Subscription* subscription = nullptr) KR_REQUIRES(mutex_);
+    /// Lets a value wait for a subscription. `idle` has room for one more. The caller destroys `lost` without the lock.
+    void append(const std::shared_ptr<Subscription>& subscription, Pending pending, Undelivered& lost,
+                Idle& idle) KR_REQUIRES(mutex_);
+    /// The same for all who subscribed to writes under this name.
+    void appendWrite(const std::string& name, bool isEvent, const KRValue& value, std::size_t bytes,
+                     Undelivered& lost, Idle& idle) KR_REQUIRES(mutex_);
+    /// \throws KRError no thread; the rest has been posted
+    void deliverTo(const Idle& idle) KR_EXCLUDES(mutex_);
     [[nodiscard]] Pending takeOldest(Subscription& subscription) KR_REQUIRES(mutex_);
     /// Drops the oldest events until what waits is within the limits. The caller destroys `lost` without the lock.
     void enforceLimits(Subscription& grown, Undelivered& lost) KR_REQUIRES(mutex_);
@@ -149,11 +177,13 @@ private:
     std::map<std::string, std::string> writers_ KR_GUARDED_BY(mutex_); // module by key, as declared last
     std::uint64_t changes_ KR_GUARDED_BY(mutex_) = 0;                  // of data so far
     std::map<std::string, Event> events_ KR_GUARDED_BY(mutex_);
+    std::map<std::string, Subscriptions> writes_ KR_GUARDED_BY(mutex_); // by prefix
     std::map<LinkKey, Link> links_ KR_GUARDED_BY(mutex_);
     std::size_t maxPendingBytes_ KR_GUARDED_BY(mutex_) = kMaxPendingBytes;
     std::size_t maxPendingInAll_ KR_GUARDED_BY(mutex_) = kMaxPendingInAll;
-    std::size_t pendingInAll_ KR_GUARDED_BY(mutex_) = 0; // bytes
-    KRHeapGauge heap_ KR_GUARDED_BY(mutex_);             // data and pending events
+    std::size_t pendingInAll_ KR_GUARDED_BY(mutex_) = 0;                     // bytes
+    KRHeapGauge heap_ KR_GUARDED_BY(mutex_);                                 // data and pending events
+    std::shared_ptr<const KRMemoryObserver> observer_ KR_GUARDED_BY(mutex_); // null: none
 };
 
 } // namespace KR

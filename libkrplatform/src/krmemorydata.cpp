@@ -44,13 +44,24 @@ void KRMemory::insertListData(const KRValue& list) {
         checkData(kMethod, key, entry[1]);
         entries.emplace_back(std::move(key), Stored{entry[1], entry[1].countBytes()});
     }
+    Idle idle;
+    std::shared_ptr<const KRMemoryObserver> observer;
     {
+        Undelivered lost; // destroyed without the lock
         const KRLock lock(mutex_);
         for (auto& [key, stored] : entries) {
+            appendWrite(key, false, stored.value, stored.bytes, lost, idle);
             stored = store(key, std::move(stored));
+        }
+        observer = observer_;
+    }
+    if (observer) {
+        for (std::size_t i = 0; i < list.getSize(); ++i) {
+            (*observer)({false, entries[i].first, list[i][1]});
         }
     }
     entries.clear();
+    deliverTo(idle);
     returnMemoryLater();
 }
 

@@ -95,6 +95,15 @@ void KRMemoryProxy::unsubscribeFromEvent(const std::string& event, const std::st
     getLedger().unsubscribeFromEvent(event, client);
 }
 
+void KRMemoryProxy::subscribeToWrites(const std::string& prefix, const std::string& client,
+                                      const std::string& callback) {
+    proxy_.call("subscribeToWrites", prefix, client, callback);
+}
+
+void KRMemoryProxy::unsubscribeFromWrites(const std::string& prefix, const std::string& client) {
+    proxy_.call("unsubscribeFromWrites", prefix, client);
+}
+
 std::vector<std::string> KRMemoryProxy::getEventList() const {
     return proxy_.call<std::vector<std::string>>("getEventList");
 }

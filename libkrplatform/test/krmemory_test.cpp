@@ -224,7 +224,7 @@ TEST(KRMemory, IsAModuleLikeAnyOther) {
                 ElementsAre("insertData", "insertListData", "getData", "getTimestamp", "getDataList",
                             "getDataValues", "getDataChanges", "removeData", "declareData", "declareEvent",
                             "declareEvent", "raiseEvent", "subscribeToEvent", "unsubscribeFromEvent",
-                            "getEventList", "getEventSubscribers", "setEventLimits"));
+                            "subscribeToWrites", "unsubscribeFromWrites", "getEventList", "getEventSubscribers", "setEventLimits"));
 }
 
 TEST(KRMemory, WithoutOneEachOperationIsAnError) {

@@ -1,5 +1,7 @@
 #include "krvisionextractor_p.hpp"
 
+#include "krplatform/krbroker.hpp"
+#include "krplatform/krclock.hpp"
 #include "krplatform/krlog.hpp"
 #include "krplatform/krthread.hpp"
 
@@ -157,6 +159,8 @@ void KRVisionExtractorPrivate::acquire() {
 }
 
 void KRVisionExtractorPrivate::loop() {
+    const boost::shared_ptr<KRBroker> broker = owner->getParentBroker();
+    KRClock& clock = broker->getClock();
     for (;;) {
         {
             KRLock lock(runMutex);
@@ -166,7 +170,7 @@ void KRVisionExtractorPrivate::loop() {
                 return !paused || stopRequested;
             });
         }
-        const auto start = std::chrono::steady_clock::now();
+        const auto start = clock.now();
         std::unique_ptr<KRImage> image(xGetImage());
         if (image) {
             owner->xProcessImage(image.get());
@@ -188,7 +192,7 @@ void KRVisionExtractorPrivate::loop() {
             return;
         }
         image.reset();
-        sleepUntil(start + std::chrono::milliseconds(owner->getCurrentPeriod()));
+        clock.pace(start + std::chrono::milliseconds(owner->getCurrentPeriod()));
         KRLock lock(runMutex);
         if (!ready) {
             lock.unlock();
@@ -200,7 +204,7 @@ void KRVisionExtractorPrivate::loop() {
             runChanged.notifyAll();
         }
         // Checked at the end, so that a run has at least one iteration: deliberate.
-        if (stopRequested) {
+        if (stopRequested || clock.hasEnded()) {
             return;
         }
     }
@@ -212,6 +216,9 @@ void KRVisionExtractorPrivate::waitUntilReady(std::uint64_t ticket) {
         runMutex.assertHeld();
         return ready || runsEnded != ticket;
     };
+    if (owner->getParentBroker()->getClock().isRecording()) {
+        runChanged.wait(lock, isDone); // its time stands still meanwhile
+    }
     runChanged.waitFor(lock, kSubscriptionTimeout, [&] {
         runMutex.assertHeld();
         return processing || isDone();

@@ -6,11 +6,16 @@
 
 #include <boost/smart_ptr/shared_ptr.hpp>
 
+#include <cstddef>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
 namespace KR {
+
+class KRImageFeed;
+class KRSource;
 
 /// The camera service: provides any number of subscribers with images of one or more cameras.
 ///
@@ -26,6 +31,8 @@ namespace KR {
 /// an identifier throw a KRError if the subscription does not exist; all throw one if there is no memory. Setters
 /// return false for an unsupported value, which changes nothing. docs/cameras.md lists sources, colour spaces and
 /// parameters.
+///
+/// The images that are fetched move the clock of a broker at "local:?clock=recording".
 class KR_EXPORT KRVideoDevice : public KRModule {
 public:
     /// \param sources  one source string per camera, in the order of their indices: "test", "test:PATTERN",
@@ -34,6 +41,10 @@ public:
     /// \throws KRError  no source, or more than 128; an invalid source string; the name is taken
     KRVideoDevice(boost::shared_ptr<KRBroker> broker, const std::string& name,
                   const std::vector<std::string>& sources = {"test"});
+    /// Cameras whose images the program provides (<krcamera/krimagefeed.hpp>), in the order of their indices.
+    /// \throws KRError  no feed, or more than 128; the name is taken
+    KRVideoDevice(boost::shared_ptr<KRBroker> broker, const std::string& name,
+                  const std::vector<std::shared_ptr<KRImageFeed>>& feeds);
     /// Closes the cameras. Images that were delivered stay valid.
     ~KRVideoDevice() override;
 
@@ -108,6 +119,8 @@ protected:
     void xCallerGone(const std::string& caller) override;
 
 private:
+    void makeCameras(std::size_t count,
+                     const std::function<std::unique_ptr<KRSource>(std::size_t)>& makeSource);
     void publishMethods();
     /// Ends a subscription whose process is gone, unless it has ended already.
     void endOrphan(const std::string& id);

@@ -44,6 +44,9 @@ public:
     virtual std::shared_ptr<KRFrame> waitForFrame(std::uint64_t after,
                                                   std::chrono::steady_clock::time_point deadline) = 0;
 
+    /// Whether no frame will ever come after the one of this number, which waitForFrame() has returned.
+    virtual bool isLast(std::uint64_t /*number*/) const { return false; }
+
     virtual Status getStatus() const = 0;
 };
 

@@ -1,9 +1,9 @@
 #include "recording/krrecording.hpp"
 
 #include "conversion/krconverter.hpp"
+#include "recording/krimagecapture.hpp"
 
 #include <krvision/krimage.hpp>
-#include <krvision/krvisiondefinitions.hpp>
 
 #include <algorithm>
 #include <cassert>
@@ -16,10 +16,9 @@ namespace {
 
 // The stream's images as the camera service delivers them; nullopt if it does not.
 std::optional<GstVideoInfo> getInfo(const KROxvStream& stream) {
-    const auto width = static_cast<int>(stream.width);
-    const auto height = static_cast<int>(stream.height);
-    const int resolution = getResolutionFromSize(width, height);
-    return stream.depth == 8 ? getImageInfo(resolution, static_cast<int>(stream.colorSpace)) : std::nullopt;
+    return stream.depth == 8 ? findImageInfo(static_cast<int>(stream.width), static_cast<int>(stream.height),
+                                             static_cast<int>(stream.colorSpace))
+                             : std::nullopt;
 }
 
 } // namespace
@@ -51,18 +50,8 @@ KRRecording::KRRecording(const std::string& path, int stream)
 KRCapture KRRecording::read(std::uint64_t frame) const {
     KRImage image = file_.makeImage(stream_);
     file_.readImage(image, frame, stream_);
-    KRCapture capture;
-    capture.info = info_;
-    const std::size_t size = GST_VIDEO_INFO_SIZE(&info_);
-    assert(size == file_.getStreams()[stream_].chunkSize);
-    using Pixels = boost::shared_ptr<unsigned char[]>;
-    capture.buffer.reset(gst_buffer_new_wrapped_full(
-        GST_MEMORY_FLAG_READONLY, image.data.get(), size, 0, size, new Pixels(image.data),
-        [](gpointer pixels) { delete static_cast<Pixels*>(pixels); }));
-    capture.captureTime_usec = image.timeStamp;
-    capture.taken = std::chrono::steady_clock::now();
-    capture.angles = {image.leftAngle, image.topAngle, image.rightAngle, image.bottomAngle};
-    return capture;
+    assert(GST_VIDEO_INFO_SIZE(&info_) == file_.getStreams()[stream_].chunkSize);
+    return makeCapture(image, info_);
 }
 
 } // namespace KR

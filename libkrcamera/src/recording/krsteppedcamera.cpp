@@ -44,6 +44,11 @@ std::shared_ptr<KRFrame> KRSteppedCamera::waitForFrame(std::uint64_t after,
     return frame;
 }
 
+bool KRSteppedCamera::isLast(std::uint64_t number) const {
+    const KRLock lock(mutex_);
+    return recording_ && number == recording_->getFrameCount();
+}
+
 KRCamera::Status KRSteppedCamera::getStatus() const {
     const KRLock lock(mutex_);
     return status_;

@@ -25,6 +25,7 @@ public:
     /// Does not wait. The frame has the number `after` + 1.
     std::shared_ptr<KRFrame> waitForFrame(std::uint64_t after,
                                           std::chrono::steady_clock::time_point deadline) override;
+    bool isLast(std::uint64_t number) const override;
     Status getStatus() const override;
 
 private:

@@ -3,9 +3,12 @@
 #include "camera/krframe.hpp"
 #include "conversion/krconverter.hpp"
 #include "gstreamer/krgstreamer.hpp"
+#include "recording/krfeedsource.hpp"
 #include "service/krvideodevice_p.hpp"
 #include "source/krsourcekinds.hpp"
 
+#include <krplatform/krbroker.hpp>
+#include <krplatform/krclock.hpp>
 #include <krplatform/krlog.hpp>
 #include <krplatform/krtext.hpp>
 #include <krvision/krvisiondefinitions.hpp>
@@ -45,21 +48,31 @@ KRValue makeImageValue(const KRImageSubscription::Settings& settings, const KRFr
 KRVideoDevice::KRVideoDevice(boost::shared_ptr<KRBroker> broker, const std::string& name,
                              const std::vector<std::string>& sources)
     : KRModule(std::move(broker), name), p_(std::make_unique<Private>(name)) {
-    if (sources.empty() || sources.size() > maximumCameras) {
-        p_->fail("KRVideoDevice", std::to_string(sources.size()) +
-                                      " camera sources were given; expected 1 to " +
+    makeCameras(sources.size(), [&](std::size_t i) { return makeSource(sources[i]); });
+    publishMethods();
+}
+
+KRVideoDevice::KRVideoDevice(boost::shared_ptr<KRBroker> broker, const std::string& name,
+                             const std::vector<std::shared_ptr<KRImageFeed>>& feeds)
+    : KRModule(std::move(broker), name), p_(std::make_unique<Private>(name)) {
+    makeCameras(feeds.size(), [&](std::size_t i) { return makeFeedSource(feeds[i]); });
+    publishMethods();
+}
+
+void KRVideoDevice::makeCameras(std::size_t count,
+                                const std::function<std::unique_ptr<KRSource>(std::size_t)>& makeSource) {
+    if (count == 0 || count > maximumCameras) {
+        p_->fail("KRVideoDevice", std::to_string(count) + " camera sources were given; expected 1 to " +
                                       std::to_string(maximumCameras));
     }
     try {
         initGStreamer();
-        for (const std::string& source : sources) {
-            const int index = static_cast<int>(p_->slots.size());
-            p_->slots.push_back(std::make_unique<KRCameraSlot>(index, makeSource(source)));
+        for (std::size_t i = 0; i < count; ++i) {
+            p_->slots.push_back(std::make_unique<KRCameraSlot>(static_cast<int>(i), makeSource(i)));
         }
     } catch (const std::exception& error) {
         p_->fail("KRVideoDevice", "camera " + std::to_string(p_->slots.size()) + ": " + error.what());
     }
-    publishMethods();
 }
 
 KRVideoDevice::~KRVideoDevice() {
@@ -135,6 +148,7 @@ void KRVideoDevice::endOrphan(const std::string& id) {
 KRValue KRVideoDevice::getImageRemote(const std::string& id) {
     const char* method = "getImageRemote";
     const std::shared_ptr<KRImageSubscription> subscription = p_->find(method, id);
+    auto* const clock = dynamic_cast<KRRecordingClock*>(&getParentBroker()->getClock());
     const auto start = std::chrono::steady_clock::now();
     for (;;) {
         const KRImageSubscription::Position position = subscription->getPosition();
@@ -151,6 +165,9 @@ KRValue KRVideoDevice::getImageRemote(const std::string& id) {
         try {
             frame = camera ? camera->waitForFrame(position.lastFrame, start + patience) : nullptr;
         } catch (...) {
+            if (clock != nullptr) {
+                clock->end(); // nothing moves it any more
+            }
             p_->fail(method, slot.getTitle() + " has failed: " + describeCurrentException());
         }
         // No frame before the deadline: the camera is closing because this subscription has left it.
@@ -160,6 +177,12 @@ KRValue KRVideoDevice::getImageRemote(const std::string& id) {
         }
         if (!frame || !subscription->take(frame, position)) {
             continue;
+        }
+        if (clock != nullptr) {
+            clock->advanceTo(frame->getCaptureTime());
+            if (camera->isLast(frame->getNumber())) {
+                clock->end();
+            }
         }
         try {
             KRBinary pixels = frame->getPixels(position.settings.resolution, position.settings.colorSpace);

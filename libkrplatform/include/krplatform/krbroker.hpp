@@ -16,6 +16,7 @@
 namespace KR {
 
 class KRBrokerPrivate;
+class KRClock;
 class KRProxy;
 
 /// A broker's link to the services that it can reach. Lives as long as its broker.
@@ -24,7 +25,8 @@ public:
     /// Blocks, without a time limit, until a module of this name can be called; logs that it waits after 5 s.
     /// Thread-safe.
     void waitForService(const std::string& name);
-    /// The same for at most `timeout`. \return whether it can be called
+    /// The same for at most `timeout`, by the broker's clock; by that of a recording, for a module that is not there, no
+    /// less. \return whether it can be called
     bool waitForService(const std::string& name, std::chrono::milliseconds timeout);
 
 private:
@@ -40,7 +42,8 @@ private:
 class KR_EXPORT KRBroker : public boost::enable_shared_from_this<KRBroker> {
 public:
     /// Makes a broker for the modules of this process: "local:". It runs the memory module "KRMemory" unless the
-    /// address is "local:?memory=none". With the library krdds, the modules of a "dds:" broker and those of other
+    /// address is "local:?memory=none". "local:?clock=recording" gives its modules a KRRecordingClock; several options are
+    /// joined by "&". With the library krdds, the modules of a "dds:" broker and those of other
     /// processes reach each other (<krdds/krdds.hpp>); it runs no memory module by default.
     /// \throws KRError an invalid address; a domain that cannot be joined as asked for
     static boost::shared_ptr<KRBroker> create(const std::string& url = "local:");
@@ -53,6 +56,9 @@ public:
     boost::shared_ptr<KRProxy> getProxy(const std::string& module, int = 0);
 
     KRSession& getSession() noexcept;
+
+    /// The time of this broker's modules (<krplatform/krclock.hpp>).
+    KRClock& getClock() noexcept;
 
     /// Runs the memory module "KRMemory" in this broker, as an address with `memory=here` does from the start. For a
     /// program whose other modules have to be reachable before whoever waits for the memory finds it.

@@ -84,6 +84,13 @@ public:
     /// Ends a subscription. The client's last event of an extractor unsubscribes it from the extractor.
     /// \throws KRError the client is not subscribed to the event
     void unsubscribeFromEvent(const std::string& event, const std::string& client);
+    /// Has `callback(string name, value, bool isEvent)` of the module `client` called, as by subscribeToEvent(), for
+    /// whatever is written under a key that begins with `prefix`, and for the events of such names; subscribes the client to no
+    /// extractor. Not repeated to a memory module that comes later.
+    /// \throws KRError no such client; it has no such callback; as all operations
+    void subscribeToWrites(const std::string& prefix, const std::string& client, const std::string& callback);
+    /// \throws KRError the client is not subscribed to the prefix
+    void unsubscribeFromWrites(const std::string& prefix, const std::string& client);
     /// Names of the events that were declared, raised or subscribed to, in order.
     std::vector<std::string> getEventList() const;
     /// One array [client, callback, delivered, lost] per subscription to the event, in order of the clients.
