@@ -66,7 +66,7 @@ KRValue toValue(const Json& json, int depth) {
     }
     if (json.is_array()) {
         if (depth == kDeepest) {
-            throw std::invalid_argument("arrays in arrays, more than " + std::to_string(kDeepest) + " deep");
+            throw std::invalid_argument("arrays are nested more than " + std::to_string(kDeepest) + " deep");
         }
         std::vector<KRValue> elements;
         elements.reserve(json.size());
@@ -78,7 +78,7 @@ KRValue toValue(const Json& json, int depth) {
     if (json.size() == 1 && json.contains(kBinaryKey) && json[kBinaryKey].is_string()) {
         return decodeBase64(json[kBinaryKey].get_ref<const std::string&>());
     }
-    throw std::invalid_argument("a value holds no object; {\"base64\": \"...\"} stands for bytes");
+    throw std::invalid_argument("a value cannot be an object, other than {\"base64\": \"...\"} for bytes");
 }
 
 } // namespace
@@ -100,7 +100,7 @@ std::string encodeBase64(const KRBinary& bytes) {
 }
 
 KRBinary decodeBase64(std::string_view text) {
-    const auto refuse = [] { throw std::invalid_argument("what stands behind \"base64\" is not base64"); };
+    const auto refuse = [] { throw std::invalid_argument("the text behind \"base64\" is not base64"); };
     if (text.size() % 4 != 0) {
         refuse();
     }

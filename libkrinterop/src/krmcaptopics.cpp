@@ -1,7 +1,9 @@
 #include "krinterop/krmcaptopics.hpp"
 
+#include "krinterop/krannotationsmessage.hpp"
 #include "krinterop/krimagemessage.hpp"
 #include "krinterop/krjson.hpp"
+#include "krplatform/krerror.hpp"
 #include "krvision/krvisiondefinitions.hpp"
 
 #include <algorithm>
@@ -19,6 +21,7 @@ using Json = nlohmann::ordered_json;
 constexpr std::string_view kCameraPrefix = "/camera/";
 constexpr std::string_view kImageSuffix = "/image";
 constexpr std::string_view kPropertiesSuffix = "/properties";
+constexpr std::string_view kAnnotationsSuffix = "/Annotations"; // of a key
 
 constexpr std::array kAngleNames = {"left_angle", "top_angle", "right_angle", "bottom_angle"};
 constexpr const char* kBitsName = "angle_bits";
@@ -35,7 +38,7 @@ std::optional<int> findCamera(std::string_view topic, std::string_view suffix) n
     return error == std::errc() && last == end && *first != '-' ? std::optional(camera) : std::nullopt;
 }
 
-KRBytes toBytes(const std::string& text) {
+KRBytes toBytes(std::string_view text) {
     return {reinterpret_cast<const unsigned char*>(text.data()), text.size()};
 }
 
@@ -90,6 +93,10 @@ std::string_view getValueSchema() noexcept {
   "properties": {
     "value": {
       "description": "null, a number, a string, an array of values, or bytes as {\"base64\": \"...\"}"
+    },
+    "frame": {
+      "type": "integer",
+      "description": "number of the image that it belongs to, in the recording that was evaluated"
     }
   },
   "required": ["value"]
@@ -182,32 +189,74 @@ void KRMcapRecording::writeImage(int camera, const KRImage& image, std::optional
     const std::string properties = encodeImageProperties(getProperties(image));
     const std::uint64_t published = toNanoseconds(image.timeStamp);
     const std::uint64_t logged = logTime.value_or(published);
+    setImageSize(image.cameraId, image.width, image.height);
     Camera& channels = getCamera(camera);
     writer_.write(channels.properties.id, channels.properties.sequence++, logged, published,
                   toBytes(properties));
     writer_.write(channels.images.id, channels.images.sequence++, logged, published, pieces);
 }
 
-void KRMcapRecording::writeMemory(const std::string& key, const KRValue& value, std::uint64_t logTime) {
-    writeValue(getMemoryTopic(key), value, logTime);
+void KRMcapRecording::setImageSize(int camera, int width, int height) {
+    sizes_.insert_or_assign(camera, Size{width, height});
 }
 
-void KRMcapRecording::writeEvent(const std::string& name, const KRValue& value, std::uint64_t logTime) {
-    writeValue(getEventTopic(name), value, logTime);
+void KRMcapRecording::writeMemory(const std::string& key, const KRValue& value, std::uint64_t logTime,
+                                  std::optional<std::uint64_t> frame) {
+    writeValue(getMemoryTopic(key), value, logTime, frame);
+    if (key.ends_with(kAnnotationsSuffix) && key.size() > kAnnotationsSuffix.size()) {
+        writeAnnotations(key.substr(0, key.size() - kAnnotationsSuffix.size()), value, logTime);
+    }
 }
 
-void KRMcapRecording::writeValue(const std::string& topic, const KRValue& value, std::uint64_t logTime) {
+void KRMcapRecording::writeEvent(const std::string& name, const KRValue& value, std::uint64_t logTime,
+                                 std::optional<std::uint64_t> frame) {
+    writeValue(getEventTopic(name), value, logTime, frame);
+}
+
+void KRMcapRecording::writeValue(const std::string& topic, const KRValue& value, std::uint64_t logTime,
+                                 std::optional<std::uint64_t> frame) {
     if (valueSchema_ == 0) {
         valueSchema_ = writer_.addSchema(kValueSchemaName, kJsonSchemaEncoding, getValueSchema());
     }
+    Json json = {{"value", toJson(value)}};
+    if (frame) {
+        json["frame"] = *frame;
+    }
+    write(getChannel(topic, valueSchema_), logTime,
+          json.dump(-1, ' ', false, Json::error_handler_t::replace));
+}
+
+void KRMcapRecording::writeAnnotations(const std::string& module, const KRValue& value,
+                                       std::uint64_t logTime) {
+    std::string message;
+    try {
+        const KRAnnotations annotations = KRAnnotations::fromKRValue(value);
+        const auto size = sizes_.find(annotations.camera);
+        if (size == sizes_.end()) {
+            return;
+        }
+        message = encodeAnnotations(annotations, size->second.width, size->second.height);
+    } catch (const KRError&) {
+        return; // another value under a key of that name
+    }
+    if (annotationsSchema_ == 0) {
+        annotationsSchema_ =
+            writer_.addSchema(kAnnotationsSchemaName, kJsonSchemaEncoding, getAnnotationsSchema());
+    }
+    write(getChannel(getAnnotationsTopic(module), annotationsSchema_), logTime, message);
+}
+
+KRMcapRecording::Channel& KRMcapRecording::getChannel(const std::string& topic, std::uint16_t schema) {
     auto found = values_.find(topic);
     if (found == values_.end()) {
-        found = values_.emplace(topic, Channel{writer_.addChannel(topic, kJsonMessageEncoding, valueSchema_)})
-                    .first;
+        found =
+            values_.emplace(topic, Channel{writer_.addChannel(topic, kJsonMessageEncoding, schema)}).first;
     }
-    const std::string message =
-        Json{{"value", toJson(value)}}.dump(-1, ' ', false, Json::error_handler_t::replace);
-    writer_.write(found->second.id, found->second.sequence++, logTime, logTime, toBytes(message));
+    return found->second;
+}
+
+void KRMcapRecording::write(Channel& channel, std::uint64_t logTime, std::string_view message) {
+    writer_.write(channel.id, channel.sequence++, logTime, logTime, toBytes(message));
 }
 
 bool KRMcapImages::isImageChannel(const KRMcapChannel& channel, const KRMcapSchema* schema) noexcept {

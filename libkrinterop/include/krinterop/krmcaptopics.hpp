@@ -24,7 +24,7 @@ KR_EXPORT std::string getAnnotationsTopic(const std::string& module);
 /// The camera of an image topic; nullopt if it is not one.
 KR_EXPORT std::optional<int> findCameraOfImageTopic(std::string_view topic) noexcept;
 
-/// JSON schema of messages on memory and event topics: `{"value": ...}`, the value as krjson.hpp has it.
+/// JSON schema of messages on memory and event topics: `{"value": ...}`, the value as krjson.hpp has it, and perhaps "frame".
 KR_EXPORT std::string_view getValueSchema() noexcept;
 /// JSON schema of messages on properties topics.
 KR_EXPORT std::string_view getImagePropertiesSchema() noexcept;
@@ -62,8 +62,16 @@ public:
     /// \throws std::invalid_argument as encodeImageHeader()
     void writeImage(int camera, const KRImage& image, std::optional<std::uint64_t> logTime = std::nullopt);
     /// Bytes of strings that are not UTF-8 become U+FFFD. \throws KRMcapError an error of the output
-    void writeMemory(const std::string& key, const KRValue& value, std::uint64_t logTime);
-    void writeEvent(const std::string& name, const KRValue& value, std::uint64_t logTime);
+    ///
+    /// A value that a key `<Module>/Annotations` stands for is written to the topic of annotations as well, if the size of its
+    /// camera's images is known.
+    /// \param frame  number of the image that it belongs to, in the recording that was evaluated
+    void writeMemory(const std::string& key, const KRValue& value, std::uint64_t logTime,
+                     std::optional<std::uint64_t> frame = std::nullopt);
+    void writeEvent(const std::string& name, const KRValue& value, std::uint64_t logTime,
+                    std::optional<std::uint64_t> frame = std::nullopt);
+    /// Sets the size of a camera's images, pixels; writeImage() does so, too.
+    void setImageSize(int camera, int width, int height);
 
     /// Metadata of the channels of a camera's images; before the first one is written.
     void setCameraMetadata(int camera, const KRMcapMetadataMap& metadata);
@@ -78,15 +86,25 @@ private:
         Channel images;
     };
     Camera& getCamera(int camera);
-    void writeValue(const std::string& topic, const KRValue& value, std::uint64_t logTime);
+    struct Size {
+        int width;
+        int height;
+    };
+    void writeValue(const std::string& topic, const KRValue& value, std::uint64_t logTime,
+                    std::optional<std::uint64_t> frame);
+    void writeAnnotations(const std::string& module, const KRValue& value, std::uint64_t logTime);
+    Channel& getChannel(const std::string& topic, std::uint16_t schema);
+    void write(Channel& channel, std::uint64_t logTime, std::string_view message);
 
     KRMcapWriter& writer_;
     std::uint16_t imageSchema_ = 0;
     std::uint16_t propertiesSchema_ = 0;
     std::uint16_t valueSchema_ = 0;
+    std::uint16_t annotationsSchema_ = 0;
     std::map<int, KRMcapMetadataMap> cameraMetadata_;
     std::map<int, Camera> cameras_;
-    std::map<std::string, Channel> values_; // by topic
+    std::map<int, Size> sizes_;             // by camera
+    std::map<std::string, Channel> values_; // and annotations; by topic
 };
 
 /// Finds images among the messages of a file, with their properties if it has them. Reentrant.
