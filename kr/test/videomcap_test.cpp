@@ -8,6 +8,8 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
+
 namespace {
 
 using namespace KR::test;
@@ -92,6 +94,66 @@ TEST_F(KrVideoMcap, InfoShowsTopicsAndImages) {
     ASSERT_EQ(json["streams"].size(), 2u);
     EXPECT_EQ(json["streams"][1]["frames"], 3);
     EXPECT_EQ(json["damage"], nlohmann::json::array());
+}
+
+TEST_F(KrVideoMcap, RecoverClosesAFileAndKeepsWhatIsWhole) {
+    KR::KRMcapWriterOptions options;
+    options.chunkSize = 30000;
+    options.compression = KR::KRMcapCompression::Lz4;
+    {
+        KR::KRMcapWriter writer(path("a.mcap"), options);
+        KR::KRMcapRecording recording(writer);
+        KR::KRImage image = makeEmptyImage();
+        for (int i = 0; i < 8; ++i) {
+            std::fill_n(image.data.get(), kChunk, static_cast<unsigned char>(i));
+            image.timeStamp = 1000 * i;
+            recording.writeImage(0, image);
+            recording.writeMemory("k", KR::KRValue(i), static_cast<std::uint64_t>(i) * 1'000'000);
+        }
+        const std::uint16_t unknown =
+            writer.addChannel("/unknown", "xyz", writer.addSchema("s", "t", "u"), {{"a", "b"}});
+        writer.write(unknown, 7, 8, 9, KR::KRBytes());
+        writer.writeAttachment({1, 2, "name", "text/plain", {1, 2, 3}});
+        writer.writeMetadata({"meta", {{"c", "d"}}});
+        writer.close();
+    }
+    expectDone({"video", "recover", path("a.mcap"), path("whole.mcap")});
+    EXPECT_EQ(kr({"video", "doctor", path("whole.mcap")}).exitCode, 0);
+    const auto whole = nlohmann::json::parse(kr({"video", "info", "--json", path("whole.mcap")}).out);
+    EXPECT_EQ(whole["messages"], 25);
+    EXPECT_EQ(whole["attachments"], 1);
+    KR::KRMcapReader reader(path("whole.mcap"));
+    EXPECT_EQ(reader.getChunks().at(0).compression, "lz4");
+    EXPECT_EQ(reader.readMetadata(reader.getMetadata().at(0)).values.at("c"), "d");
+
+    Bytes bytes = readAll(path("a.mcap"));
+    bytes[2000] ^= 1u; // in one of the chunks
+    bytes.resize(bytes.size() - 3000);
+    const std::string bad = write("bad.mcap", bytes);
+    const Outcome examined = kr({"video", "doctor", bad});
+    EXPECT_EQ(examined.exitCode, 1);
+    EXPECT_THAT(examined.out, HasSubstr("never closed"));
+    EXPECT_EQ(nlohmann::json::parse(kr({"video", "doctor", "--json", bad}).out).size(),
+              static_cast<std::size_t>(std::ranges::count(examined.out, '\n')));
+    const Outcome recovered = kr({"video", "recover", bad, path("good.mcap")});
+    EXPECT_EQ(recovered.exitCode, 3);
+    EXPECT_EQ(kr({"video", "doctor", path("good.mcap")}).exitCode, 0);
+    const auto good = nlohmann::json::parse(kr({"video", "info", "--json", path("good.mcap")}).out);
+    EXPECT_GT(good["messages"], 0);
+    EXPECT_LT(good["messages"], 25);
+}
+
+TEST_F(KrVideoMcap, ExtractsTheFrameOfAnOxvFile) {
+    const std::string in = write("in.oxv", make(3, 3, 2));
+    expectDone({"video", "convert", in, path("a.mcap")});
+    expectDone({"video", "extract", in, "--frame", "2", "--stream", "1", path("a.oxi")});
+    expectDone({"video", "extract", path("a.mcap"), "--frame", "2", "--stream", "1", path("b.oxi")});
+    EXPECT_EQ(readAll(path("b.oxi")), readAll(path("a.oxi")));
+    EXPECT_THAT(kr({"video", "extract", path("a.mcap"), "--frame", "3", path("c.oxi")}).err,
+                HasSubstr("there is no frame 3 of /camera/0/image; there are 3"));
+    EXPECT_THAT(kr({"video", "extract", path("a.mcap"), "--frame", "0", "--stream", "2", path("c.oxi")}).err,
+                HasSubstr("there is no stream 2; there are 2 topics with images"));
+    EXPECT_EQ(kr({"video", "play", path("a.mcap"), "--from", "3"}).exitCode, 1);
 }
 
 TEST_F(KrVideoMcap, OtherConversionsOfMcapFilesAreRefused) {

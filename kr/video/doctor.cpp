@@ -3,6 +3,10 @@
 #include "tool/command.hpp"
 #include "tool/json.hpp"
 #include "video/diagnosis.hpp"
+#include "video/mcap.hpp"
+#include "video/mcaprepair.hpp"
+
+#include <krplatform/krtext.hpp>
 
 #include <cstdio>
 #include <memory>
@@ -16,7 +20,7 @@ struct Options {
     bool json = false;
 
     void declare(Arguments& arguments) {
-        arguments.add("FILE", file, "oxv file").required();
+        arguments.add("FILE", file, "oxv or mcap file").required();
         arguments.addFlag("--json", json, "output as a JSON array with an object per problem");
     }
 };
@@ -28,7 +32,7 @@ std::vector<Problem> findProblems(const std::string& file) {
             recording.hasFrames() ? recording.countCompleteFrames() * recording.getStreams().size() : 0);
         return diagnose(recording, progress);
     } catch (const KRNotOxvError&) {
-        return {{0, std::nullopt, std::nullopt, "the file does not begin as an oxv file does"}};
+        return {{0, std::nullopt, std::nullopt, "the file does not begin as an oxv or mcap file does"}};
     }
 }
 
@@ -55,7 +59,31 @@ Json toJson(const Problem& problem) {
     return json;
 }
 
+ExitCode examineMcap(const Options& options) {
+    std::vector<std::string> problems;
+    {
+        Progress progress(0);
+        problems = diagnoseMcap(options.file, progress);
+    }
+    Json list = Json::array();
+    for (const std::string& problem : problems) {
+        if (options.json) {
+            list.push_back(
+                {{"byte", nullptr}, {"frame", nullptr}, {"stream", nullptr}, {"problem", problem}});
+        } else {
+            std::printf("%s\n", escapeText(problem).c_str());
+        }
+    }
+    if (options.json) {
+        printJson(list);
+    }
+    return problems.empty() ? ExitCode::Done : ExitCode::Failed;
+}
+
 ExitCode examine(const Options& options) {
+    if (isMcap(options.file)) {
+        return examineMcap(options);
+    }
     const std::vector<Problem> problems = findProblems(options.file);
     Json list = Json::array();
     for (const Problem& problem : problems) {

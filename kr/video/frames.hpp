@@ -38,7 +38,7 @@ public:
     std::int64_t next(std::int64_t timeStamp);
 
 private:
-    const std::int64_t interval_usec_;
+    std::int64_t interval_usec_;
     bool isStarted_ = false;
     std::int64_t previous_ = 0; // time stamp
     std::int64_t time_usec_ = 0;

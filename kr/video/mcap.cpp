@@ -1,6 +1,7 @@
 #include "video/mcap.hpp"
 
 #include "tool/outputfile.hpp"
+#include "video/streamcameras.hpp"
 
 #include <krinterop/krmcaptopics.hpp>
 #include <krvision/krvideo.hpp>
@@ -8,7 +9,6 @@
 #include <algorithm>
 #include <charconv>
 #include <map>
-#include <set>
 #include <stdexcept>
 
 namespace KR::tool {
@@ -53,20 +53,6 @@ public:
 private:
     Writer writer_;
 };
-
-std::vector<int> chooseCameras(const KROxvFile& recording, std::uint64_t first,
-                               const std::vector<std::size_t>& streams) {
-    std::vector<int> cameras;
-    std::set<int> distinct;
-    for (const std::size_t stream : streams) {
-        cameras.push_back(recording.readChunkHeader(first, stream).cameraId);
-        distinct.insert(cameras.back());
-    }
-    if (distinct.size() < cameras.size() || *distinct.begin() < 0) {
-        cameras.assign(streams.begin(), streams.end());
-    }
-    return cameras;
-}
 
 std::size_t findStream(const KRMcapChannel& channel) {
     std::size_t stream = SIZE_MAX; // behind those that say
@@ -131,7 +117,7 @@ private:
                image_.colorSpace == expected_.colorSpace;
     }
 
-    const McapImages& expected_;
+    const McapImages expected_;
     KRMcapReader reader_;
     KRMcapImages images_;
     KRImage image_ = makeEmptyImage();
@@ -226,6 +212,24 @@ McapContent readMcap(const std::string& path, Progress& progress) {
         return std::pair(findStream(reader.getChannels().at(found.channel)), found.topic);
     });
     return content;
+}
+
+const McapImages& chooseMcapImages(const std::string& path, const McapContent& content, std::size_t stream,
+                                   std::uint64_t frame) {
+    if (stream >= content.images.size()) {
+        throw std::runtime_error(path + ": there is no stream " + std::to_string(stream) + "; there are " +
+                                 std::to_string(content.images.size()) + " topics with images");
+    }
+    const McapImages& images = content.images[stream];
+    if (frame >= images.timeStamps.size()) {
+        throw std::runtime_error(path + ": there is no frame " + std::to_string(frame) + " of " +
+                                 images.topic + "; there are " + std::to_string(images.timeStamps.size()));
+    }
+    return images;
+}
+
+std::function<const KRImage*()> openMcapImages(const std::string& path, const McapImages& images) {
+    return [reader = std::make_shared<ChannelReader>(path, images)] { return reader->next(); };
 }
 
 std::uint64_t copyFromMcap(const std::string& in, const McapContent& content, std::uint64_t first,

@@ -6,6 +6,7 @@
 #include <krvision/kroxvfile.hpp>
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -69,6 +70,15 @@ struct McapContent {
 
 /// \throws std::runtime_error with the path: it cannot be read
 McapContent readMcap(const std::string& path, Progress& progress);
+
+/// The images of a stream, which must have such a frame.
+/// \param stream  index in McapContent::images \throws std::runtime_error with the path: there is no such stream or frame
+const McapImages& chooseMcapImages(const std::string& path, const McapContent& content, std::size_t stream,
+                                   std::uint64_t frame);
+
+/// Reads images of a channel. \return gives the next one of the channel's geometry, valid until the next call; null: there
+/// are no more. \throws std::runtime_error the file cannot be read, as what it returns
+std::function<const KRImage*()> openMcapImages(const std::string& path, const McapImages& images);
 
 /// Writes images of an MCAP file to an oxv file: a stream per channel, frames of the images with the same number in each.
 /// \param stream  index in McapContent::images; nullopt: all of them

@@ -1,6 +1,7 @@
 // In place of mcap.cpp, without libkrinterop.
 
 #include "video/mcap.hpp"
+#include "video/mcaprepair.hpp"
 
 #include <stdexcept>
 
@@ -25,6 +26,24 @@ std::unique_ptr<FrameSink> makeMcapSink(const std::string& /*path*/, const std::
 void copyToMcap(const KROxvFile& /*recording*/, std::uint64_t /*first*/, std::uint64_t /*count*/,
                 std::optional<std::size_t> /*stream*/, const std::string& /*path*/,
                 const std::string& /*compression*/, Progress& /*progress*/) {
+    refuse();
+}
+
+std::function<const KRImage*()> openMcapImages(const std::string& /*path*/, const McapImages& /*images*/) {
+    refuse();
+}
+
+std::vector<std::string> diagnoseMcap(const std::string& /*path*/, Progress& /*progress*/) {
+    refuse();
+}
+
+McapRecovery recoverMcap(const std::string& /*in*/, const std::string& /*out*/, const std::string& /*name*/,
+                         Progress& /*progress*/) {
+    refuse();
+}
+
+const McapImages& chooseMcapImages(const std::string& /*path*/, const McapContent& /*content*/,
+                                   std::size_t /*stream*/, std::uint64_t /*frame*/) {
     refuse();
 }
 
