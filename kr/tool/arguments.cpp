@@ -124,6 +124,11 @@ Argument Arguments::add(const std::string& name, std::vector<std::string>& value
     return addTo(name, values, help);
 }
 
+Argument Arguments::add(const std::string& name, std::vector<std::vector<std::string>>& values,
+                        const std::string& help) {
+    return addTo(name, values, help);
+}
+
 void Arguments::addFlag(const std::string& name, bool& value, const std::string& help) {
     verb_.add_flag(name, value, help);
 }

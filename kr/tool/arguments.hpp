@@ -63,6 +63,9 @@ public:
     Argument add(const std::string& name, std::optional<std::uint64_t>& value, const std::string& help);
     Argument add(const std::string& name, double& value, const std::string& help);
     Argument add(const std::string& name, std::vector<std::string>& values, const std::string& help);
+    /// May be given several times, each time with several values.
+    Argument add(const std::string& name, std::vector<std::vector<std::string>>& values,
+                 const std::string& help);
     ///@}
     void addFlag(const std::string& name, bool& value, const std::string& help);
 
