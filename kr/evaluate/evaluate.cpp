@@ -22,7 +22,7 @@ namespace KR::tool {
 namespace {
 
 struct Options {
-    std::string library;
+    std::string moduleFile;
     std::string recording;
     std::string name;
     std::string out;
@@ -33,7 +33,7 @@ struct Options {
     std::vector<std::vector<std::string>> calls;
 
     void declare(Arguments& arguments) {
-        arguments.add("MODULE", library, "library that contains KR_REGISTER_MODULE").required();
+        arguments.add("MODULE", moduleFile, "library that contains KR_REGISTER_MODULE").required();
         arguments.add("RECORDING", recording, "oxv or mcap file").required();
         arguments.add("--out", out, "file for the results that ends in .jsonl or .mcap");
         arguments.add("--against", against, ".jsonl file with the results to expect");
@@ -134,7 +134,7 @@ ExitCode evaluateModule(const Options& options) {
     if (!options.out.empty() && extension != ".jsonl" && extension != ".mcap") {
         throw UsageError("--out " + options.out + ": the extension selects the format: .jsonl or .mcap");
     }
-    loadModuleClass(options.library);
+    loadModuleClass(options.moduleFile);
     const auto recording = openRecordedImages(options.recording);
     std::optional<OutputFile> out;
     std::unique_ptr<ResultSink> file;
@@ -154,7 +154,7 @@ ExitCode evaluateModule(const Options& options) {
         Progress progress(recording->getCameras().size() == 1 ? recording->getCameras()[0].images : 0);
         outcome = evaluate(
             *recording,
-            [&](const auto& broker) { return createModuleOf(options.library, broker, options.name); },
+            [&](const auto& broker) { return createModuleOf(options.moduleFile, broker, options.name); },
             settings, sinks, progress, interruption);
     }
     // Results so far are kept, also of a module that has failed.

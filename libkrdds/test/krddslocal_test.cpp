@@ -285,16 +285,16 @@ private:
 };
 
 /// Tells who calls it.
-class Asked : public TestModule {
+class AskedHere : public TestModule {
 public:
-    Asked(boost::shared_ptr<KRBroker> broker, const std::string& name) : TestModule(std::move(broker), name) {
+    AskedHere(boost::shared_ptr<KRBroker> broker, const std::string& name) : TestModule(std::move(broker), name) {
         add("callerOf", [this](const KRValue&) { return xGetCaller(); });
     }
 };
 
 TEST_F(KRDDSLocal, ACallInTheNameOfAnotherBrokerIsDroppedAndCounted) {
     Stranger stranger(domain.getNumber());
-    const auto here = createModule<Asked>(broker, "Here");
+    const auto here = createModule<AskedHere>(broker, "Here");
     ASSERT_TRUE(eventually([&] { return proxy->call<bool>("isReachable", "Here"); }));
     const auto victim = proxy->call<std::string>("callOther", "Here", "callerOf", "");
     const auto address = KRLocalAddress::parse(stranger.findUserData(victim, true));
