@@ -1,7 +1,6 @@
 #include "krannouncer.hpp"
 
 #include "krddsdomain.hpp"
-#include "krengine.h"
 #include "krlink.hpp"
 
 #include <krplatform/krlog.hpp>
@@ -32,8 +31,8 @@ std::string getHostName() {
 
 } // namespace
 
-void KRAnnouncer::start(ddsi_domaingv* engine, dds_entity_t participant, dds_entity_t topic,
-                        const std::string& id, const std::string& local) {
+void KRAnnouncer::start(dds_entity_t participant, dds_entity_t topic, const std::string& id,
+                        const std::string& local) {
     const std::unique_ptr<dds_qos_t, void (*)(dds_qos_t*)> qos(dds_create_qos(), dds_delete_qos);
     // A write does not wait for brokers that are behind: poll() tries again.
     dds_qset_reliability(qos.get(), DDS_RELIABILITY_RELIABLE, 0);
@@ -42,7 +41,6 @@ void KRAnnouncer::start(ddsi_domaingv* engine, dds_entity_t participant, dds_ent
     dds_qset_userdata(qos.get(), local.data(), local.size()); // which those who know nothing of it ignore
     dds_qset_writer_data_lifecycle(qos.get(), false); // so that a lost broker differs from one that leaves
     const KRLock lock(mutex_);
-    engine_ = engine;
     writer_ = checkDDS(dds_create_writer(participant, topic, qos.get(), nullptr), "writer of announcements");
     id_ = id;
     hostName_ = getHostName();
@@ -78,7 +76,6 @@ KRClaimTime KRAnnouncer::ask(const std::string& module) {
     const KRLock lock(mutex_);
     asked_.insert(module);
     try {
-        krRequestPromptAcks(engine_, writer_);
         announceNow();
     } catch (...) {
         asked_.erase(module);

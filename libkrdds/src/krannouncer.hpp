@@ -22,11 +22,11 @@ public:
     KRAnnouncer(KRTransportHost& host, std::string name) : host_(host), name_(std::move(name)) {}
 
     /// Begins to announce. Call it once.
-    /// \param engine  the engine's instance of the domain \param id  identity of the broker
+    /// \param id  identity of the broker
     /// \param local  its KRLocalWay::getAddress()
     /// \throws KRError the engine refuses
-    void start(ddsi_domaingv* engine, dds_entity_t participant, dds_entity_t topic, const std::string& id,
-               const std::string& local) KR_EXCLUDES(mutex_);
+    void start(dds_entity_t participant, dds_entity_t topic, const std::string& id, const std::string& local)
+        KR_EXCLUDES(mutex_);
     /// Ends the announcement, which tells the others that this broker leaves.
     void stop() noexcept KR_EXCLUDES(mutex_);
 
@@ -50,7 +50,6 @@ private:
     const std::string name_;
 
     KRMutex mutex_; // held while the announcement is written, which never waits
-    ddsi_domaingv* engine_ KR_GUARDED_BY(mutex_) = nullptr;
     dds_entity_t writer_ KR_GUARDED_BY(mutex_) = 0; // 0 before start() and after stop()
     std::string id_ KR_GUARDED_BY(mutex_);
     std::string hostName_ KR_GUARDED_BY(mutex_);

@@ -6,10 +6,8 @@
 // clang-format off
 #include <dds/ddsi/ddsi_domaingv.h>
 #include <dds/ddsi/ddsi_entity.h>
-#include <dds/ddsi/q_hbcontrol.h>
 #include <dds/ddsi/q_radmin.h>
 #include <dds/ddsi/ddsi_endpoint.h>
-#include <dds/ddsi/ddsi_entity_index.h>
 #include <dds/ddsi/ddsi_proxy_participant.h>
 // clang-format on
 #include <dds/ddsi/q_bswap.h>
@@ -21,24 +19,6 @@ static ddsi_guid_t convert(const dds_guid_t* guid) {
     ddsi_guid_t converted;
     memcpy(&converted, guid, sizeof converted);
     return nn_ntoh_guid(converted);
-}
-
-// A message carries a request for acknowledgements if the last one was made long enough ago: so this forgets that one.
-void krRequestPromptAcks(struct ddsi_domaingv* engine, dds_entity_t writer) {
-    dds_guid_t guid;
-    if (engine == NULL || dds_get_guid(writer, &guid) != DDS_RETCODE_OK) {
-        return;
-    }
-    const ddsi_guid_t wanted = convert(&guid);
-    struct thread_state* const self = lookup_thread_state();
-    thread_state_awake(self, engine);
-    struct ddsi_writer* const found = entidx_lookup_writer_guid(engine->entity_index, &wanted);
-    if (found != NULL) {
-        ddsrt_mutex_lock(&found->e.lock);
-        found->hbcontrol.t_of_last_ackhb.v = 0;
-        ddsrt_mutex_unlock(&found->e.lock);
-    }
-    thread_state_asleep(self);
 }
 
 void krForgetParticipant(struct ddsi_domaingv* engine, const dds_guid_t* participant) {
