@@ -11,7 +11,6 @@
 #include <set>
 #include <string>
 
-struct ddsi_domaingv;
 
 namespace KR {
 

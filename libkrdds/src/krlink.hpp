@@ -22,6 +22,8 @@
 #include <string_view>
 #include <thread>
 
+struct ddsi_domaingv;
+
 namespace KR {
 
 /// A broker's place on a DDS domain: announces its modules, discovers those of others, and carries calls both ways.
