@@ -35,7 +35,7 @@ TEST_F(KrSystem, IsFoundWellByItsDoctor) {
                                    std::to_string(domain_.getNumber()) + " are taken"));
         }
     }
-    EXPECT_EQ(findings.size(), 9U);
+    EXPECT_EQ(findings.size(), 10U);
 }
 
 TEST_F(KrSystem, ItsDoctorFindsABrokerOfAnotherVersion) {

@@ -173,7 +173,7 @@ TEST_F(KrVideoDoctor, FindsAFrameThatIsCut) {
 }
 
 TEST_F(KrVideoDoctor, FindsWhatIsWrongInTheHeaders) {
-    EXPECT_EQ(problemsOf({1, 2, 3}), "byte 0: the file does not begin as an oxv file does\n");
+    EXPECT_EQ(problemsOf({1, 2, 3}), "byte 0: the file does not begin as an oxv or mcap file does\n");
     EXPECT_EQ(problemsOf({'1', 'V', 'X', 'O'}),
               "byte 4: the file ends within its headers, which need 32 bytes\n");
     EXPECT_EQ(problemsOf(
