@@ -340,6 +340,22 @@ TEST(KRDDSTwins, OfTwoModulesOfOneNameTheOneThatCameFirstIsCalled) {
     EXPECT_EQ(log.find(KRLogLevel::Error, "there are two modules named Twin").size(), 1U);
 }
 
+TEST(KRDDSTwins, TwoModulesOfOneNameThatMeetAgainAreReportedAgain) {
+    const TestDomain domain;
+    const auto broker = domain.createBroker("lease=0.2");
+    const RecordedLog log;
+    Stranger later(domain.getNumber(), "later");
+    Stranger earlier(domain.getNumber(), "earlier");
+    later.announce(1, makeModuleList("Twin", 1, 200));
+    earlier.announce(1, makeModuleList("Twin", 1, 100));
+    ASSERT_TRUE(log.waitFor(KRLogLevel::Error, "there are two modules named Twin"));
+    earlier.announce(1, makeModuleList("Other", 1, 300)); // and no longer Twin
+    EXPECT_TRUE(eventually([&] { return refusalOf(broker, "Twin").find("(later)") != std::string::npos; }));
+    earlier.announce(1, makeModuleList("Twin", 1, 100));
+    EXPECT_TRUE(eventually(
+        [&] { return log.find(KRLogLevel::Error, "there are two modules named Twin").size() == 2; }));
+}
+
 } // namespace
 
 } // namespace KR::test
