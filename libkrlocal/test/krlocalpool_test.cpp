@@ -27,6 +27,8 @@ KRBinary share(KRLocalPool& pool, std::size_t size, unsigned char value) {
 /// One sender and one receiver, without a socket between them.
 class Lending : public testing::Test {
 protected:
+    Lending() { reconnect(); }
+
     /// As a message would carry it. Without bytes: it is not lent.
     KRBinary pass(const KRBinary& binary) {
         KRLocalFrame frame;
@@ -48,10 +50,7 @@ protected:
 
     const std::shared_ptr<KRLocalPool> pool = std::make_shared<KRLocalPool>(16 * kMega);
     KRBorrowings borrowings;
-    std::shared_ptr<KRLendings> lendings = [this] {
-        reconnect();
-        return lendings;
-    }();
+    std::shared_ptr<KRLendings> lendings;
 };
 
 TEST(KRLocalPool, UsesASlotAgainOnceItsLastHandleIsGone) {
