@@ -218,6 +218,7 @@ void KRMemoryLedger::goAway() {
         return;
     }
     away_ = true;
+    used_ = true; // what is kept now is for the next memory module, though this one was never written to
     handedOver_ = {};
     lost_ = 0;
     logWarning(kLedgerCategory, "the memory module has gone; values and events are kept until one is back");

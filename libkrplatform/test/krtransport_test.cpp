@@ -475,6 +475,15 @@ TEST_F(RemoteMemory, AMemoryThatDoesNotKnowTheSubscriberYetIsAskedAgain) {
     EXPECT_TRUE(isTold(*after, {call, call, call}));
 }
 
+TEST_F(RemoteMemory, TheFirstWriteIsHandedOverThoughNoMemoryWasThereForIt) {
+    const auto before = addRemote("KRMemory");
+    KRMemoryProxy memory(broker);
+    wire->host->removeRemoteModule(before);
+    memory.insertData("Key", 1);
+    const auto after = addRemote("KRMemory");
+    EXPECT_TRUE(isTold(*after, {KRValue::array("insertData", "Key", 1)}));
+}
+
 TEST_F(RemoteMemory, OneThatRefusesAWriteAsItIsExitingIsAway) {
     const auto before = addRemote("KRMemory");
     KRMemoryProxy memory(broker);
