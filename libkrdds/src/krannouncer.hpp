@@ -11,7 +11,6 @@
 #include <set>
 #include <string>
 
-
 namespace KR {
 
 /// What this broker announces of itself, and the names that it asks for. Thread-safe; nothing here waits for others

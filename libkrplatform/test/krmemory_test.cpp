@@ -220,11 +220,11 @@ TEST(KRMemory, IsAModuleLikeAnyOther) {
     for (const auto& method : proxy->getMethodList()) {
         names.push_back(method.name);
     }
-    EXPECT_THAT(names,
-                ElementsAre("insertData", "insertListData", "getData", "getTimestamp", "getDataList",
-                            "getDataValues", "getDataChanges", "removeData", "declareData", "declareEvent",
-                            "declareEvent", "raiseEvent", "subscribeToEvent", "unsubscribeFromEvent",
-                            "subscribeToWrites", "unsubscribeFromWrites", "getEventList", "getEventSubscribers", "setEventLimits"));
+    EXPECT_THAT(names, ElementsAre("insertData", "insertListData", "getData", "getTimestamp", "getDataList",
+                                   "getDataValues", "getDataChanges", "removeData", "declareData",
+                                   "declareEvent", "declareEvent", "raiseEvent", "subscribeToEvent",
+                                   "unsubscribeFromEvent", "subscribeToWrites", "unsubscribeFromWrites",
+                                   "getEventList", "getEventSubscribers", "setEventLimits"));
 }
 
 TEST(KRMemory, WithoutOneEachOperationIsAnError) {

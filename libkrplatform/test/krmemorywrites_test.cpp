@@ -90,8 +90,8 @@ TEST_F(KRMemoryWrites, ComeInOrderWithNamesValuesAndKinds) {
 TEST_F(KRMemoryWrites, OfSeveralValuesInOneCallComeOneByOne) {
     const WatchingClient client(broker);
     memory.subscribeToWrites("a", "client", "onWrite");
-    memory.getProxy().call("insertListData",
-                           KRValue::array(KRValue::array("a", 1), KRValue::array("b", 2), KRValue::array("aa", 3)));
+    memory.getProxy().call("insertListData", KRValue::array(KRValue::array("a", 1), KRValue::array("b", 2),
+                                                            KRValue::array("aa", 3)));
     ASSERT_TRUE(client.waitFor(2));
     EXPECT_THAT(client.getHeard(), ElementsAre("a=1", "aa=3"));
 }

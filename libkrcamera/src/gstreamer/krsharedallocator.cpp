@@ -6,6 +6,7 @@
 
 #include <boost/smart_ptr/shared_ptr.hpp>
 
+#include <atomic>
 #include <new>
 #include <utility>
 
@@ -18,7 +19,16 @@ constexpr gsize kAlignment = 4096; // of what allocateShared() returns
 struct Memory {
     GstMemory base; // first: GStreamer has its address
     boost::shared_ptr<unsigned char[]> bytes;
+    std::atomic<bool> made =
+        false; ///< read and written where GStreamer's own locks order the threads that use `bytes`,
+               ///< which ThreadSanitizer does not see
 };
+
+Memory& useMemory(GstMemory* memory) {
+    auto& used = *reinterpret_cast<Memory*>(memory);
+    used.made.load(std::memory_order_acquire);
+    return used;
+}
 
 struct KRSharedAllocator {
     GstAllocator base;
@@ -38,6 +48,7 @@ GstMemory* wrap(GstAllocator* allocator, boost::shared_ptr<unsigned char[]> byte
     }
     memory->bytes = std::move(bytes);
     gst_memory_init(&memory->base, flags, allocator, parent, maximum, align, offset, size);
+    memory->made.store(true, std::memory_order_release);
     return &memory->base;
 }
 
@@ -56,11 +67,11 @@ GstMemory* allocate(GstAllocator* allocator, gsize size, GstAllocationParams* pa
 }
 
 void freeMemory(GstAllocator*, GstMemory* memory) {
-    delete reinterpret_cast<Memory*>(memory);
+    delete &useMemory(memory);
 }
 
 gpointer map(GstMemory* memory, gsize, GstMapFlags) {
-    return reinterpret_cast<Memory*>(memory)->bytes.get();
+    return useMemory(memory).bytes.get();
 }
 
 void unmap(GstMemory*) {}
@@ -71,8 +82,8 @@ GstMemory* share(GstMemory* memory, gssize offset, gssize size) {
     const auto flags =
         static_cast<GstMemoryFlags>(GST_MINI_OBJECT_FLAGS(parent) | GST_MINI_OBJECT_FLAG_LOCK_READONLY);
     const gsize part = size == -1 ? memory->size - static_cast<gsize>(offset) : static_cast<gsize>(size);
-    return wrap(memory->allocator, reinterpret_cast<Memory*>(memory)->bytes, flags, parent, memory->maxsize,
-                memory->align, memory->offset + static_cast<gsize>(offset), part);
+    return wrap(memory->allocator, useMemory(memory).bytes, flags, parent, memory->maxsize, memory->align,
+                memory->offset + static_cast<gsize>(offset), part);
 }
 
 void kr_shared_allocator_class_init(KRSharedAllocatorClass* type) {
