@@ -13,6 +13,10 @@ function(kr_compile_options target)
         # that are compiled together for headers.
         target_compile_options(${target} PRIVATE -Wno-subobject-linkage)
     endif()
+    if(CMAKE_CXX_COMPILER_ID STREQUAL GNU AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
+        # g++ 12 takes text + std::string, inlined, for a copy within itself.
+        target_compile_options(${target} PRIVATE $<$<CONFIG:Release>:-Wno-restrict>)
+    endif()
     if(KR_WERROR)
         target_compile_options(${target} PRIVATE -Werror)
     endif()
