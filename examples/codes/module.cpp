@@ -1,0 +1,5 @@
+#include "codesextractor.hpp"
+
+#include <krplatform/krmoduleclass.hpp>
+
+KR_REGISTER_MODULE(CodesExtractor)

@@ -1,0 +1,5 @@
+#include "peopleextractor.hpp"
+
+#include <krplatform/krmoduleclass.hpp>
+
+KR_REGISTER_MODULE(PeopleExtractor)
