@@ -48,11 +48,10 @@ void run(const std::string& url, const std::string& event) {
             return;
         }
     }
-    const auto bell =
-        KR::createModule<Doorbell>(broker, "Doorbell", event, kPause_ms,
-                                   [](const std::string& name, const KR::KRValue& value) {
-                                       std::cout << name << " " << value << std::endl;
-                                   });
+    const auto bell = KR::createModule<Doorbell>(broker, "Doorbell", event, kPause_ms,
+                                                 [](const std::string& name, const KR::KRValue& value) {
+                                                     std::cout << name << " " << value << std::endl;
+                                                 });
     std::fprintf(stderr, "waiting for %s; Ctrl-C ends it\n", event.c_str());
     end.wait();
 }

@@ -17,7 +17,8 @@ PeopleExtractor::PeopleExtractor(boost::shared_ptr<KR::KRBroker> broker, const s
     declareMemoryKey(getName() + "/Count");
     declareMemoryKey(getName() + "/Annotations");
     declareParameter("threshold", "How much like a person something must look.", kThreshold, 0.0F, 2.0F,
-                     "distance from the border of the classifier", [this](float value) { threshold_ = value; });
+                     "distance from the border of the classifier",
+                     [this](float value) { threshold_ = value; });
 }
 
 void PeopleExtractor::xUpdateParameters(int period, float precision) {
@@ -41,7 +42,8 @@ void PeopleExtractor::xProcessImage(KR::KRImage* image) {
             memory_.raiseEvent(getName() + "/CountChanged", static_cast<int>(count));
         }
         countBefore_ = count;
-    } catch (const std::exception& error) { // of OpenCV, or without a memory module; the next image is another chance
+    } catch (const std::exception&
+                 error) { // of OpenCV, or without a memory module; the next image is another chance
         KR::logWarning("people", getName() + " cannot process an image: " + error.what());
     }
 }

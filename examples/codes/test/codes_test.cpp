@@ -103,8 +103,8 @@ class Codes : public testing::Test {
 protected:
     /// Returns once the module has processed the first image of the camera.
     void show(const std::string& source, float precision = 1.0F) {
-        camera_ = KR::createModule<KR::KRVideoDevice>(broker_, "KRVideoDevice",
-                                                      std::vector<std::string>{source});
+        camera_ =
+            KR::createModule<KR::KRVideoDevice>(broker_, "KRVideoDevice", std::vector<std::string>{source});
         codes_ = KR::createModule<CodesExtractor>(broker_, "Codes");
         broker_->getProxy("Codes")->call("subscribe", "test", 100, precision);
     }

@@ -20,8 +20,8 @@ using KR::test::eventually;
 class People : public testing::Test {
 protected:
     void show(const std::string& source) {
-        camera_ = KR::createModule<KR::KRVideoDevice>(broker_, "KRVideoDevice",
-                                                      std::vector<std::string>{source});
+        camera_ =
+            KR::createModule<KR::KRVideoDevice>(broker_, "KRVideoDevice", std::vector<std::string>{source});
         people_ = KR::createModule<PeopleExtractor>(broker_, "People");
     }
     KR::KRAnnotations getSeen() const {
