@@ -1,6 +1,7 @@
 #include "krannouncer.hpp"
 
 #include "krddsdomain.hpp"
+#include "krengine.h"
 #include "krlink.hpp"
 
 #include <krplatform/krlog.hpp>
@@ -31,8 +32,8 @@ std::string getHostName() {
 
 } // namespace
 
-void KRAnnouncer::start(dds_entity_t participant, dds_entity_t topic, const std::string& id,
-                        const std::string& local) {
+void KRAnnouncer::start(ddsi_domaingv* engine, dds_entity_t participant, dds_entity_t topic,
+                        const std::string& id, const std::string& local) {
     const std::unique_ptr<dds_qos_t, void (*)(dds_qos_t*)> qos(dds_create_qos(), dds_delete_qos);
     // A write does not wait for brokers that are behind: poll() tries again.
     dds_qset_reliability(qos.get(), DDS_RELIABILITY_RELIABLE, 0);
@@ -42,6 +43,8 @@ void KRAnnouncer::start(dds_entity_t participant, dds_entity_t topic, const std:
     dds_qset_writer_data_lifecycle(qos.get(), false); // so that a lost broker differs from one that leaves
     const KRLock lock(mutex_);
     writer_ = checkDDS(dds_create_writer(participant, topic, qos.get(), nullptr), "writer of announcements");
+    checkDDS(dds_get_guid(writer_, &writerGuid_), "identity of a writer");
+    engine_ = engine;
     id_ = id;
     hostName_ = getHostName();
 }
@@ -75,6 +78,9 @@ void KRAnnouncer::poll() {
 KRClaimTime KRAnnouncer::ask(const std::string& module) {
     const KRLock lock(mutex_);
     asked_.insert(module);
+    if (writer_ != 0) {
+        krHastenAcknowledgement(engine_, &writerGuid_);
+    }
     try {
         announceNow();
     } catch (...) {

@@ -11,6 +11,8 @@
 #include <set>
 #include <string>
 
+struct ddsi_domaingv;
+
 namespace KR {
 
 /// What this broker announces of itself, and the names that it asks for. Thread-safe; nothing here waits for others
@@ -20,11 +22,12 @@ public:
     KRAnnouncer(KRTransportHost& host, std::string name) : host_(host), name_(std::move(name)) {}
 
     /// Begins to announce. Call it once.
+    /// \param engine  that the participant is of
     /// \param id  identity of the broker
     /// \param local  its KRLocalWay::getAddress()
     /// \throws KRError the engine refuses
-    void start(dds_entity_t participant, dds_entity_t topic, const std::string& id, const std::string& local)
-        KR_EXCLUDES(mutex_);
+    void start(ddsi_domaingv* engine, dds_entity_t participant, dds_entity_t topic, const std::string& id,
+               const std::string& local) KR_EXCLUDES(mutex_);
     /// Ends the announcement, which tells the others that this broker leaves.
     void stop() noexcept KR_EXCLUDES(mutex_);
 
@@ -34,7 +37,8 @@ public:
     /// The same if the last time it was not possible.
     void poll() KR_EXCLUDES(mutex_);
 
-    /// From now on the module is announced as one whose name is asked for, until endAsking(). \return when it was claimed
+    /// From now on the module is announced as one whose name is asked for, until endAsking(). The others acknowledge
+    /// that at once. \return when it was claimed
     /// \throws KRError as announce()
     KRClaimTime ask(const std::string& module) KR_EXCLUDES(mutex_);
     void endAsking(const std::string& module) KR_EXCLUDES(mutex_);
@@ -48,7 +52,9 @@ private:
     const std::string name_;
 
     KRMutex mutex_; // held while the announcement is written, which never waits
+    ddsi_domaingv* engine_ KR_GUARDED_BY(mutex_) = nullptr;
     dds_entity_t writer_ KR_GUARDED_BY(mutex_) = 0; // 0 before start() and after stop()
+    dds_guid_t writerGuid_ KR_GUARDED_BY(mutex_) = {};
     std::string id_ KR_GUARDED_BY(mutex_);
     std::string hostName_ KR_GUARDED_BY(mutex_);
     bool pending_ KR_GUARDED_BY(mutex_) = false;        // the last announcement has not been written

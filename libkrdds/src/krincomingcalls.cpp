@@ -1,5 +1,6 @@
 #include "krincomingcalls.hpp"
 
+#include "krservedcall.hpp"
 #include "krvaluecode.hpp"
 
 #include <krplatform/krlog.hpp>
@@ -23,37 +24,18 @@ std::size_t countValues(const KRValue& value) {
 } // namespace
 
 /// A call that runs.
-class KRIncomingCalls::Served : public KRIncomingCall {
+class KRIncomingCalls::Served : public KRServedCall {
 public:
     Served(std::shared_ptr<KRIncomingCalls> calls, std::shared_ptr<KRPeer> peer, const KRRequest& request,
            std::vector<KRValue> values)
-        : KRIncomingCall(request.broker, request.module, request.method, std::move(values)),
+        : KRServedCall(request.broker, request.module, request.method, std::move(values)),
           calls_(std::move(calls)), peer_(std::move(peer)), sequence_(request.sequence) {}
     ~Served() override { calls_->finish(caller, sequence_); }
-
-    void succeed(const KRValue& result) noexcept override {
-        try {
-            answer(KRReply::Result, result);
-        } catch (const KRError& error) {
-            fail(KRError(module, method, error.getDescription()));
-        } catch (const std::exception& error) {
-            fail(KRError(module, method, error.what()));
-        }
-    }
-    void fail(const KRError& error) noexcept override {
-        try {
-            answer(KRReply::Error,
-                   KRValue::array(error.getModule(), error.getMethod(), error.getDescription()));
-        } catch (const std::exception& failure) { // the caller asks, and hears that its call is not known
-            logError("krdds", "cannot report an error of " + escapeText(module + "." + method, 256) + ": " +
-                                  failure.what());
-        }
-    }
 
     bool isCallerGone() const noexcept override { return peer_->isGone(); }
 
 private:
-    void answer(KRReply::Status status, const KRValue& value) {
+    void answer(KRReply::Status status, const KRValue& value) override {
         if (!peer_->reply(sequence_, status, value)) {
             calls_->refusals_.write(KRLogLevel::Warning,
                                     "the answer of " + escapeText(module + "." + method, 256) +

@@ -241,7 +241,7 @@ void KRLink::createEntities() {
     checkDDS(dds_set_topic_filter_extended(admitted, &filter), "filter");
     announcementReader_ = createReader(admitted, announcements.get(), onAnnouncement);
     way_.start(options_, id_);
-    announcer_.start(participant, createAnnouncementTopic(), id_, way_.getAddress());
+    announcer_.start(engine_, participant, createAnnouncementTopic(), id_, way_.getAddress());
 }
 
 // Writers towards other brokers are made at the first call. That they may be made is found out here, where it can be

@@ -1,6 +1,6 @@
 #include "krlocalway.hpp"
 
-#include "krmessage.hpp"
+#include "krservedcall.hpp"
 #include "krvaluecode.hpp"
 
 #include <krplatform/krerror.hpp>
@@ -17,35 +17,17 @@ namespace KR {
 namespace {
 
 /// A call that came through a connection. It is answered on the thread that has read it.
-class Served : public KRIncomingCall {
+class Served : public KRServedCall {
 public:
     Served(std::shared_ptr<KRLocalRequest> request, std::function<bool()> isGone, std::string toModule,
            std::string toMethod, std::vector<KRValue> values)
-        : KRIncomingCall(request->getCaller(), std::move(toModule), std::move(toMethod), std::move(values)),
+        : KRServedCall(request->getCaller(), std::move(toModule), std::move(toMethod), std::move(values)),
           request_(std::move(request)), isGone_(std::move(isGone)) {}
 
     bool isCallerGone() const noexcept override { return request_->isCallerGone() || (isGone_ && isGone_()); }
-    void succeed(const KRValue& result) noexcept override {
-        try {
-            answer(KRReply::Result, result);
-        } catch (const KRError& error) {
-            fail(KRError(module, method, error.getDescription()));
-        } catch (const std::exception& error) {
-            fail(KRError(module, method, error.what()));
-        }
-    }
-    void fail(const KRError& error) noexcept override {
-        try {
-            answer(KRReply::Error,
-                   KRValue::array(error.getModule(), error.getMethod(), error.getDescription()));
-        } catch (const std::exception& failure) { // the caller hears that its call is lost
-            logError("krdds", "cannot report an error of " + escapeText(module + "." + method, 256) + ": " +
-                                  failure.what());
-        }
-    }
 
 private:
-    void answer(KRReply::Status status, const KRValue& value) {
+    void answer(KRReply::Status status, const KRValue& value) override {
         KRLocalMessage message;
         message.code = status;
         encodeValue(value, message);

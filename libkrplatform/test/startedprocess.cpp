@@ -82,6 +82,14 @@ void StartedProcess::kill() {
 
 void StartedProcess::freeze() const {
     ::kill(pid_, SIGSTOP);
+    // Its parent is notified when all of its threads have stopped.
+    siginfo_t stopped{};
+    if (!eventually([&] {
+            return waitid(P_PID, static_cast<id_t>(pid_), &stopped, WSTOPPED | WNOHANG) == 0 &&
+                   stopped.si_pid == pid_;
+        })) {
+        throw std::runtime_error("the other process does not stop");
+    }
 }
 
 void StartedProcess::thaw() const {
