@@ -8,6 +8,12 @@
 #include "tool/command.hpp"
 #include "tool/interruption.hpp"
 
+#ifdef KR_WITH_WEB
+#include "web/weboptions.hpp"
+
+#include <krweb/krweb.hpp>
+#endif
+
 #include <krcamera/krvideodevice.hpp>
 
 #include <krplatform/krlog.hpp>
@@ -24,6 +30,9 @@ struct Options {
     SourceOptions cameras;
     std::vector<std::string> libraries;
     HostingOptions hosting;
+#ifdef KR_WITH_WEB
+    WebOptions web;
+#endif
 
     void declare(Arguments& arguments) {
         cameras.declare(arguments, "0=test");
@@ -31,6 +40,9 @@ struct Options {
             .valueName("[NAME=]MODULE.so")
             .repeatable();
         hosting.declare(arguments);
+#ifdef KR_WITH_WEB
+        web.declareForServe(arguments);
+#endif
         domain.declare(arguments);
     }
 };
@@ -59,6 +71,9 @@ ExitCode serve(const Options& options) {
             library, [&] { return createModuleOf(named.path, broker, named.name); }, interruption);
     }
     options.hosting.subscribe(broker, host);
+#ifdef KR_WITH_WEB
+    const auto web = options.web.start(broker, options.domain.getUrl()); // ends after the modules that it calls
+#endif
     printError("serving on " + options.domain.getUrl() + "; Ctrl-C ends it");
     const ExitCode code = host.waitFor(interruption);
     host.takeDown();

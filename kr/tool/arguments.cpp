@@ -79,6 +79,11 @@ Argument& Argument::repeatable() {
     return *this;
 }
 
+Argument& Argument::optionalValue(const std::string& value) {
+    option_->expected(0, 1)->default_str(value);
+    return *this;
+}
+
 Argument& Argument::excludes(const std::string& name) {
     option_->excludes(name);
     return *this;

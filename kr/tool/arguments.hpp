@@ -36,6 +36,8 @@ public:
     Argument& completes(ValueCompleter completer);
     /// May be given several times, with one value each.
     Argument& repeatable();
+    /// Without a value it has this one.
+    Argument& optionalValue(const std::string& value);
     /// Cannot be given together with another option.
     Argument& excludes(const std::string& name);
     /// Shows the initial value in the help.

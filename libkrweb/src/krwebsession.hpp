@@ -1,0 +1,84 @@
+#pragma once
+
+#include "krwebaccess.hpp"
+#include "krwebhub.hpp"
+
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/beast/core/tcp_stream.hpp>
+#include <boost/beast/http/message.hpp>
+#include <boost/beast/http/string_body.hpp>
+
+#include <chrono>
+#include <map>
+#include <memory>
+
+namespace KR::web {
+
+using HttpRequest = boost::beast::http::request<boost::beast::http::string_body>;
+
+/// A connection, HTTP or WebSocket. Belongs to the thread of the connections, as all here.
+class Connection {
+public:
+    Connection() = default;
+    virtual ~Connection() = default;
+    Connection(const Connection&) = delete;
+    Connection& operator=(const Connection&) = delete;
+    /// Closes the socket, so that what is in progress ends.
+    virtual void close() = 0;
+};
+
+/// What connections have in common.
+class Connections {
+public:
+    static constexpr std::size_t kMax = 256;
+    /// For a request to come, and for a client to read what it is sent.
+    static constexpr std::chrono::seconds kPatience{10};
+
+    Connections(Hub& hub, Access access) : hub_(hub), access_(std::move(access)) {}
+
+    Hub& getHub() noexcept { return hub_; }
+    const Access& getAccess() const noexcept { return access_; }
+    bool isFull() const noexcept { return all_.size() >= kMax; }
+    void closeAll() {
+        for (const auto& [connection, weak] : std::map(all_)) {
+            if (const auto held = weak.lock()) {
+                held->close();
+            }
+        }
+    }
+
+    /// Counts a connection as long as it exists.
+    class Place {
+    public:
+        Place() = default;
+        Place(Connections& connections, Connection* connection, std::weak_ptr<Connection> weak)
+            : connections_(&connections), connection_(connection) {
+            connections.all_.insert_or_assign(connection, std::move(weak));
+        }
+        ~Place() {
+            if (connections_ != nullptr) {
+                connections_->all_.erase(connection_);
+            }
+        }
+        Place(const Place&) = delete;
+        Place& operator=(const Place&) = delete;
+
+    private:
+        Connections* connections_ = nullptr;
+        Connection* connection_ = nullptr;
+    };
+
+private:
+    Hub& hub_;
+    const Access access_;
+    std::map<Connection*, std::weak_ptr<Connection>> all_;
+};
+
+/// Serves a connection that has been accepted, until it ends.
+void serveHttp(Connections& connections, boost::asio::ip::tcp::socket socket);
+/// Answers a request to become a WebSocket, and serves that.
+void serveWebSocket(Connections& connections, boost::beast::tcp_stream stream, HttpRequest request);
+/// Whether the request names a subprotocol that is spoken here.
+bool hasSubprotocol(const HttpRequest& request);
+
+} // namespace KR::web
