@@ -72,7 +72,8 @@ ExitCode serve(const Options& options) {
     }
     options.hosting.subscribe(broker, host);
 #ifdef KR_WITH_WEB
-    const auto web = options.web.start(broker, options.domain.getUrl()); // ends after the modules that it calls
+    const auto web =
+        options.web.start(broker, options.domain.getUrl()); // ends after the modules that it calls
 #endif
     printError("serving on " + options.domain.getUrl() + "; Ctrl-C ends it");
     const ExitCode code = host.waitFor(interruption);
