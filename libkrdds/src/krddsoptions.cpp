@@ -269,7 +269,13 @@ std::string KRDDSOptions::getConfiguration(const KRHostNetwork& network, bool pl
     // A whole image fits the receive buffer, if the system allows that much, and the writer's cache.
     xml << "<Internal><SocketReceiveBufferSize min=\"default\" max=\"4MB\"/>"
         << "<MaxSampleSize>" << KRReceivedBytes::kMax << "B</MaxSampleSize>"
-        << "<Watermarks><WhcHigh>2MB</WhcHigh></Watermarks></Internal>";
+        << "<Watermarks><WhcHigh>2MB</WhcHigh></Watermarks>";
+    // A heartbeat of a writer that waits for acknowledgements wakes all processes. When many start at once, all wait, and
+    // the usual ten a second from each would take the processor time that the acknowledgements need.
+    if (staysOnHost(network)) {
+        xml << "<HeartbeatInterval>1s</HeartbeatInterval>";
+    }
+    xml << "</Internal>";
     if (!security.empty()) {
         const auto file = [&](const char* element, const char* fileName) {
             xml << '<' << element << ">file:" << escapeXml(security) << '/' << fileName << "</" << element

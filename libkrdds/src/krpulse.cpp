@@ -26,15 +26,16 @@ std::string getOwnHostName() {
     return uname(&names) == 0 ? names.nodename : "";
 }
 
-/// Whether the process has ended, its parent may not have noticed.
-bool hasEnded(pid_t process) {
+/// State of a process as ps(1) has it: 'T' if it is stopped, 'Z' if it has ended and its parent has not noticed; 0 if it is
+/// not there.
+char getState(pid_t process) {
     std::ifstream file("/proc/" + std::to_string(process) + "/stat");
     std::string line;
     if (!std::getline(file, line)) {
-        return true;
+        return 0;
     }
     const auto afterName = line.rfind(") ");
-    return afterName != std::string::npos && (line[afterName + 2] == 'Z' || line[afterName + 2] == 'X');
+    return afterName == std::string::npos || afterName + 2 >= line.size() ? '?' : line[afterName + 2];
 }
 
 } // namespace
@@ -91,7 +92,14 @@ public:
     std::uint64_t read() const noexcept {
         return static_cast<const std::atomic<std::uint64_t>*>(memory_)->load(std::memory_order_relaxed);
     }
-    bool isOver() const { return hasEnded(process_); }
+    bool isOver() const {
+        const char state = getState(process_);
+        return state == 0 || state == 'Z' || state == 'X';
+    }
+    bool isStopped() const {
+        const char state = getState(process_);
+        return state == 'T' || state == 't';
+    }
 
 private:
     View(void* memory, pid_t process) : memory_(memory), process_(process) {}
@@ -134,6 +142,7 @@ void KRPulses::keep(const std::function<bool(const std::string& id)>& isWanted) 
 
 std::vector<std::string> KRPulses::findSilent(int looks, std::chrono::milliseconds time) {
     constexpr int kSuspicious = 2; // looks without a pulse
+    constexpr int kPatience = 10;  // with a process that may be waiting for a processor
     std::vector<std::string> silent;
     const auto now = std::chrono::steady_clock::now();
     for (auto& [id, watched] : watched_) {
@@ -148,8 +157,13 @@ std::vector<std::string> KRPulses::findSilent(int looks, std::chrono::millisecon
             continue;
         }
         ++watched.missed;
-        if ((watched.missed >= looks && now - watched.since >= time) ||
-            (watched.missed >= kSuspicious && watched.view->isOver())) {
+        if (watched.missed < kSuspicious) {
+            continue;
+        }
+        const auto silence = now - watched.since;
+        const bool isLate = watched.missed >= looks && silence >= time;
+        if (watched.view->isOver() ||
+            (isLate && (silence >= kPatience * time || watched.view->isStopped()))) {
             silent.push_back(id);
         }
     }

@@ -42,7 +42,8 @@ public:
     void watch(const std::string& id, const std::string& host, pid_t process);
     /// Forgets all others.
     void keep(const std::function<bool(const std::string& id)>& isWanted);
-    /// Looks at all. \return who has ended, or had no pulse the last `looks` times and for that long
+    /// Looks at all. \return who has ended, or had no pulse the last `looks` times and for that long; ten times as long if
+    /// the process is not stopped, for a busy machine may have no time for it
     std::vector<std::string> findSilent(int looks, std::chrono::milliseconds time);
 
 private:
