@@ -93,8 +93,7 @@ void printError(const std::string& text) {
 }
 
 ExitCode runCommandLine(int argc, const char* const* argv) {
-    CLI::App app("Run perception modules of robots, inspect them, and work on their images and recordings",
-                 "kr");
+    CLI::App app("", "kr");
     std::function<ExitCode()> chosen;
     ExitCode code;
     try {

@@ -1,0 +1,13 @@
+# Writes the templates of kr new as a source file: cmake -DTEMPLATES=FOLDER -DOUT=FILE -P embed.cmake
+file(GLOB_RECURSE paths RELATIVE ${TEMPLATES} ${TEMPLATES}/*.in)
+list(SORT paths)
+set(source "#include \"new/templates.hpp\"\n\nnamespace KR::tool {\n\nconst std::vector<Template>& getTemplates() {\n")
+string(APPEND source "    static const std::vector<Template> templates = {\n")
+foreach(path IN LISTS paths)
+    file(READ ${TEMPLATES}/${path} text)
+    string(REGEX REPLACE "\\.in$" "" path ${path})
+    string(REPLACE "dot-" "." path ${path})
+    string(APPEND source "        {\"${path}\", R\"template(${text})template\"},\n")
+endforeach()
+string(APPEND source "    };\n    return templates;\n}\n\n} // namespace KR::tool\n")
+file(WRITE ${OUT} "${source}")

@@ -1,0 +1,92 @@
+// The projects that kr new writes, built outside the tree against an installed KRVision.
+
+#include "temporaryfolder.hpp"
+
+#include <string>
+
+namespace {
+
+/// KRVision installed in a folder, and projects beside it.
+class Installation {
+public:
+    static const Installation& get() {
+        static const Installation installation;
+        return installation;
+    }
+    std::string path(const std::string& name) const { return folder_.path(name); }
+
+private:
+    Installation();
+
+    const KR::test::TemporaryFolder folder_;
+};
+
+} // namespace
+
+#define KR_PROGRAM Installation::get().path("prefix/bin/kr")
+
+#include "krsystem.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+namespace {
+
+using namespace KR::test;
+using testing::HasSubstr;
+
+/// \return exit code and everything that the command wrote
+Outcome run(std::vector<std::string> command) {
+    const detail::File out = detail::makeTemporaryFile();
+    const pid_t process = start(std::move(command), ::fileno(out.get()), ::fileno(out.get()));
+    int status = 0;
+    ::waitpid(process, &status, 0);
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, detail::readFromStart(out.get()), ""};
+}
+
+Installation::Installation() {
+    const Outcome installed = run({KR_CMAKE, "--install", KR_BUILD, "--prefix", path("prefix")});
+    if (installed.exitCode != 0) {
+        throw std::runtime_error(installed.out);
+    }
+    std::filesystem::current_path(path(""));
+}
+
+class KrNewProject : public KrSystem {
+protected:
+    /// Writes the project, builds it and runs its tests, as somebody does who reads its README.
+    void make(const std::string& name, const std::vector<std::string>& options = {}) const {
+        std::vector<std::string> arguments{"new", name};
+        arguments.insert(arguments.end(), options.begin(), options.end());
+        ASSERT_EQ(kr(arguments).exitCode, 0);
+        const Outcome tested =
+            run({path(name + "/.ci/test"), "-DCMAKE_PREFIX_PATH=" + path("prefix"), "-DCMAKE_BUILD_TYPE=Debug",
+                 "-DCMAKE_CXX_FLAGS=-Werror", "-DCMAKE_CXX_COMPILER=" KR_CXX});
+        ASSERT_EQ(tested.exitCode, 0) << tested.out;
+        ASSERT_THAT(tested.out, HasSubstr("100% tests passed"));
+    }
+    static std::string path(const std::string& name) { return Installation::get().path(name); }
+};
+
+TEST_F(KrNewProject, AnExtractorBuildsPassesItsTestsAndRuns) {
+    ASSERT_NO_FATAL_FAILURE(make("red-ball"));
+    const RunningProgram serving = serve({"--camera", "0=test:smpte"});
+    RunningProgram running(onDomain({"run", path("red-ball/build/red-ball.so"), "--subscribe", "RedBall"}),
+                           "module RedBall runs");
+    ASSERT_TRUE(running.isUp()) << running.readErr();
+    EXPECT_THAT(krOnDomain({"memory", "watch", "RedBall/", "--count", "1", "--seconds", "30"}).out,
+                HasSubstr("RedBall/Brightness"));
+    EXPECT_EQ(running.stop().exitCode, 0);
+}
+
+TEST_F(KrNewProject, AModuleBuildsPassesItsTestAndRuns) {
+    ASSERT_NO_FATAL_FAILURE(make("counter", {"--module"}));
+    RunningProgram running(onDomain({"run", path("counter/build/counter.so")}), "module Counter runs");
+    ASSERT_TRUE(running.isUp()) << running.readErr();
+    EXPECT_EQ(krOnDomain({"call", "Counter", "count", "3"}).out, "3\n");
+    EXPECT_EQ(running.stop().exitCode, 0);
+}
+
+} // namespace
