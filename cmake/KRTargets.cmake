@@ -131,3 +131,22 @@ function(kr_add_install_test)
                 -DLIBDIR=${CMAKE_INSTALL_LIBDIR}
                 -P ${PROJECT_SOURCE_DIR}/cmake/consumer/run.cmake)
 endfunction()
+
+# What each library exports is what the lists in abi/ say. Types are read from debug information, which takes seconds.
+function(kr_add_interface_tests)
+    find_program(KR_ABIDW abidw)
+    find_program(KR_PYTHON3 python3)
+    if(NOT CMAKE_BUILD_TYPE STREQUAL Debug OR KR_SANITIZE OR NOT CMAKE_CXX_COMPILER_ID STREQUAL GNU OR NOT KR_ABIDW OR
+       NOT KR_PYTHON3)
+        return()
+    endif()
+    file(GLOB lists RELATIVE ${PROJECT_SOURCE_DIR}/abi ${PROJECT_SOURCE_DIR}/abi/*.txt)
+    foreach(list IN LISTS lists)
+        cmake_path(GET list STEM library)
+        string(REGEX REPLACE "^lib" "" target ${library})
+        if(TARGET ${target})
+            add_test(NAME InterfaceIsTheListedOne.${library}
+                COMMAND ${KR_PYTHON3} ${PROJECT_SOURCE_DIR}/scripts/abi --build ${PROJECT_BINARY_DIR} ${library})
+        endif()
+    endforeach()
+endfunction()
