@@ -1,7 +1,7 @@
 // kr manual: called when manual pages and the reference are built
 
-#include "tool/command.hpp"
 #include "tool/manual.hpp"
+#include "tool/command.hpp"
 
 #include <cstdio>
 #include <filesystem>

@@ -29,10 +29,10 @@ bool isDigit(char c) {
 // Words that no file of Python code can be called if it is to be imported, and packages that the project itself imports.
 bool isTakenInPython(const std::string& name) {
     constexpr std::array<std::string_view, 40> kTaken = {
-        "and",   "as",     "assert",   "async",  "await", "break",  "class", "continue", "def",  "del",
-        "elif",  "else",   "except",   "finally", "for",  "from",   "global", "if",      "import", "in",
-        "is",    "lambda", "nonlocal", "not",    "or",    "pass",   "raise", "return",   "try",  "while",
-        "with",  "yield",  "True", "False", "None", "krvision", "numpy",  "pytest", "test",  "site"};
+        "and",  "as",     "assert",   "async",   "await", "break",    "class",  "continue", "def",    "del",
+        "elif", "else",   "except",   "finally", "for",   "from",     "global", "if",       "import", "in",
+        "is",   "lambda", "nonlocal", "not",     "or",    "pass",     "raise",  "return",   "try",    "while",
+        "with", "yield",  "True",     "False",   "None",  "krvision", "numpy",  "pytest",   "test",   "site"};
     return std::ranges::find(kTaken, name) != kTaken.end();
 }
 
@@ -80,8 +80,7 @@ ProjectNames makeProjectNames(const std::string& name, bool isPython) {
     bool isFirst = true; // letter of a word
     for (const char c : name) {
         if (c != '-' && c != '_') {
-            names.className +=
-                isFirst ? static_cast<char>(std::toupper(static_cast<unsigned char>(c))) : c;
+            names.className += isFirst ? static_cast<char>(std::toupper(static_cast<unsigned char>(c))) : c;
         }
         isFirst = c == '-' || c == '_';
     }

@@ -29,24 +29,26 @@ protected:
 
 TEST_F(KrManual, HasAPageForEachVerbWithTheTextsOfItsHelp) {
     ASSERT_EQ(exitCode_, 0);
-    EXPECT_THAT(read("kr.1"), AllOf(HasSubstr(".B kr image\n"),
-                                    HasSubstr("Exit codes: 0 done")));
+    EXPECT_THAT(read("kr.1"), AllOf(HasSubstr(".B kr image\n"), HasSubstr("Exit codes: 0 done")));
     const std::string page = read("kr-image-convert.1");
     const std::string help = kr({"image", "convert", "--help"}).out;
-    EXPECT_THAT(page, AllOf(HasSubstr("kr\\-image\\-convert \\- Convert an image file to a picture, or back"),
-                            HasSubstr("\\-\\-color\\-space"), HasSubstr(".SH EXAMPLES\n.nf\nkr image convert")));
+    EXPECT_THAT(page,
+                AllOf(HasSubstr("kr\\-image\\-convert \\- Convert an image file to a picture, or back"),
+                      HasSubstr("\\-\\-color\\-space"), HasSubstr(".SH EXAMPLES\n.nf\nkr image convert")));
     EXPECT_THAT(help, HasSubstr("Convert an image file to a picture, or back"));
 }
 
 TEST_F(KrManual, LeavesHiddenVerbsOut) {
     EXPECT_FALSE(std::filesystem::exists(folder_.path("man/kr-complete.1")));
-    EXPECT_THAT(kr({"manual", "table"}).out, AllOf(HasSubstr("kr completion"), Not(HasSubstr("kr complete "))));
+    EXPECT_THAT(kr({"manual", "table"}).out,
+                AllOf(HasSubstr("kr completion"), Not(HasSubstr("kr complete "))));
 }
 
 #ifdef KR_VERBS_FILE
 TEST_F(KrManual, TheDocumentationListsTheVerbsOfThisProgram) {
     const Bytes bytes = readAll(KR_VERBS_FILE);
-    EXPECT_THAT(std::string(bytes.begin(), bytes.end()), HasSubstr("\n\n" + kr({"manual", "table"}).out + "\n"))
+    EXPECT_THAT(std::string(bytes.begin(), bytes.end()),
+                HasSubstr("\n\n" + kr({"manual", "table"}).out + "\n"))
         << "scripts/docs --update writes them";
 }
 #endif
@@ -61,8 +63,8 @@ TEST_F(KrManual, NoLineOfAPageIsTakenForACommandOfTheFormatter) {
                 continue;
             }
             if (line.starts_with(".")) {
-                EXPECT_THAT(line.substr(0, 3), testing::AnyOf(".TH", ".SH", ".TP", ".B ", ".BR", ".PP", ".nf",
-                                                              ".fi", ".br"))
+                EXPECT_THAT(line.substr(0, 3),
+                            testing::AnyOf(".TH", ".SH", ".TP", ".B ", ".BR", ".PP", ".nf", ".fi", ".br"))
                     << entry.path() << ": " << line;
             }
             EXPECT_FALSE(line.starts_with("'")) << entry.path() << ": " << line;

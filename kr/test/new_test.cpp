@@ -41,7 +41,8 @@ TEST_F(KrNew, FillsInTheNamesEverywhere) {
         if (entry.is_regular_file()) {
             ++files;
             const Bytes bytes = readAll(entry.path());
-            EXPECT_THAT(std::string(bytes.begin(), bytes.end()), Not(testing::ContainsRegex("@[A-Za-z]+@"))) << entry.path();
+            EXPECT_THAT(std::string(bytes.begin(), bytes.end()), Not(testing::ContainsRegex("@[A-Za-z]+@")))
+                << entry.path();
         }
     }
     EXPECT_EQ(files, 7);

@@ -62,8 +62,8 @@ protected:
         arguments.insert(arguments.end(), options.begin(), options.end());
         ASSERT_EQ(kr(arguments).exitCode, 0);
         const Outcome tested =
-            run({path(name + "/.ci/test"), "-DCMAKE_PREFIX_PATH=" + path("prefix"), "-DCMAKE_BUILD_TYPE=Debug",
-                 "-DCMAKE_CXX_FLAGS=-Werror", "-DCMAKE_CXX_COMPILER=" KR_CXX});
+            run({path(name + "/.ci/test"), "-DCMAKE_PREFIX_PATH=" + path("prefix"),
+                 "-DCMAKE_BUILD_TYPE=Debug", "-DCMAKE_CXX_FLAGS=-Werror", "-DCMAKE_CXX_COMPILER=" KR_CXX});
         ASSERT_EQ(tested.exitCode, 0) << tested.out;
         ASSERT_THAT(tested.out, HasSubstr("100% tests passed"));
     }

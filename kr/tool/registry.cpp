@@ -47,7 +47,8 @@ GroupRegistration::GroupRegistration(std::string group, std::string summary) {
 }
 
 void declareAll(CLI::App& app, std::function<ExitCode()>& chosen, ValueCompleters& completers) {
-    app.description("Run perception modules of robots, inspect them, and work on their images and recordings");
+    app.description(
+        "Run perception modules of robots, inspect them, and work on their images and recordings");
     app.require_subcommand(1);
     app.set_help_flag("-h,--help", "this text");
     app.set_version_flag("--version", "kr " KR_VERSION, "version of KRVision");
