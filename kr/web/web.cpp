@@ -5,7 +5,6 @@
 #include "tool/interruption.hpp"
 #include "web/weboptions.hpp"
 
-#include <krplatform/krlog.hpp>
 #include <krweb/krweb.hpp>
 
 #include <chrono>
@@ -33,7 +32,6 @@ struct Options {
 ExitCode serveWeb(const Options& options) {
     Interruption interruption;
     std::signal(SIGPIPE, SIG_IGN);
-    setLogLevel(KRLogLevel::Info);
     const auto broker = options.domain.connect();
     auto server = options.web.start(broker, options.domain.getUrl());
     while (!interruption.waitFor(std::chrono::hours(1))) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "krwebmessages.hpp"
+#include "krwebmethods.hpp"
 #include "krwebsystem.hpp"
 
 #include <krplatform/krbroker.hpp>
@@ -18,21 +19,6 @@
 #include <vector>
 
 namespace KR::web {
-
-/// JSON schemas of what a method takes, an object with the names of its arguments, and of what it returns. Overloads share
-/// one. Reentrant.
-Json makeRequestSchema(const std::vector<KRMethodDescription>& methods, const std::string& method);
-Json makeResponseSchema(const std::vector<KRMethodDescription>& methods, const std::string& method);
-
-/// What a method is called with.
-struct MethodCall {
-    const KRMethodDescription* method = nullptr; ///< the overload
-    std::vector<KRValue> arguments;
-};
-/// The overload that has the names of the request as arguments. \throws std::invalid_argument no JSON object; there is none,
-/// the text lists those that there are; an argument has no value
-MethodCall readRequest(const std::vector<KRMethodDescription>& methods, const std::string& method,
-                       std::string_view request);
 
 /// Calls modules for clients, on threads of its own. Answers come there; they must not throw. Thread-safe.
 class Calls {

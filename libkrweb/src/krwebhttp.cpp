@@ -57,7 +57,7 @@ private:
         parser_.emplace();
         parser_->header_limit(kMaxHeader);
         parser_->body_limit(kMaxBody);
-        stream_.expires_after(Connections::kPatience); // for the whole of it
+        stream_.expires_after(connections_.getPatience()); // for the whole of it
         http::async_read(
             stream_, buffer_, *parser_,
             [self = shared_from_this()](beast::error_code error, std::size_t) { self->handleRead(error); });
@@ -182,7 +182,7 @@ private:
         }
         response_.emplace(std::move(response));
         serializer_.emplace(*response_);
-        stream_.expires_after(Connections::kPatience);
+        stream_.expires_after(connections_.getPatience());
         const auto sent = [self = shared_from_this()](beast::error_code error, std::size_t) {
             self->serializer_.reset();
             self->response_.reset();
@@ -294,7 +294,7 @@ private:
         tail_ = std::string("\r\n--") + kBoundary; // so that a client knows the end without the next part
         const std::array<asio::const_buffer, 3> pieces = {
             asio::buffer(head_), asio::buffer(jpeg.data(), jpeg.size()), asio::buffer(tail_)};
-        stream_.expires_after(Connections::kPatience);
+        stream_.expires_after(connections_.getPatience());
         asio::async_write(stream_, pieces, [self = shared_from_this()](beast::error_code error, std::size_t) {
             self->isWriting_ = false;
             self->part_.reset();

@@ -1,11 +1,13 @@
 #include "krwebhub.hpp"
 
 #include "krwebcalls.hpp"
+#include "krwebrequest.hpp"
 
 #include <krinterop/krannotationsmessage.hpp>
 #include <krinterop/krimagemessage.hpp>
 #include <krinterop/krmcaptopics.hpp>
 #include <krplatform/krlog.hpp>
+#include <krplatform/krtext.hpp>
 
 #include <algorithm>
 #include <chrono>
@@ -19,6 +21,9 @@ namespace {
 
 constexpr std::size_t kMaxLogLines = 100;
 constexpr std::string_view kAnnotationsSuffix = "/Annotations";
+// Parameters of a client's pictures, behind the topic.
+constexpr const char* kResolutionSuffix = "/resolution";
+constexpr const char* kColorSpaceSuffix = "/color-space";
 
 std::uint64_t getTime_ns() {
     return static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(
@@ -73,7 +78,7 @@ Hub::~Hub() = default;
 
 void Hub::close() {
     for (auto& [id, channel] : channels_) {
-        channel.viewing.reset();
+        channel.viewings.clear();
         channel.subscribers.clear();
     }
     clients_.clear();
@@ -183,25 +188,11 @@ void Hub::subscribe(Client& client, const Subscribe& message) {
                            std::to_string(kMaxSubscriptions));
             continue;
         }
-        if (channel.kind == Kind::Image && !channel.viewing) {
-            const auto slot = std::make_shared<PictureSlot>();
-            channel.viewing = pictures_.view(
-                {.camera = channel.camera}, [this, slot, channelId](const SharedPicture& picture) {
-                    const KRLock lock(slot->mutex);
-                    slot->newest = picture;
-                    if (!slot->isPosted) {
-                        slot->isPosted = true;
-                        post_([this, slot, channelId] { showPicture(channelId, slot); });
-                    }
-                });
-            if (!channel.viewing) {
-                sendStatus(client, StatusLevel::Error, "too many different pictures are being looked at");
-                continue;
-            }
-        }
         state.subscriptions.emplace(id, channelId);
         channel.subscribers.emplace(&client, id);
-        if (channel.kind == Kind::Log) {
+        if (channel.kind == Kind::Image) {
+            updateViewings(channelId);
+        } else if (channel.kind == Kind::Log) {
             for (const Bytes& line : log_) {
                 client.sendEach(id, channel.lastTime_ns, line);
             }
@@ -232,8 +223,44 @@ void Hub::leave(Client& client, std::uint32_t subscription) {
     if (channel != channels_.end()) {
         channel->second.subscribers.erase(&client);
         if (channel->second.subscribers.empty()) {
-            channel->second.viewing.reset();
             channel->second.last.reset();
+        }
+        updateViewings(channel->first);
+    }
+}
+
+const PictureRequest& Hub::getPicture(Client& client, int camera) {
+    return clients_.at(&client).pictures.try_emplace(camera, PictureRequest{.camera = camera}).first->second;
+}
+
+void Hub::updateViewings(std::uint32_t id) {
+    Channel& channel = channels_.at(id);
+    if (channel.kind != Kind::Image) {
+        return;
+    }
+    std::set<PictureRequest> wanted;
+    for (const auto& [client, subscription] : channel.subscribers) {
+        wanted.insert(getPicture(*client, channel.camera));
+    }
+    std::erase_if(channel.viewings, [&](const auto& viewing) { return !wanted.contains(viewing.first); });
+    for (const PictureRequest& request : wanted) {
+        if (channel.viewings.contains(request)) {
+            continue;
+        }
+        const auto slot = std::make_shared<PictureSlot>();
+        auto viewing = pictures_.view(request, [this, slot, id, request](const SharedPicture& picture) {
+            const KRLock lock(slot->mutex);
+            slot->newest = picture;
+            if (!slot->isPosted) {
+                slot->isPosted = true;
+                post_([this, slot, id, request] { showPicture(id, request, slot); });
+            }
+        });
+        if (viewing) {
+            channel.viewings.emplace(request, std::move(viewing));
+        } else {
+            logWarning("krweb", "too many different pictures are being looked at, at most " +
+                                    std::to_string(Pictures::kMaxFeeds));
         }
     }
 }
@@ -260,13 +287,65 @@ void Hub::subscribeParameters(Client& client, const SubscribeParameters& message
     updateInterest();
 }
 
+Hub::Values Hub::getPictureValues(Client& client, const std::set<std::string>& names) {
+    Values values;
+    for (const auto& [id, channel] : channels_) {
+        if (channel.kind != Kind::Image) {
+            continue;
+        }
+        const PictureRequest& picture = getPicture(client, channel.camera);
+        for (const auto& [suffix, value] :
+             {std::pair(kResolutionSuffix, getResolutionName(picture.resolution)),
+              {kColorSpaceSuffix, getColorSpaceName(picture.colorSpace)}}) {
+            const std::string name = channel.info.topic + suffix;
+            if (names.empty() || names.contains(name)) {
+                values.emplace_back(name, value);
+            }
+        }
+    }
+    return values;
+}
+
+// \return false: it is no parameter of pictures \throws BadRequest a wrong value
+bool Hub::setPicture(Client& client, const std::string& name, const Json& value) {
+    const bool isResolution = name.ends_with(kResolutionSuffix);
+    if (!isResolution && !name.ends_with(kColorSpaceSuffix)) {
+        return false;
+    }
+    const std::size_t suffix = name.rfind('/');
+    const auto topic = topics_.find(name.substr(0, suffix));
+    if (topic == topics_.end() || channels_.at(topic->second).kind != Kind::Image) {
+        return false;
+    }
+    if (!value.is_string()) {
+        throw BadRequest("its value is a text, such as " + std::string(isResolution ? "640x480" : "yuv422"));
+    }
+    const int camera = channels_.at(topic->second).camera;
+    PictureRequest changed = getPicture(client, camera);
+    if (isResolution) {
+        changed.resolution = parseResolution(value.get<std::string>());
+    } else {
+        changed.colorSpace = parseColorSpace(value.get<std::string>());
+    }
+    clients_.at(&client).pictures[camera] = changed;
+    updateViewings(topic->second);
+    return true;
+}
+
+bool Hub::hasParameter(const ClientState& state, const std::string& name) {
+    return state.hasAllParameters || state.parameters.contains(name);
+}
+
 void Hub::getParameters(Client& client, const GetParameters& message) {
     const bool isAccepted = calls_->useParameters(
         {}, message.names,
-        [this, to = &client, number = clientNumbers_.at(&client), id = message.id](Calls::Parameters answer) {
-            post_([this, to, number, id, answer = std::move(answer)] {
+        [this, to = &client, number = clientNumbers_.at(&client), message](Calls::Parameters answer) {
+            post_([this, to, number, message, answer = std::move(answer)] {
                 if (isConnected(to, number)) {
-                    to->sendText(share(encodeParameterValues(toJsonValues(answer.values), id)));
+                    Values values = toJsonValues(answer.values);
+                    const Values own = getPictureValues(*to, {message.names.begin(), message.names.end()});
+                    values.insert(values.end(), own.begin(), own.end());
+                    to->sendText(share(encodeParameterValues(values, message.id)));
                 }
             });
         });
@@ -276,15 +355,36 @@ void Hub::getParameters(Client& client, const GetParameters& message) {
 }
 
 void Hub::setParameters(Client& client, const SetParameters& message) {
+    std::set<std::string> own; // of this client's pictures
+    Values others;
+    for (const auto& [name, value] : message.values) {
+        try {
+            if (setPicture(client, name, value)) {
+                own.insert(name);
+            } else {
+                others.emplace_back(name, value);
+            }
+        } catch (const BadRequest& error) {
+            own.insert(name);
+            sendStatus(client, StatusLevel::Error, escapeText(name, 200) + ": " + error.what());
+        }
+    }
+    const Values ownValues = own.empty() ? Values() : getPictureValues(client, own);
+    const bool isHeard = message.id || std::ranges::any_of(own, [&](const std::string& name) {
+                             return hasParameter(clients_.at(&client), name);
+                         });
+    if (!ownValues.empty() && isHeard) {
+        client.sendText(share(encodeParameterValues(ownValues, others.empty() ? message.id : std::nullopt)));
+    }
+    if (others.empty()) {
+        return;
+    }
     if (readOnly_) {
         sendStatus(client, StatusLevel::Error, "this server is read-only: parameters cannot be set");
         return;
     }
-    if (message.values.empty()) {
-        return;
-    }
     const bool isAccepted = calls_->useParameters(
-        message.values, {},
+        std::move(others), {},
         [this, to = &client, number = clientNumbers_.at(&client), id = message.id](Calls::Parameters answer) {
             post_([this, to, number, id, answer = std::move(answer)] {
                 if (isConnected(to, number)) {
@@ -306,11 +406,7 @@ void Hub::setParameters(Client& client, const SetParameters& message) {
 void Hub::showParameters(const std::map<std::string, int>& values) {
     for (auto& [client, state] : clients_) {
         std::map<std::string, int> wanted = values;
-        if (!state.hasAllParameters) {
-            std::erase_if(wanted, [&names = state.parameters](const auto& value) {
-                return !names.contains(value.first);
-            });
-        }
+        std::erase_if(wanted, [&of = state](const auto& value) { return !hasParameter(of, value.first); });
         if (!wanted.empty()) {
             client->sendText(share(encodeParameterValues(toJsonValues(wanted), std::nullopt)));
         }
@@ -501,7 +597,8 @@ void Hub::broadcast(std::string message) {
     }
 }
 
-void Hub::showPicture(std::uint32_t id, const std::shared_ptr<PictureSlot>& slot) {
+void Hub::showPicture(std::uint32_t id, const PictureRequest& request,
+                      const std::shared_ptr<PictureSlot>& slot) {
     SharedPicture picture;
     {
         const KRLock lock(slot->mutex);
@@ -509,9 +606,14 @@ void Hub::showPicture(std::uint32_t id, const std::shared_ptr<PictureSlot>& slot
         slot->isPosted = false;
     }
     const auto channel = channels_.find(id);
-    if (channel != channels_.end() && picture && picture->failure.empty()) {
-        publish(channel->second, static_cast<std::uint64_t>(picture->timeStamp) * 1000,
-                Bytes(picture, &picture->message));
+    if (channel == channels_.end() || !picture || !picture->failure.empty()) {
+        return;
+    }
+    for (const auto& [client, subscription] : channel->second.subscribers) {
+        if (getPicture(*client, channel->second.camera) == request) {
+            client->sendNewest(subscription, static_cast<std::uint64_t>(picture->timeStamp) * 1000,
+                               Bytes(picture, &picture->message));
+        }
     }
 }
 

@@ -60,12 +60,13 @@ private:
         std::string name; // of the key or event
         int camera = -1;
         std::map<Client*, std::uint32_t> subscribers; // with their number of the subscription
-        std::unique_ptr<Pictures::Viewing> viewing;
+        std::map<PictureRequest, std::unique_ptr<Pictures::Viewing>> viewings; // what subscribers want to see
         Bytes last; // payload, while somebody is subscribed
         std::uint64_t lastTime_ns = 0;
     };
     struct ClientState {
         std::map<std::uint32_t, std::uint32_t> subscriptions; // channel by number of the subscription
+        std::map<int, PictureRequest> pictures;               // by camera; the default without
         bool hasAllParameters = false;
         std::set<std::string> parameters; // subscribed to
         std::uint64_t lost = 0;
@@ -89,7 +90,14 @@ private:
     void setDirectory(const Directory& directory);
     void updateServices(const Directory& directory);
     ChannelInfo describeChannel(Kind kind, const std::string& topic) const;
-    void showPicture(std::uint32_t channel, const std::shared_ptr<PictureSlot>& slot);
+    const PictureRequest& getPicture(Client& client, int camera);
+    void updateViewings(std::uint32_t channel);
+    void showPicture(std::uint32_t channel, const PictureRequest& request,
+                     const std::shared_ptr<PictureSlot>& slot);
+    using Values = std::vector<std::pair<std::string, Json>>;
+    Values getPictureValues(Client& client, const std::set<std::string>& names);
+    bool setPicture(Client& client, const std::string& name, const Json& value);
+    static bool hasParameter(const ClientState& state, const std::string& name);
     void showValue(const MemoryMessage& message);
     void showLast(Kind kind, const Bytes& payload);
     void showParameters(const std::map<std::string, int>& values);

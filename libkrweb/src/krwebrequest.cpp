@@ -50,13 +50,12 @@ std::optional<int> readNumber(std::string_view text, int least, int greatest) {
     return isNumber && number >= least && number <= greatest ? std::optional(number) : std::nullopt;
 }
 
-int readResolution(const std::string& text) {
+} // namespace
+
+int parseResolution(const std::string& text) {
     std::string sizes;
     for (int code = 0; code <= kLastResolution; ++code) {
-        int width = 0;
-        int height = 0;
-        setSizeFromResolution(code, width, height);
-        const std::string size = std::to_string(width) + "x" + std::to_string(height);
+        const std::string size = getResolutionName(code);
         if (size == text) {
             return code;
         }
@@ -65,7 +64,7 @@ int readResolution(const std::string& text) {
     throw BadRequest("resolution=" + escapeText(text, 40) + ": sizes are " + sizes);
 }
 
-int readColorSpace(std::string text) {
+int parseColorSpace(std::string text) {
     std::ranges::transform(text, text.begin(),
                            [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; });
     const auto found = std::ranges::find(kColorSpaces, text, &ColorSpaceName::name);
@@ -76,7 +75,17 @@ int readColorSpace(std::string text) {
     return found->code;
 }
 
-} // namespace
+std::string getResolutionName(int resolution) {
+    int width = 0;
+    int height = 0;
+    setSizeFromResolution(resolution, width, height);
+    return std::to_string(width) + "x" + std::to_string(height);
+}
+
+std::string getColorSpaceName(int colorSpace) {
+    const auto found = std::ranges::find(kColorSpaces, colorSpace, &ColorSpaceName::code);
+    return found == kColorSpaces.end() ? std::to_string(colorSpace) : std::string(found->name);
+}
 
 Target parseTarget(std::string_view text) {
     Target target;
@@ -117,9 +126,9 @@ std::optional<PictureTarget> findPicture(const Target& target) {
     found.isStream = extension == ".mjpeg";
     for (const auto& [parameter, value] : target.query) {
         if (parameter == "resolution") {
-            found.picture.resolution = readResolution(value);
+            found.picture.resolution = parseResolution(value);
         } else if (parameter == "color-space") {
-            found.picture.colorSpace = readColorSpace(value);
+            found.picture.colorSpace = parseColorSpace(value);
         } else if (parameter == "quality") {
             const std::optional<int> quality = readNumber(value, 1, 100);
             if (!quality) {

@@ -25,6 +25,15 @@ public:
 /// \throws BadRequest a malformed escape such as "%zz"
 Target parseTarget(std::string_view target);
 
+/// \name Codes and their names: "640x480", "yuv422"
+/// \throws BadRequest no such name; the text lists those that there are
+///@{
+int parseResolution(const std::string& text);
+int parseColorSpace(std::string text);
+std::string getResolutionName(int resolution);
+std::string getColorSpaceName(int colorSpace);
+///@}
+
 /// What a request for a picture asks for.
 struct PictureTarget {
     PictureRequest picture;

@@ -7,13 +7,11 @@
 #include <krplatform/krtext.hpp>
 #include <krplatform/krthread.hpp>
 
-#include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/address.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
-#include <boost/asio/write.hpp>
 
 #include <array>
 #include <stdexcept>
@@ -63,7 +61,7 @@ public:
         hub_ = std::make_unique<web::Hub>(
             std::move(broker), options.domain, makeModuleName(port_), options.readOnly,
             [this](std::function<void()> function) { asio::post(context_, std::move(function)); });
-        connections_ = std::make_unique<web::Connections>(*hub_, access_);
+        connections_ = std::make_unique<web::Connections>(*hub_, access_, options.patience);
         log_ = std::make_unique<KRLogListener>([hub = hub_.get()](const KRLogRecord& record) {
             if (record.category == "krweb") {
                 const auto time =

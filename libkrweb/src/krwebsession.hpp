@@ -31,12 +31,13 @@ public:
 class Connections {
 public:
     static constexpr std::size_t kMax = 256;
-    /// For a request to come, and for a client to read what it is sent.
-    static constexpr std::chrono::seconds kPatience{10};
 
-    Connections(Hub& hub, Access access) : hub_(hub), access_(std::move(access)) {}
+    Connections(Hub& hub, Access access, std::chrono::milliseconds patience)
+        : hub_(hub), access_(std::move(access)), patience_(patience) {}
 
     Hub& getHub() noexcept { return hub_; }
+    /// For a request to come, and for a client to read what it is sent.
+    std::chrono::milliseconds getPatience() const noexcept { return patience_; }
     const Access& getAccess() const noexcept { return access_; }
     bool isFull() const noexcept { return all_.size() >= kMax; }
     void closeAll() {
@@ -71,6 +72,7 @@ public:
 private:
     Hub& hub_;
     const Access access_;
+    const std::chrono::milliseconds patience_;
     std::map<Connection*, std::weak_ptr<Connection>> all_;
 };
 

@@ -46,7 +46,7 @@ public:
     void start(const HttpRequest& request) {
         place_.emplace(connections_, this, weak_from_this());
         beast::get_lowest_layer(stream_).expires_never(); // the layer above has times of its own
-        stream_.set_option(websocket::stream_base::timeout{Connections::kPatience, kIdle, true});
+        stream_.set_option(websocket::stream_base::timeout{connections_.getPatience(), kIdle, true});
         const std::string protocol(findSubprotocol(request));
         stream_.set_option(websocket::stream_base::decorator([protocol](websocket::response_type& response) {
             response.set(beast::http::field::sec_websocket_protocol, protocol);
@@ -173,11 +173,12 @@ private:
                         encodeDataHeader(subscription, newest->second.time_ns), subscription, false};
             newest_.erase(newest);
         }
-        stall_.expires_after(Connections::kPatience);
+        stall_.expires_after(connections_.getPatience());
         stall_.async_wait([self = shared_from_this()](beast::error_code error) {
             // A wait that was over just before the write was has another one behind it.
             if (!error && self->isWriting_ && self->stall_.expiry() <= std::chrono::steady_clock::now()) {
-                self->drop("it did not read for " + std::to_string(Connections::kPatience.count()) + " s");
+                self->drop("it did not read for " + std::to_string(self->connections_.getPatience().count()) +
+                           " ms");
             }
         });
         stream_.text(writing_.isText);

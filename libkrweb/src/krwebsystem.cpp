@@ -209,6 +209,7 @@ void System::askCameras() {
                 controls.push_back({{"id", control.id},
                                     {"name", control.name},
                                     {"parameter", getControlName(camera.camera, control.name)},
+                                    {"type", control.minimum == 0 && control.maximum == 1 ? "bool" : "int"},
                                     {"min", control.minimum},
                                     {"max", control.maximum},
                                     {"step", control.step},

@@ -4,6 +4,7 @@
 
 #include <boost/smart_ptr/shared_ptr.hpp>
 
+#include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
@@ -27,6 +28,8 @@ struct KRWebOptions {
     bool readOnly = false;
     /// Pages of other servers whose scripts may connect, as browsers name them: "https://viewer.example".
     std::vector<std::string> allowedOrigins = {};
+    /// For a request to come to its end, and for a client to read what it is sent; then its connection ends.
+    std::chrono::milliseconds patience{10'000};
     /// Address of the broker, to be shown.
     std::string domain = {};
 };
