@@ -14,19 +14,23 @@ function toColor(color) {
 
 const isPlace = (point) => Number.isFinite(point?.x) && Number.isFinite(point?.y);
 
-/**
- * Draws a message into a canvas that lies over the picture.
- * `scale` is pixels of the canvas per pixel of the picture, `density` pixels of the canvas per pixel of the screen.
- */
-export function drawAnnotations(context, message, scale, density) {
+/** The server sends places in pixels of pictures of this size, whatever size is looked at. */
+const kWidth = 640;
+const kHeight = 480;
+
+/** Draws a message into a canvas that lies over the picture; `density` is its pixels per pixel of the screen. */
+export function drawAnnotations(context, message, density) {
+    const { width, height } = context.canvas;
+    const scale = width / kWidth; // of lengths
+    const place = ({ x, y }) => [(x * width) / kWidth, (y * height) / kHeight];
     for (const line of message.points ?? []) {
-        drawPoints(context, line, scale, density);
+        drawPoints(context, line, place, scale, density);
     }
     for (const circle of message.circles ?? []) {
-        drawCircle(context, circle, scale, density);
+        drawCircle(context, circle, place, scale, density);
     }
     for (const text of message.texts ?? []) {
-        drawText(context, text, scale, density);
+        drawText(context, text, place, scale, density);
     }
 }
 
@@ -40,8 +44,8 @@ function stroke(context, color, width) {
     context.stroke();
 }
 
-function drawPoints(context, { type, points = [], outline_color, fill_color, thickness = 1 }, scale, density) {
-    const places = points.filter(isPlace).map(({ x, y }) => [x * scale, y * scale]);
+function drawPoints(context, { type, points = [], outline_color, fill_color, thickness = 1 }, place, scale, density) {
+    const places = points.filter(isPlace).map(place);
     const width = Math.max(thickness * scale, 2 * density);
     const color = toColor(outline_color);
     if (type === kPoints) {
@@ -72,19 +76,19 @@ function drawPoints(context, { type, points = [], outline_color, fill_color, thi
     stroke(context, color, width);
 }
 
-function drawCircle(context, { position, diameter = 0, thickness = 1, fill_color, outline_color }, scale, density) {
+function drawCircle(context, { position, diameter = 0, thickness = 1, fill_color, outline_color }, place, scale, density) {
     if (!isPlace(position) || !(diameter > 0)) {
         return;
     }
     context.beginPath();
-    context.arc(position.x * scale, position.y * scale, (diameter / 2) * scale, 0, 2 * Math.PI);
+    context.arc(...place(position), (diameter / 2) * scale, 0, 2 * Math.PI);
     context.fillStyle = toColor(fill_color);
     context.fill();
     stroke(context, toColor(outline_color), Math.max(thickness * scale, 2 * density));
 }
 
 /** The position is the lower left corner of the text. What would leave the picture is moved into it. */
-function drawText(context, { position, text = "", font_size = 8, text_color, background_color }, scale, density) {
+function drawText(context, { position, text = "", font_size = 8, text_color, background_color }, place, scale, density) {
     if (!isPlace(position) || text === "") {
         return;
     }
@@ -95,8 +99,9 @@ function drawText(context, { position, text = "", font_size = 8, text_color, bac
     const width = context.measureText(text).width + 2 * margin;
     const height = size + margin;
     const clamp = (value, highest) => Math.max(0, Math.min(value, highest));
-    const left = clamp(position.x * scale, context.canvas.width - width);
-    const top = clamp(position.y * scale - height, context.canvas.height - height);
+    const [x, y] = place(position);
+    const left = clamp(x, context.canvas.width - width);
+    const top = clamp(y - height, context.canvas.height - height);
     context.fillStyle = toColor(background_color);
     context.beginPath();
     context.roundRect(left, top, width, height, size / 5);

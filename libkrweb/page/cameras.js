@@ -4,7 +4,7 @@ import { drawAnnotations } from "./annotations.js";
 import { ControlList } from "./controls.js";
 import { element, setEmptyNote, setOptions, setText, settings, syncList } from "./dom.js";
 import { readCompressedImage } from "./protocol.js";
-import { formatColorSpace, formatResolution, formatTenths } from "./vision.js";
+import { formatColorSpace, formatDuration, formatTenths } from "./vision.js";
 
 const kImageTopic = /^\/camera\/(\d+)\/image$/;
 const kAnnotationsSchema = "foxglove.ImageAnnotations";
@@ -95,7 +95,7 @@ class CameraView {
         this.statisticsTitle = element("summary");
         this.rows = element("ul", { class: "statistics" });
         this.statisticsPart = element("details", { open: true }, this.statisticsTitle, this.rows);
-        this.controls = new ControlList(this.client, this.number);
+        this.controls = new ControlList(this.client);
         this.element = element(
             "article",
             { class: "card camera", "data-camera": this.number },
@@ -208,7 +208,7 @@ class CameraView {
         for (const [topic, { message, time_ms }] of this.annotations) {
             const period = this.panel.extractors.find(topic.slice(1, -"/annotations".length))?.period ?? 0;
             if (message && performance.now() - time_ms < Math.max(kAnnotationsLast_ms, 3 * period)) {
-                drawAnnotations(context, message, width / picture.width, density);
+                drawAnnotations(context, message, density);
             }
         }
     }
@@ -227,8 +227,7 @@ class CameraView {
         setText(
             this.facts,
             [
-                camera.width > 0 ? `${camera.width}×${camera.height}` : undefined,
-                camera.colorSpace === undefined ? undefined : formatColorSpace(camera.colorSpace),
+                camera.width > 0 ? `delivers ${camera.width}×${camera.height}` : undefined,
                 rate === undefined ? undefined : `${formatTenths(rate)} pictures/s`,
             ]
                 .filter((fact) => fact !== undefined)
@@ -272,7 +271,7 @@ class CameraView {
         const annotators = this.listAnnotators();
         this.chipList.hidden = annotators.length === 0;
         syncList(this.chipList, this.chips, annotators, ({ module }) => module, ({ module }) => {
-            const chip = element("button", { class: "chip", onclick: () => this.toggleAnnotations(module) }, module);
+            const chip = element("button", { class: "chip", "data-module": module, onclick: () => this.toggleAnnotations(module) }, module);
             return { element: chip, update: ({ shown }) => chip.setAttribute("aria-pressed", shown) };
         });
     }
@@ -316,17 +315,12 @@ class StatisticsRow {
         );
     }
 
-    update({ name, resolution, colorSpace, delivered, missed, age, interval }) {
-        const durations = (each) => (each ? [each.median, each.p99, each.max].map(formatTenths).join(" / ") : "–");
-        const size = [
-            resolution === undefined ? "" : formatResolution(resolution),
-            colorSpace === undefined ? "" : formatColorSpace(colorSpace),
-        ];
+    update({ name, size, colorSpace, delivered, missed, age, interval }) {
+        const durations = (each) => (each ? [each.median, each.p99, each.max].map(formatDuration).join(" / ") : "–");
         setText(this.name, name);
-        setText(this.size, size.filter((part) => part !== "").join(" "));
+        setText(this.size, size === undefined ? "" : `${size.replace("x", "×")} ${formatColorSpace(colorSpace)}`);
         setText(this.delivered, String(delivered ?? "–"));
         setText(this.missed, String(missed ?? "–"));
-        this.missed.classList.toggle("warn", missed > 0);
         setText(this.age, durations(age));
         setText(this.interval, durations(interval));
     }

@@ -1,11 +1,10 @@
-// The controls of a camera: sliders, switches and menus. They are parameters of the server.
+// The controls of a camera: sliders and switches. They are parameters of the server.
 
-import { element, setField, setOptions, setText, syncList } from "./dom.js";
+import { element, setField, setText, syncList } from "./dom.js";
 
 export class ControlList {
-    constructor(client, camera) {
+    constructor(client) {
         this.client = client;
-        this.camera = camera;
         this.views = new Map();
         this.title = element("summary");
         this.fields = element("fieldset", { class: "controls" });
@@ -22,9 +21,8 @@ export class ControlList {
         const controls = this.controls ?? [];
         this.element.hidden = controls.length === 0;
         setText(this.title, `Controls (${controls.length})`);
-        const key = ({ id, type }) => `${id} ${type}`;
-        syncList(this.fields, this.views, controls, key, (control) => this.createControl(control));
-        if (this.client.connected && controls.some((control) => !this.client.parameters.has(this.nameOf(control))) && !this.asked) {
+        syncList(this.fields, this.views, controls, ({ id }) => id, (control) => this.createControl(control));
+        if (this.client.connected && controls.some((control) => !this.client.parameters.has(control.parameter)) && !this.asked) {
             this.asked = true; // a camera that came after the connection
             this.client.requestParameters();
             setTimeout(() => (this.asked = false), 3000);
@@ -35,26 +33,13 @@ export class ControlList {
         this.fields.disabled = readOnly;
     }
 
-    nameOf(control) {
-        return `/camera/${this.camera}/${control.name}`;
-    }
-
     valueOf(control) {
-        return this.client.parameters.get(this.nameOf(control)) ?? control.value ?? control.default ?? 0;
+        return this.client.parameters.get(control.parameter) ?? control.value;
     }
 
     createControl(control) {
-        const set = (value) => this.client.setParameter(this.nameOf(control), value);
-        switch (control.type) {
-            case "bool":
-                return this.createSwitch(control, set);
-            case "menu":
-                return this.createMenu(control, set);
-            case "button":
-                return { element: element("div", { class: "control" }, element("button", { onclick: () => set(1) }, control.name)) };
-            default:
-                return this.createSlider(control, set);
-        }
+        const set = (value) => this.client.setParameter(control.parameter, value);
+        return control.type === "bool" ? this.createSwitch(control, set) : this.createSlider(control, set);
     }
 
     createSlider(control, set) {
@@ -64,10 +49,11 @@ export class ControlList {
         const reset = element("button", { class: "quiet", title: `Back to ${control.default}`, "aria-label": `Reset ${control.name}` }, "↺");
         // A slider that is being dragged sends its newest value, ten times a second at most.
         let timer;
+        let heldUntil_ms = 0; // until then the value shown is the user's, not the server's
         const send = (value) => {
             slider.value = value;
             number.value = value;
-            this.held = { name: control.name, until: performance.now() + 1000 };
+            heldUntil_ms = performance.now() + 1000;
             timer ??= setTimeout(() => {
                 timer = undefined;
                 set(Number(slider.value));
@@ -80,13 +66,12 @@ export class ControlList {
             element: element("div", { class: "control" }, element("span", { class: "name" }, control.name), slider, number, reset),
             update: (now) => {
                 const value = this.valueOf(now);
-                if (timer === undefined && !(this.held?.name === control.name && performance.now() < this.held.until)) {
+                if (timer === undefined && performance.now() > heldUntil_ms) {
                     if (slider.value !== String(value)) {
                         slider.value = value;
                     }
                     setField(number, value);
                 }
-                reset.hidden = now.default === undefined;
             },
         };
     }
@@ -97,18 +82,6 @@ export class ControlList {
         return {
             element: element("label", { class: "control" }, element("span", { class: "name" }, control.name), box),
             update: (now) => (box.checked = Boolean(this.valueOf(now))),
-        };
-    }
-
-    createMenu(control, set) {
-        const select = element("select", { "aria-label": control.name });
-        select.addEventListener("change", () => set(Number(select.value)));
-        return {
-            element: element("div", { class: "control" }, element("span", { class: "name" }, control.name), select),
-            update: (now) => {
-                setOptions(select, Object.entries(now.menu ?? {}));
-                setField(select, this.valueOf(now));
-            },
         };
     }
 }

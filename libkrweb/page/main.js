@@ -1,7 +1,7 @@
 // Puts the page together: the connection, the panels, the theme and the keys.
 
 import { CamerasPanel } from "./cameras.js";
-import { setText, settings } from "./dom.js";
+import { notify, setText, settings } from "./dom.js";
 import { ExtractorsPanel } from "./extractors.js";
 import { MemoryPanel } from "./memory.js";
 import { Client } from "./protocol.js";
@@ -50,6 +50,7 @@ client.addEventListener("state", () => {
     heard_ms = performance.now();
     showConnection();
 });
+client.addEventListener("status", ({ detail: { level, message } }) => level === 2 && notify(message));
 setInterval(() => {
     if (client.connected && document.visibilityState === "visible" && performance.now() - heard_ms > kSilence_ms) {
         heard_ms = performance.now();
@@ -71,7 +72,7 @@ function describeConnection() {
     if (!client.connected) {
         return client.everConnected
             ? ["bad", "disconnected", "The connection to the server is lost. This page reconnects by itself."]
-            : ["idle", "connecting", ""];
+            : ["idle", "connecting", client.retries > 1 ? "The server does not accept the connection. If it wants a token, open its address with ?token=TOKEN." : ""];
     }
     if (service === false) {
         return ["warn", "no cameras", "The camera service is gone. Its pictures come back by themselves when it does."];

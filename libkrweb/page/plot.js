@@ -144,7 +144,7 @@ export class Plot {
         context.fillStyle = colors.text;
         context.textAlign = "right";
         context.textBaseline = "middle";
-        for (const tick of chooseTicks(low, high, Math.max(2, Math.floor(height / 45)))) {
+        for (const tick of chooseTicks(low, high, Math.max(2, Math.floor(height / 35)))) {
             const y = Math.round(toY(tick)) + 0.5;
             context.beginPath();
             context.moveTo(kLeft, y);

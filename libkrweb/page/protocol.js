@@ -31,17 +31,25 @@ export class Client extends EventTarget {
         this.listeners = new Map(); // sets of functions by topic
         this.subscriptions = new Map(); // topics by subscription id
         this.subscriptionIds = new Map(); // by topic
+        this.lastMessages = new Map(); // by topic, of subscriptions
         this.calls = new Map(); // {resolve, reject} by call id
         this.nextId = 1;
         this.retries = 0;
         this.open();
     }
 
-    /** Calls `listener(payload, time_ns)` with each message of the topic; payload is a DataView. Returns what ends that. */
+    /**
+     * Calls `listener(payload, time_ns)` with each message of the topic, the last one that others got here included;
+     * payload is a DataView. Returns what ends that.
+     */
     subscribe(topic, listener) {
         const listeners = this.listeners.get(topic) ?? new Set();
         this.listeners.set(topic, listeners.add(listener));
         this.startSubscription(topic);
+        const last = this.lastMessages.get(topic);
+        if (last) {
+            queueMicrotask(() => listeners.has(listener) && listener(...last));
+        }
         return () => {
             if (listeners.delete(listener) && listeners.size === 0 && this.listeners.get(topic) === listeners) {
                 this.listeners.delete(topic);
@@ -126,6 +134,7 @@ export class Client extends EventTarget {
         this.parameters.clear();
         this.subscriptions.clear();
         this.subscriptionIds.clear();
+        this.lastMessages.clear();
         for (const { reject } of this.calls.values()) {
             reject(new Error("the connection was lost before the answer came"));
         }
@@ -166,6 +175,7 @@ export class Client extends EventTarget {
     forgetSubscription(topic) {
         this.subscriptions.delete(this.subscriptionIds.get(topic));
         this.subscriptionIds.delete(topic);
+        this.lastMessages.delete(topic);
     }
 
     takeText(message) {
@@ -235,6 +245,9 @@ export class Client extends EventTarget {
                 const topic = this.subscriptions.get(message.getUint32(1, true));
                 const time_ns = message.getBigUint64(5, true);
                 const payload = new DataView(message.buffer, 13);
+                if (topic !== undefined) {
+                    this.lastMessages.set(topic, [payload, time_ns]);
+                }
                 for (const listener of [...(this.listeners.get(topic) ?? [])]) {
                     listener(payload, time_ns);
                 }

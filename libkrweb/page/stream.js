@@ -75,7 +75,7 @@ export class LogPanel {
     constructor(client, list, note, clear) {
         this.rows = new Rows(list, note, "The server has logged nothing since this page was opened.");
         clear.addEventListener("click", () => this.rows.clear());
-        client.subscribeJson("/log", ({ level, category, text }, time_ns) => this.add(Number(time_ns / 1000000n), level, category, text));
+        client.subscribeJson("/log", ({ time, level, category, text }) => this.add(1000 * time, level, category, text));
         client.addEventListener("status", ({ detail: { level, message } }) => this.add(Date.now(), ["info", "warning", "error"][level] ?? "info", "connection", message));
     }
 

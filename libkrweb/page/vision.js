@@ -49,6 +49,11 @@ export function formatTenths(value) {
     return typeof value === "number" && Number.isFinite(value) ? value.toFixed(1) : "–";
 }
 
+/** Milliseconds with one decimal where they are few. */
+export function formatDuration(value) {
+    return value < 9.95 ? formatTenths(value) : String(Math.round(value));
+}
+
 /** Local time with milliseconds. */
 export function formatTime(time_ms) {
     const date = new Date(time_ms);
