@@ -1,0 +1,25 @@
+"""The error that crosses the borders of modules."""
+
+from __future__ import annotations
+
+
+class Error(Exception):
+    """What a module or the library refuses, whichever language it is written in.
+
+    Raise it in a published method to report an error: the caller gets the same three texts, in another process or
+    another language too.
+
+    Attributes:
+        module: name of the module, or of the class of the library, that refuses.
+        method: the method that was called.
+        description: what was wrong, and what would be right.
+    """
+
+    def __init__(self, module: str, method: str, description: str) -> None:
+        super().__init__(module, method, description)
+        self.module = module
+        self.method = method
+        self.description = description
+
+    def __str__(self) -> str:
+        return f"{self.module}.{self.method}: {self.description}"

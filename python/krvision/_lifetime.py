@@ -1,0 +1,77 @@
+"""What lives until it is closed, and how the interpreter exits."""
+
+from __future__ import annotations
+
+import atexit
+import signal
+import threading
+from types import FrameType
+from typing import Any, Optional, Protocol
+
+from . import _krvision
+
+_EXIT_S = 10.0  # for all modules to come down
+
+
+class Closable(Protocol):
+    def close(self) -> None: ...
+
+
+_open: dict[Any, None] = {}  # brokers, in the order of their making
+
+
+def add(broker: Any) -> None:
+    _open[broker] = None
+
+
+def remove(broker: Any) -> None:
+    _open.pop(broker, None)
+
+
+@atexit.register
+def _close_all() -> None:
+    names = [
+        getattr(client, "name", type(client).__name__) for broker in list(_open) for client in list(broker._clients)
+    ]
+    _krvision.end_after(_EXIT_S, ", ".join(names) or "a thread that runs Python for a module")
+    try:
+        while _open:
+            broker = next(reversed(_open))
+            broker.close()
+            remove(broker)
+        _krvision.close_interpreter()
+    finally:
+        _krvision.end_not()
+
+
+def wait(timeout: Optional[float] = None) -> bool:
+    """Waits until the program is interrupted: by Ctrl-C (SIGINT), or by SIGTERM unless it has a handler.
+
+    Modules work meanwhile, as they do whenever this thread is not in Python.
+
+    Args:
+        timeout: seconds; None: no limit.
+
+    Returns:
+        Whether the program was interrupted; False at the end of the timeout.
+
+    Raises:
+        RuntimeError: called on another than the main thread, where signals do not arrive.
+    """
+    if threading.current_thread() is not threading.main_thread():
+        raise RuntimeError("krvision.wait() waits for signals, which only the main thread gets")
+    interrupted = threading.Event()
+
+    def interrupt(number: int, frame: Optional[FrameType]) -> None:
+        interrupted.set()
+
+    before = signal.getsignal(signal.SIGTERM)
+    if before is signal.SIG_DFL:
+        signal.signal(signal.SIGTERM, interrupt)
+    try:
+        return interrupted.wait(timeout)
+    except KeyboardInterrupt:
+        return True
+    finally:
+        if before is signal.SIG_DFL:
+            signal.signal(signal.SIGTERM, before)

@@ -1,0 +1,42 @@
+"""The log of the library."""
+
+from __future__ import annotations
+
+from . import _krvision
+
+
+def log(level: str, message: str, category: str = "python") -> None:
+    """Logs one record, in the log of the library. Thread-safe; does not block.
+
+    Args:
+        level: "error", "warning", "info" or "verbose".
+        message: one line.
+        category: which part of the system speaks.
+
+    Raises:
+        ValueError: there is no such level.
+    """
+    _krvision.log(level, category, message)
+
+
+def set_log_levels(levels: str) -> None:
+    """Chooses what is printed on standard error: "warning,krdds=verbose" for instance, as the variable KR_LOG.
+
+    Raises:
+        ValueError: a malformed choice; nothing has changed then.
+    """
+    _krvision.set_log_levels(levels)
+
+
+def get_log_levels() -> str:
+    """What is printed on standard error."""
+    return _krvision.log_levels()
+
+
+def flush_log(timeout: float = 30.0) -> bool:
+    """Waits until what has been logged so far is written.
+
+    Returns:
+        False: the timeout, in seconds, was over first.
+    """
+    return _krvision.flush_log(timeout)

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <krplatform/krerror.hpp>
+
+#include <pybind11/pybind11.h>
+
+#include <string>
+
+namespace KR::python {
+
+namespace py = pybind11;
+
+/// Has a KRError arrive in Python as krvision.Error, with its three texts.
+void registerErrors();
+
+/// The KRError for the Python exception of the calling thread, which it takes away. An Error of krvision keeps its three
+/// texts. Any other is logged with its traceback, but for KeyboardInterrupt, which the main thread gets again.
+KRError takeError(py::error_already_set& error, const std::string& module, const std::string& method);
+
+/// Logs the exception with its traceback, one record for each line.
+void logException(py::error_already_set& error, const std::string& module, const std::string& method);
+
+} // namespace KR::python

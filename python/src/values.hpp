@@ -1,0 +1,32 @@
+#pragma once
+
+#include <krplatform/krfunctor.hpp>
+#include <krplatform/krvalue.hpp>
+
+#include <pybind11/pybind11.h>
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace KR::python {
+
+namespace py = pybind11;
+
+/// The value for a Python object: None, bool (an int), int, float, str, bytes, bytearray, memoryview, a list or tuple of
+/// these, and NumPy's scalars. A float is rounded to 32 bits.
+/// \throws py::error_already_set TypeError: something else; OverflowError: a number that 32 bits do not hold
+KRValue toValue(py::handle object);
+std::vector<KRValue> toValues(const py::args& objects);
+
+/// None, int, float, str, bytes or a list. Bytes of a text that are not UTF-8 become lone surrogates, which toValue() turns
+/// into the same bytes.
+py::object toPython(const KRValue& value);
+/// The same as a published method wants it: a bool for an int, a float for an int.
+py::object toPython(const KRValue& value, KRArgumentType wanted);
+
+py::str toPythonText(std::string_view text);
+/// \throws py::error_already_set not a str; one that is not text
+std::string toText(py::handle text);
+
+} // namespace KR::python
