@@ -1,5 +1,6 @@
 #include "serve/modulelibrary.hpp"
 
+#include "serve/pythonfile.hpp"
 #include "tool/command.hpp"
 #include "tool/errortext.hpp"
 
@@ -20,9 +21,12 @@ NamedLibrary splitNamedLibrary(const std::string& text) {
     return {text.substr(0, equals), text.substr(equals + 1)};
 }
 
-const KRModuleClass& loadModuleClass(const std::string& library) {
+HostedClass loadModuleClass(const std::string& library) {
     if (library.empty()) {
         throw UsageError("the name of a module library is empty");
+    }
+    if (isPythonFile(library)) {
+        return loadPythonClass(library);
     }
     // dlopen searches the system's folders, not this one, for a name without a slash.
     const std::string path = library.find('/') == std::string::npos ? "./" + library : library;
@@ -37,12 +41,13 @@ const KRModuleClass& loadModuleClass(const std::string& library) {
     if (getModuleClass == nullptr) {
         throw std::runtime_error(library + " has no module: KR_REGISTER_MODULE(CLASS) is missing in it");
     }
-    return *getModuleClass();
+    const KRModuleClass& loaded = *getModuleClass();
+    return {loaded.name, loaded.defaultName, loaded.create};
 }
 
 KRModuleHandle<KRModule> createModuleOf(const std::string& library, const boost::shared_ptr<KRBroker>& broker,
                                         const std::string& name) {
-    const KRModuleClass& moduleClass = loadModuleClass(library);
+    const HostedClass moduleClass = loadModuleClass(library);
     const std::string& used = name.empty() ? moduleClass.defaultName : name;
     const auto refuse = [&](const std::string& why) {
         throw std::runtime_error("no module " + used + " of " + library + ": " + why);

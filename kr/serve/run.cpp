@@ -22,7 +22,8 @@ struct Options {
     HostingOptions hosting;
 
     void declare(Arguments& arguments) {
-        arguments.add("MODULE", path, "library that contains KR_REGISTER_MODULE").required();
+        arguments.add("MODULE", path, "library that contains KR_REGISTER_MODULE, or Python file[:class]")
+            .required();
         arguments.add("--name", name, "name of the module (default: that of its class)");
         hosting.declare(arguments);
         domain.declare(arguments);
@@ -33,8 +34,7 @@ ExitCode runModule(const Options& options) {
     Interruption interruption;
     setLogLevel(KRLogLevel::Info);
     options.hosting.checkSubscriptions();
-    const KRModuleClass& moduleClass =
-        loadModuleClass(options.path); // reports a wrong file before it connects
+    const HostedClass moduleClass = loadModuleClass(options.path); // reports a wrong file before it connects
     const auto broker = options.domain.connect();
     options.hosting.giveParameters(*broker, {options.name.empty() ? moduleClass.defaultName : options.name});
     Host host;

@@ -36,8 +36,8 @@ struct Options {
 
     void declare(Arguments& arguments) {
         cameras.declare(arguments, "0=test");
-        arguments.add("--run", libraries, "module library to host too")
-            .valueName("[NAME=]MODULE.so")
+        arguments.add("--run", libraries, "module library or Python file[:class] to host too")
+            .valueName("[NAME=]MODULE")
             .repeatable();
         hosting.declare(arguments);
 #ifdef KR_WITH_WEB
@@ -55,7 +55,7 @@ ExitCode serve(const Options& options) {
     std::vector<std::string> modules;
     for (const std::string& library : options.libraries) {
         const NamedLibrary named = splitNamedLibrary(library);
-        const KRModuleClass& moduleClass = loadModuleClass(named.path);
+        const HostedClass moduleClass = loadModuleClass(named.path);
         modules.push_back(named.name.empty() ? moduleClass.defaultName : named.name);
     }
     const auto broker = options.domain.connect();

@@ -119,8 +119,8 @@ KRModuleHandle<KRModule> create(const py::handle& moduleClass, const std::string
 
 } // namespace KR
 
-extern "C" [[gnu::visibility("default")]] void krLoadPythonClass(const std::string& path, const std::string& className,
-                                                                 KR::KRPythonClass& loaded) {
+extern "C" [[gnu::visibility("default")]] void
+krLoadPythonClass(const std::string& path, const std::string& className, KR::KRPythonClass& loaded) {
     namespace py = pybind11;
     static std::once_flag started;
     std::call_once(started, KR::start);
@@ -131,7 +131,8 @@ extern "C" [[gnu::visibility("default")]] void krLoadPythonClass(const std::stri
         const py::handle moduleClass = py::object(found[0]).release();
         loaded.name = found[1].cast<std::string>();
         loaded.defaultName = found[2].cast<std::string>();
-        loaded.create = [moduleClass, path](const boost::shared_ptr<KR::KRBroker>& broker, const std::string& name) {
+        loaded.create = [moduleClass, path](const boost::shared_ptr<KR::KRBroker>& broker,
+                                            const std::string& name) {
             return KR::create(moduleClass, path, broker, name);
         };
     } catch (py::error_already_set& error) {

@@ -14,7 +14,8 @@ struct KRPythonClass {
     std::string name;        ///< of the class, e.g. "PeopleExtractor"
     std::string defaultName; ///< of a module of it: the class's without "Extractor"
     /// Creates one that is reachable under this name. \throws KRError, std::runtime_error what its constructor raises
-    std::function<KRModuleHandle<KRModule>(const boost::shared_ptr<KRBroker>& broker, const std::string& name)>
+    std::function<KRModuleHandle<KRModule>(const boost::shared_ptr<KRBroker>& broker,
+                                           const std::string& name)>
         create = {};
 };
 

@@ -87,16 +87,19 @@ class CameraSubscription:
         return self._cameras.frame_rate(self.id)
 
     def set_frame_rate(self, fps: int) -> bool:
-        """Returns: False if the camera refuses, as the following."""
+        """Changes the rate, images per second. False: the camera refuses."""
         return self._cameras.set(self.id, "frame_rate", fps)
 
     def set_resolution(self, resolution: Resolution) -> bool:
+        """Changes the resolution. False: the camera refuses."""
         return self._cameras.set(self.id, "resolution", int(resolution))
 
     def set_color_space(self, color_space: ColorSpace) -> bool:
+        """Changes the colour space. False: the camera refuses."""
         return self._cameras.set(self.id, "color_space", int(color_space))
 
     def set_camera(self, camera: int) -> bool:
+        """Moves to another camera. False: it does not exist."""
         return self._cameras.set(self.id, "camera", camera)
 
     def set_parameter(self, parameter: int, value: int) -> bool:

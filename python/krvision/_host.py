@@ -66,13 +66,15 @@ def create(cls: Type[Module], path: str, broker: object, name: str) -> object:
         Error: as Broker.create().
         Refusal: the constructor raises something else.
     """
+    adopted = Broker._adopt(broker)  # closed when the module goes
     try:
-        module = Broker._adopt(broker).create(cls, name)
+        return adopted.create(cls, name)._body.release()
     except Error:
+        adopted.close()
         raise
     except BaseException as error:
+        adopted.close()
         raise Refusal(_describe(error, os.path.abspath(path), path)) from error
-    return module._body.release()
 
 
 def _run(file: str, path: str) -> ModuleType:

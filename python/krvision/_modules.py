@@ -130,8 +130,8 @@ class Module:
     def close(self) -> None:
         """Takes the module down: new calls are refused, its detection stops, running calls finish, its name is free.
 
-        Called from one of the module's own hooks or methods, it returns at once, and the module goes after that. May be
-        called again. Operations of a closed module raise Error.
+        Called from one of the module's own hooks or methods, it returns at once, and the module goes after that. A module
+        that kr hosts is asked to exit. May be called again. Operations of a closed module raise Error.
         """
         body = self.__dict__.get("_body")
         if body is not None:  # otherwise its constructor has failed

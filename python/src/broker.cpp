@@ -26,8 +26,8 @@ std::shared_ptr<PythonBroker> makeBroker(const std::string& url) {
 
 // A capsule with a boost::shared_ptr<KRBroker>*, of a program that has made the broker itself.
 std::shared_ptr<PythonBroker> adoptBroker(const py::capsule& capsule) {
-    return std::make_shared<PythonBroker>(*static_cast<boost::shared_ptr<KRBroker>*>(
-        PyCapsule_GetPointer(capsule.ptr(), kBrokerCapsule)));
+    return std::make_shared<PythonBroker>(
+        *static_cast<boost::shared_ptr<KRBroker>*>(PyCapsule_GetPointer(capsule.ptr(), kBrokerCapsule)));
 }
 
 bool waitForModule(const PythonBroker& self, const std::string& name, double seconds) {
@@ -49,10 +49,11 @@ py::list listMethods(const Proxy& self) {
                                              getTypeName(method.argumentTypes[i]),
                                              toPythonText(method.parameters[i].description)));
         }
-        list.append(py::make_tuple(toPythonText(method.name), toPythonText(method.getSignature()),
-                                   toPythonText(method.description), parameters,
-                                   py::make_tuple(toPythonText(method.result.name), getTypeName(method.resultType),
-                                                  toPythonText(method.result.description))));
+        list.append(
+            py::make_tuple(toPythonText(method.name), toPythonText(method.getSignature()),
+                           toPythonText(method.description), parameters,
+                           py::make_tuple(toPythonText(method.result.name), getTypeName(method.resultType),
+                                          toPythonText(method.result.description))));
     }
     return list;
 }
@@ -117,20 +118,20 @@ void bindBroker(py::module_& m) {
         .def("call", &call, py::arg("method"))
         .def("post", &post, py::arg("method"))
         .def("methods", &listMethods)
-        .def("method_help",
-             [](const Proxy& self, const std::string& method) {
-                 return toPythonText(self.use(
-                     "method_help", [&](const KRProxy& proxy) { return proxy.getMethodHelp(method); }));
-             },
-             py::arg("method"))
+        .def(
+            "method_help",
+            [](const Proxy& self, const std::string& method) {
+                return toPythonText(self.use(
+                    "method_help", [&](const KRProxy& proxy) { return proxy.getMethodHelp(method); }));
+            },
+            py::arg("method"))
         .def("failure",
              [](const Proxy& self) {
                  return toPythonText(
                      self.use("failure", [](const KRProxy& proxy) { return proxy.getFailure(); }));
              })
-        .def_property_readonly("module", [](const Proxy& self) {
-            return toPythonText(self.get("module")->getModuleName());
-        });
+        .def_property_readonly(
+            "module", [](const Proxy& self) { return toPythonText(self.get("module")->getModuleName()); });
 }
 
 } // namespace KR::python

@@ -52,9 +52,8 @@ public:
             [[maybe_unused]] const std::vector<std::string>& sources)
         : broker_(std::move(broker)) {
 #ifdef KR_WITH_CAMERA
-        auto module = unlocked([&, b = broker_->get("CameraService")] {
-            return createModule<KRVideoDevice>(b, name, sources);
-        });
+        auto module = unlocked(
+            [&, b = broker_->get("CameraService")] { return createModule<KRVideoDevice>(b, name, sources); });
         module_ = std::make_shared<KRModuleHandle<KRModule>>(std::move(module));
         broker_->add(*this);
 #else
@@ -68,7 +67,9 @@ public:
     void close() {
         unlocked([module = std::move(module_)] {});
     }
-    std::shared_ptr<void> drop() noexcept override { return std::move(module_); }
+    std::shared_ptr<void> drop() noexcept override {
+        return std::move(module_);
+    }
 
 private:
     const std::shared_ptr<PythonBroker> broker_;
@@ -80,60 +81,67 @@ private:
 void bindCameras(py::module_& m) {
     py::class_<Cameras>(m, "Cameras")
         .def(py::init(&makeCameras), py::arg("broker"))
-        .def("subscribe",
-             [](const Cameras& self, const std::string& name, int camera, int resolution, int colorSpace,
-                int frameRate) {
-                 return self.use("subscribe", [&](KRVideoDeviceProxy& cameras) {
-                     return cameras.subscribeCamera(name, camera, resolution, colorSpace, frameRate);
-                 });
-             },
-             py::arg("name"), py::arg("camera"), py::arg("resolution"), py::arg("color_space"),
-             py::arg("frame_rate"))
-        .def("unsubscribe",
-             [](const Cameras& self, const std::string& id) {
-                 self.use("unsubscribe", [&](KRVideoDeviceProxy& cameras) { cameras.unsubscribe(id); });
-             },
-             py::arg("id"))
+        .def(
+            "subscribe",
+            [](const Cameras& self, const std::string& name, int camera, int resolution, int colorSpace,
+               int frameRate) {
+                return self.use("subscribe", [&](KRVideoDeviceProxy& cameras) {
+                    return cameras.subscribeCamera(name, camera, resolution, colorSpace, frameRate);
+                });
+            },
+            py::arg("name"), py::arg("camera"), py::arg("resolution"), py::arg("color_space"),
+            py::arg("frame_rate"))
+        .def(
+            "unsubscribe",
+            [](const Cameras& self, const std::string& id) {
+                self.use("unsubscribe", [&](KRVideoDeviceProxy& cameras) { cameras.unsubscribe(id); });
+            },
+            py::arg("id"))
         .def("fetch", &fetch, py::arg("id"))
-        .def("set",
-             [](const Cameras& self, const std::string& id, const std::string& setting, int value) {
-                 return self.use("set", [&](KRVideoDeviceProxy& cameras) {
-                     return setting == "frame_rate"    ? cameras.setFrameRate(id, value)
-                            : setting == "resolution"  ? cameras.setResolution(id, value)
-                            : setting == "color_space" ? cameras.setColorSpace(id, value)
-                                                       : cameras.setActiveCamera(id, value);
-                 });
-             },
-             py::arg("id"), py::arg("setting"), py::arg("value"))
-        .def("frame_rate",
-             [](const Cameras& self, const std::string& id) {
-                 return self.use("frame_rate",
-                                 [&](KRVideoDeviceProxy& cameras) { return cameras.getFrameRate(id); });
-             },
-             py::arg("id"))
-        .def("set_parameter",
-             [](const Cameras& self, const std::string& id, int parameter, int value) {
-                 return self.use("set_parameter", [&](KRVideoDeviceProxy& cameras) {
-                     return cameras.setCameraParameter(id, parameter, value);
-                 });
-             },
-             py::arg("id"), py::arg("parameter"), py::arg("value"))
-        .def("reset_parameters",
-             [](const Cameras& self, const std::string& id) {
-                 self.use("reset_parameters",
-                          [&](KRVideoDeviceProxy& cameras) { cameras.setAllCameraParametersToDefault(id); });
-             },
-             py::arg("id"))
+        .def(
+            "set",
+            [](const Cameras& self, const std::string& id, const std::string& setting, int value) {
+                return self.use("set", [&](KRVideoDeviceProxy& cameras) {
+                    return setting == "frame_rate"    ? cameras.setFrameRate(id, value)
+                           : setting == "resolution"  ? cameras.setResolution(id, value)
+                           : setting == "color_space" ? cameras.setColorSpace(id, value)
+                                                      : cameras.setActiveCamera(id, value);
+                });
+            },
+            py::arg("id"), py::arg("setting"), py::arg("value"))
+        .def(
+            "frame_rate",
+            [](const Cameras& self, const std::string& id) {
+                return self.use("frame_rate",
+                                [&](KRVideoDeviceProxy& cameras) { return cameras.getFrameRate(id); });
+            },
+            py::arg("id"))
+        .def(
+            "set_parameter",
+            [](const Cameras& self, const std::string& id, int parameter, int value) {
+                return self.use("set_parameter", [&](KRVideoDeviceProxy& cameras) {
+                    return cameras.setCameraParameter(id, parameter, value);
+                });
+            },
+            py::arg("id"), py::arg("parameter"), py::arg("value"))
+        .def(
+            "reset_parameters",
+            [](const Cameras& self, const std::string& id) {
+                self.use("reset_parameters",
+                         [&](KRVideoDeviceProxy& cameras) { cameras.setAllCameraParametersToDefault(id); });
+            },
+            py::arg("id"))
         .def("cameras",
              [](const Cameras& self) {
                  return listInfos(self.use("cameras", [](auto& cameras) { return cameras.getCameraList(); }));
              })
-        .def("controls",
-             [](const Cameras& self, int camera) {
-                 return listInfos(
-                     self.use("controls", [&](auto& cameras) { return cameras.getControls(camera); }));
-             },
-             py::arg("camera"))
+        .def(
+            "controls",
+            [](const Cameras& self, int camera) {
+                return listInfos(
+                    self.use("controls", [&](auto& cameras) { return cameras.getControls(camera); }));
+            },
+            py::arg("camera"))
         .def("subscribers",
              [](const Cameras& self) {
                  return listInfos(

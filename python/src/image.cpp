@@ -58,7 +58,8 @@ int guessColorSpace(const py::array& pixels) {
 void checkLayout(const py::array& pixels) {
     const std::string shapes = "; pixels are uint8 (height, width) or (height, width, bytes per pixel)";
     if (!py::isinstance<py::array_t<std::uint8_t>>(pixels) || (pixels.ndim() != 2 && pixels.ndim() != 3)) {
-        refuse(PyExc_TypeError, "an array of " + describeShape(pixels) + " has no pixels of an image" + shapes);
+        refuse(PyExc_TypeError,
+               "an array of " + describeShape(pixels) + " has no pixels of an image" + shapes);
     }
     constexpr py::ssize_t kLongest = 65536;
     for (int i = 0; i < 2; ++i) {
@@ -72,8 +73,9 @@ void checkLayout(const py::array& pixels) {
                                      " bytes is too large for an image; it has at most 2147483647");
     }
     if ((pixels.flags() & py::array::c_style) == 0) {
-        refuse(PyExc_ValueError, "the rows of the array have gaps or another order, which those of an image do not "
-                                 "have; numpy.ascontiguousarray() copies them");
+        refuse(PyExc_ValueError,
+               "the rows of the array have gaps or another order, which those of an image do not "
+               "have; numpy.ascontiguousarray() copies them");
     }
 }
 
@@ -98,9 +100,10 @@ PythonImage makeBlank(int width, int height, int colorSpace) {
     }
     if (width < 1 || height < 1 || width > kLongest || height > kLongest ||
         std::int64_t{width} * height * getNumLayersInColorSpace(colorSpace) > 2147483647) {
-        refuse(PyExc_ValueError, "an image of " + std::to_string(width) + "x" + std::to_string(height) +
-                                     " pixels is not possible; sides are 1 to 65536, and it has at most 2147483647 "
-                                     "bytes");
+        refuse(PyExc_ValueError,
+               "an image of " + std::to_string(width) + "x" + std::to_string(height) +
+                   " pixels is not possible; sides are 1 to 65536, and it has at most 2147483647 "
+                   "bytes");
     }
     return {KRImage(width, height, colorSpace, false, 0.0F, 0.0F, 0.0F, 0.0F)};
 }
@@ -130,8 +133,8 @@ py::object getRegion(PythonImage& self, int x, int y, int width, int height) {
     if (x < 0 || y < 0 || width < 1 || height < 1 || x > image.width - width || y > image.height - height) {
         refuse(PyExc_ValueError, "the region of " + std::to_string(width) + "x" + std::to_string(height) +
                                      " pixels at " + std::to_string(x) + ", " + std::to_string(y) +
-                                     " is not inside the image, which has " + std::to_string(image.width) + "x" +
-                                     std::to_string(image.height));
+                                     " is not inside the image, which has " + std::to_string(image.width) +
+                                     "x" + std::to_string(image.height));
     }
     if (image.colorSpace == kYUV422ColorSpace && x % 2 != 0) {
         refuse(PyExc_ValueError, "the region begins in column " + std::to_string(x) +
@@ -150,13 +153,12 @@ PythonImage makeImage(const py::array& pixels, py::object colorSpace) {
     if (!isColorSpaceValid(wanted) || getNumLayersInColorSpace(wanted) != layers) {
         refuse(PyExc_ValueError,
                "colour space " + std::to_string(wanted) +
-                   (isColorSpaceValid(wanted)
-                        ? " has " + std::to_string(getNumLayersInColorSpace(wanted)) + " bytes per pixel, the array " +
-                              std::to_string(layers)
-                        : std::string(" does not exist; colour spaces are 0 to 26")));
+                   (isColorSpaceValid(wanted) ? " has " + std::to_string(getNumLayersInColorSpace(wanted)) +
+                                                    " bytes per pixel, the array " + std::to_string(layers)
+                                              : std::string(" does not exist; colour spaces are 0 to 26")));
     }
-    PythonImage made{KRImage(static_cast<int>(pixels.shape(1)), static_cast<int>(pixels.shape(0)), wanted, true, 0.0F,
-                             0.0F, 0.0F, 0.0F),
+    PythonImage made{KRImage(static_cast<int>(pixels.shape(1)), static_cast<int>(pixels.shape(0)), wanted,
+                             true, 0.0F, 0.0F, 0.0F, 0.0F),
                      pixels, pixels.writeable()};
     // Only written to if the array is writable.
     made.image.data =
@@ -194,7 +196,8 @@ py::object getPixels(PythonImage& self) {
 
 void bindImage(py::module_& m) {
     using Roi = KRImage::ROI;
-    py::class_<PythonImage>(m, "Image", R"(One camera image: its geometry, where and when it was taken, and its pixels.
+    py::class_<PythonImage>(m, "Image",
+                            R"(One camera image: its geometry, where and when it was taken, and its pixels.
 
 Image(array) has the pixels of a NumPy array, which both use from then on: uint8, (height, width) or (height, width,
 bytes per pixel), rows without gaps. Without color_space it is the usual one of as many bytes: luma, YUV422, BGR, BGRx.
@@ -207,42 +210,53 @@ Raises:
                     "A black image of a size in pixels. Raises ValueError: there is no such image.")
         .def_static("read", &readImage, py::arg("path"),
                     "Reads an oxi file. Raises Error: it cannot be read, or is damaged.")
-        .def("write",
-             [](const PythonImage& self, const std::string& path) {
-                 requirePixels(self.image, "write");
-                 unlocked([&] { writeImage(self.image, path); });
-             },
-             py::arg("path"),
-             "Writes an oxi file, or for viewing a ppm: the extension selects. Raises Error: it cannot be written.")
-        .def("to",
-             [](const PythonImage& self, int colorSpace) {
-                 requirePixels(self.image, "to");
-                 return PythonImage{unlocked([&] { return convert(self.image, colorSpace); })};
-             },
-             py::arg("color_space"),
-             R"(A copy in another colour space: luma, YUV422, RGB, BGR or BGRx.
+        .def(
+            "write",
+            [](const PythonImage& self, const std::string& path) {
+                requirePixels(self.image, "write");
+                unlocked([&] { writeImage(self.image, path); });
+            },
+            py::arg("path"),
+            "Writes an oxi file, or for viewing a ppm: the extension selects. Raises Error: it cannot be "
+            "written.")
+        .def(
+            "to",
+            [](const PythonImage& self, int colorSpace) {
+                requirePixels(self.image, "to");
+                return PythonImage{unlocked([&] { return convert(self.image, colorSpace); })};
+            },
+            py::arg("color_space"),
+            R"(A copy in another colour space: luma, YUV422, RGB, BGR or BGRx.
 
 YUV422 and BGR become each other by the library's conversions, which are off in strong colours by design. Luma is the Y
 of YUV422. Raises Error: another colour space.)")
-        .def("copy",
-             [](const PythonImage& self) {
-                 requirePixels(self.image, "copy");
-                 return PythonImage{unlocked([&] { return self.image.deepCopy(); })};
-             },
-             "A copy with pixels of its own.")
+        .def(
+            "copy",
+            [](const PythonImage& self) {
+                requirePixels(self.image, "copy");
+                return PythonImage{unlocked([&] { return self.image.deepCopy(); })};
+            },
+            "A copy with pixels of its own.")
         .def("draw", &draw, py::arg("annotations"), "Draws the value of Annotations; see Annotations.draw().")
         .def("region", &getRegion, py::arg("x"), py::arg("y"), py::arg("width"), py::arg("height"),
-             "A view of a rectangle of the pixels, with the strides of the image. Raises ValueError: it is not inside the "
+             "A view of a rectangle of the pixels, with the strides of the image. Raises ValueError: it is "
+             "not inside the "
              "image; in YUV422, it begins in an odd column.")
-        .def_property_readonly("pixels", &getPixels, R"(The pixels as a NumPy array on the image's own memory, not a copy.
+        .def_property_readonly("pixels", &getPixels,
+                               R"(The pixels as a NumPy array on the image's own memory, not a copy.
 
 uint8: (height, width) for luma and all others of one byte per pixel; (height, width, 2) for YUV422, which has Y and U,
 then Y and V of two neighbours; (height, width, 3) for RGB, BGR and others; (height, width, 4) for BGRx. The array keeps
 the memory for as long as it exists.)")
-        .def_property_readonly("width", [](const PythonImage& self) { return self.image.width; })
-        .def_property_readonly("height", [](const PythonImage& self) { return self.image.height; })
-        .def_property_readonly("layers", [](const PythonImage& self) { return self.image.nbLayers; })
-        .def_property_readonly("color_space", [](const PythonImage& self) { return self.image.colorSpace; })
+        .def_property_readonly(
+            "width", [](const PythonImage& self) { return self.image.width; }, "Pixels.")
+        .def_property_readonly(
+            "height", [](const PythonImage& self) { return self.image.height; }, "Pixels.")
+        .def_property_readonly(
+            "layers", [](const PythonImage& self) { return self.image.nbLayers; }, "Bytes per pixel.")
+        .def_property_readonly(
+            "color_space", [](const PythonImage& self) { return self.image.colorSpace; },
+            "Code of the colour space: a ColorSpace, or another one up to 26.")
         .def_property(
             "time_stamp", [](const PythonImage& self) { return self.image.timeStamp; },
             [](PythonImage& self, std::int64_t timeStamp) { self.image.timeStamp = timeStamp; },
@@ -264,10 +278,10 @@ the memory for as long as it exists.)")
             "Regions of interest, for you: a list, to be set as a whole.");
     py::class_<Roi>(m, "Roi", "A region of interest of an image: a rectangle in pixels.")
         .def(py::init<int, int, int, int>(), py::arg("x"), py::arg("y"), py::arg("width"), py::arg("height"))
-        .def_readwrite("x", &Roi::x)
-        .def_readwrite("y", &Roi::y)
-        .def_readwrite("width", &Roi::w)
-        .def_readwrite("height", &Roi::h);
+        .def_readwrite("x", &Roi::x, "Left column.")
+        .def_readwrite("y", &Roi::y, "Top row.")
+        .def_readwrite("width", &Roi::w, "Pixels.")
+        .def_readwrite("height", &Roi::h, "Pixels.");
     m.def(
         "check_annotations",
         [](py::handle value) { return toPython(KRAnnotations::fromKRValue(toValue(value)).toKRValue()); },

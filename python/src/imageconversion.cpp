@@ -135,8 +135,8 @@ KRImage convert(const KRImage& image, int colorSpace) {
     if (image.colorSpace == colorSpace) {
         return image.deepCopy();
     }
-    KRImage converted(image.width, image.height, colorSpace, true, image.leftAngle, image.topAngle, image.rightAngle,
-                      image.bottomAngle);
+    KRImage converted(image.width, image.height, colorSpace, true, image.leftAngle, image.topAngle,
+                      image.rightAngle, image.bottomAngle);
     converted.data = KRImage::internalDataUninitialized(static_cast<std::size_t>(converted.allocatedSize));
     converted.timeStamp = image.timeStamp;
     converted.cameraId = image.cameraId;

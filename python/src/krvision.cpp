@@ -41,13 +41,15 @@ void bindLog(py::module_& m) {
             log(toLogLevel(level), category, message, KRSourceLocation("python", "log", 0));
         },
         py::arg("level"), py::arg("category"), py::arg("message"));
-    m.def("set_log_levels", [](const std::string& levels) { setLogLevels(levels); }, py::arg("levels"));
+    m.def(
+        "set_log_levels", [](const std::string& levels) { setLogLevels(levels); }, py::arg("levels"));
     m.def("log_levels", [] { return getLogLevels(); });
     m.def(
         "flush_log",
         [](double seconds) {
-            return unlocked(
-                [&] { return flushLog(std::chrono::milliseconds(static_cast<std::int64_t>(seconds * 1000))); });
+            return unlocked([&] {
+                return flushLog(std::chrono::milliseconds(static_cast<std::int64_t>(seconds * 1000)));
+            });
         },
         py::arg("seconds"));
 }

@@ -62,8 +62,8 @@ KRValue convertResult(py::handle result, const PublishedMethod& method, const st
         return value.to<float>();
     }
     throw KRError(module, method.description.name,
-                  std::string("returned a ") + Py_TYPE(result.ptr())->tp_name + ", but it is published with " +
-                      getTypeName(wanted));
+                  std::string("returned a ") + Py_TYPE(result.ptr())->tp_name +
+                      ", but it is published with " + getTypeName(wanted));
 }
 
 thread_local const void* innermostHook = nullptr;
@@ -154,8 +154,14 @@ void Hosted::detach() noexcept {
         return;
     }
     const LockTaken lock;
-    if (lock.isHeld()) {
-        body_->dropReleased();
+    if (!lock.isHeld()) {
+        return;
+    }
+    std::exchange(body_, nullptr)->dropReleased();
+    try { // what else the object has made in the program's broker, which must not outlive main()
+        py::handle(self_).attr("_broker").attr("close")();
+    } catch (py::error_already_set& error) {
+        logException(error, getModule().getName(), "close");
     }
 }
 
@@ -261,6 +267,10 @@ void ModuleBody::close() {
     if (!module_) {
         return;
     }
+    if (hosted_->isReleased()) {
+        use<KRModule>("close", [](KRModule& module) { module.exit(); });
+        return;
+    }
     const bool inside = hosted_->isInsideHook();
     if (inside) {
         hosted_->keep(); // a call thread destroys the module once the hook has returned
@@ -305,9 +315,10 @@ void bindModule(py::module_& m) {
              py::arg("description"), py::arg("parameters"), py::arg("result"))
         .def("declare_parameter", &declareParameter, py::arg("name"), py::arg("type"), py::arg("description"),
              py::arg("default"), py::arg("minimum"), py::arg("maximum"), py::arg("unit"), py::arg("choices"))
-        .def("exit", [](const ModuleBody& self) {
-            self.use<KRModule>("exit", [](KRModule& module) { module.exit(); });
-        })
+        .def("exit",
+             [](const ModuleBody& self) {
+                 self.use<KRModule>("exit", [](KRModule& module) { module.exit(); });
+             })
         .def_property_readonly("exiting",
                                [](const ModuleBody& self) {
                                    return self.use<KRModule>(
@@ -318,12 +329,13 @@ void bindModule(py::module_& m) {
                                    return toPythonText(self.use<KRModule>(
                                        "failure", [](KRModule& module) { return module.getFailure(); }));
                                })
-        .def("report_failure",
-             [](const ModuleBody& self, const std::string& reason) {
-                 Hosted& hosted = self.getHosted("report_failure");
-                 self.use<KRModule>("report_failure", [&](KRModule&) { hosted.fail(reason); });
-             },
-             py::arg("reason"));
+        .def(
+            "report_failure",
+            [](const ModuleBody& self, const std::string& reason) {
+                Hosted& hosted = self.getHosted("report_failure");
+                self.use<KRModule>("report_failure", [&](KRModule&) { hosted.fail(reason); });
+            },
+            py::arg("reason"));
     bindExtractor(body);
     m.def("make_module", &makeModuleBody, py::arg("self"), py::arg("broker"), py::arg("name"));
     m.def("make_extractor", &makeExtractorBody, py::arg("self"), py::arg("broker"), py::arg("name"),

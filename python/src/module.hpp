@@ -51,6 +51,7 @@ public:
     bool isInsideHook() const noexcept;
     /// A program hosts the module: it is no longer the body that destroys it. The interpreter's lock is held.
     void setReleased(ModuleBody& body) noexcept { body_ = &body; }
+    bool isReleased() const noexcept { return body_ != nullptr; }
 
 protected:
     /// While this exists, a hook of the module runs on this thread with the interpreter's lock held.
@@ -121,9 +122,8 @@ public:
         Base::bindMethodOverload(boost::make_shared<KRFunctorBase>(std::move(function)));
     }
     void declare(const KRParameterInfo& parameter) override {
-        Base::declareParameter(parameter, [this, name = parameter.name](const KRValue& value) {
-            setParameter(name, value);
-        });
+        Base::declareParameter(
+            parameter, [this, name = parameter.name](const KRValue& value) { setParameter(name, value); });
     }
     void fail(const std::string& reason) override { Base::reportFailure(reason); }
     void declareEvent(const std::string& event) override {
@@ -160,7 +160,8 @@ public:
 
     /// Publishes nothing more: others can call it. The Python object stays from now on until it is closed.
     void makeReachable();
-    /// Shuts the module down and destroys it, and waits for that unless it is called from one of its own calls.
+    /// Shuts the module down and destroys it, and waits for that unless it is called from one of its own calls. Asks a
+    /// module that was released to exit.
     void close();
     /// Gives the module to a program that hosts it: that one destroys it, close() does not.
     std::unique_ptr<KRModule> release();

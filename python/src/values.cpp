@@ -77,8 +77,7 @@ KRValue fromSequence(PyObject* object) {
     std::vector<KRValue> elements;
     // The list may change while an element is converted.
     for (Py_ssize_t i = 0; i < PySequence_Fast_GET_SIZE(object); ++i) {
-        elements.push_back(
-            toValue(py::reinterpret_borrow<py::object>(PySequence_Fast_GET_ITEM(object, i))));
+        elements.push_back(toValue(py::reinterpret_borrow<py::object>(PySequence_Fast_GET_ITEM(object, i))));
     }
     return elements;
 }
@@ -122,9 +121,10 @@ KRValue toValue(py::handle handle) {
             return toValue(item);
         }
     }
-    refuse(PyExc_TypeError, "a " + getTypeNameOf(handle) +
-                                " is not a value; values are None, bool, int, float, str, bytes, memoryview and "
-                                "lists of these");
+    refuse(PyExc_TypeError,
+           "a " + getTypeNameOf(handle) +
+               " is not a value; values are None, bool, int, float, str, bytes, memoryview and "
+               "lists of these");
 }
 
 std::vector<KRValue> toValues(const py::args& objects) {
@@ -203,8 +203,8 @@ std::string toText(py::handle text) {
         return {utf8, static_cast<std::size_t>(size)};
     }
     PyErr_Clear();
-    const auto bytes = py::reinterpret_steal<py::object>(
-        PyUnicode_AsEncodedString(text.ptr(), "utf-8", "surrogateescape"));
+    const auto bytes =
+        py::reinterpret_steal<py::object>(PyUnicode_AsEncodedString(text.ptr(), "utf-8", "surrogateescape"));
     if (!bytes) {
         throw py::error_already_set();
     }

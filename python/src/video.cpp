@@ -45,8 +45,9 @@ public:
     PythonImage read(std::uint64_t frame, std::size_t stream) {
         if (frame >= file_->countCompleteFrames() || stream >= file_->getStreams().size()) {
             throw py::index_error("frame " + std::to_string(frame) + " of stream " + std::to_string(stream) +
-                                  " does not exist; there are " + std::to_string(file_->countCompleteFrames()) +
-                                  " frames of " + std::to_string(file_->getStreams().size()) + " streams");
+                                  " does not exist; there are " +
+                                  std::to_string(file_->countCompleteFrames()) + " frames of " +
+                                  std::to_string(file_->getStreams().size()) + " streams");
         }
         return {access("frame", [&] {
             const KRLock lock(mutex_);

@@ -62,3 +62,27 @@ def run_program(path: Path, source: str, *, timeout: float = 60.0, **environment
 @pytest.fixture
 def run(tmp_path: Path) -> Callable[..., "subprocess.CompletedProcess[str]"]:
     return lambda source, **keywords: run_program(tmp_path, source, **keywords)
+
+
+@pytest.fixture
+def domain() -> Iterator[str]:
+    """The address of a DDS domain that no other test uses meanwhile; the tests in C++ take them in the same way."""
+    import fcntl
+
+    first, count = 10, 90
+    with open("/tmp/krdds-test-domain.turn", "a+b") as turns:
+        fcntl.flock(turns, fcntl.LOCK_EX)
+        turns.seek(0)
+        turn = int.from_bytes(turns.read(4), sys.byteorder)
+        turns.truncate(0)
+        turns.write(((turn + 1) & 0xFFFFFFFF).to_bytes(4, sys.byteorder))
+    for i in range(count):
+        number = first + (turn + i) % count
+        with open(f"/tmp/krdds-test-domain-{number}.lock", "a+b") as lock:
+            try:
+                fcntl.flock(lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
+            except OSError:
+                continue
+            yield f"dds:?domain={number}&interfaces=lo"
+            return
+    raise RuntimeError("no DDS domain is free for a test")

@@ -27,3 +27,7 @@ endforeach()
 if(NOT KR_SANITIZE)
     kr_add_python_test(types KR_PYTHON_SOURCE=${CMAKE_CURRENT_SOURCE_DIR})
 endif()
+if(KR_COMMAND AND KR_DDS AND TARGET krpythonhost)
+    kr_add_python_test(kr KR_PROGRAM=$<TARGET_FILE_DIR:krvision_python>/../../kr/kr
+                       KR_EXAMPLES=${PROJECT_SOURCE_DIR}/examples/python)
+endif()
