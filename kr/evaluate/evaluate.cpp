@@ -33,7 +33,9 @@ struct Options {
     std::vector<std::vector<std::string>> calls;
 
     void declare(Arguments& arguments) {
-        arguments.add("MODULE", moduleFile, "library that contains KR_REGISTER_MODULE, or Python file[:class]").required();
+        arguments
+            .add("MODULE", moduleFile, "library that contains KR_REGISTER_MODULE, or Python file[:class]")
+            .required();
         arguments.add("RECORDING", recording, "oxv or mcap file").required();
         arguments.add("--out", out, "file for the results that ends in .jsonl or .mcap");
         arguments.add("--against", against, ".jsonl file with the results to expect");
