@@ -1,6 +1,6 @@
 // Uses the page as a person does, with mouse and keys, in front of kr serve with a moving ball and the motion module.
 //   page.mjs KR MOTION-LIBRARY BROKER FOLDER
-// Prints a line per sentence that holds. If one does not, leaves FOLDER/failed.png.
+// Prints a line per sentence that holds. For one that does not, leaves FOLDER/failed-N.png.
 
 import { join } from "node:path";
 import { Browser } from "./browser.mjs";
@@ -130,6 +130,26 @@ const sentences = [
         },
     ],
     [
+        "the picture is shown in the size and colour space that is chosen",
+        async (page) => {
+            const choose = (label, value) => {
+                const select = document.querySelector(`[data-camera="0"] select[aria-label="${label} of the picture"]`);
+                select.value = value;
+                select.dispatchEvent(new Event("change"));
+            };
+            const isWide = (width) => document.querySelector('[data-camera="0"] canvas.picture').width === width;
+            const isSubscribed = (form) => [...document.querySelectorAll('[data-camera="0"] .statistics .facts')].some(({ textContent }) => textContent === form);
+            await page.waitFor("the choices", () => document.querySelector('[data-camera="0"] .choice')?.hidden === false);
+            await page.evaluate(choose, "Size", "160x120");
+            await page.evaluate(choose, "Colour space", "luma");
+            await page.waitFor("a small picture", isWide, 160);
+            await page.waitFor("a subscription to luma", isSubscribed, "160×120 luma");
+            await page.evaluate(choose, "Size", "640x480");
+            await page.evaluate(choose, "Colour space", "yuv422");
+            await page.waitFor("the usual picture", isWide, 640);
+        },
+    ],
+    [
         "a refused call is reported",
         async (page) => {
             await page.evaluate(() => {
@@ -211,17 +231,17 @@ const sentences = [
 
 let served = await serve("--web", address);
 const browser = await Browser.open();
-let page;
 try {
-    page = await browser.openPage(`http://${address}/`);
-    for (const [sentence, prove] of sentences) {
+    const page = await browser.openPage(`http://${address}/`);
+    for (const [i, [sentence, prove]] of sentences.entries()) {
         try {
             await prove(page);
+            console.log(sentence);
         } catch (error) {
-            await page.saveScreenshot(join(folder, "failed.png"));
-            throw new Error(`not true: ${sentence}: ${error.message}`);
+            process.exitCode = 1;
+            console.error(`not true: ${sentence}: ${error.message}`);
+            await page.saveScreenshot(join(folder, `failed-${i}.png`));
         }
-        console.log(`${sentence}`);
     }
     require(page.errors.length === 0, `errors in the page:\n${page.errors.join("\n")}`);
 } catch (error) {
