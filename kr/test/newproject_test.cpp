@@ -67,18 +67,30 @@ protected:
         ASSERT_EQ(tested.exitCode, 0) << tested.out;
         ASSERT_THAT(tested.out, HasSubstr("100% tests passed"));
     }
+    /// The same in Python, that of the system, where names have "_" for "-".
+    void makeInPython(const std::string& name, const std::string& kind) const {
+        ASSERT_EQ(kr({"new", name, "--python", kind}).exitCode, 0);
+        ::setenv("PATH", (path("prefix/bin:/usr/bin:") + std::getenv("PATH")).c_str(), 1);
+        ::setenv("PYTHONPATH", path(std::string("prefix/") + KR_PYTHON_PLACE).c_str(), 1);
+        const Outcome tested = run({path(name + "/.ci/test")});
+        ASSERT_EQ(tested.exitCode, 0) << tested.out;
+        ASSERT_THAT(tested.out, HasSubstr(" passed"));
+    }
+    /// An extractor RedBall works in kr run beside kr serve.
+    void expectToRun(const std::string& module) const {
+        const RunningProgram serving = serve({"--camera", "0=test:smpte"});
+        RunningProgram running(onDomain({"run", path(module), "--subscribe", "RedBall"}), "module RedBall runs");
+        ASSERT_TRUE(running.isUp()) << running.readErr();
+        EXPECT_THAT(krOnDomain({"memory", "watch", "RedBall/Brightness", "--count", "2", "--seconds", "30"}).out,
+                    testing::ContainsRegex("RedBall/Brightness +1[0-9][0-9]")); // after the empty list at the start
+        EXPECT_EQ(running.stop().exitCode, 0) << running.readErr();
+    }
     static std::string path(const std::string& name) { return Installation::get().path(name); }
 };
 
 TEST_F(KrNewProject, AnExtractorBuildsPassesItsTestsAndRuns) {
     ASSERT_NO_FATAL_FAILURE(make("red-ball"));
-    const RunningProgram serving = serve({"--camera", "0=test:smpte"});
-    RunningProgram running(onDomain({"run", path("red-ball/build/red-ball.so"), "--subscribe", "RedBall"}),
-                           "module RedBall runs");
-    ASSERT_TRUE(running.isUp()) << running.readErr();
-    EXPECT_THAT(krOnDomain({"memory", "watch", "RedBall/", "--count", "1", "--seconds", "30"}).out,
-                HasSubstr("RedBall/Brightness"));
-    EXPECT_EQ(running.stop().exitCode, 0);
+    expectToRun("red-ball/build/red-ball.so");
 }
 
 TEST_F(KrNewProject, AModuleBuildsPassesItsTestAndRuns) {
@@ -88,5 +100,20 @@ TEST_F(KrNewProject, AModuleBuildsPassesItsTestAndRuns) {
     EXPECT_EQ(krOnDomain({"call", "Counter", "count", "3"}).out, "3\n");
     EXPECT_EQ(running.stop().exitCode, 0);
 }
+
+#ifdef KR_WITH_PYTHON
+TEST_F(KrNewProject, AnExtractorInPythonPassesItsTestsAndRuns) {
+    ASSERT_NO_FATAL_FAILURE(makeInPython("red-ball", "--extractor"));
+    expectToRun("red-ball/red_ball.py");
+}
+
+TEST_F(KrNewProject, AModuleInPythonPassesItsTestAndRuns) {
+    ASSERT_NO_FATAL_FAILURE(makeInPython("counter", "--module"));
+    RunningProgram running(onDomain({"run", path("counter/counter.py")}), "module Counter runs");
+    ASSERT_TRUE(running.isUp()) << running.readErr();
+    EXPECT_EQ(krOnDomain({"call", "Counter", "count", "3"}).out, "3\n");
+    EXPECT_EQ(running.stop().exitCode, 0);
+}
+#endif
 
 } // namespace
