@@ -79,10 +79,12 @@ protected:
     /// An extractor RedBall works in kr run beside kr serve.
     void expectToRun(const std::string& module) const {
         const RunningProgram serving = serve({"--camera", "0=test:smpte"});
-        RunningProgram running(onDomain({"run", path(module), "--subscribe", "RedBall"}), "module RedBall runs");
+        RunningProgram running(onDomain({"run", path(module), "--subscribe", "RedBall"}),
+                               "module RedBall runs");
         ASSERT_TRUE(running.isUp()) << running.readErr();
-        EXPECT_THAT(krOnDomain({"memory", "watch", "RedBall/Brightness", "--count", "2", "--seconds", "30"}).out,
-                    testing::ContainsRegex("RedBall/Brightness +1[0-9][0-9]")); // after the empty list at the start
+        EXPECT_THAT(
+            krOnDomain({"memory", "watch", "RedBall/Brightness", "--count", "2", "--seconds", "30"}).out,
+            testing::ContainsRegex("RedBall/Brightness +1[0-9][0-9]")); // after the empty list at the start
         EXPECT_EQ(running.stop().exitCode, 0) << running.readErr();
     }
     static std::string path(const std::string& name) { return Installation::get().path(name); }
