@@ -19,7 +19,7 @@ void WebOptions::declare(Arguments& arguments) {
 
 void WebOptions::declareForServe(Arguments& arguments) {
     arguments.add("--web", address_, "web page and Foxglove server, as of kr web, at this address")
-        .valueName(std::string("ADDRESS:PORT (") + KRWebOptions::kDefaultAddress + ")")
+        .valueName("[ADDRESS:PORT]")
         .optionalValue(KRWebOptions::kDefaultAddress);
     declareAccess(arguments, "--web-");
 }

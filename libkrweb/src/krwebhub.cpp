@@ -336,7 +336,16 @@ bool Hub::hasParameter(const ClientState& state, const std::string& name) {
     return state.hasAllParameters || state.parameters.contains(name);
 }
 
+void Hub::refuseMany(Client& client) {
+    sendStatus(client, StatusLevel::Error,
+               "a request names at most " + std::to_string(kMaxParameters) + " parameters");
+}
+
 void Hub::getParameters(Client& client, const GetParameters& message) {
+    if (message.names.size() > kMaxParameters) {
+        refuseMany(client);
+        return;
+    }
     const bool isAccepted = calls_->useParameters(
         {}, message.names,
         [this, to = &client, number = clientNumbers_.at(&client), message](Calls::Parameters answer) {
@@ -355,6 +364,10 @@ void Hub::getParameters(Client& client, const GetParameters& message) {
 }
 
 void Hub::setParameters(Client& client, const SetParameters& message) {
+    if (message.values.size() > kMaxParameters) {
+        refuseMany(client);
+        return;
+    }
     std::set<std::string> own; // of this client's pictures
     Values others;
     for (const auto& [name, value] : message.values) {
@@ -575,11 +588,12 @@ void Hub::updateServices(const Directory& directory) {
             if (method.name.starts_with('_') || serviceNames_.contains(name)) { // internal; an overload
                 continue;
             }
-            ServiceInfo info{++lastId_, name, makeRequestSchema(*methods, method.name),
+            const std::uint32_t id = ++lastId_;
+            ServiceInfo info{id, name, makeRequestSchema(*methods, method.name),
                              makeResponseSchema(*methods, method.name)};
             come.push_back(info);
-            serviceNames_.emplace(name, info.id);
-            services_.emplace(info.id, Service{std::move(info), module, method.name, methods});
+            serviceNames_.emplace(name, id);
+            services_.emplace(id, Service{std::move(info), module, method.name, methods});
         }
     }
     if (!gone.empty()) {

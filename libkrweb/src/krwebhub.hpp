@@ -85,6 +85,7 @@ private:
     void subscribeParameters(Client& client, const SubscribeParameters& message);
     void setParameters(Client& client, const SetParameters& message);
     void getParameters(Client& client, const GetParameters& message);
+    static void refuseMany(Client& client);
     void callService(Client& client, const CallService& message);
 
     void setDirectory(const Directory& directory);
