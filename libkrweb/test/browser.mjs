@@ -5,7 +5,7 @@ import { mkdtemp, rm, writeFile } from "node:fs/promises";
 import { tmpdir } from "node:os";
 import { join } from "node:path";
 
-const kPatience_ms = 20000;
+const kPatience_ms = 30000;
 const kPoll_ms = 30;
 
 export class Browser {

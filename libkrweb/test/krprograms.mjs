@@ -3,7 +3,7 @@
 import { spawn, spawnSync } from "node:child_process";
 import { createServer } from "node:net";
 
-const kPatience_ms = 20000;
+const kPatience_ms = 30000;
 
 /** A TCP port of the loopback interface that is free now. */
 export function findFreePort() {
