@@ -17,7 +17,16 @@
 
 from ._annotations import Annotations, Box, Polyline, Text
 from ._broker import Broker, Method, Parameter, Proxy, RemoteMethod
-from ._cameras import CameraControl, CameraInfo, Cameras, CameraService, CameraSubscriber, CameraSubscription
+from ._cameras import (
+    CameraControl,
+    CameraInfo,
+    Cameras,
+    CameraService,
+    CameraStatistics,
+    CameraSubscriber,
+    CameraSubscription,
+    Durations,
+)
 from ._definitions import ColorSpace, Resolution, Value
 from ._errors import Error
 from ._krvision import Image, Roi
@@ -35,10 +44,12 @@ __all__ = [
     "CameraControl",
     "CameraInfo",
     "CameraService",
+    "CameraStatistics",
     "CameraSubscriber",
     "CameraSubscription",
     "Cameras",
     "ColorSpace",
+    "Durations",
     "Error",
     "Event",
     "Extractor",

@@ -51,6 +51,32 @@ class CameraSubscriber(NamedTuple):
     frame_rate: int
 
 
+class Durations(NamedTuple):
+    """Distribution of a duration, milliseconds; 0 without a measurement."""
+
+    median_ms: float
+    #: 99th percentile
+    p99_ms: float
+    max_ms: float
+
+
+class CameraStatistics(NamedTuple):
+    """What a subscription has received since it began."""
+
+    id: str
+    camera: int
+    #: images fetched
+    delivered: int
+    #: images of the camera that were not fetched
+    missed: int
+    #: from capture to delivery
+    age: Durations
+    #: from delivery to delivery
+    interval: Durations
+    #: from delivery to release
+    hold: Durations
+
+
 class CameraSubscription:
     """A subscription to a camera. Made by Cameras.subscribe().
 
@@ -175,6 +201,13 @@ class Cameras:
     def subscribers(self) -> list[CameraSubscriber]:
         """All subscriptions, the oldest first."""
         return [CameraSubscriber(*each) for each in self._cameras.subscribers()]
+
+    def statistics(self) -> list[CameraStatistics]:
+        """What all subscriptions have received, the oldest first."""
+        return [
+            CameraStatistics(id, camera, delivered, missed, Durations(*rest[:3]), Durations(*rest[3:6]), Durations(*rest[6:9]))
+            for id, camera, delivered, missed, *rest in self._cameras.statistics()
+        ]
 
 
 class CameraService:

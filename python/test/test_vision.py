@@ -272,6 +272,11 @@ def test_a_camera_subscription_yields_images(broker: kr.Broker, cameras: kr.Came
         images = [image for image, _ in zip(subscription, range(3))]
         assert [image.pixels.shape for image in images] == [(240, 320, 3)] * 3
         assert subscription.frame_rate == 30
+        (statistics,) = cameras.statistics()
+        assert (statistics.id, statistics.camera) == (subscription.id, 0)
+        assert statistics.delivered >= 3
+        assert 0 < statistics.interval.median_ms <= statistics.interval.max_ms
+        assert statistics.age.median_ms > 0
         assert subscription.set_resolution(kr.Resolution.VGA)
         assert subscription.set_color_space(kr.ColorSpace.LUMA)
         assert subscription.set_frame_rate(15)
