@@ -15,6 +15,7 @@ namespace KR {
 /// The service asks for them on the threads of its subscribers, which may be several at once.
 class KR_EXPORT KRImageFeed {
 public:
+    /// One image on its way to the camera service.
     struct Image {
         std::uint64_t number = 0; ///< counts from 1; 0: there is no image
         /// Its pixels are not changed once it has been handed over. Of a size of the resolutions 0 to 17 and of the colour

@@ -77,9 +77,13 @@ public:
     /// Releases the image that was fetched last; without effect if there is none. The next fetch releases it, too.
     void releaseImage(const std::string& id);
 
+    /// Images per second, 1 to 30.
     bool setFrameRate(const std::string& id, int frameRate);
+    /// Images per second.
     int getFrameRate(const std::string& id) const;
+    /// Resolution code.
     bool setResolution(const std::string& id, int resolution);
+    /// Colour-space code.
     bool setColorSpace(const std::string& id, int colorSpace);
 
     /// Moves a subscription to another camera, opening and closing cameras as needed.

@@ -32,11 +32,11 @@ KR_EXPORT void registerDDS();
 
 /// The parts of an address "dds:...", with the defaults filled in.
 struct KRDDSAddress {
-    std::uint32_t domain = 0;
-    std::string name;
-    std::optional<bool> memory; ///< nullopt: the address does not mention it, which means `none`
-    std::vector<std::string> interfaces;
-    bool secure = false;
+    std::uint32_t domain = 0;            ///< number of the DDS domain
+    std::string name;                    ///< of the broker in messages
+    std::optional<bool> memory;          ///< nullopt: the address does not mention it, which means `none`
+    std::vector<std::string> interfaces; ///< network interfaces to use; empty: one that DDS chooses
+    bool secure = false;                 ///< whether DDS Security is asked for
 };
 
 /// \throws KRError the address is malformed. Thread-safe.

@@ -9,7 +9,7 @@
 /// Annotations in the form that viewers draw over images: `foxglove.ImageAnnotations` in JSON. Reentrant.
 namespace KR {
 
-inline constexpr const char* kAnnotationsSchemaName = "foxglove.ImageAnnotations";
+inline constexpr const char* kAnnotationsSchemaName = "foxglove.ImageAnnotations"; ///< of the message
 
 /// JSON schema of the messages.
 KR_EXPORT std::string_view getAnnotationsSchema() noexcept;

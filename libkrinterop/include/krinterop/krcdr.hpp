@@ -43,6 +43,7 @@ class KR_EXPORT KRCdrWriter {
 public:
     KRCdrWriter();
 
+    /// Appends a number, aligned to its size.
     template <detail::CdrNumber T>
     void write(T number) {
         align(sizeof number);
@@ -52,6 +53,7 @@ public:
     void write(bool value) { write(static_cast<std::uint8_t>(value ? 1 : 0)); }
     /// \throws KRCdrError longer than 32 bits can count
     void write(std::string_view text);
+    /// The same for a text that ends with a zero.
     void write(const char* text) { write(std::string_view(text)); }
     /// The number of elements of a sequence; its elements follow.
     /// \throws KRCdrError it does not fit 32 bits
@@ -59,7 +61,9 @@ public:
     /// Bytes as they are: the elements of a sequence of uint8.
     void writeBytes(KRBytes bytes) { append(bytes.data(), bytes.size()); }
 
+    /// What has been written.
     const std::vector<unsigned char>& getBytes() const noexcept { return bytes_; }
+    /// The same; leaves the writer empty.
     std::vector<unsigned char> takeBytes() noexcept { return std::move(bytes_); }
 
 private:
@@ -96,6 +100,7 @@ public:
     /// The next bytes as they are; refers to the message. \throws KRCdrError the message ends before
     KRBytes readBytes(std::size_t size) { return take(size); }
 
+    /// Bytes behind what has been read.
     std::size_t countBytesLeft() const noexcept { return message_.size() - position_; }
 
 private:

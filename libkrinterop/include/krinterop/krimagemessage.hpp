@@ -24,25 +24,25 @@
 /// The functions are reentrant.
 namespace KR {
 
-inline constexpr const char* kImageSchemaName = "sensor_msgs/msg/Image";
+inline constexpr const char* kImageSchemaName = "sensor_msgs/msg/Image"; ///< name of the message type
 /// Encoding of the schema's text, and of the messages.
 inline constexpr const char* kImageSchemaEncoding = "ros2msg";
-inline constexpr const char* kImageMessageEncoding = "cdr";
+inline constexpr const char* kImageMessageEncoding = "cdr"; ///< how its messages are encoded
 
 /// The definition of `sensor_msgs/msg/Image` with those that it refers to.
 KR_EXPORT std::string_view getImageSchema() noexcept;
 
 /// A decoded `sensor_msgs/msg/Image`. Refers to the message that it was decoded from.
 struct KRImageMessage {
-    std::int32_t seconds = 0; ///< capture time since the Unix epoch
-    std::uint32_t nanoseconds = 0;
-    std::string_view frameId;
-    std::uint32_t height = 0; ///< pixels
-    std::uint32_t width = 0;  ///< pixels
-    std::string_view encoding;
-    bool isBigEndian = false; ///< of samples longer than a byte
-    std::uint32_t step = 0;   ///< bytes from one row to the next
-    KRBytes pixels;           ///< at least `height * step` bytes
+    std::int32_t seconds = 0;      ///< capture time since the Unix epoch
+    std::uint32_t nanoseconds = 0; ///< of the time stamp, beyond its seconds
+    std::string_view frameId;      ///< coordinate frame
+    std::uint32_t height = 0;      ///< pixels
+    std::uint32_t width = 0;       ///< pixels
+    std::string_view encoding;     ///< how a pixel is stored, such as "bgr8"
+    bool isBigEndian = false;      ///< of samples longer than a byte
+    std::uint32_t step = 0;        ///< bytes from one row to the next
+    KRBytes pixels;                ///< at least `height * step` bytes
 };
 
 /// The encoding of a colour space; the table above.

@@ -22,6 +22,7 @@ KR_EXPORT KRValue toValue(const nlohmann::ordered_json& json);
 
 /// RFC 4648, section 4. \throws std::invalid_argument it is not base64
 KR_EXPORT KRBinary decodeBase64(std::string_view text);
+/// Bytes as text: base64 with padding, RFC 4648.
 KR_EXPORT std::string encodeBase64(const KRBinary& bytes);
 
 } // namespace KR

@@ -17,7 +17,7 @@ public:
     KRMcapInput(const KRMcapInput&) = delete;
     KRMcapInput& operator=(const KRMcapInput&) = delete;
 
-    virtual std::uint64_t getSize() = 0;
+    virtual std::uint64_t getSize() = 0; ///< bytes
     /// \return how many bytes were read: fewer only at the end of the file
     /// \throws KRMcapError they cannot be read
     virtual std::size_t readAt(void* to, std::size_t size, std::uint64_t offset) = 0;
@@ -26,13 +26,14 @@ public:
 /// A file of the operating system. \throws KRMcapError with the path: it cannot be opened, or is no regular file
 KR_EXPORT std::unique_ptr<KRMcapInput> openMcapFile(const std::string& path);
 
+/// A message of a file, with its channel.
 struct KRMcapMessage {
     const KRMcapChannel* channel = nullptr; ///< valid as long as the reader
     const KRMcapSchema* schema = nullptr;   ///< null: the channel has none, or the file does not hold it
-    std::uint32_t sequence = 0;
-    std::uint64_t logTime = 0;     ///< nanoseconds
-    std::uint64_t publishTime = 0; ///< nanoseconds
-    KRBytes data;                  ///< valid until the reader reads on
+    std::uint32_t sequence = 0;             ///< number that its writer gave it
+    std::uint64_t logTime = 0;              ///< nanoseconds
+    std::uint64_t publishTime = 0;          ///< nanoseconds
+    KRBytes data;                           ///< valid until the reader reads on
 };
 
 /// Bounds that are checked before memory is taken.
@@ -51,7 +52,7 @@ struct KRMcapLimits {
 struct KRMcapSelection {
     /// File: as they were written. Time: by log time, equal ones as they were written.
     enum class Order { File, Time };
-    Order order = Order::File;
+    Order order = Order::File;                                         ///< in which messages come
     std::uint64_t startTime = 0;                                       ///< of the first one, nanoseconds
     std::uint64_t endTime = std::numeric_limits<std::uint64_t>::max(); ///< of the last one
     /// Whether messages of the channel are wanted; empty: all are.
@@ -68,6 +69,7 @@ struct KRMcapDamage {
     bool isClosed = true;               ///< whether the file ends as a closed one does
     std::vector<std::string> texts;     ///< a sentence for each of the first ones
 
+    /// Whether there is none.
     bool isNone() const noexcept {
         return wrongCrcs == 0 && unreadableChunks == 0 && badRecords == 0 && unknownChannels == 0 &&
                cutBytes == 0 && isClosed && texts.empty();
@@ -84,6 +86,7 @@ class KR_EXPORT KRMcapReader {
 public:
     /// \throws KRMcapError it cannot be read, or does not begin as an MCAP file does
     explicit KRMcapReader(const std::string& path, KRMcapLimits limits = {});
+    /// The same for another input.
     explicit KRMcapReader(std::unique_ptr<KRMcapInput> input, KRMcapLimits limits = {});
     ~KRMcapReader();
     KRMcapReader(const KRMcapReader&) = delete;
@@ -91,7 +94,7 @@ public:
 
     const std::string& getProfile() const noexcept; ///< as the header has it
     const std::string& getLibrary() const noexcept; ///< what wrote the file
-    std::uint64_t getFileSize() const noexcept;
+    std::uint64_t getFileSize() const noexcept;     ///< bytes
 
     /// Whether chunks are found by the summary. Then messages outside of chunks are not.
     bool isIndexed() const noexcept;
@@ -99,10 +102,13 @@ public:
     const std::optional<KRMcapStatistics>& getStatistics() const noexcept;
     /// Known so far: without a summary, channels and schemas are known once messages have been read.
     const std::map<std::uint16_t, KRMcapChannel>& getChannels() const noexcept;
+    /// By number; those that have been read so far.
     const std::map<std::uint16_t, KRMcapSchema>& getSchemas() const noexcept;
     /// In the order of the file. Those found by a search lack `messageIndexOffsets`.
     const std::vector<KRMcapChunkIndex>& getChunks() const noexcept;
+    /// Where the attachments are, those that the file lists.
     const std::vector<KRMcapAttachmentIndex>& getAttachments() const noexcept;
+    /// Where the metadata records are, those that the file lists.
     const std::vector<KRMcapMetadataIndex>& getMetadata() const noexcept;
 
     /// Begins again, with what is wanted now. At first all messages are, in the order of the file.
@@ -113,6 +119,7 @@ public:
 
     /// \throws KRMcapError the file cannot be read there; it is not an attachment; too large; wrong CRC
     KRMcapAttachment readAttachment(const KRMcapAttachmentIndex& index);
+    /// The same for a metadata record.
     KRMcapMetadata readMetadata(const KRMcapMetadataIndex& index);
 
     /// Of what has been read so far.

@@ -17,8 +17,11 @@ namespace KR {
 
 KR_EXPORT std::string getImageTopic(int camera);           ///< `/camera/N/image`
 KR_EXPORT std::string getImagePropertiesTopic(int camera); ///< `/camera/N/properties`
+/// Topic of the values of a memory key: "/memory/KEY".
 KR_EXPORT std::string getMemoryTopic(const std::string& key);
+/// Topic of an event: "/event/NAME".
 KR_EXPORT std::string getEventTopic(const std::string& name);
+/// Topic of what a module sees: "/MODULE/annotations".
 KR_EXPORT std::string getAnnotationsTopic(const std::string& module);
 
 /// The camera of an image topic; nullopt if it is not one.
@@ -29,10 +32,11 @@ KR_EXPORT std::string_view getValueSchema() noexcept;
 /// JSON schema of messages on properties topics.
 KR_EXPORT std::string_view getImagePropertiesSchema() noexcept;
 
-inline constexpr const char* kValueSchemaName = "krvision.Value";
+inline constexpr const char* kValueSchemaName = "krvision.Value"; ///< of values and events
+/// Of what an image message does not hold.
 inline constexpr const char* kImagePropertiesSchemaName = "krvision.ImageProperties";
-inline constexpr const char* kJsonSchemaEncoding = "jsonschema";
-inline constexpr const char* kJsonMessageEncoding = "json";
+inline constexpr const char* kJsonSchemaEncoding = "jsonschema"; ///< of both schemas
+inline constexpr const char* kJsonMessageEncoding = "json";      ///< of messages with them
 
 /// What an image has and `sensor_msgs/msg/Image` has no field for.
 struct KRImageProperties {
@@ -43,7 +47,9 @@ struct KRImageProperties {
     std::array<float, 4> angles = {}; ///< left, top, right, bottom, radians; any bits
 };
 
+/// The properties of an image.
 KR_EXPORT KRImageProperties getProperties(const KRImage& image) noexcept;
+/// As JSON.
 KR_EXPORT std::string encodeImageProperties(const KRImageProperties& properties);
 /// nullopt: it is no such message. Throws nothing.
 KR_EXPORT std::optional<KRImageProperties> decodeImageProperties(std::string_view json) noexcept;
@@ -68,6 +74,7 @@ public:
     /// \param frame  number of the image that it belongs to, in the recording that was evaluated
     void writeMemory(const std::string& key, const KRValue& value, std::uint64_t logTime,
                      std::optional<std::uint64_t> frame = std::nullopt);
+    /// Writes an event that was raised; the parameters are those of writeMemory().
     void writeEvent(const std::string& name, const KRValue& value, std::uint64_t logTime,
                     std::optional<std::uint64_t> frame = std::nullopt);
     /// Sets the size of a camera's images, pixels; writeImage() does so, too.

@@ -26,8 +26,9 @@ public:
 /// \throws KRMcapError with the name: it cannot be opened
 KR_EXPORT std::unique_ptr<KRMcapOutput> createMcapFile(const std::string& path, const std::string& name = "");
 
+/// How a file is written.
 struct KRMcapWriterOptions {
-    KRMcapCompression compression = KRMcapCompression::None;
+    KRMcapCompression compression = KRMcapCompression::None; ///< of the chunks
     /// As `lz4` and `zstd` take it: 1 is fast.
     int compressionLevel = 1;
     /// Bytes of messages after which a chunk is closed: what a killed process loses at most. 0: no chunks, each message is
@@ -50,6 +51,7 @@ class KR_EXPORT KRMcapWriter {
 public:
     /// \throws KRMcapError the file cannot be created or written
     explicit KRMcapWriter(const std::string& path, KRMcapWriterOptions options = {});
+    /// The same to another output.
     explicit KRMcapWriter(std::unique_ptr<KRMcapOutput> output, KRMcapWriterOptions options = {});
     /// Closes the file if that has not been done. Errors are lost: call close() to see them.
     ~KRMcapWriter();
@@ -72,11 +74,13 @@ public:
     /// \throws KRMcapError an error of the output; no such channel
     void write(std::uint16_t channelId, std::uint32_t sequence, std::uint64_t logTime,
                std::uint64_t publishTime, std::span<const KRBytes> pieces);
+    /// The same for a message in one piece.
     void write(std::uint16_t channelId, std::uint32_t sequence, std::uint64_t logTime,
                std::uint64_t publishTime, KRBytes message);
 
     /// \throws KRMcapError an error of the output
     void writeAttachment(const KRMcapAttachment& attachment);
+    /// Writes a metadata record.
     void writeMetadata(const KRMcapMetadata& metadata);
 
     /// Closes the chunk that is open, if it has messages. \throws KRMcapError an error of the output

@@ -35,6 +35,7 @@ struct KR_EXPORT KRLocalAddress {
     static std::optional<KRLocalAddress> parse(std::string_view text);
 };
 
+/// Who may connect, and how much memory is shared.
 struct KRLocalOptions {
     std::string id;    ///< identity that others are given with each request; 1 to 1024 bytes
     std::string group; ///< members of this group may connect as well; empty: only the same user
@@ -60,7 +61,7 @@ public:
     /// dropped. \throws KRError the message is beyond the bounds; the request is still unanswered
     void reply(const KRLocalMessage& answer);
 
-    KRLocalMessage message;
+    KRLocalMessage message; ///< what was asked
 
 private:
     friend class KRLocalServer;
@@ -96,11 +97,13 @@ public:
     /// request itself, and reads the reply itself unless another caller is reading.
     /// \throws KRError the message is beyond the bounds; the connection is closed, the description says why
     virtual KRLocalMessage call(const KRLocalMessage& request) = 0;
+    /// Whether the other process is still connected.
     virtual bool isOpen() const = 0;
     /// Fails the calls under way and those to come. \param why  description of their error
     virtual void close(const std::string& why) = 0;
 };
 
+/// What an endpoint has done so far.
 struct KRLocalStatistics {
     std::size_t memory = 0;         ///< bytes of shared memory that this process has
     std::size_t lent = 0;           ///< binaries in it that other processes hold
@@ -123,6 +126,7 @@ public:
     KRLocalEndpoint(const KRLocalEndpoint&) = delete;
     KRLocalEndpoint& operator=(const KRLocalEndpoint&) = delete;
 
+    /// Where others connect.
     const KRLocalAddress& getAddress() const noexcept;
 
     /// Connects to another endpoint; blocks until it answers.
@@ -134,6 +138,7 @@ public:
                                                std::chrono::milliseconds patience,
                                                std::function<void(const std::string& why)> onGone);
 
+    /// What it has done so far. Thread-safe.
     KRLocalStatistics getStatistics() const;
 
     /// Closes all connections, both ways, and returns when no request is being served and no function of the service is

@@ -55,6 +55,7 @@ public:
     /// second argument is ignored.
     boost::shared_ptr<KRProxy> getProxy(const std::string& module, int = 0);
 
+    /// Its link to the services that it can reach.
     KRSession& getSession() noexcept;
 
     /// The time of this broker's modules (<krplatform/krclock.hpp>).

@@ -16,6 +16,7 @@ namespace KR {
 /// than real time and twice with the same result: see KRRecordingClock.
 class KR_EXPORT KRClock {
 public:
+    /// A time of this clock; only differences have a meaning.
     using TimePoint = std::chrono::steady_clock::time_point;
 
     KRClock() = default;

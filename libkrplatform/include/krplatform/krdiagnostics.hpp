@@ -8,15 +8,16 @@ namespace KR {
 
 /// Another broker, as this one has discovered it. Texts are bounded and escaped, ready to be printed.
 struct KRPeerDiagnostics {
+    /// Of the connection.
     enum class State {
         Connecting, ///< discovered, but it does not receive calls yet
         Connected,  ///< its modules can be called
         Refused     ///< speaks another protocol: neither broker reaches the other's modules
     };
 
-    std::string location; ///< "in process 4711 (kr) on robot1"
-    std::uint32_t protocol = 0;
-    State state = State::Connecting;
+    std::string location;             ///< "in process 4711 (kr) on robot1"
+    std::uint32_t protocol = 0;       ///< version that it speaks
+    State state = State::Connecting;  ///< of the connection
     std::vector<std::string> modules; ///< names of its modules that can be called
     bool local =
         false; ///< it is called through a socket of this machine and shared memory, not over the network
@@ -26,20 +27,20 @@ struct KRPeerDiagnostics {
 
 /// Modules of the same name in several processes, which each can be called.
 struct KRNameConflict {
-    std::string module;
+    std::string module;                 ///< name that two have
     std::vector<std::string> locations; ///< "in this process", "in process 4711 (kr) on robot1"
 };
 
 /// State of a broker's connection to other processes. In a broker without one everything is empty.
 struct KRBrokerDiagnostics {
-    std::string transport;               ///< "dds"; empty: the broker is alone in its process
-    std::uint32_t domain = 0;            ///< number of the DDS domain
-    bool secure = false;                 ///< brokers authenticate each other and encrypt
-    std::vector<std::string> interfaces; ///< network interfaces asked for; empty: the engine chose
-    std::uint32_t protocol = 0;          ///< version of the messages
-    std::vector<KRPeerDiagnostics> peers;
-    std::vector<KRNameConflict> conflicts;
-    std::uint64_t malformedMessages = 0; ///< discarded since the start: not in the format of the protocol
+    std::string transport;                 ///< "dds"; empty: the broker is alone in its process
+    std::uint32_t domain = 0;              ///< number of the DDS domain
+    bool secure = false;                   ///< brokers authenticate each other and encrypt
+    std::vector<std::string> interfaces;   ///< network interfaces asked for; empty: the engine chose
+    std::uint32_t protocol = 0;            ///< version of the messages
+    std::vector<KRPeerDiagnostics> peers;  ///< other brokers
+    std::vector<KRNameConflict> conflicts; ///< names that several modules have
+    std::uint64_t malformedMessages = 0;   ///< discarded since the start: not in the format of the protocol
     std::uint64_t refusedMessages =
         0; ///< discarded since the start: beyond a limit, or in another broker's name
 };

@@ -14,14 +14,15 @@ namespace KR {
 /// escapeText(). The texts themselves stay as given. Reentrant.
 class KR_EXPORT KRError : public std::runtime_error {
 public:
+    /// \param where  where it was raised
     KRError(std::string module, std::string method, std::string description,
             KRSourceLocation where = KRSourceLocation::current());
     ~KRError() override;
 
-    const std::string& getModule() const noexcept { return module_; }
-    const std::string& getMethod() const noexcept { return method_; }
-    const std::string& getDescription() const noexcept { return description_; }
-    const KRSourceLocation& getLocation() const noexcept { return where_; }
+    const std::string& getModule() const noexcept { return module_; }           ///< that raised it
+    const std::string& getMethod() const noexcept { return method_; }           ///< that failed
+    const std::string& getDescription() const noexcept { return description_; } ///< what was wrong
+    const KRSourceLocation& getLocation() const noexcept { return where_; }     ///< where it was raised
 
 private:
     std::string module_;

@@ -46,8 +46,8 @@ constexpr KRArgumentType argumentTypeOf() {
 
 /// A callable whose C++ types have been erased: values in, a value out, and the types that it requires.
 struct KRGenericFunction {
-    std::vector<KRArgumentType> arguments;
-    KRArgumentType result = KRArgumentType::Void;
+    std::vector<KRArgumentType> arguments;        ///< types of the arguments
+    KRArgumentType result = KRArgumentType::Void; ///< type of the result
     /// Expects as many values as `arguments` and of those types. Returns an invalid value for Void.
     std::function<KRValue(std::span<const KRValue>)> invoke;
 };
@@ -57,6 +57,7 @@ struct KRGenericFunction {
 /// The platform calls the function held. `call` is there for holders that override it.
 class KR_EXPORT KRFunctorBase {
 public:
+    /// Takes over a function with its types.
     explicit KRFunctorBase(KRGenericFunction function);
     KRFunctorBase(const KRFunctorBase&) = delete;
     KRFunctorBase& operator=(const KRFunctorBase&) = delete;
@@ -65,7 +66,7 @@ public:
     virtual void call(const KRValue& params, KRValue& result);
     virtual ~KRFunctorBase();
 
-    const KRGenericFunction& getFunction() const noexcept { return function_; }
+    const KRGenericFunction& getFunction() const noexcept { return function_; } ///< with its types
 
 private:
     KRGenericFunction function_;

@@ -11,16 +11,17 @@
 
 namespace KR {
 
+/// How much a record matters.
 enum class KRLogLevel { Error, Warning, Info, Verbose };
 
 /// One line of the log.
 struct KRLogRecord {
-    KRLogLevel level;
-    std::string category; ///< which part of the system speaks, e.g. "core.extractor"
-    std::string message;  ///< without the line end
-    KRSourceLocation location;
-    std::string thread; ///< full name of the thread that logged
-    std::chrono::system_clock::time_point time;
+    KRLogLevel level;                           ///< how much it matters
+    std::string category;                       ///< which part of the system speaks, e.g. "core.extractor"
+    std::string message;                        ///< without the line end
+    KRSourceLocation location;                  ///< where it was logged
+    std::string thread;                         ///< full name of the thread that logged
+    std::chrono::system_clock::time_point time; ///< when it was logged
 };
 
 /// Logs one record: to every listener, and to standard error if its level is printed there.
@@ -37,18 +38,22 @@ struct KRLogRecord {
 KR_EXPORT void log(KRLogLevel level, std::string_view category, std::string_view message,
                    KRSourceLocation where = KRSourceLocation::current());
 
+/// Logs at this level, as log().
 inline void logError(std::string_view category, std::string_view message,
                      KRSourceLocation where = KRSourceLocation::current()) {
     log(KRLogLevel::Error, category, message, where);
 }
+/// Logs at this level, as log().
 inline void logWarning(std::string_view category, std::string_view message,
                        KRSourceLocation where = KRSourceLocation::current()) {
     log(KRLogLevel::Warning, category, message, where);
 }
+/// Logs at this level, as log().
 inline void logInfo(std::string_view category, std::string_view message,
                     KRSourceLocation where = KRSourceLocation::current()) {
     log(KRLogLevel::Info, category, message, where);
 }
+/// Logs at this level, as log().
 inline void logVerbose(std::string_view category, std::string_view message,
                        KRSourceLocation where = KRSourceLocation::current()) {
     log(KRLogLevel::Verbose, category, message, where);
@@ -81,6 +86,7 @@ KR_EXPORT std::string getLogLevels();
 /// is still in the queue then is not heard.
 class KR_EXPORT KRLogListener {
 public:
+    /// \param listener  called on the log thread with each record
     explicit KRLogListener(std::function<void(const KRLogRecord&)> listener);
     ~KRLogListener();
     KRLogListener(const KRLogListener&) = delete;

@@ -12,9 +12,9 @@ class KRValue;
 
 /// One write to the memory module. Valid during the call of the observer.
 struct KRMemoryWrite {
-    bool isEvent; ///< raised, not just written
-    const std::string& name;
-    const KRValue& value;
+    bool isEvent;            ///< raised, not just written
+    const std::string& name; ///< key, or name of the event
+    const KRValue& value;    ///< what was written
 };
 /// Must not throw.
 using KRMemoryObserver = std::function<void(const KRMemoryWrite&)>;

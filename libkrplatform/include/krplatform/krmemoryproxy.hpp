@@ -14,17 +14,17 @@ class KRMemoryLedger;
 
 /// A value that was written to the memory.
 struct KRMemoryChange {
-    std::string key;
-    KRValue value; ///< invalid if it was left out
-    int bytes = 0; ///< that the value takes
-    bool leftOut = false;
+    std::string key;               ///< under which it was written
+    KRValue value;                 ///< invalid if it was left out
+    int bytes = 0;                 ///< that the value takes
+    bool leftOut = false;          ///< whether it was too large to be included
     std::int64_t written_usec = 0; ///< as KRMemoryProxy::getTimestamp() returns it
 };
 
 /// What was written to the memory after an earlier look at it.
 struct KRMemoryChanges {
-    std::string now; ///< stands for this look
-    std::vector<KRMemoryChange> changes;
+    std::string now;                     ///< stands for this look
+    std::vector<KRMemoryChange> changes; ///< in the order of the keys
 };
 
 /// The memory module, typed: data by key, and events.
@@ -39,6 +39,7 @@ struct KRMemoryChanges {
 /// module that comes; other data is not written again. Reading operations and removeData() throw while it is away.
 class KR_EXPORT KRMemoryProxy {
 public:
+    /// On the memory module that the broker reaches, which need not exist yet.
     explicit KRMemoryProxy(const boost::shared_ptr<KRBroker>& broker);
 
     /// Writes a value under a key, in place of any earlier one.
@@ -100,7 +101,7 @@ public:
     /// unless set. \throws KRError a limit below 1
     void setEventLimits(int perSubscription, int inAll);
 
-    const KRProxy& getProxy() const noexcept { return proxy_; }
+    const KRProxy& getProxy() const noexcept { return proxy_; } ///< untyped
 
 private:
     KRMemoryLedger& getLedger() const;

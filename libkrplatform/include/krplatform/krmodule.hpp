@@ -26,18 +26,19 @@ KR_EXPORT void shutDownAndDestroy(std::unique_ptr<KRModule> module) noexcept;
 
 /// One remote method as published.
 struct KRMethodDescription {
+    /// One argument, for people.
     struct Parameter {
-        std::string name;
-        std::string description;
+        std::string name;        ///< of the argument
+        std::string description; ///< of the argument
     };
 
-    std::string name;
-    std::string className;
-    std::string description;
-    std::vector<Parameter> parameters;
-    Parameter result; ///< both texts empty without a result
-    std::vector<KRArgumentType> argumentTypes;
-    KRArgumentType resultType = KRArgumentType::Void;
+    std::string name;                                 ///< of the method
+    std::string className;                            ///< of the module
+    std::string description;                          ///< what the method does
+    std::vector<Parameter> parameters;                ///< what its arguments mean
+    Parameter result;                                 ///< both texts empty without a result
+    std::vector<KRArgumentType> argumentTypes;        ///< what a call is matched by
+    KRArgumentType resultType = KRArgumentType::Void; ///< of what it returns
 
     /// "subscribe(string name, int period, float precision)", followed by ": int period" if it has a result.
     KR_EXPORT std::string getSignature() const;
@@ -62,7 +63,9 @@ public:
     KRModule(const KRModule&) = delete;
     KRModule& operator=(const KRModule&) = delete;
 
+    /// Name of the module. Thread-safe.
     const std::string& getName() const noexcept;
+    /// The broker that the module was made with. Thread-safe.
     boost::shared_ptr<KRBroker> getParentBroker() const;
 
     /// Asks the module to exit: new calls are refused from now on. Returns at once; running calls continue and nothing

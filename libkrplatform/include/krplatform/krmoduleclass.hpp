@@ -37,7 +37,7 @@ KRModuleClass makeModuleClass(std::string_view name) {
 
 /// Type and name of the function that KR_REGISTER_MODULE defines.
 using KRGetModuleClass = const KRModuleClass*();
-inline constexpr const char* kGetModuleClass = "krGetModuleClass";
+inline constexpr const char* kGetModuleClass = "krGetModuleClass"; ///< what KR_REGISTER_MODULE defines
 
 } // namespace KR
 

@@ -17,8 +17,11 @@ template <class Module>
 class KRModuleHandle {
 public:
     KRModuleHandle() = default;
+    /// Takes over a module.
     explicit KRModuleHandle(std::unique_ptr<Module> module) noexcept : module_(std::move(module)) {}
+    /// Takes over the other handle's module.
     KRModuleHandle(KRModuleHandle&&) noexcept = default;
+    /// Takes its own module down, and takes over the other handle's.
     KRModuleHandle& operator=(KRModuleHandle&& other) noexcept {
         if (this != &other) {
             reset();
@@ -26,14 +29,15 @@ public:
         }
         return *this;
     }
+    /// Takes over a module of a derived class.
     template <std::derived_from<Module> Derived>
     KRModuleHandle(KRModuleHandle<Derived>&& other) noexcept : module_(other.release()) {} // NOLINT
     ~KRModuleHandle() { reset(); }
 
-    Module* get() const noexcept { return module_.get(); }
-    Module* operator->() const noexcept { return module_.get(); }
-    Module& operator*() const noexcept { return *module_; }
-    explicit operator bool() const noexcept { return module_ != nullptr; }
+    Module* get() const noexcept { return module_.get(); }        ///< the module; null if there is none
+    Module* operator->() const noexcept { return module_.get(); } ///< the module
+    Module& operator*() const noexcept { return *module_; }       ///< the module
+    explicit operator bool() const noexcept { return module_ != nullptr; } ///< whether there is a module
 
     /// Shuts the module down and destroys it, as the destructor does.
     void reset() noexcept {

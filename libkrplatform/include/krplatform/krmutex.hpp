@@ -65,10 +65,14 @@ private:
 /// assertHeld() of their mutex first: the analysis looks at a lambda by itself.
 class KRCondition {
 public:
+    /// Wakes one thread that waits.
     void notifyOne() noexcept { condition_.notify_one(); }
+    /// Wakes all threads that wait.
     void notifyAll() noexcept { condition_.notify_all(); }
 
+    /// Waits to be woken, which may happen without a reason.
     void wait(KRLock& lock) { condition_.wait(lock.lock_); }
+    /// Waits until the predicate is true.
     template <typename Predicate>
     void wait(KRLock& lock, Predicate predicate) {
         condition_.wait(lock.lock_, predicate);
@@ -82,6 +86,7 @@ public:
     bool waitUntil(KRLock& lock, std::chrono::steady_clock::time_point deadline, Predicate predicate) {
         return condition_.wait_until(lock.lock_, deadline, predicate);
     }
+    /// Waits until the predicate is true, for as long as the patience lasts. \return the predicate
     template <typename Rep, typename Period, typename Predicate>
     bool waitFor(KRLock& lock, std::chrono::duration<Rep, Period> patience, Predicate predicate) {
         return condition_.wait_for(lock.lock_, patience, predicate);

@@ -20,14 +20,14 @@ struct KR_EXPORT KRParameterInfo {
     /// Longest text, in bytes.
     static constexpr int kMaxTextBytes = 4096;
 
-    std::string name = {}; ///< letters, digits, "-" and "_"
-    Type type = Type::Int;
-    std::string description = {};
-    std::string unit = {}; ///< "" without one
-    KRValue defaultValue = {};
-    KRValue minimum = {}; ///< of an int or a float; invalid otherwise
-    KRValue maximum = {}; ///< the same
-    std::vector<std::string> choices = {};
+    std::string name = {};                 ///< letters, digits, "-" and "_"
+    Type type = Type::Int;                 ///< of its values
+    std::string description = {};          ///< for people
+    std::string unit = {};                 ///< "" without one
+    KRValue defaultValue = {};             ///< what it begins with
+    KRValue minimum = {};                  ///< of an int or a float; invalid otherwise
+    KRValue maximum = {};                  ///< the same
+    std::vector<std::string> choices = {}; ///< texts that it takes; any if there are none
     bool saved =
         true; ///< belongs into a file of settings; false for what is only true of a moment, such as a pause
     KRValue value = {}; ///< in force when this was asked for
@@ -43,6 +43,7 @@ struct KR_EXPORT KRParameterInfo {
     /// For people: true and false for a bool, the bare text of a choice.
     std::string format(const KRValue& given) const;
 
+    /// The value that travels between modules.
     KRValue toKRValue() const;
     /// \throws KRError the value is not what toKRValue() makes
     static KRParameterInfo fromKRValue(const KRValue& value);

@@ -27,11 +27,13 @@ class KRBroker;
 /// are thread-safe.
 class KR_EXPORT KRProxy {
 public:
+    /// On the module of this name, which need not exist yet.
     KRProxy(boost::shared_ptr<KRBroker> broker, std::string module);
     virtual ~KRProxy();
     KRProxy(const KRProxy&) = delete;
     KRProxy& operator=(const KRProxy&) = delete;
 
+    /// Name of the module that it calls.
     const std::string& getModuleName() const noexcept;
 
     /// Calls a method and returns its result as an R; overloads are chosen by number, then by type of the arguments.
@@ -56,6 +58,7 @@ public:
     void post(std::string_view method, A&&... arguments) const {
         postValues(method, {KRValue(std::forward<A>(arguments))...});
     }
+    /// The same with the arguments as a list.
     void postValues(std::string_view method, std::vector<KRValue> arguments) const;
 
     /// Number of the module; another module of the same name has another number. 0 if no such module can be called.

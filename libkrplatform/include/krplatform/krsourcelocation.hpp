@@ -14,11 +14,12 @@ namespace KR {
 /// Stands in for std::source_location, which clang 14 does not have yet, and converts from it.
 /// The function is its bare name ("subscribe"), the file is relative to the source tree.
 struct KRSourceLocation {
-    const char* file = "";
-    const char* function = "";
-    std::uint_least32_t line = 0;
+    const char* file = "";        ///< source file
+    const char* function = "";    ///< signature of the function
+    std::uint_least32_t line = 0; ///< line in the file
 
     constexpr KRSourceLocation() = default;
+    /// A location from its parts.
     constexpr KRSourceLocation(const char* inFile, const char* inFunction, std::uint_least32_t atLine)
         : file(inFile), function(inFunction), line(atLine) {}
 #ifdef __cpp_lib_source_location

@@ -29,9 +29,12 @@ public:
                    const std::string& client, int period, float precision = 0.0F);
     /// Unsubscribes. If the extractor is just being subscribed to, waits until it has answered.
     ~KRSubscription();
+    /// Takes over the other one's subscription.
     KRSubscription(KRSubscription&&) noexcept;
+    /// Unsubscribes, and takes over the other one's subscription.
     KRSubscription& operator=(KRSubscription&&) noexcept;
 
+    /// Name of the module subscribed to.
     const std::string& getExtractor() const noexcept;
     /// Whether the extractor that is there now has accepted the subscription.
     bool isSubscribed() const;

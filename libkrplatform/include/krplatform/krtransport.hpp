@@ -23,9 +23,9 @@ enum class KRModuleState { Claimed, Open, Closed };
 
 /// A module of this process, as it is announced to others.
 struct KRLocalModule {
-    std::string name;
+    std::string name;     ///< of the module
     std::uint32_t number; ///< no other module of this process has or had it
-    KRModuleState state;
+    KRModuleState state;  ///< whether it can be called
 };
 
 /// A module of another process, as a transport reaches it. Thread-safe.
@@ -39,10 +39,12 @@ public:
     KRRemoteModule(const KRRemoteModule&) = delete;
     KRRemoteModule& operator=(const KRRemoteModule&) = delete;
 
-    const std::string& getName() const noexcept { return name_; }
+    const std::string& getName() const noexcept { return name_; } ///< of the module
+    /// Broker and process, for people.
     const std::string& getLocation() const noexcept { return location_; }
     /// Unique among all modules that this process knows or knew of, local and remote.
     std::uint32_t getNumber() const noexcept { return number_; }
+    /// Whether it can be called.
     KRModuleState getState() const noexcept { return state_.load(std::memory_order_acquire); }
 
     /// Calls a method and waits for its result, for as long as the other process lives.
@@ -61,6 +63,7 @@ private:
 /// error. An answer may block on the caller: it is sent after the call has left its module.
 class KR_EXPORT KRIncomingCall {
 public:
+    /// A call with its arguments.
     KRIncomingCall(std::string from, std::string to, std::string name, std::vector<KRValue> values)
         : caller(std::move(from)), module(std::move(to)), method(std::move(name)),
           arguments(std::move(values)) {}
@@ -68,16 +71,18 @@ public:
     KRIncomingCall(const KRIncomingCall&) = delete;
     KRIncomingCall& operator=(const KRIncomingCall&) = delete;
 
+    /// Sends the result. Once, or fail().
     virtual void succeed(const KRValue& result) noexcept = 0;
+    /// Sends an error. Once, or succeed().
     virtual void fail(const KRError& error) noexcept = 0;
     /// Whether the calling process is gone or counts as gone. A transport whose callers can go overrides it; it is true
     /// before KRTransportHost::noticeCallerGone(). Thread-safe.
     virtual bool isCallerGone() const noexcept { return false; }
 
-    const std::string caller; ///< identity of the calling process
-    const std::string module;
-    const std::string method;
-    std::vector<KRValue> arguments;
+    const std::string caller;       ///< identity of the calling process
+    const std::string module;       ///< to be called
+    const std::string method;       ///< to be called
+    std::vector<KRValue> arguments; ///< of the call
 };
 
 /// What a transport may ask of its broker. Thread-safe; nothing here blocks.

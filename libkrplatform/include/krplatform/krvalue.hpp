@@ -36,8 +36,8 @@ public:
     /// by the handle and its copies.
     static boost::shared_ptr<unsigned char[]> allocate(std::size_t size);
 
-    const unsigned char* data() const noexcept { return bytes_.get(); }
-    std::size_t size() const noexcept { return size_; }
+    const unsigned char* data() const noexcept { return bytes_.get(); } ///< size() bytes
+    std::size_t size() const noexcept { return size_; }                 ///< bytes
 
 private:
     boost::shared_ptr<const unsigned char[]> bytes_;
@@ -80,24 +80,34 @@ concept OtherElement = !std::same_as<T, KRValue> && std::constructible_from<KRVa
 /// Reentrant: distinct values may be used by distinct threads.
 class KR_EXPORT KRValue {
 public:
+    /// What a value is; int and float have 32 bits.
     enum class Type { Invalid, Int, Float, String, Binary, Array };
 
     KRValue() = default;
+    /// An int; of a bool 0 or 1.
     template <detail::FitsInt T>
     KRValue(T value) : value_(static_cast<std::int32_t>(value)) {} // NOLINT: values convert on purpose
+    /// A float.
     template <std::floating_point T>
-    KRValue(T value) : value_(static_cast<float>(value)) {}                 // NOLINT
-    KRValue(std::string value) : value_(std::move(value)) {}                // NOLINT
-    KRValue(std::string_view value) : value_(std::string(value)) {}         // NOLINT
-    KRValue(const char* value) : value_(std::string(value)) {}              // NOLINT
-    KRValue(KRBinary value) : value_(std::move(value)) {}                   // NOLINT
+    KRValue(T value) : value_(static_cast<float>(value)) {} // NOLINT
+    /// A string.
+    KRValue(std::string value) : value_(std::move(value)) {} // NOLINT
+    /// A string.
+    KRValue(std::string_view value) : value_(std::string(value)) {} // NOLINT
+    /// A string.
+    KRValue(const char* value) : value_(std::string(value)) {} // NOLINT
+    /// A binary.
+    KRValue(KRBinary value) : value_(std::move(value)) {} // NOLINT
+    /// An array.
     KRValue(std::vector<KRValue> elements) : value_(std::move(elements)) {} // NOLINT
     /// An array with one element per element of the vector.
     template <detail::OtherElement T>
     KRValue(const std::vector<T>& elements) // NOLINT
         : value_(std::vector<KRValue>(elements.begin(), elements.end())) {}
 
+    /// Shares the bytes of binaries.
     KRValue(const KRValue&) = default;
+    /// Leaves the other value in a state that can only be assigned to.
     KRValue(KRValue&&) noexcept = default;
     /// By value, so that `value = value[0]` does not read what it has just released.
     KRValue& operator=(KRValue other) noexcept {
@@ -115,13 +125,13 @@ public:
         return KRValue(std::move(values));
     }
 
-    Type getType() const noexcept { return static_cast<Type>(value_.index()); }
-    bool isValid() const noexcept { return getType() != Type::Invalid; }
-    bool isInt() const noexcept { return getType() == Type::Int; }
-    bool isFloat() const noexcept { return getType() == Type::Float; }
-    bool isString() const noexcept { return getType() == Type::String; }
-    bool isBinary() const noexcept { return getType() == Type::Binary; }
-    bool isArray() const noexcept { return getType() == Type::Array; }
+    Type getType() const noexcept { return static_cast<Type>(value_.index()); } ///< what it is
+    bool isValid() const noexcept { return getType() != Type::Invalid; }        ///< whether it is anything
+    bool isInt() const noexcept { return getType() == Type::Int; }              ///< whether it is an int
+    bool isFloat() const noexcept { return getType() == Type::Float; }          ///< whether it is a float
+    bool isString() const noexcept { return getType() == Type::String; }        ///< whether it is a string
+    bool isBinary() const noexcept { return getType() == Type::Binary; }        ///< whether it is a binary
+    bool isArray() const noexcept { return getType() == Type::Array; }          ///< whether it is an array
 
     /// Number of elements of an array. \throws KRError not an array
     std::size_t getSize() const;
@@ -130,6 +140,7 @@ public:
     void arraySetSize(std::size_t size);
     /// \throws KRError not an array; no such element
     KRValue& operator[](std::size_t index);
+    /// An element of an array. \throws KRError  no array; no such element
     const KRValue& operator[](std::size_t index) const;
 
     /// Makes this a binary that holds a copy of `size` bytes.
@@ -169,9 +180,9 @@ public:
             return elements;
         }
     }
-    explicit operator int() const { return toInt(); }
-    explicit operator float() const { return toFloat(); }
-    explicit operator std::string() const { return toString(); }
+    explicit operator int() const { return toInt(); }            ///< as toInt()
+    explicit operator float() const { return toFloat(); }        ///< as toFloat()
+    explicit operator std::string() const { return toString(); } ///< as toString()
 
     friend bool operator==(const KRValue&, const KRValue&) = default;
 

@@ -25,6 +25,7 @@ namespace KR {
 /// A subscription or unsubscription that the service refuses is logged in the category "krplatform.camera".
 class KR_EXPORT KRVideoDeviceProxy {
 public:
+    /// On the camera service that the broker reaches, which need not exist yet.
     explicit KRVideoDeviceProxy(const boost::shared_ptr<KRBroker>& broker);
     ~KRVideoDeviceProxy();
 
@@ -40,6 +41,7 @@ public:
     /// \throws KRError no service in time; it refuses, for instance as the camera cannot be opened
     std::string subscribeCamera(const std::string& name, int camera, int resolution, int colorSpace,
                                 int frameRate);
+    /// Ends a subscription.
     void unsubscribe(const std::string& id);
 
     /// Fetches the newest image that this subscription has not fetched yet: an array of 12 elements (see
@@ -50,14 +52,21 @@ public:
     /// Returns the image that was fetched last to the service.
     void releaseImage(const std::string& id);
 
+    /// Images per second, 1 to 30.
     bool setFrameRate(const std::string& id, int frameRate);
+    /// Images per second.
     int getFrameRate(const std::string& id) const;
+    /// Resolution code.
     bool setResolution(const std::string& id, int resolution);
+    /// Colour-space code.
     bool setColorSpace(const std::string& id, int colorSpace);
+    /// Index of the camera.
     bool setActiveCamera(const std::string& id, int camera);
     /// -1 for a camera that does not exist.
     int getCameraModel(int camera) const;
+    /// Number and value of a camera control.
     bool setCameraParameter(const std::string& id, int parameter, int value);
+    /// Resets all controls of the subscription's camera.
     void setAllCameraParametersToDefault(const std::string& id);
 
     /// \name What the service reports about itself
@@ -73,7 +82,7 @@ public:
     std::vector<KRSubscriberInfo> getSubscribers() const;
     ///@}
 
-    const KRProxy& getProxy() const noexcept { return proxy_; }
+    const KRProxy& getProxy() const noexcept { return proxy_; } ///< untyped
 
 private:
     class Subscriptions;

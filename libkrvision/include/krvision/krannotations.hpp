@@ -19,14 +19,16 @@ class KRImage;
 /// By convention a vision extractor writes its annotations under the memory key "NAME/Annotations" with every image, an
 /// empty list included, so that viewers show what it sees now.
 struct KR_EXPORT KRAnnotations {
+    /// A point in the image.
     struct Point {
         float x = 0; ///< fraction of the width, from the left
         float y = 0; ///< fraction of the height, from the top
         friend bool operator==(const Point&, const Point&) = default;
     };
+    /// A rectangle around an object.
     struct Box {
-        float left = 0;
-        float top = 0;
+        float left = 0;    ///< edge, as Point::x
+        float top = 0;     ///< edge, as Point::y
         float right = 0;   ///< not less than left
         float bottom = 0;  ///< not less than top
         std::string label; ///< kind of object, UTF-8; may be empty
@@ -34,23 +36,25 @@ struct KR_EXPORT KRAnnotations {
         int identity = -1; ///< the same for one object in consecutive images; -1 if it is not tracked
         friend bool operator==(const Box&, const Box&) = default;
     };
+    /// A line through points.
     struct Polyline {
         std::vector<Point> points; ///< at least two
         bool closed = false;       ///< a line joins the last point and the first
         friend bool operator==(const Polyline&, const Polyline&) = default;
     };
+    /// A text in the image.
     struct Text {
         Point position;   ///< upper left corner of the first character
         std::string text; ///< UTF-8
         friend bool operator==(const Text&, const Text&) = default;
     };
 
-    int camera = 0;              ///< index of the camera at the camera service
-    std::int64_t timeStamp = -1; ///< of the image, microseconds since the Unix epoch; -1: not set
-    std::vector<Box> boxes;
-    std::vector<Point> points;
-    std::vector<Polyline> polylines;
-    std::vector<Text> texts;
+    int camera = 0;                  ///< index of the camera at the camera service
+    std::int64_t timeStamp = -1;     ///< of the image, microseconds since the Unix epoch; -1: not set
+    std::vector<Box> boxes;          ///< objects
+    std::vector<Point> points;       ///< single points
+    std::vector<Polyline> polylines; ///< outlines and paths
+    std::vector<Text> texts;         ///< what else there is to say
 
     KRAnnotations() = default;
     /// No annotations yet, for an image: takes over its camera and time stamp.

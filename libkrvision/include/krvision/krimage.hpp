@@ -25,6 +25,7 @@ public:
     struct KR_EXPORT ROI {
         /// A rectangle in pixels; all its angles are 0.
         ROI(int x, int y, int w, int h);
+        /// A rectangle in pixels with its field of view in radians.
         ROI(int x, int y, int w, int h, float leftAngle, float topAngle, float rightAngle, float bottomAngle);
 
         int x;             ///< left column, pixels
@@ -39,8 +40,9 @@ public:
 
     /// Frees a buffer with array delete unless it is external. boost::get_deleter finds it in an image's `data`.
     struct KR_EXPORT deleter {
-        bool external;
+        bool external;            ///< whether the pointer is the caller's
         std::ptrdiff_t size = -1; ///< bytes of an owned buffer made by the functions below; -1: unknown
+        /// Frees an owned buffer.
         void operator()(unsigned char* pointer) const noexcept;
     };
 
@@ -87,6 +89,7 @@ public:
             float rightAngle, float bottomAngle);
     /// Shares the pixels: writing through one copy changes the other.
     KRImage(const KRImage&) = default;
+    /// Shares the other image's pixels.
     KRImage& operator=(const KRImage&) = default;
     ~KRImage() = default;
 

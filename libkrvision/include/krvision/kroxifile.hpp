@@ -17,8 +17,8 @@ namespace oxi {
 
 inline constexpr std::uint32_t kVersion1 = 0x4F584931; ///< "1IXO"
 inline constexpr std::uint32_t kVersion0 = 0x4F584930; ///< "0IXO": version 1 without the angles
-inline constexpr std::size_t kHeaderSize1 = 48;
-inline constexpr std::size_t kHeaderSize0 = 32;
+inline constexpr std::size_t kHeaderSize1 = 48;        ///< bytes of a header of version 1
+inline constexpr std::size_t kHeaderSize0 = 32;        ///< bytes of a header of version 0
 
 /// Bytes before the pixels in a file that begins with this word; 0: it is not an oxi file.
 constexpr std::size_t getHeaderSize(std::uint32_t version) noexcept {
@@ -29,13 +29,13 @@ constexpr std::size_t getHeaderSize(std::uint32_t version) noexcept {
 
 /// The header of an oxi file, as it stands there.
 struct KR_EXPORT KROxiHeader {
-    int version = 1;             ///< 0 or 1
-    std::int32_t width = 0;      ///< pixels
-    std::int32_t height = 0;     ///< pixels
-    std::int32_t layers = 0;     ///< bytes per pixel
-    std::int32_t colorSpace = 0; ///< code
-    std::int64_t timeStamp = -1; ///< microseconds; -1: not set
-    std::int8_t cameraId = 0;
+    int version = 1;                  ///< 0 or 1
+    std::int32_t width = 0;           ///< pixels
+    std::int32_t height = 0;          ///< pixels
+    std::int32_t layers = 0;          ///< bytes per pixel
+    std::int32_t colorSpace = 0;      ///< code
+    std::int64_t timeStamp = -1;      ///< microseconds; -1: not set
+    std::int8_t cameraId = 0;         ///< the camera that took the image
     std::array<float, 4> angles = {}; ///< left, top, right, bottom, radians; the default ones in version 0
     std::uint64_t fileSize = 0;       ///< bytes, of the file that it was read from
 

@@ -22,11 +22,11 @@ namespace oxv {
 inline constexpr std::uint32_t kVersion1 = 0x4F585631; ///< first word of the file: "1VXO"
 inline constexpr std::uint32_t kVersion0 = 0x4F585630; ///< "0VXO"; its chunks hold no angles
 
-inline constexpr std::uint32_t kFileHeaderSize = 16;
-inline constexpr std::uint64_t kExtraHeaderSizeOffset = 4;
-inline constexpr std::uint64_t kFrameCountOffset = 8;
-inline constexpr std::uint64_t kStreamCountOffset = 12;
-inline constexpr std::uint32_t kStreamHeaderSize = 16;
+inline constexpr std::uint32_t kFileHeaderSize = 16;       ///< before the stream headers
+inline constexpr std::uint64_t kExtraHeaderSizeOffset = 4; ///< in the file
+inline constexpr std::uint64_t kFrameCountOffset = 8;      ///< in the file
+inline constexpr std::uint64_t kStreamCountOffset = 12;    ///< in the file
+inline constexpr std::uint32_t kStreamHeaderSize = 16;     ///< of each stream
 
 inline constexpr std::uint32_t kNeverClosed = 0xFFFFFFFF; ///< frame count of an unfinished recording
 inline constexpr std::uint32_t kColorSpaces = 17;         ///< KRVideo opens streams of the codes 0 to 16
@@ -56,11 +56,13 @@ struct KR_EXPORT KROxvStream {
 
 /// What each chunk of an oxv file begins with.
 struct KR_EXPORT KROxvChunkHeader {
-    std::int64_t timeStamp; ///< microseconds
-    std::int8_t cameraId;
+    std::int64_t timeStamp;      ///< microseconds
+    std::int8_t cameraId;        ///< the camera that took the image
     std::array<float, 4> angles; ///< left, top, right, bottom, radians; meaningless in version 0
 
+    /// Reads the bytes at the beginning of a chunk.
     static KROxvChunkHeader decode(const unsigned char (&bytes)[oxv::kChunkHeaderSize]) noexcept;
+    /// The bytes at the beginning of a chunk.
     std::array<unsigned char, oxv::kChunkHeaderSize> encode() const noexcept;
 
     /// Whether a recorder can have written it: the angles are finite and at most a full circle.
@@ -90,7 +92,7 @@ public:
     KROxvFile(const KROxvFile&) = delete;
     KROxvFile& operator=(const KROxvFile&) = delete;
 
-    const std::string& getPath() const noexcept { return path_; }
+    const std::string& getPath() const noexcept { return path_; }    ///< as it was given
     std::uint64_t getFileSize() const noexcept { return fileSize_; } ///< when it was opened
 
     /// \name Fields of the file header, unchecked; 0 where the file ends before
@@ -105,6 +107,7 @@ public:
     const std::vector<KROxvStream>& getStreams() const noexcept { return streams_; }
     /// Bytes up to the end of the announced stream headers.
     std::uint64_t getHeaderSize() const noexcept;
+    /// Whether all stream headers are there.
     bool hasAllStreams() const noexcept { return fileSize_ >= getHeaderSize(); }
     /// Whether every announced stream has a usable header, so that frames can be located.
     bool hasFrames() const noexcept { return frameSize_ > 0; }
@@ -186,7 +189,7 @@ public:
     void write(const std::vector<const KRImage*>& images);
     /// Removes what an interrupted write() left behind the last complete frame.
     void removeCutFrame();
-    std::uint32_t countFrames() const noexcept { return frames_; }
+    std::uint32_t countFrames() const noexcept { return frames_; } ///< written so far
     /// Writes the number of frames to the header and waits for the disk.
     void close();
 

@@ -10,33 +10,33 @@ namespace KR {
 
 /// \name Resolution codes, in pixels: 4:3
 ///@{
-inline constexpr int k40x30 = 8;
-inline constexpr int k80x60 = 7;
-inline constexpr int k160x120 = 0;
-inline constexpr int k320x240 = 1;
-inline constexpr int kQVGA = k320x240;
-inline constexpr int k640x480 = 2;
-inline constexpr int kVGA = k640x480;
-inline constexpr int k1280x960 = 3;
-inline constexpr int k2560x1920 = 4;
+inline constexpr int k40x30 = 8;       ///< 40x30 pixels
+inline constexpr int k80x60 = 7;       ///< 80x60 pixels
+inline constexpr int k160x120 = 0;     ///< 160x120 pixels
+inline constexpr int k320x240 = 1;     ///< 320x240 pixels
+inline constexpr int kQVGA = k320x240; ///< 320x240 pixels
+inline constexpr int k640x480 = 2;     ///< 640x480 pixels
+inline constexpr int kVGA = k640x480;  ///< 640x480 pixels
+inline constexpr int k1280x960 = 3;    ///< 1280x960 pixels
+inline constexpr int k2560x1920 = 4;   ///< 2560x1920 pixels
 ///@}
 /// \name 16:9
 /// The camera service delivers all; KRImage and vision extractors take 1280x720 and 1920x1080 of these.
 ///@{
-inline constexpr int k80x45 = 12;
-inline constexpr int k160x90 = 11;
-inline constexpr int k320x180 = 10;
-inline constexpr int k640x360 = 9;
-inline constexpr int k1280x720 = 5;
-inline constexpr int k1920x1080 = 6;
+inline constexpr int k80x45 = 12;    ///< 80x45 pixels
+inline constexpr int k160x90 = 11;   ///< 160x90 pixels
+inline constexpr int k320x180 = 10;  ///< 320x180 pixels
+inline constexpr int k640x360 = 9;   ///< 640x360 pixels
+inline constexpr int k1280x720 = 5;  ///< 1280x720 pixels
+inline constexpr int k1920x1080 = 6; ///< 1920x1080 pixels
 ///@}
 /// \name 32:9, two pictures side by side; neither KRImage nor vision extractors take them
 ///@{
-inline constexpr int k160x45 = 17;
-inline constexpr int k320x90 = 16;
-inline constexpr int k640x180 = 15;
-inline constexpr int k1280x360 = 14;
-inline constexpr int k2560x720 = 13;
+inline constexpr int k160x45 = 17;   ///< 160x45 pixels
+inline constexpr int k320x90 = 16;   ///< 320x90 pixels
+inline constexpr int k640x180 = 15;  ///< 640x180 pixels
+inline constexpr int k1280x360 = 14; ///< 1280x360 pixels
+inline constexpr int k2560x720 = 13; ///< 2560x720 pixels
 ///@}
 
 /// \name Colour-space codes that the camera service delivers; images may have others, up to 26

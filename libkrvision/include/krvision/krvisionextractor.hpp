@@ -101,15 +101,20 @@ public:
     /// but a warning in the log.
     void pause(bool paused);
 
+    /// Code of the resolution, now or for the next subscription.
     int getResolution();
+    /// Code of the colour space, now or for the next subscription.
     int getColorSpace();
+    /// Index of the camera, now or for the next subscription.
     int getActiveCamera();
     /// The rate that the camera service reports; -1 if not subscribed to a camera.
     int getFrameRate();
+    /// Whether the acquisition is paused.
     bool isPaused();
     /// Whether an acquisition is running, paused or not. Stays true after an exception has ended one, until it is
     /// stopped.
     bool isProcessing();
+    /// The camera service.
     boost::shared_ptr<KRVideoDeviceProxy> getVideoDeviceProxy();
 
     /// 1000 / the frame rate given at construction, or set as parameter since, in milliseconds.

@@ -13,8 +13,9 @@ namespace KR {
 
 class KRBroker;
 
+/// Where the server listens, and what it allows.
 struct KRWebOptions {
-    static constexpr const char* kDefaultAddress = "127.0.0.1:8765";
+    static constexpr const char* kDefaultAddress = "127.0.0.1:8765"; ///< of this machine only
 
     /// IP address and port to listen on: "127.0.0.1:8765", "[::1]:8765", "0.0.0.0:8765"; "localhost" is 127.0.0.1. Port 0
     /// is any free one.
