@@ -11,6 +11,8 @@ const kAnnotationsSchema = "foxglove.ImageAnnotations";
 const kStale_ms = 2500; // without a picture for so long, a camera has stopped
 const kAnnotationsLast_ms = 1500; // what a module saw is shown for so long, or for three of its periods
 
+const kMaxRecent = 30; // annotations that may be of images that are still to be drawn
+
 /** Modules that write annotations, by what the server advertises. */
 function listAnnotators(client) {
     return [...client.channels.values()]
@@ -62,7 +64,7 @@ class CameraView {
         this.client = panel.client;
         this.number = number;
         this.topic = `/camera/${number}/image`;
-        this.annotations = new Map(); // {message, time_ms, end} by topic
+        this.annotations = new Map(); // {recent, end} by topic; recent: the last {message, time_ns, arrival_ms}
         this.shown = settings.get(`camera.${number}.annotations`, {}); // by module, what the user chose
         this.statistics = new Map();
         this.chips = new Map();
@@ -118,7 +120,7 @@ class CameraView {
     follow() {
         const looking = this.visible && document.visibilityState === "visible";
         if (looking && !this.stopImages) {
-            this.stopImages = this.client.subscribe(this.topic, (payload) => this.takeImage(payload));
+            this.stopImages = this.client.subscribe(this.topic, (...message) => this.takeImage(...message));
         } else if (!looking && this.stopImages) {
             this.stopImages();
             this.stopImages = undefined;
@@ -126,8 +128,8 @@ class CameraView {
         const wanted = new Set(looking ? this.listAnnotators().filter(({ shown }) => shown).map(({ topic }) => topic) : []);
         for (const topic of wanted) {
             if (!this.annotations.has(topic)) {
-                const end = this.client.subscribeJson(topic, (message) => this.takeAnnotations(topic, message));
-                this.annotations.set(topic, { end });
+                const end = this.client.subscribeJson(topic, (...message) => this.takeAnnotations(topic, ...message));
+                this.annotations.set(topic, { recent: [], end });
             }
         }
         for (const [topic, { end }] of this.annotations) {
@@ -147,19 +149,20 @@ class CameraView {
             .map((annotator) => ({ ...annotator, shown: this.shown[annotator.module] ?? annotator.camera === this.number }));
     }
 
-    async takeImage(payload) {
+    async takeImage(...message) {
         this.arrivals = [...this.arrivals.slice(-29), performance.now()];
         if (this.decoding) {
-            this.waiting = payload; // the newest only
+            this.waiting = message; // the newest only
             return;
         }
         this.decoding = true;
         try {
-            for (let next = payload; next; next = this.waiting) {
+            for (let next = message; next; next = this.waiting) {
                 this.waiting = undefined;
-                const image = readCompressedImage(next);
+                const [payload, time_ns] = next;
+                const image = readCompressedImage(payload);
                 const bitmap = await createImageBitmap(new Blob([image.data], { type: `image/${image.format}` }));
-                this.drawImage(bitmap);
+                this.drawImage(bitmap, time_ns);
             }
         } catch (error) {
             console.error(`camera ${this.number}: a picture was dropped:`, error);
@@ -168,7 +171,7 @@ class CameraView {
         }
     }
 
-    drawImage(bitmap) {
+    drawImage(bitmap, time_ns) {
         const { picture } = this;
         if (picture.width !== bitmap.width || picture.height !== bitmap.height) {
             picture.width = bitmap.width;
@@ -178,12 +181,15 @@ class CameraView {
         picture.getContext("2d", { alpha: false }).drawImage(bitmap, 0, 0);
         bitmap.close();
         this.lastDrawn = performance.now();
+        this.drawnTime_ns = time_ns;
         picture.dataset.drawn = Number(picture.dataset.drawn ?? 0) + 1;
         this.requestOverlay();
     }
 
-    takeAnnotations(topic, message) {
-        Object.assign(this.annotations.get(topic), { message, time_ms: performance.now() });
+    takeAnnotations(topic, message, time_ns) {
+        const { recent } = this.annotations.get(topic);
+        recent.push({ message, time_ns, arrival_ms: performance.now() });
+        recent.splice(0, recent.length - kMaxRecent);
         this.requestOverlay();
     }
 
@@ -205,10 +211,13 @@ class CameraView {
         }
         const context = overlay.getContext("2d");
         context.clearRect(0, 0, width, height);
-        for (const [topic, { message, time_ms }] of this.annotations) {
+        for (const [topic, { recent }] of this.annotations) {
             const period = this.panel.extractors.find(topic.slice(1, -"/annotations".length))?.period ?? 0;
-            if (message && performance.now() - time_ms < Math.max(kAnnotationsLast_ms, 3 * period)) {
-                drawAnnotations(context, message, density);
+            const lasts_ms = Math.max(kAnnotationsLast_ms, 3 * period);
+            // Those of the image that is shown, or of the last one before it that the module saw.
+            const fitting = recent.findLast(({ time_ns }) => time_ns <= this.drawnTime_ns);
+            if (fitting && performance.now() - fitting.arrival_ms < lasts_ms) {
+                drawAnnotations(context, fitting.message, density);
             }
         }
     }
