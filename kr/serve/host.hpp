@@ -30,6 +30,8 @@ public:
 
     /// Adds a service that others may need while they come down.
     void addService(KRModuleHandle<KRModule> module) { services_.push_back(std::move(module)); }
+    /// Adds a module that has been made.
+    void addModule(KRModuleHandle<KRModule> module) { modules_.push_back(std::move(module)); }
     /// Makes a module. Its constructor may wait, for the memory for instance; an interruption meanwhile ends the
     /// program with exit code 0.
     /// \param name  of the module, for messages \throws what `make` throws

@@ -1,6 +1,5 @@
 #include "serve/hostingoptions.hpp"
 
-#include "param/parameterfile.hpp"
 #include "serve/host.hpp"
 #include "system/client.hpp"
 #include "tool/arguments.hpp"
@@ -53,12 +52,6 @@ Setting parseSetting(const std::string& text, const std::vector<std::string>& mo
     return {module, name.substr(dot + 1), value};
 }
 
-struct WantedSubscription {
-    std::string module;
-    std::optional<int> period;
-    float precision = 0;
-};
-
 template <class Number>
 bool parseNumber(const std::string& text, Number& number) {
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
@@ -66,7 +59,7 @@ bool parseNumber(const std::string& text, Number& number) {
 }
 
 // "MODULE[:PERIOD[:PRECISION]]"
-WantedSubscription parseSubscription(const std::string& text) {
+RobotSubscription parseSubscription(const std::string& text) {
     const auto refuse = [&] {
         throw UsageError("--subscribe " + text +
                          " is not MODULE[:PERIOD[:PRECISION]], with a period in milliseconds from 1");
@@ -77,7 +70,7 @@ WantedSubscription parseSubscription(const std::string& text) {
         parts.push_back(text.substr(start, end - start));
         start = end + 1;
     }
-    WantedSubscription wanted{parts[0], std::nullopt, 0};
+    RobotSubscription wanted{.module = parts[0]};
     if (parts[0].empty() || parts.size() > 3) {
         refuse();
     }
@@ -108,7 +101,8 @@ void HostingOptions::declare(Arguments& arguments) {
         .repeatable();
 }
 
-void HostingOptions::giveParameters(KRBroker& broker, const std::vector<std::string>& modules) const {
+std::map<std::string, ParameterValues>
+HostingOptions::readParameters(const std::vector<std::string>& modules) const {
     std::map<std::string, ParameterValues> values;
     if (!parameterFile_.empty()) {
         std::string others;
@@ -133,24 +127,29 @@ void HostingOptions::giveParameters(KRBroker& broker, const std::vector<std::str
         std::erase_if(ofModule, [&](const auto& each) { return each.first == setting.parameter; });
         ofModule.emplace_back(setting.parameter, std::move(setting.value));
     }
-    for (auto& [module, parameters] : values) {
+    return values;
+}
+
+void HostingOptions::giveParameters(KRBroker& broker, const std::vector<std::string>& modules) const {
+    for (auto& [module, parameters] : readParameters(modules)) {
         broker.setInitialParameters(module, std::move(parameters));
     }
 }
 
-void HostingOptions::checkSubscriptions() const {
+std::vector<RobotSubscription> HostingOptions::readSubscriptions() const {
+    std::vector<RobotSubscription> wanted;
     for (const std::string& text : subscriptions_) {
-        parseSubscription(text);
+        wanted.push_back(parseSubscription(text));
     }
+    return wanted;
 }
 
 void HostingOptions::subscribe(const boost::shared_ptr<KRBroker>& broker, Host& host) const {
     const std::string client = makeClientName();
-    for (const std::string& text : subscriptions_) {
-        const WantedSubscription wanted = parseSubscription(text);
-        host.addSubscription(
-            wanted.period ? KRSubscription(broker, wanted.module, client, *wanted.period, wanted.precision)
-                          : KRSubscription(broker, wanted.module, client));
+    for (const RobotSubscription& wanted : readSubscriptions()) {
+        host.addSubscription(wanted.period ? KRSubscription(broker, wanted.module, client, *wanted.period,
+                                                            static_cast<float>(wanted.precision))
+                                           : KRSubscription(broker, wanted.module, client));
     }
 }
 

@@ -1,7 +1,11 @@
 #pragma once
 
+#include "param/parameterfile.hpp"
+#include "serve/robot.hpp"
+
 #include <krplatform/krbroker.hpp>
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -21,10 +25,19 @@ public:
     /// \throws std::runtime_error the file cannot be used
     void giveParameters(KRBroker& broker, const std::vector<std::string>& modules) const;
 
+    /// The same values, by module.
+    /// \throws UsageError, std::runtime_error as giveParameters()
+    std::map<std::string, ParameterValues> readParameters(const std::vector<std::string>& modules) const;
+
     /// Subscribes for as long as the host stands. \throws UsageError a malformed subscription
     void subscribe(const boost::shared_ptr<KRBroker>& broker, Host& host) const;
     /// \throws UsageError a malformed subscription
-    void checkSubscriptions() const;
+    std::vector<RobotSubscription> readSubscriptions() const;
+
+    /// Whether none of them was given.
+    bool isEmpty() const noexcept {
+        return parameters_.empty() && parameterFile_.empty() && subscriptions_.empty();
+    }
 
 private:
     std::vector<std::string> parameters_;

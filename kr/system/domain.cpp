@@ -17,7 +17,7 @@ Argument Domain::declare(Arguments& arguments) {
 }
 
 bool Domain::saysWhereMemoryIs() const {
-    return !url_.starts_with("dds:") || parseDDSAddress(url_).memory.has_value();
+    return tool::saysWhereMemoryIs(url_);
 }
 
 boost::shared_ptr<KRBroker> Domain::connect() const {
@@ -27,6 +27,10 @@ boost::shared_ptr<KRBroker> Domain::connect() const {
 void ListOptions::declare(Arguments& arguments) {
     arguments.addFlag("--json", json, "output as JSON");
     domain.declare(arguments);
+}
+
+bool saysWhereMemoryIs(const std::string& url) {
+    return !url.starts_with("dds:") || parseDDSAddress(url).memory.has_value();
 }
 
 boost::shared_ptr<KRBroker> connectTo(const std::string& url) {

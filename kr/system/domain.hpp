@@ -39,6 +39,9 @@ struct ListOptions {
     void declare(Arguments& arguments);
 };
 
+/// Whether an address says whether the memory module runs there. \throws KRError it is malformed
+bool saysWhereMemoryIs(const std::string& url);
+
 /// Makes a broker of this process at the address. \throws KRError the address is malformed or unusable
 boost::shared_ptr<KRBroker> connectTo(const std::string& url);
 

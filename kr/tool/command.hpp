@@ -85,6 +85,12 @@ public:
     using std::runtime_error::runtime_error;
 };
 
+/// What the command line says about the log; "" where it says nothing.
+struct LogOptions {
+    std::string levels;
+};
+const LogOptions& getLogOptions();
+
 /// Writes a line to standard error, with the name of the program in front and control characters escaped. Gives up
 /// if nobody reads standard error for a second. Thread-safe.
 void printError(const std::string& text);

@@ -13,22 +13,33 @@ namespace KR::tool {
 /// before any thread starts: later threads inherit the blocked signals. Thread-bound.
 class Interruption {
 public:
-    Interruption();
+    /// What SIGHUP does: it interrupts, or it asks to read a file again, unless the terminal has been closed.
+    enum class HangUp { Interrupts, Reloads };
+
+    explicit Interruption(HangUp hangUp = HangUp::Interrupts);
     /// Restores what the signals did before.
     ~Interruption();
     Interruption(const Interruption&) = delete;
     Interruption& operator=(const Interruption&) = delete;
 
-    /// Waits for one of the signals. Once one has come, every wait returns at once.
+    /// Waits for one of the signals. Once one has come, every wait returns at once; a request to reload ends the wait.
     /// \return whether one has come
     bool waitFor(std::chrono::milliseconds time);
     /// \return whether one of the signals has come
     bool hasCome() { return waitFor(std::chrono::milliseconds(0)); }
 
+    /// Whether a request to reload has come since the last call.
+    bool takeReload() { return std::exchange(reload_, false); }
+
 private:
+    void note(int signal);
+
+    const HangUp hangUp_;
+    const bool hadTerminal_;
     sigset_t signals_;
     sigset_t before_;
     bool happened_ = false;
+    bool reload_ = false;
 };
 
 /// Runs `work`, which may block for long and cannot be woken, on a thread of its own. An interruption meanwhile ends

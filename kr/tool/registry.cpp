@@ -17,19 +17,25 @@ constexpr const char* kConventions =
     "Results go to standard output, everything else to standard error.\n"
     "Exit codes: 0 done, 1 failed, 2 wrong usage, 3 done but data was lost.";
 
-void setUpLog(const std::string& levels) {
+LogOptions logOptions; // of the verb that runs
+
+void setUpLog() {
     setLogLevel(KRLogLevel::Warning); // verbs that host modules lower it
-    if (levels.empty()) {
+    if (logOptions.levels.empty()) {
         return;
     }
     try {
-        setLogLevels(levels);
+        setLogLevels(logOptions.levels);
     } catch (const std::invalid_argument& error) {
         throw UsageError(std::string("--log-level: ") + error.what());
     }
 }
 
 } // namespace
+
+const LogOptions& getLogOptions() {
+    return logOptions;
+}
 
 std::map<std::string, Group>& getGroups() {
     static std::map<std::string, Group> groups;
@@ -65,16 +71,15 @@ void declareAll(CLI::App& app, std::function<ExitCode()>& chosen, ValueCompleter
             verb->footer("Example:\n" + command.example);
             Arguments arguments(*verb, completers);
             const auto run = command.declare(arguments);
-            const auto logLevels = std::make_shared<std::string>();
             arguments
-                .add("--log-level", *logLevels,
+                .add("--log-level", logOptions.levels,
                      "what is logged: error, warning, info or verbose, also by category: "
                      "warning,krdds=verbose")
                 .valueName("LEVELS")
                 .completes({"error", "warning", "info", "verbose"});
-            verb->callback([&chosen, run, logLevels] {
-                chosen = [run, logLevels] {
-                    setUpLog(*logLevels);
+            verb->callback([&chosen, run] {
+                chosen = [run] {
+                    setUpLog();
                     return run();
                 };
             });

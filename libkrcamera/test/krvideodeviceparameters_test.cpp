@@ -18,6 +18,29 @@ TEST_F(ParameterTest, BrightnessShowsInThePictureAndGoesBack) {
     fetchUntil(id, [](const Image& image) { return image.at(100, 100)[0] < 20; });
 }
 
+TEST_F(ParameterTest, InitialSettingsAreThoseOfACameraWheneverItOpens) {
+    start({"test:black", "test"});
+    service->setInitialSettings(0, -1, {{"Brightness", 50}, {"hue", 90}, {"zoom", 3}, {"gain", 900}});
+    const auto valueOf = [this](const char* name) {
+        const auto controls = proxy->getControls(0);
+        return std::ranges::find(controls, name, &KRCameraControl::name)->value;
+    };
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(valueOf("brightness"), 0) << "closed";
+        const std::string id = subscribe(0, Resolution::QuarterVga, Space::Luma);
+        EXPECT_GT(fetch(id).at(100, 100)[0], 100) << i;
+        EXPECT_EQ(valueOf("hue"), 90);
+        EXPECT_EQ(valueOf("gain"), 100) << "out of range";
+        proxy->unsubscribe(id);
+    }
+    const std::string id = subscribe(0, Resolution::QuarterVga, Space::Luma);
+    service->setInitialSettings(0, -1, {{"hue", 20}});
+    EXPECT_EQ(valueOf("hue"), 20);
+    fetchUntil(id, [](const Image& image) { return image.at(100, 100)[0] < 20; });
+    EXPECT_THROW(service->setInitialSettings(2, -1, {}), KRError);
+    EXPECT_THROW(service->setInitialSettings(0, 18, {}), KRError);
+}
+
 TEST_F(ParameterTest, ContrastSaturationAndHueShowInThePicture) {
     start({"test:red"});
     const std::string id = subscribe(0, Resolution::QuarterVga, Space::Rgb);

@@ -10,6 +10,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace KR {
@@ -47,6 +48,15 @@ public:
                   const std::vector<std::shared_ptr<KRImageFeed>>& feeds);
     /// Closes the cameras. Images that were delivered stay valid.
     ~KRVideoDevice() override;
+
+    /// Sets what a camera begins with whenever it opens. An open camera gets it at once, and controls that are no
+    /// longer among them get their defaults.
+    /// \param resolution  code 0 to 17 of the least size that the camera delivers; -1: what its subscribers ask for
+    /// \param controls  names as getControls() lists them, in upper or lower case, and values; one that the camera does
+    /// not have or take is logged
+    /// \throws KRError  the camera does not exist; the resolution is not supported
+    void setInitialSettings(int camera, int resolution,
+                            const std::vector<std::pair<std::string, int>>& controls);
 
     /// Subscribes to a camera. The first subscriber opens it and waits for its first frame, at most ten seconds; a
     /// camera that has failed tries again at once. If the process of the caller ends meanwhile, no subscription is

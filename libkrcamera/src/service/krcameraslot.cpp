@@ -3,11 +3,30 @@
 #include <krplatform/krlog.hpp>
 #include <krplatform/krtext.hpp>
 
+#include <algorithm>
 #include <cassert>
+#include <cctype>
 #include <stdexcept>
+#include <string_view>
 #include <utility>
 
 namespace KR {
+
+namespace {
+
+bool equalsIgnoringCase(std::string_view a, std::string_view b) {
+    return std::ranges::equal(
+        a, b, [](unsigned char x, unsigned char y) { return std::tolower(x) == std::tolower(y); });
+}
+
+// Null if there is none of this name.
+const KRCameraControl* findControl(const std::vector<KRCameraControl>& controls, std::string_view name) {
+    const auto found =
+        std::ranges::find_if(controls, [&](const auto& each) { return equalsIgnoringCase(each.name, name); });
+    return found == controls.end() ? nullptr : &*found;
+}
+
+} // namespace
 
 KRCameraSlot::KRCameraSlot(int index, std::unique_ptr<KRSource> source)
     : index_(index), source_(std::move(source)) {}
@@ -42,15 +61,25 @@ void KRCameraSlot::acquire(const KRSize& size) {
     std::shared_ptr<KRCamera> camera;
     {
         const KRLock users(usersMutex_);
-        const KRLock lock(mutex_);
-        if (shutDown_) {
-            throw std::runtime_error(getTitle() + " cannot be opened: the camera service is shutting down");
+        bool isFirst = false;
+        {
+            const KRLock lock(mutex_);
+            if (shutDown_) {
+                throw std::runtime_error(getTitle() + " cannot be opened: the camera service is shutting down");
+            }
+            isFirst = !camera_;
+            if (isFirst) {
+                camera_ = source_->makeCamera(index_, getTitle());
+            }
+            camera = camera_;
+            ++users_;
         }
-        if (!camera_) {
-            camera_ = source_->makeCamera(index_, getTitle());
+        if (isFirst) {
+            if (initial_.size) {
+                camera->want(*initial_.size);
+            }
+            setControls(initial_.controls);
         }
-        camera = camera_;
-        ++users_;
     }
     try {
         camera->want(size);
@@ -58,6 +87,55 @@ void KRCameraSlot::acquire(const KRSize& size) {
     } catch (...) {
         release();
         throw std::runtime_error(getTitle() + " cannot be opened: " + describeCurrentException());
+    }
+}
+
+void KRCameraSlot::setInitialSettings(InitialSettings settings) {
+    const KRLock users(usersMutex_);
+    const auto isKept = [&](const auto& old) {
+        return std::ranges::any_of(settings.controls,
+                                   [&](const auto& each) { return equalsIgnoringCase(each.first, old.first); });
+    };
+    std::erase_if(initial_.controls, isKept);
+    const auto dropped = std::exchange(initial_, std::move(settings)).controls;
+    if (const std::shared_ptr<KRCamera> camera = getCamera()) {
+        if (initial_.size) {
+            camera->want(*initial_.size);
+        }
+        resetControls(dropped);
+        setControls(initial_.controls);
+    }
+}
+
+void KRCameraSlot::setControls(const std::vector<std::pair<std::string, int>>& controls) {
+    try {
+        const auto known = controls.empty() ? std::vector<KRCameraControl>() : getControls().list();
+        for (const auto& [name, value] : controls) {
+            const KRCameraControl* control = findControl(known, name);
+            if (control == nullptr) {
+                logError("KRVideoDevice",
+                         getTitle() + " has no control " + name + "; it has: " + listControls(known));
+            } else if (getControls().set(control->id, value) != KRControls::Answer::Done) {
+                logError("KRVideoDevice", getTitle() + " does not take " + std::to_string(value) + " for " +
+                                              name + ", " + std::to_string(control->minimum) + " to " +
+                                              std::to_string(control->maximum));
+            }
+        }
+    } catch (const std::exception& error) {
+        logError("KRVideoDevice", getTitle() + ": its controls cannot be set: " + error.what());
+    }
+}
+
+void KRCameraSlot::resetControls(const std::vector<std::pair<std::string, int>>& controls) {
+    try {
+        const auto known = controls.empty() ? std::vector<KRCameraControl>() : getControls().list();
+        for (const auto& each : controls) {
+            if (const KRCameraControl* control = findControl(known, each.first)) {
+                getControls().set(control->id, control->defaultValue);
+            }
+        }
+    } catch (const std::exception& error) {
+        logError("KRVideoDevice", getTitle() + ": its controls cannot be reset: " + error.what());
     }
 }
 

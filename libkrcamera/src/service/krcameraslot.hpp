@@ -7,7 +7,10 @@
 #include <krplatform/krmutex.hpp>
 
 #include <memory>
+#include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace KR {
 
@@ -15,7 +18,16 @@ namespace KR {
 /// Opening or closing one slot does not block the others.
 class KRCameraSlot {
 public:
+    /// What the camera begins with whenever it opens.
+    struct InitialSettings {
+        std::optional<KRSize> size; ///< the least that it delivers
+        std::vector<std::pair<std::string, int>> controls;
+    };
+
     KRCameraSlot(int index, std::unique_ptr<KRSource> source);
+
+    /// An open camera gets the settings at once, and controls that are no longer among them their defaults.
+    void setInitialSettings(InitialSettings settings);
 
     int getModel() const noexcept { return source_->getModel(); }
     /// "camera 1 (file:/tmp/a.avi)".
@@ -42,11 +54,16 @@ public:
 
 private:
     void close() KR_REQUIRES(usersMutex_);
+    /// Gives controls these values. Logs those that the camera does not have or take.
+    void setControls(const std::vector<std::pair<std::string, int>>& controls);
+    /// Gives controls their default values.
+    void resetControls(const std::vector<std::pair<std::string, int>>& controls);
 
     const int index_;
     const std::unique_ptr<KRSource> source_;
 
     KRMutex usersMutex_; ///< held while users_ changes and while the camera closes
+    InitialSettings initial_ KR_GUARDED_BY(usersMutex_);
 
     mutable KRMutex mutex_ KR_ACQUIRED_AFTER(usersMutex_); ///< not held while the camera opens or closes
     std::shared_ptr<KRCamera> camera_ KR_GUARDED_BY(mutex_);

@@ -2,8 +2,10 @@
 
 #include "krcamera/krvideodevice.hpp"
 
+#include "conversion/krconverter.hpp"
 #include "service/krvideodevice_p.hpp"
 
+#include <optional>
 #include <stdexcept>
 
 namespace KR {
@@ -25,6 +27,17 @@ KRValue toArray(const std::vector<T>& entries) {
 int KRVideoDevice::getCameraModel(int camera) const {
     const KRCameraSlot* slot = p_->findSlot(camera);
     return slot == nullptr ? -1 : slot->getModel();
+}
+
+void KRVideoDevice::setInitialSettings(int camera, int resolution,
+                                       const std::vector<std::pair<std::string, int>>& controls) {
+    const char* method = "setInitialSettings";
+    KRCameraSlot& slot = p_->getSlot(method, camera);
+    if (resolution != -1 && !isResolutionSupported(resolution)) {
+        p_->fail(method, "resolution " + std::to_string(resolution) + " is not supported; supported are 0 to 17");
+    }
+    slot.setInitialSettings(
+        {resolution == -1 ? std::nullopt : std::optional(getSize(resolution)), controls});
 }
 
 bool KRVideoDevice::setCameraParameter(const std::string& id, int parameter, int value) {

@@ -1,0 +1,36 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <sys/types.h>
+
+namespace KR::tool {
+
+/// A program that runs beside this one and ends with it. Thread-bound: it is sent SIGTERM when the thread that has started
+/// it ends.
+class ChildProcess {
+public:
+    /// Starts it with this program's output and without input, in a process group of its own.
+    /// \param command  path of the program, and its arguments
+    /// \throws std::runtime_error it cannot be started
+    explicit ChildProcess(std::vector<std::string> command);
+    /// Kills it if it still runs.
+    ~ChildProcess();
+    ChildProcess(const ChildProcess&) = delete;
+    ChildProcess& operator=(const ChildProcess&) = delete;
+
+    /// " has ended with exit code 1" or " was ended by signal 11 (Segmentation fault)"; nullopt while it runs.
+    std::optional<std::string> findEnd();
+    void send(int signal) const;
+
+private:
+    pid_t process_;
+    std::optional<std::string> end_;
+};
+
+/// Path of this program.
+std::string getProgramPath();
+
+} // namespace KR::tool

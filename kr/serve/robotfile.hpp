@@ -1,0 +1,33 @@
+#pragma once
+
+#include "serve/robot.hpp"
+
+#include <filesystem>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace KR::tool {
+
+/// What is wrong with a file, and where.
+struct RobotProblem {
+    Place place;
+    std::string text;
+};
+
+/// "robot.yaml:3:5: TEXT" for each problem, a line each, in the order of the file.
+std::string formatProblems(const std::string& path, std::vector<RobotProblem> problems);
+
+/// Reads a system from a YAML file. Relative paths in it are relative to its folder; those of the result are absolute.
+/// \param problems  receives all that is wrong with it, as far as the text alone shows; the result is of use only if there
+///                  is none
+/// \throws std::runtime_error it cannot be read; it is larger than 1 MiB
+Robot readRobotFile(const std::string& path, std::vector<RobotProblem>& problems);
+
+/// The source of a camera with an absolute path, if it names a file. \param folder  that a relative path begins at
+std::string resolveSource(const std::filesystem::path& folder, const std::string& source);
+
+/// The keys of a section of the file: "" for the whole, "log", "camera", "module", "subscription" or "record".
+const std::vector<std::string>& getRobotKeys(std::string_view section);
+
+} // namespace KR::tool

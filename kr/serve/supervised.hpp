@@ -1,0 +1,68 @@
+#pragma once
+
+#include <chrono>
+#include <optional>
+#include <string>
+
+namespace KR::tool {
+
+/// Something that is to run for as long as kr serve does: if it ends, it is started again after a pause, which grows each
+/// time. Each end is logged. Thread-bound.
+class Supervised {
+public:
+    using Clock = std::chrono::steady_clock;
+
+    static constexpr std::chrono::milliseconds kFirstPause{250};
+    static constexpr std::chrono::milliseconds kLongestPause{30'000};
+    /// What has run for so long begins with the first pause again.
+    static constexpr std::chrono::seconds kCalm{60};
+
+    /// \param title  for messages: "module Door"
+    /// \param restart  false: it stays as it is when it fails
+    Supervised(std::string title, bool restart) : title_(std::move(title)), restart_(restart) {}
+    virtual ~Supervised() = default;
+    Supervised(const Supervised&) = delete;
+    Supervised& operator=(const Supervised&) = delete;
+
+    const std::string& getTitle() const noexcept { return title_; }
+    /// Starts it when its time has come, and notices that it is up or has ended.
+    void poll();
+    bool isUp() const noexcept { return state_ == State::Up; }
+    /// Whether its first start has succeeded or failed.
+    bool hasTried() const noexcept { return state_ != State::Starting && hasStarted_; }
+    /// It has ended, and is not started again.
+    bool hasFailed() const noexcept { return state_ == State::Failed; }
+    /// Why it could not even be started, if it is not started again; empty otherwise.
+    const std::string& getRefusal() const noexcept { return refusal_; }
+
+    /// Ends it; isGone() is true once it has ended.
+    void end();
+    bool isGone();
+
+protected:
+    virtual void xStart() = 0;
+    /// How it has ended, or failed, as the end of a sentence: " has failed: ..."; nullopt while it starts or works.
+    virtual std::optional<std::string> xFindEnd() = 0;
+    virtual bool xIsUp() = 0;
+    /// Asks what is left of it to end.
+    virtual void xEnd() = 0;
+    virtual bool xIsGone() = 0;
+
+private:
+    enum class State { Pausing, Starting, Up, Clearing, Failed };
+
+    void start();
+    void noteEnd(const std::string& how);
+
+    const std::string title_;
+    const bool restart_;
+    State state_ = State::Pausing;
+    bool hasStarted_ = false;
+    bool wasUp_ = false;
+    std::string refusal_;
+    std::chrono::milliseconds pause_{0}; // before the last start
+    Clock::time_point started_{};
+    Clock::time_point next_{}; // start
+};
+
+} // namespace KR::tool
