@@ -109,7 +109,7 @@ ExitCode watch(const Options& options) {
         for (const std::string& event : options.events) {
             memory.subscribeToEvent(event, client->getName(), Client::kCallback);
         }
-        printError("watching; Ctrl-C ends it");
+        printNotice("watching; Ctrl-C ends it");
         const auto end = options.watch.getEnd();
         // The broker renews the subscriptions when the memory is restarted.
         constexpr std::chrono::milliseconds kStep{20};

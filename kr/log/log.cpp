@@ -79,9 +79,11 @@ ExitCode setLevels(const Options& options) {
     return code;
 }
 
+const GroupRegistration group("log", "Show what modules log, or set it while they run; watch their logs");
+
 const VerbRegistration registration(Verb<Options>{
-    .group = "",
-    .name = "log",
+    .group = "log",
+    .name = "",
     .summary = "Show what modules log, or set it while they run",
     .example = "  kr log\n"
                "  kr log verbose --module KRMotion\n"

@@ -237,7 +237,7 @@ ExitCode record(const Options& options) {
     Status status(queue);
     Writer writer(queue, file);
     auto recorder = std::make_unique<Recorder>(broker, selection, queue);
-    printError("recording to " + options.path + "; Ctrl-C ends it");
+    printNotice("recording to " + options.path + "; Ctrl-C ends it");
     auto nextLine = Clock::now() + std::chrono::seconds(1);
     while (!writer.hasFailed() && Clock::now() < end) {
         constexpr std::chrono::milliseconds kStep{50};

@@ -2,7 +2,7 @@
 
 #include "serve/childprocess.hpp"
 
-#include <krplatform/krlog.hpp>
+#include <krplatform/krlogformat.hpp>
 
 #include <array>
 #include <ctime>
@@ -12,7 +12,8 @@ namespace KR::tool {
 namespace {
 
 std::vector<std::string> makeCommand(const std::string& verb, const std::string& broker) {
-    return {getProgramPath(), verb, "--broker", withoutMemory(broker), "--log-level", getLogLevels()};
+    return {getProgramPath(), verb,           "--broker",     withoutMemory(broker),
+            "--log-level",    getLogLevels(), "--log-format", getLogFormatName(getLogFormat())};
 }
 
 void add(std::vector<std::string>& command, const std::string& option, const std::string& value) {

@@ -70,7 +70,8 @@ struct RobotRecording {
 struct Robot {
     std::string broker = "dds:";
     Place brokerPlace = {};
-    std::string logLevel = {}; ///< as setLogLevels() takes it; "": not in the file
+    std::string logLevel = {};  ///< as setLogLevels() takes it; "": not in the file
+    std::string logFormat = {}; ///< "": not in the file
     std::vector<RobotCamera> cameras = {}; ///< none: the camera service is elsewhere
     std::vector<RobotModule> modules = {};
     std::vector<RobotSubscription> subscriptions = {};

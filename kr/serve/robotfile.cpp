@@ -25,7 +25,7 @@ constexpr std::size_t kLargestFile = 1 << 20; // bytes
 constexpr const char* kNoRos =
     "this build has no bridge to ROS 2; a recording (record) in MCAP holds images as ROS 2 messages";
 
-std::string readText(const std::string& path) {
+std::string readWholeFile(const std::string& path) {
     std::string text;
     const File file = openFile(path, "rb");
     std::array<char, 65536> part;
@@ -186,6 +186,7 @@ RobotRecording Reader::readRecording(const YAML::Node& node) {
 
 void Reader::readLog(const YAML::Node& node, Robot& robot) {
     YamlSection section(node, "log", getRobotKeys("log"), problems_);
+    section.readChoice("format", robot.logFormat, {"text", "json", "journal"});
     section.read("level", robot.logLevel);
     try {
         if (!robot.logLevel.empty()) {
@@ -237,7 +238,7 @@ Robot Reader::read(const YAML::Node& root) {
 const std::vector<std::string>& getRobotKeys(std::string_view section) {
     static const std::map<std::string, std::vector<std::string>, std::less<>> kKeys{
         {"", {"broker", "log", "cameras", "modules", "subscriptions", "memory", "record", "ros2"}},
-        {"log", {"level"}},
+        {"log", {"level", "format"}},
         {"camera", {"source", "size", "controls"}},
         {"module", {"library", "name", "process", "restart", "parameters"}},
         {"subscription", {"module", "period", "precision"}},
@@ -274,7 +275,7 @@ std::string formatProblems(const std::string& path, std::vector<RobotProblem> pr
 
 Robot readRobotFile(const std::string& path, std::vector<RobotProblem>& problems) {
     try {
-        const std::string text = readText(path);
+        const std::string text = readWholeFile(path);
         const std::vector<YAML::Node> documents = YAML::LoadAll(text);
         if (documents.size() > 1) {
             problems.push_back({getPlace(documents[1]), "the file has a second document, which nothing would read"});

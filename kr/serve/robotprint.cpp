@@ -164,6 +164,7 @@ std::string formatRobot(const Robot& robot) {
     emitEntry(out, "broker", robot.broker);
     Entries log;
     log.add("level", robot.logLevel);
+    log.add("format", robot.logFormat);
     emitSection(out, "log", log);
     emitList(out, "cameras", robot.cameras);
     emitList(out, "modules", robot.modules);

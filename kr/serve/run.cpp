@@ -41,7 +41,7 @@ ExitCode runModule(const Options& options) {
     host.add(
         options.path, [&] { return createModuleOf(options.path, broker, options.name); }, interruption);
     options.hosting.subscribe(broker, host);
-    printError("module " + host.getModules().front()->getName() + " runs; Ctrl-C ends it");
+    printNotice("module " + host.getModules().front()->getName() + " runs; Ctrl-C ends it");
     const ExitCode code = host.waitFor(interruption);
     host.takeDown();
     return code;

@@ -19,7 +19,7 @@
 #include <krweb/krweb.hpp>
 #endif
 
-#include <krplatform/krlog.hpp>
+#include <krplatform/krlogformat.hpp>
 #include <krplatform/krtext.hpp>
 
 #include <cstdio>
@@ -151,6 +151,9 @@ void setUpLog(const Robot& robot) {
     if (!robot.logLevel.empty() && getLogOptions().levels.empty() && std::getenv("KR_LOG") == nullptr) {
         setLogLevels(robot.logLevel);
     }
+    if (!robot.logFormat.empty() && getLogOptions().format.empty() && std::getenv("KR_LOG_FORMAT") == nullptr) {
+        setLogFormat(parseLogFormat(robot.logFormat));
+    }
 }
 
 void reload(const Options& options, RobotHost& host, const ServiceNotifier& notifier) {
@@ -199,7 +202,7 @@ ExitCode serve(const Options& options) {
         pulse.beat();
         if (!isAnnounced && host.hasTriedAll()) {
             isAnnounced = true;
-            printError("serving on " + url + "; Ctrl-C ends it");
+            printNotice("serving on " + url + "; Ctrl-C ends it");
         }
         if (!isReady && host.isUp()) {
             isReady = true;

@@ -19,7 +19,7 @@ namespace {
 
 constexpr int kDeepest = 64;
 
-std::string quote(const std::string& text) {
+std::string quoteText(const std::string& text) {
     return '"' + escapeText(text, 100) + '"';
 }
 
@@ -82,10 +82,10 @@ Json readJson(const YAML::Node& node, int depth) {
 }
 
 std::string describe(const YAML::Node& node) {
-    return node.IsSequence() ? "a list" : node.IsMap() ? "a map" : node.IsNull() ? "nothing" : quote(node.Scalar());
+    return node.IsSequence() ? "a list" : node.IsMap() ? "a map" : node.IsNull() ? "nothing" : quoteText(node.Scalar());
 }
 
-std::string join(const std::vector<std::string>& names) {
+std::string listChoices(const std::vector<std::string>& names) {
     std::string text;
     for (std::size_t i = 0; i < names.size(); ++i) {
         text += (i == 0 ? "" : i + 1 == names.size() ? " or " : ", ") + names[i];
@@ -108,7 +108,7 @@ YamlSection::YamlSection(const YAML::Node& node, std::string title, const std::v
                          std::vector<RobotProblem>& problems)
     : node_(node), title_(std::move(title)), problems_(problems) {
     if (!node.IsMap()) {
-        report(node, title_ + " needs keys and values, not " + describe(node) + "; keys are " + join(keys));
+        report(node, title_ + " needs keys and values, not " + describe(node) + "; keys are " + listChoices(keys));
         return;
     }
     std::set<std::string> seen;
@@ -120,7 +120,7 @@ YamlSection::YamlSection(const YAML::Node& node, std::string title, const std::v
         const std::string& key = each.first.Scalar();
         if (std::ranges::find(keys, key) == keys.end()) {
             const auto nearest = findNearestNames(key, keys, 1);
-            report(each.first, title_ + " has no key " + quote(key) +
+            report(each.first, title_ + " has no key " + quoteText(key) +
                                    (nearest.empty() ? "" : "; did you mean " + nearest.front() + "?"));
         } else if (!seen.insert(key).second) {
             report(each.first, title_ + " has the key " + key + " twice");
@@ -216,7 +216,7 @@ void YamlSection::readChoice(const std::string& key, std::string& value, const s
     if (node.IsScalar() && std::ranges::find(choices, node.Scalar()) != choices.end()) {
         value = node.Scalar();
     } else {
-        report(node, key + " needs " + join(choices) + ", not " + describe(node));
+        report(node, key + " needs " + listChoices(choices) + ", not " + describe(node));
     }
 }
 
@@ -251,14 +251,14 @@ void YamlSection::read(const std::string& key, std::vector<std::pair<std::string
         if (name.empty()) {
             report(each.first, "a name in " + key + " is not a text");
         } else if (!seen.insert(name).second) {
-            report(each.first, key + " has " + quote(name) + " twice");
+            report(each.first, key + " has " + quoteText(name) + " twice");
         } else {
             try {
                 Json json = readJson(each.second);
                 toValue(json); // for what it throws
                 values.emplace_back(name, std::move(json));
             } catch (const std::exception& error) { // UsageError, std::invalid_argument
-                report(each.second, quote(name) + " in " + key + ": " + error.what());
+                report(each.second, quoteText(name) + " in " + key + ": " + error.what());
             }
         }
     }

@@ -4,6 +4,7 @@
 #include "tool/registry.hpp"
 
 #include <krplatform/krerror.hpp>
+#include <krplatform/krlogformat.hpp>
 #include <krplatform/krtext.hpp>
 
 #include <CLI/CLI.hpp>
@@ -64,32 +65,49 @@ ExitCode handleParseError(const CLI::App& app, const CLI::ParseError& error) {
     return ExitCode::WrongUsage;
 }
 
-// Several lines stay several lines; everything else that controls a terminal is escaped.
-std::string escapeLines(const std::string& text) {
-    std::string escaped;
+// Lines of the log, or of a terminal: several lines stay several lines, and everything else that controls a terminal is
+// escaped.
+std::string formatLines(const std::string& text, KRLogLevel level) {
+    const KRLogFormat format = getLogFormat();
+    std::string lines;
     for (std::size_t start = 0; start <= text.size();) {
         const std::size_t end = std::min(text.find('\n', start), text.size());
-        escaped += (start == 0 ? "" : "\n") + escapeText(text.substr(start, end - start));
+        const std::string line = text.substr(start, end - start);
+        if (format == KRLogFormat::Text) {
+            lines += (start == 0 ? "kr: " : "") + escapeText(line) + "\n";
+        } else {
+            lines += formatLogRecord({level, "kr", line, KRSourceLocation::current(), {}, std::chrono::system_clock::now()},
+                                     format) +
+                     "\n";
+        }
         start = end + 1;
     }
-    return escaped;
+    return lines;
+}
+
+void print(const std::string& text, KRLogLevel level) {
+    std::fflush(stdout); // keeps the order of events on a terminal
+    const std::string lines = formatLines(text, level);
+    constexpr int kPatience_ms = 1000;
+    constexpr std::size_t kPart =
+        512; // POSIX: a pipe that is ready for writing takes as much without blocking
+    for (std::size_t start = 0; start < lines.size(); start += kPart) {
+        pollfd err{STDERR_FILENO, POLLOUT, 0};
+        if (::poll(&err, 1, kPatience_ms) == 0) {
+            return;
+        }
+        std::fwrite(lines.data() + start, 1, std::min(kPart, lines.size() - start), stderr);
+    }
 }
 
 } // namespace
 
 void printError(const std::string& text) {
-    std::fflush(stdout); // keeps the order of events on a terminal
-    const std::string line = "kr: " + escapeLines(text) + "\n";
-    constexpr int kPatience_ms = 1000;
-    constexpr std::size_t kPart =
-        512; // POSIX: a pipe that is ready for writing takes as much without blocking
-    for (std::size_t start = 0; start < line.size(); start += kPart) {
-        pollfd err{STDERR_FILENO, POLLOUT, 0};
-        if (::poll(&err, 1, kPatience_ms) == 0) {
-            return;
-        }
-        std::fwrite(line.data() + start, 1, std::min(kPart, line.size() - start), stderr);
-    }
+    print(text, KRLogLevel::Error);
+}
+
+void printNotice(const std::string& text) {
+    print(text, KRLogLevel::Info);
 }
 
 ExitCode runCommandLine(int argc, const char* const* argv) {

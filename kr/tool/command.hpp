@@ -36,7 +36,7 @@ using Completer = std::function<std::vector<std::string>(const std::vector<std::
 template <class Options>
 struct Verb {
     std::string group;
-    std::string name;
+    std::string name;    ///< "": what the group does without a verb; its arguments are not to be names of verbs
     std::string summary; ///< one line, imperative, without a full stop
     std::string example; ///< one command line or more, for the end of its --help
     /// Does the work, after the options have been read. A KRError is reported by describe(), another
@@ -88,12 +88,15 @@ public:
 /// What the command line says about the log; "" where it says nothing.
 struct LogOptions {
     std::string levels;
+    std::string format;
 };
 const LogOptions& getLogOptions();
 
-/// Writes a line to standard error, with the name of the program in front and control characters escaped. Gives up
-/// if nobody reads standard error for a second. Thread-safe.
+/// Writes a line to standard error, with the name of the program in front and control characters escaped, or as a line of
+/// the log where --log-format says so. Gives up if nobody reads standard error for a second. Thread-safe.
 void printError(const std::string& text);
+/// The same for what is no error.
+void printNotice(const std::string& text);
 
 /// Completes the word after `words`, which begins with `prefix`: groups, verbs, options, and what the verb itself
 /// offers. Throws nothing: what fails has no completions.

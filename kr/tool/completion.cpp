@@ -13,6 +13,7 @@ struct ParsedWords {
     const CLI::App* at = nullptr;            ///< the program, the group or the verb that was named last
     const Command* command = nullptr;        ///< the verb; null until it is named
     std::vector<std::string> arguments = {}; ///< of the verb, without options
+    std::string group = {};                  ///< named last; ""
     std::string broker = "dds:";
     const CLI::Option* option = nullptr; ///< whose value the next word is; null: it is none
     bool isKnown = true;                 ///< false: there is no such group or verb
@@ -21,7 +22,7 @@ struct ParsedWords {
 ParsedWords parse(const CLI::App& app, const std::vector<std::string>& words) {
     ParsedWords parsed;
     parsed.at = &app;
-    std::string group;
+    std::string& group = parsed.group;
     const CLI::Option* wanted = nullptr; // the option whose value comes next
     for (const std::string& word : words) {
         if (wanted != nullptr) {
@@ -42,11 +43,17 @@ ParsedWords parse(const CLI::App& app, const std::vector<std::string>& words) {
         } else {
             const auto named =
                 parsed.at->get_subcommands([&](const CLI::App* each) { return each->get_name() == word; });
-            if (named.empty()) {
-                parsed.isKnown = false;
-                return parsed;
-            }
             const auto& verbs = getGroups()[group].commands;
+            if (named.empty()) {
+                const auto withoutVerb = verbs.find("");
+                parsed.isKnown = withoutVerb != verbs.end();
+                if (!parsed.isKnown) {
+                    return parsed;
+                }
+                parsed.command = &withoutVerb->second;
+                parsed.arguments.push_back(word);
+                continue;
+            }
             const auto found = verbs.find(word);
             if (found != verbs.end()) {
                 parsed.command = &found->second;
@@ -106,6 +113,13 @@ std::vector<std::string> completeCommandLine(const std::vector<std::string>& wor
         for (const CLI::App* next : parsed.at->get_subcommands([](const CLI::App*) { return true; })) {
             if (!next->get_group().empty()) { // hidden verbs have none
                 candidates.push_back(next->get_name());
+            }
+        }
+        const auto& verbs = getGroups()[parsed.group].commands;
+        const auto withoutVerb = verbs.find("");
+        if (withoutVerb != verbs.end() && withoutVerb->second.complete) {
+            for (std::string& each : completeSafely([&] { return withoutVerb->second.complete({}, parsed.broker); })) {
+                candidates.push_back(std::move(each));
             }
         }
     } else if (parsed.command->complete) {

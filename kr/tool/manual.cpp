@@ -19,7 +19,7 @@ std::vector<const CLI::App*> getShown(const CLI::App& app) {
 ManualPage describe(const CLI::App& app, const std::string& command) {
     const CLI::Formatter formatter;
     ManualPage page{command, command, app.get_description(), {}, {}, {}, app.get_footer()};
-    page.usage += getShown(app).empty() ? " [OPTIONS]" : " [OPTIONS] VERB";
+    page.usage += app.get_require_subcommand_min() == 0 ? " [OPTIONS]" : " [OPTIONS] VERB";
     for (const CLI::Option* option : app.get_options()) {
         if (option->get_group().empty()) {
             continue;
@@ -176,7 +176,7 @@ std::string formatMarkdown(const std::vector<ManualPage>& pages) {
 std::string formatVerbTable(const std::vector<ManualPage>& pages) {
     std::string out = "| | |\n|---|---|\n";
     for (const ManualPage& page : pages) {
-        if (page.commands.empty()) {
+        if (page.commands.empty() || !page.arguments.empty()) { // a group may do something without a verb
             std::string usage = page.usage;
             usage.erase(usage.find(" [OPTIONS]"), sizeof " [OPTIONS]" - 1);
             out += "| " + toCode(usage) + " | " + escapeCell(page.summary) + " |\n";

@@ -1,6 +1,6 @@
 #include "tool/registry.hpp"
 
-#include <krplatform/krlog.hpp>
+#include <krplatform/krlogformat.hpp>
 
 #include <CLI/CLI.hpp>
 
@@ -21,6 +21,9 @@ LogOptions logOptions; // of the verb that runs
 
 void setUpLog() {
     setLogLevel(KRLogLevel::Warning); // verbs that host modules lower it
+    if (!logOptions.format.empty()) {
+        setLogFormat(parseLogFormat(logOptions.format));
+    }
     if (logOptions.levels.empty()) {
         return;
     }
@@ -66,8 +69,11 @@ void declareAll(CLI::App& app, std::function<ExitCode()>& chosen, ValueCompleter
             verbs->require_subcommand(1);
             verbs->footer("kr " + name + " VERB --help shows the options of a verb, and an example.");
         }
+        if (group.commands.contains("")) {
+            verbs->require_subcommand(0, 1);
+        }
         for (const auto& [verbName, command] : group.commands) {
-            CLI::App* verb = verbs->add_subcommand(verbName, command.summary);
+            CLI::App* verb = verbName.empty() ? verbs : verbs->add_subcommand(verbName, command.summary);
             verb->footer("Example:\n" + command.example);
             Arguments arguments(*verb, completers);
             const auto run = command.declare(arguments);
@@ -77,7 +83,12 @@ void declareAll(CLI::App& app, std::function<ExitCode()>& chosen, ValueCompleter
                      "warning,krdds=verbose")
                 .valueName("LEVELS")
                 .completes({"error", "warning", "info", "verbose"});
-            verb->callback([&chosen, run] {
+            arguments.add("--log-format", logOptions.format, "form of the log: text, json or journal")
+                .oneOf({"text", "json", "journal"});
+            verb->callback([&chosen, run, verb] {
+                if (!verb->get_subcommands().empty()) {
+                    return; // that one is meant
+                }
                 chosen = [run] {
                     setUpLog();
                     return run();

@@ -50,7 +50,7 @@ std::unique_ptr<KRWebServer> WebOptions::start(const boost::shared_ptr<KRBroker>
     options.domain = domain;
     try {
         auto server = std::make_unique<KRWebServer>(broker, options);
-        printError("open " + server->getUrl() +
+        printNotice("open " + server->getUrl() +
                    (tokenFile_.empty() ? "" : "?token=TOKEN, with the token in " + tokenFile_));
         return server;
     } catch (const std::invalid_argument& error) {

@@ -1,10 +1,12 @@
 #include "krplatform/krlog.hpp"
 
+#include "krplatform/krlogformat.hpp"
 #include "krplatform/krmutex.hpp"
 #include "krplatform/krtext.hpp"
 #include "krplatform/krthread.hpp"
 
 #include "krlogconsole.hpp"
+#include "krloghistory.hpp"
 #include "krloglevels.hpp"
 
 #include <algorithm>
@@ -64,6 +66,9 @@ public:
     void setDefaultLevel(KRLogLevel level) noexcept KR_EXCLUDES(mutex_);
     void setLevels(std::string_view text) KR_EXCLUDES(mutex_);
     std::string getLevels() const KR_EXCLUDES(mutex_);
+    void setFormat(KRLogFormat format) noexcept { format_ = format; }
+    KRLogFormat getFormat() const noexcept { return format_; }
+    KRLogExcerpt getRecords(const std::string& since) const { return history_.read(since); }
 
     void submit(KRLogRecord record) noexcept KR_EXCLUDES(mutex_);
     void countLost() noexcept KR_EXCLUDES(mutex_);
@@ -89,6 +94,7 @@ private:
     /// In the child of a fork, whose parent's log is locked by the forking thread.
     void copyLevels(const Log& parents) KR_NO_THREAD_SAFETY_ANALYSIS {
         levels_ = parents.levels_;
+        format_ = parents.format_.load();
         mostVerbose_ = parents.mostVerbose_.load();
     }
     static void prepareFork() noexcept KR_NO_THREAD_SAFETY_ANALYSIS;
@@ -104,6 +110,8 @@ private:
 
     std::atomic<KRLogLevel> mostVerbose_ = KRLogLevel::Info; // of levels_
     std::atomic<bool> hasListeners_ = false;
+    std::atomic<KRLogFormat> format_ = KRLogFormat::Text;
+    KRLogHistory history_;
 
     mutable KRMutex mutex_;
     KRLogLevels levels_ KR_GUARDED_BY(mutex_); // what is printed
@@ -167,16 +175,19 @@ void Log::submit(KRLogRecord record) noexcept {
 }
 
 void Log::readEnvironment() {
-    const char* const levels = std::getenv("KR_LOG");
-    if (levels == nullptr) {
-        return;
-    }
-    try {
-        setLevels(levels);
-    } catch (const std::exception& error) {
-        submit({KRLogLevel::Warning, "krplatform.log", std::string("KR_LOG has no effect: ") + error.what(),
-                KRSourceLocation::current(), getThreadName(), std::chrono::system_clock::now()});
-    }
+    const auto read = [this](const char* variable, const auto& set) {
+        const char* const value = std::getenv(variable);
+        try {
+            if (value != nullptr) {
+                set(value);
+            }
+        } catch (const std::exception& error) {
+            submit({KRLogLevel::Warning, "krplatform.log", std::string(variable) + " has no effect: " + error.what(),
+                    KRSourceLocation::current(), getThreadName(), std::chrono::system_clock::now()});
+        }
+    };
+    read("KR_LOG_FORMAT", [this](const char* value) { setFormat(parseLogFormat(value)); });
+    read("KR_LOG", [this](const char* value) { setLevels(value); });
 }
 
 void Log::setDefaultLevel(KRLogLevel level) noexcept {
@@ -290,7 +301,9 @@ void Log::reportLosses() {
 void Log::deliver(const Item& item, const Entries& listeners) noexcept {
     try {
         if (item.printed) {
+            console_.setFormat(format_);
             console_.add(item.record);
+            history_.add(item.record);
         }
     } catch (...) { // no memory for the line
     }
@@ -445,6 +458,18 @@ void setLogLevels(std::string_view levels) {
 
 std::string getLogLevels() {
     return Log::get().getLevels();
+}
+
+void setLogFormat(KRLogFormat format) noexcept {
+    Log::get().setFormat(format);
+}
+
+KRLogFormat getLogFormat() noexcept {
+    return Log::get().getFormat();
+}
+
+KRLogExcerpt getLogRecords(const std::string& since) {
+    return Log::get().getRecords(since);
 }
 
 KRLogListener::KRLogListener(std::function<void(const KRLogRecord&)> listener)

@@ -2,8 +2,6 @@
 
 #include "krplatform/krtext.hpp"
 
-#include "krloglevels.hpp"
-
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -22,40 +20,10 @@ namespace KR {
 
 namespace {
 
-constexpr std::size_t kMaxCategory = 256;
-
 bool isColorTerminal() noexcept {
     const char* terminal = std::getenv("TERM");
     return ::isatty(STDERR_FILENO) == 1 && terminal != nullptr && std::strcmp(terminal, "dumb") != 0 &&
            std::getenv("NO_COLOR") == nullptr;
-}
-
-const char* getColor(KRLogLevel level) noexcept {
-    switch (level) {
-    case KRLogLevel::Error:
-        return "\033[31m\033[1m";
-    case KRLogLevel::Warning:
-        return "\033[33m\033[1m";
-    case KRLogLevel::Info:
-        return "\033[32m";
-    case KRLogLevel::Verbose:
-        return "\033[36m";
-    }
-    return "";
-}
-
-/// "[2026-11-22 12:34:56.789] ", local time
-std::string formatTime(std::chrono::system_clock::time_point time) {
-    const std::time_t seconds = std::chrono::system_clock::to_time_t(time);
-    const auto milliseconds =
-        std::chrono::duration_cast<std::chrono::milliseconds>(time.time_since_epoch()).count() % 1000;
-    std::tm parts{};
-    ::localtime_r(&seconds, &parts);
-    std::array<char, 80> text{};
-    std::snprintf(text.data(), text.size(), "[%04d-%02d-%02d %02d:%02d:%02d.%03d] ", parts.tm_year + 1900,
-                  parts.tm_mon + 1, parts.tm_mday, parts.tm_hour, parts.tm_min, parts.tm_sec,
-                  static_cast<int>(milliseconds));
-    return text.data();
 }
 
 /// write(2) that fails with EPIPE, instead of ending the process by SIGPIPE, when the reader has gone.
@@ -81,7 +49,7 @@ ssize_t writeWithoutSignal(std::string_view bytes) noexcept {
 KRLogConsole::KRLogConsole() : colored_(isColorTerminal()) {}
 
 void KRLogConsole::add(const KRLogRecord& record) {
-    Key key{record.level, escapeText(record.category, kMaxCategory), escapeText(record.message, kMaxText)};
+    Key key{record.level, escapeText(record.category, kMaxLogCategory), escapeText(record.message, kMaxText)};
     const auto known = recent_.find(key);
     if (known != recent_.end()) {
         ++known->second.repetitions;
@@ -135,15 +103,7 @@ std::optional<KRLogConsole::Clock::time_point> KRLogConsole::getNextReport() con
 void KRLogConsole::addLine(const Key& key, std::chrono::system_clock::time_point time,
                            std::uint64_t repetitions) {
     const auto& [level, category, text] = key;
-    std::string line = formatTime(time);
-    line += colored_ ? getColor(level) : "";
-    line += getLevelName(level);
-    line += " " + category + ": " + text;
-    if (repetitions > 0) {
-        line += " (said " + std::to_string(repetitions) + (repetitions == 1 ? " time" : " times") + " more)";
-    }
-    line += colored_ ? "\033[m\n" : "\n";
-    append(line);
+    append(formatLogLine({level, category, text, time, repetitions}, format_, colored_) + "\n");
 }
 
 void KRLogConsole::append(const std::string& line) {

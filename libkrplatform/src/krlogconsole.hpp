@@ -1,6 +1,8 @@
 #pragma once
 
-#include "krplatform/krlog.hpp"
+#include "krplatform/krlogformat.hpp"
+
+#include "krlogline.hpp"
 
 #include <chrono>
 #include <cstddef>
@@ -24,12 +26,14 @@ public:
     /// Lines whose repetitions are counted at most.
     static constexpr std::size_t kMaxRecent = 256;
     /// Longest text of a record on standard error, in bytes.
-    static constexpr std::size_t kMaxText = 8192;
+    static constexpr std::size_t kMaxText = kMaxLogText;
     static constexpr Clock::duration kFirstInterval = std::chrono::seconds(1);
     static constexpr Clock::duration kLongestInterval = std::chrono::minutes(10);
 
     KRLogConsole();
 
+    /// Form of the lines from now on.
+    void setFormat(KRLogFormat format) noexcept { format_ = format; }
     void add(const KRLogRecord& record);
     /// Reports the repetitions whose interval is over, or all of them.
     void addRepetitions(bool all);
@@ -54,6 +58,7 @@ private:
     void dropPending() noexcept;
 
     const bool colored_;
+    KRLogFormat format_ = KRLogFormat::Text;
     std::map<Key, Recent> recent_;
     std::string pending_;
     std::size_t written_ = 0; // bytes of pending_ that are out already

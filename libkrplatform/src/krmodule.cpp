@@ -1,6 +1,7 @@
 #include "krplatform/krmodule.hpp"
 
 #include "krplatform/krlog.hpp"
+#include "krplatform/krlogformat.hpp"
 #include "krplatform/krmodulehandle.hpp"
 #include "krplatform/krtext.hpp"
 
@@ -8,7 +9,10 @@
 #include "krmodule_p.hpp"
 #include "krnearestnames.hpp"
 
+#include <algorithm>
 #include <array>
+#include <chrono>
+#include <limits>
 #include <optional>
 #include <sstream>
 #include <stdexcept>
@@ -24,6 +28,7 @@ constexpr std::string_view kGetFailure = "getFailure";
 constexpr std::string_view kGetParameterList = "getParameterList";
 constexpr std::string_view kGetLogLevels = "getLogLevels";
 constexpr std::string_view kSetLogLevels = "setLogLevels";
+constexpr std::string_view kGetLogRecords = "getLogRecords";
 
 /// How well a value fits an argument type: 0 is exact, more is worse; nullopt if it does not fit.
 std::optional<int> mismatch(KRArgumentType wanted, const KRValue& given) {
@@ -69,6 +74,21 @@ std::string listTypes(std::span<const KRValue> values) {
 
 KRValue toValue(const KRMethodDescription::Parameter& parameter, KRArgumentType type) {
     return KRValue::array(parameter.name, parameter.description, getTypeName(type));
+}
+
+/// As getLogRecords() describes it.
+KRValue toValue(const KRLogExcerpt& excerpt) {
+    std::vector<KRValue> records;
+    records.reserve(excerpt.records.size());
+    for (const KRLogRecord& each : excerpt.records) {
+        const auto time_usec =
+            std::chrono::duration_cast<std::chrono::microseconds>(each.time.time_since_epoch()).count();
+        records.push_back(KRValue::array(static_cast<int>(each.level), each.category, each.message, each.thread,
+                                         static_cast<int>(time_usec / 1'000'000),
+                                         static_cast<int>(time_usec % 1'000'000)));
+    }
+    constexpr std::uint64_t kMost = std::numeric_limits<int>::max();
+    return KRValue::array(excerpt.now, static_cast<int>(std::min(excerpt.lost, kMost)), std::move(records));
 }
 
 KRArgumentType toArgumentType(const KRValue& name) {
@@ -209,6 +229,9 @@ KRValue KRModule::Private::call(std::string_view method, std::span<const KRValue
         }
         logInfo("krplatform.module", name + " was asked to log " + levels);
         return {};
+    }
+    if (method == kGetLogRecords && arguments.size() == 1 && arguments[0].isString()) {
+        return toValue(getLogRecords(arguments[0].to<std::string>()));
     }
     throw KRError(name, std::string(method), "no such method; " + suggestMethods(method));
 }
