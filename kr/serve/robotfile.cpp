@@ -122,7 +122,7 @@ RobotModule Reader::readModule(const YAML::Node& node) {
         module.library = resolve(module.library);
     }
     section.read("name", module.name);
-    std::string process = "same";
+    std::string process = module.library.ends_with(".py") ? "own" : "same";
     section.readChoice("process", process, {"same", "own"});
     module.ownProcess = process == "own";
     if (node.IsMap() && module.ownProcess && module.name.empty()) {

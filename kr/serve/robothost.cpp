@@ -175,8 +175,11 @@ void RobotHost::poll() {
             each.runner->poll();
         }
         hasFailed_ = hasFailed_ || each.runner->hasFailed();
-        if (!each.runner->getRefusal().empty()) {
-            throw std::runtime_error(each.runner->getRefusal());
+        if (const std::string refusal = each.runner->takeRefusal(); !refusal.empty()) {
+            if (!hasChanged_) {
+                throw std::runtime_error(refusal);
+            }
+            logError(kCategory, refusal);
         }
     }
     if (recording_ && isNameFree(recording_->getTitle())) {
@@ -209,6 +212,7 @@ void RobotHost::apply(Robot next) {
         logError(kCategory, "the address of the broker stays " + robot_.broker + ": another one needs a restart");
         next.broker = robot_.broker;
     }
+    hasChanged_ = true;
     const Robot before = std::exchange(robot_, std::move(next));
     applyCameras(before.cameras);
     applyModules();
@@ -230,15 +234,20 @@ void RobotHost::applyCameras(const std::vector<RobotCamera>& before) {
         return;
     }
     try {
-        if (listSources(before) == listSources(robot_.cameras)) {
-            setCameras(before);
+        if (before.size() != robot_.cameras.size()) {
+            logInfo(kCategory, "the camera service is started again with another number of cameras");
+            cameras_.reset();
+            if (!robot_.cameras.empty()) {
+                startCameras();
+            }
             return;
         }
-        logInfo(kCategory, "the camera service is started again for its new sources");
-        cameras_.reset();
-        if (!robot_.cameras.empty()) {
-            startCameras();
+        for (std::size_t i = 0; i < before.size(); ++i) {
+            if (before[i].source != robot_.cameras[i].source) {
+                cameras_->setSource(static_cast<int>(i), robot_.cameras[i].source);
+            }
         }
+        setCameras(before);
     } catch (const KRError& error) {
         logError(kCategory, "the cameras of the file cannot be used: " + tool::describe(error));
     }

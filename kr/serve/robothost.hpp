@@ -29,7 +29,7 @@ public:
     explicit RobotHost(Robot robot);
 
     /// Notices what has ended, and starts what is to be started. Call it a few times a second.
-    /// \throws std::runtime_error a module that is not to be restarted could not even be started
+    /// \throws std::runtime_error a module of the beginning that is not to be restarted could not even be started
     void poll();
     /// Everything was started, or could not be at the first attempt.
     bool hasTriedAll() const;
@@ -85,6 +85,7 @@ private:
     std::vector<std::pair<std::string, Json>> unwritten_; // values for a memory that is not there yet
     std::vector<std::future<void>> changes_;              // of parameters, under way
     bool hasFailed_ = false;
+    bool hasChanged_ = false; // by apply()
 };
 
 } // namespace KR::tool

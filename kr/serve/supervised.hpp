@@ -3,6 +3,7 @@
 #include <chrono>
 #include <optional>
 #include <string>
+#include <utility>
 
 namespace KR::tool {
 
@@ -32,8 +33,8 @@ public:
     bool hasTried() const noexcept { return state_ != State::Starting && hasStarted_; }
     /// It has ended, and is not started again.
     bool hasFailed() const noexcept { return state_ == State::Failed; }
-    /// Why it could not even be started, if it is not started again; empty otherwise.
-    const std::string& getRefusal() const noexcept { return refusal_; }
+    /// Why it could not even be started, if it is not started again; empty otherwise, and after the first call.
+    std::string takeRefusal() { return std::exchange(refusal_, {}); }
 
     /// Ends it; isGone() is true once it has ended.
     void end();

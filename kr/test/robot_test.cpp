@@ -166,7 +166,7 @@ TEST_F(KrRobot, AHangUpAppliesWhatHasChangedAndLeavesAloneWhatHasNot) {
         return table.size() == 1 && table[0][1] == 90;
     }));
     EXPECT_TRUE(eventually([&] { return krOnDomain({"module", "list"}).out.find("Left") == std::string::npos; }));
-    EXPECT_THAT(server.readErr(), Not(HasSubstr("camera service is started again")));
+    EXPECT_THAT(server.readErr(), Not(HasSubstr("camera 0 (test:ball) is closed")));
     EXPECT_THAT(server.readErr(), Not(HasSubstr("module Left was ended"))) << "it was asked to";
 
     write("cameras: [test:ball]\nmodule: []\n");
@@ -176,14 +176,25 @@ TEST_F(KrRobot, AHangUpAppliesWhatHasChangedAndLeavesAloneWhatHasNot) {
     EXPECT_EQ(server.stop().exitCode, 0);
 }
 
-TEST_F(KrRobot, AnotherSourceReachesModulesThatWorkOn) {
-    const std::string modules = "modules: [" KR_MOTION_LIBRARY "]\nsubscriptions: [{module: KRMotion, period: 50}]\n";
-    RunningProgram server = serveFile("cameras: [test:ball]\n" + modules);
+TEST_F(KrRobot, AnotherSourceReachesModulesThatWorkOnAndLeavesOtherCamerasAlone) {
+    const std::string modules = "modules: [" KR_MOTION_LIBRARY ", {library: " KR_MOTION_LIBRARY
+                                ", name: Other, parameters: {camera: 1}}]\n"
+                                "subscriptions: [{module: KRMotion, period: 50}, {module: Other, period: 50}]\n";
+    RunningProgram server = serveFile("cameras: [test:ball, test:snow]\n" + modules);
     ASSERT_TRUE(server.isUp()) << server.readErr();
     ASSERT_TRUE(server.waitFor("camera 0 (test:ball) is open")) << server.readErr();
-    write("cameras: [test:smpte]\n" + modules);
+    ASSERT_TRUE(server.waitFor("camera 1 (test:snow) is open")) << server.readErr();
+    write("cameras: [test:smpte, test:snow]\n" + modules);
     reload(server);
     EXPECT_TRUE(server.waitFor("camera 0 (test:smpte) is open")) << server.readErr();
+    EXPECT_THAT(server.readErr(), Not(HasSubstr("camera 1 (test:snow) is closed")));
+    write("cameras: [test:smpte]\n" + modules);
+    reload(server);
+    EXPECT_TRUE(server.waitFor("camera service is started again with another number")) << server.readErr();
+    EXPECT_TRUE(eventually([&] {
+        const std::string log = server.readErr();
+        return log.find("camera 0 (test:smpte) is open", log.find("started again with")) != std::string::npos;
+    })) << server.readErr();
     EXPECT_EQ(server.stop().exitCode, 0);
 }
 

@@ -41,6 +41,26 @@ TEST_F(ParameterTest, InitialSettingsAreThoseOfACameraWheneverItOpens) {
     EXPECT_THROW(service->setInitialSettings(0, 18, {}), KRError);
 }
 
+TEST_F(ParameterTest, AnotherSourceTakesThePlaceOfACameraForItsSubscribers) {
+    start({"test:black", "test:black"});
+    service->setInitialSettings(0, -1, {{"hue", 20}});
+    const std::string id = subscribe(0, Resolution::QuarterVga, Space::Luma);
+    const std::string other = subscribe(1, Resolution::QuarterVga, Space::Luma);
+    for (int i = 0; i < 20; ++i) { // so that the new source begins with smaller numbers
+        EXPECT_LT(fetch(id).at(100, 100)[0], 20);
+    }
+    service->setSource(0, "test:white");
+    fetchUntil(id, [](const Image& image) { return image.at(100, 100)[0] > 200; });
+    EXPECT_LT(fetch(other).at(100, 100)[0], 20);
+    EXPECT_EQ(proxy->getCameraList().at(0).source, "test:white");
+    EXPECT_EQ(proxy->getControls(0).at(3).value, 20);
+    proxy->unsubscribe(id);
+    service->setSource(0, "test:black"); // closed
+    EXPECT_LT(fetch(subscribe(0, Resolution::QuarterVga, Space::Luma)).at(100, 100)[0], 20);
+    EXPECT_THAT(errorOf([&] { service->setSource(0, "nothing:x"); }), testing::HasSubstr("nothing:x"));
+    EXPECT_THAT(errorOf([&] { service->setSource(7, "test"); }), testing::HasSubstr("camera 7 does not exist"));
+}
+
 TEST_F(ParameterTest, ContrastSaturationAndHueShowInThePicture) {
     start({"test:red"});
     const std::string id = subscribe(0, Resolution::QuarterVga, Space::Rgb);

@@ -58,6 +58,11 @@ public:
     void setInitialSettings(int camera, int resolution,
                             const std::vector<std::pair<std::string, int>>& controls);
 
+    /// Gives a camera another source. Subscriptions last: their next images are of the new source, which is opened on a
+    /// call thread if there are any.
+    /// \throws KRError  the camera does not exist; an invalid source string; the service is shutting down
+    void setSource(int camera, const std::string& source);
+
     /// Subscribes to a camera. The first subscriber opens it and waits for its first frame, at most ten seconds; a
     /// camera that has failed tries again at once. If the process of the caller ends meanwhile, no subscription is
     /// made.

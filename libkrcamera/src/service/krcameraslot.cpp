@@ -29,16 +29,43 @@ const KRCameraControl* findControl(const std::vector<KRCameraControl>& controls,
 } // namespace
 
 KRCameraSlot::KRCameraSlot(int index, std::unique_ptr<KRSource> source)
-    : index_(index), source_(std::move(source)) {}
+    : index_(index), source_(source.get()) {
+    sources_.push_back(std::move(source));
+}
+
+std::shared_ptr<KRCamera> KRCameraSlot::setSource(std::unique_ptr<KRSource> source) {
+    const KRLock users(usersMutex_);
+    KRControls& controlsBefore = getControls();
+    sources_.push_back(std::move(source));
+    source_.store(sources_.back().get(), std::memory_order_release);
+    std::shared_ptr<KRCamera> before;
+    std::shared_ptr<KRCamera> next;
+    {
+        const KRLock lock(mutex_);
+        if (!camera_) {
+            return nullptr;
+        }
+        next = getSource().makeCamera(index_, getTitle());
+        before = std::exchange(camera_, next);
+    }
+    before->close(); // whoever waits for a frame of it goes on with the next one
+    controlsBefore.cameraClosed();
+    logInfo("KRVideoDevice", getTitle() + " takes the place of another source");
+    if (initial_.size) {
+        next->want(*initial_.size);
+    }
+    setControls(initial_.controls);
+    return next;
+}
 
 std::string KRCameraSlot::getTitle() const {
-    return "camera " + std::to_string(index_) + " (" + source_->getText() + ")";
+    return "camera " + std::to_string(index_) + " (" + getSource().getText() + ")";
 }
 
 KRCameraInfo KRCameraSlot::getInfo() const {
     KRCameraInfo info;
     info.camera = index_;
-    info.source = source_->getText();
+    info.source = getSource().getText();
     info.model = getModel();
     info.state = "closed";
     std::shared_ptr<KRCamera> camera;
@@ -69,7 +96,7 @@ void KRCameraSlot::acquire(const KRSize& size) {
             }
             isFirst = !camera_;
             if (isFirst) {
-                camera_ = source_->makeCamera(index_, getTitle());
+                camera_ = getSource().makeCamera(index_, getTitle());
             }
             camera = camera_;
             ++users_;

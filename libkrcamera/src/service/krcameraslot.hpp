@@ -6,6 +6,7 @@
 #include <krplatform/krcamerainfo.hpp>
 #include <krplatform/krmutex.hpp>
 
+#include <atomic>
 #include <memory>
 #include <optional>
 #include <string>
@@ -29,10 +30,13 @@ public:
     /// An open camera gets the settings at once, and controls that are no longer among them their defaults.
     void setInitialSettings(InitialSettings settings);
 
-    int getModel() const noexcept { return source_->getModel(); }
+    /// Takes another source. \return the camera of it, to be opened, if there are users; null otherwise
+    std::shared_ptr<KRCamera> setSource(std::unique_ptr<KRSource> source);
+
+    int getModel() const noexcept { return getSource().getModel(); }
     /// "camera 1 (file:/tmp/a.avi)".
     std::string getTitle() const;
-    KRControls& getControls() noexcept { return source_->getControls(); }
+    KRControls& getControls() const noexcept { return getSource().getControls(); }
     KRCameraInfo getInfo() const;
 
     /// Adds a user and waits until the camera delivers images. The first user opens the camera; for later ones, a
@@ -53,6 +57,7 @@ public:
     bool isShutDown() const;
 
 private:
+    KRSource& getSource() const noexcept { return *source_.load(std::memory_order_acquire); }
     void close() KR_REQUIRES(usersMutex_);
     /// Gives controls these values. Logs those that the camera does not have or take.
     void setControls(const std::vector<std::pair<std::string, int>>& controls);
@@ -60,10 +65,12 @@ private:
     void resetControls(const std::vector<std::pair<std::string, int>>& controls);
 
     const int index_;
-    const std::unique_ptr<KRSource> source_;
+    std::atomic<KRSource*> source_; ///< the last of sources_
 
     KRMutex usersMutex_; ///< held while users_ changes and while the camera closes
     InitialSettings initial_ KR_GUARDED_BY(usersMutex_);
+    std::vector<std::unique_ptr<KRSource>> sources_
+        KR_GUARDED_BY(usersMutex_); ///< cameras of the earlier ones may still be in use
 
     mutable KRMutex mutex_ KR_ACQUIRED_AFTER(usersMutex_); ///< not held while the camera opens or closes
     std::shared_ptr<KRCamera> camera_ KR_GUARDED_BY(mutex_);

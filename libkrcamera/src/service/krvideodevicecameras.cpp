@@ -4,6 +4,9 @@
 
 #include "conversion/krconverter.hpp"
 #include "service/krvideodevice_p.hpp"
+#include "source/krsourcekinds.hpp"
+
+#include <krplatform/krlog.hpp>
 
 #include <optional>
 #include <stdexcept>
@@ -38,6 +41,35 @@ void KRVideoDevice::setInitialSettings(int camera, int resolution,
     }
     slot.setInitialSettings(
         {resolution == -1 ? std::nullopt : std::optional(getSize(resolution)), controls});
+}
+
+void KRVideoDevice::setSource(int camera, const std::string& source) {
+    const char* method = "setSource";
+    KRCameraSlot& slot = p_->getSlot(method, camera);
+    std::unique_ptr<KRSource> made;
+    try {
+        made = makeSource(source);
+    } catch (const std::exception& error) {
+        p_->fail(method, "camera " + std::to_string(camera) + ": " + error.what());
+    }
+    const std::shared_ptr<KRCamera> opening = slot.setSource(std::move(made));
+    for (const auto& [id, subscription] : p_->list()) {
+        const KRLock moving(subscription->moving);
+        const KRImageSubscription::Position position = subscription->getPosition();
+        if (position.settings.camera == camera && !position.ended) {
+            slot.want(getSize(position.settings.resolution));
+            subscription->setCamera(camera); // its images count from 1 again
+        }
+    }
+    if (opening) {
+        xPost("open a camera", [opening, title = slot.getTitle()] { // may take ten seconds
+            try {
+                opening->open();
+            } catch (const std::exception& error) {
+                logError("KRVideoDevice", title + " cannot be opened: " + error.what());
+            }
+        });
+    }
 }
 
 bool KRVideoDevice::setCameraParameter(const std::string& id, int parameter, int value) {
