@@ -66,6 +66,18 @@ struct RobotRecording {
     bool operator==(const RobotRecording&) const = default;
 };
 
+/// The web server: the options of kr web.
+struct RobotWeb {
+    std::string listen = {}; ///< IP address and port; "": the default
+    std::string token = {};  ///< file with a secret; ""
+    bool open = false;
+    bool readOnly = false;
+    std::vector<std::string> allowedOrigins = {};
+    Place place = {};
+
+    bool operator==(const RobotWeb&) const = default;
+};
+
 /// A system as kr serve runs it: what its command line or a file asks for.
 struct Robot {
     std::string broker = "dds:";
@@ -77,6 +89,7 @@ struct Robot {
     std::vector<RobotSubscription> subscriptions = {};
     std::vector<std::pair<std::string, Json>> memory = {}; ///< values by key, written at the start
     std::optional<RobotRecording> recording = {};
+    std::optional<RobotWeb> web = {};
 
     bool operator==(const Robot&) const = default;
 };

@@ -1,6 +1,7 @@
 #include "serve/robotcheck.hpp"
 
 #include "serve/modulelibrary.hpp"
+#include "serve/pythonfile.hpp"
 
 #include <krcamera/krvideodevice.hpp>
 
@@ -95,8 +96,10 @@ void check(const RobotCamera& camera, const boost::shared_ptr<KRBroker>& broker,
 }
 
 void check(RobotModule& module, std::vector<RobotProblem>& problems) {
-    if (!std::filesystem::exists(module.library)) {
-        problems.push_back({module.place, module.library + ": there is no such file"});
+    const std::string& library = module.library;
+    const std::string file = isPythonFile(library) ? library.substr(0, library.rfind(".py") + 3) : library;
+    if (!std::filesystem::exists(file)) {
+        problems.push_back({module.place, file + ": there is no such file"});
         return;
     }
     if (module.ownProcess) {

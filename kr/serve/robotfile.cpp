@@ -66,6 +66,7 @@ private:
     RobotModule readModule(const YAML::Node& node);
     RobotSubscription readSubscription(const YAML::Node& node);
     RobotRecording readRecording(const YAML::Node& node);
+    RobotWeb readWeb(const YAML::Node& node);
     void readLog(const YAML::Node& node, Robot& robot);
     void readControls(YamlSection& section, RobotCamera& camera);
     void report(const YAML::Node& node, const std::string& text) { problems_.push_back({getPlace(node), text}); }
@@ -122,7 +123,7 @@ RobotModule Reader::readModule(const YAML::Node& node) {
         module.library = resolve(module.library);
     }
     section.read("name", module.name);
-    std::string process = module.library.ends_with(".py") ? "own" : "same";
+    std::string process = "same";
     section.readChoice("process", process, {"same", "own"});
     module.ownProcess = process == "own";
     if (node.IsMap() && module.ownProcess && module.name.empty()) {
@@ -184,6 +185,23 @@ RobotRecording Reader::readRecording(const YAML::Node& node) {
     return recording;
 }
 
+RobotWeb Reader::readWeb(const YAML::Node& node) {
+    RobotWeb web;
+    web.place = getPlace(node);
+    if (node.IsScalar()) {
+        web.listen = node.Scalar();
+        return web;
+    }
+    YamlSection section(node, "web", getRobotKeys("web"), problems_);
+    section.read("listen", web.listen);
+    section.read("token", web.token);
+    web.token = web.token.empty() ? "" : resolve(web.token);
+    section.read("open", web.open);
+    section.read("read-only", web.readOnly);
+    section.read("allow-origin", web.allowedOrigins);
+    return web;
+}
+
 void Reader::readLog(const YAML::Node& node, Robot& robot) {
     YamlSection section(node, "log", getRobotKeys("log"), problems_);
     section.readChoice("format", robot.logFormat, {"text", "json", "journal"});
@@ -227,6 +245,9 @@ Robot Reader::read(const YAML::Node& root) {
     if (const YAML::Node record = section.find("record"); record.IsDefined() && !record.IsNull()) {
         robot.recording = readRecording(record);
     }
+    if (const YAML::Node web = section.find("web"); web.IsDefined() && !web.IsNull()) {
+        robot.web = readWeb(web);
+    }
     if (const YAML::Node ros = section.find("ros2"); ros.IsDefined()) {
         section.report(ros, std::string("ros2: ") + kNoRos);
     }
@@ -237,8 +258,9 @@ Robot Reader::read(const YAML::Node& root) {
 
 const std::vector<std::string>& getRobotKeys(std::string_view section) {
     static const std::map<std::string, std::vector<std::string>, std::less<>> kKeys{
-        {"", {"broker", "log", "cameras", "modules", "subscriptions", "memory", "record", "ros2"}},
+        {"", {"broker", "log", "cameras", "modules", "subscriptions", "memory", "record", "web", "ros2"}},
         {"log", {"level", "format"}},
+        {"web", {"listen", "token", "open", "read-only", "allow-origin"}},
         {"camera", {"source", "size", "controls"}},
         {"module", {"library", "name", "process", "restart", "parameters"}},
         {"subscription", {"module", "period", "precision"}},

@@ -27,7 +27,8 @@ Robot readRobotFile(const std::string& path, std::vector<RobotProblem>& problems
 /// The source of a camera with an absolute path, if it names a file. \param folder  that a relative path begins at
 std::string resolveSource(const std::filesystem::path& folder, const std::string& source);
 
-/// The keys of a section of the file: "" for the whole, "log", "camera", "module", "subscription" or "record".
+/// The keys of a section of the file: "" for the whole, "log", "camera", "module", "subscription", "record"
+/// or "web".
 const std::vector<std::string>& getRobotKeys(std::string_view section);
 
 } // namespace KR::tool

@@ -320,7 +320,7 @@ void RobotHost::retire(std::unique_ptr<Supervised> runner) {
     }
 }
 
-void RobotHost::takeDown() {
+void RobotHost::takeDown(ExitCode code) {
     const auto comeUp = Supervised::Clock::now() + kTimeToComeUp;
     std::string stuck;
     for (RunningModule& each : modules_) {
@@ -354,7 +354,7 @@ void RobotHost::takeDown() {
     if (!stuck.empty()) {
         printError(stuck + " was still waiting for what it needs");
         flushLog(std::chrono::seconds(1));
-        ::_exit(static_cast<int>(ExitCode::Done)); // nothing wakes it
+        ::_exit(static_cast<int>(code)); // nothing wakes it
     }
     modules_.clear();
 }

@@ -46,7 +46,10 @@ public:
     void apply(Robot next);
 
     /// Ends everything: the processes beside this one, then modules and services as Host does.
-    void takeDown();
+    /// \param code  what the program ends with if a module is left that waits for something in its constructor
+    void takeDown(ExitCode code);
+
+    const std::string& getUrl() const noexcept { return robot_.broker; }
 
     const boost::shared_ptr<KRBroker>& getBroker() const noexcept { return broker_; }
 

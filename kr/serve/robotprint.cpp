@@ -137,6 +137,16 @@ Entries list(const RobotRecording& recording) {
     return entries;
 }
 
+Entries list(const RobotWeb& web) {
+    Entries entries;
+    entries.add("listen", web.listen);
+    entries.add("token", web.token);
+    entries.add("open", web.open, false);
+    entries.add("read-only", web.readOnly, false);
+    entries.add("allow-origin", web.allowedOrigins, Json::array());
+    return entries;
+}
+
 void emitSection(YAML::Emitter& out, const std::string& key, const Entries& entries) {
     if (!entries.isEmpty()) {
         out << YAML::Key << key << YAML::Value;
@@ -176,6 +186,10 @@ std::string formatRobot(const Robot& robot) {
     emitSection(out, "memory", memory);
     if (robot.recording) {
         emitSection(out, "record", list(*robot.recording));
+    }
+    if (robot.web) {
+        out << YAML::Key << "web" << YAML::Value;
+        list(*robot.web).emitTo(out);
     }
     out << YAML::EndMap;
     return std::string(out.c_str()) + "\n";

@@ -11,6 +11,7 @@
 #include "system/domain.hpp"
 #include "system/valuejson.hpp"
 #include "tool/command.hpp"
+#include "tool/errortext.hpp"
 #include "tool/interruption.hpp"
 
 #ifdef KR_WITH_WEB
@@ -19,6 +20,7 @@
 #include <krweb/krweb.hpp>
 #endif
 
+#include <krplatform/krerror.hpp>
 #include <krplatform/krlogformat.hpp>
 #include <krplatform/krtext.hpp>
 
@@ -89,6 +91,54 @@ Robot readOptions(const Options& options) {
     return robot;
 }
 
+#ifdef KR_WITH_WEB
+/// The web server of the system, if it has one.
+class WebPart {
+public:
+    WebPart(boost::shared_ptr<KRBroker> broker, std::string url) : broker_(std::move(broker)), url_(std::move(url)) {}
+
+    /// Starts it, ends it, or leaves it alone. \throws UsageError, std::runtime_error as WebOptions::start()
+    void set(const std::optional<RobotWeb>& wanted) {
+        if (wanted == running_) {
+            return;
+        }
+        server_.reset(); // its port may be wanted again
+        running_ = std::nullopt;
+        if (wanted) {
+            WebOptions options;
+            options.setWeb(*wanted);
+            server_ = options.start(broker_, url_);
+            running_ = wanted;
+        }
+    }
+
+private:
+    const boost::shared_ptr<KRBroker> broker_;
+    const std::string url_;
+    std::optional<RobotWeb> running_;
+    std::unique_ptr<KRWebServer> server_;
+};
+#else
+class WebPart {
+public:
+    WebPart(const boost::shared_ptr<KRBroker>&, const std::string&) {}
+    void set(const std::optional<RobotWeb>&) {}
+};
+#endif
+
+void setWeb(const Options& options, Robot& robot, std::vector<RobotProblem>& problems) {
+#ifdef KR_WITH_WEB
+    (void)problems;
+    const auto given = options.web.getWeb();
+    robot.web = given ? given : robot.web;
+#else
+    (void)options;
+    if (robot.web) {
+        problems.push_back({robot.web->place, "this build of kr has no web server"});
+    }
+#endif
+}
+
 // As a file that lies anywhere needs them.
 void makePathsAbsolute(Robot& robot) {
     const auto folder = std::filesystem::current_path();
@@ -98,11 +148,15 @@ void makePathsAbsolute(Robot& robot) {
     for (RobotModule& module : robot.modules) {
         module.library = (folder / module.library).lexically_normal().string();
     }
+    if (robot.web && !robot.web->token.empty()) {
+        robot.web->token = (folder / robot.web->token).lexically_normal().string();
+    }
 }
 
 Robot readFile(const Options& options, std::vector<RobotProblem>& problems) {
     Robot robot = readRobotFile(options.file, problems);
     checkRobot(robot, problems);
+    setWeb(options, robot, problems);
     if (!options.broker.empty()) {
         robot.broker = options.broker;
     }
@@ -125,6 +179,9 @@ ExitCode checkFile(const Options& options) {
 Robot readRobot(const Options& options) {
     std::vector<RobotProblem> problems;
     Robot robot = options.file.empty() ? readOptions(options) : readFile(options, problems);
+    if (options.file.empty()) {
+        setWeb(options, robot, problems);
+    }
     if (!problems.empty()) {
         throw std::runtime_error(formatProblems(options.file, problems));
     }
@@ -156,17 +213,52 @@ void setUpLog(const Robot& robot) {
     }
 }
 
-void reload(const Options& options, RobotHost& host, const ServiceNotifier& notifier) {
+void reload(const Options& options, RobotHost& host, WebPart& web, const ServiceNotifier& notifier) {
     notifier.reportReloading();
     try {
         Robot next = readRobot(options);
         setUpLog(next);
+        const auto wantedWeb = next.web;
         host.apply(std::move(next));
+        try {
+            web.set(wantedWeb);
+        } catch (const std::exception& error) {
+            logError("kr.serve", "there is no web server: " + std::string(error.what()));
+        }
         logInfo("kr.serve", options.file + " has been read again");
     } catch (const std::exception& error) {
         logError("kr.serve", "everything stays as it was: " + std::string(error.what()));
     }
     notifier.reportReady();
+}
+
+// Until it is interrupted, or no module is left.
+void run(const Options& options, RobotHost& host, WebPart& web, const ServiceNotifier& notifier,
+         Interruption& interruption) {
+    const Pulse pulse(host.getBroker(), notifier);
+    const std::string url = host.getUrl();
+    bool isAnnounced = false;
+    bool isReady = false;
+    std::string status;
+    while (!interruption.waitFor(isAnnounced ? kStep : kStep / 10) && !host.isOver()) {
+        if (interruption.takeReload()) {
+            reload(options, host, web, notifier);
+        }
+        host.poll();
+        pulse.beat();
+        if (!isAnnounced && host.hasTriedAll()) {
+            isAnnounced = true;
+            printNotice("serving on " + url + "; Ctrl-C ends it");
+        }
+        if (!isReady && host.isUp()) {
+            isReady = true;
+            notifier.reportReady();
+        }
+        if (host.describe() != status) {
+            status = host.describe();
+            notifier.reportStatus(status);
+        }
+    }
 }
 
 ExitCode serve(const Options& options) {
@@ -186,36 +278,27 @@ ExitCode serve(const Options& options) {
     }
     setUpLog(robot);
     const std::string url = robot.broker;
+    const auto wantedWeb = robot.web;
     RobotHost host(std::move(robot));
-    const Pulse pulse(host.getBroker(), notifier);
-#ifdef KR_WITH_WEB
-    const auto web = options.web.start(host.getBroker(), url); // ends after the modules that it calls
-#endif
-    bool isAnnounced = false;
-    bool isReady = false;
-    std::string status;
-    while (!interruption.waitFor(isAnnounced ? kStep : kStep / 10) && !host.isOver()) {
-        if (interruption.takeReload()) {
-            reload(options, host, notifier);
-        }
-        host.poll();
-        pulse.beat();
-        if (!isAnnounced && host.hasTriedAll()) {
-            isAnnounced = true;
-            printNotice("serving on " + url + "; Ctrl-C ends it");
-        }
-        if (!isReady && host.isUp()) {
-            isReady = true;
-            notifier.reportReady();
-        }
-        if (host.describe() != status) {
-            status = host.describe();
-            notifier.reportStatus(status);
-        }
+    WebPart web(host.getBroker(), url); // ends after the modules that it calls
+    ExitCode code = ExitCode::Done;
+    try {
+        web.set(wantedWeb);
+        run(options, host, web, notifier, interruption);
+        code = host.hasFailed() ? ExitCode::Failed : ExitCode::Done;
+    } catch (const UsageError& error) {
+        printError(error.what());
+        code = ExitCode::WrongUsage;
+    } catch (const KRError& error) {
+        printError(describe(error));
+        code = ExitCode::Failed;
+    } catch (const std::exception& error) {
+        printError(error.what());
+        code = ExitCode::Failed;
     }
     notifier.reportStopping();
-    host.takeDown();
-    return host.hasFailed() ? ExitCode::Failed : ExitCode::Done;
+    host.takeDown(code);
+    return code;
 }
 
 const VerbRegistration registration(Verb<Options>{

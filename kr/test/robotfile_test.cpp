@@ -164,7 +164,7 @@ TEST_F(KrRobotFile, TheSchemaKnowsTheKeysThatTheProgramKnows) {
     std::vector<std::string> known = tool::getRobotKeys("");
     std::erase(known, "ros2"); // refused
     EXPECT_THAT(keysOf(schema), testing::UnorderedElementsAreArray(known));
-    for (const char* section : {"log", "camera", "module", "subscription", "record"}) {
+    for (const char* section : {"log", "camera", "module", "subscription", "record", "web"}) {
         EXPECT_THAT(keysOf(schema["definitions"][section]),
                     testing::UnorderedElementsAreArray(tool::getRobotKeys(section)))
             << section;

@@ -36,6 +36,25 @@ void WebOptions::declareAccess(Arguments& arguments, const std::string& prefix) 
     arguments.addFlag(prefix + "read-only", readOnly_, "refusal of all calls and changes of parameters");
 }
 
+std::optional<RobotWeb> WebOptions::getWeb() const {
+    if (address_.empty()) {
+        return std::nullopt;
+    }
+    return RobotWeb{.listen = address_,
+                    .token = tokenFile_,
+                    .open = open_,
+                    .readOnly = readOnly_,
+                    .allowedOrigins = allowedOrigins_};
+}
+
+void WebOptions::setWeb(const RobotWeb& web) {
+    address_ = web.listen.empty() ? KRWebOptions::kDefaultAddress : web.listen;
+    tokenFile_ = web.token;
+    open_ = web.open;
+    readOnly_ = web.readOnly;
+    allowedOrigins_ = web.allowedOrigins;
+}
+
 std::unique_ptr<KRWebServer> WebOptions::start(const boost::shared_ptr<KRBroker>& broker,
                                                const std::string& domain) const {
     if (address_.empty()) {

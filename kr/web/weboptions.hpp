@@ -1,8 +1,11 @@
 #pragma once
 
+#include "serve/robot.hpp"
+
 #include <krplatform/krbroker.hpp>
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -21,6 +24,11 @@ public:
     void declare(Arguments& arguments);
     /// Those of kr serve, where there is no server unless --web is given.
     void declareForServe(Arguments& arguments);
+
+    /// What they amount to in a file; nullopt without a server.
+    std::optional<RobotWeb> getWeb() const;
+    /// Those of a file, in place of the command line's.
+    void setWeb(const RobotWeb& web);
 
     /// Starts the server, and says on standard error which address to open; null if --web is not given.
     /// \throws UsageError a malformed option \throws std::runtime_error the token cannot be read; the address is in use

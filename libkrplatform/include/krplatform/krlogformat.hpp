@@ -20,6 +20,7 @@ enum class KRLogFormat {
 /// Chooses the form. The environment variable KR_LOG_FORMAT (text, json or journal) sets it when the process starts.
 /// Thread-safe.
 KR_EXPORT void setLogFormat(KRLogFormat format) noexcept;
+/// The form that was chosen last. Thread-safe.
 KR_EXPORT KRLogFormat getLogFormat() noexcept;
 
 /// \throws std::invalid_argument it is not "text", "json" or "journal"
@@ -34,7 +35,7 @@ KR_EXPORT std::string formatLogRecord(const KRLogRecord& record, KRLogFormat for
 struct KRLogExcerpt {
     std::string now;        ///< stands for this look
     std::uint64_t lost = 0; ///< records since the earlier look that are not kept any more
-    std::vector<KRLogRecord> records;
+    std::vector<KRLogRecord> records; ///< in the order in which they were logged
 };
 
 /// The records since an earlier look. A process keeps 256 KiB of them, the newest ones. Every module answers
