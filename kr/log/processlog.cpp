@@ -30,13 +30,14 @@ Json RemoteRecord::toJson() const {
 }
 
 std::string RemoteRecord::toText() const {
-    return formatTimeStamp(time_usec) + "  " + process + "  " + getLevelName(level) + " " + escapeText(category) +
-           ": " + escapeText(message);
+    return formatTimeStamp(time_usec) + "  " + process + "  " + getLevelName(level) + " " +
+           escapeText(category) + ": " + escapeText(message);
 }
 
 ProcessLog::ProcessLog(boost::shared_ptr<KRBroker> broker, std::string process, std::string module,
                        std::int64_t from_usec)
-    : broker_(std::move(broker)), process_(std::move(process)), module_(std::move(module)), from_usec_(from_usec) {}
+    : broker_(std::move(broker)), process_(std::move(process)), module_(std::move(module)),
+      from_usec_(from_usec) {}
 
 ProcessLog::Answer ProcessLog::ask(const boost::shared_ptr<KRBroker>& broker, const std::string& process,
                                    const std::string& module, const std::string& since) {
@@ -47,9 +48,9 @@ ProcessLog::Answer ProcessLog::ask(const boost::shared_ptr<KRBroker>& broker, co
         answer.lost = parts.at(1).to<int>();
         for (const KRValue& value : parts.at(2).to<std::vector<KRValue>>()) {
             const auto each = value.to<std::vector<KRValue>>();
-            answer.records.push_back(
-                {each.at(4).to<int>() * std::int64_t{1'000'000} + each.at(5).to<int>(), each.at(0).to<int>(), process,
-                 each.at(1).to<std::string>(), each.at(2).to<std::string>(), each.at(3).to<std::string>()});
+            answer.records.push_back({each.at(4).to<int>() * std::int64_t{1'000'000} + each.at(5).to<int>(),
+                                      each.at(0).to<int>(), process, each.at(1).to<std::string>(),
+                                      each.at(2).to<std::string>(), each.at(3).to<std::string>()});
         }
     } catch (const KRError& error) {
         answer.problem = describe(error);
@@ -71,7 +72,9 @@ std::vector<RemoteRecord> ProcessLog::poll() {
     if (answer_.valid()) {
         Answer answer = answer_.get();
         if (!answer.problem.empty()) {
-            problem_ = std::exchange(hasProblem_, true) ? "" : process_ + " does not show its log: " + answer.problem;
+            problem_ = std::exchange(hasProblem_, true)
+                           ? ""
+                           : process_ + " does not show its log: " + answer.problem;
         } else {
             hasProblem_ = false;
             lost_ += static_cast<std::uint64_t>(std::max(answer.lost, 0));

@@ -36,7 +36,8 @@ class ProcessLog {
 public:
     /// \param process  "process 4711 (kr) on robot1" \param module  one of its modules
     /// \param from_usec  when records begin to count, since the Unix epoch: a process keeps those from before, too
-    ProcessLog(boost::shared_ptr<KRBroker> broker, std::string process, std::string module, std::int64_t from_usec);
+    ProcessLog(boost::shared_ptr<KRBroker> broker, std::string process, std::string module,
+               std::int64_t from_usec);
 
     /// Records that have come since the last call; asks for the next ones.
     std::vector<RemoteRecord> poll();

@@ -25,7 +25,7 @@ namespace KR::tool {
 
 namespace {
 
-constexpr std::chrono::milliseconds kInterval{200}; // between two questions to a process
+constexpr std::chrono::milliseconds kInterval{200};   // between two questions to a process
 constexpr std::chrono::milliseconds kTimeToStop{500}; // for processes that are being asked
 
 struct Options {
@@ -63,7 +63,8 @@ struct Options {
 
 class Watch {
 public:
-    explicit Watch(const Options& options) : options_(options), level_(options.getLevel()), broker_(options.domain.connect()) {}
+    explicit Watch(const Options& options)
+        : options_(options), level_(options.getLevel()), broker_(options.domain.connect()) {}
 
     /// Waits for the modules that are named. \throws std::runtime_error one is not there
     void waitForModules() {
@@ -91,7 +92,8 @@ public:
             if (options_.watch.isEnough(printed_)) {
                 break;
             }
-            output_.print((options_.watch.json ? formatJson(each.toJson()) : each.toText()) + "\n", interruption);
+            output_.print((options_.watch.json ? formatJson(each.toJson()) : each.toText()) + "\n",
+                          interruption);
             ++printed_;
         }
         return options_.watch.isEnough(printed_) || output_.isBroken();
@@ -104,7 +106,8 @@ public:
             lost += log.getLost();
         }
         if (lost > 0 && code == ExitCode::Done) {
-            printError("lost " + std::to_string(lost) + " records: they came faster than they were asked for");
+            printError("lost " + std::to_string(lost) +
+                       " records: they came faster than they were asked for");
             code = ExitCode::DataLost;
         }
         waitForAnswers(code);
@@ -117,7 +120,8 @@ private:
         std::map<std::string, std::string> modules; // one of each process
         for (const KRPeerDiagnostics& peer : broker_->getDiagnostics().peers) {
             if (options_.isWatched(peer)) {
-                const std::string location = peer.location.starts_with("in ") ? peer.location.substr(3) : peer.location;
+                const std::string location =
+                    peer.location.starts_with("in ") ? peer.location.substr(3) : peer.location;
                 modules.emplace(location, peer.modules.front());
             }
         }
@@ -165,7 +169,8 @@ ExitCode watchLogs(const Options& options) {
     watch.waitForModules();
     printNotice("watching; Ctrl-C ends it");
     const auto end = options.watch.getEnd();
-    while (!watch.poll(interruption) && WatchOptions::Clock::now() < end && !interruption.waitFor(kInterval)) {
+    while (!watch.poll(interruption) && WatchOptions::Clock::now() < end &&
+           !interruption.waitFor(kInterval)) {
     }
     return watch.finish(interruption);
 }

@@ -246,7 +246,7 @@ ExitCode replay(const Options& options) {
     KRMemoryProxy memory(broker);
     Player player(*source, feeds, memory, options, interruption);
     printNotice("replaying " + options.path + " on " + options.domain.getUrl() + "; " +
-               (player.canBePaused() ? "space pauses, s steps one image, " : "") + "Ctrl-C ends it");
+                (player.canBePaused() ? "space pauses, s steps one image, " : "") + "Ctrl-C ends it");
     while (player.play() && options.loop) {
     }
     host.takeDown();

@@ -20,7 +20,8 @@ bool isReady(const std::future<T>& future) {
 } // namespace
 
 HostedModule::HostedModule(boost::shared_ptr<KRBroker> broker, RobotModule module)
-    : Supervised("module " + module.name, module.restart), broker_(std::move(broker)), module_(std::move(module)) {}
+    : Supervised("module " + module.name, module.restart), broker_(std::move(broker)),
+      module_(std::move(module)) {}
 
 void HostedModule::setParameters(std::vector<std::pair<std::string, Json>> parameters) {
     module_.parameters = std::move(parameters);
@@ -34,9 +35,10 @@ void HostedModule::xStart() {
     ending_ = false;
     handle_ = {};
     broker_->setInitialParameters(module_.name, std::move(values));
-    making_ = std::async(std::launch::async, [broker = broker_, library = module_.library, name = module_.name] {
-        return createModuleOf(library, broker, name); // its constructor may wait
-    });
+    making_ =
+        std::async(std::launch::async, [broker = broker_, library = module_.library, name = module_.name] {
+            return createModuleOf(library, broker, name); // its constructor may wait
+        });
 }
 
 std::optional<std::string> HostedModule::xFindEnd() {
@@ -63,8 +65,8 @@ std::optional<std::string> HostedModule::xFindEnd() {
 void HostedModule::xEnd() {
     ending_ = true;
     if (handle_) {
-        comingDown_ = std::async(std::launch::async,
-                                 [module = std::move(handle_)]() mutable { module.reset(); }); // may take long
+        comingDown_ = std::async(
+            std::launch::async, [module = std::move(handle_)]() mutable { module.reset(); }); // may take long
     }
 }
 

@@ -35,7 +35,8 @@ private:
 
 } // namespace
 
-Pulse::Pulse(const boost::shared_ptr<KRBroker>& broker, const ServiceNotifier& notifier) : notifier_(notifier) {
+Pulse::Pulse(const boost::shared_ptr<KRBroker>& broker, const ServiceNotifier& notifier)
+    : notifier_(notifier) {
     if (notifier.getAlivePeriod()) {
         const std::string name = makeClientName() + "-pulse";
         module_ = createModule<PulseModule>(broker, name, notifier);

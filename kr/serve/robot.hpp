@@ -21,7 +21,8 @@ struct Place {
 /// A camera of a system.
 struct RobotCamera {
     std::string source = "test";
-    std::string size = {}; ///< "640x480": the least that it delivers while it is open; "": as its subscribers want
+    std::string size =
+        {}; ///< "640x480": the least that it delivers while it is open; "": as its subscribers want
     std::vector<std::pair<std::string, int>> controls = {}; ///< values that it has whenever it opens, by name
     Place place = {};
 
@@ -82,8 +83,8 @@ struct RobotWeb {
 struct Robot {
     std::string broker = "dds:";
     Place brokerPlace = {};
-    std::string logLevel = {};  ///< as setLogLevels() takes it; "": not in the file
-    std::string logFormat = {}; ///< "": not in the file
+    std::string logLevel = {};             ///< as setLogLevels() takes it; "": not in the file
+    std::string logFormat = {};            ///< "": not in the file
     std::vector<RobotCamera> cameras = {}; ///< none: the camera service is elsewhere
     std::vector<RobotModule> modules = {};
     std::vector<RobotSubscription> subscriptions = {};

@@ -61,7 +61,9 @@ public:
     Robot read(const YAML::Node& root);
 
 private:
-    std::string resolve(const std::string& path) const { return (folder_ / path).lexically_normal().string(); }
+    std::string resolve(const std::string& path) const {
+        return (folder_ / path).lexically_normal().string();
+    }
     RobotCamera readCamera(const YAML::Node& node);
     RobotModule readModule(const YAML::Node& node);
     RobotSubscription readSubscription(const YAML::Node& node);
@@ -69,7 +71,9 @@ private:
     RobotWeb readWeb(const YAML::Node& node);
     void readLog(const YAML::Node& node, Robot& robot);
     void readControls(YamlSection& section, RobotCamera& camera);
-    void report(const YAML::Node& node, const std::string& text) { problems_.push_back({getPlace(node), text}); }
+    void report(const YAML::Node& node, const std::string& text) {
+        problems_.push_back({getPlace(node), text});
+    }
 
     const std::filesystem::path folder_;
     std::vector<RobotProblem>& problems_;
@@ -89,8 +93,9 @@ RobotCamera Reader::readCamera(const YAML::Node& node) {
     }
     section.read("size", camera.size);
     if (!camera.size.empty() && !isSize(camera.size)) {
-        section.report(section.find("size"), "size " + escapeText(camera.size, 100) +
-                                                 " is not supported, such as 640x480 is; docs/cameras.md lists them");
+        section.report(section.find("size"),
+                       "size " + escapeText(camera.size, 100) +
+                           " is not supported, such as 640x480 is; docs/cameras.md lists them");
     }
     readControls(section, camera);
     return camera;
@@ -101,7 +106,8 @@ void Reader::readControls(YamlSection& section, RobotCamera& camera) {
     section.read("controls", controls);
     for (const auto& [name, value] : controls) {
         if (value.is_number_integer() || value.is_boolean()) {
-            camera.controls.emplace_back(name, value.is_boolean() ? static_cast<int>(value.get<bool>()) : value.get<int>());
+            camera.controls.emplace_back(name, value.is_boolean() ? static_cast<int>(value.get<bool>())
+                                                                  : value.get<int>());
         } else {
             const YAML::Node all = section.find("controls");
             section.report(all[name], "control " + escapeText(name, 100) + " needs a whole number, not " +
@@ -165,8 +171,9 @@ RobotRecording Reader::readRecording(const YAML::Node& node) {
     if (section.require("file")) {
         section.read("file", recording.file);
         if (!recording.file.ends_with(".mcap")) {
-            section.report(section.find("file"), "file of a recording needs a name that ends in .mcap, not \"" +
-                                                     escapeText(recording.file, 100) + "\"");
+            section.report(section.find("file"),
+                           "file of a recording needs a name that ends in .mcap, not \"" +
+                               escapeText(recording.file, 100) + "\"");
         }
         recording.file = resolve(recording.file);
     }
@@ -235,7 +242,8 @@ Robot Reader::read(const YAML::Node& root) {
     }
     if (const YAML::Node cameras = section.find("cameras"); cameras.IsDefined()) {
         robot.cameras.clear();
-        visitList(cameras, "cameras", problems_, [&](const YAML::Node& node) { robot.cameras.push_back(readCamera(node)); });
+        visitList(cameras, "cameras", problems_,
+                  [&](const YAML::Node& node) { robot.cameras.push_back(readCamera(node)); });
     }
     visitList(section.find("modules"), "modules", problems_,
               [&](const YAML::Node& node) { robot.modules.push_back(readModule(node)); });
@@ -265,7 +273,8 @@ const std::vector<std::string>& getRobotKeys(std::string_view section) {
         {"module", {"library", "name", "process", "restart", "parameters"}},
         {"subscription", {"module", "period", "precision"}},
         {"record",
-         {"file", "all", "cameras", "memory", "events", "compression", "split-size", "split-duration", "max-files"}},
+         {"file", "all", "cameras", "memory", "events", "compression", "split-size", "split-duration",
+          "max-files"}},
     };
     return kKeys.find(section)->second;
 }
@@ -281,9 +290,8 @@ std::string resolveSource(const std::filesystem::path& folder, const std::string
 }
 
 std::string formatProblems(const std::string& path, std::vector<RobotProblem> problems) {
-    std::ranges::stable_sort(problems, {}, [](const RobotProblem& each) {
-        return std::pair(each.place.line, each.place.column);
-    });
+    std::ranges::stable_sort(
+        problems, {}, [](const RobotProblem& each) { return std::pair(each.place.line, each.place.column); });
     std::string text;
     for (const RobotProblem& each : problems) {
         text += (text.empty() ? "" : "\n") + path;
@@ -300,12 +308,14 @@ Robot readRobotFile(const std::string& path, std::vector<RobotProblem>& problems
         const std::string text = readWholeFile(path);
         const std::vector<YAML::Node> documents = YAML::LoadAll(text);
         if (documents.size() > 1) {
-            problems.push_back({getPlace(documents[1]), "the file has a second document, which nothing would read"});
+            problems.push_back(
+                {getPlace(documents[1]), "the file has a second document, which nothing would read"});
         }
         return Reader(path, problems).read(documents.empty() ? YAML::Node() : documents.front());
     } catch (const YAML::Exception& error) {
-        problems.push_back({error.mark.is_null() ? Place{} : Place{error.mark.line + 1, error.mark.column + 1},
-                            "is not YAML: " + error.msg});
+        problems.push_back(
+            {error.mark.is_null() ? Place{} : Place{error.mark.line + 1, error.mark.column + 1},
+             "is not YAML: " + error.msg});
         return {};
     } catch (const std::runtime_error& error) {
         throw std::runtime_error(path + ": " + error.what());

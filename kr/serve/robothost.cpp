@@ -49,7 +49,8 @@ int getResolution(const std::string& size) {
 
 /// Sets parameters of a module, wherever it is. Logs what it refuses.
 void setParameters(KRBroker& broker, const std::string& module,
-                   const std::vector<std::pair<std::string, Json>>& values, const std::vector<std::string>& dropped) {
+                   const std::vector<std::pair<std::string, Json>>& values,
+                   const std::vector<std::string>& dropped) {
     const auto proxy = broker.getProxy(module);
     const auto set = [&](const std::string& name, const KRValue& value) {
         try {
@@ -131,7 +132,8 @@ void RobotHost::addModule(const RobotModule& module) {
         running.runner = std::make_unique<SupervisedProcess>(
             "module " + module.name, module.restart,
             [this, name = module.name] {
-                const auto found = std::ranges::find(robot_.modules, name, &RobotModule::name); // its newest parameters
+                const auto found =
+                    std::ranges::find(robot_.modules, name, &RobotModule::name); // its newest parameters
                 return makeRunCommand(*found, robot_.broker);
             },
             [this, name = module.name] {
@@ -168,8 +170,9 @@ bool RobotHost::isNameFree(const std::string& title) const {
 void RobotHost::poll() {
     writeMemory();
     std::erase_if(retired_, [](const auto& each) { return each->isGone(); });
-    std::erase_if(changes_,
-                  [](const auto& each) { return each.wait_for(std::chrono::seconds(0)) == std::future_status::ready; });
+    std::erase_if(changes_, [](const auto& each) {
+        return each.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+    });
     for (const RunningModule& each : modules_) {
         if (isNameFree(each.runner->getTitle())) {
             each.runner->poll();
@@ -209,7 +212,8 @@ std::string RobotHost::describe() const {
 
 void RobotHost::apply(Robot next) {
     if (next.broker != robot_.broker) {
-        logError(kCategory, "the address of the broker stays " + robot_.broker + ": another one needs a restart");
+        logError(kCategory,
+                 "the address of the broker stays " + robot_.broker + ": another one needs a restart");
         next.broker = robot_.broker;
     }
     hasChanged_ = true;
@@ -258,7 +262,8 @@ void RobotHost::applyModules() {
     for (RunningModule& running : modules_) {
         const auto next = std::ranges::find(robot_.modules, running.module.name, &RobotModule::name);
         const bool isKept = next != robot_.modules.end() && next->library == running.module.library &&
-                            next->ownProcess == running.module.ownProcess && next->restart == running.module.restart;
+                            next->ownProcess == running.module.ownProcess &&
+                            next->restart == running.module.restart;
         if (!isKept) {
             retire(std::move(running.runner));
             continue;
@@ -288,7 +293,8 @@ void RobotHost::changeParameters(RunningModule& running, const RobotModule& next
         }
     }
     for (const auto& [name, value] : before) {
-        if (std::ranges::find(next.parameters, name, &std::pair<std::string, Json>::first) == next.parameters.end()) {
+        if (std::ranges::find(next.parameters, name, &std::pair<std::string, Json>::first) ==
+            next.parameters.end()) {
             dropped.push_back(name);
         }
     }
@@ -296,9 +302,10 @@ void RobotHost::changeParameters(RunningModule& running, const RobotModule& next
         running.hosted->setParameters(next.parameters);
     }
     if (running.runner->isUp()) { // or else it gets them when it starts
-        changes_.push_back(std::async(std::launch::async, [broker = broker_, name = next.name, changed, dropped] {
-            setParameters(*broker, name, changed, dropped); // a setter may take long
-        }));
+        changes_.push_back(
+            std::async(std::launch::async, [broker = broker_, name = next.name, changed, dropped] {
+                setParameters(*broker, name, changed, dropped); // a setter may take long
+            }));
     }
 }
 

@@ -84,7 +84,7 @@ private:
     std::vector<RunningModule> modules_;
     std::vector<RunningSubscription> subscriptions_;
     std::unique_ptr<Supervised> recording_;
-    std::vector<std::unique_ptr<Supervised>> retired_; // they end
+    std::vector<std::unique_ptr<Supervised>> retired_;    // they end
     std::vector<std::pair<std::string, Json>> unwritten_; // values for a memory that is not there yet
     std::vector<std::future<void>> changes_;              // of parameters, under way
     bool hasFailed_ = false;

@@ -33,7 +33,7 @@ struct Options {
 ExitCode runModule(const Options& options) {
     Interruption interruption;
     setLogLevel(KRLogLevel::Info);
-    options.hosting.readSubscriptions(); // for what it throws
+    options.hosting.readSubscriptions();                           // for what it throws
     const HostedClass moduleClass = loadModuleClass(options.path); // reports a wrong file before it connects
     const auto broker = options.domain.connect();
     options.hosting.giveParameters(*broker, {options.name.empty() ? moduleClass.defaultName : options.name});

@@ -62,7 +62,8 @@ struct Options {
 #endif
         arguments
             .add("--broker", broker,
-                 "address of the broker: dds: with options, see docs/several-machines.md (default: that of the "
+                 "address of the broker: dds: with options, see docs/several-machines.md (default: that of "
+                 "the "
                  "file, or dds:)")
             .valueName("URL")
             .completes({Domain::kDefaultUrl, "dds:?domain=", "dds:?peers="});
@@ -95,7 +96,8 @@ Robot readOptions(const Options& options) {
 /// The web server of the system, if it has one.
 class WebPart {
 public:
-    WebPart(boost::shared_ptr<KRBroker> broker, std::string url) : broker_(std::move(broker)), url_(std::move(url)) {}
+    WebPart(boost::shared_ptr<KRBroker> broker, std::string url)
+        : broker_(std::move(broker)), url_(std::move(url)) {}
 
     /// Starts it, ends it, or leaves it alone. \throws UsageError, std::runtime_error as WebOptions::start()
     void set(const std::optional<RobotWeb>& wanted) {
@@ -199,7 +201,8 @@ void checkUsage(const Options& options) {
         return;
     }
     if (!options.cameras.cameras.empty() || !options.libraries.empty() || !options.hosting.isEmpty()) {
-        throw UsageError("with a file, cameras, modules, parameters and subscriptions are in it: " + options.file);
+        throw UsageError("with a file, cameras, modules, parameters and subscriptions are in it: " +
+                         options.file);
     }
 }
 
@@ -208,7 +211,8 @@ void setUpLog(const Robot& robot) {
     if (!robot.logLevel.empty() && getLogOptions().levels.empty() && std::getenv("KR_LOG") == nullptr) {
         setLogLevels(robot.logLevel);
     }
-    if (!robot.logFormat.empty() && getLogOptions().format.empty() && std::getenv("KR_LOG_FORMAT") == nullptr) {
+    if (!robot.logFormat.empty() && getLogOptions().format.empty() &&
+        std::getenv("KR_LOG_FORMAT") == nullptr) {
         setLogFormat(parseLogFormat(robot.logFormat));
     }
 }

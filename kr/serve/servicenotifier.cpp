@@ -30,7 +30,7 @@ std::optional<std::int64_t> parse(std::string_view text) {
     std::int64_t number = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
     return error == std::errc() && end == text.data() + text.size() && number > 0 ? std::optional(number)
-                                                                                   : std::nullopt;
+                                                                                  : std::nullopt;
 }
 
 } // namespace
@@ -76,9 +76,10 @@ void ServiceNotifier::send(const std::string& message) const {
         address.sun_path[0] = '\0';
     }
     const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + address_.size());
-    if (::sendto(socket_, message.data(), message.size(), MSG_NOSIGNAL, reinterpret_cast<const sockaddr*>(&address),
-                 size) < 0) {
-        logWarning("kr.serve", "the service manager cannot be reached at " + address_ + ": " + std::strerror(errno));
+    if (::sendto(socket_, message.data(), message.size(), MSG_NOSIGNAL,
+                 reinterpret_cast<const sockaddr*>(&address), size) < 0) {
+        logWarning("kr.serve",
+                   "the service manager cannot be reached at " + address_ + ": " + std::strerror(errno));
     }
 }
 

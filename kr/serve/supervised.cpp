@@ -72,7 +72,8 @@ void Supervised::noteEnd(const std::string& how) {
         return;
     }
     const auto now = Clock::now();
-    pause_ = pause_.count() == 0 || now - started_ > kCalm ? kFirstPause : std::min(2 * pause_, kLongestPause);
+    pause_ =
+        pause_.count() == 0 || now - started_ > kCalm ? kFirstPause : std::min(2 * pause_, kLongestPause);
     next_ = now + pause_;
     logError("kr.serve", title_ + how + "; it is started again in " + formatSeconds(pause_));
     state_ = State::Clearing;

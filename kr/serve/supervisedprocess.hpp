@@ -20,7 +20,8 @@ public:
     /// \param isReady  whether it does its work
     SupervisedProcess(std::string title, bool restart, std::function<std::vector<std::string>()> makeCommand,
                       std::function<bool()> isReady)
-        : Supervised(std::move(title), restart), makeCommand_(std::move(makeCommand)), isReady_(std::move(isReady)) {}
+        : Supervised(std::move(title), restart), makeCommand_(std::move(makeCommand)),
+          isReady_(std::move(isReady)) {}
 
 protected:
     void xStart() override;

@@ -82,7 +82,10 @@ Json readJson(const YAML::Node& node, int depth) {
 }
 
 std::string describe(const YAML::Node& node) {
-    return node.IsSequence() ? "a list" : node.IsMap() ? "a map" : node.IsNull() ? "nothing" : quoteText(node.Scalar());
+    return node.IsSequence() ? "a list"
+           : node.IsMap()    ? "a map"
+           : node.IsNull()   ? "nothing"
+                             : quoteText(node.Scalar());
 }
 
 std::string listChoices(const std::vector<std::string>& names) {
@@ -108,7 +111,8 @@ YamlSection::YamlSection(const YAML::Node& node, std::string title, const std::v
                          std::vector<RobotProblem>& problems)
     : node_(node), title_(std::move(title)), problems_(problems) {
     if (!node.IsMap()) {
-        report(node, title_ + " needs keys and values, not " + describe(node) + "; keys are " + listChoices(keys));
+        report(node,
+               title_ + " needs keys and values, not " + describe(node) + "; keys are " + listChoices(keys));
         return;
     }
     std::set<std::string> seen;
@@ -159,12 +163,14 @@ std::optional<std::string> YamlSection::readText(const YAML::Node& node, const s
     return node.Scalar();
 }
 
-std::optional<int> YamlSection::readInt(const YAML::Node& node, const std::string& what, int minimum, int maximum) {
+std::optional<int> YamlSection::readInt(const YAML::Node& node, const std::string& what, int minimum,
+                                        int maximum) {
     const auto number = node.IsScalar() ? parseNumber<int>(node.Scalar()) : std::nullopt;
     if (!number || *number < minimum || *number > maximum) {
-        report(node, what + " needs a whole number from " + std::to_string(minimum) +
-                         (maximum == std::numeric_limits<int>::max() ? "" : " to " + std::to_string(maximum)) +
-                         ", not " + describe(node));
+        report(node,
+               what + " needs a whole number from " + std::to_string(minimum) +
+                   (maximum == std::numeric_limits<int>::max() ? "" : " to " + std::to_string(maximum)) +
+                   ", not " + describe(node));
         return std::nullopt;
     }
     return number;
@@ -208,7 +214,8 @@ void YamlSection::read(const std::string& key, double& value, double minimum) {
     }
 }
 
-void YamlSection::readChoice(const std::string& key, std::string& value, const std::vector<std::string>& choices) {
+void YamlSection::readChoice(const std::string& key, std::string& value,
+                             const std::vector<std::string>& choices) {
     const YAML::Node node = find(key);
     if (!node.IsDefined()) {
         return;

@@ -57,12 +57,14 @@ private:
 
 /// Calls `visit` with each entry of a list. Reports a node that is not a list.
 template <class Visit>
-void visitList(const YAML::Node& node, const std::string& key, std::vector<RobotProblem>& problems, Visit visit) {
+void visitList(const YAML::Node& node, const std::string& key, std::vector<RobotProblem>& problems,
+               Visit visit) {
     if (!node.IsDefined() || node.IsNull()) {
         return;
     }
     if (!node.IsSequence()) {
-        problems.push_back({getPlace(node), key + " needs a list: a line that begins with \"- \" for each entry"});
+        problems.push_back(
+            {getPlace(node), key + " needs a list: a line that begins with \"- \" for each entry"});
         return;
     }
     for (const YAML::Node& entry : node) {

@@ -13,7 +13,8 @@ namespace {
 
 class Crashing : public KR::KRModule {
 public:
-    Crashing(boost::shared_ptr<KR::KRBroker> broker, const std::string& name) : KR::KRModule(std::move(broker), name) {
+    Crashing(boost::shared_ptr<KR::KRBroker> broker, const std::string& name)
+        : KR::KRModule(std::move(broker), name) {
         functionName("crash", "Crashing", "Kills the process.");
         advertiseMethod(getCurrentMethodDescription(), this, &Crashing::crash);
         functionName("getProcess", "Crashing", "Number of the process.");

@@ -55,18 +55,20 @@ TEST_F(KrLog, TheEnvironmentAndTheFileOfASystemChooseTheForm) {
     EXPECT_THAT(server.stop().err, AllOf(StartsWith("<6>krdds: "), HasSubstr("\n<6>kr: serving on")));
 
     const TemporaryFolder folder;
-    std::ofstream(folder.path("robot.yaml")) << "broker: " << domain_.getUrl()
-                                             << "\nlog: {level: 'warning,kr.serve=info', format: journal}\n"
-                                                "modules: [{library: " KR_CRASHING_MODULE ", name: Beside, process: own}]\n";
+    std::ofstream(folder.path("robot.yaml"))
+        << "broker: " << domain_.getUrl()
+        << "\nlog: {level: 'warning,kr.serve=info', format: journal}\n"
+           "modules: [{library: " KR_CRASHING_MODULE ", name: Beside, process: own}]\n";
     RunningProgram file({"serve", folder.path("robot.yaml")}, "<6>kr: serving on");
     ASSERT_TRUE(file.isUp()) << file.readErr();
     EXPECT_TRUE(file.waitFor("<6>kr: module Beside runs")) << "a process beside it logs in the same form";
     EXPECT_THAT(file.readErr(), Not(HasSubstr("krdds: broker"))) << "the level";
     EXPECT_THAT(krOnDomain({"log", "--module", "Beside"}).out, HasSubstr("warning,kr.serve=info"));
-    RunningProgram verbose({"serve", folder.path("robot.yaml"), "--log-format", "text", "--log-level", "error",
-                            "--broker", domain_.getUrl()},
+    RunningProgram verbose({"serve", folder.path("robot.yaml"), "--log-format", "text", "--log-level",
+                            "error", "--broker", domain_.getUrl()},
                            "KRMemory");
-    EXPECT_THAT(verbose.wait().err, StartsWith("kr: ")) << "the command line counts more; the domain has a memory";
+    EXPECT_THAT(verbose.wait().err, StartsWith("kr: "))
+        << "the command line counts more; the domain has a memory";
 }
 
 TEST_F(KrLog, WatchPrintsTheLogsOfAllProcesses) {
@@ -75,7 +77,8 @@ TEST_F(KrLog, WatchPrintsTheLogsOfAllProcesses) {
     RunningProgram other(onDomain({"run", KR_MOTION_LIBRARY, "--name", "There"}), "There runs");
     ASSERT_TRUE(other.isUp()) << other.readErr();
     RunningProgram watch(onDomain({"log", "watch"}), "watching");
-    RunningProgram filtered(onDomain({"log", "watch", "--module", "There", "--level", "warning"}), "watching");
+    RunningProgram filtered(onDomain({"log", "watch", "--module", "There", "--level", "warning"}),
+                            "watching");
     ASSERT_TRUE(watch.isUp() && filtered.isUp());
     const auto logs = [&](const RunningProgram& program, const std::string& sign) {
         return eventually([&] { // what is logged before the first look is not shown
@@ -97,7 +100,8 @@ TEST_F(KrLog, WatchPrintsTheLogsOfAllProcesses) {
     EXPECT_THAT(record["message"].get<std::string>(), HasSubstr("is on DDS domain"));
     EXPECT_EQ(record["level"], "info");
     EXPECT_EQ(record["category"], "krdds");
-    EXPECT_THAT(record["process"].get<std::string>(), StartsWith("process " + std::to_string(other.getPid())));
+    EXPECT_THAT(record["process"].get<std::string>(),
+                StartsWith("process " + std::to_string(other.getPid())));
 
     RunningProgram late(onDomain({"run", KR_MOTION_LIBRARY, "--name", "Late"}), "Late runs");
     EXPECT_TRUE(watch.waitFor("process " + std::to_string(late.getPid()))) << "a process that comes later";

@@ -43,8 +43,11 @@ protected:
         }));
         return process.substr(0, process.find('\n'));
     }
-    bool waitForValue(const std::string& module, const std::string& parameter, const std::string& value) const {
-        return eventually([&] { return krOnDomain({"param", "get", module, parameter}).out == value + "\n"; });
+    bool waitForValue(const std::string& module, const std::string& parameter,
+                      const std::string& value) const {
+        return eventually([&] {
+            return krOnDomain({"param", "get", module, parameter}).out == value + "\n";
+        });
     }
 
     const TemporaryFolder folder_;
@@ -52,15 +55,16 @@ protected:
 };
 
 TEST_F(KrRobot, ServesWhatTheFileSays) {
-    RunningProgram server = serveFile("cameras:\n"
-                                      "  - test:ball\n"
-                                      "  - {source: test:smpte, size: 1280x960, controls: {hue: 20, Horizontal Flip: 1}}\n"
-                                      "modules:\n"
-                                      "  - {library: " KR_MOTION_LIBRARY ", name: Door, parameters: {threshold: 0.25}}\n"
-                                      "  - {library: " KR_CRASHING_MODULE ", name: Beside, process: own, parameters: {size: 7}}\n"
-                                      "subscriptions:\n"
-                                      "  - {module: Door, period: 50, precision: 1}\n"
-                                      "memory: {Door/Open: [1, left]}\n");
+    RunningProgram server =
+        serveFile("cameras:\n"
+                  "  - test:ball\n"
+                  "  - {source: test:smpte, size: 1280x960, controls: {hue: 20, Horizontal Flip: 1}}\n"
+                  "modules:\n"
+                  "  - {library: " KR_MOTION_LIBRARY ", name: Door, parameters: {threshold: 0.25}}\n"
+                  "  - {library: " KR_CRASHING_MODULE ", name: Beside, process: own, parameters: {size: 7}}\n"
+                  "subscriptions:\n"
+                  "  - {module: Door, period: 50, precision: 1}\n"
+                  "memory: {Door/Open: [1, left]}\n");
     ASSERT_TRUE(server.isUp()) << server.readErr();
     EXPECT_EQ(json::parse(krOnDomain({"memory", "get", "Door/Open"}).out), json({1, "left"}));
     EXPECT_TRUE(waitForValue("Door", "threshold", "0.25"));
@@ -84,14 +88,14 @@ TEST_F(KrRobot, ServesWhatTheFileSays) {
 }
 
 TEST_F(KrRobot, AModuleThatCrashesInItsProcessIsStartedAgainAfterAGrowingPause) {
-    RunningProgram server =
-        serveFile("modules:\n  - {library: " KR_CRASHING_MODULE ", name: Beside, process: own, parameters: {size: 7}}\n");
+    RunningProgram server = serveFile("modules:\n  - {library: " KR_CRASHING_MODULE
+                                      ", name: Beside, process: own, parameters: {size: 7}}\n");
     ASSERT_TRUE(server.isUp()) << server.readErr();
     std::string process = processOf("Beside");
     for (const char* pause : {"0.25 s", "0.5 s"}) {
         krOnDomain({"call", "Beside", "crash"});
-        EXPECT_TRUE(server.waitFor(std::string("module Beside was ended by signal 9 (Killed); it is started again in ") +
-                                   pause))
+        EXPECT_TRUE(server.waitFor(
+            std::string("module Beside was ended by signal 9 (Killed); it is started again in ") + pause))
             << server.readErr();
         const std::string next = processOf("Beside");
         EXPECT_NE(next, process);
@@ -139,18 +143,19 @@ TEST_F(KrRobot, AHangUpAppliesWhatHasChangedAndLeavesAloneWhatHasNot) {
     const std::string same = "cameras: [test:ball]\n"
                              "modules:\n"
                              "  - {library: " KR_CRASHING_MODULE ", name: Same, process: own}\n";
-    RunningProgram server = serveFile(same +
-                                      "  - {library: " KR_CRASHING_MODULE ", name: Left, process: own}\n"
-                                      "  - {library: " KR_MOTION_LIBRARY ", name: Door, parameters: {threshold: 0.25, camera: 0}}\n"
-                                      "memory: {a: 1, b: 2}\n"
-                                      "subscriptions: [{module: Door, period: 70}]\n");
+    RunningProgram server = serveFile(
+        same + "  - {library: " KR_CRASHING_MODULE ", name: Left, process: own}\n"
+               "  - {library: " KR_MOTION_LIBRARY ", name: Door, parameters: {threshold: 0.25, camera: 0}}\n"
+               "memory: {a: 1, b: 2}\n"
+               "subscriptions: [{module: Door, period: 70}]\n");
     ASSERT_TRUE(server.isUp()) << server.readErr();
     const std::string process = processOf("Same");
     EXPECT_EQ(krOnDomain({"memory", "set", "a", "5"}).exitCode, 0);
     processOf("Left");
     EXPECT_TRUE(waitForValue("Door", "threshold", "0.25"));
 
-    write(same + "  - {library: " KR_MOTION_LIBRARY ", name: Door, parameters: {camera: 0, colorSpace: luma}}\n"
+    write(same + "  - {library: " KR_MOTION_LIBRARY
+                 ", name: Door, parameters: {camera: 0, colorSpace: luma}}\n"
                  "  - {library: " KR_FAILING_MODULE ", name: New}\n"
                  "memory: {a: 1, b: 3}\n"
                  "subscriptions: [{module: Door, period: 90}]\n");
@@ -165,8 +170,11 @@ TEST_F(KrRobot, AHangUpAppliesWhatHasChangedAndLeavesAloneWhatHasNot) {
         const json table = json::parse(call("Door", "getSubscribersInfo"));
         return table.size() == 1 && table[0][1] == 90;
     }));
-    EXPECT_TRUE(eventually([&] { return krOnDomain({"module", "list"}).out.find("Left") == std::string::npos; }));
-    EXPECT_THAT(server.readErr(), AllOf(Not(HasSubstr("camera service is started again")), Not(HasSubstr("takes the place"))));
+    EXPECT_TRUE(eventually([&] {
+        return krOnDomain({"module", "list"}).out.find("Left") == std::string::npos;
+    }));
+    EXPECT_THAT(server.readErr(),
+                AllOf(Not(HasSubstr("camera service is started again")), Not(HasSubstr("takes the place"))));
     EXPECT_THAT(server.readErr(), Not(HasSubstr("module Left was ended"))) << "it was asked to";
 
     write("cameras: [test:ball]\nmodule: []\n");
@@ -177,9 +185,10 @@ TEST_F(KrRobot, AHangUpAppliesWhatHasChangedAndLeavesAloneWhatHasNot) {
 }
 
 TEST_F(KrRobot, AnotherSourceReachesModulesThatWorkOnAndLeavesOtherCamerasAlone) {
-    const std::string modules = "modules: [" KR_MOTION_LIBRARY ", {library: " KR_MOTION_LIBRARY
-                                ", name: Other, parameters: {camera: 1}}]\n"
-                                "subscriptions: [{module: KRMotion, period: 50}, {module: Other, period: 50}]\n";
+    const std::string modules =
+        "modules: [" KR_MOTION_LIBRARY ", {library: " KR_MOTION_LIBRARY
+        ", name: Other, parameters: {camera: 1}}]\n"
+        "subscriptions: [{module: KRMotion, period: 50}, {module: Other, period: 50}]\n";
     RunningProgram server = serveFile("cameras: [test:ball, test:snow]\n" + modules);
     ASSERT_TRUE(server.isUp()) << server.readErr();
     ASSERT_TRUE(server.waitFor("camera 0 (test:ball) is open")) << server.readErr();
@@ -214,7 +223,8 @@ TEST_F(KrRobot, HasAWebServerIfTheFileSaysSo) {
 }
 
 TEST_F(KrRobot, RecordsIntoAFileNamedAfterTheTime) {
-    RunningProgram server = serveFile("cameras: [test]\nmemory: {Here: 1}\nrecord: {file: drive-%Y.mcap, memory: [Here]}\n");
+    RunningProgram server =
+        serveFile("cameras: [test]\nmemory: {Here: 1}\nrecord: {file: drive-%Y.mcap, memory: [Here]}\n");
     ASSERT_TRUE(server.isUp()) << server.readErr();
     ASSERT_TRUE(server.waitFor("recording")) << server.readErr();
     EXPECT_EQ(server.stop().exitCode, 0);

@@ -60,13 +60,16 @@ TEST_F(KrRobotFile, CheckFindsEverythingThatIsWrongAtOnce) {
     EXPECT_EQ(outcome.exitCode, 1);
     EXPECT_EQ(outcome.err, "");
     EXPECT_THAT(outcome.out, HasSubstr(at("1:9") + "broker address \"dds:?domain=999\": domain is \"999\""));
-    EXPECT_THAT(outcome.out, HasSubstr(at("2:1") + "the file has no key \"camera\"; did you mean cameras?\n"));
+    EXPECT_THAT(outcome.out,
+                HasSubstr(at("2:1") + "the file has no key \"camera\"; did you mean cameras?\n"));
     EXPECT_THAT(outcome.out, HasSubstr(at("4:5") + "camera source \"nothing:x\" is not supported"));
     EXPECT_THAT(outcome.out, HasSubstr(at("6:11") + "size 641x480 is not supported"));
     EXPECT_THAT(outcome.out, HasSubstr(at("5:5") + "the camera has no control brightnes; it has brightness"));
     EXPECT_THAT(outcome.out, HasSubstr(at("8:5") + "control hue cannot be 200; it takes -180 to 180\n"));
-    EXPECT_THAT(outcome.out, HasSubstr(at("11:5") + folder_.path("missing.so") + ": there is no such file\n"));
-    EXPECT_THAT(outcome.out, HasSubstr(at("12:5") + "a module has no key \"proces\"; did you mean process?\n"));
+    EXPECT_THAT(outcome.out,
+                HasSubstr(at("11:5") + folder_.path("missing.so") + ": there is no such file\n"));
+    EXPECT_THAT(outcome.out,
+                HasSubstr(at("12:5") + "a module has no key \"proces\"; did you mean process?\n"));
     EXPECT_THAT(outcome.out, HasSubstr(at("13:5") + KR_LIBRARY_WITHOUT_MODULE " has no module"));
     EXPECT_THAT(outcome.out, HasSubstr(at("15:14") + "restart needs true or false, not \"maybe\"\n"));
     EXPECT_THAT(outcome.out, HasSubstr(at("16:5") + "the name KRMotion is taken by the module in line 14\n"));
@@ -98,7 +101,8 @@ TEST_F(KrRobotFile, WhatIsNotYamlIsNamedWithItsPlace) {
 TEST_F(KrRobotFile, NothingIsServedFromAFileThatIsWrong) {
     const Outcome outcome = kr({"serve", write("cameras: [test]\nmoduls: []\n")});
     EXPECT_EQ(outcome.exitCode, 1);
-    EXPECT_THAT(outcome.err, HasSubstr(at("2:1") + "the file has no key \"moduls\"; did you mean modules?\n"));
+    EXPECT_THAT(outcome.err,
+                HasSubstr(at("2:1") + "the file has no key \"moduls\"; did you mean modules?\n"));
     EXPECT_THAT(kr({"serve", "--check"}).err, HasSubstr("--check needs a file"));
     const Outcome both = kr({"serve", write(""), "--camera", "0=test"});
     EXPECT_EQ(both.exitCode, 2);
@@ -108,14 +112,16 @@ TEST_F(KrRobotFile, NothingIsServedFromAFileThatIsWrong) {
 TEST_F(KrRobotFile, TheFileThatACommandLineAmountsToServesTheSame) {
     const Outcome print =
         krOnDomain({"serve", "--print", "--camera", "0=test:smpte", "--camera", "1=file:clip.mp4", "--run",
-                    "Door=" KR_MOTION_LIBRARY, "--param", "threshold=0.01", "--param", "colorSpace=luma", "--subscribe",
-                    "Door:100:0.5", "--subscribe", "3"});
+                    "Door=" KR_MOTION_LIBRARY, "--param", "threshold=0.01", "--param", "colorSpace=luma",
+                    "--subscribe", "Door:100:0.5", "--subscribe", "3"});
     ASSERT_EQ(print.exitCode, 0) << print.err;
     EXPECT_EQ(print.out, "broker: " + domain_.getUrl() +
                              "\n"
                              "cameras:\n"
                              "  - source: test:smpte\n"
-                             "  - source: file:" + std::filesystem::current_path().string() + "/clip.mp4\n"
+                             "  - source: file:" +
+                             std::filesystem::current_path().string() +
+                             "/clip.mp4\n"
                              "modules:\n"
                              "  - library: " KR_MOTION_LIBRARY "\n"
                              "    name: Door\n"
@@ -137,7 +143,8 @@ TEST_F(KrRobotFile, TheFileThatACommandLineAmountsToServesTheSame) {
 
 TEST_F(KrRobotFile, ValuesKeepTheirTypesThroughTheFile) {
     std::vector<tool::RobotProblem> problems;
-    const std::string text = "broker: \"dds:\"\nmemory: {a: 1, b: 0.5, c: \"1\", d: true, e: [1, [x, ~]], f: yes, g: \"true\", h: \"a: b\"}\n";
+    const std::string text = "broker: \"dds:\"\nmemory: {a: 1, b: 0.5, c: \"1\", d: true, e: [1, [x, ~]], f: "
+                             "yes, g: \"true\", h: \"a: b\"}\n";
     const tool::Robot robot = tool::readRobotFile(write(text), problems);
     EXPECT_TRUE(problems.empty());
     tool::Json values = tool::Json::object();
@@ -146,7 +153,8 @@ TEST_F(KrRobotFile, ValuesKeepTheirTypesThroughTheFile) {
     }
     EXPECT_EQ(values.dump(),
               R"({"a":1,"b":0.5,"c":"1","d":true,"e":[1,["x",null]],"f":"yes","g":"true","h":"a: b"})");
-    EXPECT_EQ(tool::readRobotFile(write(tool::formatRobot(robot)), problems), robot) << tool::formatRobot(robot);
+    EXPECT_EQ(tool::readRobotFile(write(tool::formatRobot(robot)), problems), robot)
+        << tool::formatRobot(robot);
 }
 
 TEST_F(KrRobotFile, TheSchemaKnowsTheKeysThatTheProgramKnows) {

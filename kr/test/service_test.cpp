@@ -82,8 +82,9 @@ protected:
 
 TEST_F(KrService, IsReadyOnceAllModulesCanBeCalled) {
     Manager manager(folder_.path("socket"));
-    RunningProgram server = serveFile("modules:\n  - {library: " KR_CRASHING_MODULE ", name: Beside, process: own}\n"
-                                      "  - " KR_FAILING_MODULE "\n");
+    RunningProgram server =
+        serveFile("modules:\n  - {library: " KR_CRASHING_MODULE ", name: Beside, process: own}\n"
+                  "  - " KR_FAILING_MODULE "\n");
     std::string before;
     EXPECT_EQ(manager.receive("READY=1", before), "READY=1\n") << server.readErr();
     EXPECT_THAT(before, HasSubstr("STATUS=0 of 2 modules work\n"));

@@ -76,9 +76,11 @@ std::string formatLines(const std::string& text, KRLogLevel level) {
         if (format == KRLogFormat::Text) {
             lines += (start == 0 ? "kr: " : "") + escapeText(line) + "\n";
         } else {
-            lines += formatLogRecord({level, "kr", line, KRSourceLocation::current(), {}, std::chrono::system_clock::now()},
-                                     format) +
-                     "\n";
+            lines +=
+                formatLogRecord(
+                    {level, "kr", line, KRSourceLocation::current(), {}, std::chrono::system_clock::now()},
+                    format) +
+                "\n";
         }
         start = end + 1;
     }

@@ -36,7 +36,7 @@ using Completer = std::function<std::vector<std::string>(const std::vector<std::
 template <class Options>
 struct Verb {
     std::string group;
-    std::string name;    ///< "": what the group does without a verb; its arguments are not to be names of verbs
+    std::string name; ///< "": what the group does without a verb; its arguments are not to be names of verbs
     std::string summary; ///< one line, imperative, without a full stop
     std::string example; ///< one command line or more, for the end of its --help
     /// Does the work, after the options have been read. A KRError is reported by describe(), another

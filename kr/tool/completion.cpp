@@ -118,7 +118,8 @@ std::vector<std::string> completeCommandLine(const std::vector<std::string>& wor
         const auto& verbs = getGroups()[parsed.group].commands;
         const auto withoutVerb = verbs.find("");
         if (withoutVerb != verbs.end() && withoutVerb->second.complete) {
-            for (std::string& each : completeSafely([&] { return withoutVerb->second.complete({}, parsed.broker); })) {
+            for (std::string& each :
+                 completeSafely([&] { return withoutVerb->second.complete({}, parsed.broker); })) {
                 candidates.push_back(std::move(each));
             }
         }

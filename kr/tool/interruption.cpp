@@ -45,7 +45,8 @@ bool Interruption::waitFor(std::chrono::milliseconds time) {
         const timespec timeout{static_cast<std::time_t>(left.count() / 1'000'000'000),
                                static_cast<long>(left.count() % 1'000'000'000)};
         if (!happened_) {
-            note(sigtimedwait(&signals_, nullptr, &timeout)); // fails early if another signal was handled meanwhile
+            note(sigtimedwait(&signals_, nullptr,
+                              &timeout)); // fails early if another signal was handled meanwhile
         }
     } while (!happened_ && !reload_ && left.count() > 0);
     return happened_;

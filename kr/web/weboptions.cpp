@@ -70,7 +70,7 @@ std::unique_ptr<KRWebServer> WebOptions::start(const boost::shared_ptr<KRBroker>
     try {
         auto server = std::make_unique<KRWebServer>(broker, options);
         printNotice("open " + server->getUrl() +
-                   (tokenFile_.empty() ? "" : "?token=TOKEN, with the token in " + tokenFile_));
+                    (tokenFile_.empty() ? "" : "?token=TOKEN, with the token in " + tokenFile_));
         return server;
     } catch (const std::invalid_argument& error) {
         throw UsageError(error.what());

@@ -58,7 +58,8 @@ TEST_F(ParameterTest, AnotherSourceTakesThePlaceOfACameraForItsSubscribers) {
     service->setSource(0, "test:black"); // closed
     EXPECT_LT(fetch(subscribe(0, Resolution::QuarterVga, Space::Luma)).at(100, 100)[0], 20);
     EXPECT_THAT(errorOf([&] { service->setSource(0, "nothing:x"); }), testing::HasSubstr("nothing:x"));
-    EXPECT_THAT(errorOf([&] { service->setSource(7, "test"); }), testing::HasSubstr("camera 7 does not exist"));
+    EXPECT_THAT(errorOf([&] { service->setSource(7, "test"); }),
+                testing::HasSubstr("camera 7 does not exist"));
 }
 
 TEST_F(ParameterTest, ContrastSaturationAndHueShowInThePicture) {

@@ -182,8 +182,9 @@ void Log::readEnvironment() {
                 set(value);
             }
         } catch (const std::exception& error) {
-            submit({KRLogLevel::Warning, "krplatform.log", std::string(variable) + " has no effect: " + error.what(),
-                    KRSourceLocation::current(), getThreadName(), std::chrono::system_clock::now()});
+            submit({KRLogLevel::Warning, "krplatform.log",
+                    std::string(variable) + " has no effect: " + error.what(), KRSourceLocation::current(),
+                    getThreadName(), std::chrono::system_clock::now()});
         }
     };
     read("KR_LOG_FORMAT", [this](const char* value) { setFormat(parseLogFormat(value)); });

@@ -2,8 +2,8 @@
 
 #include "krplatform/krtext.hpp"
 
-#include "krlogline.hpp"
 #include "krloglevels.hpp"
+#include "krlogline.hpp"
 
 #include <array>
 #include <cstdio>
@@ -86,7 +86,8 @@ const char* getColor(KRLogLevel level) noexcept {
 std::string formatLogLine(const KRLogLine& line, KRLogFormat format, bool colored) {
     std::string text = line.text;
     if (line.repetitions > 0 && format != KRLogFormat::Json) {
-        text += " (said " + std::to_string(line.repetitions) + (line.repetitions == 1 ? " time" : " times") + " more)";
+        text += " (said " + std::to_string(line.repetitions) + (line.repetitions == 1 ? " time" : " times") +
+                " more)";
     }
     switch (format) {
     case KRLogFormat::Text:
@@ -98,8 +99,8 @@ std::string formatLogLine(const KRLogLine& line, KRLogFormat format, bool colore
     case KRLogFormat::Journal:
         return std::string("<") + getPriority(line.level) + ">" + line.category + ": " + text;
     }
-    return formatLocalTime(line.time) + (colored ? getColor(line.level) : "") + getLevelName(line.level) + " " +
-           line.category + ": " + text + (colored ? "\033[m" : "");
+    return formatLocalTime(line.time) + (colored ? getColor(line.level) : "") + getLevelName(line.level) +
+           " " + line.category + ": " + text + (colored ? "\033[m" : "");
 }
 
 const char* getLogFormatName(KRLogFormat format) noexcept {

@@ -34,12 +34,14 @@ KRLogExcerpt KRLogHistory::read(const std::string& since) const {
     const KRLock lock(mutex_);
     std::uint64_t seen = 0;
     const std::string_view number = std::string_view(since).substr(std::min(process_.size(), since.size()));
-    const bool isMine = since.starts_with(process_) &&
-                        std::from_chars(number.data(), number.data() + number.size(), seen).ec == std::errc() &&
-                        seen <= added_;
+    const bool isMine =
+        since.starts_with(process_) &&
+        std::from_chars(number.data(), number.data() + number.size(), seen).ec == std::errc() &&
+        seen <= added_;
     const std::uint64_t firstKept = added_ - records_.size();
     const std::uint64_t first = isMine ? std::max(seen, firstKept) : firstKept;
-    return {process_ + std::to_string(added_), isMine ? first - seen : 0,
+    return {process_ + std::to_string(added_),
+            isMine ? first - seen : 0,
             {records_.begin() + static_cast<std::ptrdiff_t>(first - firstKept), records_.end()}};
 }
 

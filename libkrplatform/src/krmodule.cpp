@@ -83,8 +83,8 @@ KRValue toValue(const KRLogExcerpt& excerpt) {
     for (const KRLogRecord& each : excerpt.records) {
         const auto time_usec =
             std::chrono::duration_cast<std::chrono::microseconds>(each.time.time_since_epoch()).count();
-        records.push_back(KRValue::array(static_cast<int>(each.level), each.category, each.message, each.thread,
-                                         static_cast<int>(time_usec / 1'000'000),
+        records.push_back(KRValue::array(static_cast<int>(each.level), each.category, each.message,
+                                         each.thread, static_cast<int>(time_usec / 1'000'000),
                                          static_cast<int>(time_usec % 1'000'000)));
     }
     constexpr std::uint64_t kMost = std::numeric_limits<int>::max();

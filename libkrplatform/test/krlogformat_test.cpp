@@ -15,7 +15,11 @@ using testing::HasSubstr;
 
 KRLogRecord makeRecord(KRLogLevel level, const std::string& message) {
     using namespace std::chrono;
-    return {level, "some.where", message, KRSourceLocation::current(), "main",
+    return {level,
+            "some.where",
+            message,
+            KRSourceLocation::current(),
+            "main",
             system_clock::time_point(duration_cast<system_clock::duration>(milliseconds(1'500'000'000'007)))};
 }
 

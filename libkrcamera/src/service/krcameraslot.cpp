@@ -92,7 +92,8 @@ void KRCameraSlot::acquire(const KRSize& size) {
         {
             const KRLock lock(mutex_);
             if (shutDown_) {
-                throw std::runtime_error(getTitle() + " cannot be opened: the camera service is shutting down");
+                throw std::runtime_error(getTitle() +
+                                         " cannot be opened: the camera service is shutting down");
             }
             isFirst = !camera_;
             if (isFirst) {
@@ -120,8 +121,8 @@ void KRCameraSlot::acquire(const KRSize& size) {
 void KRCameraSlot::setInitialSettings(InitialSettings settings) {
     const KRLock users(usersMutex_);
     const auto isKept = [&](const auto& old) {
-        return std::ranges::any_of(settings.controls,
-                                   [&](const auto& each) { return equalsIgnoringCase(each.first, old.first); });
+        return std::ranges::any_of(
+            settings.controls, [&](const auto& each) { return equalsIgnoringCase(each.first, old.first); });
     };
     std::erase_if(initial_.controls, isKept);
     const auto dropped = std::exchange(initial_, std::move(settings)).controls;

@@ -69,8 +69,8 @@ private:
 
     KRMutex usersMutex_; ///< held while users_ changes and while the camera closes
     InitialSettings initial_ KR_GUARDED_BY(usersMutex_);
-    std::vector<std::unique_ptr<KRSource>> sources_
-        KR_GUARDED_BY(usersMutex_); ///< cameras of the earlier ones may still be in use
+    std::vector<std::unique_ptr<KRSource>>
+        sources_ KR_GUARDED_BY(usersMutex_); ///< cameras of the earlier ones may still be in use
 
     mutable KRMutex mutex_ KR_ACQUIRED_AFTER(usersMutex_); ///< not held while the camera opens or closes
     std::shared_ptr<KRCamera> camera_ KR_GUARDED_BY(mutex_);

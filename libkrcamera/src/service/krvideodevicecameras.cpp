@@ -37,10 +37,10 @@ void KRVideoDevice::setInitialSettings(int camera, int resolution,
     const char* method = "setInitialSettings";
     KRCameraSlot& slot = p_->getSlot(method, camera);
     if (resolution != -1 && !isResolutionSupported(resolution)) {
-        p_->fail(method, "resolution " + std::to_string(resolution) + " is not supported; supported are 0 to 17");
+        p_->fail(method,
+                 "resolution " + std::to_string(resolution) + " is not supported; supported are 0 to 17");
     }
-    slot.setInitialSettings(
-        {resolution == -1 ? std::nullopt : std::optional(getSize(resolution)), controls});
+    slot.setInitialSettings({resolution == -1 ? std::nullopt : std::optional(getSize(resolution)), controls});
 }
 
 void KRVideoDevice::setSource(int camera, const std::string& source) {

@@ -33,8 +33,8 @@ KR_EXPORT std::string formatLogRecord(const KRLogRecord& record, KRLogFormat for
 
 /// Records that were printed, or would have been if standard error had taken them.
 struct KRLogExcerpt {
-    std::string now;        ///< stands for this look
-    std::uint64_t lost = 0; ///< records since the earlier look that are not kept any more
+    std::string now;                  ///< stands for this look
+    std::uint64_t lost = 0;           ///< records since the earlier look that are not kept any more
     std::vector<KRLogRecord> records; ///< in the order in which they were logged
 };
 
