@@ -61,6 +61,7 @@ public:
     explicit Cameras(const CameraOptions& options);
 
     KRVideoDeviceProxy& getService() noexcept { return service_; }
+    const boost::shared_ptr<KRBroker>& getBroker() const noexcept { return broker_; }
     /// The service is one of this process.
     bool isOwn() const noexcept { return static_cast<bool>(module_); }
     /// \throws UsageError there is no such camera
