@@ -18,18 +18,18 @@ namespace KR {
 
 namespace {
 
-constexpr const char* kCategory = "krdds.engine";
+constexpr const char* kEngineCategory = "krdds.engine";
 
 // The last error that the engine logged on this thread: its codes alone say little.
 thread_local std::string lastError;
 
 /// Each by itself: what others send causes warnings.
 KRLimitedLog& getErrors() {
-    static KRLimitedLog limited(kCategory, "errors of the DDS engine");
+    static KRLimitedLog limited(kEngineCategory, "errors of the DDS engine");
     return limited;
 }
 KRLimitedLog& getWarnings() {
-    static KRLimitedLog limited(kCategory, "warnings of the DDS engine");
+    static KRLimitedLog limited(kEngineCategory, "warnings of the DDS engine");
     return limited;
 }
 
@@ -49,7 +49,7 @@ void writeLog(void*, const dds_log_data_t* record) noexcept {
                        std::string::npos) { // as the loopback interface is
             getWarnings().write(KRLogLevel::Warning, message);
         } else {
-            logVerbose(kCategory, message);
+            logVerbose(kEngineCategory, message);
         }
     } catch (const std::exception&) { // short of memory: the line is lost
     }

@@ -13,7 +13,7 @@ namespace KR {
 
 namespace {
 
-constexpr const char* kCategory = "krplatform.memory";
+constexpr const char* kMemoryCategory = "krplatform.memory";
 constexpr const char* kLossCallback = "onEventsLost";
 constexpr std::chrono::seconds kIntroduction{2}; // a module of another process may take to be known here
 
@@ -253,7 +253,7 @@ void KRMemory::warnIfBoth(const std::string& before, const std::string& now,
                           const std::string& declare) const {
     const bool areTwo = !before.empty() && !now.empty() && before != now;
     if (areTwo && (isReachable(before) || isStillToCome(before))) {
-        logWarning(kCategory, "the modules " + before + " and " + now + " both " + declare);
+        logWarning(kMemoryCategory, "the modules " + before + " and " + now + " both " + declare);
     }
 }
 
@@ -405,7 +405,7 @@ void KRMemory::returnMemoryLater() {
     try {
         xPost("returnFreedMemory", [] { returnFreedMemory(); });
     } catch (const std::exception& error) { // exiting, most likely
-        logVerbose(kCategory, error.what());
+        logVerbose(kMemoryCategory, error.what());
     }
 }
 
@@ -433,7 +433,7 @@ void KRMemory::deliver(const std::shared_ptr<Subscription>& subscription) {
 
 bool KRMemory::deliverNext(Subscription& subscription) {
     const auto logWarningAbout = [&](const std::string& what) {
-        logWarning(kCategory, (subscription.isOfWrites ? "writes under " : "event ") + subscription.event +
+        logWarning(kMemoryCategory, (subscription.isOfWrites ? "writes under " : "event ") + subscription.event +
                                   " for " + subscription.client.getModuleName() + "." +
                                   subscription.callback + ": " + what);
     };
@@ -474,7 +474,7 @@ void KRMemory::reportLoss(const Subscription& subscription, int lost) {
     try {
         subscription.client.call(kLossCallback, subscription.event, lost);
     } catch (...) {
-        logVerbose(kCategory, describeCurrentException()); // it may have no such method
+        logVerbose(kMemoryCategory, describeCurrentException()); // it may have no such method
     }
 }
 
@@ -644,7 +644,7 @@ void KRMemory::noticeModule(const std::string& module, bool reachable) {
         try {
             deliverLater(subscription);
         } catch (...) {
-            logWarning(kCategory, "events have to wait: " + describeCurrentException());
+            logWarning(kMemoryCategory, "events have to wait: " + describeCurrentException());
         }
     }
 }
@@ -669,7 +669,7 @@ void KRMemory::settleLater(const std::vector<LinkKey>& links) {
         try {
             xPost("settle", [this, extractor = extractor, client = client] { settle(extractor, client); });
         } catch (...) {
-            logWarning(kCategory, "subscriptions may be out of date: " + describeCurrentException());
+            logWarning(kMemoryCategory, "subscriptions may be out of date: " + describeCurrentException());
         }
     }
 }
@@ -725,7 +725,7 @@ void KRMemory::settle(const std::string& extractor, const std::string& client) {
         try {
             std::rethrow_exception(unsubscribeFailure);
         } catch (...) {
-            logWarning(kCategory, "a subscription ended with an error: " + describeCurrentException());
+            logWarning(kMemoryCategory, "a subscription ended with an error: " + describeCurrentException());
         }
     }
 }

@@ -19,7 +19,7 @@ namespace KR {
 
 namespace {
 
-constexpr const char* kCategory = "krplatform.subscription";
+constexpr const char* kSubscriptionCategory = "krplatform.subscription";
 constexpr std::chrono::seconds kFirstPause{1};
 constexpr std::chrono::seconds kLongestPause{30};
 
@@ -73,7 +73,7 @@ public:
         try {
             start();
         } catch (...) {
-            logError(kCategory,
+            logError(kSubscriptionCategory,
                      client_ + " is not subscribed to " + getExtractor() + ": " + describeCurrentException());
         }
     }
@@ -103,7 +103,7 @@ private:
         try {
             subscribeUntilAccepted();
         } catch (...) { // no memory, for a text most likely; the next module of this name is another chance
-            logError(kCategory, "a subscription is given up");
+            logError(kSubscriptionCategory, "a subscription is given up");
             const KRLock lock(mutex_);
             busy_ = false;
             changed_.notifyAll();
@@ -161,12 +161,12 @@ private:
         try {
             extractor_.call("unsubscribe", client_);
         } catch (...) { // it has gone, or did not keep the subscriber
-            logVerbose(kCategory, describeCurrentException());
+            logVerbose(kSubscriptionCategory, describeCurrentException());
         }
     }
     void report(const std::string& reason) KR_REQUIRES(mutex_) {
         if (failure_ != reason) {
-            logWarning(kCategory, getExtractor() + " refuses the subscription of " + client_ +
+            logWarning(kSubscriptionCategory, getExtractor() + " refuses the subscription of " + client_ +
                                       ", which is repeated: " + reason);
         }
         failure_ = reason;

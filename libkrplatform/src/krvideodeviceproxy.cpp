@@ -17,7 +17,7 @@ namespace KR {
 
 namespace {
 
-constexpr const char* kCategory = "krplatform.camera";
+constexpr const char* kCameraCategory = "krplatform.camera";
 constexpr const char* kService = "KRVideoDevice";
 
 /// Refuses an image value that would make a reader or writer of its pixels leave a buffer. What the conversion
@@ -195,10 +195,10 @@ private:
                                      std::to_string(value) + " again";
             try {
                 if (!proxy_.call<bool>("setCameraParameter", subscription.id, parameter, value)) {
-                    logWarning(kCategory, text + ": the camera refuses it");
+                    logWarning(kCameraCategory, text + ": the camera refuses it");
                 }
             } catch (const KRError& error) { // the others may be accepted all the same
-                logWarning(kCategory, text + ": " + error.what());
+                logWarning(kCameraCategory, text + ": " + error.what());
             }
         }
     }
@@ -234,7 +234,7 @@ std::string KRVideoDeviceProxy::subscribeCamera(const std::string& name, int cam
     for (;;) {
         std::uint32_t service = proxy_.getModuleNumber();
         if (service == 0 && serviceTimeout_.load() > std::chrono::milliseconds::zero()) {
-            logInfo(kCategory, name + " waits for the camera service " + kService);
+            logInfo(kCameraCategory, name + " waits for the camera service " + kService);
             KRBrokerPrivate::of(*broker_).directory.waitForUnlessExiting(kService, deadline);
             service = proxy_.getModuleNumber();
         }
@@ -249,7 +249,7 @@ std::string KRVideoDeviceProxy::subscribeCamera(const std::string& name, int cam
                 !KRModuleGate::isThreadExiting()) {
                 continue; // it went during the call
             }
-            logWarning(kCategory, "camera " + std::to_string(camera) + " for " + name +
+            logWarning(kCameraCategory, "camera " + std::to_string(camera) + " for " + name +
                                       ": subscription refused: " + error.what());
             subscriptions_->addRefusal(name, error);
             throw;
@@ -266,7 +266,7 @@ void KRVideoDeviceProxy::callToEnd(const char* method, const std::string& id) {
     try {
         subscriptions_->callIfSubscribed(method, id);
     } catch (const KRError& error) {
-        logWarning(kCategory, id + ": " + method + " refused: " + error.what());
+        logWarning(kCameraCategory, id + ": " + method + " refused: " + error.what());
         throw;
     }
 }

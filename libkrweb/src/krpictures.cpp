@@ -25,7 +25,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr int kFrameRate = 30; // images per second
-constexpr std::chrono::seconds kLinger{
+constexpr std::chrono::seconds kPictureLinger{
     1}; // after the last receiver, so that a camera is not closed between two stills
 constexpr std::chrono::milliseconds kStep{200};
 
@@ -139,7 +139,7 @@ private:
     // \return false: there is nobody, and has been nobody for a while; or the feed is to end
     bool waitForReceivers() {
         KRLock lock(mutex_);
-        changed_.waitFor(lock, kLinger, [this] {
+        changed_.waitFor(lock, kPictureLinger, [this] {
             mutex_.assertHeld();
             return stopping_ || !receivers_.empty();
         });

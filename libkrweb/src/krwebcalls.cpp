@@ -20,7 +20,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::chrono::seconds kLinger{2}; // with a camera, for more settings to come
+constexpr std::chrono::seconds kCameraLinger{2}; // with a camera, for more settings to come
 
 } // namespace
 
@@ -124,9 +124,9 @@ void Calls::run() noexcept {
             };
             if (opened_.empty()) {
                 changed_.wait(lock, isWanted);
-            } else if (!changed_.waitFor(lock, kLinger, isWanted)) {
+            } else if (!changed_.waitFor(lock, kCameraLinger, isWanted)) {
                 lock.unlock();
-                closeUnused(Clock::now() - kLinger);
+                closeUnused(Clock::now() - kCameraLinger);
                 lock.lock();
             }
             continue;

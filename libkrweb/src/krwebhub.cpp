@@ -20,7 +20,6 @@ namespace KR::web {
 namespace {
 
 constexpr std::size_t kMaxLogLines = 100;
-constexpr std::string_view kAnnotationsSuffix = "/Annotations";
 // Parameters of a client's pictures, behind the topic.
 constexpr const char* kResolutionSuffix = "/resolution";
 constexpr const char* kColorSpaceSuffix = "/color-space";

@@ -20,7 +20,6 @@ namespace KR::web {
 
 namespace {
 
-constexpr std::string_view kAnnotationsSuffix = "/Annotations";
 constexpr std::chrono::milliseconds kCheck{500}; // for another memory module
 
 std::uint64_t getTime_ns() {

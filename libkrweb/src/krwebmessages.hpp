@@ -16,6 +16,9 @@
 /// The messages of the Foxglove WebSocket protocol, version 1. All functions are reentrant.
 namespace KR::web {
 
+/// Ends the memory key of what a module sees in images: "KRMotion/Annotations".
+inline constexpr std::string_view kAnnotationsSuffix = "/Annotations";
+
 using Json = nlohmann::ordered_json;
 
 /// Subprotocols that a client may ask for; the first one that it names is spoken. Both have the same messages.

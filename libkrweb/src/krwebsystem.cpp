@@ -24,7 +24,6 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::string_view kInternalModule = "kr-"; // a running kr, which receives events
 constexpr std::size_t kMaxNames = 4096;             // of keys, and of events
-constexpr std::string_view kAnnotationsSuffix = "/Annotations";
 
 // A float as it looks in decimal.
 Json number(float value) {
