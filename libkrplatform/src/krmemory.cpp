@@ -433,9 +433,9 @@ void KRMemory::deliver(const std::shared_ptr<Subscription>& subscription) {
 
 bool KRMemory::deliverNext(Subscription& subscription) {
     const auto logWarningAbout = [&](const std::string& what) {
-        logWarning(kMemoryCategory, (subscription.isOfWrites ? "writes under " : "event ") + subscription.event +
-                                  " for " + subscription.client.getModuleName() + "." +
-                                  subscription.callback + ": " + what);
+        logWarning(kMemoryCategory, (subscription.isOfWrites ? "writes under " : "event ") +
+                                        subscription.event + " for " + subscription.client.getModuleName() +
+                                        "." + subscription.callback + ": " + what);
     };
     Pending next;
     int lost = 0;

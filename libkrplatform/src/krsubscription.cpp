@@ -167,7 +167,7 @@ private:
     void report(const std::string& reason) KR_REQUIRES(mutex_) {
         if (failure_ != reason) {
             logWarning(kSubscriptionCategory, getExtractor() + " refuses the subscription of " + client_ +
-                                      ", which is repeated: " + reason);
+                                                  ", which is repeated: " + reason);
         }
         failure_ = reason;
     }

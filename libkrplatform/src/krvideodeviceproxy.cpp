@@ -250,7 +250,7 @@ std::string KRVideoDeviceProxy::subscribeCamera(const std::string& name, int cam
                 continue; // it went during the call
             }
             logWarning(kCameraCategory, "camera " + std::to_string(camera) + " for " + name +
-                                      ": subscription refused: " + error.what());
+                                            ": subscription refused: " + error.what());
             subscriptions_->addRefusal(name, error);
             throw;
         }
