@@ -27,7 +27,7 @@ namespace beast = boost::beast;
 namespace http = boost::beast::http;
 namespace websocket = boost::beast::websocket;
 
-constexpr std::chrono::seconds kPatience{20};
+constexpr std::chrono::seconds kClientPatience{20};
 
 asio::ip::tcp::endpoint at(int port) {
     return {asio::ip::make_address("127.0.0.1"), static_cast<unsigned short>(port)};
@@ -81,7 +81,7 @@ RawConnection::RawConnection(int port, int receiveBuffer) : socket_(::socket(AF_
     if (receiveBuffer > 0) {
         ::setsockopt(socket_, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
     }
-    const timeval patience{kPatience.count(), 0};
+    const timeval patience{kClientPatience.count(), 0};
     ::setsockopt(socket_, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
     ::setsockopt(socket_, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
     sockaddr_in address{};
@@ -139,7 +139,7 @@ struct WebClient::Private {
             result = error;
         });
         context.restart();
-        context.run_for(kPatience);
+        context.run_for(kClientPatience);
         if (!isDone) {
             beast::get_lowest_layer(stream).close();
             context.restart();
