@@ -273,7 +273,7 @@ std::string KRDDSOptions::getConfiguration(const KRHostNetwork& network, bool pl
     // A heartbeat of a writer that waits for acknowledgements wakes all processes. When many start at once, all wait, and
     // the usual ten a second from each would take the processor time that the acknowledgements need.
     if (staysOnHost(network)) {
-        xml << "<HeartbeatInterval>1s</HeartbeatInterval>";
+        xml << "<HeartbeatInterval>500ms</HeartbeatInterval>";
     }
     xml << "</Internal>";
     if (!security.empty()) {
