@@ -135,6 +135,8 @@ private:
     KRMutex wakeMutex_; // taken last
     KRCondition woken_;
     KRCondition polled_;
+    std::atomic<std::uint64_t> announced_ = 0;          // announcements that have come, about
+    std::atomic<std::uint64_t> announcementsTaken_ = 0; // of those, when the last poll began
     bool wake_ KR_GUARDED_BY(wakeMutex_) = false;
     std::uint64_t pollsBegun_ KR_GUARDED_BY(wakeMutex_) = 0;
     std::uint64_t pollsDone_ KR_GUARDED_BY(wakeMutex_) = 0;

@@ -39,6 +39,7 @@ void KRLink::run() noexcept {
     for (int ticks = 0; !stopping_; ++ticks) {
         bool news = false;
         std::uint64_t poll = 0;
+        std::uint64_t announced = 0;
         {
             KRLock lock(wakeMutex_);
             news = woken_.waitFor(lock, tick, [this] {
@@ -47,6 +48,7 @@ void KRLink::run() noexcept {
             });
             wake_ = false;
             poll = ++pollsBegun_;
+            announced = announced_;
         }
         try {
             if (!stopping_ && pulse_ && std::chrono::steady_clock::now() - lastBeat_ >= tick) {
@@ -54,6 +56,9 @@ void KRLink::run() noexcept {
             }
             if (!stopping_) {
                 pollDiscovery(news || ticks % kTicksOfQuiet == 0);
+                if (news) {
+                    announcementsTaken_ = announced;
+                }
             }
         } catch (const std::exception& error) { // short of memory, for instance; it goes on next time
             failures_.write(KRLogLevel::Error, std::string("discovery: ") + error.what());
