@@ -35,10 +35,9 @@ void HostedModule::xStart() {
     ending_ = false;
     handle_ = {};
     broker_->setInitialParameters(module_.name, std::move(values));
-    making_ =
-        std::async(std::launch::async, [broker = broker_, library = module_.library, name = module_.name] {
-            return createModuleOf(library, broker, name); // its constructor may wait
-        });
+    making_ = std::async(std::launch::async, [broker = broker_, library = module_.file, name = module_.name] {
+        return createModuleOf(library, broker, name); // its constructor may wait
+    });
 }
 
 std::optional<std::string> HostedModule::xFindEnd() {

@@ -41,7 +41,7 @@ std::string withoutMemory(const std::string& broker) {
 
 std::vector<std::string> makeRunCommand(const RobotModule& module, const std::string& broker) {
     std::vector<std::string> command = makeCommand("run", broker);
-    command.push_back(module.library);
+    command.push_back(module.file);
     add(command, "--name", module.name);
     for (const auto& [name, value] : module.parameters) {
         add(command, "--param", name + "=" + value.dump());

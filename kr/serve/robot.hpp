@@ -29,9 +29,9 @@ struct RobotCamera {
     bool operator==(const RobotCamera&) const = default;
 };
 
-/// A module of a system, of a library.
+/// A module of a system.
 struct RobotModule {
-    std::string library = {};
+    std::string file = {}; ///< path of its library, or of a file of Python as loadModuleClass() takes it
     std::string name = {}; ///< "" in the same process: the default of its class
     bool ownProcess = false;
     bool restart = true; ///< made again when it fails or ends

@@ -97,7 +97,7 @@ void check(const RobotCamera& camera, const boost::shared_ptr<KRBroker>& broker,
 }
 
 void check(RobotModule& module, std::vector<RobotProblem>& problems) {
-    const std::string& library = module.library;
+    const std::string& library = module.file;
     const std::string file = isPythonFile(library) ? library.substr(0, library.rfind(".py") + 3) : library;
     if (!std::filesystem::exists(file)) {
         problems.push_back({module.place, file + ": there is no such file"});
@@ -107,7 +107,7 @@ void check(RobotModule& module, std::vector<RobotProblem>& problems) {
         return; // loaded there only
     }
     try {
-        const HostedClass moduleClass = loadModuleClass(module.library);
+        const HostedClass moduleClass = loadModuleClass(module.file);
         module.name = module.name.empty() ? moduleClass.defaultName : module.name;
     } catch (const std::runtime_error& error) {
         problems.push_back({module.place, error.what()});

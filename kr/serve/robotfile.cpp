@@ -120,13 +120,13 @@ RobotModule Reader::readModule(const YAML::Node& node) {
     RobotModule module;
     module.place = getPlace(node);
     if (node.IsScalar()) {
-        module.library = resolve(node.Scalar());
+        module.file = resolve(node.Scalar());
         return module;
     }
     YamlSection section(node, "a module", getRobotKeys("module"), problems_);
     if (section.require("library")) {
-        section.read("library", module.library);
-        module.library = resolve(module.library);
+        section.read("library", module.file);
+        module.file = resolve(module.file);
     }
     section.read("name", module.name);
     std::string process = "same";

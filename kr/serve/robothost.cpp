@@ -261,7 +261,7 @@ void RobotHost::applyModules() {
     std::vector<RunningModule> kept;
     for (RunningModule& running : modules_) {
         const auto next = std::ranges::find(robot_.modules, running.module.name, &RobotModule::name);
-        const bool isKept = next != robot_.modules.end() && next->library == running.module.library &&
+        const bool isKept = next != robot_.modules.end() && next->file == running.module.file &&
                             next->ownProcess == running.module.ownProcess &&
                             next->restart == running.module.restart;
         if (!isKept) {

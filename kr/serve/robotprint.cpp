@@ -107,7 +107,7 @@ Entries list(const RobotCamera& camera) {
 
 Entries list(const RobotModule& module) {
     Entries entries;
-    entries.add("library", module.library);
+    entries.add("library", module.file);
     entries.add("name", module.name);
     entries.add("process", module.ownProcess ? "own" : "same", "same");
     entries.add("restart", module.restart, true);

@@ -81,7 +81,7 @@ Robot readOptions(const Options& options) {
         const NamedLibrary named = splitNamedLibrary(library);
         const HostedClass moduleClass = loadModuleClass(named.path);
         names.push_back(named.name.empty() ? moduleClass.defaultName : named.name);
-        robot.modules.push_back({.library = named.path, .name = names.back(), .restart = false});
+        robot.modules.push_back({.file = named.path, .name = names.back(), .restart = false});
     }
     for (const auto& [name, parameters] : options.hosting.readParameters(names)) {
         RobotModule& module = *std::ranges::find(robot.modules, name, &RobotModule::name);
@@ -148,7 +148,7 @@ void makePathsAbsolute(Robot& robot) {
         camera.source = resolveSource(folder, camera.source);
     }
     for (RobotModule& module : robot.modules) {
-        module.library = (folder / module.library).lexically_normal().string();
+        module.file = (folder / module.file).lexically_normal().string();
     }
     if (robot.web && !robot.web->token.empty()) {
         robot.web->token = (folder / robot.web->token).lexically_normal().string();
