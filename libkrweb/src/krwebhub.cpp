@@ -30,7 +30,7 @@ std::uint64_t getTime_ns() {
                                           .count());
 }
 
-std::string makeServerInfo(const std::string& domain, bool readOnly) {
+Bytes makeServerInfo(const std::string& domain, bool readOnly) {
     ServerInfo info;
     info.name = "KRVision " + domain;
     info.capabilities = {"parameters", "parametersSubscribe"};
@@ -39,7 +39,7 @@ std::string makeServerInfo(const std::string& domain, bool readOnly) {
     }
     info.sessionId = std::to_string(getTime_ns() / 1'000'000) + "-" + std::to_string(::getpid());
     info.metadata = {{"readOnly", readOnly ? "true" : "false"}, {"version", KR_VERSION}, {"domain", domain}};
-    return encodeServerInfo(info);
+    return share(encodeServerInfo(info));
 }
 
 std::vector<std::pair<std::string, Json>> toJsonValues(const std::map<std::string, int>& values) {
@@ -97,18 +97,24 @@ void Hub::sendStatus(Client& client, StatusLevel level, const std::string& text)
 void Hub::add(Client& client) {
     clients_.try_emplace(&client);
     clientNumbers_[&client] = ++lastClient_;
-    client.sendText(share(serverInfo_));
-    std::vector<ChannelInfo> channels;
-    for (const auto& [id, channel] : channels_) {
-        channels.push_back(channel.info);
-    }
-    client.sendText(share(encodeAdvertise(channels)));
-    if (!services_.empty()) {
-        std::vector<ServiceInfo> services;
-        for (const auto& [id, service] : services_) {
-            services.push_back(service.info);
+    client.sendText(serverInfo_);
+    if (!channelsMessage_) {
+        std::vector<ChannelInfo> channels;
+        for (const auto& [id, channel] : channels_) {
+            channels.push_back(channel.info);
         }
-        client.sendText(share(encodeAdvertiseServices(services)));
+        channelsMessage_ = share(encodeAdvertise(channels));
+    }
+    client.sendText(channelsMessage_);
+    if (!services_.empty()) {
+        if (!servicesMessage_) {
+            std::vector<ServiceInfo> services;
+            for (const auto& [id, service] : services_) {
+                services.push_back(service.info);
+            }
+            servicesMessage_ = share(encodeAdvertiseServices(services));
+        }
+        client.sendText(servicesMessage_);
     }
     updateInterest();
 }
@@ -416,12 +422,18 @@ void Hub::setParameters(Client& client, const SetParameters& message) {
 }
 
 void Hub::showParameters(const std::map<std::string, int>& values) {
+    std::map<std::map<std::string, int>, Bytes> messages; // most clients want the same
     for (auto& [client, state] : clients_) {
         std::map<std::string, int> wanted = values;
         std::erase_if(wanted, [&of = state](const auto& value) { return !hasParameter(of, value.first); });
-        if (!wanted.empty()) {
-            client->sendText(share(encodeParameterValues(toJsonValues(wanted), std::nullopt)));
+        if (wanted.empty()) {
+            continue;
         }
+        Bytes& message = messages[wanted];
+        if (!message) {
+            message = share(encodeParameterValues(toJsonValues(wanted), std::nullopt));
+        }
+        client->sendText(message);
     }
 }
 
@@ -550,6 +562,9 @@ void Hub::setDirectory(const Directory& directory) {
         channels_.emplace(
             info.id, Channel{std::move(info), channel.kind, channel.name, channel.camera, {}, {}, {}, 0});
     }
+    if (!gone.empty() || !come.empty()) {
+        channelsMessage_.reset();
+    }
     if (!gone.empty()) {
         broadcast(encodeUnadvertise(gone));
     }
@@ -594,6 +609,9 @@ void Hub::updateServices(const Directory& directory) {
             serviceNames_.emplace(name, id);
             services_.emplace(id, Service{std::move(info), module, method.name, methods});
         }
+    }
+    if (!gone.empty() || !come.empty()) {
+        servicesMessage_.reset();
     }
     if (!gone.empty()) {
         broadcast(encodeUnadvertiseServices(gone));

@@ -110,7 +110,10 @@ private:
 
     const bool readOnly_;
     const Post post_;
-    const std::string serverInfo_;
+    const Bytes serverInfo_;
+    // What each new client gets; null until somebody comes after a change.
+    Bytes channelsMessage_;
+    Bytes servicesMessage_;
     std::uint32_t lastId_ = 0; // of channels and services
     std::map<std::uint32_t, Channel> channels_;
     std::map<std::string, std::uint32_t> topics_; // channels by topic
