@@ -24,12 +24,6 @@ constexpr std::size_t kMaxLogLines = 100;
 constexpr const char* kResolutionSuffix = "/resolution";
 constexpr const char* kColorSpaceSuffix = "/color-space";
 
-std::uint64_t getTime_ns() {
-    return static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(
-                                          std::chrono::system_clock::now().time_since_epoch())
-                                          .count());
-}
-
 Bytes makeServerInfo(const std::string& domain, bool readOnly) {
     ServerInfo info;
     info.name = "KRVision " + domain;

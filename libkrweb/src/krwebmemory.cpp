@@ -22,12 +22,6 @@ namespace {
 
 constexpr std::chrono::milliseconds kCheck{500}; // for another memory module
 
-std::uint64_t getTime_ns() {
-    return static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(
-                                          std::chrono::system_clock::now().time_since_epoch())
-                                          .count());
-}
-
 // Prefixes of all names, none of which is a prefix of another one: otherwise what both match would come twice.
 std::set<std::string> findPrefixes(const std::set<std::string>& keys, const std::set<std::string>& events) {
     std::set<std::string> names = keys;
@@ -58,6 +52,12 @@ void setAnnotations(MemoryMessage& message, const KRValue& value) {
 }
 
 } // namespace
+
+std::uint64_t getTime_ns() {
+    return static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                          std::chrono::system_clock::now().time_since_epoch())
+                                          .count());
+}
 
 /// The module that the memory calls.
 class MemoryWatch::Listener : public KRModule {

@@ -8,6 +8,7 @@
 #include <krplatform/krvalue.hpp>
 
 #include <atomic>
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <set>
@@ -15,6 +16,9 @@
 #include <thread>
 
 namespace KR::web {
+
+/// The time now as messages carry it, nanoseconds since the Unix epoch.
+std::uint64_t getTime_ns();
 
 /// A value that was written, or raised.
 struct MemoryMessage {

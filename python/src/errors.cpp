@@ -19,7 +19,7 @@ py::handle& errorType() {
 }
 
 // "ValueError: too large"
-std::string describe(const py::error_already_set& error) {
+std::string describeException(const py::error_already_set& error) {
     try {
         const auto type = error.type().attr("__name__").cast<std::string>();
         const std::string text = toText(py::str(error.value()));
@@ -30,6 +30,11 @@ std::string describe(const py::error_already_set& error) {
 }
 
 } // namespace
+
+void refuse(PyObject* type, const std::string& text) {
+    PyErr_SetString(type, text.c_str());
+    throw py::error_already_set();
+}
 
 void registerErrors() {
     errorType() = py::object(py::module_::import("krvision._errors").attr("Error")).release();
@@ -53,7 +58,7 @@ void registerErrors() {
 }
 
 void logException(py::error_already_set& error, const std::string& module, const std::string& method) {
-    logError(kCategory, module + ": " + method + " raised " + describe(error));
+    logError(kCategory, module + ": " + method + " raised " + describeException(error));
     try {
         const py::list lines = py::module_::import("traceback")
                                    .attr("format_exception")(error.type(), error.value(), error.trace());
@@ -76,7 +81,7 @@ KRError takeError(py::error_already_set& error, const std::string& module, const
         } catch (py::error_already_set&) { // somebody has put something else there
         }
     }
-    const std::string description = describe(error);
+    const std::string description = describeException(error);
     if (error.matches(PyExc_KeyboardInterrupt)) {
         PyErr_SetInterrupt();
     } else {

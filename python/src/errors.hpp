@@ -10,6 +10,9 @@ namespace KR::python {
 
 namespace py = pybind11;
 
+/// \throws py::error_already_set an exception of this type, e.g. PyExc_ValueError
+[[noreturn]] void refuse(PyObject* type, const std::string& text);
+
 /// Has a KRError arrive in Python as krvision.Error, with its three texts.
 void registerErrors();
 

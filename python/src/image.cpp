@@ -1,5 +1,6 @@
 #include "image.hpp"
 
+#include "errors.hpp"
 #include "interpreter.hpp"
 #include "values.hpp"
 
@@ -24,11 +25,6 @@ namespace KR::python {
 namespace {
 
 using Pixels = boost::shared_ptr<unsigned char[]>;
-
-[[noreturn]] void refuse(PyObject* type, const std::string& text) {
-    PyErr_SetString(type, text.c_str());
-    throw py::error_already_set();
-}
 
 std::string describeShape(const py::array& array) {
     std::string text = py::str(py::handle(array.dtype())).cast<std::string>() + " (";

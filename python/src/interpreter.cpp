@@ -16,7 +16,7 @@ namespace KR::python {
 namespace {
 
 constexpr std::uint64_t kClosed = std::uint64_t{1} << 63;
-std::atomic<std::uint64_t> inside = 0; // threads in Python, and kClosed
+std::atomic<std::uint64_t> threadsInside = 0; // threads in Python, and kClosed
 std::atomic<std::thread::id> closingThread;
 
 /// What ends a process whose modules do not come down. Never destroyed: its thread may outlive main().
@@ -33,7 +33,7 @@ Watch& getWatch() {
 } // namespace
 
 bool Interpreter::enter() noexcept {
-    if ((inside.fetch_add(1, std::memory_order_acq_rel) & kClosed) == 0) {
+    if ((threadsInside.fetch_add(1, std::memory_order_acq_rel) & kClosed) == 0) {
         return true;
     }
     leave();
@@ -41,8 +41,8 @@ bool Interpreter::enter() noexcept {
 }
 
 void Interpreter::leave() noexcept {
-    if ((inside.fetch_sub(1, std::memory_order_acq_rel) & kClosed) != 0) {
-        inside.notify_all();
+    if ((threadsInside.fetch_sub(1, std::memory_order_acq_rel) & kClosed) != 0) {
+        threadsInside.notify_all();
     }
 }
 
@@ -52,11 +52,11 @@ bool Interpreter::isClosingThread() noexcept {
 
 void Interpreter::close() {
     closingThread = std::this_thread::get_id();
-    std::uint64_t now = inside.fetch_or(kClosed) | kClosed;
+    std::uint64_t now = threadsInside.fetch_or(kClosed) | kClosed;
     const LockReleased released; // for those inside, who may be waiting for it
     while (now != kClosed) {
-        inside.wait(now);
-        now = inside.load();
+        threadsInside.wait(now);
+        now = threadsInside.load();
     }
 }
 

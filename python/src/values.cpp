@@ -1,5 +1,7 @@
 #include "values.hpp"
 
+#include "errors.hpp"
+
 #include <cmath>
 #include <limits>
 
@@ -7,17 +9,12 @@ namespace KR::python {
 
 namespace {
 
-[[noreturn]] void refuse(PyObject* type, const std::string& text) {
-    PyErr_SetString(type, text.c_str());
-    throw py::error_already_set();
-}
-
 std::string getTypeNameOf(py::handle object) {
     return Py_TYPE(object.ptr())->tp_name;
 }
 
 // For messages: 4294967296, not a number of a thousand digits.
-std::string describe(py::handle number) {
+std::string describeNumber(py::handle number) {
     constexpr std::size_t kLongest = 40;
     std::string text;
     try {
@@ -37,7 +34,7 @@ KRValue fromInt(PyObject* object) {
     if (overflow != 0 || number < std::numeric_limits<std::int32_t>::min() ||
         number > std::numeric_limits<std::int32_t>::max()) {
         refuse(PyExc_OverflowError,
-               describe(object) + " does not fit a value's 32 bits; ints are -2147483648 to 2147483647");
+               describeNumber(object) + " does not fit a value's 32 bits; ints are -2147483648 to 2147483647");
     }
     return static_cast<std::int32_t>(number);
 }
@@ -47,7 +44,7 @@ KRValue fromFloat(PyObject* object) {
     const auto rounded = static_cast<float>(number);
     if (std::isinf(rounded) && !std::isinf(number)) {
         refuse(PyExc_OverflowError,
-               describe(object) + " does not fit a value's 32 bits; floats are within 3.4e38 of 0");
+               describeNumber(object) + " does not fit a value's 32 bits; floats are within 3.4e38 of 0");
     }
     return rounded;
 }
