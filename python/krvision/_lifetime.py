@@ -66,9 +66,9 @@ def wait(timeout: Optional[float] = None) -> bool:
         interrupted.set()
 
     before = signal.getsignal(signal.SIGTERM)
-    if before is signal.SIG_DFL:
-        signal.signal(signal.SIGTERM, interrupt)
     try:
+        if before is signal.SIG_DFL:
+            signal.signal(signal.SIGTERM, interrupt)
         return interrupted.wait(timeout)
     except KeyboardInterrupt:
         return True

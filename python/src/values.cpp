@@ -34,7 +34,8 @@ KRValue fromInt(PyObject* object) {
     if (overflow != 0 || number < std::numeric_limits<std::int32_t>::min() ||
         number > std::numeric_limits<std::int32_t>::max()) {
         refuse(PyExc_OverflowError,
-               describeNumber(object) + " does not fit a value's 32 bits; ints are -2147483648 to 2147483647");
+               describeNumber(object) +
+                   " does not fit a value's 32 bits; ints are -2147483648 to 2147483647");
     }
     return static_cast<std::int32_t>(number);
 }

@@ -77,7 +77,7 @@ def remember():
         memory["a"]
 def spin():
     while True:
-        pass
+        time.sleep(0.001)
 def fetch():
     with kr.Cameras(broker).subscribe("daemon") as subscription:
         for image in subscription:

@@ -143,7 +143,7 @@ def test_kr_serve_hosts_files_beside_the_cameras(modules: Path, domain: str, dia
     )  # fmt: skip
     try:
         with kr.Broker(domain) as broker:
-            assert broker.wait_for("Light", PATIENCE_S) and broker.wait_for("Adder", PATIENCE_S)
+            assert all(broker.wait_for(module, PATIENCE_S) for module in ("Light", "Adder", "Brightness"))
             memory = kr.Memory(broker)
             deadline = time.monotonic() + PATIENCE_S
             while not isinstance(memory.get("Light/Mean"), float):
