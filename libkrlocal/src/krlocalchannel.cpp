@@ -4,14 +4,17 @@
 
 #include <boost/smart_ptr/make_shared.hpp>
 
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
 #include <mutex>
+#include <string_view>
 
 namespace KR {
 
@@ -25,6 +28,15 @@ constexpr std::size_t kMaxDescriptors = KRLocalFrame::kMaxMemories;
 unsigned char* getPacketBuffer() {
     thread_local const auto buffer = std::make_unique_for_overwrite<unsigned char[]>(KRLocalFrame::kPacket);
     return buffer.get();
+}
+
+/// Nothing else is written to: an eventfd neither raises a signal nor lets anything through.
+bool isBell(const KRDescriptor& descriptor) {
+    const std::string link = "/proc/self/fd/" + std::to_string(descriptor.get());
+    std::array<char, 64> target{};
+    const ssize_t length = ::readlink(link.c_str(), target.data(), target.size());
+    return length > 0 &&
+           std::string_view(target.data(), static_cast<std::size_t>(length)) == "anon_inode:[eventfd]";
 }
 
 std::span<const unsigned char> toBytes(const std::string& text) {
@@ -61,14 +73,19 @@ void KRLocalChannel::disown() noexcept {
     }
 }
 
-void KRLocalChannel::sendGreeting(KRLocalFrame::Kind kind, std::uint64_t number, const std::string& body) {
+void KRLocalChannel::sendGreeting(KRLocalFrame::Kind kind, std::uint64_t number, const std::string& body,
+                                  int bell) {
     KRLocalFrame frame;
     frame.kind = kind;
     frame.number = number;
     frame.bodySize = body.size();
     frame.memories.push_back({1, borrowings_.getReturns().size()});
+    std::vector<int> descriptors{borrowings_.getReturns().getDescriptor()};
+    if (bell >= 0) {
+        descriptors.push_back(bell);
+    }
     const KRLock lock(sendMutex_);
-    write(frame.compose(), {toBytes(body)}, {borrowings_.getReturns().getDescriptor()}, true);
+    write(frame.compose(), {toBytes(body)}, descriptors, true);
 }
 
 std::optional<KRLocalChannel::Received> KRLocalChannel::receiveGreeting() {
@@ -79,14 +96,21 @@ std::optional<KRLocalChannel::Received> KRLocalChannel::receiveGreeting() {
     std::size_t headSize = 0;
     const KRLocalFrame frame = KRLocalFrame::parse(packet.bytes, headSize);
     if ((frame.kind != KRLocalFrame::Hello && frame.kind != KRLocalFrame::Welcome) ||
-        frame.memories.size() != 1 || packet.descriptors.size() != 1 || !frame.binaries.empty() ||
+        frame.memories.size() != 1 || !frame.binaries.empty() ||
+        packet.descriptors.size() != (frame.kind == KRLocalFrame::Welcome ? 2 : 1) ||
         packet.bytes.size() - headSize != frame.bodySize) {
         throw KRLocalMalformed("a greeting that is none");
+    }
+    if (frame.kind == KRLocalFrame::Welcome && !isBell(packet.descriptors[1])) {
+        throw KRLocalMalformed("a bell that is no eventfd");
     }
     if (frame.memories[0].size != KRReturns::kSize) {
         throw KRLocalMalformed("a page of returns of " + std::to_string(frame.memories[0].size) + " bytes");
     }
     returns_ = std::make_unique<const KRForeignMemory>(packet.descriptors[0], KRReturns::kSize);
+    if (frame.kind == KRLocalFrame::Welcome) {
+        bell_ = std::move(packet.descriptors[1]);
+    }
     Received received{frame.kind, frame.number, 0, {}};
     received.message.body.assign(reinterpret_cast<const char*>(packet.bytes.data()) + headSize,
                                  frame.bodySize);
@@ -111,7 +135,6 @@ void KRLocalChannel::send(KRLocalFrame::Kind kind, std::uint64_t number, const K
                                                                       : KRBinary());
     }
     KRLocalFrame frame;
-    frame.kind = kind;
     frame.code = message.code;
     frame.number = number;
     frame.bodySize = message.body.size();
@@ -121,6 +144,11 @@ void KRLocalChannel::send(KRLocalFrame::Kind kind, std::uint64_t number, const K
     std::uint64_t lent = 0;
     std::uint64_t streamed = 0;
     const KRLock lock(sendMutex_);
+    frame.kind = kind;
+    if (kind == KRLocalFrame::Request && unanswered_++ > 0) {
+        frame.kind = KRLocalFrame::Further;
+        eventfd_write(bell_.get(), 1); // fails where the server has not heard 2^64 of them
+    }
     frame.forgotten = lendings_->takeForgotten();
     for (std::size_t i = 0; i < shared.size(); ++i) {
         const KRBinary& binary = message.binaries[i];
@@ -265,6 +293,11 @@ bool KRLocalChannel::receivePacket(Packet& packet, bool wait) {
     return true;
 }
 
+void KRLocalChannel::setPatience(std::chrono::milliseconds patience) {
+    const timeval time{patience.count() / 1000, patience.count() % 1000 * 1000};
+    setsockopt(socket_.get(), SOL_SOCKET, SO_RCVTIMEO, &time, sizeof time);
+}
+
 std::optional<KRLocalChannel::Received> KRLocalChannel::receive(bool wait) {
     for (;;) {
         Packet packet;
@@ -303,6 +336,9 @@ std::optional<KRLocalChannel::Received> KRLocalChannel::receive(bool wait) {
         if (assembly_->isComplete()) {
             Received received = std::move(assembly_->received);
             assembly_.reset();
+            if (received.kind == KRLocalFrame::Reply || received.kind == KRLocalFrame::Unanswered) {
+                --unanswered_;
+            }
             return received;
         }
     }

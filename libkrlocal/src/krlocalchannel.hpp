@@ -12,6 +12,7 @@
 #include <sys/types.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -45,7 +46,6 @@ public:
         std::size_t streamedBytes; ///< of its body and binaries, as far as they came through the socket
         KRLocalMessage message;
     };
-
     /// Before open() only the first message of either side can be sent and received.
     KRLocalChannel(KRDescriptor socket, pid_t process, std::shared_ptr<KRLocalCounts> counts);
     ~KRLocalChannel() { close(); }
@@ -56,8 +56,8 @@ public:
     pid_t getProcess() const noexcept { return process_; }
 
     /// Sends the first message, with the page that binaries are given back on.
-    /// \throws KRLocalClosed
-    void sendGreeting(KRLocalFrame::Kind kind, std::uint64_t number, const std::string& body)
+    /// \param bell  eventfd that goes with a Welcome \throws KRLocalClosed
+    void sendGreeting(KRLocalFrame::Kind kind, std::uint64_t number, const std::string& body, int bell = -1)
         KR_EXCLUDES(sendMutex_);
     /// Receives the first message of the other. \return nullopt: it has not come
     /// \throws KRLocalClosed \throws KRLocalMalformed \throws std::system_error
@@ -65,7 +65,8 @@ public:
     /// Both have greeted: binaries may be lent to the other.
     void open(const std::shared_ptr<KRLocalPool>& pool);
 
-    /// Sends a message; blocks while the other does not read. \throws KRError it is beyond the bounds
+    /// Sends a message; blocks while the other does not read. A Request goes as Further, after the bell has been rung,
+    /// while another has no reply. \throws KRError it is beyond the bounds
     /// \throws KRLocalClosed \throws KRLocalMalformed the other has broken the protocol
     void send(KRLocalFrame::Kind kind, std::uint64_t number, const KRLocalMessage& message)
         KR_EXCLUDES(sendMutex_);
@@ -73,6 +74,8 @@ public:
     /// \throws KRLocalClosed \throws KRLocalMalformed the other has broken the protocol
     void sendNotice() KR_NO_THREAD_SAFETY_ANALYSIS;
 
+    /// How long receive(true) waits for a packet at most; for ever without.
+    void setPatience(std::chrono::milliseconds patience);
     /// Receives a message. \param wait  whether to block until it has come \return nullopt: not all of it has come
     /// \throws KRLocalClosed \throws KRLocalMalformed \throws std::exception no memory, no descriptors
     std::optional<Received> receive(bool wait);
@@ -117,6 +120,9 @@ private:
     KRBorrowings borrowings_;
     std::unique_ptr<const KRForeignMemory> returns_; // from the greeting to open()
     std::optional<Assembly> assembly_;
+
+    KRDescriptor bell_;               // of the server, constant after its greeting
+    std::atomic<int> unanswered_ = 0; // requests that have been sent
 
     KRMutex sendMutex_;
 };

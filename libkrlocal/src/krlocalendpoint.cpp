@@ -31,8 +31,8 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr const char* kCategory = "krlocal";
-constexpr std::uint64_t kVersion = 1; // of the protocol
-constexpr const char* kAddressMark = "KRLocal/1";
+constexpr std::uint64_t kVersion = 2; // of the protocol
+constexpr const char* kAddressMark = "KRLocal/2";
 constexpr std::size_t kMaxGreeting = 64;
 constexpr std::size_t kMaxSessions = 4096;
 constexpr std::size_t kMaxIdentity = 1024;
@@ -358,10 +358,15 @@ private:
             } else if (body.size() == secret.size() || body.size() > secret.size() + kMaxIdentity) {
                 refuse(process + " has no identity");
             } else {
+                KRDescriptor bell(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+                if (!bell) {
+                    throw KRError("KRLocalEndpoint", "accept",
+                                  std::string("eventfd: ") + std::strerror(errno));
+                }
                 channel.open(pool_);
-                channel.sendGreeting(KRLocalFrame::Welcome, kVersion, "");
+                channel.sendGreeting(KRLocalFrame::Welcome, kVersion, "", bell.get());
                 epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, channel.getSocket(), nullptr);
-                server_->add(std::move(owner), body.substr(secret.size()));
+                server_->add(std::move(owner), std::move(bell), body.substr(secret.size()));
             }
         } catch (const KRLocalMalformed& error) {
             refuse(process + " sent " + error.what());

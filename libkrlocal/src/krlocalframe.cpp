@@ -105,7 +105,7 @@ KRLocalFrame KRLocalFrame::parse(std::span<const unsigned char> packet, std::siz
     if (fixed.mark != kMark) {
         throw KRLocalMalformed("a message without the mark of this protocol");
     }
-    if (fixed.kind > Notice) {
+    if (fixed.kind > Further) {
         throw KRLocalMalformed("a message of kind " + std::to_string(fixed.kind));
     }
     check(fixed.memories, kMaxMemories, "new memories");

@@ -22,11 +22,12 @@ public:
 struct KRLocalFrame {
     enum Kind : std::uint32_t {
         Hello,      ///< caller to server, first: version as number, secret and identity in the body
-        Welcome,    ///< the server's answer
-        Request,    ///< number chosen by the caller
+        Welcome,    ///< the server's answer, with its bell
+        Request,    ///< number chosen by the caller, who has no other request without a reply
         Reply,      ///< to the request of this number
         Unanswered, ///< the request of this number gets no reply
-        Notice      ///< nothing but memories
+        Notice,     ///< nothing but memories
+        Further ///< as Request, while others have no reply yet; the caller rings the bell before it sends it
     };
     /// Shared memory of the sender, used from now on; its descriptor comes with the packet, in the same order.
     struct Memory {

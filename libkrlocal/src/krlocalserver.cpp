@@ -8,14 +8,19 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
+#include <utility>
 
 namespace KR {
 
 namespace {
 
 constexpr const char* kServerCategory = "krlocal";
-constexpr int kIdleTime_ms = 2000; // after which a thread that is not needed leaves
+constexpr int kIdleTime_ms = 2000;                     // after which a thread that is not needed leaves
+constexpr std::chrono::milliseconds kReadingTime{200}; // after which a thread waits for other callers as well
+constexpr std::uint64_t kMaxRings = 1U << 31;
+constexpr std::uint64_t kBell = std::uint64_t{1} << 63; // of an event: the session's bell, not its socket
 
 thread_local const KRLocalServer* servingHere = nullptr;
 
@@ -69,32 +74,70 @@ void KRLocalRequest::reply(const KRLocalMessage& answer) {
 
 KRLocalService::~KRLocalService() = default;
 
-void KRLocalSession::arm() {
-    paused_ = running_ >= kMaxRunning || runningBytes_ >= kMaxRunningBytes;
+void KRLocalSession::arm(bool messages) {
+    const std::uint32_t events = (messages ? EPOLLIN : 0U) | EPOLLRDHUP;
+    if (armed_ == events) {
+        return;
+    }
+    armed_ = events;
     epoll_event event{};
-    event.events = (paused_ ? 0U : EPOLLIN) | EPOLLRDHUP | EPOLLONESHOT;
+    event.events = events | EPOLLONESHOT;
     event.data.u64 = id_;
     epoll_ctl(epoll_->get(), EPOLL_CTL_MOD, channel_->getSocket(), &event); // fails after removal
 }
 
-void KRLocalSession::awaitMessage() {
+bool KRLocalSession::takeOver() {
     const KRLock lock(mutex_);
-    arm();
+    armed_ = 0;
+    return !std::exchange(read_, true);
 }
 
-void KRLocalSession::begin(std::size_t bytes) {
+bool KRLocalSession::answerBell() {
+    const KRLock lock(mutex_);
+    std::uint64_t rings = 0;
+    if (::read(bell_.get(), &rings, sizeof rings) == sizeof rings) {
+        announced_ += static_cast<std::int64_t>(std::min(rings, kMaxRings));
+    }
+    if (read_ || paused_ || announced_ <= 0) {
+        return false; // who reads will see to it, or has done so
+    }
+    return read_ = true;
+}
+
+bool KRLocalSession::readOn() {
+    const KRLock lock(mutex_);
+    if (read_ || paused_ || ended_) {
+        return false;
+    }
+    return read_ = true;
+}
+
+void KRLocalSession::awaitMessage() {
+    const KRLock lock(mutex_);
+    read_ = false;
+    paused_ = isFull();
+    arm(!paused_);
+}
+
+void KRLocalSession::begin(std::size_t bytes, bool further) {
     const KRLock lock(mutex_);
     ++running_;
     runningBytes_ += bytes;
-    arm();
+    if (further) {
+        --announced_;
+    }
+    read_ = false;
+    paused_ = isFull();
+    arm(!paused_ && announced_ > 0);
 }
 
 void KRLocalSession::finish(std::size_t bytes) noexcept {
     const KRLock lock(mutex_);
     --running_;
     runningBytes_ -= bytes;
-    if (paused_) {
-        arm();
+    if (paused_ && !isFull()) {
+        paused_ = false;
+        arm(true);
     }
 }
 
@@ -119,7 +162,8 @@ KRLocalServer::KRLocalServer(KRLocalService& service,
     }
 }
 
-void KRLocalServer::add(std::unique_ptr<KRLocalChannel> channel, const std::string& caller) {
+void KRLocalServer::add(std::unique_ptr<KRLocalChannel> channel, KRDescriptor bell,
+                        const std::string& caller) {
     std::shared_ptr<KRLocalSession> session;
     bool first = false;
     {
@@ -127,13 +171,17 @@ void KRLocalServer::add(std::unique_ptr<KRLocalChannel> channel, const std::stri
         if (stopped_) {
             return;
         }
-        const int socket = channel->getSocket();
-        session =
-            std::make_shared<KRLocalSession>(std::move(channel), caller, ++lastId_, epoll_, disconnected_);
+        channel->setPatience(kReadingTime);
+        session = std::make_shared<KRLocalSession>(std::move(channel), std::move(bell), caller, ++lastId_,
+                                                   epoll_, disconnected_);
         sessions_.emplace(session->getId(), session);
         epoll_event event{};
         event.data.u64 = session->getId();
-        if (epoll_ctl(epoll_->get(), EPOLL_CTL_ADD, socket, &event) != 0) {
+        epoll_event ring{};
+        ring.events = EPOLLIN | EPOLLET;
+        ring.data.u64 = session->getId() | kBell;
+        if (epoll_ctl(epoll_->get(), EPOLL_CTL_ADD, session->getChannel().getSocket(), &event) != 0 ||
+            epoll_ctl(epoll_->get(), EPOLL_CTL_ADD, session->getBell(), &ring) != 0) {
             sessions_.erase(session->getId());
             throwErrno("epoll_ctl");
         }
@@ -201,45 +249,61 @@ void KRLocalServer::run() {
     left_.notifyAll();
 }
 
-void KRLocalServer::serve(std::uint64_t id) {
+void KRLocalServer::serve(std::uint64_t event) {
     std::shared_ptr<KRLocalSession> session;
     {
         const KRLock lock(mutex_);
-        const auto found = sessions_.find(id);
+        const auto found = sessions_.find(event & ~kBell);
         if (found == sessions_.end()) {
             return;
         }
         session = found->second;
     }
+    bool reads = (event & kBell) != 0 ? session->answerBell() : session->takeOver();
+    while (reads) {
+        reads = serveNext(session) && !stopped_ && session->readOn();
+    }
+}
+
+std::optional<KRLocalChannel::Received> KRLocalServer::receive(KRLocalChannel& channel) {
+    struct Count {
+        std::atomic<int>& reading;
+        const bool waits = reading++ < kMaxReading;
+        ~Count() { --reading; }
+    } const count{reading_};
+    return channel.receive(count.waits);
+}
+
+bool KRLocalServer::serveNext(const std::shared_ptr<KRLocalSession>& session) {
     std::shared_ptr<KRLocalRequest> request;
-    session->takeOver();
     try {
-        auto received = session->getChannel().receive(false);
+        auto received = receive(session->getChannel());
         if (!received || received->kind == KRLocalFrame::Notice) {
             session->awaitMessage();
-            return;
+            return false;
         }
-        if (received->kind != KRLocalFrame::Request) {
+        if (received->kind != KRLocalFrame::Request && received->kind != KRLocalFrame::Further) {
             throw KRLocalMalformed("a message of kind " + std::to_string(received->kind) + " to a server");
         }
-        session->begin(received->streamedBytes);
+        session->begin(received->streamedBytes, received->kind == KRLocalFrame::Further);
         request.reset(new KRLocalRequest(session, received->number, received->streamedBytes,
                                          std::move(received->message)));
     } catch (const KRLocalClosed&) {
         remove(session);
-        return;
+        return false;
     } catch (const KRLocalMalformed& error) {
         session->disconnect(std::string("sent ") + error.what());
         remove(session);
-        return;
+        return false;
     } catch (const std::exception& error) { // no memory, no descriptors
         logWarning(kServerCategory, "the connection of process " +
                                         std::to_string(session->getChannel().getProcess()) +
                                         " is closed: " + error.what());
         remove(session);
-        return;
+        return false;
     }
     service_.serve(std::move(request));
+    return true;
 }
 
 void KRLocalServer::remove(const std::shared_ptr<KRLocalSession>& session) {
@@ -254,6 +318,7 @@ void KRLocalServer::remove(const std::shared_ptr<KRLocalSession>& session) {
         });
     }
     epoll_ctl(epoll_->get(), EPOLL_CTL_DEL, session->getChannel().getSocket(), nullptr);
+    epoll_ctl(epoll_->get(), EPOLL_CTL_DEL, session->getBell(), nullptr); // the caller may hold it for longer
     session->end();
     session->getChannel().close();
     if (last && !stopped_) {

@@ -11,22 +11,27 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 
 namespace KR {
 
 /// The serving side of a connection.
+///
+/// One thread at a time reads it. While that one runs the request that it has read nobody reads, for the caller waits for
+/// the reply before it sends more; or else it rings the bell, and another thread reads.
 class KRLocalSession {
 public:
     static constexpr std::size_t kMaxRunning = 512; ///< requests; more wait in the socket
     static constexpr std::size_t kMaxRunningBytes = std::size_t{512}
                                                     << 20; ///< of them, sent through the socket
 
-    KRLocalSession(std::unique_ptr<KRLocalChannel> channel, std::string caller, std::uint64_t id,
-                   std::shared_ptr<const KRDescriptor> epoll,
+    /// \param bell  eventfd that the caller rings
+    KRLocalSession(std::unique_ptr<KRLocalChannel> channel, KRDescriptor bell, std::string caller,
+                   std::uint64_t id, std::shared_ptr<const KRDescriptor> epoll,
                    std::shared_ptr<std::atomic<std::uint64_t>> disconnected)
-        : channel_(std::move(channel)), caller_(std::move(caller)), id_(id), epoll_(std::move(epoll)),
-          disconnected_(std::move(disconnected)) {}
+        : channel_(std::move(channel)), bell_(std::move(bell)), caller_(std::move(caller)), id_(id),
+          epoll_(std::move(epoll)), disconnected_(std::move(disconnected)) {}
 
     KRLocalChannel& getChannel() const noexcept { return *channel_; }
     const std::string& getCaller() const noexcept { return caller_; }
@@ -35,20 +40,30 @@ public:
     bool hasEnded() const noexcept { return ended_; }
     void end() noexcept { ended_ = true; }
 
-    /// The calling thread is the one that reads now: makes it see what the one before has written.
-    void takeOver() KR_EXCLUDES(mutex_) { const KRLock lock(mutex_); }
-    /// Lets a thread read the next message once it has come, as long as not too many requests run.
+    int getBell() const noexcept { return bell_.get(); }
+
+    /// The socket has woken the calling thread. \return whether it is the one that reads now
+    bool takeOver() KR_EXCLUDES(mutex_);
+    /// The bell has woken the calling thread. \return whether it is the one that reads now
+    bool answerBell() KR_EXCLUDES(mutex_);
+    /// The calling thread has run its request. \return whether it is the one that reads on
+    bool readOn() KR_EXCLUDES(mutex_);
+    /// The calling thread reads no more: the next message wakes another, as long as not too many requests run.
     void awaitMessage() KR_EXCLUDES(mutex_);
-    /// A request begins to run, and another thread may read the next.
-    void begin(std::size_t bytes) KR_EXCLUDES(mutex_);
+    /// The calling thread has read a request and runs it. \param further  whether the bell was rung for it
+    void begin(std::size_t bytes, bool further) KR_EXCLUDES(mutex_);
     void finish(std::size_t bytes) noexcept KR_EXCLUDES(mutex_);
     /// The other has broken the protocol.
     void disconnect(const std::string& why) noexcept;
 
 private:
-    void arm() KR_REQUIRES(mutex_);
+    void arm(bool messages) KR_REQUIRES(mutex_);
+    bool isFull() const KR_REQUIRES(mutex_) {
+        return running_ >= kMaxRunning || runningBytes_ >= kMaxRunningBytes;
+    }
 
     const std::unique_ptr<KRLocalChannel> channel_;
+    const KRDescriptor bell_;
     const std::string caller_;
     const std::uint64_t id_;
     const std::shared_ptr<const KRDescriptor> epoll_;
@@ -59,13 +74,18 @@ private:
     KRMutex mutex_;
     std::size_t running_ KR_GUARDED_BY(mutex_) = 0;
     std::size_t runningBytes_ KR_GUARDED_BY(mutex_) = 0;
-    bool paused_ KR_GUARDED_BY(mutex_) = false; // too many run
+    bool paused_ KR_GUARDED_BY(mutex_) = false;     // too many run
+    bool read_ KR_GUARDED_BY(mutex_) = false;       // by some thread
+    std::uint32_t armed_ KR_GUARDED_BY(mutex_) = 0; // events of the socket that wake a thread
+    std::int64_t
+        announced_ KR_GUARDED_BY(mutex_) = 0; // rings of the bell without the request that they are for
 };
 
 /// Serves the requests of all connections, on threads of the service.
 ///
 /// All of these threads wait for the same set of sockets, and the kernel wakes one of them for a message. That one reads it,
-/// lets the socket wake another, and runs the request itself. Two more threads than run requests wait.
+/// runs the request itself, and reads on from the same socket for a while: a caller that calls again and again always finds
+/// the same thread waiting for it alone. Two more threads than run requests or wait for one caller wait for all.
 class KRLocalServer : public std::enable_shared_from_this<KRLocalServer> {
 public:
     /// \throws KRError
@@ -74,7 +94,9 @@ public:
     KRLocalServer& operator=(const KRLocalServer&) = delete;
 
     /// Serves what comes through this channel.
-    void add(std::unique_ptr<KRLocalChannel> channel, const std::string& caller) KR_EXCLUDES(mutex_);
+    /// \param bell  eventfd that the caller rings
+    void add(std::unique_ptr<KRLocalChannel> channel, KRDescriptor bell, const std::string& caller)
+        KR_EXCLUDES(mutex_);
     std::size_t getCount() const KR_EXCLUDES(mutex_);
     /// Tells callers about memory that is no more.
     void sendNotices() KR_EXCLUDES(mutex_);
@@ -82,11 +104,17 @@ public:
     void stop() noexcept KR_EXCLUDES(mutex_);
 
 private:
-    static constexpr int kWaiting = 2; // threads that wait however idle the connections are
+    static constexpr int kWaiting = 2;     // threads that wait however idle the connections are
+    static constexpr int kMaxReading = 16; // threads that wait for one caller each
 
     void startThread() KR_EXCLUDES(mutex_);
     void run() KR_EXCLUDES(mutex_);
-    void serve(std::uint64_t id) KR_EXCLUDES(mutex_);
+    /// \param event  id of a session, and whether it is its bell
+    void serve(std::uint64_t event) KR_EXCLUDES(mutex_);
+    /// Reads a request and runs it. \return whether there was one
+    bool serveNext(const std::shared_ptr<KRLocalSession>& session) KR_EXCLUDES(mutex_);
+    /// Waits for a message, unless many threads do that. \return nullopt: none has come for a while
+    std::optional<KRLocalChannel::Received> receive(KRLocalChannel& channel);
     void remove(const std::shared_ptr<KRLocalSession>& session) KR_EXCLUDES(mutex_);
 
     KRLocalService& service_; // not used after stop()
@@ -94,7 +122,8 @@ private:
     const std::shared_ptr<const KRDescriptor> epoll_;
     const KRDescriptor wake_; // readable once stopped
     std::atomic<bool> stopped_ = false;
-    std::atomic<int> waiting_ = 0; // threads
+    std::atomic<int> waiting_ = 0; // threads that wait for all callers
+    std::atomic<int> reading_ = 0; // threads that wait for one
 
     mutable KRMutex mutex_;
     KRCondition left_;

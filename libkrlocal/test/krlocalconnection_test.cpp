@@ -11,6 +11,8 @@
 
 #include <algorithm>
 #include <atomic>
+#include <condition_variable>
+#include <mutex>
 #include <thread>
 #include <unistd.h>
 
@@ -175,6 +177,62 @@ TEST_F(Connection, CallsThatTakeLongHoldUpNoOther) {
     }
     for (std::thread& caller : callers) {
         caller.join();
+    }
+}
+
+TEST_F(Connection, CallsThatWaitForEachOtherAllMeet) {
+    constexpr int kCallers = 6;
+    constexpr int kRounds = 300;
+    std::mutex meeting;
+    std::condition_variable changed;
+    int met = 0;
+    std::atomic<int> alone = 0;
+    serve([&](KRLocalRequest& request) {
+        if (request.message.body == "meet") {
+            std::unique_lock lock(meeting);
+            const int round = met++ / kCallers;
+            changed.notify_all();
+            alone += changed.wait_for(lock, kPatience, [&] { return met >= (round + 1) * kCallers; }) ? 0 : 1;
+        }
+        request.reply(request.message);
+    });
+    std::vector<std::thread> callers;
+    for (int caller = 0; caller < kCallers; ++caller) {
+        callers.emplace_back([&, caller] {
+            for (int round = 0; round < kRounds && alone == 0; ++round) {
+                for (int i = 0; i < (caller + round) % 3; ++i) {
+                    connection->call(makeMessage(0, "short"));
+                }
+                connection->call(makeMessage(0, "meet"));
+            }
+        });
+    }
+    for (std::thread& caller : callers) {
+        caller.join();
+    }
+    EXPECT_EQ(alone, 0);
+    EXPECT_EQ(met, kCallers * kRounds);
+}
+
+TEST_F(Connection, ACallAfterAPauseIsAnswered) {
+    serveEcho();
+    for (const int pause_ms :
+         {0, 190, 200, 210, 300}) { // about as long as a thread waits for one caller alone
+        std::this_thread::sleep_for(std::chrono::milliseconds(pause_ms));
+        EXPECT_EQ(connection->call(makeMessage(0, "here again")).body, "here again");
+    }
+}
+
+TEST_F(Connection, MoreCallersThanThreadsThatWaitForOneAreServed) {
+    serveEcho();
+    std::vector<std::shared_ptr<KRLocalConnection>> connections;
+    for (int i = 0; i < 40; ++i) {
+        connections.push_back(connect());
+    }
+    for (int round = 0; round < 20; ++round) {
+        for (const auto& each : connections) {
+            EXPECT_EQ(each->call(makeMessage(0, "one of many")).body, "one of many");
+        }
     }
 }
 
@@ -348,12 +406,12 @@ TEST_F(Connection, AnAddressIsTheSameAfterItsWayThroughText) {
 }
 
 TEST(KRLocalAddress, IsNotReadFromOtherText) {
-    const std::string good = "KRLocal/1 boot/1 1000 4711 krvision-0 secret";
+    const std::string good = "KRLocal/2 boot/1 1000 4711 krvision-0 secret";
     EXPECT_TRUE(KRLocalAddress::parse(good));
     for (const std::string& bad :
-         {std::string(), std::string("KRLocal/1"), good + " more", "KRLocal/2" + good.substr(9),
-          std::string("KRLocal/1 boot/1 user 4711 krvision-0 secret"),
-          std::string("KRLocal/1 boot/1 1000 -4711 krvision-0 secret"), good + std::string(600, 'x'),
+         {std::string(), std::string("KRLocal/2"), good + " more", "KRLocal/1" + good.substr(9),
+          std::string("KRLocal/2 boot/1 user 4711 krvision-0 secret"),
+          std::string("KRLocal/2 boot/1 1000 -4711 krvision-0 secret"), good + std::string(600, 'x'),
           good.substr(0, good.rfind(' '))}) {
         EXPECT_FALSE(KRLocalAddress::parse(bad)) << bad;
     }

@@ -16,6 +16,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 
@@ -39,16 +40,21 @@ public:
     explicit Liar(const KRLocalAddress& address)
         : socket_(connectTo(address.socket, std::chrono::steady_clock::now() + kPatience)) {
         greet(KRLocalFrame::Hello, address.secret + "liar");
-        receive();
+        receiveBell();
     }
 
-    void greet(KRLocalFrame::Kind kind, const std::string& body) {
+    /// \param ownBell  that goes with a Welcome
+    void greet(KRLocalFrame::Kind kind, const std::string& body, int ownBell = -1) {
         KRLocalFrame frame;
         frame.kind = kind;
-        frame.number = 1;
+        frame.number = 2;
         frame.bodySize = body.size();
         frame.memories = {{1, KRReturns::kSize}};
-        send(frame.compose() + body, {returns.getDescriptor()});
+        std::vector<int> descriptors{returns.getDescriptor()};
+        if (ownBell >= 0) {
+            descriptors.push_back(ownBell);
+        }
+        send(frame.compose() + body, descriptors);
     }
     void send(const std::string& packet, const std::vector<int>& descriptors = {}) const {
         iovec part{const_cast<char*>(packet.data()), packet.size()};
@@ -80,10 +86,29 @@ public:
     }
     void close() { socket_ = KRDescriptor(); }
 
+    KRDescriptor bell; // of the server
     KRSharedMemory returns{KRReturns::kSize};
     KRSharedMemory memory{1 << 20};
 
 private:
+    /// From its welcome, where it is the second descriptor.
+    void receiveBell() {
+        std::array<char, 1024> packet{};
+        iovec part{packet.data(), packet.size()};
+        alignas(cmsghdr) std::array<unsigned char, CMSG_SPACE(2 * sizeof(int))> control{};
+        msghdr message{};
+        message.msg_iov = &part;
+        message.msg_iovlen = 1;
+        message.msg_control = control.data();
+        message.msg_controllen = control.size();
+        std::array<int, 2> descriptors{-1, -1};
+        if (recvmsg(socket_.get(), &message, MSG_CMSG_CLOEXEC) > 0 && CMSG_FIRSTHDR(&message) != nullptr) {
+            std::memcpy(descriptors.data(), CMSG_DATA(CMSG_FIRSTHDR(&message)), sizeof descriptors);
+        }
+        const KRDescriptor page(descriptors[0]);
+        bell = KRDescriptor(descriptors[1]);
+    }
+
     KRDescriptor socket_;
 };
 
@@ -283,7 +308,8 @@ TEST(KRLocalLiar, AServerThatLiesFailsTheCallsToItAlone) {
     std::thread lying([&] {
         Liar liar(KRDescriptor(accept4(listening.get(), nullptr, nullptr, SOCK_CLOEXEC)));
         liar.receive();
-        liar.greet(KRLocalFrame::Welcome, "");
+        const KRDescriptor bell(eventfd(0, EFD_CLOEXEC));
+        liar.greet(KRLocalFrame::Welcome, "", bell.get());
         liar.receive();
         KRLocalFrame frame;
         frame.kind = KRLocalFrame::Reply;
@@ -299,6 +325,53 @@ TEST(KRLocalLiar, AServerThatLiesFailsTheCallsToItAlone) {
     EXPECT_TRUE(gone.wait());
     EXPECT_EQ(endpoint.getStatistics().disconnected, 1u);
     lying.join();
+}
+
+TEST(KRLocalLiar, AServerWithoutABellIsNotConnected) {
+    const std::string name = "krvision-test-" + drawSecret();
+    const KRDescriptor listening = listenAt(name);
+    test::TestService idle;
+    KRLocalEndpoint endpoint(KRLocalOptions{"client", ""}, idle);
+    std::array<int, 2> pipe{};
+    ASSERT_EQ(pipe2(pipe.data(), O_CLOEXEC), 0);
+    ::close(pipe[0]); // a write to the other end would raise a signal
+    const KRDescriptor noBell(pipe[1]);
+    for (const int bell : {noBell.get(), -1}) {
+        std::thread lying([&] {
+            Liar liar(KRDescriptor(accept4(listening.get(), nullptr, nullptr, SOCK_CLOEXEC)));
+            liar.receive();
+            liar.greet(KRLocalFrame::Welcome, "", bell);
+            liar.receive();
+        });
+        EXPECT_THAT(
+            [&] {
+                endpoint.connect({getMachineIdentity(), name, "?"}, kPatience, {});
+            },
+            testing::ThrowsMessage<KRError>(
+                testing::HasSubstr(bell < 0 ? "a greeting that is none" : "a bell that is no eventfd")));
+        lying.join();
+    }
+}
+
+TEST(KRLocalLiar, AClientThatRingsForNothingOrNotAtAllHoldsUpNobodyElse) {
+    test::TestService service([](KRLocalRequest& request) { request.reply(request.message); });
+    KRLocalEndpoint server(KRLocalOptions{"server", ""}, service);
+    const auto honest = server.connect(server.getAddress(), kPatience, {});
+    Liar silent(server.getAddress());
+    Liar ringing(server.getAddress());
+    KRLocalFrame further = makeRequest();
+    further.kind = KRLocalFrame::Further;
+    for (int i = 0; i < 100; ++i) {
+        silent.send(further.compose());
+        eventfd_write(ringing.bell.get(), i % 2 == 0 ? 1 : 0xfffffffffffffffe);
+        EXPECT_EQ(honest->call(makeMessage(0, "served")).body, "served");
+    }
+    ringing.send(makeRequest().compose());
+    EXPECT_FALSE(ringing.receive().empty());
+    for (int i = 0; i < 100; ++i) {
+        EXPECT_FALSE(silent.receive().empty());
+    }
+    server.stop();
 }
 
 TEST(KRLocalLiar, AClientThatNeverGreetsIsForgotten) {
