@@ -17,7 +17,7 @@
 #include <stdexcept>
 #include <utility>
 
-namespace KR::tool {
+namespace KR::tool::cameraControls {
 
 namespace {
 
@@ -130,4 +130,4 @@ const VerbRegistration registration(Verb<Options>{
 });
 
 } // namespace
-} // namespace KR::tool
+} // namespace KR::tool::cameraControls

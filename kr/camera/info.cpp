@@ -9,7 +9,7 @@
 
 #include <cstdio>
 
-namespace KR::tool {
+namespace KR::tool::cameraInfo {
 
 namespace {
 
@@ -102,4 +102,4 @@ const VerbRegistration registration(Verb<Options>{
 });
 
 } // namespace
-} // namespace KR::tool
+} // namespace KR::tool::cameraInfo

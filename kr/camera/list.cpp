@@ -8,7 +8,7 @@
 
 #include <cstdio>
 
-namespace KR::tool {
+namespace KR::tool::cameraList {
 
 namespace {
 
@@ -50,4 +50,4 @@ const VerbRegistration registration(Verb<Options>{
 });
 
 } // namespace
-} // namespace KR::tool
+} // namespace KR::tool::cameraList

@@ -21,7 +21,7 @@
 #include <stdexcept>
 #include <system_error>
 
-namespace KR::tool {
+namespace KR::tool::cameraRecord {
 
 namespace {
 
@@ -196,4 +196,4 @@ const VerbRegistration registration(Verb<Options>{
 });
 
 } // namespace
-} // namespace KR::tool
+} // namespace KR::tool::cameraRecord

@@ -12,7 +12,7 @@
 
 #include <string>
 
-namespace KR::tool {
+namespace KR::tool::cameraSnapshot {
 
 namespace {
 
@@ -68,4 +68,4 @@ const VerbRegistration registration(Verb<Options>{
 });
 
 } // namespace
-} // namespace KR::tool
+} // namespace KR::tool::cameraSnapshot

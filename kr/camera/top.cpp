@@ -23,7 +23,7 @@
 
 #include <unistd.h>
 
-namespace KR::tool {
+namespace KR::tool::cameraTop {
 
 namespace {
 
@@ -180,4 +180,4 @@ const VerbRegistration registration(Verb<Options>{
 });
 
 } // namespace
-} // namespace KR::tool
+} // namespace KR::tool::cameraTop

@@ -15,7 +15,7 @@
 #include <memory>
 #include <optional>
 
-namespace KR::tool {
+namespace KR::tool::cameraWatch {
 
 namespace {
 
@@ -144,4 +144,4 @@ const VerbRegistration registration(Verb<Options>{
 });
 
 } // namespace
-} // namespace KR::tool
+} // namespace KR::tool::cameraWatch

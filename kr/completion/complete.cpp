@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-namespace KR::tool {
+namespace KR::tool::completionComplete {
 
 namespace {
 
@@ -41,4 +41,4 @@ const VerbRegistration registration(Verb<Options>{
 });
 
 } // namespace
-} // namespace KR::tool
+} // namespace KR::tool::completionComplete

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-namespace KR::tool {
+namespace KR::tool::completion {
 
 namespace {
 
@@ -86,4 +86,4 @@ const VerbRegistration registration(Verb<Options>{
 });
 
 } // namespace
-} // namespace KR::tool
+} // namespace KR::tool::completion

@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-namespace KR::tool {
+namespace KR::tool::doctor {
 
 namespace {
 
@@ -73,4 +73,4 @@ const VerbRegistration registration(Verb<ListOptions>{
 });
 
 } // namespace
-} // namespace KR::tool
+} // namespace KR::tool::doctor

@@ -17,7 +17,7 @@
 #include <limits>
 #include <stdexcept>
 
-namespace KR::tool {
+namespace KR::tool::evaluateRecording {
 
 namespace {
 
@@ -194,4 +194,4 @@ const VerbRegistration registration(Verb<Options>{
 });
 
 } // namespace
-} // namespace KR::tool
+} // namespace KR::tool::evaluateRecording

@@ -9,7 +9,7 @@
 #include <cstdio>
 #include <string>
 
-namespace KR::tool {
+namespace KR::tool::eventList {
 
 namespace {
 
@@ -63,4 +63,4 @@ const VerbRegistration registration(Verb<ListOptions>{
 });
 
 } // namespace
-} // namespace KR::tool
+} // namespace KR::tool::eventList

@@ -7,7 +7,7 @@
 
 #include <string>
 
-namespace KR::tool {
+namespace KR::tool::eventRaise {
 
 namespace {
 
@@ -39,4 +39,4 @@ const VerbRegistration registration(Verb<Options>{
 });
 
 } // namespace
-} // namespace KR::tool
+} // namespace KR::tool::eventRaise

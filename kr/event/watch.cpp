@@ -20,7 +20,7 @@
 #include <utility>
 #include <vector>
 
-namespace KR::tool {
+namespace KR::tool::eventWatch {
 
 namespace {
 
@@ -138,4 +138,4 @@ const VerbRegistration registration(Verb<Options>{
 });
 
 } // namespace
-} // namespace KR::tool
+} // namespace KR::tool::eventWatch

@@ -17,7 +17,7 @@
 
 #include <unistd.h>
 
-namespace KR::tool {
+namespace KR::tool::extractorTop {
 
 namespace {
 
@@ -135,4 +135,4 @@ const VerbRegistration registration(Verb<Options>{
 });
 
 } // namespace
-} // namespace KR::tool
+} // namespace KR::tool::extractorTop

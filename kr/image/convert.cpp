@@ -11,7 +11,7 @@
 
 #include <string>
 
-namespace KR::tool {
+namespace KR::tool::imageConvert {
 
 namespace {
 
@@ -94,4 +94,4 @@ const VerbRegistration registration(Verb<Options>{
 });
 
 } // namespace
-} // namespace KR::tool
+} // namespace KR::tool::imageConvert

@@ -9,7 +9,7 @@
 #include <cstdio>
 #include <string>
 
-namespace KR::tool {
+namespace KR::tool::imageDump {
 
 namespace {
 
@@ -42,4 +42,4 @@ const VerbRegistration registration(Verb<Options>{
 });
 
 } // namespace
-} // namespace KR::tool
+} // namespace KR::tool::imageDump

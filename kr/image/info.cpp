@@ -15,7 +15,7 @@
 #include <string>
 #include <vector>
 
-namespace KR::tool {
+namespace KR::tool::imageInfo {
 
 namespace {
 
@@ -139,4 +139,4 @@ const VerbRegistration registration(Verb<Options>{
 });
 
 } // namespace
-} // namespace KR::tool
+} // namespace KR::tool::imageInfo

@@ -16,7 +16,7 @@
 #include <string>
 #include <vector>
 
-namespace KR::tool {
+namespace KR::tool::log {
 
 namespace {
 
@@ -99,4 +99,4 @@ const VerbRegistration registration(Verb<Options>{
 });
 
 } // namespace
-} // namespace KR::tool
+} // namespace KR::tool::log

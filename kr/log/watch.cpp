@@ -21,7 +21,7 @@
 
 #include <unistd.h>
 
-namespace KR::tool {
+namespace KR::tool::logWatch {
 
 namespace {
 
@@ -187,4 +187,4 @@ const VerbRegistration registration(Verb<Options>{
 });
 
 } // namespace
-} // namespace KR::tool
+} // namespace KR::tool::logWatch

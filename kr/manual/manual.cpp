@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-namespace KR::tool {
+namespace KR::tool::manual {
 
 namespace {
 
@@ -64,4 +64,4 @@ const VerbRegistration registration(Verb<Options>{
 });
 
 } // namespace
-} // namespace KR::tool
+} // namespace KR::tool::manual

@@ -10,7 +10,7 @@
 #include <cstdint>
 #include <string>
 
-namespace KR::tool {
+namespace KR::tool::memoryGet {
 
 namespace {
 
@@ -50,4 +50,4 @@ const VerbRegistration registration(Verb<Options>{
 });
 
 } // namespace
-} // namespace KR::tool
+} // namespace KR::tool::memoryGet

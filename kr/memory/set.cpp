@@ -7,7 +7,7 @@
 
 #include <string>
 
-namespace KR::tool {
+namespace KR::tool::memorySet {
 
 namespace {
 
@@ -40,4 +40,4 @@ const VerbRegistration registration(Verb<Options>{
 });
 
 } // namespace
-} // namespace KR::tool
+} // namespace KR::tool::memorySet

@@ -20,7 +20,7 @@
 #include <map>
 #include <string>
 
-namespace KR::tool {
+namespace KR::tool::memoryWatch {
 
 namespace {
 
@@ -123,4 +123,4 @@ const VerbRegistration registration(Verb<Options>{
 });
 
 } // namespace
-} // namespace KR::tool
+} // namespace KR::tool::memoryWatch

@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-namespace KR::tool {
+namespace KR::tool::moduleInfo {
 
 namespace {
 
@@ -100,4 +100,4 @@ const VerbRegistration registration(Verb<Options>{
 });
 
 } // namespace
-} // namespace KR::tool
+} // namespace KR::tool::moduleInfo

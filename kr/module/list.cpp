@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-namespace KR::tool {
+namespace KR::tool::moduleList {
 
 namespace {
 
@@ -80,4 +80,4 @@ const VerbRegistration registration(Verb<Options>{
 });
 
 } // namespace
-} // namespace KR::tool
+} // namespace KR::tool::moduleList

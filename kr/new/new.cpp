@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-namespace KR::tool {
+namespace KR::tool::newProject {
 
 namespace {
 
@@ -56,4 +56,4 @@ const VerbRegistration registration(Verb<Options>{
 });
 
 } // namespace
-} // namespace KR::tool
+} // namespace KR::tool::newProject

@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-namespace KR::tool {
+namespace KR::tool::paramDescribe {
 
 namespace {
 
@@ -77,4 +77,4 @@ const VerbRegistration registration(Verb<Options>{
 });
 
 } // namespace
-} // namespace KR::tool
+} // namespace KR::tool::paramDescribe

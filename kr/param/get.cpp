@@ -8,7 +8,7 @@
 
 #include <string>
 
-namespace KR::tool {
+namespace KR::tool::paramGet {
 
 namespace {
 
@@ -41,4 +41,4 @@ const VerbRegistration registration(Verb<Options>{
 });
 
 } // namespace
-} // namespace KR::tool
+} // namespace KR::tool::paramGet

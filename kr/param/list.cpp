@@ -12,7 +12,7 @@
 #include <cstdio>
 #include <string>
 
-namespace KR::tool {
+namespace KR::tool::paramList {
 
 namespace {
 
@@ -74,4 +74,4 @@ const VerbRegistration registration(Verb<Options>{
 });
 
 } // namespace
-} // namespace KR::tool
+} // namespace KR::tool::paramList

@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-namespace KR::tool {
+namespace KR::tool::paramLoad {
 
 namespace {
 
@@ -95,4 +95,4 @@ const VerbRegistration registration(Verb<Options>{
 });
 
 } // namespace
-} // namespace KR::tool
+} // namespace KR::tool::paramLoad

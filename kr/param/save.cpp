@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-namespace KR::tool {
+namespace KR::tool::paramSave {
 
 namespace {
 
@@ -51,4 +51,4 @@ const VerbRegistration registration(Verb<Options>{
 });
 
 } // namespace
-} // namespace KR::tool
+} // namespace KR::tool::paramSave

@@ -7,7 +7,7 @@
 
 #include <string>
 
-namespace KR::tool {
+namespace KR::tool::paramSet {
 
 namespace {
 
@@ -47,4 +47,4 @@ const VerbRegistration registration(Verb<Options>{
 });
 
 } // namespace
-} // namespace KR::tool
+} // namespace KR::tool::paramSet

@@ -22,7 +22,7 @@
 
 #include <unistd.h>
 
-namespace KR::tool {
+namespace KR::tool::record {
 
 namespace {
 
@@ -278,4 +278,4 @@ const VerbRegistration registration(Verb<Options>{
 });
 
 } // namespace
-} // namespace KR::tool
+} // namespace KR::tool::record

@@ -27,7 +27,7 @@
 #include <string>
 #include <vector>
 
-namespace KR::tool {
+namespace KR::tool::replay {
 
 namespace {
 
@@ -275,4 +275,4 @@ const VerbRegistration registration(Verb<Options>{
 });
 
 } // namespace
-} // namespace KR::tool
+} // namespace KR::tool::replay

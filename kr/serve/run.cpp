@@ -11,7 +11,7 @@
 
 #include <string>
 
-namespace KR::tool {
+namespace KR::tool::serveRun {
 
 namespace {
 
@@ -59,4 +59,4 @@ const VerbRegistration registration(Verb<Options>{
 });
 
 } // namespace
-} // namespace KR::tool
+} // namespace KR::tool::serveRun

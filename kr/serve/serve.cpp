@@ -30,7 +30,7 @@
 #include <string>
 #include <vector>
 
-namespace KR::tool {
+namespace KR::tool::serve {
 
 namespace {
 
@@ -320,4 +320,4 @@ const VerbRegistration registration(Verb<Options>{
 });
 
 } // namespace
-} // namespace KR::tool
+} // namespace KR::tool::serve

@@ -19,7 +19,7 @@
 #include <optional>
 #include <stdexcept>
 
-namespace KR::tool {
+namespace KR::tool::videoConvert {
 
 namespace {
 
@@ -320,4 +320,4 @@ const VerbRegistration registration(Verb<Options>{
 });
 
 } // namespace
-} // namespace KR::tool
+} // namespace KR::tool::videoConvert

@@ -11,7 +11,7 @@
 #include <cstdio>
 #include <memory>
 
-namespace KR::tool {
+namespace KR::tool::videoDoctor {
 
 namespace {
 
@@ -109,4 +109,4 @@ const VerbRegistration registration(Verb<Options>{
 });
 
 } // namespace
-} // namespace KR::tool
+} // namespace KR::tool::videoDoctor

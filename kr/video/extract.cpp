@@ -12,7 +12,7 @@
 
 #include <string>
 
-namespace KR::tool {
+namespace KR::tool::videoExtract {
 
 namespace {
 
@@ -75,4 +75,4 @@ const VerbRegistration registration(Verb<Options>{
 });
 
 } // namespace
-} // namespace KR::tool
+} // namespace KR::tool::videoExtract

@@ -15,7 +15,7 @@
 #include <cstdio>
 #include <memory>
 
-namespace KR::tool {
+namespace KR::tool::videoInfo {
 
 namespace {
 
@@ -188,4 +188,4 @@ const VerbRegistration registration(Verb<Options>{
 });
 
 } // namespace
-} // namespace KR::tool
+} // namespace KR::tool::videoInfo

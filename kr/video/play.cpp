@@ -11,7 +11,7 @@
 #include <memory>
 #include <stdexcept>
 
-namespace KR::tool {
+namespace KR::tool::videoPlay {
 
 namespace {
 
@@ -95,4 +95,4 @@ const VerbRegistration registration(Verb<Options>{
 });
 
 } // namespace
-} // namespace KR::tool
+} // namespace KR::tool::videoPlay

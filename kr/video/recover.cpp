@@ -12,7 +12,7 @@
 #include <cstdio>
 #include <memory>
 
-namespace KR::tool {
+namespace KR::tool::videoRecover {
 
 namespace {
 
@@ -85,4 +85,4 @@ const VerbRegistration registration(Verb<Options>{
 });
 
 } // namespace
-} // namespace KR::tool
+} // namespace KR::tool::videoRecover

@@ -13,7 +13,7 @@
 
 #include <unistd.h>
 
-namespace KR::tool {
+namespace KR::tool::web {
 
 namespace {
 
@@ -57,4 +57,4 @@ const VerbRegistration registration(Verb<Options>{
 });
 
 } // namespace
-} // namespace KR::tool
+} // namespace KR::tool::web
