@@ -68,7 +68,7 @@ def create(cls: Type[Module], path: str, broker: object, name: str) -> object:
     """
     adopted = Broker._adopt(broker)  # closed when the module goes
     try:
-        return adopted.create(cls, name)._body.release()
+        return cls(adopted, name)._body.release()
     except Error:
         adopted.close()
         raise

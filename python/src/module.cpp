@@ -259,8 +259,8 @@ Hosted& ModuleBody::getHosted(const char* method) const {
 }
 
 void ModuleBody::makeReachable() {
+    getHosted("make_reachable").keep(); // before the first call, which may close it
     use<KRModule>("make_reachable", [](KRModule& module) { module.makeReachable(); });
-    getHosted("make_reachable").keep();
 }
 
 void ModuleBody::close() {
@@ -285,13 +285,19 @@ void ModuleBody::close() {
 
 std::unique_ptr<KRModule> ModuleBody::release() {
     Hosted& hosted = getHosted("release");
+    hosted.setReleased(this); // before the first call, which may close it
+    try {
+        makeReachable();
+    } catch (...) {
+        hosted.setReleased(nullptr);
+        throw;
+    }
     KRModule* const module = module_.get();
     auto end = std::make_shared<End>();
     auto shared = share(module, end, false);
     // The one that owned it is never destroyed: it must not destroy the module.
     new std::shared_ptr<KRModule>(std::exchange(module_, std::move(shared))); // NOLINT
     end_ = std::move(end);
-    hosted.setReleased(*this);
     return std::unique_ptr<KRModule>(module);
 }
 

@@ -49,8 +49,9 @@ public:
 
     /// Whether the calling thread runs a hook or method of this module.
     bool isInsideHook() const noexcept;
-    /// A program hosts the module: it is no longer the body that destroys it. The interpreter's lock is held.
-    void setReleased(ModuleBody& body) noexcept { body_ = &body; }
+    /// A program hosts the module: it is no longer the body that destroys it. Null: none does. The interpreter's lock is
+    /// held.
+    void setReleased(ModuleBody* body) noexcept { body_ = body; }
     bool isReleased() const noexcept { return body_ != nullptr; }
 
 protected:
@@ -163,7 +164,7 @@ public:
     /// Shuts the module down and destroys it, and waits for that unless it is called from one of its own calls. Asks a
     /// module that was released to exit.
     void close();
-    /// Gives the module to a program that hosts it: that one destroys it, close() does not.
+    /// Makes the module reachable and gives it to a program that hosts it: that one destroys it, close() does not.
     std::unique_ptr<KRModule> release();
     /// The module that was released is about to be destroyed: waits until no thread uses it.
     void dropReleased();

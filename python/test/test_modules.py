@@ -196,6 +196,29 @@ def test_a_name_is_free_after_close_and_taken_before(broker: kr.Broker) -> None:
     assert "Adder" not in broker.modules()
 
 
+def test_a_method_that_was_kept_reaches_the_next_module_of_the_name(broker: kr.Broker) -> None:
+    add = broker["Adder"].add
+    for _ in range(2):
+        with pytest.raises(kr.Error, match="no module named Adder"):
+            add(1, 2)
+        with broker.create(Adder, "Adder"):
+            assert add(1, 2) == broker["Adder"].add(1, 2) == 3
+
+
+def test_dir_lists_what_is_published_and_nothing_that_was_only_tried(broker: kr.Broker, adder: Adder) -> None:
+    with pytest.raises(kr.Error):
+        broker["Adder"].subtract(2, 1)
+    assert {"add", "crash", "call", "methods"} <= set(dir(broker["Adder"]))
+    assert "subtract" not in dir(broker["Adder"])
+
+
+def test_proxies_of_many_modules_are_not_kept_for_ever(broker: kr.Broker) -> None:
+    first = weakref.ref(broker["Module0"])
+    for number in range(1000):
+        broker[f"Module{number}"]
+    assert first() is None
+
+
 def test_a_constructor_that_raises_leaves_the_name_free(broker: kr.Broker) -> None:
     class Failing(kr.Module):
         def __init__(self, broker: kr.Broker, name: str, fail: bool) -> None:
@@ -252,6 +275,29 @@ def test_a_module_that_nobody_keeps_stays_until_its_broker_is_closed(broker: kr.
     broker.create(Adder, "Adder")
     gc.collect()
     assert broker["Adder"].add(1, 2) == 3
+
+
+def test_a_module_may_be_closed_by_a_call_before_create_has_returned(broker: kr.Broker) -> None:
+    class Leaving(kr.Module):
+        @kr.published
+        def leave(self) -> None:
+            self.close()
+
+    def leave(name: str) -> None:
+        while True:
+            try:
+                broker[name].leave()
+                return
+            except kr.Error:  # not reachable yet
+                pass
+
+    for number in range(100):
+        name = f"Leaving{number}"
+        caller = threading.Thread(target=leave, args=[name])
+        caller.start()
+        broker.create(Leaving, name)
+        caller.join(PATIENCE_S)
+        assert not caller.is_alive()
 
 
 def test_a_module_closes_itself_in_its_own_method(broker: kr.Broker, diary: Diary) -> None:
