@@ -215,7 +215,10 @@ class Broker:
 
     def sleep(self, seconds: float) -> None:
         """Sleeps by the time of this broker's modules."""
-        self._broker.sleep_ms(round(seconds * 1000))
+        left_ms, step_ms = round(seconds * 1000), round(_STEP_S * 1000)
+        while left_ms > 0:
+            self._broker.sleep_ms(min(left_ms, step_ms))
+            left_ms -= step_ms
 
     @property
     def url(self) -> str:

@@ -77,7 +77,7 @@ def remember():
         memory["a"]
 def spin():
     while True:
-        time.sleep(0.001)
+        pass
 def fetch():
     with kr.Cameras(broker).subscribe("daemon") as subscription:
         for image in subscription:
@@ -253,8 +253,18 @@ print(resident() - before < 8 << 20, len(gc.get_objects()) - objects < 100)
     expect(done, 0, "True True\nstopped Watcher\n")
 
 
-WAITING = HEAD + """
-print("waiting", flush=True)
+# Says so once the main thread is in a function, called by those before it.
+TELL = """
+import traceback
+def tell(*functions):
+    expected = [function.__name__ for function in functions]
+    while expected != [frame.name for frame in traceback.extract_stack(sys._current_frames()[main])][-len(expected):]:
+        time.sleep(0.01)
+    print("waiting", flush=True)
+main = threading.get_ident()
+"""
+WAITING = HEAD + TELL + """
+threading.Thread(target=tell, args=[kr.wait, threading.Event.wait, threading.Condition.wait]).start()
 print("interrupted:", kr.wait(), flush=True)
 broker.close()
 print("closed", flush=True)
@@ -271,6 +281,21 @@ def test_a_signal_ends_wait(tmp_path: Path, number: signal.Signals) -> None:
         process.send_signal(number)
         rest = process.stdout.read()
     assert (process.returncode, rest) == (0, "interrupted: True\nstopped Watcher\nclosed\n")
+
+
+def test_ctrl_c_ends_a_sleep(tmp_path: Path) -> None:
+    file = tmp_path / "program.py"
+    file.write_text(HEAD + TELL + "threading.Thread(target=tell, args=[kr.Broker.sleep]).start()\nbroker.sleep(3600)\n")
+    with subprocess.Popen([sys.executable, str(file)], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True) as process:
+        assert process.stdout is not None
+        assert process.stdout.readline() == "waiting\n"
+        process.send_signal(signal.SIGINT)
+        try:
+            rest, err = process.communicate(timeout=60)
+        finally:
+            process.kill()
+    assert (process.returncode, rest) == (-signal.SIGINT, "stopped Watcher\n")
+    assert "KeyboardInterrupt" in err
 
 
 def test_wait_ends_after_its_time_and_waits_on_the_main_thread_only(run: Run) -> None:
