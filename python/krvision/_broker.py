@@ -17,6 +17,7 @@ if TYPE_CHECKING:
 M = TypeVar("M", bound="Module")
 
 _STEP_S = 0.1  # of waiting, between looks at signals
+_MAX_PROXIES = 256  # that a broker keeps for later calls
 
 
 class Parameter(NamedTuple):
@@ -74,7 +75,6 @@ class _ProxyDoc:
 
 class Proxy:
     __doc__ = _ProxyDoc()  # type: ignore[assignment]
-    __slots__ = ("_proxy",)
 
     def __init__(self, broker: Broker, module: str) -> None:
         self._proxy = _krvision.Proxy(broker._broker, module)
@@ -82,7 +82,9 @@ class Proxy:
     def __getattr__(self, name: str) -> RemoteMethod:
         if name.startswith("_"):
             raise AttributeError(f"{name}: call methods that begin with an underscore by call({name!r}, ...)")
-        return RemoteMethod(self._proxy, name)
+        method = RemoteMethod(self._proxy, name)
+        self.__dict__[name] = method  # for the next call
+        return method
 
     @property
     def module(self) -> str:
@@ -125,7 +127,7 @@ class Proxy:
             published = {method.name for method in self.methods()}
         except Error:
             published = set()
-        return sorted(published.union(object.__dir__(self)))
+        return sorted(published.union(dir(type(self))))
 
     def __repr__(self) -> str:
         return f"<krvision.Proxy of the module {self.module}>"
@@ -160,6 +162,7 @@ class Broker:
         self._broker = broker
         self._url = url
         self._clients: dict[_lifetime.Closable, None] = {}  # in the order of their making
+        self._proxies: dict[str, Proxy] = {}
         _lifetime.add(self)
 
     def create(self, cls: Type[M], name: str, *arguments: Any, **keywords: Any) -> M:
@@ -186,7 +189,14 @@ class Broker:
 
     def __getitem__(self, module: str) -> Proxy:
         """A proxy of the module of this name, which need not exist yet."""
-        return Proxy(self, module)
+        try:
+            return self._proxies[module]
+        except KeyError:
+            proxy = Proxy(self, module)
+        if len(self._proxies) >= _MAX_PROXIES:
+            self._proxies.clear()
+        self._proxies[module] = proxy
+        return proxy
 
     def modules(self) -> list[str]:
         """Names of the modules that can be called, those of other processes included, in order."""
@@ -235,6 +245,7 @@ class Broker:
         while self._clients:
             client, _ = self._clients.popitem()
             client.close()
+        self._proxies.clear()
         self._broker.close()
         _lifetime.remove(self)
 

@@ -174,15 +174,14 @@ py::object getPixels(PythonImage& self) {
     }
     const KRImage& image = self.image;
     requirePixels(image, "pixels");
-    std::vector<py::ssize_t> shape{image.height, image.width};
-    if (image.nbLayers != 1) {
-        shape.push_back(image.nbLayers);
-    }
+    const std::array<py::ssize_t, 3> shape{image.height, image.width, image.nbLayers};
     py::object owner = self.owner;
     if (!owner) {
         owner = py::capsule(new Pixels(image.data), [](void* held) { delete static_cast<Pixels*>(held); });
     }
-    py::array array(py::dtype::of<std::uint8_t>(), std::move(shape), image.data.get(), owner);
+    const std::ptrdiff_t dimensions = image.nbLayers == 1 ? 2 : 3;
+    py::array array(py::dtype::of<std::uint8_t>(), {shape.begin(), shape.begin() + dimensions},
+                    image.data.get(), owner);
     if (!self.isWritable) {
         array.attr("flags").attr("writeable") = false;
     }
