@@ -4,7 +4,6 @@ from __future__ import annotations
 
 import sys
 import time
-from types import TracebackType
 from typing import TYPE_CHECKING, Any, NamedTuple, Optional, Type, TypeVar
 
 from . import _krvision, _lifetime
@@ -133,7 +132,7 @@ class Proxy:
         return f"<krvision.Proxy of the module {self.module}>"
 
 
-class Broker:
+class Broker(_lifetime.Closable):
     """Holds modules by name, and reaches those of other processes.
 
     Close it, best by ``with``: that closes its modules, the last one first, and leaves the domain. A broker that is never
@@ -248,17 +247,6 @@ class Broker:
         self._proxies.clear()
         self._broker.close()
         _lifetime.remove(self)
-
-    def __enter__(self) -> Broker:
-        return self
-
-    def __exit__(
-        self,
-        kind: Optional[Type[BaseException]],
-        error: Optional[BaseException],
-        traceback: Optional[TracebackType],
-    ) -> None:
-        self.close()
 
     def __repr__(self) -> str:
         return f"<krvision.Broker {self._url or 'of the program'}{' (closed)' if self.closed else ''}>"

@@ -2,12 +2,12 @@
 
 from __future__ import annotations
 
-from types import TracebackType
-from typing import Iterator, NamedTuple, Optional, Sequence, Type
+from typing import Iterator, NamedTuple, Optional, Sequence
 
 from . import _krvision
 from ._broker import Broker
 from ._definitions import ColorSpace, Resolution
+from ._lifetime import Closable
 
 
 class CameraInfo(NamedTuple):
@@ -77,7 +77,7 @@ class CameraStatistics(NamedTuple):
     hold: Durations
 
 
-class CameraSubscription:
+class CameraSubscription(Closable):
     """A subscription to a camera. Made by Cameras.subscribe().
 
     An iterable of images, without an end: ``for image in subscription:``. It outlives a restart of the service. Close it,
@@ -146,17 +146,6 @@ class CameraSubscription:
         if id is not None:
             self._cameras.unsubscribe(id)
 
-    def __enter__(self) -> CameraSubscription:
-        return self
-
-    def __exit__(
-        self,
-        kind: Optional[Type[BaseException]],
-        error: Optional[BaseException],
-        traceback: Optional[TracebackType],
-    ) -> None:
-        self.close()
-
 
 class Cameras:
     """The camera service of a domain, whichever process it is in. Thread-safe.
@@ -210,7 +199,7 @@ class Cameras:
         ]
 
 
-class CameraService:
+class CameraService(Closable):
     """The camera service, in this process: for a broker without one.
 
     It lives until it is closed, or its broker is.
@@ -238,14 +227,3 @@ class CameraService:
         """Closes the cameras; images that were delivered stay valid. May be called again."""
         self._service.close()
         self._broker._clients.pop(self, None)
-
-    def __enter__(self) -> CameraService:
-        return self
-
-    def __exit__(
-        self,
-        kind: Optional[Type[BaseException]],
-        error: Optional[BaseException],
-        traceback: Optional[TracebackType],
-    ) -> None:
-        self.close()

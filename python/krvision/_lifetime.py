@@ -5,16 +5,33 @@ from __future__ import annotations
 import atexit
 import signal
 import threading
-from types import FrameType
-from typing import Any, Optional, Protocol
+from types import FrameType, TracebackType
+from typing import Any, Optional, Type, TypeVar
 
 from . import _krvision
 
 _EXIT_S = 10.0  # for all modules to come down
 
 
-class Closable(Protocol):
-    def close(self) -> None: ...
+C = TypeVar("C", bound="Closable")
+
+
+class Closable:
+    """What the end of a ``with`` closes."""
+
+    def close(self) -> None:
+        raise NotImplementedError
+
+    def __enter__(self: C) -> C:
+        return self
+
+    def __exit__(
+        self,
+        kind: Optional[Type[BaseException]],
+        error: Optional[BaseException],
+        traceback: Optional[TracebackType],
+    ) -> None:
+        self.close()
 
 
 _open: dict[Any, None] = {}  # brokers, in the order of their making

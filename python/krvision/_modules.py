@@ -2,20 +2,18 @@
 
 from __future__ import annotations
 
-from types import TracebackType
-from typing import Any, Callable, Optional, Sequence, Type, TypeVar, Union
+from typing import Any, Callable, Optional, Sequence, Union
 
 from . import _krvision
 from ._broker import Broker
 from ._definitions import ColorSpace, Resolution
+from ._lifetime import Closable
 from ._publish import find_published, published
 
 __all__ = ["Extractor", "Module", "VisionExtractor", "published"]
 
-S = TypeVar("S", bound="Module")
 
-
-class Module:
+class Module(Closable):
     """A participant of the system: a name that others call, and the methods that it publishes.
 
     Derive, mark methods with ``published``, and make the module with ``Broker.create``: it can be called once its
@@ -137,17 +135,6 @@ class Module:
         if body is not None:  # otherwise its constructor has failed
             body.close()
             self._broker._clients.pop(self, None)
-
-    def __enter__(self: S) -> S:
-        return self
-
-    def __exit__(
-        self,
-        kind: Optional[Type[BaseException]],
-        error: Optional[BaseException],
-        traceback: Optional[TracebackType],
-    ) -> None:
-        self.close()
 
     def __repr__(self) -> str:
         body = self.__dict__.get("_body")

@@ -3,10 +3,10 @@
 from __future__ import annotations
 
 from os import PathLike, fspath
-from types import TracebackType
-from typing import Iterator, NamedTuple, Optional, Sequence, Type, Union
+from typing import Iterator, NamedTuple, Sequence, Union
 
 from . import _krvision
+from ._lifetime import Closable
 
 Path = Union[str, "PathLike[str]"]
 
@@ -76,7 +76,7 @@ class Video:
         return Recording(path, streams)
 
 
-class Recording:
+class Recording(Closable):
     """An oxv file that is being written. Made by Video.record(). Close it, best by ``with``. Thread-safe.
 
     Raises:
@@ -100,14 +100,3 @@ class Recording:
     def close(self) -> None:
         """Completes the file. May be called again."""
         self._writer.close()
-
-    def __enter__(self) -> Recording:
-        return self
-
-    def __exit__(
-        self,
-        kind: Optional[Type[BaseException]],
-        error: Optional[BaseException],
-        traceback: Optional[TracebackType],
-    ) -> None:
-        self.close()
