@@ -39,6 +39,31 @@ std::uint32_t toId(const Json& json, const char* name) {
     return json.get<std::uint32_t>();
 }
 
+// Looks at the brackets alone: whether it is JSON at all is for the parser to say.
+bool isNestedTooDeep(std::string_view text) {
+    std::size_t depth = 0;
+    bool isString = false;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const char c = text[i];
+        if (isString) {
+            if (c == '\\') {
+                ++i;
+            } else if (c == '"') {
+                isString = false;
+            }
+        } else if (c == '"') {
+            isString = true;
+        } else if (c == '[' || c == '{') {
+            if (++depth > kMaxNesting) {
+                return true;
+            }
+        } else if ((c == ']' || c == '}') && depth > 0) {
+            --depth;
+        }
+    }
+    return false;
+}
+
 std::string toText(const Json& json, const char* name) {
     if (!json.is_string()) {
         refuse("\"" + std::string(name) + "\" is not a string");
@@ -103,6 +128,9 @@ void append(std::string& bytes, Number number) {
 } // namespace
 
 ClientMessage decodeText(std::string_view text) {
+    if (isNestedTooDeep(text)) {
+        refuse("the JSON is nested more than " + std::to_string(kMaxNesting) + " deep");
+    }
     const Json json = Json::parse(text, nullptr, false);
     if (json.is_discarded() || !json.is_object()) {
         refuse("a text message is not a JSON object");

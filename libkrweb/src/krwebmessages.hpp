@@ -32,6 +32,9 @@ public:
 
 /// \name What clients send
 ///@{
+/// Levels of JSON in a message: copying it takes stack for each. Values nest less deep.
+inline constexpr std::size_t kMaxNesting = 128;
+
 struct Subscribe {
     struct Subscription {
         std::uint32_t id; ///< chosen by the client
@@ -67,7 +70,7 @@ struct Unsupported {
 using ClientMessage = std::variant<Subscribe, Unsubscribe, GetParameters, SetParameters, SubscribeParameters,
                                    CallService, Unsupported>;
 
-/// \throws ProtocolError
+/// \throws ProtocolError  also if arrays and objects are nested more than kMaxNesting deep
 ClientMessage decodeText(std::string_view text);
 /// \throws ProtocolError
 ClientMessage decodeBinary(std::span<const unsigned char> bytes);

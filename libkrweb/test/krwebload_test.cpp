@@ -64,7 +64,7 @@ TEST_F(KRWebLoad, GarbageIsAnsweredWithWhatIsWrong) {
     client.sendText("no JSON");
     expectStatus("not a JSON object");
     client.sendText("[" + std::string(100000, '['));
-    expectStatus("not a JSON object");
+    expectStatus("nested more than 128 deep");
     client.sendText("{}");
     expectStatus("\"op\" is missing");
     client.sendText(R"({"op":"subscribe"})");

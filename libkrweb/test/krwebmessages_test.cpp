@@ -48,6 +48,27 @@ TEST(KRWebMessages, TextsAreRead) {
     EXPECT_FALSE(end.subscribe);
 }
 
+// Copying such JSON would end the process for want of stack.
+TEST(KRWebMessages, JsonIsNotNestedWithoutEnd) {
+    const auto nest = [](const std::string& open, const std::string& close, int depth) {
+        std::string text = R"({"op":"setParameters","parameters":[{"name":"a\"[[[","value":)";
+        for (int i = 0; i < depth; ++i) {
+            text += open;
+        }
+        text += "1";
+        for (int i = 0; i < depth; ++i) {
+            text += close;
+        }
+        return text + "}]}";
+    };
+    const auto kept = std::get<SetParameters>(decodeText(nest("[", "]", 120)));
+    EXPECT_TRUE(kept.values.at(0).second.is_array());
+    for (const auto& [open, close] : {std::pair("[", "]"), {"{\"a\":", "}"}}) {
+        EXPECT_THAT(([&, open = open, close = close] { decodeText(nest(open, close, 150'000)); }),
+                    testing::ThrowsMessage<ProtocolError>(testing::HasSubstr("more than 128 deep")));
+    }
+}
+
 TEST(KRWebMessages, BytesThatAreNotUtf8DoNotReachClients) {
     EXPECT_EQ(encodeStatus(StatusLevel::Warning, "\xFF"),
               "{\"op\":\"status\",\"level\":1,\"message\":\"\xEF\xBF\xBD\"}");
