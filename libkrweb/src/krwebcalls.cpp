@@ -13,6 +13,7 @@
 #include <cmath>
 #include <set>
 #include <stdexcept>
+#include <system_error>
 
 namespace KR::web {
 
@@ -71,8 +72,8 @@ bool Calls::call(const std::string& module, const std::string& method, Methods m
         if (!stopping_ && calls_.size() < kMaxCalls) {
             calls_.emplace_back();
             Thread& place = calls_.back();
-            place.thread = std::thread([this, &place, module, method, methods = std::move(methods),
-                                        request = std::move(request), answer = std::move(answer)] {
+            const auto run = [this, &place, module, method, methods = std::move(methods),
+                              request = std::move(request), answer = std::move(answer)] {
                 setThreadName("krweb call");
                 Answer made;
                 try {
@@ -92,7 +93,15 @@ bool Calls::call(const std::string& module, const std::string& method, Methods m
                 }
                 const KRLock ending(mutex_);
                 place.hasEnded = true;
-            });
+            };
+            try {
+                place.thread = std::thread(run);
+            } catch (const std::system_error& error) { // the system has no thread left
+                logWarning("krweb", module + "." + method + ": " + error.what());
+                calls_.pop_back();
+                joinEnded();
+                return false;
+            }
             joinEnded();
             return true;
         }

@@ -20,6 +20,9 @@ namespace KR::web {
 namespace {
 
 constexpr std::size_t kMaxLogLines = 100;
+constexpr std::size_t kMaxResult = 8 << 20; // bytes of JSON, of a call
+const std::string kManyPictures =
+    "too many different pictures are being looked at, at most " + std::to_string(Pictures::kMaxFeeds);
 // Parameters of a client's pictures, behind the topic.
 constexpr const char* kResolutionSuffix = "/resolution";
 constexpr const char* kColorSpaceSuffix = "/color-space";
@@ -86,6 +89,17 @@ void Hub::stop() {
 
 void Hub::sendStatus(Client& client, StatusLevel level, const std::string& text) {
     client.sendText(share(encodeStatus(level, text)));
+}
+
+// A message may be wrong many times: what is sent back is bounded.
+void Hub::sendErrors(Client& client, const std::vector<std::string>& errors) {
+    for (std::size_t i = 0; i < std::min(errors.size(), kMaxErrors); ++i) {
+        sendStatus(client, StatusLevel::Error, errors[i]);
+    }
+    if (errors.size() > kMaxErrors) {
+        sendStatus(client, StatusLevel::Error,
+                   "and " + std::to_string(errors.size() - kMaxErrors) + " more errors in this message");
+    }
 }
 
 void Hub::add(Client& client) {
@@ -168,29 +182,30 @@ void Hub::handle(Client& client, const ClientMessage& message) {
 
 void Hub::subscribe(Client& client, const Subscribe& message) {
     ClientState& state = clients_.at(&client);
+    std::vector<std::string> errors;
     for (const auto& [id, channelId] : message.subscriptions) {
         const auto found = channels_.find(channelId);
         if (found == channels_.end()) {
-            sendStatus(client, StatusLevel::Error, "there is no channel " + std::to_string(channelId));
+            errors.push_back("there is no channel " + std::to_string(channelId));
             continue;
         }
         Channel& channel = found->second;
         if (state.subscriptions.contains(id) || channel.subscribers.contains(&client)) {
-            sendStatus(client, StatusLevel::Error,
-                       "subscription " + std::to_string(id) + " to channel " + channel.info.topic +
-                           ": there is one already");
+            errors.push_back("subscription " + std::to_string(id) + " to channel " + channel.info.topic +
+                             ": there is one already");
             continue;
         }
         if (state.subscriptions.size() >= kMaxSubscriptions) {
-            sendStatus(client, StatusLevel::Error,
-                       "subscription to channel " + channel.info.topic + ": a client has at most " +
-                           std::to_string(kMaxSubscriptions));
+            errors.push_back("subscription to channel " + channel.info.topic + ": a client has at most " +
+                             std::to_string(kMaxSubscriptions));
             continue;
         }
         state.subscriptions.emplace(id, channelId);
         channel.subscribers.emplace(&client, id);
         if (channel.kind == Kind::Image) {
-            updateViewings(channelId);
+            if (!updateViewings(channelId)) {
+                errors.push_back(channel.info.topic + ": " + kManyPictures);
+            }
         } else if (channel.kind == Kind::Log) {
             for (const Bytes& line : log_) {
                 client.sendEach(id, channel.lastTime_ns, line);
@@ -199,17 +214,20 @@ void Hub::subscribe(Client& client, const Subscribe& message) {
             client.sendNewest(id, channel.lastTime_ns, channel.last);
         }
     }
+    sendErrors(client, errors);
     updateInterest();
 }
 
 void Hub::unsubscribe(Client& client, const Unsubscribe& message) {
+    std::vector<std::string> errors;
     for (const std::uint32_t id : message.ids) {
         if (clients_.at(&client).subscriptions.contains(id)) {
             leave(client, id);
         } else {
-            sendStatus(client, StatusLevel::Warning, "there is no subscription " + std::to_string(id));
+            errors.push_back("there is no subscription " + std::to_string(id));
         }
     }
+    sendErrors(client, errors);
     updateInterest();
 }
 
@@ -232,11 +250,12 @@ const PictureRequest& Hub::getPicture(Client& client, int camera) {
     return clients_.at(&client).pictures.try_emplace(camera, PictureRequest{.camera = camera}).first->second;
 }
 
-void Hub::updateViewings(std::uint32_t id) {
+bool Hub::updateViewings(std::uint32_t id) {
     Channel& channel = channels_.at(id);
     if (channel.kind != Kind::Image) {
-        return;
+        return true;
     }
+    bool hasAll = true;
     std::set<PictureRequest> wanted;
     for (const auto& [client, subscription] : channel.subscribers) {
         wanted.insert(getPicture(*client, channel.camera));
@@ -258,10 +277,10 @@ void Hub::updateViewings(std::uint32_t id) {
         if (viewing) {
             channel.viewings.emplace(request, std::move(viewing));
         } else {
-            logWarning("krweb", "too many different pictures are being looked at, at most " +
-                                    std::to_string(Pictures::kMaxFeeds));
+            hasAll = false;
         }
     }
+    return hasAll;
 }
 
 void Hub::subscribeParameters(Client& client, const SubscribeParameters& message) {
@@ -275,6 +294,10 @@ void Hub::subscribeParameters(Client& client, const SubscribeParameters& message
     for (const std::string& name : message.names) {
         if (!message.subscribe) {
             state.parameters.erase(name);
+        } else if (name.size() > kMaxParameterName) {
+            sendStatus(client, StatusLevel::Error,
+                       "a parameter has a name of at most " + std::to_string(kMaxParameterName) + " bytes");
+            break;
         } else if (state.parameters.size() < kMaxParameters) {
             state.parameters.insert(name);
         } else {
@@ -326,8 +349,12 @@ bool Hub::setPicture(Client& client, const std::string& name, const Json& value)
     } else {
         changed.colorSpace = parseColorSpace(value.get<std::string>());
     }
-    clients_.at(&client).pictures[camera] = changed;
-    updateViewings(topic->second);
+    const PictureRequest before = std::exchange(clients_.at(&client).pictures[camera], changed);
+    if (!updateViewings(topic->second)) {
+        clients_.at(&client).pictures[camera] = before;
+        updateViewings(topic->second);
+        throw BadRequest(kManyPictures);
+    }
     return true;
 }
 
@@ -369,6 +396,7 @@ void Hub::setParameters(Client& client, const SetParameters& message) {
     }
     std::set<std::string> own; // of this client's pictures
     Values others;
+    std::vector<std::string> errors;
     for (const auto& [name, value] : message.values) {
         try {
             if (setPicture(client, name, value)) {
@@ -378,9 +406,10 @@ void Hub::setParameters(Client& client, const SetParameters& message) {
             }
         } catch (const BadRequest& error) {
             own.insert(name);
-            sendStatus(client, StatusLevel::Error, escapeText(name, 200) + ": " + error.what());
+            errors.push_back(escapeText(name, 200) + ": " + error.what());
         }
     }
+    sendErrors(client, errors);
     const Values ownValues = own.empty() ? Values() : getPictureValues(client, own);
     const bool isHeard = message.id || std::ranges::any_of(own, [&](const std::string& name) {
                              return hasParameter(clients_.at(&client), name);
@@ -400,9 +429,7 @@ void Hub::setParameters(Client& client, const SetParameters& message) {
         [this, to = &client, number = clientNumbers_.at(&client), id = message.id](Calls::Parameters answer) {
             post_([this, to, number, id, answer = std::move(answer)] {
                 if (isConnected(to, number)) {
-                    for (const std::string& failure : answer.failures) {
-                        sendStatus(*to, StatusLevel::Error, failure);
-                    }
+                    sendErrors(*to, answer.failures);
                     if (id) {
                         to->sendText(share(encodeParameterValues(toJsonValues(answer.values), id)));
                     }
@@ -453,9 +480,14 @@ void Hub::callService(Client& client, const CallService& message) {
     const bool isAccepted = calls_->call(
         found->second.module, found->second.method, found->second.methods, message.payload,
         [this, to = &client, number = clientNumbers_.at(&client), head](const Calls::Answer& answer) {
-            const Bytes made = share(answer.failure.empty() ? encodeCallResponse(head, answer.payload)
-                                                            : encodeCallFailure(head, answer.failure));
-            post_([this, to, number, made, hasFailed = !answer.failure.empty()] {
+            std::string failure = answer.failure;
+            if (answer.payload.size() > kMaxResult) {
+                failure = "the result takes " + std::to_string(answer.payload.size()) +
+                          " bytes of JSON, the limit is " + std::to_string(kMaxResult);
+            }
+            const Bytes made = share(failure.empty() ? encodeCallResponse(head, answer.payload)
+                                                     : encodeCallFailure(head, failure));
+            post_([this, to, number, made, hasFailed = !failure.empty()] {
                 if (!isConnected(to, number)) {
                     return;
                 }

@@ -26,6 +26,8 @@ class Hub {
 public:
     static constexpr std::size_t kMaxSubscriptions = 1024; ///< of one client
     static constexpr std::size_t kMaxParameters = 1024;    ///< names in one message, and of one client
+    static constexpr std::size_t kMaxParameterName = 1024; ///< bytes, of one that is subscribed to
+    static constexpr std::size_t kMaxErrors = 10;          ///< reported of one message
 
     Hub(boost::shared_ptr<KRBroker> broker, const std::string& domain, const std::string& module,
         bool readOnly, Post post);
@@ -92,7 +94,8 @@ private:
     void updateServices(const Directory& directory);
     ChannelInfo describeChannel(Kind kind, const std::string& topic) const;
     const PictureRequest& getPicture(Client& client, int camera);
-    void updateViewings(std::uint32_t channel);
+    /// \return false: too many different pictures are being looked at
+    bool updateViewings(std::uint32_t channel);
     void showPicture(std::uint32_t channel, const PictureRequest& request,
                      const std::shared_ptr<PictureSlot>& slot);
     using Values = std::vector<std::pair<std::string, Json>>;
@@ -107,6 +110,7 @@ private:
     void broadcast(std::string message);
     bool isConnected(Client* client, std::uint64_t number) const;
     static void sendStatus(Client& client, StatusLevel level, const std::string& text);
+    static void sendErrors(Client& client, const std::vector<std::string>& errors);
 
     const bool readOnly_;
     const Post post_;

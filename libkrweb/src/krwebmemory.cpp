@@ -21,6 +21,7 @@ namespace KR::web {
 namespace {
 
 constexpr std::chrono::milliseconds kCheck{500}; // for another memory module
+constexpr std::size_t kMessageCost = 512;        // bytes of memory of a message, beside its texts
 
 // Prefixes of all names, none of which is a prefix of another one: otherwise what both match would come twice.
 std::set<std::string> findPrefixes(const std::set<std::string>& keys, const std::set<std::string>& events) {
@@ -201,10 +202,16 @@ void MemoryWatch::receive(const std::string& name, const KRValue& value, bool is
     made.isEvent = isEvent;
     made.time_ns = getTime_ns();
     made.payload = share(dump({{"value", toJson(value)}}));
+    if (made.payload->size() > kMaxJson) { // a control character takes six bytes
+        logWarning("krweb", what + " is left out: as JSON it takes " + std::to_string(made.payload->size()) +
+                                " bytes, the limit is " + std::to_string(kMaxJson));
+        return;
+    }
     if (!isEvent && name.ends_with(kAnnotationsSuffix)) {
         setAnnotations(made, value);
     }
-    const std::size_t bytes = made.payload->size() + (made.annotations ? made.annotations->size() : 0);
+    const std::size_t bytes =
+        kMessageCost + made.payload->size() + (made.annotations ? made.annotations->size() : 0);
     *waiting_ += bytes;
     receiver_(std::shared_ptr<const MemoryMessage>(new MemoryMessage(std::move(made)),
                                                    [waiting = waiting_, bytes](const MemoryMessage* message) {

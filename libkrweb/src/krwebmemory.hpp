@@ -36,6 +36,7 @@ struct MemoryMessage {
 class MemoryWatch {
 public:
     static constexpr std::size_t kMaxValue = 4 << 20; ///< bytes; larger ones are left out, and logged
+    static constexpr std::size_t kMaxJson = 8 << 20;  ///< bytes, of a value; the same
     static constexpr std::size_t kMaxWaiting =
         16 << 20; ///< bytes for the receiver; more are left out, and logged
 

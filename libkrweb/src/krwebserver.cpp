@@ -28,6 +28,7 @@ using asio::ip::tcp;
 
 constexpr int kSendBuffer = 256 << 10; // bytes that the kernel may hold for a client: what is in it is old
 constexpr std::chrono::milliseconds kAcceptPause{100}; // after an error, such as too many open files
+constexpr std::chrono::seconds kRefusedInterval{1};    // between lines about connections too many
 
 std::string makeModuleName(int port) {
     std::array<char, 256> host{};
@@ -143,7 +144,11 @@ private:
                 });
                 return;
             }
-            serve(std::move(socket));
+            try {
+                serve(std::move(socket));
+            } catch (const std::exception& failure) { // no memory: the next one may do
+                logWarning("krweb", std::string("a connection cannot be served: ") + failure.what());
+            }
             accept();
         });
     }
@@ -153,8 +158,8 @@ private:
         socket.set_option(tcp::no_delay(true), ignored);
         socket.set_option(asio::socket_base::send_buffer_size(kSendBuffer), ignored);
         if (connections_->isFull()) {
-            logWarning("krweb", "a connection is refused: there are " +
-                                    std::to_string(web::Connections::kMax) + " already");
+            ++refused_;
+            logRefused();
             constexpr std::string_view kAnswer = "HTTP/1.1 503 Service Unavailable\r\nContent-Length: 0\r\n"
                                                  "Connection: close\r\n\r\n";
             socket.non_blocking(true, ignored);
@@ -162,6 +167,24 @@ private:
             return;
         }
         web::serveHttp(*connections_, std::move(socket));
+    }
+
+    // At once, then once a second at most.
+    void logRefused() {
+        if (isLogging_ || refused_ == 0) {
+            return;
+        }
+        logWarning("krweb", "refused " + std::to_string(refused_) + " connections: there are " +
+                                std::to_string(web::Connections::kMax) + " already");
+        refused_ = 0;
+        isLogging_ = true;
+        refusedPause_.expires_after(kRefusedInterval);
+        refusedPause_.async_wait([this](boost::system::error_code error) {
+            isLogging_ = false;
+            if (!error) {
+                logRefused();
+            }
+        });
     }
 
     const web::Access access_;
@@ -173,6 +196,9 @@ private:
     asio::io_context context_{1};
     tcp::acceptor acceptor_;
     asio::steady_timer pause_;
+    asio::steady_timer refusedPause_{context_};
+    std::size_t refused_ = 0; // connections, not logged yet
+    bool isLogging_ = false;  // has logged some a moment ago
     std::unique_ptr<KRLogListener> log_;
     std::thread thread_;
 };

@@ -24,6 +24,8 @@ namespace websocket = boost::beast::websocket;
 constexpr std::size_t kMaxMessage = 1 << 20;  // bytes, of a client
 constexpr std::size_t kMaxEach = 4 << 20;     // bytes of messages that wait, of which each counts
 constexpr std::size_t kMaxWaiting = 16 << 20; // bytes; a client with more is dropped
+constexpr std::size_t kMessageCost = 256;     // bytes of memory of a message that waits, beside its payload
+constexpr std::size_t kKeptBuffer = 64 << 10; // bytes, between messages of a client
 constexpr std::chrono::seconds kIdle{30};     // without a sign of life
 
 std::string_view findSubprotocol(const HttpRequest& request) {
@@ -42,6 +44,11 @@ public:
     WebSocket(Connections& connections, beast::tcp_stream stream)
         : connections_(connections), peer_(describe(stream)), stream_(std::move(stream)),
           stall_(stream_.get_executor()) {}
+    ~WebSocket() override {
+        if (isKnown_) { // after an exception
+            connections_.getHub().remove(*this);
+        }
+    }
 
     void start(const HttpRequest& request) {
         place_.emplace(connections_, this, weak_from_this());
@@ -82,8 +89,8 @@ public:
             return;
         }
         const auto [place, isNew] = newest_.try_emplace(subscription);
-        newestBytes_ -= isNew ? 0 : place->second.payload->size();
-        newestBytes_ += payload->size();
+        newestBytes_ -= isNew ? 0 : getCost(place->second.payload);
+        newestBytes_ += getCost(payload);
         place->second = {payload, time_ns};
         if (isNew) {
             turn_.push_back(subscription);
@@ -101,13 +108,13 @@ public:
     void forget(std::uint32_t subscription) override {
         const auto found = newest_.find(subscription);
         if (found != newest_.end()) {
-            newestBytes_ -= found->second.payload->size();
+            newestBytes_ -= getCost(found->second.payload);
             newest_.erase(found);
             std::erase(turn_, subscription);
         }
         std::erase_if(queue_, [&](const Message& message) {
             const bool isOf = message.subscription == subscription;
-            queuedBytes_ -= isOf ? message.payload->size() : 0;
+            queuedBytes_ -= isOf ? getCost(message.payload) : 0;
             return isOf;
         });
     }
@@ -124,6 +131,8 @@ private:
         std::uint64_t time_ns = 0;
     };
 
+    static std::size_t getCost(const Bytes& payload) { return payload->size() + kMessageCost; }
+
     static std::string describe(const beast::tcp_stream& stream) {
         beast::error_code error;
         const auto endpoint = stream.socket().remote_endpoint(error);
@@ -134,7 +143,7 @@ private:
         if (isClosed_) {
             return;
         }
-        queuedBytes_ += message.payload->size();
+        queuedBytes_ += getCost(message.payload);
         queue_.push_back(std::move(message));
         checkWaiting();
         write();
@@ -163,12 +172,12 @@ private:
         if (!queue_.empty()) {
             writing_ = std::move(queue_.front());
             queue_.pop_front();
-            queuedBytes_ -= writing_.payload->size();
+            queuedBytes_ -= getCost(writing_.payload);
         } else {
             const std::uint32_t subscription = turn_.front();
             turn_.pop_front();
             const auto newest = newest_.find(subscription);
-            newestBytes_ -= newest->second.payload->size();
+            newestBytes_ -= getCost(newest->second.payload);
             writing_ = {std::move(newest->second.payload),
                         encodeDataHeader(subscription, newest->second.time_ns), subscription, false};
             newest_.erase(newest);
@@ -207,17 +216,28 @@ private:
                 self->close();
                 return;
             }
-            const auto data = self->buffer_.cdata();
-            const auto* bytes = static_cast<const unsigned char*>(data.data());
-            if (self->stream_.got_text()) {
-                self->connections_.getHub().handleText(
-                    *self, std::string_view(reinterpret_cast<const char*>(bytes), data.size()));
-            } else {
-                self->connections_.getHub().handleBinary(*self, std::span(bytes, data.size()));
-            }
+            self->handle();
             self->buffer_.consume(self->buffer_.size());
+            if (self->buffer_.capacity() > kKeptBuffer) {
+                self->buffer_.shrink_to_fit();
+            }
             self->read();
         });
+    }
+
+    void handle() {
+        const auto data = buffer_.cdata();
+        const auto* bytes = static_cast<const unsigned char*>(data.data());
+        try {
+            if (stream_.got_text()) {
+                connections_.getHub().handleText(
+                    *this, std::string_view(reinterpret_cast<const char*>(bytes), data.size()));
+            } else {
+                connections_.getHub().handleBinary(*this, std::span(bytes, data.size()));
+            }
+        } catch (const std::exception& error) { // no memory, no thread
+            drop(std::string("a message of it failed: ") + error.what());
+        }
     }
 
     Connections& connections_;

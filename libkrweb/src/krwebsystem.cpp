@@ -43,12 +43,18 @@ Json describeSize(int resolution) {
     return std::to_string(width) + "x" + std::to_string(height);
 }
 
-void limit(std::vector<std::string>& names, const char* what) {
-    if (names.size() > kMaxNames) {
+// \param logged  how many were logged; reset once there are few again
+void limit(std::vector<std::string>& names, const char* what, std::size_t& logged) {
+    if (names.size() <= kMaxNames) {
+        logged = 0;
+        return;
+    }
+    if (names.size() != logged) {
+        logged = names.size();
         logWarning("krweb", "there are " + std::to_string(names.size()) + " " + what + "; the first " +
                                 std::to_string(kMaxNames) + " are shown");
-        names.resize(kMaxNames);
     }
+    names.resize(kMaxNames);
 }
 
 const KRSubscriberInfo* findSubscriber(const std::vector<KRSubscriberInfo>& subscribers,
@@ -161,8 +167,8 @@ void System::askDirectory() {
             const std::set<std::string> events(directory.events.begin(), directory.events.end());
             directory.keys = memory.getDataList();
             std::erase_if(directory.keys, [&](const std::string& key) { return events.contains(key); });
-            limit(directory.events, "events");
-            limit(directory.keys, "keys in memory");
+            limit(directory.events, "events", loggedEvents_);
+            limit(directory.keys, "keys in memory", loggedKeys_);
         } catch (const KRError&) { // NOLINT(bugprone-empty-catch): it has just gone
         }
     }

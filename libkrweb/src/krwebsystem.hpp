@@ -89,6 +89,8 @@ private:
     std::map<std::string, Known> known_; // by module
     Directory lastDirectory_;
     bool hasDirectory_ = false;
+    std::size_t loggedEvents_ = 0; // too many; see limit()
+    std::size_t loggedKeys_ = 0;
     // Of the thread of the controls.
     std::map<std::string, int> lastControls_;
     // Of the thread of the extractors.

@@ -88,6 +88,64 @@ TEST_F(KRWebLoad, GarbageIsAnsweredWithWhatIsWrong) {
     EXPECT_TRUE(client.waitForEnd());
 }
 
+TEST_F(KRWebLoad, ErrorsOfOneMessageAreCountedNotListed) {
+    startServer();
+    WebClient client(getPort());
+    Json list = Json::array();
+    for (int i = 0; i < 1000; ++i) {
+        list.push_back({{"id", i}, {"channelId", 99999}});
+    }
+    client.sendText(Json{{"op", "subscribe"}, {"subscriptions", list}}.dump());
+    std::string text;
+    int errors = 0;
+    do {
+        text = client.readText("status").at("message");
+        ++errors;
+    } while (text == "there is no channel 99999");
+    EXPECT_EQ(text, "and 990 more errors in this message");
+    EXPECT_EQ(errors, 11);
+}
+
+TEST_F(KRWebLoad, NamesThatAClientSubscribesToAreBounded) {
+    startServer();
+    WebClient client(getPort());
+    const std::string longName(1025, 'x');
+    client.sendText(
+        Json{{"op", "subscribeParameterUpdates"}, {"parameterNames", Json::array({longName})}}.dump());
+    EXPECT_THAT(client.readText("status").at("message").get<std::string>(), HasSubstr("at most 1024 bytes"));
+}
+
+TEST_F(KRWebLoad, ClientsThatSeeDifferentPicturesAreBounded) {
+    startCameras();
+    startServer();
+    std::vector<std::unique_ptr<RawConnection>> streams;
+    for (int quality = 1; quality <= 32; ++quality) {
+        streams.push_back(std::make_unique<RawConnection>(getPort()));
+        ASSERT_TRUE(streams.back()->write("GET /camera/0.mjpeg?resolution=160x120&quality=" +
+                                          std::to_string(quality) + " HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n"));
+        ASSERT_THAT(streams.back()->readUntil("image/jpeg"), HasSubstr("image/jpeg"));
+    }
+    EXPECT_EQ(get(getPort(), "/camera/0.jpg?quality=99").status, 503);
+    WebClient client(getPort());
+    client.subscribe("/camera/0/image");
+    EXPECT_THAT(client.readText("status").at("message").get<std::string>(), HasSubstr("at most 32"));
+}
+
+// Text of control characters: six times as long as JSON.
+TEST_F(KRWebLoad, ValuesThatBecomeTooLongAreLeftOut) {
+    startServer();
+    KRMemoryProxy memory(broker_);
+    memory.insertData("Sample/Long", std::string(3 << 20, '\1'));
+    WebClient client(getPort());
+    const std::uint32_t log = client.subscribe("/log");
+    const std::uint32_t value = client.subscribe("/memory/Sample/Long");
+    EXPECT_THAT(client.readJson(log).at("text").get<std::string>(), HasSubstr("is left out: as JSON"));
+    EXPECT_THAT(client.call("/KRMemory/getData", {{"key", "Sample/Long"}}).at("failure").get<std::string>(),
+                HasSubstr("the limit is 8388608"));
+    memory.insertData("Sample/Long", 1);
+    EXPECT_EQ(client.readJson(value).at("value"), 1);
+}
+
 TEST_F(KRWebLoad, AClientThatDoesNotReadIsDropped) {
     startCameras({"test:snow"}); // large pictures
     startServer({.patience = std::chrono::milliseconds(1000)});
@@ -130,12 +188,26 @@ TEST_F(KRWebLoad, AHundredClientsSeeTheSamePictures) {
 
 TEST_F(KRWebLoad, ConnectionsAreBounded) {
     startServer();
+    WebClient client(getPort());
+    const std::uint32_t log = client.subscribe("/log");
     std::vector<std::unique_ptr<RawConnection>> connections;
-    for (int i = 0; i < 256; ++i) {
+    for (int i = 0; i < 255; ++i) {
         connections.push_back(std::make_unique<RawConnection>(getPort()));
     }
-    RawConnection more(getPort());
-    EXPECT_THAT(more.readUntil("\r\n"), HasSubstr("503"));
+    for (int i = 0; i < 20; ++i) {
+        RawConnection more(getPort());
+        EXPECT_THAT(more.readUntil("\r\n"), HasSubstr("503"));
+    }
+    // The log has all of them, but not a line for each.
+    int refused = 0;
+    int lines = 0;
+    for (; refused < 20; ++lines) {
+        const std::string line = client.readJson(log).at("text");
+        ASSERT_THAT(line, HasSubstr(" connections: there are 256 already"));
+        refused += std::stoi(line.substr(std::string("refused ").size()));
+    }
+    EXPECT_EQ(refused, 20);
+    EXPECT_LT(lines, 20);
     connections.clear();
     EXPECT_TRUE(becomesTrue([&] { return get(getPort(), "/").status == 200; }));
 }

@@ -150,6 +150,29 @@ TEST_F(KRWebProtocol, ChannelsComeAndGoWithTheirKeys) {
     EXPECT_TRUE(client.waitForNoChannel("/memory/Sample/Late"));
 }
 
+TEST_F(KRWebProtocol, AClientThatComesLaterSeesWhatThereIsNow) {
+    startServer();
+    KRMemoryProxy memory(broker_);
+    WebClient first(getPort());
+    memory.insertData("Sample/Late", 1);
+    first.waitForChannel("/memory/Sample/Late");
+    auto sample = createModule<Sample>(broker_, "Sample");
+    first.waitForService("/Sample/scale");
+    {
+        WebClient second(getPort());
+        second.waitForChannel("/memory/Sample/Late");
+        second.waitForService("/Sample/scale");
+    }
+    memory.removeData("Sample/Late");
+    EXPECT_TRUE(first.waitForNoChannel("/memory/Sample/Late"));
+    sample.reset();
+    EXPECT_TRUE(first.waitForNoService("/Sample/scale"));
+    WebClient third(getPort());
+    third.waitForService("/KRMemory/insertData"); // behind the channels
+    EXPECT_TRUE(third.waitForNoChannel("/memory/Sample/Late"));
+    EXPECT_TRUE(third.waitForNoService("/Sample/scale"));
+}
+
 TEST_F(KRWebProtocol, EachEventComesOnce) {
     startServer();
     KRMemoryProxy memory(broker_);

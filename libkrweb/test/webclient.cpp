@@ -183,6 +183,10 @@ struct WebClient::Private {
             for (const Json& service : message.at("services")) {
                 services[service.at("name")] = service;
             }
+        } else if (operation == "unadvertiseServices") {
+            for (const Json& id : message.at("serviceIds")) {
+                std::erase_if(services, [&](const auto& service) { return service.second.at("id") == id; });
+            }
         } else if (operation == "serviceCallFailure") {
             answers[message.at("callId")] = {{"failure", message.at("message")}};
         } else {
@@ -269,6 +273,10 @@ WebClient::Json WebClient::waitForService(const std::string& name) {
         throw std::runtime_error("there is no service " + name);
     }
     return p_->services[name];
+}
+
+bool WebClient::waitForNoService(const std::string& name) {
+    return p_->readUntil([&] { return !p_->services.contains(name); });
 }
 
 std::uint32_t WebClient::subscribe(const std::string& topic) {

@@ -72,6 +72,8 @@ public:
     /// \return whether the channel was unadvertised in time
     bool waitForNoChannel(const std::string& topic);
     Json waitForService(const std::string& name);
+    /// \return whether the service was unadvertised in time
+    bool waitForNoService(const std::string& name);
     /// Waits for the channel and subscribes. \return number of the subscription
     std::uint32_t subscribe(const std::string& topic);
     void unsubscribe(std::uint32_t subscription);
