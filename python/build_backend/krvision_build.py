@@ -51,13 +51,14 @@ def prepare_metadata_for_build_wheel(metadata_directory: str, config_settings: A
 
 
 def build_wheel(wheel_directory: str, config_settings: Any = None, metadata_directory: Optional[str] = None) -> str:
+    os.environ.setdefault("CMAKE_BUILD_PARALLEL_LEVEL", str(os.cpu_count() or 1))
     tag = _metadata()["WHEEL"].split("Tag: ")[1].strip()
     wheel = f"{NAME}-{_read('version')}-{tag}.whl"
     with tempfile.TemporaryDirectory() as folder:
         build, place = os.path.join(folder, "build"), os.path.join(folder, "place")
         for command in (
             ["-S", str(ROOT), "-B", build, "-DCMAKE_BUILD_TYPE=Release", f"-DPython_EXECUTABLE={sys.executable}",
-             f"-DCMAKE_INSTALL_PREFIX={place}", "-DKR_PYTHON_PLACE=."],
+             f"-DCMAKE_INSTALL_PREFIX={place}", "-DKR_PYTHON_PLACE=.", "-DCMAKE_UNITY_BUILD=ON"],
             ["--build", build],
             ["--install", build],
         ):  # fmt: skip
