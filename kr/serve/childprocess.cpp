@@ -17,16 +17,19 @@ namespace KR::tool {
 namespace {
 
 // Between fork and exec: nothing here takes memory or a lock.
-[[noreturn]] void become(char* const* arguments, pid_t parent) noexcept {
+[[noreturn]] void become(char* const* arguments, pid_t parent, ChildOutput output) noexcept {
     ::setpgid(0, 0); // Ctrl-C is for the parent, which ends this one in its turn
     sigset_t none;
     ::sigemptyset(&none);
     ::sigprocmask(SIG_SETMASK, &none, nullptr);
     ::signal(SIGPIPE, SIG_DFL);
     ::prctl(PR_SET_PDEATHSIG, SIGTERM);
-    const int input = ::open("/dev/null", O_RDONLY);
-    if (input >= 0) {
-        ::dup2(input, STDIN_FILENO);
+    const int nothing = ::open("/dev/null", O_RDWR);
+    if (nothing >= 0) {
+        ::dup2(nothing, STDIN_FILENO);
+        if (output == ChildOutput::None) {
+            ::dup2(nothing, STDOUT_FILENO);
+        }
     }
     if (::getppid() == parent) { // or else it ended before prctl()
         ::execv(arguments[0], arguments);
@@ -36,7 +39,7 @@ namespace {
 
 } // namespace
 
-ChildProcess::ChildProcess(std::vector<std::string> command) {
+ChildProcess::ChildProcess(std::vector<std::string> command, ChildOutput output) {
     if (::access(command.front().c_str(), X_OK) != 0) {
         throw std::runtime_error(command.front() + ": " + std::strerror(errno));
     }
@@ -51,7 +54,7 @@ ChildProcess::ChildProcess(std::vector<std::string> command) {
         throw std::runtime_error(std::string("no process: ") + std::strerror(errno));
     }
     if (process_ == 0) {
-        become(arguments.data(), parent);
+        become(arguments.data(), parent, output);
     }
 }
 

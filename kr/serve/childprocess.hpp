@@ -8,14 +8,17 @@
 
 namespace KR::tool {
 
+enum class ChildOutput { Shared, None };
+
 /// A program that runs beside this one and ends with it. Thread-bound: it is sent SIGTERM when the thread that has started
 /// it ends.
 class ChildProcess {
 public:
-    /// Starts it with this program's output and without input, in a process group of its own.
+    /// Starts it without input, in a process group of its own. It shares this program's standard error.
     /// \param command  path of the program, and its arguments
+    /// \param output  whether it shares the standard output
     /// \throws std::runtime_error it cannot be started
-    explicit ChildProcess(std::vector<std::string> command);
+    ChildProcess(std::vector<std::string> command, ChildOutput output);
     /// Kills it if it still runs.
     ~ChildProcess();
     ChildProcess(const ChildProcess&) = delete;

@@ -138,7 +138,8 @@ void RobotHost::addModule(const RobotModule& module) {
             },
             [this, name = module.name] {
                 return broker_->getSession().waitForService(name, std::chrono::milliseconds(0));
-            });
+            },
+            ChildOutput::Shared);
     } else {
         auto hosted = std::make_unique<HostedModule>(broker_, module);
         running.hosted = hosted.get();
@@ -159,7 +160,7 @@ void RobotHost::addRecording() {
     if (robot_.recording) {
         recording_ = std::make_unique<SupervisedProcess>(
             "the recording", true, [this] { return makeRecordCommand(*robot_.recording, robot_.broker); },
-            [] { return true; });
+            [] { return true; }, ChildOutput::None); // a line per second
     }
 }
 

@@ -7,7 +7,7 @@
 namespace KR::tool {
 
 void SupervisedProcess::xStart() {
-    process_ = std::make_unique<ChildProcess>(makeCommand_());
+    process_ = std::make_unique<ChildProcess>(makeCommand_(), output_);
 }
 
 void SupervisedProcess::xEnd() {

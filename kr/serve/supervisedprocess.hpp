@@ -19,9 +19,9 @@ public:
     /// \param makeCommand  returns path and arguments, for each start
     /// \param isReady  whether it does its work
     SupervisedProcess(std::string title, bool restart, std::function<std::vector<std::string>()> makeCommand,
-                      std::function<bool()> isReady)
+                      std::function<bool()> isReady, ChildOutput output)
         : Supervised(std::move(title), restart), makeCommand_(std::move(makeCommand)),
-          isReady_(std::move(isReady)) {}
+          isReady_(std::move(isReady)), output_(output) {}
 
 protected:
     void xStart() override;
@@ -33,6 +33,7 @@ protected:
 private:
     const std::function<std::vector<std::string>()> makeCommand_;
     const std::function<bool()> isReady_;
+    const ChildOutput output_;
     std::unique_ptr<ChildProcess> process_;
     Clock::time_point deadline_{}; // for its end
 };

@@ -227,7 +227,9 @@ TEST_F(KrRobot, RecordsIntoAFileNamedAfterTheTime) {
         serveFile("cameras: [test]\nmemory: {Here: 1}\nrecord: {file: drive-%Y.mcap, memory: [Here]}\n");
     ASSERT_TRUE(server.isUp()) << server.readErr();
     ASSERT_TRUE(server.waitFor("recording")) << server.readErr();
-    EXPECT_EQ(server.stop().exitCode, 0);
+    const Outcome outcome = server.stop();
+    EXPECT_EQ(outcome.exitCode, 0);
+    EXPECT_EQ(outcome.out, ""); // nor the state of the recording, each second
     std::string name;
     for (const auto& each : std::filesystem::directory_iterator(std::filesystem::path(file_).parent_path())) {
         name += each.path().extension() == ".mcap" ? each.path().filename().string() : "";
