@@ -93,8 +93,15 @@ TEST(KrCommand, WhatItDoesNotKnowIsNamed) {
     EXPECT_THAT(errorOf({"image", "paint", "a"}), HasSubstr("kr: kr image has no verb \"paint\"\n"));
     EXPECT_THAT(errorOf({"image", "info", "--wrong"}),
                 HasSubstr("kr: kr image info has no option \"--wrong\"\n"));
+    EXPECT_THAT(errorOf({"image", "info", "a", "--wrong", "3"}),
+                HasSubstr("kr: kr image info has no option \"--wrong\"\n"));
     EXPECT_THAT(errorOf({"image", "dump", "a", "b"}), HasSubstr("not expected: b\n"));
     EXPECT_THAT(errorOf({"image", "dump"}), HasSubstr("kr: FILE is required\n"));
+}
+
+TEST(KrCommand, AMissingVerbIsReportedWithTheVerbsThereAre) {
+    EXPECT_THAT(kr({}).err, testing::ContainsRegex("kr: kr needs a verb: .*, image, .*, video"));
+    EXPECT_THAT(kr({"image"}).err, HasSubstr("kr: kr image needs a verb: convert, dump, info\n"));
 }
 
 TEST(KrCommand, MalformedNumbersAreRefused) {

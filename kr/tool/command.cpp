@@ -39,19 +39,34 @@ ExitCode run(const std::function<ExitCode()>& act) {
     return ExitCode::Failed;
 }
 
+std::string listVerbs(const CLI::App& app) {
+    std::string verbs;
+    for (const CLI::App* verb :
+         app.get_subcommands([](const CLI::App* each) { return !each->get_group().empty(); })) {
+        verbs += (verbs.empty() ? "" : ", ") + verb->get_name();
+    }
+    return verbs;
+}
+
 // CLI11 reports a missing argument even where an unknown one stands in its place.
 std::string explain(const CLI::App& app, const CLI::ParseError& error) {
-    const std::vector<std::string> unknown = app.remaining(true);
-    if (dynamic_cast<const CLI::RequiredError*>(&error) == nullptr || unknown.empty()) {
-        return error.what();
-    }
+    const CLI::App* verb = &app; // the innermost
     std::string command = app.get_name();
-    for (const CLI::App* at = &app; !at->get_subcommands().empty();) {
-        at = at->get_subcommands().front();
-        command += " " + at->get_name();
+    while (!verb->get_subcommands().empty()) {
+        verb = verb->get_subcommands().front();
+        command += " " + verb->get_name();
     }
-    const bool isOption = unknown.front().starts_with("-");
-    return command + " has no " + (isOption ? "option " : "verb ") + "\"" + unknown.front() + "\"";
+    const std::vector<std::string> unknown = app.remaining(true);
+    const bool isOption = !unknown.empty() && unknown.front().starts_with("-");
+    const bool isMissing = dynamic_cast<const CLI::RequiredError*>(&error) != nullptr;
+    const bool isSurplus = dynamic_cast<const CLI::ExtrasError*>(&error) != nullptr;
+    if (isMissing && unknown.empty() && verb->get_require_subcommand_min() > 0) {
+        return command + " needs a verb: " + listVerbs(*verb);
+    }
+    if ((isMissing && !unknown.empty()) || (isSurplus && isOption)) {
+        return command + " has no " + (isOption ? "option " : "verb ") + "\"" + unknown.front() + "\"";
+    }
+    return error.what();
 }
 
 // CLI11 throws for --help, too.
