@@ -22,6 +22,7 @@
 
 #include <array>
 #include <cstring>
+#include <fstream>
 #include <functional>
 #include <thread>
 
@@ -370,6 +371,48 @@ TEST(KRLocalLiar, AClientThatRingsForNothingOrNotAtAllHoldsUpNobodyElse) {
     EXPECT_FALSE(ringing.receive().empty());
     for (int i = 0; i < 100; ++i) {
         EXPECT_FALSE(silent.receive().empty());
+    }
+    server.stop();
+}
+
+/// How often the bell has been rung without being heard.
+std::string getRings(int bell) {
+    std::ifstream info("/proc/self/fdinfo/" + std::to_string(bell));
+    for (std::string key, value; info >> key >> value;) {
+        if (key == "eventfd-count:") {
+            return value;
+        }
+    }
+    return {};
+}
+
+TEST(KRLocalBell, IsRememberedUntilItsRequestComes) {
+    test::Event release;
+    test::TestService service([&](KRLocalRequest& request) {
+        if (request.message.code == 1) {
+            EXPECT_TRUE(release.wait());
+        }
+        request.reply(request.message);
+    });
+    KRLocalEndpoint server(KRLocalOptions{"server", ""}, service);
+    Liar client(server.getAddress());
+    eventfd_write(client.bell.get(), 1);
+    EXPECT_TRUE(test::eventually([&] { return getRings(client.bell.get()) == "0"; }));
+    KRLocalFrame blocking = makeRequest();
+    blocking.code = 1;
+    client.send(blocking.compose());
+    KRLocalFrame further = makeRequest();
+    further.kind = KRLocalFrame::Further;
+    further.number = 2;
+    client.send(further.compose());
+    {
+        const test::SetAtEnd atEnd(release);
+        std::size_t headSize = 0;
+        const std::string reply = client.receive();
+        EXPECT_EQ(KRLocalFrame::parse({reinterpret_cast<const unsigned char*>(reply.data()), reply.size()},
+                                      headSize)
+                      .number,
+                  2u);
     }
     server.stop();
 }
