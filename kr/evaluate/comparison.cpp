@@ -49,7 +49,7 @@ void Comparison::fail(const std::string& why) const {
 }
 
 void Comparison::readNext() {
-    const std::optional<std::uint64_t> before = next_ ? std::optional(next_->frame) : std::nullopt;
+    const std::uint64_t before = next_ ? next_->frame : 0;
     next_.reset();
     std::string line;
     while (next_ == std::nullopt && std::getline(file_, line)) {
@@ -65,8 +65,8 @@ void Comparison::readNext() {
     if (file_.bad()) {
         throw std::runtime_error(path_ + ": cannot be read");
     }
-    if (before && next_ && next_->frame < *before) {
-        fail("frame " + std::to_string(next_->frame) + " comes after frame " + std::to_string(*before));
+    if (next_ && next_->frame < before) {
+        fail("frame " + std::to_string(next_->frame) + " comes after frame " + std::to_string(before));
     }
 }
 

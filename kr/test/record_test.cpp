@@ -97,7 +97,8 @@ TEST_F(KrRecord, AKilledRecordingIsRecovered) {
     RunningProgram recorder = record({"--camera", "0", "--resolution", "160x120"});
     ASSERT_TRUE(eventually([&] {
         const std::vector<std::string> written = listFiles();
-        return written.size() == 1 && std::filesystem::file_size(path(written[0])) > 3'000'000; // several chunks
+        return written.size() == 1 &&
+               std::filesystem::file_size(path(written[0])) > 3'000'000; // several chunks
     })) << recorder.readOut()
         << recorder.readErr();
     (void)recorder.stop(SIGKILL);
