@@ -179,7 +179,7 @@ private:
     }
     void publish(ReplayMessage message) {
         if (message.kind == ReplayMessage::Kind::Image) {
-            feeds_.at(message.camera)->publish(std::move(*message.image));
+            feeds_.at(message.camera)->publish(*message.image);
             return;
         }
         try {

@@ -4,10 +4,10 @@
 
 namespace KR::tool {
 
-void ReplayFeed::publish(KRImage image) {
+void ReplayFeed::publish(const KRImage& image) {
     const KRLock lock(mutex_);
     ++number_;
-    newest_ = std::move(image);
+    newest_ = image;
     changed_.notifyAll();
 }
 

@@ -14,7 +14,7 @@ public:
     explicit ReplayFeed(std::string text) : text_(std::move(text)) {}
 
     /// Shows an image, whose pixels nobody changes any more.
-    void publish(KRImage image);
+    void publish(const KRImage& image);
 
     std::string getText() const override { return text_; }
     void open() override {}

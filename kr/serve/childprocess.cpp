@@ -44,6 +44,7 @@ ChildProcess::ChildProcess(std::vector<std::string> command, ChildOutput output)
         throw std::runtime_error(command.front() + ": " + std::strerror(errno));
     }
     std::vector<char*> arguments;
+    arguments.reserve(command.size() + 1);
     for (std::string& each : command) {
         arguments.push_back(each.data());
     }

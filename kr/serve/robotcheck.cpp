@@ -91,7 +91,7 @@ void check(const RobotCamera& camera, const boost::shared_ptr<KRBroker>& broker,
         }
     } catch (const KRError& error) {
         constexpr std::string_view kNumber = "camera 0: "; // of this check, not of the file
-        std::string text = error.getDescription();
+        const std::string& text = error.getDescription();
         problems.push_back({camera.place, text.starts_with(kNumber) ? text.substr(kNumber.size()) : text});
     }
 }

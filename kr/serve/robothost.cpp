@@ -35,6 +35,7 @@ constexpr std::chrono::milliseconds kStep{20};
 
 std::vector<std::string> listSources(const std::vector<RobotCamera>& cameras) {
     std::vector<std::string> sources;
+    sources.reserve(cameras.size());
     for (const RobotCamera& camera : cameras) {
         sources.push_back(camera.source);
     }
