@@ -196,7 +196,7 @@ TEST_F(KRWebLoad, ConnectionsAreBounded) {
     }
     for (int i = 0; i < 20; ++i) {
         RawConnection more(getPort());
-        EXPECT_THAT(more.readUntil("\r\n"), HasSubstr("503"));
+        ASSERT_THAT(more.readUntil("\r\n"), HasSubstr("503"));
     }
     // The log has all of them, but not a line for each.
     int refused = 0;

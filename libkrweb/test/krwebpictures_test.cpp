@@ -192,14 +192,31 @@ TEST_F(KRWebPictures, ACameraServiceThatComesBackIsShownAgain) {
     startServer();
     EXPECT_EQ(get(getPort(), "/camera/0.jpg").status, 503);
     startCameras();
+    RawConnection stream(getPort());
+    ASSERT_TRUE(
+        stream.write("GET /camera/0.mjpeg?resolution=160x120 HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n"));
+    const auto readTime_usec = [&] {
+        stream.readUntil("X-Timestamp-Usec: ");
+        const std::string number = stream.readUntil("\r");
+        return number.empty() ? -1 : std::stoll(number);
+    };
+    EXPECT_GT(readTime_usec(), 0);
     WebClient client(getPort());
     std::uint32_t id = client.subscribe("/camera/0/image");
     client.readData(id);
     cameras_.reset();
     EXPECT_TRUE(client.waitForNoChannel("/camera/0/image"));
+    const auto restart = std::chrono::system_clock::now().time_since_epoch();
     startCameras();
     id = client.subscribe("/camera/0/image");
     EXPECT_FALSE(client.readData(id).payload.empty());
+    // A stream goes on by itself.
+    long long time_usec = 0;
+    EXPECT_TRUE(becomesTrue([&] {
+        time_usec = readTime_usec();
+        return time_usec < 0 || std::chrono::microseconds(time_usec) > restart;
+    }));
+    EXPECT_GT(time_usec, 0);
 }
 
 } // namespace
