@@ -193,8 +193,7 @@ TEST_F(KRWebPictures, ACameraServiceThatComesBackIsShownAgain) {
     EXPECT_EQ(get(getPort(), "/camera/0.jpg").status, 503);
     startCameras();
     RawConnection stream(getPort());
-    ASSERT_TRUE(
-        stream.write("GET /camera/0.mjpeg?resolution=160x120 HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n"));
+    ASSERT_TRUE(stream.write("GET /camera/0.mjpeg?resolution=160x120 HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n"));
     const auto readTime_usec = [&] {
         stream.readUntil("X-Timestamp-Usec: ");
         const std::string number = stream.readUntil("\r");

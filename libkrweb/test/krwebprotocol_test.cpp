@@ -226,7 +226,8 @@ TEST_F(KRWebProtocol, ServicesAreTheMethodsOfModules) {
     EXPECT_EQ(schema.at("properties").at("factor").at("type"), "number");
     EXPECT_EQ(client.call("/Sample/scale", {{"factor", 2}, {"value", 1.5}}).dump(), R"({"value":3.0})");
     // A whole number that is no int of 32 bits is a float.
-    EXPECT_EQ(client.call("/Sample/scale", {{"value", 0.5}, {"factor", 4294967296}}).at("value"), 2147483648.0);
+    EXPECT_EQ(client.call("/Sample/scale", {{"value", 0.5}, {"factor", 4294967296}}).at("value"),
+              2147483648.0);
     EXPECT_EQ(client.call("/Sample/describe", {{"number", 7}}).at("value"), "number 7");
     EXPECT_EQ(client.call("/Sample/describe", {{"name", "Ada"}, {"loud", true}}).at("value"), "Ada!");
     EXPECT_EQ(client.call("/Sample/isOdd", {{"number", 3}}).at("value"), true);
@@ -234,8 +235,9 @@ TEST_F(KRWebProtocol, ServicesAreTheMethodsOfModules) {
                 HasSubstr("it is broken"));
     EXPECT_THAT(client.call("/Sample/scale", {{"value", 2}}).at("failure").get<std::string>(),
                 HasSubstr("there is: scale(float value, float factor)"));
-    EXPECT_THAT(client.call("/Sample/isOdd", {{"number", 3}, {"loud", true}}).at("failure").get<std::string>(),
-                HasSubstr("isOdd cannot be called with the arguments {number, loud}"));
+    EXPECT_THAT(
+        client.call("/Sample/isOdd", {{"number", 3}, {"loud", true}}).at("failure").get<std::string>(),
+        HasSubstr("isOdd cannot be called with the arguments {number, loud}"));
 }
 
 TEST_F(KRWebProtocol, ControlsOfCamerasAreParameters) {
@@ -283,8 +285,8 @@ TEST_F(KRWebProtocol, CamerasAndExtractorsTellTheirState) {
     EXPECT_EQ(extractor.at("subscribers").at(0).at("name"), "me");
     EXPECT_GT(extractor.at("rate"), 0);
     EXPECT_FALSE(client.call("/Looker/pause", {{"paused", true}}).contains("failure"));
-    EXPECT_TRUE(becomesTrue(
-        [&] { return client.readJson(extractors).at("extractors").at(0).at("paused") == true; }));
+    EXPECT_TRUE(
+        becomesTrue([&] { return client.readJson(extractors).at("extractors").at(0).at("paused") == true; }));
     cameras_.reset();
     EXPECT_TRUE(becomesTrue([&] { return client.readJson(cameras).at("service") == false; }));
 }
