@@ -227,7 +227,7 @@ void KRLink::createEntities() {
     dds_qset_reliability(messages.get(), DDS_RELIABILITY_RELIABLE, 0);
     dds_qset_history(messages.get(), DDS_HISTORY_KEEP_ALL, 0);
     dds_qset_partition1(messages.get(), id_.c_str());
-    requestReader_ = createReader(connection_.requestTopic, messages.get(), onData<&KRLink::takeRequests>);
+    requestReader_ = createReader(connection_.requestTopic, messages.get(), onData<&KRLink::noticeRequests>);
     replyReader_ = createReader(connection_.replyTopic, messages.get(), onData<&KRLink::takeReplies>);
     const Qos announcements = createQos();
     dds_qset_reliability(announcements.get(), DDS_RELIABILITY_RELIABLE, 0);
@@ -463,7 +463,17 @@ void KRLink::takeReplies() {
     });
 }
 
+// Announcements that came before a request are taken before it: it may be about the modules that they tell of.
+void KRLink::noticeRequests() {
+    if (announcementsTaken_ == announced_) {
+        takeRequests();
+    } else {
+        wake();
+    }
+}
+
 void KRLink::takeRequests() {
+    const KRLock lock(requestsMutex_); // in the order in which they came
     takeMessages(requestReader_, [this](const KRTakenMessage& message) {
         try {
             KRRequest request = KRRequest::parse(message.bytes);

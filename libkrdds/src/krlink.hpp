@@ -61,7 +61,8 @@ private:
     void waitForBrokersThatAreThere() const;
 
     // On the threads of the engine.
-    void takeRequests();
+    void noticeRequests() KR_EXCLUDES(requestsMutex_);
+    void takeRequests() KR_EXCLUDES(requestsMutex_); // and on the thread KRDDS
     void takeReplies();
     void takeRequest(KRRequest request);
     void answerInquiry(const KRRequest& request);
@@ -132,6 +133,7 @@ private:
     int shownAgain_ = 0; // times
     KRPulses pulses_;
 
+    KRMutex requestsMutex_;
     KRMutex wakeMutex_; // taken last
     KRCondition woken_;
     KRCondition polled_;

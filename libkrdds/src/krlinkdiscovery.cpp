@@ -75,6 +75,7 @@ void KRLink::pollDiscovery(bool news) {
         openReplies();
         directory_.poll(getAnnouncers());
         pulses_.keep([this](const std::string& id) { return directory_.knows(id); });
+        takeRequests(); // that have waited for announcements
     }
     calls_->poll();
     announcer_.poll();
@@ -158,10 +159,8 @@ void KRLink::watchPulses() {
         now - lastBeat_ >= options_.lease; // so that others may have forgotten this process
     lastBeat_ = now;
     const auto shown = static_cast<std::size_t>(shownAgain_);
-    if (wasFrozen) {
-        showAgain();
-    } else if (shown < kShowAgainAfter_ms.size() &&
-               now - started_ >= std::chrono::milliseconds(kShowAgainAfter_ms[shown])) {
+    if (wasFrozen || (shown < kShowAgainAfter_ms.size() &&
+                      now - started_ >= std::chrono::milliseconds(kShowAgainAfter_ms[shown]))) {
         showAgain();
     }
     for (const std::string& id : pulses_.findSilent(kBeatsInLease, options_.lease)) {

