@@ -58,6 +58,7 @@ std::string listColorSpaces() {
 
 Argument declareColorSpace(Arguments& arguments, std::string& name, const std::string& what) {
     std::vector<std::string> names;
+    names.reserve(std::size(kColorSpaces));
     for (const ColorSpace& space : kColorSpaces) {
         names.push_back(toLower(space.name));
     }

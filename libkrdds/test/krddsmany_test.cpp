@@ -28,7 +28,6 @@ namespace KR::test {
 
 namespace {
 
-
 using Processes = std::vector<std::unique_ptr<OtherProcess>>;
 
 /// Starts so many processes at once, with a module each: Member0, Member1...

@@ -69,6 +69,7 @@ std::vector<std::string> listResolutions(int initial) {
 
 std::vector<std::string> listColorSpaces(int initial) {
     std::vector<std::string> names;
+    names.reserve(std::size(kColorSpaces) + 1);
     for (const ColorSpace& each : kColorSpaces) {
         names.emplace_back(each.name);
     }
@@ -79,7 +80,7 @@ std::vector<std::string> listColorSpaces(int initial) {
 }
 
 std::string describeCameras(const KRVideoDeviceProxy& service, int camera) {
-    const std::string missing = "camera " + std::to_string(camera) + " does not exist";
+    std::string missing = "camera " + std::to_string(camera) + " does not exist";
     try {
         const std::size_t count = service.getCameraList().size();
         return missing + (count == 0   ? "; there are none"

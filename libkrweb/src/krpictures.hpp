@@ -25,7 +25,9 @@ struct PictureRequest {
     int quality = kDefaultQuality;      ///< 1 to 100
     std::string annotations = {};       ///< module whose annotations are drawn into it; "": none
 
-    friend auto operator<=>(const PictureRequest&, const PictureRequest&) = default;
+    // clang-tidy takes the 0 that the compiler compares with for a pointer.
+    friend auto operator<=>(const PictureRequest&,
+                            const PictureRequest&) = default; // NOLINT(modernize-use-nullptr)
 };
 
 /// An image as JPEG, or the reason why there is none. Never changes once made.

@@ -64,20 +64,18 @@ private:
     }
 
     void handleRead(beast::error_code error) {
-        if (isClosed_ || error == http::error::end_of_stream) {
+        const auto end = http::make_error_code(http::error::end_of_stream);
+        if (!isClosed_ && !error) {
+            handle(parser_->release());
+        } else if (isClosed_ || error == end || error.category() != end.category()) { // timeout, reset
             close();
         } else if (error == http::error::header_limit || error == http::error::body_limit ||
                    error == http::error::buffer_overflow) {
             isLast_ = true;
             answer(http::status::payload_too_large, "the request is too long");
-        } else if (error &&
-                   error.category() == http::make_error_code(http::error::end_of_stream).category()) {
+        } else {
             isLast_ = true;
             answer(http::status::bad_request, "this is not an HTTP request");
-        } else if (error) { // timeout, reset
-            close();
-        } else {
-            handle(parser_->release());
         }
     }
 

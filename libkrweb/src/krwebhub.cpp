@@ -584,9 +584,10 @@ void Hub::setDirectory(const Directory& directory) {
         ChannelInfo info = describeChannel(channel.kind, topic);
         info.id = ++lastId_;
         come.push_back(info);
-        topics_.emplace(topic, info.id);
+        const std::uint32_t id = info.id;
+        topics_.emplace(topic, id);
         channels_.emplace(
-            info.id, Channel{std::move(info), channel.kind, channel.name, channel.camera, {}, {}, {}, 0});
+            id, Channel{std::move(info), channel.kind, channel.name, channel.camera, {}, {}, {}, 0});
     }
     if (!gone.empty() || !come.empty()) {
         channelsMessage_.reset();

@@ -105,7 +105,7 @@ std::string KRVideoDevice::subscribeCamera(const std::string& name, int camera, 
         p_->fail(method, "the name of the subscriber has " + std::to_string(name.size()) +
                              " bytes; at most " + std::to_string(maximumNameSize) + " are supported");
     }
-    const std::string id = p_->subscribe(name, xGetCaller(), {camera, resolution, colorSpace, frameRate});
+    std::string id = p_->subscribe(name, xGetCaller(), {camera, resolution, colorSpace, frameRate});
     if (xIsCallerGone()) { // xCallerGone() may have run before the subscription was there
         endOrphan(id);
         p_->fail(method, "the process that subscribed has ended");
