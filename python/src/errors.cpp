@@ -1,5 +1,6 @@
 #include "errors.hpp"
 
+#include "interpreter.hpp"
 #include "values.hpp"
 
 #include <krplatform/krlog.hpp>
@@ -45,6 +46,7 @@ void registerErrors() {
             if (PyErr_CheckSignals() != 0) {
                 return; // Ctrl-C in a hook, which failed for it
             }
+            const CodeRun running; // Error is a class of Python
             try {
                 const py::object value =
                     errorType()(toPythonText(error.getModule()), toPythonText(error.getMethod()),

@@ -174,6 +174,7 @@ py::object getPixels(PythonImage& self) {
     }
     const KRImage& image = self.image;
     requirePixels(image, "pixels");
+    const CodeRun running; // the first array of the process imports NumPy
     const std::array<py::ssize_t, 3> shape{image.height, image.width, image.nbLayers};
     py::object owner = self.owner;
     if (!owner) {

@@ -30,6 +30,13 @@ Watch& getWatch() {
     return *watch;
 }
 
+// What a thread does that the interpreter does not get back. The interpreter's lock is not held.
+[[noreturn]] void stop() {
+    for (;;) {
+        ::pause();
+    }
+}
+
 } // namespace
 
 bool Interpreter::enter() noexcept {
@@ -90,9 +97,7 @@ LockReleased::~LockReleased() {
         return;
     }
     if (!Interpreter::enter()) {
-        for (;;) {
-            ::pause();
-        }
+        stop();
     }
     PyEval_RestoreThread(state_);
     Interpreter::leave();
@@ -116,6 +121,19 @@ LockTaken::~LockTaken() {
     if (held_) {
         PyGILState_Release(state_);
     }
+    if (counted_) {
+        Interpreter::leave();
+    }
+}
+
+CodeRun::CodeRun() : counted_(!Interpreter::isClosingThread()) {
+    if (counted_ && !Interpreter::enter()) {
+        PyEval_SaveThread();
+        stop();
+    }
+}
+
+CodeRun::~CodeRun() {
     if (counted_) {
         Interpreter::leave();
     }

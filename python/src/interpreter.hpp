@@ -65,6 +65,20 @@ private:
     PyGILState_STATE state_ = PyGILState_UNLOCKED;
 };
 
+/// For functions that Python has called and that run code of Python themselves. The interpreter's exit waits until this is
+/// destroyed: Python would end a daemon thread in that code, and with it our functions below it. Once the exit has closed
+/// the way, the thread stops here for ever. The lock is held.
+class CodeRun {
+public:
+    CodeRun();
+    ~CodeRun();
+    CodeRun(const CodeRun&) = delete;
+    CodeRun& operator=(const CodeRun&) = delete;
+
+private:
+    const bool counted_;
+};
+
 /// Runs a function with the interpreter's lock released. What the function has captured is destroyed before the lock is
 /// taken again: the last handle of a broker may be in it.
 template <class Function>

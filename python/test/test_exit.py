@@ -93,6 +93,52 @@ def test_daemon_threads_do_not_disturb_the_exit(run: Run, round: int) -> None:
     expect(run(HEAD + DAEMONS + 'print("end", flush=True)'), 0, "end\nstopped Watcher\n")
 
 
+@pytest.mark.parametrize("round", range(3))
+def test_daemon_threads_that_get_errors_do_not_disturb_the_exit(run: Run, round: int) -> None:
+    done = run(
+        """
+import sys, threading, time
+import krvision as kr
+sys.setswitchinterval(1e-6)
+broker = kr.Broker()
+def call():
+    while True:
+        try:
+            broker["Nobody"].work()
+        except kr.Error:
+            pass
+for _ in range(4):
+    threading.Thread(target=call, daemon=True).start()
+time.sleep(0.1)
+print("end", flush=True)
+"""
+    )
+    expect(done, 0, "end\n")
+
+
+def test_a_daemon_thread_that_imports_numpy_does_not_disturb_the_exit(run: Run) -> None:
+    done = run(
+        """
+import sys, threading, time
+import krvision as kr
+sys.setswitchinterval(1e-6)
+def look():
+    kr.Image.blank(4, 4, kr.ColorSpace.LUMA).pixels
+    time.sleep(3600)
+class Slow: # so that the interpreter ends the thread before the process is gone
+    def __del__(self):
+        end = time.monotonic() + 0.2
+        while time.monotonic() < end:
+            pass
+slow = Slow()
+threading.Thread(target=look, daemon=True).start()
+while "numpy" not in sys.modules:
+    time.sleep(0.001)
+"""
+    )
+    expect(done, 0, "")
+
+
 def test_an_exception_that_flies_beside_daemon_threads(run: Run) -> None:
     done = run(HEAD + DAEMONS + 'raise ValueError("it flies")')
     expect(done, 1, "stopped Watcher\n")
