@@ -254,11 +254,11 @@ std::string KRDDSOptions::getConfiguration(const KRHostNetwork& network, bool pl
     if (std::find(peers.begin(), peers.end(), "localhost") != peers.end()) {
         // is in the list already
     } else if (!usesMulticast(network)) {
-        xml << "<Peer Address=\"localhost\"/>"; // on every port that another process may have
+        xml << "<Peer Address=\"127.0.0.1\"/>"; // on every port that another process may have
     } else if (!network.alone) {
         // Those that came before and use another interface. Those that come later look for this one.
         for (const std::uint16_t port : network.findPlaces(domain)) {
-            xml << "<Peer Address=\"localhost:" << port << "\"/>";
+            xml << "<Peer Address=\"127.0.0.1:" << port << "\"/>";
         }
     }
     // Processes of one host see each other's pulses. What the engine sends to show that a process runs would be most of
