@@ -194,6 +194,9 @@ export class Client extends EventTarget {
                     this.channels.set(channel.topic, channel);
                     this.startSubscription(channel.topic);
                 }
+                if (message.channels.some(({ topic }) => topic.startsWith("/camera/"))) {
+                    this.requestParameters(); // those of a picture are there once its channel is
+                }
                 this.report("channels");
                 break;
             case "unadvertise": {
