@@ -80,6 +80,8 @@ private:
         Methods methods; // of the module
     };
 
+    static const std::string kManyPictures; ///< why a client does not see another one
+
     void handle(Client& client, const ClientMessage& message);
     void subscribe(Client& client, const Subscribe& message);
     void unsubscribe(Client& client, const Unsubscribe& message);
