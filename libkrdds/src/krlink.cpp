@@ -441,7 +441,9 @@ void KRLink::noticeGone(const std::string& broker) {
 void KRLink::noticeCallerGone(const std::string& broker) {
     const auto peer = directory_.find(broker);
     if (!peer) {
-        host_.noticeCallerGone(broker);
+        if (!directory_.takeDeparted(broker)) {
+            host_.noticeCallerGone(broker);
+        }
     } else if (peer->getRoute()) {
         peer->getRoute()->connectLater();
     }

@@ -13,6 +13,9 @@ namespace KR {
 
 namespace {
 
+constexpr std::size_t kMostDeparted =
+    256; // brokers that are remembered
+
 /// A module of another process on the domain.
 class RemoteModule : public KRRemoteModule {
 public:
@@ -154,6 +157,7 @@ void KRPeerDirectory::accept(const KRPeer::Connection& connection, KRAnnouncemen
     }
     {
         const KRLock lock(mutex_);
+        std::erase(departed_, id);           // it is back
         Neighbor& neighbor = neighbors_[id]; // also one that is refused: it is known
         neighbor.peer = peer;
         neighbor.location = announcement.getLocation();
@@ -178,6 +182,11 @@ bool KRPeerDirectory::noticeGone(const std::string& id) {
     }
     found->second.gone = true;
     return true;
+}
+
+bool KRPeerDirectory::takeDeparted(const std::string& id) {
+    const KRLock lock(mutex_);
+    return std::erase(departed_, id) > 0;
 }
 
 void KRPeerDirectory::poll(const std::set<dds_instance_handle_t>& announcers) {
@@ -224,6 +233,12 @@ void KRPeerDirectory::remove(const std::string& id, const std::string& why) {
         }
         neighbor = std::move(found->second);
         neighbors_.erase(found);
+        if (neighbor.peer) {
+            departed_.push_back(id);
+            if (departed_.size() > kMostDeparted) {
+                departed_.pop_front();
+            }
+        }
     }
     if (!neighbor.peer) {
         return;

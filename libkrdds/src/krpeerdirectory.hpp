@@ -13,6 +13,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <memory>
 #include <set>
@@ -57,6 +58,8 @@ public:
 
     /// Nobody listens at the broker's local address any more: poll() removes it. \return whether it is known
     bool noticeGone(const std::string& id) KR_EXCLUDES(mutex_);
+    /// Whether modules have heard lately that this caller is gone. The next time they have not.
+    bool takeDeparted(const std::string& id) KR_EXCLUDES(mutex_);
 
     /// Fills in peers, conflicts and refused messages.
     void describe(KRBrokerDiagnostics& diagnostics) const KR_EXCLUDES(mutex_);
@@ -119,6 +122,7 @@ private:
 
     mutable KRMutex mutex_;
     std::map<std::string, Neighbor> neighbors_ KR_GUARDED_BY(mutex_); // by identity
+    std::deque<std::string> departed_ KR_GUARDED_BY(mutex_);          // the latest
 
     // Used on the one thread.
     std::map<std::string, Registered> registered_; // by name
