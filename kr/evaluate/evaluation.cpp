@@ -73,8 +73,10 @@ public:
             return; // what it declares belongs to no image
         }
         ++(write.isEvent ? outcome_.events : outcome_.values);
+        const std::uint64_t frame = frame_;
+        const std::int64_t timeStamp = timeStamp_;
         for (ResultSink* sink : sinks_) {
-            tryTo([&] { sink->take({frame_, timeStamp_, write.isEvent, write.name, write.value}); });
+            tryTo([&] { sink->take({frame, timeStamp, write.isEvent, write.name, write.value}); });
         }
     }
     /// Only the first failure counts. \param where  whether to say in which frame
