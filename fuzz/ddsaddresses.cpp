@@ -11,7 +11,13 @@
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     try {
         const std::string url = "dds:" + std::string(reinterpret_cast<const char*>(data), size);
-        (void)KR::KRDDSOptions::parse(url).getConfiguration();
+        const KR::KRDDSOptions options = KR::KRDDSOptions::parse(url);
+        KR::KRHostNetwork network;
+        network.loopback = "lo";
+        for (const bool place : {true, false}) {
+            network.loopbackMulticast = network.alone = place;
+            (void)options.getConfiguration(network, place);
+        }
     } catch (const KR::KRError&) { // as must happen to most
     }
     return 0;

@@ -24,11 +24,6 @@ KRDDSAddress parseDDSAddress(const std::string& url) {
             !options.security.empty()};
 }
 
-std::uint16_t getDDSPort(std::uint32_t domain, int index) {
-    // Of participant i on domain d: DDSI-RTPS, 9.6.1.1.
-    return static_cast<std::uint16_t>(7400 + 250 * static_cast<int>(domain) + 10 + 2 * index);
-}
-
 void registerDDS() {
     registerTransport("dds:", createLink);
 }

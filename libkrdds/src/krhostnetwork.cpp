@@ -107,6 +107,11 @@ KRHostNetwork KRHostNetwork::examine() {
     return network;
 }
 
+std::uint16_t getDDSPort(std::uint32_t domain, int index) {
+    // Of participant i on domain d: DDSI-RTPS, 9.6.1.1.
+    return static_cast<std::uint16_t>(7400 + 250 * static_cast<int>(domain) + 10 + 2 * index);
+}
+
 std::vector<std::uint16_t> KRHostNetwork::findPlaces(std::uint32_t domain) const {
     std::vector<std::uint16_t> places;
     for (int i = 0; i < kMaxDDSProcesses; ++i) {
