@@ -3,6 +3,7 @@
 #include "krplatform/krcolorspacelayers.hpp"
 #include "krplatform/krlog.hpp"
 #include "krplatform/krmutex.hpp"
+#include "krplatform/krthread.hpp"
 
 #include "krbroker_p.hpp"
 
@@ -244,9 +245,13 @@ std::string KRVideoDeviceProxy::subscribeCamera(const std::string& name, int cam
             subscriptions_->add({name, camera, resolution, colorSpace, frameRate, service, id});
             return id;
         } catch (const KRError& error) {
-            const bool restarting = proxy_.getModuleNumber() != service;
-            if (restarting && std::chrono::steady_clock::now() < deadline &&
+            const bool isGone = proxy_.getModuleNumber() != service;
+            const bool isExiting = KRModuleGate::isRefusal(error, kService); // said before it was announced
+            if ((isGone || isExiting) && std::chrono::steady_clock::now() < deadline &&
                 !KRModuleGate::isThreadExiting()) {
+                if (!isGone) {
+                    sleepMilliseconds(10);
+                }
                 continue; // it went during the call
             }
             logWarning(kCameraCategory, "camera " + std::to_string(camera) + " for " + name +
