@@ -13,8 +13,7 @@ namespace KR {
 
 namespace {
 
-constexpr std::size_t kMostDeparted =
-    256; // brokers that are remembered
+constexpr std::size_t kMostDeparted = 256; // brokers that are remembered
 
 /// A module of another process on the domain.
 class RemoteModule : public KRRemoteModule {
