@@ -174,6 +174,32 @@ public:
         return accepted;
     }
 
+    /// The same; while the service is away or exiting, the value is kept for the one to come.
+    template <class Value, class Change>
+    bool setOrKeep(const char* method, const std::string& id, Value value, Change function) {
+        for (int triesLeft = 2;; --triesLeft) {
+            const std::uint32_t service = getServiceOf(id);
+            try {
+                return set(method, id, value, function);
+            } catch (const KRError& error) {
+                const KRLock lock(mutex_);
+                const auto found = byId_.find(id);
+                if (found == byId_.end()) {
+                    throw;
+                }
+                const std::uint32_t present = proxy_.getModuleNumber();
+                const bool isAway = present == 0 || KRModuleGate::isRefusal(error, kService);
+                if (isAway && found->second.service == service) {
+                    function(found->second);
+                    return true;
+                }
+                if (present == service || triesLeft == 0) {
+                    throw;
+                }
+            }
+        }
+    }
+
 private:
     static constexpr std::size_t kMaxRefusals = 64;
 
@@ -184,6 +210,12 @@ private:
         std::string description;
         KRSourceLocation where;
     };
+
+    std::uint32_t getServiceOf(const std::string& id) {
+        const KRLock lock(mutex_);
+        const auto found = byId_.find(id);
+        return found == byId_.end() ? 0 : found->second.service;
+    }
 
     void resubscribe(Subscription& subscription, std::uint32_t service) KR_REQUIRES(mutex_) {
         subscription.id = proxy_.call<std::string>("subscribeCamera", subscription.name, subscription.camera,
@@ -287,8 +319,8 @@ void KRVideoDeviceProxy::releaseImage(const std::string& id) {
 }
 
 bool KRVideoDeviceProxy::setFrameRate(const std::string& id, int frameRate) {
-    return subscriptions_->set("setFrameRate", id, frameRate,
-                               [&](auto& subscription) { subscription.frameRate = frameRate; });
+    return subscriptions_->setOrKeep("setFrameRate", id, frameRate,
+                                     [&](auto& subscription) { subscription.frameRate = frameRate; });
 }
 
 int KRVideoDeviceProxy::getFrameRate(const std::string& id) const {

@@ -234,6 +234,26 @@ TEST(KRVideoDeviceProxy, WhileTheServiceIsGoneThereIsNothingToReleaseOrToUnsubsc
     EXPECT_THAT(service.asked, ElementsAre(KRValue::array("getImageRemote", "me_1")));
 }
 
+TEST(KRVideoDeviceProxy, AFrameRateSetWhileTheServiceIsExitingOrAwayIsThatOfTheNextOne) {
+    RestartedService service;
+    service.start();
+    KRVideoDeviceProxy& proxy = service.proxy;
+    const std::string id = proxy.subscribeCamera("me", 0, 2, 9, 30);
+    service.module->exit();
+    EXPECT_TRUE(proxy.setFrameRate(id, 20));
+    service.restart();
+    EXPECT_EQ(proxy.getImageRemote(id), "image");
+    service.module.reset();
+    EXPECT_TRUE(proxy.setFrameRate(id, 10));
+    EXPECT_THROW(proxy.setFrameRate("nobody", 10), KRError);
+    service.start();
+    EXPECT_EQ(proxy.getImageRemote(id), "image");
+    EXPECT_THAT(service.asked, ElementsAre(KRValue::array("subscribeCamera", "me", 0, 2, 9, 20),
+                                           KRValue::array("getImageRemote", "me_2"),
+                                           KRValue::array("subscribeCamera", "me", 0, 2, 9, 10),
+                                           KRValue::array("getImageRemote", "me_3")));
+}
+
 TEST(KRVideoDeviceProxy, AServiceThatExitsDuringACallNeedNotBeUnsubscribedFrom) {
     const auto broker = KRBroker::create();
     KRVideoDeviceProxy proxy(broker);

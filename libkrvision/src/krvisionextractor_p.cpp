@@ -293,6 +293,7 @@ void KRVisionExtractorPrivate::xSubscribe() {
         setSubscriberId(videoDeviceProxy->subscribeCamera(
             getSubscriberId(), activeCamera, resolution, colorSpace, toFrameRate(owner->getCurrentPeriod())));
         subscribed = true;
+        ++subscriptionChanges;
         xSetSubscriptionParameters();
     } catch (const KRError& error) {
         logProblem("Could not subscribe to KRVideoDevice");
@@ -302,6 +303,10 @@ void KRVisionExtractorPrivate::xSubscribe() {
 
 void KRVisionExtractorPrivate::xUnsubscribe() {
     const KRLock subscriptionGuard(subscriptionMutex);
+    // Not the frame rate's: its setter updates periods of the owner, who may hold a lock now.
+    const std::shared_lock resolutionGuard(resolutionLock);
+    const std::shared_lock colorSpaceGuard(colorSpaceLock);
+    const std::shared_lock cameraGuard(cameraLock);
     if (!subscribed) {
         return;
     }
@@ -311,10 +316,16 @@ void KRVisionExtractorPrivate::xUnsubscribe() {
         videoDeviceProxy->unsubscribe(id);
         setSubscriberId(getUnsubscribedId());
         subscribed = false;
+        ++subscriptionChanges;
     } catch (const KRError& error) {
         logProblem("Could not unsubscribe to KRVideoDevice");
         exitBecause("the camera could not be unsubscribed from: " + error.getDescription());
     }
+}
+
+int KRVisionExtractorPrivate::countSubscriptionChanges() {
+    const KRLock subscriptionGuard(subscriptionMutex);
+    return subscriptionChanges;
 }
 
 KRImage* KRVisionExtractorPrivate::xGetImage() {

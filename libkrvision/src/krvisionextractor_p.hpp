@@ -10,6 +10,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <optional>
 #include <shared_mutex>
 #include <string>
 #include <string_view>
@@ -62,6 +63,8 @@ public:
     bool isProcessing();
 
     bool setColorSpace(int newColorSpace);
+    /// Without a camera subscription, for the next one, whatever the camera service will say to it.
+    bool setOrPresetColorSpace(int newColorSpace);
     bool setResolution(int newResolution);
     bool setActiveCamera(int camera);
     bool setFrameRate(int frameRate);
@@ -77,13 +80,14 @@ public:
 
     /// There is a camera subscription.
     bool isSubscribed() const noexcept { return subscribed; }
-    /// \name For the next subscription, whatever the camera service will say to it
-    ///@{
-    void presetCamera(int camera);
-    void presetColorSpace(int newColorSpace);
+    /// Blocks while a camera subscription begins or ends. \return how many have, so that one can tell whether an error
+    /// is due to that
+    int countSubscriptionChanges();
+    /// For the next subscription, whatever the camera service will say to it.
+    /// \return false and nothing is done if there is a subscription
+    bool presetCamera(int camera);
     /// \param frameRate  1 to 30; of a first subscriber that gives no period
     void presetFrameRate(int frameRate) noexcept { defaultPeriod = 1000 / frameRate; }
-    ///@}
     int getMinimumPeriod() const noexcept;
     boost::shared_ptr<KRVideoDeviceProxy> getVideoDeviceProxy() const { return videoDeviceProxy; }
 
@@ -100,6 +104,10 @@ private:
     void xUnsubscribe();
     KRImage* xGetImage();
     void xSetSubscriptionParameters();
+    bool xSetColorSpace(int newColorSpace);
+    /// Both: nothing if the subscription has ended or begun in between.
+    std::optional<bool> changeCamera(int camera);
+    std::optional<bool> presetExistingCamera(int camera);
 
     std::string getSubscriberId();
     void setSubscriberId(const std::string& id);
@@ -120,11 +128,13 @@ private:
     KRMutex subscriptionMutex; // held while subscribing and unsubscribing
     KRMutex idMutex;
     std::string subscriberId KR_GUARDED_BY(idMutex);
-    std::atomic<bool> subscribed = false;
+    std::atomic<bool> subscribed = false; // written under subscriptionMutex and shared locks of the settings
+    int subscriptionChanges KR_GUARDED_BY(subscriptionMutex) = 0;
     KRMutex parametersMutex;
     std::vector<std::pair<int, int>> cameraParameters KR_GUARDED_BY(parametersMutex); // ids and values
 
-    // Settings, each with its lock, which is also held while the camera service changes the setting.
+    // Settings, each with its lock, which is also held while the camera service changes the setting, and shared while a
+    // subscription begins or, but for the frame rate's, ends.
     std::shared_mutex resolutionLock;
     int resolution;
     std::shared_mutex colorSpaceLock;

@@ -111,9 +111,8 @@ void KRVisionExtractor::declareParameters() {
             if (camera == getActiveCamera()) {
                 return;
             }
-            if (!p_->isSubscribed() && getVideoDeviceProxy()->getProxy().getModuleNumber() == 0) {
-                p_->presetCamera(camera); // the service may come later, and says then what it has
-                return;
+            if (getVideoDeviceProxy()->getProxy().getModuleNumber() == 0 && p_->presetCamera(camera)) {
+                return; // the service may come later, and says then what it has
             }
             const bool wasPaused = isPaused();
             try {
@@ -156,12 +155,7 @@ void KRVisionExtractor::declareParameters() {
         [this, refuse, initialColorSpace](const KRValue& value) {
             const int colorSpace =
                 toCode(value.to<std::string>(), kBgrxColorSpace, initialColorSpace, toColorSpaceName);
-            if (colorSpace == getColorSpace()) {
-                return;
-            }
-            if (!p_->isSubscribed()) {
-                p_->presetColorSpace(colorSpace);
-            } else if (!setColorSpace(colorSpace)) {
+            if (colorSpace != getColorSpace() && !p_->setOrPresetColorSpace(colorSpace)) {
                 refuse(kColorSpaceParameter, "the camera service does not deliver it");
             }
         },
@@ -178,12 +172,25 @@ void KRVisionExtractor::declareParameters() {
          .maximum = kHighestFrameRate},
         [this, refuse](const KRValue& value) {
             const int frameRate = value.to<int>();
-            if (p_->isSubscribed()) {
-                if (!setFrameRate(frameRate)) {
-                    refuse(kFrameRateParameter, "the camera service refuses it");
+            const auto set = [&] {
+                if (p_->isSubscribed()) {
+                    if (!setFrameRate(frameRate)) {
+                        refuse(kFrameRateParameter, "the camera service refuses it");
+                    }
+                } else if (getCurrentPeriod() >= 0) {
+                    refuse(kFrameRateParameter, "there are subscribers, but no camera subscription yet");
                 }
-            } else if (getCurrentPeriod() >= 0) {
-                refuse(kFrameRateParameter, "there are subscribers, but no camera subscription yet");
+            };
+            for (int triesLeft = 2;; --triesLeft) {
+                const int changes = p_->countSubscriptionChanges();
+                try {
+                    set();
+                    break;
+                } catch (const KRError&) {
+                    if (triesLeft == 0 || p_->countSubscriptionChanges() == changes) {
+                        throw;
+                    }
+                }
             }
             p_->presetFrameRate(frameRate);
         },

@@ -19,13 +19,28 @@ void KRVisionExtractorPrivate::setSubscriptionParameters(const std::vector<std::
     }
 }
 
+// The lock of a setting is held while the camera subscription begins or ends, so a setter that holds it either reaches
+// the subscription or is seen by the next one.
 bool KRVisionExtractorPrivate::setColorSpace(int newColorSpace) {
+    const std::unique_lock guard(colorSpaceLock);
     if (!subscribed) {
         // Not stored for the next subscription either, unlike resolution and camera: deliberate.
         logProblem("The module has not been subscribed to, so you cannot set the colorspace.");
         return false;
     }
+    return xSetColorSpace(newColorSpace);
+}
+
+bool KRVisionExtractorPrivate::setOrPresetColorSpace(int newColorSpace) {
     const std::unique_lock guard(colorSpaceLock);
+    if (!subscribed) {
+        colorSpace = newColorSpace;
+        return true;
+    }
+    return xSetColorSpace(newColorSpace);
+}
+
+bool KRVisionExtractorPrivate::xSetColorSpace(int newColorSpace) {
     const bool accepted = videoDeviceProxy->setColorSpace(getSubscriberId(), newColorSpace);
     if (accepted) {
         colorSpace = newColorSpace;
@@ -34,66 +49,67 @@ bool KRVisionExtractorPrivate::setColorSpace(int newColorSpace) {
 }
 
 bool KRVisionExtractorPrivate::setResolution(int newResolution) {
-    if (subscribed) {
-        const std::unique_lock guard(resolutionLock);
-        const bool accepted = videoDeviceProxy->setResolution(getSubscriberId(), newResolution);
-        if (accepted) {
-            resolution = newResolution;
-        }
-        return accepted;
-    }
-    if (!isResolutionValid(newResolution)) {
-        return false;
-    }
     const std::unique_lock guard(resolutionLock);
-    resolution = newResolution;
-    return true;
+    const bool accepted = subscribed ? videoDeviceProxy->setResolution(getSubscriberId(), newResolution)
+                                     : isResolutionValid(newResolution);
+    if (accepted) {
+        resolution = newResolution;
+    }
+    return accepted;
 }
 
 bool KRVisionExtractorPrivate::setActiveCamera(int camera) {
-    if (subscribed) {
-        const bool wasProcessing = isProcessing();
-        if (wasProcessing) {
-            pause(true);
-        }
-        sleepMilliseconds(50); // lets the loop reach its wait
-        bool accepted = false;
-        {
-            const std::unique_lock guard(cameraLock);
+    std::optional<bool> accepted;
+    while (!accepted) { // unless the subscription has begun or ended in between
+        accepted = subscribed ? changeCamera(camera) : presetExistingCamera(camera);
+    }
+    return *accepted;
+}
+
+std::optional<bool> KRVisionExtractorPrivate::changeCamera(int camera) {
+    const bool wasProcessing = isProcessing();
+    if (wasProcessing) {
+        pause(true);
+    }
+    sleepMilliseconds(50); // lets the loop reach its wait
+    std::optional<bool> accepted;
+    {
+        const std::unique_lock guard(cameraLock);
+        if (subscribed) {
             // After an error the loop stays paused: deliberate.
             accepted = videoDeviceProxy->setActiveCamera(getSubscriberId(), camera);
-            if (accepted) {
+            if (*accepted) {
                 activeCamera = camera;
             }
         }
-        if (wasProcessing) {
-            pause(false);
-        }
-        return accepted;
     }
+    if (wasProcessing) {
+        pause(false);
+    }
+    return accepted;
+}
+
+std::optional<bool> KRVisionExtractorPrivate::presetExistingCamera(int camera) {
     try {
         if (videoDeviceProxy->getCameraModel(camera) == -1) {
             throw KRError(owner->getName(), "setActiveCamera", "camera not found");
         }
-        const std::unique_lock guard(cameraLock);
-        activeCamera = camera;
-        return true;
     } catch (const KRError& error) {
         // No separator after the module's name, and the spelling: deliberate.
         logError(kLogCategory, owner->getName() + "Can't swith active camera to " + std::to_string(camera) +
                                    ": " + error.what());
         return false;
     }
+    return presetCamera(camera) ? std::optional(true) : std::nullopt;
 }
 
-void KRVisionExtractorPrivate::presetCamera(int camera) {
+bool KRVisionExtractorPrivate::presetCamera(int camera) {
     const std::unique_lock guard(cameraLock);
+    if (subscribed) {
+        return false;
+    }
     activeCamera = camera;
-}
-
-void KRVisionExtractorPrivate::presetColorSpace(int newColorSpace) {
-    const std::unique_lock guard(colorSpaceLock);
-    colorSpace = newColorSpace;
+    return true;
 }
 
 bool KRVisionExtractorPrivate::hasSubscriber(const std::string& subscriber) {

@@ -4,6 +4,7 @@
 #include "krplatform/krparameter.hpp"
 
 #include "eventmodules.hpp"
+#include "patience.hpp"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -80,6 +81,47 @@ TEST_F(KRVisionExtractorParameters, SetWhileSomebodyIsTheyGoToTheCameraService) 
     EXPECT_TRUE(stage.extractor->isPaused());
     set("pause", false);
     EXPECT_FALSE(stage.extractor->isPaused());
+}
+
+TEST_F(KRVisionExtractorParameters, SetWhileTheCameraSubscriptionBeginsTheyReachIt) {
+    const auto expectReached = [&](const std::string& name, const KRValue& value, const std::string& call) {
+        std::future<void> setting;
+        stage.camera->on("subscribeCamera", [&] { setting = startAndLetSleep([&] { set(name, value); }); });
+        subscribe();
+        resultOf(setting);
+        EXPECT_THAT(stage.journal.get(), Contains(call));
+        EXPECT_EQ(get(name), value);
+        unsubscribe();
+    };
+    expectReached("resolution", "320x240", "setResolution " + kId + " 1");
+    expectReached("colorSpace", "BGR", "setColorSpace " + kId + " 13");
+    expectReached("camera", 2, "setActiveCamera " + kId + " 2");
+}
+
+TEST_F(KRVisionExtractorParameters, SetWhileTheCameraSubscriptionEndsTheyAreUsedByTheNext) {
+    const auto setAtTheEnd = [&](const std::string& name, const KRValue& value) {
+        std::future<void> setting;
+        subscribe();
+        stage.camera->on("unsubscribe", [&] { setting = startAndLetSleep([&] { set(name, value); }); });
+        unsubscribe();
+        stage.camera->on("unsubscribe", {});
+        resultOf(setting);
+        EXPECT_EQ(get(name), value);
+    };
+    setAtTheEnd("resolution", "320x240");
+    setAtTheEnd("colorSpace", "BGR");
+    setAtTheEnd("camera", 1);
+
+    subscribe();
+    EXPECT_EQ(stage.journal.count("subscribeCamera VisionExtractorMotion 1 1 13 10"), 1);
+    Event ended;
+    stage.camera->on("setFrameRate", [&] { EXPECT_TRUE(ended.wait()); });
+    auto setting = startAndLetSleep([&] { set("frameRate", 20); });
+    ASSERT_TRUE(stage.journal.waitFor("setFrameRate " + kId + " 20"));
+    unsubscribe();
+    ended.set();
+    resultOf(setting);
+    EXPECT_EQ(get("frameRate"), 20);
 }
 
 TEST_F(KRVisionExtractorParameters, FollowTheMethods) {

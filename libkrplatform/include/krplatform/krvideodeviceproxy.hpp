@@ -52,7 +52,8 @@ public:
     /// Returns the image that was fetched last to the service.
     void releaseImage(const std::string& id);
 
-    /// Images per second, 1 to 30.
+    /// Images per second, 1 to 30. True also while the service of a subscription is away or exiting: the next service
+    /// gets the rate with the subscription.
     bool setFrameRate(const std::string& id, int frameRate);
     /// Images per second.
     int getFrameRate(const std::string& id) const;
