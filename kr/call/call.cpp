@@ -31,12 +31,12 @@ struct Options {
         arguments.add("MODULE", module, "name of the module").required();
         arguments.add("METHOD", method, "name of the method; kr module info lists them").required();
         getArguments = arguments.acceptMore(); // an argument that takes several values would split "[1, 2]"
-        arguments.addFlag("--check", check, "failure (exit code 1) if a setter answers false");
+        arguments.addFlag("--check", check, "exit code 1 if a setter returns false");
         domain.declare(arguments);
     }
 };
 
-// A bool travels as an int, so only the description of a method tells a refusal (false) from a number (0).
+// A bool travels as an int, so only the method's description distinguishes a refusal (false) from a number (0).
 bool isRefusal(const KRProxy& proxy, const std::string& method, const KRValue& result) {
     if (!method.starts_with("set") || !result.isInt() || result.to<int>() != 0) {
         return false;

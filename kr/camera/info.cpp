@@ -69,7 +69,7 @@ double measureRate(Subscription& subscription) {
     return rises > 0 ? rises * 1e6 / static_cast<double>(length_usec) : 0;
 }
 
-// Opens the camera: the size of its images is not known before.
+// Opens the camera, as the size of its images is unknown until then.
 ExitCode printCamera(const Options& options) {
     Cameras cameras(options.camera);
     KRVideoDeviceProxy& service = cameras.getService();

@@ -10,7 +10,7 @@ namespace KR::tool {
 class Interruption;
 
 /// Decides how long a verb waits for a camera that delivers nothing, because of a late image or a restart of its service.
-/// Time in which this program was stopped hardly counts. Thread-bound.
+/// Ignores most of the time in which this program was stopped. Thread-bound.
 class Silence {
 public:
     using Clock = std::chrono::steady_clock;

@@ -55,7 +55,7 @@ std::string formatImageAsJson(const KRImage& image, std::int64_t before, int mis
            "\n";
 }
 
-/// The images of a subscription as a person watches them, across restarts of the service.
+/// Prints the images of a subscription, across restarts of the service.
 class ImageLog {
 public:
     ImageLog(const Subscription& subscription, bool isJson, Output& output, Interruption& interruption)

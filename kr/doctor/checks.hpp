@@ -20,16 +20,16 @@ Finding checkReceiveBuffer();
 Finding checkMulticast();
 /// A clock that can be compared with those of other machines.
 Finding checkClock();
-/// Places for more processes of this machine on a domain.
+/// Free discovery ports for processes of this machine on a domain.
 /// \param url  "dds:..." \throws KRError the address is malformed
 Finding checkParticipants(const std::string& url);
 /// Unique names of modules, and one protocol.
 Finding checkBrokers(const KRBroker& broker);
-/// How other brokers are called: through shared memory of this machine or over DDS, and why. Always good.
+/// How other brokers are called: through shared memory or over DDS, and why. Never a problem.
 Finding checkWays(const KRBroker& broker);
 /// No messages that had to be discarded.
 Finding checkMessages(const KRBroker& broker);
-/// Modules that work, by their own account.
+/// Modules that report no failure.
 Finding checkModules(KRBroker& broker);
 /// Events and keys that only one extractor declares.
 Finding checkOutputs(KRBroker& broker);

@@ -13,7 +13,7 @@ namespace KR::tool {
 
 namespace {
 
-// Enough of a value to see what it is.
+// Enough of a value to recognise it.
 std::string show(const std::vector<Json>& values) {
     constexpr std::size_t kLongest = 160;
     std::string text;
@@ -76,7 +76,7 @@ void Comparison::beginFrame(std::uint64_t frame, int, int, int) {
 
 void Comparison::take(const Result& result) {
     frame_ = result.frame;
-    // Written and read, as the expected ones have been: an infinite float for instance is null there.
+    // Round trip through JSON, like the expected ones: for example, an infinite float becomes null.
     actual_[{result.isEvent, result.name}].push_back(parseResult(formatResult(result)).value);
 }
 
@@ -86,7 +86,7 @@ void Comparison::finish() {
 
 void Comparison::compareUntil(std::optional<std::uint64_t> end) {
     for (;;) {
-        // The first frame of which one of the two says something.
+        // The first frame for which either has results.
         std::optional<std::uint64_t> frame = actual_.empty() ? std::nullopt : std::optional(frame_);
         if (next_ && (!end || next_->frame < *end)) {
             frame = std::min(frame.value_or(next_->frame), next_->frame);

@@ -12,7 +12,7 @@
 
 namespace KR::tool {
 
-/// Compares results with earlier ones, frame by frame as they come. Memory is taken for the results of one frame.
+/// Compares results with earlier ones, frame by frame. Keeps the results of one frame in memory.
 class Comparison : public ResultSink {
 public:
     static constexpr std::size_t kMostShown = 10;
@@ -33,7 +33,7 @@ public:
     const std::vector<std::string>& getShown() const noexcept { return shown_; }
 
 private:
-    /// What a module said about one frame, by "is an event" and name, each in order.
+    /// Results for one frame, by "is an event" and name, each in order.
     using Said = std::map<std::pair<bool, std::string>, std::vector<Json>>;
 
     /// Compares the frames before this one.
@@ -56,7 +56,7 @@ private:
     std::vector<std::string> shown_;
 };
 
-/// Whether two values are the same but for numbers that differ by no more than the tolerance.
+/// Whether two values are equal, with numbers compared up to the tolerance.
 bool isSame(const Json& a, const Json& b, double tolerance);
 
 } // namespace KR::tool

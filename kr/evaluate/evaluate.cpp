@@ -159,7 +159,7 @@ ExitCode evaluateModule(const Options& options) {
             [&](const auto& broker) { return createModuleOf(options.moduleFile, broker, options.name); },
             settings, sinks, progress, interruption);
     }
-    // Results so far are kept, also of a module that has failed.
+    // Keeps the results so far, even if the module has failed.
     if (file) {
         file->finish();
         out->commit();
@@ -183,13 +183,13 @@ ExitCode evaluateModule(const Options& options) {
 const VerbRegistration registration(Verb<Options>{
     .group = "",
     .name = "evaluate",
-    .summary = "Run a module on a recording, as fast as it can, and write or compare what it finds",
+    .summary = "Run a module on a recording, as fast as it can, and write or compare its results",
     .example = "  kr evaluate ./krmotion.so corridor.oxv --out corridor.jsonl\n"
                "  kr evaluate ./krmotion.so corridor.oxv --against corridor.jsonl --tolerance 0.001\n"
                "  kr evaluate ./krmotion.so corridor.mcap --set resolution=2 --subscribe 100,0.5\n"
-               "Each image of the recording is given to the module once. Exit code 1 if the module fails or "
-               "there are\n"
-               "differences, 3 if some of the recording cannot be read.",
+               "The module gets each image of the recording once. Exit code 1 if the module fails or results "
+               "differ,\n"
+               "3 if parts of the recording cannot be read.",
     .run = evaluateModule,
 });
 

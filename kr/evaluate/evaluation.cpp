@@ -39,12 +39,12 @@ public:
     Protocol(const std::vector<ResultSink*>& sinks, Progress& progress)
         : sinks_(sinks), progress_(progress) {}
 
-    /// The module fetches: it has done with the image before. Blocks until it may have another one.
+    /// The module fetches, so it has finished with the previous image. Blocks until it may get the next one.
     /// \throws std::runtime_error it may not
     void noteFetch() {
         KRLock lock(mutex_);
         endProcessing();
-        // The first image is what a subscription waits for; all others wait for the subscription.
+        // The subscription waits for the first image; all other images wait for the subscription.
         changed_.wait(lock, [this] {
             mutex_.assertHeld();
             return outcome_.images == 0 || open_;
@@ -118,7 +118,7 @@ public:
             return isLastHandedOver_ || !outcome_.failure.empty();
         });
     }
-    /// The module has stopped. \return what it came to
+    /// The module has stopped. \return the result
     EvaluationOutcome end() {
         const KRLock lock(mutex_);
         endProcessing();
@@ -137,7 +137,7 @@ private:
             processingSince_.reset();
         }
     }
-    // Errors of sinks must not reach the module that writes.
+    // Errors of sinks must not reach the writing module.
     template <class Function>
     void tryTo(Function function) KR_REQUIRES(mutex_) {
         if (!outcome_.failure.empty()) {
@@ -197,7 +197,7 @@ public:
             }
             throw std::runtime_error("the recording has ended");
         }
-        // One image ahead: whether it is the last one must be known when it is handed over.
+        // Reads one image ahead, to know whether an image is the last one when it is delivered.
         std::optional<KRImage> image = std::move(next_);
         next_ = read();
         ++number_;
@@ -258,7 +258,7 @@ void callMethods(const KRProxy& module, const EvaluationSettings& settings) {
         } catch (const KRError& error) {
             throw std::runtime_error(module.getModuleName() + "." + method + ": " + error.getDescription());
         }
-        // A bool travels as an int; what it says is in the description of the method.
+        // A bool travels as an int; only the method's description tells them apart.
         const auto methods = module.getMethodList();
         const bool isRefused = std::ranges::any_of(methods, [&](const KRMethodDescription& description) {
             return description.name == method && description.argumentTypes.size() == arguments.size() &&
@@ -271,7 +271,7 @@ void callMethods(const KRProxy& module, const EvaluationSettings& settings) {
     }
 }
 
-/// Waits for work that an interruption cannot wake. After one, a module that hangs ends the program.
+/// Waits for work that an interruption cannot wake. If the module hangs after one, ends the program.
 template <class Work>
 void doOrGiveUp(const std::string& module, Interruption& interruption, Protocol& protocol, Work work) {
     std::optional<Clock::time_point> end;
@@ -315,7 +315,7 @@ evaluate(const RecordedImages& recording,
                 proxy.call("subscribe", kSubscriber);
             }
         } catch (const KRError& error) {
-            // A failing acquisition may have its reason there.
+            // A failing acquisition may have reported its reason there.
             protocol.fail("subscribing to " + name + " failed: " +
                               (module->getFailure().empty() ? error.getDescription() : module->getFailure()),
                           true);

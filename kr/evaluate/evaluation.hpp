@@ -31,19 +31,19 @@ struct EvaluationSettings {
     std::optional<std::pair<int, float>> subscription;
 };
 
-/// What an evaluation came to.
+/// Result of an evaluation.
 struct EvaluationOutcome {
-    std::uint64_t images = 0; ///< that were given to the module
+    std::uint64_t images = 0; ///< delivered to the module
     std::uint64_t values = 0;
     std::uint64_t events = 0;
     double seconds = 0;               ///< from the first image to the end of the last
     std::vector<float> processing_ms; ///< per image, from its delivery to the next fetch
-    std::string failure;              ///< why it ended before its time; empty: it did not
+    std::string failure;              ///< why it ended early; empty: it did not
     std::vector<std::string> losses;  ///< of the recording, a sentence each
 };
 
-/// Gives each image of a recording to a module, once and in order, as fast as the module takes them, and passes on what it
-/// writes into the memory and raises about each of them.
+/// Delivers each image of a recording to a module, once and in order, as fast as the module fetches them, and passes on the
+/// values and events that the module produces for each.
 ///
 /// The module gets its own broker, on the clock of the recording. The second image waits until
 /// the subscription to the module is complete, so that the same run has the same results.

@@ -9,7 +9,7 @@
 
 namespace KR::tool {
 
-/// One thing that a module said about an image: a value that it wrote into the memory, or an event that it raised.
+/// One result of a module for an image: a value that it wrote to the memory, or an event that it raised.
 struct Result {
     std::uint64_t frame;    ///< number of the image in the recording, from 0
     std::int64_t timeStamp; ///< of the image, microseconds
@@ -26,7 +26,7 @@ public:
     ResultSink(const ResultSink&) = delete;
     ResultSink& operator=(const ResultSink&) = delete;
 
-    /// An image is about to be given to the module. Results of earlier ones do not come any more.
+    /// Called before an image is delivered to the module; there are no more results for earlier images.
     /// \throws std::runtime_error results cannot be taken, as all operations
     virtual void beginFrame(std::uint64_t frame, int camera, int width, int height) = 0;
     virtual void take(const Result& result) = 0;

@@ -26,7 +26,7 @@ struct ExtractorState {
     std::optional<bool> paused;     ///< nullopt: not a vision extractor
     std::optional<bool> processing; ///< nullopt: not a vision extractor
     std::optional<double>
-        frameRate;       ///< images fetched per second since the previous poll; nullopt: not known (yet)
+        frameRate;       ///< images fetched per second since the previous poll; nullopt: not known yet
     std::string failure; ///< why it has stopped working; "" while it works
 };
 

@@ -31,7 +31,7 @@ struct Options {
         arguments.add("LEVEL", level,
                       "error, warning, info or verbose, or several, such as warning,krdds=verbose");
         arguments.add("CATEGORY", category, "category of the log that gets the level (default: all)");
-        arguments.add("--module", modules, "module whose process is asked; may be repeated (default: all)")
+        arguments.add("--module", modules, "module whose process to query; may be repeated (default: all)")
             .valueName("NAME")
             .completes([](const std::string& broker) { return completeModule({}, broker); })
             .repeatable();
@@ -49,7 +49,7 @@ std::vector<std::string> chooseModules(KRBroker& broker, const Options& options)
     return modules;
 }
 
-// Modules of one process have one log.
+// All modules of a process share one log.
 ExitCode setLevels(const Options& options) {
     const std::string levels =
         options.category.empty() ? options.level : options.category + "=" + options.level;
@@ -89,7 +89,7 @@ const VerbRegistration registration(Verb<Options>{
                "  kr log verbose --module KRMotion\n"
                "  kr log verbose krdds --module KRMotion\n"
                "  kr log info                               forgets the levels of categories\n"
-               "The log is that of a process: of all modules in it.",
+               "All modules of a process share one log.",
     .run = setLevels,
     .complete =
         [](const std::vector<std::string>& words, const std::string&) {

@@ -30,20 +30,20 @@ struct RemoteRecord {
     std::string toText() const;
 };
 
-/// The log of another process, which any of its modules is asked for. One question at a time is under way, so that a
-/// process that does not answer holds up nobody. Thread-bound.
+/// The log of another process, queried through any of its modules. Only one query is pending at a time, so a process that
+/// does not answer blocks nothing else. Thread-bound.
 class ProcessLog {
 public:
     /// \param process  "process 4711 (kr) on robot1" \param module  one of its modules
-    /// \param from_usec  when records begin to count, since the Unix epoch: a process keeps those from before, too
+    /// \param from_usec  start time, since the Unix epoch: older records, which a process also keeps, are skipped
     ProcessLog(boost::shared_ptr<KRBroker> broker, std::string process, std::string module,
                std::int64_t from_usec);
 
-    /// Records that have come since the last call; asks for the next ones.
+    /// Records received since the last call; requests the next ones.
     std::vector<RemoteRecord> poll();
-    /// Another module of the process, as the one before may have gone.
+    /// Switches to another module of the process, as the previous one may be gone.
     void setModule(const std::string& module) { module_ = module; }
-    /// Whether a question is under way.
+    /// Whether a query is pending.
     bool isBusy() const;
 
     std::uint64_t getLost() const noexcept { return lost_; }

@@ -26,7 +26,7 @@ namespace KR::tool::logWatch {
 namespace {
 
 constexpr std::chrono::milliseconds kInterval{200};   // between two questions to a process
-constexpr std::chrono::milliseconds kTimeToStop{500}; // for processes that are being asked
+constexpr std::chrono::milliseconds kTimeToStop{500}; // for pending queries
 
 struct Options {
     Domain domain;
@@ -36,14 +36,14 @@ struct Options {
     WatchOptions watch;
 
     void declare(Arguments& arguments) {
-        arguments.add("--module", modules, "module whose process is watched; may be repeated (default: all)")
+        arguments.add("--module", modules, "module whose process to watch; may be repeated (default: all)")
             .valueName("NAME")
             .completes([](const std::string& broker) { return completeModule({}, broker); })
             .repeatable();
-        arguments.add("--level", level, "least grave level to print: error, warning, info or verbose")
+        arguments.add("--level", level, "least severe level to print: error, warning, info or verbose")
             .oneOf({"error", "warning", "info", "verbose"})
             .showDefault();
-        arguments.addFlag("--kept", kept, "also what processes have kept from before, 256 KiB each");
+        arguments.addFlag("--kept", kept, "also earlier records, of which each process keeps 256 KiB");
         watch.declare(arguments, "records", "a JSON object per record, a line each");
         domain.declare(arguments);
     }
@@ -73,7 +73,7 @@ public:
         }
     }
 
-    /// Prints what has come. \return whether that is enough
+    /// Prints new records. \return whether that is enough
     bool poll(Interruption& interruption) {
         findProcesses();
         std::vector<RemoteRecord> records;
@@ -107,7 +107,7 @@ public:
         }
         if (lost > 0 && code == ExitCode::Done) {
             printError("lost " + std::to_string(lost) +
-                       " records: they came faster than they were asked for");
+                       " records: they were logged faster than they were fetched");
             code = ExitCode::DataLost;
         }
         waitForAnswers(code);
@@ -115,7 +115,7 @@ public:
     }
 
 private:
-    // A process that has gone leaves the list once its last question has failed.
+    // A process that is gone leaves the list once its last query has failed.
     void findProcesses() {
         std::map<std::string, std::string> modules; // one of each process
         for (const KRPeerDiagnostics& peer : broker_->getDiagnostics().peers) {
@@ -159,7 +159,7 @@ private:
     std::map<std::string, ProcessLog> logs_;
     Output output_{16 << 20};
     int printed_ = 0;
-    std::uint64_t lost_ = 0; // by processes that have gone
+    std::uint64_t lost_ = 0; // by processes that are gone
     const std::int64_t start_usec_ = getTimeStamp();
 };
 
@@ -181,7 +181,7 @@ const VerbRegistration registration(Verb<Options>{
     .summary = "Print the log of all processes that have modules",
     .example = "  kr log watch\n"
                "  kr log watch --module KRMotion --level warning --kept\n"
-               "Shows what the processes print themselves: kr log verbose krdds makes it more.\n"
+               "Shows what the processes print themselves; to see more, use kr log verbose krdds.\n"
                "Exit code 3 if records were lost because they came too fast.",
     .run = watchLogs,
 });

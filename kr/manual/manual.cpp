@@ -57,7 +57,7 @@ ExitCode printManual(const Options& options) {
 const VerbRegistration registration(Verb<Options>{
     .group = "",
     .name = "manual",
-    .summary = "Write what --help says as manual pages or in Markdown",
+    .summary = "Write the --help of all verbs as manual pages or in Markdown",
     .example = "  kr manual man build/man\n"
                "  kr manual table",
     .run = printManual,

@@ -22,7 +22,7 @@ struct Options {
     bool json = false;
 
     void declare(Arguments& arguments) {
-        arguments.add("PREFIX", prefix, "beginning of the keys; all keys without it");
+        arguments.add("PREFIX", prefix, "prefix of the keys (default: all keys)");
         arguments.addFlag("--json", json, "output as JSON");
         domain.declare(arguments);
     }

@@ -40,15 +40,15 @@ struct Options {
     }
 };
 
-constexpr int kMaxBytes = 1 << 16; // of a value; images are larger, and say little as text
+constexpr int kMaxBytes = 1 << 16; // of a value; images are larger, and useless as text
 
 /// The values that were printed last.
 class Printed {
 public:
-    /// Whether the value is not the one that was printed last; it is printed then.
+    /// Whether the value differs from the one printed last; if so, it is stored as printed.
     bool isNews(const KRMemoryChange& change) {
         if (change.leftOut) {
-            values_.erase(change.key); // whether it is another one is not known
+            values_.erase(change.key); // unknown whether it differs
             return true;
         }
         const auto [entry, isNew] = values_.try_emplace(change.key);
@@ -112,12 +112,12 @@ ExitCode watch(const Options& options) {
 const VerbRegistration registration(Verb<Options>{
     .group = "memory",
     .name = "watch",
-    .summary = "Print values as they change, a line each",
+    .summary = "Print values as they change, one per line",
     .example = "  kr memory watch KRMotion/\n"
                "  kr memory watch KRMotion/ --seconds 10 --json\n"
                "Each line begins with how long ago the value was written.\n"
                "A value that changes and changes back between two readings is missed; kr event watch misses "
-               "nothing. Of a value of more than 64 KiB, an image for instance, the size is printed.",
+               "nothing. Of values of more than 64 KiB, such as images, only the size is printed.",
     .run = watch,
     .complete = completeMemoryKey,
 });

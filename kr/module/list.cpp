@@ -20,8 +20,8 @@ struct Options {
     bool verbose = false;
 
     void declare(Arguments& arguments) {
-        arguments.addFlag("--all", all, "every module, those of running kr commands included");
-        arguments.addFlag("--verbose", verbose, "where each module runs and how it is called, too");
+        arguments.addFlag("--all", all, "every module, including those of running kr commands");
+        arguments.addFlag("--verbose", verbose, "also where each module runs and how it is called");
         list.declare(arguments);
     }
 };

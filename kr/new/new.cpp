@@ -48,7 +48,7 @@ ExitCode writeNewProject(const Options& options) {
 const VerbRegistration registration(Verb<Options>{
     .group = "",
     .name = "new",
-    .summary = "Write the project of a new module into a folder of its name",
+    .summary = "Create the project of a new module in a folder of its name",
     .example = "  kr new red-ball && cd red-ball && .ci/test\n"
                "  kr new red-ball --python\n"
                "  kr new counter --module",

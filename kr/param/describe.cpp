@@ -69,7 +69,7 @@ ExitCode describe(const Options& options) {
 const VerbRegistration registration(Verb<Options>{
     .group = "param",
     .name = "describe",
-    .summary = "Show what the parameters of a module mean and take",
+    .summary = "Describe the parameters of a module and their possible values",
     .example = "  kr param describe KRMotion\n"
                "  kr param describe KRMotion threshold",
     .run = describe,

@@ -27,7 +27,7 @@ struct Options {
     }
 };
 
-// What is wrong with the values for this module, a line each.
+// Problems with the values for this module, one per line.
 std::vector<std::string> findProblems(KRBroker& broker, const std::string& module,
                                       const ParameterValues& values) {
     try {
@@ -90,7 +90,8 @@ const VerbRegistration registration(Verb<Options>{
         "  kr param load robot.json\n"
         "If a module or a parameter does not exist, or a value is out of range, all such problems are listed "
         "and nothing\n"
-        "is set. Exit code 1 then, and if a module refuses a value; the other values are set in that case.",
+        "is set; the exit code is 1. If a module refuses a value, the others are set and the exit code is 1, "
+        "too.",
     .run = load,
 });
 

@@ -14,14 +14,14 @@ namespace KR::tool {
 namespace {
 
 std::string readText(const std::string& path) {
-    constexpr std::size_t kLargest = 16 << 20; // bytes; more is something else
+    constexpr std::size_t kLargest = 16 << 20; // bytes; a larger file is something else
     std::string text;
     const File file = openFile(path, "rb");
     std::array<char, 65536> part;
     while (const std::size_t size = std::fread(part.data(), 1, part.size(), file.get())) {
         text.append(part.data(), size);
         if (text.size() > kLargest) {
-            throw std::runtime_error("is too large for a file of parameters");
+            throw std::runtime_error("is too large for a parameter file");
         }
     }
     if (std::ferror(file.get()) != 0) {
@@ -83,7 +83,7 @@ ModuleParameters readParameterFile(const std::string& path) {
         const Json json = Json::parse(readText(path), nullptr, false);
         if (!json.is_object()) {
             throw std::runtime_error(
-                "is no file of parameters, {\"MODULE\": {\"PARAMETER\": VALUE}}; kr param save writes one");
+                "is not a parameter file, {\"MODULE\": {\"PARAMETER\": VALUE}}; kr param save writes one");
         }
         ModuleParameters modules;
         for (const auto& [module, parameters] : json.items()) {

@@ -42,11 +42,12 @@ const VerbRegistration registration(Verb<Options>{
     .group = "param",
     .name = "save",
     .summary = "Write the parameters of modules to a file",
-    .example = "  kr param save robot.json\n"
-               "  kr param save motion.json KRMotion\n"
-               "kr param load, and kr run and kr serve with --param-file, read it. What is only true of the "
-               "moment,\n"
-               "such as a pause, is left out. Exit code 3 if a module did not answer.",
+    .example =
+        "  kr param save robot.json\n"
+        "  kr param save motion.json KRMotion\n"
+        "kr param load, and kr run and kr serve with --param-file, read it. Temporary states, such as a "
+        "pause,\n"
+        "are left out. Exit code 3 if a module did not answer.",
     .run = save,
 });
 

@@ -20,7 +20,7 @@ struct Options {
     void declare(Arguments& arguments) {
         arguments.add("MODULE", module, "name of the module").required();
         arguments.add("NAME", name, "name of the parameter").required();
-        arguments.add("VALUE", value, "JSON; what is not JSON is a text").required();
+        arguments.add("VALUE", value, "JSON; anything else is a string").required();
         domain.declare(arguments);
     }
 };
@@ -40,7 +40,7 @@ const VerbRegistration registration(Verb<Options>{
     .example = "  kr param set KRMotion threshold 0.01\n"
                "  kr param set KRMotion resolution 640x480\n"
                "  kr param set KRMotion pause true\n"
-               "A text that looks like a number needs quotes: '\"3\"'.\n"
+               "A string that looks like a number needs quotes: '\"3\"'.\n"
                "Exit code 1 if the value is out of range, or the module refuses it.",
     .run = set,
     .complete = completeModuleAndParameter,

@@ -30,7 +30,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr double kLongest_s = 1e7; // some months
 constexpr std::uint64_t kMegabyte = 1'000'000;
-constexpr std::chrono::seconds kTimeToStop{3}; // for services that are being asked
+constexpr std::chrono::seconds kTimeToStop{3}; // for pending calls of services
 
 struct Options {
     Domain domain;
@@ -50,7 +50,7 @@ struct Options {
     void declare(Arguments& arguments) {
         arguments.add("OUT", path, "file that ends in .mcap; an existing one is replaced").required();
         arguments.add("--camera", cameras, "camera number").wholeNumber(0, 127).repeatable();
-        arguments.add("--memory", prefixes, "beginning of the keys of values").repeatable();
+        arguments.add("--memory", prefixes, "prefix of the keys of values").repeatable();
         arguments.add("--event", events, "name of an event; its extractor is started").repeatable();
         arguments.addFlag("--all", all, "all cameras, values and raised events; starts no extractor");
         geometry.declare(arguments);
@@ -58,15 +58,14 @@ struct Options {
         arguments.add("--compression", compression, "compression: none, lz4 or zstd")
             .oneOf({"none", "lz4", "zstd"})
             .showDefault();
-        arguments.add("--queue", queue_MB, "megabytes that may wait for the disk")
+        arguments.add("--queue", queue_MB, "megabytes to queue for the disk")
             .wholeNumber(1, 1'000'000)
             .showDefault();
-        arguments.add("--split-size", splitSize_MB, "megabytes after which another file is begun")
+        arguments.add("--split-size", splitSize_MB, "megabytes after which a new file is started")
             .wholeNumber(1, 1'000'000'000);
-        arguments.add("--split-duration", splitDuration_s, "seconds after which another file is begun")
+        arguments.add("--split-duration", splitDuration_s, "seconds after which a new file is started")
             .wholeNumber(1, 100'000'000);
-        arguments
-            .add("--max-files", maxFiles, "number of files to keep: the oldest makes room for another one")
+        arguments.add("--max-files", maxFiles, "number of files to keep; the oldest are removed")
             .wholeNumber(1);
         domain.declare(arguments);
     }
@@ -96,7 +95,7 @@ public:
 
 private:
     void run() noexcept {
-        constexpr std::chrono::seconds kFlush{1}; // what a killed process loses at most
+        constexpr std::chrono::seconds kFlush{1}; // the most that a killed process loses
         setThreadName("kr writer");
         try {
             auto nextFlush = Clock::now() + kFlush;

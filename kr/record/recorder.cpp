@@ -34,7 +34,7 @@ std::uint64_t getTime() {
                                           .count());
 }
 
-/// Counts the images of a camera between two fetches, which the camera service tells.
+/// Counts the images of a camera between two fetches, as reported by the camera service.
 class MissedImages {
 public:
     MissedImages(const Subscription& subscription, RecordQueue& queue, std::string topic)
@@ -70,7 +70,7 @@ std::string makeName() {
 
 } // namespace
 
-/// This program as a module, which the memory calls.
+/// This program as a module that the memory calls.
 class Recorder::Listener : public KRModule {
 public:
     Listener(boost::shared_ptr<KRBroker> broker, const std::string& name, const RecordSelection& selection,
@@ -219,7 +219,7 @@ void Recorder::fetchFrom(Subscription& subscription, int camera, std::string& sa
             nextCheck = last + kCheck;
             if (!missed.check()) {
                 queue_.noteInterruption();
-                return; // another service, which knows the subscription by another identifier
+                return; // a new service, with another identifier for the subscription
             }
         }
     }
@@ -248,7 +248,7 @@ void Recorder::subscribeToMemory() {
     for (const std::string& prefix : prefixes) {
         memory.subscribeToWrites(prefix, listener_->getName(), "onWrite");
     }
-    // What is there already. Names of events hold what they were raised with last, which is no event now.
+    // Existing values. The key of an event holds its last value, which is not a new event.
     const std::vector<std::string> events = memory.getEventList();
     for (const std::string& prefix : prefixes) {
         for (const std::string& key : memory.getDataList(prefix)) {
@@ -285,7 +285,7 @@ void Recorder::watchMemory() {
             if (now != 0 && now != subscribed) {
                 subscribeToMemory();
                 if (subscribed != 0 && !isAway) {
-                    queue_.noteInterruption(); // it went and came between two looks
+                    queue_.noteInterruption(); // it was replaced between two polls
                 }
                 report(said, isAway ? "the memory module is back" : "");
                 isAway = false;

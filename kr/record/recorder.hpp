@@ -17,7 +17,7 @@ namespace KR::tool {
 
 class Subscription;
 
-/// What of a running system is to be recorded.
+/// What to record of a running system.
 struct RecordSelection {
     std::vector<int> cameras;
     std::vector<std::string> prefixes; ///< of keys in the memory
@@ -27,13 +27,13 @@ struct RecordSelection {
     int colorSpace = 9;
 };
 
-/// Fetches from a running system into a queue: a thread per camera, and one that subscribes to the memory module again whenever
-/// there is another one. What is not there is waited for. Thread-bound.
+/// Fetches from a running system into a queue: a thread per camera, and one that subscribes again to each new memory module.
+/// Waits for absent cameras and services. Thread-bound.
 class Recorder {
 public:
     /// \param queue  must outlive this
     Recorder(const boost::shared_ptr<KRBroker>& broker, const RecordSelection& selection, RecordQueue& queue);
-    /// Stops. A camera service or memory module that does not answer is waited for.
+    /// Stops. Waits for pending calls of the camera service and memory module.
     ~Recorder();
     Recorder(const Recorder&) = delete;
     Recorder& operator=(const Recorder&) = delete;
@@ -45,12 +45,12 @@ private:
     class Listener;
 
     void recordCamera(int camera);
-    /// Until it is to stop, or the service is another one. \param said  what has been reported of the camera
+    /// Records until stopped, or until the service is replaced. \param said  last report about the camera
     void fetchFrom(Subscription& subscription, int camera, std::string& said);
     void watchCameras();
     void watchMemory();
     void subscribeToMemory();
-    /// Reports what a source has to say, unless it is the same as before.
+    /// Reports the state of a source, if it has changed.
     void report(std::string& said, const std::string& what);
     bool sleep() const;
 

@@ -46,7 +46,7 @@ void RecordFile::begin() {
 
 bool RecordFile::isFull() const {
     if (file_->writer.getStatistics().messages == 0) {
-        return false; // another one would be no better
+        return false; // another file would not help
     }
     return (options_.splitSize && file_->writer.getFileSize() >= *options_.splitSize) ||
            (options_.splitDuration &&

@@ -31,11 +31,11 @@ public:
     explicit RecordFile(RecordFileOptions options);
 
     void write(const Recorded& recorded);
-    /// Sends what came so far to the operating system, so that a kill of the process does not lose it.
+    /// Passes buffered data to the operating system, so that killing the process does not lose it.
     void flush();
     /// Closes the file that is open.
     void close();
-    /// Gives the file that is open its name as it is, after an error. Throws nothing.
+    /// Gives the open file its final name despite an error. Throws nothing.
     void abandon() noexcept;
 
     std::uint64_t countBytes() const noexcept; ///< of all files, as far as they have been written

@@ -14,7 +14,7 @@
 
 namespace KR::tool {
 
-/// One thing to record: an image, a value in the memory, or an event.
+/// One item to record: an image, a value in the memory, or an event.
 struct Recorded {
     enum class Kind { Image, Value, Event };
     Kind kind = Kind::Value;
@@ -29,7 +29,7 @@ struct Recorded {
     std::size_t countBytes() const;
 };
 
-/// What waits for the disk, bounded in bytes. What does not fit is missed, and counted by topic. Thread-safe.
+/// Queue for the disk, limited in bytes. Data that does not fit is dropped and counted by topic. Thread-safe.
 class RecordQueue {
 public:
     struct Count {
@@ -38,18 +38,18 @@ public:
     };
     using Counts = std::map<std::string, Count>; // by topic
 
-    /// \param capacity  bytes; a single longer thing is taken when nothing waits
+    /// \param capacity  bytes; a single larger item is accepted if the queue is empty
     explicit RecordQueue(std::size_t capacity) : capacity_(capacity) {}
 
-    /// Takes a thing if there is room for it. Does not block.
+    /// Queues an item if there is room for it. Does not block.
     void offer(Recorded recorded);
-    /// Things of a topic were missed before they came here.
+    /// Items of a topic were lost before they arrived here.
     void noteMissed(const std::string& topic, std::uint64_t count);
-    /// A source was away, after it had been there: nobody knows what was missed.
+    /// A source was away for a while; the number of missed items is unknown.
     void noteInterruption();
-    /// The oldest thing. Waits for one until the deadline. \return nullopt: none, or closed and empty
+    /// The oldest item. Waits for one until the deadline. \return nullopt: none, or closed and empty
     std::optional<Recorded> take(std::chrono::steady_clock::time_point deadline);
-    /// Takes nothing more.
+    /// Accepts no more items.
     void close();
     /// closed, and nothing waits
     bool isOver() const;

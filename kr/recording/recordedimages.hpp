@@ -21,7 +21,7 @@ public:
     /// \return with pixels that nobody else has; nullopt: there are no more
     /// \throws std::runtime_error the file cannot be read
     virtual std::optional<KRImage> next() = 0;
-    /// What has been found to be missing so far, a sentence each.
+    /// Losses found so far, one sentence each.
     virtual std::vector<std::string> getLosses() const = 0;
 };
 

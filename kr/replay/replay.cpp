@@ -46,20 +46,20 @@ struct Options {
 
     void declare(Arguments& arguments) {
         arguments.add("IN", path, "oxv or mcap file").required();
-        arguments.add("--rate", rate, "speed: 2 is twice as fast as it was recorded")
+        arguments.add("--rate", rate, "speed: 2 is twice as fast as recorded")
             .realNumber(0.001, 1000)
             .showDefault();
         arguments.add("--start", start, "seconds of the recording to skip").realNumber(0, kLongest_s);
         arguments.add("--duration", duration, "seconds of the recording to replay (default: all)")
             .realNumber(0.001, kLongest_s);
-        arguments.addFlag("--loop", loop, "begin again at the end");
+        arguments.addFlag("--loop", loop, "restart at the end");
         arguments.add("--only", only, "topic to replay, such as /camera/0/image or /memory/KRMotion/Motion")
             .repeatable();
         domain.declare(arguments);
     }
 };
 
-/// The place in the recording that is due now. Thread-bound.
+/// The current position in the recording. Thread-bound.
 class ReplayClock {
 public:
     ReplayClock(double rate, std::int64_t start_usec) : rate_(rate), place_usec_(start_usec) {}
@@ -90,7 +90,7 @@ private:
     bool paused_ = false;
 };
 
-/// Publishes what was recorded, at its time. Thread-bound.
+/// Publishes recorded items at their times. Thread-bound.
 class Player {
 public:
     Player(ReplaySource& source, std::map<int, std::shared_ptr<ReplayFeed>> feeds, KRMemoryProxy& memory,
@@ -127,7 +127,7 @@ public:
         }
         return true;
     }
-    /// Values and events that the memory did not take.
+    /// Values and events that the memory refused.
     std::uint64_t countLost() const noexcept { return lost_; }
     const std::string& getReason() const noexcept { return reason_; } ///< why, of the first one
     bool canBePaused() const noexcept { return keys_.areThere(); }
@@ -241,7 +241,7 @@ ExitCode replay(const Options& options) {
         host.addService(createModule<KRVideoDevice>(broker, "KRVideoDevice", listFeeds(feeds)));
     }
     if (!options.domain.saysWhereMemoryIs()) {
-        broker->startMemory(); // after the cameras: whoever finds the memory starts, and finds them too
+        broker->startMemory(); // after the cameras: modules that wait for the memory must find them
     }
     KRMemoryProxy memory(broker);
     Player player(*source, feeds, memory, options, interruption);
@@ -266,7 +266,7 @@ ExitCode replay(const Options& options) {
 const VerbRegistration registration(Verb<Options>{
     .group = "",
     .name = "replay",
-    .summary = "Be the recorded system: its cameras, its values and its events, at their times",
+    .summary = "Play back a recorded system: its cameras, values and events, at their times",
     .example = "  kr replay drive.mcap\n"
                "  kr replay drive.mcap --rate 0.5 --start 60 --duration 10 --loop\n"
                "  kr replay drive.mcap --only /camera/0/image --only /memory/Door\n"

@@ -8,12 +8,12 @@
 
 namespace KR::tool {
 
-/// A camera that shows the image which was published last. Thread-safe.
+/// A camera that shows the image published last. Thread-safe.
 class ReplayFeed : public KRImageFeed {
 public:
     explicit ReplayFeed(std::string text) : text_(std::move(text)) {}
 
-    /// Shows an image, whose pixels nobody changes any more.
+    /// Shows an image, whose pixels must not change any more.
     void publish(const KRImage& image);
 
     std::string getText() const override { return text_; }

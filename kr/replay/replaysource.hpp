@@ -11,7 +11,7 @@
 
 namespace KR::tool {
 
-/// Something that was recorded.
+/// One recorded item.
 struct ReplayMessage {
     enum class Kind { Image, Value, Event };
     Kind kind = Kind::Value;
@@ -33,15 +33,15 @@ public:
 
     /// Numbers of the cameras that are replayed, in order.
     const std::vector<int>& getCameras() const noexcept { return cameras_; }
-    /// Topics that nobody could be given, in order.
+    /// Topics that cannot be replayed, in order.
     const std::vector<std::string>& getIgnored() const noexcept { return ignored_; }
 
-    /// Begins, or begins again. \param start_usec  time of the first message, since the beginning of the recording
+    /// Starts, or restarts. \param start_usec  time of the first message, since the beginning of the recording
     /// \throws std::runtime_error the file cannot be read, as all operations
     virtual void rewind(std::int64_t start_usec) = 0;
     /// \return nullopt: there are no more
     virtual std::optional<ReplayMessage> next() = 0;
-    /// What has been found to be missing so far, a sentence each.
+    /// Losses found so far, one sentence each.
     virtual std::vector<std::string> getLosses() const = 0;
 
 protected:

@@ -16,9 +16,9 @@ namespace KR::tool {
 
 namespace {
 
-// Between fork and exec: nothing here takes memory or a lock.
+// Between fork and exec: allocates nothing and takes no lock.
 [[noreturn]] void become(char* const* arguments, pid_t parent, ChildOutput output) noexcept {
-    ::setpgid(0, 0); // Ctrl-C is for the parent, which ends this one in its turn
+    ::setpgid(0, 0); // Ctrl-C goes to the parent, which then ends this one
     sigset_t none;
     ::sigemptyset(&none);
     ::sigprocmask(SIG_SETMASK, &none, nullptr);

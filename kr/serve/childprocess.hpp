@@ -10,8 +10,7 @@ namespace KR::tool {
 
 enum class ChildOutput { Shared, None };
 
-/// A program that runs beside this one and ends with it. Thread-bound: it is sent SIGTERM when the thread that has started
-/// it ends.
+/// A child process that ends with this one. Thread-bound: it gets SIGTERM when the thread that started it ends.
 class ChildProcess {
 public:
     /// Starts it without input, in a process group of its own. It shares this program's standard error.

@@ -22,10 +22,10 @@ namespace {
 constexpr std::chrono::milliseconds kMakingStep{20};
 // For a module that is being made when the interruption comes.
 constexpr std::chrono::milliseconds kTimeToComeUp{500};
-// For modules to come down before the services do.
+// For modules to shut down before the services do.
 constexpr std::chrono::milliseconds kTimeWithServices{1000};
 
-/// Ends the program if modules do not come down in time. Thread-safe.
+/// Ends the program if modules do not shut down in time. Thread-safe.
 class Watchdog {
 public:
     Watchdog() : thread_([this] { watch(); }) {}
@@ -78,7 +78,7 @@ std::string describe(const KRSubscription& subscription) {
     return "the subscription to " + subscription.getExtractor();
 }
 
-// All at once, since each may be waiting for an image. The vector must not change until they are down.
+// In parallel, since each may be waiting for an image. The vector must not change until they are down.
 std::vector<std::future<void>> takeDownEach(std::vector<KRModuleHandle<KRModule>>& modules,
                                             Watchdog& watchdog) {
     std::vector<std::future<void>> down;

@@ -14,23 +14,23 @@ namespace KR::tool {
 
 class Interruption;
 
-/// Runs modules until the program is interrupted. They come down all at once, and subscriptions end with them, then the
-/// services that they may need; a service waits for them for a second at most. Thread-bound.
+/// Runs modules until the program is interrupted. All modules and subscriptions are shut down in parallel, then the
+/// services that they may need, which wait for them for at most a second. Thread-bound.
 class Host {
 public:
-    /// Time that modules have to come down; then the program ends without them.
+    /// Time for modules to shut down; after that the program ends without them.
     static constexpr std::chrono::milliseconds kTimeToComeDown{1800};
 
     /// Ignores SIGPIPE from now on: a reader of the log may go away.
     Host();
-    /// Takes down what is still up.
+    /// Shuts down what is still running.
     ~Host();
     Host(const Host&) = delete;
     Host& operator=(const Host&) = delete;
 
-    /// Adds a service that others may need while they come down.
+    /// Adds a service that others may need while they shut down.
     void addService(KRModuleHandle<KRModule> module) { services_.push_back(std::move(module)); }
-    /// Adds a module that has been made.
+    /// Adds an existing module.
     void addModule(KRModuleHandle<KRModule> module) { modules_.push_back(std::move(module)); }
     /// Makes a module. Its constructor may wait, for the memory for instance; an interruption meanwhile ends the
     /// program with exit code 0.
@@ -41,13 +41,13 @@ public:
     /// Keeps a subscription, to a module here or elsewhere.
     void addSubscription(KRSubscription subscription) { subscriptions_.push_back(std::move(subscription)); }
 
-    /// Waits until the program is interrupted, or until there are modules and all of them have failed or exited by
-    /// themselves. Reports each module that does.
+    /// Waits until the program is interrupted, or until all modules, if there are any, have failed or exited by
+    /// themselves. Reports each of these.
     /// \return Failed if one did, even if others worked on
     ExitCode waitFor(Interruption& interruption) const;
 
-    /// Takes everything down. If that takes longer than kTimeToComeDown, prints the names of the modules that are
-    /// left and ends the program with exit code 1.
+    /// Shuts everything down. If that takes longer than kTimeToComeDown, prints the names of the remaining modules
+    /// and ends the program with exit code 1.
     void takeDown();
 
     const std::vector<KRModuleHandle<KRModule>>& getModules() const noexcept { return modules_; }

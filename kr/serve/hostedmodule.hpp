@@ -22,9 +22,9 @@ public:
     /// \param module  with a name
     HostedModule(boost::shared_ptr<KRBroker> broker, RobotModule module);
 
-    /// Other values to begin with, from the next start on.
+    /// Changes the initial values from the next start on.
     void setParameters(std::vector<std::pair<std::string, Json>> parameters);
-    /// Gives the module away; empty if it is not there. An unfinished constructor is waited for until `deadline`.
+    /// Releases the module; empty if there is none. An unfinished constructor is waited for until `deadline`.
     /// \param isStuck  set if the constructor has not finished by then, or an earlier module has not come down
     KRModuleHandle<KRModule> release(Clock::time_point deadline, bool& isStuck);
 

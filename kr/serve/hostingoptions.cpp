@@ -90,13 +90,13 @@ RobotSubscription parseSubscription(const std::string& text) {
 } // namespace
 
 void HostingOptions::declare(Arguments& arguments) {
-    arguments.add("--param", parameters_, "value of a parameter from the start")
+    arguments.add("--param", parameters_, "initial value of a parameter")
         .valueName("[MODULE.]NAME=VALUE")
         .repeatable();
     arguments.add("--param-file", parameterFile_, "file of parameters that kr param save has written");
     arguments
         .add("--subscribe", subscriptions_,
-             "subscription to an extractor, here or elsewhere, for as long as this runs")
+             "subscription to an extractor in any process, until this program ends")
         .valueName("MODULE[:PERIOD[:PRECISION]]")
         .repeatable();
 }

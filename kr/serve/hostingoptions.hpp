@@ -14,12 +14,12 @@ namespace KR::tool {
 class Arguments;
 class Host;
 
-/// What kr run and kr serve offer for the modules that they host: values of parameters, and subscriptions.
+/// Options of kr run and kr serve for the modules that they host: parameters and subscriptions.
 class HostingOptions {
 public:
     void declare(Arguments& arguments);
 
-    /// Has the broker give the modules their values when it makes them. Reports sections of a file that are for none.
+    /// Has the broker set the parameters of modules when they are created. Reports sections of a file for other modules.
     /// \param modules  names of the modules that are going to be hosted
     /// \throws UsageError a malformed value; one for a module that is not hosted
     /// \throws std::runtime_error the file cannot be used
@@ -29,7 +29,7 @@ public:
     /// \throws UsageError, std::runtime_error as giveParameters()
     std::map<std::string, ParameterValues> readParameters(const std::vector<std::string>& modules) const;
 
-    /// Subscribes for as long as the host stands. \throws UsageError a malformed subscription
+    /// Subscribes for the lifetime of the host. \throws UsageError a malformed subscription
     void subscribe(const boost::shared_ptr<KRBroker>& broker, Host& host) const;
     /// \throws UsageError a malformed subscription
     std::vector<RobotSubscription> readSubscriptions() const;

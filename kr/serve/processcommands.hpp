@@ -7,14 +7,14 @@
 
 namespace KR::tool {
 
-/// The command that hosts a module in a process beside this one, which logs as this one does.
+/// The command that hosts a module in a child process, which logs like this one.
 /// \param broker  address of this process's broker
 std::vector<std::string> makeRunCommand(const RobotModule& module, const std::string& broker);
 
-/// The command that records. Conversions of strftime(3) in the name of the file are of this moment.
+/// The command that records. strftime(3) conversions in the file name use the current time.
 std::vector<std::string> makeRecordCommand(const RobotRecording& recording, const std::string& broker);
 
-/// The address of a broker like this one, in another process: it does not run the memory.
+/// The address for a broker in a child process: this one without the memory.
 std::string withoutMemory(const std::string& broker);
 
 } // namespace KR::tool

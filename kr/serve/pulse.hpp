@@ -15,8 +15,8 @@ namespace KR::tool {
 
 class ServiceNotifier;
 
-/// Reports to the service manager that this program works: a call of a module of its own, posted by the main loop, does so
-/// on a call thread of the broker. If either does not go on any more, or the broker, no report is made. Thread-bound.
+/// Sends watchdog reports to the service manager: the main loop posts a call to an internal module, which reports on a call
+/// thread of the broker. If the main loop, the call threads or the broker hang, there is no report. Thread-bound.
 class Pulse {
 public:
     /// Does nothing if the manager does not ask for it. \param notifier  outlives this

@@ -9,21 +9,20 @@
 
 namespace KR::tool {
 
-/// Where something stands in a file, from 1; 0: not in a file.
+/// Position in a file, from 1; 0: not in a file.
 struct Place {
     int line = 0;
     int column = 0;
 
-    /// Always true, deliberately: what has only moved in the file has not changed.
+    /// Always true, deliberately: an entry that only moved in the file has not changed.
     bool operator==(const Place&) const noexcept { return true; }
 };
 
 /// A camera of a system.
 struct RobotCamera {
     std::string source = "test";
-    std::string size =
-        {}; ///< "640x480": the least that it delivers while it is open; "": as its subscribers want
-    std::vector<std::pair<std::string, int>> controls = {}; ///< values that it has whenever it opens, by name
+    std::string size = {}; ///< "640x480": minimum size while it is open; "": what its subscribers request
+    std::vector<std::pair<std::string, int>> controls = {}; ///< values set whenever it opens, by name
     Place place = {};
 
     bool operator==(const RobotCamera&) const = default;
@@ -34,7 +33,7 @@ struct RobotModule {
     std::string file = {}; ///< path of its library, or of a file of Python as loadModuleClass() takes it
     std::string name = {}; ///< "" in the same process: the default of its class
     bool ownProcess = false;
-    bool restart = true; ///< made again when it fails or ends
+    bool restart = true; ///< restart it when it fails or ends
     std::vector<std::pair<std::string, Json>> parameters = {};
     Place place = {};
 
@@ -79,7 +78,7 @@ struct RobotWeb {
     bool operator==(const RobotWeb&) const = default;
 };
 
-/// A system as kr serve runs it: what its command line or a file asks for.
+/// A system that kr serve runs, from its command line or a file.
 struct Robot {
     std::string broker = "dds:";
     Place brokerPlace = {};

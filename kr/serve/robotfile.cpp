@@ -95,7 +95,7 @@ RobotCamera Reader::readCamera(const YAML::Node& node) {
     if (!camera.size.empty() && !isSize(camera.size)) {
         section.report(section.find("size"),
                        "size " + escapeText(camera.size, 100) +
-                           " is not supported, such as 640x480 is; docs/cameras.md lists them");
+                           " is not supported; docs/cameras.md lists the sizes, such as 640x480");
     }
     readControls(section, camera);
     return camera;
@@ -309,7 +309,7 @@ Robot readRobotFile(const std::string& path, std::vector<RobotProblem>& problems
         const std::vector<YAML::Node> documents = YAML::LoadAll(text);
         if (documents.size() > 1) {
             problems.push_back(
-                {getPlace(documents[1]), "the file has a second document, which nothing would read"});
+                {getPlace(documents[1]), "the file has a second document; only one is supported"});
         }
         return Reader(path, problems).read(documents.empty() ? YAML::Node() : documents.front());
     } catch (const YAML::Exception& error) {

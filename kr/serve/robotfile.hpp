@@ -9,18 +9,17 @@
 
 namespace KR::tool {
 
-/// What is wrong with a file, and where.
+/// A problem in a file, and its position.
 struct RobotProblem {
     Place place;
     std::string text;
 };
 
-/// "robot.yaml:3:5: TEXT" for each problem, a line each, in the order of the file.
+/// "robot.yaml:3:5: TEXT" for each problem, one per line, in the order of the file.
 std::string formatProblems(const std::string& path, std::vector<RobotProblem> problems);
 
 /// Reads a system from a YAML file. Relative paths in it are relative to its folder; those of the result are absolute.
-/// \param problems  receives all that is wrong with it, as far as the text alone shows; the result is of use only if there
-///                  is none
+/// \param problems  receives all problems visible in the text alone; the result is only usable if there are none
 /// \throws std::runtime_error it cannot be read; it is larger than 1 MiB
 Robot readRobotFile(const std::string& path, std::vector<RobotProblem>& problems);
 

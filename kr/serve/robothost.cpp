@@ -48,7 +48,7 @@ int getResolution(const std::string& size) {
     return size.empty() ? -1 : getResolutionFromSize(std::stoi(size), std::stoi(size.substr(x + 1)));
 }
 
-/// Sets parameters of a module, wherever it is. Logs what it refuses.
+/// Sets parameters of a module in any process. Logs what it refuses.
 void setParameters(KRBroker& broker, const std::string& module,
                    const std::vector<std::pair<std::string, Json>>& values,
                    const std::vector<std::string>& dropped) {
@@ -84,7 +84,7 @@ RobotHost::RobotHost(Robot robot) : robot_(std::move(robot)), broker_(connectTo(
         startCameras();
     }
     if (!saysWhereMemoryIs(robot_.broker)) {
-        broker_->startMemory(); // after the cameras: whoever finds the memory starts, and finds them too
+        broker_->startMemory(); // after the cameras: modules that wait for the memory must find them
     }
     unwritten_ = robot_.memory;
     writeMemory();

@@ -20,16 +20,16 @@
 
 namespace KR::tool {
 
-/// Runs a system: the camera service, the memory, modules here and in processes beside this one, subscriptions and a
+/// Runs a system: the camera service, the memory, modules in this process and in child processes, subscriptions and a
 /// recording. Thread-bound.
 class RobotHost {
 public:
-    /// Starts the camera service and the memory, then everything else, without waiting for that.
+    /// Starts the camera service and the memory, then everything else asynchronously.
     /// \throws KRError the broker, a service or a camera is refused
     explicit RobotHost(Robot robot);
 
-    /// Notices what has ended, and starts what is to be started. Call it a few times a second.
-    /// \throws std::runtime_error a module of the beginning that is not to be restarted could not even be started
+    /// Detects what has ended and starts what is due. Call it a few times a second.
+    /// \throws std::runtime_error an initial module that is not to be restarted could not be started
     void poll();
     /// Everything was started, or could not be at the first attempt.
     bool hasTriedAll() const;
@@ -42,11 +42,11 @@ public:
     /// "2 of 3 modules work", for people.
     std::string describe() const;
 
-    /// Changes what differs in `next`, and leaves alone what does not. What cannot be changed is logged.
+    /// Applies the differences to `next`. Logs what cannot be changed.
     void apply(Robot next);
 
-    /// Ends everything: the processes beside this one, then modules and services as Host does.
-    /// \param code  what the program ends with if a module is left that waits for something in its constructor
+    /// Ends everything: child processes, then modules and services as Host does.
+    /// \param code  exit code if a module's constructor is still waiting for something
     void takeDown(ExitCode code);
 
     const std::string& getUrl() const noexcept { return robot_.broker; }

@@ -33,8 +33,8 @@ struct Options {
 ExitCode runModule(const Options& options) {
     Interruption interruption;
     setLogLevel(KRLogLevel::Info);
-    options.hosting.readSubscriptions();                           // for what it throws
-    const HostedClass moduleClass = loadModuleClass(options.path); // reports a wrong file before it connects
+    options.hosting.readSubscriptions();                           // only to report errors
+    const HostedClass moduleClass = loadModuleClass(options.path); // reports a bad file before connecting
     const auto broker = options.domain.connect();
     options.hosting.giveParameters(*broker, {options.name.empty() ? moduleClass.defaultName : options.name});
     Host host;
@@ -50,7 +50,7 @@ ExitCode runModule(const Options& options) {
 const VerbRegistration registration(Verb<Options>{
     .group = "",
     .name = "run",
-    .summary = "Host a module library in a process of its own",
+    .summary = "Host a module library in its own process",
     .example = "  kr run ./krmotion.so\n"
                "  kr run ./krmotion.so --name DoorMotion --broker 'dds:?peers=robot1'\n"
                "  kr run ./krmotion.so --param threshold=0.01 --param camera=1 --subscribe KRMotion:100:1.0\n"

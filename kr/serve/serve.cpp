@@ -50,10 +50,10 @@ struct Options {
 
     void declare(Arguments& arguments) {
         arguments.add("FILE", file, "file of the system, such as robot.yaml: docs/robot-file.md");
-        arguments.addFlag("--check", check, "list of everything that is wrong with the file; serves nothing");
-        arguments.addFlag("--print", print, "the file that the command line amounts to; serves nothing");
+        arguments.addFlag("--check", check, "list of all problems of the file, without serving");
+        arguments.addFlag("--print", print, "the file equivalent to the command line, without serving");
         cameras.declare(arguments, "0=test");
-        arguments.add("--run", libraries, "module library or Python file[:class] to host too")
+        arguments.add("--run", libraries, "module library or Python file[:class] to host")
             .valueName("[NAME=]MODULE")
             .repeatable();
         hosting.declare(arguments);
@@ -99,12 +99,12 @@ public:
     WebPart(boost::shared_ptr<KRBroker> broker, std::string url)
         : broker_(std::move(broker)), url_(std::move(url)) {}
 
-    /// Starts it, ends it, or leaves it alone. \throws UsageError, std::runtime_error as WebOptions::start()
+    /// Starts, stops or keeps it. \throws UsageError, std::runtime_error as WebOptions::start()
     void set(const std::optional<RobotWeb>& wanted) {
         if (wanted == running_) {
             return;
         }
-        server_.reset(); // its port may be wanted again
+        server_.reset(); // the new one may need its port
         running_ = std::nullopt;
         if (wanted) {
             WebOptions options;
@@ -141,7 +141,7 @@ void setWeb(const Options& options, Robot& robot, std::vector<RobotProblem>& pro
 #endif
 }
 
-// As a file that lies anywhere needs them.
+// Absolute, so that the file can be stored anywhere.
 void makePathsAbsolute(Robot& robot) {
     const auto folder = std::filesystem::current_path();
     for (RobotCamera& camera : robot.cameras) {
@@ -172,7 +172,7 @@ ExitCode checkFile(const Options& options) {
         std::printf("%s\n", formatProblems(options.file, problems).c_str());
         return ExitCode::Failed;
     }
-    std::printf("%s: cameras %zu, modules %zu, subscriptions %zu; nothing is wrong\n",
+    std::printf("%s: cameras %zu, modules %zu, subscriptions %zu; no problems\n",
                 escapeText(options.file).c_str(), robot.cameras.size(), robot.modules.size(),
                 robot.subscriptions.size());
     return ExitCode::Done;
@@ -206,7 +206,7 @@ void checkUsage(const Options& options) {
     }
 }
 
-// The command line counts most, then the environment.
+// The command line overrides the environment, which overrides the file.
 void setUpLog(const Robot& robot) {
     if (!robot.logLevel.empty() && getLogOptions().levels.empty() && std::getenv("KR_LOG") == nullptr) {
         setLogLevels(robot.logLevel);
@@ -284,7 +284,7 @@ ExitCode serve(const Options& options) {
     const std::string url = robot.broker;
     const auto wantedWeb = robot.web;
     RobotHost host(std::move(robot));
-    WebPart web(host.getBroker(), url); // ends after the modules that it calls
+    WebPart web(host.getBroker(), url); // destroyed after the modules that it calls
     ExitCode code = ExitCode::Done;
     try {
         web.set(wantedWeb);
@@ -313,9 +313,9 @@ const VerbRegistration registration(Verb<Options>{
         "  kr serve --camera 0=test:ball --camera 1=file:clip.mp4 --run ./krmotion.so\n"
         "  kr serve --run DoorMotion=./krmotion.so --broker 'dds:?domain=3'\n"
         "  kr serve --run ./krmotion.so --param-file robot.json --subscribe KRMotion:100:1.0\n"
-        "  kr serve robot.yaml                       all that in a file; SIGHUP has it read again\n"
+        "  kr serve robot.yaml                       the same from a file; SIGHUP reloads it\n"
         "A module that fails or exits by itself is reported, and the exit code is 1 then; the others go on.\n"
-        "A module of a file is started again, after a pause that grows.",
+        "A module of a file is restarted, after an increasing delay.",
     .run = serve,
 });
 

@@ -20,9 +20,9 @@ public:
     void reportReady() const { send("READY=1\n"); }
     void reportReloading() const;
     void reportStopping() const { send("STOPPING=1\n"); }
-    /// One line for people.
+    /// One human-readable line.
     void reportStatus(const std::string& status) const { send("STATUS=" + status + "\n"); }
-    /// This program works: the manager restarts one that does not say so within the time that it sets.
+    /// Watchdog report: the manager restarts a program that does not send it in time.
     void reportAlive() const { send("WATCHDOG=1\n"); }
 
     /// How often reportAlive() is to be called; nullopt: never.

@@ -7,33 +7,33 @@
 
 namespace KR::tool {
 
-/// Something that is to run for as long as kr serve does: if it ends, it is started again after a pause, which grows each
-/// time. Each end is logged. Thread-bound.
+/// Something that kr serve keeps running: if it ends, it is restarted after a delay that grows each time. Each end is
+/// logged. Thread-bound.
 class Supervised {
 public:
     using Clock = std::chrono::steady_clock;
 
     static constexpr std::chrono::milliseconds kFirstPause{250};
     static constexpr std::chrono::milliseconds kLongestPause{30'000};
-    /// What has run for so long begins with the first pause again.
+    /// The delay is reset after running this long.
     static constexpr std::chrono::seconds kCalm{60};
 
     /// \param title  for messages: "module Door"
-    /// \param restart  false: it stays as it is when it fails
+    /// \param restart  false: it is not restarted when it fails
     Supervised(std::string title, bool restart) : title_(std::move(title)), restart_(restart) {}
     virtual ~Supervised() = default;
     Supervised(const Supervised&) = delete;
     Supervised& operator=(const Supervised&) = delete;
 
     const std::string& getTitle() const noexcept { return title_; }
-    /// Starts it when its time has come, and notices that it is up or has ended.
+    /// Starts it when due, and detects that it is up or has ended.
     void poll();
     bool isUp() const noexcept { return state_ == State::Up; }
     /// Whether its first start has succeeded or failed.
     bool hasTried() const noexcept { return state_ != State::Starting && hasStarted_; }
-    /// It has ended, and is not started again.
+    /// It has ended and will not be restarted.
     bool hasFailed() const noexcept { return state_ == State::Failed; }
-    /// Why it could not even be started, if it is not started again; empty otherwise, and after the first call.
+    /// Why the first start failed, if it is not restarted; empty otherwise, and after the first call.
     std::string takeRefusal() { return std::exchange(refusal_, {}); }
 
     /// Ends it; isGone() is true once it has ended.
@@ -45,7 +45,7 @@ protected:
     /// How it has ended, or failed, as the end of a sentence: " has failed: ..."; nullopt while it starts or works.
     virtual std::optional<std::string> xFindEnd() = 0;
     virtual bool xIsUp() = 0;
-    /// Asks what is left of it to end.
+    /// Asks its remains to end.
     virtual void xEnd() = 0;
     virtual bool xIsGone() = 0;
 

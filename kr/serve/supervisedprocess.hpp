@@ -10,14 +10,14 @@
 
 namespace KR::tool {
 
-/// A program that runs beside this one.
+/// A supervised child process.
 class SupervisedProcess : public Supervised {
 public:
-    /// Time that it has to end; then it is killed.
+    /// Time to end before it is killed.
     static constexpr std::chrono::seconds kTimeToEnd{5};
 
     /// \param makeCommand  returns path and arguments, for each start
-    /// \param isReady  whether it does its work
+    /// \param isReady  whether it is up
     SupervisedProcess(std::string title, bool restart, std::function<std::vector<std::string>()> makeCommand,
                       std::function<bool()> isReady, ChildOutput output)
         : Supervised(std::move(title), restart), makeCommand_(std::move(makeCommand)),

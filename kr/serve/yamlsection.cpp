@@ -68,7 +68,7 @@ Json readJson(const YAML::Node& node, int depth) {
         Json object = Json::object();
         for (const auto& each : node) {
             if (!each.first.IsScalar()) {
-                throw std::invalid_argument("has a key that is not a text");
+                throw std::invalid_argument("has a key that is not a string");
             }
             object[each.first.Scalar()] = readJson(each.second, depth + 1);
         }
@@ -118,7 +118,7 @@ YamlSection::YamlSection(const YAML::Node& node, std::string title, const std::v
     std::set<std::string> seen;
     for (const auto& each : node) {
         if (!each.first.IsScalar()) {
-            report(each.first, "a key of " + title_ + " is not a text");
+            report(each.first, "a key of " + title_ + " is not a string");
             continue;
         }
         const std::string& key = each.first.Scalar();
@@ -157,7 +157,7 @@ bool YamlSection::require(const std::string& key) {
 
 std::optional<std::string> YamlSection::readText(const YAML::Node& node, const std::string& what) {
     if (!node.IsScalar() || node.Scalar().empty()) {
-        report(node, what + " needs a text, not " + (node.IsScalar() ? "\"\"" : describe(node)));
+        report(node, what + " needs a string, not " + (node.IsScalar() ? "\"\"" : describe(node)));
         return std::nullopt;
     }
     return node.Scalar();
@@ -256,13 +256,13 @@ void YamlSection::read(const std::string& key, std::vector<std::pair<std::string
     for (const auto& each : node) {
         const std::string name = each.first.IsScalar() ? each.first.Scalar() : "";
         if (name.empty()) {
-            report(each.first, "a name in " + key + " is not a text");
+            report(each.first, "a name in " + key + " is not a string");
         } else if (!seen.insert(name).second) {
             report(each.first, key + " has " + quoteText(name) + " twice");
         } else {
             try {
                 Json json = readJson(each.second);
-                toValue(json); // for what it throws
+                toValue(json); // only to report errors
                 values.emplace_back(name, std::move(json));
             } catch (const std::exception& error) { // UsageError, std::invalid_argument
                 report(each.second, quoteText(name) + " in " + key + ": " + error.what());

@@ -12,15 +12,15 @@
 
 namespace KR::tool {
 
-/// Where a node stands.
+/// Position of a node.
 Place getPlace(const YAML::Node& node);
 
-/// A node as JSON: plain scalars by the core schema of YAML 1.2, quoted ones as texts.
+/// A node as JSON: plain scalars by the core schema of YAML 1.2, quoted ones as strings.
 /// \throws std::invalid_argument a key of a map is not a scalar; nested more than 64 deep
 Json readJson(const YAML::Node& node);
 
-/// Reads the values of a map and reports what is wrong with them: unknown keys with the nearest known one, keys that are
-/// there twice, values of another kind. Each getter leaves its variable as it is if there is no such key.
+/// Reads the values of a map and reports problems: unknown keys with the nearest known one, duplicate keys, values of the
+/// wrong type. Each getter leaves its variable unchanged if the key is missing.
 class YamlSection {
 public:
     /// \param title  for messages: "a camera"
@@ -42,7 +42,7 @@ public:
     /// Any values by name.
     void read(const std::string& key, std::vector<std::pair<std::string, Json>>& values);
 
-    /// Reports that a key is missing. \return whether it is there
+    /// Reports a missing key. \return whether it is present
     bool require(const std::string& key);
     void report(const YAML::Node& node, const std::string& text);
 

@@ -8,7 +8,7 @@
 
 namespace KR::tool {
 
-/// This program as a module, which it must be to receive events.
+/// This program as a module, to receive events.
 class Client : public KRModule {
 public:
     /// Receives the name and the value of each event, on a call thread, one at a time per event.
@@ -31,7 +31,7 @@ private:
     const OnLoss onLoss_;
 };
 
-/// A name that no other process uses: "kr-HOST-PROCESS".
+/// A name unique to this process: "kr-HOST-PROCESS".
 std::string makeClientName();
 
 /// Makes a client under that name.

@@ -8,7 +8,7 @@ namespace KR::tool {
 /// \name Completions of a verb's arguments by what is running
 /// \param words   the arguments of the verb before the one to complete
 /// \param broker  address of the broker
-/// \return candidates for the next one; none if nobody answers
+/// \return candidates for the next one; none if no broker answers
 ///@{
 std::vector<std::string> completeModule(const std::vector<std::string>& words, const std::string& broker);
 std::vector<std::string> completeModuleAndMethod(const std::vector<std::string>& words,

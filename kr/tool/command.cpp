@@ -48,7 +48,7 @@ std::string listVerbs(const CLI::App& app) {
     return verbs;
 }
 
-// CLI11 reports a missing argument even where an unknown one stands in its place.
+// CLI11 reports a missing argument even if an unknown one was given instead.
 std::string explain(const CLI::App& app, const CLI::ParseError& error) {
     const CLI::App* verb = &app; // the innermost
     std::string command = app.get_name();

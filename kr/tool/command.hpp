@@ -79,13 +79,13 @@ struct GroupRegistration {
     GroupRegistration(std::string group, std::string summary);
 };
 
-/// The options contradict each other, or one of them is wrong in a way that CLI11 cannot see.
+/// The options contradict each other, or one has a value that CLI11 cannot check.
 class UsageError : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
 };
 
-/// What the command line says about the log; "" where it says nothing.
+/// Log options of the command line; "" if not given.
 struct LogOptions {
     std::string levels;
     std::string format;
@@ -93,13 +93,13 @@ struct LogOptions {
 const LogOptions& getLogOptions();
 
 /// Writes a line to standard error, with the name of the program in front and control characters escaped, or as a line of
-/// the log where --log-format says so. Gives up if nobody reads standard error for a second. Thread-safe.
+/// the log where --log-format says so. Gives up if standard error blocks for a second. Thread-safe.
 void printError(const std::string& text);
-/// The same for what is no error.
+/// The same for messages that are not errors.
 void printNotice(const std::string& text);
 
 /// Completes the word after `words`, which begins with `prefix`: groups, verbs, options, and what the verb itself
-/// offers. Throws nothing: what fails has no completions.
+/// offers. Throws nothing: on errors there are no completions.
 /// \param words  of the command line, without the program
 std::vector<std::string> completeCommandLine(const std::vector<std::string>& words,
                                              const std::string& prefix);

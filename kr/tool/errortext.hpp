@@ -6,8 +6,8 @@
 
 namespace KR::tool {
 
-/// Everything that an error says, without the place in the source: "KRMemory.getData: there is no data named x". Where
-/// an explanation stands in place of the method, as in errors of extractors, it becomes part of the sentence:
+/// Everything that an error says, without the place in the source: "KRMemory.getData: there is no data named x". If
+/// an error has an explanation in place of the method, as those of extractors do, it becomes part of the sentence:
 /// "KRExtractor: received unsubscribe from non-subscribed module: nobody".
 std::string describe(const KRError& error);
 

@@ -155,7 +155,7 @@ std::string formatMan(const ManualPage& page) {
 }
 
 std::string formatMarkdown(const std::vector<ManualPage>& pages) {
-    std::string out = "# Reference of kr\n\nWhat `--help` says, of all verbs.\n\n";
+    std::string out = "# Reference of kr\n\nThe `--help` of all verbs.\n\n";
     for (const ManualPage& page : pages) {
         out += "## " + page.command + "\n\n" + page.summary + ".\n\n    " + page.usage + "\n\n";
         addMarkdown(out, page.commands);

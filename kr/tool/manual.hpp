@@ -6,7 +6,7 @@
 
 namespace KR::tool {
 
-/// What --help says about the program, a group or a verb, in parts.
+/// The --help of the program, a group or a verb, in parts.
 struct ManualPage {
     using Entry = std::pair<std::string, std::string>; ///< a term and its description
 

@@ -10,7 +10,7 @@ namespace KR::tool {
 
 class Interruption;
 
-/// Text on its way to standard output, written by a thread of its own, so that a reader that stalls holds up neither
+/// Text on its way to standard output, written by a thread of its own, so that a stalled reader blocks neither
 /// other threads nor the end of the program. Thread-safe, but for finish().
 ///
 /// Nothing else may write to standard output at the same time.
@@ -34,7 +34,7 @@ public:
     /// Texts that have not been written to their end.
     std::size_t countQueued() const;
 
-    /// Waits until everything has been written, up to a second longer than it takes to be interrupted. Call it last.
+    /// Waits until everything has been written, or a second after an interruption. Call it last.
     /// \return Failed if something was not written; standard error has the reason
     ExitCode finish(Interruption& interruption);
 

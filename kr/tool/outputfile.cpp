@@ -24,7 +24,7 @@ namespace fs = std::filesystem;
 std::atomic<const char*> partialFile = nullptr;
 static_assert(std::atomic<const char*>::is_always_lock_free, "read by a signal handler");
 
-// Stands before the extension in the name of a partial file.
+// Precedes the extension in the name of a partial file.
 std::string getMark() {
     return ".partial-" + std::to_string(::getpid());
 }

@@ -4,10 +4,10 @@
 
 namespace KR::tool {
 
-/// A file that a verb makes: written under another name beside the final one and renamed once it is complete. A verb
-/// that fails or is interrupted leaves what was there before. One object at a time.
+/// A file that a verb creates: written under a temporary name in the same folder and renamed once it is complete. A verb
+/// that fails or is interrupted leaves an existing file unchanged. One object at a time.
 ///
-/// An existing file is replaced if the user may write to it, and the new one gets its permissions. Something that is no
+/// An existing file is replaced if the user may write to it, and the new one gets its permissions. Anything but a
 /// regular file, such as a device or a pipe, is written to directly.
 class OutputFile {
 public:

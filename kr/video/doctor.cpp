@@ -102,7 +102,7 @@ ExitCode examine(const Options& options) {
 const VerbRegistration registration(Verb<Options>{
     .group = "video",
     .name = "doctor",
-    .summary = "List all problems of a recording, a line each",
+    .summary = "List all problems of a recording, one per line",
     .example = "  kr video doctor corridor.oxv\n"
                "Exit code 1 if there is a problem.",
     .run = examine,

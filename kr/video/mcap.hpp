@@ -53,7 +53,7 @@ struct McapTopic {
     std::uint64_t messages = 0;
 };
 
-/// What is in an MCAP file; found by reading all of it.
+/// Contents of an MCAP file, found by reading all of it.
 struct McapContent {
     bool isIndexed = false;
     bool isClosed = false;

@@ -13,7 +13,7 @@ namespace KR::tool {
 
 namespace {
 
-// What was not only not finished, but is missing.
+// Data that is lost, not just unfinished.
 bool isSomethingLost(const KRMcapDamage& damage) {
     return damage.wrongCrcs + damage.unreadableChunks + damage.badRecords + damage.unknownChannels +
                damage.cutBytes >

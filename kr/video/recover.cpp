@@ -77,7 +77,7 @@ ExitCode recoverFile(const Options& options) {
 const VerbRegistration registration(Verb<Options>{
     .group = "video",
     .name = "recover",
-    .summary = "Recover what is whole of a recording that was not closed or was cut",
+    .summary = "Recover the intact part of a recording that was cut or not closed",
     .example = "  kr video recover crashed.oxv recovered.oxv\n"
                "  kr video recover crashed.mcap recovered.mcap\n"
                "Also corrects a wrong count. Exit code 3 if frames were lost.",

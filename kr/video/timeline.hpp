@@ -5,7 +5,7 @@
 
 namespace KR::tool {
 
-/// A longer interval between two frames is not a pause, but a wrong time stamp or a clock that was set.
+/// Longer intervals between two frames are not pauses, but a wrong time stamp or an adjusted clock.
 inline constexpr std::int64_t kLongestGap_usec = 3600LL * 1000 * 1000;
 
 /// Statistics of the time stamps of a stream.

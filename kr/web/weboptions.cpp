@@ -25,15 +25,15 @@ void WebOptions::declareForServe(Arguments& arguments) {
 }
 
 void WebOptions::declareAccess(Arguments& arguments, const std::string& prefix) {
-    arguments.add(prefix + "token", tokenFile_, "file with a secret that the address must carry as ?token=")
+    arguments.add(prefix + "token", tokenFile_, "file with a secret that URLs must contain as ?token=")
         .valueName("FILE");
-    arguments.addFlag(prefix + "open", open_, "listening beyond this machine without a token");
+    arguments.addFlag(prefix + "open", open_, "access from other machines without a token");
     arguments
         .add(prefix + "allow-origin", allowedOrigins_,
              "page of another server that may connect, such as https://viewer.example")
         .valueName("ORIGIN")
         .repeatable();
-    arguments.addFlag(prefix + "read-only", readOnly_, "refusal of all calls and changes of parameters");
+    arguments.addFlag(prefix + "read-only", readOnly_, "refusal of all calls and parameter changes");
 }
 
 std::optional<RobotWeb> WebOptions::getWeb() const {

@@ -25,12 +25,12 @@ public:
     /// Those of kr serve, where there is no server unless --web is given.
     void declareForServe(Arguments& arguments);
 
-    /// What they amount to in a file; nullopt without a server.
+    /// The equivalent section of a file; nullopt without a server.
     std::optional<RobotWeb> getWeb() const;
     /// Those of a file, in place of the command line's.
     void setWeb(const RobotWeb& web);
 
-    /// Starts the server, and says on standard error which address to open; null if --web is not given.
+    /// Starts the server, and prints the address to open on standard error; null if --web is not given.
     /// \throws UsageError a malformed option \throws std::runtime_error the token cannot be read; the address is in use
     std::unique_ptr<KRWebServer> start(const boost::shared_ptr<KRBroker>& broker,
                                        const std::string& domain) const;
