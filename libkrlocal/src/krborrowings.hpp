@@ -11,7 +11,7 @@
 
 namespace KR {
 
-/// The shared memory of another process as this one has it. Reentrant; the binaries that it makes are independent of it.
+/// The shared memory of another process, mapped here. Reentrant; the binaries that it returns are independent of it.
 class KRBorrowings {
 public:
     static constexpr std::size_t kMaxMemories = 4096;
@@ -20,15 +20,15 @@ public:
     /// \throws std::system_error
     KRBorrowings() : returns_(std::make_shared<KRSharedMemory>(KRReturns::kSize)) {}
 
-    /// The page to give binaries back on, for the other process to read.
+    /// The page for returning binaries, which the other process reads.
     const KRSharedMemory& getReturns() const noexcept { return *returns_; }
 
-    /// \throws KRLocalMalformed it has that id already, or is not such memory, or there is too much of it
+    /// \throws KRLocalMalformed the id is in use; it is not valid shared memory, or too much
     /// \throws std::system_error it cannot be mapped
     void add(const KRLocalFrame::Memory& memory, const KRDescriptor& descriptor);
-    /// The other uses it no more. Binaries in it keep it. \throws KRLocalMalformed there is no such memory
+    /// Forgets memory that the other has dropped. Binaries in it keep it mapped. \throws KRLocalMalformed unknown id
     void forget(std::uint32_t id);
-    /// The binary in place; given back with its last copy. \throws KRLocalMalformed it is in no memory
+    /// The binary in place; returned with its last copy. \throws KRLocalMalformed it is outside the memory
     KRBinary take(const KRLocalFrame::Binary& binary) const;
 
     bool isEmpty() const noexcept { return memories_.empty(); }

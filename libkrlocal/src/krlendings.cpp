@@ -37,13 +37,13 @@ bool KRLendings::lend(const KRBinary& binary, KRLocalFrame& frame,
                       std::vector<std::shared_ptr<const KRSharedMemory>>& memories) {
     const auto place = pool_->find(binary.data(), binary.size());
     const std::size_t limit = pool_->getLimit();
-    std::vector<KRBinary> returned; // destroyed without the lock, as everywhere here
+    std::vector<KRBinary> returned; // destroyed after the lock is released, as in all functions here
     const KRLock lock(mutex_);
     collectLocked(returned);
     if (!lie_.empty()) {
         throw KRLocalMalformed(lie_);
     }
-    // One process that keeps everything leaves the others half of the pool.
+    // A process that returns nothing can only take half of the pool from the others.
     if (!place || closed_ || free_.empty() || lentBytes_ + binary.size() > limit / 2) {
         return false;
     }
@@ -159,7 +159,7 @@ bool KRLendings::close(pid_t process) noexcept {
     if (!process_ && process > 0 && !lent_.empty()) {
         process_ = KRDescriptor(static_cast<int>(syscall(SYS_pidfd_open, process, 0)));
     }
-    if (!process_ || process == 0) { // it has ended already, or nobody can tell when it does
+    if (!process_ || process == 0) { // it has ended, or its end cannot be observed
         takeAll(returned);
     }
     return !again && !lent_.empty();

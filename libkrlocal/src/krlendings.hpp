@@ -16,38 +16,38 @@
 
 namespace KR {
 
-/// The binaries in shared memory that one other process has been sent and has not given back. Thread-safe.
+/// The binaries in shared memory that another process has received and not returned yet. Thread-safe.
 ///
-/// Each has a ticket; the other writes the ticket's generation on its page of returns to give it back, without a message
-/// and without waking anybody. It keeps its memory until then.
+/// Each has a ticket. To return it, the other process writes the ticket's generation to its page of returns, without a
+/// message or a wake-up. Until then the binary keeps its memory.
 class KRLendings {
 public:
     KRLendings(std::shared_ptr<KRLocalPool> pool, std::unique_ptr<const KRForeignMemory> returns);
 
-    /// The binary in the pool: itself if it is there, or else a copy. Without bytes: there is no room.
+    /// The binary in the pool: itself if it is there, otherwise a copy. Empty if there is no room.
     KRBinary toShared(const KRBinary& binary) const;
-    /// Lends a binary that is in the pool, and adds it to the frame. Memory that the other does not have yet is added to
-    /// `memories` as well. Frames are to be sent in the order in which they are made.
-    /// \return false, and nothing is added: beyond what one process is lent \throws KRLocalMalformed see check()
+    /// Lends a binary that is in the pool, and adds it to the frame. Also adds its memory to `memories` if the other
+    /// does not have it yet. Send frames in the order in which they are made.
+    /// \return false, and nothing is added: the limit of one process is reached \throws KRLocalMalformed see check()
     bool lend(const KRBinary& binary, KRLocalFrame& frame,
               std::vector<std::shared_ptr<const KRSharedMemory>>& memories) KR_EXCLUDES(mutex_);
-    /// Takes what has been given back. \return binaries that the other still holds
+    /// Collects returned binaries. \return number that the other still holds
     std::size_t collect() KR_EXCLUDES(mutex_);
     std::size_t getCount() const KR_EXCLUDES(mutex_);
     bool isClosed() const KR_EXCLUDES(mutex_);
-    /// \throws KRLocalMalformed the other has given back what it did not have
+    /// \throws KRLocalMalformed the other has returned a binary that it did not hold
     void check() const KR_EXCLUDES(mutex_);
 
-    /// Memories of the pool are no more.
+    /// Memories of the pool have been freed.
     void forget(const std::vector<std::uint32_t>& ids) KR_EXCLUDES(mutex_);
-    /// Those of them that the other has not been told about, at most as many as a frame can name.
+    /// Freed memories to report to the other, at most as many as fit a frame.
     std::vector<std::uint32_t> takeForgotten() KR_EXCLUDES(mutex_);
-    /// The other could not be told.
+    /// They could not be reported.
     void returnForgotten(const std::vector<std::uint32_t>& ids) KR_EXCLUDES(mutex_);
 
-    /// The connection is closed: nothing is lent any more.
-    /// \param process  of the other: what it holds stays as it is until it gives it back or ends; 0: everything is taken
-    ///                 back at once
+    /// The connection is closed: nothing more is lent.
+    /// \param process  the other process: its binaries stay valid until returned or until it ends; 0: everything is
+    ///                 reclaimed at once
     /// \return whether it holds anything now and did not at an earlier call
     bool close(pid_t process) noexcept KR_EXCLUDES(mutex_);
 

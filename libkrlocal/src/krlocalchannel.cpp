@@ -23,14 +23,14 @@ namespace {
 constexpr std::size_t kMaxPieces = 64; // of one packet
 constexpr std::size_t kMaxDescriptors = KRLocalFrame::kMaxMemories;
 
-/// Each thread has room for a packet, which a body is copied from: its bytes are parsed where the sender cannot
-/// change them.
+/// Each thread has a buffer for a packet. Bodies are copied out of it, so the sender cannot change them during
+/// parsing.
 unsigned char* getPacketBuffer() {
     thread_local const auto buffer = std::make_unique_for_overwrite<unsigned char[]>(KRLocalFrame::kPacket);
     return buffer.get();
 }
 
-/// Nothing else is written to: an eventfd neither raises a signal nor lets anything through.
+/// Accepts only an eventfd: writing to one raises no signal and passes no data on.
 bool isBell(const KRDescriptor& descriptor) {
     const std::string link = "/proc/self/fd/" + std::to_string(descriptor.get());
     std::array<char, 64> target{};
@@ -99,10 +99,10 @@ std::optional<KRLocalChannel::Received> KRLocalChannel::receiveGreeting() {
         frame.memories.size() != 1 || !frame.binaries.empty() ||
         packet.descriptors.size() != (frame.kind == KRLocalFrame::Welcome ? 2 : 1) ||
         packet.bytes.size() - headSize != frame.bodySize) {
-        throw KRLocalMalformed("a greeting that is none");
+        throw KRLocalMalformed("an invalid greeting");
     }
     if (frame.kind == KRLocalFrame::Welcome && !isBell(packet.descriptors[1])) {
-        throw KRLocalMalformed("a bell that is no eventfd");
+        throw KRLocalMalformed("a bell that is not an eventfd");
     }
     if (frame.memories[0].size != KRReturns::kSize) {
         throw KRLocalMalformed("a page of returns of " + std::to_string(frame.memories[0].size) + " bytes");
@@ -129,7 +129,7 @@ void KRLocalChannel::send(KRLocalFrame::Kind kind, std::uint64_t number, const K
                           std::to_string(KRLocalMessage::kMaxBinaries) + " and " +
                           std::to_string(KRLocalMessage::kMaxBytes));
     }
-    std::vector<KRBinary> shared; // copies are made before others have to wait
+    std::vector<KRBinary> shared; // copied before taking the lock
     for (const KRBinary& binary : message.binaries) {
         shared.push_back(binary.size() >= KRLocalMessage::kSharedFrom ? lendings_->toShared(binary)
                                                                       : KRBinary());
@@ -147,7 +147,7 @@ void KRLocalChannel::send(KRLocalFrame::Kind kind, std::uint64_t number, const K
     frame.kind = kind;
     if (kind == KRLocalFrame::Request && unanswered_++ > 0) {
         frame.kind = KRLocalFrame::Further;
-        eventfd_write(bell_.get(), 1); // fails where the server has not heard 2^64 of them
+        eventfd_write(bell_.get(), 1); // fails if the server has missed 2^64 of them
     }
     frame.forgotten = lendings_->takeForgotten();
     for (std::size_t i = 0; i < shared.size(); ++i) {
@@ -167,7 +167,7 @@ void KRLocalChannel::send(KRLocalFrame::Kind kind, std::uint64_t number, const K
         descriptors.push_back(memory->getDescriptor());
     }
     counts_->shared += lent;
-    counts_->streamed += lendings_->isClosed() ? 0 : streamed; // or else nothing is sent
+    counts_->streamed += lendings_->isClosed() ? 0 : streamed; // otherwise nothing is sent
     write(frame.compose(), std::move(rest), descriptors, true);
 }
 
@@ -175,7 +175,7 @@ void KRLocalChannel::sendNotice() {
     lendings_->check();
     const std::unique_lock lock(sendMutex_, std::try_to_lock);
     if (!lock) {
-        return; // a message is being sent, or is stuck; next time
+        return; // another thread is sending; next time
     }
     KRLocalFrame frame;
     frame.kind = KRLocalFrame::Notice;
@@ -264,7 +264,7 @@ bool KRLocalChannel::receivePacket(Packet& packet, bool wait) {
         }
         if (errno == ECONNRESET && !reset) {
             reset =
-                true; // the other closed without reading everything; what it has sent before can still be read
+                true; // the other closed without reading everything; what it sent before is still readable
         } else if (errno != EINTR) {
             throw KRLocalClosed(std::strerror(errno));
         }
@@ -308,7 +308,7 @@ std::optional<KRLocalChannel::Received> KRLocalChannel::receive(bool wait) {
         } catch (const KRLocalClosed&) {
             if (assembly_) {
                 assembly_.reset();
-                throw KRLocalMalformed("a message that is cut in half");
+                throw KRLocalMalformed("a truncated message");
             }
             throw;
         }
@@ -356,7 +356,7 @@ KRLocalChannel::Assembly KRLocalChannel::begin(const KRLocalFrame& frame) {
             assembly.received.message.binaries.push_back(borrowings_.take(binary));
             continue;
         }
-        // Not touched before bytes come: what is announced alone takes no memory.
+        // Untouched until bytes arrive, so an announced size alone takes no memory.
         assembly.streamed[i] = boost::make_shared_noinit<unsigned char[]>(assembly.sizes[i]);
         assembly.received.message.binaries.emplace_back(assembly.streamed[i], assembly.sizes[i]);
     }

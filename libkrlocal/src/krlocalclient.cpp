@@ -33,7 +33,7 @@ KRLocalMessage KRLocalClient::call(const KRLocalMessage& request) {
     } catch (...) {
         const KRLock lock(mutex_);
         pending_.erase(number);
-        giveLead(); // it may have been given to this call
+        giveLead(); // this call may have become the leader
         throw;
     }
     KRLock lock(mutex_);
@@ -66,7 +66,7 @@ void KRLocalClient::giveLead() {
     if (reading_ || gone_) {
         return;
     }
-    // Only to one that waits: another may be blocked in sending, for want of somebody who reads.
+    // Only to a waiting caller: another may be blocked in sending until somebody reads.
     const auto found = std::find_if(followers_.rbegin(), followers_.rend(), [](const Pending* pending) {
         return !pending->reply && !pending->unanswered;
     });
@@ -183,7 +183,7 @@ void KRLocalClient::tick() {
     bool polls = false;
     {
         const KRLock lock(mutex_);
-        polls = !reading_ && channel_->hasBorrowings(); // or else there is nothing that it could be told
+        polls = !reading_ && channel_->hasBorrowings(); // otherwise there is nothing to report
     }
     if (polls) {
         poll();

@@ -18,8 +18,8 @@ namespace KR {
 
 /// The calling side of a connection.
 ///
-/// Of the threads that wait for replies one reads, the leader: its own reply ends its lead, and it hands the lead to another
-/// one that waits. While nobody waits nobody reads.
+/// One of the threads that wait for replies, the leader, reads. When its own reply arrives, it passes the lead to another
+/// waiting thread. Without waiting threads, nobody reads.
 class KRLocalClient : public KRLocalConnection {
 public:
     KRLocalClient(std::unique_ptr<KRLocalChannel> channel,
@@ -32,9 +32,9 @@ public:
 
     /// Closes without calling onGone.
     void closeSilently(const std::string& why) KR_EXCLUDES(mutex_);
-    /// Reads what has come while nobody waits: that the other has closed, and notices of shared memory.
+    /// Reads while no thread waits: notices of shared memory, and the end of the connection.
     void poll() KR_EXCLUDES(mutex_);
-    /// What is due from time to time: notices of shared memory, both ways.
+    /// Periodic work: notices of shared memory in both directions.
     void tick() KR_EXCLUDES(mutex_);
     int getSocket() const noexcept { return channel_->getSocket(); }
 
@@ -57,12 +57,12 @@ private:
     const std::function<void(const std::string& why)> onGone_;
 
     mutable KRMutex mutex_;
-    bool reading_ KR_GUARDED_BY(mutex_) = false; // somebody has the lead
+    bool reading_ KR_GUARDED_BY(mutex_) = false; // there is a leader
     bool gone_ KR_GUARDED_BY(mutex_) = false;
     std::string why_ KR_GUARDED_BY(mutex_);
     std::uint64_t lastNumber_ KR_GUARDED_BY(mutex_) = 0;
     std::map<std::uint64_t, Pending*> pending_ KR_GUARDED_BY(mutex_); // calls without a reply yet
-    std::vector<Pending*> followers_ KR_GUARDED_BY(mutex_); // those that wait; the latest is the last
+    std::vector<Pending*> followers_ KR_GUARDED_BY(mutex_); // waiting callers, in order of arrival
 };
 
 } // namespace KR

@@ -39,11 +39,11 @@ constexpr std::size_t kMaxIdentity = 1024;
 constexpr std::chrono::seconds kGreetingPatience{5};
 constexpr std::chrono::seconds kTick{1};
 constexpr std::chrono::seconds kIdleTick{30};  // without connections
-constexpr std::chrono::seconds kIdleMemory{5}; // after which memory that nobody uses is freed
+constexpr std::chrono::seconds kIdleMemory{5}; // after which unused memory is freed
 constexpr std::uint64_t kWakeId = 0;
 constexpr std::uint64_t kListeningId = 1;
 
-/// In a time that does not tell where they differ.
+/// In constant time, so that timing does not reveal where they differ.
 bool isSame(const std::string& a, const std::string& b) noexcept {
     unsigned char difference = a.size() == b.size() ? 0 : 1;
     for (std::size_t i = 0; i < a.size() && i < b.size(); ++i) {
@@ -141,7 +141,7 @@ public:
             }
         } catch (const KRLocalClosed&) {
             if (!connectTo(address.socket, deadline)) {
-                return nullptr; // it has ended meanwhile
+                return nullptr; // it has ended in the meantime
             }
             fail("process " + std::to_string(process) + " refuses the connection");
         } catch (const KRLocalMalformed& error) {
@@ -164,7 +164,7 @@ public:
                 fail("this endpoint has been stopped");
             }
             clients_.emplace(++lastId_, client);
-            // No event for replies: those are read by the callers alone.
+            // No event for replies, which only the callers read.
             if (!watch(client->getSocket(), EPOLLRDHUP | EPOLLONESHOT, lastId_)) {
                 clients_.erase(lastId_);
                 fail(std::string("epoll: ") + std::strerror(errno));
@@ -275,7 +275,7 @@ private:
         listening_ = KRDescriptor(); // so that others find that this endpoint is gone
     }
 
-    /// Without connections there is little to do until one comes.
+    /// Without connections there is little to do until the next one.
     int getPatience_ms() KR_EXCLUDES(mutex_) {
         bool idle = greeting_.empty() && server_->getCount() == 0;
         const KRLock lock(mutex_);
@@ -315,7 +315,7 @@ private:
         if (!socket) {
             if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
                 refuse(std::strerror(errno));
-                sleepMilliseconds(50); // it would fail again at once
+                sleepMilliseconds(50); // it would fail again immediately
             }
             return;
         }
@@ -341,7 +341,7 @@ private:
         }
     }
 
-    /// \param owner  of the channel; taken if it is admitted \return whether to wait for more
+    /// \param owner  of the channel; moved from if it is admitted \return whether to wait for more
     bool greet(KRLocalChannel& channel, std::unique_ptr<KRLocalChannel>& owner) {
         const std::string process = "process " + std::to_string(channel.getProcess());
         try {
@@ -370,7 +370,7 @@ private:
             }
         } catch (const KRLocalMalformed& error) {
             refuse(process + " sent " + error.what());
-        } catch (const KRLocalClosed&) { // it has changed its mind
+        } catch (const KRLocalClosed&) { // the client has given up
         } catch (const std::exception& error) {
             refuse(error.what());
         }
@@ -416,9 +416,9 @@ private:
     KRLocalAddress address_;
     KRDescriptor epoll_;
     KRDescriptor wake_;
-    std::thread thread_; // accepts, and notices what ends
+    std::thread thread_; // accepts connections, and notices closed ones
 
-    // Of that thread.
+    // Used by that thread.
     KRDescriptor listening_; // until it ends
     std::map<std::uint64_t, Greeting> greeting_;
 

@@ -9,7 +9,7 @@
 
 namespace KR {
 
-/// What another process has sent breaks the protocol.
+/// Another process has broken the protocol.
 class KRLocalMalformed : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
@@ -18,25 +18,25 @@ public:
 /// The head of a message on the socket, in the byte order of the machine.
 ///
 /// A message is one packet or several. The first begins with the head; the body follows, then the bytes of the binaries
-/// that are not in shared memory. What does not fit into the first packet comes in packets of its own, in order.
+/// that are not in shared memory. The rest follows in further packets, in order.
 struct KRLocalFrame {
     enum Kind : std::uint32_t {
         Hello,      ///< caller to server, first: version as number, secret and identity in the body
         Welcome,    ///< the server's answer, with its bell
-        Request,    ///< number chosen by the caller, who has no other request without a reply
+        Request,    ///< number chosen by the caller, who has no other unanswered request
         Reply,      ///< to the request of this number
-        Unanswered, ///< the request of this number gets no reply
-        Notice,     ///< nothing but memories
-        Further ///< as Request, while others have no reply yet; the caller rings the bell before it sends it
+        Unanswered, ///< the request of this number was destroyed unanswered
+        Notice,     ///< only about memories
+        Further ///< as Request, while others are unanswered; the caller signals the bell before it
     };
-    /// Shared memory of the sender, used from now on; its descriptor comes with the packet, in the same order.
+    /// New shared memory of the sender; its descriptor accompanies the packet, in the same order.
     struct Memory {
         std::uint32_t id;
         std::uint64_t size;
     };
     struct Binary {
         std::uint32_t memory; ///< id; 0: in the message itself
-        std::uint32_t ticket; ///< to give it back with
+        std::uint32_t ticket; ///< for returning it
         std::uint32_t generation;
         std::uint64_t offset; ///< in the memory
         std::uint64_t size;
@@ -51,7 +51,7 @@ struct KRLocalFrame {
     std::uint64_t number = 0;
     std::uint64_t bodySize = 0;
     std::vector<Memory> memories;
-    std::vector<std::uint32_t> forgotten; ///< ids of memories that are used no more
+    std::vector<std::uint32_t> forgotten; ///< ids of freed memories
     std::vector<Binary> binaries;
 
     /// The head as bytes.

@@ -16,7 +16,7 @@ namespace {
 
 constexpr std::size_t kSharedSlotsSize = std::size_t{8} << 20; // of many slots together; one of a larger slot
 
-/// Four sizes for each doubling, so that at most a fifth of a slot is not used. Multiples of a page.
+/// Four sizes per power of two, so that at most a fifth of a slot is unused. Multiples of a page.
 std::size_t roundUp(std::size_t size) noexcept {
     const std::size_t step = std::bit_floor(size) / 4;
     return (size + step - 1) / step * step;
@@ -25,7 +25,7 @@ std::size_t roundUp(std::size_t size) noexcept {
 } // namespace
 
 const std::shared_ptr<KRLocalPool>& KRLocalPool::ofProcess() {
-    // Never destroyed: binaries may live longer than anything else.
+    // Never destroyed: binaries may outlive static objects.
     static const auto& pool = *new std::shared_ptr<KRLocalPool>([] {
         setBinaryAllocator([](std::size_t size) noexcept { return ofProcess()->allocate(size); });
         return std::make_shared<KRLocalPool>(0);
@@ -111,7 +111,7 @@ bool KRLocalPool::grow(std::size_t slotSize) {
     {
         const KRLock lock(mutex_);
         slots = std::max<std::size_t>(1, std::min(kSharedSlotsSize, limit_ / 8) / slotSize);
-        // Other sizes make room, those that have been idle the longest first.
+        // Frees memory of other sizes, the longest idle first.
         while (size_ + slots * slotSize > limit_) {
             auto oldest = memories_.end();
             for (auto each = memories_.begin(); each != memories_.end(); ++each) {

@@ -17,24 +17,24 @@ namespace KR {
 
 class KRLendings;
 
-/// Shared memory of this process for binaries, divided into slots that are used again and again: a new memfd for each
-/// image would cost more than copying the image. Grows and shrinks with use, within a bound. Thread-safe.
+/// Shared memory of this process for binaries, divided into reusable slots: a new memfd for each image would cost more
+/// than copying it. Grows and shrinks with use, up to a limit. Thread-safe.
 ///
 /// A slot is in use while a handle to it exists: with the module that filled it, in a message, or in the lendings of a
 /// connection whose other side has not given it back.
 class KRLocalPool : public std::enable_shared_from_this<KRLocalPool> {
 public:
-    /// The one that KRBinary::allocate() uses, from the first call of this function on.
+    /// The pool of KRBinary::allocate(), from the first call of this function on.
     static const std::shared_ptr<KRLocalPool>& ofProcess();
 
-    /// \param limit  most bytes of shared memory; what is beyond a lower limit goes as soon as it is free
+    /// \param limit  maximum bytes of shared memory; memory beyond a lowered limit is released once free
     explicit KRLocalPool(std::size_t limit) : limit_(limit) {}
 
     void setLimit(std::size_t limit) KR_EXCLUDES(mutex_);
     std::size_t getLimit() const KR_EXCLUDES(mutex_);
 
-    /// A slot of at least `size` bytes, aligned to a page, not initialised. Null: the limit is reached, or the size is
-    /// below KRLocalMessage::kSharedFrom, which is not worth a slot.
+    /// A slot of at least `size` bytes, page-aligned and uninitialised. Null: the limit is reached, or the size is below
+    /// KRLocalMessage::kSharedFrom.
     boost::shared_ptr<unsigned char[]> allocate(std::size_t size) noexcept KR_EXCLUDES(mutex_);
 
     struct Place {
@@ -42,15 +42,16 @@ public:
         std::uint32_t id;
         std::uint64_t offset;
     };
-    /// Where in the pool the bytes lie; nullopt: elsewhere.
+    /// Location of the bytes in the pool; nullopt: elsewhere.
     std::optional<Place> find(const unsigned char* bytes, std::size_t size) const KR_EXCLUDES(mutex_);
 
-    /// Has the pool look for slots that have been given back when it is short of them, and report memory that is no more.
+    /// Registers lendings: the pool collects their returned slots when it runs short, and reports freed memory to them.
     void attach(const std::shared_ptr<KRLendings>& lendings) KR_EXCLUDES(mutex_);
-    /// The connection is closed, but the other process may hold binaries yet: keeps their slots until it does not.
+    /// The connection is closed, but the other process may still hold binaries: keeps their slots until they are returned.
     void keepUntilReturned(std::shared_ptr<KRLendings> lendings) KR_EXCLUDES(mutex_);
 
-    /// Frees memory without a slot in use: what has been so for that long, and what is beyond the limit. \return whether there is any memory left
+    /// Frees memory with no slot in use, if it has been idle for that long or is beyond the limit.
+    /// \return whether any memory is left
     bool trim(std::chrono::steady_clock::duration idle) KR_EXCLUDES(mutex_);
 
     std::size_t getSize() const KR_EXCLUDES(mutex_); ///< bytes of shared memory
@@ -75,12 +76,12 @@ private:
     boost::shared_ptr<unsigned char[]> takeFree(std::size_t slotSize) KR_EXCLUDES(mutex_);
     bool grow(std::size_t slotSize) KR_EXCLUDES(mutex_);
     void release(Slot slot) noexcept KR_EXCLUDES(mutex_);
-    /// Forgets a memory without a slot in use. \return what follows it
+    /// Frees a memory with no slot in use. \return the next one
     Memories::iterator drop(Memories::iterator memory, std::vector<std::shared_ptr<KRSharedMemory>>& dropped,
                             std::vector<std::uint32_t>& ids) KR_REQUIRES(mutex_);
     void reportDropped(const std::vector<std::uint32_t>& ids) KR_EXCLUDES(mutex_);
     std::vector<std::shared_ptr<KRLendings>> getAttached() const KR_EXCLUDES(mutex_);
-    /// Looks for slots that have been given back.
+    /// Collects returned slots.
     void collect() KR_EXCLUDES(mutex_);
 
     mutable KRMutex mutex_;

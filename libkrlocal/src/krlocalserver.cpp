@@ -17,8 +17,8 @@ namespace KR {
 namespace {
 
 constexpr const char* kServerCategory = "krlocal";
-constexpr int kIdleTime_ms = 2000;                     // after which a thread that is not needed leaves
-constexpr std::chrono::milliseconds kReadingTime{200}; // after which a thread waits for other callers as well
+constexpr int kIdleTime_ms = 2000;                     // after which an unneeded thread leaves
+constexpr std::chrono::milliseconds kReadingTime{200}; // after which a thread waits for all callers again
 constexpr std::uint64_t kMaxRings = 1U << 31;
 constexpr std::uint64_t kBell = std::uint64_t{1} << 63; // of an event: the session's bell, not its socket
 
@@ -35,7 +35,7 @@ KRLocalRequest::KRLocalRequest(std::shared_ptr<KRLocalSession> session, std::uin
     : message(std::move(received)), session_(std::move(session)), number_(number), bytes_(bytes) {}
 
 KRLocalRequest::~KRLocalRequest() {
-    message = {}; // goes back first
+    message = {}; // returned first
     if (!answered_) {
         try {
             session_->getChannel().send(KRLocalFrame::Unanswered, number_, {});
@@ -99,7 +99,7 @@ bool KRLocalSession::answerBell() {
         announced_ += static_cast<std::int64_t>(std::min(rings, kMaxRings));
     }
     if (read_ || paused_ || announced_ <= 0) {
-        return false; // who reads will see to it, or has done so
+        return false; // the reading thread handles it
     }
     return read_ = true;
 }
@@ -209,7 +209,7 @@ void KRLocalServer::startThread() {
     ++waiting_;
     try {
         service_.post([self = shared_from_this()] { self->run(); });
-    } catch (const std::exception& error) { // the others go on alone
+    } catch (const std::exception& error) { // the other threads continue
         --waiting_;
         const KRLock lock(mutex_);
         --threads_;
@@ -228,7 +228,7 @@ void KRLocalServer::run() {
         }
         if (count == 1) {
             if (waiting_.fetch_sub(1) == 1) {
-                startThread(); // or else nobody would wait
+                startThread(); // otherwise no thread would wait
             }
             serve(event.data.u64);
             ++waiting_;
@@ -237,7 +237,7 @@ void KRLocalServer::run() {
             while (waiting > kWaiting && !waiting_.compare_exchange_weak(waiting, waiting - 1)) {
             }
             if (waiting > kWaiting) {
-                ++waiting_; // which the end of this function undoes
+                ++waiting_; // undone at the end of this function
                 break;
             }
         }

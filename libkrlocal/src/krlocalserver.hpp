@@ -18,11 +18,11 @@ namespace KR {
 
 /// The serving side of a connection.
 ///
-/// One thread at a time reads it. While that one runs the request that it has read nobody reads, for the caller waits for
-/// the reply before it sends more; or else it rings the bell, and another thread reads.
+/// One thread at a time reads it. While that thread runs its request, nobody reads, as the caller waits for the reply
+/// before sending more; otherwise it signals the bell, and another thread reads.
 class KRLocalSession {
 public:
-    static constexpr std::size_t kMaxRunning = 512; ///< requests; more wait in the socket
+    static constexpr std::size_t kMaxRunning = 512; ///< requests; others stay in the socket
     static constexpr std::size_t kMaxRunningBytes = std::size_t{512}
                                                     << 20; ///< of them, sent through the socket
 
@@ -42,15 +42,15 @@ public:
 
     int getBell() const noexcept { return bell_.get(); }
 
-    /// The socket has woken the calling thread. \return whether it is the one that reads now
+    /// The socket has woken the calling thread. \return whether it may read now
     bool takeOver() KR_EXCLUDES(mutex_);
-    /// The bell has woken the calling thread. \return whether it is the one that reads now
+    /// The bell has woken the calling thread. \return whether it may read now
     bool answerBell() KR_EXCLUDES(mutex_);
-    /// The calling thread has run its request. \return whether it is the one that reads on
+    /// The calling thread has run its request. \return whether it continues reading
     bool readOn() KR_EXCLUDES(mutex_);
-    /// The calling thread reads no more: the next message wakes another, as long as not too many requests run.
+    /// The calling thread stops reading: the next message wakes another, unless too many requests are running.
     void awaitMessage() KR_EXCLUDES(mutex_);
-    /// The calling thread has read a request and runs it. \param further  whether the bell was rung for it
+    /// The calling thread has read a request and runs it. \param further  whether the bell was signalled for it
     void begin(std::size_t bytes, bool further) KR_EXCLUDES(mutex_);
     void finish(std::size_t bytes) noexcept KR_EXCLUDES(mutex_);
     /// The other has broken the protocol.
@@ -74,8 +74,8 @@ private:
     KRMutex mutex_;
     std::size_t running_ KR_GUARDED_BY(mutex_) = 0;
     std::size_t runningBytes_ KR_GUARDED_BY(mutex_) = 0;
-    bool paused_ KR_GUARDED_BY(mutex_) = false;     // too many run
-    bool read_ KR_GUARDED_BY(mutex_) = false;       // by some thread
+    bool paused_ KR_GUARDED_BY(mutex_) = false;     // too many requests run
+    bool read_ KR_GUARDED_BY(mutex_) = false;       // a thread is reading
     std::uint32_t armed_ KR_GUARDED_BY(mutex_) = 0; // events of the socket that wake a thread
     std::int64_t
         announced_ KR_GUARDED_BY(mutex_) = 0; // rings of the bell without the request that they are for
@@ -83,9 +83,9 @@ private:
 
 /// Serves the requests of all connections, on threads of the service.
 ///
-/// All of these threads wait for the same set of sockets, and the kernel wakes one of them for a message. That one reads it,
-/// runs the request itself, and reads on from the same socket for a while: a caller that calls again and again always finds
-/// the same thread waiting for it alone. Two more threads than run requests or wait for one caller wait for all.
+/// These threads wait for the same set of sockets, and the kernel wakes one of them for a message. That thread reads it,
+/// runs the request, and keeps reading the same socket for a while, so a caller in a loop always finds the same thread
+/// waiting for it. Besides the threads that run requests or wait for one caller, two threads wait for all callers.
 class KRLocalServer : public std::enable_shared_from_this<KRLocalServer> {
 public:
     /// \throws KRError
@@ -93,18 +93,18 @@ public:
     KRLocalServer(const KRLocalServer&) = delete;
     KRLocalServer& operator=(const KRLocalServer&) = delete;
 
-    /// Serves what comes through this channel.
+    /// Serves the requests of this channel.
     /// \param bell  eventfd that the caller rings
     void add(std::unique_ptr<KRLocalChannel> channel, KRDescriptor bell, const std::string& caller)
         KR_EXCLUDES(mutex_);
     std::size_t getCount() const KR_EXCLUDES(mutex_);
-    /// Tells callers about memory that is no more.
+    /// Reports freed memory to callers.
     void sendNotices() KR_EXCLUDES(mutex_);
     /// Closes all connections, and waits for other threads than this one to leave the service.
     void stop() noexcept KR_EXCLUDES(mutex_);
 
 private:
-    static constexpr int kWaiting = 2;     // threads that wait however idle the connections are
+    static constexpr int kWaiting = 2;     // threads that wait even if all connections are idle
     static constexpr int kMaxReading = 16; // threads that wait for one caller each
 
     void startThread() KR_EXCLUDES(mutex_);
@@ -113,7 +113,7 @@ private:
     void serve(std::uint64_t event) KR_EXCLUDES(mutex_);
     /// Reads a request and runs it. \return whether there was one
     bool serveNext(const std::shared_ptr<KRLocalSession>& session) KR_EXCLUDES(mutex_);
-    /// Waits for a message, unless many threads do that. \return nullopt: none has come for a while
+    /// Waits for a message, unless enough threads do. \return nullopt: none for a while
     std::optional<KRLocalChannel::Received> receive(KRLocalChannel& channel);
     void remove(const std::shared_ptr<KRLocalSession>& session) KR_EXCLUDES(mutex_);
 

@@ -26,7 +26,7 @@ namespace {
     throw KRError("KRLocalEndpoint", method, why);
 }
 
-/// Without a file: nothing is left behind by a process that was killed.
+/// Abstract: a killed process leaves no file behind.
 socklen_t toAbstract(const std::string& name, sockaddr_un& address) {
     address = {};
     address.sun_family = AF_UNIX;
@@ -34,12 +34,12 @@ socklen_t toAbstract(const std::string& name, sockaddr_un& address) {
         fail("connect", "a socket's name has 1 to " + std::to_string(sizeof address.sun_path - 1) +
                             " bytes, not " + std::to_string(name.size()));
     }
-    std::copy(name.begin(), name.end(), address.sun_path + 1); // behind the zero that makes it abstract
+    std::copy(name.begin(), name.end(), address.sun_path + 1); // after the zero byte of abstract names
     return static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
 }
 
 KRDescriptor createSocket() {
-    // Keeps the bounds of packets: a thread reads one message and never a part of the next.
+    // Preserves packet boundaries: a thread reads one message and never part of the next.
     KRDescriptor created(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
     if (!created) {
         fail("connect", std::string("no socket: ") + std::strerror(errno));
@@ -67,7 +67,7 @@ pid_t KRLocalAdmission::admit(int socket) const {
     ucred other{};
     socklen_t size = sizeof other;
     if (getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &other, &size) != 0) {
-        fail("connect", std::string("who is at the other end is unknown: ") + std::strerror(errno));
+        fail("connect", std::string("the peer's credentials cannot be read: ") + std::strerror(errno));
     }
     if (other.uid == geteuid()) {
         return other.pid;
@@ -125,7 +125,7 @@ KRDescriptor connectTo(const std::string& name, std::chrono::steady_clock::time_
     sockaddr_un address{};
     const socklen_t size = toAbstract(name, address);
     KRDescriptor connecting = createSocket();
-    // As long as the queue of those that wait is full, connect() would block for as long as it takes.
+    // While the backlog is full, connect() would block without a time limit.
     const timeval shortly{0, 10000};
     setsockopt(connecting.get(), SOL_SOCKET, SO_SNDTIMEO, &shortly, sizeof shortly);
     while (connect(connecting.get(), reinterpret_cast<const sockaddr*>(&address), size) != 0) {

@@ -10,7 +10,7 @@
 
 namespace KR {
 
-/// Who may connect besides processes of the same user.
+/// Decides which other users may connect.
 class KRLocalAdmission {
 public:
     /// \param group  members of it; empty: nobody \throws KRError there is no such group
@@ -23,16 +23,16 @@ private:
     std::optional<gid_t> group_;
 };
 
-/// This boot of the machine, and the network namespace, in which names of sockets are unique.
+/// Identifies this boot of the machine and the network namespace, in which socket names are unique.
 std::string getMachineIdentity();
 
-/// 128 bits that nobody can guess, in hexadecimal digits. \throws KRError
+/// 128 unguessable bits, in hexadecimal digits. \throws KRError
 std::string drawSecret();
 
 /// A socket that listens under this name. \throws KRError
 KRDescriptor listenAt(const std::string& name);
 
-/// A socket connected to that name; none if nobody listens there. \throws KRError nobody accepts before the deadline
+/// A socket connected to that name; empty if nothing listens there. \throws KRError not accepted before the deadline
 KRDescriptor connectTo(const std::string& name, std::chrono::steady_clock::time_point deadline);
 
 } // namespace KR

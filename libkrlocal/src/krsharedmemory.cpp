@@ -41,7 +41,7 @@ KRSharedMemory::KRSharedMemory(std::size_t size) : size_(size), descriptor_(crea
         fail("mmap");
     }
     data_ = static_cast<unsigned char*>(mapped);
-    // After mapping: from now on nobody maps it for writing.
+    // After mapping: from now on it cannot be mapped for writing.
     if (fcntl(descriptor_.get(), F_ADD_SEALS, kSeals | F_SEAL_SEAL) != 0) {
         const int error = errno;
         munmap(mapped, size);
@@ -58,7 +58,7 @@ KRForeignMemory::KRForeignMemory(const KRDescriptor& descriptor, std::size_t siz
     const int seals = fcntl(descriptor.get(), F_GET_SEALS);
     if (seals < 0 || (seals & kSeals) != kSeals) {
         throw KRLocalMalformed(
-            "a descriptor that is no memfd sealed against changes of its size and writing");
+            "a descriptor that is not a memfd sealed against changes of its size and writing");
     }
     struct stat status {};
     if (fstat(descriptor.get(), &status) != 0 || size == 0 ||

@@ -8,11 +8,11 @@
 
 namespace KR {
 
-/// Memory of this process that others can be given to read: a memfd without a name, which the kernel frees with the last
-/// process that maps it. Its size is sealed, and nobody else can ever map it for writing.
+/// Memory of this process that others can map read-only: an unnamed memfd, which the kernel frees with its last mapping.
+/// Its size is sealed, and no other process can ever map it for writing.
 class KRSharedMemory {
 public:
-    /// Zeros, or no memory at all until it is touched. \throws std::system_error
+    /// Filled with zeros; pages are allocated when touched. \throws std::system_error
     explicit KRSharedMemory(std::size_t size);
     ~KRSharedMemory();
     KRSharedMemory(const KRSharedMemory&) = delete;
@@ -28,10 +28,10 @@ private:
     unsigned char* data_ = nullptr;
 };
 
-/// Such memory of another process, for reading. The bytes change whenever that process wishes.
+/// Such memory of another process, read-only. That process can change the bytes at any time.
 class KRForeignMemory {
 public:
-    /// \throws KRLocalMalformed not a memfd sealed as it must be, or not of this size
+    /// \throws KRLocalMalformed not a memfd with the required seals, or of another size
     KRForeignMemory(const KRDescriptor& descriptor, std::size_t size);
     ~KRForeignMemory();
     KRForeignMemory(const KRForeignMemory&) = delete;
@@ -45,7 +45,7 @@ private:
     const unsigned char* data_ = nullptr;
 };
 
-/// The page on which the receiver of binaries writes which of them it holds no more: a generation per ticket.
+/// The page on which the receiver of binaries marks those it has released: a generation per ticket.
 struct KRReturns {
     static constexpr std::size_t kTickets = 1024;
     static constexpr std::size_t kSize = kTickets * sizeof(std::uint32_t);

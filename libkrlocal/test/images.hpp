@@ -25,7 +25,7 @@ inline KRBinary fetchImage(KRLocalConnection& connection, std::size_t size) {
     return connection.call(makeMessage(0, std::to_string(size))).binaries.at(0);
 }
 
-/// Whether nobody has written another image over it.
+/// Whether it has not been overwritten by another image.
 inline bool isImage(const KRBinary& image) {
     return std::memcmp(image.data(), image.data() + 1, image.size() - 1) == 0;
 }

@@ -1,4 +1,4 @@
-// Processes that know the secret and break the protocol.
+// Peers that know the secret but break the protocol.
 
 #include "krlocal/krlocalendpoint.hpp"
 
@@ -191,14 +191,14 @@ const Lie kLies[] = {
          frame.memories = {{9, liar.memory.size() * 2}};
          liar.send(frame.compose(), {liar.memory.getDescriptor()});
      }},
-    {"AFileForAMemory", "no memfd sealed",
+    {"AFileForAMemory", "not a memfd sealed",
      [](Liar& liar) {
          const KRDescriptor file(open("/dev/zero", O_RDWR | O_CLOEXEC));
          KRLocalFrame frame = makeRequest();
          frame.memories = {{9, liar.memory.size()}};
          liar.send(frame.compose(), {file.get()});
      }},
-    {"AMemoryThatCanShrink", "no memfd sealed",
+    {"AMemoryThatCanShrink", "not a memfd sealed",
      [](Liar& liar) {
          const KRDescriptor unsealed(memfd_create("unsealed", MFD_CLOEXEC | MFD_ALLOW_SEALING));
          ASSERT_EQ(ftruncate(unsealed.get(), 1 << 20), 0);
@@ -225,7 +225,7 @@ const Lie kLies[] = {
          liar.send(frame.compose() + "abc");
          liar.send("def", {liar.memory.getDescriptor()});
      }},
-    {"ARequestCutInHalf", "cut in half",
+    {"ARequestCutInHalf", "truncated message",
      [](Liar& liar) {
          KRLocalFrame frame = makeRequest();
          frame.bodySize = 100;
@@ -349,7 +349,7 @@ TEST(KRLocalLiar, AServerWithoutABellIsNotConnected) {
                 endpoint.connect({getMachineIdentity(), name, "?"}, kPatience, {});
             },
             testing::ThrowsMessage<KRError>(
-                testing::HasSubstr(bell < 0 ? "a greeting that is none" : "a bell that is no eventfd")));
+                testing::HasSubstr(bell < 0 ? "an invalid greeting" : "a bell that is not an eventfd")));
         lying.join();
     }
 }
@@ -375,7 +375,7 @@ TEST(KRLocalLiar, AClientThatRingsForNothingOrNotAtAllHoldsUpNobodyElse) {
     server.stop();
 }
 
-/// How often the bell has been rung without being heard.
+/// Number of unhandled signals of the bell.
 std::string getRings(int bell) {
     std::ifstream info("/proc/self/fdinfo/" + std::to_string(bell));
     for (std::string key, value; info >> key >> value;) {

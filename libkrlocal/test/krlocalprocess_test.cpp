@@ -1,4 +1,4 @@
-// What holds between processes, also when one of them is killed or frozen at any moment.
+// Behaviour between processes when one of them is killed or frozen at any moment.
 
 #include "krlocal/krlocalendpoint.hpp"
 
@@ -43,11 +43,11 @@ std::vector<std::string> toFetchFrom(const KRLocalAddress& address) {
     return {"fetch", address.machine, address.socket, address.secret};
 }
 
-/// This process, which others fetch images from.
+/// A server in this process, from which others fetch images.
 class KRLocalReaders : public testing::Test {
 protected:
     void TearDown() override { endpoint.stop(); }
-    /// Whether this process serves somebody else as well.
+    /// Whether this process also serves another client.
     bool servesOthers() {
         const auto connection = endpoint.connect(endpoint.getAddress(), kPatience, {});
         return isImage(fetchImage(*connection, kSmall));
@@ -115,7 +115,7 @@ TEST_F(KRLocalReaders, ThatAreKilledWhileFrozenGiveEverythingBack) {
     EXPECT_TRUE(hasEverythingBack());
 }
 
-/// Another process, which this one fetches images from.
+/// A server in another process, from which this one fetches images.
 class KRLocalServers : public testing::Test {
 protected:
     std::shared_ptr<KRLocalConnection> connect(const OtherProcess& server) {
@@ -227,7 +227,7 @@ std::vector<std::string> operator+(std::vector<std::string> words, const std::ve
     return words;
 }
 
-/// Whether this process may start others as another user, who may read what they are made of.
+/// Whether this process may start others as another user, who can read the test program.
 bool canChangeUser() {
     return geteuid() == 0 &&
            OtherProcess({"as", "65534", "65534", "serve"}).getAnswer().find("krvision-") != std::string::npos;

@@ -6,7 +6,7 @@
 
 namespace KR::test {
 
-/// Shared memory of binaries that this process has mapped, its own and that of others.
+/// Shared memory for binaries mapped by this process, its own and that of others.
 struct MappedMemory {
     std::size_t mappings = 0;
     std::size_t resident_kB = 0;
