@@ -15,7 +15,7 @@ namespace KR {
 namespace {
 
 constexpr std::size_t kFields = 5;    // of a module
-constexpr std::int32_t kAskedFor = 3; // the state of a name that is asked for; KRModuleState has the others
+constexpr std::int32_t kAskedFor = 3; // state of a requested name; the others are in KRModuleState
 constexpr std::size_t kIdDigits = 32;
 
 [[noreturn]] void refuse(const std::string& why) {

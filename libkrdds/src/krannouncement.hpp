@@ -19,12 +19,12 @@ struct KRAnnouncedModule {
     std::int32_t number = 0;
     KRModuleState state = KRModuleState::Claimed;
     KRClaimTime claimed;
-    bool asked = false; ///< the broker asks for the name and does not have it yet
+    bool asked = false; ///< the broker requests the name but does not own it yet
 };
 
 using KRAnnouncedModules = std::map<std::string, KRAnnouncedModule>; ///< by name
 
-/// What a broker says of itself on the topic "KRVision/Broker", checked.
+/// A broker's announcement on the topic "KRVision/Broker", validated.
 struct KRAnnouncement {
     static constexpr std::size_t kMaxText = 255; ///< bytes of a module, broker or host name
     static constexpr std::size_t kMaxModules = 10000;
@@ -35,25 +35,25 @@ struct KRAnnouncement {
     std::string name;
     std::string host;
     std::uint32_t pid = 0;
-    std::string local;          ///< what KRLocalWay::reach() takes; empty: nothing
+    std::string local;          ///< argument of KRLocalWay::reach(); empty: none
     KRAnnouncedModules modules; ///< empty if the protocol is not `own`
 
     /// "in process 4711 (kr) on robot1", escaped for printing.
     std::string getLocation() const;
 
-    /// \param own  the protocol whose module lists are understood
-    /// \throws KRMalformed not what a broker sends
+    /// \param own  the protocol version whose module lists are read
+    /// \throws KRMalformed not a valid announcement
     static KRAnnouncement parse(const KRVision_Announcement& message, std::uint32_t own);
 };
 
 /// Whether the text is a broker's identity: 32 hexadecimal digits in lower case.
 bool isBrokerId(const char* text) noexcept;
 
-/// Why there cannot be a module of this name on a domain; empty if there can.
+/// Why this is not a valid module name on a domain; empty if it is.
 std::string findNameProblem(const std::string& module);
 
-/// The modules as an announcement carries them.
-/// \throws KRError more of them than other brokers accept
+/// The modules in the encoding of announcements.
+/// \throws KRError more modules than other brokers accept
 std::string encodeModules(const KRAnnouncedModules& modules);
 
 } // namespace KR

@@ -35,12 +35,12 @@ std::string getHostName() {
 void KRAnnouncer::start(ddsi_domaingv* engine, dds_entity_t participant, dds_entity_t topic,
                         const std::string& id, const std::string& local) {
     const std::unique_ptr<dds_qos_t, void (*)(dds_qos_t*)> qos(dds_create_qos(), dds_delete_qos);
-    // A write does not wait for brokers that are behind: poll() tries again.
+    // A write does not wait for slow brokers: poll() retries.
     dds_qset_reliability(qos.get(), DDS_RELIABILITY_RELIABLE, 0);
     dds_qset_durability(qos.get(), DDS_DURABILITY_TRANSIENT_LOCAL);
     dds_qset_history(qos.get(), DDS_HISTORY_KEEP_LAST, 1);
-    dds_qset_userdata(qos.get(), local.data(), local.size()); // which those who know nothing of it ignore
-    dds_qset_writer_data_lifecycle(qos.get(), false); // so that a lost broker differs from one that leaves
+    dds_qset_userdata(qos.get(), local.data(), local.size()); // ignored by older brokers
+    dds_qset_writer_data_lifecycle(qos.get(), false); // to distinguish a lost broker from one that leaves
     const KRLock lock(mutex_);
     writer_ = checkDDS(dds_create_writer(participant, topic, qos.get(), nullptr), "writer of announcements");
     checkDDS(dds_get_guid(writer_, &writerGuid_), "identity of a writer");

@@ -15,30 +15,29 @@ struct ddsi_domaingv;
 
 namespace KR {
 
-/// What this broker announces of itself, and the names that it asks for. Thread-safe; nothing here waits for others
-/// except waitForAcks().
+/// Announces this broker and the names that it requests. Thread-safe; only waitForAcks() waits for other brokers.
 class KRAnnouncer {
 public:
     KRAnnouncer(KRTransportHost& host, std::string name) : host_(host), name_(std::move(name)) {}
 
-    /// Begins to announce. Call it once.
-    /// \param engine  that the participant is of
+    /// Starts announcing. Call it once.
+    /// \param engine  the participant's engine
     /// \param id  identity of the broker
     /// \param local  its KRLocalWay::getAddress()
     /// \throws KRError the engine refuses
     void start(ddsi_domaingv* engine, dds_entity_t participant, dds_entity_t topic, const std::string& id,
                const std::string& local) KR_EXCLUDES(mutex_);
-    /// Ends the announcement, which tells the others that this broker leaves.
+    /// Disposes the announcement: the others see that this broker leaves.
     void stop() noexcept KR_EXCLUDES(mutex_);
 
-    /// Announces the modules as they are now. If others are too far behind for that, poll() does it later.
+    /// Announces the current modules. If other brokers are too far behind, poll() does it later.
     /// \throws KRError more modules than a broker can announce; the engine refuses
     void announce() KR_EXCLUDES(mutex_);
-    /// The same if the last time it was not possible.
+    /// Retries the last announcement if it was postponed.
     void poll() KR_EXCLUDES(mutex_);
 
-    /// From now on the module is announced as one whose name is asked for, until endAsking(). The others acknowledge
-    /// that at once. \return when it was claimed
+    /// Announces the module's name as requested, until endAsking(). The others acknowledge that at once.
+    /// \return the time of the claim
     /// \throws KRError as announce()
     KRClaimTime ask(const std::string& module) KR_EXCLUDES(mutex_);
     void endAsking(const std::string& module) KR_EXCLUDES(mutex_);
@@ -59,7 +58,7 @@ private:
     std::string hostName_ KR_GUARDED_BY(mutex_);
     bool pending_ KR_GUARDED_BY(mutex_) = false;        // the last announcement has not been written
     KRAnnouncedModules modules_ KR_GUARDED_BY(mutex_);  // as announced last
-    std::set<std::string> asked_ KR_GUARDED_BY(mutex_); // names that are being claimed
+    std::set<std::string> asked_ KR_GUARDED_BY(mutex_); // names being claimed
 };
 
 } // namespace KR

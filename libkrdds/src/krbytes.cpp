@@ -12,7 +12,7 @@ namespace {
 constexpr std::size_t kLarge = std::size_t{64} << 10;
 constexpr std::size_t kMaxKept = std::size_t{32} << 20; // bytes in all
 
-/// Large buffers that are free at the moment. Thread-safe.
+/// Currently free large buffers. Thread-safe.
 class Reserve {
 public:
     struct Buffer {

@@ -22,13 +22,13 @@ struct KRReceivedBytes {
     static KRReceivedBytes allocate(std::size_t size);
 };
 
-/// Bytes to send: small ones that it owns, and large binaries that it shares.
+/// Bytes to send: owned small pieces, and shared large binaries.
 class KRComposedBytes {
 public:
     struct Piece {
         const unsigned char* data;
         std::size_t size;
-        std::size_t offset; ///< in the whole
+        std::size_t offset; ///< in the complete message
     };
 
     void append(const void* bytes, std::size_t size) {
@@ -41,7 +41,7 @@ public:
     }
     void appendShared(const KRComposedBytes& other);
     std::size_t size() const noexcept { return size_; }
-    /// The bytes that it owns; it shares none.
+    /// The bytes, if no binary is shared.
     std::string takeOwn() && { return std::move(own_); }
     /// Overwrites bytes that were appended before the first shared binary.
     void overwrite(std::size_t offset, const void* bytes, std::size_t size);

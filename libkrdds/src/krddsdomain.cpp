@@ -20,10 +20,10 @@ namespace {
 
 constexpr const char* kEngineCategory = "krdds.engine";
 
-// The last error that the engine logged on this thread: its codes alone say little.
+// The last error that the engine logged on this thread: its codes alone are not informative.
 thread_local std::string lastError;
 
-/// Each by itself: what others send causes warnings.
+/// Limited separately: other processes can cause warnings.
 KRLimitedLog& getErrors() {
     static KRLimitedLog limited(kEngineCategory, "errors of the DDS engine");
     return limited;
@@ -33,9 +33,9 @@ KRLimitedLog& getWarnings() {
     return limited;
 }
 
-/// The engine's log. It calls this from C, whatever it holds.
+/// Log callback of the engine, called from C with any of its locks held.
 void writeLog(void*, const dds_log_data_t* record) noexcept {
-    constexpr std::size_t kMaxLine = 1000; // it may quote what others sent
+    constexpr std::size_t kMaxLine = 1000; // it may quote received data
     try {
         std::string message = escapeText({record->message, record->size}, kMaxLine);
         while (message.ends_with("\\n")) {
@@ -51,7 +51,7 @@ void writeLog(void*, const dds_log_data_t* record) noexcept {
         } else {
             logVerbose(kEngineCategory, message);
         }
-    } catch (const std::exception&) { // short of memory: the line is lost
+    } catch (const std::exception&) { // out of memory: the line is lost
     }
 }
 
@@ -70,10 +70,10 @@ dds_entity_t createDomain(const KRDDSOptions& options, const KRHostNetwork& netw
     };
     dds_entity_t domain = create(true);
     if (domain < 0 && options.usesMulticast(network)) {
-        constexpr std::size_t kFew = 5; // that others may have taken or left since
+        constexpr std::size_t kFew = 5; // margin for changes since
         const std::size_t taken = KRHostNetwork::examine().findPlaces(options.domain).size();
         if (taken + kFew >= static_cast<std::size_t>(kMaxDDSProcesses)) {
-            domain = create(false); // those that have a place find it all the same
+            domain = create(false); // processes with a well-known port find it anyway
         }
     }
     return checkDDS(domain, "domain " + std::to_string(options.domain));

@@ -14,12 +14,12 @@ namespace KR {
 
 /// Checks what a function of the engine returned.
 /// \return `code`, if it is not an error
-/// \throws KRError it is one; the text says what the engine refused, `what`, and why
+/// \throws KRError it is one; the text has what the engine refused, `what`, and the reason
 dds_return_t checkDDS(dds_return_t code, const std::string& what,
                       KRSourceLocation where = KRSourceLocation::current());
 
-/// The engine logs what others send as often as they like; this logs how many of its lines were left out. Call it now
-/// and then. Thread-safe.
+/// Logs how many lines of the engine were suppressed, as other processes can cause any number of them. Call it
+/// periodically. Thread-safe.
 void flushEngineLog();
 
 /// The engine's instance of a domain in this process, shared by the brokers on it. The engine reads its configuration

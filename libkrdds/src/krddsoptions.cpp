@@ -206,7 +206,7 @@ KRDDSOptions KRDDSOptions::parse(const std::string& url) {
         options.name = getProgramName();
     }
     if (!options.security.empty() && !given.contains("local")) {
-        options.local = false; // which does without certificates and encryption
+        options.local = false; // as it uses neither certificates nor encryption
     }
     return options;
 }
@@ -243,7 +243,7 @@ std::string KRDDSOptions::getConfiguration(const KRHostNetwork& network, bool pl
     // The headers of a fragment take up to 128 bytes.
     xml << "<MaxMessageSize>" << std::min<std::uint32_t>(fragment + 128, 65500) << "B</MaxMessageSize>"
         << "<FragmentSize>" << fragment << "B</FragmentSize></General>";
-    // With an index each process on a host has its own known port, where others find it without multicast. 119 is the
+    // With an index each process on a host has its own well-known port, where others find it without multicast. 119 is the
     // last index whose port does not belong to the next domain.
     static_assert(kMaxDDSProcesses == 120);
     xml << "<Discovery><ParticipantIndex>" << (place ? "auto" : "none") << "</ParticipantIndex>"
@@ -254,15 +254,15 @@ std::string KRDDSOptions::getConfiguration(const KRHostNetwork& network, bool pl
     if (std::find(peers.begin(), peers.end(), "localhost") != peers.end()) {
         // is in the list already
     } else if (!usesMulticast(network)) {
-        xml << "<Peer Address=\"127.0.0.1\"/>"; // on every port that another process may have
+        xml << "<Peer Address=\"127.0.0.1\"/>"; // on every port of another process
     } else if (!network.alone) {
-        // Those that came before and use another interface. Those that come later look for this one.
+        // Earlier processes on another interface. Later ones look for this one.
         for (const std::uint16_t port : network.findPlaces(domain)) {
             xml << "<Peer Address=\"127.0.0.1:" << port << "\"/>";
         }
     }
-    // Processes of one host see each other's pulses. What the engine sends to show that a process runs would be most of
-    // what many of them do.
+    // Processes of one host see each other's pulses. Otherwise the engine's heartbeats would be most of the work of
+    // many processes.
     constexpr std::chrono::milliseconds kLeaseOnHost{30000};
     const auto shown = staysOnHost(network) ? std::max(lease, kLeaseOnHost) : lease;
     xml << "</Peers><LeaseDuration>" << shown.count() << "ms</LeaseDuration></Discovery>";
@@ -270,8 +270,8 @@ std::string KRDDSOptions::getConfiguration(const KRHostNetwork& network, bool pl
     xml << "<Internal><SocketReceiveBufferSize min=\"default\" max=\"4MB\"/>"
         << "<MaxSampleSize>" << KRReceivedBytes::kMax << "B</MaxSampleSize>"
         << "<Watermarks><WhcHigh>2MB</WhcHigh></Watermarks>";
-    // A heartbeat of a writer that waits for acknowledgements wakes all processes. When many start at once, all wait, and
-    // the usual ten a second from each would take the processor time that the acknowledgements need.
+    // A heartbeat of a writer that waits for acknowledgements wakes all processes. When many processes start at once, all
+    // wait, and the usual ten heartbeats a second would take the processor time that the acknowledgements need.
     if (staysOnHost(network)) {
         xml << "<HeartbeatInterval>500ms</HeartbeatInterval>";
     }

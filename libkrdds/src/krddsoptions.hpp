@@ -19,11 +19,11 @@ struct KRDDSOptions {
     std::vector<std::string> peers;
     std::vector<std::string> interfaces;
     std::chrono::milliseconds lease{2000};
-    std::uint32_t fragment = 65000; ///< bytes
-    std::string security;           ///< folder; empty: off
-    bool local = true;              ///< brokers of this machine are called without DDS
-    std::string localGroup;         ///< whose members are among them; empty: those of the same user alone
-    std::size_t localMemory = std::size_t{256} << 20; ///< most shared memory, bytes
+    std::uint32_t fragment = 65000;                   ///< bytes
+    std::string security;                             ///< folder; empty: off
+    bool local = true;                                ///< call brokers of this machine without DDS
+    std::string localGroup;                           ///< members of it are included; empty: same user only
+    std::size_t localMemory = std::size_t{256} << 20; ///< maximum shared memory, bytes
 
     /// \throws KRError the address is malformed
     static KRDDSOptions parse(const std::string& url);
@@ -34,8 +34,8 @@ struct KRDDSOptions {
     bool staysOnHost(const KRHostNetwork& network) const;
     /// Whether processes of one host discover each other by multicast.
     bool usesMulticast(const KRHostNetwork& network) const;
-    /// Configuration of the engine for the domain, as XML. \param place  whether it listens where others of its host look
-    /// for it without multicast, of which there are kMaxDDSProcesses
+    /// Configuration of the engine for the domain, as XML. \param place  whether it listens on one of the
+    /// kMaxDDSProcesses well-known ports of its host
     std::string getConfiguration(const KRHostNetwork& network, bool place) const;
 };
 

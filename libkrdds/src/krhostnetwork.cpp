@@ -34,7 +34,7 @@ private:
     const int file_;
 };
 
-/// Whether multicast works on the loopback interface, whose flags do not say so: it usually does. Sends itself a packet.
+/// Whether multicast works on the loopback interface, which its flags do not show. Sends itself a packet.
 bool carriesMulticast(const in_addr& loopback) {
     const Socket receiver;
     const Socket sender;

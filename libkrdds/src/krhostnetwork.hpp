@@ -7,7 +7,7 @@
 
 namespace KR {
 
-/// What the network of this host is like, as far as discovery depends on it.
+/// Properties of this host's network that discovery depends on.
 struct KRHostNetwork {
     bool multicast = false;             ///< all interfaces that may be used for other hosts carry multicast
     std::string loopback;               ///< name of the loopback interface
@@ -15,10 +15,10 @@ struct KRHostNetwork {
     bool alone = false;                 ///< there is no other interface
     std::set<std::uint16_t> takenPorts; ///< UDP ports of this host
 
-    /// Reads it as it is now.
+    /// Reads the current state.
     static KRHostNetwork examine();
 
-    /// Ports where processes of this host are known to listen on the domain.
+    /// Well-known ports in use on the domain.
     std::vector<std::uint16_t> findPlaces(std::uint32_t domain) const;
 };
 

@@ -10,7 +10,7 @@ namespace KR {
 
 namespace {
 
-/// Values that a value consists of, itself included.
+/// Number of values in a value, including itself.
 std::size_t countValues(const KRValue& value) {
     std::size_t count = 1;
     if (value.isArray()) {
@@ -85,7 +85,7 @@ void KRIncomingCalls::take(const KRRequest& request) {
     const std::size_t bytes =
         request.arguments.message.size + countValues(arguments) * sizeof(KRValue); // in memory, about
     Waiting call{request, arguments.to<std::vector<KRValue>>(), bytes, std::chrono::steady_clock::now()};
-    call.request.arguments = {}; // shared by `arguments` where it is needed
+    call.request.arguments = {}; // `arguments` shares the bytes that it needs
     std::shared_ptr<KRPeer> peer;
     {
         const KRLock lock(mutex_);
@@ -94,7 +94,7 @@ void KRIncomingCalls::take(const KRRequest& request) {
         }
         Caller& caller = callers_[request.broker];
         if (caller.knows(request.sequence)) {
-            return; // has come already
+            return; // duplicate
         }
         if (caller.waiting.empty() && caller.mayRun(bytes)) {
             caller.running.emplace(request.sequence, bytes);

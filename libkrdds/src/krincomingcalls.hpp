@@ -18,12 +18,12 @@
 
 namespace KR {
 
-/// Calls from other brokers: those that wait, and those that run. Thread-safe; nothing here blocks but stop().
+/// Calls from other brokers, waiting or running. Thread-safe; only stop() blocks.
 ///
 /// A call runs once its caller has been discovered (it may have discovered us first), reads replies, and has fewer
-/// than kMaxRunning calls running here. Until then it waits, without a thread. Both are bounded per caller; what is
-/// beyond the bounds is dropped and counted. Its caller asks about it and gets an error. The first call of a caller has
-/// its peer want replies (KRPeer::wantReplies()).
+/// than kMaxRunning calls running here. Until then it waits, without a thread. Both are limited per caller; calls
+/// beyond the limits are dropped and counted, and their callers get an error when they inquire. The first call of a caller
+/// calls KRPeer::wantReplies() of its peer.
 class KRIncomingCalls : public std::enable_shared_from_this<KRIncomingCalls> {
 public:
     static constexpr std::size_t kMaxRunning = 512;                          ///< calls of one caller
@@ -33,26 +33,26 @@ public:
     static constexpr std::size_t kMaxStrangers = 256;                        ///< callers not discovered yet
     static constexpr std::size_t kMaxStrangersCalls = 1024;                  ///< of all of them
     static constexpr std::size_t kMaxStrangersBytes = std::size_t{64} << 20; ///< of all of them
-    static constexpr std::chrono::seconds kPatience{30}; ///< that long a call waits for its caller
+    static constexpr std::chrono::seconds kPatience{30}; ///< how long a call waits for its caller
 
     /// \param wake  has another thread call poll() soon; not called after stop()
     KRIncomingCalls(KRTransportHost& host, std::function<void()> wake)
         : host_(host), wake_(std::move(wake)) {}
 
-    /// A request of kind Call has come. \throws KRMalformed its arguments are not understood
+    /// Handles a received request of kind Call. \throws KRMalformed invalid arguments
     void take(const KRRequest& request) KR_EXCLUDES(mutex_);
-    /// Calls in the list that neither wait nor run.
+    /// Calls of the list that are neither waiting nor running.
     std::vector<std::uint64_t> findUnknown(const std::string& caller,
                                            const std::vector<std::uint64_t>& sequences) KR_EXCLUDES(mutex_);
 
-    /// The caller has been discovered. Follow it by what its peer wants then, and poll().
+    /// The caller has been discovered. Then do what its peer wants, and call poll().
     void setPeer(const std::shared_ptr<KRPeer>& peer) KR_EXCLUDES(mutex_);
-    /// The caller is gone: drops its calls that wait.
+    /// The caller is gone: drops its waiting calls.
     void removePeer(const std::string& id) KR_EXCLUDES(mutex_);
-    /// Starts calls that need not wait any more, and drops those that have waited too long.
+    /// Starts calls that are ready, and drops those that have waited too long.
     void poll() KR_EXCLUDES(mutex_);
 
-    /// Accepts no more calls, and waits for the answers to those that run, but no longer than `patience`.
+    /// Accepts no more calls, and waits for the answers of running ones, for at most `patience`.
     void stop(std::chrono::milliseconds patience) KR_EXCLUDES(mutex_);
 
     std::uint64_t getRefusedCount() const noexcept { return refused_; }
@@ -83,7 +83,7 @@ private:
         Waiting call;
     };
 
-    /// Why such a call of the caller cannot wait; empty if it can.
+    /// Why such a call of the caller cannot be queued; empty if it can.
     std::string findProblem(const Caller& caller, std::size_t bytes) const KR_REQUIRES(mutex_);
     void serve(Ready ready);
     void finish(const std::string& id, std::uint64_t sequence) noexcept KR_EXCLUDES(mutex_);

@@ -9,7 +9,7 @@
 
 namespace KR {
 
-/// A log of what other processes can cause as often as they like: a few lines a minute, and a count of the rest.
+/// A rate-limited log for messages that other processes can cause: a few lines a minute, and a count of the rest.
 /// Thread-safe.
 class KRLimitedLog {
 public:
@@ -21,11 +21,11 @@ public:
         : category_(category), subject_(std::move(subject)), interval_(interval) {}
 
     void write(KRLogLevel level, const std::string& message);
-    /// Logs how many lines were left out, once their interval is over. Call it now and then.
+    /// Logs how many lines were left out, once their interval is over. Call it periodically.
     void flush();
 
 private:
-    /// Begins an interval if the last one is over. \return how many lines that one left out
+    /// Starts a new interval if the last one is over. \return number of lines that one left out
     std::uint64_t beginInterval() KR_REQUIRES(mutex_);
     void logOmitted(std::uint64_t count) const;
 

@@ -40,7 +40,7 @@ Qos createQos() {
     return {dds_create_qos(), dds_delete_qos};
 }
 
-/// Calls a function at the end of its scope, however that ends.
+/// Calls a function at the end of its scope.
 template <class Function>
 class AtEnd {
 public:
@@ -146,7 +146,7 @@ void KRLink::onData(dds_entity_t, void* given) {
     ++link.listening_;
     const AtEnd leave([&] { --link.listening_; });
     try {
-        if (link.serving_) { // what came before start() waits for it
+        if (link.serving_) { // messages received before start() wait for it
             (link.*take)();
         }
     } catch (const std::exception& error) { // short of memory, for instance
@@ -203,7 +203,7 @@ void KRLink::createEntities() {
     checkDDS(dds_get_guid(participant, &guid), "identity");
     id_ = toText(guid);
     if (domain_->staysOnHost()) {
-        pulse_ = std::make_unique<KRPulse>(id_); // before others hear of this broker
+        pulse_ = std::make_unique<KRPulse>(id_); // before others discover this broker
     }
 
     const auto createAnnouncementTopic = [&] {
@@ -233,7 +233,7 @@ void KRLink::createEntities() {
     dds_qset_reliability(announcements.get(), DDS_RELIABILITY_RELIABLE, 0);
     dds_qset_durability(announcements.get(), DDS_DURABILITY_TRANSIENT_LOCAL);
     dds_qset_ignorelocal(announcements.get(), DDS_IGNORELOCAL_PARTICIPANT);
-    // All, so that nobody's announcement in another's name takes the place of the other's own.
+    // All, so that a forged announcement cannot replace a broker's own.
     dds_qset_history(announcements.get(), DDS_HISTORY_KEEP_ALL, 0);
     const dds_entity_t admitted = createAnnouncementTopic();
     dds_topic_filter filter{};
@@ -246,8 +246,8 @@ void KRLink::createEntities() {
     announcer_.start(engine_, participant, createAnnouncementTopic(), id_, way_.getAddress());
 }
 
-// Writers towards other brokers are made at the first call. That they may be made is found out here, where it can be
-// reported to whoever asked for a broker.
+// Writers to other brokers are created at the first call. This checks that it is permitted, so that the error reaches
+// the creator of the broker.
 void KRLink::checkPermissions() {
     try {
         KRPeer self(connection_, id_, "in this process", 0, {});
@@ -274,7 +274,7 @@ void KRLink::start() {
             "broker " + escapeText(options_.name) + " is on DDS domain " + std::to_string(options_.domain));
 }
 
-// A broker's participant is discovered before its modules. Processes of this host can be counted: their ports are taken.
+// A broker's participant is discovered before its modules. The ports in use show the number of processes of this host.
 void KRLink::waitForBrokersThatAreThere() const {
     using Clock = std::chrono::steady_clock;
     const KRDDSEntity reader(
@@ -304,7 +304,7 @@ void KRLink::stop() noexcept {
     if (stopping_.exchange(true) || participant_.get() == 0) {
         return;
     }
-    announcer_.stop(); // first, so that the others call no more
+    announcer_.stop(); // first, to stop new calls
     dds_delete(requestReader_);
     if (thread_.joinable()) {
         wake();
@@ -316,7 +316,7 @@ void KRLink::stop() noexcept {
     for (const auto& peer : peers) {
         peer->setGone("this process is leaving the domain");
     }
-    for (const auto& peer : peers) { // at the same time, for each may take a while
+    for (const auto& peer : peers) { // in parallel, as each may take a while
         if (!post([peer] { peer->close(); })) {
             peer->close();
         }
@@ -324,7 +324,7 @@ void KRLink::stop() noexcept {
     way_.stop();
     dds_delete(replyReader_);
     dds_delete(announcementReader_);
-    while (listening_ > 0) { // not for long: they do not wait for anything
+    while (listening_ > 0) { // short: they never block
         sleepMilliseconds(1);
     }
     const KRLock lock(wakeMutex_);
@@ -354,16 +354,16 @@ KRBrokerDiagnostics KRLink::getDiagnostics() const {
 
 // ---- claims of names
 
-// Of several that claim one name at once exactly one must get it. Each asks for it first, and announces that; who finds
-// one that has it, or asked before, gives up; who finds one that asked later waits until that is settled, for the other
-// may have polled before this claim came.
+// If several brokers claim one name at once, exactly one must get it. Each first announces that it requests the name. A
+// broker gives up if another one owns the name or requested it earlier. If another one requested it later, it waits until
+// that is settled, as the other may have polled before this claim arrived.
 void KRLink::claim(const std::string& name) {
     if (const std::string problem = findNameProblem(name); !problem.empty()) {
         throw KRError("KRBroker", "registerModule", "other processes would refuse " + problem);
     }
     const KRClaimTime claimed = announcer_.ask(name);
     try {
-        // What another announced before it acknowledged the claim is here by now.
+        // Anything that another broker announced before it acknowledged the claim has arrived by now.
         announcer_.waitForAcks(kClaimPatience);
         settleClaim(name, claimed);
     } catch (...) {
@@ -397,7 +397,7 @@ bool KRLink::checkSender(dds_entity_t reader, dds_instance_handle_t writer, cons
     if (sender == named) {
         return true;
     }
-    if (!sender.empty()) { // or else it is gone, and nobody waits for what it wanted
+    if (!sender.empty()) { // otherwise it is gone, and its request is moot
         countForged(sender, named);
     }
     return false;
@@ -411,7 +411,7 @@ void KRLink::countForged(const std::string& sender, const std::string& named) {
 }
 
 KRLocalWay::Admission KRLink::admit(const std::string& broker, pid_t process) {
-    // A call through a socket is faster than the announcements before it: of its caller's modules, for instance.
+    // A call through a socket may overtake earlier announcements, for example of its caller's modules.
     if (announcementsTaken_ != announced_) {
         waitForPoll();
     }
@@ -420,7 +420,7 @@ KRLocalWay::Admission KRLink::admit(const std::string& broker, pid_t process) {
             return {true, [peer = std::move(peer)] { return peer->isGone(); }};
         }
     } else if (isBrokerId(broker.c_str()) && broker != id_) {
-        return {true, {}}; // it has nothing here yet that another could use
+        return {true, {}}; // nothing is held for it yet that another could misuse
     }
     ++forged_;
     forgeries_.write(KRLogLevel::Warning, "a call of process " + std::to_string(process) +
@@ -432,12 +432,12 @@ KRLocalWay::Admission KRLink::admit(const std::string& broker, pid_t process) {
 void KRLink::noticeGone(const std::string& broker) {
     if (directory_.noticeGone(broker)) {
         const dds_guid_t guid = toGuid(broker);
-        krForgetParticipant(engine_, &guid); // or else the engine waits for its acknowledgements
+        krForgetParticipant(engine_, &guid); // otherwise the engine waits for its acknowledgements
         wake();
     }
 }
 
-// A broker whose process has ended, or one that connects anew. Who listens at its address tells.
+// Its process has ended, or it is reconnecting: whether anything listens at its address tells which.
 void KRLink::noticeCallerGone(const std::string& broker) {
     const auto peer = directory_.find(broker);
     if (!peer) {
@@ -465,7 +465,7 @@ void KRLink::takeReplies() {
     });
 }
 
-// Announcements that came before a request are taken before it: it may be about the modules that they tell of.
+// Handles earlier announcements before a request, which may refer to the modules in them.
 void KRLink::noticeRequests() {
     if (announcementsTaken_ == announced_) {
         takeRequests();
@@ -475,7 +475,7 @@ void KRLink::noticeRequests() {
 }
 
 void KRLink::takeRequests() {
-    const KRLock lock(requestsMutex_); // in the order in which they came
+    const KRLock lock(requestsMutex_); // in order of arrival
     takeMessages(requestReader_, [this](const KRTakenMessage& message) {
         try {
             KRRequest request = KRRequest::parse(message.bytes);

@@ -28,18 +28,18 @@ namespace KR {
 
 /// A broker's place on a DDS domain: announces its modules, discovers those of others, and carries calls both ways.
 ///
-/// Threads: the engine's receive threads hand requests to call threads and replies to those who wait for them; the
-/// thread "KRDDS" maintains the directory. None of them ever waits for another process.
+/// Threads: the engine's receive threads pass requests to call threads and replies to waiting callers; the thread "KRDDS"
+/// maintains the directory. None of them ever waits for another process.
 class KRLink : public KRTransport {
 public:
     static constexpr std::uint32_t kProtocol = 1;
     static constexpr std::string_view kMark =
-        "KRVision"; ///< user data of a broker's participant begin with it
+        "KRVision"; ///< prefix of the user data of a broker's participant
 
     KRLink(KRDDSOptions options, KRTransportHost& host);
     ~KRLink() override { KRLink::stop(); }
 
-    /// Serves, and waits until the brokers that are there are known, for a second or so at most.
+    /// Starts serving, and waits until existing brokers are discovered, for about a second at most.
     void start() override;
     void stop() noexcept override;
     void announceModules() noexcept override;
@@ -50,8 +50,8 @@ private:
     template <void (KRLink::*take)()>
     static void onData(dds_entity_t reader, void* link);
     static void onAnnouncement(dds_entity_t reader, void* link);
-    /// Whether the engine may keep an announcement. It keeps memory for every identity that a writer names, until the
-    /// writer is gone.
+    /// Whether the engine may keep an announcement. It allocates memory for every identity that a writer names, until
+    /// the writer is gone.
     static bool admitAnnouncement(const void* sample, const dds_sample_info_t* info, void* link) noexcept;
     static void onAnnouncerMatched(dds_entity_t reader, dds_subscription_matched_status_t status, void* link);
 
@@ -71,31 +71,31 @@ private:
     void countForged(const std::string& sender, const std::string& named);
     void countMalformed(const char* why);
 
-    // On call threads and those of the local endpoint.
-    /// Admits the process if it is the one of the broker, as far as is known; counts and logs it otherwise.
+    // On call threads and threads of the local endpoint.
+    /// Admits the process unless the broker is known to belong to another one; logs and counts a refusal.
     KRLocalWay::Admission admit(const std::string& broker, pid_t process);
     void noticeGone(const std::string& broker);
     void noticeCallerGone(const std::string& broker);
 
     // On the thread KRDDS.
     void run() noexcept;
-    /// \param news  something has happened since the last time
+    /// \param news  something has happened since the last tick
     void pollDiscovery(bool news);
     void takeAnnouncements();
     void takeAnnouncement(const void* sample, const dds_sample_info_t& info);
     std::set<dds_instance_handle_t> getAnnouncers() const;
     void openReplies();
     void inquireOfPeers();
-    /// Beats, and forgets the processes of this host that do not.
+    /// Advances this process's pulse, and forgets processes of this host without a pulse.
     void watchPulses();
-    /// Has the engine show this process to all others once more.
+    /// Has the engine announce this process to all others again.
     void showAgain();
 
     void wake() KR_EXCLUDES(wakeMutex_);
-    /// Waits until pollDiscovery() has run that began after this call, or for a while.
+    /// Waits until a pollDiscovery() that began after this call has finished, or for a limited time.
     void waitForPoll() KR_EXCLUDES(wakeMutex_);
     void settleClaim(const std::string& name, const KRClaimTime& claimed);
-    /// Runs the job on a call thread, which may wait for other processes. \return whether there is one
+    /// Runs the job on a call thread, which may wait for other processes. \return whether one is available
     bool post(std::function<void()> job);
 
     // Constant after start().
@@ -105,8 +105,7 @@ private:
     KRDDSEntity participant_;
     ddsi_domaingv* engine_ = nullptr;
     std::string id_;
-    std::unique_ptr<KRPulse>
-        pulse_; // null: other hosts may be reached, so the engine shows that this process runs
+    std::unique_ptr<KRPulse> pulse_; // null: other hosts are reachable, so the engine sends heartbeats
     KRPeer::Connection connection_;
     dds_entity_t announcementReader_ = 0;
     dds_entity_t requestReader_ = 0;
@@ -115,7 +114,7 @@ private:
 
     std::atomic<bool> serving_ = false;
     std::atomic<bool> stopping_ = false;
-    std::atomic<int> listening_ = 0; // threads of the engine that are in a function of this
+    std::atomic<int> listening_ = 0; // threads of the engine inside functions of this class
     std::atomic<std::uint64_t> malformed_ = 0;
     std::atomic<std::uint64_t> forged_ = 0;
     std::atomic<int> inquiriesAnswered_ = 0; // at the moment

@@ -1,4 +1,4 @@
-// What a link does on the thread KRDDS.
+// The functions of KRLink that run on the thread KRDDS.
 
 #include "krlink.hpp"
 
@@ -21,13 +21,13 @@ namespace KR {
 
 namespace {
 
-constexpr std::chrono::seconds kInquiryAge{1}; // of a call that is asked about, and how often
+constexpr std::chrono::seconds kInquiryAge{1}; // of inquired calls, and interval of inquiries
 constexpr std::chrono::milliseconds kTick{500};
 constexpr std::chrono::milliseconds kShortestTick{25};
 constexpr int kBeatsInLease = 4;
-// A packet by which the engine shows a process may be lost when many start at once; it sends the next one much later.
+// When many processes start at once, discovery packets may be lost; the engine sends the next one much later.
 constexpr std::array<int, 4> kShowAgainAfter_ms{500, 1500, 4000, 10000};
-constexpr int kTicksOfQuiet = 20;                 // whatever happens is reported; this is in case it is not
+constexpr int kTicksOfQuiet = 20;                 // everything is reported; this is a fallback
 constexpr std::chrono::seconds kPollPatience{10}; // much longer than a poll takes on a busy machine
 
 } // namespace
@@ -60,7 +60,7 @@ void KRLink::run() noexcept {
                     announcementsTaken_ = announced;
                 }
             }
-        } catch (const std::exception& error) { // short of memory, for instance; it goes on next time
+        } catch (const std::exception& error) { // out of memory, for example; continues next time
             failures_.write(KRLogLevel::Error, std::string("discovery: ") + error.what());
         }
         const KRLock lock(wakeMutex_);
@@ -75,7 +75,7 @@ void KRLink::pollDiscovery(bool news) {
         openReplies();
         directory_.poll(getAnnouncers());
         pulses_.keep([this](const std::string& id) { return directory_.knows(id); });
-        takeRequests(); // that have waited for announcements
+        takeRequests(); // those that waited for announcements
     }
     calls_->poll();
     announcer_.poll();
@@ -107,7 +107,7 @@ void KRLink::takeAnnouncement(const void* sample, const dds_sample_info_t& info)
     const auto& message = *static_cast<const KRVision_Announcement*>(sample);
     const bool disposed = info.instance_state == DDS_NOT_ALIVE_DISPOSED_INSTANCE_STATE;
     if (!info.valid_data && !disposed) {
-        return; // nobody writes it any more, which pollDiscovery() sees
+        return; // its writer is gone; pollDiscovery() handles that
     }
     if (!checkSender(announcementReader_, info.publication_handle, message.broker)) {
         return;
@@ -145,7 +145,7 @@ void KRLink::openReplies() {
         }
         try {
             peer->openReplies();
-        } catch (const KRError& error) { // permissions, for instance
+        } catch (const KRError& error) { // permissions, for example
             failures_.write(KRLogLevel::Error, "the broker " + peer->getLocation() +
                                                    " cannot be answered: " + error.getDescription());
         }
@@ -155,8 +155,7 @@ void KRLink::openReplies() {
 void KRLink::watchPulses() {
     const auto now = std::chrono::steady_clock::now();
     pulse_->beat();
-    const bool wasFrozen =
-        now - lastBeat_ >= options_.lease; // so that others may have forgotten this process
+    const bool wasFrozen = now - lastBeat_ >= options_.lease; // so others may have forgotten this process
     lastBeat_ = now;
     const auto shown = static_cast<std::size_t>(shownAgain_);
     if (wasFrozen || (shown < kShowAgainAfter_ms.size() &&
@@ -170,7 +169,7 @@ void KRLink::watchPulses() {
 }
 
 void KRLink::showAgain() {
-    // The engine sends what has changed: so something does.
+    // Changes something, as the engine only sends changes.
     ++shownAgain_;
     const std::string mark = std::string(kMark) + (shownAgain_ % 2 == 0 ? "" : " ");
     const std::unique_ptr<dds_qos_t, void (*)(dds_qos_t*)> qos(dds_create_qos(), dds_delete_qos);
@@ -188,7 +187,7 @@ void KRLink::inquireOfPeers() {
         if (!peer->hasCallsOlderThan(kInquiryAge) || !peer->beginInquiry()) {
             continue;
         }
-        if (!post([peer] { peer->inquire(kInquiryAge); })) { // which may block
+        if (!post([peer] { peer->inquire(kInquiryAge); })) { // may block
             peer->endInquiry();                              // next time
         }
     }

@@ -9,7 +9,7 @@
 
 namespace KR {
 
-/// Samples that the engine has lent, given back at the end.
+/// Samples on loan from the engine, returned on destruction.
 class KRLoan {
 public:
     explicit KRLoan(std::uint32_t most) : samples_(most), info_(most) {}

@@ -109,7 +109,7 @@ void KRLocalRoute::connect() {
     bool late = false;
     {
         const KRLock lock(mutex_);
-        late = !isConnecting(); // closed meanwhile
+        late = !isConnecting(); // closed in the meantime
         if (!late) {
             state_ = State::Open;
             problem_.clear();
@@ -122,7 +122,7 @@ void KRLocalRoute::connect() {
         return;
     }
     owner_.onSettled();
-    if (!connection->isOpen()) { // it ended before it was known here
+    if (!connection->isOpen()) { // it ended before it was registered here
         noticeEnd();
     }
 }
@@ -145,7 +145,7 @@ void KRLocalRoute::noticeEnd() {
     {
         const KRLock lock(mutex_);
         if (state_ != State::Open || connection_->isOpen()) {
-            return; // closed here, not known yet, or a later one
+            return; // closed here, not registered yet, or replaced
         }
         state_ = State::Connecting;
         connection_.reset();

@@ -16,7 +16,7 @@ namespace KR {
 
 namespace {
 
-/// A call that came through a connection. It is answered on the thread that has read it.
+/// A call received through a connection, answered on the thread that read it.
 class Served : public KRServedCall {
 public:
     Served(std::shared_ptr<KRLocalRequest> request, std::function<bool()> isGone, std::string toModule,
@@ -42,7 +42,7 @@ private:
 std::shared_ptr<KRIncomingCall> readCall(std::shared_ptr<KRLocalRequest> request,
                                          std::function<bool()> isGone) {
     const KRValue call = decodeValue(request->message);
-    request->message = {}; // what it has is the call's alone
+    request->message = {}; // the call owns its contents
     if (!call.isArray() || call.getSize() != 3 || !call[0].isString() || !call[1].isString() ||
         !call[2].isArray()) {
         throw KRMalformed("a request is malformed: it is not a module, a method and arguments");
@@ -94,7 +94,7 @@ KRLocalWay::Reach KRLocalWay::reach(const std::string& broker, const std::string
     if (parsed->user != geteuid() && !admitsGroup_) {
         return {nullptr, "it is of user " + std::to_string(parsed->user)};
     }
-    // Counted as long as it lives.
+    // Counted for its lifetime.
     const bool atOnce = ++*routes_ <= kMostAtOnce;
     const std::shared_ptr<KRLocalRoute> route(
         new KRLocalRoute({endpoint_, owner_.post, owner_.onGone, owner_.onSettled}, broker, *parsed),
@@ -125,7 +125,7 @@ void KRLocalWay::serve(std::shared_ptr<KRLocalRequest> request) noexcept {
         answer(std::move(request));
     } catch (const KRMalformed& error) {
         owner_.onMalformed(error.what());
-    } catch (const std::exception& error) { // no memory; the caller hears that its call is lost
+    } catch (const std::exception& error) { // out of memory; the caller gets an error
         logError("krdds", std::string("a call is lost: ") + error.what());
     }
     const KRLock lock(mutex_);
@@ -138,7 +138,7 @@ void KRLocalWay::answer(std::shared_ptr<KRLocalRequest> request) {
     if (!admission.admitted) {
         return;
     }
-    setThreadName("KRCall"); // the last call may have left its own
+    setThreadName("KRCall"); // the previous call may have changed it
     host_.serveHere(readCall(std::move(request), std::move(admission.isGone)));
 }
 
@@ -146,7 +146,7 @@ void KRLocalWay::noticeCallerGone(const std::string& caller) noexcept {
     try {
         owner_.onCallerGone(caller);
     } catch (const std::exception& error) {
-        logError("krdds", std::string("what is kept for a caller that has gone stays: ") + error.what());
+        logError("krdds", std::string("modules were not notified that a caller is gone: ") + error.what());
     }
 }
 

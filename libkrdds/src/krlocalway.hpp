@@ -15,32 +15,32 @@
 
 namespace KR {
 
-/// A broker's way to others on its machine: offers connections, serves the calls that come through them, and makes routes.
-/// DDS finds the others and carries what this cannot. Thread-safe after start().
+/// Connects a broker to others on its machine: offers connections, serves calls received through them, and creates routes.
+/// DDS discovers the other brokers and carries everything else. Thread-safe after start().
 class KRLocalWay : public KRLocalService {
 public:
-    /// Brokers that are connected to as soon as they are discovered, so that their end is noticed at once. More of them
-    /// wait for the first call: all of them together would have the square of their number.
+    /// Number of brokers to connect to on discovery, so that their end is noticed at once. Connections to others wait for
+    /// the first call, as the total would grow with the square of the number of brokers.
     static constexpr int kMostAtOnce = 32;
 
-    /// Whether a process may call in the name of a broker.
+    /// Whether a process may call in a broker's name.
     struct Admission {
         bool admitted = false;
-        std::function<bool()> isGone; ///< whether the broker counts as gone; empty: it is not known yet
+        std::function<bool()> isGone; ///< whether the broker counts as gone; empty: unknown broker
     };
-    /// What is up to the owner. Called on any thread, until stop() returns; by jobs on call threads, later still.
+    /// Callbacks of the owner. Called on any thread until stop() returns; by jobs on call threads, even later.
     struct Owner {
         std::function<bool(std::function<void()> job)> post;   ///< \return whether a call thread runs it
-        std::function<void(const std::string& broker)> onGone; ///< nobody listens there any more
+        std::function<void(const std::string& broker)> onGone; ///< nothing listens there any more
         std::function<void(const std::string& broker)> onCallerGone; ///< its last connection has ended
         std::function<Admission(const std::string& broker, pid_t process)> admit; ///< a call
-        std::function<void()> onSettled; ///< a route is open, or cannot be opened
+        std::function<void()> onSettled; ///< a route is open, or has failed
         std::function<void(const char* why)> onMalformed;
     };
-    /// How another broker can be reached on this machine.
+    /// How to reach another broker on this machine.
     struct Reach {
         std::shared_ptr<KRLocalRoute> route; ///< null: not at all
-        std::string reason;                  ///< why there is none, for people
+        std::string reason;                  ///< human-readable reason why there is none
     };
 
     KRLocalWay(KRTransportHost& host, Owner owner) : host_(host), owner_(std::move(owner)) {}
@@ -49,12 +49,12 @@ public:
     /// Offers connections, unless the options forbid them. \param id  of this broker
     /// \throws KRError the group of the options does not exist
     void start(const KRDDSOptions& options, const std::string& id);
-    /// What others need to connect, as text; empty: they cannot.
+    /// Address for other brokers to connect to, as text; empty: none.
     const std::string& getAddress() const noexcept { return address_; }
-    /// \param address  what the broker has announced as its getAddress() \param process  that it has announced
+    /// \param address  the broker's announced getAddress() \param process  its announced process
     Reach reach(const std::string& broker, const std::string& address, pid_t process);
 
-    /// Waits for the calls that run, but no longer than `patience`; calls that still come get no answer.
+    /// Waits for running calls, for at most `patience`; calls received later get no answer.
     void finish(std::chrono::milliseconds patience) KR_EXCLUDES(mutex_);
     /// Closes all connections. Call finish() before.
     void stop() noexcept KR_EXCLUDES(mutex_);

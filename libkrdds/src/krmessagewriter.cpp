@@ -8,7 +8,7 @@ namespace KR {
 
 namespace {
 
-constexpr std::chrono::milliseconds kAttempt{100}; // that long a thread may stay in the engine
+constexpr std::chrono::milliseconds kAttempt{100}; // how long a thread may stay in the engine
 
 } // namespace
 
@@ -22,7 +22,7 @@ KRDDSEntity KRMessageWriter::createWriter() {
     dds_qset_reliability(qos.get(), DDS_RELIABILITY_RELIABLE, DDS_MSECS(kAttempt.count()));
     dds_qset_history(qos.get(), DDS_HISTORY_KEEP_ALL, 0);
     dds_qset_partition1(qos.get(), partition_.c_str());
-    // A listener, because asking for the status waits for the writer's lock.
+    // A listener, because querying the status waits for the writer's lock.
     const std::unique_ptr<dds_listener_t, void (*)(dds_listener_t*)> listener(dds_create_listener(this),
                                                                               dds_delete_listener);
     dds_lset_publication_matched(listener.get(), onMatched);
@@ -36,7 +36,7 @@ void KRMessageWriter::onMatched(dds_entity_t, dds_publication_matched_status_t s
         return;
     }
     {
-        const KRLock lock(self.mutex_); // which nobody holds inside the engine
+        const KRLock lock(self.mutex_); // never held inside the engine
         self.matched_ = true;
         self.changed_.notifyAll();
     }
@@ -77,7 +77,7 @@ KRMessageWriter::Outcome KRMessageWriter::write(KRComposedBytes message, std::ch
     }
     KRLock lock(mutex_);
     for (;;) {
-        // What is written before the other reads is not kept for it.
+        // Messages written before the other reads would be lost.
         const bool turn = changed_.waitUntil(lock, deadline, [this] {
             mutex_.assertHeld();
             return (!busy_ && matched_) || closed_;
@@ -117,7 +117,7 @@ void KRMessageWriter::close() {
         mutex_.assertHeld();
         return !busy_;
     });
-    busy_ = true; // of several that close, one deletes
+    busy_ = true; // of several closing threads, one deletes
     lock.unlock();
     writer_.reset();
     lock.lock();

@@ -19,7 +19,7 @@ std::uint64_t drawSequence() noexcept {
     return ++last;
 }
 
-/// The result in an answer. \throws KRError it says so, or cannot be understood
+/// The result in an answer. \throws KRError the answer is an error, or malformed
 template <class Decode>
 KRValue readAnswer(std::uint32_t status, const Decode& decode, const std::string& module,
                    std::string_view method) {
@@ -121,7 +121,7 @@ KRValue KRPeer::callLocally(KRLocalConnection& connection, const std::string& mo
     } catch (const KRError&) { // the connection has ended, or the other has not answered
         if (!connection.isOpen() && reach_.route->isGoneAfterAll()) {
             KRLock lock(mutex_);
-            goneChanged_.waitFor(lock, kGonePatience, [this] { // until the modules are gone as well
+            goneChanged_.waitFor(lock, kGonePatience, [this] { // until its modules are gone as well
                 mutex_.assertHeld();
                 return !gone_.empty();
             });
@@ -189,7 +189,7 @@ void KRPeer::takeReply(KRReply reply) {
 
 bool KRPeer::hasCallsOlderThan(std::chrono::steady_clock::duration age) const {
     const KRLock lock(mutex_);
-    // Numbers grow with time, so the first is the oldest.
+    // Numbers increase, so the first is the oldest.
     return gone_.empty() && !pending_.empty() &&
            std::chrono::steady_clock::now() - pending_.begin()->second->since >= age;
 }

@@ -13,7 +13,7 @@ namespace KR {
 
 namespace {
 
-constexpr std::size_t kMostDeparted = 256; // brokers that are remembered
+constexpr std::size_t kMostDeparted = 256; // departed brokers to remember
 
 /// A module of another process on the domain.
 class RemoteModule : public KRRemoteModule {
@@ -151,13 +151,13 @@ void KRPeerDirectory::accept(const KRPeer::Connection& connection, KRAnnouncemen
         return;
     }
     if (!isKnown) {
-        remove(id, "has changed its protocol"); // if it was known with another one
+        remove(id, "has changed its protocol"); // if it was known with another protocol
         peer = makePeer(connection, announcement);
     }
     {
         const KRLock lock(mutex_);
         std::erase(departed_, id);           // it is back
-        Neighbor& neighbor = neighbors_[id]; // also one that is refused: it is known
+        Neighbor& neighbor = neighbors_[id]; // also if it is refused: it is known
         neighbor.peer = peer;
         neighbor.location = announcement.getLocation();
         neighbor.protocol = announcement.protocol;
@@ -244,7 +244,7 @@ void KRPeerDirectory::remove(const std::string& id, const std::string& why) {
     }
     departures_.write(neighbor.hostedModules ? KRLogLevel::Info : KRLogLevel::Verbose,
                       "the broker " + neighbor.location + " " + why);
-    registerModules(); // first, so that who hears that a call failed finds the module gone
+    registerModules(); // first, so that a caller whose call failed finds the module gone
     neighbor.peer->setGone("the process of the module, " + neighbor.location + ", " + why);
     calls_.removePeer(id);
     host_.noticeCallerGone(id);
@@ -253,14 +253,14 @@ void KRPeerDirectory::remove(const std::string& id, const std::string& why) {
 
 void KRPeerDirectory::closeLater(std::shared_ptr<KRPeer> peer) {
     try {
-        host_.post([peer] { peer->close(); }); // may wait for the other
-    } catch (const std::exception&) {          // the last one who has it closes it
+        host_.post([peer] { peer->close(); }); // may wait for the peer
+    } catch (const std::exception&) {          // closed by its last owner
     }
 }
 
 std::map<std::string, KRPeerDirectory::Wanted> KRPeerDirectory::chooseModules(Conflicts& conflicts) const {
-    // Of several of one name, which only brokers that had not discovered each other can have let happen, the one that
-    // was there first, for every broker alike.
+    // Duplicate names are only possible between brokers that had not discovered each other. All brokers choose the oldest
+    // module.
     std::map<std::string, Wanted> wanted;
     const auto note = [&](const std::string& name, const std::string& one, const std::string& other) {
         conflicts[{name, one + other}] =
@@ -288,7 +288,7 @@ std::map<std::string, KRPeerDirectory::Wanted> KRPeerDirectory::chooseModules(Co
             }
         }
     }
-    for (const KRLocalModule& own : host_.listModules()) { // which this process goes on calling
+    for (const KRLocalModule& own : host_.listModules()) { // this process keeps calling its own
         const auto found = wanted.find(own.name);
         if (found != wanted.end() && own.state == KRModuleState::Open &&
             found->second.announced.state == KRModuleState::Open) {
@@ -325,8 +325,8 @@ void KRPeerDirectory::registerModules() {
     }
 }
 
-// A module that was killed and started again is there twice until the lease of the killed process is over. So only
-// conflicts that last longer are logged.
+// After a kill and restart, a module appears twice until the lease of the killed process is over, so only longer
+// conflicts are logged.
 void KRPeerDirectory::logConflicts(const Conflicts& conflicts) {
     constexpr std::chrono::milliseconds kMargin{500};
     const auto now = Clock::now();

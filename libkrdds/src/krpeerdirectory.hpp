@@ -26,14 +26,14 @@ class KRIncomingCalls;
 
 /// The other brokers on the domain and their modules.
 ///
-/// One thread maintains it, others look things up. No lock is held while peers are made or removed, or modules are
-/// reported to the host.
+/// One thread maintains it, others read it. No lock is held while peers are created or removed, or modules are reported
+/// to the host.
 class KRPeerDirectory {
 public:
     static constexpr std::size_t kMaxBrokers = 1024;
     static constexpr std::size_t kMaxModules = 100000; ///< of all brokers
 
-    /// \param lease  after which a process that is silent counts as gone
+    /// \param lease  after which a silent process counts as gone
     KRPeerDirectory(KRTransportHost& host, KRIncomingCalls& calls, KRLocalWay& way,
                     std::chrono::milliseconds lease)
         : host_(host), calls_(calls), way_(way), lease_(lease) {}
@@ -44,21 +44,21 @@ public:
     std::vector<std::shared_ptr<KRPeer>> list() const KR_EXCLUDES(mutex_);
     /// Whether a broker has announced itself; it may have been refused.
     bool knows(const std::string& id) const KR_EXCLUDES(mutex_);
-    /// The same, and nothing waits for a connection to it.
+    /// The same, and no connection to it is pending.
     bool isSettled(const std::string& id) const KR_EXCLUDES(mutex_);
     bool isEmpty() const KR_EXCLUDES(mutex_);
 
     struct OtherClaims {
         std::string
-            location;       ///< of a module that has the name, or asked for it earlier; empty: there is none
-        bool later = false; ///< another broker has asked for the name later
+            location;       ///< of a module that owns the name, or requested it earlier; empty: there is none
+        bool later = false; ///< another broker requested the name later
     };
     OtherClaims findOtherClaims(const std::string& module, const KRClaimTime& claimed,
                                 const std::string& own) const KR_EXCLUDES(mutex_);
 
-    /// Nobody listens at the broker's local address any more: poll() removes it. \return whether it is known
+    /// Nothing listens at the broker's local address any more: poll() removes it. \return whether it is known
     bool noticeGone(const std::string& id) KR_EXCLUDES(mutex_);
-    /// Whether modules have heard lately that this caller is gone. The next time they have not.
+    /// Whether modules were recently notified that this caller is gone. Resets this.
     bool takeDeparted(const std::string& id) KR_EXCLUDES(mutex_);
 
     /// Fills in peers, conflicts and refused messages.
@@ -70,12 +70,12 @@ public:
     /// \param writer  publication handle of the announcement
     void accept(const KRPeer::Connection& connection, KRAnnouncement announcement,
                 dds_instance_handle_t writer) KR_EXCLUDES(mutex_);
-    /// A broker is gone. \param why  for people, "has left the domain"
+    /// A broker is gone. \param why  for messages: "has left the domain"
     void remove(const std::string& id, const std::string& why) KR_EXCLUDES(mutex_);
-    /// Whether poll() has to watch how long there are two modules of one name.
+    /// Whether poll() has to track the duration of a name conflict.
     bool hasConflicts() const noexcept { return !conflicts_.empty(); }
     /// Removes brokers whose announcement is no longer written, and reports changes of modules to the host.
-    /// \param announcers  the writers of announcements that exist now
+    /// \param announcers  the existing writers of announcements
     void poll(const std::set<dds_instance_handle_t>& announcers) KR_EXCLUDES(mutex_);
 
 private:
@@ -86,15 +86,15 @@ private:
         std::uint32_t protocol = 0;
         dds_instance_handle_t writer = 0;
         KRAnnouncedModules modules;
-        bool hostedModules = false; // it has announced one that could be called
-        bool gone = false;          // as the socket tells
+        bool hostedModules = false; // has announced a callable module
+        bool gone = false;          // according to its socket
     };
-    struct Registered { // a module that the host knows
+    struct Registered { // a module known to the host
         std::shared_ptr<KRPeer> peer;
         std::int32_t number = 0;
         std::shared_ptr<KRRemoteModule> module;
     };
-    struct Wanted { // a module that the host should know
+    struct Wanted { // a module to be registered with the host
         std::shared_ptr<KRPeer> peer;
         KRAnnouncedModule announced;
     };

@@ -26,8 +26,7 @@ std::string getOwnHostName() {
     return uname(&names) == 0 ? names.nodename : "";
 }
 
-/// State of a process as ps(1) has it: 'T' if it is stopped, 'Z' if it has ended and its parent has not noticed; 0 if it is
-/// not there.
+/// State of a process as shown by ps(1): 'T' stopped, 'Z' zombie; 0 if it does not exist.
 char getState(pid_t process) {
     std::ifstream file("/proc/" + std::to_string(process) + "/stat");
     std::string line;
@@ -70,7 +69,7 @@ void KRPulse::beat() noexcept {
 /// The pulse of one process.
 class KRPulses::View {
 public:
-    /// \return null if it cannot be seen
+    /// \return null if it is not accessible
     static std::unique_ptr<View> open(const std::string& id, pid_t process) {
         const std::string folder = "/proc/" + std::to_string(process) + "/fd/";
         const std::string wanted = "/memfd:" + getMemoryName(id);
@@ -141,8 +140,8 @@ void KRPulses::keep(const std::function<bool(const std::string& id)>& isWanted) 
 }
 
 std::vector<std::string> KRPulses::findSilent(int looks, std::chrono::milliseconds time) {
-    constexpr int kSuspicious = 2; // looks without a pulse
-    constexpr int kPatience = 10;  // with a process that may be waiting for a processor
+    constexpr int kSuspicious = 2; // polls without a pulse
+    constexpr int kPatience = 10;  // factor for a process that may be waiting for a processor
     std::vector<std::string> silent;
     const auto now = std::chrono::steady_clock::now();
     for (auto& [id, watched] : watched_) {

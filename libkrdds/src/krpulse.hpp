@@ -12,8 +12,8 @@
 
 namespace KR {
 
-/// Shows other processes of this machine that this one runs: a counter in shared memory, which costs nobody a message.
-/// They find the memory among the open files of this process by the identity of its broker.
+/// Shows other processes of this machine that this one is alive: a counter in shared memory, without any messages. They
+/// find the memory among the open files of this process by the identity of its broker.
 class KRPulse {
 public:
     /// Without memory or descriptors there is no pulse.
@@ -37,21 +37,21 @@ public:
     KRPulses(const KRPulses&) = delete;
     KRPulses& operator=(const KRPulses&) = delete;
 
-    /// Watches a process from now on, if it is one of this machine that lets this one see its memory.
+    /// Starts watching a process, if it is on this machine and its memory is accessible.
     /// \param host  name of its machine
     void watch(const std::string& id, const std::string& host, pid_t process);
     /// Forgets all others.
     void keep(const std::function<bool(const std::string& id)>& isWanted);
-    /// Looks at all. \return who has ended, or had no pulse the last `looks` times and for that long; ten times as long if
-    /// the process is not stopped, for a busy machine may have no time for it
+    /// Polls all pulses. \return processes that have ended, or had no pulse in the last `looks` polls and for that long; ten
+    /// times as long for a process that is not stopped, as it may be waiting for a processor
     std::vector<std::string> findSilent(int looks, std::chrono::milliseconds time);
 
 private:
     class View;
     struct Watched {
-        std::unique_ptr<View> view; // null: it cannot be seen
+        std::unique_ptr<View> view; // null: not accessible
         std::uint64_t last = 0;
-        int missed = 0; // looks since it changed
+        int missed = 0; // polls since it changed
         std::chrono::steady_clock::time_point since;
     };
     const std::string host_;

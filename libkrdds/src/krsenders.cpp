@@ -58,7 +58,7 @@ std::string KRSenders::find(dds_entity_t reader, dds_instance_handle_t writer) {
     std::string id = toText(endpoint->participant_key);
     const KRLock lock(mutex_);
     if (known_.size() >= kMaxKnown) {
-        known_.clear(); // those that still write are asked for again
+        known_.clear(); // those still writing are looked up again
     }
     known_.emplace(writer, id);
     return id;
@@ -67,7 +67,7 @@ std::string KRSenders::find(dds_entity_t reader, dds_instance_handle_t writer) {
 bool KRSenders::isFirstName(dds_instance_handle_t writer, const std::string& broker) {
     const KRLock lock(mutex_);
     if (firstNames_.size() >= kMaxKnown && !firstNames_.contains(writer)) {
-        firstNames_.clear(); // those that still write begin anew
+        firstNames_.clear(); // those still writing start over
     }
     return firstNames_.emplace(writer, broker).first->second == broker;
 }

@@ -82,9 +82,9 @@ std::unique_ptr<Message> makeReceived(const ddsi_sertype* type, ddsi_serdata_kin
     return message;
 }
 
-// What the engine calls. None of it throws: it is C.
+// Callbacks of the engine. They must not throw, as it is written in C.
 
-/// What the function makes; null, by which the engine drops the message, if memory is short.
+/// The function's result; null if out of memory, so the engine drops the message.
 template <class Make>
 ddsi_serdata* orNull(Make make) noexcept {
     try {
@@ -102,7 +102,7 @@ std::uint32_t getSize(const ddsi_serdata* data) noexcept {
     return Use(data)->size;
 }
 
-/// The message of `size` bytes that `fill` writes. \param fill  returns false if they are not all there
+/// The message of `size` bytes that `fill` writes. \param fill  returns false if bytes are missing
 template <class Fill>
 ddsi_serdata* receive(const ddsi_sertype* type, ddsi_serdata_kind kind, std::size_t size,
                       Fill fill) noexcept {
@@ -152,7 +152,7 @@ ddsi_serdata* makeFromKeyHash(const ddsi_sertype* type, const ddsi_keyhash*) noe
     return orNull([&] { return makeMessage(type, SDK_KEY); });
 }
 
-/// A sample, for dds_write() and its like, is a std::shared_ptr<const KRComposedBytes>.
+/// The type of samples for dds_write() and similar functions is std::shared_ptr<const KRComposedBytes>.
 ddsi_serdata* makeFromSample(const ddsi_sertype* type, ddsi_serdata_kind kind, const void* sample) noexcept {
     return orNull([&] {
         auto message = makeMessage(type, kind);
@@ -209,7 +209,7 @@ void takeBack(ddsi_serdata* data, const ddsrt_iovec_t* run) noexcept {
 }
 
 bool giveSample(const ddsi_serdata*, void*, void**, void*) noexcept {
-    return false; // messages are taken as bytes
+    return false; // messages are only taken as bytes
 }
 
 bool giveUntypedSample(const ddsi_sertype*, const ddsi_serdata*, void*, void**, void*) noexcept {
@@ -271,7 +271,7 @@ void reallocateSamples(void** samples, const ddsi_sertype*, void*, std::size_t, 
 void freeSamples(const ddsi_sertype*, void**, std::size_t, dds_free_op_t) noexcept {}
 
 bool areEqual(const ddsi_sertype*, const ddsi_sertype*) noexcept {
-    return true; // the names are equal, and there is nothing else
+    return true; // the names are equal, and nothing else matters
 }
 
 std::uint32_t getHash(const ddsi_sertype*) noexcept {
@@ -303,7 +303,7 @@ dds_entity_t createMessageTopic(dds_entity_t participant, const char* topicName,
     auto* type = new MessageType;
     ddsi_sertype_init(type, typeName, &kTypeOperations, &kMessageOperations, true);
     type->allowed_data_representation = DDS_DATA_REPRESENTATION_FLAG_XCDR1;
-    ddsi_sertype* given = type; // taken over unless the creation fails
+    ddsi_sertype* given = type; // ownership passes unless creation fails
     const dds_entity_t topic =
         dds_create_topic_sertype(participant, topicName, &given, nullptr, nullptr, nullptr);
     if (topic < 0) {

@@ -22,20 +22,20 @@ dds_entity_t createMessageTopic(dds_entity_t participant, const char* topicName,
 /// \return the engine's code: 0, DDS_RETCODE_TIMEOUT if the message was not written, or another negative one
 dds_return_t writeMessage(dds_entity_t writer, const std::shared_ptr<const KRComposedBytes>& message);
 
-/// A message that was taken.
+/// A received message.
 struct KRTakenMessage {
     KRReceivedBytes bytes;
     dds_instance_handle_t writer; ///< publication handle
 };
 
-/// Takes all messages that have arrived and calls `function` with each. \return their number
+/// Takes all received messages and calls `function` with each. \return their number
 template <class Function>
 std::size_t takeMessages(dds_entity_t reader, Function function);
 
-/// The bytes of a message that the engine holds.
+/// The bytes of a message held by the engine.
 KRReceivedBytes readBytes(const ddsi_serdata* data);
 
-/// Gives a message back to the engine.
+/// Returns a message to the engine.
 struct KRMessageRelease {
     void operator()(ddsi_serdata* data) const noexcept;
 };
@@ -48,7 +48,7 @@ std::size_t takeMessages(dds_entity_t reader, Function function) {
         ddsi_serdata* data[kMost] = {};
         dds_sample_info_t info[kMost];
         const dds_return_t count = dds_takecdr(reader, data, kMost, info, DDS_ANY_STATE);
-        std::unique_ptr<ddsi_serdata, KRMessageRelease> owned[kMost]; // given back whatever `function` throws
+        std::unique_ptr<ddsi_serdata, KRMessageRelease> owned[kMost]; // returned even if `function` throws
         for (dds_return_t i = 0; i < count; ++i) {
             owned[i].reset(data[i]);
         }

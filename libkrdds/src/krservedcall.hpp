@@ -7,14 +7,14 @@
 
 namespace KR {
 
-/// A call of another broker that runs here, whichever way it came.
+/// A call of another broker that runs here, received over DDS or a socket.
 class KRServedCall : public KRIncomingCall {
 public:
     using KRIncomingCall::KRIncomingCall;
 
     /// A result that cannot be sent becomes an error.
     void succeed(const KRValue& result) noexcept final;
-    /// An error that cannot be sent is logged; the caller then hears that its call is lost.
+    /// An error that cannot be sent is logged; the caller then learns that its call is lost.
     void fail(const KRError& error) noexcept final;
 
 protected:

@@ -18,7 +18,7 @@ constexpr std::size_t kShared = 4096;   // binaries of this size or larger are n
 constexpr std::int8_t kOutsideType = 1; // extension of messages on this machine: a binary outside the body
 constexpr std::uint32_t kOutsideSize = 4;
 
-/// What msgpack writes to.
+/// Output buffer for msgpack.
 struct Sink {
     KRComposedBytes& bytes;
     void write(const char* data, std::size_t size) { bytes.append(data, size); }
@@ -26,7 +26,7 @@ struct Sink {
 
 class Encoder {
 public:
-    /// \param outside  takes the binaries that are not to be among the bytes; null: none
+    /// \param outside  receives the binaries to send separately; null: none
     explicit Encoder(KRComposedBytes& bytes, std::vector<KRBinary>* outside = nullptr)
         : bytes_(bytes), outside_(outside), sink_{bytes}, packer_(sink_) {}
 
@@ -112,8 +112,8 @@ private:
 /// Builds the value while msgpack parses. A function that returns false ends the parsing.
 class Decoder : public msgpack::null_visitor {
 public:
-    /// \param received  owns the bytes; null: nobody, and binaries are copied
-    /// \param outside   binaries that are not among the bytes
+    /// \param received  owner of the bytes; null: none, and binaries are copied
+    /// \param outside   binaries sent separately
     Decoder(const KRReceivedBytes* received, std::size_t maxValues, std::span<const KRBinary> outside = {})
         : received_(received), outside_(outside), maxValues_(maxValues) {}
 
@@ -158,7 +158,7 @@ public:
         if (count > maxValues_ - values_) {
             return fail("too many values");
         }
-        open_.emplace_back(); // grows with the elements that come, not with the announced count
+        open_.emplace_back(); // grows with received elements, not with the announced count
         return true;
     }
     bool end_array() {

@@ -16,7 +16,7 @@ public:
     using std::runtime_error::runtime_error;
 };
 
-/// Bounds of a value that is sent or received.
+/// Limits of a value that is sent or received.
 struct KRValueBounds {
     static constexpr std::size_t kDepth = 64;                    ///< arrays in arrays
     static constexpr std::size_t kValues = std::size_t{1} << 20; ///< in all
@@ -33,10 +33,10 @@ KRComposedBytes encodeValue(const KRValue& value);
 KRValue decodeValue(const KRReceivedBytes& received, std::size_t offset, std::size_t size,
                     std::size_t maxValues = KRValueBounds::kValues);
 
-/// The same for another process of this machine: large binaries become those of the message, and the body has their index
-/// in an extension of type 1. The code of the message is left as it is. \throws KRError beyond the bounds
+/// The same for another process of this machine: large binaries become binaries of the message, and the body has their
+/// indices in extensions of type 1. Does not change the message's code. \throws KRError beyond the limits
 void encodeValue(const KRValue& value, KRLocalMessage& message);
-/// \throws KRMalformed as above; a binary that has not come
+/// \throws KRMalformed as above; a missing binary
 KRValue decodeValue(const KRLocalMessage& message);
 
 } // namespace KR

@@ -70,7 +70,7 @@ TEST(KRDDSDirectory, AModuleWhoseProcessEndsIsNoLongerThere) {
     OtherProcess other(domain.getUrl(), {"module", "A"});
     ASSERT_TRUE(broker->getSession().waitForService("A", kPatience));
     EXPECT_EQ(other.stop(), 0);
-    EXPECT_TRUE(log.waitFor(KRLogLevel::Info, "has left the domain")); // it says so; it is not missed
+    EXPECT_TRUE(log.waitFor(KRLogLevel::Info, "has left the domain")); // a clean exit, not a timeout
     EXPECT_TRUE(eventually([&] { return broker->getModuleList().empty(); }));
     EXPECT_THROW(broker->getProxy("A")->call("getPid"), KRError);
 }

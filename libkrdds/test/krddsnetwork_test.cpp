@@ -1,4 +1,4 @@
-// Three hosts, as far as the network can tell: namespaces joined by virtual cables.
+// Three simulated hosts: network namespaces joined by virtual cables.
 
 #include "otherprocess.hpp"
 #include "testdomain.hpp"
@@ -56,7 +56,7 @@ public:
     Hosts& operator=(const Hosts&) = delete;
 
     bool areComplete() const noexcept { return complete_; }
-    /// What to begin a command with that is to run on the host.
+    /// Prefix of a command that is to run on the host.
     std::vector<std::string> on(int host) const { return {"ip", "netns", "exec", getName(host)}; }
     void setCable(int host, bool plugged) const {
         run("ip -n " + getName(0) + " link set port" + std::to_string(host) + (plugged ? " up" : " down"));

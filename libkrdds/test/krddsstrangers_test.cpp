@@ -1,4 +1,4 @@
-// What others on the domain may do, by mistake or on purpose, without harm to the brokers there.
+// Misbehaviour of other participants, accidental or malicious, must not harm the brokers.
 
 #include "otherprocess.hpp"
 #include "stranger.hpp"
@@ -205,7 +205,7 @@ TEST_F(KRDDSStrangers, AForgedDepartureOrAnnouncementChangesNothing) {
     stranger.announce(1, kNoModules);
     stranger.withdraw();
     EXPECT_TRUE(eventually([&] { return countRefused() > 0; }));
-    // Whatever the broker makes of it, it has made when the announcement of a next one has been seen.
+    // Once the next announcement has been seen, the broker has handled this one.
     Stranger next(domain.getNumber());
     next.announce(1, kNoModules);
     EXPECT_TRUE(eventually([&] { return broker->getDiagnostics().peers.size() == 2; }));
@@ -213,7 +213,7 @@ TEST_F(KRDDSStrangers, AForgedDepartureOrAnnouncementChangesNothing) {
     EXPECT_EQ(broker->getProxy("Service")->call<int>("run"), 7);
     const auto late = makeModule(service, "Late");
     EXPECT_TRUE(broker->getSession().waitForService("Late", kPatience));
-    // That it really goes is noticed all the same.
+    // Its real departure is noticed nevertheless.
     served.reset();
     EXPECT_TRUE(eventually([&] {
         return broker->getModuleList() == std::vector<std::string>{"Late", "Module"};
@@ -364,7 +364,7 @@ TEST_F(KRDDSStrangers, WarningsOfTheEngineDoNotFloodTheLog) {
     EXPECT_LE(log.find(KRLogLevel::Warning, "malformed packet").size(), 2 * KRLimitedLog::kLines);
 }
 
-// ---- what is worth a line
+// ---- the log
 
 TEST_F(KRDDSStrangers, OnlyABrokerThatHostedModulesIsWorthALineAtInfoWhenItLeaves) {
     const RecordedLog log;

@@ -1,4 +1,4 @@
-// What goes over the wire, seen and spoken by a participant that knows nothing but idl/krvision.idl.
+// The wire protocol, seen by a participant that only knows idl/krvision.idl.
 
 #include "otherprocess.hpp"
 #include "stranger.hpp"
@@ -154,7 +154,7 @@ Reply takeReply(dds_entity_t reader) {
     return reply;
 }
 
-/// Why there cannot be a module of this name.
+/// Why a module of this name is refused.
 std::string refusalOf(const boost::shared_ptr<KRBroker>& broker, const std::string& name) {
     try {
         makeModule(broker, name);
@@ -226,7 +226,7 @@ TEST_F(KRDDSWire, AskedAboutCallsABrokerNamesThoseThatDoNotRun) {
     const Reply result = takeReply(replies);
     EXPECT_EQ(result.number, 8U);
     EXPECT_EQ(result.status, 0U);
-    // Whoever asks once more has not got that answer.
+    // A caller that inquires again has not received that answer.
     Reply lost;
     EXPECT_TRUE(eventually([&] { // the call ends a moment after its answer
         stranger.request(id, 10, "", "", encode(KRValue::array(0, 8, 0, 6)), 1);

@@ -1,7 +1,7 @@
 // A process with modules for the tests to call: krdds_server URL [KIND NAME]...
 // Kinds: module (see addMethods), extractor and listener (<eventmodules.hpp>), camera (a test picture), watcher
-// (subscribes to the camera) and counter (raises "Images" for each). It says "ready" and goes when its
-// standard input ends.
+// (subscribes to the camera) and counter (raises "Images" for each). It prints "ready" and ends with its
+// standard input.
 
 #include "sharedmemory.hpp"
 
@@ -32,7 +32,7 @@ namespace KR::test {
 namespace {
 
 #ifdef KR_WITH_CAMERA
-/// Fetches images of the first camera for as long as it stands.
+/// Fetches images of the first camera while it exists.
 class Watcher : public KRModule {
 public:
     Watcher(boost::shared_ptr<KRBroker> broker, const std::string& name)
@@ -153,7 +153,7 @@ private:
             std::fill_n(bytes.get(), size, static_cast<unsigned char>('i'));
             return KRBinary(bytes, static_cast<std::size_t>(size));
         });
-        // Fetches images from another module and keeps them; tells how many of them are in shared memory.
+        // Fetches images from another module and keeps them; returns how many of them are in shared memory.
         add("keepImages", [this](const std::string& module, int count, int size) {
             int shared = 0;
             for (int i = 0; i < count; ++i) {
@@ -169,7 +169,7 @@ private:
             kept_.clear();
         });
         add("countImages", [this] { return images_.load(); });
-        // Takes the name for a module of this process. \return whether nobody else has it
+        // Claims the name for a module of this process. \return whether that succeeded
         add("take", [this](const std::string& name) {
             try {
                 taken_ = makeModule(getParentBroker(), name);

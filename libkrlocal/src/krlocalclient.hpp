@@ -62,7 +62,7 @@ private:
     std::string why_ KR_GUARDED_BY(mutex_);
     std::uint64_t lastNumber_ KR_GUARDED_BY(mutex_) = 0;
     std::map<std::uint64_t, Pending*> pending_ KR_GUARDED_BY(mutex_); // calls without a reply yet
-    std::vector<Pending*> followers_ KR_GUARDED_BY(mutex_); // waiting callers, in order of arrival
+    std::vector<Pending*> followers_ KR_GUARDED_BY(mutex_);           // waiting callers, in order of arrival
 };
 
 } // namespace KR

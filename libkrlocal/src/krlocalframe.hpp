@@ -27,7 +27,7 @@ struct KRLocalFrame {
         Reply,      ///< to the request of this number
         Unanswered, ///< the request of this number was destroyed unanswered
         Notice,     ///< only about memories
-        Further ///< as Request, while others are unanswered; the caller signals the bell before it
+        Further     ///< as Request, while others are unanswered; the caller signals the bell before it
     };
     /// New shared memory of the sender; its descriptor accompanies the packet, in the same order.
     struct Memory {

@@ -11,7 +11,7 @@ namespace KR {
 
 /// Lets KRBroker::create() make brokers whose modules can be called from other processes and machines.
 ///
-/// Loading the library does that by itself; a program calls this so that its linker keeps the library. The address is
+/// Loading the library already does that; a program calls this so that its linker keeps the library. The address is
 /// "dds:" followed by options, for example "dds:?domain=3&memory=here":
 ///
 /// | option | meaning | default |
@@ -24,7 +24,7 @@ namespace KR {
 /// | `lease` | seconds of silence after which a process counts as gone, 0.1 to 3600 | 2 |
 /// | `fragment` | bytes of a network fragment, 512 to 65000; 1344 suits frames of 1500 bytes | 65000 |
 /// | `local` | `on`: brokers of this machine are called through a socket and shared memory; `off`: over DDS, as all others; `group:NAME`: on, and members of that group may connect as well as the same user | `on`; with `security` `off` |
-/// | `local-memory` | bytes of shared memory for that, at most; K, M or G may follow; 0: none | 256M |
+/// | `local-memory` | maximum shared memory for that, in bytes or with K, M or G; 0: none | 256M |
 /// | `security` | folder with certificates and permissions, as docs/several-machines.md describes | off |
 ///
 /// If security is asked for and not possible, creating the broker fails with a KRError. Thread-safe.
@@ -42,7 +42,7 @@ struct KRDDSAddress {
 /// \throws KRError the address is malformed. Thread-safe.
 KR_EXPORT KRDDSAddress parseDDSAddress(const std::string& url);
 
-/// Processes of one host with a port on a domain that others know. Further ones are discovered by multicast alone.
+/// Number of well-known ports of a host on a domain. Processes beyond it are discovered by multicast only.
 constexpr int kMaxDDSProcesses = 120;
 
 /// UDP port of process `index` of a host, 0 to kMaxDDSProcesses - 1, on a domain. Thread-safe.
