@@ -7,6 +7,8 @@ client that subscribes to its event, changes its settings and closes everything.
 from __future__ import annotations
 
 import argparse
+import os
+import sys
 from typing import Any
 
 import numpy as np
@@ -55,6 +57,15 @@ class Ball(kr.VisionExtractor):
 
 def main() -> None:
     """Runs the demonstration."""
+    try:
+        run()
+        sys.stdout.flush()
+    except BrokenPipeError:  # the reader of the output has gone
+        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())  # or else the flush at exit fails
+        sys.exit(1)
+
+
+def run() -> None:
     parser = argparse.ArgumentParser(prog="python -m krvision.demo", description="Follow a ball in a test picture.")
     parser.add_argument("--seconds", type=float, default=5.0, help="duration (default 5)")
     parser.add_argument("--camera", default="test:ball", help="source of the camera (default test:ball)")
@@ -62,7 +73,10 @@ def main() -> None:
 
     def show(event: str, value: Any) -> None:
         x, y = value
-        print(f"the ball is at {x:.2f}, {y:.2f}", flush=True)
+        try:
+            print(f"the ball is at {x:.2f}, {y:.2f}", flush=True)
+        except BrokenPipeError:
+            pass  # the next line of the main thread ends the program
 
     with kr.Broker() as broker, kr.CameraService(broker, [options.camera]):
         broker.create(Ball, "Ball")
@@ -72,7 +86,7 @@ def main() -> None:
         interrupted = kr.wait(options.seconds / 2)
         if not interrupted:
             subscription.close()
-            print("now at 640x480, every 200 ms:", broker["Ball"].setResolution(int(kr.Resolution.VGA)))
+            print("now at 640x480, every 200 ms:", broker["Ball"].setResolution(int(kr.Resolution.VGA)), flush=True)
             broker["Ball"].subscribe("demo", 200, 1.0)
             kr.wait(options.seconds / 2)
         print("images:", broker["Ball"].count())

@@ -197,6 +197,19 @@ def test_the_demonstration_follows_the_ball(run_module: "subprocess.CompletedPro
     assert int(run_module.stdout.rsplit("images: ", 1)[1]) > 3
 
 
+def test_the_demonstration_ends_quietly_when_nobody_reads_it() -> None:
+    import sys
+
+    command = [sys.executable, "-m", "krvision.demo", "--seconds", "1"]
+    with subprocess.Popen(command, text=True, stdout=subprocess.PIPE, stderr=subprocess.PIPE) as demo:
+        assert demo.stdout is not None and demo.stderr is not None
+        assert demo.stdout.readline().startswith("modules:")
+        demo.stdout.close()
+        errors = demo.stderr.read()
+        assert demo.wait(60) == 1
+    assert "Traceback" not in errors and "BrokenPipe" not in errors
+
+
 @pytest.fixture
 def run_module() -> Iterator["subprocess.CompletedProcess[str]"]:
     import sys
