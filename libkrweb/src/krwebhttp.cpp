@@ -140,7 +140,7 @@ private:
         }
         isClosed_ = true;
         place_.reset();
-        serveWebSocket(connections_, std::move(stream_), std::move(request));
+        serveWebSocket(connections_, std::move(stream_), std::move(request), std::move(buffer_));
     }
 
     Response makeResponse(http::status status, std::string_view type) {

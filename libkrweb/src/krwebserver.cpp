@@ -174,7 +174,8 @@ private:
         if (isLogging_ || refused_ == 0) {
             return;
         }
-        logWarning("krweb", "refused " + std::to_string(refused_) + " connections: there are " +
+        logWarning("krweb", "refused " + std::to_string(refused_) +
+                                (refused_ == 1 ? " connection" : " connections") + ": there are " +
                                 std::to_string(web::Connections::kMax) + " already");
         refused_ = 0;
         isLogging_ = true;

@@ -4,6 +4,7 @@
 #include "krwebhub.hpp"
 
 #include <boost/asio/ip/tcp.hpp>
+#include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/core/tcp_stream.hpp>
 #include <boost/beast/http/message.hpp>
 #include <boost/beast/http/string_body.hpp>
@@ -79,7 +80,9 @@ private:
 /// Serves a connection that has been accepted, until it ends.
 void serveHttp(Connections& connections, boost::asio::ip::tcp::socket socket);
 /// Answers a request to become a WebSocket, and serves that.
-void serveWebSocket(Connections& connections, boost::beast::tcp_stream stream, HttpRequest request);
+/// \param received  what the client has sent after the request
+void serveWebSocket(Connections& connections, boost::beast::tcp_stream stream, HttpRequest request,
+                    boost::beast::flat_buffer received);
 /// Whether the request names a subprotocol that is spoken here.
 bool hasSubprotocol(const HttpRequest& request);
 

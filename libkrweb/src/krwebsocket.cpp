@@ -39,10 +39,25 @@ std::string_view findSubprotocol(const HttpRequest& request) {
     return {};
 }
 
+/// A TCP stream of which some bytes have been read already: reading begins with them.
+class ResumedStream : public beast::buffered_read_stream<beast::tcp_stream, beast::flat_buffer> {
+public:
+    ResumedStream(beast::tcp_stream stream, beast::flat_buffer received)
+        : buffered_read_stream(std::move(stream)) {
+        buffer() = std::move(received);
+    }
+};
+
+/// Called by the WebSocket to end the connection.
+template <class Handler>
+void async_teardown(beast::role_type role, ResumedStream& stream, Handler&& handler) {
+    async_teardown(role, stream.next_layer(), std::forward<Handler>(handler));
+}
+
 class WebSocket final : public Connection, public Client, public std::enable_shared_from_this<WebSocket> {
 public:
-    WebSocket(Connections& connections, beast::tcp_stream stream)
-        : connections_(connections), peer_(describe(stream)), stream_(std::move(stream)),
+    WebSocket(Connections& connections, beast::tcp_stream stream, beast::flat_buffer received)
+        : connections_(connections), peer_(describe(stream)), stream_(std::move(stream), std::move(received)),
           stall_(stream_.get_executor()) {}
     ~WebSocket() override {
         if (isKnown_) { // after an exception
@@ -242,7 +257,7 @@ private:
 
     Connections& connections_;
     const std::string peer_;
-    websocket::stream<beast::tcp_stream> stream_;
+    websocket::stream<ResumedStream> stream_;
     asio::steady_timer stall_;
     beast::flat_buffer buffer_;
     std::optional<Connections::Place> place_;
@@ -264,9 +279,10 @@ bool hasSubprotocol(const HttpRequest& request) {
     return !findSubprotocol(request).empty();
 }
 
-void serveWebSocket(Connections& connections, beast::tcp_stream stream, HttpRequest request) {
+void serveWebSocket(Connections& connections, beast::tcp_stream stream, HttpRequest request,
+                    beast::flat_buffer received) {
     // The request must outlive async_accept's start alone.
-    std::make_shared<WebSocket>(connections, std::move(stream))->start(request);
+    std::make_shared<WebSocket>(connections, std::move(stream), std::move(received))->start(request);
 }
 
 } // namespace KR::web

@@ -54,6 +54,16 @@ TEST_F(KRWebLoad, RequestsAreBounded) {
     EXPECT_THAT(garbage.readUntil("\r\n"), HasSubstr("400"));
 }
 
+TEST_F(KRWebLoad, WhatAClientSendsBehindItsUpgradeIsRead) {
+    startServer();
+    RawConnection client(getPort());
+    // Together, so that the request's parser has the frames, too.
+    ASSERT_TRUE(
+        client.write(kUpgrade + makeFrame(1, R"({"op":"first"})") + makeFrame(1, R"({"op":"second"})")));
+    EXPECT_THAT(client.readUntil("the operation first"), HasSubstr("the operation first"));
+    EXPECT_THAT(client.readUntil("the operation second"), HasSubstr("the operation second"));
+}
+
 TEST_F(KRWebLoad, GarbageIsAnsweredWithWhatIsWrong) {
     startServer();
     WebClient client(getPort());
@@ -203,8 +213,10 @@ TEST_F(KRWebLoad, ConnectionsAreBounded) {
     int lines = 0;
     for (; refused < 20; ++lines) {
         const std::string line = client.readJson(log).at("text");
-        ASSERT_THAT(line, HasSubstr(" connections: there are 256 already"));
-        refused += std::stoi(line.substr(std::string("refused ").size()));
+        const int some = std::stoi(line.substr(std::string("refused ").size()));
+        ASSERT_EQ(line, "refused " + std::to_string(some) + (some == 1 ? " connection" : " connections") +
+                            ": there are 256 already");
+        refused += some;
     }
     EXPECT_EQ(refused, 20);
     EXPECT_LT(lines, 20);
