@@ -21,7 +21,7 @@ public:
         /// Its pixels are not changed once it has been handed over. Of a size of the resolutions 0 to 17 and of the colour
         /// space 0, 9, 11, 13 or 18, else a fetch fails.
         std::optional<KRImage> image = {};
-        bool isLast = false; ///< none comes after it: a KRRecordingClock of the broker ends
+        bool isLast = false; ///< the last one: ends a KRRecordingClock of the broker
     };
 
     KRImageFeed() = default;
@@ -29,14 +29,14 @@ public:
     KRImageFeed(const KRImageFeed&) = delete;
     KRImageFeed& operator=(const KRImageFeed&) = delete;
 
-    /// What the list of cameras shows as the source.
+    /// Source shown in the list of cameras.
     virtual std::string getText() const = 0;
-    /// Opens what the images come from; called for the first subscriber, and again after the last one has gone.
+    /// Opens the source of the images; called for the first subscriber, and again after the last one has left.
     /// \throws std::exception it cannot be opened; the subscription fails
     virtual void open() = 0;
     /// Waits for an image whose number is greater than `after`.
     /// \return number 0: there is none yet at the deadline
-    /// \throws std::exception there is none any more; the fetch fails
+    /// \throws std::exception there are no more; the fetch fails
     virtual Image waitForImage(std::uint64_t after, std::chrono::steady_clock::time_point deadline) = 0;
 };
 

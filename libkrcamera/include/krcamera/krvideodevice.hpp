@@ -49,17 +49,17 @@ public:
     /// Closes the cameras. Images that were delivered stay valid.
     ~KRVideoDevice() override;
 
-    /// Sets what a camera begins with whenever it opens. An open camera gets it at once, and controls that are no
-    /// longer among them get their defaults.
-    /// \param resolution  code 0 to 17 of the least size that the camera delivers; -1: what its subscribers ask for
+    /// Sets initial settings of a camera, applied whenever it opens. An open camera gets them at once, and controls no
+    /// longer listed get their defaults.
+    /// \param resolution  code 0 to 17 of the camera's minimum size; -1: as its subscribers request
     /// \param controls  names as getControls() lists them, in upper or lower case, and values; one that the camera does
     /// not have or take is logged
     /// \throws KRError  the camera does not exist; the resolution is not supported
     void setInitialSettings(int camera, int resolution,
                             const std::vector<std::pair<std::string, int>>& controls);
 
-    /// Gives a camera another source. Subscriptions last: their next images are of the new source, which is opened on a
-    /// call thread if there are any.
+    /// Changes the source of a camera. Subscriptions persist: their next images come from the new source, which is opened
+    /// on a call thread if there are subscriptions.
     /// \throws KRError  the camera does not exist; an invalid source string; the service is shutting down
     void setSource(int camera, const std::string& source);
 

@@ -16,7 +16,7 @@ namespace KR {
 
 struct KRExtractorPrivate;
 
-/// What one subscriber asked for.
+/// Parameters requested by one subscriber.
 struct KRExtractorParameters {
     int period = 0;      ///< milliseconds, within the extractor's bounds
     float precision = 0; ///< as given; no unit, no bounds
@@ -39,13 +39,13 @@ public:
     /// Blocks until a memory module exists, then publishes the operations below as remote methods.
     /// \throws KRError the name is empty or taken
     KRExtractor(boost::shared_ptr<KRBroker> broker, const std::string& name);
-    /// Calls no hook and unsubscribes nobody.
+    /// Calls no hooks and unsubscribes no clients.
     ~KRExtractor() override;
 
     /// Subscribes a module, or replaces its parameters; the period is clamped to the extractor's bounds.
     /// The first subscriber starts the detection before this returns.
     /// \throws KRError the module is shutting down
-    /// \throws whatever a hook throws; the module is subscribed all the same
+    /// Passes on exceptions of hooks; the module is subscribed even then
     virtual void subscribe(const std::string& name, const int& period, const float& precision);
     /// Subscribes with the values in force, or with the defaults if there are no subscribers.
     virtual void subscribe(const std::string& name);
@@ -94,10 +94,10 @@ public:
 
 protected:
     /// Declares, in the derived constructor, an event that this extractor raises. Declaring twice lists it twice.
-    /// \throws KRError from the memory module; the name is listed all the same
+    /// \throws KRError from the memory module; the name is listed anyway
     void declareEvent(const std::string& name);
     /// Declares, in the derived constructor, a memory key that this extractor writes, and writes an empty array
-    /// there. \throws KRError from the memory module; the name is listed all the same
+    /// there. \throws KRError from the memory module; the name is listed anyway
     void declareMemoryKey(const std::string& name);
 
     /// Stops a running detection and refuses subscribers from now on.

@@ -18,7 +18,7 @@ static_assert(std::endian::native == std::endian::little, "numbers are copied as
 
 namespace KR {
 
-/// Bytes of somebody else's, to be read only.
+/// A read-only view of bytes.
 using KRBytes = std::span<const unsigned char>;
 
 /// A message that is not well-formed CDR.
@@ -34,9 +34,9 @@ template <class T>
 concept CdrNumber = std::is_arithmetic_v<T> && !std::same_as<T, bool> && sizeof(T) <= 8;
 } // namespace detail
 
-/// Writes a message in CDR, little-endian (OMG XTypes 7.4.1, "plain CDR" version 1): what ROS 2 and DDS send.
+/// Writes a message in CDR, little-endian (OMG XTypes 7.4.1, "plain CDR" version 1), as ROS 2 and DDS do.
 ///
-/// A message begins with four bytes that name the encoding. Numbers are aligned to their size, counted from behind
+/// A message begins with four bytes that name the encoding. Numbers are aligned to their size, counted from the end of
 /// these four; a string is its length with the final zero, then its bytes and the zero; a sequence is its length and
 /// then its elements. Reentrant.
 class KR_EXPORT KRCdrWriter {
@@ -58,10 +58,10 @@ public:
     /// The number of elements of a sequence; its elements follow.
     /// \throws KRCdrError it does not fit 32 bits
     void writeLength(std::size_t elements);
-    /// Bytes as they are: the elements of a sequence of uint8.
+    /// Raw bytes: the elements of a sequence of uint8.
     void writeBytes(KRBytes bytes) { append(bytes.data(), bytes.size()); }
 
-    /// What has been written.
+    /// The message so far.
     const std::vector<unsigned char>& getBytes() const noexcept { return bytes_; }
     /// The same; leaves the writer empty.
     std::vector<unsigned char> takeBytes() noexcept { return std::move(bytes_); }
@@ -97,10 +97,10 @@ public:
     /// \param elementSize  bytes that each of them takes at least
     /// \throws KRCdrError the message ends before, or has no room for that many elements
     std::size_t readLength(std::size_t elementSize);
-    /// The next bytes as they are; refers to the message. \throws KRCdrError the message ends before
+    /// The next raw bytes; refers to the message. \throws KRCdrError the message ends before
     KRBytes readBytes(std::size_t size) { return take(size); }
 
-    /// Bytes behind what has been read.
+    /// Number of unread bytes.
     std::size_t countBytesLeft() const noexcept { return message_.size() - position_; }
 
 private:

@@ -10,7 +10,7 @@
 #include <string_view>
 #include <vector>
 
-/// Images in the form in which robot tools exchange them: `sensor_msgs/msg/Image` in CDR.
+/// Images in the common exchange format of robot tools: `sensor_msgs/msg/Image` in CDR.
 ///
 /// | colour space | encoding |
 /// |---|---|
@@ -19,7 +19,7 @@
 /// | 11 RGB | `rgb8` |
 /// | 13 BGR | `bgr8` |
 /// | 18 BGRx | `bgra8` |
-/// | any other | `8UC<layers>`, as 8UC3: bytes per pixel without a meaning |
+/// | any other | `8UC<layers>`, such as 8UC3: raw bytes per pixel |
 ///
 /// The functions are reentrant.
 namespace KR {
@@ -52,10 +52,10 @@ KR_EXPORT std::string getImageEncoding(int colorSpace);
 /// among them.
 KR_EXPORT std::optional<int> findColorSpaceOfEncoding(std::string_view encoding) noexcept;
 
-/// The message of an image up to its pixels, which follow as they are: nothing of them has to be copied.
+/// The message of an image up to its pixels, which follow unchanged, so they need not be copied.
 ///
-/// The frame is called `camera_<cameraId>`. A time stamp that 32 bits of seconds do not hold (before 1901, after 2038) is
-/// written as the nearest one that they do.
+/// The frame is called `camera_<cameraId>`. A time stamp that does not fit 32 bits of seconds (before 1901, after 2038) is
+/// clamped.
 /// \throws std::invalid_argument the colour space does not exist; the image has fewer bytes than its geometry needs, or
 /// no pixels
 KR_EXPORT std::vector<unsigned char> encodeImageHeader(const KRImage& image);
@@ -70,8 +70,8 @@ KR_EXPORT KRImageMessage decodeImageMessage(KRBytes message);
 /// Makes `image` the image of a message: geometry, colour space, time stamp in whole microseconds, camera (if the frame
 /// is called `camera_<number>`, otherwise 0) and pixels without padding. The field of view becomes the default one.
 ///
-/// A buffer that the image owns and that is large enough is used again, any other is replaced.
-/// \param colorSpace  of an encoding that does not tell; -1: none
+/// An owned buffer that is large enough is reused, any other is replaced.
+/// \param colorSpace  for encodings that do not imply one; -1: none
 /// \throws KRCdrError the encoding has no colour space, and none is given or its bytes per pixel differ; rows are
 /// shorter than their pixels; more pixels than an image can have. The image has not changed
 KR_EXPORT void readImage(const KRImageMessage& message, KRImage& image, int colorSpace = -1);

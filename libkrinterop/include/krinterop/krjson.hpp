@@ -9,13 +9,13 @@
 
 namespace KR {
 
-/// A value as JSON: an invalid one is null, a binary {"base64": "..."}, the others are what they look like. A float that is
-/// not finite becomes null when it is written out.
+/// A value as JSON: an invalid one is null, a binary {"base64": "..."}, the others map directly. A float that is
+/// not finite becomes null when serialized.
 /// Reentrant.
 KR_EXPORT nlohmann::ordered_json toJson(const KRValue& value);
 
-/// The value that JSON stands for. true and false are 1 and 0; a whole number is an int, any other a float.
-/// \throws std::invalid_argument a number that an int or a float does not hold; arrays in arrays, more than 64 deep; an
+/// The value of a JSON document. true and false are 1 and 0; a whole number is an int, any other a float.
+/// \throws std::invalid_argument a number that fits neither an int nor a float; arrays nested more than 64 deep; an
 /// object other than {"base64": "..."}
 /// Reentrant.
 KR_EXPORT KRValue toValue(const nlohmann::ordered_json& json);

@@ -12,10 +12,10 @@
 #include <utility>
 #include <vector>
 
-/// What MCAP files consist of, for the writer and the reader. The format: docs/mcap.md.
+/// Parts of MCAP files, for the writer and the reader. The format: docs/mcap.md.
 namespace KR {
 
-/// A file that cannot be read or written, or is not what it should be. what() begins with the path, if there is one.
+/// A file that cannot be read or written, or is malformed. what() begins with the path, if there is one.
 class KR_EXPORT KRMcapError : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
@@ -65,7 +65,7 @@ struct KRMcapMetadata {
     KRMcapMetadataMap values; ///< content
 };
 
-/// Where an attachment is.
+/// Location of an attachment.
 struct KRMcapAttachmentIndex {
     std::uint64_t offset = 0;     ///< of the record in the file
     std::uint64_t length = 0;     ///< of the whole record, bytes
@@ -76,14 +76,14 @@ struct KRMcapAttachmentIndex {
     std::string mediaType;        ///< of the content
 };
 
-/// Where a metadata record is.
+/// Location of a metadata record.
 struct KRMcapMetadataIndex {
     std::uint64_t offset = 0; ///< of the record in the file, bytes
     std::uint64_t length = 0; ///< of the record, bytes
     std::string name;         ///< of the record
 };
 
-/// Where a chunk is and what it is about.
+/// Location and contents of a chunk.
 struct KRMcapChunkIndex {
     std::uint64_t startTime = 0; ///< of its earliest message, nanoseconds; 0 if it has none
     std::uint64_t endTime = 0;   ///< of its latest message
@@ -98,7 +98,7 @@ struct KRMcapChunkIndex {
     std::uint64_t uncompressedSize = 0; ///< of the records, bytes
 };
 
-/// How much of each kind a file says that it has.
+/// Counts of records, according to the file.
 struct KRMcapStatistics {
     std::uint64_t messages = 0;    ///< number of messages
     std::uint16_t schemas = 0;     ///< number of schemas

@@ -9,7 +9,7 @@
 
 namespace KR {
 
-/// Where the bytes of a file come from.
+/// Source of the bytes of a file.
 class KR_EXPORT KRMcapInput {
 public:
     virtual ~KRMcapInput();
@@ -36,7 +36,7 @@ struct KRMcapMessage {
     KRBytes data;                           ///< valid until the reader reads on
 };
 
-/// Bounds that are checked before memory is taken.
+/// Limits that are checked before memory is allocated.
 struct KRMcapLimits {
     /// Longest record, and largest chunk before and after it is decompressed. Whatever is larger is skipped and counted.
     std::uint64_t maxRecordSize = std::uint64_t{256} << 20;
@@ -59,7 +59,7 @@ struct KRMcapSelection {
     std::function<bool(const KRMcapChannel&)> isWanted = {};
 };
 
-/// What is wrong with a file, as far as it has been read.
+/// Damage found so far in a file.
 struct KRMcapDamage {
     std::uint64_t wrongCrcs = 0; ///< chunks and attachments whose content is not what was written; skipped
     std::uint64_t unreadableChunks = 0; ///< unknown compression, wrong sizes, too large; skipped
@@ -76,10 +76,10 @@ struct KRMcapDamage {
     }
 };
 
-/// Reads an MCAP file of any writer, with a mind to what may be wrong with it.
+/// Reads an MCAP file of any writer, and tolerates damage.
 ///
-/// If the file has an intact summary with an index of its chunks, only what is wanted is read. Otherwise the file is
-/// searched from its beginning, record by record, as far as it is whole. Damaged chunks are skipped and counted. Records of
+/// If the file has an intact summary with an index of its chunks, only the requested parts are read. Otherwise
+/// the file is scanned from its beginning, record by record, up to the first incomplete one. Damaged chunks are skipped and counted. Records of
 /// unknown kinds are skipped; messages of any schema and encoding are read as bytes. Memory grows with the largest chunk and
 /// with the number of chunks. Reentrant.
 class KR_EXPORT KRMcapReader {
@@ -92,13 +92,13 @@ public:
     KRMcapReader(const KRMcapReader&) = delete;
     KRMcapReader& operator=(const KRMcapReader&) = delete;
 
-    const std::string& getProfile() const noexcept; ///< as the header has it
+    const std::string& getProfile() const noexcept; ///< from the header
     const std::string& getLibrary() const noexcept; ///< what wrote the file
     std::uint64_t getFileSize() const noexcept;     ///< bytes
 
-    /// Whether chunks are found by the summary. Then messages outside of chunks are not.
+    /// Whether chunks are located through the summary; messages outside of chunks are then not found.
     bool isIndexed() const noexcept;
-    /// As the summary has it.
+    /// From the summary.
     const std::optional<KRMcapStatistics>& getStatistics() const noexcept;
     /// Known so far: without a summary, channels and schemas are known once messages have been read.
     const std::map<std::uint16_t, KRMcapChannel>& getChannels() const noexcept;
@@ -111,7 +111,7 @@ public:
     /// Where the metadata records are, those that the file lists.
     const std::vector<KRMcapMetadataIndex>& getMetadata() const noexcept;
 
-    /// Begins again, with what is wanted now. At first all messages are, in the order of the file.
+    /// Starts over with these options. Initially, all messages are read in the order of the file.
     void select(KRMcapSelection selection);
     /// The next message. \return false: there are no more
     /// \throws KRMcapError the file cannot be read; chunks that overlap in time are larger than the limit

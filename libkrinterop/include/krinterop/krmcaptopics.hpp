@@ -12,7 +12,7 @@
 #include <string>
 #include <string_view>
 
-/// The layout of topics that other tools see, the same in files and on the wire: docs/mcap.md.
+/// The topics seen by other tools, the same in files and on the wire: docs/mcap.md.
 namespace KR {
 
 KR_EXPORT std::string getImageTopic(int camera);           ///< `/camera/N/image`
@@ -21,7 +21,7 @@ KR_EXPORT std::string getImagePropertiesTopic(int camera); ///< `/camera/N/prope
 KR_EXPORT std::string getMemoryTopic(const std::string& key);
 /// Topic of an event: "/event/NAME".
 KR_EXPORT std::string getEventTopic(const std::string& name);
-/// Topic of what a module sees: "/MODULE/annotations".
+/// Topic of a module's annotations: "/MODULE/annotations".
 KR_EXPORT std::string getAnnotationsTopic(const std::string& module);
 
 /// The camera of an image topic; nullopt if it is not one.
@@ -38,7 +38,7 @@ inline constexpr const char* kImagePropertiesSchemaName = "krvision.ImagePropert
 inline constexpr const char* kJsonSchemaEncoding = "jsonschema"; ///< of both schemas
 inline constexpr const char* kJsonMessageEncoding = "json";      ///< of messages with them
 
-/// What an image has and `sensor_msgs/msg/Image` has no field for.
+/// Properties of an image for which `sensor_msgs/msg/Image` has no field.
 struct KRImageProperties {
     std::int64_t timeStamp = -1;      ///< microseconds, exactly as in the image
     int camera = 0;                   ///< the image's `cameraId`
@@ -69,8 +69,8 @@ public:
     void writeImage(int camera, const KRImage& image, std::optional<std::uint64_t> logTime = std::nullopt);
     /// Bytes of strings that are not UTF-8 become U+FFFD. \throws KRMcapError an error of the output
     ///
-    /// A value that a key `<Module>/Annotations` stands for is written to the topic of annotations as well, if the size of its
-    /// camera's images is known.
+    /// A value under a key `<Module>/Annotations` is also written to the topic of annotations, if the size of its camera's
+    /// images is known.
     /// \param frame  number of the image that it belongs to, in the recording that was evaluated
     void writeMemory(const std::string& key, const KRValue& value, std::uint64_t logTime,
                      std::optional<std::uint64_t> frame = std::nullopt);
@@ -121,9 +121,9 @@ public:
     /// the topic, of any writer.
     static bool isImageChannel(const KRMcapChannel& channel, const KRMcapSchema* schema) noexcept;
 
-    /// Takes a message; give it all of them, in the order of the file or of time.
+    /// Processes a message; pass all messages, in the order of the file or of time.
     /// \return whether it was an image, which is in `image` now: see readImage() about its buffer
-    /// \throws KRCdrError it should be an image, but is none that is supported
+    /// \throws KRCdrError it should be an image, but is malformed or not supported
     bool take(const KRMcapMessage& message, KRImage& image);
 
 private:

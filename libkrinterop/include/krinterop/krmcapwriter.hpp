@@ -7,7 +7,7 @@
 
 namespace KR {
 
-/// Where the bytes of a file go. Tests replace it by a disk that fills up.
+/// Destination of the bytes of a file. Tests replace it by a disk that fills up.
 class KR_EXPORT KRMcapOutput {
 public:
     virtual ~KRMcapOutput();
@@ -15,9 +15,9 @@ public:
     KRMcapOutput(const KRMcapOutput&) = delete;
     KRMcapOutput& operator=(const KRMcapOutput&) = delete;
 
-    /// Appends the pieces, one behind the other. \throws KRMcapError not all of them could be written
+    /// Appends the pieces, one after the other. \throws KRMcapError not all of them could be written
     virtual void append(std::span<const KRBytes> pieces) = 0;
-    /// Nothing is appended after that. \throws KRMcapError what was written may not be on the disk
+    /// Nothing is appended after that. \throws KRMcapError the data may not be on the disk
     virtual void close() = 0;
 };
 
@@ -26,7 +26,7 @@ public:
 /// \throws KRMcapError with the name: it cannot be opened
 KR_EXPORT std::unique_ptr<KRMcapOutput> createMcapFile(const std::string& path, const std::string& name = "");
 
-/// How a file is written.
+/// Options of a file.
 struct KRMcapWriterOptions {
     KRMcapCompression compression = KRMcapCompression::None; ///< of the chunks
     /// As `lz4` and `zstd` take it: 1 is fast.
@@ -36,7 +36,7 @@ struct KRMcapWriterOptions {
     std::size_t chunkSize = std::size_t{1} << 20;
     /// Whether chunks have a checksum of their content.
     bool hasChunkCrcs = true;
-    std::string profile; ///< what the header says of conventions that the file follows; "" is none
+    std::string profile; ///< conventions that the file follows, for the header; "": none
 };
 
 /// Writes an MCAP file: chunks with message indexes, then a summary with schemas, channels, statistics and the indexes of
@@ -53,7 +53,7 @@ public:
     explicit KRMcapWriter(const std::string& path, KRMcapWriterOptions options = {});
     /// The same to another output.
     explicit KRMcapWriter(std::unique_ptr<KRMcapOutput> output, KRMcapWriterOptions options = {});
-    /// Closes the file if that has not been done. Errors are lost: call close() to see them.
+    /// Closes the file unless closed. Errors are ignored: call close() to get them.
     ~KRMcapWriter();
     KRMcapWriter(const KRMcapWriter&) = delete;
     KRMcapWriter& operator=(const KRMcapWriter&) = delete;
@@ -67,7 +67,7 @@ public:
     std::uint16_t addChannel(const std::string& topic, const std::string& messageEncoding,
                              std::uint16_t schemaId, const KRMcapMetadataMap& metadata = {});
 
-    /// Writes a message that consists of the pieces, one behind the other.
+    /// Writes a message that consists of several pieces.
     /// \param sequence     the channel's own count; 0: none
     /// \param logTime      when it was recorded, nanoseconds since the Unix epoch
     /// \param publishTime  when it was sent, the same if unknown
@@ -89,9 +89,9 @@ public:
     /// \throws KRMcapError an error of the output, also an earlier one
     void close();
 
-    /// Counted so far.
+    /// Statistics so far.
     const KRMcapStatistics& getStatistics() const noexcept;
-    /// Bytes that have gone to the output.
+    /// Bytes written to the output.
     std::uint64_t getFileSize() const noexcept;
 
 private:

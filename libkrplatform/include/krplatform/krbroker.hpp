@@ -22,10 +22,9 @@ class KRProxy;
 /// A broker's link to the services that it can reach. Lives as long as its broker.
 class KR_EXPORT KRSession {
 public:
-    /// Blocks, without a time limit, until a module of this name can be called; logs that it waits after 5 s.
-    /// Thread-safe.
+    /// Blocks without a time limit until a module of this name can be called; logs a line after 5 s. Thread-safe.
     void waitForService(const std::string& name);
-    /// The same for at most `timeout`, by the broker's clock; by that of a recording, for a module that is not there, no
+    /// The same for at most `timeout` of the broker's clock; if that is a recording's and the module is absent, for no
     /// less. \return whether it can be called
     bool waitForService(const std::string& name, std::chrono::milliseconds timeout);
 
@@ -61,13 +60,13 @@ public:
     /// The time of this broker's modules (<krplatform/krclock.hpp>).
     KRClock& getClock() noexcept;
 
-    /// Runs the memory module "KRMemory" in this broker, as an address with `memory=here` does from the start. For a
-    /// program whose other modules have to be reachable before whoever waits for the memory finds it.
+    /// Runs the memory module "KRMemory" in this broker, as an address with `memory=here` does from the start. For
+    /// programs whose other modules must be reachable before clients that wait for the memory find it.
     /// \throws KRError there is a module of that name
     void startMemory();
 
-    /// Values that a module of this name in this broker gets for its parameters before it can be called, in place of those
-    /// of an earlier call. KRModule::makeReachable() sets them, and reports what is wrong with them.
+    /// Sets the initial parameters of a module of this name in this broker, replacing those of an earlier call.
+    /// KRModule::makeReachable() applies them, and reports errors.
     void setInitialParameters(const std::string& module, std::vector<std::pair<std::string, KRValue>> values);
 
     /// Names of the modules that can be called, those of other processes included, in order.

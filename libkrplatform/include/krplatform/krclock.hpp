@@ -10,10 +10,10 @@
 
 namespace KR {
 
-/// The time in which the modules of a broker live: KRBroker::getClock(). Thread-safe.
+/// The clock of a broker's modules: KRBroker::getClock(). Thread-safe.
 ///
-/// Usually it is the machine's. A module that reads the time and sleeps by this clock can be judged on a recording, faster
-/// than real time and twice with the same result: see KRRecordingClock.
+/// Usually it is the machine's. A module that reads the time and sleeps by this clock can be evaluated on a recording,
+/// faster than real time and with reproducible results: see KRRecordingClock.
 class KR_EXPORT KRClock {
 public:
     /// A time of this clock; only differences have a meaning.
@@ -37,7 +37,7 @@ public:
     virtual void pace(TimePoint deadline) = 0;
     /// Whether images move the clock.
     virtual bool isRecording() const noexcept = 0;
-    /// Whether the time of a recording is over; a loop that fetches images then ends.
+    /// Whether a recording has ended; loops that fetch images then end.
     virtual bool hasEnded() const noexcept = 0;
 };
 
@@ -52,27 +52,26 @@ public:
     bool hasEnded() const noexcept override { return false; }
 };
 
-/// The clock of a recording, that of a broker at "local:?clock=recording": it stands still but for the images that the
-/// camera service of the broker delivers, and takes over their time stamps.
+/// The clock of a recording, that of a broker at "local:?clock=recording": it advances only with the
+/// images that the camera service of the broker delivers, to their time stamps.
 ///
-/// The thread that fetched the last image moves the clock: if it sleeps, the clock moves on by that time, and the sleep
-/// takes none. The same holds for all threads before the first image and after the last one. Sleeps of other threads wait for
-/// images that are late enough. Thread-safe.
+/// The thread that fetched the last image moves the clock: if it sleeps, the clock advances by that time and the sleep
+/// returns at once. The same holds for all threads before the first image and after the last one. Other threads sleep until
+/// an image with a late enough time stamp. Thread-safe.
 class KR_EXPORT KRRecordingClock final : public KRClock {
 public:
-    /// What the clock moves on by if the time stamps of two images say nothing, being equal, falling, or more than an
-    /// hour apart.
+    /// Step of the clock if the time stamps of two images are unusable: equal, decreasing, or more than an hour apart.
     static constexpr std::chrono::microseconds kUsualStep{33333};
 
     TimePoint now() const override;
-    /// The time stamp of the last image, and what has been slept since; 0 before the first one.
+    /// The time stamp of the last image, plus the time slept since; 0 before the first one.
     std::int64_t getTime_usec() const override;
     void sleepUntil(TimePoint deadline) override;
     void pace(TimePoint /*deadline*/) override {}
     bool isRecording() const noexcept override { return true; }
     bool hasEnded() const noexcept override { return ended_; }
 
-    /// Moves on to an image, which the calling thread has fetched.
+    /// Advances to an image that the calling thread has fetched.
     /// \param timeStamp  of the image, microseconds
     void advanceTo(std::int64_t timeStamp);
     /// There are no more images. Ends all sleeps.

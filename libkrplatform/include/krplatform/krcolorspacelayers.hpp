@@ -4,7 +4,7 @@
 
 namespace KR {
 
-/// Bytes stored per pixel in each colour space, by its code: what the size of an image's buffer follows from.
+/// Bytes stored per pixel in each colour space, by its code; they determine the size of an image's buffer.
 inline constexpr std::array<int, 27> kColorSpaceLayers = {
     1,  1, 1, 1, 1, 1, 1, 1, 1, // 0 to 8
     2,                          // 9: YUV422

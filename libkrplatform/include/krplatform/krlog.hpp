@@ -16,20 +16,20 @@ enum class KRLogLevel { Error, Warning, Info, Verbose };
 
 /// One line of the log.
 struct KRLogRecord {
-    KRLogLevel level;                           ///< how much it matters
-    std::string category;                       ///< which part of the system speaks, e.g. "core.extractor"
-    std::string message;                        ///< without the line end
-    KRSourceLocation location;                  ///< where it was logged
-    std::string thread;                         ///< full name of the thread that logged
+    KRLogLevel level;          ///< how much it matters
+    std::string category;      ///< the part of the system that logged it, e.g. "core.extractor"
+    std::string message;       ///< without the line end
+    KRSourceLocation location; ///< where it was logged
+    std::string thread;        ///< full name of the thread that logged
     std::chrono::system_clock::time_point time; ///< when it was logged
 };
 
 /// Logs one record: to every listener, and to standard error if its level is printed there.
 ///
 /// Returns at once: the record goes through a queue to the log thread ("KRLog"), which writes and calls the listeners.
-/// A standard error that nobody reads, or a slow listener, blocks nobody; a record that finds the queue full (4 MiB)
-/// is lost, and the number of lost records is logged. A process that exits or ends by std::terminate() waits up to a
-/// second for the queue to be written; one that a signal kills loses what is in it.
+/// Neither a blocked standard error nor a slow listener blocks the caller; if the queue (4 MiB) is full, records are
+/// lost, and their number is logged. A process that exits or ends by std::terminate() waits up to a
+/// second for the queue to be written; a process killed by a signal loses its contents.
 ///
 /// A line end that closes the message is not part of the record, and a message is cut after 64 KiB. On standard error
 /// text is escaped as by escapeText() and cut after 8 KiB. A line that repeats a recent one there is only counted, and
@@ -59,7 +59,7 @@ inline void logVerbose(std::string_view category, std::string_view message,
     log(KRLogLevel::Verbose, category, message, where);
 }
 
-/// Waits until what has been logged so far has been heard by all listeners and written.
+/// Waits until all records logged so far have been written and passed to all listeners.
 /// \return false: the timeout was over first, or this was called from within a listener. Thread-safe.
 KR_EXPORT bool flushLog(std::chrono::milliseconds timeout = std::chrono::seconds(30));
 
@@ -68,8 +68,8 @@ KR_EXPORT bool flushLog(std::chrono::milliseconds timeout = std::chrono::seconds
 KR_EXPORT void setLogLevel(KRLogLevel level) noexcept;
 
 /// Chooses what is printed on standard error, whatever setLogLevel() says. KR_LOG sets the same when the process starts.
-/// \param levels  comma-separated, the last one counts: "warning" for all categories, of which none keeps another
-/// level; "krdds=verbose" for a category and those whose names continue it after a dot. Levels are error, warning, info
+/// \param levels  comma-separated, the last one wins: "warning" for all categories, which removes their own
+/// levels; "krdds=verbose" for a category and those whose names continue it after a dot. Levels are error, warning, info
 /// and verbose, which is also called debug: "warning,krdds=debug"
 /// \throws std::invalid_argument there is no such level; a category is "" or longer than 100 bytes; more than 100
 /// categories; nothing has changed then. Thread-safe.
@@ -78,12 +78,12 @@ KR_EXPORT void setLogLevels(std::string_view levels);
 /// What is printed on standard error, in the form that setLogLevels() takes. Thread-safe.
 KR_EXPORT std::string getLogLevels();
 
-/// Hears every record that is logged while it exists.
+/// Receives every record that is logged while it exists.
 ///
 /// The function runs on the log thread, for one record at a time, with no lock held, a little after the record was
-/// logged: flushLog() waits for that. It may itself log, which it does not hear. What it throws is dropped. Once the
-/// destructor has returned the function does not run any more, unless the destructor was called from within it; what
-/// is still in the queue then is not heard.
+/// logged: flushLog() waits for that. It may log, but does not receive its own records. Its exceptions are dropped. After the
+/// destructor has returned, the function does not run any more, unless it called the destructor itself; records still
+/// in the queue are not delivered.
 class KR_EXPORT KRLogListener {
 public:
     /// \param listener  called on the log thread with each record

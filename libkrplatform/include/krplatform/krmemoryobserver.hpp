@@ -19,9 +19,9 @@ struct KRMemoryWrite {
 /// Must not throw.
 using KRMemoryObserver = std::function<void(const KRMemoryWrite&)>;
 
-/// Has a function called with each value that is written to the memory module of this broker and each event that is raised,
-/// on the thread of the module that does so (on a call thread for modules of other processes), before it goes on: for
-/// tools that must know what a module had written by the time that it returned.
+/// Calls a function with each value written to the memory module of this broker and each event raised, synchronously on the
+/// writing module's thread (on a call thread for modules of other processes). For tools that must know everything that a
+/// module has written when it returns.
 /// \param observer  replaces an earlier one, which may still be running; empty: none
 /// \throws KRError the broker runs no memory module
 KR_EXPORT void setMemoryObserver(KRBroker& broker, KRMemoryObserver observer);

@@ -26,7 +26,7 @@ KR_EXPORT void shutDownAndDestroy(std::unique_ptr<KRModule> module) noexcept;
 
 /// One remote method as published.
 struct KRMethodDescription {
-    /// One argument, for people.
+    /// One argument, for documentation.
     struct Parameter {
         std::string name;        ///< of the argument
         std::string description; ///< of the argument
@@ -37,8 +37,8 @@ struct KRMethodDescription {
     std::string description;                          ///< what the method does
     std::vector<Parameter> parameters;                ///< what its arguments mean
     Parameter result;                                 ///< both texts empty without a result
-    std::vector<KRArgumentType> argumentTypes;        ///< what a call is matched by
-    KRArgumentType resultType = KRArgumentType::Void; ///< of what it returns
+    std::vector<KRArgumentType> argumentTypes;        ///< matched by calls
+    KRArgumentType resultType = KRArgumentType::Void; ///< type of the result
 
     /// "subscribe(string name, int period, float precision)", followed by ": int period" if it has a result.
     KR_EXPORT std::string getSignature() const;
@@ -74,8 +74,8 @@ public:
     /// exit() or shutDown() has been called. Thread-safe.
     bool isExiting() const noexcept;
 
-    /// Why the module has stopped doing its work, as it reported last; empty while it works. Callable by others
-    /// through KRProxy::getFailure(). Thread-safe.
+    /// The reason for the last reported failure; empty while the module works. Remote: KRProxy::getFailure().
+    /// Thread-safe.
     std::string getFailure() const;
 
     /// Makes the module callable; does nothing if it already is, or is exiting. createModule() calls this. Nothing more
@@ -113,13 +113,13 @@ protected:
         publish(description, createFunctor(object, member));
     }
 
-    /// \name Parameters: what can be set about the module while it runs
+    /// \name Parameters: settings that can be changed while the module runs
     ///
-    /// Declare them in the constructor, with the value that the module begins with as default. The first one publishes
+    /// Declare them in the constructor, with the initial value as default. The first one publishes
     /// the methods getParameterList, getParameterValue, setParameterValue and setParameterValues. A setter gets values in
-    /// range only. It runs on the thread of whoever sets, possibly several at once, and with no lock held. It refuses a
-    /// value by throwing, a KRError with the reason for instance, which the caller sees; it must not have changed anything
-    /// then. When calls overlap, the value passed last is in force in the end; a setter may get it twice. A change raises
+    /// range only. It runs on the caller's thread, possibly several at once, and with no lock held. It refuses a
+    /// value by throwing, for example a KRError with the reason, which the caller gets; it must not have changed anything
+    /// then. If calls overlap, the last value wins; a setter may get it twice. A change raises
     /// the event "NAME/ParameterChanged" with [parameter, value].
     /// \throws KRError a malformed name, or one that is taken; an empty range; a default out of range; the module is
     /// reachable already
@@ -180,8 +180,8 @@ protected:
                           .choices = choices},
                          bindSetter<std::string>(std::move(setter)));
     }
-    /// Any of them. With a getter, the value is what that returns, not what was set last: for something that can also
-    /// change by other means, which xNoticeParameterChange() reports. It runs as the setter does.
+    /// General form. With a getter, the value is the getter's result instead of the last one set: for parameters that can
+    /// also change by other means, which xNoticeParameterChange() reports. It runs as the setter does.
     void declareParameter(KRParameterInfo info, std::function<void(const KRValue&)> setter,
                           std::function<KRValue()> getter = {});
     ///@}
@@ -192,12 +192,12 @@ protected:
     /// Raises the event for a parameter with a getter if its value has changed. Thread-safe.
     void xNoticeParameterChange(const std::string& name) noexcept;
 
-    /// Records why the module has stopped doing its work, for people and supervisors to see; an empty text says
-    /// that it works again. Does not log. Thread-safe.
+    /// Reports why the module has stopped working, for users and supervisors; an empty text means that it works again.
+    /// Does not log. Thread-safe.
     void reportFailure(const std::string& reason);
 
     /// Runs the function on a call thread. It counts as a running call of the module, which is not destroyed before the
-    /// function has returned; what it throws is logged. \throws KRError the module is exiting; no thread or memory
+    /// function has returned. Exceptions are logged. \throws KRError the module is exiting; no thread or memory
     void xPost(const std::string& what, std::function<void()> function);
 
     /// Stops the module's own work while the derived class still exists. Called by shutDown() once new calls are
@@ -208,10 +208,10 @@ protected:
     /// outside of calls. Thread-safe.
     std::string xGetCaller() const;
     /// Whether that process is gone, or counts as gone. xCallerGone() may have run before the call began: a call that
-    /// keeps something for its caller checks this once it has. Thread-safe.
+    /// acquires a resource for its caller must check this afterwards. Thread-safe.
     bool xIsCallerGone() const;
     /// Called when a process that may have called this module is gone, or has been unreachable for so long that it
-    /// counts as gone: the module can drop what it keeps for it. Runs as a call, on a call thread. Does nothing here.
+    /// counts as gone: the module can release resources held for it. Runs as a call, on a call thread. Does nothing here.
     virtual void xCallerGone(const std::string& /*caller*/) {}
 
 private:

@@ -16,8 +16,8 @@ struct KRModuleClass {
     std::string name; ///< of the class, e.g. "KRMotionExtractor"
     std::string
         defaultName; ///< of a module of it: the class's without namespaces and "Extractor", e.g. "KRMotion"
-    /// Creates one that is reachable under this name. \throws KRError the name is taken; whatever its constructor
-    /// throws
+    /// Creates one that is reachable under this name. \throws KRError the name is taken. Passes on exceptions of the
+    /// constructor
     KRModuleHandle<KRModule> (*create)(const boost::shared_ptr<KRBroker>& broker, const std::string& name);
 };
 

@@ -21,7 +21,7 @@ public:
     explicit KRModuleHandle(std::unique_ptr<Module> module) noexcept : module_(std::move(module)) {}
     /// Takes over the other handle's module.
     KRModuleHandle(KRModuleHandle&&) noexcept = default;
-    /// Takes its own module down, and takes over the other handle's.
+    /// Shuts its own module down, and takes over the other handle's.
     KRModuleHandle& operator=(KRModuleHandle&& other) noexcept {
         if (this != &other) {
             reset();
@@ -53,7 +53,7 @@ private:
 };
 
 /// Creates a module and makes it reachable once its constructor has finished.
-/// \throws KRError the name is empty or taken; whatever the constructor throws
+/// \throws KRError the name is empty or taken. Passes on exceptions of the constructor
 template <class Module, class... Arguments>
 [[nodiscard]] KRModuleHandle<Module> createModule(const boost::shared_ptr<KRBroker>& broker,
                                                   const std::string& name, Arguments&&... arguments) {

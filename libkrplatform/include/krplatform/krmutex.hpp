@@ -81,7 +81,7 @@ public:
     bool waitUntil(KRLock& lock, std::chrono::steady_clock::time_point deadline) {
         return condition_.wait_until(lock.lock_, deadline) == std::cv_status::no_timeout;
     }
-    /// \return what the predicate says, at the deadline at the latest
+    /// \return the predicate's value, at the deadline at the latest
     template <typename Predicate>
     bool waitUntil(KRLock& lock, std::chrono::steady_clock::time_point deadline, Predicate predicate) {
         return condition_.wait_until(lock.lock_, deadline, predicate);

@@ -11,7 +11,7 @@ namespace KR {
 
 class KRProxy;
 
-/// Something about a module that can be set while it runs, as KRModule::declareParameter() declares it.
+/// A parameter of a module, declared with KRModule::declareParameter().
 ///
 /// Travels as an array of the fields, in their order, the type by its name.
 struct KR_EXPORT KRParameterInfo {
@@ -22,25 +22,23 @@ struct KR_EXPORT KRParameterInfo {
 
     std::string name = {};                 ///< letters, digits, "-" and "_"
     Type type = Type::Int;                 ///< of its values
-    std::string description = {};          ///< for people
+    std::string description = {};          ///< human-readable
     std::string unit = {};                 ///< "" without one
-    KRValue defaultValue = {};             ///< what it begins with
+    KRValue defaultValue = {};             ///< initial value
     KRValue minimum = {};                  ///< of an int or a float; invalid otherwise
     KRValue maximum = {};                  ///< the same
-    std::vector<std::string> choices = {}; ///< texts that it takes; any if there are none
-    bool saved =
-        true; ///< belongs into a file of settings; false for what is only true of a moment, such as a pause
-    KRValue value = {}; ///< in force when this was asked for
+    std::vector<std::string> choices = {}; ///< possible texts; empty: any
+    bool saved = true;  ///< saved in parameter files; false for temporary states such as a pause
+    KRValue value = {}; ///< current value at the time of the query
 
     /// "bool", "int", "float", "text" or "choice".
     const char* getTypeName() const noexcept;
-    /// What the parameter takes, for people: "0 to 1 of the pixels", "luma, YUV422 or BGR", "true or false".
+    /// The possible values as text: "0 to 1 of the pixels", "luma, YUV422 or BGR", "true or false".
     std::string describeRange() const;
-    /// The value in the type of the parameter: an int becomes a float where one is needed, any int but 0 is a true.
-    /// \param problem  set to what is wrong with the value, for people, if something is; it names the parameter, the value
-    ///                 and the range
+    /// The value converted to the parameter's type: an int becomes a float if needed, any int but 0 is true.
+    /// \param problem  set if the value is wrong: a message with the parameter, the value and the range
     std::optional<KRValue> convert(const KRValue& given, std::string& problem) const;
-    /// For people: true and false for a bool, the bare text of a choice.
+    /// Human-readable: true and false for a bool, the bare text of a choice.
     std::string format(const KRValue& given) const;
 
     /// The value that travels between modules.
@@ -49,7 +47,7 @@ struct KR_EXPORT KRParameterInfo {
     static KRParameterInfo fromKRValue(const KRValue& value);
 };
 
-/// The parameters that the module has, with their values, in the order of declaration; none for a module without any.
+/// The parameters of the module, with their values, in the order of declaration; empty if it has none.
 /// \throws KRError no such module; a value of it cannot be read
 KR_EXPORT std::vector<KRParameterInfo> getParameterList(const KRProxy& module);
 

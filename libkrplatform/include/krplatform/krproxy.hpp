@@ -38,7 +38,7 @@ public:
 
     /// Calls a method and returns its result as an R; overloads are chosen by number, then by type of the arguments.
     /// \throws KRError no such module; no such method; wrong number or type of arguments (the error lists the
-    /// signatures); the result is not an R; whatever the method throws
+    /// signatures); the result is not an R; the method throws
     template <class R = void, class... A>
     R call(std::string_view method, A&&... arguments) const {
         const std::array<KRValue, sizeof...(A)> values{KRValue(std::forward<A>(arguments))...};
@@ -66,10 +66,10 @@ public:
 
     /// The methods that the module publishes, in publication order. \throws KRError no such module
     std::vector<KRMethodDescription> getMethodList() const;
-    /// The methods of this name with description, parameters and result, for people to read.
+    /// Help text for the methods of this name: description, parameters and result.
     /// \throws KRError no such module; no such method
     std::string getMethodHelp(std::string_view method) const;
-    /// Why the module has stopped doing its work (KRModule::reportFailure()); empty while it works.
+    /// The reason for the last reported failure (KRModule::reportFailure()); empty while the module works.
     /// \throws KRError no such module; it has an older version without this method
     std::string getFailure() const;
 

@@ -8,8 +8,8 @@
 
 namespace KR {
 
-/// What KRBinary::allocate() takes where other processes of this machine can be given the bytes without a copy. Null if there
-/// is no such memory at the moment: for those who have memory to use again then. Thread-safe.
+/// Memory as from KRBinary::allocate(), but only memory that other processes of this machine can map. Null if there is none at
+/// the moment, for callers with their own buffers to fall back on. Thread-safe.
 KR_EXPORT boost::shared_ptr<unsigned char[]> allocateShared(std::size_t size) noexcept;
 
 } // namespace KR

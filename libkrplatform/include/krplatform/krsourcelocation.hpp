@@ -11,7 +11,7 @@ namespace KR {
 
 /// The place in the source where an error was raised or a record logged.
 ///
-/// Stands in for std::source_location, which clang 14 does not have yet, and converts from it.
+/// Replaces std::source_location, which clang 14 lacks, and converts from it.
 /// The function is its bare name ("subscribe"), the file is relative to the source tree.
 struct KRSourceLocation {
     const char* file = "";        ///< source file

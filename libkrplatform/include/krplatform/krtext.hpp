@@ -10,8 +10,8 @@ namespace KR {
 
 /// The text in a form that is safe to print on a terminal and stays on one line.
 ///
-/// "\n", "\r" and "\t" stand for line breaks and tabs. Every byte of another control character (ESC, DEL and C1
-/// included), of a character that changes the direction or the line of what follows, and of anything that is not
+/// Line breaks and tabs become "\n", "\r" and "\t". Every byte of another control character (ESC, DEL and C1
+/// included), of characters that change the direction or line of the text, and of anything that is not
 /// UTF-8 becomes "\xNN". Backslashes stay, so escaping twice changes nothing.
 /// \param maxBytes  longest result in bytes, 3 or more; a longer one is cut between characters and ends in "..."
 /// Reentrant.

@@ -11,7 +11,7 @@ namespace KR {
 /// its first 15 bytes.
 KR_EXPORT void setThreadName(const std::string& name);
 
-/// The calling thread's name: as set, otherwise the kernel's.
+/// The calling thread's name: the one set, otherwise the kernel's.
 KR_EXPORT std::string getThreadName();
 
 /// Blocks the calling thread for `milliseconds`; returns at once if that is not positive.

@@ -21,16 +21,16 @@ class KRBrokerPrivate;
 /// State of a module: its name is taken, it can be called, it is exiting.
 enum class KRModuleState { Claimed, Open, Closed };
 
-/// A module of this process, as it is announced to others.
+/// A module of this process, as announced to others.
 struct KRLocalModule {
     std::string name;     ///< of the module
-    std::uint32_t number; ///< no other module of this process has or had it
+    std::uint32_t number; ///< unique in this process, never reused
     KRModuleState state;  ///< whether it can be called
 };
 
-/// A module of another process, as a transport reaches it. Thread-safe.
+/// A module of another process, reached through a transport. Thread-safe.
 ///
-/// One object stands for one registration: a module that goes and comes back is another object.
+/// One object per registration: a module that restarts is a new object.
 class KR_EXPORT KRRemoteModule {
 public:
     /// \param location  for messages, e.g. "in process 4711 on robot1"
@@ -40,15 +40,15 @@ public:
     KRRemoteModule& operator=(const KRRemoteModule&) = delete;
 
     const std::string& getName() const noexcept { return name_; } ///< of the module
-    /// Broker and process, for people.
+    /// Broker and process, for messages.
     const std::string& getLocation() const noexcept { return location_; }
-    /// Unique among all modules that this process knows or knew of, local and remote.
+    /// Unique among all modules, local and remote, that this process has ever known.
     std::uint32_t getNumber() const noexcept { return number_; }
     /// Whether it can be called.
     KRModuleState getState() const noexcept { return state_.load(std::memory_order_acquire); }
 
     /// Calls a method and waits for its result, for as long as the other process lives.
-    /// \throws KRError what the method throws; the module or its process is gone
+    /// \throws KRError thrown by the method; the module or its process is gone
     virtual KRValue call(std::string_view method, std::span<const KRValue> arguments) = 0;
 
 private:
@@ -75,7 +75,7 @@ public:
     virtual void succeed(const KRValue& result) noexcept = 0;
     /// Sends an error. Once, or succeed().
     virtual void fail(const KRError& error) noexcept = 0;
-    /// Whether the calling process is gone or counts as gone. A transport whose callers can go overrides it; it is true
+    /// Whether the calling process is gone or counts as gone. Transports whose callers can disappear override it; it is true
     /// before KRTransportHost::noticeCallerGone(). Thread-safe.
     virtual bool isCallerGone() const noexcept { return false; }
 
@@ -85,21 +85,21 @@ public:
     std::vector<KRValue> arguments; ///< of the call
 };
 
-/// What a transport may ask of its broker. Thread-safe; nothing here blocks.
+/// The broker, as seen by its transport. Thread-safe; nothing here blocks.
 class KR_EXPORT KRTransportHost {
 public:
-    /// The modules of this process as they are now.
+    /// The current modules of this process.
     std::vector<KRLocalModule> listModules() const;
 
     /// Sets the state of a module of another process; the first call registers it, in place of an earlier one of
     /// the same name.
     void setRemoteModule(const std::shared_ptr<KRRemoteModule>& module, KRModuleState state);
-    /// The module has gone.
+    /// The module is gone.
     void removeRemoteModule(const std::shared_ptr<KRRemoteModule>& module);
 
     /// Runs the call on a call thread. Call it once the caller can receive the answer. Without a thread or memory for it, it is destroyed unanswered.
     void serve(std::shared_ptr<KRIncomingCall> call) noexcept;
-    /// The same on the calling thread, which may take as long as the call does.
+    /// The same on the calling thread; returns when the call has finished.
     void serveHere(const std::shared_ptr<KRIncomingCall>& call) noexcept;
     /// Calls xCallerGone() of every module of this process: a process which may have called it is gone.
     void noticeCallerGone(const std::string& caller) noexcept;
@@ -120,33 +120,33 @@ public:
     KRTransport(const KRTransport&) = delete;
     KRTransport& operator=(const KRTransport&) = delete;
 
-    /// Starts; the broker is ready for it. Returns once the present processes are discovered, or after a while.
+    /// Starts; the broker is ready. Returns once existing processes are discovered, or after a time limit.
     /// \throws KRError the link cannot be made
     virtual void start() = 0;
-    /// Announces the modules of this process, which have changed. Called without a lock held.
+    /// Announces changed modules of this process. Called without a lock held.
     virtual void announceModules() noexcept = 0;
-    /// Announces a module whose name has just been taken in this process, and returns once no other process can have
-    /// it. \throws KRError another process has it; the module is then forgotten and announced no more
+    /// Announces a module whose name has just been taken in this process, and returns once no other process can take
+    /// it. \throws KRError another process has the name; the module is then forgotten
     virtual void claim(const std::string& name) = 0;
-    /// What KRBroker::getDiagnostics() returns. Thread-safe.
+    /// Result of KRBroker::getDiagnostics(). Thread-safe.
     virtual KRBrokerDiagnostics getDiagnostics() const { return {}; }
-    /// Leaves: calls to other processes fail from now on, those in progress too, and none come in.
+    /// Disconnects: calls to other processes fail, including pending ones, and no more calls arrive.
     /// The host is not used after this.
     virtual void stop() noexcept = 0;
 };
 
-/// What a broker's address says about it.
+/// A broker's parsed address.
 struct KRBrokerOptions {
     bool memory = true;                     ///< runs the memory module
     std::unique_ptr<KRTransport> transport; ///< null: no other processes
 };
 
 /// Parses a broker's address. The host lives until the transport's stop() returns, and is not used before
-/// its start(). \throws KRError an address that is not understood; a link that cannot be made
+/// its start(). \throws KRError an invalid address; the link cannot be created
 using KRTransportFactory = std::function<KRBrokerOptions(const std::string& url, KRTransportHost& host)>;
 
-/// Has KRBroker::create() ask `factory` for addresses that begin with `scheme`, "dds:" for instance. The last
-/// registration of a scheme counts. Thread-safe.
+/// Registers `factory` with KRBroker::create() for addresses that begin with `scheme`, for example "dds:". The last
+/// registration of a scheme wins. Thread-safe.
 KR_EXPORT void registerTransport(const std::string& scheme, KRTransportFactory factory);
 
 } // namespace KR

@@ -31,9 +31,8 @@ public:
         : bytes_(std::move(bytes)), size_(size) {}
     /// A copy of `size` bytes from `bytes` on.
     static KRBinary copyOf(const void* bytes, std::size_t size);
-    /// Memory to be filled and then shared as KRBinary(bytes, size): where other processes of this machine can be
-    /// given the bytes without a copy, if such memory is to be had (see setBinaryAllocator). Not initialised; owned
-    /// by the handle and its copies.
+    /// Memory to fill and then share as KRBinary(bytes, size). If available (see setBinaryAllocator), it is memory that
+    /// other processes of this machine can map without a copy. Uninitialised; owned by the handle and its copies.
     static boost::shared_ptr<unsigned char[]> allocate(std::size_t size);
 
     const unsigned char* data() const noexcept { return bytes_.get(); } ///< size() bytes
@@ -44,10 +43,10 @@ private:
     std::size_t size_ = 0;
 };
 
-/// Returns uninitialised memory that its handle owns, null if it has none of that size at the moment. Thread-safe.
+/// Returns uninitialised memory owned by its handle; null if none of that size is available. Thread-safe.
 using KRBinaryAllocator = boost::shared_ptr<unsigned char[]> (*)(std::size_t size) noexcept;
 
-/// Has KRBinary::allocate() ask `allocator` first; null, as in the beginning: the heap alone. For transports.
+/// Sets the allocator that KRBinary::allocate() tries first; null, the default: only the heap. For transports.
 /// Thread-safe.
 KR_EXPORT void setBinaryAllocator(KRBinaryAllocator allocator) noexcept;
 
@@ -153,7 +152,7 @@ public:
     /// Bytes of memory that this takes: the value itself, and the text, bytes and elements that it holds.
     std::size_t countBytes() const noexcept;
 
-    /// What this holds, as a T: bool, int, float, std::string, KRBinary, KRValue or a vector of these.
+    /// The value as a T: bool, int, float, std::string, KRBinary, KRValue or a vector of these.
     /// An int is also read as a float, and as a bool (true unless it is 0); nothing else converts.
     /// \throws KRError this holds something else
     template <class T>
@@ -200,7 +199,7 @@ private:
 /// "invalid", "int", "float", "string", "binary" or "array".
 KR_EXPORT const char* getTypeName(KRValue::Type type) noexcept;
 
-/// For people to read: 3, 0.5, "text", <614400 bytes>, [1, "a"], or invalid.
+/// Human-readable form: 3, 0.5, "text", <614400 bytes>, [1, "a"], or invalid.
 KR_EXPORT std::ostream& operator<<(std::ostream& out, const KRValue& value);
 
 } // namespace KR

@@ -14,13 +14,13 @@ namespace KR {
 
 /// The camera service, typed.
 ///
-/// Calls whatever module is registered as "KRVideoDevice". All operations are thread-safe; each throws what the
+/// Calls the module registered as "KRVideoDevice". All operations are thread-safe; each throws what the
 /// service throws, and KRError when there is no such module. `id` is the identifier that subscribeCamera()
 /// returned. Setters return false for a value that the camera refuses and change nothing then.
 ///
-/// A subscription made through this proxy outlives the service. While the service is gone images cannot be fetched,
-/// and there is nothing to release or to unsubscribe. Once another has come, the next fetch or setting subscribes there
-/// with the same settings and parameters, behind the same identifier; a parameter that is refused then is logged.
+/// A subscription made through this proxy outlives the service. While the service is gone, images cannot be
+/// fetched, and release and unsubscribe do nothing. With a new service, the next fetch or setting subscribes again with
+/// the same settings and parameters under the same identifier; refused parameters are logged.
 ///
 /// A subscription or unsubscription that the service refuses is logged in the category "krplatform.camera".
 class KR_EXPORT KRVideoDeviceProxy {
@@ -29,16 +29,16 @@ public:
     explicit KRVideoDeviceProxy(const boost::shared_ptr<KRBroker>& broker);
     ~KRVideoDeviceProxy();
 
-    /// How long subscribeCamera() waits for a service that is not there; 10 s unless set, 0 not to wait.
+    /// How long subscribeCamera() waits for an absent service; default 10 s, 0: no wait.
     void setServiceTimeout(std::chrono::milliseconds timeout);
 
     /// Subscribes to a camera; the first subscriber opens it. Frame rate in images per second.
     ///
     /// If there is no service yet this waits for one, see setServiceTimeout(). Inside a call of a module, such as an
-    /// acquisition, the wait ends when that module is asked to exit. After a refusal the operations below throw the same
-    /// error for `name` in place of an identifier, until a subscription of that name succeeds.
+    /// acquisition, the wait ends when that module is asked to exit. After a refusal, the operations below throw the same
+    /// error if passed `name` as identifier, until a subscription of that name succeeds.
     /// \return the identifier to use from now on
-    /// \throws KRError no service in time; it refuses, for instance as the camera cannot be opened
+    /// \throws KRError no service in time; it refuses, for example because the camera cannot be opened
     std::string subscribeCamera(const std::string& name, int camera, int resolution, int colorSpace,
                                 int frameRate);
     /// Ends a subscription.
@@ -75,7 +75,7 @@ public:
     ///@{
     /// All cameras, in the order of their indices.
     std::vector<KRCameraInfo> getCameraList() const;
-    /// What can be set with setCameraParameter() on a camera, and its present values.
+    /// The controls for setCameraParameter() on a camera, with their present values.
     std::vector<KRCameraControl> getControls(int camera) const;
     /// Those of all subscriptions, the oldest first.
     std::vector<KRSubscriptionStatistics> getStatistics() const;

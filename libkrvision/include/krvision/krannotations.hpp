@@ -54,7 +54,7 @@ struct KR_EXPORT KRAnnotations {
     std::vector<Box> boxes;          ///< objects
     std::vector<Point> points;       ///< single points
     std::vector<Polyline> polylines; ///< outlines and paths
-    std::vector<Text> texts;         ///< what else there is to say
+    std::vector<Text> texts;         ///< any other text
 
     KRAnnotations() = default;
     /// No annotations yet, for an image: takes over its camera and time stamp.
@@ -84,7 +84,7 @@ struct KR_EXPORT KRAnnotations {
 
 /// Draws annotations into an image: boxes with label, identity and score, points as crosses, polylines, and texts.
 ///
-/// What lies outside the image is cut off. Lines and characters grow with the image: one pixel wide per 320 pixels of
+/// Clips to the image. Lines and characters grow with the image: one pixel wide per 320 pixels of
 /// its width, rounded up. Characters beyond ASCII are drawn as question marks.
 /// \param image  luma, YUV422, RGB, BGR or BGRx, with a buffer for its geometry
 /// \throws KRError  another colour space; no buffer, or an owned one that is too small; nothing is drawn

@@ -179,8 +179,8 @@ public:
 
     /// \name Files
     ///
-    /// `path` is the whole path, extension included. The oxi format: docs/oxi.md. They throw and log only what is
-    /// said here.
+    /// `path` is the whole path, extension included. The oxi format: docs/oxi.md. They throw and log only as
+    /// described here.
     ///@{
 
     /// Writes the image, except the ROIs and `extraFlag`, as an oxi file of version 1 that replaces any file of

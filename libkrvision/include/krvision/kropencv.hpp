@@ -1,7 +1,7 @@
 #pragma once
 
-// Images of KRVision as matrices of OpenCV, and back. Header only: KRVision itself does not need OpenCV; whoever includes
-// this links opencv_core.
+// Images of KRVision as matrices of OpenCV, and back. Header-only: KRVision itself does not need OpenCV; users of
+// this header link opencv_core.
 
 #include <krplatform/krerror.hpp>
 #include <krvision/krimage.hpp>
@@ -31,7 +31,7 @@ inline int getMatType(int colorSpace) noexcept {
 
 namespace detail {
 
-/// Frees the handle on an image's buffer with the last matrix that uses it, not the pixels.
+/// Releases the handle on an image's buffer with the last matrix that uses it.
 class KRImageMatAllocator : public cv::MatAllocator {
 public:
     static cv::UMatData* hold(const boost::shared_ptr<unsigned char[]>& data, std::size_t size) {
@@ -61,8 +61,8 @@ public:
 
 } // namespace detail
 
-/// An image as a matrix of `height` rows and `width` columns on the image's own pixels: nothing is copied, and what is
-/// written to one is in the other.
+/// An image as a matrix of `height` rows and `width` columns on the image's own pixels: nothing is copied, and
+/// writes to one are visible in the other.
 ///
 /// The matrix keeps an owned buffer alive. An external one must outlive it. The hook xProcessImage() may keep the matrix,
 /// as it may keep a copy of the image. Reentrant.
@@ -127,10 +127,10 @@ inline cv::Mat toMat(const KRImage& image, const KRImage::ROI& roi) {
     return whole(toRect(roi));
 }
 
-/// A matrix as an image on the matrix's own pixels: nothing is copied, and what is written to one is in the other.
+/// A matrix as an image on the matrix's own pixels: nothing is copied, and writes to one are visible in the other.
 ///
-/// The image keeps the matrix alive; to its operations the buffer is external. If the matrix lies on memory of the
-/// caller's, that must outlive the image. Time stamp, camera and field of view are those of a new image: -1, 0, and 0
+/// The image keeps the matrix alive; its operations treat the buffer as external. If the matrix uses memory of the
+/// caller, that must outlive the image. Time stamp, camera and field of view are those of a new image: -1, 0, and 0
 /// for all angles. Reentrant.
 /// \param colorSpace  what the channels are
 /// \throws KRError  a matrix that is empty or has more than two dimensions; a type that is not that of the colour space;

@@ -77,8 +77,7 @@ public:
 
 /// Reads an oxv file that may be cut, damaged or hostile.
 ///
-/// Where KRVideo trusts the file, this reader trusts nothing but the file's size and the stream headers, and checks
-/// those. Frames beyond 4 GiB can be read. Uses memory for one frame at most, whatever the headers announce.
+/// Unlike KRVideo, this reader trusts only the file's size and the stream headers, and checks these. Frames beyond 4 GiB can be read. Uses memory for one frame at most, whatever the headers announce.
 /// Reentrant.
 class KR_EXPORT KROxvFile {
 public:

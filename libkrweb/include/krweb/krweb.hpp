@@ -20,18 +20,18 @@ struct KRWebOptions {
     /// IP address and port to listen on: "127.0.0.1:8765", "[::1]:8765", "0.0.0.0:8765"; "localhost" is 127.0.0.1. Port 0
     /// is any free one.
     std::string address = kDefaultAddress;
-    /// Secret that requests for pictures and WebSockets must carry, 8 to 256 letters, digits, "-", "_", "." and "~";
+    /// Secret that requests for pictures and WebSockets must contain, 8 to 256 letters, digits, "-", "_", "." and "~";
     /// empty: none.
     std::string token = {};
-    /// Whether an address other than a loopback one may do without a token.
+    /// Whether an address other than loopback is allowed without a token.
     bool open = false;
     /// Refuses calls of services and changes of parameters.
     bool readOnly = false;
     /// Pages of other servers whose scripts may connect, as browsers name them: "https://viewer.example".
     std::vector<std::string> allowedOrigins = {};
-    /// For a request to come to its end, and for a client to read what it is sent; then its connection ends.
+    /// Time limit for receiving a request, and for a client to read its data; then its connection is closed.
     std::chrono::milliseconds patience{10'000};
-    /// Address of the broker, to be shown.
+    /// Address of the broker, for display.
     std::string domain = {};
 };
 
@@ -41,9 +41,9 @@ KR_EXPORT std::string readWebToken(const std::string& path);
 /// Serves a page that shows what the modules of a broker see, pictures over HTTP, and the Foxglove WebSocket protocol, all
 /// at one address (docs/web.md).
 ///
-/// It asks the system for nothing, subscribes to nothing and encodes nothing while nobody is connected. A service that is
-/// away is waited for. Runs threads of its own; a module "kr-web-HOST-PROCESS-PORT" receives values from the memory while
-/// somebody is connected. Thread-safe.
+/// Without connections it queries, subscribes to and encodes nothing. It waits for absent services. Runs its own threads; a
+/// module "kr-web-HOST-PROCESS-PORT" receives values from the memory while clients are
+/// connected. Thread-safe.
 class KR_EXPORT KRWebServer {
 public:
     /// Listens from now on.
