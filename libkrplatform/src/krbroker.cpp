@@ -27,7 +27,7 @@ void logFailedPost(const std::string& module, const std::string& method) {
 
 constexpr std::string_view kLocalScheme = "local:";
 
-/// What an address "local:..." says.
+/// A parsed address "local:...".
 struct LocalOptions {
     bool memory = true;
     bool recordingClock = false;
@@ -106,9 +106,9 @@ void KRBrokerPrivate::postCall(std::shared_ptr<KRModuleGate> gate, std::string m
         } catch (...) {
             logFailedPost(gate->getName(), method);
         }
-        job = nullptr; // what it holds is destroyed before the module
+        job = nullptr; // destroys its captures before the module
     };
-    // Entered last: whatever fails after this has to leave.
+    // Entered last: anything that fails after this must leave.
     if (fromInside) {
         gate->enterFromInside(method);
     } else {
@@ -179,7 +179,7 @@ bool KRSession::waitForService(const std::string& name, std::chrono::millisecond
     }
     const auto now = Clock::now();
     if (timeout > std::chrono::floor<milliseconds>(Clock::time_point::max() - now)) {
-        waitForService(name); // the clock does not reach that far
+        waitForService(name); // beyond the range of the clock
         return true;
     }
     return broker_.directory.waitFor(name, now + std::max(timeout, milliseconds::zero()));
@@ -192,7 +192,7 @@ KRBroker::~KRBroker() {
         p_->ledger->stop();
     }
     if (p_->transport) {
-        p_->transport->stop(); // first, so that no call to another process is waited for
+        p_->transport->stop(); // first, so as not to wait for calls to other processes
     }
     p_->noticingMemory = nullptr;
     p_->directory.setObserver(nullptr);

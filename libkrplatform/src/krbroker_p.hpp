@@ -21,12 +21,12 @@
 
 namespace KR {
 
-/// What a broker is made of, for the rest of the platform.
+/// The parts of a broker, for the rest of the platform.
 class KRBrokerPrivate {
 public:
     static KRBrokerPrivate& of(KRBroker& broker) { return *broker.p_; }
 
-    /// Enters the gate and runs the job on a call thread, which leaves the gate at its end. What the job throws is
+    /// Enters the gate and runs the job on a call thread, which leaves the gate afterwards. Exceptions of the job are
     /// logged. \param fromInside  the module itself calls
     /// \throws KRError the gate refuses the call; the job could not be posted
     void postCall(std::shared_ptr<KRModuleGate> gate, std::string method,
@@ -41,7 +41,7 @@ public:
     /// [name, value] pairs for the module of this name.
     std::vector<KRValue> getInitialParameters(const std::string& module) KR_EXCLUDES(parametersMutex);
 
-    /// A module became reachable, or stopped being so.
+    /// A module became reachable or unreachable.
     void noticeModule(const std::string& module, bool reachable) noexcept;
 
     KRMutex parametersMutex;

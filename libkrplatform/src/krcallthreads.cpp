@@ -23,7 +23,7 @@ struct KRCallThreads::State {
     std::deque<std::function<void()>> jobs KR_GUARDED_BY(mutex);
     Threads running KR_GUARDED_BY(mutex);
     Threads retired KR_GUARDED_BY(mutex);       // ended or about to; the next thread that retires joins them
-    std::list<Idle*> idle KR_GUARDED_BY(mutex); // the last one was busy last, so its memory is in the caches
+    std::list<Idle*> idle KR_GUARDED_BY(mutex); // most recently busy last, as its data is in the caches
     bool stopping KR_GUARDED_BY(mutex) = false;
 
     void wakeLast() KR_REQUIRES(mutex) {
@@ -31,7 +31,7 @@ struct KRCallThreads::State {
         idle.back()->wake.notifyOne();
         idle.pop_back();
     }
-    /// Waits for a job. \return false: none has come for a while
+    /// Waits for a job. \return false: none for a while
     bool waitIdle(KRLock& lock) KR_REQUIRES(mutex);
 
     static void run(std::shared_ptr<State> state, Threads::iterator self) noexcept;
@@ -74,7 +74,7 @@ void KRCallThreads::post(std::function<void()> job) {
     const KRLock lock(state_->mutex);
     state_->jobs.push_back(std::move(job));
     if (!state_->idle.empty()) {
-        state_->wakeLast(); // or a busy thread takes the job before
+        state_->wakeLast(); // unless a busy thread takes the job first
         return;
     }
     try {
@@ -121,8 +121,8 @@ void KRCallThreads::State::runJob(std::function<void()>& job) noexcept {
     try {
         setThreadName("KRCall"); // the last job may have left its own
         job();
-        job = nullptr; // what it holds is destroyed without the lock
-    } catch (...) {    // jobs catch what their callers can be told; what is left is no memory for that
+        job = nullptr; // destroys its captures without the lock
+    } catch (...) {    // jobs catch errors that they can report; only out-of-memory remains
         logError("krplatform.call", "a call thread ran out of memory");
         job = nullptr;
     }

@@ -7,18 +7,18 @@
 
 namespace KR {
 
-/// Threads that run posted calls: as many as there are calls in progress, however long these block.
-/// Of several without work the one that was busy last gets the next job; one without work retires after a while.
+/// Threads that run posted calls: as many as calls in progress, even if these block.
+/// Of several idle threads, the one that was busy last gets the next job; idle threads end after a while.
 /// Thread-safe.
 class KRCallThreads {
 public:
     static constexpr std::chrono::seconds kIdleTime{2};
 
     KRCallThreads();
-    /// Runs what was posted, then ends the threads. May be called on one of them.
+    /// Runs the posted jobs, then ends the threads. May be called on one of them.
     ~KRCallThreads();
 
-    /// Runs the job on one of the threads, soon. What the job throws is dropped, with an error in the log.
+    /// Runs the job on one of the threads, soon. Exceptions of the job are logged and dropped.
     /// \throws std::system_error no thread could be started, std::bad_alloc; the job is dropped
     void post(std::function<void()> job);
 

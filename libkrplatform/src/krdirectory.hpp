@@ -15,14 +15,14 @@
 
 namespace KR {
 
-/// The modules of a broker by name, and those of other processes that it knows of. Thread-safe.
+/// The modules of a broker and the known modules of other processes, by name. Thread-safe.
 class KRDirectory {
 public:
-    /// Called when a module becomes reachable, or stops being so. Runs on the thread that caused it, with no lock
+    /// Called when a module becomes reachable or unreachable. Runs on the thread that caused it, with no lock
     /// held, and must not block.
     using Observer = std::function<void(const std::string& module, bool reachable)>;
 
-    /// Set it before the first module comes and clear it after the last has gone.
+    /// Set it before the first module exists and clear it after the last is gone.
     void setObserver(Observer observer) { observer_ = std::move(observer); }
 
     /// The link to other processes that changes are announced through. Set and clear it as the observer.
@@ -35,9 +35,9 @@ public:
     /// Frees the name.
     void withdraw(const KRModuleGate& gate);
 
-    /// The gate under this name whatever its state, or null.
+    /// The gate under this name in any state, or null.
     std::shared_ptr<KRModuleGate> find(const std::string& name) const;
-    /// The module of another process under this name whatever its state, or null.
+    /// The module of another process under this name in any state, or null.
     std::shared_ptr<KRRemoteModule> findRemote(const std::string& name) const;
     /// State of the module, here or elsewhere; nullopt if unknown.
     std::optional<KRModuleState> getState(const std::string& name) const;
@@ -54,7 +54,7 @@ public:
     /// Blocks until the module can be called, or until the deadline. \return whether it can be called
     bool waitFor(const std::string& name,
                  std::optional<std::chrono::steady_clock::time_point> deadline) const;
-    /// The same, but also returns once a module is closed inside whose call the calling thread is.
+    /// The same, but also returns when a module that the calling thread is inside a call of is closed.
     bool waitForUnlessExiting(const std::string& name, std::chrono::steady_clock::time_point deadline) const;
     std::vector<std::string> listOpen() const;
 
@@ -66,7 +66,7 @@ private:
     Observer observer_;
     KRTransport* transport_ = nullptr;
     mutable KRMutex mutex_;
-    mutable KRCondition changed_; // a module came, can be called, or closed
+    mutable KRCondition changed_; // a module was added, became callable, or closed
     std::map<std::string, std::shared_ptr<KRModuleGate>> gates_ KR_GUARDED_BY(mutex_);
     std::map<std::string, std::shared_ptr<KRRemoteModule>> remote_ KR_GUARDED_BY(mutex_);
 };

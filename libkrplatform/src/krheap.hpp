@@ -7,7 +7,7 @@ namespace KR {
 /// Returns freed memory to the system; the allocator keeps it otherwise. Takes milliseconds per gigabyte.
 void returnFreedMemory() noexcept;
 
-/// Decides when returnFreedMemory() is worth its time: after the bytes held have dropped by 32 MiB. Reentrant.
+/// Decides when to call returnFreedMemory(): after the bytes held have dropped by 32 MiB. Reentrant.
 class KRHeapGauge {
 public:
     void add(std::size_t bytes) noexcept {

@@ -25,7 +25,7 @@ namespace KR {
 
 struct KRLogListener::Entry {
     std::function<void(const KRLogRecord&)> listener;
-    std::uint64_t firstRecord = 0; // number of the first record that it hears
+    std::uint64_t firstRecord = 0; // number of the first record that it receives
 };
 
 namespace {
@@ -36,7 +36,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::size_t kMaxQueuedBytes = 4 << 20;
 constexpr std::size_t kMaxMessage = 64 << 10;
-constexpr std::chrono::seconds kExitPatience{1};        // for a standard error that takes nothing
+constexpr std::chrono::seconds kExitPatience{1};        // for a blocked standard error
 constexpr std::chrono::milliseconds kRetryInterval{50}; // between attempts to write to it
 constexpr std::chrono::seconds kLossInterval{1};        // between reports of lost records
 
@@ -45,7 +45,7 @@ struct Item {
     KRLogRecord record;
     std::uint64_t number;
     bool printed;
-    Entries deaf; // the listeners that logged it or caused it, which do not hear it
+    Entries deaf; // the listeners that logged or caused it, which do not receive it
 
     std::size_t getSize() const {
         return sizeof(Item) + record.category.size() + record.message.size() + record.thread.size();
@@ -58,7 +58,7 @@ public:
     /// The log of this process; made by the first call.
     static Log& get();
 
-    /// Whether a record of this level may be printed or heard, depending on its category.
+    /// Whether a record of this level may be printed or delivered, depending on its category.
     bool isWanted(KRLogLevel level) const noexcept {
         return level <= mostVerbose_.load(std::memory_order_relaxed) ||
                hasListeners_.load(std::memory_order_acquire);
@@ -88,7 +88,7 @@ private:
     void waitForWork(KRLock& lock) KR_REQUIRES(mutex_) KR_NO_THREAD_SAFETY_ANALYSIS; // unlocks it to write
     void reportLosses() KR_REQUIRES(mutex_);
     void deliver(const Item& item, const Entries& listeners) noexcept KR_EXCLUDES(mutex_);
-    /// The rest of the queue, on the log thread, from which nothing more is to be expected.
+    /// Handles the rest of the queue when the log thread cannot any more.
     void printRest() noexcept KR_EXCLUDES(mutex_);
 
     /// In the child of a fork, whose parent's log is locked by the forking thread.
@@ -120,8 +120,8 @@ private:
     std::deque<Item> queue_ KR_GUARDED_BY(mutex_);
     std::size_t queuedBytes_ KR_GUARDED_BY(mutex_) = 0;
     std::uint64_t submitted_ KR_GUARDED_BY(mutex_) = 0; // records so far
-    std::uint64_t heard_ KR_GUARDED_BY(mutex_) = 0;     // of these, all listeners are through with
-    std::uint64_t written_ KR_GUARDED_BY(mutex_) = 0;   // of these, standard error has
+    std::uint64_t heard_ KR_GUARDED_BY(mutex_) = 0;     // of these, delivered to all listeners
+    std::uint64_t written_ KR_GUARDED_BY(mutex_) = 0;   // of these, written to standard error
     std::uint64_t lost_ KR_GUARDED_BY(mutex_) = 0; // records that found the queue full, since the last report
     Clock::time_point nextLossReport_ KR_GUARDED_BY(mutex_);
     Entries listeners_ KR_GUARDED_BY(mutex_);
@@ -315,14 +315,14 @@ void Log::deliver(const Item& item, const Entries& listeners) noexcept {
         {
             const KRLock lock(mutex_);
             if (std::count(listeners_.begin(), listeners_.end(), entry) == 0) {
-                continue; // it has gone meanwhile
+                continue; // removed in the meantime
             }
             calling_ = entry;
         }
         delivered = &item;
         try {
             entry->listener(item.record);
-        } catch (...) { // nobody is there to catch it
+        } catch (...) { // no caller to catch it
         }
         delivered = nullptr;
         const KRLock lock(mutex_);
@@ -363,7 +363,7 @@ void Log::remove(const std::shared_ptr<Entry>& entry) {
     std::erase(listeners_, entry);
     hasListeners_.store(!listeners_.empty(), std::memory_order_release);
     if (onLogThread) {
-        return; // called from within a listener, which may be this one
+        return; // called from within a listener, possibly this one
     }
     changed_.wait(lock, [&] {
         mutex_.assertHeld();

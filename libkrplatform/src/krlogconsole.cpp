@@ -159,7 +159,7 @@ bool KRLogConsole::write() noexcept {
         } else if (errno == EAGAIN) {
             return false;
         } else if (errno != EINTR) {
-            dropPending(); // closed, or its reader has gone: nobody is left to read
+            dropPending(); // closed, or its reader is gone
             lost_ = 0;
             return true;
         }

@@ -14,16 +14,16 @@
 
 namespace KR {
 
-/// Turns records into lines and writes them to standard error, which it never waits for.
+/// Formats records as lines and writes them to standard error without ever blocking.
 ///
 /// A line that repeats a recent one is only counted; the counts are written at growing intervals. Reentrant.
 class KRLogConsole {
 public:
     using Clock = std::chrono::steady_clock;
 
-    /// Bytes that wait for standard error at most; lines beyond that are lost, counted and reported.
+    /// Maximum bytes queued for standard error; further lines are dropped, counted and reported.
     static constexpr std::size_t kMaxPending = 1 << 20;
-    /// Lines whose repetitions are counted at most.
+    /// Maximum number of lines whose repetitions are counted.
     static constexpr std::size_t kMaxRecent = 256;
     /// Longest text of a record on standard error, in bytes.
     static constexpr std::size_t kMaxText = kMaxLogText;
@@ -41,7 +41,7 @@ public:
     std::optional<Clock::time_point> getNextReport() const;
 
     bool hasPending() const noexcept { return written_ < pending_.size(); }
-    /// Writes as much as standard error takes at once. \return whether nothing is left
+    /// Writes as much as possible without blocking. \return whether everything is written
     bool write() noexcept;
 
 private:

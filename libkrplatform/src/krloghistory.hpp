@@ -10,7 +10,7 @@
 
 namespace KR {
 
-/// The newest records of a process, for others to ask for. Thread-safe.
+/// The newest records of a process, for queries by others. Thread-safe.
 class KRLogHistory {
 public:
     static constexpr std::size_t kMaxBytes = 256 << 10;
@@ -26,7 +26,7 @@ public:
 private:
     static std::size_t getSize(const KRLogRecord& record) noexcept;
 
-    const std::string process_; ///< what `now` begins with; unlike that of any other process
+    const std::string process_; ///< prefix of `now`, unique to this process
 
     mutable KRMutex mutex_;
     std::deque<KRLogRecord> records_ KR_GUARDED_BY(mutex_);

@@ -10,7 +10,7 @@ namespace KR {
 namespace {
 
 KRLogLevel parseLevel(std::string_view name) {
-    if (name == "debug") { // what others call it
+    if (name == "debug") { // the common name elsewhere
         return KRLogLevel::Verbose;
     }
     for (const KRLogLevel level :

@@ -19,7 +19,7 @@ public:
     static constexpr std::size_t kMaxCategories = 100;
     static constexpr std::size_t kMaxCategory = 100; ///< bytes of a name
 
-    /// Level of the categories without one, until set() says another.
+    /// Level of categories without their own, until changed by set().
     void setDefault(KRLogLevel level) noexcept { default_ = level; }
     /// As setLogLevels(). \throws std::invalid_argument as that; nothing has changed then
     void set(std::string_view text);

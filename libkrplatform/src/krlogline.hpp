@@ -12,7 +12,7 @@ namespace KR {
 constexpr std::size_t kMaxLogCategory = 256; ///< bytes in a line
 constexpr std::size_t kMaxLogText = 8192;    ///< the same
 
-/// What a line of the log says; both texts are escaped.
+/// The contents of a log line; both texts are escaped.
 struct KRLogLine {
     KRLogLevel level;
     std::string category;

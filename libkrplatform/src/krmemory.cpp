@@ -15,12 +15,12 @@ namespace {
 
 constexpr const char* kMemoryCategory = "krplatform.memory";
 constexpr const char* kLossCallback = "onEventsLost";
-constexpr std::chrono::seconds kIntroduction{2}; // a module of another process may take to be known here
+constexpr std::chrono::seconds kIntroduction{2}; // time for a module of another process to be discovered here
 
 void tryToUnsubscribe(const KRProxy& extractor, const std::string& client) {
     try {
         extractor.call("unsubscribe", client);
-    } catch (...) { // it did not keep the subscriber
+    } catch (...) { // it had not kept the subscriber
     }
 }
 
@@ -54,7 +54,7 @@ void KRMemory::publishMethods() {
 
     functionName("insertData", kName, "Writes a value under a key.");
     addParam("key", "Name of the data.");
-    addParam("value", "The value; it replaces whatever was there.");
+    addParam("value", "The value; it replaces an existing one.");
     publish(&KRMemory::insertData);
 
     functionName("insertListData", kName, "Writes values under several keys, all or none.");
@@ -122,7 +122,7 @@ void KRMemory::publishMethods() {
     publish(&KRMemory::subscribeToEvent);
 
     functionName("unsubscribeFromEvent", kName,
-                 "Unsubscribes a module from an event, with its last one from the extractor too.");
+                 "Unsubscribes a module from an event, and with its last event from the extractor.");
     addParam("event", "Name of the event.");
     addParam("client", "Name of the module which had subscribed.");
     publish(&KRMemory::unsubscribeFromEvent);
@@ -150,7 +150,7 @@ void KRMemory::publishMethods() {
 
     functionName(
         "setEventLimits", kName,
-        "Limits the memory for events that wait for slow subscribers, which lose the oldest beyond it.");
+        "Limits the memory for events that wait for slow subscribers, which lose the oldest ones beyond it.");
     addParam("perSubscription", "Kilobytes for each subscription (65536 unless set).");
     addParam("inAll", "Kilobytes for all subscriptions together (262144 unless set).");
     publish(&KRMemory::setEventLimits);
@@ -175,7 +175,7 @@ void KRMemory::insertData(const std::string& key, const KRValue& value) {
     Idle idle;
     std::shared_ptr<const KRMemoryObserver> observer;
     {
-        Stored previous; // destroyed without the lock: shared bytes may call their owner then
+        Stored previous; // destroyed without the lock, as releasing shared bytes may call their owner
         Undelivered lost;
         Stored next{value, value.countBytes()};
         const std::size_t bytes = next.bytes;
@@ -306,7 +306,7 @@ void KRMemory::raiseEvent(const std::string& event, const KRValue& value) {
 
 void KRMemory::append(const std::shared_ptr<Subscription>& subscription, Pending pending, Undelivered& lost,
                       Idle& idle) {
-    idle.reserve(idle.size() + 1); // nothing fails between marking it as delivering and posting that
+    idle.reserve(idle.size() + 1); // nothing may fail between marking it as delivering and posting that
     const std::size_t bytes = pending.bytes;
     subscription->pending.push_back(std::move(pending));
     subscription->pendingBytes += bytes;
@@ -348,7 +348,7 @@ void KRMemory::setEventLimits(int perSubscription, int inAll) {
     const std::size_t bytesPerSubscription = toBytes(perSubscription);
     const std::size_t bytesInAll = toBytes(inAll);
     const KRLock lock(mutex_);
-    maxPendingBytes_ = bytesPerSubscription; // what waits already goes when the next event comes
+    maxPendingBytes_ = bytesPerSubscription; // excess events are dropped with the next event
     maxPendingInAll_ = bytesInAll;
 }
 
@@ -441,7 +441,7 @@ bool KRMemory::deliverNext(Subscription& subscription) {
     int lost = 0;
     {
         const KRLock lock(mutex_);
-        // Empty also once the subscription has ended. noticeModule() continues with what waits for a client that is not
+        // Also empty once the subscription has ended. noticeModule() resumes delivery to a client that is not
         // reachable yet.
         if (subscription.pending.empty() || isStillToCome(subscription.client.getModuleName())) {
             subscription.delivering = false;
@@ -486,7 +486,7 @@ void KRMemory::subscribeToEvent(const std::string& event, const std::string& cli
     Undelivered undelivered; // destroyed without the lock
     {
         const KRLock lock(mutex_);
-        findClient(client); // should it go after this, noticeModule() waits for the lock and drops it
+        findClient(client); // if it leaves after this, noticeModule() waits for the lock and drops it
         Event& subscribed = events_[event];
         undelivered = drop(subscribed.subscriptions, client);
         subscribed.subscriptions[client] = subscription;
@@ -495,7 +495,7 @@ void KRMemory::subscribeToEvent(const std::string& event, const std::string& cli
     try {
         settle(extractor, client);
     } catch (...) {
-        // Only this one: the client may have subscribed to the event once more meanwhile.
+        // Only this one: the client may have subscribed to the event again in the meantime.
         const KRLock lock(mutex_);
         undelivered = drop(events_[event].subscriptions, client, subscription.get());
         throw;
@@ -681,7 +681,7 @@ void KRMemory::settle(const std::string& extractor, const std::string& client) {
     const LinkKey key(extractor, client);
     const KRProxy proxy(getParentBroker(), extractor);
     KRLock lock(mutex_);
-    // The entry may go while this waits, so it is looked up anew each time.
+    // The entry may be removed during the wait, so it is looked up each time.
     settled_.wait(lock, [&] {
         mutex_.assertHeld();
         return !links_[key].busy;
@@ -691,7 +691,7 @@ void KRMemory::settle(const std::string& extractor, const std::string& client) {
     std::exception_ptr failure;
     std::exception_ptr unsubscribeFailure;
     while (!failure && isWanted(key) != link.subscribed) {
-        // Noted before the call: should the extractor go during the call, noticeModule() takes it back.
+        // Recorded before the call: if the extractor leaves during the call, noticeModule() reverts it.
         const bool subscribe = !link.subscribed;
         link.subscribed = subscribe;
         lock.unlock();
@@ -699,10 +699,10 @@ void KRMemory::settle(const std::string& extractor, const std::string& client) {
             proxy.call(subscribe ? "subscribe" : "unsubscribe", client);
         } catch (...) {
             if (!isReachable(extractor)) {
-                // It has gone, and its subscribers with it.
+                // It is gone, and so are its subscribers.
             } else if (subscribe) {
                 failure = std::current_exception();
-                tryToUnsubscribe(proxy, client); // it may have kept a subscriber whom it failed to serve
+                tryToUnsubscribe(proxy, client); // it may have kept the subscriber despite the error
             } else {
                 unsubscribeFailure = std::current_exception();
             }

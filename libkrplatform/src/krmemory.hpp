@@ -22,13 +22,13 @@ namespace KR {
 /// The memory module: data by key, events, and subscriptions to events.
 ///
 /// A client that subscribes to an event is also subscribed to the extractor that declared the event, for as long as it
-/// has a subscription to any event of that extractor. This follows extractors and clients that come and go. No lock is
+/// has a subscription to any event of that extractor. This tracks extractors and clients as they start and stop. No lock is
 /// held while an extractor or a client is called.
 class KRMemory : public KRModule {
 public:
     static constexpr const char* kName = "KRMemory";
-    /// Events that wait for one subscription at most. The oldest are lost, and counted, when this or one of the limits
-    /// in bytes is exceeded; the newest is always kept.
+    /// Maximum number of events queued for one subscription. When this or a limit in bytes is exceeded, the oldest are
+    /// dropped and counted; the newest is always kept.
     static constexpr std::size_t kMaxPending = 16384;
     static constexpr std::size_t kMaxPendingBytes = 64 << 20;  // of one subscription, unless set otherwise
     static constexpr std::size_t kMaxPendingInAll = 256 << 20; // the same of all
@@ -50,16 +50,16 @@ public:
     /// value is invalid if it has more than maxBytes
     KRValue getDataChanges(const std::string& prefix, const std::string& since, int maxBytes);
     void removeData(const std::string& key);
-    /// The module writes this key. Logs a warning if another one that is there has said so, too.
+    /// The module writes this key. Logs a warning if another existing module has declared it, too.
     void declareData(const std::string& key, const std::string& module);
 
     void declareEvent(const std::string& event, const std::string& extractor);
     void declareEvent(const std::string& event);
-    /// A subscriber that is not reachable yet gets it once it is.
+    /// A subscriber that is not reachable yet gets it later.
     void raiseEvent(const std::string& event, const KRValue& value);
     void subscribeToEvent(const std::string& event, const std::string& client, const std::string& callback);
     void unsubscribeFromEvent(const std::string& event, const std::string& client);
-    /// Calls `callback(string name, value, bool isEvent)` of the client for whatever is written under a name that begins
+    /// Calls `callback(string name, value, bool isEvent)` of the client for everything written under a name that begins
     /// with the prefix, and for such events; subscribes it to no extractor.
     void subscribeToWrites(const std::string& prefix, const std::string& client, const std::string& callback);
     void unsubscribeFromWrites(const std::string& prefix, const std::string& client);
@@ -69,13 +69,13 @@ public:
     /// \throws KRError the key or the value is too large for the memory
     static void checkData(const char* method, const std::string& key, const KRValue& value);
 
-    /// Limits what may wait, in kilobytes. \throws KRError a limit below 1
+    /// Limits the queues, in kilobytes. \throws KRError a limit below 1
     void setEventLimits(int perSubscription, int inAll);
 
     /// setMemoryObserver().
     void setObserver(KRMemoryObserver observer);
 
-    /// A module became reachable, or stopped being so. Does not block.
+    /// A module became reachable or unreachable. Does not block.
     void noticeModule(const std::string& module, bool reachable);
 
 private:
@@ -111,7 +111,7 @@ private:
         std::string extractor; // empty: no extractor raises it
         Subscriptions subscriptions;
     };
-    /// Subscriptions that are to be delivered to, once the lock has been left.
+    /// Subscriptions to deliver to after releasing the lock.
     using Idle = std::vector<std::shared_ptr<Subscription>>;
     // A client's subscription to an extractor.
     struct Link {
@@ -137,13 +137,13 @@ private:
     bool deliverNext(Subscription& subscription) KR_EXCLUDES(mutex_);
     /// deliver() on a call thread. \throws KRError there is none
     void deliverLater(const std::shared_ptr<Subscription>& subscription) KR_EXCLUDES(mutex_);
-    /// Brings the client's subscription to the extractor to what its events need.
+    /// Adjusts the client's subscription to the extractor to its event subscriptions.
     void settle(const std::string& extractor, const std::string& client) KR_EXCLUDES(mutex_);
-    /// A client came or went. \return whether it has a subscription among these
+    /// A client appeared or left. \return whether it has a subscription among these
     bool noticeClient(Subscriptions& subscriptions, const std::string& client, bool reachable,
                       std::vector<Undelivered>& undelivered, Idle& waiting) KR_REQUIRES(mutex_);
     void settleLater(const std::vector<LinkKey>& links) KR_EXCLUDES(mutex_);
-    /// Logs a warning if both are modules that are there, and not the same one.
+    /// Logs a warning if both are existing, different modules.
     void warnIfBoth(const std::string& before, const std::string& now, const std::string& declare) const;
     bool isReachable(const std::string& module) const;
     bool isStillToCome(const std::string& module) const; // its name is taken, but it cannot be called yet
@@ -152,16 +152,16 @@ private:
     /// without the lock.
     [[nodiscard]] Undelivered drop(Subscriptions& subscriptions, const std::string& client,
                                    const Subscription* subscription = nullptr) KR_REQUIRES(mutex_);
-    /// Lets a value wait for a subscription. `idle` has room for one more. The caller destroys `lost` without the lock.
+    /// Queues a value for a subscription. `idle` has room for one more. The caller destroys `lost` without the lock.
     void append(const std::shared_ptr<Subscription>& subscription, Pending pending, Undelivered& lost,
                 Idle& idle) KR_REQUIRES(mutex_);
-    /// The same for all who subscribed to writes under this name.
+    /// The same for all subscribers to writes under this name.
     void appendWrite(const std::string& name, bool isEvent, const KRValue& value, std::size_t bytes,
                      Undelivered& lost, Idle& idle) KR_REQUIRES(mutex_);
     /// \throws KRError no thread; the rest has been posted
     void deliverTo(const Idle& idle) KR_EXCLUDES(mutex_);
     [[nodiscard]] Pending takeOldest(Subscription& subscription) KR_REQUIRES(mutex_);
-    /// Drops the oldest events until what waits is within the limits. The caller destroys `lost` without the lock.
+    /// Drops the oldest events until the queues are within the limits. The caller destroys `lost` without the lock.
     void enforceLimits(Subscription& grown, Undelivered& lost) KR_REQUIRES(mutex_);
     /// \throws KRError no data under this key, named after the method
     const Stored& find(const char* method, const std::string& key) const KR_REQUIRES(mutex_);
@@ -169,7 +169,7 @@ private:
     /// Returns memory to the system, on a call thread, after a lot of it has been freed.
     void returnMemoryLater() KR_EXCLUDES(mutex_);
 
-    const std::string instance_; // no other memory module has it
+    const std::string instance_; // unique to this memory module
 
     mutable KRMutex mutex_;
     KRCondition settled_;

@@ -12,8 +12,8 @@
 
 namespace KR {
 
-/// What a process has for the memory module while that is away: the newest value of each key, and the events raised,
-/// in order. When it is full the oldest event is lost, or the oldest value if there is no event. Reentrant.
+/// Data of a process for the memory module while that is away: the newest value of each key, and the raised events, in
+/// order. When full, drops the oldest event, or the oldest value if there are no events. Reentrant.
 class KRMemoryBacklog {
 public:
     static constexpr std::size_t kMaxBytes = 64 << 20;
@@ -42,7 +42,7 @@ public:
     Counts getCounts() const noexcept { return {newest_.size(), events_.size()}; }
     /// Entries lost since the last call.
     std::size_t takeLost() noexcept;
-    /// \return whether so much has been freed that returnFreedMemory() is worth its time
+    /// \return whether enough has been freed to call returnFreedMemory()
     bool takeReturn() noexcept { return heap_.takeReturn(); }
 
 private:

@@ -1,4 +1,4 @@
-// Several values of the memory module in one call, and how large keys and values may be.
+// Operations of the memory module on several values, and limits of keys and values.
 
 #include "krmemory.hpp"
 
@@ -76,7 +76,7 @@ KRValue KRMemory::getDataValues(const std::string& prefix) {
 }
 
 KRValue KRMemory::getDataChanges(const std::string& prefix, const std::string& since, int maxBytes) {
-    // "INSTANCE-NUMBER"; what another memory module has returned stands for no values.
+    // "INSTANCE-NUMBER"; positions of other memory modules are before all values.
     const std::string own = instance_ + "-";
     std::uint64_t last = 0;
     if (since.starts_with(own)) {

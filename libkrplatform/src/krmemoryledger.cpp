@@ -17,7 +17,7 @@ constexpr const char* kLedgerCategory = "krplatform.memory";
 // The memory module may discover the modules of this process a little later than this process discovers it.
 constexpr int kTries = 25;
 constexpr std::chrono::milliseconds kDeliveryRetryInterval{200};
-// Time for the clients in other processes to subscribe again before they would miss the events that were kept.
+// Gives clients in other processes time to subscribe again before the kept events are delivered.
 constexpr std::chrono::seconds kResubscriptionTime{1};
 
 std::string describe(const KRMemoryBacklog::Counts& counts) {
@@ -34,7 +34,7 @@ KRMemoryLedger::KRMemoryLedger(boost::shared_ptr<KRBroker> broker,
     : memory_(std::move(broker), KRMemory::kName), post_(std::move(post)) {}
 
 bool KRMemoryLedger::isAbsence(std::uint32_t memory, const KRError& error) const {
-    // Its process may refuse the call before this one hears that the module is exiting.
+    // Its process may refuse the call before this one learns that the module is exiting.
     return memory == 0 || memory_.getModuleNumber() != memory ||
            KRModuleGate::isRefusal(error, KRMemory::kName);
 }
@@ -122,7 +122,8 @@ void KRMemoryLedger::declareEvent(const std::string& event, const std::string& e
         if (known != declarations_.end()) {
             before = known->second;
         }
-        declarations_[event] = extractor; // first, so that a memory module that comes during the call gets it
+        declarations_[event] =
+            extractor; // first, so that a memory module that starts during the call gets it
         noteChange();
     }
     try {
@@ -218,7 +219,7 @@ void KRMemoryLedger::goAway() {
         return;
     }
     away_ = true;
-    used_ = true; // what is kept now is for the next memory module, though this one was never written to
+    used_ = true; // data kept now is for the next memory module, even if this one was never written to
     handedOver_ = {};
     lost_ = 0;
     logWarning(kLedgerCategory, "the memory module has gone; values and events are kept until one is back");
@@ -243,7 +244,7 @@ void KRMemoryLedger::handOver() {
             std::uint32_t memory = 0;
             bool toldBefore = false;
             {
-                // The number is read with the lock held: a memory module that comes later starts another hand-over.
+                // The number is read with the lock held: a later memory module starts another delivery.
                 const KRLock lock(mutex_);
                 memory = memory_.getModuleNumber();
                 toldBefore = told_ == memory;
@@ -272,7 +273,7 @@ void KRMemoryLedger::handOver() {
             const KRLock lock(mutex_);
             handingOver_ = false; // the next operation tries again
         }
-        logError(kLedgerCategory, "what was kept for the memory module is not handed over: " + why);
+        logError(kLedgerCategory, "values and events kept for the memory module were not delivered: " + why);
     }
 }
 
@@ -310,8 +311,10 @@ bool KRMemoryLedger::repeatAll(const Declarations& declarations, const Subscript
         } catch (const KRError& error) {
             complete = false;
             if (last) {
-                logError(kLedgerCategory,
-                         std::string("the memory module that has come does not know all: ") + error.what());
+                logError(
+                    kLedgerCategory,
+                    std::string("the new memory module lacks events or subscriptions of this process: ") +
+                        error.what());
             }
         }
     };

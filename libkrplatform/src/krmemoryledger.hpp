@@ -16,17 +16,17 @@
 
 namespace KR {
 
-/// What the modules of this process tell the memory module, which may go and come back.
+/// Writes to the memory module on behalf of the modules of this process, and survives its restarts.
 ///
-/// Declarations and subscriptions are kept, and repeated to each memory module that comes. While none is there, values
-/// and raised events are kept too, within bounds, and handed over once one is back. All this needs a memory module to
-/// have been there once; until then operations fail. Thread-safe.
+/// Declarations and subscriptions are stored, and repeated to each new memory module. While there is none, values and raised
+/// events are also stored, up to a limit, and delivered once one is back. Before the first memory module has been seen,
+/// operations fail. Thread-safe.
 class KRMemoryLedger {
 public:
     /// \param post  runs a job on a call thread; may throw
     KRMemoryLedger(boost::shared_ptr<KRBroker> broker, std::function<void(std::function<void()>)> post);
 
-    /// The operations of KRMemoryProxy of these names; they throw what the memory module throws.
+    /// The operations of KRMemoryProxy with these names; they pass on errors of the memory module.
     void insertData(const std::string& key, const KRValue& value);
     void insertListData(const std::vector<std::pair<std::string, KRValue>>& list);
     void raiseEvent(const std::string& event, const KRValue& value);
@@ -34,9 +34,9 @@ public:
     void subscribeToEvent(const std::string& event, const std::string& client, const std::string& callback);
     void unsubscribeFromEvent(const std::string& event, const std::string& client);
 
-    /// A module became reachable, or stopped being so. Does not block and does not throw.
+    /// A module became reachable or unreachable. Does not block or throw.
     void noticeModule(const std::string& module, bool reachable) noexcept KR_EXCLUDES(mutex_);
-    /// Gives up on a memory module that is away, and ends the hand-over soon.
+    /// Stops waiting for a memory module, and ends the delivery soon.
     void stop() noexcept KR_EXCLUDES(mutex_);
 
 private:
@@ -45,18 +45,18 @@ private:
         std::map<std::pair<std::string, std::string>, std::string>; // callback by event, client
     enum class Outcome { Done, Away, Skipped };
 
-    /// Calls the memory module. \return Away: it is not there; Skipped: it was not there before, so nothing was called
+    /// Calls the memory module. \return Away: there is none; Skipped: it was already known to be away, so nothing was called
     template <class... A>
     Outcome callIfThere(const char* method, const A&... arguments) const;
-    /// The error says that the memory module with this number is not there any more.
+    /// Whether the error means that the memory module with this number is gone.
     bool isAbsence(std::uint32_t memory, const KRError& error) const;
     void write(const char* method, KRMemoryBacklog::Kind kind, const std::string& name, const KRValue& value);
     void noteChange() KR_REQUIRES(mutex_);
-    /// What follows a declaration or subscription.
+    /// Called after a declaration or subscription.
     void finish(Outcome outcome) KR_EXCLUDES(mutex_);
     void goAway() KR_REQUIRES(mutex_);
     void startHandOver() KR_REQUIRES(mutex_);
-    /// Runs on a call thread until the memory module has everything, or is not there.
+    /// Runs on a call thread until the memory module has everything, or is gone.
     void handOver() KR_EXCLUDES(mutex_);
     /// Repeats declarations and subscriptions to the memory module of this number.
     void repeat(std::uint32_t memory) KR_EXCLUDES(mutex_);
@@ -69,7 +69,7 @@ private:
     const KRProxy memory_;
     const std::function<void(std::function<void()>)> post_;
     std::atomic<bool> seen_ = false; // there has been a memory module
-    std::atomic<bool> used_ = false; // and something was told to it
+    std::atomic<bool> used_ = false; // and it was written to
     std::atomic<bool> away_ =
         false; // it is not there, or does not have the backlog yet; set with mutex_ held
 

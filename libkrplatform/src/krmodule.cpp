@@ -21,7 +21,7 @@ namespace KR {
 
 namespace {
 
-// Answered by every module, unless it publishes a method of the same name.
+// Implemented by every module, unless it publishes a method of the same name.
 constexpr std::string_view kGetMethodList = "getMethodList";
 constexpr std::string_view kGetMethodHelp = "getMethodHelp";
 constexpr std::string_view kGetFailure = "getFailure";
@@ -420,7 +420,7 @@ bool KRModule::xIsCallerGone() const {
 }
 
 void shutDownAndDestroy(std::unique_ptr<KRModule> module) noexcept {
-    // Nothing here may fail: no caller is left to report it to.
+    // Nothing here may fail, as there is no caller to report to.
     const auto takeDown = [](std::unique_ptr<KRModule> last) noexcept {
         try {
             last->shutDown();
@@ -440,7 +440,7 @@ void shutDownAndDestroy(std::unique_ptr<KRModule> module) noexcept {
         KRBrokerPrivate::of(*broker).threads.post(
             [leaving, takeDown] { takeDown(std::unique_ptr<KRModule>(leaving)); });
     } catch (...) { // it cannot be destroyed here, inside its own call
-        logError("krplatform.module", "a module that exits stays: out of threads or memory");
+        logError("krplatform.module", "an exiting module cannot be destroyed: out of threads or memory");
     }
 }
 

@@ -30,7 +30,7 @@ struct KRModule::Private {
     KRValue call(std::string_view method, std::span<const KRValue> arguments) const;
     const Method* findMethod(std::string_view method, std::span<const KRValue> arguments) const;
     std::string describeMethods(std::string_view method) const;
-    /// Names of published methods that somebody who wrote `wanted` may have meant.
+    /// Names of published methods similar to `wanted`.
     std::string suggestMethods(std::string_view wanted) const;
     std::string getSignatures(const std::vector<std::size_t>& indices) const;
     KRDirectory& getDirectory() const;

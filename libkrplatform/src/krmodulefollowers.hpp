@@ -8,7 +8,7 @@
 
 namespace KR {
 
-/// Something that acts when a module comes.
+/// Something that acts when a module appears.
 class KRModuleFollower {
 public:
     virtual ~KRModuleFollower() = default;

@@ -11,7 +11,7 @@ namespace {
 // would have to be freed when the thread ends.
 thread_local const KRModuleGate::Running* innermostCall = nullptr;
 
-// Callers in other processes recognize these texts, too.
+// Callers in other processes also recognize these texts.
 constexpr const char* kExiting = "the module is exiting";
 constexpr const char* kNotReachable = "the module is not reachable yet";
 std::string describeAbsence(const std::string& module) {

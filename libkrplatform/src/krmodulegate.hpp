@@ -22,39 +22,39 @@ public:
     KRModuleGate(std::string name, KRModule& module);
 
     const std::string& getName() const noexcept { return name_; }
-    /// Unique among all modules that this process knows or knew of.
+    /// Unique among all modules that this process has ever known.
     std::uint32_t getNumber() const noexcept { return number_; }
 
-    /// Lets callers in, unless the gate is closed. \return whether this call did it
+    /// Opens the gate, unless it is closed. \return whether this call did it
     bool open() noexcept;
-    /// Lets no caller in any more. \return whether this call did it
+    /// Closes the gate. \return whether this call did it
     bool close() noexcept;
     bool isOpen() const noexcept;
-    /// Callers were let in at some time, and may still be inside although the gate is closed.
+    /// Whether the gate has been open: callers may still be inside although it is closed.
     bool wasOpened() const noexcept;
     bool isClosed() const noexcept;
 
-    /// Counts a call that is about to run. \throws KRError the gate lets no call of `method` in
+    /// Counts a call that is about to run. \throws KRError the gate is not open
     void enter(std::string_view method);
     /// The same for a call that the module itself makes, perhaps before the gate is open.
     void enterFromInside(std::string_view method);
     /// The same without an exception. \return whether the call may run
     bool tryToEnter() noexcept;
     void leave() noexcept;
-    /// Throws what enter() throws, for a module without a gate here. \param state  nullopt: there is no such module
+    /// Throws the error of enter() for a module without a gate here. \param state  nullopt: there is no such module
     [[noreturn]] static void refuse(const std::string& module, std::string_view method,
                                     std::optional<KRModuleState> state);
 
     /// Enters, calls the method on this thread, leaves.
     KRValue call(std::string_view method, std::span<const KRValue> arguments);
 
-    /// The calling thread is inside a call of this module.
+    /// Whether the calling thread is inside a call of this module.
     bool isInsideCall() const noexcept { return countCallsOfThisThread() > 0; }
     /// The call of another process that runs in this module on this thread; null for one of this process.
     const KRIncomingCall* getIncomingCall() const noexcept;
-    /// The error says that the module of this name lets no call in, in this process or another one.
+    /// Whether the error is a refusal by the gate of the module of this name, in any process.
     static bool isRefusal(const KRError& error, const std::string& module);
-    /// The calling thread is inside a call of a module that is closed.
+    /// Whether the calling thread is inside a call of a closed module.
     static bool isThreadExiting() noexcept;
     /// Blocks until no thread but the calling one is inside a call.
     void waitForCalls() const noexcept;

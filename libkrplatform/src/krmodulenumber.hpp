@@ -4,7 +4,7 @@
 
 namespace KR {
 
-/// A number that no module of this process, nor one that it knows of elsewhere, has or had. Thread-safe.
+/// A number that no known module, local or remote, has or had. Thread-safe.
 std::uint32_t drawModuleNumber() noexcept;
 
 } // namespace KR

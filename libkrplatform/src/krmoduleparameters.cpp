@@ -1,4 +1,4 @@
-// What KRModule has to do with parameters; the parameters themselves are in krparameters.cpp.
+// The parameter functions of KRModule; the parameters themselves are in krparameters.cpp.
 
 #include "krplatform/krlog.hpp"
 #include "krplatform/krmodule.hpp"
@@ -23,7 +23,7 @@ void KRModule::xDeclareParameter(KRParameterInfo info, std::function<void(const 
         return;
     }
     p_->firstParameterMethod = p_->methods.size();
-    const KRMethodDescription open = p_->openDescription; // of whoever is about to publish something else
+    const KRMethodDescription open = p_->openDescription; // may be in use for another method
 
     functionName("getParameterList", kClassName, "Gets the parameters and their values.");
     setReturn("parameters",
@@ -68,7 +68,7 @@ void KRModule::Private::raiseParameterChanged(const std::string& parameter,
     try {
         KRBrokerPrivate::of(*broker).ledger->raiseEvent(name + "/ParameterChanged",
                                                         KRValue::array(parameter, value));
-    } catch (...) { // there is no memory module, most likely: nobody can have subscribed
+    } catch (...) { // probably no memory module, so no subscribers
         logVerbose("krplatform.module",
                    name + " cannot tell of a changed parameter: " + describeCurrentException());
     }

@@ -7,8 +7,8 @@
 
 namespace KR {
 
-/// The names that somebody who wrote `name` may have meant: those that contain it or are contained in it, then by the
-/// number of letters to add, remove or replace. Upper and lower case are the same. Equal names count once.
+/// Suggestions for a misspelt `name`: names that contain it or are contained in it, then by the number of letters to add,
+/// remove or replace. Upper and lower case are the same. Equal names count once.
 /// \param count  of names to return at most
 /// Reentrant.
 std::vector<std::string> findNearestNames(std::string_view name, const std::vector<std::string>& names,

@@ -19,7 +19,7 @@ bool isName(const std::string& name) {
     });
 }
 
-// What is wrong with the declaration; "" if nothing is.
+// The problem with the declaration; "" if none.
 std::string findMistake(const KRParameterInfo& info) {
     using Type = KRParameterInfo::Type;
     if (!isName(info.name)) {
@@ -38,7 +38,7 @@ std::string findMistake(const KRParameterInfo& info) {
     return info.convert(info.defaultValue, problem) ? "" : "the default: " + problem;
 }
 
-// What a setter has thrown, for the caller whose value it refuses.
+// The setter's exception, for the caller whose value it refuses.
 std::string describeRefusal() {
     try {
         throw;
@@ -189,7 +189,7 @@ void KRParameters::set(Parameter& parameter, const KRValue& value) {
         own = ++parameter.lastTicket;
         parameter.told.emplace(own, value);
     }
-    Ticket applied = 0; // the last one that the setter took from this thread, and its value
+    Ticket applied = 0; // the last one that the setter accepted on this thread, and its value
     KRValue appliedValue;
     Ticket next = own;
     KRValue nextValue = value;
@@ -210,7 +210,7 @@ void KRParameters::set(Parameter& parameter, const KRValue& value) {
             }
         } else if (told.begin()->first != next) {
             told.erase(next);
-        } else if (next != own) { // it took the value before, but not now: what it took last is in force
+        } else if (next != own) { // it refuses the newer value: the last accepted one stays in force
             told.erase(next);
             told.emplace(applied, appliedValue);
         }
@@ -236,7 +236,7 @@ void KRParameters::noticeChange(const std::string& name) noexcept {
     }
 }
 
-// Calls overlap, so a report with an older value may come last: whoever reports reads the value again afterwards.
+// Calls overlap, so a report with an older value may come last: each reporter reads the value again afterwards.
 void KRParameters::reportChange(Parameter& parameter) {
     KRValue value = read(parameter);
     {

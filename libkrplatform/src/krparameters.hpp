@@ -14,18 +14,18 @@ namespace KR {
 
 /// The parameters of one module. Declared by its constructor; thread-safe once declared.
 ///
-/// A setter runs on the thread that sets, without a lock. Those of overlapping calls overlap too: whoever finds a
-/// newer value when its setter returns passes that one on, so the value passed last is the one in force.
+/// A setter runs on the thread that sets, without a lock. Setters of overlapping calls overlap, too: a call that finds a
+/// newer value when its setter returns passes that on, so the last value wins.
 class KRParameters {
 public:
     using Setter = std::function<void(const KRValue&)>;
     using Getter = std::function<KRValue()>;
-    /// Tells others of a new value. Runs without a lock; must not throw.
+    /// Reports a new value. Runs without a lock; must not throw.
     using OnChange = std::function<void(const std::string& name, const KRValue& value)>;
 
     KRParameters(std::string module, OnChange onChange);
 
-    /// \param getter  where the value is kept; empty: here
+    /// \param getter  returns the value; empty: it is stored here
     /// \throws KRError a malformed or taken name; an empty or too large range; a default out of it; no setter
     void declare(KRParameterInfo info, Setter setter, Getter getter = {});
     bool isEmpty() const noexcept { return parameters_.empty(); }
@@ -36,10 +36,10 @@ public:
     KRValue getValue(const std::string& name);
     /// \throws KRError no such parameter; a value out of range; the setter's reason to refuse it
     void setValue(const std::string& name, const KRValue& value);
-    /// Sets [name, value] pairs, all of them or, if any cannot be right, none.
-    /// \throws KRError what is wrong with each; the reasons of setters, when all others have been set
+    /// Sets [name, value] pairs, or none if any is invalid.
+    /// \throws KRError lists all invalid ones; or the reasons of setters that refused, after setting all others
     void setValues(const std::vector<KRValue>& pairs);
-    /// The parameter may have changed by other means than these. Does not throw.
+    /// The parameter may have changed by other means. Does not throw.
     void noticeChange(const std::string& name) noexcept;
 
 private:
@@ -52,7 +52,7 @@ private:
 
         KRMutex mutex;
         Ticket lastTicket KR_GUARDED_BY(mutex) = 0;
-        // In the order of telling: the value in force, then those whose setters run. Never empty.
+        // In order: the value in force, then those whose setters are running. Never empty.
         std::map<Ticket, KRValue> told KR_GUARDED_BY(mutex);
         KRValue reported KR_GUARDED_BY(mutex); // to onChange_, last
     };
@@ -63,7 +63,7 @@ private:
     /// \throws KRError named after the method
     Parameter& get(const std::string& name, const char* method) const;
     static KRValue read(Parameter& parameter);
-    /// Runs the setter until the value told last is in force. \throws what the setter throws for this value
+    /// Runs the setter until the last value is in force. Passes on exceptions of the setter for this value
     void set(Parameter& parameter, const KRValue& value);
     void reportChange(Parameter& parameter);
 

@@ -32,7 +32,7 @@ public:
         : broker_(broker), extractor_(broker, extractor), client_(std::move(client)),
           parameters_(parameters) {
         KRBrokerPrivate& p = KRBrokerPrivate::of(*broker_);
-        p.followers.add(*this); // before the check: one that comes in between is noticed
+        p.followers.add(*this); // before the check, so as not to miss a module that appears in between
         try {
             start();
         } catch (...) {
@@ -83,12 +83,12 @@ private:
         return subscribedTo_ != 0 && subscribedTo_ == extractor_.getModuleNumber();
     }
 
-    /// Has a call thread subscribe, if there is a module and none does so already.
+    /// Subscribes on a call thread, if there is a module and none does so already.
     void start() {
         const KRLock lock(mutex_);
-        changed_.notifyAll(); // for a thread that is busy: it may wait before it asks another time
+        changed_.notifyAll(); // wakes a busy thread that waits before its next attempt
         if (busy_ || ended_ || extractor_.getModuleNumber() == 0 || isSubscribedNow()) {
-            return; // a thread that is busy looks for the module before it ends
+            return; // the busy thread checks for the module before it ends
         }
         busy_ = true;
         try {
@@ -102,7 +102,7 @@ private:
     void run() noexcept {
         try {
             subscribeUntilAccepted();
-        } catch (...) { // no memory, for a text most likely; the next module of this name is another chance
+        } catch (...) { // out of memory; retried with the next module of this name
             logError(kSubscriptionCategory, "a subscription is given up");
             const KRLock lock(mutex_);
             busy_ = false;
@@ -139,7 +139,7 @@ private:
         }
     }
 
-    /// \return why it was refused; empty if it was not
+    /// \return reason of the refusal; empty if accepted
     std::string subscribe() {
         try {
             if (parameters_) {
@@ -149,7 +149,7 @@ private:
             }
             return {};
         } catch (const KRError& error) {
-            unsubscribe(); // it may have kept a subscriber whom it failed to serve
+            unsubscribe(); // it may have kept the subscriber despite the error
             return error.getDescription().empty() ? "it gives no reason" : error.getDescription();
         } catch (...) {
             const std::string reason = describeCurrentException();
@@ -160,7 +160,7 @@ private:
     void unsubscribe() noexcept {
         try {
             extractor_.call("unsubscribe", client_);
-        } catch (...) { // it has gone, or did not keep the subscriber
+        } catch (...) { // it is gone, or had not kept the subscriber
             logVerbose(kSubscriptionCategory, describeCurrentException());
         }
     }

@@ -56,9 +56,9 @@ void run(KRIncomingCall& call, KRModuleGate& gate) {
         } catch (...) {
             failure = KRError(call.module, call.method, describeCurrentException());
         }
-        call.arguments.clear(); // before the module is destroyed, which may own what they hold
+        call.arguments.clear(); // before the module, which may own their bytes, is destroyed
     }
-    // Outside the module: a caller that does not read its answer must not keep the module from being destroyed.
+    // Outside the module, so that a caller that does not read its answer cannot block the module's destruction.
     if (failure) {
         call.fail(*failure);
     } else {
@@ -120,7 +120,7 @@ void KRTransportHost::noticeCallerGone(const std::string& caller) noexcept {
     try {
         gates = broker_.directory.getOpenGates();
     } catch (const std::bad_alloc&) {
-        logError("krplatform.call", "what modules keep for a caller that has gone stays: out of memory");
+        logError("krplatform.call", "modules were not notified that a caller is gone: out of memory");
     }
     for (const std::shared_ptr<KRModuleGate>& gate : gates) {
         try {

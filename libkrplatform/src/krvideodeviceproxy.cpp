@@ -78,7 +78,7 @@ std::vector<T> readAll(const KRValue& values) {
 
 } // namespace
 
-/// What this proxy has subscribed to, kept to subscribe again when the service is another one. Thread-safe.
+/// The subscriptions of this proxy, for subscribing again at a new service. Thread-safe.
 class KRVideoDeviceProxy::Subscriptions {
 public:
     struct Subscription {
@@ -112,14 +112,14 @@ public:
             name, Refusal{error.getModule(), error.getMethod(), error.getDescription(), error.getLocation()});
     }
 
-    /// The identifier that the service knows the subscription by. Subscribes again if the service is another one.
+    /// The subscription's identifier at the service. Subscribes again if the service is new.
     /// \throws KRError the service refuses that; the identifier is the name of a subscription that was refused
     std::string getServiceId(const std::string& id) {
         const KRLock lock(mutex_);
         const auto found = byId_.find(id);
         if (found == byId_.end()) {
             throwRefusalOf(id);
-            return id; // not one of ours: for the service to judge
+            return id; // not one of ours: left to the service
         }
         const std::uint32_t service = proxy_.getModuleNumber();
         if (service != 0 && service != found->second.service) {
@@ -128,8 +128,8 @@ public:
         return found->second.id;
     }
 
-    /// Calls an operation that has no meaning for a service that does not know the subscription, or is exiting: what the
-    /// subscription holds goes with the service.
+    /// Calls an operation that is not needed if the service does not know the subscription or is exiting, as its resources
+    /// end with the service.
     void callIfSubscribed(const char* method, const std::string& id) {
         std::optional<Subscription> subscription;
         {
@@ -164,7 +164,7 @@ public:
         }
     }
 
-    /// Sets a setting, also for the service to come.
+    /// Changes a setting, also for future services.
     template <class Value, class Change>
     bool set(const char* method, const std::string& id, Value value, Change function) {
         const bool accepted = proxy_.call<bool>(method, getServiceId(id), value);
@@ -203,7 +203,7 @@ public:
 private:
     static constexpr std::size_t kMaxRefusals = 64;
 
-    /// What a KRError holds. Its copies would share a text, between threads.
+    /// The contents of a KRError, whose copies would share a text between threads.
     struct Refusal {
         std::string module;
         std::string method;
@@ -230,14 +230,14 @@ private:
                 if (!proxy_.call<bool>("setCameraParameter", subscription.id, parameter, value)) {
                     logWarning(kCameraCategory, text + ": the camera refuses it");
                 }
-            } catch (const KRError& error) { // the others may be accepted all the same
+            } catch (const KRError& error) { // the others may still be accepted
                 logWarning(kCameraCategory, text + ": " + error.what());
             }
         }
     }
 
-    /// An extractor whose subscription was refused goes on with its name in place of an identifier. The cause says
-    /// more than that the service does not know it.
+    /// An extractor whose subscription was refused uses its name as identifier. The original error is more helpful than
+    /// that of an unknown subscription.
     void throwRefusalOf(const std::string& name) KR_REQUIRES(mutex_) {
         const auto refusal = refusals_.find(name);
         if (refusal != refusals_.end()) {
@@ -284,7 +284,7 @@ std::string KRVideoDeviceProxy::subscribeCamera(const std::string& name, int cam
                 if (!isGone) {
                     sleepMilliseconds(10);
                 }
-                continue; // it went during the call
+                continue; // it left during the call
             }
             logWarning(kCameraCategory, "camera " + std::to_string(camera) + " for " + name +
                                             ": subscription refused: " + error.what());

@@ -13,7 +13,7 @@
 
 namespace KR::test {
 
-/// Stands in for an extractor: records its subscribers.
+/// A fake extractor that records its subscribers.
 class FakeExtractor : public KRModule {
 public:
     using Names = std::set<std::string>;
@@ -53,7 +53,7 @@ public:
         const std::lock_guard lock(mutex_);
         return subscribers_;
     }
-    /// Waits until exactly these are subscribed. \return whether that came about
+    /// Waits until exactly these are subscribed. \return whether that happened
     [[nodiscard]] bool waitForSubscribers(const Names& names) const {
         std::unique_lock lock(mutex_);
         return changed_.wait_for(lock, kPatience, [&] { return subscribers_ == names; });

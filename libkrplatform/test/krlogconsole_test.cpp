@@ -1,4 +1,4 @@
-// What reaches standard error, and what happens if nobody reads it.
+// Output on standard error, and behaviour if it is not read.
 
 #include "krplatform/krlog.hpp"
 
@@ -52,7 +52,7 @@ public:
     PipedStandardError(const PipedStandardError&) = delete;
     PipedStandardError& operator=(const PipedStandardError&) = delete;
 
-    /// From now on somebody reads.
+    /// Starts reading.
     void read() {
         reader_ = std::thread([this, end = std::exchange(pipe_[0], -1)] {
             std::array<char, 4096> bytes{};

@@ -168,7 +168,7 @@ TEST(KRMemory, GetsWhatWasWrittenSinceAnEarlierCall) {
     EXPECT_EQ(two.changes[0].written_usec, memory.getTimestamp("B"));
     EXPECT_THAT(getKeys(memory.getDataChanges("B", changes.now, 1000)), ElementsAre("B"));
     EXPECT_THAT(getKeys(memory.getDataChanges("", two.now, 1000)), IsEmpty());
-    // What another memory module has said stands for nothing here.
+    // Positions of another memory module are ignored.
     KRMemoryProxy another(KRBroker::create());
     another.insertListData({{"A", 1}, {"B", 2}});
     EXPECT_THAT(getKeys(another.getDataChanges("", two.now, 1000)), ElementsAre("A", "B"));
@@ -198,7 +198,7 @@ TEST(KRMemory, RefusesNamesAndValuesThatAreTooLargeAndSaysHowLargeTheyMayBe) {
     EXPECT_THAT([&] { memory.declareEvent(longest + "x"); }, tooLong);
     EXPECT_THAT([&] { memory.insertData(longest + "x", 1); },
                 ThrowsMessage<KRError>(HasSubstr("the most is 1024")));
-    // Nobody looks at the bytes of a value that is refused.
+    // The bytes of a refused value are not accessed.
     const boost::shared_ptr<const unsigned char[]> few(new unsigned char[1]);
     const KRBinary large(few, std::size_t{256} << 20);
     const auto tooLarge = ThrowsMessage<KRError>(HasSubstr("bytes; the most is 268435456"));

@@ -1,4 +1,4 @@
-// What KRMemoryProxy does while the memory module is away.
+// Behaviour of KRMemoryProxy while the memory module is away.
 
 #include "krplatform/krmemoryproxy.hpp"
 
@@ -65,7 +65,7 @@ protected:
         const std::lock_guard lock(mutex);
         return calls;
     }
-    /// What the memory was called with once there are so many calls.
+    /// The calls to the memory, once there are so many.
     std::vector<KRValue> waitForCalls(std::size_t count) const {
         EXPECT_TRUE(eventually([&] { return getCalls().size() >= count; }));
         return getCalls();

@@ -1,4 +1,4 @@
-// What the platform does when an allocation fails, each in turn.
+// Behaviour of the platform when an allocation fails, for each allocation in turn.
 
 #include "krplatform/krmemoryproxy.hpp"
 #include "krplatform/krproxy.hpp"

@@ -136,7 +136,7 @@ TEST(KRProxy, OneProxyServesManyThreadsWhileItsModuleComesAndGoes) {
         });
     }
     for (int round = 0; round < 100; ++round) {
-        // The answer lives in the module, so that a call after its end would read freed memory.
+        // The answer is a member of the module, so that a call after its end would read freed memory.
         const auto module = makeModule(broker, "m", [&](TestModule& m) {
             auto answer = std::make_shared<int>(round);
             m.add("answer", [answer = std::move(answer)] { return *answer; });

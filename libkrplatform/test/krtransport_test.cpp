@@ -1,4 +1,4 @@
-// What a broker does with a link to other processes, here one without any other process behind it.
+// A broker with a transport, here one without any other process.
 
 #include "krplatform/krtransport.hpp"
 
@@ -151,7 +151,7 @@ public:
     KRValue getResult() const {
         EXPECT_TRUE(answered_.wait());
         if (error_) {
-            // One of its own: ThreadSanitizer does not see how copies of an exception count who shares their text.
+            // A separate copy: ThreadSanitizer does not see the reference count of texts shared between copies of an exception.
             throw KRError(error_->getModule(), error_->getMethod(), error_->getDescription());
         }
         return result_;

@@ -6,17 +6,17 @@
 
 namespace KR::test {
 
-/// Another process, which goes with this object.
+/// Another process, which ends with this object.
 class StartedProcess {
 public:
-    /// Starts a program, which is to say one line soon and to end with its standard input.
+    /// Starts a program, which must print one line soon and end with its standard input.
     explicit StartedProcess(std::vector<std::string> command);
-    /// Asks it to end, and ends it if it does not.
+    /// Asks it to end, and kills it if it does not.
     ~StartedProcess();
     StartedProcess(const StartedProcess&) = delete;
     StartedProcess& operator=(const StartedProcess&) = delete;
 
-    /// The line that it has said.
+    /// The line that it has printed.
     const std::string& getAnswer() const noexcept { return answer_; }
     pid_t getPid() const noexcept { return pid_; }
     /// Asks it to end and waits until it has. \return its exit code, or 128 and the number of the signal
