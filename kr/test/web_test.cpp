@@ -4,7 +4,6 @@
 #include <nlohmann/json.hpp>
 
 #include <fstream>
-#include <regex>
 #include <string>
 
 namespace KR::test {
@@ -13,10 +12,9 @@ namespace {
 // The port that the program says to open.
 int findPort(const RunningProgram& program) {
     const std::string text = program.readErr();
-    std::smatch found;
-    return std::regex_search(text, found, std::regex("open http://127\\.0\\.0\\.1:([0-9]+)/"))
-               ? std::stoi(found[1])
-               : -1;
+    const std::string address = "open http://127.0.0.1:";
+    const auto at = text.find(address);
+    return at == std::string::npos ? -1 : std::stoi(text.substr(at + address.size()));
 }
 
 using KrWeb = KrSystem;
