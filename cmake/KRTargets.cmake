@@ -85,10 +85,11 @@ function(kr_add_test_headers)
     kr_test_compile_options(kr_test_pch)
 endfunction()
 
-# kr_add_test(<name> [SINGLE_THREADED] SOURCES ... LINK ...): one GoogleTest program; each of its tests is one test of
-# CTest. One whose tests start no threads is left out under ThreadSanitizer.
+# kr_add_test(<name> [SINGLE_THREADED] [COST <seconds>] SOURCES ... LINK ...): one GoogleTest program; each of its tests is
+# one test of CTest. One whose tests start no threads is left out under ThreadSanitizer. Those of the highest cost, which is
+# what the longest of them takes, begin first.
 function(kr_add_test name)
-    cmake_parse_arguments(arg "SINGLE_THREADED" "" "SOURCES;LINK" ${ARGN})
+    cmake_parse_arguments(arg "SINGLE_THREADED" "COST" "SOURCES;LINK" ${ARGN})
     if(NOT KR_TESTS OR (arg_SINGLE_THREADED AND KR_SANITIZE MATCHES "thread"))
         return()
     endif()
@@ -106,7 +107,10 @@ function(kr_add_test name)
             set_source_files_properties(${source} PROPERTIES SKIP_PRECOMPILE_HEADERS ON)
         endif()
     endforeach()
-    gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60)
+    if(arg_COST)
+        set(cost PROPERTIES COST ${arg_COST})
+    endif()
+    gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 ${cost})
 endfunction()
 
 function(kr_install_package)
@@ -130,6 +134,7 @@ function(kr_add_install_test)
                 -DWORK=${PROJECT_BINARY_DIR}/consumer -DCAMERA=${KR_CAMERA} -DDDS=${KR_DDS} -DINTEROP=${KR_INTEROP} -DCXX=${CMAKE_CXX_COMPILER}
                 -DLIBDIR=${CMAKE_INSTALL_LIBDIR}
                 -P ${PROJECT_SOURCE_DIR}/cmake/consumer/run.cmake)
+    set_tests_properties(InstalledPackageServesAnotherProject PROPERTIES COST 40)
 endfunction()
 
 # What each library exports is what the lists in abi/ say. Types are read from debug information, which takes seconds.
@@ -147,6 +152,7 @@ function(kr_add_interface_tests)
         if(TARGET ${target})
             add_test(NAME InterfaceIsTheListedOne.${library}
                 COMMAND ${KR_PYTHON3} ${PROJECT_SOURCE_DIR}/scripts/abi --build ${PROJECT_BINARY_DIR} ${library})
+            set_tests_properties(InterfaceIsTheListedOne.${library} PROPERTIES COST 10)
         endif()
     endforeach()
 endfunction()

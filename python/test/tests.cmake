@@ -18,7 +18,7 @@ endif()
 function(kr_add_python_test file)
     add_test(NAME Python.${file}
              COMMAND ${Python_EXECUTABLE} -m pytest -q -p no:cacheprovider ${CMAKE_CURRENT_SOURCE_DIR}/test/test_${file}.py)
-    set_tests_properties(Python.${file} PROPERTIES ENVIRONMENT "${environment};${ARGN}" TIMEOUT 300)
+    set_tests_properties(Python.${file} PROPERTIES ENVIRONMENT "${environment};${ARGN}" TIMEOUT 300 COST 20)
 endfunction()
 
 foreach(file exit image memory modules values vision)
