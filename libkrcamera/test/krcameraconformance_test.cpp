@@ -1,4 +1,4 @@
-// What every source of the camera service must do, and the fake camera of other tests as well.
+// Requirements for every source of the camera service, and for the fake camera of other tests.
 
 #include "cameratest.hpp"
 #include "certificateauthority.hpp"

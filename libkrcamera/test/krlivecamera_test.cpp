@@ -22,7 +22,7 @@ namespace KR {
 using test::Event;
 using test::eventually;
 
-/// A camera whose source does what the test says.
+/// A camera whose source is controlled by the test.
 class LiveCameraTest : public testing::Test {
 protected:
     using Clock = std::chrono::steady_clock;
@@ -48,7 +48,7 @@ protected:
         capture.taken = Clock::now();
         return capture;
     }
-    /// Waits longer than the test does, so that the test only passes if the wait is ended.
+    /// Waits longer than the test does, so that the test only passes if the wait is interrupted.
     std::shared_ptr<KRFrame> fetch(std::uint64_t after) {
         return camera->waitForFrame(after, Clock::now() + 2 * test::kPatience);
     }

@@ -11,7 +11,7 @@ using testing::StartsWith;
 
 class LifeTest : public CameraTest {
 protected:
-    /// The end of a film stands for a camera that is unplugged; while the file exists, it can be plugged in again.
+    /// The end of a film simulates unplugging a camera; while the file exists, it can be plugged in again.
     LifeTest() {
         writeFilm(film);
         source = "gst:filesrc location=" + film + " ! decodebin";

@@ -35,7 +35,7 @@ KRImage referTo(const KRValue& value) {
         throw std::invalid_argument("the camera service has sent a value that is not an image");
     }
     KRImage image(value[0].to<int>(), value[1].to<int>(), value[3].to<int>(), true, 0, 0, 0, 0);
-    if (value[2].to<int>() != image.nbLayers) { // KRVideoDeviceProxy has seen to the rest
+    if (value[2].to<int>() != image.nbLayers) { // KRVideoDeviceProxy has checked the rest
         throw std::invalid_argument("the camera service has sent an image with " +
                                     std::to_string(value[2].to<int>()) + " layers");
     }
@@ -101,7 +101,7 @@ public:
             return std::nullopt;
         }
         receivers_.emplace(++last_, std::make_shared<const Receiver>(std::move(receiver)));
-        failure_.clear(); // whoever has come has not heard of it
+        failure_.clear(); // the new receiver has not got it yet
         changed_.notifyAll();
         return last_;
     }
@@ -120,7 +120,8 @@ private:
         setThreadName("krweb camera " + std::to_string(request_.camera));
         try {
             KRVideoDeviceProxy service(broker_);
-            service.setServiceTimeout(std::chrono::milliseconds(0)); // waits here, where it can be stopped
+            service.setServiceTimeout(
+                std::chrono::milliseconds(0)); // this loop waits instead, as it can be stopped
             std::string id;
             while (waitForReceivers()) {
                 serve(service, id);
@@ -136,7 +137,7 @@ private:
         ended_ = true;
     }
 
-    // \return false: there is nobody, and has been nobody for a while; or the feed is to end
+    // \return false: no receivers for a while, or the feed must end
     bool waitForReceivers() {
         KRLock lock(mutex_);
         changed_.waitFor(lock, kPictureLinger, [this] {
@@ -197,7 +198,7 @@ private:
         return picture;
     }
 
-    // What the module wrote last: without annotations, or with those of another camera, the picture is as it is.
+    // Draws the module's latest annotations, if there are any for this camera.
     void draw(KRImage& image) {
         try {
             const auto annotations =

@@ -15,7 +15,7 @@
 
 namespace KR::web {
 
-/// A picture that somebody wants to see.
+/// A request for pictures.
 struct PictureRequest {
     static constexpr int kDefaultQuality = 80;
 
@@ -30,7 +30,7 @@ struct PictureRequest {
                             const PictureRequest&) = default; // NOLINT(modernize-use-nullptr)
 };
 
-/// An image as JPEG, or the reason why there is none. Never changes once made.
+/// An image as JPEG, or the reason why there is none. Immutable.
 struct Picture {
     std::string message; ///< `sensor_msgs/msg/CompressedImage` in CDR; its end is the JPEG; empty: no picture
     std::size_t jpegStart = 0;  ///< in `message`
@@ -44,15 +44,16 @@ using SharedPicture = std::shared_ptr<const Picture>;
 /// Definition of `sensor_msgs/msg/CompressedImage` with those that it refers to.
 std::string_view getCompressedImageSchema() noexcept;
 
-/// The pictures of all cameras. Each request has one subscription and one thread, however many receive them: an image is
-/// encoded once. Without receivers there is neither, a second after the last one. Waits for a camera service that is away.
+/// The pictures of all cameras. Each distinct request has one subscription and one thread, shared by all its receivers, so an
+/// image is encoded once. They end a second after the last receiver has left. Waits for an absent camera service.
 /// Thread-safe.
 class Pictures {
 public:
-    /// Different requests at the same time: each costs a thread, and encodes.
+    /// Distinct requests at the same time, each with its own thread and encoder.
     static constexpr std::size_t kMaxFeeds = 32;
 
-    /// Gets each picture, on a thread of its feed, with no lock held; must not throw. A failure comes when it changes.
+    /// Called with each picture on a thread of its feed, with no lock held; must not throw. Failures are passed when they
+    /// change.
     using Receiver = std::function<void(const SharedPicture&)>;
 
     explicit Pictures(boost::shared_ptr<KRBroker> broker) : broker_(std::move(broker)) {}

@@ -17,7 +17,7 @@ struct ListenAddress {
 };
 ListenAddress parseListenAddress(const std::string& text);
 
-/// What a request says about where it comes from; "" for a field that it does not have.
+/// The origin of a request, according to its fields; "" for missing ones.
 struct RequestOrigin {
     std::string_view host;          ///< field Host
     std::string_view origin;        ///< field Origin
@@ -33,13 +33,13 @@ public:
     /// \throws std::invalid_argument a malformed option; an address beyond this machine without a token and not open
     explicit Access(const KRWebOptions& options);
 
-    /// Why a request is refused whatever it asks for; nullopt: it is not.
+    /// Why a request is refused regardless of its target; nullopt: it is not.
     ///
-    /// Pages of other servers in the same browser are kept out by Origin and Sec-Fetch-Site. One of a name that its owner
-    /// lets stand for this machine has our own address for the browser: without a token, Host must be an IP address or
-    /// a name of this machine.
+    /// Origin and Sec-Fetch-Site keep out pages from other servers in the same browser. Against DNS rebinding, where a
+    /// foreign name resolves to this machine, Host must be an IP address or a name of this machine unless there is a
+    /// token.
     std::optional<std::string> findRefusal(const RequestOrigin& request) const;
-    /// Whether the request has the token, if one is needed. Takes the same time however much of a wrong one is right.
+    /// Whether the request has the token, if one is needed. In constant time.
     bool hasToken(const RequestOrigin& request) const;
 
 private:

@@ -20,15 +20,14 @@
 
 namespace KR::web {
 
-/// Calls modules for clients, on threads of its own. Answers come there; they must not throw. Thread-safe.
+/// Calls modules for clients on its own threads. Runs the answer callbacks there; they must not throw. Thread-safe.
 class Calls {
 public:
-    static constexpr std::size_t kMaxCalls = 16; ///< in progress
-    static constexpr std::size_t kMaxWaiting =
-        64; ///< changes of parameters that wait for the one in progress
+    static constexpr std::size_t kMaxCalls = 16;   ///< in progress
+    static constexpr std::size_t kMaxWaiting = 64; ///< queued changes of parameters
 
     explicit Calls(boost::shared_ptr<KRBroker> broker);
-    /// Waits for calls that are in progress; changes of parameters that wait are dropped.
+    /// Waits for calls in progress; drops queued changes of parameters.
     ~Calls();
     Calls(const Calls&) = delete;
     Calls& operator=(const Calls&) = delete;
@@ -41,13 +40,13 @@ public:
     bool call(const std::string& module, const std::string& method, Methods methods, std::string request,
               std::function<void(Answer)> answer);
 
-    /// Values of controls, and what went wrong.
+    /// Values of controls, and errors.
     struct Parameters {
         std::map<std::string, int> values;
         std::vector<std::string> failures;
     };
-    /// Sets controls, in the order of such calls, then reads these and those named; all of them if neither are any.
-    /// \return false: too many wait
+    /// Sets controls, in the order of the calls, then reads these and the named ones; all of them if there are neither.
+    /// \return false: the queue is full
     bool useParameters(std::vector<std::pair<std::string, Json>> settings, std::vector<std::string> names,
                        std::function<void(Parameters)> answer);
 

@@ -1,4 +1,4 @@
-// Channels and services: which there are, and what goes out on them.
+// Channels and services, and the messages sent on them.
 
 #include "krwebhub.hpp"
 

@@ -32,7 +32,7 @@ std::string_view toView(boost::beast::string_view text) {
     return {text.data(), text.size()};
 }
 
-/// A connection that asks by HTTP, request by request.
+/// An HTTP connection, which handles one request after another.
 class HttpSession final : public Connection, public std::enable_shared_from_this<HttpSession> {
 public:
     HttpSession(Connections& connections, asio::ip::tcp::socket socket)
@@ -197,7 +197,7 @@ private:
         }
     }
 
-    // What was sent arrives before the end.
+    // Sent data arrives before the end.
     void finish() {
         beast::error_code ignored;
         stream_.socket().shutdown(asio::ip::tcp::socket::shutdown_send, ignored);
@@ -304,7 +304,7 @@ private:
         });
     }
 
-    // A client of a stream sends nothing more: what it does is leave.
+    // A client of a stream sends nothing more; reading only detects that it leaves.
     void watchForEnd() {
         stream_.expires_never();
         stream_.async_read_some(asio::buffer(unwanted_),

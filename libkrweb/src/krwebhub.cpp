@@ -77,7 +77,7 @@ void Hub::sendStatus(Client& client, StatusLevel level, const std::string& text)
     client.sendText(share(encodeStatus(level, text)));
 }
 
-// A message may be wrong many times: what is sent back is bounded.
+// A message may have many errors; the number reported is limited.
 void Hub::sendErrors(Client& client, const std::vector<std::string>& errors) {
     for (std::size_t i = 0; i < std::min(errors.size(), kMaxErrors); ++i) {
         sendStatus(client, StatusLevel::Error, errors[i]);

@@ -19,9 +19,9 @@ namespace KR::web {
 
 class Calls;
 
-/// The channels, services and parameters that clients of the protocol see, and who has subscribed to what.
+/// The channels, services and parameters offered to clients of the protocol, and their subscriptions.
 ///
-/// Belongs to the thread of the connections, on which `post` runs functions, but for what says otherwise.
+/// Belongs to the thread of the connections, on which `post` runs functions, unless noted otherwise.
 class Hub {
 public:
     static constexpr std::size_t kMaxSubscriptions = 1024; ///< of one client
@@ -41,11 +41,11 @@ public:
     void handleBinary(Client& client, std::span<const unsigned char> bytes);
 
     Pictures& getPictures() noexcept { return pictures_; }
-    /// Adds a line to the channel of the log. Any thread.
+    /// Adds a line to the log channel. Any thread.
     void addLog(const Json& line);
     /// Ends all pictures. Then the connections' thread may end.
     void close();
-    /// Ends what the other threads do. Once the connections' thread has ended.
+    /// Ends the other threads. Call it once the connections' thread has ended.
     void stop();
 
 private:
@@ -62,7 +62,7 @@ private:
         std::string name; // of the key or event
         int camera = -1;
         std::map<Client*, std::uint32_t> subscribers; // with their number of the subscription
-        std::map<PictureRequest, std::unique_ptr<Pictures::Viewing>> viewings; // what subscribers want to see
+        std::map<PictureRequest, std::unique_ptr<Pictures::Viewing>> viewings; // of the subscribers
         Bytes last; // payload, while somebody is subscribed
         std::uint64_t lastTime_ns = 0;
     };
@@ -96,7 +96,7 @@ private:
     void updateServices(const Directory& directory);
     ChannelInfo describeChannel(Kind kind, const std::string& topic) const;
     const PictureRequest& getPicture(Client& client, int camera);
-    /// \return false: too many different pictures are being looked at
+    /// \return false: too many different pictures are being viewed
     bool updateViewings(std::uint32_t channel);
     void showPicture(std::uint32_t channel, const PictureRequest& request,
                      const std::shared_ptr<PictureSlot>& slot);
@@ -117,7 +117,7 @@ private:
     const bool readOnly_;
     const Post post_;
     const Bytes serverInfo_;
-    // What each new client gets; null until somebody comes after a change.
+    // Sent to each new client; null after a change until the next client connects.
     Bytes channelsMessage_;
     Bytes servicesMessage_;
     std::uint32_t lastId_ = 0; // of channels and services

@@ -23,7 +23,7 @@ namespace {
 constexpr std::chrono::milliseconds kCheck{500}; // for another memory module
 constexpr std::size_t kMessageCost = 512;        // bytes of memory of a message, beside its texts
 
-// Prefixes of all names, none of which is a prefix of another one: otherwise what both match would come twice.
+// Prefixes of all names, none of which is a prefix of another, so that no value is received twice.
 std::set<std::string> findPrefixes(const std::set<std::string>& keys, const std::set<std::string>& events) {
     std::set<std::string> names = keys;
     names.insert(events.begin(), events.end());

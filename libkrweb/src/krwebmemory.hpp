@@ -20,7 +20,7 @@ namespace KR::web {
 /// The time now as messages carry it, nanoseconds since the Unix epoch.
 std::uint64_t getTime_ns();
 
-/// A value that was written, or raised.
+/// A written value or raised event.
 struct MemoryMessage {
     std::string name;
     bool isEvent = false;
@@ -31,8 +31,8 @@ struct MemoryMessage {
     std::uint64_t imageTime_ns = 0;
 };
 
-/// Receives what is written under some keys of the memory, and events of some names, by a module. Subscribes again when the
-/// memory module is another one. Thread-safe.
+/// Receives values written under given keys and events of given names, through a module. Subscribes again to each new memory
+/// module. Thread-safe.
 class MemoryWatch {
 public:
     static constexpr std::size_t kMaxValue = 4 << 20; ///< bytes; larger ones are left out, and logged
@@ -40,7 +40,7 @@ public:
     static constexpr std::size_t kMaxWaiting =
         16 << 20; ///< bytes for the receiver; more are left out, and logged
 
-    /// Gets what comes, on call threads; must not throw.
+    /// Called with each update on call threads; must not throw.
     using Receiver = std::function<void(std::shared_ptr<const MemoryMessage>)>;
 
     /// \param module  name of the module, which exists while something is watched
@@ -49,7 +49,7 @@ public:
     MemoryWatch(const MemoryWatch&) = delete;
     MemoryWatch& operator=(const MemoryWatch&) = delete;
 
-    /// What to receive from now on. The present value of a key that is new comes soon.
+    /// Sets what to receive. The present values of newly added keys follow soon.
     void watch(std::set<std::string> keys, std::set<std::string> events);
 
 private:

@@ -39,7 +39,7 @@ std::uint32_t toId(const Json& json, const char* name) {
     return json.get<std::uint32_t>();
 }
 
-// Looks at the brackets alone: whether it is JSON at all is for the parser to say.
+// Only counts brackets; the parser decides whether it is JSON.
 bool isNestedTooDeep(std::string_view text) {
     std::size_t depth = 0;
     bool isString = false;

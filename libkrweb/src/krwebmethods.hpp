@@ -11,12 +11,12 @@
 
 namespace KR::web {
 
-/// JSON schemas of what a method takes, an object with the names of its arguments, and of what it returns. Overloads share
+/// JSON schemas of a method's request, an object with the names of its arguments, and of its result. Overloads share
 /// one. Reentrant.
 Json makeRequestSchema(const std::vector<KRMethodDescription>& methods, const std::string& method);
 Json makeResponseSchema(const std::vector<KRMethodDescription>& methods, const std::string& method);
 
-/// What a method is called with.
+/// The arguments of a call.
 struct MethodCall {
     const KRMethodDescription* method = nullptr; ///< the overload
     std::vector<KRValue> arguments;

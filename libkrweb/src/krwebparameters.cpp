@@ -1,4 +1,4 @@
-// Parameters: controls of cameras, and in which form a client sees pictures.
+// Parameters: controls of cameras, and the form of a client's pictures.
 
 #include "krwebhub.hpp"
 

@@ -16,7 +16,7 @@ struct Target {
     std::map<std::string, std::string> query;
 };
 
-/// A request that cannot be answered as it is; the text says why.
+/// An invalid request; the text says why.
 class BadRequest : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
@@ -34,7 +34,7 @@ std::string getResolutionName(int resolution);
 std::string getColorSpaceName(int colorSpace);
 ///@}
 
-/// What a request for a picture asks for.
+/// The target of a request for a picture.
 struct PictureTarget {
     PictureRequest picture;
     bool isStream = false; ///< ".mjpeg"

@@ -191,7 +191,7 @@ private:
     const web::Access access_;
     const web::ListenAddress listen_;
     int port_ = 0;
-    // Connections, which the context holds, use what is before it.
+    // Connections, which the context owns, use the members before it.
     std::unique_ptr<web::Hub> hub_;
     std::unique_ptr<web::Connections> connections_;
     asio::io_context context_{1};

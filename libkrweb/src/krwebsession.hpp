@@ -17,7 +17,7 @@ namespace KR::web {
 
 using HttpRequest = boost::beast::http::request<boost::beast::http::string_body>;
 
-/// A connection, HTTP or WebSocket. Belongs to the thread of the connections, as all here.
+/// A connection, HTTP or WebSocket. Belongs to the thread of the connections, like everything here.
 class Connection {
 public:
     Connection() = default;
@@ -28,7 +28,7 @@ public:
     virtual void close() = 0;
 };
 
-/// What connections have in common.
+/// State shared by all connections.
 class Connections {
 public:
     static constexpr std::size_t kMax = 256;
@@ -37,7 +37,7 @@ public:
         : hub_(hub), access_(std::move(access)), patience_(patience) {}
 
     Hub& getHub() noexcept { return hub_; }
-    /// For a request to come, and for a client to read what it is sent.
+    /// Time limit for receiving a request, and for a client to read its data.
     std::chrono::milliseconds getPatience() const noexcept { return patience_; }
     const Access& getAccess() const noexcept { return access_; }
     bool isFull() const noexcept { return all_.size() >= kMax; }
@@ -49,7 +49,7 @@ public:
         }
     }
 
-    /// Counts a connection as long as it exists.
+    /// Counts a connection during its lifetime.
     class Place {
     public:
         Place() = default;
@@ -77,13 +77,13 @@ private:
     std::map<Connection*, std::weak_ptr<Connection>> all_;
 };
 
-/// Serves a connection that has been accepted, until it ends.
+/// Serves an accepted connection until it ends.
 void serveHttp(Connections& connections, boost::asio::ip::tcp::socket socket);
 /// Answers a request to become a WebSocket, and serves that.
-/// \param received  what the client has sent after the request
+/// \param received  bytes that the client has sent after the request
 void serveWebSocket(Connections& connections, boost::beast::tcp_stream stream, HttpRequest request,
                     boost::beast::flat_buffer received);
-/// Whether the request names a subprotocol that is spoken here.
+/// Whether the request names a supported subprotocol.
 bool hasSubprotocol(const HttpRequest& request);
 
 } // namespace KR::web

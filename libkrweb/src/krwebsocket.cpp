@@ -39,7 +39,7 @@ std::string_view findSubprotocol(const HttpRequest& request) {
     return {};
 }
 
-/// A TCP stream of which some bytes have been read already: reading begins with them.
+/// A TCP stream some bytes of which have been read already: reading starts with them.
 class ResumedStream : public beast::buffered_read_stream<beast::tcp_stream, beast::flat_buffer> {
 public:
     ResumedStream(beast::tcp_stream stream, beast::flat_buffer received)
@@ -164,7 +164,7 @@ private:
         write();
     }
 
-    // Drops the client, but not within a call of the hub.
+    // Drops the client asynchronously, as this may be inside a call of the hub.
     void checkWaiting() {
         if (queuedBytes_ + newestBytes_ > kMaxWaiting) {
             drop("more than " + std::to_string(kMaxWaiting >> 20) + " MiB wait for it");
@@ -199,7 +199,7 @@ private:
         }
         stall_.expires_after(connections_.getPatience());
         stall_.async_wait([self = shared_from_this()](beast::error_code error) {
-            // A wait that was over just before the write was has another one behind it.
+            // If the timer expired just before the write completed, another wait has replaced it.
             if (!error && self->isWriting_ && self->stall_.expiry() <= std::chrono::steady_clock::now()) {
                 self->drop("it did not read for " + std::to_string(self->connections_.getPatience().count()) +
                            " ms");

@@ -63,7 +63,7 @@ const KRSubscriberInfo* findSubscriber(const std::vector<KRSubscriberInfo>& subs
     return found == subscribers.end() ? nullptr : &*found;
 }
 
-// The call of a method without arguments; nullopt if the module does not have it.
+// Calls a method without arguments; nullopt if the module does not have it.
 std::optional<KRValue> ask(const KRProxy& proxy, const std::vector<KRMethodDescription>& methods,
                            const char* method) {
     const bool isPublished = std::ranges::any_of(methods, [&](const KRMethodDescription& each) {

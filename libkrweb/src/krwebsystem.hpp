@@ -16,7 +16,7 @@
 
 namespace KR::web {
 
-/// What clients look at: what nobody looks at is not asked for.
+/// What clients are viewing; nothing else is queried.
 struct Interest {
     bool anybody = false;
     bool cameras = false;
@@ -30,7 +30,7 @@ struct Interest {
 
 using Methods = std::shared_ptr<const std::vector<KRMethodDescription>>;
 
-/// What there is at the moment.
+/// Current modules, keys and methods.
 struct Directory {
     bool hasCameraService = false;
     std::vector<int> cameras;
@@ -41,7 +41,7 @@ struct Directory {
     friend bool operator==(const Directory&, const Directory&) = default;
 };
 
-/// What becomes known about the system, on threads of this library; must not throw.
+/// Callbacks for news about the system, on threads of this library; must not throw.
 struct SystemEvents {
     std::function<void(Directory)> onDirectory; ///< when it has changed
     std::function<void(Bytes)> onCameras;       ///< message of the channel, once a second
@@ -53,19 +53,19 @@ struct SystemEvents {
 /// Parameter name of a camera's control: "/camera/0/brightness".
 std::string getControlName(int camera, const std::string& control);
 
-/// Asks the system once a second for what is of interest, on threads of its own: a module that does not answer holds up what
-/// concerns it. Thread-safe.
+/// Queries the system once a second for what is being viewed, on its own threads: a module that does not answer only delays
+/// its own data. Thread-safe.
 class System {
 public:
     static constexpr std::chrono::seconds kInterval{1};
 
     System(boost::shared_ptr<KRBroker> broker, std::string domain, SystemEvents events);
-    /// Waits for modules that are being asked.
+    /// Waits for pending queries.
     ~System();
     System(const System&) = delete;
     System& operator=(const System&) = delete;
 
-    /// What is of interest from now on; what is new is asked for at once.
+    /// Sets what is being viewed; new items are queried at once.
     void setInterest(const Interest& interest);
 
 private:

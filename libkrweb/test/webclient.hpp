@@ -25,7 +25,7 @@ struct HttpAnswer {
 HttpAnswer get(int port, const std::string& target, const Headers& headers = {},
                const std::string& method = "GET");
 
-/// A TCP connection to the server, for what no client of a library would send. Reads and writes block up to 20 s.
+/// A raw TCP connection to the server, to send what no client library would. Reads and writes block up to 20 s.
 class RawConnection {
 public:
     explicit RawConnection(int port, int receiveBuffer = 0);
@@ -34,9 +34,9 @@ public:
     RawConnection& operator=(const RawConnection&) = delete;
 
     bool write(std::string_view bytes);
-    /// Reads until the text has come. \return all that was read; what came before the end if it has not
+    /// Reads until the text or the end of the connection. \return everything read
     std::string readUntil(std::string_view text);
-    /// Reads and drops what comes. \return false: the end, or nothing in time
+    /// Reads and drops data. \return false: the end, or nothing in time
     bool skip();
     /// \return whether the server has closed the connection before the patience ended
     bool readToEnd();
@@ -45,7 +45,7 @@ private:
     int socket_;
 };
 
-/// A client of the protocol. Waits at most 20 s for what it waits for.
+/// A client of the protocol. All waits are limited to 20 s.
 class WebClient {
 public:
     using Json = nlohmann::ordered_json;

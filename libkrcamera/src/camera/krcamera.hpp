@@ -31,8 +31,8 @@ public:
     /// \throws std::exception  the camera failed or delivered nothing in time, or close() was called meanwhile
     virtual void open() = 0;
 
-    /// Asks for pictures of this size. A camera that has several sizes delivers one that serves the largest picture
-    /// asked for since the camera was made.
+    /// Requests pictures of this size. A camera with several sizes delivers one that suits the largest picture requested
+    /// since the camera was created.
     virtual void want(const KRSize& /*size*/) {}
 
     /// Stops the camera for good and wakes all waiting threads. One call at a time.
@@ -44,7 +44,7 @@ public:
     virtual std::shared_ptr<KRFrame> waitForFrame(std::uint64_t after,
                                                   std::chrono::steady_clock::time_point deadline) = 0;
 
-    /// Whether no frame will ever come after the one of this number, which waitForFrame() has returned.
+    /// Whether the frame of this number, which waitForFrame() has returned, is the last one.
     virtual bool isLast(std::uint64_t /*number*/) const { return false; }
 
     virtual Status getStatus() const = 0;

@@ -17,7 +17,7 @@ struct KRAngles {
     float bottom = -0.3209778F;
 };
 
-/// One image as a source delivered it.
+/// One image from a source.
 struct KRCapture {
     GstHandle<GstBuffer> buffer;
     GstVideoInfo info;

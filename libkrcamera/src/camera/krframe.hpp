@@ -35,8 +35,8 @@ public:
     int getWidth() const noexcept;
     int getHeight() const noexcept;
 
-    /// The pixels in a supported resolution and colour space, rows without padding: the memory of the camera if it
-    /// holds just these. Otherwise the first call converts them for all later ones.
+    /// The pixels in a supported resolution and colour space, rows without padding: the camera's memory if it
+    /// has exactly this layout. Otherwise the first call converts them for all later ones.
     /// \throws std::runtime_error  they cannot be converted
     /// \throws std::bad_alloc
     KRBinary getPixels(int resolution, int colorSpace);

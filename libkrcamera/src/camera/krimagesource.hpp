@@ -7,8 +7,8 @@
 
 namespace KR {
 
-/// A source of images that is running: it starts in its constructor and stops in its destructor. Thread-bound: made,
-/// used and destroyed on one thread.
+/// A running source of images: it starts in its constructor and stops in its destructor. Thread-bound: created, used
+/// and destroyed on one thread.
 class KRImageSource {
 public:
     KRImageSource() = default;

@@ -49,7 +49,7 @@ void KRLiveCamera::open() {
     if (stopping_) {
         throw std::runtime_error("the camera service is shutting down");
     }
-    if (timesOpened_ == opened) { // a source that ended after its first images has been opened nonetheless
+    if (timesOpened_ == opened) { // a source that ended after its first images counts as opened
         throw std::runtime_error(timesFailed_ != failed ? *failure_ : describeSilence());
     }
 }
@@ -113,7 +113,7 @@ void KRLiveCamera::run() noexcept {
     try {
         setThreadName("KRCamera " + std::to_string(index_));
     } catch (const std::exception&) {
-        // It runs without a name.
+        // A missing thread name does no harm.
     }
     KRRetryDelay delay;
     Clock::duration delivered{};
@@ -167,7 +167,7 @@ void KRLiveCamera::setNewest(KRCapture capture) {
             failure_.reset();
             ++timesOpened_;
         }
-        newest_.swap(frame); // the frame before is released after the lock
+        newest_.swap(frame); // the previous frame is released after the lock
     }
     changed_.notifyAll(); // without the lock, which the waiting threads need
     if (opens && std::exchange(logsOpening_, false)) {

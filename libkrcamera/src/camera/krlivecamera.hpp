@@ -15,23 +15,23 @@ namespace KR {
 
 class KRConverter;
 
-/// A camera that runs by itself: it has a capture thread and keeps the newest frame.
+/// A free-running camera: it has a capture thread and keeps the newest frame.
 ///
 /// When its source fails or ends, the thread opens it again, with pauses as in KRRetryDelay, until images come.
 class KRLiveCamera : public KRCamera {
 public:
     using OpenSource = std::function<std::unique_ptr<KRImageSource>(const KRSize& wanted)>;
 
-    /// What it means that a source delivers nothing for a while. Before its first image, it has failed.
+    /// What silence of a source means. Before its first image, it is a failure.
     struct Silence {
-        bool isFailure = false; ///< after the first image, too; otherwise that is logged as a warning
+        bool isFailure = false; ///< also after the first image; otherwise silence is logged as a warning
         std::string hint{};     ///< appended to the message: "the file may be damaged"
         std::chrono::milliseconds limit = std::chrono::seconds(10);
     };
 
     /// \param title  for the log
-    /// \param open   starts the source for pictures of a size; called on the capture thread. What it throws is the
-    /// reason of a failure.
+    /// \param open   starts the source for pictures of a size; called on the capture thread. Its exception is the
+    /// reason for a failure.
     KRLiveCamera(int index, std::string title, OpenSource open, Silence silence);
     /// Closes it.
     ~KRLiveCamera() override;
@@ -53,7 +53,7 @@ private:
     bool captureFrames();
     void setNewest(KRCapture capture);
     void noteSilence(Clock::time_point since);
-    /// The exception being handled has ended the source.
+    /// Handles the current exception, which has ended the source.
     void noteFailure(Clock::duration delivered) noexcept;
     void logFailure(const std::string& reason, Clock::duration delivered);
     std::string describeSilence() const;

@@ -6,8 +6,8 @@
 
 namespace KR {
 
-/// Keeps a message that repeats from filling the log: admits the first one, then one a minute, and ever fewer, down to
-/// one an hour. Reentrant.
+/// Rate limit for a repeated log message: admits the first one, then one a minute, and gradually fewer, down to one an
+/// hour. Reentrant.
 class KRLogLimit {
 public:
     using Clock = std::chrono::steady_clock;

@@ -10,8 +10,8 @@
 
 namespace KR {
 
-/// Controls of a camera whose picture is adjusted by GStreamer: values, which the pipeline polls. They are reset to
-/// their defaults when the camera closes.
+/// Controls of a camera whose picture GStreamer adjusts: values that the pipeline polls. They are reset to their defaults
+/// when the camera closes.
 class KRSoftwareControls : public KRControls {
 public:
     /// Without controls.

@@ -37,7 +37,7 @@ private:
 std::vector<std::string> listColorConversionPaths();
 
 /// Makes all conversions in this process use one of these instruction sets; the fastest again if the name is empty. Not
-/// beside a conversion. For tests.
+/// concurrently with a conversion. For tests.
 void forceColorConversionPath(const std::string& name);
 
 } // namespace KR

@@ -112,7 +112,7 @@ std::optional<KRCapture> KRPipeline::pull() {
     return std::nullopt;
 }
 
-// Pops all messages, so that unwanted ones do not accumulate.
+// Pops all messages, so that ignored ones do not accumulate.
 void KRPipeline::readBus(GstClockTime timeout) {
     constexpr auto wanted = static_cast<GstMessageType>(GST_MESSAGE_ERROR | GST_MESSAGE_WARNING |
                                                         GST_MESSAGE_EOS | GST_MESSAGE_ELEMENT);
@@ -255,7 +255,7 @@ std::chrono::nanoseconds KRPipeline::getAge(GstSample* sample) const {
     const auto now = static_cast<std::int64_t>(gst_clock_get_time(clock.get()));
     const std::int64_t taken = static_cast<std::int64_t>(gst_element_get_base_time(pipeline_.get())) +
                                sign * static_cast<std::int64_t>(running);
-    // A driver's time stamp may lie in the future; the image does not.
+    // A driver's time stamp may be in the future; the image is not.
     return std::chrono::nanoseconds(std::max<std::int64_t>(0, now - taken));
 }
 

@@ -5,7 +5,7 @@
 
 namespace KR {
 
-/// What a pipeline consists of and how it is run.
+/// The elements of a pipeline and how to run it.
 struct KRPipelineDescription {
     /// What happens when the source has delivered its last image.
     enum class AtEnd {
@@ -21,9 +21,9 @@ struct KRPipelineDescription {
     std::string sourceProperty;
     std::string sourceValue;
     AtEnd atEnd = AtEnd::Fail;
-    bool isUserDefined = false; ///< the user may want links that are made later or never
+    bool isUserDefined = false; ///< links may be made later or never
     bool hasOneStream = false;  ///< do not wait for more streams in a multipart message
-    /// Finds out why the source cannot be reached, where GStreamer does not report it; empty if unknown. May block for
+    /// Finds out why the source is unreachable, if GStreamer does not report it; empty if unknown. May block for
     /// some seconds.
     std::function<std::string()> explain = [] { return std::string(); };
     /// Removes secrets from GStreamer's messages.

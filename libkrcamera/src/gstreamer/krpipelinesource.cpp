@@ -72,7 +72,7 @@ void checkPattern(const std::string& pattern) {
     throw std::invalid_argument("there is no test pattern \"" + pattern + "\"; the patterns are " + names);
 }
 
-// What GStreamer takes for a video may keep its decoder waiting for ever.
+// A file that GStreamer mistakes for a video may block its decoder forever.
 const KRLiveCamera::Silence fileSilence{false, "the file may be damaged or hold no video"};
 
 KRPipelineDescription describeFile(const KRSourceString& string) {

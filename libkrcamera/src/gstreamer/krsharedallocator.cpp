@@ -39,7 +39,7 @@ struct KRSharedAllocatorClass {
 
 G_DEFINE_TYPE(KRSharedAllocator, kr_shared_allocator, GST_TYPE_ALLOCATOR)
 
-/// Null: no memory for it.
+/// Null: out of memory.
 GstMemory* wrap(GstAllocator* allocator, boost::shared_ptr<unsigned char[]> bytes, GstMemoryFlags flags,
                 GstMemory* parent, gsize maximum, gsize align, gsize offset, gsize size) {
     auto* memory = new (std::nothrow) Memory;
@@ -99,7 +99,7 @@ void kr_shared_allocator_init(KRSharedAllocator* made) {
     allocator->mem_share = share;
 }
 
-/// Answers the question which memory the sink wants.
+/// Answers queries for the sink's allocator.
 GstPadProbeReturn answer(GstPad*, GstPadProbeInfo* info, gpointer) {
     GstQuery* const query = GST_PAD_PROBE_INFO_QUERY(info);
     if (GST_QUERY_TYPE(query) != GST_QUERY_ALLOCATION) {

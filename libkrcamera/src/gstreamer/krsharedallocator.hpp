@@ -4,8 +4,8 @@
 
 namespace KR {
 
-/// Has the elements before a sink take memory for their images from allocateShared(), as far as they let others choose:
-/// clients in other processes are then given the camera's own memory. Without such memory they take their usual one.
+/// Proposes allocateShared() as allocator to the elements before a sink: if they accept, clients in other processes map the
+/// camera's own memory. Without such memory, they use their usual allocator.
 void offerSharedMemory(GstElement* sink);
 
 } // namespace KR

@@ -21,7 +21,7 @@ KRImageFeed::~KRImageFeed() = default;
 namespace {
 
 constexpr KRSourceKind kFeedKind{"recording", "", 7, nullptr};
-constexpr std::chrono::milliseconds kStep{50}; // in which a camera that is closed wakes its subscribers
+constexpr std::chrono::milliseconds kStep{50}; // within which closing a camera wakes its subscribers
 
 class FeedCamera : public KRCamera {
 public:
@@ -70,7 +70,7 @@ public:
     }
 
 private:
-    /// One frame for all subscribers that are given this image, so that it is converted once.
+    /// One frame for all subscribers that get this image, so that it is converted once.
     std::shared_ptr<KRFrame> share(const KRImageFeed::Image& image) KR_REQUIRES(mutex_) {
         if (image.isLast) {
             last_ = image.number;
@@ -97,8 +97,8 @@ private:
     mutable KRMutex mutex_;
     Status status_ KR_GUARDED_BY(mutex_);
     bool stopping_ KR_GUARDED_BY(mutex_) = false;
-    std::uint64_t last_ KR_GUARDED_BY(mutex_) = 0; // number of the last image, once it has been handed over
-    std::shared_ptr<KRFrame> newest_ KR_GUARDED_BY(mutex_); // handed over last
+    std::uint64_t last_ KR_GUARDED_BY(mutex_) = 0;          // number of the last image, once delivered
+    std::shared_ptr<KRFrame> newest_ KR_GUARDED_BY(mutex_); // delivered last
 };
 
 class FeedSource : public KRSource {

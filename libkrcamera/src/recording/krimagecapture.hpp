@@ -11,7 +11,7 @@ class KRImage;
 /// The layout of images of this geometry, without padding; nullopt if the camera service does not deliver such images.
 std::optional<GstVideoInfo> findImageInfo(int width, int height, int colorSpace);
 
-/// An image as a source delivers it, taken now. Shares the image's pixels.
+/// A capture of an image, taken now. Shares the image's pixels.
 /// \param info  of findImageInfo() for the image's geometry
 KRCapture makeCapture(const KRImage& image, const GstVideoInfo& info);
 

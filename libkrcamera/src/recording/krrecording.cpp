@@ -14,7 +14,7 @@ namespace KR {
 
 namespace {
 
-// The stream's images as the camera service delivers them; nullopt if it does not.
+// The layout of the stream's images; nullopt if the camera service does not support it.
 std::optional<GstVideoInfo> getInfo(const KROxvStream& stream) {
     return stream.depth == 8 ? findImageInfo(static_cast<int>(stream.width), static_cast<int>(stream.height),
                                              static_cast<int>(stream.colorSpace))

@@ -43,7 +43,7 @@ void KRRecordingPlayer::readNext() {
 }
 
 std::chrono::microseconds KRRecordingPlayer::getStep(std::int64_t from_usec, std::int64_t to_usec) {
-    // Unsigned: time stamps from a file may be further apart than an int64_t can say.
+    // Unsigned: time stamps from a file may differ by more than an int64_t holds.
     const auto from = static_cast<std::uint64_t>(from_usec);
     const auto to = static_cast<std::uint64_t>(to_usec);
     if (next_ == 0 || from == to) { // at the beginning again, or without time stamps

@@ -14,8 +14,8 @@ namespace KR {
 class KRConverter;
 
 /// A recording that is paced by its subscribers: each of them gets each image once, from the first to the last, as fast
-/// as it fetches. After its last image, a subscription gets an error; it does not start again. What a module makes of
-/// such a recording does not depend on time.
+/// as it fetches. After its last image, a subscription gets an error; the recording does not repeat. A module's results
+/// on such a recording do not depend on time.
 class KRSteppedCamera : public KRCamera {
 public:
     KRSteppedCamera(std::string path, int stream);

@@ -48,9 +48,9 @@ std::shared_ptr<KRCamera> KRCameraSlot::setSource(std::unique_ptr<KRSource> sour
         next = getSource().makeCamera(index_, getTitle());
         before = std::exchange(camera_, next);
     }
-    before->close(); // whoever waits for a frame of it goes on with the next one
+    before->close(); // threads that wait for its frames continue with the new one
     controlsBefore.cameraClosed();
-    logInfo("KRVideoDevice", getTitle() + " takes the place of another source");
+    logInfo("KRVideoDevice", getTitle() + " replaces another source");
     if (initial_.size) {
         next->want(*initial_.size);
     }

@@ -19,9 +19,9 @@ namespace KR {
 /// Opening or closing one slot does not block the others.
 class KRCameraSlot {
 public:
-    /// What the camera begins with whenever it opens.
+    /// Initial settings, applied whenever the camera opens.
     struct InitialSettings {
-        std::optional<KRSize> size; ///< the least that it delivers
+        std::optional<KRSize> size; ///< minimum size
         std::vector<std::pair<std::string, int>> controls;
     };
 
@@ -30,7 +30,7 @@ public:
     /// An open camera gets the settings at once, and controls that are no longer among them their defaults.
     void setInitialSettings(InitialSettings settings);
 
-    /// Takes another source. \return the camera of it, to be opened, if there are users; null otherwise
+    /// Changes the source. \return its camera, to be opened, if there are users; null otherwise
     std::shared_ptr<KRCamera> setSource(std::unique_ptr<KRSource> source);
 
     int getModel() const noexcept { return getSource().getModel(); }
@@ -59,9 +59,9 @@ public:
 private:
     KRSource& getSource() const noexcept { return *source_.load(std::memory_order_acquire); }
     void close() KR_REQUIRES(usersMutex_);
-    /// Gives controls these values. Logs those that the camera does not have or take.
+    /// Sets controls. Logs those that the camera does not have or that it refuses.
     void setControls(const std::vector<std::pair<std::string, int>>& controls);
-    /// Gives controls their default values.
+    /// Resets controls to their defaults.
     void resetControls(const std::vector<std::pair<std::string, int>>& controls);
 
     const int index_;

@@ -24,7 +24,7 @@ public:
         int colorSpace;
         int frameRate; ///< images per second
     };
-    /// What a fetch begins with.
+    /// State at the start of a fetch.
     struct Position {
         Settings settings;
         std::uint64_t lastFrame; ///< number of the frame fetched last from this camera; 0: none yet
@@ -46,7 +46,7 @@ public:
     void setColorSpace(int colorSpace);
     void setFrameRate(int frameRate);
     void setCamera(int camera) KR_REQUIRES(moving);
-    /// Releases the image and refuses all others.
+    /// Releases the image and refuses further ones.
     void end() KR_REQUIRES(moving);
 
     /// Replaces the held frame by this one.

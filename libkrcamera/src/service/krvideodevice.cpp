@@ -166,7 +166,7 @@ KRValue KRVideoDevice::getImageRemote(const std::string& id) {
             frame = camera ? camera->waitForFrame(position.lastFrame, start + patience) : nullptr;
         } catch (...) {
             if (clock != nullptr) {
-                clock->end(); // nothing moves it any more
+                clock->end(); // no more images will move it
             }
             p_->fail(method, slot.getTitle() + " has failed: " + describeCurrentException());
         }
@@ -188,7 +188,7 @@ KRValue KRVideoDevice::getImageRemote(const std::string& id) {
             KRBinary pixels = frame->getPixels(position.settings.resolution, position.settings.colorSpace);
             subscription->noteDelivery(*frame);
             return makeImageValue(position.settings, *frame, std::move(pixels));
-        } catch (...) { // out of memory, too, which ends the call and nothing else
+        } catch (...) { // including out of memory, which only ends this call
             p_->fail(method, slot.getTitle() + ": " + describeCurrentException());
         }
     }

@@ -22,7 +22,7 @@ public:
     const std::string& getText() const noexcept { return string_.text; }
     int getModel() const noexcept { return string_.kind->model; }
 
-    /// The controls of the camera, which can be used while it is closed, too.
+    /// The controls of the camera, usable even while it is closed.
     virtual KRControls& getControls() noexcept = 0;
     /// Makes the camera, closed. The source must outlive it.
     /// \param title  for the log: "camera 0 (test)"

@@ -79,7 +79,7 @@ KRControls::Answer KRV4l2Controls::set(int id, int value) {
     }
     int effective = value;
     getControl(device, id, effective);
-    // A control that another one overrides, as automatic gain does the gain, accepts values without effect.
+    // A control that another one overrides, such as gain by automatic gain, accepts values without effect.
     if (effective != value && (query.flags & V4L2_CTRL_FLAG_INACTIVE) != 0) {
         return Answer::Refused;
     }
@@ -96,7 +96,7 @@ void KRV4l2Controls::reset() {
     }
     for (const KRCameraControl& control : listOf(device)) {
         if (control.value != control.defaultValue) {
-            setControl(device, control.id, control.defaultValue); // a locked one stays as it is
+            setControl(device, control.id, control.defaultValue); // locked ones keep their values
         }
     }
 }
@@ -112,7 +112,7 @@ void KRV4l2Controls::restore() noexcept {
             setControl(device, id, value);
         }
     } catch (const std::exception&) {
-        // The device is gone again: its capture reports that.
+        // The device is gone again; its capture reports that.
     }
 }
 

@@ -11,8 +11,8 @@ namespace KR {
 
 /// The controls of a V4L2 device: numbers, switches and menus that can be written and read.
 ///
-/// They are accessed through a descriptor separate from the one that streams. Values that have been set are set again
-/// when a device that was unplugged is back; the device keeps them when the camera closes.
+/// They are accessed through a descriptor separate from the one that streams. Values are restored when an unplugged device
+/// comes back; the device keeps them when the camera closes.
 class KRV4l2Controls : public KRControls {
 public:
     explicit KRV4l2Controls(std::string device) : device_(std::move(device)) {}
@@ -21,7 +21,7 @@ public:
     /// The driver may round a value within the range: list() returns the effective one.
     Answer set(int id, int value) override;
     void reset() override;
-    /// Sets again what has been set: the device is back. Errors are ignored: its capture reports them.
+    /// Restores the values set, after the device has come back. Ignores errors, which its capture reports.
     void restore() noexcept;
     void cameraClosed() noexcept override;
 
