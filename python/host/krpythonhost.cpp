@@ -58,8 +58,8 @@ void finish() {
 void start() {
     PyConfig config;
     PyConfig_InitPythonConfig(&config);
-    config.install_signal_handlers = 0; // the program has its own
-    config.buffered_stdio = 0;          // what modules print is to be seen
+    config.install_signal_handlers = 0; // the host program has its own
+    config.buffered_stdio = 0;          // so that output of modules appears at once
     if (const char* const environment = std::getenv("VIRTUAL_ENV")) {
         const std::string program = std::string(environment) + "/bin/python3";
         PyConfig_SetBytesString(&config, &config.program_name, program.c_str());
@@ -78,7 +78,7 @@ void start() {
     PyEval_SaveThread(); // for all threads; taken again by finish()
 }
 
-// What Python raised, as the host's own refusals say it.
+// The text of the Python exception, in the form of the host's own errors.
 [[noreturn]] void rethrow(const py::error_already_set& error) {
     const py::object errors = py::module_::import("krvision._errors").attr("Error");
     if (error.matches(errors)) {

@@ -19,8 +19,8 @@ struct KRPythonClass {
         create = {};
 };
 
-/// Type and name of the function of krpythonhost.so, the library that brings the interpreter to a program which does not
-/// link it. It starts the interpreter, which ends when the program exits. Load the library with RTLD_GLOBAL: modules of
+/// Type and name of the function of krpythonhost.so, the library that provides the interpreter to a program not linked with
+/// it. It starts the interpreter, which ends when the program exits. Load the library with RTLD_GLOBAL: modules of
 /// Python that are written in C look for the interpreter among the symbols of the program.
 ///
 /// Runs the file once, however often it is called, and finds the class: the one of this name, or without a name the only

@@ -51,7 +51,7 @@ class Annotations:
     """What a module saw in one image.
 
     Coordinates are relative to the image: 0, 0 is its upper left corner, 1, 1 its lower right one; they may lie outside. By
-    convention a module writes ``annotations.value`` under "NAME/Annotations" with every image, also when it saw nothing.
+    convention a module writes ``annotations.value`` to "NAME/Annotations" with every image, even if it saw nothing.
     """
 
     camera: int = 0

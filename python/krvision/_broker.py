@@ -15,8 +15,8 @@ if TYPE_CHECKING:
 
 M = TypeVar("M", bound="Module")
 
-_STEP_S = 0.1  # of waiting, between looks at signals
-_MAX_PROXIES = 256  # that a broker keeps for later calls
+_STEP_S = 0.1  # of waiting, between checks for signals
+_MAX_PROXIES = 256  # cached by a broker
 
 
 class Parameter(NamedTuple):
@@ -40,7 +40,7 @@ class Method(NamedTuple):
 
 
 class RemoteMethod:
-    """A method of a module, to be called. Made by ``broker["Motion"].subscribe``."""
+    """A callable method of a module, as returned by ``broker["Motion"].subscribe``."""
 
     __slots__ = ("_proxy", "_name")
 
@@ -56,14 +56,14 @@ class RemoteMethod:
 
 
 class _ProxyDoc:
-    """The docstring of the class Proxy, and for a proxy what its module publishes: help() shows it."""
+    """The docstring of the class Proxy; for a proxy, the methods of its module. Shown by help()."""
 
-    TEXT = """Calls the methods of a module by name, whichever process and language it is in.
+    TEXT = """Calls the methods of a module by name, in any process and language.
 
     A proxy names a module: it finds it at each call. ``proxy.subscribe("me", 100, 1.0)`` calls the published method
-    ``subscribe``; a method whose name is one of this class's, or begins with an underscore, is called by
-    ``proxy.call("name", ...)``. A call returns what the method returns, and raises Error with what it raises. A call to
-    another process waits for as long as that process lives.
+    ``subscribe``; a method whose name clashes with this class, or begins with an underscore, is called with
+    ``proxy.call("name", ...)``. A call returns the method's result, or raises its Error. A call to another process waits
+    as long as that process lives.
 
     Thread-safe.
     """
@@ -80,7 +80,7 @@ class Proxy:
 
     def __getattr__(self, name: str) -> RemoteMethod:
         if name.startswith("_"):
-            raise AttributeError(f"{name}: call methods that begin with an underscore by call({name!r}, ...)")
+            raise AttributeError(f"{name}: call methods that begin with an underscore with call({name!r}, ...)")
         method = RemoteMethod(self._proxy, name)
         self.__dict__[name] = method  # for the next call
         return method
@@ -106,11 +106,11 @@ class Proxy:
         ]
 
     def method_help(self, method: str) -> str:
-        """The methods of this name with parameters and result, for people to read."""
+        """Help text for the methods of this name, with parameters and result."""
         return self._proxy.method_help(method)
 
     def failure(self) -> str:
-        """Why the module has stopped doing its work; "" while it works."""
+        """The reason for the last reported failure; "" while the module works."""
         return self._proxy.failure()
 
     def _describe(self) -> str:
@@ -118,7 +118,7 @@ class Proxy:
             names = list(dict.fromkeys(method.name for method in self.methods() if method.name[:1] != "_"))
             texts = [self.method_help(name).rstrip() for name in names]
         except Error as error:
-            return f"The module {self.module} cannot be asked: {error}"
+            return f"The module {self.module} cannot be queried: {error}"
         return f"The module {self.module} publishes:\n\n" + "\n\n".join(texts)
 
     def __dir__(self) -> list[str]:
@@ -135,7 +135,7 @@ class Proxy:
 class Broker(_lifetime.Closable):
     """Holds modules by name, and reaches those of other processes.
 
-    Close it, best by ``with``: that closes its modules, the last one first, and leaves the domain. A broker that is never
+    Close it, preferably with ``with``: that closes its modules, the last one first, and leaves the domain. A broker that is never
     closed is closed when the interpreter exits. Proxies, memories and cameras of a closed broker raise Error.
 
     Thread-safe.
@@ -165,7 +165,7 @@ class Broker(_lifetime.Closable):
         _lifetime.add(self)
 
     def create(self, cls: Type[M], name: str, *arguments: Any, **keywords: Any) -> M:
-        """Makes a module of a class under a name, which others can call from then on.
+        """Creates a module of a class under a name, callable by others from then on.
 
         The module lives until it is closed: by its ``with`` or ``close()``, by the broker's, or when the interpreter
         exits.
@@ -198,7 +198,7 @@ class Broker(_lifetime.Closable):
         return proxy
 
     def modules(self) -> list[str]:
-        """Names of the modules that can be called, those of other processes included, in order."""
+        """Names of the callable modules, including those of other processes, in order."""
         return self._broker.modules()
 
     def wait_for(self, module: str, timeout: Optional[float] = None) -> bool:
@@ -219,11 +219,11 @@ class Broker(_lifetime.Closable):
                 return False
 
     def time_usec(self) -> int:
-        """The time of this broker's modules, microseconds since the Unix epoch: in a recording, that of its images."""
+        """The time of this broker's clock, microseconds since the Unix epoch; on a recording, that of its images."""
         return self._broker.time_usec()
 
     def sleep(self, seconds: float) -> None:
-        """Sleeps by the time of this broker's modules."""
+        """Sleeps by this broker's clock."""
         left_ms, step_ms = round(seconds * 1000), round(_STEP_S * 1000)
         while left_ms > 0:
             self._broker.sleep_ms(min(left_ms, step_ms))

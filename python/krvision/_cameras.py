@@ -80,8 +80,8 @@ class CameraStatistics(NamedTuple):
 class CameraSubscription(Closable):
     """A subscription to a camera. Made by Cameras.subscribe().
 
-    An iterable of images, without an end: ``for image in subscription:``. It outlives a restart of the service. Close it,
-    best by ``with``. Thread-safe.
+    An iterable of images, without an end: ``for image in subscription:``. It survives restarts of the service. Close it,
+    preferably with ``with``. Thread-safe.
     """
 
     def __init__(self, cameras: _krvision.Cameras, id: str) -> None:
@@ -148,9 +148,9 @@ class CameraSubscription(Closable):
 
 
 class Cameras:
-    """The camera service of a domain, whichever process it is in. Thread-safe.
+    """The camera service of a domain, in any process. Thread-safe.
 
-    Operations raise Error when there is no service, and what the service refuses.
+    Operations raise Error if there is no service, or if the service refuses.
     """
 
     def __init__(self, broker: Broker) -> None:
@@ -174,7 +174,7 @@ class Cameras:
             fps: images per second, 1 to 30.
 
         Raises:
-            Error: no service in time; it refuses, for instance as the camera cannot be opened.
+            Error: no service in time; it refuses, for example because the camera cannot be opened.
         """
         id = self._cameras.subscribe(name, camera, int(resolution), int(color_space), fps)
         return CameraSubscription(self._cameras, id)
@@ -184,7 +184,7 @@ class Cameras:
         return [CameraInfo(*each) for each in self._cameras.cameras()]
 
     def controls(self, camera: int) -> list[CameraControl]:
-        """What can be set about a camera's picture, and its values."""
+        """The controls of a camera's picture, with their values."""
         return [CameraControl(*each) for each in self._cameras.controls(camera)]
 
     def subscribers(self) -> list[CameraSubscriber]:
@@ -192,7 +192,7 @@ class Cameras:
         return [CameraSubscriber(*each) for each in self._cameras.subscribers()]
 
     def statistics(self) -> list[CameraStatistics]:
-        """What all subscriptions have received, the oldest first."""
+        """Statistics of all subscriptions, the oldest first."""
         return [
             CameraStatistics(id, camera, delivered, missed, Durations(*rest[:3]), Durations(*rest[3:6]), Durations(*rest[6:9]))
             for id, camera, delivered, missed, *rest in self._cameras.statistics()
@@ -210,7 +210,7 @@ class CameraService(Closable):
             "v4l2:DEVICE", "oxv:PATH", an http, https or rtsp address, "gst:PIPELINE".
 
     Raises:
-        Error: an invalid source; there is a camera service; krvision was built without cameras.
+        Error: an invalid source; there is a camera service already; krvision was built without cameras.
     """
 
     def __init__(self, broker: Broker, sources: Sequence[str] = ("test",)) -> None:

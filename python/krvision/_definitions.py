@@ -5,7 +5,7 @@ from __future__ import annotations
 import enum
 from typing import Any, Sequence, Union
 
-#: What travels between modules: None, a number of 32 bits, a text, bytes, or a list of these. A bool travels as an int.
+#: The values passed between modules: None, a number of 32 bits, a text, bytes, or a list of these. A bool travels as an int.
 Value = Union[None, bool, int, float, str, bytes, bytearray, memoryview, Sequence[Any]]
 
 

@@ -1,16 +1,16 @@
-"""The error that crosses the borders of modules."""
+"""The error passed between modules."""
 
 from __future__ import annotations
 
 
 class Error(Exception):
-    """What a module or the library refuses, whichever language it is written in.
+    """An error of a module, in any language, or of the library.
 
-    Raise it in a published method to report an error: the caller gets the same three texts, in another process or
-    another language too.
+    Raise it in a published method to report an error: the caller gets the same three texts, also in another
+    process or language.
 
     Attributes:
-        module: name of the module, or of the class of the library, that refuses.
+        module: name of the module, or of the class of the library, that raised it.
         method: the method that was called.
         description: what was wrong, and what would be right.
     """

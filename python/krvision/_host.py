@@ -1,4 +1,4 @@
-"""What krpythonhost.so calls: files of modules for programs that host them, such as ``kr run``."""
+"""Functions for krpythonhost.so: loads files of modules for host programs such as ``kr run``."""
 
 from __future__ import annotations
 
@@ -18,7 +18,7 @@ _files: dict[str, ModuleType] = {}  # that have been run
 
 
 class Refusal(Exception):
-    """A text for the person at the command line."""
+    """An error message for the user at the command line."""
 
 
 def load(path: str, class_name: str) -> Tuple[Type[Module], str, str]:
@@ -66,7 +66,7 @@ def create(cls: Type[Module], path: str, broker: object, name: str) -> object:
         Error: as Broker.create().
         Refusal: the constructor raises something else.
     """
-    adopted = Broker._adopt(broker)  # closed when the module goes
+    adopted = Broker._adopt(broker)  # closed with the module
     try:
         return cls(adopted, name)._body.release()
     except Error:

@@ -1,4 +1,4 @@
-"""What lives until it is closed, and how the interpreter exits."""
+"""Closable objects, and the exit of the interpreter."""
 
 from __future__ import annotations
 
@@ -10,14 +10,14 @@ from typing import Any, Optional, Type, TypeVar
 
 from . import _krvision
 
-_EXIT_S = 10.0  # for all modules to come down
+_EXIT_S = 10.0  # for all modules to shut down
 
 
 C = TypeVar("C", bound="Closable")
 
 
 class Closable:
-    """What the end of a ``with`` closes."""
+    """Base of objects that ``with`` closes."""
 
     def close(self) -> None:
         raise NotImplementedError
@@ -64,7 +64,7 @@ def _close_all() -> None:
 def wait(timeout: Optional[float] = None) -> bool:
     """Waits until the program is interrupted: by Ctrl-C (SIGINT), or by SIGTERM unless it has a handler.
 
-    Modules work meanwhile, as they do whenever this thread is not in Python.
+    Modules run in the meantime, as they do whenever this thread is not running Python.
 
     Args:
         timeout: seconds; None: no limit.
@@ -73,7 +73,7 @@ def wait(timeout: Optional[float] = None) -> bool:
         Whether the program was interrupted; False at the end of the timeout.
 
     Raises:
-        RuntimeError: called on another than the main thread, where signals do not arrive.
+        RuntimeError: not called on the main thread, which alone receives signals.
     """
     if threading.current_thread() is not threading.main_thread():
         raise RuntimeError("krvision.wait() waits for signals, which only the main thread gets")

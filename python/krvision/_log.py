@@ -11,7 +11,7 @@ def log(level: str, message: str, category: str = "python") -> None:
     Args:
         level: "error", "warning", "info" or "verbose".
         message: one line.
-        category: which part of the system speaks.
+        category: part of the system that logs it.
 
     Raises:
         ValueError: there is no such level.
@@ -20,7 +20,7 @@ def log(level: str, message: str, category: str = "python") -> None:
 
 
 def set_log_levels(levels: str) -> None:
-    """Chooses what is printed on standard error: "warning,krdds=verbose" for instance, as the variable KR_LOG.
+    """Selects what is printed on standard error, like the variable KR_LOG: for example "warning,krdds=verbose".
 
     Raises:
         ValueError: a malformed choice; nothing has changed then.
@@ -34,7 +34,7 @@ def get_log_levels() -> str:
 
 
 def flush_log(timeout: float = 30.0) -> bool:
-    """Waits until what has been logged so far is written.
+    """Waits until all records logged so far are written.
 
     Returns:
         False: the timeout, in seconds, was over first.

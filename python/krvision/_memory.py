@@ -17,7 +17,7 @@ _numbers = itertools.count(1)
 
 
 class Event(Module):
-    """A subscription to an event, which lasts until it is closed. Made by Memory.on()."""
+    """A subscription to an event, active until closed. Created by Memory.on()."""
 
     def __init__(self, broker: Broker, name: str, memory: _krvision.Memory, callback: Callable[[str, Any], object]) -> None:
         super().__init__(broker, name)
@@ -40,7 +40,7 @@ class Event(Module):
         self._event = event
 
     def close(self) -> None:
-        """Ends the subscription. A callback that runs is waited for, unless this is called from within it."""
+        """Ends the subscription. Waits for a running callback, unless called from within it."""
         if self._event:
             event, self._event = self._event, ""
             try:
@@ -54,12 +54,12 @@ class Memory(MutableMapping[str, Any]):
     """The memory of a domain: values by key, written and read by all modules, and events.
 
     A mapping: ``memory["Brightness"] = 0.5``. Iterating and ``len()`` ask the memory module each time. Without a memory
-    module operations raise Error, except for writes once there has been one: those are kept and handed over later.
+    module operations raise Error, except for writes once there has been one: those are kept and delivered later.
 
     Thread-safe.
 
     Raises:
-        TypeError, OverflowError: a value that is not a Value, or a number that 32 bits do not hold.
+        TypeError, OverflowError: a value that is not a Value, or a number that does not fit 32 bits.
     """
 
     def __init__(self, broker: Broker) -> None:
@@ -120,7 +120,7 @@ class Memory(MutableMapping[str, Any]):
         self._memory.declare_event(event)
 
     def raise_event(self, event: str, value: Value = None) -> None:
-        """Stores the value under the event's name and calls everyone who subscribed to it, without waiting for them."""
+        """Stores the value under the event's name and calls all its subscribers, without waiting for them."""
         self._memory.raise_event(event, value)
 
     def events(self) -> list[str]:
@@ -128,12 +128,13 @@ class Memory(MutableMapping[str, Any]):
         return self._memory.events()
 
     def on(self, event: str, callback: Callable[[str, Any], object]) -> Event:
-        """Has ``callback(event, value)`` called whenever the event is raised, one after the other, on a call thread.
+        """Calls ``callback(event, value)`` whenever the event is raised, one call at a time, on a call thread.
 
-        The extractor that declared the event runs meanwhile, and may come later. What the callback raises is logged.
+        While subscribed, the extractor that declared the event runs; it may start later. Exceptions of the callback are
+        logged.
 
         Returns:
-            The subscription; close it to end it. It ends with the broker otherwise.
+            The subscription. Close it to end it; otherwise it ends with the broker.
 
         Raises:
             Error: there is no memory; the extractor refuses the subscription.

@@ -14,9 +14,9 @@ __all__ = ["Extractor", "Module", "VisionExtractor", "published"]
 
 
 class Module(Closable):
-    """A participant of the system: a name that others call, and the methods that it publishes.
+    """A participant of the system: a name that others call, and its published methods.
 
-    Derive, mark methods with ``published``, and make the module with ``Broker.create``: it can be called once its
+    Derive, mark methods with ``published``, and create the module with ``Broker.create``: it is callable once its
     constructor has finished. It lives until it is closed: by ``with``, ``close()``, its broker's ``close()``, or when the
     interpreter exits. Published methods run on the threads of their callers and on call threads, many at once.
 
@@ -76,11 +76,11 @@ class Module(Closable):
 
     @property
     def failure(self) -> str:
-        """Why the module has stopped doing its work, as it reported last; "" while it works."""
+        """The reason for the last reported failure; "" while the module works."""
         return self._body.failure
 
     def report_failure(self, reason: str) -> None:
-        """Records why the module has stopped doing its work, for others to see; "" says that it works again."""
+        """Reports why the module has stopped working, for others to see; "" means that it works again."""
         self._body.report_failure(reason)
 
     def declare_parameter(
@@ -95,22 +95,22 @@ class Module(Closable):
         unit: str = "",
         choices: Sequence[str] = (),
     ) -> None:
-        """Declares something that can be set while the module runs. For constructors.
+        """Declares a parameter that can be changed while the module runs. For constructors.
 
         Args:
             name: letters, digits, "-" and "_".
-            description: for people.
-            default: the value that the module begins with; its type is that of the parameter.
-            setter: called with each new value, in range and of the parameter's type, on the thread of whoever sets it. It
-                refuses the value by raising ValueError.
+            description: human-readable.
+            default: the initial value, which determines the parameter's type.
+            setter: called with each new value, in range and of the parameter's type, on the caller's thread. Raises
+                ValueError to refuse the value.
             minimum: of an int or a float, which needs it.
             maximum: the same.
-            unit: for people.
+            unit: human-readable.
             choices: the texts that a str may be; any if there are none.
 
         Raises:
             Error: a malformed name, or one that is taken; an empty range; a default out of range; the module is reachable.
-            TypeError: a default of another type; a range for something that is no number, or none for a number.
+            TypeError: a default of another type; a range for a parameter that is not a number, or none for a number.
         """
         kind = {bool: "bool", int: "int", float: "float", str: "choice" if choices else "text"}.get(type(default))
         if kind is None:
@@ -126,10 +126,10 @@ class Module(Closable):
         self._setters[name](value)
 
     def close(self) -> None:
-        """Takes the module down: new calls are refused, its detection stops, running calls finish, its name is free.
+        """Shuts the module down: new calls are refused, its detection stops, running calls finish, its name becomes free.
 
-        Called from one of the module's own hooks or methods, it returns at once, and the module goes after that. A module
-        that kr hosts is asked to exit. May be called again. Operations of a closed module raise Error.
+        Called from one of the module's own hooks or methods, it returns at once, and the module is destroyed later. A
+        module hosted by kr is asked to exit. May be called again. Operations of a closed module raise Error.
         """
         body = self.__dict__.get("_body")
         if body is not None:  # otherwise its constructor has failed
@@ -145,19 +145,19 @@ class Module(Closable):
 class Extractor(Module):
     """A module that computes something while it has subscribers.
 
-    The first subscriber starts the detection, by the hook ``start_detection``, the last one to leave stops it. The
+    The first subscriber starts the detection with the hook ``start_detection``, the last one to leave stops it. The
     smallest period and the largest precision of all are in force. The constructor waits for a memory module.
 
-    What a hook raises reaches the client whose call it runs in as an Error, as from C++; the traceback is logged. Hooks run
-    on the threads of those who subscribe, and must not subscribe to or unsubscribe from their own extractor.
+    An exception of a hook reaches the client whose call runs the hook as an Error, as with C++; the traceback is logged.
+    Hooks run on the threads of subscribing clients, and must not subscribe to or unsubscribe from their own extractor.
 
     Args:
         broker: the broker.
         name: of the module.
         default_period: milliseconds, for a first subscriber that gives no period.
         default_precision: the same for the precision.
-        minimum_period: milliseconds; smaller ones are set to it.
-        maximum_period: milliseconds; larger ones are set to it. None: no bound.
+        minimum_period: milliseconds; smaller periods are clamped.
+        maximum_period: milliseconds; larger periods are clamped. None: no limit.
     """
 
     def __init__(
@@ -187,7 +187,7 @@ class Extractor(Module):
         """Hook: the last subscriber has left, or the module is being closed."""
 
     def declare_event(self, event: str) -> None:
-        """Declares an event that this extractor raises: who subscribes to it subscribes to this. For constructors."""
+        """Declares an event that this extractor raises: its subscribers also subscribe to this extractor. For constructors."""
         self._body.declare_event(event)
 
     def declare_memory_key(self, key: str) -> None:
@@ -252,8 +252,8 @@ class Extractor(Module):
 class VisionExtractor(Extractor):
     """A module that processes camera images while it has subscribers.
 
-    An acquisition thread fetches one image per period in force and calls ``process_image`` with it. What that raises is
-    logged with its traceback, and the next image comes; the other hooks are those of an Extractor.
+    An acquisition thread fetches one image per period in force and calls ``process_image`` with it. Its exceptions are
+    logged with a traceback, and the next image follows; the other hooks are those of an Extractor.
 
     The settings may be changed from everywhere but ``update_parameters``; ``process_image`` must not unsubscribe the last
     subscriber.

@@ -1,4 +1,4 @@
-"""What a published method says about itself: from its signature, its annotations and its docstring."""
+"""The description of a published method: from its signature, its annotations and its docstring."""
 
 from __future__ import annotations
 
@@ -40,8 +40,8 @@ def published(function: Optional[F] = None, *, name: Optional[str] = None) -> Un
     Descriptions come from the docstring: its first paragraph, and lines ``name: text`` under ``Args:`` and ``Returns:``,
     or ``:param name: text`` and ``:return: text``.
 
-    A method gets arguments of these types: an int that was passed for a bool or a float is one. Error passes to the caller
-    as it is; of another exception the caller gets an Error, and the log the traceback.
+    A method gets arguments of these types: an int passed for a bool or a float is converted. Error passes to the caller
+    unchanged; for another exception the caller gets an Error, and the traceback is logged.
 
     Args:
         name: to publish it under (default: the method's). Methods of different parameters may share one: overloads, of

@@ -20,7 +20,7 @@ class Stream(NamedTuple):
 
 
 class Video:
-    """Reads a recording, also one that is cut or was never closed: an oxv file.
+    """Reads a recording (an oxv file), even if truncated or not closed.
 
     A sequence of the images of the first stream: ``len(video)``, ``video[0]``, ``for image in video``. Each is read when it
     is asked for. The first 25 bytes of the pixels are not in the file: they are copied from the row below. Thread-safe.
@@ -77,10 +77,10 @@ class Video:
 
 
 class Recording(Closable):
-    """An oxv file that is being written. Made by Video.record(). Close it, best by ``with``. Thread-safe.
+    """An oxv file being written. Created by Video.record(). Close it, preferably with ``with``. Thread-safe.
 
     Raises:
-        Error: it cannot be written; a stream that no image can have.
+        Error: it cannot be written; a stream with an impossible geometry.
     """
 
     def __init__(self, path: Path, streams: Sequence[tuple[int, int, int]]) -> None:

@@ -13,19 +13,19 @@
 
 namespace KR::python {
 
-/// What goes when its broker is closed.
+/// An object that is released when its broker is closed.
 class BrokerClient {
 public:
     BrokerClient() = default;
     virtual ~BrokerClient() = default;
     BrokerClient(const BrokerClient&) = delete;
     BrokerClient& operator=(const BrokerClient&) = delete;
-    /// Gives up what holds the broker. \return that, to be destroyed with the interpreter's lock released
+    /// Releases the reference to the broker. \return it, to be destroyed with the interpreter's lock released
     virtual std::shared_ptr<void> drop() noexcept = 0;
 };
 
-/// A broker as Python has it: closing it drops what its proxies hold, so that it goes although they stay. Used with the
-/// interpreter's lock held.
+/// A broker for Python: closing it drops the references of its proxies, so that it is destroyed even if they remain. Used
+/// with the interpreter's lock held.
 class PythonBroker {
 public:
     explicit PythonBroker(boost::shared_ptr<KRBroker> broker) : broker_(std::move(broker)) {}

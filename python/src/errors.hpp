@@ -13,10 +13,10 @@ namespace py = pybind11;
 /// \throws py::error_already_set an exception of this type, e.g. PyExc_ValueError
 [[noreturn]] void refuse(PyObject* type, const std::string& text);
 
-/// Has a KRError arrive in Python as krvision.Error, with its three texts.
+/// Translates KRError to krvision.Error, with its three texts.
 void registerErrors();
 
-/// The KRError for the Python exception of the calling thread, which it takes away. An Error of krvision keeps its three
+/// Converts the calling thread's Python exception to a KRError and clears it. An Error of krvision keeps its three
 /// texts. Any other is logged with its traceback, but for KeyboardInterrupt, which the main thread gets again.
 KRError takeError(py::error_already_set& error, const std::string& module, const std::string& method);
 

@@ -48,7 +48,7 @@ public:
     using HostedOn::HostedOn;
 
     void xStartImageProcessing() override { callHook("start_image_processing"); }
-    // What leaves this would end the acquisition: an exception is logged, and the next image comes.
+    // An exception that leaves this would end the acquisition, so it is logged, and the next image follows.
     void xProcessImage(KRImage* image) override {
         constexpr const char* kHook = "process_image";
         try {
@@ -63,7 +63,7 @@ public:
                     logException(error, getName(), kHook);
                 }
             }
-        } catch (const KRError&) { // the interpreter is exiting, or the object is gone: nobody to process it
+        } catch (const KRError&) { // the interpreter is exiting, or the object is gone
         }
     }
     void xStopImageProcessing() override { callHook("stop_image_processing"); }

@@ -11,15 +11,15 @@ namespace KR::python {
 
 namespace py = pybind11;
 
-/// An image as Python has it. Used with the interpreter's lock held.
+/// An image for Python. Used with the interpreter's lock held.
 struct PythonImage {
     KRImage image;
     py::object owner = {};  ///< of external pixels: the array; empty if the image owns them
     bool isWritable = true; ///< false: the array is read-only
-    py::object pixels = {}; ///< the array that was made last
+    py::object pixels = {}; ///< the array created last
 };
 
-/// The image with the pixels of an array, which both use from now on.
+/// An image that shares the pixels of an array.
 /// \throws py::error_already_set TypeError, ValueError: the layout does not allow it
 PythonImage makeImage(const py::array& pixels, py::object colorSpace);
 /// The pixels as a NumPy array on the image's own memory, which the array keeps.

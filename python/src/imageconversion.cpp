@@ -16,7 +16,7 @@ namespace {
 
 using Bytes = std::vector<unsigned char>;
 
-// The conversions of the library take an even number of pixels: an odd one is followed by one more here.
+// The conversions of the library need an even number of pixels: adds one to an odd number.
 std::size_t countPaired(const KRImage& image) {
     const std::size_t pixels = static_cast<std::size_t>(image.width) * image.height;
     return pixels + pixels % 2;

@@ -19,7 +19,7 @@ constexpr std::uint64_t kClosed = std::uint64_t{1} << 63;
 std::atomic<std::uint64_t> threadsInside = 0; // threads in Python, and kClosed
 std::atomic<std::thread::id> closingThread;
 
-/// What ends a process whose modules do not come down. Never destroyed: its thread may outlive main().
+/// Ends a process whose modules do not shut down. Never destroyed: its thread may outlive main().
 struct Watch {
     KRMutex mutex;
     KRCondition changed;
@@ -30,7 +30,7 @@ Watch& getWatch() {
     return *watch;
 }
 
-// What a thread does that the interpreter does not get back. The interpreter's lock is not held.
+// Blocks a thread that must not return to the interpreter. The interpreter's lock is not held.
 [[noreturn]] void stop() {
     for (;;) {
         ::pause();
@@ -60,7 +60,7 @@ bool Interpreter::isClosingThread() noexcept {
 void Interpreter::close() {
     closingThread = std::this_thread::get_id();
     std::uint64_t now = threadsInside.fetch_or(kClosed) | kClosed;
-    const LockReleased released; // for those inside, who may be waiting for it
+    const LockReleased released; // threads inside may be waiting for it
     while (now != kClosed) {
         threadsInside.wait(now);
         now = threadsInside.load();

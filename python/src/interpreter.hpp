@@ -9,31 +9,30 @@ namespace KR::python {
 
 namespace py = pybind11;
 
-/// The way of threads into Python and out of it.
+/// Controls how threads enter and leave Python.
 ///
-/// A call that may block runs with the interpreter's lock released (LockReleased), and what the library calls runs with it
-/// taken (LockTaken). The interpreter's exit closes the way: hooks are refused from then on, those that run are waited for,
-/// and a thread that comes back from a blocking call stops for ever, where Python itself would end it in the middle of its
-/// C++ functions.
+/// A call that may block runs with the interpreter's lock released (LockReleased), and callbacks of the library run with it
+/// held (LockTaken). The interpreter's exit closes this: new hooks are refused, running ones are waited for, and a thread
+/// that returns from a blocking call blocks forever, as Python would terminate it inside its C++ functions.
 class Interpreter {
 public:
-    /// Closes the way once every hook has returned. Called at the interpreter's exit, with its lock held. The calling
-    /// thread may still come and go.
+    /// Refuses new hooks and waits until running ones have returned. Called at the interpreter's exit, with its lock held.
+    /// The calling thread may still enter and leave.
     static void close();
 
-    /// Counts a thread that is in Python. \return false: the way is closed
+    /// Counts a thread that is in Python. \return false: refused, as the interpreter is exiting
     static bool enter() noexcept;
     static void leave() noexcept;
     static bool isClosingThread() noexcept;
 
-    /// Ends the process with exit code 1 after `seconds`, naming what did not come down. For the interpreter's exit,
-    /// which waits for modules; nothing can interrupt it. \param names  for the message
+    /// Ends the process with exit code 1 after `seconds`, and prints what did not shut down. For the interpreter's exit,
+    /// which waits for modules and cannot be interrupted. \param names  for the message
     static void endAfter(double seconds, std::string names);
-    /// It has come down.
+    /// Cancels that: everything is down.
     static void endNot();
 };
 
-/// Releases the interpreter's lock as long as it exists.
+/// Releases the interpreter's lock during its lifetime.
 class LockReleased {
 public:
     LockReleased() : state_(PyEval_SaveThread()) {}
@@ -45,7 +44,7 @@ private:
     PyThreadState* const state_;
 };
 
-/// Holds the interpreter's lock as long as it exists, on any thread.
+/// Holds the interpreter's lock during its lifetime, on any thread.
 class LockTaken {
 public:
     /// \throws KRError the interpreter is exiting
@@ -56,7 +55,7 @@ public:
     LockTaken(const LockTaken&) = delete;
     LockTaken& operator=(const LockTaken&) = delete;
 
-    /// False: the interpreter is exiting, and nothing of Python may be touched.
+    /// False: the interpreter is exiting, and Python must not be used.
     bool isHeld() const noexcept { return held_; }
 
 private:
@@ -65,9 +64,9 @@ private:
     PyGILState_STATE state_ = PyGILState_UNLOCKED;
 };
 
-/// For functions that Python has called and that run code of Python themselves. The interpreter's exit waits until this is
-/// destroyed: Python would end a daemon thread in that code, and with it our functions below it. Once the exit has closed
-/// the way, the thread stops here for ever. The lock is held.
+/// For functions called by Python that run Python code themselves. The interpreter's exit waits until this is destroyed:
+/// otherwise Python would terminate a daemon thread in that code, inside our functions. Once the interpreter is exiting, the
+/// thread blocks here forever. The lock is held.
 class CodeRun {
 public:
     CodeRun();

@@ -1,4 +1,4 @@
-// The module krvision._krvision: what the package krvision, which is written in Python, has of the libraries.
+// The module krvision._krvision: bindings of the libraries for the package krvision, which is written in Python.
 
 #include "broker.hpp"
 #include "errors.hpp"
@@ -55,7 +55,7 @@ void bindLog(py::module_& m) {
 }
 
 void bind(py::module_& m) {
-    m.doc() = "The library behind krvision, which is what to use.";
+    m.doc() = "The C++ part of krvision. Use krvision instead.";
 #ifdef KR_WITH_DDS
     registerDDS();
 #endif
@@ -73,7 +73,7 @@ void bind(py::module_& m) {
 } // namespace
 } // namespace KR::python
 
-// PYBIND11_MODULE would do it, but has no place before the first function that hangs in a subinterpreter.
+// PYBIND11_MODULE offers no hook before its first function, which hangs in a subinterpreter.
 extern "C" PYBIND11_EXPORT PyObject* PyInit__krvision() {
     if (PyInterpreterState_Get() != PyInterpreterState_Main()) {
         PyErr_SetString(PyExc_ImportError,

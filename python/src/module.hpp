@@ -49,7 +49,7 @@ public:
 
     /// Whether the calling thread runs a hook or method of this module.
     bool isInsideHook() const noexcept;
-    /// A program hosts the module: it is no longer the body that destroys it. Null: none does. The interpreter's lock is
+    /// A program hosts the module: the body no longer destroys it. Null: no body. The interpreter's lock is
     /// held.
     void setReleased(ModuleBody* body) noexcept { body_ = body; }
     bool isReleased() const noexcept { return body_ != nullptr; }
@@ -139,7 +139,7 @@ public:
     }
 };
 
-/// What a Python module has of its C++ module. Used with the interpreter's lock held.
+/// A Python module's handle on its C++ module. Used with the interpreter's lock held.
 class ModuleBody {
 public:
     ModuleBody(std::unique_ptr<KRModule> module, Hosted& hosted);
@@ -159,18 +159,18 @@ public:
         return unlocked([module = module_, &function] { return function(static_cast<Module&>(*module)); });
     }
 
-    /// Publishes nothing more: others can call it. The Python object stays from now on until it is closed.
+    /// Makes the module reachable: nothing more can be published. The Python object stays alive until closed.
     void makeReachable();
     /// Shuts the module down and destroys it, and waits for that unless it is called from one of its own calls. Asks a
     /// module that was released to exit.
     void close();
-    /// Makes the module reachable and gives it to a program that hosts it: that one destroys it, close() does not.
+    /// Makes the module reachable and passes ownership to a host program: that destroys it, close() does not.
     std::unique_ptr<KRModule> release();
     /// The module that was released is about to be destroyed: waits until no thread uses it.
     void dropReleased();
 
 private:
-    /// Whether the last thread that uses the module is through with it.
+    /// Whether the last thread that used the module is done.
     struct End;
     static std::shared_ptr<KRModule> share(KRModule* module, const std::shared_ptr<End>& end, bool owned);
 

@@ -19,7 +19,7 @@ std::string describeNumber(py::handle number) {
     std::string text;
     try {
         text = py::repr(number).cast<std::string>();
-    } catch (py::error_already_set&) { // an int of so many digits that Python does not write it
+    } catch (py::error_already_set&) { // an int with too many digits for Python to print
         return "the number";
     }
     return text.size() > kLongest ? text.substr(0, kLongest) + "..." : text;

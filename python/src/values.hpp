@@ -22,7 +22,7 @@ std::vector<KRValue> toValues(const py::args& objects);
 /// None, int, float, str, bytes or a list. Bytes of a text that are not UTF-8 become lone surrogates, which toValue() turns
 /// into the same bytes.
 py::object toPython(const KRValue& value);
-/// The same as a published method wants it: a bool for an int, a float for an int.
+/// The same with the type of a published argument: a bool or a float for an int.
 py::object toPython(const KRValue& value, KRArgumentType wanted);
 
 py::str toPythonText(std::string_view text);

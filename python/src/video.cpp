@@ -59,7 +59,7 @@ public:
 
 private:
     const std::unique_ptr<KROxvFile> file_;
-    KRMutex mutex_;
+    KRMutex mutex_; // held while images are read
 };
 
 using Stream = std::tuple<std::uint32_t, std::uint32_t, std::uint32_t>; // width, height, colour space
@@ -78,7 +78,7 @@ public:
     ~Writer() {
         try {
             close();
-        } catch (const std::exception&) { // nobody is there to hear; close() reports it
+        } catch (const std::exception&) { // cannot be reported here; close() does
         }
     }
     Writer(const Writer&) = delete;
@@ -129,8 +129,8 @@ public:
 private:
     const std::string path_;
     KRMutex mutex_;
-    std::unique_ptr<KROxvWriter> writer_;
-    std::uint32_t frames_ = 0;
+    std::unique_ptr<KROxvWriter> writer_ KR_GUARDED_BY(mutex_); // null once closed
+    std::uint32_t frames_ KR_GUARDED_BY(mutex_) = 0;            // once closed
 };
 
 } // namespace

@@ -1,4 +1,4 @@
-"""What the tests share."""
+"""Fixtures of the tests."""
 
 from __future__ import annotations
 
@@ -23,7 +23,7 @@ def broker() -> Iterator[kr.Broker]:
 
 
 class Diary:
-    """What has happened, in order. Thread-safe."""
+    """Records what happened, in order. Thread-safe."""
 
     def __init__(self) -> None:
         self._changed = threading.Condition()
@@ -46,7 +46,7 @@ def diary() -> Diary:
 
 
 def run_program(path: Path, source: str, *, timeout: float = 60.0, **environment: str) -> "subprocess.CompletedProcess[str]":
-    """Runs a program in an interpreter of its own, with the package of this one."""
+    """Runs a program in a separate interpreter, with the package of this one."""
     file = path / "program.py"
     file.write_text(source)
     return subprocess.run(
@@ -66,7 +66,7 @@ def run(tmp_path: Path) -> Callable[..., "subprocess.CompletedProcess[str]"]:
 
 @pytest.fixture
 def domain() -> Iterator[str]:
-    """The address of a DDS domain that no other test uses meanwhile; the tests in C++ take them in the same way."""
+    """The address of a DDS domain that no other test uses; the C++ tests choose domains in the same way."""
     import fcntl
 
     first, count = 10, 90

@@ -1,4 +1,4 @@
-"""How programs end, and what outlives what: each test is an interpreter of its own."""
+"""How programs end, and lifetimes of objects: each test runs a separate interpreter."""
 
 from __future__ import annotations
 
@@ -33,7 +33,7 @@ broker["Watcher"].subscribe("me", 33, 1.0)
 assert watcher.seen.wait(20)
 """
 
-# AddressSanitizer keeps what is freed for a while.
+# AddressSanitizer keeps freed memory for a while.
 growth = pytest.mark.skipif("KR_SANITIZED" in os.environ, reason="memory grows under a sanitizer")
 
 Run = Callable[..., "subprocess.CompletedProcess[str]"]

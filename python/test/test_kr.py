@@ -1,4 +1,4 @@
-"""Files of modules in the hands of kr."""
+"""Python files of modules run by kr."""
 
 from __future__ import annotations
 
@@ -64,7 +64,7 @@ def run(*arguments: str) -> "subprocess.CompletedProcess[str]":
 
 
 class Served:
-    """A kr that serves until it is ended."""
+    """A kr serve that runs until it is stopped."""
 
     def __init__(self, *arguments: str) -> None:
         self.process = subprocess.Popen(

@@ -114,7 +114,7 @@ def test_help_shows_what_a_module_publishes(broker: kr.Broker, adder: Adder, cap
 
 def test_help_on_an_absent_module_says_so(broker: kr.Broker, capsys: pytest.CaptureFixture[str]) -> None:
     help(broker["Nobody"])
-    assert "Nobody cannot be asked" in capsys.readouterr().out
+    assert "Nobody cannot be queried" in capsys.readouterr().out
 
 
 def test_an_error_keeps_its_three_texts(broker: kr.Broker, adder: Adder) -> None:
