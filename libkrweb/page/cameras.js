@@ -1,4 +1,4 @@
-// The panel of cameras: live pictures with what modules saw, statistics, and controls.
+// The camera panel: live pictures with annotations, statistics, and controls.
 
 import { drawAnnotations } from "./annotations.js";
 import { ControlList } from "./controls.js";
@@ -8,10 +8,10 @@ import { formatColorSpace, formatDuration, formatTenths } from "./vision.js";
 
 const kImageTopic = /^\/camera\/(\d+)\/image$/;
 const kAnnotationsSchema = "foxglove.ImageAnnotations";
-const kStale_ms = 2500; // without a picture for so long, a camera has stopped
-const kAnnotationsLast_ms = 1500; // what a module saw is shown for so long, or for three of its periods
+const kStale_ms = 2500; // a camera without a picture for this long has stopped
+const kAnnotationsLast_ms = 1500; // how long annotations are shown, or three periods of their module
 
-const kMaxRecent = 30; // annotations that may be of images that are still to be drawn
+const kMaxRecent = 30; // recent annotations, whose images may not be drawn yet
 
 /** Modules that write annotations, by what the server advertises. */
 function listAnnotators(client) {
@@ -70,7 +70,7 @@ class CameraView {
         this.chips = new Map();
         this.arrivals = []; // times of the last pictures
         this.build();
-        // A picture that nobody looks at is not asked for.
+        // Hidden pictures are not subscribed to.
         this.visible = false;
         this.observer = new IntersectionObserver((entries) => {
             this.visible = entries.at(-1).isIntersecting;
@@ -214,7 +214,7 @@ class CameraView {
         for (const [topic, { recent }] of this.annotations) {
             const period = this.panel.extractors.find(topic.slice(1, -"/annotations".length))?.period ?? 0;
             const lasts_ms = Math.max(kAnnotationsLast_ms, 3 * period);
-            // Those of the image that is shown, or of the last one before it that the module saw.
+            // Annotations of the displayed image, or of the latest earlier one that the module processed.
             const fitting = recent.findLast(({ time_ns }) => time_ns <= this.drawnTime_ns);
             if (fitting && performance.now() - fitting.arrival_ms < lasts_ms) {
                 drawAnnotations(context, fitting.message, density);
@@ -263,7 +263,7 @@ class CameraView {
             return camera.failure;
         }
         if (this.stopImages && performance.now() - (this.lastDrawn ?? 0) > kStale_ms) {
-            return this.lastDrawn === undefined ? "Waiting for a picture…" : "No picture arrives";
+            return this.lastDrawn === undefined ? "Waiting for a picture…" : "No pictures received";
         }
         return "";
     }

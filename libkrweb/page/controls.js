@@ -23,7 +23,7 @@ export class ControlList {
         setText(this.title, `Controls (${controls.length})`);
         syncList(this.fields, this.views, controls, ({ id }) => id, (control) => this.createControl(control));
         if (this.client.connected && controls.some((control) => !this.client.parameters.has(control.parameter)) && !this.asked) {
-            this.asked = true; // a camera that came after the connection
+            this.asked = true; // for a camera added after connecting
             this.client.requestParameters();
             setTimeout(() => (this.asked = false), 3000);
         }
@@ -49,7 +49,7 @@ export class ControlList {
         const reset = element("button", { class: "quiet", title: `Back to ${control.default}`, "aria-label": `Reset ${control.name}` }, "↺");
         // A slider that is being dragged sends its newest value, ten times a second at most.
         let timer;
-        let heldUntil_ms = 0; // until then the value shown is the user's, not the server's
+        let heldUntil_ms = 0; // until then shows the user's value instead of the server's
         const send = (value) => {
             slider.value = value;
             number.value = value;

@@ -1,10 +1,10 @@
-// The panel of extractors: who subscribes to them, whether they keep up, and the buttons to change that.
+// The extractor panel: subscribers, achieved rates, and buttons to subscribe and pause.
 
 import { element, notify, setEmptyNote, setField, setOptions, setText, settings, syncList } from "./dom.js";
 import { formatShort, formatResolution, formatTenths, kResolutions } from "./vision.js";
 
-const kMyName = "web"; // as which this page subscribes
-const kSlow = 0.85; // share of the wanted rate below which an extractor does not keep up
+const kMyName = "web"; // subscriber name of this page
+const kSlow = 0.85; // share of the requested rate below which an extractor is too slow
 
 export class ExtractorsPanel {
     constructor(client, list, note) {
@@ -12,7 +12,7 @@ export class ExtractorsPanel {
         this.list = list;
         this.note = note;
         this.views = new Map();
-        this.states = new Map(); // by name; an extractor that has gone stays, marked, until it is removed by hand
+        this.states = new Map(); // by name; an extractor that is gone stays in the list, marked, until removed by the user
         client.subscribeJson("/extractors", ({ extractors }) => this.take(extractors));
         client.addEventListener("state", () => this.show());
     }
@@ -39,7 +39,7 @@ export class ExtractorsPanel {
     show() {
         const states = [...this.states.values()].sort((a, b) => (a.name < b.name ? -1 : 1));
         syncList(this.list, this.views, states, ({ name }) => name, ({ name }) => new ExtractorView(this, name));
-        setEmptyNote(this.note, states.length === 0, "No extractors. Run a module, for instance with kr serve --run MODULE.so.");
+        setEmptyNote(this.note, states.length === 0, "No extractors. Run a module, for example with kr serve --run MODULE.so.");
     }
 }
 
@@ -56,7 +56,7 @@ class ExtractorView {
         const { name } = this;
         this.chip = element("span", { class: "state" });
         this.rate = element("dd");
-        this.meter = element("meter", { min: 0, max: 1, low: kSlow, high: kSlow, optimum: 1, "aria-label": "Achieved rate as a share of the wanted one" });
+        this.meter = element("meter", { min: 0, max: 1, low: kSlow, high: kSlow, optimum: 1, "aria-label": "Achieved rate as a share of the requested rate" });
         this.period = element("dd");
         this.precision = element("dd");
         const fact = (title, value, ...more) => element("div", {}, element("dt", {}, title), value, ...more);
@@ -71,7 +71,7 @@ class ExtractorView {
             element("label", {}, "Size", this.resolution),
         );
         this.subscriberList = element("ul", { class: "subscribers" });
-        this.nobody = element("p", { class: "hint" }, "Nobody subscribes; it does not run.");
+        this.nobody = element("p", { class: "hint" }, "No subscribers; it is not running.");
 
         const wanted = settings.get(`extractor.${name}`, { period: 100, precision: 1 });
         this.wantedPeriod = element("input", { type: "number", min: 1, max: 3600000, step: 1, value: wanted.period, required: true });

@@ -36,7 +36,7 @@ new MemoryPanel(client, {
 new EventsPanel(client, ...parts("events"));
 new LogPanel(client, ...parts("log"));
 
-// The connection. A server that has vanished without a word is found by its silence.
+// The connection. A server that vanished without closing it is detected by its silence.
 
 let heard_ms = performance.now();
 let service;
@@ -71,11 +71,11 @@ function showConnection() {
 function describeConnection() {
     if (!client.connected) {
         return client.everConnected
-            ? ["bad", "disconnected", "The connection to the server is lost. This page reconnects by itself."]
-            : ["idle", "connecting", client.retries > 1 ? "The server does not accept the connection. If it wants a token, open its address with ?token=TOKEN." : ""];
+            ? ["bad", "disconnected", "Lost the connection to the server. This page reconnects automatically."]
+            : ["idle", "connecting", client.retries > 1 ? "The server refuses the connection. If it needs a token, open its address with ?token=TOKEN." : ""];
     }
     if (service === false) {
-        return ["warn", "no cameras", "The camera service is gone. Its pictures come back by themselves when it does."];
+        return ["warn", "no cameras", "The camera service is gone. Pictures reappear when it comes back."];
     }
     return client.server.metadata?.readOnly === "true" ? ["good", "live, read only", ""] : ["good", "live", ""];
 }

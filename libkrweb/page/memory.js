@@ -20,7 +20,7 @@ export class MemoryPanel {
         this.rows = new Map();
         this.plots = new Map(); // {key, path, plot, element, end} by name
         this.seconds = settings.get("plots.seconds", 30);
-        // Only the keys that can be seen are subscribed to.
+        // Only visible keys are subscribed to.
         this.observer = new IntersectionObserver((entries) => entries.forEach(({ target, isIntersecting }) => target.row.setVisible(isIntersecting)));
         filter.addEventListener("input", () => this.show());
         for (const seconds of [30, 60, 300]) {
@@ -38,7 +38,7 @@ export class MemoryPanel {
     show() {
         if (!this.client.connected && this.client.everConnected) {
             this.rows.forEach((row) => row.element.classList.add("gone"));
-            return; // the last values stay to be read
+            return; // keeps showing the last values
         }
         const words = this.parts.filter.value.toLowerCase().split(/\s+/).filter(Boolean);
         const keys = [...this.client.channels.keys()]
@@ -47,7 +47,7 @@ export class MemoryPanel {
             .sort();
         const shown = keys.filter((key) => words.every((word) => key.toLowerCase().includes(word)));
         syncList(this.parts.list, this.rows, shown, (key) => key, (key) => new MemoryRow(this, key));
-        setEmptyNote(this.parts.note, shown.length === 0, keys.length === 0 ? "The memory is empty." : `None of ${keys.length} keys contains this.`);
+        setEmptyNote(this.parts.note, shown.length === 0, keys.length === 0 ? "The memory is empty." : `None of ${keys.length} keys match.`);
     }
 
     setWindow(seconds) {

@@ -108,7 +108,7 @@ export class Client extends EventTarget {
         socket.onclose = () => this.lose(socket);
         socket.onmessage = ({ data }) => {
             if (socket !== this.socket) {
-                return; // of a connection that was given up
+                return; // from an abandoned connection
             }
             try {
                 if (typeof data === "string") {
@@ -195,7 +195,7 @@ export class Client extends EventTarget {
                     this.startSubscription(channel.topic);
                 }
                 if (message.channels.some(({ topic }) => topic.startsWith("/camera/"))) {
-                    this.requestParameters(); // those of a picture are there once its channel is
+                    this.requestParameters(); // a picture's parameters exist once its channel does
                 }
                 this.report("channels");
                 break;

@@ -1,4 +1,4 @@
-// The panels of things that happen: events of modules, and the log of the server.
+// The panels of events of modules and of the server's log.
 
 import { element, setEmptyNote, setText } from "./dom.js";
 import { formatTime, formatValue } from "./vision.js";

@@ -1,4 +1,4 @@
-// Resolution and colour-space codes, and how numbers are written.
+// Resolution and colour-space codes, and formatting of numbers.
 
 /** [code, width, height] of what vision extractors take, smallest first. */
 export const kResolutions = [
