@@ -10,8 +10,10 @@
 
 namespace KR {
 
-KRLendings::KRLendings(std::shared_ptr<KRLocalPool> pool, std::unique_ptr<const KRForeignMemory> returns)
-    : pool_(std::move(pool)), returns_(std::move(returns)), tickets_(KRReturns::kTickets) {
+KRLendings::KRLendings(std::shared_ptr<KRLocalPool> pool, std::shared_ptr<Bytes> lentBytes,
+                       std::unique_ptr<const KRForeignMemory> returns)
+    : pool_(std::move(pool)), lentBytes_(std::move(lentBytes)), returns_(std::move(returns)),
+      tickets_(KRReturns::kTickets) {
     if (returns_->size() != KRReturns::kSize) {
         throw KRLocalMalformed("a page of returns of " + std::to_string(returns_->size()) + " bytes");
     }
@@ -21,10 +23,11 @@ KRLendings::KRLendings(std::shared_ptr<KRLocalPool> pool, std::unique_ptr<const 
     lent_.reserve(KRReturns::kTickets);
 }
 
-KRBinary KRLendings::toShared(const KRBinary& binary) const {
+KRBinary KRLendings::toShared(const KRBinary& binary) {
     if (pool_->find(binary.data(), binary.size())) {
         return binary;
     }
+    collect(); // a slot that has just been returned is still in the cache
     auto copy = pool_->allocate(binary.size());
     if (!copy) {
         return {};
@@ -36,33 +39,40 @@ KRBinary KRLendings::toShared(const KRBinary& binary) const {
 bool KRLendings::lend(const KRBinary& binary, KRLocalFrame& frame,
                       std::vector<std::shared_ptr<const KRSharedMemory>>& memories) {
     const auto place = pool_->find(binary.data(), binary.size());
-    const std::size_t limit = pool_->getLimit();
+    // A process that returns nothing can only take half of the pool from the others.
+    const std::size_t limit = pool_->getLimit() / 2;
+    if (*lentBytes_ + binary.size() > limit) {
+        pool_->collect(); // also what has been returned through other sockets
+    }
     std::vector<KRBinary> returned; // destroyed after the lock is released, as in all functions here
     const KRLock lock(mutex_);
     collectLocked(returned);
     if (!lie_.empty()) {
         throw KRLocalMalformed(lie_);
     }
-    // A process that returns nothing can only take half of the pool from the others.
-    if (!place || closed_ || free_.empty() || lentBytes_ + binary.size() > limit / 2) {
+    if (!place || closed_ || free_.empty()) {
         return false;
     }
-    if (!known_.contains(place->id)) {
-        if (frame.memories.size() == KRLocalFrame::kMaxMemories) {
-            return false;
-        }
-        memories.push_back(place->memory);
-        frame.memories.push_back({place->id, place->memory->size()});
-        known_.insert(place->id);
+    const bool isNew = !known_.contains(place->id);
+    if (isNew && frame.memories.size() == KRLocalFrame::kMaxMemories) {
+        return false;
     }
     const std::uint32_t number = free_.back();
     Ticket& ticket = tickets_[number];
     if (KRReturns::read(returns_->data(), number) != ticket.generation) {
         throw KRLocalMalformed("gave back a binary that it did not hold");
     }
+    if (lentBytes_->fetch_add(binary.size()) + binary.size() > limit) {
+        *lentBytes_ -= binary.size();
+        return false;
+    }
+    if (isNew) {
+        memories.push_back(place->memory);
+        frame.memories.push_back({place->id, place->memory->size()});
+        known_.insert(place->id);
+    }
     free_.pop_back();
     lent_.push_back(number);
-    lentBytes_ += binary.size();
     ticket.binary = binary;
     ++ticket.generation;
     frame.binaries.push_back({place->id, number, ticket.generation, place->offset, binary.size()});
@@ -81,7 +91,7 @@ void KRLendings::collectLocked(std::vector<KRBinary>& returned) {
             ++i;
             continue;
         }
-        lentBytes_ -= ticket.binary.size();
+        *lentBytes_ -= ticket.binary.size();
         returned.push_back(std::move(ticket.binary));
         ticket.binary = {};
         free_.push_back(number);
@@ -92,10 +102,10 @@ void KRLendings::collectLocked(std::vector<KRBinary>& returned) {
 
 void KRLendings::takeAll(std::vector<KRBinary>& returned) {
     for (const std::uint32_t number : lent_) {
+        *lentBytes_ -= tickets_[number].binary.size();
         returned.push_back(std::move(tickets_[number].binary));
     }
     lent_.clear();
-    lentBytes_ = 0;
 }
 
 std::size_t KRLendings::collect() {

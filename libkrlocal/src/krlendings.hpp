@@ -9,6 +9,7 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <memory>
 #include <set>
 #include <string>
@@ -16,16 +17,20 @@
 
 namespace KR {
 
-/// The binaries in shared memory that another process has received and not returned yet. Thread-safe.
+/// The binaries in shared memory that another process has received through one socket and not returned yet. Thread-safe.
 ///
 /// Each has a ticket. To return it, the other process writes the ticket's generation to its page of returns, without a
 /// message or a wake-up. Until then the binary keeps its memory.
 class KRLendings {
 public:
-    KRLendings(std::shared_ptr<KRLocalPool> pool, std::unique_ptr<const KRForeignMemory> returns);
+    /// Bytes that a connection has lent, through all of its sockets.
+    using Bytes = std::atomic<std::size_t>;
+
+    KRLendings(std::shared_ptr<KRLocalPool> pool, std::shared_ptr<Bytes> lentBytes,
+               std::unique_ptr<const KRForeignMemory> returns);
 
     /// The binary in the pool: itself if it is there, otherwise a copy. Empty if there is no room.
-    KRBinary toShared(const KRBinary& binary) const;
+    KRBinary toShared(const KRBinary& binary) KR_EXCLUDES(mutex_);
     /// Lends a binary that is in the pool, and adds it to the frame. Also adds its memory to `memories` if the other
     /// does not have it yet. Send frames in the order in which they are made.
     /// \return false, and nothing is added: the limit of one process is reached \throws KRLocalMalformed see check()
@@ -61,13 +66,13 @@ private:
     void takeAll(std::vector<KRBinary>& returned) KR_REQUIRES(mutex_);
 
     const std::shared_ptr<KRLocalPool> pool_;
+    const std::shared_ptr<Bytes> lentBytes_;
     const std::unique_ptr<const KRForeignMemory> returns_;
 
     mutable KRMutex mutex_;
     std::vector<Ticket> tickets_ KR_GUARDED_BY(mutex_);
     std::vector<std::uint32_t> free_ KR_GUARDED_BY(mutex_);
     std::vector<std::uint32_t> lent_ KR_GUARDED_BY(mutex_);
-    std::size_t lentBytes_ KR_GUARDED_BY(mutex_) = 0;
     std::set<std::uint32_t> known_ KR_GUARDED_BY(mutex_); // memories that the other has
     std::vector<std::uint32_t> forgotten_ KR_GUARDED_BY(mutex_);
     bool closed_ KR_GUARDED_BY(mutex_) = false;

@@ -53,9 +53,10 @@ struct KRLocalChannel::Packet {
 KRLocalChannel::KRLocalChannel(KRDescriptor socket, pid_t process, std::shared_ptr<KRLocalCounts> counts)
     : socket_(std::move(socket)), process_(process), counts_(std::move(counts)) {}
 
-void KRLocalChannel::open(const std::shared_ptr<KRLocalPool>& pool) {
+void KRLocalChannel::open(const std::shared_ptr<KRLocalPool>& pool,
+                          const std::shared_ptr<KRLendings::Bytes>& lentBytes) {
     pool_ = pool;
-    lendings_ = std::make_shared<KRLendings>(pool, std::move(returns_));
+    lendings_ = std::make_shared<KRLendings>(pool, lentBytes, std::move(returns_));
     pool->attach(lendings_);
 }
 

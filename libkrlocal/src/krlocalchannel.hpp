@@ -63,7 +63,8 @@ public:
     /// \throws KRLocalClosed \throws KRLocalMalformed \throws std::system_error
     std::optional<Received> receiveGreeting();
     /// Both sides have authenticated: binaries may be lent to the other.
-    void open(const std::shared_ptr<KRLocalPool>& pool);
+    /// \param lentBytes  of all sockets of the connection
+    void open(const std::shared_ptr<KRLocalPool>& pool, const std::shared_ptr<KRLendings::Bytes>& lentBytes);
 
     /// Sends a message; blocks while the other does not read. While another request is unanswered, a Request is sent as
     /// Further, after signalling the bell. \throws KRError it is beyond the bounds

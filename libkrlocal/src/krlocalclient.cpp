@@ -119,9 +119,9 @@ void KRLocalClient::dispatch(KRLocalChannel::Received received) {
     pending.changed.notifyOne();
 }
 
-bool KRLocalClient::isOpen() const {
+std::optional<std::string> KRLocalClient::getEnd() const {
     const KRLock lock(mutex_);
-    return !gone_;
+    return gone_ ? std::optional(why_) : std::nullopt;
 }
 
 void KRLocalClient::setGone(const std::string& why, bool tell) noexcept {

@@ -16,19 +16,21 @@
 
 namespace KR {
 
-/// The calling side of a connection.
+/// The calling side of a connection's socket. Thread-safe.
 ///
 /// One of the threads that wait for replies, the leader, reads. When its own reply arrives, it passes the lead to another
 /// waiting thread. Without waiting threads, nobody reads.
-class KRLocalClient : public KRLocalConnection {
+class KRLocalClient {
 public:
     KRLocalClient(std::unique_ptr<KRLocalChannel> channel,
                   std::shared_ptr<std::atomic<std::uint64_t>> disconnected,
                   std::function<void(const std::string& why)> onGone);
 
-    KRLocalMessage call(const KRLocalMessage& request) override KR_EXCLUDES(mutex_);
-    bool isOpen() const override KR_EXCLUDES(mutex_);
-    void close(const std::string& why) override KR_EXCLUDES(mutex_);
+    /// See KRLocalConnection.
+    KRLocalMessage call(const KRLocalMessage& request) KR_EXCLUDES(mutex_);
+    /// Why it has ended; nullopt: it has not.
+    std::optional<std::string> getEnd() const KR_EXCLUDES(mutex_);
+    void close(const std::string& why) KR_EXCLUDES(mutex_);
 
     /// Closes without calling onGone.
     void closeSilently(const std::string& why) KR_EXCLUDES(mutex_);

@@ -1,6 +1,7 @@
 #include "krlocal/krlocalendpoint.hpp"
 
 #include "krlocalclient.hpp"
+#include "krlocallanes.hpp"
 #include "krlocalserver.hpp"
 #include "krlocalsocket.hpp"
 
@@ -35,6 +36,7 @@ constexpr std::uint64_t kVersion = 2; // of the protocol
 constexpr const char* kAddressMark = "KRLocal/2";
 constexpr std::size_t kMaxGreeting = 64;
 constexpr std::size_t kMaxSessions = 4096;
+constexpr std::size_t kMaxSocketsForLanes = 128; // of either side; beyond, each connection has one socket
 constexpr std::size_t kMaxIdentity = 1024;
 constexpr std::chrono::seconds kGreetingPatience{5};
 constexpr std::chrono::seconds kTick{1};
@@ -84,7 +86,7 @@ KRLocalConnection::~KRLocalConnection() = default;
 class KRLocalEndpoint::Private : public std::enable_shared_from_this<KRLocalEndpoint::Private> {
 public:
     Private(KRLocalOptions options, KRLocalService& service)
-        : options_(std::move(options)), admission_(options_.group),
+        : options_(std::move(options)), admission_(options_.group), service_(service),
           server_(std::make_shared<KRLocalServer>(service, disconnected_)) {
         if (options_.id.empty() || options_.id.size() > kMaxIdentity) {
             throw KRError("KRLocalEndpoint", "create",
@@ -113,6 +115,33 @@ public:
                                                std::chrono::milliseconds patience,
                                                std::function<void(const std::string&)> onGone)
         KR_EXCLUDES(mutex_) {
+        const auto self = shared_from_this();
+        const auto lanes = std::make_shared<KRLocalLanes>(KRLocalLanes::Owner{
+            [self, address, patience](const std::shared_ptr<KRLocalLanes>& owner) {
+                return self->hasRoomForLanes() ? self->openLane(address, patience, owner) : nullptr;
+            },
+            [self](const std::function<void()>& job) { self->callOut([&] { self->service_.post(job); }); },
+            [self, onGone = std::move(onGone)](const std::string& why) {
+                if (onGone) {
+                    self->callOut([&] { onGone(why); });
+                }
+            }});
+        auto first = openLane(address, patience, lanes);
+        if (!first) {
+            return nullptr;
+        }
+        lanes->add(std::move(first));
+        const KRLock lock(mutex_);
+        if (stopped_) {
+            throw KRError("KRLocalEndpoint", "connect", "this endpoint has been stopped");
+        }
+        connections_.push_back(lanes);
+        return lanes;
+    }
+
+    /// \return null: nobody listens there any more \throws KRError as connect()
+    std::shared_ptr<KRLocalClient> openLane(const KRLocalAddress& address, std::chrono::milliseconds patience,
+                                            const std::shared_ptr<KRLocalLanes>& lanes) KR_EXCLUDES(mutex_) {
         const auto fail = [](const std::string& why) { throw KRError("KRLocalEndpoint", "connect", why); };
         const auto deadline = Clock::now() + patience;
         if (!address.isOnThisMachine()) {
@@ -149,15 +178,13 @@ public:
         } catch (const std::system_error& error) {
             fail(error.what());
         }
-        channel->open(pool_);
-        auto client = std::make_shared<KRLocalClient>(
-            std::move(channel), disconnected_,
-            [self = shared_from_this(), onGone = std::move(onGone)](const std::string& why) {
-                if (onGone && self->enterCallback()) {
-                    onGone(why);
-                    self->leaveCallback();
-                }
-            });
+        channel->open(pool_, lanes->getLentBytes());
+        auto client = std::make_shared<KRLocalClient>(std::move(channel), disconnected_,
+                                                      [weak = std::weak_ptr(lanes)](const std::string& why) {
+                                                          if (const auto owner = weak.lock()) {
+                                                              owner->noticeGone(why);
+                                                          }
+                                                      });
         {
             const KRLock lock(mutex_);
             if (stopped_) {
@@ -188,10 +215,12 @@ public:
 
     void stop() noexcept KR_EXCLUDES(mutex_) {
         std::map<std::uint64_t, std::weak_ptr<KRLocalClient>> clients;
+        std::vector<std::weak_ptr<KRLocalLanes>> connections;
         {
             const KRLock lock(mutex_);
             stopped_ = true;
             clients.swap(clients_);
+            connections.swap(connections_);
         }
         wake();
         if (thread_.joinable()) {
@@ -201,9 +230,15 @@ public:
                 thread_.join();
             }
         }
-        for (const auto& [id, each] : clients) {
+        const std::string why = "this process has closed the connection";
+        for (const auto& each : connections) {
+            if (const auto connection = each.lock()) {
+                connection->closeSilently(why);
+            }
+        }
+        for (const auto& [id, each] : clients) { // one of them may belong to no connection yet
             if (const auto client = each.lock()) {
-                client->closeSilently("this process has closed the connection");
+                client->closeSilently(why);
             }
         }
         server_->stop();
@@ -232,19 +267,30 @@ private:
         [[maybe_unused]] const auto written = ::write(wake_.get(), &kOne, sizeof kOne);
     }
 
-    bool enterCallback() KR_EXCLUDES(mutex_) {
+    bool hasRoomForLanes() const KR_EXCLUDES(mutex_) {
         const KRLock lock(mutex_);
-        if (stopped_) {
-            return false;
-        }
-        callbacks_.insert(std::this_thread::get_id());
-        return true;
+        return clients_.size() < kMaxSocketsForLanes;
     }
 
-    void leaveCallback() KR_EXCLUDES(mutex_) {
-        const KRLock lock(mutex_);
-        callbacks_.erase(callbacks_.find(std::this_thread::get_id()));
-        callbackLeft_.notifyAll();
+    /// Calls a function of somebody else, unless this endpoint has been stopped, which waits for its end.
+    template <class Function>
+    void callOut(Function function) KR_EXCLUDES(mutex_) {
+        {
+            const KRLock lock(mutex_);
+            if (stopped_) {
+                return;
+            }
+            callbacks_.insert(std::this_thread::get_id());
+        }
+        const struct Leave {
+            Private& self;
+            ~Leave() {
+                const KRLock lock(self.mutex_);
+                self.callbacks_.erase(self.callbacks_.find(std::this_thread::get_id()));
+                self.callbackLeft_.notifyAll();
+            }
+        } leave{*this};
+        function();
     }
 
     void run() KR_EXCLUDES(mutex_) {
@@ -363,10 +409,18 @@ private:
                     throw KRError("KRLocalEndpoint", "accept",
                                   std::string("eventfd: ") + std::strerror(errno));
                 }
-                channel.open(pool_);
+                const std::string name = body.substr(secret.size());
+                std::shared_ptr<KRLocalCaller> caller = server_->findCaller(name);
+                if (caller && server_->getCount() >= kMaxSocketsForLanes) {
+                    return false; // it does with those that it has
+                }
+                if (!caller) {
+                    caller = std::make_shared<KRLocalCaller>(name);
+                }
+                channel.open(pool_, caller->getLentBytes());
                 channel.sendGreeting(KRLocalFrame::Welcome, kVersion, "", bell.get());
                 epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, channel.getSocket(), nullptr);
-                server_->add(std::move(owner), std::move(bell), body.substr(secret.size()));
+                server_->add(std::move(owner), std::move(bell), std::move(caller));
             }
         } catch (const KRLocalMalformed& error) {
             refuse(process + " sent " + error.what());
@@ -390,14 +444,24 @@ private:
         pool_->trim(kIdleMemory);
         server_->sendNotices();
         std::vector<std::shared_ptr<KRLocalClient>> clients;
+        std::vector<std::shared_ptr<KRLocalLanes>> connections;
         {
             const KRLock lock(mutex_);
+            std::erase_if(connections_, [](const auto& each) { return each.expired(); });
+            for (const auto& each : connections_) {
+                if (auto connection = each.lock()) {
+                    connections.push_back(std::move(connection));
+                }
+            }
             std::erase_if(clients_, [](const auto& each) { return each.second.expired(); });
             for (const auto& [id, each] : clients_) {
                 if (auto client = each.lock()) {
                     clients.push_back(std::move(client));
                 }
             }
+        }
+        for (const auto& connection : connections) {
+            connection->trim();
         }
         for (const auto& client : clients) {
             client->tick();
@@ -406,6 +470,7 @@ private:
 
     const KRLocalOptions options_;
     const KRLocalAdmission admission_;
+    KRLocalService& service_; // not used after stop()
     const std::shared_ptr<KRLocalCounts> counts_ = std::make_shared<KRLocalCounts>();
     const std::shared_ptr<std::atomic<std::uint64_t>> disconnected_ =
         std::make_shared<std::atomic<std::uint64_t>>(0);
@@ -428,6 +493,7 @@ private:
     std::multiset<std::thread::id> callbacks_ KR_GUARDED_BY(mutex_); // under way
     std::uint64_t lastId_ KR_GUARDED_BY(mutex_) = kListeningId;      // of a connection
     std::map<std::uint64_t, std::weak_ptr<KRLocalClient>> clients_ KR_GUARDED_BY(mutex_);
+    std::vector<std::weak_ptr<KRLocalLanes>> connections_ KR_GUARDED_BY(mutex_);
 };
 
 KRLocalEndpoint::KRLocalEndpoint(KRLocalOptions options, KRLocalService& service)

@@ -53,6 +53,8 @@ public:
     /// Frees memory with no slot in use, if it has been idle for that long or is beyond the limit.
     /// \return whether any memory is left
     bool trim(std::chrono::steady_clock::duration idle) KR_EXCLUDES(mutex_);
+    /// Collects returned slots.
+    void collect() KR_EXCLUDES(mutex_);
 
     std::size_t getSize() const KR_EXCLUDES(mutex_); ///< bytes of shared memory
     std::size_t getUsedSlots() const KR_EXCLUDES(mutex_);
@@ -81,8 +83,6 @@ private:
                             std::vector<std::uint32_t>& ids) KR_REQUIRES(mutex_);
     void reportDropped(const std::vector<std::uint32_t>& ids) KR_EXCLUDES(mutex_);
     std::vector<std::shared_ptr<KRLendings>> getAttached() const KR_EXCLUDES(mutex_);
-    /// Collects returned slots.
-    void collect() KR_EXCLUDES(mutex_);
 
     mutable KRMutex mutex_;
     std::size_t limit_ KR_GUARDED_BY(mutex_);

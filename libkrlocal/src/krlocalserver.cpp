@@ -46,7 +46,7 @@ KRLocalRequest::~KRLocalRequest() {
 }
 
 const std::string& KRLocalRequest::getCaller() const noexcept {
-    return session_->getCaller();
+    return session_->getCaller()->getName();
 }
 
 bool KRLocalRequest::isCallerGone() const noexcept {
@@ -115,30 +115,32 @@ bool KRLocalSession::readOn() {
 void KRLocalSession::awaitMessage() {
     const KRLock lock(mutex_);
     read_ = false;
-    paused_ = isFull();
+    paused_ = caller_->holds(weak_from_this());
     arm(!paused_);
 }
 
 void KRLocalSession::begin(std::size_t bytes, bool further) {
     const KRLock lock(mutex_);
-    ++running_;
-    runningBytes_ += bytes;
     if (further) {
         --announced_;
     }
     read_ = false;
-    paused_ = isFull();
+    paused_ = caller_->begin(bytes, weak_from_this());
     arm(!paused_ && announced_ > 0);
 }
 
 void KRLocalSession::finish(std::size_t bytes) noexcept {
-    const KRLock lock(mutex_);
-    --running_;
-    runningBytes_ -= bytes;
-    if (paused_ && !isFull()) {
-        paused_ = false;
-        arm(true);
+    for (const auto& held : caller_->finish(bytes)) {
+        if (const auto session = held.lock()) {
+            session->resume();
+        }
     }
+}
+
+void KRLocalSession::resume() {
+    const KRLock lock(mutex_);
+    paused_ = false;
+    arm(true);
 }
 
 void KRLocalSession::disconnect(const std::string& why) noexcept {
@@ -163,7 +165,7 @@ KRLocalServer::KRLocalServer(KRLocalService& service,
 }
 
 void KRLocalServer::add(std::unique_ptr<KRLocalChannel> channel, KRDescriptor bell,
-                        const std::string& caller) {
+                        std::shared_ptr<KRLocalCaller> caller) {
     std::shared_ptr<KRLocalSession> session;
     bool first = false;
     {
@@ -172,8 +174,8 @@ void KRLocalServer::add(std::unique_ptr<KRLocalChannel> channel, KRDescriptor be
             return;
         }
         channel->setPatience(kReadingTime);
-        session = std::make_shared<KRLocalSession>(std::move(channel), std::move(bell), caller, ++lastId_,
-                                                   epoll_, disconnected_);
+        session = std::make_shared<KRLocalSession>(std::move(channel), std::move(bell), std::move(caller),
+                                                   ++lastId_, epoll_, disconnected_);
         sessions_.emplace(session->getId(), session);
         epoll_event event{};
         event.data.u64 = session->getId();
@@ -196,6 +198,16 @@ void KRLocalServer::add(std::unique_ptr<KRLocalChannel> channel, KRDescriptor be
 std::size_t KRLocalServer::getCount() const {
     const KRLock lock(mutex_);
     return sessions_.size();
+}
+
+std::shared_ptr<KRLocalCaller> KRLocalServer::findCaller(const std::string& name) const {
+    const KRLock lock(mutex_);
+    for (const auto& [id, session] : sessions_) {
+        if (session->getCaller()->getName() == name) {
+            return session->getCaller();
+        }
+    }
+    return nullptr;
 }
 
 void KRLocalServer::startThread() {
@@ -322,7 +334,7 @@ void KRLocalServer::remove(const std::shared_ptr<KRLocalSession>& session) {
     session->end();
     session->getChannel().close();
     if (last && !stopped_) {
-        service_.noticeCallerGone(session->getCaller());
+        service_.noticeCallerGone(session->getCaller()->getName());
     }
 }
 

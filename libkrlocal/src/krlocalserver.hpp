@@ -1,6 +1,7 @@
 #pragma once
 
 #include "krdescriptor.hpp"
+#include "krlocalcaller.hpp"
 #include "krlocalchannel.hpp"
 
 #include "krlocal/krlocalendpoint.hpp"
@@ -16,25 +17,22 @@
 
 namespace KR {
 
-/// The serving side of a connection.
+/// The serving side of a connection's socket.
 ///
 /// One thread at a time reads it. While that thread runs its request, nobody reads, as the caller waits for the reply
 /// before sending more; otherwise it signals the bell, and another thread reads.
-class KRLocalSession {
+class KRLocalSession : public std::enable_shared_from_this<KRLocalSession> {
 public:
-    static constexpr std::size_t kMaxRunning = 512; ///< requests; others stay in the socket
-    static constexpr std::size_t kMaxRunningBytes = std::size_t{512}
-                                                    << 20; ///< of them, sent through the socket
-
     /// \param bell  eventfd that the caller rings
-    KRLocalSession(std::unique_ptr<KRLocalChannel> channel, KRDescriptor bell, std::string caller,
-                   std::uint64_t id, std::shared_ptr<const KRDescriptor> epoll,
+    KRLocalSession(std::unique_ptr<KRLocalChannel> channel, KRDescriptor bell,
+                   std::shared_ptr<KRLocalCaller> caller, std::uint64_t id,
+                   std::shared_ptr<const KRDescriptor> epoll,
                    std::shared_ptr<std::atomic<std::uint64_t>> disconnected)
         : channel_(std::move(channel)), bell_(std::move(bell)), caller_(std::move(caller)), id_(id),
           epoll_(std::move(epoll)), disconnected_(std::move(disconnected)) {}
 
     KRLocalChannel& getChannel() const noexcept { return *channel_; }
-    const std::string& getCaller() const noexcept { return caller_; }
+    const std::shared_ptr<KRLocalCaller>& getCaller() const noexcept { return caller_; }
     std::uint64_t getId() const noexcept { return id_; }
 
     bool hasEnded() const noexcept { return ended_; }
@@ -52,19 +50,18 @@ public:
     void awaitMessage() KR_EXCLUDES(mutex_);
     /// The calling thread has read a request and runs it. \param further  whether the bell was signalled for it
     void begin(std::size_t bytes, bool further) KR_EXCLUDES(mutex_);
-    void finish(std::size_t bytes) noexcept KR_EXCLUDES(mutex_);
+    /// A request that this session has read has ended.
+    void finish(std::size_t bytes) noexcept;
     /// The other has broken the protocol.
     void disconnect(const std::string& why) noexcept;
 
 private:
     void arm(bool messages) KR_REQUIRES(mutex_);
-    bool isFull() const KR_REQUIRES(mutex_) {
-        return running_ >= kMaxRunning || runningBytes_ >= kMaxRunningBytes;
-    }
+    void resume() KR_EXCLUDES(mutex_);
 
     const std::unique_ptr<KRLocalChannel> channel_;
     const KRDescriptor bell_;
-    const std::string caller_;
+    const std::shared_ptr<KRLocalCaller> caller_;
     const std::uint64_t id_;
     const std::shared_ptr<const KRDescriptor> epoll_;
     const std::shared_ptr<std::atomic<std::uint64_t>> disconnected_;
@@ -72,9 +69,7 @@ private:
     std::atomic<bool> ended_ = false;
 
     KRMutex mutex_;
-    std::size_t running_ KR_GUARDED_BY(mutex_) = 0;
-    std::size_t runningBytes_ KR_GUARDED_BY(mutex_) = 0;
-    bool paused_ KR_GUARDED_BY(mutex_) = false;     // too many requests run
+    bool paused_ KR_GUARDED_BY(mutex_) = false;     // its caller holds it
     bool read_ KR_GUARDED_BY(mutex_) = false;       // a thread is reading
     std::uint32_t armed_ KR_GUARDED_BY(mutex_) = 0; // events of the socket that wake a thread
     std::int64_t
@@ -95,9 +90,11 @@ public:
 
     /// Serves the requests of this channel.
     /// \param bell  eventfd that the caller rings
-    void add(std::unique_ptr<KRLocalChannel> channel, KRDescriptor bell, const std::string& caller)
-        KR_EXCLUDES(mutex_);
+    void add(std::unique_ptr<KRLocalChannel> channel, KRDescriptor bell,
+             std::shared_ptr<KRLocalCaller> caller) KR_EXCLUDES(mutex_);
     std::size_t getCount() const KR_EXCLUDES(mutex_);
+    /// \return null: it has no socket here
+    std::shared_ptr<KRLocalCaller> findCaller(const std::string& name) const KR_EXCLUDES(mutex_);
     /// Reports freed memory to callers.
     void sendNotices() KR_EXCLUDES(mutex_);
     /// Closes all connections, and waits for other threads than this one to leave the service.

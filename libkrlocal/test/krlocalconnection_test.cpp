@@ -236,6 +236,128 @@ TEST_F(Connection, MoreCallersThanThreadsThatWaitForOneAreServed) {
     }
 }
 
+/// A connection through which several threads call at once, again and again.
+class BusyConnection : public Connection {
+protected:
+    static constexpr int kCallers = 4;
+
+    /// Serves calls that are answered once kCallers of them are there.
+    void serveMeetings(KRLocalOptions options = {"server", ""}, const KRBinary& answer = {}) {
+        serve(
+            [this, answer](KRLocalRequest& request) {
+                if (request.message.body == "meet") {
+                    std::unique_lock lock(meeting_);
+                    const int round = met_++ / kCallers;
+                    changed_.notify_all();
+                    EXPECT_TRUE(
+                        changed_.wait_for(lock, kPatience, [&] { return met_ >= (round + 1) * kCallers; }));
+                }
+                request.reply(makeMessage(0, request.message.body, {answer}));
+            },
+            std::move(options));
+    }
+    static void meet(KRLocalConnection& through) {
+        std::vector<std::thread> callers;
+        for (int i = 0; i < kCallers; ++i) {
+            callers.emplace_back([&] { EXPECT_EQ(through.call(makeMessage(0, "meet")).body, "meet"); });
+        }
+        for (std::thread& caller : callers) {
+            caller.join();
+        }
+    }
+    /// Until each of the calls that meet has a socket.
+    [[nodiscard]] bool meetUntilEachHasASocket() {
+        return test::eventually([&] {
+            meet(*connection);
+            return server->getStatistics().connections == kCallers;
+        });
+    }
+
+private:
+    std::mutex meeting_;
+    std::condition_variable changed_;
+    int met_ = 0;
+};
+
+TEST_F(BusyConnection, HasASocketForEachCallAtOnceUntilTheyAreNotNeeded) {
+    serveMeetings();
+    ASSERT_TRUE(meetUntilEachHasASocket());
+    EXPECT_TRUE(test::eventually([&] { return server->getStatistics().connections == 1; }));
+    EXPECT_EQ(connection->call(makeMessage(0, "alone")).body, "alone");
+    meet(*connection);
+    EXPECT_TRUE(connection->isOpen());
+    EXPECT_TRUE(getGone().empty());
+    EXPECT_TRUE(service->getGone().empty());
+}
+
+TEST_F(BusyConnection, EndsOnceForBothSidesHoweverManySocketsItHas) {
+    serveMeetings();
+    ASSERT_TRUE(meetUntilEachHasASocket());
+    connection->close("enough");
+    EXPECT_THAT(getGone(), ElementsAre("enough"));
+    EXPECT_THAT([&] { connection->call({}); }, ThrowsMessage<KRError>(HasSubstr("enough")));
+    EXPECT_TRUE(test::eventually([&] { return !service->getGone().empty(); }));
+    EXPECT_EQ(server->getStatistics().connections, 0U);
+    EXPECT_THAT(service->getGone(), ElementsAre("client"));
+
+    connection = connect();
+    ASSERT_TRUE(meetUntilEachHasASocket());
+    server->stop();
+    EXPECT_TRUE(test::eventually([&] { return getGone().size() == 2; }));
+    EXPECT_FALSE(connection->isOpen());
+}
+
+TEST_F(BusyConnection, IsLentHalfOfThePoolThroughAllOfItsSockets) {
+    constexpr std::size_t kMemory = 8 << 20;
+    serveMeetings({"server", "", kMemory}, makeBinary(kImage, 7));
+    ASSERT_TRUE(meetUntilEachHasASocket());
+    std::mutex keeping;
+    std::vector<KRLocalMessage> kept;
+    std::vector<std::thread> callers;
+    for (int i = 0; i < kCallers; ++i) {
+        callers.emplace_back([&] {
+            for (int fetch = 0; fetch < 10; ++fetch) {
+                KRLocalMessage reply = connection->call(makeMessage(0, "meet"));
+                const std::lock_guard lock(keeping);
+                kept.push_back(std::move(reply));
+            }
+        });
+    }
+    for (std::thread& caller : callers) {
+        caller.join();
+    }
+    EXPECT_EQ(server->getStatistics().connections, kCallers);
+    EXPECT_LE(server->getStatistics().lent, kMemory / 2 / kImage);
+    EXPECT_GT(server->getStatistics().lent, 1U);
+    const std::uint64_t streamed = server->getStatistics().streamed;
+    kept.clear();
+    for (std::size_t image = 0; image < kMemory / 2 / kImage; ++image) {
+        kept.push_back(connection->call({})); // through the first socket
+    }
+    EXPECT_EQ(server->getStatistics().streamed, streamed)
+        << "what came back through the others counts no more";
+}
+
+TEST_F(BusyConnection, SharesASocketWhereThereAreTooMany) {
+    constexpr std::size_t kSockets = 128; // from which on no side opens further ones for a connection
+    const test::RecordedLog log;
+    serveMeetings();
+    std::vector<std::shared_ptr<KRLocalConnection>> connections{connection};
+    while (connections.size() < kSockets) {
+        connections.push_back(connect());
+    }
+    test::TestService otherService;
+    KRLocalEndpoint other({"other", ""}, otherService);
+    connections.push_back(other.connect(server->getAddress(), kPatience, {}));
+    for (int round = 0; round < 3; ++round) {
+        meet(*connection);            // the client has too many
+        meet(*connections[kSockets]); // the server has
+    }
+    EXPECT_EQ(server->getStatistics().connections, kSockets + 1);
+    EXPECT_EQ(server->getStatistics().refused, 0U);
+    EXPECT_TRUE(getGone().empty());
+}
+
 TEST_F(Connection, AServerMayCallItsCallerBack) {
     service = std::make_unique<test::TestService>([&](KRLocalRequest& request) {
         const auto back = server->connect(client->getAddress(), kPatience, {});
@@ -443,7 +565,7 @@ TEST_F(Connection, MoreRequestsThanMayRunWaitInTheSocket) {
         });
     }
     EXPECT_TRUE(test::eventually([&] { return running >= 512; }));
-    EXPECT_EQ(running, 512);
+    EXPECT_LE(running, 512 + 15) << "one more for each further socket";
     release.set();
     for (std::thread& caller : callers) {
         caller.join();

@@ -43,8 +43,9 @@ protected:
     }
     void reconnect() {
         lendings = std::make_shared<KRLendings>(
-            pool, std::make_unique<const KRForeignMemory>(
-                      KRDescriptor(dup(borrowings.getReturns().getDescriptor())), KRReturns::kSize));
+            pool, std::make_shared<KRLendings::Bytes>(0),
+            std::make_unique<const KRForeignMemory>(
+                KRDescriptor(dup(borrowings.getReturns().getDescriptor())), KRReturns::kSize));
         pool->attach(lendings);
     }
 

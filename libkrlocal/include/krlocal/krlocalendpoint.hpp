@@ -88,13 +88,14 @@ public:
     virtual void noticeCallerGone(const std::string& caller) noexcept = 0;
 };
 
-/// A connection that carries calls to another process. Thread-safe.
+/// A connection that carries calls to another process, through a socket of its own for each of up to 16 calls at once.
+/// Thread-safe.
 class KR_EXPORT KRLocalConnection {
 public:
     virtual ~KRLocalConnection();
 
     /// Sends a request and waits for the reply, for as long as the other process lives. The calling thread writes the
-    /// request itself, and reads the reply itself unless another caller is reading.
+    /// request itself, and reads the reply itself unless it shares a socket with a caller that is reading.
     /// \throws KRError the message is beyond the bounds; the connection is closed, the description says why
     virtual KRLocalMessage call(const KRLocalMessage& request) = 0;
     /// Whether the other process is still connected.
@@ -109,7 +110,7 @@ struct KRLocalStatistics {
     std::size_t lent = 0;           ///< binaries in it that other processes hold
     std::uint64_t shared = 0;       ///< binaries sent in shared memory
     std::uint64_t streamed = 0;     ///< large binaries sent through the socket for lack of shared memory
-    std::size_t connections = 0;    ///< from other processes
+    std::size_t connections = 0;    ///< sockets of connections from other processes
     std::uint64_t refused = 0;      ///< connections refused
     std::uint64_t disconnected = 0; ///< connections closed because the peer broke the protocol
 };

@@ -1,0 +1,33 @@
+#include "krlocalcaller.hpp"
+
+namespace KR {
+
+bool KRLocalCaller::begin(std::size_t bytes, const std::weak_ptr<KRLocalSession>& session) {
+    const KRLock lock(mutex_);
+    held_.push_back(session);
+    ++running_;
+    runningBytes_ += bytes;
+    if (isFull()) {
+        return true;
+    }
+    held_.pop_back();
+    return false;
+}
+
+bool KRLocalCaller::holds(const std::weak_ptr<KRLocalSession>& session) {
+    const KRLock lock(mutex_);
+    if (!isFull()) {
+        return false;
+    }
+    held_.push_back(session);
+    return true;
+}
+
+KRLocalCaller::Sessions KRLocalCaller::finish(std::size_t bytes) noexcept {
+    const KRLock lock(mutex_);
+    --running_;
+    runningBytes_ -= bytes;
+    return isFull() ? Sessions() : std::exchange(held_, {});
+}
+
+} // namespace KR
