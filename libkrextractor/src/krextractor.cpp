@@ -148,7 +148,7 @@ void KRExtractor::subscribe(const std::string& name, const int& period, const fl
     bool first = false;
     bool known = false;
     {
-        const std::unique_lock stateLock(p_->stateMutex);
+        const KRExclusiveLock stateLock(p_->stateMutex);
         first = p_->subscribers.empty();
         known = !p_->subscribers.insert_or_assign(name, parameters).second;
         if (first) {
@@ -172,7 +172,7 @@ void KRExtractor::subscribe(const std::string& name, const int& period, const fl
 void KRExtractor::subscribe(const std::string& name) {
     bool detecting = false;
     {
-        const std::shared_lock stateLock(p_->stateMutex);
+        const KRSharedLock stateLock(p_->stateMutex);
         detecting = !p_->subscribers.empty();
     }
     // The answer may be out of date by now; that is accepted.
@@ -188,7 +188,7 @@ void KRExtractor::unsubscribe(const std::string& name) {
     bool known = false;
     bool last = false;
     {
-        const std::unique_lock stateLock(p_->stateMutex);
+        const KRExclusiveLock stateLock(p_->stateMutex);
         known = p_->subscribers.erase(name) > 0;
         last = known && p_->subscribers.empty();
         if (last) {
@@ -210,7 +210,7 @@ void KRExtractor::unsubscribe(const std::string& name) {
 
 void KRExtractor::updatePeriod(const std::string& name, const int& period) {
     {
-        const std::shared_lock stateLock(p_->stateMutex);
+        const KRSharedLock stateLock(p_->stateMutex);
         if (!p_->subscribers.contains(name)) {
             throwUnknownModule(kUpdateUnknown, name);
         }
@@ -218,7 +218,7 @@ void KRExtractor::updatePeriod(const std::string& name, const int& period) {
     // Without the lock: this calls the derived class.
     const int clamped = clampPeriod(period, KRSourceLocation::current());
     {
-        const std::unique_lock stateLock(p_->stateMutex);
+        const KRExclusiveLock stateLock(p_->stateMutex);
         const auto found = p_->subscribers.find(name);
         if (found == p_->subscribers.end()) {
             throwUnknownModule(kUpdateUnknown, name);
@@ -230,7 +230,7 @@ void KRExtractor::updatePeriod(const std::string& name, const int& period) {
 
 void KRExtractor::updatePrecision(const std::string& name, const float& precision) {
     {
-        const std::unique_lock stateLock(p_->stateMutex);
+        const KRExclusiveLock stateLock(p_->stateMutex);
         const auto found = p_->subscribers.find(name);
         if (found == p_->subscribers.end()) {
             throwUnknownModule(kUpdateUnknown, name);
@@ -241,17 +241,17 @@ void KRExtractor::updatePrecision(const std::string& name, const float& precisio
 }
 
 int KRExtractor::getCurrentPeriod() {
-    const std::shared_lock stateLock(p_->stateMutex);
+    const KRSharedLock stateLock(p_->stateMutex);
     return p_->currentPeriod;
 }
 
 float KRExtractor::getCurrentPrecision() {
-    const std::shared_lock stateLock(p_->stateMutex);
+    const KRSharedLock stateLock(p_->stateMutex);
     return p_->currentPrecision;
 }
 
 int KRExtractor::getMyPeriod(const std::string& name) {
-    const std::shared_lock stateLock(p_->stateMutex);
+    const KRSharedLock stateLock(p_->stateMutex);
     const auto found = p_->subscribers.find(name);
     if (found == p_->subscribers.end()) {
         throwUnknownModule("getMyPeriod: unknown module name: ", name);
@@ -260,7 +260,7 @@ int KRExtractor::getMyPeriod(const std::string& name) {
 }
 
 float KRExtractor::getMyPrecision(const std::string& name) {
-    const std::shared_lock stateLock(p_->stateMutex);
+    const KRSharedLock stateLock(p_->stateMutex);
     const auto found = p_->subscribers.find(name);
     if (found == p_->subscribers.end()) {
         throwUnknownModule("getMyPrecision: unknown module name: ", name);
@@ -290,7 +290,7 @@ void KRExtractor::xUpdateParameters() {
     int period = std::numeric_limits<int>::max();
     float precision = -std::numeric_limits<float>::infinity();
     {
-        const std::unique_lock stateLock(p_->stateMutex);
+        const KRExclusiveLock stateLock(p_->stateMutex);
         if (p_->subscribers.empty()) {
             throw KRError(getName(), "xUpdateParameters", "no module subscribed");
         }
@@ -309,7 +309,7 @@ void KRExtractor::xUpdateParameters() {
 void KRExtractor::reportChangesSince(int period, float precision) {
     for (;;) {
         {
-            const std::shared_lock stateLock(p_->stateMutex);
+            const KRSharedLock stateLock(p_->stateMutex);
             const bool isCurrent = p_->currentPeriod == period &&
                                    std::bit_cast<std::uint32_t>(p_->currentPrecision) ==
                                        std::bit_cast<std::uint32_t>(precision); // NaN equals itself
@@ -325,7 +325,7 @@ void KRExtractor::reportChangesSince(int period, float precision) {
 
 KRValue KRExtractor::getSubscribersInfo() {
     std::vector<KRValue> table;
-    const std::shared_lock stateLock(p_->stateMutex);
+    const KRSharedLock stateLock(p_->stateMutex);
     table.reserve(p_->subscribers.size());
     for (const auto& [name, parameters] : p_->subscribers) {
         table.push_back(KRValue::array(name, parameters.period, parameters.precision));
@@ -364,7 +364,7 @@ void KRExtractor::xShutDown() {
     const KRLock subscribeLock(subscribeMutex_);
     shuttingDown_ = true;
     {
-        const std::unique_lock stateLock(p_->stateMutex);
+        const KRExclusiveLock stateLock(p_->stateMutex);
         if (p_->subscribers.empty()) {
             return;
         }

@@ -3,9 +3,9 @@
 #include "krextractor/krextractor.hpp"
 
 #include "krplatform/krmemoryproxy.hpp"
+#include "krplatform/krsharedmutex.hpp"
 
 #include <map>
-#include <shared_mutex>
 #include <string>
 #include <vector>
 
@@ -17,11 +17,10 @@ struct KRExtractorPrivate {
 
     const std::string name;
 
-    std::shared_mutex stateMutex; // taken after subscribeMutex_, never while a hook runs
-    // Guarded by stateMutex.
-    std::map<std::string, KRExtractorParameters> subscribers;
-    int currentPeriod = -1;
-    float currentPrecision = -1.0F;
+    KRSharedMutex stateMutex; // taken after subscribeMutex_, never while a hook runs
+    std::map<std::string, KRExtractorParameters> subscribers KR_GUARDED_BY(stateMutex);
+    int currentPeriod KR_GUARDED_BY(stateMutex) = -1;
+    float currentPrecision KR_GUARDED_BY(stateMutex) = -1.0F;
 
     boost::shared_ptr<KRMemoryProxy> memoryProxy; // constant after construction
 

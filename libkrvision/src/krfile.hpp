@@ -24,7 +24,7 @@ public:
     /// Creates a file, or empties one, for writing, and closes the one that was open.
     /// \return false: the one that was open still is
     bool openToWrite(const std::string& path);
-    /// \return false: an error, such as one from an earlier write; the file is closed all the same
+    /// \return false: an error, such as one from an earlier write; the file is closed anyway
     bool close() noexcept;
 
     /// \return the number of bytes read: fewer at the end of the file, after an error, and if no file is open

@@ -282,10 +282,10 @@ void KRVisionExtractorPrivate::setSubscriberId(const std::string& id) {
 
 void KRVisionExtractorPrivate::xSubscribe() {
     const KRLock subscriptionGuard(subscriptionMutex);
-    const std::shared_lock resolutionGuard(resolutionLock);
-    const std::shared_lock colorSpaceGuard(colorSpaceLock);
-    const std::shared_lock frameRateGuard(frameRateLock);
-    const std::shared_lock cameraGuard(cameraLock);
+    const KRSharedLock resolutionGuard(resolutionLock);
+    const KRSharedLock colorSpaceGuard(colorSpaceLock);
+    const KRSharedLock frameRateGuard(frameRateLock);
+    const KRSharedLock cameraGuard(cameraLock);
     if (subscribed) {
         return;
     }
@@ -304,9 +304,9 @@ void KRVisionExtractorPrivate::xSubscribe() {
 void KRVisionExtractorPrivate::xUnsubscribe() {
     const KRLock subscriptionGuard(subscriptionMutex);
     // Not the frame rate's: its setter updates periods of the owner, who may hold a lock now.
-    const std::shared_lock resolutionGuard(resolutionLock);
-    const std::shared_lock colorSpaceGuard(colorSpaceLock);
-    const std::shared_lock cameraGuard(cameraLock);
+    const KRSharedLock resolutionGuard(resolutionLock);
+    const KRSharedLock colorSpaceGuard(colorSpaceLock);
+    const KRSharedLock cameraGuard(cameraLock);
     if (!subscribed) {
         return;
     }

@@ -5,13 +5,13 @@
 
 #include "krplatform/krerror.hpp"
 #include "krplatform/krmutex.hpp"
+#include "krplatform/krsharedmutex.hpp"
 #include "krplatform/krvideodeviceproxy.hpp"
 
 #include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <optional>
-#include <shared_mutex>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -104,7 +104,7 @@ private:
     void xUnsubscribe();
     KRImage* xGetImage();
     void xSetSubscriptionParameters();
-    bool xSetColorSpace(int newColorSpace);
+    bool xSetColorSpace(int newColorSpace) KR_REQUIRES(colorSpaceLock);
     /// Both: nothing if the subscription has ended or begun in between.
     std::optional<bool> changeCamera(int camera);
     std::optional<bool> presetExistingCamera(int camera);
@@ -135,12 +135,12 @@ private:
 
     // Settings, each with its lock, which is also held while the camera service changes the setting, and shared while a
     // subscription begins or, but for the frame rate's, ends.
-    std::shared_mutex resolutionLock;
-    int resolution;
-    std::shared_mutex colorSpaceLock;
-    int colorSpace;
-    std::shared_mutex frameRateLock; // for the camera's frame rate, which the camera service keeps
-    std::shared_mutex cameraLock;
+    KRSharedMutex resolutionLock;
+    int resolution KR_GUARDED_BY(resolutionLock);
+    KRSharedMutex colorSpaceLock;
+    int colorSpace KR_GUARDED_BY(colorSpaceLock);
+    KRSharedMutex frameRateLock; // for the camera's frame rate, which the camera service keeps
+    KRSharedMutex cameraLock;
     std::atomic<int> activeCamera; // written under cameraLock, read with and without it
 
     // The acquisition; runChanged is notified of every change.

@@ -22,7 +22,7 @@ void KRVisionExtractorPrivate::setSubscriptionParameters(const std::vector<std::
 // The lock of a setting is held while the camera subscription begins or ends, so a setter that holds it either reaches
 // the subscription or is seen by the next one.
 bool KRVisionExtractorPrivate::setColorSpace(int newColorSpace) {
-    const std::unique_lock guard(colorSpaceLock);
+    const KRExclusiveLock guard(colorSpaceLock);
     if (!subscribed) {
         // Not stored for the next subscription either, unlike resolution and camera: deliberate.
         logProblem("The module has not been subscribed to, so you cannot set the colorspace.");
@@ -32,7 +32,7 @@ bool KRVisionExtractorPrivate::setColorSpace(int newColorSpace) {
 }
 
 bool KRVisionExtractorPrivate::setOrPresetColorSpace(int newColorSpace) {
-    const std::unique_lock guard(colorSpaceLock);
+    const KRExclusiveLock guard(colorSpaceLock);
     if (!subscribed) {
         colorSpace = newColorSpace;
         return true;
@@ -49,7 +49,7 @@ bool KRVisionExtractorPrivate::xSetColorSpace(int newColorSpace) {
 }
 
 bool KRVisionExtractorPrivate::setResolution(int newResolution) {
-    const std::unique_lock guard(resolutionLock);
+    const KRExclusiveLock guard(resolutionLock);
     const bool accepted = subscribed ? videoDeviceProxy->setResolution(getSubscriberId(), newResolution)
                                      : isResolutionValid(newResolution);
     if (accepted) {
@@ -74,7 +74,7 @@ std::optional<bool> KRVisionExtractorPrivate::changeCamera(int camera) {
     sleepMilliseconds(50); // lets the loop reach its wait
     std::optional<bool> accepted;
     {
-        const std::unique_lock guard(cameraLock);
+        const KRExclusiveLock guard(cameraLock);
         if (subscribed) {
             // After an error the loop stays paused: deliberate.
             accepted = videoDeviceProxy->setActiveCamera(getSubscriberId(), camera);
@@ -104,7 +104,7 @@ std::optional<bool> KRVisionExtractorPrivate::presetExistingCamera(int camera) {
 }
 
 bool KRVisionExtractorPrivate::presetCamera(int camera) {
-    const std::unique_lock guard(cameraLock);
+    const KRExclusiveLock guard(cameraLock);
     if (subscribed) {
         return false;
     }
@@ -151,7 +151,7 @@ bool KRVisionExtractorPrivate::setFrameRate(int frameRate) {
         logProblem("The module has not been subscribed to, so you cannot set the framerate.");
         return false;
     }
-    const std::unique_lock guard(frameRateLock);
+    const KRExclusiveLock guard(frameRateLock);
     const bool accepted = videoDeviceProxy->setFrameRate(getSubscriberId(), frameRate);
     if (accepted) {
         for (std::size_t i = 0; i < subscribers.getSize(); ++i) {
@@ -167,7 +167,7 @@ bool KRVisionExtractorPrivate::setFrameRate(const std::string& subscriber, int f
         return false;
     }
     // Without a camera subscription, the camera service refuses this, not we: deliberate.
-    const std::unique_lock guard(frameRateLock);
+    const KRExclusiveLock guard(frameRateLock);
     const bool accepted = videoDeviceProxy->setFrameRate(getSubscriberId(), frameRate);
     if (accepted) {
         updatePeriodOf(subscriber, frameRate);
@@ -202,22 +202,22 @@ void KRVisionExtractorPrivate::setParameter(const std::string& name, const KRVal
 }
 
 int KRVisionExtractorPrivate::getResolution() {
-    const std::shared_lock guard(resolutionLock);
+    const KRSharedLock guard(resolutionLock);
     return resolution;
 }
 
 int KRVisionExtractorPrivate::getColorSpace() {
-    const std::shared_lock guard(colorSpaceLock);
+    const KRSharedLock guard(colorSpaceLock);
     return colorSpace;
 }
 
 int KRVisionExtractorPrivate::getActiveCamera() {
-    const std::shared_lock guard(cameraLock);
+    const KRSharedLock guard(cameraLock);
     return activeCamera;
 }
 
 int KRVisionExtractorPrivate::getFrameRate() {
-    const std::shared_lock guard(frameRateLock);
+    const KRSharedLock guard(frameRateLock);
     return subscribed ? videoDeviceProxy->getFrameRate(getSubscriberId()) : -1;
 }
 

@@ -41,7 +41,7 @@ TEST(KRVisionExtractorLifecycle, AStartWakesWhenTheRunEndsByAnException) {
     stage.extractor->onImage([](KRImage*) { throw std::runtime_error("escaped"); });
     stage.extractor->subscribe("client", 33, 0.0F);
     EXPECT_TRUE(stage.extractor->isProcessing()); // unchanged
-    stage.extractor->unsubscribe("client");       // stopping returns all the same
+    stage.extractor->unsubscribe("client");       // stopping still returns
     EXPECT_FALSE(stage.extractor->isProcessing());
     EXPECT_EQ(stage.journal.count("unsubscribe " + kId), 1);
 }
