@@ -8,7 +8,6 @@
 
 #include <krplatform/krtext.hpp>
 
-#include <cstdint>
 #include <cstdio>
 #include <string>
 
@@ -31,15 +30,12 @@ struct Options {
 ExitCode list(const Options& options) {
     const KRMemoryProxy memory = findMemory(options.domain.connect());
     Json keys = Json::array();
-    for (const std::string& key : memory.getDataList(options.prefix)) {
-        try {
-            const std::int64_t time = memory.getTimestamp(key);
-            if (options.json) {
-                keys.push_back({{"key", key}, {"time_usec", time}});
-            } else {
-                std::printf("%7s  %s\n", formatAge(time).c_str(), escapeText(key).c_str());
-            }
-        } catch (const KRError&) { // removed meanwhile
+    // All in one call, without the values.
+    for (const KRMemoryChange& stored : memory.getDataChanges(options.prefix, "", 0).changes) {
+        if (options.json) {
+            keys.push_back({{"key", stored.key}, {"time_usec", stored.written_usec}});
+        } else {
+            std::printf("%7s  %s\n", formatAge(stored.written_usec).c_str(), escapeText(stored.key).c_str());
         }
     }
     if (options.json) {
