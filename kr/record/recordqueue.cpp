@@ -2,6 +2,7 @@
 
 #include <krinterop/krmcaptopics.hpp>
 
+#include <cassert>
 #include <utility>
 
 namespace KR::tool {
@@ -62,6 +63,7 @@ std::optional<Recorded> RecordQueue::take(std::chrono::steady_clock::time_point 
     }
     Recorded oldest = std::move(waiting_.front());
     waiting_.pop_front();
+    assert(bytes_ >= oldest.countBytes());
     bytes_ -= oldest.countBytes();
     return oldest;
 }

@@ -6,6 +6,8 @@
 #include <krplatform/krlog.hpp>
 #include <krplatform/krtext.hpp>
 
+#include <cassert>
+
 namespace KR {
 
 namespace {
@@ -145,6 +147,7 @@ void KRIncomingCalls::poll() {
             while (!caller.waiting.empty()) {
                 const auto first = caller.waiting.begin();
                 Waiting& call = first->second;
+                assert(caller.waitingBytes >= call.bytes);
                 if (caller.mayRun(call.bytes)) {
                     caller.running.emplace(first->first, call.bytes);
                     caller.runningBytes += call.bytes;
@@ -178,6 +181,7 @@ void KRIncomingCalls::finish(const std::string& id, std::uint64_t sequence) noex
     Caller& caller = found->second;
     const auto call = caller.running.find(sequence);
     if (call != caller.running.end()) {
+        assert(caller.runningBytes >= call->second);
         caller.runningBytes -= call->second;
         caller.running.erase(call);
     }

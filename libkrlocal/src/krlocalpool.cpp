@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <atomic>
 #include <bit>
+#include <cassert>
 
 namespace KR {
 
@@ -97,6 +98,7 @@ boost::shared_ptr<unsigned char[]> KRLocalPool::takeFree(std::size_t slotSize) {
 void KRLocalPool::release(Slot slot) noexcept {
     const KRLock lock(mutex_);
     free_[slot.memory->slotSize].push_back(slot); // room was reserved when the memory was made
+    assert(used_ > 0 && slot.memory->used > 0);
     --used_;
     if (--slot.memory->used == 0) {
         slot.memory->idleSince = std::chrono::steady_clock::now();
@@ -171,6 +173,7 @@ KRLocalPool::Memories::iterator KRLocalPool::drop(Memories::iterator memory,
     ids.push_back(gone.id);
     dropped.push_back(gone.shared); // unmapped without the lock
     std::erase_if(free_[gone.slotSize], [&](const Slot& slot) { return slot.memory == &gone; });
+    assert(gone.used == 0 && size_ >= gone.shared->size());
     size_ -= gone.shared->size();
     return memories_.erase(memory);
 }

@@ -6,6 +6,7 @@
 #include "krbroker_p.hpp"
 
 #include <algorithm>
+#include <cassert>
 #include <random>
 #include <sstream>
 
@@ -355,6 +356,7 @@ void KRMemory::setEventLimits(int perSubscription, int inAll) {
 KRMemory::Pending KRMemory::takeOldest(Subscription& subscription) {
     Pending oldest = std::move(subscription.pending.front());
     subscription.pending.pop_front();
+    assert(subscription.pendingBytes >= oldest.bytes && pendingInAll_ >= oldest.bytes);
     subscription.pendingBytes -= oldest.bytes;
     pendingInAll_ -= oldest.bytes;
     heap_.remove(oldest.bytes);
@@ -749,6 +751,7 @@ KRMemory::Undelivered KRMemory::drop(Subscriptions& subscriptions, const std::st
     Undelivered undelivered;
     const auto found = subscriptions.find(client);
     if (found != subscriptions.end() && (subscription == nullptr || found->second.get() == subscription)) {
+        assert(pendingInAll_ >= found->second->pendingBytes);
         pendingInAll_ -= found->second->pendingBytes;
         heap_.remove(found->second->pendingBytes);
         found->second->pendingBytes = 0;

@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cassert>
 #include <deque>
 #include <map>
 
@@ -187,11 +188,13 @@ private:
         if (!queue_.empty()) {
             writing_ = std::move(queue_.front());
             queue_.pop_front();
+            assert(queuedBytes_ >= getCost(writing_.payload));
             queuedBytes_ -= getCost(writing_.payload);
         } else {
             const std::uint32_t subscription = turn_.front();
             turn_.pop_front();
             const auto newest = newest_.find(subscription);
+            assert(newest != newest_.end() && newestBytes_ >= getCost(newest->second.payload));
             newestBytes_ -= getCost(newest->second.payload);
             writing_ = {std::move(newest->second.payload),
                         encodeDataHeader(subscription, newest->second.time_ns), subscription, false};
