@@ -103,7 +103,7 @@ int findFreePort() {
     return ntohs(address.sin_port);
 }
 
-/// Reads pictures on a thread of its own.
+/// Reads pictures on a separate thread.
 class Viewer {
 public:
     explicit Viewer(int port) : client_(port), thread_([this] { run(); }) {}

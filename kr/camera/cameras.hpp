@@ -31,7 +31,7 @@ struct SourceOptions {
     std::vector<std::string> readSources() const;
 };
 
-/// The cameras that a verb uses: those of `--camera`, in a service of its own, or else those of the running service, by
+/// The cameras that a verb uses: those of `--camera`, in its own service, or else those of the running service, by
 /// `--broker URL`. Without the verbs that talk to brokers, there is only its own service.
 struct ServiceOptions {
     SourceOptions own;

@@ -13,7 +13,7 @@ enum class ChildOutput { Shared, None };
 /// A child process that ends with this one. Thread-bound: it gets SIGTERM when the thread that started it ends.
 class ChildProcess {
 public:
-    /// Starts it without input, in a process group of its own. It shares this program's standard error.
+    /// Starts it without input, in its own process group. It shares this program's standard error.
     /// \param command  path of the program, and its arguments
     /// \param output  whether it shares the standard output
     /// \throws std::runtime_error it cannot be started

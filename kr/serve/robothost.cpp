@@ -241,7 +241,7 @@ void RobotHost::applyCameras(const std::vector<RobotCamera>& before) {
     }
     try {
         if (before.size() != robot_.cameras.size()) {
-            logInfo(kCategory, "the camera service is started again with another number of cameras");
+            logInfo(kCategory, "restarting the camera service, as the number of cameras has changed");
             cameras_.reset();
             if (!robot_.cameras.empty()) {
                 startCameras();

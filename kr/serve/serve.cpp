@@ -229,9 +229,9 @@ void reload(const Options& options, RobotHost& host, WebPart& web, const Service
         } catch (const std::exception& error) {
             logError("kr.serve", "there is no web server: " + std::string(error.what()));
         }
-        logInfo("kr.serve", options.file + " has been read again");
+        logInfo("kr.serve", options.file + " has been reloaded");
     } catch (const std::exception& error) {
-        logError("kr.serve", "everything stays as it was: " + std::string(error.what()));
+        logError("kr.serve", "the file is not applied: " + std::string(error.what()));
     }
     notifier.reportReady();
 }

@@ -75,7 +75,7 @@ void Supervised::noteEnd(const std::string& how) {
     pause_ =
         pause_.count() == 0 || now - started_ > kCalm ? kFirstPause : std::min(2 * pause_, kLongestPause);
     next_ = now + pause_;
-    logError("kr.serve", title_ + how + "; it is started again in " + formatSeconds(pause_));
+    logError("kr.serve", title_ + how + "; restarting in " + formatSeconds(pause_));
     state_ = State::Clearing;
     xEnd();
 }

@@ -262,7 +262,7 @@ TEST_F(KrImageConvert, WhatCannotBeConvertedIsReported) {
              Case{"cut.png", "b.ppm", {}, 1, "cut.png: "},
              Case{"missing.oxi", "b.png", {}, 1, "missing.oxi: cannot be read: No such file"},
              Case{"a.oxi", "missing/b.png", {}, 1, "there is no folder"},
-             Case{"a.oxi", "a.oxi", {}, 1, "is the file that is read"},
+             Case{"a.oxi", "a.oxi", {}, 1, "is the input file"},
              Case{"a.oxi", "b.bmp", {}, 2, "the extension selects the format"},
              Case{"a.oxi", "b.oxi", {"--color-space", "red"}, 2, "colour space red is not supported"},
              Case{"a.oxi", "b.png", {"--color-space", "rgb"}, 2, "--color-space is for oxi files only"},

@@ -104,7 +104,7 @@ TEST_F(KrService, IsReadyOnceAllModulesCanBeCalled) {
 TEST_F(KrService, IsNotReadyWhileAModuleCannotBeMade) {
     Manager manager("@krvision-test-" + std::to_string(::getpid()));
     RunningProgram server = serveFile("modules: [" KR_THROWING_MODULE "]\n");
-    EXPECT_TRUE(server.waitFor("started again in 0.5 s")) << server.readErr();
+    EXPECT_TRUE(server.waitFor("restarting in 0.5 s")) << server.readErr();
     ::kill(server.getPid(), SIGTERM);
     std::string before;
     EXPECT_EQ(manager.receive("STOPPING=1", before), "STOPPING=1\n");

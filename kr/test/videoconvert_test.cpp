@@ -217,7 +217,7 @@ TEST_F(KrVideoConvert, WhatCannotBeConvertedIsReportedAndLeavesNothing) {
              Case{sixteen, "a.mkv", {}, 1, "stream 0 cannot be read as images of 8 bits"},
              Case{in, "missing/a.mkv", {}, 1, "there is no folder"},
              Case{in, "missing/a.png", {}, 1, "missing/a-000000.png cannot be written: there is no folder"},
-             Case{in, "in.oxv", {}, 1, "is the file that is read"},
+             Case{in, "in.oxv", {}, 1, "is the input file"},
              Case{text, "a.oxv", {}, 1, "text.mkv: "},
              Case{text, "a.mkv", {}, 2, "is not an oxv file"},
              Case{text, "a.oxv", {"--size", "1x1"}, 2, "--size 1x1: recordings have"},

@@ -116,7 +116,7 @@ TEST_F(KrVideoRecover, NeverWritesToWhatItReads) {
     for (const std::string name : {"in.oxv", "link.oxv", "hard.oxv", "./in.oxv"}) {
         const Outcome outcome = kr({"video", "recover", in, path(name)});
         EXPECT_EQ(outcome.exitCode, 1);
-        EXPECT_THAT(outcome.err, HasSubstr("is the file that is read"));
+        EXPECT_THAT(outcome.err, HasSubstr("is the input file"));
         EXPECT_EQ(readAll(in), file);
     }
     ::chmod(in.c_str(), 0444);

@@ -42,7 +42,7 @@ private:
     bool reload_ = false;
 };
 
-/// Runs `work`, which may block for long and cannot be woken, on a thread of its own. An interruption meanwhile ends
+/// Runs `work`, which may block for long and cannot be woken, on a separate thread. An interruption meanwhile ends
 /// the program at once, with exit code 0.
 /// \return what `work` returns \throws what `work` throws
 template <class Work>

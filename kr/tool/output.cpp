@@ -146,7 +146,7 @@ ExitCode Output::finish(Interruption& interruption) {
         return ExitCode::Failed;
     }
     if (left > 0) {
-        printError("nobody reads standard output; " + std::to_string(left) + " bytes were not written");
+        printError("standard output is not being read; " + std::to_string(left) + " bytes were not written");
         return ExitCode::Failed;
     }
     return ExitCode::Done;

@@ -10,7 +10,7 @@ namespace KR::tool {
 
 class Interruption;
 
-/// Text on its way to standard output, written by a thread of its own, so that a stalled reader blocks neither
+/// Text on its way to standard output, written by a separate thread, so that a stalled reader blocks neither
 /// other threads nor the end of the program. Thread-safe, but for finish().
 ///
 /// Nothing else may write to standard output at the same time.

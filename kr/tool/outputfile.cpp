@@ -52,7 +52,7 @@ void handleSignals() {
 OutputFile::OutputFile(const std::string& path, const std::string& input) : target_(path), partial_(path) {
     std::error_code error;
     if (!input.empty() && fs::equivalent(path, input, error)) {
-        throw std::runtime_error(path + " is the file that is read; choose another name for the result");
+        throw std::runtime_error(path + " is the input file; choose another name for the result");
     }
     const fs::file_status status = fs::status(path, error);
     if (fs::is_directory(status)) {

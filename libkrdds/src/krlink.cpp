@@ -525,8 +525,7 @@ void KRLink::answerInquiry(const KRRequest& request) {
 
 void KRLink::countMalformed(const char* why) {
     if (malformed_++ == 0) {
-        logWarning(kCategory,
-                   std::string(why) + "; it is dropped, and so are others like it without another line");
+        logWarning(kCategory, std::string(why) + "; it is dropped (further ones are not logged)");
     }
 }
 

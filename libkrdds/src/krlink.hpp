@@ -132,8 +132,8 @@ private:
     int shownAgain_ = 0; // times
     KRPulses pulses_;
 
-    KRMutex requestsMutex_;
-    KRMutex wakeMutex_; // taken last
+    KRMutex requestsMutex_; // held while requests are taken from the reader
+    KRMutex wakeMutex_;     // taken last
     KRCondition woken_;
     KRCondition polled_;
     std::atomic<std::uint64_t> announced_ = 0;          // announcements that have come, about

@@ -164,7 +164,7 @@ std::string refusalOf(const boost::shared_ptr<KRBroker>& broker, const std::stri
     return "no error";
 }
 
-/// Calls a module, on a thread of its own. \return what it fails with
+/// Calls a module, on a separate thread. \return what it fails with
 std::future<std::string> callLater(const boost::shared_ptr<KRBroker>& broker, const std::string& module) {
     return std::async(std::launch::async, [broker, module]() -> std::string {
         try {

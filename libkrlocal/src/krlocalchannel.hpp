@@ -125,7 +125,7 @@ private:
     KRDescriptor bell_;               // of the server, constant after its welcome
     std::atomic<int> unanswered_ = 0; // requests sent
 
-    KRMutex sendMutex_;
+    KRMutex sendMutex_; // held while a message is written to the socket
 };
 
 } // namespace KR

@@ -352,7 +352,7 @@ private:
 
     void refuse(const std::string& why) {
         if (refused_++ == 0) {
-            logWarning(kCategory, "a connection is refused, and others like it without a message: " + why);
+            logWarning(kCategory, "a connection is refused (further refusals are not logged): " + why);
         }
     }
 

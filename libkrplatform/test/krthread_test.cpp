@@ -20,7 +20,7 @@ namespace {
 
 using std::chrono::steady_clock;
 
-/// What the function returns on a thread of its own.
+/// What the function returns on a separate thread.
 template <class Function>
 auto onAThread(Function function) {
     return std::async(std::launch::async, function).get();

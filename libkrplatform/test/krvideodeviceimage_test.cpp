@@ -111,7 +111,7 @@ TEST_F(KRVideoDeviceImage, ASizeThatOverflowsAnIntIsRefusedInEveryColourSpace) {
         expectRefused(makeImage(kIntMax, kIntMax, layers, space, 100), "too large");
         expectRefused(makeImage(65536, 65536, layers, space, 100), "too large"); // wraps to 0 in 32 bits
         expectRefused(makeImage(65536, 65536, 0, space, 100),
-                      "too large"); // its buffer would be, all the same
+                      "too large"); // its buffer would be, regardless
         if (layers > 1) {
             expectRefused(makeImage(kIntMax / layers + 1, 1, layers, space, 100), "too large");
             expectRefused(makeImage(1, kIntMax / layers + 1, layers, space, 100), "too large");

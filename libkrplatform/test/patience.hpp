@@ -66,7 +66,7 @@ template <class Condition>
     return true;
 }
 
-/// Runs the function on a thread of its own and returns once that thread sleeps, waiting for something.
+/// Runs the function on a separate thread and returns once that thread sleeps, waiting for something.
 /// \throws std::runtime_error it never slept
 template <class Function>
 auto startAndLetSleep(Function function) {

@@ -94,7 +94,7 @@ public:
         const KRLock lock(mutex_);
         return ended_;
     }
-    /// \return nullopt: it has just ended for want of receivers
+    /// \return nullopt: it has just ended for lack of receivers
     std::optional<std::uint64_t> add(Receiver receiver) {
         const KRLock lock(mutex_);
         if (ended_) {

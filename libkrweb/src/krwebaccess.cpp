@@ -121,8 +121,9 @@ Access::Access(const KRWebOptions& options) : token_(options.token) {
         throw std::invalid_argument(std::string("the token cannot be used; ") + kTokenForm);
     }
     if (!parseListenAddress(options.address).isLoopback && token_.empty() && !options.open) {
-        throw std::invalid_argument("listening on " + options.address +
-                                    " lets everybody in who reaches it: give a token, or open it on purpose");
+        throw std::invalid_argument(
+            "listening on " + options.address +
+            " would admit everyone who can reach it: give a token, or open it explicitly");
     }
     for (const std::string& origin : options.allowedOrigins) {
         const std::size_t scheme = origin.find("://");

@@ -48,7 +48,7 @@ TEST(KRWebMessages, TextsAreRead) {
     EXPECT_FALSE(end.subscribe);
 }
 
-// Copying such JSON would end the process for want of stack.
+// Copying such JSON would end the process for lack of stack.
 TEST(KRWebMessages, JsonIsNotNestedWithoutEnd) {
     const auto nest = [](const std::string& open, const std::string& close, int depth) {
         std::string text = R"({"op":"setParameters","parameters":[{"name":"a\"[[[","value":)";
