@@ -142,7 +142,7 @@ int KRExtractor::clampPeriod(int period, KRSourceLocation where) {
 void KRExtractor::subscribe(const std::string& name, const int& period, const float& precision) {
     const KRLock subscribeLock(subscribeMutex_);
     if (shuttingDown_) {
-        throw KRError(getName(), "subscribe", "the module is shutting down");
+        throw KRError(getName(), "subscribe", "the module is exiting");
     }
     const KRExtractorParameters parameters{clampPeriod(period, KRSourceLocation::current()), precision};
     bool first = false;

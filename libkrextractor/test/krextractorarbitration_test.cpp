@@ -255,8 +255,7 @@ TEST_F(KRExtractorArbitration, ShuttingDownStopsTheDetectionOnceAndRefusesSubscr
     extractor->shutDown();
     EXPECT_THAT(extractor->takeHooks(), ElementsAre("start 100 0.5", "stop"));
     EXPECT_EQ(extractor->getCurrentPeriod(), -1);
-    expectError([&] { extractor->subscribe("B", 1, 1.0F); }, "Faces", "subscribe",
-                "the module is shutting down");
+    expectError([&] { extractor->subscribe("B", 1, 1.0F); }, "Faces", "subscribe", "the module is exiting");
 }
 
 TEST_F(KRExtractorArbitration, ShuttingDownWithoutSubscribersCallsNoHook) {

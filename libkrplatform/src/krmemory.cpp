@@ -676,6 +676,17 @@ void KRMemory::settleLater(const std::vector<LinkKey>& links) {
     }
 }
 
+// Called while an exception is handled. Another process says that its module is exiting before it announces that.
+bool KRMemory::isRefusalOf(const std::string& module) {
+    try {
+        throw;
+    } catch (const KRError& error) {
+        return KRModuleGate::isRefusal(error, module);
+    } catch (...) {
+        return false;
+    }
+}
+
 void KRMemory::settle(const std::string& extractor, const std::string& client) {
     if (extractor.empty()) {
         return;
@@ -700,8 +711,8 @@ void KRMemory::settle(const std::string& extractor, const std::string& client) {
         try {
             proxy.call(subscribe ? "subscribe" : "unsubscribe", client);
         } catch (...) {
-            if (!isReachable(extractor)) {
-                // It is gone, and so are its subscribers.
+            if (!isReachable(extractor) || isRefusalOf(extractor)) {
+                // It is gone or about to go, and so are its subscribers.
             } else if (subscribe) {
                 failure = std::current_exception();
                 tryToUnsubscribe(proxy, client); // it may have kept the subscriber despite the error

@@ -148,6 +148,7 @@ private:
     bool isReachable(const std::string& module) const;
     bool isStillToCome(const std::string& module) const; // its name is taken, but it cannot be called yet
     bool isWanted(const LinkKey& key) const KR_REQUIRES(mutex_);
+    static bool isRefusalOf(const std::string& module);
     /// Ends the client's subscription, or only `subscription` if that is not null. The caller destroys the result
     /// without the lock.
     [[nodiscard]] Undelivered drop(Subscriptions& subscriptions, const std::string& client,

@@ -105,6 +105,20 @@ TEST(KRMemorySubscription, AnExtractorThatComesBackHasItsSubscribersAgain) {
     EXPECT_THAT(f.extractor->getSubscribers(), IsEmpty());
 }
 
+TEST(KRMemorySubscription, AnExtractorThatIsAboutToExitHasItsSubscribersWhenItComesBack) {
+    for (const char* refusal :
+         {"the module is exiting", "the module is not reachable yet", "there is no module named extractor"}) {
+        SubscriptionFixture f([refusal](const std::string& /*call*/, const std::string& /*client*/) {
+            throw KRError("extractor", "subscribe",
+                          refusal); // as another process does before it announces that
+        });
+        f.memory.subscribeToEvent("event", "client", "onEvent");
+        f.extractor.reset();
+        f.extractor = createModule<FakeExtractor>(f.broker, "extractor");
+        EXPECT_TRUE(f.extractor->waitForSubscribers({"client"})) << refusal;
+    }
+}
+
 TEST(KRMemorySubscription, AClientMayLeaveWhileTheExtractorIsAway) {
     SubscriptionFixture f;
     f.memory.subscribeToEvent("event", "client", "onEvent");
