@@ -24,7 +24,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::chrono::milliseconds kStep{200};
+constexpr std::chrono::milliseconds kRetryInterval{200};
 constexpr std::chrono::seconds kCheck{1};
 constexpr std::chrono::seconds kPatience{2}; // with a camera, before it is reported
 
@@ -147,7 +147,7 @@ Recorder::~Recorder() {
 }
 
 bool Recorder::sleep() const {
-    sleepMilliseconds(static_cast<int>(kStep.count()));
+    sleepMilliseconds(static_cast<int>(kRetryInterval.count()));
     return !stopping_;
 }
 
@@ -167,7 +167,7 @@ void Recorder::recordCamera(int camera) {
     service.setServiceTimeout(std::chrono::milliseconds(0)); // waits here, where it can be stopped
     std::string said;
     while (!stopping_) {
-        if (!broker_->getSession().waitForService("KRVideoDevice", kStep)) {
+        if (!broker_->getSession().waitForService("KRVideoDevice", kRetryInterval)) {
             report(said, title + ": waiting for the camera service");
             continue;
         }
@@ -201,7 +201,7 @@ void Recorder::fetchFrom(Subscription& subscription, int camera, std::string& sa
                 queue_.noteInterruption();
                 report(said, title + ": " + error.getDescription());
             }
-            if (Clock::now() - start < kStep / 2) {
+            if (Clock::now() - start < kRetryInterval / 2) {
                 sleep();
             }
             continue;

@@ -19,7 +19,7 @@ bool read(const std::string& text, Number minimum, Number maximum, Number& numbe
 }
 
 template <class Number>
-std::string describe(Number minimum, Number maximum) {
+std::string describeRange(Number minimum, Number maximum) {
     std::ostringstream text;
     text << minimum << " to " << maximum;
     return text.str();
@@ -37,7 +37,7 @@ Argument& Argument::required() {
 }
 
 Argument& Argument::wholeNumber(std::int64_t minimum, std::int64_t maximum) {
-    const std::string limits = describe(minimum, maximum);
+    const std::string limits = describeRange(minimum, maximum);
     const auto normalize = [=](std::string& text) -> std::string {
         std::int64_t number = 0;
         if (!read(text, minimum, maximum, number)) {
@@ -51,7 +51,7 @@ Argument& Argument::wholeNumber(std::int64_t minimum, std::int64_t maximum) {
 }
 
 Argument& Argument::realNumber(double minimum, double maximum) {
-    const std::string limits = describe(minimum, maximum);
+    const std::string limits = describeRange(minimum, maximum);
     const auto check = [=](const std::string& text) -> std::string {
         double number = 0;
         return read(text, minimum, maximum, number) ? "" : refuse("a number, " + limits, text);

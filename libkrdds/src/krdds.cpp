@@ -14,7 +14,7 @@ KRBrokerOptions createLink(const std::string& url, KRTransportHost& host) {
     return {memory, std::make_unique<KRLink>(std::move(options), host)};
 }
 
-[[maybe_unused]] const bool registered = (registerDDS(), true);
+[[maybe_unused]] const bool isRegistered = (registerDDS(), true);
 
 } // namespace
 

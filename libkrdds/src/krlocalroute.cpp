@@ -9,8 +9,8 @@ namespace KR {
 
 namespace {
 
-constexpr std::chrono::seconds kPatience{3}; // with a process that is busy or frozen
-constexpr std::chrono::seconds kRetry{5};    // after an attempt that failed
+constexpr std::chrono::seconds kConnectPatience{3}; // with a process that is busy or frozen
+constexpr std::chrono::seconds kRetry{5};           // after an attempt that failed
 
 } // namespace
 
@@ -90,12 +90,12 @@ void KRLocalRoute::postConnect() {
 void KRLocalRoute::connect() {
     std::shared_ptr<KRLocalConnection> connection;
     try {
-        connection =
-            owner_.endpoint->connect(address_, kPatience, [weak = weak_from_this()](const std::string&) {
-                if (const auto self = weak.lock()) {
-                    self->noticeEnd();
-                }
-            });
+        connection = owner_.endpoint->connect(address_, kConnectPatience,
+                                              [weak = weak_from_this()](const std::string&) {
+                                                  if (const auto self = weak.lock()) {
+                                                      self->noticeEnd();
+                                                  }
+                                              });
     } catch (const std::exception& error) {
         const auto* own = dynamic_cast<const KRError*>(&error);
         settle(State::Failed, own != nullptr ? own->getDescription() : error.what());

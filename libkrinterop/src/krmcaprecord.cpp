@@ -19,14 +19,14 @@ const char* getCompressionName(KRMcapCompression compression) noexcept {
 }
 
 std::uint64_t toNanoseconds(std::int64_t time_usec) noexcept {
-    constexpr std::int64_t kNanosecondsPerUsec = 1000;
+    constexpr std::int64_t kFactor = 1000;
     if (time_usec <= 0) {
         return 0;
     }
     // 2^63 microseconds times 1000 do not fit: the end of all times for those that come after the year 2554.
-    constexpr std::uint64_t kLast = std::numeric_limits<std::uint64_t>::max() / kNanosecondsPerUsec;
+    constexpr std::uint64_t kLast = std::numeric_limits<std::uint64_t>::max() / kFactor;
     const auto time = static_cast<std::uint64_t>(time_usec);
-    return time > kLast ? std::numeric_limits<std::uint64_t>::max() : time * kNanosecondsPerUsec;
+    return time > kLast ? std::numeric_limits<std::uint64_t>::max() : time * kFactor;
 }
 
 namespace mcap {

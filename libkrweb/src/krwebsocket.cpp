@@ -25,7 +25,7 @@ namespace websocket = boost::beast::websocket;
 constexpr std::size_t kMaxMessage = 1 << 20;  // bytes, of a client
 constexpr std::size_t kMaxEach = 4 << 20;     // bytes of messages that wait, of which each counts
 constexpr std::size_t kMaxWaiting = 16 << 20; // bytes; a client with more is dropped
-constexpr std::size_t kMessageCost = 256;     // bytes of memory of a message that waits, beside its payload
+constexpr std::size_t kQueuedCost = 256;      // bytes of memory of a message that waits, beside its payload
 constexpr std::size_t kKeptBuffer = 64 << 10; // bytes, between messages of a client
 constexpr std::chrono::seconds kIdle{30};     // without a sign of life
 
@@ -147,7 +147,7 @@ private:
         std::uint64_t time_ns = 0;
     };
 
-    static std::size_t getCost(const Bytes& payload) { return payload->size() + kMessageCost; }
+    static std::size_t getCost(const Bytes& payload) { return payload->size() + kQueuedCost; }
 
     static std::string describe(const beast::tcp_stream& stream) {
         beast::error_code error;

@@ -16,7 +16,7 @@ using std::chrono::steady_clock;
 
 constexpr std::chrono::microseconds usualStep(33333);
 constexpr std::chrono::seconds longestStep(10);
-constexpr std::chrono::milliseconds pullTimeout(50);
+constexpr std::chrono::milliseconds longestWait(50);
 constexpr int loggedWrongTimes = 2;
 
 } // namespace
@@ -26,8 +26,8 @@ KRRecordingPlayer::KRRecordingPlayer(const std::string& path, int stream)
 
 std::optional<KRCapture> KRRecordingPlayer::pull() {
     const auto now = steady_clock::now();
-    sleepUntil(std::min<steady_clock::time_point>(due_, now + pullTimeout));
-    if (due_ > now + pullTimeout) {
+    sleepUntil(std::min<steady_clock::time_point>(due_, now + longestWait));
+    if (due_ > now + longestWait) {
         return std::nullopt;
     }
     KRCapture image = std::exchange(capture_, {});
