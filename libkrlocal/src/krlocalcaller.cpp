@@ -1,5 +1,7 @@
 #include "krlocalcaller.hpp"
 
+#include <cassert>
+
 namespace KR {
 
 bool KRLocalCaller::begin(std::size_t bytes, const std::weak_ptr<KRLocalSession>& session) {
@@ -25,6 +27,7 @@ bool KRLocalCaller::holds(const std::weak_ptr<KRLocalSession>& session) {
 
 KRLocalCaller::Sessions KRLocalCaller::finish(std::size_t bytes) noexcept {
     const KRLock lock(mutex_);
+    assert(running_ > 0 && runningBytes_ >= bytes);
     --running_;
     runningBytes_ -= bytes;
     return isFull() ? Sessions() : std::exchange(held_, {});

@@ -14,11 +14,11 @@ namespace KR {
 
 class KRLocalSession;
 
-/// What the sockets of one calling process share: bounds. Thread-safe.
+/// The limits of one calling process, for all of its sockets together. Thread-safe.
 class KRLocalCaller {
 public:
     static constexpr std::size_t kMaxRunning =
-        512; ///< requests; more wait in the sockets, except one for each
+        512; ///< requests; others wait in the sockets, except one per socket
     static constexpr std::size_t kMaxRunningBytes = std::size_t{512}
                                                     << 20; ///< of them, sent through the sockets
     using Sessions = std::vector<std::weak_ptr<KRLocalSession>>;
@@ -28,9 +28,9 @@ public:
     const std::string& getName() const noexcept { return name_; }
     const std::shared_ptr<KRLendings::Bytes>& getLentBytes() const noexcept { return lentBytes_; }
 
-    /// A request of the session has been read and runs. \return as holds()
+    /// A request of the session has been read and runs. \return whether the session must stop reading, as for holds()
     bool begin(std::size_t bytes, const std::weak_ptr<KRLocalSession>& session) KR_EXCLUDES(mutex_);
-    /// Whether the session must not read: too many requests run. It is kept, for finish() to return.
+    /// Whether the session must stop reading, because too many requests run. finish() returns it when it may read again.
     bool holds(const std::weak_ptr<KRLocalSession>& session) KR_EXCLUDES(mutex_);
     /// \return sessions that may read again
     Sessions finish(std::size_t bytes) noexcept KR_EXCLUDES(mutex_);

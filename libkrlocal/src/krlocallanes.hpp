@@ -16,7 +16,7 @@
 
 namespace KR {
 
-/// A connection to another process: one socket, or several while several threads call at once, its lanes.
+/// A connection to another process: one socket, or several (lanes) while several threads call at once.
 ///
 /// A call uses a lane that is free, so threads that call at once neither read for each other nor wake each other: each
 /// alternates with one thread of the server. If no lane is free, the call shares the one with the fewest calls, and another
@@ -24,9 +24,8 @@ namespace KR {
 class KRLocalLanes : public KRLocalConnection, public std::enable_shared_from_this<KRLocalLanes> {
 public:
     static constexpr std::size_t kMaxLanes = 16;
-    static constexpr std::chrono::seconds kIdleTime{
-        2};                                          // after which a lane that is not the only one is closed
-    static constexpr std::chrono::seconds kRetry{5}; // after a lane could not be opened
+    static constexpr std::chrono::seconds kIdleTime{2}; // unused lanes are closed after it, except the first
+    static constexpr std::chrono::seconds kRetry{5};    // pause after a lane could not be opened
 
     struct Owner {
         /// Connects another socket. \return null: there is no room for it
@@ -48,9 +47,9 @@ public:
 
     /// Closes without calling onGone.
     void closeSilently(const std::string& why) KR_EXCLUDES(mutex_);
-    /// A lane has ended: there are no calls any more, but those under way in other lanes go on until these end, too.
+    /// A lane has ended, so the connection has: new calls fail; calls under way in other lanes go on until those end.
     void noticeGone(const std::string& why) KR_EXCLUDES(mutex_);
-    /// Closes lanes that have not been used for a while.
+    /// Closes lanes that have been idle for kIdleTime.
     void trim() KR_EXCLUDES(mutex_);
 
 private:
