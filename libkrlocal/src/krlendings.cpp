@@ -12,15 +12,23 @@ namespace KR {
 
 KRLendings::KRLendings(std::shared_ptr<KRLocalPool> pool, std::shared_ptr<Bytes> lentBytes,
                        std::unique_ptr<const KRForeignMemory> returns)
-    : pool_(std::move(pool)), lentBytes_(std::move(lentBytes)), returns_(std::move(returns)),
-      tickets_(KRReturns::kTickets) {
+    : pool_(std::move(pool)), lentBytes_(std::move(lentBytes)), returns_(std::move(returns)) {
     if (returns_->size() != KRReturns::kSize) {
         throw KRLocalMalformed("a page of returns of " + std::to_string(returns_->size()) + " bytes");
     }
-    for (std::uint32_t ticket = KRReturns::kTickets; ticket > 0; --ticket) {
-        free_.push_back(ticket - 1);
+}
+
+// Most connections lend few binaries or none, and a process may have hundreds of connections.
+void KRLendings::addTickets() {
+    constexpr std::size_t kFirst = 16;
+    const std::size_t old = tickets_.size();
+    const std::size_t count = std::min<std::size_t>(std::max(kFirst, 2 * old), KRReturns::kTickets);
+    free_.reserve(count); // so that nothing fails while a ticket changes hands
+    lent_.reserve(count);
+    tickets_.resize(count);
+    for (std::size_t number = count; number > old; --number) {
+        free_.push_back(static_cast<std::uint32_t>(number - 1));
     }
-    lent_.reserve(KRReturns::kTickets);
 }
 
 KRBinary KRLendings::toShared(const KRBinary& binary) {
@@ -49,6 +57,9 @@ bool KRLendings::lend(const KRBinary& binary, KRLocalFrame& frame,
     collectLocked(returned);
     if (!lie_.empty()) {
         throw KRLocalMalformed(lie_);
+    }
+    if (free_.empty()) {
+        addTickets();
     }
     if (!place || closed_ || free_.empty()) {
         return false;

@@ -62,6 +62,8 @@ private:
         std::uint32_t generation = 0; // the last
     };
 
+    /// Makes free tickets, unless there are as many as the page has room for.
+    void addTickets() KR_REQUIRES(mutex_);
     void collectLocked(std::vector<KRBinary>& returned) KR_REQUIRES(mutex_);
     void takeAll(std::vector<KRBinary>& returned) KR_REQUIRES(mutex_);
 

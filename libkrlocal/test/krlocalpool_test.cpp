@@ -178,6 +178,23 @@ TEST_F(Lending, AReceiverThatKeepsEverythingGetsHalfOfThePool) {
     EXPECT_GT(pass(share(*pool, 2 * kMega, 1)).size(), 0u);
 }
 
+TEST_F(Lending, AReceiverMayHoldAsManyBinariesAsItCanGiveBack) {
+    const auto large = std::make_shared<KRLocalPool>(256 * kMega);
+    lendings = std::make_shared<KRLendings>(
+        large, std::make_shared<KRLendings::Bytes>(0),
+        std::make_unique<const KRForeignMemory>(KRDescriptor(dup(borrowings.getReturns().getDescriptor())),
+                                                KRReturns::kSize));
+    const KRBinary image = share(*large, kMega / 16, 1);
+    std::vector<KRBinary> held;
+    for (std::size_t i = 0; i < KRReturns::kTickets; ++i) {
+        held.push_back(pass(image));
+        ASSERT_GT(held.back().size(), 0u) << i;
+    }
+    EXPECT_EQ(pass(image).size(), 0u);
+    held.resize(KRReturns::kTickets / 2);
+    EXPECT_GT(pass(image).size(), 0u);
+}
+
 TEST_F(Lending, WhatIsHeldWhenTheConnectionClosesStaysAsItIs) {
     KRBinary got = pass(share(*pool, kPixels, 5));
     ASSERT_TRUE(lendings->close(getpid())); // the other is alive: it is this process
