@@ -9,12 +9,16 @@
 #include <sys/stat.h>
 #include <sys/utsname.h>
 #include <unistd.h>
+#include <utility>
 
 namespace KR {
 
 namespace {
 
 constexpr std::size_t kSize = 4096;
+// Number of its descriptor, or one of the next: others try these before they list all open files, which takes them long.
+constexpr int kFirstDescriptor = 200;
+constexpr int kLastDescriptor = 203;
 constexpr int kSeals = F_SEAL_SHRINK | F_SEAL_GROW; // so that reading it never fails
 
 std::string getMemoryName(const std::string& id) {
@@ -41,6 +45,10 @@ char getState(pid_t process) {
 
 KRPulse::KRPulse(const std::string& id) noexcept {
     file_ = memfd_create(getMemoryName(id).c_str(), MFD_CLOEXEC | MFD_ALLOW_SEALING);
+    const int high = fcntl(file_, F_DUPFD_CLOEXEC, kFirstDescriptor);
+    if (high >= 0) { // or else there may not be so many
+        close(std::exchange(file_, high));
+    }
     if (file_ < 0 || ftruncate(file_, kSize) != 0) {
         return;
     }
@@ -73,12 +81,21 @@ public:
     static std::unique_ptr<View> open(const std::string& id, pid_t process) {
         const std::string folder = "/proc/" + std::to_string(process) + "/fd/";
         const std::string wanted = "/memfd:" + getMemoryName(id);
+        const auto isWanted = [&](const std::string& path) {
+            char target[128];
+            const ssize_t size = readlink(path.c_str(), target, sizeof target);
+            return size > 0 && std::string_view(target, static_cast<std::size_t>(size)).starts_with(wanted);
+        };
+        for (int number = kFirstDescriptor; number <= kLastDescriptor; ++number) {
+            const std::string path = folder + std::to_string(number);
+            if (isWanted(path)) {
+                return map(path, process);
+            }
+        }
         const std::unique_ptr<DIR, int (*)(DIR*)> list(opendir(folder.c_str()), closedir);
         while (const dirent* const entry = list ? readdir(list.get()) : nullptr) {
             const std::string path = folder + entry->d_name;
-            char target[128];
-            const ssize_t size = readlink(path.c_str(), target, sizeof target);
-            if (size > 0 && std::string_view(target, static_cast<std::size_t>(size)).starts_with(wanted)) {
+            if (isWanted(path)) {
                 return map(path, process);
             }
         }
