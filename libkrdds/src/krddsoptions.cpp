@@ -269,13 +269,11 @@ std::string KRDDSOptions::getConfiguration(const KRHostNetwork& network, bool pl
     // A whole image fits the receive buffer, if the system allows that much, and the writer's cache.
     xml << "<Internal><SocketReceiveBufferSize min=\"default\" max=\"4MB\"/>"
         << "<MaxSampleSize>" << KRReceivedBytes::kMax << "B</MaxSampleSize>"
-        << "<Watermarks><WhcHigh>2MB</WhcHigh></Watermarks>";
-    // A heartbeat of a writer that waits for acknowledgements wakes all processes. When many processes start at once, all
-    // wait, and the usual ten heartbeats a second would take the processor time that the acknowledgements need.
+        << "<Watermarks><WhcHigh>2MB</WhcHigh></Watermarks></Internal>";
+    // Each of three threads touches all of its buffer. Images on one host do not come this way.
     if (staysOnHost(network)) {
-        xml << "<HeartbeatInterval>500ms</HeartbeatInterval>";
+        xml << "<Sizing><ReceiveBufferSize>256KiB</ReceiveBufferSize></Sizing>";
     }
-    xml << "</Internal>";
     if (!security.empty()) {
         const auto file = [&](const char* element, const char* fileName) {
             xml << '<' << element << ">file:" << escapeXml(security) << '/' << fileName << "</" << element

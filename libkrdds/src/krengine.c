@@ -44,3 +44,7 @@ void krHastenAcknowledgement(struct ddsi_domaingv* engine, const dds_guid_t* wri
     }
     thread_state_asleep(self);
 }
+
+void krSetHeartbeatInterval(struct ddsi_domaingv* engine, int64_t interval) {
+    __atomic_store_n(&engine->config.const_hb_intv_sched, interval, __ATOMIC_RELAXED);
+}

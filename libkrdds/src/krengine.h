@@ -18,6 +18,10 @@ void krForgetParticipant(struct ddsi_domaingv* engine, const dds_guid_t* partici
 /// at the next heartbeat, up to 100 ms later. No effect if there is no such writer. Thread-safe.
 void krHastenAcknowledgement(struct ddsi_domaingv* engine, const dds_guid_t* writer);
 
+/// Sets how long writers of this process wait for acknowledgements before they repeat their heartbeat. Thread-safe.
+/// \param interval  nanoseconds
+void krSetHeartbeatInterval(struct ddsi_domaingv* engine, int64_t interval);
+
 #ifdef __cplusplus
 }
 #endif

@@ -60,7 +60,9 @@ bool carriesMulticast(const in_addr& loopback) {
     return poll(&readable, 1, kPatience_ms) == 1;
 }
 
-std::set<std::uint16_t> readTakenPorts() {
+} // namespace
+
+std::set<std::uint16_t> KRHostNetwork::findTakenPorts() {
     std::set<std::uint16_t> ports;
     for (const char* table : {"/proc/net/udp", "/proc/net/udp6"}) {
         std::ifstream file(table);
@@ -78,11 +80,9 @@ std::set<std::uint16_t> readTakenPorts() {
     return ports;
 }
 
-} // namespace
-
 KRHostNetwork KRHostNetwork::examine() {
     KRHostNetwork network;
-    network.takenPorts = readTakenPorts();
+    network.takenPorts = findTakenPorts();
     ifaddrs* first = nullptr;
     if (getifaddrs(&first) != 0) {
         return network;

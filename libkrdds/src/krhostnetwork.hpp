@@ -18,6 +18,9 @@ struct KRHostNetwork {
     /// Reads the current state.
     static KRHostNetwork examine();
 
+    /// UDP ports of this host in use.
+    static std::set<std::uint16_t> findTakenPorts();
+
     /// Well-known ports in use on the domain.
     std::vector<std::uint16_t> findPlaces(std::uint32_t domain) const;
 };

@@ -267,6 +267,8 @@ void KRLink::start() {
     serving_ = true;
     takeRequests();
     takeReplies();
+    countPlaces();
+    setHeartbeats();
     announcer_.announce();
     thread_ = std::thread([this] { run(); });
     waitForBrokersThatAreThere();

@@ -88,6 +88,10 @@ private:
     void inquireOfPeers();
     /// Advances this process's pulse, and forgets processes of this host without a pulse.
     void watchPulses();
+    /// Counts the processes of this host, some of which may not be discovered yet.
+    void countPlaces();
+    /// Sets the interval of heartbeats: the more other processes, the longer.
+    void setHeartbeats();
     /// Has the engine announce this process to all others again.
     void showAgain();
 
@@ -129,7 +133,8 @@ private:
     std::chrono::steady_clock::time_point lastInquiry_; // this and the next are used by the thread KRDDS
     std::chrono::steady_clock::time_point started_;
     std::chrono::steady_clock::time_point lastBeat_;
-    int shownAgain_ = 0; // times
+    int shownAgain_ = 0;     // times
+    std::size_t places_ = 0; // of this host that were taken when it was shown last
     KRPulses pulses_;
 
     KRMutex requestsMutex_; // held while requests are taken from the reader

@@ -27,6 +27,9 @@ constexpr std::chrono::milliseconds kShortestTick{25};
 constexpr int kBeatsInLease = 4;
 // When many processes start at once, discovery packets may be lost; the engine sends the next one much later.
 constexpr std::array<int, 4> kShowAgainAfter_ms{500, 1500, 4000, 10000};
+// Interval of heartbeats; with more than 25 other processes longer, so that together they send about 50 a second.
+constexpr std::chrono::nanoseconds kHeartbeat = std::chrono::milliseconds(500);
+constexpr std::chrono::nanoseconds kHeartbeatForEach = std::chrono::milliseconds(20);
 constexpr int kTicksOfQuiet = 20;                 // everything is reported; this is a fallback
 constexpr std::chrono::seconds kPollPatience{10}; // much longer than a poll takes on a busy machine
 
@@ -162,13 +165,31 @@ void KRLink::watchPulses() {
                       now - started_ >= std::chrono::milliseconds(kShowAgainAfter_ms[shown]))) {
         showAgain();
     }
+    setHeartbeats();
     for (const std::string& id : pulses_.findSilent(kBeatsInLease, options_.lease)) {
         const dds_guid_t guid = toGuid(id);
         krForgetParticipant(engine_, &guid);
     }
 }
 
+void KRLink::countPlaces() {
+    KRHostNetwork network;
+    network.takenPorts = KRHostNetwork::findTakenPorts();
+    places_ = network.findPlaces(options_.domain).size();
+}
+
+// A heartbeat of a writer that waits for acknowledgements wakes all processes. When many start at once, all wait, and would
+// leave each other no processor time to acknowledge.
+void KRLink::setHeartbeats() {
+    if (domain_->staysOnHost()) {
+        const auto others = static_cast<std::int64_t>(std::max(directory_.getCount(), places_));
+        krSetHeartbeatInterval(
+            engine_, std::max<std::int64_t>(kHeartbeat.count(), others * kHeartbeatForEach.count()));
+    }
+}
+
 void KRLink::showAgain() {
+    countPlaces();
     // Changes something, as the engine only sends changes.
     ++shownAgain_;
     const std::string mark = std::string(kMark) + (shownAgain_ % 2 == 0 ? "" : " ");

@@ -60,9 +60,9 @@ bool KRPeerDirectory::isSettled(const std::string& id) const {
     return found != neighbors_.end() && !(found->second.peer && found->second.peer->isConnecting());
 }
 
-bool KRPeerDirectory::isEmpty() const {
+std::size_t KRPeerDirectory::getCount() const {
     const KRLock lock(mutex_);
-    return neighbors_.empty();
+    return neighbors_.size();
 }
 
 KRPeerDirectory::OtherClaims KRPeerDirectory::findOtherClaims(const std::string& module,

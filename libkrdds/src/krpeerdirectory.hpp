@@ -46,7 +46,7 @@ public:
     bool knows(const std::string& id) const KR_EXCLUDES(mutex_);
     /// The same, and no connection to it is pending.
     bool isSettled(const std::string& id) const KR_EXCLUDES(mutex_);
-    bool isEmpty() const KR_EXCLUDES(mutex_);
+    std::size_t getCount() const KR_EXCLUDES(mutex_);
 
     struct OtherClaims {
         std::string
