@@ -5,6 +5,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+#pragma GCC visibility push(hidden)
 
 // Functions of the engine that its public interface lacks.
 
@@ -22,6 +23,7 @@ void krHastenAcknowledgement(struct ddsi_domaingv* engine, const dds_guid_t* wri
 /// \param interval  nanoseconds
 void krSetHeartbeatInterval(struct ddsi_domaingv* engine, int64_t interval);
 
+#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif
