@@ -174,7 +174,7 @@ private:
 };
 
 TEST_F(KrReplay, PausesAndStepsOnATerminal) {
-    TerminalProgram program(onDomain({"replay", makeRecording(), "--rate", "0.01"}));
+    TerminalProgram program(onDomain({"replay", makeRecording(), "--rate", "0.01", "--loop"}));
     ASSERT_TRUE(program.waitFor("space pauses, s steps")) << program.getSeen();
     program.press(' ');
     ASSERT_TRUE(program.waitFor("pauses at ")) << program.getSeen();
@@ -183,6 +183,7 @@ TEST_F(KrReplay, PausesAndStepsOnATerminal) {
     RunningProgram watch(onDomain({"camera", "watch", "1", "--count", "3", "--resolution", "160x120"}), "");
     EXPECT_TRUE(eventually([&] { // each step is an image
         program.press('s');
+        EXPECT_TRUE(program.waitFor("steps at "));
         return watch.readOut().find("3 images") != std::string::npos;
     })) << watch.readOut()
         << watch.readErr();
