@@ -72,20 +72,19 @@ void KRLocalLanes::giveBack(const KRLocalClient& client) noexcept {
 }
 
 void KRLocalLanes::openAnother() noexcept {
-    std::shared_ptr<KRLocalClient> lane;
+    bool isOpened = false;
     try {
-        lane = owner_.open(shared_from_this());
+        if (auto lane = owner_.open(shared_from_this())) {
+            add(std::move(lane));
+            isOpened = true;
+        }
     } catch (const std::exception&) { // lanes are shared
-    }
-    if (lane) {
-        add(std::move(lane));
-        const KRLock lock(mutex_);
-        opening_ = false;
-        return;
     }
     const KRLock lock(mutex_);
     opening_ = false;
-    retry_ = Clock::now() + kRetry;
+    if (!isOpened) {
+        retry_ = Clock::now() + kRetry;
+    }
 }
 
 bool KRLocalLanes::isOpen() const {
