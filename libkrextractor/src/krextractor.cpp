@@ -42,8 +42,7 @@ KRExtractor::KRExtractor(boost::shared_ptr<KRBroker> broker, const std::string& 
 
 KRExtractor::~KRExtractor() = default;
 
-// The texts below are published as they stand, including differences of case and the repetitions in the last two:
-// deliberate.
+// Published verbatim, including differences of case and the repetitions in the last two: deliberate.
 void KRExtractor::publishMethods() {
     static const std::string subscribeDescription =
         "Subscribes to the extractor. This causes the extractor to start writing information to memory using "
@@ -305,7 +304,8 @@ void KRExtractor::xUpdateParameters() {
     reportChangesSince(period, precision);
 }
 
-// Hooks run without a lock, so one with older values may finish last: whoever calls a hook looks again afterwards.
+// Hooks run without a lock, so one with older values may finish last: its caller checks for newer ones
+// afterwards.
 void KRExtractor::reportChangesSince(int period, float precision) {
     for (;;) {
         {

@@ -24,7 +24,7 @@ struct KRExtractorPrivate {
 
     boost::shared_ptr<KRMemoryProxy> memoryProxy; // constant after construction
 
-    // For one thread at a time: the derived constructor fills them.
+    // Not locked: the derived constructor fills them.
     std::vector<std::string> eventList;
     std::vector<std::string> memoryKeyList;
 };

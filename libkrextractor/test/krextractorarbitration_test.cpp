@@ -74,7 +74,7 @@ TEST_F(KRExtractorArbitration, ASlowerSecondSubscriberLeavesThePeriodAlone) {
     EXPECT_THAT(extractor->takeHooks(), ElementsAre("start 50 0", "update 50 0"));
 }
 
-TEST_F(KRExtractorArbitration, DetectionStartsAnewAfterTheLastSubscriberHasLeft) {
+TEST_F(KRExtractorArbitration, DetectionStartsAgainAfterTheLastSubscriberLeft) {
     extractor->subscribe("A", 50, 0.0F);
     extractor->unsubscribe("A");
     extractor->subscribe("B", 70, 1.0F);
@@ -127,7 +127,7 @@ TEST_F(KRExtractorArbitration, SubscribingTwiceReplacesTheParametersWithAWarning
     EXPECT_THAT(extractor->takeHooks(), ElementsAre("stop"));
 }
 
-TEST_F(KRExtractorArbitration, SubscribingWithoutValuesTakesTheDefaultsAndThenTheValuesInForce) {
+TEST_F(KRExtractorArbitration, SubscribingWithoutValuesUsesTheDefaultsThenTheCurrentValues) {
     extractor->subscribe("A");
     extractor->updatePeriod("A", 77);
     extractor->updatePrecision("A", 0.25F);
@@ -138,7 +138,7 @@ TEST_F(KRExtractorArbitration, SubscribingWithoutValuesTakesTheDefaultsAndThenTh
     EXPECT_EQ(extractor->getMyPrecision("B"), 0.25F);
 }
 
-TEST_F(KRExtractorArbitration, UnsubscribingAnUnknownModuleIsAWarningAndAnError) {
+TEST_F(KRExtractorArbitration, UnsubscribingAnUnknownModuleLogsAWarningAndThrows) {
     const auto unsubscribe = [&] { extractor->unsubscribe("X"); };
     const char* method = "received unsubscribe from non-subscribed module: ";
     expectError(unsubscribe, "KRExtractor", method, "X");
@@ -149,7 +149,7 @@ TEST_F(KRExtractorArbitration, UnsubscribingAnUnknownModuleIsAWarningAndAnError)
     EXPECT_EQ(extractor->getCurrentPeriod(), 100);
 }
 
-TEST_F(KRExtractorArbitration, UnknownNamesAreRefusedByEveryOtherOperation) {
+TEST_F(KRExtractorArbitration, EveryOtherOperationRefusesUnknownNames) {
     extractor->subscribe("A", 100, 0.5F);
     expectError([&] { extractor->updatePeriod("X", 10); }, "KRExtractor",
                 "updateParam: unknown module name: ", "X");
@@ -168,7 +168,7 @@ TEST_F(KRExtractorArbitration, UpdatingThePeriodOfAnUnknownModuleDoesNotWarnAbou
     EXPECT_THAT(takeLog(), IsEmpty());
 }
 
-TEST_F(KRExtractorArbitration, AnUpdatedPeriodIsBroughtIntoTheBounds) {
+TEST_F(KRExtractorArbitration, AnUpdatedPeriodIsClamped) {
     extractor->subscribe("A", 100, 0.5F);
     extractor->updatePeriod("A", -5);
     EXPECT_EQ(extractor->getMyPeriod("A"), 1);
@@ -179,7 +179,7 @@ TEST_F(KRExtractorArbitration, AnUpdatedPeriodIsBroughtIntoTheBounds) {
     EXPECT_STREQ(records[0].location.function, "updatePeriod");
 }
 
-TEST_F(KRExtractorArbitration, RecordsSayWhichOperationOfWhichFileSpeaks) {
+TEST_F(KRExtractorArbitration, LogRecordsNameTheirFileAndOperation) {
     extractor->subscribe("A", 0, 0.0F);
     extractor->subscribe("B", 5, 0.0F);
     extractor->unsubscribe("B");
@@ -198,7 +198,7 @@ TEST_F(KRExtractorArbitration, AnUpdateCallsTheHookEvenIfNothingChanges) {
     EXPECT_THAT(extractor->takeHooks(), ElementsAre("start 100 0.5", "update 100 0.5", "update 100 0.5"));
 }
 
-TEST_F(KRExtractorArbitration, NegativePrecisionsAreTakenAndTheLargestWins) {
+TEST_F(KRExtractorArbitration, NegativePrecisionsAreAcceptedAndTheLargestWins) {
     extractor->subscribe("A", 10, -3.0F);
     extractor->subscribe("B", 20, -2.0F);
     EXPECT_EQ(extractor->getCurrentPrecision(), -2.0F);
@@ -221,7 +221,7 @@ TEST_F(KRExtractorArbitration, UpdatingWithoutSubscribersIsAnError) {
                 "no module subscribed");
 }
 
-TEST_F(KRExtractorArbitration, AHookThatThrowsLeavesTheRegistryAsChanged) {
+TEST_F(KRExtractorArbitration, AHookThatThrowsDoesNotUndoTheChange) {
     extractor->onHook = [](const std::string&) { throw std::runtime_error("hook"); };
     EXPECT_THROW(extractor->subscribe("A", 100, 0.5F), std::runtime_error);
     EXPECT_EQ(extractor->getMyPeriod("A"), 100);
@@ -235,7 +235,7 @@ TEST_F(KRExtractorArbitration, AHookThatThrowsLeavesTheRegistryAsChanged) {
     extractor->subscribe("C", 10, 0.0F); // every lock was released
 }
 
-TEST_F(KRExtractorArbitration, AHookMayCallTheReadersAndALogListenerToo) {
+TEST_F(KRExtractorArbitration, HooksAndLogListenersMayCallTheGetters) {
     extractor->onHook = [this](const std::string&) {
         extractor->getCurrentPeriod();
         extractor->getSubscribersInfo();

@@ -99,7 +99,7 @@ private:
     std::promise<void> release_;
 };
 
-TEST(KRExtractorConcurrency, AHookThatEndsLateIsFollowedByOneWithTheValuesInForce) {
+TEST(KRExtractorConcurrency, ALateHookIsFollowedByOneWithTheCurrentValues) {
     const auto broker = KRBroker::create("local:");
     const auto extractor = createModule<SlowExtractor>(broker, "Faces");
     extractor->subscribe("A", 50, 0.5F);
@@ -114,7 +114,7 @@ TEST(KRExtractorConcurrency, AHookThatEndsLateIsFollowedByOneWithTheValuesInForc
     EXPECT_EQ(extractor->getTaken(), 100);
 }
 
-TEST(KRExtractorConcurrency, AnUpdateDuringTheStartIsInForceAfterIt) {
+TEST(KRExtractorConcurrency, AnUpdateDuringTheStartAppliesAfterIt) {
     const auto broker = KRBroker::create("local:");
     const auto extractor = createModule<SlowExtractor>(broker, "Faces");
     extractor->holdBack(50);
@@ -126,7 +126,7 @@ TEST(KRExtractorConcurrency, AnUpdateDuringTheStartIsInForceAfterIt) {
     EXPECT_EQ(extractor->getTaken(), 100);
 }
 
-TEST(KRExtractorConcurrency, OverlappingUpdatesEndWithTheValuesInForce) {
+TEST(KRExtractorConcurrency, OverlappingUpdatesEndWithTheCurrentValues) {
     const auto broker = KRBroker::create("local:");
     const auto extractor = createModule<SlowExtractor>(broker, "Faces");
     extractor->subscribe("A", 50, 0.5F);
@@ -147,7 +147,7 @@ TEST(KRExtractorConcurrency, OverlappingUpdatesEndWithTheValuesInForce) {
     }
 }
 
-TEST(KRExtractorConcurrency, APrecisionThatIsNotANumberIsReportedOnce) {
+TEST(KRExtractorConcurrency, ANaNPrecisionIsReportedOnce) {
     const auto broker = KRBroker::create("local:");
     const auto extractor = createModule<RecordingExtractor>(broker, "Faces");
     extractor->subscribe("A", 50, std::numeric_limits<float>::quiet_NaN());
@@ -175,7 +175,7 @@ TEST(KRExtractorConcurrency, UpdatingASubscriberThatHasJustLeftIsAnError) {
     EXPECT_EQ(extractor->getCurrentPeriod(), -1);
 }
 
-TEST(KRExtractorConcurrency, AHandleThatGoesDuringSubscriptionsLeavesNoDetectionBehind) {
+TEST(KRExtractorConcurrency, DestroyingTheModuleDuringSubscriptionsLeavesNoDetectionRunning) {
     for (int round = 0; round < 50; ++round) {
         const auto broker = KRBroker::create("local:");
         std::atomic<int> detections = 0;

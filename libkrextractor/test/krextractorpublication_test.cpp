@@ -129,7 +129,7 @@ TEST_F(KRExtractorPublication, EveryMethodReachesItsOperation) {
                                                     "update 40 0.75", "update 40 0.75", "stop"));
 }
 
-TEST_F(KRExtractorPublication, AnOverrideIsWhatRemoteCallersReach) {
+TEST_F(KRExtractorPublication, RemoteCallersReachTheOverride) {
     class Overriding : public RecordingExtractor {
     public:
         using RecordingExtractor::RecordingExtractor;
@@ -148,7 +148,7 @@ TEST_F(KRExtractorPublication, WithoutDeclarationsThereAreNoOutputs) {
     EXPECT_THAT(proxy->call<std::vector<std::string>>("getMemoryKeyList"), IsEmpty());
 }
 
-TEST_F(KRExtractorPublication, OutputsAreTheEventsThenTheKeysEachAsDeclared) {
+TEST_F(KRExtractorPublication, OutputsAreEventsThenKeysInOrderOfDeclaration) {
     extractor->declareEvent("E1");
     extractor->declareMemoryKey("K1");
     extractor->declareEvent("E2");
@@ -217,7 +217,7 @@ public:
     void insertData(const std::string& key, const KRValue&) { throw KRError("KRMemory", "insertData", key); }
 };
 
-TEST(KRExtractorConstruction, AKeyThatAnotherExtractorDeclaresTooIsReported) {
+TEST(KRExtractorConstruction, AKeyDeclaredByTwoExtractorsIsReported) {
     const auto broker = KRBroker::create();
     std::atomic<int> warnings = 0;
     const KRLogListener listener([&](const KRLogRecord& record) {
