@@ -30,7 +30,7 @@ KRAnnotations::Box readBox(const KRValue& value, const std::string& where) {
                            value[4].to<std::string>(),  readNumber(value, 5, where),
                            value[6].to<int>()};
     if (box.right < box.left || box.bottom < box.top) {
-        refuse(where + " has its right edge left of its left one, or its lower edge above its upper one");
+        refuse(where + " has its right edge left of its left edge, or its bottom edge above its top edge");
     }
     return box;
 }
@@ -56,7 +56,7 @@ KRAnnotations::Text readText(const KRValue& value, const std::string& where) {
     return {readPoint(value, where), value[2].to<std::string>()};
 }
 
-// Reads each element of the list that is element `index` of the value, and names it in errors.
+// Reads the list in element `index` of the value; errors name the list's element.
 template <class T>
 std::vector<T> readList(const KRValue& value, std::size_t index, const char* name,
                         T (*read)(const KRValue&, const std::string&)) {

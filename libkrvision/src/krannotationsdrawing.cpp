@@ -28,7 +28,7 @@ constexpr Color kLineColor{0, 192, 255};
 constexpr Color kTextColor{255, 255, 255};
 constexpr Color kTextBackground{0, 0, 0};
 
-// A color as the bytes of a pixel. ITU-R BT.601, luma from 16 to 235, as images of the camera service have it.
+// A color as pixel bytes: BT.601 with luma from 16 to 235, like the images of the camera service.
 struct Ink {
     std::array<std::uint8_t, 4> bytes;
     std::uint8_t u;
@@ -59,7 +59,7 @@ struct Pixel {
     int y;
 };
 
-/// Draws into the pixels of an image; what lies outside is cut off.
+/// Draws into an image's pixels, clipped to the image.
 class Canvas {
 public:
     explicit Canvas(KRImage& image)
@@ -68,7 +68,7 @@ public:
 
     int getThickness() const noexcept { return thickness_; }
 
-    /// Coordinates far outside are moved to where they still are outside, so that sums of them do not overflow.
+    /// Clamps distant coordinates so that sums of them do not overflow; they stay outside the image.
     Pixel place(const KRAnnotations::Point& point) const {
         const auto scale = [](float fraction, int size) {
             const double pixel = std::round(static_cast<double>(fraction) * size);
@@ -117,7 +117,7 @@ public:
 
     /// Draws on a dark background that is one font pixel wider on each side.
     void drawText(const Pixel& leftTop, const std::string& text, const Color& color) {
-        const int longest = width_ / thickness_ + 1; // characters that could be seen
+        const int longest = width_ / thickness_ + 1; // characters that can be visible
         const int count = static_cast<int>(std::min(text.size(), static_cast<std::size_t>(longest)));
         if (count == 0) {
             return;
@@ -206,7 +206,7 @@ std::string describe(const KRAnnotations::Box& box) {
     return text;
 }
 
-// One character per code point: the bytes that continue one are left out.
+// One character per code point: continuation bytes are dropped.
 std::string toAscii(const std::string& utf8) {
     std::string text;
     for (const char byte : utf8) {
@@ -239,7 +239,7 @@ void drawAnnotations(KRImage& image, const KRAnnotations& annotations) {
     for (const KRAnnotations::Box& box : annotations.boxes) {
         const Pixel leftTop = canvas.place({box.left, box.top});
         canvas.drawFrame(leftTop, canvas.place({box.right, box.bottom}), kBoxColor);
-        // Above the box, or inside it where there is no room above.
+        // Above the box, or inside it if there is no room above.
         const int above = leftTop.y - canvas.getTextHeight();
         canvas.drawText({leftTop.x, above >= 0 ? above : leftTop.y}, toAscii(describe(box)), kTextColor);
     }

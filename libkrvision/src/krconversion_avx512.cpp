@@ -39,7 +39,7 @@ KR_AVX512 inline Vector everyDoubleWord(int a, int b, int c, int d) {
                          (static_cast<unsigned>(b) & 0xFF) << 8 | (static_cast<unsigned>(a) & 0xFF)));
 }
 
-// Keeps the mask in its register: otherwise each iteration would load it, through the port that permutes.
+// Keeps the mask in a register: otherwise each iteration would load it, through the port that permutes.
 KR_AVX512 inline __mmask64 kept(__mmask64 mask) {
     asm("" : "+Yk"(mask));
     return mask;
@@ -47,10 +47,11 @@ KR_AVX512 inline __mmask64 kept(__mmask64 mask) {
 
 // ---- from BGR
 
-// Each result is floor(C / 8192), C being a sum of bytes times 13-bit coefficients. All coefficients times 8 make
-// that floor(8 * C / 65536), and split in two signed bytes, coefficient * 8 = 256 * high + low, they suit the dot
-// product of four bytes: 8 * C is the sum with the high parts times 256 plus that with the low parts.
-// The fourth byte is green again, as its coefficient 129 for Y does not fit a signed byte.
+// Each result is floor(C / 8192), where C is a sum of bytes times 13-bit coefficients. Scaling the
+// coefficients by 8 makes it floor(8 * C / 65536). Split into two signed bytes, coefficient * 8 = 256 * high
+// + low, they suit the dot product of four bytes: 8 * C is 256 times the sum with the high parts plus the sum
+// with the low parts. The fourth byte is green again, as its coefficient 129 for Y does not fit a signed
+// byte.
 struct Coefficients {
     Vector high, low, offset;
 };
@@ -61,13 +62,13 @@ KR_AVX512 inline Vector resultsInByte2(Vector pixels, const Coefficients& c) {
     return _mm512_dpbusd_epi32(_mm512_slli_epi32(high, 8), pixels, c.low);
 }
 
-// The result is byte 1; `offset` is times 256 here.
+// The result is byte 1; here `offset` is scaled by 256.
 KR_AVX512 inline Vector resultsInByte1(Vector pixels, const Coefficients& c) {
     const Vector low = _mm512_dpbusd_epi32(c.offset, pixels, c.low);
     return _mm512_dpbusd_epi32(_mm512_srai_epi32(low, 8), pixels, c.high);
 }
 
-// B G R G of 16 pixels, the first of which is at byte `from`.
+// B G R G of 16 pixels, starting at byte `from`.
 constexpr ByteTable pixelsAt(int from) {
     ByteTable table{};
     for (int i = 0; i < 64; ++i) {

@@ -75,7 +75,7 @@ bool KRFile::reaches(std::uint64_t size) const {
 }
 
 bool KRFile::append(const void* first, std::size_t firstSize, const void* second, std::size_t secondSize) {
-    // writev() takes what it only reads as not const.
+    // writev() only reads these, but its parameter is not const.
     std::array<iovec, 2> parts = {
         {{const_cast<void*>(first), firstSize}, {const_cast<void*>(second), secondSize}}};
     while (parts[0].iov_len + parts[1].iov_len > 0) {
@@ -99,7 +99,7 @@ bool KRFile::append(const void* first, std::size_t firstSize, const void* second
 
 bool KRFile::writeAt(const void* from, std::size_t size, std::uint64_t offset) {
     ssize_t written = 0;
-    do { // a file takes a few bytes in one piece or not at all
+    do { // a file takes a few bytes all at once or not at all
         written = ::pwrite(descriptor_, from, size, static_cast<off_t>(offset));
     } while (written < 0 && errno == EINTR);
     return written == static_cast<ssize_t>(size);

@@ -21,10 +21,10 @@ public:
     /// \return its size in bytes
     /// \throws std::runtime_error "<path>: cannot be read: <reason>"
     std::uint64_t openRegular(const std::string& path);
-    /// Creates a file, or empties one, for writing, and closes the one that was open.
-    /// \return false: the one that was open still is
+    /// Creates or empties a file for writing and closes the one that was open.
+    /// \return false on failure: the file that was open stays open
     bool openToWrite(const std::string& path);
-    /// \return false: an error, such as one from an earlier write; the file is closed anyway
+    /// \return false after an error, such as one from an earlier write; the file is closed anyway
     bool close() noexcept;
 
     /// \return the number of bytes read: fewer at the end of the file, after an error, and if no file is open
@@ -38,7 +38,7 @@ public:
     bool writeAt(const void* from, std::size_t size, std::uint64_t offset);
     /// Drops everything beyond the first `size` bytes; append() continues there.
     bool truncate(std::uint64_t size);
-    /// Waits until the disk has everything. True on pipes and devices, which keep nothing.
+    /// Waits until everything is on the disk. True for pipes and devices, which store nothing.
     bool sync();
 
 private:

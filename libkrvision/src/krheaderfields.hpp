@@ -23,7 +23,7 @@ void putField(unsigned char*& at, T field) noexcept {
     at += sizeof field;
 }
 
-/// The field of view of files of version 0, which do not hold theirs: left, top, right, bottom, radians. As bits,
+/// The field of view of version 0 files, which store none: left, top, right, bottom, radians. As bits,
 /// because the usual decimal for the top, 0.3209778, rounds to the neighbouring float.
 inline constexpr std::array<float, 4> kDefaultAngles = {
     std::bit_cast<float>(std::uint32_t{0x3ED576D4}),  //  0.4169222

@@ -39,7 +39,7 @@ bool close(File& file) {
     return std::fclose(file.release()) == 0;
 }
 
-// Unbuffered, so that the pixels move in one piece straight from or to the image.
+// Unbuffered: the pixels are transferred in one piece, straight from or to the image.
 File openUnbuffered(const char* path, const char* mode) {
     File file(std::fopen(path, mode));
     if (file) {
@@ -88,7 +88,7 @@ bool writeYuv422(std::FILE* file, const unsigned char* data, std::size_t pixels)
     if (!written || pixels % 2 == 0) {
         return written;
     }
-    // A last pixel without a partner is its own partner: its only chroma byte stands for both.
+    // An unpaired last pixel uses its only chroma byte for both.
     const unsigned char* last = data + 2 * (pixels - 1);
     const std::array<unsigned char, 3> pixel = {last[0], last[1], last[1]};
     return writeBytes(file, pixel.data(), pixel.size());

@@ -121,7 +121,7 @@ std::uint64_t KROxvFile::findFirstFrame() {
     return fileSize_ < with || (fits(without) && !fits(with)) ? without : with;
 }
 
-// Among the first frames' chunks, those with a plausible header, supposing that the first frame begins there.
+// Counts the chunks of the first frames with a plausible header, assuming that the first frame begins there.
 int KROxvFile::countPlausibleChunks(std::uint64_t dataOffset) {
     constexpr std::uint64_t kFrames = 8;
     int plausible = 0;

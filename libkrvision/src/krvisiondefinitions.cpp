@@ -51,7 +51,7 @@ constexpr int countChannels(int colorSpace) {
     }
 }
 
-// A negative code becomes a huge one: one comparison refuses both.
+// A negative code becomes a huge one, so one comparison rejects both.
 bool isBelow(int code, std::size_t end) {
     return static_cast<unsigned>(code) < end;
 }

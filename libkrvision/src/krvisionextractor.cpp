@@ -193,7 +193,7 @@ void KRVisionExtractor::xUpdateParameters(int period, float /*precision*/) {
 
 void KRVisionExtractor::xStopDetection() {
     p_->stop();
-    // A destructor that stops its own work comes here again after xShutDown() has: once is enough.
+    // A destructor that stops its own work gets here again after xShutDown(): one stop is enough.
     if (p_->noteStop()) {
         xStopImageProcessing();
     }
@@ -211,7 +211,7 @@ void KRVisionExtractor::xShutDown() {
         p_->stop();
         throw;
     }
-    p_->stop(); // also a run that was started without a subscriber
+    p_->stop(); // also stops a run started without a subscriber
 }
 
 } // namespace KR

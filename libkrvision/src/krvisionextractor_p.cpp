@@ -61,7 +61,7 @@ void KRVisionExtractorPrivate::logProblem(const std::string& message) {
     logError(kLogCategory, owner->getName() + ": " + message);
 }
 
-// Others see why the module has gone, beyond what the log says.
+// Reports the reason to other modules too, not only to the log.
 void KRVisionExtractorPrivate::exitBecause(const std::string& failure) {
     owner->reportFailure(failure);
     owner->exit();
@@ -75,7 +75,7 @@ std::uint64_t KRVisionExtractorPrivate::expectRun() {
 
 void KRVisionExtractorPrivate::cancelRun() {
     const KRLock lock(runMutex);
-    if (runsExpected > 0) { // otherwise a direct call of run() has taken it
+    if (runsExpected > 0) { // otherwise a direct call of run() has used it up
         --runsExpected;
     }
     runChanged.notifyAll();
@@ -111,7 +111,7 @@ void KRVisionExtractorPrivate::run() {
             runThread = std::this_thread::get_id();
             stopRequested = stopsWaiting > 0;
         } else if (!running) {
-            ++runsEnded; // before it began
+            ++runsEnded; // this run ended before it began
         }
         runChanged.notifyAll();
         if (runsRefused) {
@@ -135,10 +135,10 @@ void KRVisionExtractorPrivate::run() {
     try {
         acquire();
     } catch (const std::exception& error) {
-        owner->reportFailure(std::string("the acquisition has ended by an exception: ") + error.what());
+        owner->reportFailure(std::string("the acquisition ended with an exception: ") + error.what());
         throw;
     } catch (...) {
-        owner->reportFailure("the acquisition has ended by an exception of unknown type");
+        owner->reportFailure("the acquisition ended with an exception of unknown type");
         throw;
     }
 }
@@ -197,7 +197,7 @@ void KRVisionExtractorPrivate::loop() {
         if (!ready) {
             lock.unlock();
             if (!owner->isExiting()) {
-                owner->reportFailure(""); // a good start
+                owner->reportFailure(""); // a good start clears it
             }
             lock.lock();
             ready = true;
@@ -217,7 +217,7 @@ void KRVisionExtractorPrivate::waitUntilReady(std::uint64_t ticket) {
         return ready || runsEnded != ticket;
     };
     if (owner->getParentBroker()->getClock().isRecording()) {
-        runChanged.wait(lock, isDone); // its time stands still meanwhile
+        runChanged.wait(lock, isDone); // the recording's time stands still meanwhile
     }
     runChanged.waitFor(lock, kSubscriptionTimeout, [&] {
         runMutex.assertHeld();
@@ -303,7 +303,7 @@ void KRVisionExtractorPrivate::xSubscribe() {
 
 void KRVisionExtractorPrivate::xUnsubscribe() {
     const KRLock subscriptionGuard(subscriptionMutex);
-    // Not the frame rate's: its setter updates periods of the owner, who may hold a lock now.
+    // Not frameRateLock: its setter updates the owner's periods, and the owner may hold a lock now.
     const KRSharedLock resolutionGuard(resolutionLock);
     const KRSharedLock colorSpaceGuard(colorSpaceLock);
     const KRSharedLock cameraGuard(cameraLock);
@@ -319,7 +319,7 @@ void KRVisionExtractorPrivate::xUnsubscribe() {
         ++subscriptionChanges;
     } catch (const KRError& error) {
         logProblem("Could not unsubscribe to KRVideoDevice");
-        exitBecause("the camera could not be unsubscribed from: " + error.getDescription());
+        exitBecause("unsubscribing from the camera failed: " + error.getDescription());
     }
 }
 

@@ -52,10 +52,10 @@ public:
     /// Makes run() return at once from now on.
     void refuseRuns();
 
-    /// A detection starts.
+    /// Records that a detection starts.
     void noteStart();
-    /// A detection stops. \return whether the owner is to be told: always, except after refuseRuns() when none has
-    /// started since the last stop
+    /// Records that a detection stops. \return whether to notify the owner: always, except after refuseRuns()
+    /// if none has started since the last stop
     bool noteStop();
 
     void pause(bool pausing);
@@ -63,7 +63,7 @@ public:
     bool isProcessing();
 
     bool setColorSpace(int newColorSpace);
-    /// Without a camera subscription, for the next one, whatever the camera service will say to it.
+    /// Without a camera subscription: stores it for the next one without asking the camera service.
     bool setOrPresetColorSpace(int newColorSpace);
     bool setResolution(int newResolution);
     bool setActiveCamera(int camera);
@@ -78,15 +78,15 @@ public:
     int getFrameRate();
     int getDefaultPeriod() const noexcept { return defaultPeriod; }
 
-    /// There is a camera subscription.
+    /// Whether there is a camera subscription.
     bool isSubscribed() const noexcept { return subscribed; }
-    /// Blocks while a camera subscription begins or ends. \return how many have, so that one can tell whether an error
-    /// is due to that
+    /// Blocks while a camera subscription begins or ends. \return how often that has happened, to tell
+    /// whether an error is due to it
     int countSubscriptionChanges();
-    /// For the next subscription, whatever the camera service will say to it.
-    /// \return false and nothing is done if there is a subscription
+    /// Stores it for the next subscription without asking the camera service.
+    /// \return false, and does nothing, if there is a subscription
     bool presetCamera(int camera);
-    /// \param frameRate  1 to 30; of a first subscriber that gives no period
+    /// \param frameRate  1 to 30; for a first subscriber that gives no period
     void presetFrameRate(int frameRate) noexcept { defaultPeriod = 1000 / frameRate; }
     int getMinimumPeriod() const noexcept;
     boost::shared_ptr<KRVideoDeviceProxy> getVideoDeviceProxy() const { return videoDeviceProxy; }
@@ -105,7 +105,7 @@ private:
     KRImage* xGetImage();
     void xSetSubscriptionParameters();
     bool xSetColorSpace(int newColorSpace) KR_REQUIRES(colorSpaceLock);
-    /// Both: nothing if the subscription has ended or begun in between.
+    /// Both: nullopt if the subscription began or ended meanwhile.
     std::optional<bool> changeCamera(int camera);
     std::optional<bool> presetExistingCamera(int camera);
 

@@ -86,7 +86,7 @@ std::string describeCameras(const KRVideoDeviceProxy& service, int camera) {
         return missing + (count == 0   ? "; there are none"
                           : count == 1 ? "; there is camera 0 only"
                                        : "; cameras are 0 to " + std::to_string(count - 1));
-    } catch (const KRError&) { // a camera service of another kind
+    } catch (const KRError&) { // another implementation of the camera service
         return missing;
     }
 }
@@ -112,7 +112,7 @@ void KRVisionExtractor::declareParameters() {
                 return;
             }
             if (getVideoDeviceProxy()->getProxy().getModuleNumber() == 0 && p_->presetCamera(camera)) {
-                return; // the service may come later, and says then what it has
+                return; // the service may start later, and checks it then
             }
             const bool wasPaused = isPaused();
             try {
@@ -203,7 +203,7 @@ void KRVisionExtractor::declareParameters() {
     xDeclareParameter(
         {.name = kPauseParameter,
          .type = Type::Bool,
-         .description = "Whether the processing pauses.",
+         .description = "Whether processing is paused.",
          .defaultValue = false,
          .saved = false},
         [this, refuse](const KRValue& value) {

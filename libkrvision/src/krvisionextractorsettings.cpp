@@ -60,7 +60,7 @@ bool KRVisionExtractorPrivate::setResolution(int newResolution) {
 
 bool KRVisionExtractorPrivate::setActiveCamera(int camera) {
     std::optional<bool> accepted;
-    while (!accepted) { // unless the subscription has begun or ended in between
+    while (!accepted) { // again if the subscription began or ended meanwhile
         accepted = subscribed ? changeCamera(camera) : presetExistingCamera(camera);
     }
     return *accepted;
@@ -166,7 +166,7 @@ bool KRVisionExtractorPrivate::setFrameRate(const std::string& subscriber, int f
         logProblem("setFrameRate, unknown subscriber name: " + subscriber);
         return false;
     }
-    // Without a camera subscription, the camera service refuses this, not we: deliberate.
+    // Without a camera subscription it is the camera service that refuses: deliberate.
     const KRExclusiveLock guard(frameRateLock);
     const bool accepted = videoDeviceProxy->setFrameRate(getSubscriberId(), frameRate);
     if (accepted) {

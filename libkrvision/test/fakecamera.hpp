@@ -63,11 +63,11 @@ inline KRValue makeImageValue(int width, int height, int layers, int colorSpace)
                           -0.3F);
 }
 
-/// How a fake camera treats the values of settings; one that accepts everything also accepts any identifier.
+/// Which settings a fake camera accepts; one that accepts everything also accepts any identifier.
 enum class Taste { OfItsOwn, TakesEverything, RefusesEverything };
 
-/// A camera service for tests: records each call, and answers like the real one unless instructed otherwise. Its three
-/// cameras have the parameters 11 and 12, from 0 to 100, and always a new image.
+/// A camera service for tests: records each call, and answers like the real one unless instructed otherwise.
+/// It has three cameras with the parameters 11 and 12, from 0 to 100; each fetch finds a new image.
 class FakeCamera : public KRModule {
 public:
     FakeCamera(boost::shared_ptr<KRBroker> broker, const std::string& name, Journal& calls)
@@ -164,7 +164,7 @@ public:
         find("setAllCameraParametersToDefault", id);
     }
 
-    /// What an operation does between being recorded and answering: throw, block, or nothing.
+    /// What an operation does between recording the call and answering: throw, block, or nothing.
     void on(const std::string& operation, std::function<void()> action) {
         const std::lock_guard lock(mutex_);
         actions_[operation] = std::move(action);
@@ -179,7 +179,7 @@ public:
     }
 
     std::atomic<Taste> taste = Taste::OfItsOwn;
-    std::atomic<int> toldFrameRate = 0; ///< the answer of getFrameRate; 0: the rate that was set
+    std::atomic<int> toldFrameRate = 0; ///< what getFrameRate returns; 0: the rate that was set
     Journal& journal;
 
 private:
@@ -260,7 +260,7 @@ private:
     int images_ = 0;
 };
 
-/// A vision extractor that records its hooks in the same journal as the camera its calls.
+/// A vision extractor that records its hooks in the same journal as the camera's calls.
 class TestExtractor : public KRVisionExtractor {
 public:
     TestExtractor(boost::shared_ptr<KRBroker> broker, const std::string& name, Journal& hooks,
@@ -283,7 +283,7 @@ public:
     }
     void xStopImageProcessing() override { journal.add("xStopImageProcessing"); }
 
-    /// The last image, if the run has ended without deleting it.
+    /// The last image, if the run ended without deleting it.
     [[nodiscard]] std::unique_ptr<KRImage> takeUndeleted() {
         const std::lock_guard lock(mutex_);
         return std::unique_ptr<KRImage>(std::exchange(last_, nullptr));
@@ -302,7 +302,7 @@ private:
     KRImage* last_ = nullptr;               // guarded by mutex_
 };
 
-/// A vision extractor named "Motion" on a fake camera service, and what it logs.
+/// A vision extractor named "Motion" on a fake camera service, and its log.
 struct Stage {
     explicit Stage(int frameRate = 30, int cameraIndex = 0)
         : extractor(createModule<TestExtractor>(broker, "Motion", journal, 0, 9, frameRate, cameraIndex)) {

@@ -52,13 +52,13 @@ std::size_t countChangedBytes(const KRImage& image) {
     return static_cast<std::size_t>(image.allocatedSize - std::count(bytes, bytes + image.allocatedSize, 0));
 }
 
-TEST(KRAnnotations, TravelAsAValueAndBack) {
+TEST(KRAnnotations, SurviveTheRoundTripThroughAValue) {
     const KRAnnotations annotations = makeAnnotations();
     EXPECT_EQ(KRAnnotations::fromKRValue(annotations.toKRValue()), annotations);
     EXPECT_EQ(KRAnnotations::fromKRValue(KRAnnotations().toKRValue()), KRAnnotations());
 }
 
-TEST(KRAnnotations, AnImageGivesThemItsCameraAndTimeStamp) {
+TEST(KRAnnotations, TakeCameraAndTimeStampFromTheirImage) {
     KRImage image = makeCanvas(4, 4, kLumaColorSpace);
     image.cameraId = 3;
     image.timeStamp = 42;
@@ -75,7 +75,7 @@ TEST(KRAnnotations, ElementsOfLaterVersionsAreIgnored) {
     EXPECT_EQ(KRAnnotations::fromKRValue(value), makeAnnotations());
 }
 
-TEST(KRAnnotations, AValueOfAnotherLayoutIsRefusedByTheNameOfItsElement) {
+TEST(KRAnnotations, AMalformedValueIsRefusedNamingTheElement) {
     EXPECT_THAT(whatIsWrongWith(KRValue(1)), HasSubstr("not an array of at least 8"));
     EXPECT_THAT(whatIsWrongWith(KRValue::array(1, 2)), HasSubstr("not an array of at least 8"));
     const auto change = [](auto edit) {
@@ -97,7 +97,7 @@ TEST(KRAnnotations, AValueOfAnotherLayoutIsRefusedByTheNameOfItsElement) {
     EXPECT_THAT(change([](KRValue& v) { v[7] = "text"; }), HasSubstr("array"));
 }
 
-TEST(KRAnnotationsDrawing, ABoxLiesWhereItsCoordinatesSayInEverySize) {
+TEST(KRAnnotationsDrawing, ABoxIsDrawnAtItsCoordinatesInEverySize) {
     for (const auto& [width, height] : {std::pair(160, 120), std::pair(640, 480)}) {
         KRImage image = makeCanvas(width, height, kRgbColorSpace);
         KRAnnotations annotations;
@@ -142,11 +142,11 @@ TEST(KRAnnotationsDrawing, PointsLinesAndTextsAreDrawn) {
     EXPECT_EQ(getPixel(image, 17, 20), (std::vector<int>{0, 255, 0}));
     EXPECT_EQ(getPixel(image, 70, 50), line);
     EXPECT_EQ(getPixel(image, 90, 70), line);
-    EXPECT_EQ(getPixel(image, 70, 70), line) << "a closed one comes back";
+    EXPECT_EQ(getPixel(image, 70, 70), line) << "a closed line returns to its start";
     EXPECT_EQ(getPixel(image, 13, 64), (std::vector<int>{255, 255, 255})) << "the stem of the I";
 }
 
-TEST(KRAnnotationsDrawing, WhatLiesOutsideIsCutOffInEverySize) {
+TEST(KRAnnotationsDrawing, DrawingIsClippedInEverySize) {
     const float huge = std::numeric_limits<float>::max();
     const float nan = std::numeric_limits<float>::quiet_NaN();
     KRAnnotations annotations;
@@ -165,7 +165,7 @@ TEST(KRAnnotationsDrawing, WhatLiesOutsideIsCutOffInEverySize) {
     }
 }
 
-TEST(KRAnnotationsDrawing, AnImageThatCannotBeDrawnOnIsRefusedUnchanged) {
+TEST(KRAnnotationsDrawing, AnUnsuitableImageIsRefusedUnchanged) {
     KRImage planes = makeCanvas(8, 8, 10);
     EXPECT_THROW(drawAnnotations(planes, makeAnnotations()), KRError);
     EXPECT_EQ(countChangedBytes(planes), 0U);

@@ -85,13 +85,13 @@ protected:
 
 INSTANTIATE_TEST_SUITE_P(Forced, KRConversionPath, testing::ValuesIn(KR::conversionPaths()), nameOf);
 
-// ---- every colour there is
+// ---- every colour
 
-TEST_P(KRConversionPath, ConvertsEveryBgrColorAsTheFormulasSay) {
+TEST_P(KRConversionPath, ConvertsEveryBgrColorByTheFormulas) {
     EXPECT_EQ(KR::test::countWrongBgrColors(path()), 0u);
 }
 
-TEST_P(KRConversionPath, ConvertsEveryYuvColorAsTheFormulasSay) {
+TEST_P(KRConversionPath, ConvertsEveryYuvColorByTheFormulas) {
     EXPECT_EQ(KR::test::countWrongYuvColors(path()), 0u);
 }
 
@@ -151,7 +151,7 @@ TEST_P(KRConversionPath, SplitsPairsIntoPlanes) {
 
 // ---- nothing outside the buffers
 
-TEST_P(KRConversionPath, StaysWithinBuffersThatBorderOnForbiddenPages) {
+TEST_P(KRConversionPath, StaysWithinItsBuffers) {
     const ConversionPath& scalar = *KR::conversionPaths().back();
     const GuardedMemory in(4096);
     const GuardedMemory out(4096);
@@ -205,7 +205,7 @@ TEST_P(KRConversionPath, NeedsNoAlignment) {
     }
 }
 
-TEST_P(KRConversionPath, LeavesItsSourceAsItWas) {
+TEST_P(KRConversionPath, LeavesItsSourceUnchanged) {
     for (const Conversion& conversion : kConversions) {
         const Bytes before = randomBytes(100 * conversion.bytesIn, 5);
         Bytes in = before;

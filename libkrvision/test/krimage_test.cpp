@@ -29,7 +29,7 @@ KRImage makeImage(int width, int height, int colorSpace, bool emptyBuffer) {
     return {width, height, colorSpace, emptyBuffer, 0.4f, 0.3f, -0.4f, -0.3f};
 }
 
-// What a refused resizing operation must leave unchanged.
+// What a refused resize must leave unchanged.
 struct Shape {
     int width, height, nbLayers, colorSpace, allocatedSize, allocatedResolution, allocatedLayers;
     const unsigned char* data;
@@ -55,7 +55,7 @@ TEST(KRImageROI, ARectangleAloneHasAnglesOfZero) {
     EXPECT_EQ(roi.bottomAngle, 0.0f);
 }
 
-TEST(KRImageROI, TakesItsAnglesFromLeftRoundToBottom) {
+TEST(KRImageROI, TakesItsAnglesInTheOrderLeftTopRightBottom) {
     const KRImage::ROI roi(1, 2, 3, 4, 0.5f, 0.25f, -0.5f, -0.25f);
     EXPECT_EQ(roi.x, 1);
     EXPECT_EQ(roi.h, 4);
@@ -90,7 +90,7 @@ TEST(KRImageData, InternalDataIsOwned) {
     EXPECT_FALSE(boost::get_deleter<KRImage::deleter>(anything)->external);
 }
 
-TEST(KRImageData, ExternalDataIsTheCallersAndNeverFreed) {
+TEST(KRImageData, ExternalDataBelongsToTheCallerAndIsNeverFreed) {
     std::array<unsigned char, 4> bytes = {1, 2, 3, 4};
     {
         const auto data = KRImage::externalData(bytes.data());
@@ -100,7 +100,7 @@ TEST(KRImageData, ExternalDataIsTheCallersAndNeverFreed) {
     EXPECT_EQ(bytes[3], 4);
 }
 
-TEST(KRImageData, ASizeThatWasNegativeIsNotAllocated) {
+TEST(KRImageData, ANegativeSizeIsNotAllocated) {
     EXPECT_THROW(KRImage::internalDataUninitialized(static_cast<std::size_t>(-1)), std::bad_alloc);
     EXPECT_THROW(KRImage::internalDataZeroInitialized(static_cast<std::size_t>(-6)), std::bad_alloc);
 }
@@ -120,7 +120,7 @@ TEST(KRImageData, OwnsDataDistinguishesTheThreeStatesOfTheBuffer) {
 
 // ---- constructors
 
-TEST(KRImage, OfAResolutionHasItsSizeAndABufferOfZeros) {
+TEST(KRImage, FromAResolutionHasItsSizeAndAZeroedBuffer) {
     const KRImage image(2, 9, false, 0.4f, 0.3f, -0.4f, -0.3f);
     EXPECT_EQ(image.width, 640);
     EXPECT_EQ(image.height, 480);
@@ -142,7 +142,7 @@ TEST(KRImage, OfAResolutionHasItsSizeAndABufferOfZeros) {
         std::all_of(image.data.get(), image.data.get() + 614400, [](auto byte) { return byte == 0; }));
 }
 
-TEST(KRImage, OfEveryValidResolutionAndColorSpaceIsSizedFromTheTables) {
+TEST(KRImage, FromEveryValidResolutionAndColorSpaceIsSizedByTheTables) {
     for (int resolution = 0; resolution <= 8; ++resolution) {
         for (int colorSpace = 0; colorSpace <= 26; ++colorSpace) {
             const KRImage image = makeImage(resolution, colorSpace, true);
@@ -159,7 +159,7 @@ TEST(KRImage, OfEveryValidResolutionAndColorSpaceIsSizedFromTheTables) {
     }
 }
 
-TEST(KRImage, MadeWithAnEmptyBufferHasNoPixelsButItsFullSize) {
+TEST(KRImage, WithAnEmptyBufferHasNoPixelsButItsFullSize) {
     const KRImage image = makeImage(2, 9, true);
     EXPECT_EQ(image.data.get(), nullptr);
     EXPECT_EQ(image.allocatedSize, 614400);
@@ -168,14 +168,14 @@ TEST(KRImage, MadeWithAnEmptyBufferHasNoPixelsButItsFullSize) {
     EXPECT_EQ(sized.allocatedSize, 614400);
 }
 
-TEST(KRImage, OfAResolutionRefusesTheOnesThatOnlyTheSizeTableKnows) {
+TEST(KRImage, RefusesResolutionsThatOnlyTheSizeTableHas) {
     for (const int resolution : {9, 17, 18, -1, kIntMax}) {
         EXPECT_THAT([&] { makeImage(resolution, 9); },
                     ThrowsMessage<std::invalid_argument>(StrEq("KRImage: invalid resolution")));
     }
 }
 
-TEST(KRImage, OfASizeTakesTheOnesThatAreRefusedAsResolutions) {
+TEST(KRImage, FromASizeAcceptsSizesRefusedAsResolutions) {
     const KRImage image(640, 360, 9, false, 0.4f, 0.3f, -0.4f, -0.3f);
     EXPECT_EQ(image.width, 640);
     EXPECT_EQ(image.height, 360);
@@ -191,7 +191,7 @@ TEST(KRImage, OfASizeTakesTheOnesThatAreRefusedAsResolutions) {
     EXPECT_FALSE(image.extraFlag);
 }
 
-TEST(KRImage, OfASizeOutsideTheTableHasNoAllocatedResolution) {
+TEST(KRImage, WithASizeOutsideTheTableHasNoAllocatedResolution) {
     const KRImage image = makeImage(100, 100, 13, false);
     EXPECT_EQ(image.allocatedResolution, -1);
     EXPECT_EQ(image.allocatedSize, 30000);
@@ -199,13 +199,13 @@ TEST(KRImage, OfASizeOutsideTheTableHasNoAllocatedResolution) {
     EXPECT_TRUE(std::all_of(image.data.get(), image.data.get() + 30000, [](auto byte) { return byte == 0; }));
 }
 
-TEST(KRImage, OfNoPixelsHasABufferOfNoBytes) {
+TEST(KRImage, WithoutPixelsHasABufferOfNoBytes) {
     const KRImage image = makeImage(0, 0, 9, false);
     EXPECT_EQ(image.allocatedSize, 0);
     EXPECT_TRUE(image.ownsData());
 }
 
-TEST(KRImage, RefusesAColorSpaceBeforeItLooksAtTheResolution) {
+TEST(KRImage, ChecksTheColorSpaceBeforeTheResolution) {
     const auto refuses = ThrowsMessage<std::invalid_argument>(StrEq("KRImage: invalid colorspace"));
     for (const int colorSpace : {27, -1, kIntMax}) {
         EXPECT_THAT([&] { makeImage(1, colorSpace); }, refuses);
@@ -215,7 +215,7 @@ TEST(KRImage, RefusesAColorSpaceBeforeItLooksAtTheResolution) {
     }
 }
 
-TEST(KRImage, WhoseSizeIsNegativeIsNotAllocated) {
+TEST(KRImage, WithANegativeSizeIsNotAllocated) {
     EXPECT_THROW(makeImage(-1, 10, 0, false), std::bad_alloc);
     EXPECT_THROW(makeImage(32768, 32768, 9, false), std::bad_alloc); // 2^31 bytes wrap to -2^31
     const KRImage image = makeImage(-1, 10, 0, true); // unchecked as long as nothing is allocated
@@ -223,7 +223,7 @@ TEST(KRImage, WhoseSizeIsNegativeIsNotAllocated) {
     EXPECT_EQ(image.allocatedSize, -10);
 }
 
-TEST(KRImage, SizesWrapRoundInThirtyTwoBits) {
+TEST(KRImage, SizesWrapAroundAt32Bits) {
     EXPECT_EQ(makeImage(65536, 65536, 9, true).allocatedSize, 0);
     EXPECT_EQ(makeImage(65537, 65536, 9, true).allocatedSize, 131072);
     EXPECT_EQ(makeImage(kIntMax, kIntMax, 19, true).allocatedSize, 12);
@@ -256,7 +256,7 @@ TEST(KRImage, CopySharesThePixelsAndCopiesEverythingElse) {
     EXPECT_EQ(image.rois[0].w, 3);
 }
 
-TEST(KRImage, PixelsOutliveTheImageThatACopyWasMadeOf) {
+TEST(KRImage, PixelsOutliveTheCopiedImage) {
     std::optional<KRImage> image = makeImage(0, 9);
     image->data[0] = 5;
     const KRImage copy(*image);
@@ -265,7 +265,7 @@ TEST(KRImage, PixelsOutliveTheImageThatACopyWasMadeOf) {
     EXPECT_EQ(copy.data.use_count(), 1);
 }
 
-TEST(KRImage, DeepCopyHasPixelsOfItsOwn) {
+TEST(KRImage, DeepCopyHasItsOwnPixels) {
     KRImage image = makeImage(0, 9);
     image.data[100] = 77;
     image.data[38399] = 78;
@@ -281,7 +281,7 @@ TEST(KRImage, DeepCopyHasPixelsOfItsOwn) {
     EXPECT_EQ(image.data[100], 77);
 }
 
-TEST(KRImage, DeepCopyCopiesTheAllocatedSizeNotThePresentOne) {
+TEST(KRImage, DeepCopyCopiesTheAllocatedSizeNotTheCurrentOne) {
     KRImage image = makeImage(2, 9);
     image.data[614399] = 9;
     image.setResolution(0);
@@ -317,7 +317,7 @@ TEST(KRImageSetResolution, ToASmallerCodeKeepsTheBuffer) {
     EXPECT_EQ(image.allocatedResolution, 2);
 }
 
-TEST(KRImageSetResolution, ToALargerCodeThanTheBufferWasSizedForReallocates) {
+TEST(KRImageSetResolution, BeyondTheCodeTheBufferWasSizedForReallocates) {
     KRImage image = makeImage(2, 9);
     EXPECT_TRUE(image.setResolution(1));
     EXPECT_TRUE(image.setResolution(3));
@@ -330,7 +330,7 @@ TEST(KRImageSetResolution, ToALargerCodeThanTheBufferWasSizedForReallocates) {
     std::fill_n(image.data.get(), image.allocatedSize, static_cast<unsigned char>(1)); // fully accessible
 }
 
-TEST(KRImageSetResolution, ReallocatesForTheLayersThatWereAllocated) {
+TEST(KRImageSetResolution, ReallocatesForTheAllocatedLayers) {
     KRImage image = makeImage(0, 13);
     EXPECT_TRUE(image.setColorSpace(0));
     EXPECT_TRUE(image.setResolution(1));
@@ -354,7 +354,7 @@ TEST(KRImageSetResolution, ComparesCodesNotSizes) {
     EXPECT_EQ(shrunk.allocatedSize, 40 * 30 * 2);
 }
 
-TEST(KRImageSetResolution, ReplacesAnExternalBufferByAnOwnedOne) {
+TEST(KRImageSetResolution, ReplacesAnExternalBufferWithAnOwnedOne) {
     std::array<unsigned char, 8> bytes = {};
     KRImage image = makeImage(2, 2, 9, true);
     image.data = KRImage::externalData(bytes.data());
@@ -363,7 +363,7 @@ TEST(KRImageSetResolution, ReplacesAnExternalBufferByAnOwnedOne) {
     EXPECT_EQ(image.allocatedSize, 160 * 120 * 2);
 }
 
-TEST(KRImageSetResolution, RefusesTheOnesThatOnlyTheSizeTableKnows) {
+TEST(KRImageSetResolution, RefusesCodesThatOnlyTheSizeTableHas) {
     KRImage image = makeImage(2, 9);
     const Shape before(image);
     for (const int resolution : {9, 17, 18, -1}) {
@@ -405,7 +405,7 @@ TEST(KRImageSetColorSpace, ToMoreLayersReallocatesForTheAllocatedResolution) {
     EXPECT_EQ(image.width, 160);
 }
 
-TEST(KRImageSetColorSpace, ToThePresentOneIsTrueEvenIfItIsInvalid) {
+TEST(KRImageSetColorSpace, ToTheCurrentOneSucceedsEvenIfItIsInvalid) {
     KRImage image = makeImage(0, 9);
     EXPECT_TRUE(image.setColorSpace(9));
     image.colorSpace = 99;
@@ -424,7 +424,7 @@ TEST(KRImageSetColorSpace, RefusesAnInvalidOne) {
     EXPECT_EQ(Shape(image), before);
 }
 
-TEST(KRImageSetColorSpace, ToMoreLayersNeedsABufferThatWasSizedForAResolution) {
+TEST(KRImageSetColorSpace, ToMoreLayersNeedsABufferSizedForAResolution) {
     KRImage image = makeImage(100, 100, 9, false);
     const auto* data = image.data.get();
     EXPECT_THAT([&] { image.setColorSpace(13); }, ThrowsMessage<std::invalid_argument>(StrEq(
@@ -437,7 +437,7 @@ TEST(KRImageSetColorSpace, ToMoreLayersNeedsABufferThatWasSizedForAResolution) {
 
 // ---- reallocateDataSize
 
-TEST(KRImageReallocateDataSize, TakesEveryResolutionOfTheSizeTable) {
+TEST(KRImageReallocateDataSize, AcceptsEveryResolutionOfTheSizeTable) {
     for (int resolution = 0; resolution <= 17; ++resolution) {
         KRImage image = makeImage(1, 1, 0, false);
         int width = 0;
@@ -456,7 +456,7 @@ TEST(KRImageReallocateDataSize, TakesEveryResolutionOfTheSizeTable) {
     }
 }
 
-TEST(KRImageReallocateDataSize, OfTheSameSizeChangesNothing) {
+TEST(KRImageReallocateDataSize, ToTheSameSizeChangesNothing) {
     KRImage image = makeImage(0, 3, 9, true);
     image.allocatedSize = 160 * 120 * 2;
     const Shape before(image);
@@ -471,7 +471,7 @@ TEST(KRImageReallocateDataSize, OfTheSameSizeChangesNothing) {
     EXPECT_EQ(image.allocatedLayers, 2);
 }
 
-TEST(KRImageReallocateDataSize, LeavesTheBufferThatACopyStillHolds) {
+TEST(KRImageReallocateDataSize, LeavesABufferThatACopyStillHolds) {
     KRImage image = makeImage(0, 9);
     image.data[0] = 3;
     const KRImage copy(image);
@@ -489,7 +489,7 @@ TEST(KRImageReallocateDataSize, LeavesAnExternalBufferAlone) {
     EXPECT_EQ(bytes[7], 8);
 }
 
-TEST(KRImageReallocateDataSize, RefusesAnUnknownCodeByItsNumber) {
+TEST(KRImageReallocateDataSize, RefusesAnUnknownCodeWithItsNumber) {
     KRImage image = makeImage(0, 9);
     const Shape before(image);
     EXPECT_THAT(
@@ -501,7 +501,7 @@ TEST(KRImageReallocateDataSize, RefusesAnUnknownCodeByItsNumber) {
     EXPECT_EQ(Shape(image), before);
 }
 
-TEST(KRImageReallocateDataSize, OfANegativeSizeChangesNothing) {
+TEST(KRImageReallocateDataSize, ToANegativeSizeChangesNothing) {
     KRImage image = makeImage(0, 9);
     const Shape before(image);
     EXPECT_THROW(image.reallocateDataSize(2, -1), std::bad_alloc);

@@ -70,7 +70,7 @@ TEST_F(KRImageConversion, WhiteAndBlackBecomeTheEndsOfTheStudioRange) {
     EXPECT_EQ(Bytes(image.data.get(), image.data.get() + 8), (Bytes{235, 128, 235, 128, 16, 128, 16, 128}));
 }
 
-TEST_F(KRImageConversion, ChromaOfAPairIsThatOfItsFirstPixelAlone) {
+TEST_F(KRImageConversion, ChromaOfAPairComesFromItsFirstPixelAlone) {
     KRImage image = makeConvertible(4, 1);
     Bytes bgr = {10, 200, 30, 250, 0, 90, /**/ 10, 200, 30, 10, 200, 30};
     EXPECT_TRUE(image.computeYUV422imageFromBGR(1, 4, asChars(bgr)));
@@ -136,7 +136,7 @@ TEST_F(KRImageConversion, FromBgrReshapesForEachOfWidthHeightAndLayers) {
     }
 }
 
-TEST_F(KRImageConversion, FromBgrRefusesAnExternalBufferOfAnotherShape) {
+TEST_F(KRImageConversion, FromBgrRefusesAnExternalBufferOfTheWrongShape) {
     KRImage image = makeConvertible(4, 1, kYuv422, true);
     std::array<unsigned char, 8> pixels;
     pixels.fill(kUntouched);
@@ -160,7 +160,7 @@ TEST_F(KRImageConversion, FromBgrRefusesAnImageWithoutBuffer) {
     EXPECT_EQ(takeErrors(), kNotCompatible);
 }
 
-TEST_F(KRImageConversion, FromBgrOfANegativeSizeChangesNothing) {
+TEST_F(KRImageConversion, FromBgrWithANegativeSizeChangesNothing) {
     KRImage image = makeConvertible(4, 1);
     const auto* data = image.data.get();
     EXPECT_THROW(image.computeYUV422imageFromBGR(-1, 2, nullptr), std::bad_alloc);
@@ -177,7 +177,7 @@ TEST_F(KRImageConversion, StudioBlackAndWhiteBecomeBlackAndAlmostWhite) {
     EXPECT_EQ(bgr, (Bytes{0, 0, 0, 254, 254, 254}));
 }
 
-TEST_F(KRImageConversion, GreenWeighsUByTwiceAsMuchAsV) {
+TEST_F(KRImageConversion, GreenWeighsUTwiceAsMuchAsV) {
     const KRImage image = makeYuvImage(4, 1, {128, 138, 128, 128, 128, 128, 128, 138});
     Bytes bgr(12);
     EXPECT_TRUE(image.computeBGRimageFromYUV422(bgr.data()));
@@ -207,7 +207,7 @@ TEST_F(KRImageConversion, RefusesAnImageThatIsNotYuv422) {
     EXPECT_EQ(std::count(out.begin(), out.end(), kUntouched), 24);
 }
 
-TEST_F(KRImageConversion, OfNoPixelsIsDoneAtOnce) {
+TEST_F(KRImageConversion, WithoutPixelsReturnsAtOnce) {
     for (KRImage image : {makeConvertible(0, 0), makeConvertible(0, 4), makeConvertible(4, 0),
                           makeConvertible(0, 0, kYuv422, true)}) {
         Bytes out(4, kUntouched);
@@ -220,7 +220,7 @@ TEST_F(KRImageConversion, OfNoPixelsIsDoneAtOnce) {
     EXPECT_EQ(takeErrors(), kNothing);
 }
 
-TEST_F(KRImageConversion, OfANegativeNumberOfPixelsWritesNothing) {
+TEST_F(KRImageConversion, WithANegativeNumberOfPixelsWritesNothing) {
     const KRImage image = makeConvertible(-4, 2, kYuv422, true);
     Bytes out(4, kUntouched);
     EXPECT_TRUE(image.computeBGRimageFromYUV422(out.data()));
@@ -229,7 +229,7 @@ TEST_F(KRImageConversion, OfANegativeNumberOfPixelsWritesNothing) {
     EXPECT_EQ(out, Bytes(4, kUntouched));
 }
 
-// ---- whole frames, on every path that the processor has
+// ---- whole frames, on every path of the processor
 
 class KRImageConversionOnPath : public testing::TestWithParam<const KR::ConversionPath*> {
 protected:

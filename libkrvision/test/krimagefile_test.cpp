@@ -135,13 +135,13 @@ TEST_F(KRImageFile, HoldsThePixelsOfTheGeometryNotTheWholeBuffer) {
     EXPECT_EQ(std::filesystem::file_size(path()), kHeaderSize + 38400);
 }
 
-TEST_F(KRImageFile, ReplacesTheFileThatIsThere) {
+TEST_F(KRImageFile, ReplacesAnExistingFile) {
     writeAll(path(), Bytes(1000, 7));
     EXPECT_TRUE(makeFileImage(2, 1, 9).writeFile(path().c_str()));
     EXPECT_EQ(std::filesystem::file_size(path()), kHeaderSize + 4);
 }
 
-TEST_F(KRImageFile, OfAnExternalBufferIsWritten) {
+TEST_F(KRImageFile, IsWrittenFromAnExternalBuffer) {
     Bytes pixels = {1, 2, 3, 4};
     KRImage image = makeFileImage(2, 1, 9, true);
     image.data = KRImage::externalData(pixels.data());
@@ -150,7 +150,7 @@ TEST_F(KRImageFile, OfAnExternalBufferIsWritten) {
     EXPECT_EQ(Bytes(file.begin() + kHeaderSize, file.end()), pixels);
 }
 
-TEST_F(KRImageFile, OfNoPixelsIsAHeader) {
+TEST_F(KRImageFile, WithoutPixelsIsAHeader) {
     EXPECT_TRUE(makeFileImage(0, 0, 9).writeFile(path().c_str()));
     EXPECT_TRUE(makeFileImage(0, 0, 9, true).writeFile(path("null.oxi").c_str()));
     EXPECT_EQ(std::filesystem::file_size(path()), kHeaderSize);
@@ -158,7 +158,7 @@ TEST_F(KRImageFile, OfNoPixelsIsAHeader) {
     EXPECT_TRUE(image.readFile(path().c_str()));
 }
 
-TEST_F(KRImageFile, IsNotWrittenWhereThereIsNoFolderOrNoSpace) {
+TEST_F(KRImageFile, IsNotWrittenWithoutAFolderOrSpace) {
     const KRImage image = makeFileImage(2, 1, 9);
     EXPECT_FALSE(image.writeFile(path("missing/image.oxi").c_str()));
     EXPECT_FALSE(image.writeFile("/dev/full"));
@@ -167,7 +167,7 @@ TEST_F(KRImageFile, IsNotWrittenWhereThereIsNoFolderOrNoSpace) {
     EXPECT_EQ(takeErrors(), kNothing);
 }
 
-TEST_F(KRImageFile, IsNotWrittenOfPixelsThatAreNotThere) {
+TEST_F(KRImageFile, IsNotWrittenIfPixelsAreMissing) {
     EXPECT_FALSE(makeFileImage(2, 1, 9, true).writeFile(path().c_str()));
     EXPECT_FALSE(makeFileImage(-1, 1, 9, true).writeFile(path().c_str()));
     KRImage image(7, 9, false, 0, 0, 0, 0);
@@ -201,8 +201,8 @@ TEST_F(KRImageFile, RoundTripKeepsTheImage) {
     EXPECT_EQ(std::memcmp(copy.data.get(), image.data.get(), 9000), 0);
 }
 
-// Of a file with the same geometry, the rest of the header is dropped: deliberate.
-TEST_F(KRImageFile, OfTheSameGeometryChangesThePixelsAlone) {
+// With the same geometry, the rest of the header is dropped: deliberate.
+TEST_F(KRImageFile, WithTheSameGeometryChangesOnlyThePixels) {
     KRImage image = makeFileImage(4, 2, 14);
     image.timeStamp = 77;
     image.cameraId = 5;
@@ -213,7 +213,7 @@ TEST_F(KRImageFile, OfTheSameGeometryChangesThePixelsAlone) {
     EXPECT_EQ(Bytes(image.data.get(), image.data.get() + 16), Bytes(file.begin() + kHeaderSize, file.end()));
 }
 
-TEST_F(KRImageFile, OfTheSameGeometryIsReadIntoAnExternalBuffer) {
+TEST_F(KRImageFile, WithTheSameGeometryIsReadIntoAnExternalBuffer) {
     Bytes pixels(17, 0xA5);
     KRImage image = makeFileImage(4, 2, 9, true);
     image.data = KRImage::externalData(pixels.data());
@@ -225,7 +225,7 @@ TEST_F(KRImageFile, OfTheSameGeometryIsReadIntoAnExternalBuffer) {
     EXPECT_EQ(image.leftAngle, 0.5f); // version 0 or not, the header is dropped
 }
 
-TEST_F(KRImageFile, OfAnotherGeometryGivesTheImageItsHeaderAndANewBuffer) {
+TEST_F(KRImageFile, WithAnotherGeometryReplacesHeaderAndBuffer) {
     KRImage image(1, 13, false, 0, 0, 0, 0);
     const KRImage sharing = image;
     EXPECT_TRUE(read(image, makeFile(kVersion1, 640, 480, 2, 9, 614400)));
@@ -245,7 +245,7 @@ TEST_F(KRImageFile, OfAnotherGeometryGivesTheImageItsHeaderAndANewBuffer) {
 }
 
 // Reading a file does not change what the buffer was sized for: deliberate.
-TEST_F(KRImageFile, LeavesWhatTheBufferWasSizedForAsItWas) {
+TEST_F(KRImageFile, DoesNotChangeWhatTheBufferWasSizedFor) {
     KRImage image(1, 13, false, 0, 0, 0, 0);
     EXPECT_TRUE(read(image, makeFile(kVersion1, 2, 1, 2, 9, 4)));
     EXPECT_EQ(image.allocatedSize, 320 * 240 * 3);
@@ -253,7 +253,7 @@ TEST_F(KRImageFile, LeavesWhatTheBufferWasSizedForAsItWas) {
     EXPECT_EQ(image.allocatedLayers, 3);
 }
 
-TEST_F(KRImageFile, OfAnotherGeometryLeavesAnImageWhoseDeepCopyHasAllItsPixels) {
+TEST_F(KRImageFile, WithAnotherGeometryLeavesAnImageThatCanBeDeepCopied) {
     KRImage small = makeFileImage(4, 2, 9);
     ASSERT_TRUE(read(small, makeFile(kVersion1, 40, 30, 2, 9, 2400)));
     const KRImage grown = small.deepCopy(); // more than allocatedSize
@@ -264,7 +264,7 @@ TEST_F(KRImageFile, OfAnotherGeometryLeavesAnImageWhoseDeepCopyHasAllItsPixels) 
     EXPECT_EQ(std::memcmp(shrunk.data.get(), large.data.get(), 16), 0);
 }
 
-TEST_F(KRImageFile, OfAnotherGeometryNeedsAnImageThatOwnsItsBuffer) {
+TEST_F(KRImageFile, WithAnotherGeometryNeedsAnOwnedBuffer) {
     Bytes pixels(320 * 240 * 2);
     KRImage external = makeFileImage(320, 240, 9, true);
     external.data = KRImage::externalData(pixels.data());
@@ -279,7 +279,7 @@ TEST_F(KRImageFile, OfAnotherGeometryNeedsAnImageThatOwnsItsBuffer) {
     }
 }
 
-TEST_F(KRImageFile, OfOtherLayersAloneIsOfAnotherGeometry) {
+TEST_F(KRImageFile, WithOtherLayersHasAnotherGeometry) {
     KRImage image = makeFileImage(4, 2, 9);
     EXPECT_TRUE(read(image, makeFile(kVersion1, 4, 2, 3, 13, 24)));
     EXPECT_EQ(image.nbLayers, 3);
@@ -287,7 +287,7 @@ TEST_F(KRImageFile, OfOtherLayersAloneIsOfAnotherGeometry) {
     EXPECT_EQ(image.data[23], 23 * 7 + 1);
 }
 
-TEST_F(KRImageFile, OfTheSameGeometryIsRefusedByAnImageWithoutItsPixels) {
+TEST_F(KRImageFile, WithTheSameGeometryIsRefusedByAnImageWithMissingPixels) {
     KRImage none = makeFileImage(4, 2, 9, true);
     EXPECT_FALSE(read(none, makeFile(kVersion1, 4, 2, 2, 9, 16)));
     KRImage image(7, 9, false, 0, 0, 0, 0);
@@ -296,14 +296,14 @@ TEST_F(KRImageFile, OfTheSameGeometryIsRefusedByAnImageWithoutItsPixels) {
     EXPECT_EQ(takeErrors(), kNothing);
 }
 
-TEST_F(KRImageFile, OfTheSameGeometryIsReadIntoABufferThatTheCallerMadeToOwn) {
+TEST_F(KRImageFile, WithTheSameGeometryIsReadIntoAnOwnedBufferMadeByTheCaller) {
     KRImage image = makeFileImage(4, 2, 9, true);
     image.data = {new unsigned char[16], KRImage::deleter{false}};
     EXPECT_TRUE(read(image, makeFile(kVersion1, 4, 2, 2, 9, 16)));
     EXPECT_EQ(image.data[15], 15 * 7 + 1);
 }
 
-TEST_F(KRImageFile, OfVersion0HasTheDefaultAngles) {
+TEST_F(KRImageFile, Version0HasTheDefaultAngles) {
     KRImage image = makeFileImage(1, 1, 9);
     EXPECT_TRUE(read(image, makeFile(kVersion0, 4, 2, 2, 9, 16)));
     EXPECT_EQ(std::bit_cast<std::uint32_t>(image.leftAngle), 0x3ED576D4u);
@@ -316,7 +316,7 @@ TEST_F(KRImageFile, OfVersion0HasTheDefaultAngles) {
     EXPECT_EQ(image.data[15], 15 * 7 + 1);
 }
 
-TEST_F(KRImageFile, OfAColorSpaceThatDoesNotExistIsTakenAsItIs) {
+TEST_F(KRImageFile, WithAnUnknownColorSpaceIsReadUnchanged) {
     KRImage image = makeFileImage(1, 1, 9);
     EXPECT_TRUE(read(image, makeFile(kVersion1, 4, 2, 5, 99, 40)));
     EXPECT_EQ(image.colorSpace, 99);
@@ -324,12 +324,12 @@ TEST_F(KRImageFile, OfAColorSpaceThatDoesNotExistIsTakenAsItIs) {
     EXPECT_EQ(image.data[39], static_cast<unsigned char>(39 * 7 + 1));
 }
 
-TEST_F(KRImageFile, MayGoOnBehindThePixels) {
+TEST_F(KRImageFile, MayHaveBytesAfterThePixels) {
     KRImage image = makeFileImage(4, 2, 9);
     EXPECT_TRUE(read(image, makeFile(kVersion1, 4, 2, 2, 9, 1000)));
 }
 
-TEST_F(KRImageFile, OfAnotherFormatIsRefusedWithAMessage) {
+TEST_F(KRImageFile, InAnotherFormatIsRefusedWithAMessage) {
     KRImage image = makeFileImage(4, 2, 9);
     const Snapshot before(image);
     for (const std::uint32_t magic : {0x4F584932u, 0x3149584Fu, 0x4F585631u, 0u, 0xFFFFFFFFu}) {
@@ -341,7 +341,7 @@ TEST_F(KRImageFile, OfAnotherFormatIsRefusedWithAMessage) {
     EXPECT_EQ(Snapshot(image), before);
 }
 
-TEST_F(KRImageFile, ThatIsMissingOrAFolderOrEmptyIsRefusedWithoutAMessage) {
+TEST_F(KRImageFile, MissingOrEmptyOrAFolderIsRefusedWithoutAMessage) {
     KRImage image = makeFileImage(4, 2, 9);
     EXPECT_FALSE(image.readFile(path("missing.oxi").c_str()));
     EXPECT_FALSE(image.readFile(path("").c_str()));
@@ -366,7 +366,7 @@ TEST_F(KRImageFile, TruncatedInTheHeaderChangesNothing) {
     EXPECT_EQ(takeErrors(), kNothing);
 }
 
-TEST_F(KRImageFile, TruncatedInThePixelsHasGivenTheImageItsHeader) {
+TEST_F(KRImageFile, TruncatedInThePixelsStillSetsTheHeader) {
     for (std::size_t pixels = 0; pixels < 16; ++pixels) {
         KRImage image = makeFileImage(1, 1, 13);
         const Bytes file = makeFile(kVersion1, 4, 2, 2, 9, pixels);
@@ -381,7 +381,7 @@ TEST_F(KRImageFile, TruncatedInThePixelsHasGivenTheImageItsHeader) {
     }
 }
 
-TEST_F(KRImageFile, TruncatedInThePixelsOfAnImageThatFitsIsRefused) {
+TEST_F(KRImageFile, TruncatedInThePixelsWithTheSameGeometryIsRefused) {
     KRImage image = makeFileImage(4, 2, 14);
     image.timeStamp = 77;
     const Snapshot before(image);
@@ -390,7 +390,7 @@ TEST_F(KRImageFile, TruncatedInThePixelsOfAnImageThatFitsIsRefused) {
     EXPECT_EQ(takeErrors(), kNothing);
 }
 
-TEST_F(KRImageFile, OfMorePixelsThanItCanHoldIsRefusedBeforeTheyAreAllocated) {
+TEST_F(KRImageFile, TooShortForItsPixelsIsRefusedBeforeAllocation) {
     KRImage image = makeFileImage(1, 1, 9);
     const Snapshot before(image);
     EXPECT_FALSE(read(image, makeFile(kVersion1, 32767, 32767, 2, 9, 100)));
@@ -398,7 +398,7 @@ TEST_F(KRImageFile, OfMorePixelsThanItCanHoldIsRefusedBeforeTheyAreAllocated) {
     EXPECT_EQ(Snapshot(image), before);
 }
 
-TEST_F(KRImageFile, OfMorePixelsThanUsualIsReadIfItHoldsThem) {
+TEST_F(KRImageFile, WithUnusuallyManyPixelsIsReadIfItHoldsThem) {
     constexpr int kSize = 2560 * 1920 * 12 + 1;
     writeAll(path(), makeFile(kVersion0, kSize, 1, 1, 0, 1));
     std::filesystem::resize_file(path(),
@@ -414,7 +414,7 @@ TEST_F(KRImageFile, OfMorePixelsThanUsualIsReadIfItHoldsThem) {
     EXPECT_EQ(other.width, 1);
 }
 
-TEST_F(KRImageFile, OfANegativeSizeIsNotAllocated) {
+TEST_F(KRImageFile, WithANegativeSizeIsNotAllocated) {
     KRImage image = makeFileImage(1, 1, 9);
     const Snapshot before(image);
     EXPECT_THROW(read(image, makeFile(kVersion1, -4, 2, 2, 9, 16)), std::bad_alloc);
@@ -424,7 +424,7 @@ TEST_F(KRImageFile, OfANegativeSizeIsNotAllocated) {
     EXPECT_FALSE(read(negative, makeFile(kVersion1, -4, 2, 2, 9, 16))); // fits, but there is no such buffer
 }
 
-TEST_F(KRImageFile, OfRandomBytesNeverLeavesTheBuffer) {
+TEST_F(KRImageFile, WithRandomBytesStaysWithinTheBuffer) {
     std::mt19937 random(1);
     KRImage image = makeFileImage(4, 2, 9);
     for (int i = 0; i < 1000; ++i) {

@@ -48,17 +48,17 @@ private:
     const KR::test::TemporaryFolder folder_;
 };
 
-TEST_F(KRImagePpm, OfOneLayerIsGrey) {
+TEST_F(KRImagePpm, OneLayerIsGrey) {
     EXPECT_EQ(save(makePpmImage(3, 1, 0, {10, 20, 30})),
               makePpm("P6\n3 1\n 255\n", {10, 10, 10, 20, 20, 20, 30, 30, 30}));
 }
 
-TEST_F(KRImagePpm, OfTwoLayersHasLumaAndChromaAsTheyAre) {
+TEST_F(KRImagePpm, TwoLayersAreWrittenAsLumaAndChroma) {
     EXPECT_EQ(save(makePpmImage(2, 1, 9, {10, 20, 30, 40})),
               makePpm("P6\n2 1\n 255\n", {10, 20, 40, 30, 20, 40}));
 }
 
-TEST_F(KRImagePpm, OfTwoLayersAndAnOddNumberOfPixelsHasTheLastOneFromItsOwnBytes) {
+TEST_F(KRImagePpm, AnUnpairedLastPixelUsesItsOwnBytes) {
     EXPECT_EQ(save(makePpmImage(3, 1, 9, {10, 20, 30, 40, 50, 60})),
               makePpm("P6\n3 1\n 255\n", {10, 20, 40, 30, 20, 40, 50, 60, 60}));
     EXPECT_EQ(save(makePpmImage(1, 1, 9, {10, 20})), makePpm("P6\n1 1\n 255\n", {10, 20, 20}));
@@ -67,12 +67,12 @@ TEST_F(KRImagePpm, OfTwoLayersAndAnOddNumberOfPixelsHasTheLastOneFromItsOwnBytes
     EXPECT_EQ(KR::writePpm(makePpmImage(641, 479, 9), full.get()), -4);
 }
 
-TEST_F(KRImagePpm, OfThreeLayersHasThemInTheirOrder) {
+TEST_F(KRImagePpm, ThreeLayersKeepTheirOrder) {
     EXPECT_EQ(save(makePpmImage(2, 1, 13, {1, 2, 3, 4, 5, 6})),
               makePpm("P6\n2 1\n 255\n", {1, 2, 3, 4, 5, 6}));
 }
 
-TEST_F(KRImagePpm, OfAnyOtherNumberOfLayersIsTheHeaderAlone) {
+TEST_F(KRImagePpm, AnyOtherNumberOfLayersGivesOnlyTheHeader) {
     EXPECT_EQ(save(makePpmImage(2, 1, 18)), makePpm("P6\n2 1\n 255\n", {}));
     EXPECT_EQ(save(makePpmImage(2, 1, 19)), makePpm("P6\n2 1\n 255\n", {}));
     KRImage none(2, 1, 18, true, 0, 0, 0, 0);
@@ -81,7 +81,7 @@ TEST_F(KRImagePpm, OfAnyOtherNumberOfLayersIsTheHeaderAlone) {
     EXPECT_EQ(save(none), makePpm("P6\n2 1\n 255\n", {}));
 }
 
-TEST_F(KRImagePpm, OfLargeImagesHasEveryPixel) {
+TEST_F(KRImagePpm, LargeImagesHaveEveryPixel) {
     Bytes luma(640 * 480), yuv(640 * 480 * 2), grey, coloured;
     for (std::size_t i = 0; i < yuv.size(); ++i) {
         yuv[i] = static_cast<unsigned char>(i * 31 / 7);
@@ -97,7 +97,7 @@ TEST_F(KRImagePpm, OfLargeImagesHasEveryPixel) {
     EXPECT_TRUE(save(makePpmImage(640, 480, 9, yuv)) == makePpm("P6\n640 480\n 255\n", coloured));
 }
 
-TEST_F(KRImagePpm, OfNoPixelsIsTheHeaderAlone) {
+TEST_F(KRImagePpm, NoPixelsGiveOnlyTheHeader) {
     EXPECT_EQ(save(makePpmImage(0, 5, 0)), makePpm("P6\n0 5\n 255\n", {}));
     EXPECT_EQ(save(makePpmImage(0, 5, 9)), makePpm("P6\n0 5\n 255\n", {}));
     EXPECT_EQ(save(makePpmImage(0, 5, 13)), makePpm("P6\n0 5\n 255\n", {}));

@@ -83,13 +83,13 @@ TEST(KRImageValue, HoldsACopyOfThePixels) {
     EXPECT_EQ(value[6].GetBinary().data()[0], 0);
 }
 
-TEST(KRImageValue, HoldsThePixelsOfThePresentGeometryNotTheWholeBuffer) {
+TEST(KRImageValue, HoldsThePixelsOfTheCurrentGeometryNotTheWholeBuffer) {
     KRImage image(2, 9, false, 0, 0, 0, 0);
     image.setResolution(0);
     EXPECT_EQ(image.toKRValue()[6].GetBinary().size(), 160u * 120u * 2u);
 }
 
-TEST(KRImageValue, OfAnImageOfNoPixelsHasAnEmptyBinary) {
+TEST(KRImageValue, WithoutPixelsHasAnEmptyBinary) {
     const KRValue value = makeSource(0, 0, 9).toKRValue();
     EXPECT_EQ(value[6].GetBinary().size(), 0u);
     const auto image = fromValue(value);
@@ -97,7 +97,7 @@ TEST(KRImageValue, OfAnImageOfNoPixelsHasAnEmptyBinary) {
     EXPECT_EQ(image->width, 0);
 }
 
-TEST(KRImageValue, OfANegativeSizeIsNotAllocated) {
+TEST(KRImageValue, OfAnImageWithANegativeSizeIsNotAllocated) {
     EXPECT_THROW(makeSource(-1, 10, 9, true).toKRValue(), std::bad_alloc);
 }
 
@@ -114,7 +114,7 @@ TEST(KRImageValue, TakesTheLowEightBitsOfTheCamera) {
     EXPECT_EQ(fromValue(value)->cameraId, -2);
 }
 
-TEST(KRImageValue, OfAnUnsetTimeStampHasMinusOneMicroseconds) {
+TEST(KRImageValue, OfAnUnsetTimeStampHasMicrosecondsMinusOne) {
     const KRValue value = makeSource(4, 2, 9).toKRValue();
     EXPECT_EQ(value[4].to<int>(), 0);
     EXPECT_EQ(value[5].to<int>(), -1);
@@ -161,14 +161,14 @@ TEST(KRImageValue, RoundTripKeepsTheImage) {
     EXPECT_EQ(std::memcmp(copy->data.get(), image.data.get(), 9000), 0);
 }
 
-TEST(KRImageValue, IsNotSharedWithTheImageMadeOfIt) {
+TEST(KRImageValue, SharesNoPixelsWithTheImageMadeFromIt) {
     const KRValue value = makeValue(2, 9, 16);
     const auto image = fromValue(value);
     image->data[0] = static_cast<unsigned char>(image->data[0] + 1);
     EXPECT_EQ(value[6].GetBinary().data()[0], 1);
 }
 
-TEST(KRImageValue, ThatIsNoImageIsNullAndLoggedOnce) {
+TEST(KRImageValue, ThatIsNotAnImageGivesNullAndOneLogLine) {
     std::vector<KRLogRecord> records;
     const KR::KRLogListener listener([&records](const KRLogRecord& record) { records.push_back(record); });
     KRValue tooShort = makeValue(2, 9, 16);
@@ -184,7 +184,7 @@ TEST(KRImageValue, ThatIsNoImageIsNullAndLoggedOnce) {
     }
 }
 
-TEST(KRImageValue, OfMoreThanTwelveElementsConverts) {
+TEST(KRImageValue, WithMoreThanTwelveElementsConverts) {
     KRValue value = makeValue(2, 9, 16);
     value.arraySetSize(13);
     value[12] = "ignored";
@@ -194,20 +194,20 @@ TEST(KRImageValue, OfMoreThanTwelveElementsConverts) {
     EXPECT_EQ(image->timeStamp, 12000034);
 }
 
-TEST(KRImageValue, OfAnInvalidColorSpaceIsRefusedByTheConstructor) {
+TEST(KRImageValue, WithAnInvalidColorSpaceIsRefusedByTheConstructor) {
     for (const int colorSpace : {27, -1}) {
         EXPECT_THAT([&] { KRImage::fromKRValue(makeValue(2, colorSpace, 16)); },
                     ThrowsMessage<std::invalid_argument>(StrEq("KRImage: invalid colorspace")));
     }
 }
 
-TEST(KRImageValue, OfANegativeWidthIsNotAllocated) {
+TEST(KRImageValue, WithANegativeWidthIsNotAllocated) {
     KRValue value = makeValue(2, 9, 16);
     value[0] = -4;
     EXPECT_THROW(KRImage::fromKRValue(value), std::bad_alloc);
 }
 
-TEST(KRImageValue, WithAnElementOfAnotherTypeIsAnErrorOfTheValue) {
+TEST(KRImageValue, WithAnElementOfTheWrongTypeThrowsAValueError) {
     for (std::size_t element = 0; element < 12; ++element) {
         KRValue value = makeValue(2, 9, 16);
         value[element] = "text";
@@ -221,8 +221,8 @@ TEST(KRImageValue, AnglesMayBeInts) {
     EXPECT_EQ(fromValue(value)->leftAngle, 2.0f);
 }
 
-// The byte count is the value's own, not the colour space's: deliberate.
-TEST(KRImageValue, OfFewerLayersThanItsColorSpaceFillsTheRestWithZeros) {
+// The byte count comes from the value, not from the colour space: deliberate.
+TEST(KRImageValue, WithFewerLayersThanItsColorSpaceIsPaddedWithZeros) {
     const auto image = fromValue(makeValue(1, 13, 8));
     ASSERT_TRUE(image);
     EXPECT_EQ(image->nbLayers, 3);
@@ -232,7 +232,7 @@ TEST(KRImageValue, OfFewerLayersThanItsColorSpaceFillsTheRestWithZeros) {
         std::all_of(image->data.get() + 8, image->data.get() + 24, [](auto byte) { return byte == 0; }));
 }
 
-TEST(KRImageValue, OfNoLayersIsAllZeros) {
+TEST(KRImageValue, WithoutLayersIsAllZeros) {
     for (const int layers : {0, -2}) {
         const auto image = fromValue(makeValue(layers, 9, 0));
         ASSERT_TRUE(image);
@@ -287,7 +287,7 @@ TEST(KRImageToString, ShowsTheCameraAsARawCharacter) {
     EXPECT_NE(image.toString().find("CameraID      : \0\n"s), std::string::npos);
 }
 
-TEST(KRImageToString, HasThirteenLinesTheLastOfThemNotEnded) {
+TEST(KRImageToString, HasThirteenLinesTheLastWithoutNewline) {
     const std::string text = KRImage(2, 9, false, 0, 0, 0, 0).toString();
     EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 12);
     EXPECT_TRUE(text.ends_with("AllocatedSize : 614400"));

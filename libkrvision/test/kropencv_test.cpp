@@ -32,7 +32,7 @@ std::string errorOf(const std::function<void()>& act) {
     return "no error";
 }
 
-TEST(KROpenCV, AMatrixIsOnThePixelsOfItsImage) {
+TEST(KROpenCV, AMatrixSharesThePixelsOfItsImage) {
     const KR::KRImage image = makeImage(6, 4, KR::kBgrColorSpace);
     cv::Mat mat = KR::toMat(image);
     EXPECT_EQ(mat.data, image.data.get());
@@ -67,7 +67,7 @@ TEST(KROpenCV, AMatrixKeepsThePixelsOfADestroyedImage) {
     EXPECT_TRUE(pixels.expired());
 }
 
-TEST(KROpenCV, AMatrixMayBecomeAnotherOne) {
+TEST(KROpenCV, AMatrixCanBeReassigned) {
     const KR::KRImage image = makeImage(6, 4, KR::kBgrColorSpace);
     cv::Mat mat = KR::toMat(image);
     cv::cvtColor(mat, mat, cv::COLOR_BGR2GRAY);
@@ -78,7 +78,7 @@ TEST(KROpenCV, AMatrixMayBecomeAnotherOne) {
     EXPECT_EQ(elsewhere.size(), cv::Size(6, 4));
 }
 
-TEST(KROpenCV, ARegionIsAPartOfThePixels) {
+TEST(KROpenCV, ARegionSharesAPartOfThePixels) {
     const KR::KRImage image = makeImage(6, 4, KR::kLumaColorSpace);
     cv::Mat part = KR::toMat(image, KR::KRImage::ROI(2, 1, 3, 2));
     EXPECT_EQ(part.size(), cv::Size(3, 2));
@@ -100,7 +100,7 @@ TEST(KROpenCV, RefusesARegionThatIsNotInsideTheImage) {
                 HasSubstr("must begin at an even column"));
 }
 
-TEST(KROpenCV, RefusesAnImageThatNoMatrixExpresses) {
+TEST(KROpenCV, RefusesAnImageThatFitsNoMatrix) {
     EXPECT_THAT(errorOf([] { KR::toMat(makeImage(4, 2, 19)); }),
                 HasSubstr("in colour space 19 has no matrix type"));
     EXPECT_THAT(errorOf([] { KR::toMat(KR::KRImage(4, 2, KR::kLumaColorSpace, true, 0, 0, 0, 0)); }),
@@ -116,7 +116,7 @@ TEST(KROpenCV, RefusesAnImageThatNoMatrixExpresses) {
                 HasSubstr("has 2 bytes per pixel; the colour space has 1"));
 }
 
-TEST(KROpenCV, AnImageIsOnThePixelsOfItsMatrixAndKeepsThem) {
+TEST(KROpenCV, AnImageSharesAndKeepsThePixelsOfItsMatrix) {
     cv::Mat mat(4, 6, CV_8UC3, cv::Scalar(1, 2, 3));
     const unsigned char* const pixels = mat.data;
     KR::KRImage image = KR::toImage(mat, KR::kBgrColorSpace);
@@ -133,7 +133,7 @@ TEST(KROpenCV, AnImageIsOnThePixelsOfItsMatrixAndKeepsThem) {
     EXPECT_EQ(image.deepCopy().data[71], 3);
     KR::KRAnnotations annotations;
     annotations.points.push_back({0.5F, 0.5F});
-    KR::drawAnnotations(image, annotations); // an operation of the library writes to them
+    KR::drawAnnotations(image, annotations); // writes to the shared pixels
     EXPECT_EQ(held->refcount, 1);
 }
 
@@ -144,7 +144,7 @@ TEST(KROpenCV, ThereAndBackIsTheSameImage) {
     EXPECT_EQ(back.width, 6);
 }
 
-TEST(KROpenCV, RefusesAMatrixThatIsNoImage) {
+TEST(KROpenCV, RefusesAMatrixThatIsNotAnImage) {
     const cv::Mat mat(4, 6, CV_8UC3);
     EXPECT_THAT(errorOf([&] { KR::toImage(mat, KR::kLumaColorSpace); }),
                 HasSubstr("type CV_8UC3 is no image of colour space 0, which needs CV_8UC1"));

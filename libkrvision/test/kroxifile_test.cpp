@@ -96,7 +96,7 @@ TEST_F(KROxiFile, Version0HasTheDefaultAngles) {
     EXPECT_EQ(readOxi(path("a.oxi")).data[15], 15);
 }
 
-TEST_F(KROxiFile, ReportsWhyAFileHasNoHeader) {
+TEST_F(KROxiFile, ReportsWhyTheHeaderCannotBeRead) {
     const std::string other = write("other", Bytes(100, 'x'));
     EXPECT_FALSE(KR::isOxiFile(other));
     EXPECT_FALSE(KR::isOxiFile(write("empty", {})));
@@ -108,13 +108,13 @@ TEST_F(KROxiFile, ReportsWhyAFileHasNoHeader) {
               path("missing") + ": cannot be read: No such file or directory");
 }
 
-TEST_F(KROxiFile, NeverWaitsForAPipe) {
+TEST_F(KROxiFile, NeverBlocksOnAPipe) {
     ASSERT_EQ(::mkfifo(path("pipe").c_str(), 0600), 0);
     EXPECT_EQ(getOxiError([&] { readOxi(path("pipe")); }),
               path("pipe") + ": cannot be read: not a regular file");
 }
 
-TEST_F(KROxiFile, RefusesSizesThatKRImageTakesAtTheirWord) {
+TEST_F(KROxiFile, RefusesSizesThatKRImageDoesNotCheck) {
     // 65536 * 65536 * 2 wraps to 0 bytes in 32 bits, (2^30 + 2) * 2 * 2 to 8.
     Bytes bytes = makeFile();
     const std::int32_t side = 65536;

@@ -86,7 +86,7 @@ TEST_F(KROxvFile, Version0HasTheDefaultAngles) {
     EXPECT_FLOAT_EQ(image.leftAngle, 0.4169222f);
 }
 
-TEST_F(KROxvFile, CountsTheFramesThatAreThereWhateverTheHeaderSays) {
+TEST_F(KROxvFile, CountsTheFramesPresentNotThoseOfTheHeader) {
     for (const std::uint32_t count : {kNeverClosed, 0u, 2u, 99u}) {
         Bytes bytes = makeFile(3, 2, count);
         bytes.resize(bytes.size() - 10);
@@ -97,7 +97,7 @@ TEST_F(KROxvFile, CountsTheFramesThatAreThereWhateverTheHeaderSays) {
     }
 }
 
-TEST_F(KROxvFile, ExpectsChunksWhereTheHeaderCountsThem) {
+TEST_F(KROxvFile, ExpectsChunksWhereTheHeaderPlacesThem) {
     EXPECT_EQ(KR::KROxvFile(write(makeFile(3, 2, 6))).countExpectedFrames(), 3u);
     EXPECT_EQ(KR::KROxvFile(write(makeFile(3, 2, 3))).countExpectedFrames(), 3u);
     EXPECT_EQ(KR::KROxvFile(write(makeFile(3, 1, 5))).countExpectedFrames(), 5u);
@@ -162,7 +162,7 @@ TEST_F(KROxvFile, ReportsWhatCannotBeRead) {
               path("pipe") + ": cannot be read: not a regular file");
 }
 
-TEST_F(KROxvFile, TellsPlausibleAnglesFromPixels) {
+TEST_F(KROxvFile, DistinguishesPlausibleAnglesFromPixels) {
     EXPECT_TRUE((KR::KROxvChunkHeader{0, 0, {0.5f, 0.25f, -0.5f, 0.0f}}).isPlausible());
     for (const float angle : {7.0f, -7.0f, 1e-20f, std::numeric_limits<float>::infinity(),
                               std::numeric_limits<float>::quiet_NaN()}) {
@@ -182,7 +182,7 @@ KRImage makeImage(unsigned frame, unsigned stream) {
     return image;
 }
 
-TEST_F(KROxvFile, TheWriterCountsFramesAndTheReaderGetsThemBack) {
+TEST_F(KROxvFile, TheReaderGetsEveryFrameThatTheWriterCounted) {
     KR::KROxvWriter writer(path(), {{160, 120, kLuma, 8}, {160, 120, kLuma, 8}});
     for (unsigned frame = 0; frame < 3; ++frame) {
         EXPECT_TRUE(writer.hasRoom());
@@ -210,7 +210,7 @@ TEST_F(KROxvFile, TheWriterReportsErrorsUnderTheGivenName) {
               path("missing/a.oxv") + ": cannot be written: No such file or directory");
 }
 
-TEST_F(KROxvFile, TheWriterRefusesAFrameThatWouldShiftThoseAfterIt) {
+TEST_F(KROxvFile, TheWriterRefusesAFrameThatWouldShiftLaterOnes) {
     KR::KROxvWriter writer(path(), {{160, 120, kLuma, 8}}, "my.oxv");
     KRImage image = makeEmptyImage();
     writer.write({&image});
@@ -237,12 +237,12 @@ TEST_F(KROxvFile, TheWriterRefusesAnImpossibleGeometry) {
     EXPECT_FALSE(std::filesystem::exists(path()));
 }
 
-TEST_F(KROxvFile, TheWriterRemovesAFrameThatWasCut) {
+TEST_F(KROxvFile, TheWriterRemovesAnIncompleteFrame) {
     KR::KROxvWriter writer(path(), {{160, 120, kLuma, 8}});
     const KRImage image = makeImage(0, 0);
     writer.write({&image});
     const std::uintmax_t size = std::filesystem::file_size(path());
-    std::filesystem::resize_file(path(), size + 100); // as a write that failed half-way leaves it
+    std::filesystem::resize_file(path(), size + 100); // as after a write that failed half-way
     writer.removeCutFrame();
     EXPECT_EQ(std::filesystem::file_size(path()), size);
     writer.write({&image});

@@ -18,21 +18,21 @@ Pixel toRgb(int y, int u, int v) {
     return pixel;
 }
 
-TEST(ComputeRgbFromYuv, WritesRedGreenAndBlueInPlaceOfYUAndV) {
+TEST(ComputeRgbFromYuv, ReplacesYUVWithRGB) {
     EXPECT_EQ(toRgb(16, 128, 128), (Pixel{0, 0, 0}));
     EXPECT_EQ(toRgb(235, 128, 128), (Pixel{254, 254, 254}));
     EXPECT_EQ(toRgb(128, 128, 228), (Pixel{255, 91, 130})); // red: 130.368 + 159.6
     EXPECT_EQ(toRgb(128, 178, 128), (Pixel{130, 89, 231})); // blue: 130.368 + 100.9
 }
 
-TEST(ComputeRgbFromYuv, LimitsToAByte) {
+TEST(ComputeRgbFromYuv, ClampsToAByte) {
     EXPECT_EQ(toRgb(255, 255, 255), (Pixel{255, 125, 255}));
     EXPECT_EQ(toRgb(0, 0, 0), (Pixel{0, 135, 0}));
 }
 
-// Coefficients have three decimals, so thousandths are exact. Single precision is off by so little that it matters only
+// Coefficients have three decimals, so thousandths are exact. The error of single precision matters only
 // where the exact result is a whole number.
-TEST(ComputeRgbFromYuv, IsTheFormulaCutOffForEveryColor) {
+TEST(ComputeRgbFromYuv, TruncatesTheFormulaForEveryColor) {
     const auto isCutOff = [](int thousandths, int result) {
         const auto limited = [](int value) { return std::clamp(value, 0, 255); };
         return result == limited(thousandths / 1000) ||

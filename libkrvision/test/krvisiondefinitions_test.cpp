@@ -88,7 +88,7 @@ TEST(KRVisionDefinitions, EverySizeHasItsResolution) {
     }
 }
 
-TEST(KRVisionDefinitions, ACodeWithoutResolutionHasSizeMinusOne) {
+TEST(KRVisionDefinitions, AnUnknownResolutionHasSizeMinusOne) {
     for (const int code : kNoCodes) {
         int width = 0;
         int height = 0;
@@ -111,7 +111,7 @@ TEST(KRVisionDefinitions, OnlyExactSizesHaveAResolution) {
     EXPECT_EQ(KR::getResolutionFromSize(-1, -1), -1);
 }
 
-TEST(KRVisionDefinitions, ValidResolutionsEndAtEightAlthoughSizesGoOn) {
+TEST(KRVisionDefinitions, ValidResolutionsEndAtEightAlthoughMoreHaveSizes) {
     for (int code = 0; code <= 8; ++code) {
         EXPECT_TRUE(KR::isResolutionValid(code)) << "resolution " << code;
     }
@@ -131,7 +131,7 @@ TEST(KRVisionDefinitions, EveryColorSpaceHasItsLayersAndChannels) {
     }
 }
 
-TEST(KRVisionDefinitions, ACodeWithoutColorSpaceHasNeitherLayersNorChannels) {
+TEST(KRVisionDefinitions, AnUnknownColorSpaceHasNeitherLayersNorChannels) {
     for (const int code : kNoCodes) {
         EXPECT_FALSE(KR::isColorSpaceValid(code)) << "colour space " << code;
         EXPECT_EQ(KR::getNumLayersInColorSpace(code), -1) << "colour space " << code;
@@ -139,7 +139,7 @@ TEST(KRVisionDefinitions, ACodeWithoutColorSpaceHasNeitherLayersNorChannels) {
     }
 }
 
-TEST(KRVisionDefinitions, NamedCodesAreTheOnesInTheTables) {
+TEST(KRVisionDefinitions, NamedCodesMatchTheTables) {
     EXPECT_EQ(KR::getResolutionFromSize(320, 240), KR::kQVGA);
     EXPECT_EQ(KR::getResolutionFromSize(640, 480), KR::kVGA);
     EXPECT_EQ(KR::kYUV422ColorSpace, 9);

@@ -87,7 +87,7 @@ TEST(KRVisionExtractorAcquisition, SubscribingReturnsAfterTheFirstImageWasProces
     EXPECT_FALSE(stage.extractor->isPaused());
 }
 
-TEST(KRVisionExtractorAcquisition, ImagesArriveAsTheCameraSentThemOnTheNamedThread) {
+TEST(KRVisionExtractorAcquisition, ImagesArriveUnchangedOnTheNamedThread) {
     std::promise<std::string> seen;
     Stage stage;
     stage.camera->setImage(makeImageValue(320, 240, 3, 13));
@@ -103,7 +103,7 @@ TEST(KRVisionExtractorAcquisition, ImagesArriveAsTheCameraSentThemOnTheNamedThre
     EXPECT_EQ(seen.get_future().get(), "320x240x3 in 13 at 1500000000123456 of 1 on Motion");
 }
 
-TEST(KRVisionExtractorAcquisition, TheThreadGetsItsOldNameBack) {
+TEST(KRVisionExtractorAcquisition, TheThreadGetsItsNameBack) {
     Stage stage;
     std::thread thread([&] {
         setThreadName("a thread with a long name of its own");
@@ -125,7 +125,7 @@ TEST(KRVisionExtractorAcquisition, TheIdentifierIsForgottenWithTheSubscription) 
     EXPECT_EQ(stage.journal.count("unsubscribe " + kId), 2);
 }
 
-TEST(KRVisionExtractorAcquisition, APeriodInForceReachesTheCameraAsItsRate) {
+TEST(KRVisionExtractorAcquisition, TheCurrentPeriodSetsTheCamerasFrameRate) {
     Stage stage;
     stage.extractor->subscribe("client", 33, 0.0F);
     stage.extractor->xUpdateParameters(0, 0.0F);
@@ -133,7 +133,7 @@ TEST(KRVisionExtractorAcquisition, APeriodInForceReachesTheCameraAsItsRate) {
     stage.extractor->xUpdateParameters(100, 0.0F);
     EXPECT_EQ(stage.journal.count("setFrameRate " + kId + " 10"), 1);
     stage.extractor->subscribe("other", 50, 0.0F);
-    EXPECT_EQ(stage.journal.count("setFrameRate " + kId + " 30"), 3); // the smaller period stays in force
+    EXPECT_EQ(stage.journal.count("setFrameRate " + kId + " 30"), 3); // the smaller period still applies
     stage.extractor->updatePeriod("client", 1000);
     EXPECT_EQ(stage.journal.count("setFrameRate " + kId + " 20"), 1);
 }
@@ -187,7 +187,7 @@ TEST(KRVisionExtractorAcquisition, PausingKeepsTheNextImageFromBeingFetched) {
                                             "verbose|Motion: Extractor pause status 0"));
 }
 
-TEST(KRVisionExtractorAcquisition, ASecondStartLogsThatOneRunsAlready) {
+TEST(KRVisionExtractorAcquisition, ASecondStartIsLogged) {
     Stage stage;
     stage.extractor->subscribe("client", 33, 0.0F);
     stage.extractor->xStartDetection(33, 0.0F); // returns, as the first run is ready

@@ -11,7 +11,7 @@
 namespace KR::test {
 namespace {
 
-/// Polls a condition that nothing announces. \return false: not in time
+/// Polls a condition that has no notification. \return false: not in time
 bool waitUntil(const std::function<bool()>& condition) {
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
     while (!condition()) {
@@ -69,7 +69,7 @@ TEST(KRVisionExtractorFailures, ASubscriberGetsTheReasonForARefusedCamera) {
     const auto undeleted = stage.extractor->takeUndeleted();
 }
 
-TEST(KRVisionExtractorFailures, AParameterThatTheCameraRefusesIsARefusedSubscriptionThatIsHeld) {
+TEST(KRVisionExtractorFailures, ARefusedCameraParameterIsLoggedAsARefusedSubscriptionThatStays) {
     Stage stage;
     stage.extractor->setSubscriptionParameters({{11, 1}, {12, 2}});
     stage.camera->fail("setCameraParameter");
@@ -82,7 +82,7 @@ TEST(KRVisionExtractorFailures, AParameterThatTheCameraRefusesIsARefusedSubscrip
     EXPECT_EQ(stage.journal.count("unsubscribe " + kId), 1);
 }
 
-TEST(KRVisionExtractorFailures, WithErrorsOnEveryFetchTheLoopGoesOnWithoutProcessing) {
+TEST(KRVisionExtractorFailures, TheLoopContinuesIfEveryFetchFails) {
     Stage stage;
     stage.camera->fail("getImageRemote");
     stage.extractor->subscribe("client", 33, 0.0F);
@@ -133,7 +133,7 @@ TEST(KRVisionExtractorFailures, ARefusedResetOrUnsubscriptionIsLoggedAndTheSubsc
         stage.extractor->unsubscribe("client");
         EXPECT_EQ(stage.getLog().back(), "error|Motion: Could not unsubscribe to KRVideoDevice");
         EXPECT_TRUE(stage.extractor->isExiting());
-        EXPECT_EQ(stage.extractor->getFailure(), "the camera could not be unsubscribed from: injected");
+        EXPECT_EQ(stage.extractor->getFailure(), "unsubscribing from the camera failed: injected");
         EXPECT_EQ(stage.extractor->getFrameRate(), 24); // still subscribed under the same identifier
         stage.camera->on(operation, nullptr);
         stage.extractor->xStopDetection();
@@ -141,7 +141,7 @@ TEST(KRVisionExtractorFailures, ARefusedResetOrUnsubscriptionIsLoggedAndTheSubsc
     }
 }
 
-TEST(KRVisionExtractorFailures, AnErrorOfTheFrameRatePassesToTheSubscriber) {
+TEST(KRVisionExtractorFailures, AFrameRateErrorPassesToTheSubscriber) {
     Stage stage;
     stage.camera->fail("setFrameRate");
     EXPECT_THROW(stage.extractor->subscribe("client", 33, 0.0F), KRError);
@@ -152,7 +152,7 @@ TEST(KRVisionExtractorFailures, AnErrorOfTheFrameRatePassesToTheSubscriber) {
     stage.extractor->unsubscribe("client");
 }
 
-TEST(KRVisionExtractorFailures, AnExceptionIsTheFailureOfTheModuleUntilItsNextGoodStart) {
+TEST(KRVisionExtractorFailures, AnExceptionIsTheModulesFailureUntilItsNextGoodStart) {
     Stage stage;
     stage.extractor->subscribe("client", 33, 0.0F);
     EXPECT_EQ(stage.extractor->getFailure(), "");
@@ -164,7 +164,7 @@ TEST(KRVisionExtractorFailures, AnExceptionIsTheFailureOfTheModuleUntilItsNextGo
             }
             throw 42;
         });
-        const std::string expected = std::string("the acquisition has ended by an exception") +
+        const std::string expected = std::string("the acquisition ended with an exception") +
                                      (isStandard ? ": disk full" : " of unknown type");
         EXPECT_TRUE(waitUntil([&] { return proxy.getFailure() == expected; })) << proxy.getFailure();
         stage.extractor->onImage(nullptr);
@@ -175,7 +175,7 @@ TEST(KRVisionExtractorFailures, AnExceptionIsTheFailureOfTheModuleUntilItsNextGo
     }
 }
 
-TEST(KRVisionExtractorFailures, AnAcquisitionThatARefusedReleaseEndsIsAFailure) {
+TEST(KRVisionExtractorFailures, ARefusedReleaseIsAFailure) {
     Stage stage;
     stage.extractor->subscribe("client", 33, 0.0F);
     stage.camera->fail("releaseImage");
@@ -195,7 +195,7 @@ TEST(KRVisionExtractorFailures, AFrameRateOutOfRangeIsAFailure) {
     EXPECT_EQ(stage.extractor->getFailure(), "the frame rate 31 is not between 1 and 30 FPS");
 }
 
-TEST(KRVisionExtractorFailures, ForeignExceptionsLeaveTheLoop) {
+TEST(KRVisionExtractorFailures, OtherExceptionsLeaveTheLoop) {
     for (const char* operation : {"subscribeCamera", "getImageRemote", "releaseImage"}) {
         SCOPED_TRACE(operation);
         Stage stage;
@@ -223,7 +223,7 @@ TEST(KRVisionExtractorFailures, AnImageOfAnUnknownColourSpaceLeavesTheLoop) {
     stage.extractor->unsubscribe("client");
 }
 
-TEST(KRVisionExtractorFailures, ACameraServiceThatGoesAwayAndComesBackIsUsedAgain) {
+TEST(KRVisionExtractorFailures, ACameraServiceThatReturnsIsUsedAgain) {
     Stage stage;
     stage.extractor->setParameter("4", 7);
     stage.extractor->subscribe("client", 33, 0.0F);
@@ -265,7 +265,7 @@ TEST(KRVisionExtractorFailures, WithoutACameraServiceSubscribingFailsWithThatRea
     EXPECT_TRUE(extractor->isExiting());
 }
 
-TEST(KRVisionExtractorFailures, ANoPeriodAtAllAsksTheCameraForItsHighestRate) {
+TEST(KRVisionExtractorFailures, APeriodOfZeroRequestsTheHighestFrameRate) {
     class Unbounded : public TestExtractor {
     public:
         using TestExtractor::TestExtractor;

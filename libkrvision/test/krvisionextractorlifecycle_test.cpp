@@ -36,7 +36,7 @@ TEST(KRVisionExtractorLifecycle, AStartWakesWhenTheRunEndsBeforeItsFirstIteratio
     const auto undeleted = stage.extractor->takeUndeleted();
 }
 
-TEST(KRVisionExtractorLifecycle, AStartWakesWhenTheRunEndsByAnException) {
+TEST(KRVisionExtractorLifecycle, AStartWakesWhenAnExceptionEndsTheRun) {
     Stage stage;
     stage.extractor->onImage([](KRImage*) { throw std::runtime_error("escaped"); });
     stage.extractor->subscribe("client", 33, 0.0F);
@@ -72,7 +72,7 @@ TEST(KRVisionExtractorLifecycle, AnExceptionAfterTheFirstIterationLeavesTheFlags
     EXPECT_EQ(stage.journal.count("subscribeCamera VisionExtractorMotion 0 0 9 30"), 2);
 }
 
-TEST(KRVisionExtractorLifecycle, AnExceptionDoesNotKeepTheModuleFromBeingDestroyed) {
+TEST(KRVisionExtractorLifecycle, AModuleCanBeDestroyedAfterAnException) {
     Stage stage;
     stage.extractor->onImage([](KRImage*) { throw 42; });
     stage.extractor->subscribe("client", 33, 0.0F);
@@ -97,7 +97,7 @@ TEST(KRVisionExtractorLifecycle, AClassThatStopsItselfInItsDestructorGetsOneStop
         extractor.reset();
         EXPECT_EQ(journal.count("xStopImageProcessing"), isDetecting ? 1 : 0);
     }
-    // Nobody else stops one that was constructed directly.
+    // A directly constructed module is stopped by nobody else.
     Journal journal;
     const auto broker = KRBroker::create("local:");
     const auto camera = createModule<FakeCamera>(broker, "KRVideoDevice", journal);
@@ -158,7 +158,7 @@ TEST(KRVisionExtractorLifecycle, OfManyStartsAtOnceOneRuns) {
     EXPECT_FALSE(stage.extractor->isProcessing());
 }
 
-TEST(KRVisionExtractorLifecycle, APauseThatComesAfterTheStopsOwnDoesNotParkTheStop) {
+TEST(KRVisionExtractorLifecycle, APauseDuringAStopDoesNotBlockTheStop) {
     Stage stage;
     stage.extractor->subscribe("client", 33, 0.0F);
     // The stop resumes the loop first and logs that; then another thread pauses it again.
@@ -172,7 +172,7 @@ TEST(KRVisionExtractorLifecycle, APauseThatComesAfterTheStopsOwnDoesNotParkTheSt
     EXPECT_FALSE(stage.extractor->isPaused());
 }
 
-TEST(KRVisionExtractorLifecycle, StoppingAPausedRunHasItProcessAnotherImage) {
+TEST(KRVisionExtractorLifecycle, APausedRunProcessesAnotherImageWhenStopped) {
     Stage stage;
     stage.extractor->onImage([&](KRImage*) { stage.extractor->pause(true); });
     stage.extractor->subscribe("client", 33, 0.0F);
@@ -201,7 +201,7 @@ TEST(KRVisionExtractorLifecycle, AStopDuringAStartIsNotLost) {
     }
 }
 
-TEST(KRVisionExtractorLifecycle, StartsAndStopsInAnyOrderEndInAStop) {
+TEST(KRVisionExtractorLifecycle, ConcurrentStartsAndStopsEndStopped) {
     Stage stage;
     for (int round = 0; round < 30; ++round) {
         std::latch start(2);
@@ -268,7 +268,7 @@ TEST(KRVisionExtractorLifecycle, ExitFromAHookMakesTheStartFail) {
     EXPECT_EQ(journal.get().back(), "xStopImageProcessing");
 }
 
-TEST(KRVisionExtractorLifecycle, AHandleThatGoesDuringStartsLeavesNoCameraSubscriptionBehind) {
+TEST(KRVisionExtractorLifecycle, DestroyingTheModuleDuringStartsLeavesNoCameraSubscription) {
     for (int round = 0; round < 10; ++round) {
         Stage stage;
         std::latch start(3);

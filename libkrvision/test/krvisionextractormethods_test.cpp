@@ -111,7 +111,7 @@ TEST(KRVisionExtractorMethods, OverloadsOfSetFrameRateDifferByTheirArguments) {
     EXPECT_EQ(proxy->call<int>("getMyPeriod", "B"), 100);
 }
 
-TEST(KRVisionExtractorMethods, RunCalledFromOutsideRunsUntilTheModuleGoes) {
+TEST(KRVisionExtractorMethods, RunCalledRemotelyRunsUntilTheModuleIsDestroyed) {
     Stage stage;
     stage.broker->getProxy("Motion")->post("_run");
     // Without subscribers the period is -1, so the requested rate is -1000.

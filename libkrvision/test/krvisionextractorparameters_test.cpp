@@ -38,7 +38,7 @@ protected:
     const boost::shared_ptr<KRProxy> proxy = stage.broker->getProxy("Motion");
 };
 
-TEST_F(KRVisionExtractorParameters, AreThereByThemselvesWithNamesAndRanges) {
+TEST_F(KRVisionExtractorParameters, ExistByDefaultWithNamesAndRanges) {
     const auto list = getParameterList(*proxy);
     std::vector<std::string> names;
     for (const KRParameterInfo& each : list) {
@@ -51,10 +51,10 @@ TEST_F(KRVisionExtractorParameters, AreThereByThemselvesWithNamesAndRanges) {
     EXPECT_EQ(list[2].value, "YUV422");
     EXPECT_THAT(list[2].choices, ElementsAre("luma", "YUV422", "RGB", "BGR", "BGRx"));
     EXPECT_EQ(list[3].describeRange(), "a whole number from 1 to 30 images per second");
-    EXPECT_FALSE(list[4].saved) << "a pause is only true of the moment";
+    EXPECT_FALSE(list[4].saved) << "a pause is temporary";
 }
 
-TEST_F(KRVisionExtractorParameters, SetWhileNobodyIsSubscribedTheyAreUsedByTheNextSubscription) {
+TEST_F(KRVisionExtractorParameters, SetWithoutSubscribersTheyApplyToTheNextSubscription) {
     set("camera", 1);
     set("resolution", "320x240");
     set("colorSpace", "luma");
@@ -66,7 +66,7 @@ TEST_F(KRVisionExtractorParameters, SetWhileNobodyIsSubscribedTheyAreUsedByTheNe
     EXPECT_EQ(proxy->call<int>("getCurrentPeriod"), 50);
 }
 
-TEST_F(KRVisionExtractorParameters, SetWhileSomebodyIsTheyGoToTheCameraService) {
+TEST_F(KRVisionExtractorParameters, SetWithSubscribersTheyGoToTheCameraService) {
     subscribe();
     set("resolution", "320x240");
     set("colorSpace", "BGR");
@@ -98,7 +98,7 @@ TEST_F(KRVisionExtractorParameters, SetWhileTheCameraSubscriptionBeginsTheyReach
     expectReached("camera", 2, "setActiveCamera " + kId + " 2");
 }
 
-TEST_F(KRVisionExtractorParameters, SetWhileTheCameraSubscriptionEndsTheyAreUsedByTheNext) {
+TEST_F(KRVisionExtractorParameters, SetWhileTheCameraSubscriptionEndsTheyApplyToTheNext) {
     const auto setAtTheEnd = [&](const std::string& name, const KRValue& value) {
         std::future<void> setting;
         subscribe();
@@ -135,7 +135,7 @@ TEST_F(KRVisionExtractorParameters, FollowTheMethods) {
     EXPECT_EQ(get("frameRate"), 10);
 }
 
-TEST_F(KRVisionExtractorParameters, WhatIsRefusedSaysWhy) {
+TEST_F(KRVisionExtractorParameters, RefusalsStateTheReason) {
     const auto refused = [&](const std::string& name, const KRValue& value, const std::string& why) {
         EXPECT_THAT([&] { set(name, value); }, ThrowsMessage<KRError>(HasSubstr(name + " cannot be " + why)));
     };
@@ -160,14 +160,14 @@ TEST_F(KRVisionExtractorParameters, WhatIsRefusedSaysWhy) {
     EXPECT_FALSE(stage.extractor->isPaused()) << "a refused value changes nothing";
 }
 
-TEST_F(KRVisionExtractorParameters, TheValueThatIsInForceIsNeverRefused) {
+TEST_F(KRVisionExtractorParameters, TheCurrentValueIsNeverRefused) {
     set("pause", false);
     set("camera", 0);
     set("colorSpace", "YUV422");
     EXPECT_THAT(stage.journal.get(), Not(Contains("getCameraModel 0")));
 }
 
-TEST_F(KRVisionExtractorParameters, TheCameraCanBeSetBeforeThereIsAService) {
+TEST_F(KRVisionExtractorParameters, TheCameraCanBeSetBeforeTheServiceExists) {
     stage.camera.reset();
     set("camera", 5);
     EXPECT_EQ(stage.extractor->getActiveCamera(), 5);
@@ -206,7 +206,7 @@ TEST(KRVisionExtractorInitialParameters, OfAModuleWithOddSettingsAreWithinTheirR
     EXPECT_EQ(extractor->getResolution(), 12);
 }
 
-TEST(KRVisionExtractorInitialParameters, AreInForceBeforeTheFirstSubscription) {
+TEST(KRVisionExtractorInitialParameters, ApplyBeforeTheFirstSubscription) {
     Journal journal;
     const auto broker = KRBroker::create();
     const auto camera = createModule<FakeCamera>(broker, "KRVideoDevice", journal);

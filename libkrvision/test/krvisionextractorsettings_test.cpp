@@ -60,7 +60,7 @@ TEST(KRVisionExtractorSettings, BeforeASubscriptionTheCameraIsPresetIfItExists) 
     EXPECT_THAT(stage.journal.get(), ElementsAre("getCameraModel 2", "getCameraModel 3"));
 }
 
-TEST(KRVisionExtractorSettings, BeforeASubscriptionAnErrorOfTheCameraServiceIsLoggedTheSameWay) {
+TEST(KRVisionExtractorSettings, BeforeASubscriptionACameraServiceErrorIsLoggedTheSameWay) {
     Stage stage;
     stage.camera->fail("getCameraModel");
     EXPECT_FALSE(stage.extractor->setActiveCamera(1));
@@ -70,7 +70,7 @@ TEST(KRVisionExtractorSettings, BeforeASubscriptionAnErrorOfTheCameraServiceIsLo
     EXPECT_EQ(stage.extractor->getActiveCamera(), 0);
 }
 
-TEST(KRVisionExtractorSettings, WhileSubscribedAChangeIsKeptOnlyIfTheCameraTakesIt) {
+TEST(KRVisionExtractorSettings, WhileSubscribedAChangeIsKeptOnlyIfTheCameraAcceptsIt) {
     Stage stage;
     stage.extractor->subscribe("client", 33, 0.0F);
     EXPECT_TRUE(stage.extractor->setResolution(12)); // the camera decides, also about codes above 8
@@ -89,13 +89,13 @@ TEST(KRVisionExtractorSettings, WhileSubscribedAChangeIsKeptOnlyIfTheCameraTakes
     EXPECT_EQ(stage.extractor->getColorSpace(), 0);
     EXPECT_EQ(stage.extractor->getActiveCamera(), 2);
     EXPECT_EQ(stage.extractor->getMyPeriod("client"), 33);
-    EXPECT_FALSE(stage.extractor->isPaused()); // a refused camera change lets the loop go on too
+    EXPECT_FALSE(stage.extractor->isPaused()); // the loop also continues after a refused camera change
     EXPECT_EQ(stage.journal.count("setResolution " + kId + " 12"), 1);
     EXPECT_EQ(stage.journal.count("setColorSpace " + kId + " 0"), 1);
     EXPECT_EQ(stage.journal.count("setActiveCamera " + kId + " 2"), 1);
 }
 
-TEST(KRVisionExtractorSettings, WhileSubscribedErrorsOfTheCameraServicePassAndNothingChanges) {
+TEST(KRVisionExtractorSettings, WhileSubscribedCameraServiceErrorsPassAndNothingChanges) {
     Stage stage;
     stage.extractor->subscribe("client", 33, 0.0F);
     for (const char* operation :
@@ -116,7 +116,7 @@ TEST(KRVisionExtractorSettings, WhileSubscribedErrorsOfTheCameraServicePassAndNo
     EXPECT_EQ(stage.extractor->getMyPeriod("client"), 33);
 }
 
-TEST(KRVisionExtractorSettings, ChangingTheCameraPausesTheLoopAndLetsItGoOn) {
+TEST(KRVisionExtractorSettings, ChangingTheCameraPausesAndResumesTheLoop) {
     bool paused = false;
     Stage stage;
     stage.extractor->subscribe("client", 33, 0.0F);
@@ -144,7 +144,7 @@ TEST(KRVisionExtractorSettings, TheFrameRateSetsThePeriodOfAllSubscribers) {
     EXPECT_EQ(stage.extractor->getFrameRate(), 24); // the rate that the camera reports
 }
 
-TEST(KRVisionExtractorSettings, AFrameRateOfZeroThatTheCameraTakesIsAnError) {
+TEST(KRVisionExtractorSettings, AFrameRateOfZeroIsAnErrorEvenIfTheCameraAcceptsIt) {
     Stage stage;
     stage.extractor->subscribe("A", 100, 0.0F);
     EXPECT_THROW(stage.extractor->setFrameRate(0), KRError);
@@ -160,7 +160,7 @@ TEST(KRVisionExtractorSettings, TheFrameRateOfAnUnknownSubscriberIsRefused) {
     EXPECT_THAT(stage.getLog(), ElementsAre("error|Motion: setFrameRate, unknown subscriber name: X"));
 }
 
-TEST(KRVisionExtractorSettings, TheFrameRateOfOneSubscriberIsAskedOfTheCameraEvenWithoutASubscription) {
+TEST(KRVisionExtractorSettings, OneSubscribersFrameRateGoesToTheCameraEvenWithoutASubscription) {
     Stage stage;
     stage.camera->fail("releaseImage"); // ends the run at once
     stage.extractor->subscribe("A", 100, 0.0F);
@@ -172,7 +172,7 @@ TEST(KRVisionExtractorSettings, TheFrameRateOfOneSubscriberIsAskedOfTheCameraEve
     const auto undeleted = stage.extractor->takeUndeleted();
 }
 
-TEST(KRVisionExtractorSettings, PausingWhatDoesNotRunIsAWarning) {
+TEST(KRVisionExtractorSettings, PausingWithoutARunLogsAWarning) {
     Stage stage;
     stage.extractor->pause(true);
     EXPECT_FALSE(stage.extractor->isPaused());
@@ -180,7 +180,7 @@ TEST(KRVisionExtractorSettings, PausingWhatDoesNotRunIsAWarning) {
                 ElementsAre("warning|Motion: Extractor is not running, cannot change pause status."));
 }
 
-TEST(KRVisionExtractorSettings, SetParameterWantsAnArrayOfTwoThoughItAsksForOne) {
+TEST(KRVisionExtractorSettings, SetParameterNeedsAnArrayOfTwoThoughItsMessageSaysOne) {
     Stage stage;
     stage.extractor->setParameter("resolution", KRValue());
     stage.extractor->setParameter("resolution", KRValue(2));
@@ -211,7 +211,7 @@ TEST(KRVisionExtractorSettings, SetParameterPausesForOneAndResumesForAnythingEls
     }
 }
 
-TEST(KRVisionExtractorSettings, SubscriptionParametersAreSetAtOnceAndWithEverySubscription) {
+TEST(KRVisionExtractorSettings, SubscriptionParametersAreSetAtOnceAndAtEverySubscription) {
     Stage stage;
     stage.extractor->subscribe("client", 33, 0.0F);
     stage.extractor->setSubscriptionParameters({{11, 1}});
@@ -225,7 +225,7 @@ TEST(KRVisionExtractorSettings, SubscriptionParametersAreSetAtOnceAndWithEverySu
     EXPECT_THROW(stage.extractor->setSubscriptionParameters({{13, 3}}), KRError);
 }
 
-TEST(KRVisionExtractorSettings, TheProxyIsTheOneOnTheCameraService) {
+TEST(KRVisionExtractorSettings, TheProxyIsOnTheCameraService) {
     Stage stage;
     EXPECT_EQ(stage.extractor->getVideoDeviceProxy()->getCameraModel(0), 1);
     EXPECT_EQ(stage.extractor->getVideoDeviceProxy(), stage.extractor->getVideoDeviceProxy());
