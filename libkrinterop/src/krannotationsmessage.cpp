@@ -18,7 +18,7 @@ constexpr int kPoints = 1;
 constexpr int kLineLoop = 2;
 constexpr int kLineStrip = 3;
 
-// The colours that drawAnnotations() has.
+// The colours of drawAnnotations().
 Json color(int red, int green, int blue) {
     const auto part = [](int byte) { return static_cast<double>(byte) / 255; };
     return {{"r", part(red)}, {"g", part(green)}, {"b", part(blue)}, {"a", 1.0}};
@@ -103,7 +103,7 @@ private:
     const KRAnnotations& annotations_;
     const int width_;
     const int height_;
-    const int thickness_; // as drawAnnotations() has it, pixels
+    const int thickness_; // as in drawAnnotations(), pixels
     Json time_;
     Json points_ = Json::array();
     Json texts_ = Json::array();

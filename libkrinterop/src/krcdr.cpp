@@ -69,8 +69,8 @@ std::string_view KRCdrReader::readString() {
 std::size_t KRCdrReader::readLength(std::size_t elementSize) {
     const std::size_t elements = read<std::uint32_t>();
     if (elements > countBytesLeft() / elementSize) {
-        throw KRCdrError(std::to_string(elements) + " elements do not fit the " +
-                         std::to_string(countBytesLeft()) + " bytes that are left");
+        throw KRCdrError(std::to_string(elements) + " elements do not fit in the " +
+                         std::to_string(countBytesLeft()) + " bytes left");
     }
     return elements;
 }

@@ -57,10 +57,10 @@ std::uint32_t updateByTable(std::uint32_t crc, const unsigned char* bytes, std::
 // ---- carry-less multiplication
 //
 // V. Gopal et al., "Fast CRC Computation for Generic Polynomials Using PCLMULQDQ Instruction", Intel 2009. A run of 128
-// bits that stands D bits before others is replaced by a run with the same remainder that can be added to those: its
-// halves times x^(D+32) and x^(D-32). What is left at the end, 16 bytes, goes through the table.
+// bits that precedes others by D bits is replaced by a run with the same remainder that can be added to
+// those: its halves times x^(D+32) and x^(D-32). The last 16 bytes go through the table.
 
-// x^n modulo the polynomial, in the place where the multiplication of reflected numbers expects it.
+// x^n modulo the polynomial, in the position that the multiplication of reflected numbers expects.
 constexpr long long powerOfX(int n) {
     std::uint32_t power = 0x80000000; // x^0
     for (int i = 0; i < n; ++i) {

@@ -23,7 +23,7 @@ constexpr std::array kEncodings = {Encoding{kLumaColorSpace, "mono8"},
                                    Encoding{kYUV422ColorSpace, "yuv422_yuy2"}, Encoding{11, "rgb8"},
                                    Encoding{13, "bgr8"}, Encoding{18, "bgra8"}};
 
-// As docs/oxi.md has it: of images that do not tell.
+// As in docs/oxi.md: for images that do not say.
 constexpr std::array<float, 4> kDefaultAngles = {0.4169222f, 0.32097778f, -0.4169222f, -0.32097778f};
 
 constexpr std::string_view kFramePrefix = "camera_";
@@ -128,7 +128,7 @@ KRBytes getPixels(const KRImage& image) {
         throw std::invalid_argument("colour space " + std::to_string(image.colorSpace) +
                                     " does not exist; they are 0 to 26");
     }
-    constexpr int kLongestSide = 1 << 20; // so that no product wraps round
+    constexpr int kLongestSide = 1 << 20; // so that no product wraps around
     if (image.width <= 0 || image.height <= 0 || image.width > kLongestSide || image.height > kLongestSide) {
         throw std::invalid_argument("an image of " + std::to_string(image.width) + "x" +
                                     std::to_string(image.height) + " pixels cannot be written");
@@ -208,7 +208,7 @@ void readImage(const KRImageMessage& message, KRImage& image, int colorSpaceIfUn
                          std::to_string(message.width) + " pixels of " + std::to_string(layers));
     }
     if (std::uint64_t{message.step} * message.height > message.pixels.size()) {
-        throw KRCdrError("the message has fewer pixels than it announces");
+        throw KRCdrError("the message has fewer pixels than its size says");
     }
     if (size > static_cast<std::uint64_t>(std::numeric_limits<int>::max())) {
         throw KRCdrError("an image of " + std::to_string(message.width) + "x" +

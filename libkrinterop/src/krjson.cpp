@@ -17,7 +17,7 @@ using Json = nlohmann::ordered_json;
 
 constexpr std::string_view kBase64 = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 constexpr const char* kBinaryKey = "base64";
-constexpr int kDeepest = 64; // as deep as values go to another process
+constexpr int kDeepest = 64; // the limit for values sent to another process
 
 // The shortest number that reads back as this float; as a double it would show digits that it does not have.
 double shorten(float number) {
@@ -100,7 +100,7 @@ std::string encodeBase64(const KRBinary& bytes) {
 }
 
 KRBinary decodeBase64(std::string_view text) {
-    const auto refuse = [] { throw std::invalid_argument("the text behind \"base64\" is not base64"); };
+    const auto refuse = [] { throw std::invalid_argument("the text of \"base64\" is not base64"); };
     if (text.size() % 4 != 0) {
         refuse();
     }

@@ -100,7 +100,7 @@ void Decompressor::decompressLz4(KRBytes compressed, std::span<unsigned char> co
     }
     LZ4F_resetDecompressionContext(contexts_->lz4.get());
     LZ4F_decompressOptions_t options{};
-    options.stableDst = 1; // what has been decompressed stays in place: no window of its own is needed
+    options.stableDst = 1; // output stays in place, so no separate window is needed
     std::size_t consumed = 0, produced = 0;
     bool isWhole = false;
     while (consumed < compressed.size()) {
@@ -113,11 +113,11 @@ void Decompressor::decompressLz4(KRBytes compressed, std::span<unsigned char> co
         produced += to;
         isWhole = hint == 0;
         if (from == 0 && to == 0) {
-            break; // there is more in it than there should be
+            break; // more content than there should be
         }
     }
     if (!isWhole || consumed != compressed.size() || produced != content.size()) {
-        throw KRMcapError("lz4: the content is not of " + std::to_string(content.size()) + " bytes");
+        throw KRMcapError("lz4: the content does not have " + std::to_string(content.size()) + " bytes");
     }
 }
 
@@ -131,7 +131,7 @@ void Decompressor::decompressZstd(KRBytes compressed, std::span<unsigned char> c
     const std::size_t produced = checkZstd(ZSTD_decompressDCtx(
         contexts_->zstd.get(), content.data(), content.size(), compressed.data(), compressed.size()));
     if (produced != content.size()) {
-        throw KRMcapError("zstd: the content is of " + std::to_string(produced) + " bytes instead of " +
+        throw KRMcapError("zstd: the content has " + std::to_string(produced) + " bytes instead of " +
                           std::to_string(content.size()));
     }
 }

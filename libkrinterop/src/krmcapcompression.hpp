@@ -8,13 +8,13 @@
 
 namespace KR::mcap {
 
-/// Bytes that are about to be overwritten: never zeroed, used again.
+/// A reused buffer for bytes that are about to be overwritten: never zeroed.
 class Buffer {
 public:
-    /// At least `size` bytes, which hold anything. \throws std::bad_alloc
+    /// At least `size` bytes, with arbitrary content. \throws std::bad_alloc
     unsigned char* prepare(std::size_t size) {
         if (size > capacity_) {
-            bytes_.reset(); // before the larger one is there
+            bytes_.reset(); // before allocating the larger one
             capacity_ = 0;
             bytes_ = std::make_unique_for_overwrite<unsigned char[]>(size);
             capacity_ = size;
@@ -57,10 +57,10 @@ public:
     Decompressor(const Decompressor&) = delete;
     Decompressor& operator=(const Decompressor&) = delete;
 
-    /// Whether decompress() knows it: "lz4" or "zstd".
+    /// Whether decompress() supports it: "lz4" or "zstd".
     static bool isKnown(std::string_view compression) noexcept;
-    /// Fills `content`, no byte more and no byte less.
-    /// \throws KRMcapError the bytes are no such compression, or of another size
+    /// Fills `content` exactly.
+    /// \throws KRMcapError the bytes are not of this compression, or have another size
     void decompress(std::string_view compression, KRBytes compressed, std::span<unsigned char> content);
 
 private:

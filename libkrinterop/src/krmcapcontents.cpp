@@ -18,7 +18,7 @@ std::string describeRecord(Opcode opcode, std::uint64_t offset) {
     return "record " + std::to_string(static_cast<int>(opcode)) + " at offset " + std::to_string(offset);
 }
 
-/// Small pieces of the file, without a system call for each.
+/// Reads small pieces of the file without a system call for each.
 class Window {
 public:
     Window(KRMcapInput& input, std::uint64_t fileSize) : input_(input), fileSize_(fileSize), bytes_(kSize) {}
@@ -75,11 +75,11 @@ public:
         }
         if (!isAtEnd && offset < fileSize_) {
             damage_.cutBytes = fileSize_ - offset;
-            note(damage_,
-                 isFull() ? "there are more than " + std::to_string(limits_.maxRecords) + " chunks"
-                          : "the last " + std::to_string(damage_.cutBytes) + " bytes are not a whole record");
+            note(damage_, isFull() ? "there are more than " + std::to_string(limits_.maxRecords) + " chunks"
+                                   : "the last " + std::to_string(damage_.cutBytes) +
+                                         " bytes are not a complete record");
         }
-        // Now that they stay where they are.
+        // Now that they no longer move.
         std::size_t next = 0;
         for (Segment& segment : contents_.segments) {
             if (next < contents_.chunks.size() && contents_.chunks[next].offset == segment.offset) {
@@ -116,14 +116,14 @@ private:
         case Opcode::Metadata:
             contents_.metadata.push_back({offset, kRecordHeaderSize + length, content.string()});
             break;
-        default: // needed for nothing, or unknown
+        default: // not needed, or unknown
             break;
         }
     }
 
     void takeLooseRecord(Opcode opcode, std::uint64_t offset, std::uint64_t length, RecordReader content) {
         if (length > limits_.maxRecordSize) {
-            throw KRMcapError(std::to_string(length) + " bytes are more than the limit of " +
+            throw KRMcapError(std::to_string(length) + " bytes exceed the limit of " +
                               std::to_string(limits_.maxRecordSize));
         }
         const std::uint64_t size = kRecordHeaderSize + length;
@@ -212,7 +212,7 @@ void parseSummaryRecord(Opcode opcode, KRBytes content, Contents& contents) {
     }
 }
 
-// Whether the messages can be read by what the summary says.
+// Whether the summary suffices to read the messages.
 bool isComplete(const Contents& contents) {
     if (contents.chunks.empty()) {
         return contents.statistics && contents.statistics->messages == 0;
@@ -226,8 +226,8 @@ bool isComplete(const Contents& contents) {
            (!contents.statistics || contents.statistics->chunks == contents.chunks.size());
 }
 
-/// Reads what stands between the data and the end, if anything does.
-/// \throws KRMcapError it is not what it should be
+/// Reads the summary, which lies between the data and the end, if there is one.
+/// \throws KRMcapError it is malformed
 void readSummary(KRMcapInput& input, const KRMcapLimits& limits, std::uint64_t fileSize, KRBytes footer,
                  Contents& contents) {
     RecordReader reader(footer.subspan(kRecordHeaderSize));
@@ -235,13 +235,13 @@ void readSummary(KRMcapInput& input, const KRMcapLimits& limits, std::uint64_t f
     reader.number<std::uint64_t>(); // where the offsets of the groups are
     const auto crc = reader.number<std::uint32_t>();
     if (start == 0) {
-        return; // there is none
+        return; // no summary
     }
     const std::uint64_t end = fileSize - kMagic.size() - kFooterSize;
     if (start < kMagic.size() || start > end) {
-        throw KRMcapError("the summary is said to begin at offset " + std::to_string(start));
+        throw KRMcapError("the summary cannot begin at offset " + std::to_string(start));
     }
-    // The checksum includes the footer but for the checksum itself.
+    // The checksum includes the footer, except for the checksum itself.
     const std::uint64_t size = end - start + kFooterSize - sizeof crc;
     if (size > limits.maxSummarySize) {
         throw KRMcapError("the summary has " + std::to_string(size) + " bytes, the limit is " +
@@ -259,13 +259,13 @@ void readSummary(KRMcapInput& input, const KRMcapLimits& limits, std::uint64_t f
         const auto opcode = static_cast<Opcode>(records.number<std::uint8_t>());
         parseSummaryRecord(opcode, records.bytes(records.number<std::uint64_t>()), contents);
     }
-    // Chunks that overlap would be a way to make a small file take forever to read.
+    // Overlapping chunks could make a small file take forever to read.
     std::ranges::sort(contents.chunks, {}, &KRMcapChunkIndex::offset);
     std::uint64_t first = kMagic.size();
     for (const KRMcapChunkIndex& chunk : contents.chunks) {
         if (chunk.offset < first || chunk.length > end || chunk.offset > end - chunk.length) {
-            throw KRMcapError("the summary announces a chunk at offset " + std::to_string(chunk.offset) +
-                              ", where there is none");
+            throw KRMcapError("the summary lists a chunk at offset " + std::to_string(chunk.offset) +
+                              ", which is not in the file");
         }
         first = chunk.offset + chunk.length;
     }
@@ -279,7 +279,7 @@ bool useSummary(KRMcapInput& input, const KRMcapLimits& limits, KRMcapDamage& da
                       static_cast<Opcode>(end[0]) == Opcode::Footer &&
                       std::equal(kMagic.begin(), kMagic.end(), end.end() - kMagic.size());
     if (!damage.isClosed) {
-        note(damage, "the file was never closed, or has been cut");
+        note(damage, "the file was never closed, or was truncated");
         return false;
     }
     Contents found;

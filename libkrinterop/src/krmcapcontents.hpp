@@ -7,17 +7,17 @@
 
 namespace KR::mcap {
 
-/// A part of the file that is read in one piece: a chunk, or records that stand outside of chunks.
+/// A part of the file that is read in one piece: a chunk, or records outside of chunks.
 struct Segment {
     std::uint64_t offset;
     std::uint64_t length;
     std::uint64_t startTime; ///< of its earliest message
     std::uint64_t endTime;
     const KRMcapChunkIndex* chunk; ///< null: records outside of chunks
-    bool isRead = false;           ///< what is wrong with it has been counted
+    bool isRead = false;           ///< its damage has been counted
 };
 
-/// What is in a file, but for the messages themselves.
+/// The contents of a file, except for the messages themselves.
 struct Contents {
     std::string profile;
     std::string writerLibrary;
@@ -31,12 +31,12 @@ struct Contents {
     std::vector<KRMcapMetadataIndex> metadata;
 };
 
-/// Adds a sentence to those about the damage, of which the first ones are kept.
+/// Adds a sentence about the damage; only the first few are kept.
 void note(KRMcapDamage& damage, std::string text);
 
-/// Reads the summary or, if there is none that is intact, searches the file.
-/// \param contents  everything points into it: it must stay where it is
-/// \throws KRMcapError the file cannot be read, or does not begin as an MCAP file does
+/// Reads the summary or, if it is missing or damaged, searches the file.
+/// \param contents  must not move: it holds pointers into itself
+/// \throws KRMcapError the file cannot be read, or does not begin like an MCAP file
 void readContents(KRMcapInput& input, const KRMcapLimits& limits, KRMcapDamage& damage, Contents& contents);
 
 } // namespace KR::mcap

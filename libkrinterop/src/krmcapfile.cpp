@@ -30,12 +30,12 @@ public:
     Descriptor& operator=(const Descriptor&) = delete;
 
     int get() const noexcept { return descriptor_; }
-    /// \return whether that went well
+    /// \return whether it succeeded
     bool close() noexcept {
         const int descriptor = std::exchange(descriptor_, -1);
         return descriptor < 0 || ::close(descriptor) == 0;
     }
-    /// Says so with what errno tells.
+    /// Throws with the error text of errno.
     [[noreturn]] void fail(const char* what) const { fail(what, std::generic_category().message(errno)); }
     [[noreturn]] void fail(const char* what, const std::string& why) const {
         throw KRMcapError(name_ + ": " + what + ": " + why);
@@ -57,7 +57,7 @@ public:
             const std::size_t count = std::min(parts.size(), pieces.size() - first);
             for (std::size_t i = 0; i < count; ++i) {
                 const KRBytes piece = pieces[first + i];
-                // writev() takes what it only reads as not const.
+                // writev() only reads these, but its parameter is not const.
                 parts[i] = {const_cast<unsigned char*>(piece.data()), piece.size()};
             }
             write(std::span(parts).first(count));
@@ -65,7 +65,7 @@ public:
     }
 
     void close() override {
-        // A pipe or a device has nothing to be kept.
+        // Pipes and devices have nothing to sync.
         if (file_.get() >= 0 && ::fsync(file_.get()) != 0 && errno != EINVAL && errno != ENOTSUP) {
             file_.fail("cannot be written");
         }
@@ -113,7 +113,7 @@ public:
         }
     }
 
-    // Asked each time: a file that is being written grows.
+    // Queried each time: the file may still be growing.
     std::uint64_t getSize() override {
         struct stat status;
         if (::fstat(file_.get(), &status) != 0) {

@@ -25,9 +25,9 @@ struct OpenSegment {
     mcap::Buffer decompressed;
     KRBytes records;
     std::size_t position = 0; // of the next record
-    bool isCounted = false;   // whether damage found in it counts: not if it has been read before
+    bool isCounted = false;   // whether its damage counts: not when it is read again
 
-    // For reading in the order of time: the wanted messages that have not been read.
+    // For reading in time order: the wanted messages not yet read.
     struct Entry {
         std::uint64_t time;
         std::size_t position;
@@ -132,7 +132,7 @@ private:
 
     // ---- segments
 
-    // \return false: it is damaged, and has been counted
+    // \return false: it is damaged; that has been counted
     bool load(OpenSegment& open, Segment& segment, bool isCounted) {
         open.segment = &segment;
         open.records = {};
@@ -159,7 +159,7 @@ private:
         }
     }
 
-    // \param counter  of damage: changed if it is the checksum that is wrong
+    // \param counter  of damage: changed if the checksum is wrong
     void loadChunk(OpenSegment& open, const KRMcapChunkIndex& chunk, std::uint64_t*& counter) {
         constexpr std::size_t kLongestName = 64;
         std::array<unsigned char, mcap::kRecordHeaderSize + mcap::kChunkFixedSize + kLongestName + 8> head;
@@ -169,7 +169,7 @@ private:
         const auto length = reader.number<std::uint64_t>();
         if (opcode != Opcode::Chunk || chunk.length < mcap::kRecordHeaderSize ||
             length != chunk.length - mcap::kRecordHeaderSize) {
-            throw KRMcapError("there is none");
+            throw KRMcapError("there is no chunk");
         }
         reader.bytes(2 * sizeof(std::uint64_t)); // its times
         const auto size = reader.number<std::uint64_t>();
@@ -178,12 +178,12 @@ private:
         const auto storedSize = reader.number<std::uint64_t>();
         const std::uint64_t headerSize = mcap::kChunkFixedSize + compression.size() + sizeof storedSize;
         if (storedSize != length - headerSize) {
-            throw KRMcapError("it says that it has " + std::to_string(storedSize) + " bytes, not " +
+            throw KRMcapError("its header gives " + std::to_string(storedSize) + " bytes, not " +
                               std::to_string(length - headerSize));
         }
         if (std::max(size, storedSize) > limits_.maxRecordSize) {
-            throw KRMcapError(std::to_string(std::max(size, storedSize)) +
-                              " bytes are more than the limit of " + std::to_string(limits_.maxRecordSize));
+            throw KRMcapError(std::to_string(std::max(size, storedSize)) + " bytes exceed the limit of " +
+                              std::to_string(limits_.maxRecordSize));
         }
         const bool isCompressed = !compression.empty();
         if (isCompressed && !mcap::Decompressor::isKnown(compression)) {
@@ -210,10 +210,9 @@ private:
         open.records = content;
     }
 
-    // \return the checksum, if it is wanted, otherwise 0
+    // \return the checksum if wanted, otherwise 0
     std::uint32_t readStored(OpenSegment& open, std::uint64_t size, std::uint64_t offset, bool isCrcWanted) {
-        constexpr std::uint64_t kPiece = std::uint64_t{256}
-                                         << 10; // is still in the cache when it is looked at
+        constexpr std::uint64_t kPiece = std::uint64_t{256} << 10; // is still in the cache when it is parsed
         unsigned char* to = open.stored.prepare(size);
         std::uint32_t crc = 0;
         for (std::uint64_t done = 0; done < size;) {
@@ -229,7 +228,7 @@ private:
 
     bool isWorthReading(const Segment& segment) {
         if (!contents_.isIndexed) {
-            return true; // it may hold a channel that later messages are of
+            return true; // it may define a channel of later messages
         }
         if (segment.startTime > selection_.endTime || segment.endTime < selection_.startTime) {
             return false;
@@ -250,7 +249,7 @@ private:
         return known != 0;
     }
 
-    // The next record of a segment. \return false: there is none
+    // The next record of a segment. \return false: there are no more
     bool nextRecord(OpenSegment& open, Record& record) {
         const KRBytes rest = open.records.subspan(open.position);
         if (rest.empty()) {
@@ -261,7 +260,7 @@ private:
             std::memcpy(&length, rest.data() + 1, sizeof length);
         }
         if (rest.size() < mcap::kRecordHeaderSize || length > rest.size() - mcap::kRecordHeaderSize) {
-            countBad(open, "a record is longer than what it is in");
+            countBad(open, "a record is longer than what contains it");
             open.position = open.records.size();
             return false;
         }
@@ -350,9 +349,9 @@ private:
         }
     }
 
-    // ---- in the order of time
+    // ---- in time order
 
-    // The channels of a file whose summary does not tell may be defined behind their messages' times.
+    // Without a summary, a channel may be defined later in the file than messages that come earlier in time.
     void learnChannels() {
         hasLearned_ = true;
         for (Segment& segment : contents_.segments) {
@@ -387,7 +386,7 @@ private:
         return takeMessage(*open, record.content, message);
     }
 
-    // What was read last has served now.
+    // Releases or reinserts the segment that was read last.
     void putBack() {
         if (lastRead_ == nullptr) {
             return;
@@ -400,7 +399,7 @@ private:
         openBytes_ -= open->records.size();
         const auto found =
             std::ranges::find_if(opened_, [open](const auto& one) { return one.get() == open; });
-        spare_ = std::move(*found); // keeps its memory
+        spare_ = std::move(*found); // for its memory
         opened_.erase(found);
     }
 
@@ -427,7 +426,7 @@ private:
         openBytes_ += open->records.size();
         if (openBytes_ > limits_.maxOpenChunks) {
             fail("chunks that overlap in time have more than " + std::to_string(limits_.maxOpenChunks) +
-                 " bytes; read them in the order of the file");
+                 " bytes; read them in file order");
         }
         openByTime_.push(open.get());
         opened_.push_back(std::move(open));
@@ -449,7 +448,7 @@ private:
             input_->readAt(content.data(), content.size(), offset + header.size()) == content.size();
         std::memcpy(&announced, header.data() + 1, sizeof announced);
         if (!isRead || static_cast<Opcode>(header[0]) != opcode || announced != content.size()) {
-            fail("at offset " + std::to_string(offset) + " is not the record that the index announces");
+            fail("at offset " + std::to_string(offset) + " is not the record that the index names");
         }
         return content;
     }
@@ -464,8 +463,8 @@ private:
 
     KRMcapSelection selection_;
     std::vector<signed char> areWanted_; // by channel
-    std::size_t nextSegment_ = 0;        // of all, or of those by time
-    OpenSegment current_;                // in the order of the file
+    std::size_t nextSegment_ = 0;        // in file order, or in time order
+    OpenSegment current_;                // in file order
 
     std::vector<Segment*> byTime_;
     std::vector<std::unique_ptr<OpenSegment>> opened_;

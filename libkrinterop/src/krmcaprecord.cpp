@@ -23,7 +23,7 @@ std::uint64_t toNanoseconds(std::int64_t time_usec) noexcept {
     if (time_usec <= 0) {
         return 0;
     }
-    // 2^63 microseconds times 1000 do not fit: the end of all times for those that come after the year 2554.
+    // Times after the year 2554 do not fit in nanoseconds: they become the last one that does.
     constexpr std::uint64_t kLast = std::numeric_limits<std::uint64_t>::max() / kFactor;
     const auto time = static_cast<std::uint64_t>(time_usec);
     return time > kLast ? std::numeric_limits<std::uint64_t>::max() : time * kFactor;
@@ -142,7 +142,7 @@ void writeStatistics(RecordWriter& writer, const KRMcapStatistics& statistics) {
 
 KRBytes RecordReader::bytes(std::uint64_t size) {
     if (size > content_.size() - position_) {
-        throw KRMcapError("a record ends early: " + std::to_string(size) + " bytes are announced, " +
+        throw KRMcapError("a record ends early: " + std::to_string(size) + " bytes are needed, " +
                           std::to_string(content_.size() - position_) + " are left");
     }
     const KRBytes found = content_.subspan(position_, size);

@@ -36,7 +36,7 @@ inline constexpr std::size_t kMessageHeaderSize = 22; // of the content, before 
 inline constexpr std::size_t kFooterSize = kRecordHeaderSize + 20;
 inline constexpr std::size_t kChunkFixedSize = 32; // of the content, before the name of the compression
 
-/// Puts records together.
+/// Assembles records.
 class RecordWriter {
 public:
     template <class T>
@@ -51,7 +51,7 @@ public:
     std::size_t begin(Opcode opcode);
     void end(std::size_t begun);
 
-    /// Room for a number that is known later: put() at this position.
+    /// Reserves room for a number that is filled in later by put() at this position.
     template <class T>
     void put(std::size_t position, T value) {
         std::memcpy(buffer_.data() + position, &value, sizeof value);
@@ -74,7 +74,7 @@ void writeAttachmentIndex(RecordWriter& writer, const KRMcapAttachmentIndex& ind
 void writeMetadataIndex(RecordWriter& writer, const KRMcapMetadataIndex& index);
 void writeStatistics(RecordWriter& writer, const KRMcapStatistics& statistics);
 
-/// Takes a record's content apart. Everything throws KRMcapError if the content ends before.
+/// Parses a record's content. Everything throws KRMcapError if the content ends too early.
 class RecordReader {
 public:
     explicit RecordReader(KRBytes content) : content_(content) {}
@@ -89,7 +89,7 @@ public:
     std::string string() { return std::string(view()); }
     std::string_view view(); ///< refers to the content
     KRMcapMetadataMap map();
-    /// The part of a list that its length in bytes announces.
+    /// The bytes of a list, which begins with its length in bytes.
     RecordReader list() { return RecordReader(bytes(number<std::uint32_t>())); }
     KRBytes rest() noexcept;
     bool atEnd() const noexcept { return position_ == content_.size(); }

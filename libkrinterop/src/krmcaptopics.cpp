@@ -42,7 +42,7 @@ KRBytes toBytes(std::string_view text) {
     return {reinterpret_cast<const unsigned char*>(text.data()), text.size()};
 }
 
-// Without "is it a number": at() throws, get() as well.
+// No type checks: at() and get() throw.
 KRImageProperties parse(const Json& json) {
     KRImageProperties properties;
     properties.timeStamp = json.at("time_stamp_usec").get<std::int64_t>();
@@ -237,7 +237,7 @@ void KRMcapRecording::writeAnnotations(const std::string& module, const KRValue&
         }
         message = encodeAnnotations(annotations, size->second.width, size->second.height);
     } catch (const KRError&) {
-        return; // another value under a key of that name
+        return; // not annotations, though the key is named so
     }
     if (annotationsSchema_ == 0) {
         annotationsSchema_ =

@@ -18,7 +18,7 @@ using mcap::RecordWriter;
 
 constexpr const char* kLibrary = "KRVision";
 
-// Messages from here on are not copied where they need not be.
+// Messages of this size or more are not copied where possible.
 constexpr std::size_t kLargeMessage = std::size_t{64} << 10;
 
 } // namespace
@@ -220,7 +220,7 @@ private:
         for (const KRBytes piece : tail) {
             size += piece.size();
         }
-        std::uint32_t crc = 0; // means: there is none
+        std::uint32_t crc = 0; // means no checksum
         if (options_.hasChunkCrcs) {
             crc = updateCrc32(0, chunk_.get().data(), chunk_.size());
             for (const KRBytes piece : tail) {
@@ -337,7 +337,7 @@ private:
     bool isClosed_ = false;
     std::uint64_t fileSize_ = 0;
 
-    // The chunk that is open: its records, and time and offset of each message by channel.
+    // The open chunk: its records, and time and offset of each message by channel.
     RecordWriter chunk_;
     std::uint64_t chunkStart_ = std::numeric_limits<std::uint64_t>::max();
     std::uint64_t chunkEnd_ = 0;
@@ -352,7 +352,7 @@ private:
     std::vector<KRMcapMetadataIndex> metadata_;
     KRMcapStatistics statistics_;
 
-    // Used again and again.
+    // Reused.
     RecordWriter record_;
     RecordWriter messageIndexes_;
     std::vector<KRBytes> pieces_;

@@ -64,14 +64,14 @@ TEST(KRAnnotationsMessage, LabelsBoxesWithIdentityAndScore) {
     EXPECT_EQ(texts[1]["position"], (Json{{"x", 320.0}, {"y", 136.0}})); // its lower left corner
 }
 
-TEST(KRAnnotationsMessage, IsJsonWhateverTheAnnotationsHold) {
+TEST(KRAnnotationsMessage, IsValidJsonForAnyAnnotations) {
     KRAnnotations annotations;
     annotations.boxes.push_back({std::numeric_limits<float>::quiet_NaN(), 0, 1, 1, "\xFF", 1, -1});
     EXPECT_FALSE(Json::parse(encodeAnnotations(annotations, 1, 1)).at("points").empty());
     EXPECT_TRUE(Json::parse(getAnnotationsSchema()).is_object());
 }
 
-TEST(KRMcapRecording, WritesAnnotationsToATopicOfTheirOwn) {
+TEST(KRMcapRecording, WritesAnnotationsToTheirOwnTopic) {
     const test::TemporaryFolder folder;
     const std::string path = folder.path("a.mcap");
     {

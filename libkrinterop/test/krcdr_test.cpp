@@ -7,7 +7,7 @@ using KR::KRCdrReader;
 using KR::KRCdrWriter;
 using Bytes = std::vector<unsigned char>;
 
-TEST(KRCdr, AlignsNumbersToTheirSizeFromBehindTheEncoding) {
+TEST(KRCdr, AlignsNumbersToTheirSizeFromTheEndOfTheEncoding) {
     KRCdrWriter writer;
     writer.write(std::uint8_t{0x11});
     writer.write(std::uint16_t{0x2233});
@@ -47,7 +47,7 @@ TEST(KRCdr, ReadsWhatItWrote) {
     EXPECT_EQ(reader.countBytesLeft(), 0u);
 }
 
-TEST(KRCdr, RefusesAMessageThatEndsAnywhereBeforeItsEnd) {
+TEST(KRCdr, RefusesATruncatedMessage) {
     KRCdrWriter writer;
     writer.write(std::uint8_t{1});
     writer.write(2.0);
@@ -67,7 +67,7 @@ TEST(KRCdr, RefusesAMessageThatEndsAnywhereBeforeItsEnd) {
     }
 }
 
-TEST(KRCdr, RefusesLengthsBeyondTheMessageBeforeTakingMemory) {
+TEST(KRCdr, RefusesLengthsBeyondTheMessageBeforeAllocating) {
     KRCdrWriter writer;
     writer.write(std::uint32_t{0xFFFFFFFF});
     EXPECT_THROW(KRCdrReader(writer.getBytes()).readString(), KRCdrError);
@@ -79,7 +79,7 @@ TEST(KRCdr, RefusesAStringWithoutItsFinalZero) {
     EXPECT_THROW(KRCdrReader(message).readString(), KRCdrError);
 }
 
-TEST(KRCdr, NamesAnEncodingThatItDoesNotRead) {
+TEST(KRCdr, NamesAnUnsupportedEncoding) {
     const Bytes bigEndian = {0, 0, 0, 0, 0, 0, 0, 1};
     try {
         const KRCdrReader reader(bigEndian);

@@ -16,7 +16,7 @@ std::vector<KRCrc32Path> getPaths() {
     return paths;
 }
 
-TEST(KRCrc32, IsTheOneThatZipAndEthernetUse) {
+TEST(KRCrc32, IsThatOfZipAndEthernet) {
     EXPECT_EQ(updateCrc32(0, "123456789", 9), 0xCBF43926u); // the check value of CRC-32/ISO-HDLC
     EXPECT_EQ(updateCrc32(0, "", 0), 0u);
 }

@@ -23,7 +23,7 @@ Bytes pixelsOf(const KRImage& image) {
     return {image.data.get(), image.data.get() + image.width * image.height * image.nbLayers};
 }
 
-TEST(KRImageMessage, IsLaidOutAsOtherToolsReadIt) {
+TEST(KRImageMessage, HasTheLayoutThatOtherToolsRead) {
     const Bytes expected = {0,    1,    0,    0,    // CDR, little-endian
                             0x00, 0x2f, 0x68, 0x59, // 1500000000 s
                             0x00, 0xca, 0x5b, 0x07, // 123456000 ns
@@ -54,7 +54,7 @@ TEST(KRImageMessage, KeepsPixelsAndCaptureTimeInEveryColorSpace) {
     }
 }
 
-TEST(KRImageMessage, NamesTheColorSpacesThatOthersKnow) {
+TEST(KRImageMessage, NamesTheColorSpacesThatOtherToolsSupport) {
     EXPECT_EQ(KR::getImageEncoding(KR::kLumaColorSpace), "mono8");
     EXPECT_EQ(KR::getImageEncoding(KR::kYUV422ColorSpace), "yuv422_yuy2");
     EXPECT_EQ(KR::getImageEncoding(11), "rgb8");
@@ -67,7 +67,7 @@ TEST(KRImageMessage, NamesTheColorSpacesThatOthersKnow) {
     EXPECT_EQ(KR::findColorSpaceOfEncoding("8UC3"), std::nullopt);
 }
 
-TEST(KRImageMessage, ReadsRowsThatAreLongerThanTheirPixels) {
+TEST(KRImageMessage, ReadsRowsWithPadding) {
     KRImageMessage message;
     message.width = 2;
     message.height = 2;
@@ -80,7 +80,7 @@ TEST(KRImageMessage, ReadsRowsThatAreLongerThanTheirPixels) {
     EXPECT_EQ(pixelsOf(image), (Bytes{1, 2, 3, 4}));
 }
 
-TEST(KRImageMessage, UsesABufferAgainThatIsLargeEnoughAndNobodyElseHas) {
+TEST(KRImageMessage, ReusesALargeEnoughUnsharedBuffer) {
     const Bytes message = KR::encodeImage(makeImage(6, 4, 13));
     KRImage image = makeImage(8, 8, 13);
     const unsigned char* buffer = image.data.get();
@@ -91,7 +91,7 @@ TEST(KRImageMessage, UsesABufferAgainThatIsLargeEnoughAndNobodyElseHas) {
     EXPECT_NE(image.data.get(), buffer);
 }
 
-TEST(KRImageMessage, RefusesWhatItCannotReadAndSaysWhy) {
+TEST(KRImageMessage, RefusalsStateTheReason) {
     const auto refusal = [](const Bytes& bytes, int colorSpace = -1) -> std::string {
         KRImage image(1, 1, 0, true, 0.0f, 0.0f, 0.0f, 0.0f);
         try {

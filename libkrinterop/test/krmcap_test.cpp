@@ -32,7 +32,7 @@ std::string makeText(int number) {
     return text;
 }
 
-// Writes messages to two topics in turn, their times going up, and returns what should be read.
+// Writes messages to two topics in turn, with increasing times, and returns what should be read.
 std::vector<Read> writeMessages(KRMcapWriter& writer, int count) {
     const std::uint16_t schema = writer.addSchema("test.Text", "jsonschema", R"({"type": "string"})");
     const std::uint16_t first = writer.addChannel("/first", "json", schema, {{"key", "value"}});
@@ -51,7 +51,7 @@ std::vector<Read> writeMessages(KRMcapWriter& writer, int count) {
 
 class KRMcapForms : public testing::TestWithParam<std::tuple<KRMcapCompression, std::size_t>> {};
 
-TEST_P(KRMcapForms, AreReadAsTheyWereWritten) {
+TEST_P(KRMcapForms, AreReadAsWritten) {
     const TemporaryFolder folder;
     const auto [compression, chunkSize] = GetParam();
     KRMcapWriterOptions options;
@@ -95,7 +95,7 @@ TEST_P(KRMcapForms, AreReadAsTheyWereWritten) {
     EXPECT_TRUE(reader.getDamage().isNone());
 }
 
-TEST_P(KRMcapForms, WithoutAnEndAreReadAsFarAsTheyAreWhole) {
+TEST_P(KRMcapForms, WithoutAnEndAreReadUpToTheLastCompleteRecord) {
     const TemporaryFolder folder;
     const auto [compression, chunkSize] = GetParam();
     KRMcapWriterOptions options;
@@ -175,7 +175,7 @@ TEST(KRMcap, BeginsAsDocumented) {
     EXPECT_EQ(bytes, expected);
 }
 
-TEST(KRMcap, AKilledProcessLosesOnlyTheChunkThatWasOpen) {
+TEST(KRMcap, AKilledProcessLosesOnlyTheOpenChunk) {
     const TemporaryFolder folder;
     const pid_t writing = ::fork();
     ASSERT_GE(writing, 0);
@@ -221,7 +221,7 @@ TEST(KRMcap, SelectsByTimeAndTopic) {
     }
 }
 
-TEST(KRMcap, ReadsInTheOrderOfTimeAcrossChunksThatOverlap) {
+TEST(KRMcap, ReadsInTimeOrderAcrossOverlappingChunks) {
     std::mt19937 random(3);
     for (const bool isClosed : {true, false}) {
         KR::test::Bytes bytes;
@@ -260,7 +260,7 @@ TEST(KRMcap, ReadsInTheOrderOfTimeAcrossChunksThatOverlap) {
     }
 }
 
-TEST(KRMcap, BoundsTheChunksThatAreOpenAtOnce) {
+TEST(KRMcap, BoundsTheChunksOpenAtOnce) {
     KR::test::Bytes bytes;
     KRMcapWriterOptions options;
     options.chunkSize = 200;
@@ -278,7 +278,7 @@ TEST(KRMcap, BoundsTheChunksThatAreOpenAtOnce) {
     EXPECT_THROW(readAllMessages(reader), KR::KRMcapError);
 }
 
-TEST(KRMcap, AFullDiskEndsTheWritingAndLeavesWhatIsWhole) {
+TEST(KRMcap, AFullDiskStopsTheWriterAndLeavesAReadableFile) {
     KR::test::Bytes whole;
     KRMcapWriterOptions options;
     options.chunkSize = 1000;
@@ -311,7 +311,7 @@ TEST(KRMcap, AFullDiskEndsTheWritingAndLeavesWhatIsWhole) {
     }
 }
 
-TEST(KRMcap, AFullDeviceSaysSo) {
+TEST(KRMcap, AFullDeviceIsReported) {
     KRMcapWriterOptions options;
     options.chunkSize = 0;
     try {
@@ -322,7 +322,7 @@ TEST(KRMcap, AFullDeviceSaysSo) {
     }
 }
 
-TEST(KRMcap, AFileThatCannotBeOpenedSaysWhy) {
+TEST(KRMcap, AFileThatCannotBeOpenedIsReported) {
     EXPECT_THROW(KRMcapWriter("/does/not/exist.mcap"), KR::KRMcapError);
     EXPECT_THROW(KRMcapReader("/does/not/exist.mcap"), KR::KRMcapError);
     EXPECT_THROW(KRMcapReader("/dev/zero"), KR::KRMcapError);

@@ -1,4 +1,4 @@
-// Files that are not what they should be.
+// Damaged and malformed files.
 
 #include "krinterop/krmcapreader.hpp"
 #include "krinterop/krmcapwriter.hpp"
@@ -44,7 +44,7 @@ Bytes writeFile(KRMcapCompression compression, int count = 20) {
     return bytes;
 }
 
-/// A file record by record.
+/// A file made record by record.
 class HandMade {
 public:
     HandMade() {
@@ -93,7 +93,7 @@ TEST(KRMcapDamage, FilesOfAnotherKindAreRefused) {
     EXPECT_THROW(open(Bytes(1000, 'x')), KR::KRMcapError);
 }
 
-TEST(KRMcapDamage, AWrongByteAnywhereIsNoticedOrOfNoConsequence) {
+TEST(KRMcapDamage, AWrongByteNeverYieldsAWrongMessage) {
     for (const auto compression :
          {KRMcapCompression::None, KRMcapCompression::Lz4, KRMcapCompression::Zstd}) {
         const Bytes whole = writeFile(compression);
@@ -114,7 +114,7 @@ TEST(KRMcapDamage, AWrongByteAnywhereIsNoticedOrOfNoConsequence) {
             for (const auto& index : reader->getAttachments()) {
                 try {
                     reader->readAttachment(index);
-                } catch (const KR::KRMcapError&) { // NOLINT(bugprone-empty-catch): what else
+                } catch (const KR::KRMcapError&) { // NOLINT(bugprone-empty-catch): expected
                 }
             }
         }
@@ -170,7 +170,7 @@ TEST(KRMcapDamage, UnknownCompressionsAreSkippedAndNamed) {
     EXPECT_THAT(reader->getDamage().texts, testing::Contains(testing::HasSubstr("\"brotli\"")));
 }
 
-TEST(KRMcapDamage, UnknownRecordsAreSkippedWherever) {
+TEST(KRMcapDamage, UnknownRecordsAreSkippedEverywhere) {
     RecordWriter content;
     content.end(content.begin(static_cast<Opcode>(0x77)));
     HandMade::addMessage(content, 0, "inside");
@@ -184,7 +184,7 @@ TEST(KRMcapDamage, UnknownRecordsAreSkippedWherever) {
     EXPECT_EQ(reader->getDamage().badRecords, 0u);
 }
 
-TEST(KRMcapDamage, CompressionBombsAreRefusedBeforeTheyAreUnpacked) {
+TEST(KRMcapDamage, CompressionBombsAreRefusedBeforeDecompression) {
     const Bytes zeros(std::size_t{64} << 20);
     Bytes bomb(ZSTD_compressBound(zeros.size()));
     bomb.resize(ZSTD_compress(bomb.data(), bomb.size(), zeros.data(), zeros.size(), 1));
@@ -250,12 +250,12 @@ TEST(KRMcapDamage, RecordsBeyondTheLimitAreSkippedAndCounted) {
     EXPECT_EQ(reader->getDamage().badRecords, 1u);
 }
 
-TEST(KRMcapDamage, ZerosBehindTheDataAreCutBytes) {
+TEST(KRMcapDamage, ZerosAfterTheDataAreCutBytes) {
     HandMade file;
     file.addChannel(0, "/a");
     file.addMessage(0, "last");
     Bytes bytes = file.getBytes();
-    bytes.resize(bytes.size() + 4096); // as a file system leaves them after power was lost
+    bytes.resize(bytes.size() + 4096); // as a file system leaves them after a power failure
     const auto reader = open(bytes);
     EXPECT_EQ(readAllMessages(*reader).size(), 1u);
     EXPECT_EQ(reader->getDamage().cutBytes, 4096u);

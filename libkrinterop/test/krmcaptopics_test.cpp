@@ -35,7 +35,7 @@ TEST(KRMcapTopics, AreNamedAsDocumented) {
     }
 }
 
-TEST(KRMcapTopics, ImagesComeBackWithEverythingThatTheyHad) {
+TEST(KRMcapTopics, ImagesAreReadBackComplete) {
     Bytes bytes;
     KRMcapWriter writer(std::make_unique<MemoryOutput>(bytes));
     KR::KRMcapRecording recording(writer);
@@ -73,7 +73,7 @@ TEST(KRMcapTopics, ImagesComeBackWithEverythingThatTheyHad) {
     EXPECT_EQ(count, written.size());
 }
 
-TEST(KRMcapTopics, ImagesOfOthersAreReadWithoutProperties) {
+TEST(KRMcapTopics, ImagesOfOtherToolsAreReadWithoutProperties) {
     Bytes bytes;
     KRMcapWriter writer(std::make_unique<MemoryOutput>(bytes));
     const std::uint16_t schema = writer.addSchema("sensor_msgs/msg/Image", "ros2msg", KR::getImageSchema());
@@ -112,7 +112,7 @@ TEST(KRMcapTopics, ValuesAreJson) {
     EXPECT_EQ(reader.getSchemas().begin()->second.encoding, "jsonschema");
 }
 
-TEST(KRMcapTopics, PropertiesThatAreNotAsTheyShouldBeAreIgnored) {
+TEST(KRMcapTopics, MalformedPropertiesAreIgnored) {
     for (const char* text :
          {"", "7", "{}", "[]", R"({"time_stamp_usec": "x", "camera": 0, "color_space": 0})",
           R"({"time_stamp_usec": 1, "camera": 0, "color_space": 0})",

@@ -34,7 +34,7 @@ private:
     const Bytes bytes_;
 };
 
-/// Collects what is written; the disk is full after so many bytes.
+/// Collects what is written; the disk is full after that many bytes.
 class MemoryOutput : public KRMcapOutput {
 public:
     explicit MemoryOutput(Bytes& bytes, std::size_t room = SIZE_MAX) : bytes_(bytes), room_(room) {}
@@ -55,7 +55,7 @@ private:
     const std::size_t room_;
 };
 
-/// A message as a test compares it.
+/// A message in the form that tests compare.
 struct Read {
     std::string topic;
     std::uint32_t sequence;

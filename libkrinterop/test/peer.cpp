@@ -1,4 +1,4 @@
-// The library's part in test/peers.mjs.
+// The library's side of test/peers.mjs.
 //   krinterop_peer write FOLDER   writes files for the others to read
 //   krinterop_peer read FILE      prints what is in a file as JSON
 

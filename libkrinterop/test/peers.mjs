@@ -1,5 +1,5 @@
-// Exchanges files with @mcap/core, both ways, and decodes images with @foxglove/rosmsg2-serialization. Compression is that
-// of the programs lz4 and zstd.
+// Exchanges files with @mcap/core, both ways, and decodes images with @foxglove/rosmsg2-serialization. The
+// programs lz4 and zstd compress.
 
 import { McapIndexedReader, McapStreamReader, McapWriter } from "@mcap/core";
 import { parse } from "@foxglove/rosmsg";
@@ -21,7 +21,7 @@ const compressors = {
   zstd: (data) => ({ compression: "zstd", compressedData: new Uint8Array(run("zstd", ["-c", "-q"], data)) }),
 };
 
-// ---- files of ours, read by them
+// ---- our files, read by them
 
 const colorSpaces = [
   { code: 0, encoding: "mono8", layers: 1 },
@@ -32,7 +32,7 @@ const colorSpaces = [
 ];
 const frames = 3;
 
-// As test/peer.cpp makes them.
+// As in test/peer.cpp.
 function makePixels({ code, layers }, frame) {
   return Uint8Array.from({ length: 160 * 120 * layers }, (_, i) => (i * 7 + (i >> 8) + code + frame) & 0xff);
 }
@@ -128,11 +128,11 @@ run(peer, ["write", "files"]);
 for (const name of ["none", "small", "lz4", "zstd", "loose"]) {
   const path = `files/${name}.mcap`;
   checkOurs(path, readStreamed(path));
-  if (name !== "loose") checkOurs(path, await readIndexed(path)); // which has no index
+  if (name !== "loose") checkOurs(path, await readIndexed(path)); // loose has no index
   console.log(`${path}: read by @mcap/core`);
 }
 
-// ---- files of theirs, read by us
+// ---- their files, read by us
 
 async function writeTheirs(path, compression, options) {
   const parts = [];

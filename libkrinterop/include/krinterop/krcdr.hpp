@@ -14,7 +14,7 @@
 #include <type_traits>
 #include <vector>
 
-static_assert(std::endian::native == std::endian::little, "numbers are copied as they lie in memory");
+static_assert(std::endian::native == std::endian::little, "numbers are copied in native byte order");
 
 namespace KR {
 
@@ -80,7 +80,7 @@ public:
     /// \throws KRCdrError shorter than 4 bytes; an encoding other than little-endian CDR version 1, which is named
     explicit KRCdrReader(KRBytes message);
 
-    /// \throws KRCdrError the message ends before
+    /// \throws KRCdrError the message ends too early
     template <detail::CdrNumber T>
     T read() {
         align(sizeof(T));
@@ -91,13 +91,13 @@ public:
     /// Any byte but 0 is true. \throws KRCdrError as read()
     bool readBool() { return read<std::uint8_t>() != 0; }
     /// Refers to the message; without the final zero.
-    /// \throws KRCdrError the message ends before; the final zero is missing
+    /// \throws KRCdrError the message ends too early; the final zero is missing
     std::string_view readString();
     /// The number of elements of a sequence that follow.
-    /// \param elementSize  bytes that each of them takes at least
-    /// \throws KRCdrError the message ends before, or has no room for that many elements
+    /// \param elementSize  least number of bytes of each
+    /// \throws KRCdrError the message ends too early, or has no room for that many elements
     std::size_t readLength(std::size_t elementSize);
-    /// The next raw bytes; refers to the message. \throws KRCdrError the message ends before
+    /// The next raw bytes; refers to the message. \throws KRCdrError the message ends too early
     KRBytes readBytes(std::size_t size) { return take(size); }
 
     /// Number of unread bytes.

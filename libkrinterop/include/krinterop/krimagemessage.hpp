@@ -29,7 +29,7 @@ inline constexpr const char* kImageSchemaName = "sensor_msgs/msg/Image"; ///< na
 inline constexpr const char* kImageSchemaEncoding = "ros2msg";
 inline constexpr const char* kImageMessageEncoding = "cdr"; ///< how its messages are encoded
 
-/// The definition of `sensor_msgs/msg/Image` with those that it refers to.
+/// The definition of `sensor_msgs/msg/Image` with the definitions that it refers to.
 KR_EXPORT std::string_view getImageSchema() noexcept;
 
 /// A decoded `sensor_msgs/msg/Image`. Refers to the message that it was decoded from.

@@ -38,19 +38,21 @@ struct KRMcapMessage {
 
 /// Limits that are checked before memory is allocated.
 struct KRMcapLimits {
-    /// Longest record, and largest chunk before and after it is decompressed. Whatever is larger is skipped and counted.
+    /// Longest record, and largest chunk before and after decompression. Anything larger is skipped and
+    /// counted.
     std::uint64_t maxRecordSize = std::uint64_t{256} << 20;
     /// Longest summary that is read; a file with a longer one is searched for its chunks.
     std::uint64_t maxSummarySize = std::uint64_t{256} << 20;
-    /// Chunks that are open at once, as their times overlap, when reading in the order of time. Bytes after decompression.
+    /// Bytes, decompressed, of the chunks that are open at once when reading in time order, as their times
+    /// overlap.
     std::uint64_t maxOpenChunks = std::uint64_t{1} << 30;
-    /// Chunks, attachments and metadata of a file, each; behind that many the file is not searched any further.
+    /// Chunks, attachments and metadata of a file, each; beyond that, the file is not searched further.
     std::uint64_t maxRecords = 4'000'000;
 };
 
 /// Which messages to read, and in what order.
 struct KRMcapSelection {
-    /// File: as they were written. Time: by log time, equal ones as they were written.
+    /// File: as written. Time: by log time, equal ones as written.
     enum class Order { File, Time };
     Order order = Order::File;                                         ///< in which messages come
     std::uint64_t startTime = 0;                                       ///< of the first one, nanoseconds
@@ -63,13 +65,13 @@ struct KRMcapSelection {
 struct KRMcapDamage {
     std::uint64_t wrongCrcs = 0; ///< chunks and attachments whose content is not what was written; skipped
     std::uint64_t unreadableChunks = 0; ///< unknown compression, wrong sizes, too large; skipped
-    std::uint64_t badRecords = 0;       ///< records that are not what their kind should be; skipped
+    std::uint64_t badRecords = 0;       ///< malformed records; skipped
     std::uint64_t unknownChannels = 0;  ///< messages of channels that the file does not hold; skipped
-    std::uint64_t cutBytes = 0;         ///< behind the last whole record
+    std::uint64_t cutBytes = 0;         ///< after the last complete record
     bool isClosed = true;               ///< whether the file ends as a closed one does
-    std::vector<std::string> texts;     ///< a sentence for each of the first ones
+    std::vector<std::string> texts;     ///< a sentence for each of the first few
 
-    /// Whether there is none.
+    /// Whether there is no damage.
     bool isNone() const noexcept {
         return wrongCrcs == 0 && unreadableChunks == 0 && badRecords == 0 && unknownChannels == 0 &&
                cutBytes == 0 && isClosed && texts.empty();
@@ -84,7 +86,7 @@ struct KRMcapDamage {
 /// with the number of chunks. Reentrant.
 class KR_EXPORT KRMcapReader {
 public:
-    /// \throws KRMcapError it cannot be read, or does not begin as an MCAP file does
+    /// \throws KRMcapError it cannot be read, or does not begin like an MCAP file
     explicit KRMcapReader(const std::string& path, KRMcapLimits limits = {});
     /// The same for another input.
     explicit KRMcapReader(std::unique_ptr<KRMcapInput> input, KRMcapLimits limits = {});
@@ -106,9 +108,9 @@ public:
     const std::map<std::uint16_t, KRMcapSchema>& getSchemas() const noexcept;
     /// In the order of the file. Those found by a search lack `messageIndexOffsets`.
     const std::vector<KRMcapChunkIndex>& getChunks() const noexcept;
-    /// Where the attachments are, those that the file lists.
+    /// Locations of the attachments that the file lists.
     const std::vector<KRMcapAttachmentIndex>& getAttachments() const noexcept;
-    /// Where the metadata records are, those that the file lists.
+    /// Locations of the metadata records that the file lists.
     const std::vector<KRMcapMetadataIndex>& getMetadata() const noexcept;
 
     /// Starts over with these options. Initially, all messages are read in the order of the file.
@@ -122,7 +124,7 @@ public:
     /// The same for a metadata record.
     KRMcapMetadata readMetadata(const KRMcapMetadataIndex& index);
 
-    /// Of what has been read so far.
+    /// Damage in what has been read so far.
     const KRMcapDamage& getDamage() const noexcept;
 
 private:
@@ -130,7 +132,7 @@ private:
     std::unique_ptr<Private> p_;
 };
 
-/// Whether a file begins as an MCAP file does; false also if it cannot be read.
+/// Whether a file begins like an MCAP file; false also if it cannot be read.
 KR_EXPORT bool isMcapFile(const std::string& path) noexcept;
 
 } // namespace KR

@@ -27,13 +27,14 @@ KR_EXPORT std::string getAnnotationsTopic(const std::string& module);
 /// The camera of an image topic; nullopt if it is not one.
 KR_EXPORT std::optional<int> findCameraOfImageTopic(std::string_view topic) noexcept;
 
-/// JSON schema of messages on memory and event topics: `{"value": ...}`, the value as krjson.hpp has it, and perhaps "frame".
+/// JSON schema of messages on memory and event topics: `{"value": ...}`, the value as in krjson.hpp, and
+/// optionally "frame".
 KR_EXPORT std::string_view getValueSchema() noexcept;
 /// JSON schema of messages on properties topics.
 KR_EXPORT std::string_view getImagePropertiesSchema() noexcept;
 
 inline constexpr const char* kValueSchemaName = "krvision.Value"; ///< of values and events
-/// Of what an image message does not hold.
+/// Of the properties that an image message does not hold.
 inline constexpr const char* kImagePropertiesSchemaName = "krvision.ImageProperties";
 inline constexpr const char* kJsonSchemaEncoding = "jsonschema"; ///< of both schemas
 inline constexpr const char* kJsonMessageEncoding = "json";      ///< of messages with them
@@ -51,7 +52,7 @@ struct KRImageProperties {
 KR_EXPORT KRImageProperties getProperties(const KRImage& image) noexcept;
 /// As JSON.
 KR_EXPORT std::string encodeImageProperties(const KRImageProperties& properties);
-/// nullopt: it is no such message. Throws nothing.
+/// nullopt: not such a message. Throws nothing.
 KR_EXPORT std::optional<KRImageProperties> decodeImageProperties(std::string_view json) noexcept;
 
 /// Writes images, values in memory and events to their topics. Channels are added when they are first needed; messages of a
@@ -61,9 +62,9 @@ public:
     /// \param writer  must outlive this
     explicit KRMcapRecording(KRMcapWriter& writer);
 
-    /// Writes an image, and before it a message with its properties that has the same number and times.
+    /// Writes an image, preceded by a message with its properties and the same number and times.
     /// \param camera   of the topic
-    /// \param logTime  nanoseconds; nothing: the image's time stamp
+    /// \param logTime  nanoseconds; nullopt: the image's time stamp
     /// \throws KRMcapError an error of the output
     /// \throws std::invalid_argument as encodeImageHeader()
     void writeImage(int camera, const KRImage& image, std::optional<std::uint64_t> logTime = std::nullopt);

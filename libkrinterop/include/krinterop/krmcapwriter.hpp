@@ -7,7 +7,7 @@
 
 namespace KR {
 
-/// Destination of the bytes of a file. Tests replace it by a disk that fills up.
+/// Destination of the bytes of a file. Tests replace it with a disk that fills up.
 class KR_EXPORT KRMcapOutput {
 public:
     virtual ~KRMcapOutput();
@@ -22,7 +22,7 @@ public:
 };
 
 /// A file of the operating system, created or emptied; written without a buffer, several pieces at once.
-/// \param name  what to call the file in errors, if not `path`
+/// \param name  name of the file in errors, if not `path`
 /// \throws KRMcapError with the name: it cannot be opened
 KR_EXPORT std::unique_ptr<KRMcapOutput> createMcapFile(const std::string& path, const std::string& name = "");
 
@@ -31,8 +31,8 @@ struct KRMcapWriterOptions {
     KRMcapCompression compression = KRMcapCompression::None; ///< of the chunks
     /// As `lz4` and `zstd` take it: 1 is fast.
     int compressionLevel = 1;
-    /// Bytes of messages after which a chunk is closed: what a killed process loses at most. 0: no chunks, each message is
-    /// written as it comes, and found by reading the whole file only.
+    /// Bytes of messages after which a chunk is closed: the most that a killed process loses. 0: no chunks,
+    /// each message is written at once, and found only by reading the whole file.
     std::size_t chunkSize = std::size_t{1} << 20;
     /// Whether chunks have a checksum of their content.
     bool hasChunkCrcs = true;
@@ -42,9 +42,9 @@ struct KRMcapWriterOptions {
 /// Writes an MCAP file: chunks with message indexes, then a summary with schemas, channels, statistics and the indexes of
 /// chunks, attachments and metadata.
 ///
-/// Each chunk goes to the output in one piece as soon as it is full, so that a file that is never closed can be read as
-/// far as its chunks are whole. Without compression, a message of 64 KiB or more closes its chunk and is not copied. Memory
-/// grows with a chunk, and by about 100 bytes for each chunk that has been written.
+/// Each chunk goes to the output in one piece as soon as it is full, so the complete chunks of a file that
+/// was never closed can be read. Without compression, a message of 64 KiB or more closes its chunk and is not
+/// copied. Memory grows with a chunk, and by about 100 bytes for each chunk written.
 ///
 /// After an error of the output nothing more is written: every operation throws that error again. Reentrant.
 class KR_EXPORT KRMcapWriter {
@@ -85,7 +85,8 @@ public:
 
     /// Closes the chunk that is open, if it has messages. \throws KRMcapError an error of the output
     void flush();
-    /// Writes what is left, the summary and the end. Only then a reader finds messages without reading everything.
+    /// Writes the rest, the summary and the end. Only then can a reader find messages without reading
+    /// everything.
     /// \throws KRMcapError an error of the output, also an earlier one
     void close();
 
