@@ -6,7 +6,7 @@
 
 namespace KR::test {
 
-/// Records what happened, in order. Thread-safe.
+/// Records events in order. Thread-safe.
 class Diary {
 public:
     void note(const std::string& what) {

@@ -81,7 +81,7 @@ private:
 class EventListener : public KRModule {
 public:
     using Events = std::vector<std::pair<std::string, KRValue>>;
-    /// Runs inside each call of onEvent after the event is written down.
+    /// Runs inside each call of onEvent after the event is recorded.
     using Hook = std::function<void(const KRValue& value)>;
 
     EventListener(boost::shared_ptr<KRBroker> broker, const std::string& name, Hook hook = {})
@@ -107,7 +107,7 @@ public:
     }
     void ping() {}
 
-    /// Waits until so many events have come. \return all that have
+    /// Waits until that many events have arrived. \return all that have
     Events waitForEvents(std::size_t count) const {
         std::unique_lock lock(mutex_);
         grown_.wait_for(lock, kPatience, [&] { return events_.size() >= count; });

@@ -27,13 +27,13 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::ThrowsMessage;
 
-TEST(KRBroker, RunsAMemoryModuleUnlessToldNotTo) {
+TEST(KRBroker, RunsAMemoryModuleByDefault) {
     EXPECT_THAT(KRBroker::create()->getModuleList(), ElementsAre("KRMemory"));
     EXPECT_THAT(KRBroker::create("local:")->getModuleList(), ElementsAre("KRMemory"));
     EXPECT_THAT(KRBroker::create("local:?memory=none")->getModuleList(), IsEmpty());
 }
 
-TEST(KRBroker, AnAddressThatIsNotUnderstoodIsRefusedByName) {
+TEST(KRBroker, AnUnknownAddressIsRefusedWithItsText) {
     for (const std::string url :
          {"", "local", "Local:", " local:", "tcp://host:1", "dds:", "local:x", "local:?", "local:?memory",
           "local:?memory=none&", "local:?memory=all", "local:memory=none"}) {
@@ -43,7 +43,7 @@ TEST(KRBroker, AnAddressThatIsNotUnderstoodIsRefusedByName) {
     }
 }
 
-TEST(KRBroker, ListsTheModulesThatCanBeCalledInOrder) {
+TEST(KRBroker, ListsCallableModulesInOrder) {
     const auto broker = KRBroker::create("local:?memory=none");
     auto b = makeModule(broker, "b");
     const auto c = makeModule(broker, "c", [](TestModule& m) { m.exit(); });
@@ -89,14 +89,14 @@ TEST(KRSession, ManyThreadsWaitForManyServices) {
     }
 }
 
-TEST(KRSession, AServiceThatIsThereIsNotWaitedFor) {
+TEST(KRSession, AnExistingServiceIsNotWaitedFor) {
     const auto broker = KRBroker::create();
     broker->getSession().waitForService("KRMemory");
     EXPECT_TRUE(broker->getSession().waitForService("KRMemory", milliseconds(0)));
     EXPECT_TRUE(broker->getSession().waitForService("KRMemory", milliseconds(-5)));
 }
 
-TEST(KRSession, GivesUpWaitingAtTheTimeLimit) {
+TEST(KRSession, StopsWaitingAtTheTimeLimit) {
     const auto broker = KRBroker::create("local:?memory=none");
     EXPECT_FALSE(broker->getSession().waitForService("KRMemory", milliseconds(1)));
     EXPECT_FALSE(broker->getSession().waitForService("KRMemory", milliseconds(-1)));
@@ -112,7 +112,7 @@ TEST(KRSession, TheLongestTimeLimitWaitsForever) {
     EXPECT_TRUE(test::resultOf(waiting));
 }
 
-TEST(KRSession, AModuleThatIsOnItsWayOutIsNotAService) {
+TEST(KRSession, AnExitingModuleIsNotAService) {
     const auto broker = KRBroker::create();
     auto module = makeModule(broker, "m");
     module->exit();

@@ -25,7 +25,7 @@ using test::Event;
 using test::makeModule;
 using test::TestModule;
 
-// Those that there are when none of a broker is left; one of ThreadSanitizer's own comes with the first thread.
+// The number of threads without a broker; ThreadSanitizer's own thread starts with the first one.
 std::ptrdiff_t countThreads() {
     std::thread([] {}).join();
     return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
@@ -43,7 +43,7 @@ TEST(KRBrokerLifetime, AModuleKeepsItsBroker) {
     EXPECT_TRUE(watch.expired());
 }
 
-TEST(KRBrokerLifetime, TheLastModuleTakesTheBrokerWithItFromInsideItsOwnCall) {
+TEST(KRBrokerLifetime, TheLastModuleDestroysTheBrokerInsideItsOwnCall) {
     const auto threads = countThreads();
     for (int round = 0; round < 50; ++round) {
         auto broker = KRBroker::create();
@@ -59,7 +59,7 @@ TEST(KRBrokerLifetime, TheLastModuleTakesTheBrokerWithItFromInsideItsOwnCall) {
             m.onDestroyed = [&] { destroyed.set(); };
         });
         broker->getProxy("m")->post("leave");
-        broker.reset(); // from now on the module alone holds it
+        broker.reset(); // from now on, only the module holds it
         assigned.set();
         ASSERT_TRUE(destroyed.wait());
         EXPECT_TRUE(test::eventually([&] { return watch.expired(); }));
@@ -68,7 +68,7 @@ TEST(KRBrokerLifetime, TheLastModuleTakesTheBrokerWithItFromInsideItsOwnCall) {
         << countThreads() << " threads are left";
 }
 
-TEST(KRBrokerLifetime, TheLastModuleMayGoWhileAnEventIsDeliveredToIt) {
+TEST(KRBrokerLifetime, TheLastModuleMayBeDestroyedDuringAnEventDelivery) {
     const auto threads = countThreads();
     for (int round = 0; round < 50; ++round) {
         auto broker = KRBroker::create();
@@ -97,7 +97,7 @@ TEST(KRBrokerLifetime, TheLastModuleMayGoWhileAnEventIsDeliveredToIt) {
         << countThreads() << " threads are left";
 }
 
-TEST(KRBrokerLifetime, ABrokerMayGoWhileItsMemoryStillHasWorkPosted) {
+TEST(KRBrokerLifetime, ABrokerMayBeDestroyedWhileItsMemoryHasPostedWork) {
     for (int round = 0; round < 50; ++round) {
         auto broker = KRBroker::create();
         const auto acceptingSubscribers = [](TestModule& m) {
@@ -116,7 +116,7 @@ TEST(KRBrokerLifetime, ABrokerMayGoWhileItsMemoryStillHasWorkPosted) {
     }
 }
 
-TEST(KRBrokerLifetime, ManyBrokersComeAndGoOnManyThreads) {
+TEST(KRBrokerLifetime, BrokersAreCreatedAndDestroyedOnManyThreads) {
     std::vector<std::thread> threads;
     for (int i = 0; i < 4; ++i) {
         threads.emplace_back([] {

@@ -28,7 +28,7 @@ using test::makeModule;
 using test::TestModule;
 using testing::HasSubstr;
 
-/// Counts those who arrive; they stay until as many as expected are there.
+/// Counts arriving threads; they stay until the expected number has arrived.
 class Gathering {
 public:
     explicit Gathering(int expected) : expected_(expected) {}
@@ -66,14 +66,14 @@ TEST(KRCallThreads, AHundredBlockedCallsRunAtTheSameTime) {
     EXPECT_GE(broker->getCallThreadCount(), 100u);
 }
 
-TEST(KRCallThreads, ThereAreNoneBeforeACallIsPosted) {
+TEST(KRCallThreads, DoNotExistBeforeACallIsPosted) {
     const auto broker = KRBroker::create();
     const auto module = makeModule(broker, "m", [](TestModule& m) { m.add("go", [] {}); });
     broker->getProxy("m")->call("go");
     EXPECT_EQ(broker->getCallThreadCount(), 0u);
 }
 
-TEST(KRCallThreads, RetireWhenThereIsNothingLeftToDoAndComeBack) {
+TEST(KRCallThreads, EndWhenIdleAndStartAgain) {
     const auto broker = KRBroker::create();
     for (int round = 0; round < 2; ++round) {
         Gathering gathering(10);
@@ -87,7 +87,7 @@ TEST(KRCallThreads, RetireWhenThereIsNothingLeftToDoAndComeBack) {
     }
 }
 
-TEST(KRCallThreads, AnIdleThreadIsUsedAgain) {
+TEST(KRCallThreads, AnIdleThreadIsReused) {
     const auto broker = KRBroker::create();
     std::atomic<int> ran = 0;
     const auto module = makeModule(broker, "m", [&](TestModule& m) { m.add("go", [&] { ++ran; }); });
@@ -101,7 +101,7 @@ TEST(KRCallThreads, AnIdleThreadIsUsedAgain) {
     EXPECT_LT(most, 500u) << "one would do; a thread that has just counted is not idle yet";
 }
 
-TEST(KRCallThreads, TheThreadThatWasBusyLastGetsTheNextCall) {
+TEST(KRCallThreads, TheMostRecentlyBusyThreadGetsTheNextCall) {
     const auto broker = KRBroker::create("local:?memory=none");
     constexpr int kThreads = 4;
     std::vector<Event> release(kThreads);
@@ -121,7 +121,7 @@ TEST(KRCallThreads, TheThreadThatWasBusyLastGetsTheNextCall) {
         proxy->post("hold", i);
         ASSERT_TRUE(eventually([&] { return threads[i] != 0; }));
     }
-    // They become idle in another order than they were started in.
+    // They become idle in an order other than that of their start.
     for (const int i : {2, 0, 3, 1}) {
         release[i].set();
         ASSERT_TRUE(eventually([&] { return done[i] && isThreadAsleep(threads[i]); }));
@@ -131,7 +131,7 @@ TEST(KRCallThreads, TheThreadThatWasBusyLastGetsTheNextCall) {
     EXPECT_EQ(last, threads[1]);
 }
 
-TEST(KRCallThreads, ABlockedCallStarvesNoOther) {
+TEST(KRCallThreads, ABlockedCallDoesNotDelayOthers) {
     const auto broker = KRBroker::create();
     Event release;
     Event entered;
@@ -150,7 +150,7 @@ TEST(KRCallThreads, ABlockedCallStarvesNoOther) {
     EXPECT_TRUE(second.wait());
 }
 
-TEST(KRCallThreads, APostedCallMayPostAndWaitForThat) {
+TEST(KRCallThreads, APostedCallMayPostAnotherAndWaitForIt) {
     const auto broker = KRBroker::create();
     Event done;
     const auto module = makeModule(broker, "m", [&](TestModule& m) {
@@ -192,7 +192,7 @@ TEST(KRCallThreads, AFailingPostedCallIsLogged) {
     EXPECT_TRUE(recorded.waitFor(KRLogLevel::Error, "m.its own work failed: own failure"));
 }
 
-TEST(KRCallThreads, APostedCallStartsUnderTheirOwnThreadName) {
+TEST(KRCallThreads, APostedCallStartsUnderTheThreadsOwnName) {
     const auto broker = KRBroker::create();
     std::mutex mutex;
     std::set<std::string> names;
@@ -225,7 +225,7 @@ TEST(KRCallThreads, AModuleMayPostToItselfFromItsConstructor) {
     EXPECT_TRUE(ran.hasHappened()) << "a running call of the module, so the module waited for it";
 }
 
-TEST(KRCallThreads, ABrokerWithIdleCallThreadsEndsThem) {
+TEST(KRCallThreads, ABrokerEndsItsIdleCallThreads) {
     for (int round = 0; round < 50; ++round) {
         auto broker = KRBroker::create();
         Gathering gathering(4);
@@ -236,7 +236,7 @@ TEST(KRCallThreads, ABrokerWithIdleCallThreadsEndsThem) {
         }
         EXPECT_TRUE(gathering.complete.wait());
         module.reset();
-        broker.reset(); // some threads are idle, some still on their way there
+        broker.reset(); // some threads are idle, some soon will be
     }
 }
 

@@ -14,7 +14,7 @@ namespace {
 using test::makeModule;
 using test::TestModule;
 
-TEST(KRCameraInfo, WhatTheServiceTellsOfItselfArrivesFieldByField) {
+TEST(KRCameraInfo, EveryFieldOfTheServicesAnswerArrives) {
     const auto broker = KRBroker::create();
     const auto module = makeModule(broker, "KRVideoDevice", [](TestModule& m) {
         m.add("getCameraList", [] {
@@ -54,7 +54,7 @@ TEST(KRCameraInfo, WhatTheServiceTellsOfItselfArrivesFieldByField) {
     EXPECT_EQ(subscribers[0].toKRValue(), KRValue::array("me_1", 0, 2, 9, 30));
 }
 
-TEST(KRCameraInfo, AnAnswerOfAnotherFormIsAnError) {
+TEST(KRCameraInfo, AMalformedAnswerIsAnError) {
     EXPECT_THROW(KRCameraInfo::fromKRValue(KRValue::array(0, "test", 1)), KRError);
     EXPECT_THROW(KRCameraControl::fromKRValue(KRValue::array(1, 2, 3, 4, 5, 6, 7)), KRError);
     EXPECT_THROW(KRSubscriberInfo::fromKRValue(KRValue("me_1")), KRError);

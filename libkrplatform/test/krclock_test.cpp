@@ -24,7 +24,7 @@ KRRecordingClock& getRecordingClock(KRBroker& broker) {
     return dynamic_cast<KRRecordingClock&>(broker.getClock());
 }
 
-TEST(KRClock, IsThatOfTheMachineUnlessTheAddressSaysOtherwise) {
+TEST(KRClock, IsTheMachinesUnlessTheAddressSaysOtherwise) {
     const auto broker = KRBroker::create("local:");
     KRClock& clock = broker->getClock();
     EXPECT_FALSE(clock.isRecording());
@@ -40,7 +40,7 @@ TEST(KRClock, IsThatOfTheMachineUnlessTheAddressSaysOtherwise) {
     EXPECT_NEAR(static_cast<double>(clock.getTime_usec()), static_cast<double>(unix_usec.count()), 60e6);
 }
 
-TEST(KRClock, OfARecordingIsThereWithAndWithoutMemory) {
+TEST(KRClock, OfARecordingWorksWithAndWithoutMemory) {
     EXPECT_TRUE(KRBroker::create("local:?clock=recording")->getClock().isRecording());
     for (const char* url : {"local:?clock=recording&memory=none", "local:?memory=none&clock=recording"}) {
         const auto broker = KRBroker::create(url);
@@ -49,7 +49,7 @@ TEST(KRClock, OfARecordingIsThereWithAndWithoutMemory) {
     }
 }
 
-TEST(KRRecordingClock, TakesOverTheTimeStampsOfImages) {
+TEST(KRRecordingClock, FollowsTheTimeStampsOfImages) {
     KRRecordingClock clock;
     clock.advanceTo(kBeginning_usec);
     EXPECT_EQ(clock.getTime_usec(), kBeginning_usec);
@@ -59,7 +59,7 @@ TEST(KRRecordingClock, TakesOverTheTimeStampsOfImages) {
     EXPECT_EQ(clock.now() - start, milliseconds(40));
 }
 
-TEST(KRRecordingClock, MovesOnByTheUsualStepWhereTimeStampsSayNothing) {
+TEST(KRRecordingClock, AdvancesByTheUsualStepWithoutUsableTimeStamps) {
     constexpr auto kFirst = std::numeric_limits<std::int64_t>::min();
     constexpr auto kLast = std::numeric_limits<std::int64_t>::max();
     KRRecordingClock clock;
@@ -73,14 +73,14 @@ TEST(KRRecordingClock, MovesOnByTheUsualStepWhereTimeStampsSayNothing) {
     }
 }
 
-TEST(KRRecordingClock, ASleepOfTheThreadThatFetchesImagesMovesTheClock) {
+TEST(KRRecordingClock, ASleepOfTheFetchingThreadAdvancesTheClock) {
     KRRecordingClock clock;
     clock.advanceTo(kBeginning_usec);
     const auto start = clock.now();
     clock.sleepUntil(start + hours(1)); // would take too long for this test
     EXPECT_EQ(clock.now() - start, hours(1));
     EXPECT_EQ(clock.getTime_usec(), kBeginning_usec + 3'600'000'000);
-    clock.advanceTo(kBeginning_usec + 1000); // comes late, as the clock never goes back
+    clock.advanceTo(kBeginning_usec + 1000); // too late: the clock never goes back
     EXPECT_EQ(clock.now() - start, hours(1));
     EXPECT_EQ(clock.getTime_usec(), kBeginning_usec + 1000);
 }
@@ -93,7 +93,7 @@ TEST(KRRecordingClock, PacingTakesNoTime) {
     EXPECT_EQ(clock.now(), start);
 }
 
-TEST(KRRecordingClock, ASleepBeforeTheFirstImageMovesTheClock) {
+TEST(KRRecordingClock, ASleepBeforeTheFirstImageAdvancesTheClock) {
     KRRecordingClock clock;
     const auto start = clock.now();
     clock.sleepMilliseconds(3'600'000);
@@ -122,7 +122,7 @@ TEST(KRRecordingClock, ItsEndEndsAllSleeps) {
     EXPECT_TRUE(clock.hasEnded());
 }
 
-TEST(KRRecordingClock, AWaitForAServiceTakesTimeOfTheRecordingOnly) {
+TEST(KRRecordingClock, AWaitForAServiceTakesRecordingTimeOnly) {
     const auto broker = KRBroker::create("local:?clock=recording");
     KRRecordingClock& clock = getRecordingClock(*broker);
     clock.advanceTo(kBeginning_usec);

@@ -13,12 +13,12 @@ using testing::HasSubstr;
 using testing::Not;
 using testing::StartsWith;
 
-TEST(KRError, SaysModuleMethodDescriptionAndPlaceInOneLine) {
+TEST(KRError, NamesModuleMethodDescriptionAndLocationInOneLine) {
     const KRError error("camera", "open", "it is unplugged", {"src/camera.cpp", "open", 12});
     EXPECT_STREQ(error.what(), "camera.open: it is unplugged (src/camera.cpp:12)");
 }
 
-TEST(KRError, GivesItsPartsAsTheyWereGiven) {
+TEST(KRError, ReturnsItsParts) {
     const KRError error("camera", "open", "first\nsecond", {"src/camera.cpp", "open", 12});
     EXPECT_EQ(error.getModule(), "camera");
     EXPECT_EQ(error.getMethod(), "open");

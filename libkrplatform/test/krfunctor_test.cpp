@@ -57,7 +57,7 @@ TEST(KRFunctor, AVoidMemberReturnsAnInvalidValue) {
     EXPECT_FALSE(createFunctor(&object, &Base::nothing)->getFunction().invoke({}).isValid());
 }
 
-TEST(KRFunctor, CallOfTheBaseClassLogsAndLeavesTheResultAlone) {
+TEST(KRFunctor, CallOfTheBaseClassLogsAndLeavesTheResultUnchanged) {
     Base object;
     const auto functor = createFunctor(&object, &Base::who);
     KRValue result = "untouched";
@@ -81,7 +81,7 @@ TEST(KRFunctor, CallMayBeOverridden) {
     EXPECT_EQ(result, 42);
 }
 
-TEST(KRFunctor, ReleasesTheFunctionItHoldsWhenItGoes) {
+TEST(KRFunctor, ReleasesItsFunctionWhenDestroyed) {
     const auto held = std::make_shared<int>(0);
     {
         KRFunctorBase functor(
@@ -91,7 +91,7 @@ TEST(KRFunctor, ReleasesTheFunctionItHoldsWhenItGoes) {
     EXPECT_EQ(held.use_count(), 1);
 }
 
-TEST(KRArgumentType, HasANameForPeople) {
+TEST(KRArgumentType, HasAReadableName) {
     using enum KRArgumentType;
     std::vector<std::string> names;
     for (const KRArgumentType type : {Void, Bool, Int, Float, String, Binary, Array, Value}) {

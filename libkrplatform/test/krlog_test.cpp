@@ -30,7 +30,7 @@ using testing::IsEmpty;
 using testing::Not;
 using testing::SizeIs;
 
-/// What the function writes to standard error.
+/// Captures what the function writes to standard error.
 template <class Function>
 std::string standardErrorOf(Function function) {
     testing::internal::CaptureStderr();
@@ -39,7 +39,7 @@ std::string standardErrorOf(Function function) {
     return testing::internal::GetCapturedStderr();
 }
 
-TEST(KRLog, ARecordCarriesLevelCategoryMessagePlaceThreadAndTime) {
+TEST(KRLog, ARecordHasLevelCategoryMessageLocationThreadAndTime) {
     std::optional<KRLogRecord> heard;
     const KRLogListener listener([&](const KRLogRecord& record) { heard = record; });
     const auto before = std::chrono::system_clock::now();
@@ -72,7 +72,7 @@ TEST(KRLog, EachLevelHasItsFunction) {
                                              KRLogLevel::Verbose));
 }
 
-TEST(KRLog, ALineEndAtTheEndIsNoPartOfTheRecord) {
+TEST(KRLog, ATrailingLineEndIsNotPartOfTheRecord) {
     const RecordedLog recorded;
     logError("KRImage", "cannot convert\n");
     logError("KRImage", "first\nsecond\r\n");
@@ -86,7 +86,7 @@ TEST(KRLog, StandardErrorGetsOneLinePerRecord) {
     EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1);
 }
 
-TEST(KRLog, StandardErrorShowsTheChosenLevelAndGraverOnes) {
+TEST(KRLog, StandardErrorShowsTheChosenLevelAndMoreSevereOnes) {
     EXPECT_THAT(standardErrorOf([] { logInfo("c", "first"); }), Not(IsEmpty()));
     EXPECT_THAT(standardErrorOf([] { logVerbose("c", "second"); }), IsEmpty());
     setLogLevel(KRLogLevel::Warning);
@@ -103,7 +103,7 @@ TEST(KRLog, ALineBeginsWithDateAndTime) {
                                        "[0-9][0-9][0-9]. error c: dated"));
 }
 
-TEST(KRLog, ACategoryAndThoseBelowItMayHaveALevel) {
+TEST(KRLog, ACategoryAndItsSubcategoriesMayHaveALevel) {
     setLogLevels("warning,krdds=debug,krdds.link=error");
     EXPECT_EQ(getLogLevels(), "warning,krdds=verbose,krdds.link=error");
     EXPECT_THAT(standardErrorOf([] { logInfo("c", "a"); }), IsEmpty());
@@ -113,12 +113,12 @@ TEST(KRLog, ACategoryAndThoseBelowItMayHaveALevel) {
     EXPECT_THAT(standardErrorOf([] { logInfo("krddsother", "e"); }), IsEmpty());
     setLogLevels("verbose");
     EXPECT_THAT(standardErrorOf([] { logVerbose("krdds.link", "f"); }), Not(IsEmpty()))
-        << "a level alone is for all categories";
+        << "a level alone applies to all categories";
     setLogLevels("info");
     EXPECT_EQ(getLogLevels(), "info");
 }
 
-TEST(KRLog, WhatIsNoLevelIsRefusedAndChangesNothing) {
+TEST(KRLog, AnInvalidLevelIsRefusedAndChangesNothing) {
     const std::string before = getLogLevels();
     const auto refusalOf = [](const std::string& levels) -> std::string {
         try {
@@ -142,7 +142,7 @@ TEST(KRLog, WhatIsNoLevelIsRefusedAndChangesNothing) {
     EXPECT_EQ(getLogLevels(), before);
 }
 
-TEST(KRLog, AMessageThatLooksLikeAFormatIsPrintedAsItIs) {
+TEST(KRLog, AMessageThatLooksLikeAFormatIsPrintedVerbatim) {
     EXPECT_THAT(standardErrorOf([] { logError("{}", "{0} %s {"); }), HasSubstr("error {}: {0} %s {"));
 }
 
@@ -152,7 +152,7 @@ TEST(KRLogListener, HearsRecordsThatStandardErrorDoesNotShow) {
     EXPECT_THAT(recorded.find(KRLogLevel::Verbose, "quiet"), SizeIs(1));
 }
 
-TEST(KRLogListener, HearsNothingMoreOnceItIsGone) {
+TEST(KRLogListener, HearsNothingAfterItsDestruction) {
     int first = 0;
     int second = 0;
     const KRLogListener stays([&](const KRLogRecord&) { ++first; });
@@ -175,11 +175,11 @@ TEST(KRLogListener, DoesNotHearWhatItLogsItself) {
     });
     logVerbose("c", "question");
     EXPECT_TRUE(flushLog());
-    EXPECT_TRUE(flushLog()); // also the answer
+    EXPECT_TRUE(flushLog()); // including the answer
     EXPECT_EQ(heard, 1);
 }
 
-TEST(KRLogListener, TwoThatLogDoNotAnswerEachOtherForEver) {
+TEST(KRLogListener, TwoThatLogDoNotAnswerEachOtherForever) {
     std::vector<std::string> heardByFirst;
     std::vector<std::string> heardBySecond;
     const KRLogListener first([&](const KRLogRecord& record) {
@@ -257,7 +257,7 @@ TEST(KRLogListener, ItsDestructorWaitsForTheFunctionOnAnotherThread) {
     logging.join();
 }
 
-TEST(KRLogListener, LocksNothingThatAnotherThreadNeedsToLog) {
+TEST(KRLogListener, HoldsNoLockThatOtherThreadsNeedToLog) {
     std::atomic<int> heard = 0;
     const KRLogListener listener([&](const KRLogRecord& record) {
         ++heard;
@@ -271,7 +271,7 @@ TEST(KRLogListener, LocksNothingThatAnotherThreadNeedsToLog) {
     EXPECT_EQ(heard, 2);
 }
 
-TEST(KRLogListener, RunsWithoutALockOfWhoeverLogged) {
+TEST(KRLogListener, RunsWithoutTheLocksOfTheLoggingThread) {
     std::mutex mutex;
     bool heard = false; // guarded by mutex
     const KRLogListener listener([&](const KRLogRecord&) {
@@ -286,7 +286,7 @@ TEST(KRLogListener, RunsWithoutALockOfWhoeverLogged) {
     EXPECT_TRUE(heard);
 }
 
-TEST(KRLogListener, MayThrowWithoutHarmToWhoeverLogs) {
+TEST(KRLogListener, MayThrowWithoutHarmingTheLoggingThread) {
     int heard = 0;
     const KRLogListener throwing([](const KRLogRecord&) { throw std::runtime_error("listener"); });
     const KRLogListener counting([&](const KRLogRecord&) { ++heard; });
@@ -295,7 +295,7 @@ TEST(KRLogListener, MayThrowWithoutHarmToWhoeverLogs) {
     EXPECT_EQ(heard, 1);
 }
 
-TEST(KRLogListener, ComesAndGoesWhileOthersLog) {
+TEST(KRLogListener, MayBeCreatedAndDestroyedWhileOthersLog) {
     std::atomic<bool> done = false;
     std::vector<std::thread> loggers;
     for (int i = 0; i < 3; ++i) {
@@ -306,7 +306,7 @@ TEST(KRLogListener, ComesAndGoesWhileOthersLog) {
         });
     }
     for (int round = 0; round < 300; ++round) {
-        auto alive = std::make_unique<std::atomic<bool>>(true); // ASan tells if it is heard after it has gone
+        auto alive = std::make_unique<std::atomic<bool>>(true); // ASan detects use after destruction
         Event heard;
         const KRLogListener listener([&](const KRLogRecord&) {
             EXPECT_TRUE(*alive);

@@ -107,14 +107,14 @@ std::size_t countRepetitions(const std::string& text) {
     return sum;
 }
 
-TEST(KRLogConsole, ShowsNoControlCharactersOfOthers) {
+TEST(KRLogConsole, EscapesControlCharactersInMessages) {
     PipedStandardError error;
     error.read();
     logError("cat\x1b[2J", "a module named \x1b]0;title\x07 \xC2\x9B\xFF");
     EXPECT_TRUE(error.waitFor("error cat\\x1B[2J: a module named \\x1B]0;title\\x07 \\xC2\\x9B\\xFF\n"));
 }
 
-TEST(KRLogConsole, CutsAVeryLongLine) {
+TEST(KRLogConsole, TruncatesAVeryLongLine) {
     const RecordedLog recorded;
     PipedStandardError error;
     error.read();
@@ -143,7 +143,7 @@ TEST(KRLogConsole, ARepeatedLineIsPrintedOnceAndThenCountedAtGrowingIntervals) {
     EXPECT_LT(countRepetitions(error.getText()), logged);
 }
 
-TEST(KRLogConsole, LinesOfAnotherLevelCategoryOrTextAreNoRepetitions) {
+TEST(KRLogConsole, LinesOfAnotherLevelCategoryOrTextAreNotRepetitions) {
     PipedStandardError error;
     error.read();
     logError("console.a", "one");
@@ -154,17 +154,17 @@ TEST(KRLogConsole, LinesOfAnotherLevelCategoryOrTextAreNoRepetitions) {
     EXPECT_EQ(countOf(error.getText(), "\n"), 4U);
 }
 
-TEST(KRLogConsole, AStandardErrorThatNobodyReadsBlocksNobodyAndTheLossIsReported) {
+TEST(KRLogConsole, AnUnreadStandardErrorBlocksNobodyAndTheLossIsReported) {
     std::atomic<int> heard = 0;
     PipedStandardError error;
     const KRLogListener listener(
         [&](const KRLogRecord& record) { heard += record.category == "stuck" ? 1 : 0; });
     constexpr int kRecords = 20'000;
     const std::string padding(200, '.');
-    for (int i = 0; i < kRecords; ++i) { // four times what may wait
+    for (int i = 0; i < kRecords; ++i) { // four times the size of the queue
         logError("stuck", std::to_string(i) + padding);
         if (i % 1000 == 999) {
-            EXPECT_TRUE(eventually([&] { return heard == i + 1; })) << "listeners hear all the same";
+            EXPECT_TRUE(eventually([&] { return heard == i + 1; })) << "listeners still hear them";
         }
     }
     error.read();
@@ -178,7 +178,7 @@ TEST(KRLogConsole, AStandardErrorThatNobodyReadsBlocksNobodyAndTheLossIsReported
     EXPECT_TRUE(error.waitFor("it goes on"));
 }
 
-TEST(KRLogConsole, AStandardErrorWhoseReaderHasGoneHarmsNobody) {
+TEST(KRLogConsole, AStandardErrorWhoseReaderClosedHarmsNobody) {
     const RecordedLog recorded;
     {
         PipedStandardError error;
@@ -193,7 +193,7 @@ TEST(KRLogConsole, AStandardErrorWhoseReaderHasGoneHarmsNobody) {
     EXPECT_EQ(recorded.find(KRLogLevel::Error, "into the void").size(), 1U);
 }
 
-TEST(KRLog, RecordsThatASlowListenerHasNoTimeForAreCountedAndReported) {
+TEST(KRLog, RecordsLostByASlowListenerAreCountedAndReported) {
     setLogLevel(KRLogLevel::Error);
     std::size_t heard = 0; // on the log thread
     Event release;
@@ -225,7 +225,7 @@ protected:
 
 using KRLogAtTheEndDeathTest = KRLogAtTheEnd;
 
-TEST_F(KRLogAtTheEndDeathTest, ExitWritesWhatWaitsAndWhatWasCounted) {
+TEST_F(KRLogAtTheEndDeathTest, ExitWritesQueuedLinesAndCounts) {
     EXPECT_EXIT(
         {
             for (int i = 0; i < 5; ++i) {
@@ -249,7 +249,7 @@ void exitWithAStuckStandardError() {
     std::exit(7);
 }
 
-TEST_F(KRLogAtTheEndDeathTest, ExitDoesNotWaitForAStandardErrorThatNobodyReads) {
+TEST_F(KRLogAtTheEndDeathTest, ExitDoesNotWaitForAnUnreadStandardError) {
     EXPECT_EXIT(exitWithAStuckStandardError(), testing::ExitedWithCode(7), "");
 }
 
@@ -257,7 +257,7 @@ struct LogsWhenDestroyed {
     ~LogsWhenDestroyed() { logError("end", "from a static destructor"); }
 };
 
-TEST_F(KRLogAtTheEndDeathTest, WhatStaticDestructorsLogIsWritten) {
+TEST_F(KRLogAtTheEndDeathTest, LinesOfStaticDestructorsAreWritten) {
     EXPECT_EXIT(
         {
             static const LogsWhenDestroyed first; // destroyed after the log's own end
@@ -267,7 +267,7 @@ TEST_F(KRLogAtTheEndDeathTest, WhatStaticDestructorsLogIsWritten) {
         testing::ExitedWithCode(0), "from a static destructor");
 }
 
-TEST_F(KRLogAtTheEndDeathTest, TerminateWritesWhatWaits) {
+TEST_F(KRLogAtTheEndDeathTest, TerminateWritesQueuedLines) {
     EXPECT_DEATH(
         {
             logError("end", "last words");
@@ -276,7 +276,7 @@ TEST_F(KRLogAtTheEndDeathTest, TerminateWritesWhatWaits) {
         "last words");
 }
 
-TEST_F(KRLogAtTheEndDeathTest, TerminateOnTheLogThreadWritesWhatWaits) {
+TEST_F(KRLogAtTheEndDeathTest, TerminateOnTheLogThreadWritesQueuedLines) {
     EXPECT_DEATH(
         {
             const KRLogListener listener([](const KRLogRecord&) {
@@ -291,7 +291,7 @@ TEST_F(KRLogAtTheEndDeathTest, TerminateOnTheLogThreadWritesWhatWaits) {
 
 // ThreadSanitizer does not support threads in a process forked by one that has several.
 #ifndef __SANITIZE_THREAD__
-TEST(KRLog, AForkedProcessLogsByItself) {
+TEST(KRLog, AForkedProcessLogsOnItsOwn) {
     PipedStandardError error;
     error.read();
     std::atomic<bool> done = false;

@@ -33,7 +33,7 @@ std::vector<std::string> getMessages(const KRLogExcerpt& excerpt, const std::str
     return messages;
 }
 
-TEST(KRLogFormat, EachFormHasOneLineThatNothingInItCanBreak) {
+TEST(KRLogFormat, EachFormIsAlwaysOneLine) {
     const KRLogRecord record = makeRecord(KRLogLevel::Warning, "a \"b\" \\ c\nd\x1b[2J\xff");
     EXPECT_EQ(formatLogRecord(record, KRLogFormat::Json),
               R"({"time":"2017-07-14T02:40:00.007Z","level":"warning","category":"some.where",)"
@@ -47,14 +47,14 @@ TEST(KRLogFormat, EachFormHasOneLineThatNothingInItCanBreak) {
     EXPECT_EQ(formatLogRecord(makeRecord(KRLogLevel::Verbose, ""), KRLogFormat::Journal)[1], '7');
 }
 
-TEST(KRLogFormat, ItsNamesAreReadBack) {
+TEST(KRLogFormat, ItsNamesAreParsed) {
     for (const KRLogFormat format : {KRLogFormat::Text, KRLogFormat::Json, KRLogFormat::Journal}) {
         EXPECT_EQ(parseLogFormat(getLogFormatName(format)), format);
     }
     EXPECT_THROW(parseLogFormat("xml"), std::invalid_argument);
 }
 
-TEST(KRLogRecords, AreThoseSinceAnEarlierLook) {
+TEST(KRLogRecords, AreThoseSinceAnEarlierQuery) {
     const std::string before = getLogRecords("").now;
     logInfo("records.test", "first");
     logVerbose("records.test", "not printed");
@@ -70,10 +70,10 @@ TEST(KRLogRecords, AreThoseSinceAnEarlierLook) {
         << "another process";
     EXPECT_THAT(getMessages(getLogRecords(first.now + "000"), "records.test"),
                 testing::ElementsAre("first", "second"))
-        << "a look that never was";
+        << "a query that never was";
 }
 
-TEST(KRLogRecords, TheOldestAreLostAndCountedWhenThereAreTooMany) {
+TEST(KRLogRecords, TheOldestOfTooManyAreLostAndCounted) {
     const std::string before = getLogRecords("").now;
     constexpr int kRecords = 2000;
     for (int i = 0; i < kRecords; ++i) {
@@ -90,7 +90,7 @@ TEST(KRLogRecords, TheOldestAreLostAndCountedWhenThereAreTooMany) {
     EXPECT_THAT(all.records.back().message, testing::StartsWith(std::to_string(kRecords - 1) + "."));
 }
 
-TEST(KRLogRecords, EveryModuleAnswersWithThem) {
+TEST(KRLogRecords, EveryModuleReturnsThem) {
     const auto broker = KRBroker::create("local:");
     const auto memory = broker->getProxy("KRMemory");
     logError("records.module", "it \n is broken");

@@ -26,7 +26,7 @@ using testing::Pair;
 using testing::SizeIs;
 using testing::ThrowsMessage;
 
-TEST(KRMemory, KeepsWhatWasWrittenLast) {
+TEST(KRMemory, KeepsTheLastValueWritten) {
     KRMemoryProxy memory(KRBroker::create());
     memory.insertData("key", 1);
     EXPECT_EQ(memory.getData("key"), 1);
@@ -43,14 +43,14 @@ TEST(KRMemory, KeepsAValueOfEveryType) {
     }
 }
 
-TEST(KRMemory, CopiesNoBytesOfABinary) {
+TEST(KRMemory, DoesNotCopyTheBytesOfABinary) {
     KRMemoryProxy memory(KRBroker::create());
     const KRBinary pixels = KRBinary::copyOf("pixels", 6);
     memory.insertData("image", KRValue::array(pixels));
     EXPECT_EQ(memory.getData("image")[0].GetBinary().data(), pixels.data());
 }
 
-TEST(KRMemory, AKeyThatIsNotThereIsAnErrorThatNamesIt) {
+TEST(KRMemory, AMissingKeyIsAnErrorThatNamesIt) {
     KRMemoryProxy memory(KRBroker::create());
     const auto namesIt = ThrowsMessage<KRError>(HasSubstr("there is no data named key"));
     EXPECT_THAT([&] { memory.getData("key"); }, namesIt);
@@ -85,7 +85,7 @@ TEST(KRMemory, KnowsWhenAnEventWasLastRaised) {
     EXPECT_GE(memory.getTimestamp("event"), before);
 }
 
-TEST(KRMemory, GivesATimeAsTwoIntsAsImagesDo) {
+TEST(KRMemory, ReturnsATimeAsTwoIntsLikeImages) {
     KRMemoryProxy memory(KRBroker::create());
     memory.insertData("key", 1);
     const auto time = memory.getProxy().call<std::vector<int>>("getTimestamp", "key");
@@ -95,7 +95,7 @@ TEST(KRMemory, GivesATimeAsTwoIntsAsImagesDo) {
     EXPECT_EQ(time[0] * std::int64_t{1000000} + time[1], memory.getTimestamp("key"));
 }
 
-TEST(KRMemory, ForgetsWhatIsRemoved) {
+TEST(KRMemory, ForgetsRemovedKeys) {
     KRMemoryProxy memory(KRBroker::create());
     memory.insertData("key", 1);
     memory.removeData("key");
@@ -104,7 +104,7 @@ TEST(KRMemory, ForgetsWhatIsRemoved) {
     EXPECT_THAT(memory.getDataList(), IsEmpty());
 }
 
-TEST(KRMemory, ListsTheKeysThatBeginWithAPrefix) {
+TEST(KRMemory, ListsTheKeysWithAPrefix) {
     KRMemoryProxy memory(KRBroker::create());
     for (const char* key : {"Face/Count", "Face", "Fac", "Faces", "Motion", ""}) {
         memory.insertData(key, 1);
@@ -127,7 +127,7 @@ TEST(KRMemory, WritesManyValuesInOneCall) {
     EXPECT_EQ(memory.getDataValues("Key"), list);
 }
 
-TEST(KRMemory, WritesAllOfAListOrNothing) {
+TEST(KRMemory, WritesAListEntirelyOrNotAtAll) {
     const auto broker = KRBroker::create();
     KRMemoryProxy memory(broker);
     EXPECT_THROW(memory.insertListData({{"A", 1}, {std::string(1025, 'x'), 2}}), KRError);
@@ -137,7 +137,7 @@ TEST(KRMemory, WritesAllOfAListOrNothing) {
     EXPECT_THAT(memory.getDataList(), IsEmpty());
 }
 
-TEST(KRMemory, GetsTheValuesThatBeginWithAPrefix) {
+TEST(KRMemory, GetsTheValuesWithAPrefix) {
     KRMemoryProxy memory(KRBroker::create());
     memory.insertListData({{"Face", 1}, {"Face/Count", "two"}, {"Motion", 3}});
     EXPECT_THAT(memory.getDataValues("Face"),
@@ -154,7 +154,7 @@ std::vector<std::string> getKeys(const KRMemoryChanges& changes) {
     return keys;
 }
 
-TEST(KRMemory, GetsWhatWasWrittenSinceAnEarlierCall) {
+TEST(KRMemory, GetsValuesWrittenSinceAnEarlierCall) {
     const auto broker = KRBroker::create();
     KRMemoryProxy memory(broker);
     memory.insertListData({{"A", 1}, {"B", 2}, {"Other", 3}});
@@ -175,7 +175,7 @@ TEST(KRMemory, GetsWhatWasWrittenSinceAnEarlierCall) {
     EXPECT_THAT(getKeys(another.getDataChanges("", "nonsense", 1000)), ElementsAre("A", "B"));
 }
 
-TEST(KRMemory, LeavesOutLargeValuesOfWhatWasWritten) {
+TEST(KRMemory, LeavesOutLargeChangedValues) {
     KRMemoryProxy memory(KRBroker::create());
     memory.insertData("Image", KRValue::array(KRBinary::copyOf(std::string(5000, 'x').data(), 5000)));
     memory.insertData("Count", 1);
@@ -187,7 +187,7 @@ TEST(KRMemory, LeavesOutLargeValuesOfWhatWasWritten) {
     EXPECT_GE(changes.changes[1].bytes, 5000);
 }
 
-TEST(KRMemory, RefusesNamesAndValuesThatAreTooLargeAndSaysHowLargeTheyMayBe) {
+TEST(KRMemory, RefusesTooLargeNamesAndValuesAndStatesTheLimit) {
     KRMemoryProxy memory(KRBroker::create());
     const std::string longest(1024, 'x');
     memory.insertData(longest, 1);
@@ -227,7 +227,7 @@ TEST(KRMemory, IsAModuleLikeAnyOther) {
                                    "getEventList", "getEventSubscribers", "setEventLimits"));
 }
 
-TEST(KRMemory, WithoutOneEachOperationIsAnError) {
+TEST(KRMemory, WithoutOneEveryOperationThrows) {
     KRMemoryProxy memory(KRBroker::create("local:?memory=none"));
     EXPECT_EQ(memory.getProxy().getModuleName(), "KRMemory");
     EXPECT_THAT([&] { memory.insertData("key", 1); },
@@ -237,7 +237,7 @@ TEST(KRMemory, WithoutOneEachOperationIsAnError) {
     EXPECT_THROW(memory.raiseEvent("event", 1), KRError);
 }
 
-TEST(KRMemory, MayBeAModuleOfOnesOwn) {
+TEST(KRMemory, CanBeReplacedByAnotherModule) {
     const auto broker = KRBroker::create("local:?memory=none");
     std::vector<std::string> asked;
     const auto own = makeModule(broker, "KRMemory", [&](TestModule& m) {
@@ -290,7 +290,7 @@ KRBinary makeBinaryThatCalls(KRMemoryProxy& memory, int& released) {
             1};
 }
 
-TEST(KRMemory, LocksNothingWhileItLetsAValueGo) {
+TEST(KRMemory, HoldsNoLockWhileItReleasesAValue) {
     KRMemoryProxy memory(KRBroker::create());
     int released = 0;
     memory.insertData("key", makeBinaryThatCalls(memory, released));

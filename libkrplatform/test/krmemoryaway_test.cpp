@@ -30,7 +30,7 @@ using testing::IsEmpty;
 using testing::SizeIs;
 using testing::UnorderedElementsAre;
 
-/// A broker whose memory module goes and comes back, and records its calls.
+/// A broker whose memory module leaves and returns, and records its calls.
 class KRMemoryAway : public testing::Test {
 protected:
     void startMemory() {
@@ -65,7 +65,7 @@ protected:
         const std::lock_guard lock(mutex);
         return calls;
     }
-    /// The calls to the memory, once there are so many.
+    /// Waits for that many calls to the memory and returns them.
     std::vector<KRValue> waitForCalls(std::size_t count) const {
         EXPECT_TRUE(eventually([&] { return getCalls().size() >= count; }));
         return getCalls();
@@ -79,7 +79,7 @@ protected:
     KRModuleHandle<TestModule> module;
 };
 
-TEST_F(KRMemoryAway, AListOfValuesIsKeptAndHandedOver) {
+TEST_F(KRMemoryAway, AListOfValuesIsKeptAndSentLater) {
     startMemory();
     memory.insertData("A", 1);
     stopMemory();
@@ -90,7 +90,7 @@ TEST_F(KRMemoryAway, AListOfValuesIsKeptAndHandedOver) {
                 ElementsAre(KRValue::array("insertData", "A", 2), KRValue::array("insertData", "B", 3)));
 }
 
-TEST_F(KRMemoryAway, TheNewestValueOfEachKeyAndTheEventsAreKeptAndHandedOverInOrder) {
+TEST_F(KRMemoryAway, TheNewestValuesAndTheEventsAreKeptAndSentInOrder) {
     startMemory();
     memory.insertData("A", 1);
     stopMemory();
@@ -110,7 +110,7 @@ TEST_F(KRMemoryAway, TheNewestValueOfEachKeyAndTheEventsAreKeptAndHandedOverInOr
     EXPECT_EQ(waitForCalls(5).back(), KRValue::array("insertData", "A", 4));
 }
 
-TEST_F(KRMemoryAway, ItIsLoggedOnceWhenTheMemoryGoesAndOnceWhenItIsBack) {
+TEST_F(KRMemoryAway, LeavingAndReturningAreLoggedOnceEach) {
     startMemory();
     memory.insertData("A", 1);
     for (int round = 0; round < 2; ++round) {
@@ -132,7 +132,7 @@ TEST_F(KRMemoryAway, ItIsLoggedOnceWhenTheMemoryGoesAndOnceWhenItIsBack) {
     EXPECT_THAT(recorded.find(KRLogLevel::Warning, ""), SizeIs(2));
 }
 
-TEST_F(KRMemoryAway, AMemoryThatWasNeverUsedLeavesWithoutALine) {
+TEST_F(KRMemoryAway, AnUnusedMemoryLeavesWithoutALogLine) {
     startMemory();
     stopMemory();
     startMemory();
@@ -150,7 +150,7 @@ TEST_F(KRMemoryAway, BeforeTheFirstMemoryModuleEverythingThrows) {
     EXPECT_THAT(getCalls(), ElementsAre(KRValue::array("insertData", "B", 1)));
 }
 
-TEST_F(KRMemoryAway, DeclarationsAndSubscriptionsMadeMeanwhileReachTheNextOne) {
+TEST_F(KRMemoryAway, DeclarationsAndSubscriptionsReachTheNextOne) {
     startMemory();
     memory.declareEvent("Before", "extractor");
     stopMemory();
@@ -167,7 +167,7 @@ TEST_F(KRMemoryAway, DeclarationsAndSubscriptionsMadeMeanwhileReachTheNextOne) {
                                      KRValue::array("subscribeToEvent", "Before", "client", "onEvent")));
 }
 
-TEST_F(KRMemoryAway, TheOldestEventsThatDoNotFitAreLostAndCounted) {
+TEST_F(KRMemoryAway, TheOldestEventsBeyondTheLimitAreLostAndCounted) {
     constexpr int kEvents = 100;
     startMemory();
     memory.insertData("A", 1);
@@ -191,7 +191,7 @@ TEST_F(KRMemoryAway, TheOldestEventsThatDoNotFitAreLostAndCounted) {
     EXPECT_EQ(handedOver.back()[2][0], kEvents - 1);
 }
 
-TEST_F(KRMemoryAway, WhatTheNextOneRefusesIsLoggedAndCountedAndTheRestGoesOn) {
+TEST_F(KRMemoryAway, WhatTheNextOneRefusesIsLoggedCountedAndSkipped) {
     startMemory();
     memory.insertData("A", 1);
     stopMemory();
@@ -202,10 +202,10 @@ TEST_F(KRMemoryAway, WhatTheNextOneRefusesIsLoggedAndCountedAndTheRestGoesOn) {
     EXPECT_TRUE(recorded.waitFor(KRLogLevel::Warning, "the event Refused was kept, but is refused: "));
     EXPECT_TRUE(recorded.waitFor(KRLogLevel::Warning, "0 values and 1 event that were kept; 1 were lost"));
     memory.raiseEvent("E", 3);
-    EXPECT_THROW(memory.raiseEvent("Refused", 1), KRError) << "a memory that is there may refuse";
+    EXPECT_THROW(memory.raiseEvent("Refused", 1), KRError) << "a memory that is present may refuse";
 }
 
-TEST(KRMemoryAwayAtTheEnd, WhatIsKeptWhenTheBrokerGoesIsReportedAsLost) {
+TEST(KRMemoryAwayAtTheEnd, WhatIsKeptWhenTheBrokerIsDestroyedIsReportedAsLost) {
     const RecordedLog recorded;
     {
         const auto broker = KRBroker::create("local:?memory=none");
@@ -220,7 +220,7 @@ TEST(KRMemoryAwayAtTheEnd, WhatIsKeptWhenTheBrokerGoesIsReportedAsLost) {
                 SizeIs(1));
 }
 
-TEST_F(KRMemoryAway, ThreadsThatWriteWhileItRestartsLoseNothing) {
+TEST_F(KRMemoryAway, NothingWrittenDuringARestartIsLost) {
     startMemory();
     constexpr int kThreads = 3;
     std::vector<std::thread> writers;
@@ -254,7 +254,7 @@ TEST_F(KRMemoryAway, ThreadsThatWriteWhileItRestartsLoseNothing) {
     std::vector<int> next(kThreads, 1);
     for (const KRValue& call : all) {
         const auto thread = std::size_t(call[1].to<std::string>().back() - '0');
-        EXPECT_EQ(call[2], next.at(thread)++) << "in the order of raising";
+        EXPECT_EQ(call[2], next.at(thread)++) << "in the order they were raised";
     }
 }
 

@@ -23,7 +23,7 @@ constexpr int kRounds = 60;
 void tryTo(const std::function<void()>& function) {
     try {
         function();
-    } catch (const KRError&) { // whom it needs is not there just now
+    } catch (const KRError&) { // a module that it needs is not there just now
     }
 }
 
@@ -33,7 +33,7 @@ void joinAll(std::vector<std::thread>& threads) {
     }
 }
 
-TEST(KRMemoryChurn, ClientsComeAndGoAndTheExtractorIsLeftWithoutSubscribers) {
+TEST(KRMemoryChurn, AfterClientsComeAndGoTheExtractorHasNoSubscribers) {
     const auto broker = KRBroker::create();
     KRMemoryProxy memory(broker);
     const auto extractor = createModule<FakeExtractor>(broker, "extractor");
@@ -61,7 +61,7 @@ TEST(KRMemoryChurn, ClientsComeAndGoAndTheExtractorIsLeftWithoutSubscribers) {
     EXPECT_EQ(memory.getEventSubscribers("second"), KRValue::array());
 }
 
-TEST(KRMemoryChurn, AClientIsSubscribedFromOutsideWhileItGoes) {
+TEST(KRMemoryChurn, AClientIsSubscribedByOthersDuringItsDestruction) {
     const auto broker = KRBroker::create();
     KRMemoryProxy memory(broker);
     const auto extractor = createModule<FakeExtractor>(broker, "extractor");
@@ -82,8 +82,7 @@ TEST(KRMemoryChurn, AClientIsSubscribedFromOutsideWhileItGoes) {
     }
     done = true;
     joinAll(others);
-    EXPECT_EQ(memory.getEventSubscribers("event"), KRValue::array())
-        << "nobody is subscribed who is not there";
+    EXPECT_EQ(memory.getEventSubscribers("event"), KRValue::array()) << "no destroyed client is subscribed";
     EXPECT_TRUE(extractor->waitForSubscribers({}));
 }
 
@@ -116,7 +115,7 @@ TEST(KRMemoryChurn, TheExtractorRestartsWhileClientsSubscribe) {
     EXPECT_TRUE(extractor->waitForSubscribers({"staying"}));
 }
 
-TEST(KRMemoryChurn, EverythingComesAndGoesAtOnceAndTheBrokerOutlivesIt) {
+TEST(KRMemoryChurn, TheBrokerSurvivesModulesThatComeAndGoTogether) {
     auto broker = KRBroker::create();
     std::vector<std::thread> threads;
     for (int i = 0; i < 2; ++i) {
@@ -125,7 +124,7 @@ TEST(KRMemoryChurn, EverythingComesAndGoesAtOnceAndTheBrokerOutlivesIt) {
             const std::string name = "extractor" + std::to_string(i);
             for (int round = 0; round < kRounds; ++round) {
                 const auto extractor = createModule<FakeExtractor>(broker, name);
-                memory.declareEvent("event", name); // now of the one, now of the other
+                memory.declareEvent("event", name); // now of one, now of the other
                 memory.raiseEvent("event", round);
                 extractor->exit();
             }
@@ -150,7 +149,7 @@ TEST(KRMemoryChurn, EverythingComesAndGoesAtOnceAndTheBrokerOutlivesIt) {
             memory.insertData("event", round);
         }
     });
-    broker.reset(); // the last thread to end takes it along
+    broker.reset(); // the last thread to end destroys it
     joinAll(threads);
 }
 

@@ -68,7 +68,7 @@ TEST(KRMemoryEvent, ReachesEverySubscriberAndNobodyElse) {
     EXPECT_THAT(bystander->waitForEvents(1), ElementsAre(Pair("another event", 2)));
 }
 
-TEST(KRMemoryEvent, TenThousandComeInTheOrderOfRaising) {
+TEST(KRMemoryEvent, TenThousandArriveInTheOrderRaised) {
     EventFixture f;
     constexpr int kEvents = 10000;
     for (int i = 0; i < kEvents; ++i) {
@@ -82,7 +82,7 @@ TEST(KRMemoryEvent, TenThousandComeInTheOrderOfRaising) {
     EXPECT_EQ(f.count(), std::pair(kEvents, 0));
 }
 
-TEST(KRMemoryEvent, EachRaisersEventsComeInTheirOrder) {
+TEST(KRMemoryEvent, EachRaisersEventsArriveInOrder) {
     EventFixture f;
     std::vector<std::thread> raisers;
     for (int raiser = 0; raiser < 4; ++raiser) {
@@ -131,7 +131,7 @@ TEST(KRMemoryEvent, ASlowSubscriberLosesTheOldestAndTheLossIsLoggedAndCounted) {
     EXPECT_THAT(warnings[0].message, HasSubstr("event event for client.onEvent: lost 100 events"));
 }
 
-/// A broker with clients "client0" and so on that are subscribed to "event" and stuck in the first one.
+/// A broker with clients "client0" and so on that are subscribed to "event" and blocked in the first one.
 struct StuckClients {
     explicit StuckClients(int count) {
         for (int i = 0; i < count; ++i) {
@@ -155,7 +155,7 @@ struct StuckClients {
             memory.raiseEvent("event", KRBinary::copyOf(std::vector<char>(1 << 20).data(), 1 << 20));
         }
     }
-    /// Events that each of them has lost.
+    /// The number of events that each has lost.
     std::vector<int> getLost() const {
         std::vector<int> lost;
         const KRValue rows = memory.getEventSubscribers("event");
@@ -172,7 +172,7 @@ struct StuckClients {
     std::vector<KRModuleHandle<EventListener>> clients;
 };
 
-TEST(KRMemoryEvent, WhatWaitsForASlowSubscriberIsLimitedInBytes) {
+TEST(KRMemoryEvent, TheQueueOfASlowSubscriberIsLimitedInBytes) {
     StuckClients stuck(1);
     stuck.raiseMegabytes(100);
     EXPECT_THAT(stuck.getLost(), ElementsAre(37)) << "64 MiB hold 63";
@@ -192,18 +192,18 @@ TEST(KRMemoryEvent, TheLimitInBytesCanBeSet) {
     EXPECT_THROW(stuck.memory.setEventLimits(1, -1), KRError);
 }
 
-TEST(KRMemoryEvent, WhatWaitsForAllSlowSubscribersTogetherIsLimitedInBytes) {
+TEST(KRMemoryEvent, TheQueuesOfAllSubscribersTogetherAreLimitedInBytes) {
     StuckClients stuck(3);
     stuck.memory.setEventLimits(100 << 10, 10 << 10);
     stuck.raiseMegabytes(20);
     const auto lost = stuck.getLost();
     EXPECT_EQ(lost[0] + lost[1] + lost[2], 3 * 20 - 9) << "10 MiB hold 9";
     for (const int each : lost) {
-        EXPECT_EQ(each, 17) << "those with most lose first";
+        EXPECT_EQ(each, 17) << "the longest queues lose first";
     }
 }
 
-// The sanitizers' allocators return memory by rules of their own.
+// The sanitizers' allocators return memory by their own rules.
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 std::size_t getResidentBytes() {
     std::ifstream file("/proc/self/statm");
@@ -217,7 +217,7 @@ TEST(KRMemoryEvent, MemoryOfLargeValuesIsReturnedToTheSystem) {
     const auto makeBytes = [](std::size_t size) {
         return KRBinary::copyOf(std::vector<char>(size, 1).data(), size);
     };
-    makeBytes(16 << 20); // once one of this size is freed, the allocator takes smaller ones from its heap
+    makeBytes(16 << 20); // once a block of this size is freed, the allocator takes smaller ones from its heap
     const auto broker = KRBroker::create();
     KRMemoryProxy memory(broker);
     constexpr int kValues = 200;
@@ -236,7 +236,7 @@ TEST(KRMemoryEvent, MemoryOfLargeValuesIsReturnedToTheSystem) {
 }
 #endif
 
-TEST(KRMemoryEvent, ASlowSubscriberGetsTheCountOfLostEventsBeforeTheNextOne) {
+TEST(KRMemoryEvent, ASlowSubscriberGetsItsLossCountBeforeTheNextEvent) {
     constexpr int kKept = 16384;
     constexpr int kTooMany = 3;
     const auto broker = KRBroker::create("local:");
@@ -276,7 +276,7 @@ TEST(KRMemoryEvent, ASlowSubscriberGetsTheCountOfLostEventsBeforeTheNextOne) {
     EXPECT_THAT(heard, ElementsAre("0", "event 3", "4"));
 }
 
-TEST(KRMemoryEvent, ASlowSubscriberHoldsUpNeitherTheRaiserNorOthers) {
+TEST(KRMemoryEvent, ASlowSubscriberDelaysNeitherTheRaiserNorOthers) {
     Event entered;
     Event release;
     EventFixture f([&](const KRValue&) {
@@ -292,7 +292,7 @@ TEST(KRMemoryEvent, ASlowSubscriberHoldsUpNeitherTheRaiserNorOthers) {
     EXPECT_THAT(quick->waitForEvents(2), ElementsAre(Pair("event", 1), Pair("event", 2)));
 }
 
-TEST(KRMemoryEvent, ACallbackThatThrowsIsLoggedAndGetsTheNextEventAllTheSame) {
+TEST(KRMemoryEvent, ACallbackThatThrowsIsLoggedAndStillGetsTheNextEvent) {
     const test::RecordedLog recorded;
     EventFixture f([&](const KRValue& value) {
         if (value == 1) {
@@ -344,7 +344,7 @@ TEST(KRMemoryEvent, SubscribingAgainReplacesTheCallback) {
     EXPECT_TRUE(called.wait());
 }
 
-TEST(KRMemoryEvent, NothingComesAfterUnsubscribing) {
+TEST(KRMemoryEvent, NothingArrivesAfterUnsubscribing) {
     EventFixture f;
     f.memory.subscribeToEvent("last", "client", "onEvent");
     f.memory.unsubscribeFromEvent("event", "client");
@@ -366,11 +366,11 @@ TEST(KRMemoryEvent, ABadClientOrCallbackIsRefused) {
     EXPECT_THROW(f.memory.subscribeToEvent("e", "client", "ping"), KRError) << "it takes no arguments";
     EXPECT_EQ(f.memory.getEventSubscribers("e"), KRValue::array());
     f.client->exit();
-    EXPECT_THROW(f.memory.subscribeToEvent("e", "client", "onEvent"), KRError) << "it is on its way out";
+    EXPECT_THROW(f.memory.subscribeToEvent("e", "client", "onEvent"), KRError) << "it is exiting";
     EXPECT_EQ(f.memory.getEventSubscribers("e"), KRValue::array());
 }
 
-TEST(KRMemoryEvent, AClientThatGoesIsForgotten) {
+TEST(KRMemoryEvent, ADestroyedClientIsForgotten) {
     EventFixture f;
     f.client.reset();
     EXPECT_EQ(f.memory.getEventSubscribers("event"), KRValue::array());
@@ -407,7 +407,7 @@ TEST(KRMemoryEvent, TwoModulesThatDeclareTheSameEventOrKeyAreReported) {
     const auto first = makeModule(f.broker, "first");
     const auto second = makeModule(f.broker, "second", [&](TestModule&) {
         f.memory.declareEvent("seen", "first");
-        f.memory.declareEvent("seen", "second"); // which is not reachable yet
+        f.memory.declareEvent("seen", "second"); // not reachable yet
     });
     EXPECT_TRUE(recorded.waitFor(KRLogLevel::Warning,
                                  "the modules first and second both declare the event seen; its subscribers "
@@ -420,7 +420,7 @@ TEST(KRMemoryEvent, TwoModulesThatDeclareTheSameEventOrKeyAreReported) {
     EXPECT_EQ(recorded.find(KRLogLevel::Warning, " both declare ").size(), 2U);
 }
 
-TEST(KRMemoryEvent, AModuleThatHasGoneSharesItsNamesWithNobody) {
+TEST(KRMemoryEvent, ADestroyedModuleNoLongerOwnsItsNames) {
     EventFixture f;
     const test::RecordedLog recorded;
     makeModule(f.broker, "first", [&](TestModule&) {
@@ -433,7 +433,7 @@ TEST(KRMemoryEvent, AModuleThatHasGoneSharesItsNamesWithNobody) {
     EXPECT_EQ(recorded.find(KRLogLevel::Warning, " both declare ").size(), 0U);
 }
 
-TEST(KRMemoryEvent, TheListNamesWhatWasDeclaredRaisedOrSubscribedTo) {
+TEST(KRMemoryEvent, TheListHasEventsDeclaredRaisedOrSubscribedTo) {
     EventFixture f;
     f.memory.declareEvent("declared");
     f.memory.declareEvent("declared with extractor", "extractor");
@@ -445,7 +445,7 @@ TEST(KRMemoryEvent, TheListNamesWhatWasDeclaredRaisedOrSubscribedTo) {
     EXPECT_EQ(f.memory.getEventSubscribers("unknown"), KRValue::array());
 }
 
-TEST(KRMemoryEvent, WhatAClientIsToHearBeforeItIsReachableComesOnceItIs) {
+TEST(KRMemoryEvent, EventsForAClientNotYetReachableArriveOnceItIs) {
     const auto broker = KRBroker::create();
     KRMemoryProxy memory(broker);
     const auto client = createModule<EventListener>(broker, "other");
@@ -454,7 +454,7 @@ TEST(KRMemoryEvent, WhatAClientIsToHearBeforeItIsReachableComesOnceItIs) {
     {
         const auto early = makeModule(broker, "client", [&](TestModule& m) {
             m.add("onEvent", [&](const std::string&, const KRValue& value) {
-                heard.push_back(value); // one after the other
+                heard.push_back(value); // one at a time
                 if (heard.size() == 2) {
                     both.set();
                 }
@@ -462,7 +462,7 @@ TEST(KRMemoryEvent, WhatAClientIsToHearBeforeItIsReachableComesOnceItIs) {
             memory.subscribeToEvent("event", "client", "onEvent");
             memory.subscribeToEvent("event", "other", "onEvent");
             memory.raiseEvent("event", 1);
-            EXPECT_EQ(client->waitForEvents(1).size(), 1u); // nobody waits for the other
+            EXPECT_EQ(client->waitForEvents(1).size(), 1u); // neither waits for the other
             memory.raiseEvent("event", 2);
             EXPECT_EQ(client->waitForEvents(2).size(), 2u);
         });

@@ -18,7 +18,7 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::ThrowsMessage;
 
-TEST(KRMemoryObserver, HearsOfEachWriteOnTheThreadThatWrites) {
+TEST(KRMemoryObserver, IsNotifiedOfEachWriteOnTheWritingThread) {
     const auto broker = KRBroker::create();
     KRMemoryProxy memory(broker);
     std::vector<std::string> heard;
@@ -36,7 +36,7 @@ TEST(KRMemoryObserver, HearsOfEachWriteOnTheThreadThatWrites) {
     EXPECT_EQ(heard.size(), 3U);
 }
 
-TEST(KRMemoryObserver, FindsWhatWasWrittenInTheMemory) {
+TEST(KRMemoryObserver, FindsTheWrittenValueInTheMemory) {
     const auto broker = KRBroker::create();
     KRMemoryProxy memory(broker);
     int found = 0;

@@ -44,7 +44,7 @@ TEST(KRMemorySubscription, SubscribesTheClientToTheExtractorBeforeItReturns) {
     EXPECT_THAT(f.extractor->getCalls(), ElementsAre("subscribe client", "unsubscribe client"));
 }
 
-TEST(KRMemorySubscription, EachClientIsSubscribedByItself) {
+TEST(KRMemorySubscription, EachClientIsSubscribedSeparately) {
     SubscriptionFixture f;
     const auto other = createModule<EventListener>(f.broker, "other");
     f.memory.subscribeToEvent("event", "client", "onEvent");
@@ -74,7 +74,7 @@ TEST(KRMemorySubscription, AnEventMayBeDeclaredLater) {
     EXPECT_TRUE(f.extractor->waitForSubscribers({"client"}));
 }
 
-TEST(KRMemorySubscription, ADeclaredExtractorMayComeLater) {
+TEST(KRMemorySubscription, ADeclaredExtractorMayStartLater) {
     SubscriptionFixture f;
     f.memory.declareEvent("other event", "other extractor");
     f.memory.subscribeToEvent("other event", "client", "onEvent");
@@ -82,7 +82,7 @@ TEST(KRMemorySubscription, ADeclaredExtractorMayComeLater) {
     EXPECT_TRUE(other->waitForSubscribers({"client"}));
 }
 
-TEST(KRMemorySubscription, AnEventMayGoFromOneExtractorToAnother) {
+TEST(KRMemorySubscription, AnEventMayMoveFromOneExtractorToAnother) {
     SubscriptionFixture f;
     const auto other = createModule<FakeExtractor>(f.broker, "other extractor");
     f.memory.subscribeToEvent("event", "client", "onEvent");
@@ -93,7 +93,7 @@ TEST(KRMemorySubscription, AnEventMayGoFromOneExtractorToAnother) {
     EXPECT_TRUE(other->waitForSubscribers({}));
 }
 
-TEST(KRMemorySubscription, AnExtractorThatComesBackHasItsSubscribersAgain) {
+TEST(KRMemorySubscription, ARestartedExtractorGetsItsSubscribersBack) {
     SubscriptionFixture f;
     f.memory.subscribeToEvent("event", "client", "onEvent");
     for (int round = 0; round < 5; ++round) {
@@ -105,7 +105,7 @@ TEST(KRMemorySubscription, AnExtractorThatComesBackHasItsSubscribersAgain) {
     EXPECT_THAT(f.extractor->getSubscribers(), IsEmpty());
 }
 
-TEST(KRMemorySubscription, AnExtractorThatIsAboutToExitHasItsSubscribersWhenItComesBack) {
+TEST(KRMemorySubscription, AnExtractorRefusingAsItExitsGetsItsSubscribersBack) {
     for (const char* refusal :
          {"the module is exiting", "the module is not reachable yet", "there is no module named extractor"}) {
         SubscriptionFixture f([refusal](const std::string& /*call*/, const std::string& /*client*/) {
@@ -129,7 +129,7 @@ TEST(KRMemorySubscription, AClientMayLeaveWhileTheExtractorIsAway) {
     EXPECT_THAT(f.extractor->getCalls(), ElementsAre("subscribe client"));
 }
 
-TEST(KRMemorySubscription, AClientThatGoesIsUnsubscribedFromTheExtractor) {
+TEST(KRMemorySubscription, ADestroyedClientIsUnsubscribedFromTheExtractor) {
     SubscriptionFixture f;
     const auto other = createModule<EventListener>(f.broker, "other");
     f.memory.subscribeToEvent("event", "client", "onEvent");
@@ -138,14 +138,14 @@ TEST(KRMemorySubscription, AClientThatGoesIsUnsubscribedFromTheExtractor) {
     EXPECT_TRUE(f.extractor->waitForSubscribers({"other"}));
 }
 
-TEST(KRMemorySubscription, AClientThatExitsIsUnsubscribedThoughItStillStands) {
+TEST(KRMemorySubscription, AnExitingClientIsUnsubscribedBeforeItsDestruction) {
     SubscriptionFixture f;
     f.memory.subscribeToEvent("event", "client", "onEvent");
     f.client->exit();
     EXPECT_TRUE(f.extractor->waitForSubscribers({}));
 }
 
-TEST(KRMemorySubscription, ARefusalOfTheExtractorIsTheCallersErrorAndNothingIsKept) {
+TEST(KRMemorySubscription, TheExtractorsRefusalIsTheCallersErrorAndNothingIsKept) {
     std::atomic<bool> refuse = true;
     SubscriptionFixture f([&](const std::string& call, const std::string&) {
         if (refuse && call == "subscribe") {
@@ -162,7 +162,7 @@ TEST(KRMemorySubscription, ARefusalOfTheExtractorIsTheCallersErrorAndNothingIsKe
     EXPECT_THAT(f.extractor->getSubscribers(), ElementsAre("client"));
 }
 
-TEST(KRMemorySubscription, AnExtractorThatThrowsAnythingAtAllBlocksNobody) {
+TEST(KRMemorySubscription, AnExtractorThatThrowsAnythingBlocksNobody) {
     std::atomic<bool> refuse = true;
     SubscriptionFixture f([&](const std::string&, const std::string&) {
         if (refuse) {
@@ -191,14 +191,14 @@ TEST(KRMemorySubscription, AnExtractorThatFailsToUnsubscribeIsLogged) {
     EXPECT_TRUE(recorded.waitFor(KRLogLevel::Warning, "stuck"));
 }
 
-TEST(KRMemorySubscription, AModuleWithoutSubscribeIsNoExtractor) {
+TEST(KRMemorySubscription, AModuleWithoutSubscribeIsNotAnExtractor) {
     SubscriptionFixture f;
     f.memory.declareEvent("event", "client");
     EXPECT_THAT([&] { f.memory.subscribeToEvent("event", "client", "onEvent"); },
                 ThrowsMessage<KRError>(HasSubstr("client.subscribe: no such method")));
 }
 
-TEST(KRMemorySubscription, LocksNothingWhileTheExtractorIsAsked) {
+TEST(KRMemorySubscription, HoldsNoLockDuringTheExtractorsAnswer) {
     const auto broker = KRBroker::create();
     KRMemoryProxy memory(broker);
     const auto extractor =
@@ -217,7 +217,7 @@ TEST(KRMemorySubscription, LocksNothingWhileTheExtractorIsAsked) {
     EXPECT_EQ(memory.getData("event"), "unsubscribe");
 }
 
-TEST(KRMemorySubscription, ASecondSubscriptionWaitsForTheFirstOneThatIsUnderWay) {
+TEST(KRMemorySubscription, ASecondSubscriptionWaitsForTheFirstInProgress) {
     Event entered;
     Event release;
     SubscriptionFixture f([&](const std::string&, const std::string&) {
@@ -239,7 +239,7 @@ TEST(KRMemorySubscription, ASecondSubscriptionWaitsForTheFirstOneThatIsUnderWay)
     EXPECT_THAT(f.extractor->getCalls(), ElementsAre("subscribe client"));
 }
 
-TEST(KRMemorySubscription, ARefusalDoesNotEndASubscriptionThatTheClientMadeMeanwhile) {
+TEST(KRMemorySubscription, ARefusalDoesNotEndASubscriptionMadeMeanwhile) {
     Event entered;
     Event release;
     std::atomic<int> asked = 0;
@@ -262,7 +262,7 @@ TEST(KRMemorySubscription, ARefusalDoesNotEndASubscriptionThatTheClientMadeMeanw
     EXPECT_THAT(f.extractor->getSubscribers(), ElementsAre("client"));
 }
 
-TEST(KRMemorySubscription, AnExtractorMayGoWhileItIsAsked) {
+TEST(KRMemorySubscription, AnExtractorMayBeDestroyedDuringItsAnswer) {
     for (int round = 0; round < 30; ++round) {
         Event entered;
         Event release;

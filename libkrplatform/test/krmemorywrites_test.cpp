@@ -1,4 +1,4 @@
-// Subscriptions to whatever is written to the memory.
+// Subscriptions to writes to the memory.
 
 #include "krplatform/krbroker.hpp"
 #include "krplatform/krerror.hpp"
@@ -29,7 +29,7 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::ThrowsMessage;
 
-/// Notes "name=value", with "event " before it for an event, and what it lost.
+/// Records "name=value", preceded by "event " for an event, and how many it lost.
 class WatchingClient {
 public:
     explicit WatchingClient(const boost::shared_ptr<KRBroker>& broker, const std::string& name = "client",
@@ -75,7 +75,7 @@ protected:
     KRMemoryProxy memory{broker};
 };
 
-TEST_F(KRMemoryWrites, ComeInOrderWithNamesValuesAndKinds) {
+TEST_F(KRMemoryWrites, ArriveInOrderWithNamesValuesAndKinds) {
     const WatchingClient client(broker);
     memory.subscribeToWrites("Door/", "client", "onWrite");
     memory.insertData("Door/Angle", 1);
@@ -87,7 +87,7 @@ TEST_F(KRMemoryWrites, ComeInOrderWithNamesValuesAndKinds) {
     EXPECT_THAT(client.getHeard(), ElementsAre("Door/Angle=1", "event Door/Opened=3", "Door/Angle=1"));
 }
 
-TEST_F(KRMemoryWrites, OfSeveralValuesInOneCallComeOneByOne) {
+TEST_F(KRMemoryWrites, OfSeveralValuesInOneCallArriveOneByOne) {
     const WatchingClient client(broker);
     memory.subscribeToWrites("a", "client", "onWrite");
     memory.getProxy().call("insertListData", KRValue::array(KRValue::array("a", 1), KRValue::array("b", 2),
@@ -96,7 +96,7 @@ TEST_F(KRMemoryWrites, OfSeveralValuesInOneCallComeOneByOne) {
     EXPECT_THAT(client.getHeard(), ElementsAre("a=1", "aa=3"));
 }
 
-TEST_F(KRMemoryWrites, AnEmptyPrefixIsForAll) {
+TEST_F(KRMemoryWrites, WithAnEmptyPrefixAreAll) {
     const WatchingClient client(broker);
     memory.subscribeToWrites("", "client", "onWrite");
     memory.insertData("a", 1);

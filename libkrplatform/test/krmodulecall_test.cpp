@@ -36,7 +36,7 @@ auto refusesAndSays(const std::string& text) {
     return ThrowsMessage<KRError>(AllOf(HasSubstr("module."), HasSubstr(text)));
 }
 
-TEST(KRModuleCall, ArgumentsAndResultOfEveryTypeTravel) {
+TEST(KRModuleCall, ArgumentsAndResultsOfEveryTypeArePassed) {
     const CallFixture f([](TestModule& m) {
         m.add("bool", [](bool v) { return !v; });
         m.add("int", [](int v) { return -v; });
@@ -61,7 +61,7 @@ TEST(KRModuleCall, ArgumentsAndResultOfEveryTypeTravel) {
     f.proxy->call("void");
 }
 
-TEST(KRModuleCall, RunsOnTheCallersThreadAndCopiesNoPixels) {
+TEST(KRModuleCall, RunsOnTheCallersThreadWithoutCopyingPixels) {
     std::thread::id ranOn;
     const CallFixture f([&](TestModule& m) {
         m.add("echo", [&](const KRValue& v) {
@@ -99,7 +99,7 @@ TEST(KRModuleCall, AnOverloadIsChosenByTheTypesOfArguments) {
     EXPECT_EQ(f.proxy->call<std::string>("f", KRValue()), "value");
 }
 
-TEST(KRModuleCall, AnIntIsReadAsAFloatBeforeItIsTakenAsAnyValue) {
+TEST(KRModuleCall, AnIntPrefersAFloatToAnyValue) {
     const CallFixture f([](TestModule& m) {
         m.add("f", [](const KRValue&) { return std::string("value"); });
         m.add("f", [](float) { return std::string("float"); });
@@ -116,7 +116,7 @@ TEST(KRModuleCall, TheOverloadWithTheFewestConversionsWins) {
     EXPECT_EQ(f.proxy->call<std::string>("f", 1.0f, 1), "two floats");
 }
 
-TEST(KRModuleCall, AValueArgumentTakesEveryTypeAndAFloatArgumentAnInt) {
+TEST(KRModuleCall, AValueArgumentAcceptsEveryTypeAndAFloatArgumentAnInt) {
     const CallFixture f([](TestModule& m) {
         m.add("type", [](const KRValue& v) { return std::string(getTypeName(v.getType())); });
         m.add("half", [](float v) { return v / 2; });
@@ -127,7 +127,7 @@ TEST(KRModuleCall, AValueArgumentTakesEveryTypeAndAFloatArgumentAnInt) {
     EXPECT_EQ(f.proxy->call<float>("half", 3), 1.5f);
 }
 
-TEST(KRModuleCall, AWrongNumberOrTypeIsAnErrorThatTellsTheSignatures) {
+TEST(KRModuleCall, AWrongNumberOrTypeIsAnErrorThatListsTheSignatures) {
     const CallFixture f([](TestModule& m) {
         m.functionName("set", "M", "");
         m.addParam("period", "");
@@ -146,7 +146,7 @@ TEST(KRModuleCall, AWrongNumberOrTypeIsAnErrorThatTellsTheSignatures) {
     EXPECT_THAT([&] { f.proxy->call("set", KRValue()); }, refusesAndSays("(invalid)"));
 }
 
-TEST(KRModuleCall, EveryModuleSetsTheLevelsOfTheLogOfItsProcess) {
+TEST(KRModuleCall, EveryModuleSetsTheLogLevelsOfItsProcess) {
     const CallFixture f([](TestModule&) {});
     const std::string before = f.proxy->call<std::string>("getLogLevels");
     f.proxy->call("setLogLevels", "error,krdds=verbose");
@@ -157,7 +157,7 @@ TEST(KRModuleCall, EveryModuleSetsTheLevelsOfTheLogOfItsProcess) {
     f.proxy->call("setLogLevels", before);
 }
 
-TEST(KRModuleCall, AnUnknownMethodIsAnErrorThatTellsWhatThereIs) {
+TEST(KRModuleCall, AnUnknownMethodIsAnErrorThatListsTheMethods) {
     const CallFixture f([](TestModule& m) {
         m.add("go", [](int) {});
         m.add("stop", [] {});
@@ -167,7 +167,7 @@ TEST(KRModuleCall, AnUnknownMethodIsAnErrorThatTellsWhatThereIs) {
     EXPECT_THAT([&] { f.proxy->call("getMethodHelp"); }, refusesAndSays("no such method"));
 }
 
-TEST(KRModuleCall, AnUnknownMethodIsAnsweredWithTheNearestNames) {
+TEST(KRModuleCall, AnUnknownMethodIsAnErrorThatListsTheNearestNames) {
     const CallFixture f([](TestModule& m) {
         for (const char* method :
              {"subscribe", "unsubscribe", "setResolution", "getResolution", "pause", "_run"}) {
@@ -183,7 +183,7 @@ TEST(KRModuleCall, AnUnknownMethodIsAnsweredWithTheNearestNames) {
     EXPECT_THAT([&] { f.proxy->call("run"); }, Not(refusesAndSays("_run"))) << "internal";
 }
 
-TEST(KRModuleCall, AnErrorCarriesModuleAndMethodApart) {
+TEST(KRModuleCall, AnErrorHasModuleAndMethodSeparately) {
     const CallFixture f([](TestModule& m) { m.add("go", [](int) {}); });
     try {
         f.proxy->call("go", "fast");
@@ -194,7 +194,7 @@ TEST(KRModuleCall, AnErrorCarriesModuleAndMethodApart) {
     }
 }
 
-TEST(KRModuleCall, AModuleThatIsNotThereIsAnErrorThatNamesIt) {
+TEST(KRModuleCall, AMissingModuleIsAnErrorThatNamesIt) {
     const auto broker = KRBroker::create();
     const auto proxy = broker->getProxy("nobody");
     const auto namesIt = ThrowsMessage<KRError>(HasSubstr("nobody.go: there is no module named nobody"));
@@ -205,12 +205,12 @@ TEST(KRModuleCall, AModuleThatIsNotThereIsAnErrorThatNamesIt) {
     EXPECT_EQ(proxy->getModuleName(), "nobody");
 }
 
-TEST(KRModuleCall, AResultOfAnotherTypeIsAnError) {
+TEST(KRModuleCall, AResultOfTheWrongTypeIsAnError) {
     const CallFixture f([](TestModule& m) { m.add("name", [] { return std::string("text"); }); });
     EXPECT_THROW((void)f.proxy->call<int>("name"), KRError);
 }
 
-TEST(KRModuleCall, WhatTheMethodThrowsReachesTheCaller) {
+TEST(KRModuleCall, ExceptionsOfTheMethodReachTheCaller) {
     const CallFixture f([](TestModule& m) {
         m.add("throwKR", [] { throw KRError("camera", "open", "unplugged"); });
         m.add("throwStd", [] { throw std::out_of_range("too far"); });
@@ -220,7 +220,7 @@ TEST(KRModuleCall, WhatTheMethodThrowsReachesTheCaller) {
                 ThrowsMessage<KRError>(HasSubstr("camera.open: unplugged")));
     EXPECT_THROW(f.proxy->call("throwStd"), std::out_of_range);
     EXPECT_THROW(f.proxy->call("throwInt"), int);
-    f.module->shutDown(); // none of them counts as a running call any more
+    f.module->shutDown(); // none still counts as a running call
 }
 
 TEST(KRModuleCall, AMethodMayCallItsOwnModule) {

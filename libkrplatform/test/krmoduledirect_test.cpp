@@ -51,7 +51,7 @@ private:
     int touched_ = 0;
 };
 
-TEST(KRModuleDirect, IsReachableOnceItSaysSo) {
+TEST(KRModuleDirect, IsReachableAfterMakeReachable) {
     const auto broker = KRBroker::create();
     std::string fate;
     Looping module(broker, "m", &fate);
@@ -85,10 +85,10 @@ TEST(KRModuleDirect, MayBeShutDownMoreThanOnce) {
     EXPECT_TRUE(module.isExiting());
     module.shutDown();
     module.makeReachable();
-    EXPECT_THROW(broker->getProxy("m")->call("touch"), KRError) << "a module does not come back";
+    EXPECT_THROW(broker->getProxy("m")->call("touch"), KRError) << "a shut-down module stays so";
 }
 
-TEST(KRModuleDirect, MayLiveWithoutEverBeingReachable) {
+TEST(KRModuleDirect, NeedNeverBeReachable) {
     const auto broker = KRBroker::create();
     std::string fate;
     { const Looping module(broker, "m", &fate); }

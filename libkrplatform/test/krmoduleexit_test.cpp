@@ -41,7 +41,7 @@ TEST(KRModuleExit, FromAConstructorTheModuleNeverBecomesReachable) {
     EXPECT_FALSE(broker->getSession().waitForService("m", std::chrono::milliseconds(0)));
 }
 
-TEST(KRModuleExit, FromACallTheCallGoesOnAndNewOnesAreRefused) {
+TEST(KRModuleExit, FromACallThatCallContinuesAndNewOnesAreRefused) {
     const auto broker = KRBroker::create();
     bool reachedTheEnd = false;
     const auto module = makeModule(broker, "m", [&](TestModule& m) {
@@ -79,7 +79,7 @@ TEST(KRModuleExit, FromAPostedCallNothingIsDestroyed) {
     makeModule(broker, "m");
 }
 
-TEST(KRModuleExit, FromTheShutDownHookOrAgainIsHarmless) {
+TEST(KRModuleExit, FromTheShutDownHookOrTwiceIsHarmless) {
     const auto broker = KRBroker::create();
     auto module = makeModule(broker, "m", [](TestModule& m) { m.onShutDown = [&m] { m.exit(); }; });
     module->exit();
@@ -100,7 +100,7 @@ TEST(KRModuleExit, ReturnsAtOnceWhileCallsRun) {
     const test::SetAtEnd end(release);
     broker->getProxy("m")->post("run");
     ASSERT_TRUE(entered.wait());
-    module->exit(); // the call waits for what comes only after this
+    module->exit(); // the call waits for something that happens after this
 }
 
 TEST(KRModuleExit, IsLoggedVerbosely) {
@@ -110,7 +110,7 @@ TEST(KRModuleExit, IsLoggedVerbosely) {
     EXPECT_EQ(recorded.find(KRLogLevel::Verbose, "m was asked to exit").size(), 1u);
 }
 
-TEST(KRModuleExit, BesideManyCallsEachCallEitherRunsOrIsRefused) {
+TEST(KRModuleExit, DuringManyCallsEachEitherRunsOrIsRefused) {
     for (int round = 0; round < 30; ++round) {
         const auto broker = KRBroker::create("local:?memory=none");
         std::atomic<int> ran = 0;

@@ -40,7 +40,7 @@ TEST(KRModuleHandle, AModuleIsNotReachableBeforeItsConstructorHasFinished) {
     EXPECT_THAT(broker->getModuleList(), ElementsAre("KRMemory", "m"));
 }
 
-TEST(KRModuleHandle, ANameThatIsTakenIsRefused) {
+TEST(KRModuleHandle, ATakenNameIsRefused) {
     const auto broker = KRBroker::create();
     const auto module = makeModule(broker, "m", [&](TestModule&) {
         EXPECT_THROW(makeModule(broker, "m"), KRError) << "taken as soon as the constructor runs";
@@ -155,7 +155,7 @@ TEST(KRModuleHandle, AShutDownThatThrowsIsLoggedAndStillWaitsForRunningCalls) {
     }
 }
 
-TEST(KRModuleHandle, TwoModulesSwapTheirNames) {
+TEST(KRModuleHandle, TwoModulesSwapNames) {
     const auto broker = KRBroker::create();
     const auto sayingWho = [](const std::string& who) {
         return [who](TestModule& m) { m.add("who", [who] { return who; }); };
@@ -182,7 +182,7 @@ TEST(KRModuleHandle, MovingItMovesTheModule) {
     EXPECT_EQ(base->getName(), "a");
     EXPECT_EQ((*base).getName(), base.get()->getName());
     base = makeModule(broker, "b", counting);
-    EXPECT_EQ(destroyed, 1) << "the module that was there came down";
+    EXPECT_EQ(destroyed, 1) << "the former module was destroyed";
     auto& itself = base;
     base = std::move(itself);
     EXPECT_EQ(base->getName(), "b");

@@ -20,7 +20,7 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::ThrowsMessage;
 
-TEST(KRModuleHandleDropped, InsideACallOfTheModuleItComesDownAfterTheCall) {
+TEST(KRModuleHandleDropped, InsideACallTheModuleIsDestroyedAfterTheCall) {
     const auto broker = KRBroker::create();
     Diary diary;
     Event destroyed;
@@ -29,7 +29,7 @@ TEST(KRModuleHandleDropped, InsideACallOfTheModuleItComesDownAfterTheCall) {
             module.reset();
             EXPECT_THAT([&] { broker->getProxy("m")->call("leave"); },
                         ThrowsMessage<KRError>(HasSubstr("exiting")));
-            EXPECT_EQ(m.getName(), "m") << "the module still stands";
+            EXPECT_EQ(m.getName(), "m") << "the module still exists";
             diary.note("call ends");
         });
         m.onDestroyed = [&] {
@@ -50,7 +50,7 @@ TEST(KRModuleHandleDropped, InsideACallOfTheModuleItComesDownAfterTheCall) {
     }));
 }
 
-TEST(KRModuleHandleDropped, InsideAPostedCallOrAFunctionOfTheModuleItComesDownAfterThat) {
+TEST(KRModuleHandleDropped, InsideAPostedCallOrFunctionTheModuleIsDestroyedAfterIt) {
     const auto broker = KRBroker::create();
     for (const bool ownFunction : {false, true}) {
         Diary diary;
@@ -80,7 +80,7 @@ TEST(KRModuleHandleDropped, InsideAPostedCallOrAFunctionOfTheModuleItComesDownAf
     }
 }
 
-TEST(KRModuleHandleDropped, InsideACallThatAnotherModulesCallMadeItComesDownAfterTheOuterCall) {
+TEST(KRModuleHandleDropped, InsideANestedCallTheModuleIsDestroyedAfterTheOuterCall) {
     const auto broker = KRBroker::create();
     Diary diary;
     Event destroyed;
@@ -101,7 +101,7 @@ TEST(KRModuleHandleDropped, InsideACallThatAnotherModulesCallMadeItComesDownAfte
     EXPECT_THAT(diary.read(), ElementsAre("outer call ends", "outer destroyed"));
 }
 
-TEST(KRModuleHandleDropped, AModuleMayDropAnotherInsideItsCall) {
+TEST(KRModuleHandleDropped, AModuleMayDestroyAnotherInsideItsCall) {
     const auto broker = KRBroker::create();
     bool destroyed = false;
     auto other =

@@ -20,7 +20,7 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::ThrowsMessage;
 
-/// Publishes as a module author does, one overloaded method and one with a result.
+/// Publishes an overloaded method and one with a result, like a module author.
 class Detector : public KRModule {
 public:
     Detector(boost::shared_ptr<KRBroker> broker, const std::string& name)
@@ -58,7 +58,7 @@ std::vector<std::string> getSignatures(const std::vector<KRMethodDescription>& m
     return signatures;
 }
 
-TEST(KRModulePublication, TheMethodListIsInOrderOfPublicationHereAndRemotely) {
+TEST(KRModulePublication, TheMethodListIsInOrderOfPublicationLocallyAndRemotely) {
     const auto broker = KRBroker::create();
     const auto module = createModule<Detector>(broker, "detector");
     const auto expected = ElementsAre("subscribe(string name, int period)", "subscribe(string name)",
@@ -67,7 +67,7 @@ TEST(KRModulePublication, TheMethodListIsInOrderOfPublicationHereAndRemotely) {
     EXPECT_THAT(getSignatures(broker->getProxy("detector")->getMethodList()), expected);
 }
 
-TEST(KRModulePublication, ARemoteListCarriesEveryText) {
+TEST(KRModulePublication, ARemoteListHasEveryText) {
     const auto broker = KRBroker::create();
     const auto module = createModule<Detector>(broker, "detector");
     const auto methods = broker->getProxy("detector")->getMethodList();
@@ -86,7 +86,7 @@ TEST(KRModulePublication, ARemoteListCarriesEveryText) {
     EXPECT_EQ(methods[2].resultType, KRArgumentType::Float);
 }
 
-TEST(KRModulePublication, TheHelpTellsEveryOverloadWithItsTexts) {
+TEST(KRModulePublication, TheHelpDescribesEveryOverload) {
     const auto broker = KRBroker::create();
     const auto module = createModule<Detector>(broker, "detector");
     const auto proxy = broker->getProxy("detector");
@@ -116,7 +116,7 @@ TEST(KRModulePublication, AModuleMayPublishNothing) {
     EXPECT_THAT(broker->getProxy("silent")->getMethodList(), IsEmpty());
 }
 
-TEST(KRModulePublication, AModulesOwnGetMethodListGoesFirst) {
+TEST(KRModulePublication, AModulesOwnGetMethodListTakesPrecedence) {
     const auto broker = KRBroker::create();
     const auto module =
         makeModule(broker, "own", [](TestModule& m) { m.add("getMethodList", [] { return 42; }); });
@@ -136,7 +136,7 @@ TEST(KRModulePublication, FunctionNameStartsANewDescription) {
     });
 }
 
-TEST(KRModulePublication, ADescriptionWithAnotherNumberOfParametersIsRefused) {
+TEST(KRModulePublication, ADescriptionWithAWrongNumberOfParametersIsRefused) {
     const auto broker = KRBroker::create();
     struct Object {
         void take(int) {}
@@ -169,14 +169,14 @@ TEST(KRModulePublication, TheSameArgumentTypesUnderOneNameAreRefused) {
     });
 }
 
-TEST(KRModulePublication, NothingMoreIsPublishedOnceTheModuleIsReachable) {
+TEST(KRModulePublication, NothingCanBePublishedOnceTheModuleIsReachable) {
     const auto broker = KRBroker::create();
     const auto module = makeModule(broker, "m");
     EXPECT_THAT([&] { module->add("late", [] {}); }, ThrowsMessage<KRError>(HasSubstr("reachable already")));
     EXPECT_THAT(module->getMethodList(), IsEmpty());
 }
 
-TEST(KRModulePublication, NorAfterAReachableModuleWasAskedToExit) {
+TEST(KRModulePublication, NothingCanBePublishedAfterAReachableModuleWasAskedToExit) {
     const auto broker = KRBroker::create();
     const auto module = makeModule(broker, "m"); // calls that still run look methods up
     module->exit();

@@ -1,4 +1,4 @@
-// Behaviour of the platform when an allocation fails, for each allocation in turn.
+// Behaviour of the platform when an allocation fails: each allocation in turn.
 
 #include "krplatform/krmemoryproxy.hpp"
 #include "krplatform/krproxy.hpp"
@@ -65,9 +65,9 @@ using test::eventually;
 using test::makeModule;
 using test::TestModule;
 
-constexpr int kMostAllocations = 60; // more than each of the operations below makes
+constexpr int kMostAllocations = 60; // more than any operation below makes
 
-/// Lets the allocation of this number on this thread fail, for as long as it exists.
+/// Makes the allocation of this number on this thread fail, while this object exists.
 class FailingAllocation {
 public:
     explicit FailingAllocation(int number) { allocationsOfThread = number; }
@@ -100,7 +100,7 @@ protected:
     }
 };
 
-TEST_F(OutOfMemory, APostThatFailsLeavesTheModuleFreeToGo) {
+TEST_F(OutOfMemory, AFailedPostDoesNotBlockTheModulesDestruction) {
     const auto broker = KRBroker::create();
     std::atomic<int> calls = 0;
     auto module = makeCounter(broker, calls);
@@ -117,7 +117,7 @@ TEST_F(OutOfMemory, APostThatFailsLeavesTheModuleFreeToGo) {
     EXPECT_EQ(calls, accepted);
 }
 
-TEST_F(OutOfMemory, AnEventThatCannotBeRaisedDoesNotStopTheNextOnes) {
+TEST_F(OutOfMemory, AnEventThatCannotBeRaisedDoesNotStopLaterOnes) {
     const auto broker = KRBroker::create();
     KRMemoryProxy memory(broker);
     const auto client = createModule<EventListener>(broker, "client");
@@ -139,7 +139,7 @@ TEST_F(OutOfMemory, AnEventThatCannotBeRaisedDoesNotStopTheNextOnes) {
     }));
 }
 
-TEST_F(OutOfMemory, ASubscriptionThatFailsCanBeMadeAgain) {
+TEST_F(OutOfMemory, AFailedSubscriptionCanBeRetried) {
     const auto broker = KRBroker::create();
     KRMemoryProxy memory(broker);
     const auto extractor = createModule<test::FakeExtractor>(broker, "extractor");
@@ -194,7 +194,7 @@ protected:
     boost::shared_ptr<KRBroker> broker;
 };
 
-TEST_F(OutOfMemoryForOthers, ACallThatCannotBeServedEndsAndLeavesTheModuleFreeToGo) {
+TEST_F(OutOfMemoryForOthers, ACallThatCannotBeServedDoesNotBlockTheModulesDestruction) {
     std::atomic<int> calls = 0;
     auto module = makeCounter(broker, calls);
     for (int number = 0; number < kMostAllocations; ++number) {
@@ -211,7 +211,7 @@ TEST_F(OutOfMemoryForOthers, ACallThatCannotBeServedEndsAndLeavesTheModuleFreeTo
     module.reset();
 }
 
-TEST_F(OutOfMemoryForOthers, ACallThreadThatRunsOutOfMemoryGoesOn) {
+TEST_F(OutOfMemoryForOthers, ACallThreadThatRunsOutOfMemoryContinues) {
     std::atomic<int> calls = 0;
     auto module = makeCounter(broker, calls);
     const auto failing = makeModule(broker, "Other", [](TestModule& m) {

@@ -96,7 +96,7 @@ protected:
     const boost::shared_ptr<KRProxy> proxy = broker->getProxy("Tuner");
 };
 
-TEST_F(KRParameterTest, AreSetAndReadFromOutside) {
+TEST_F(KRParameterTest, AreSetAndReadRemotely) {
     set("enabled", false);
     EXPECT_FALSE(tuner->enabled);
     set("count", 10);
@@ -114,13 +114,13 @@ TEST_F(KRParameterTest, AreSetAndReadFromOutside) {
     EXPECT_EQ(get("mode"), "Exact");
 }
 
-TEST_F(KRParameterTest, BeginWithTheirDefaults) {
+TEST_F(KRParameterTest, StartWithTheirDefaults) {
     EXPECT_EQ(get("count"), 3);
     EXPECT_EQ(get("threshold"), 0.25F);
     EXPECT_EQ(get("mode"), "fast");
 }
 
-TEST_F(KRParameterTest, AnIntIsTakenForAFloatAndAChoiceInAnyCase) {
+TEST_F(KRParameterTest, AcceptAnIntForAFloatAndAChoiceInAnyCase) {
     set("threshold", 1);
     EXPECT_EQ(get("threshold"), 1.0F);
     set("mode", "EXACT");
@@ -185,10 +185,10 @@ TEST_F(KRParameterTest, AValueOutOfRangeIsAnErrorThatNamesTheRange) {
     EXPECT_THROW(get("treshold"), KRError);
 }
 
-TEST_F(KRParameterTest, TheReasonOfASetterThatRefusesReachesTheCaller) {
+TEST_F(KRParameterTest, TheReasonOfARefusingSetterReachesTheCaller) {
     EXPECT_THAT([&] { set("count", 7); },
                 ThrowsMessage<KRError>(HasSubstr("count cannot be 7 now: seven is the number of another")));
-    EXPECT_EQ(get("count"), 3) << "the value from before";
+    EXPECT_EQ(get("count"), 3) << "the previous value";
     set("count", 8);
     EXPECT_EQ(get("count"), 8);
 }
@@ -202,7 +202,7 @@ TEST_F(KRParameterTest, SeveralAreSetTogetherOrNotAtAll) {
         },
         ThrowsMessage<KRError>(AllOf(HasSubstr("threshold cannot be 2"), HasSubstr("no parameter nothing"),
                                      HasSubstr("mode cannot be \"slow\""), Not(HasSubstr("count cannot")))));
-    EXPECT_EQ(tuner->count, 3) << "although there is nothing wrong with this one";
+    EXPECT_EQ(tuner->count, 3) << "although this one is valid";
     setAll({KRValue::array("count", 5), KRValue::array("threshold", 1)});
     EXPECT_EQ(tuner->count, 5);
     EXPECT_EQ(tuner->threshold, 1.0F);
@@ -211,10 +211,10 @@ TEST_F(KRParameterTest, SeveralAreSetTogetherOrNotAtAll) {
             setAll({KRValue::array("count", 7), KRValue::array("threshold", 0.5F)});
         },
         ThrowsMessage<KRError>(HasSubstr("seven is the number of another")));
-    EXPECT_EQ(tuner->threshold, 0.5F) << "what no setter refuses is set";
+    EXPECT_EQ(tuner->threshold, 0.5F) << "values that no setter refuses are set";
 }
 
-TEST_F(KRParameterTest, AreMethodsAfterTheModulesOwn) {
+TEST_F(KRParameterTest, HaveMethodsAfterTheModulesOwn) {
     std::vector<std::string> names;
     for (const auto& method : proxy->getMethodList()) {
         names.push_back(method.name);
@@ -225,7 +225,7 @@ TEST_F(KRParameterTest, AreMethodsAfterTheModulesOwn) {
                 HasSubstr("setParameterValue(string name, value value)"));
 }
 
-TEST(KRParameter, AModuleWithoutAnyAnswersAnEmptyList) {
+TEST(KRParameter, AModuleWithoutAnyReturnsAnEmptyList) {
     const auto broker = KRBroker::create();
     const auto module = createModule<KRModule>(broker, "Plain");
     EXPECT_THAT(getParameterList(*broker->getProxy("Plain")), IsEmpty());
@@ -233,7 +233,7 @@ TEST(KRParameter, AModuleWithoutAnyAnswersAnEmptyList) {
     EXPECT_THROW(broker->getProxy("Plain")->call("setParameterValue", "a", 1), KRError);
 }
 
-TEST(KRParameter, TheMethodsOfABaseClassWithAFixedListAreAnsweredOnly) {
+TEST(KRParameter, MethodsOfABaseClassWithAFixedListAreAnsweredButNotListed) {
     const auto broker = KRBroker::create();
     std::atomic<int> value = 1;
     const auto base = createModule<Freely>(broker, "Base", [&](Freely& module) {
@@ -297,7 +297,7 @@ TEST_F(KRParameterTest, AChangeRaisesAnEvent) {
     const auto listener = createModule<EventListener>(broker, "Listener");
     KRMemoryProxy memory(broker);
     memory.subscribeToEvent("Tuner/ParameterChanged", "Listener", "onEvent");
-    set("count", 3); // as before
+    set("count", 3); // unchanged
     set("count", 4);
     EXPECT_THROW(set("count", 7), KRError);
     EXPECT_THROW(set("count", 11), KRError);
@@ -306,7 +306,7 @@ TEST_F(KRParameterTest, AChangeRaisesAnEvent) {
                 ElementsAre(KRValue::array("count", 4), KRValue::array("mode", "Exact")));
 }
 
-TEST(KRParameter, AChangeByOtherMeansRaisesAnEventToo) {
+TEST(KRParameter, AChangeByOtherMeansAlsoRaisesAnEvent) {
     const auto broker = KRBroker::create();
     std::atomic<int> value = 1;
     const auto module = createModule<Freely>(broker, "Module", [&](Freely& freely) {
@@ -341,7 +341,7 @@ TEST(KRParameter, ASetterRunsWithoutALockOnTheCallersThread) {
         freely.declareParameter("outer", "", 0, 0, 9, "", [&](int value) {
             thread = std::this_thread::get_id();
             if (value == 1) {
-                EXPECT_EQ(proxy->call<int>("getParameterValue", "outer"), 0) << "not in force yet";
+                EXPECT_EQ(proxy->call<int>("getParameterValue", "outer"), 0) << "not applied yet";
                 proxy->call("setParameterValue", "outer", 2); // from inside itself
             }
         });
@@ -351,7 +351,7 @@ TEST(KRParameter, ASetterRunsWithoutALockOnTheCallersThread) {
     EXPECT_EQ(proxy->call<int>("getParameterValue", "outer"), 2);
 }
 
-TEST(KRParameter, TheValueToldLastHoldsEvenIfAnEarlierSetterReturnsLater) {
+TEST(KRParameter, TheLastRequestedValueWinsEvenIfAnEarlierSetterReturnsLater) {
     const auto broker = KRBroker::create();
     Event firstRuns;
     Event firstMayEnd;
@@ -378,7 +378,7 @@ TEST(KRParameter, TheValueToldLastHoldsEvenIfAnEarlierSetterReturnsLater) {
     EXPECT_EQ(proxy->call<int>("getParameterValue", "value"), 2);
 }
 
-TEST(KRParameter, ARefusedValueThatWasToldLastLeavesTheOneBefore) {
+TEST(KRParameter, ALastRequestThatIsRefusedLeavesThePreviousValue) {
     const auto broker = KRBroker::create();
     Event firstRuns;
     Event firstMayEnd;
@@ -407,7 +407,7 @@ TEST(KRParameter, ARefusedValueThatWasToldLastLeavesTheOneBefore) {
     EXPECT_EQ(proxy->call<int>("getParameterValue", "value"), 1);
 }
 
-TEST(KRParameter, WhatManyThreadsSetIsInForceInTheEnd) {
+TEST(KRParameter, AfterManyConcurrentSettersValueAndSetterAgree) {
     const auto broker = KRBroker::create();
     std::atomic<int> applied = 0;
     const auto module = createModule<Freely>(broker, "Module", [&](Freely& freely) {
@@ -437,7 +437,7 @@ TEST(KRParameter, WhatManyThreadsSetIsInForceInTheEnd) {
     EXPECT_EQ(broker->getProxy("Module")->call<int>("getParameterValue", "value"), applied);
 }
 
-TEST(KRParameter, AModuleCanBeGivenValuesBeforeItCanBeCalled) {
+TEST(KRParameter, AModuleCanGetValuesBeforeItIsReachable) {
     const auto broker = KRBroker::create();
     broker->setInitialParameters("Tuner", {{"count", 9}, {"mode", "Exact"}});
     const auto tuner = createModule<Tuner>(broker, "Tuner");
@@ -447,7 +447,7 @@ TEST(KRParameter, AModuleCanBeGivenValuesBeforeItCanBeCalled) {
     EXPECT_EQ(other->count, 3);
 }
 
-TEST(KRParameter, AModuleIsNotMadeWithAWrongInitialValue) {
+TEST(KRParameter, AModuleIsNotCreatedWithAWrongInitialValue) {
     const auto broker = KRBroker::create();
     broker->setInitialParameters("Tuner", {{"count", 99}, {"moode", "Exact"}});
     EXPECT_THAT(

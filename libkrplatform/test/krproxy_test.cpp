@@ -24,7 +24,7 @@ TestModule::Setup answering(int answer) {
     return [answer](TestModule& m) { m.add("answer", [answer] { return answer; }); };
 }
 
-TEST(KRProxy, MayBeMadeBeforeItsModule) {
+TEST(KRProxy, MayBeCreatedBeforeItsModule) {
     const auto broker = KRBroker::create();
     const auto proxy = broker->getProxy("m");
     EXPECT_THROW(proxy->call("answer"), KRError);
@@ -43,7 +43,7 @@ TEST(KRProxy, FindsTheModuleAgainAfterARestart) {
     EXPECT_EQ(proxy->call<int>("answer"), 2);
 }
 
-TEST(KRProxy, DoesNotHoldTheModule) {
+TEST(KRProxy, DoesNotKeepTheModuleAlive) {
     const auto broker = KRBroker::create();
     bool destroyed = false;
     auto module = makeModule(broker, "m", [&](TestModule& m) {
@@ -56,7 +56,7 @@ TEST(KRProxy, DoesNotHoldTheModule) {
     EXPECT_TRUE(destroyed);
 }
 
-TEST(KRProxy, HoldsTheBroker) {
+TEST(KRProxy, KeepsTheBrokerAlive) {
     auto broker = KRBroker::create();
     const auto proxy = broker->getProxy("KRMemory");
     broker.reset();
@@ -74,7 +74,7 @@ TEST(KRProxy, SeesOnlyTheModulesOfItsBroker) {
     EXPECT_EQ(other->getProxy("m")->call<int>("answer"), 2);
 }
 
-TEST(KRProxy, APostedCallThatWasAcceptedRunsThoughTheProxyIsGone) {
+TEST(KRProxy, AnAcceptedPostedCallRunsAfterTheProxyIsDestroyed) {
     const auto broker = KRBroker::create();
     std::atomic<int> ran = 0;
     auto module = makeModule(broker, "m", [&](TestModule& m) { m.add("go", [&] { ++ran; }); });
@@ -98,7 +98,7 @@ TEST(KRProxy, APostedCallHasItsArguments) {
     EXPECT_EQ(got, "a73");
 }
 
-TEST(KRProxy, APostedCallLetsItsArgumentsGoWhileTheModuleStands) {
+TEST(KRProxy, APostedCallReleasesItsArgumentsBeforeTheModuleIsDestroyed) {
     const auto broker = KRBroker::create();
     test::Event posted; // until then the poster holds the arguments too
     test::Event destroyed;
@@ -108,7 +108,7 @@ TEST(KRProxy, APostedCallLetsItsArgumentsGoWhileTheModuleStands) {
     });
     static constexpr unsigned char kFrame[] = {1};
     boost::shared_ptr<const unsigned char[]> frame(kFrame, [&](const unsigned char*) {
-        module.reset(); // inside a call it only asks for the end, which comes after the call
+        module.reset(); // inside a call this only requests the destruction, which follows the call
         EXPECT_FALSE(destroyed.hasHappened());
     });
     broker->getProxy("m")->post("take", KRBinary(std::move(frame), 1));
@@ -116,7 +116,7 @@ TEST(KRProxy, APostedCallLetsItsArgumentsGoWhileTheModuleStands) {
     EXPECT_TRUE(destroyed.wait());
 }
 
-TEST(KRProxy, OneProxyServesManyThreadsWhileItsModuleComesAndGoes) {
+TEST(KRProxy, OneProxyServesManyThreadsWhileItsModuleRestarts) {
     const auto broker = KRBroker::create();
     const auto proxy = broker->getProxy("m");
     std::atomic<bool> done = false;
@@ -130,13 +130,13 @@ TEST(KRProxy, OneProxyServesManyThreadsWhileItsModuleComesAndGoes) {
                     EXPECT_GE(answer, 0);
                     ++answered;
                     proxy->post("answer");
-                } catch (const KRError&) { // not there, not yet reachable or exiting
+                } catch (const KRError&) { // missing, not yet reachable or exiting
                 }
             }
         });
     }
     for (int round = 0; round < 100; ++round) {
-        // The answer is a member of the module, so that a call after its end would read freed memory.
+        // The answer is a member of the module: a call after its destruction would read freed memory.
         const auto module = makeModule(broker, "m", [&](TestModule& m) {
             auto answer = std::make_shared<int>(round);
             m.add("answer", [answer = std::move(answer)] { return *answer; });
@@ -150,7 +150,7 @@ TEST(KRProxy, OneProxyServesManyThreadsWhileItsModuleComesAndGoes) {
     }
 }
 
-TEST(KRProxy, TellsTheFailureThatAModuleReported) {
+TEST(KRProxy, ReturnsTheFailureThatAModuleReported) {
     const auto broker = KRBroker::create();
     const auto module = makeModule(broker, "m");
     const auto proxy = broker->getProxy("m");

@@ -38,7 +38,7 @@ TEST(KRSubscription, SubscribesUntilItGoesOutOfScope) {
     EXPECT_THAT(extractor->getCalls(), ElementsAre("subscribe Greeter", "unsubscribe Greeter"));
 }
 
-TEST(KRSubscription, PassesPeriodAndPrecisionOn) {
+TEST(KRSubscription, PassesOnPeriodAndPrecision) {
     const auto broker = KRBroker::create();
     std::atomic<int> period = 0;
     std::atomic<float> precision = -1;
@@ -59,7 +59,7 @@ TEST(KRSubscription, PassesPeriodAndPrecisionOn) {
     EXPECT_EQ(precision, 0.0F);
 }
 
-TEST(KRSubscription, WaitsForAnExtractorThatIsYetToCome) {
+TEST(KRSubscription, WaitsForAnExtractorThatStartsLater) {
     const auto broker = KRBroker::create();
     const KRSubscription subscription(broker, "Faces", "Greeter");
     EXPECT_FALSE(subscription.isSubscribed());
@@ -78,7 +78,7 @@ TEST(KRSubscription, SubscribesAgainWheneverTheExtractorReturns) {
     EXPECT_FALSE(subscription.isSubscribed());
 }
 
-TEST(KRSubscription, SubscribesToAnExtractorThatCameWhileAnotherOneOfItsNameWasAsked) {
+TEST(KRSubscription, SubscribesToAnExtractorThatReplacedTheOneItWasAsking) {
     const auto broker = KRBroker::create();
     Event asked;
     Event mayAnswer;
@@ -96,7 +96,7 @@ TEST(KRSubscription, SubscribesToAnExtractorThatCameWhileAnotherOneOfItsNameWasA
     EXPECT_TRUE(second->waitForSubscribers({"Greeter"}));
 }
 
-TEST(KRSubscription, AsksAgainWhenItIsRefused) {
+TEST(KRSubscription, RetriesWhenRefused) {
     const auto broker = KRBroker::create();
     const RecordedLog log;
     std::atomic<bool> refuses = true;
@@ -111,7 +111,7 @@ TEST(KRSubscription, AsksAgainWhenItIsRefused) {
     EXPECT_FALSE(subscription.isSubscribed());
     EXPECT_TRUE(log.waitFor(KRLogLevel::Warning, "Faces refuses the subscription of Greeter"));
     EXPECT_THAT(extractor->getCalls(), testing::Contains("unsubscribe Greeter"))
-        << "it may have kept a subscriber whom it does not serve";
+        << "it may have kept a subscriber that it does not serve";
     refuses = false;
     EXPECT_TRUE(extractor->waitForSubscribers({"Greeter"}));
     EXPECT_TRUE(eventually([&] { return subscription.getFailure().empty(); }));
@@ -124,7 +124,7 @@ TEST(KRSubscription, ARestartEndsThePauseAfterARefusal) {
     const KRSubscription subscription(broker, "Faces", "Greeter");
     EXPECT_TRUE(eventually([&] { return subscription.getFailure() == "never"; }));
     refusing.reset();
-    EXPECT_EQ(subscription.getFailure(), "") << "nobody is there who refuses";
+    EXPECT_EQ(subscription.getFailure(), "") << "nobody refuses now";
     const auto extractor = createModule<FakeExtractor>(broker, "Faces");
     EXPECT_TRUE(extractor->waitForSubscribers({"Greeter"}));
 }
@@ -149,7 +149,7 @@ TEST(KRSubscription, WaitsForARunningSubscriptionBeforeItUnsubscribes) {
     EXPECT_THAT(extractor->getCalls(), ElementsAre("subscribe Greeter", "unsubscribe Greeter"));
 }
 
-TEST(KRSubscription, GoesWithoutAnExtractor) {
+TEST(KRSubscription, CanBeDestroyedWithoutAnExtractor) {
     const auto broker = KRBroker::create();
     auto extractor = createModule<FakeExtractor>(broker, "Faces");
     auto subscription = std::make_unique<KRSubscription>(broker, "Faces", "Greeter");

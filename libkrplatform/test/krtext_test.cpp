@@ -10,7 +10,7 @@ namespace {
 
 using namespace std::string_literals;
 
-TEST(EscapeText, LeavesPrintableTextAsItIs) {
+TEST(EscapeText, LeavesPrintableTextUnchanged) {
     EXPECT_EQ(escapeText(""), "");
     EXPECT_EQ(escapeText("camera 0 {\\n} \"~\""), "camera 0 {\\n} \"~\"");
     EXPECT_EQ(escapeText("Größe 5 µm, 日本, 🤖"), "Größe 5 µm, 日本, 🤖");
@@ -24,13 +24,13 @@ TEST(EscapeText, EscapesControlCharacters) {
     EXPECT_EQ(escapeText("\xC2\xA0"), "\xC2\xA0");
 }
 
-TEST(EscapeText, EscapesWhatReordersTheRestOfTheLine) {
+TEST(EscapeText, EscapesCharactersThatReorderTheLine) {
     EXPECT_EQ(escapeText("\u202Eevil"), "\\xE2\\x80\\xAEevil");
     EXPECT_EQ(escapeText("\u2028"), "\\xE2\\x80\\xA8");
     EXPECT_EQ(escapeText("\u2066"), "\\xE2\\x81\\xA6");
 }
 
-TEST(EscapeText, EscapesWhatIsNotUtf8) {
+TEST(EscapeText, EscapesInvalidUtf8) {
     EXPECT_EQ(escapeText("a\xFF"
                          "b\x80"),
               "a\\xFFb\\x80");
@@ -48,7 +48,7 @@ TEST(EscapeText, EscapingTwiceChangesNothing) {
     EXPECT_EQ(escapeText(once), once);
 }
 
-TEST(EscapeText, CutsALongTextBetweenCharacters) {
+TEST(EscapeText, TruncatesALongTextBetweenCharacters) {
     EXPECT_EQ(escapeText("abcdef", 6), "abcdef");
     EXPECT_EQ(escapeText("abcdefg", 6), "abc...");
     EXPECT_EQ(escapeText("abödefg", 6), "ab...") << "no half of a character";
@@ -57,7 +57,7 @@ TEST(EscapeText, CutsALongTextBetweenCharacters) {
     EXPECT_EQ(escapeText(std::string(100'000, 'x'), 200).size(), 200U);
 }
 
-TEST(DescribeCurrentException, SaysWhatItSaysWhateverItsType) {
+TEST(DescribeCurrentException, DescribesAnExceptionOfAnyType) {
     const auto describe = [](auto thrown) {
         try {
             throw thrown;

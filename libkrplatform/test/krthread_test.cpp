@@ -20,7 +20,7 @@ namespace {
 
 using std::chrono::steady_clock;
 
-/// What the function returns on a separate thread.
+/// Runs the function on a separate thread and returns its result.
 template <class Function>
 auto onAThread(Function function) {
     return std::async(std::launch::async, function).get();
@@ -55,7 +55,7 @@ TEST(KRThread, TheKernelKeepsTheFirst15BytesOfAName) {
               "short");
 }
 
-TEST(KRThread, AThreadThatHasTheNameAlreadyIsNotNamedAgain) {
+TEST(KRThread, AThreadIsNotRenamedToTheSameName) {
     EXPECT_EQ(onAThread([] {
                   setThreadName("mine");
                   pthread_setname_np(pthread_self(), "by another");
@@ -65,7 +65,7 @@ TEST(KRThread, AThreadThatHasTheNameAlreadyIsNotNamedAgain) {
               "by another");
 }
 
-TEST(KRThread, WithoutANameOfItsOwnAThreadHasTheKernels) {
+TEST(KRThread, AnUnnamedThreadHasTheKernelsName) {
     EXPECT_EQ(onAThread([] {
                   pthread_setname_np(pthread_self(), "by another");
                   return getThreadName();
@@ -73,7 +73,7 @@ TEST(KRThread, WithoutANameOfItsOwnAThreadHasTheKernels) {
               "by another");
 }
 
-TEST(KRThread, ANameBelongsToItsThreadAlone) {
+TEST(KRThread, EachThreadHasItsOwnName) {
     setThreadName("the first of them");
     EXPECT_EQ(onAThread([] {
                   setThreadName("the second of them");
@@ -83,7 +83,7 @@ TEST(KRThread, ANameBelongsToItsThreadAlone) {
     EXPECT_EQ(getThreadName(), "the first of them");
 }
 
-TEST(KRThread, SleepsUntilTheDeadlineAndNoLess) {
+TEST(KRThread, SleepsAtLeastUntilTheDeadline) {
     const auto deadline = steady_clock::now() + std::chrono::milliseconds(20);
     sleepUntil(deadline);
     EXPECT_GE(steady_clock::now(), deadline);
@@ -92,7 +92,7 @@ TEST(KRThread, SleepsUntilTheDeadlineAndNoLess) {
     EXPECT_GE(steady_clock::now(), start + std::chrono::milliseconds(20));
 }
 
-TEST(KRThread, ADeadlineInThePastIsNoSleep) {
+TEST(KRThread, ADeadlineInThePastReturnsAtOnce) {
     // Each of these would hang or fail loudly otherwise.
     sleepUntil(steady_clock::time_point());
     sleepUntil(steady_clock::time_point::min());

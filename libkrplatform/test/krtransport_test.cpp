@@ -1,4 +1,4 @@
-// A broker with a transport, here one without any other process.
+// A broker with a transport, here without any other process.
 
 #include "krplatform/krtransport.hpp"
 
@@ -41,13 +41,13 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::ThrowsMessage;
 
-/// What the test and the transport share. Thread-safe.
+/// State shared between the test and the transport. Thread-safe.
 struct Wire {
     mutable std::mutex mutex;
-    KRTransportHost* host = nullptr;    // constant once the broker is there
-    std::string refused;                // guarded by mutex: a name that another process has
+    KRTransportHost* host = nullptr;    // constant once the broker exists
+    std::string refused;                // guarded by mutex: a name that another process holds
     std::function<void()> onMemoryOpen; // runs once, as soon as others can reach the memory module
-    /// Guarded by mutex: what the others have been told last.
+    /// Guarded by mutex: what was last announced to the others.
     std::map<std::string, KRModuleState> announced;
 
     std::map<std::string, KRModuleState> getAnnounced() const {
@@ -199,12 +199,12 @@ public:
     }
 };
 
-TEST_F(Transport, ACallFromElsewhereRunsAndItsCallerIsKnown) {
+TEST_F(Transport, ARemoteCallRunsAndItsCallerIsKnown) {
     const auto module = createModule<Asked>(broker, "Module");
     EXPECT_EQ(serve("Module", "getCaller", {})->getResult(), "another process");
 }
 
-TEST_F(Transport, ACallFromElsewhereFailsWithAnErrorThatSaysWhy) {
+TEST_F(Transport, ARemoteCallFailsWithTheReason) {
     const auto module = makeModule(broker, "Module", [](TestModule& m) {
         m.add("throwSomething", []() -> int { throw std::runtime_error("it did not work"); });
         m.add("throwError", []() -> int { throw KRError("a module", "a method", "a description"); });
@@ -235,7 +235,7 @@ public:
     Event released;
 };
 
-TEST_F(Transport, ACallerThatDoesNotReadItsAnswerDoesNotKeepTheModule) {
+TEST_F(Transport, ACallerThatDoesNotReadItsAnswerDoesNotBlockTheModule) {
     auto module = makeModule(broker, "Module", [](TestModule& m) { m.add("run", [] { return 1; }); });
     const auto call = std::make_shared<UnreadCall>("Module", "run");
     const test::SetAtEnd end(call->released);
@@ -248,7 +248,7 @@ TEST_F(Transport, ACallerThatDoesNotReadItsAnswerDoesNotKeepTheModule) {
     EXPECT_TRUE(test::resultOf(going));
 }
 
-TEST_F(Transport, WhatTheArgumentsOfACallFromElsewhereHoldGoesBeforeTheModule) {
+TEST_F(Transport, ArgumentsOfARemoteCallAreReleasedBeforeTheModuleIsDestroyed) {
     auto module =
         makeModule(broker, "Module", [](TestModule& m) { m.add("take", [](const KRBinary&) { return 1; }); });
     static constexpr unsigned char kByte = 0;
@@ -262,7 +262,7 @@ TEST_F(Transport, WhatTheArgumentsOfACallFromElsewhereHoldGoesBeforeTheModule) {
     EXPECT_TRUE(gone);
 }
 
-/// Records which callers have gone.
+/// Records which callers have left.
 class Bereaved : public KRModule {
 public:
     using KRModule::KRModule;
@@ -276,7 +276,7 @@ protected:
     }
 };
 
-TEST_F(Transport, EveryModuleIsNotifiedOfACallerThatHasGone) {
+TEST_F(Transport, EveryModuleIsNotifiedOfACallerThatLeft) {
     const auto one = createModule<Bereaved>(broker, "One");
     const auto two = createModule<Bereaved>(broker, "Two");
     wire->host->noticeCallerGone("another process");
@@ -286,7 +286,7 @@ TEST_F(Transport, EveryModuleIsNotifiedOfACallerThatHasGone) {
 
 // ---- modules of other processes
 
-TEST_F(Transport, AModuleOfAnotherProcessIsThereWhileItIsOpen) {
+TEST_F(Transport, ARemoteModuleExistsWhileItIsOpen) {
     EXPECT_THAT(broker->getModuleList(), ElementsAre("KRMemory"));
     const auto remote = addRemote("Remote", KRModuleState::Claimed);
     const auto proxy = broker->getProxy("Remote");
@@ -307,7 +307,7 @@ TEST_F(Transport, AModuleOfAnotherProcessIsThereWhileItIsOpen) {
                 ThrowsMessage<KRError>(HasSubstr("there is no module named Remote")));
 }
 
-TEST_F(Transport, ANewerModuleOfANameTakesThePlaceOfTheOneBefore) {
+TEST_F(Transport, ANewerModuleReplacesTheOneOfTheSameName) {
     const auto before = addRemote("Remote");
     const auto after = addRemote("Remote");
     EXPECT_EQ(before->getState(), KRModuleState::Closed);
@@ -317,7 +317,7 @@ TEST_F(Transport, ANewerModuleOfANameTakesThePlaceOfTheOneBefore) {
     EXPECT_EQ(after->getCalls().size(), 1U);
 }
 
-TEST_F(Transport, TheNameOfAModuleElsewhereIsRefused) {
+TEST_F(Transport, TheNameOfARemoteModuleIsRefused) {
     const auto remote = addRemote("Taken", KRModuleState::Claimed);
     EXPECT_THAT([&] { makeModule(broker, "Taken"); },
                 ThrowsMessage<KRError>(
@@ -326,7 +326,7 @@ TEST_F(Transport, TheNameOfAModuleElsewhereIsRefused) {
     EXPECT_EQ(makeModule(broker, "Taken")->getName(), "Taken");
 }
 
-TEST_F(Transport, ANameThatAnotherProcessGotFirstIsFreeOnceThatReleasesIt) {
+TEST_F(Transport, ANameIsFreeOnceAnotherProcessReleasesIt) {
     {
         const std::lock_guard lock(wire->mutex);
         wire->refused = "Wanted";
@@ -341,7 +341,7 @@ TEST_F(Transport, ANameThatAnotherProcessGotFirstIsFreeOnceThatReleasesIt) {
     EXPECT_EQ(makeModule(broker, "Wanted")->getName(), "Wanted");
 }
 
-TEST_F(Transport, EachModuleThatOpensExitsAndGoesIsAnnounced) {
+TEST_F(Transport, OpeningExitingAndDestructionOfModulesAreAnnounced) {
     using States = std::map<std::string, KRModuleState>;
     auto module = makeModule(broker, "Module");
     EXPECT_EQ(wire->getAnnounced(),
@@ -353,12 +353,12 @@ TEST_F(Transport, EachModuleThatOpensExitsAndGoesIsAnnounced) {
     EXPECT_EQ(wire->getAnnounced(), (States{{"KRMemory", KRModuleState::Open}}));
 }
 
-TEST_F(Transport, TheMemoryDropsASubscriberElsewhereThatExitsGoesOrIsReplaced) {
+TEST_F(Transport, TheMemoryDropsARemoteSubscriberThatExitsLeavesOrIsReplaced) {
     KRMemoryProxy memory(broker);
     const auto hasNone = [&] {
         return eventually([&] { return memory.getEventSubscribers("Event").getSize() == 0; });
     };
-    const auto subscribeOne = [&] { // in its constructor, so that nobody asks it for its methods
+    const auto subscribeOne = [&] { // in its constructor, so that nobody queries its methods
         const auto client = addRemote("Client", KRModuleState::Claimed);
         memory.subscribeToEvent("Event", "Client", "onEvent");
         wire->host->setRemoteModule(client, KRModuleState::Open);
@@ -379,7 +379,7 @@ TEST_F(Transport, TheMemoryDropsASubscriberElsewhereThatExitsGoesOrIsReplaced) {
     EXPECT_TRUE(hasNone());
 }
 
-TEST_F(Transport, TheMemoryDropsASubscriberElsewhereThatGoesAsSoonAsItCouldSubscribe) {
+TEST_F(Transport, TheMemoryDropsARemoteSubscriberThatLeavesAtOnce) {
     broker.reset();
     wire->onMemoryOpen = [this] {
         const auto client = addRemote("Client", KRModuleState::Claimed);
@@ -399,7 +399,7 @@ TEST_F(Transport, ARemoteCallerGetsAnErrorWhenTheModuleRunsOutOfMemory) {
                 ThrowsMessage<KRError>(HasSubstr("Module.grow: out of memory")));
 }
 
-TEST_F(Transport, ASubscriberElsewhereHearsWhatWasRaisedBeforeItWasKnownToBeReachable) {
+TEST_F(Transport, ARemoteSubscriberGetsEventsRaisedBeforeItWasKnownToBeReachable) {
     KRMemoryProxy memory(broker);
     const auto client = addRemote("Client", KRModuleState::Claimed);
     const auto listener = createModule<EventListener>(broker, "Listener");
@@ -424,7 +424,7 @@ protected:
         broker = createBroker(false);
     }
 
-    /// Whether the memory has been called with just this, in any order.
+    /// Whether the memory got exactly these calls, in any order.
     static bool isTold(const FakeRemote& memory, std::vector<KRValue> expected) {
         return eventually([&] {
             const auto calls = memory.getCalls();
@@ -434,7 +434,7 @@ protected:
     }
 };
 
-TEST_F(RemoteMemory, ANewMemoryGetsWhatTheOneBeforeHeld) {
+TEST_F(RemoteMemory, ANewMemoryGetsWhatTheLastOneHeld) {
     const auto before = addRemote("KRMemory");
     KRMemoryProxy memory(broker);
     const auto listener = createModule<EventListener>(broker, "Listener");
@@ -453,7 +453,7 @@ TEST_F(RemoteMemory, ANewMemoryGetsWhatTheOneBeforeHeld) {
                                 KRValue::array("declareEvent", "Nobodys"),
                                 KRValue::array("subscribeToEvent", "Own", "Listener", "onEvent")}));
 
-    // And the next one once more.
+    // And the next one again.
     wire->host->removeRemoteModule(after);
     const auto third = addRemote("KRMemory");
     EXPECT_TRUE(isTold(*third, {KRValue::array("declareEvent", "Own", "Listener"),
@@ -462,7 +462,7 @@ TEST_F(RemoteMemory, ANewMemoryGetsWhatTheOneBeforeHeld) {
     EXPECT_EQ(after->getCalls().size(), 3U);
 }
 
-TEST_F(RemoteMemory, AMemoryThatDoesNotKnowTheSubscriberYetIsAskedAgain) {
+TEST_F(RemoteMemory, AMemoryThatDoesNotKnowTheSubscriberYetIsRetried) {
     const auto before = addRemote("KRMemory");
     KRMemoryProxy memory(broker);
     const auto listener = createModule<EventListener>(broker, "Listener");
@@ -475,7 +475,7 @@ TEST_F(RemoteMemory, AMemoryThatDoesNotKnowTheSubscriberYetIsAskedAgain) {
     EXPECT_TRUE(isTold(*after, {call, call, call}));
 }
 
-TEST_F(RemoteMemory, TheFirstWriteIsHandedOverThoughNoMemoryWasThereForIt) {
+TEST_F(RemoteMemory, AWriteBeforeTheFirstMemoryReachesIt) {
     const auto before = addRemote("KRMemory");
     KRMemoryProxy memory(broker);
     wire->host->removeRemoteModule(before);
@@ -484,7 +484,7 @@ TEST_F(RemoteMemory, TheFirstWriteIsHandedOverThoughNoMemoryWasThereForIt) {
     EXPECT_TRUE(isTold(*after, {KRValue::array("insertData", "Key", 1)}));
 }
 
-TEST_F(RemoteMemory, OneThatRefusesAWriteAsItIsExitingIsAway) {
+TEST_F(RemoteMemory, AnExitingOneThatRefusesAWriteCountsAsAway) {
     const auto before = addRemote("KRMemory");
     KRMemoryProxy memory(broker);
     before->failWith("the module is exiting");
@@ -495,7 +495,7 @@ TEST_F(RemoteMemory, OneThatRefusesAWriteAsItIsExitingIsAway) {
     EXPECT_TRUE(isTold(*after, {KRValue::array("insertData", "Key", 2)}));
 }
 
-TEST_F(RemoteMemory, OneThatRefusesAWriteForAnotherReasonIsNot) {
+TEST_F(RemoteMemory, OneThatRefusesAWriteForAnotherReasonDoesNot) {
     const auto remote = addRemote("KRMemory");
     KRMemoryProxy memory(broker);
     memory.insertData("Key", 1);

@@ -25,7 +25,7 @@ std::string print(const KRValue& value) {
     return text.str();
 }
 
-TEST(KRValue, IsInvalidAtFirst) {
+TEST(KRValue, IsInvalidByDefault) {
     const KRValue value;
     EXPECT_EQ(value.getType(), KRValue::Type::Invalid);
     EXPECT_FALSE(value.isValid());
@@ -42,7 +42,7 @@ TEST(KRValue, HoldsWhatItIsMadeFrom) {
     EXPECT_TRUE(KRValue(std::vector<KRValue>()).isArray());
 }
 
-TEST(KRValue, HasExactlyOneTypeAtATime) {
+TEST(KRValue, HasExactlyOneType) {
     const std::vector<KRValue> values{KRValue(),   KRValue(1),          KRValue(1.0f),
                                       KRValue(""), KRValue(KRBinary()), KRValue::array()};
     for (std::size_t i = 0; i < values.size(); ++i) {
@@ -57,7 +57,7 @@ TEST(KRValue, HasExactlyOneTypeAtATime) {
     }
 }
 
-TEST(KRValue, CarriesABoolAsAnInt) {
+TEST(KRValue, StoresABoolAsAnInt) {
     EXPECT_TRUE(KRValue(true).isInt());
     EXPECT_EQ(KRValue(true).to<int>(), 1);
     EXPECT_EQ(KRValue(false).to<int>(), 0);
@@ -78,7 +78,7 @@ TEST(KRValue, ReadsAnIntAsAFloatButNoFloatAsAnInt) {
     EXPECT_THROW(KRValue(3.0f).to<bool>(), KRError);
 }
 
-TEST(KRValue, AWrongTypeIsAnErrorThatNamesBoth) {
+TEST(KRValue, AWrongTypeIsAnErrorThatNamesBothTypes) {
     const auto names = [](const char* held, const char* wanted) {
         return ThrowsMessage<KRError>(
             AllOf(HasSubstr(held), HasSubstr(std::string("not of type ") + wanted)));
@@ -101,7 +101,7 @@ TEST(KRValue, CastsToWhatItHolds) {
     EXPECT_THROW((void)static_cast<int>(KRValue("4")), KRError);
 }
 
-TEST(KRValue, AnArrayGoesToAVectorAndBack) {
+TEST(KRValue, AnArrayConvertsToAVectorAndBack) {
     const std::vector<std::string> names{"a", "b"};
     EXPECT_EQ(KRValue(names).to<std::vector<std::string>>(), names);
     const std::vector<bool> flags{true, false};
@@ -161,7 +161,7 @@ TEST(KRValue, IsEqualToAValueOfTheSameTypeAndContentOnly) {
     EXPECT_NE(KRValue::array(1), KRValue::array(1, 1));
 }
 
-TEST(KRValue, PrintsForPeople) {
+TEST(KRValue, PrintsReadably) {
     EXPECT_EQ(print(KRValue()), "invalid");
     EXPECT_EQ(print(3), "3");
     EXPECT_EQ(print(0.5f), "0.5");
@@ -178,7 +178,7 @@ TEST(KRBinary, ACopyOfAValueCopiesNoBytes) {
     EXPECT_EQ(copy[1].to<KRBinary>().data(), bytes.data());
 }
 
-TEST(KRBinary, CopiesWhatTheCallerMayChange) {
+TEST(KRBinary, CopiesBytesThatTheCallerMayChange) {
     std::string bytes = "before";
     KRValue value;
     value.SetBinary(bytes.data(), bytes.size());
@@ -195,7 +195,7 @@ TEST(KRBinary, IsEqualToOneOfEqualBytes) {
     EXPECT_EQ(KRBinary(), KRBinary::copyOf("", 0));
 }
 
-TEST(KRBinary, KeepsWhatTheBytesBelongToUntilTheLastCopyIsGone) {
+TEST(KRBinary, KeepsTheOwnerOfTheBytesUntilTheLastCopyIsDestroyed) {
     static constexpr unsigned char kFrame[] = {1, 2, 3};
     bool released = false;
     KRValue value;

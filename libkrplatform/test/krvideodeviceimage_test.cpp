@@ -35,7 +35,7 @@ KRValue makeImage(int width, int height, int layers, int colorSpace, std::size_t
                           0.3f, -0.4f, -0.3f);
 }
 
-/// A camera service that hands out one image, and what the proxy makes of it.
+/// A camera service that serves one image, and the proxy's view of it.
 class KRVideoDeviceImage : public testing::Test {
 protected:
     KRValue fetch(const KRValue& image) {
@@ -64,7 +64,7 @@ TEST_F(KRVideoDeviceImage, PixelsAreNotCopied) {
     EXPECT_EQ(fetch(image)[6].GetBinary().data(), image[6].GetBinary().data());
 }
 
-TEST_F(KRVideoDeviceImage, TheRightNumberOfLayersPassesInEveryColourSpace) {
+TEST_F(KRVideoDeviceImage, TheRightNumberOfLayersIsAcceptedInEveryColourSpace) {
     for (int space = 0; space < static_cast<int>(kLayers.size()); ++space) {
         const int layers = kLayers[static_cast<std::size_t>(space)];
         expectPasses(makeImage(4, 2, layers, space, static_cast<std::size_t>(8 * layers)));
@@ -91,7 +91,7 @@ TEST_F(KRVideoDeviceImage, OneByteTooFewIsRefusedInEveryColourSpace) {
     }
 }
 
-TEST_F(KRVideoDeviceImage, MoreBytesThanItNeedsPass) {
+TEST_F(KRVideoDeviceImage, ExtraBytesAreAccepted) {
     expectPasses(makeImage(4, 2, 3, 11, 1000));
 }
 
@@ -111,7 +111,7 @@ TEST_F(KRVideoDeviceImage, ASizeThatOverflowsAnIntIsRefusedInEveryColourSpace) {
         expectRefused(makeImage(kIntMax, kIntMax, layers, space, 100), "too large");
         expectRefused(makeImage(65536, 65536, layers, space, 100), "too large"); // wraps to 0 in 32 bits
         expectRefused(makeImage(65536, 65536, 0, space, 100),
-                      "too large"); // its buffer would be, regardless
+                      "too large"); // its buffer would be, anyway
         if (layers > 1) {
             expectRefused(makeImage(kIntMax / layers + 1, 1, layers, space, 100), "too large");
             expectRefused(makeImage(1, kIntMax / layers + 1, layers, space, 100), "too large");
@@ -120,13 +120,13 @@ TEST_F(KRVideoDeviceImage, ASizeThatOverflowsAnIntIsRefusedInEveryColourSpace) {
     }
 }
 
-TEST_F(KRVideoDeviceImage, AnEmptyImagePasses) {
+TEST_F(KRVideoDeviceImage, AnEmptyImageIsAccepted) {
     expectPasses(makeImage(0, 0, 3, 11, 0));
     expectPasses(makeImage(640, 0, 3, 11, 0));
     expectPasses(makeImage(640, 480, 0, 11, 0));
 }
 
-TEST_F(KRVideoDeviceImage, ALongerArrayIsCheckedLikeAnyOther) {
+TEST_F(KRVideoDeviceImage, ALongerArrayIsCheckedToo) {
     KRValue image = makeImage(4, 2, 3, 11, 24);
     image.arraySetSize(14);
     expectPasses(image);
@@ -134,7 +134,7 @@ TEST_F(KRVideoDeviceImage, ALongerArrayIsCheckedLikeAnyOther) {
     expectRefused(image, "there are 23");
 }
 
-TEST_F(KRVideoDeviceImage, WhatIsNoImageAtAllPassesToTheConversion) {
+TEST_F(KRVideoDeviceImage, WhatIsNotAnImageIsLeftToTheConversion) {
     expectPasses(KRValue());
     expectPasses(5);
     expectPasses("image");
@@ -145,7 +145,7 @@ TEST_F(KRVideoDeviceImage, WhatIsNoImageAtAllPassesToTheConversion) {
     expectPasses(image);
 }
 
-TEST_F(KRVideoDeviceImage, ElementsOfAnotherTypePassToTheConversion) {
+TEST_F(KRVideoDeviceImage, ElementsOfTheWrongTypeAreLeftToTheConversion) {
     for (const std::size_t element : {0u, 1u, 2u, 3u, 6u}) {
         KRValue image = makeImage(4, 2, 3, 11, 24);
         image[element] = "4";
@@ -160,15 +160,15 @@ TEST_F(KRVideoDeviceImage, ElementsOfAnotherTypePassToTheConversion) {
     expectPasses(image);
 }
 
-TEST_F(KRVideoDeviceImage, AnUnknownColourSpacePassesToTheConversion) {
+TEST_F(KRVideoDeviceImage, AnUnknownColourSpaceIsLeftToTheConversion) {
     for (const int space : {-1, 27, 1000, kIntMax, kIntMin}) {
         expectPasses(makeImage(4, 2, 3, space, 0));
         expectPasses(makeImage(kIntMax, kIntMax, kIntMax, space, 0));
     }
 }
 
-// Its reader allocates what the geometry says and fills with zeros what the value does not hold.
-TEST_F(KRVideoDeviceImage, AnImageOfFewerLayersNeedsNoMorePixelsThanThoseHoweverLargeItIs) {
+// The reader allocates what the geometry says and fills with zeros what the value lacks.
+TEST_F(KRVideoDeviceImage, AnImageOfFewerLayersNeedsOnlyTheirPixelsAtAnySize) {
     for (int space = 0; space < static_cast<int>(kLayers.size()); ++space) {
         const int most = kIntMax / kLayers[static_cast<std::size_t>(space)]; // pixels that an int can count
         expectPasses(makeImage(most, 1, 0, space, 0));

@@ -74,7 +74,7 @@ struct FakeService {
     });
 };
 
-TEST(KRVideoDeviceProxy, EachOperationArrivesWithItsArgumentsAndReturnsTheAnswer) {
+TEST(KRVideoDeviceProxy, EachOperationPassesItsArgumentsAndReturnsTheAnswer) {
     FakeService service;
     KRVideoDeviceProxy& proxy = service.proxy;
     EXPECT_EQ(proxy.subscribeCamera("me", 1, 2, 9, 30), "me_0");
@@ -131,7 +131,7 @@ TEST(KRVideoDeviceProxy, WithoutAServiceEachOperationIsAnError) {
     EXPECT_THROW(proxy.getCameraModel(0), KRError);
 }
 
-/// A camera service that goes and comes back. Each one that comes numbers its subscriptions as none before.
+/// A camera service that leaves and returns; identifiers of subscriptions differ after each start.
 struct RestartedService {
     void start() {
         const int number = ++starts;
@@ -186,7 +186,7 @@ struct RestartedService {
     KRModuleHandle<TestModule> module;
 };
 
-TEST(KRVideoDeviceProxy, ASubscriptionGoesOnAtTheServiceThatComesWithItsSettingsAndParameters) {
+TEST(KRVideoDeviceProxy, ASubscriptionContinuesAtTheNextServiceWithItsSettings) {
     RestartedService service;
     service.start();
     KRVideoDeviceProxy& proxy = service.proxy;
@@ -195,7 +195,7 @@ TEST(KRVideoDeviceProxy, ASubscriptionGoesOnAtTheServiceThatComesWithItsSettings
     EXPECT_TRUE(proxy.setResolution(id, 1));
     EXPECT_TRUE(proxy.setColorSpace(id, 13));
     EXPECT_TRUE(proxy.setActiveCamera(id, 3));
-    EXPECT_FALSE(proxy.setResolution(id, -1)); // what was refused is not asked for again
+    EXPECT_FALSE(proxy.setResolution(id, -1)); // a refused value is not requested again
     EXPECT_FALSE(proxy.setActiveCamera(id, -1));
     EXPECT_TRUE(proxy.setCameraParameter(id, 10, 1));
     EXPECT_TRUE(proxy.setCameraParameter(id, 11, 2));
@@ -218,7 +218,7 @@ TEST(KRVideoDeviceProxy, ASubscriptionGoesOnAtTheServiceThatComesWithItsSettings
                                            KRValue::array("releaseImage", "me_3")));
 }
 
-TEST(KRVideoDeviceProxy, WhileTheServiceIsGoneThereIsNothingToReleaseOrToUnsubscribe) {
+TEST(KRVideoDeviceProxy, WithoutAServiceThereIsNothingToReleaseOrUnsubscribe) {
     RestartedService service;
     service.start();
     KRVideoDeviceProxy& proxy = service.proxy;
@@ -230,11 +230,11 @@ TEST(KRVideoDeviceProxy, WhileTheServiceIsGoneThereIsNothingToReleaseOrToUnsubsc
     proxy.setAllCameraParametersToDefault(id);
     proxy.unsubscribe(id);
     service.restart();
-    EXPECT_EQ(proxy.getImageRemote(id), "image"); // for the service to refuse
+    EXPECT_EQ(proxy.getImageRemote(id), "image"); // left to the service to refuse
     EXPECT_THAT(service.asked, ElementsAre(KRValue::array("getImageRemote", "me_1")));
 }
 
-TEST(KRVideoDeviceProxy, AFrameRateSetWhileTheServiceIsExitingOrAwayIsThatOfTheNextOne) {
+TEST(KRVideoDeviceProxy, AFrameRateSetWithoutAServiceAppliesAtTheNextOne) {
     RestartedService service;
     service.start();
     KRVideoDeviceProxy& proxy = service.proxy;
@@ -254,7 +254,7 @@ TEST(KRVideoDeviceProxy, AFrameRateSetWhileTheServiceIsExitingOrAwayIsThatOfTheN
                                            KRValue::array("getImageRemote", "me_3")));
 }
 
-TEST(KRVideoDeviceProxy, AServiceThatExitsDuringACallNeedNotBeUnsubscribedFrom) {
+TEST(KRVideoDeviceProxy, AServiceThatExitsDuringACallNeedsNoUnsubscription) {
     const auto broker = KRBroker::create();
     KRVideoDeviceProxy proxy(broker);
     const auto service = makeModule(broker, "KRVideoDevice", [](TestModule& m) {
@@ -270,7 +270,7 @@ TEST(KRVideoDeviceProxy, AServiceThatExitsDuringACallNeedNotBeUnsubscribedFrom) 
     proxy.unsubscribe(id);
 }
 
-TEST(KRVideoDeviceProxy, AParameterThatFailsAfterARestartDoesNotKeepTheOthersFromBeingSet) {
+TEST(KRVideoDeviceProxy, AParameterThatFailsAfterARestartDoesNotStopTheOthers) {
     const test::RecordedLog recorded;
     RestartedService service;
     service.start();
@@ -295,7 +295,7 @@ TEST(KRVideoDeviceProxy, AParameterThatFailsAfterARestartDoesNotKeepTheOthersFro
         1U);
 }
 
-TEST(KRVideoDeviceProxy, AServiceThatCannotOpenTheCameraAfterARestartHasNothingToReleaseOrToUnsubscribe) {
+TEST(KRVideoDeviceProxy, AFailedCameraAfterARestartLeavesNothingToReleaseOrUnsubscribe) {
     RestartedService service;
     service.start();
     const std::string id = service.proxy.subscribeCamera("me", 0, 2, 9, 30);
@@ -312,7 +312,7 @@ TEST(KRVideoDeviceProxy, AServiceThatCannotOpenTheCameraAfterARestartHasNothingT
     service.proxy.unsubscribe(id);
 }
 
-TEST(KRVideoDeviceProxy, TheCauseOfARefusedSubscriptionIsLoggedAndTheErrorOfWhatFollows) {
+TEST(KRVideoDeviceProxy, TheCauseOfARefusedSubscriptionIsLoggedAndRepeatedInLaterErrors) {
     const test::RecordedLog recorded;
     RestartedService service;
     service.unplugged = true;
@@ -326,7 +326,7 @@ TEST(KRVideoDeviceProxy, TheCauseOfARefusedSubscriptionIsLoggedAndTheErrorOfWhat
     EXPECT_THAT([&] { service.proxy.getImageRemote("me"); }, throwsTheCause);
     EXPECT_THAT([&] { service.proxy.setFrameRate("me", 30); }, throwsTheCause);
     EXPECT_THAT([&] { service.proxy.releaseImage("me"); }, throwsTheCause);
-    EXPECT_EQ(service.proxy.getImageRemote("other"), "image") << "for the service to judge";
+    EXPECT_EQ(service.proxy.getImageRemote("other"), "image") << "left to the service to judge";
     service.unplugged = false;
     EXPECT_EQ(service.proxy.subscribeCamera("me", 0, 2, 9, 30), "me_1");
     EXPECT_EQ(service.proxy.getImageRemote("me"), "image");
@@ -346,7 +346,7 @@ TEST(KRVideoDeviceProxy, ARefusedUnsubscriptionIsLogged) {
     EXPECT_EQ(warnings[0].category, "krplatform.camera");
 }
 
-TEST(KRVideoDeviceProxy, SubscribingWaitsForAServiceThatIsNotThereYet) {
+TEST(KRVideoDeviceProxy, SubscribingWaitsForAServiceNotYetStarted) {
     RestartedService service;
     auto subscribing =
         test::startAndLetSleep([&] { return service.proxy.subscribeCamera("me", 0, 2, 9, 30); });
@@ -355,7 +355,7 @@ TEST(KRVideoDeviceProxy, SubscribingWaitsForAServiceThatIsNotThereYet) {
     EXPECT_EQ(service.proxy.getImageRemote("me_1"), "image");
 }
 
-TEST(KRVideoDeviceProxy, SubscribingWaitsForTheServiceThatFollowsOneWhichIsExiting) {
+TEST(KRVideoDeviceProxy, SubscribingWaitsForTheSuccessorOfAnExitingService) {
     RestartedService service;
     service.start();
     service.module->exit();
@@ -372,7 +372,7 @@ TEST(KRVideoDeviceProxy, SubscribingFailsWhenNoServiceComesInTime) {
                 ThrowsMessage<KRError>(HasSubstr("there is no module named KRVideoDevice")));
 }
 
-TEST(KRVideoDeviceProxy, AModuleThatIsAskedToExitWaitsForNoServiceAnyMore) {
+TEST(KRVideoDeviceProxy, AModuleAskedToExitStopsWaitingForAService) {
     RestartedService service;
     service.proxy.setServiceTimeout(std::chrono::hours(1));
     const auto module = makeModule(service.broker, "Motion", [&](TestModule& m) {

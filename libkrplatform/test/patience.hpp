@@ -41,7 +41,7 @@ private:
     bool happened_ = false;
 };
 
-/// Sets the event at its destruction, so that a test that fails half way leaves no thread waiting.
+/// Sets the event when destroyed, so that a test that fails halfway leaves no thread waiting.
 class SetAtEnd {
 public:
     explicit SetAtEnd(Event& event) : event_(event) {}
@@ -66,8 +66,8 @@ template <class Condition>
     return true;
 }
 
-/// Runs the function on a separate thread and returns once that thread sleeps, waiting for something.
-/// \throws std::runtime_error it never slept
+/// Runs the function on a separate thread and returns once that thread is blocked.
+/// \throws std::runtime_error it never blocked
 template <class Function>
 auto startAndLetSleep(Function function) {
     const auto thread = std::make_shared<std::atomic<pid_t>>(0);
@@ -88,7 +88,7 @@ auto startAndLetSleep(Function function) {
     return result;
 }
 
-/// The future's result or exception. \throws std::runtime_error it did not come
+/// The future's result or exception. \throws std::runtime_error not in time
 template <class T>
 T resultOf(std::future<T>& future) {
     if (future.wait_for(kPatience) != std::future_status::ready) {

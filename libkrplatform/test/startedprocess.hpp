@@ -16,10 +16,10 @@ public:
     StartedProcess(const StartedProcess&) = delete;
     StartedProcess& operator=(const StartedProcess&) = delete;
 
-    /// The line that it has printed.
+    /// The line that it printed.
     const std::string& getAnswer() const noexcept { return answer_; }
     pid_t getPid() const noexcept { return pid_; }
-    /// Asks it to end and waits until it has. \return its exit code, or 128 and the number of the signal
+    /// Asks it to end and waits for that. \return its exit code, or 128 plus the signal number
     int stop();
     void kill();
     void freeze() const;

@@ -52,7 +52,7 @@ public:
     using KRModule::xPost;
 
     std::function<void()> onShutDown;
-    std::function<void()> onDestroyed; ///< the derived class is about to go
+    std::function<void()> onDestroyed; ///< the derived class is about to be destroyed
 
 protected:
     void xShutDown() override {
