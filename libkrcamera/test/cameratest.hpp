@@ -41,7 +41,7 @@ struct Image {
     explicit Image(const KRValue& value);
 
     const unsigned char* data() const { return pixels.data(); }
-    /// The bytes of the pixel at x, y; of two pixels in YUV422 if x is even.
+    /// The bytes of the pixel at x, y; in YUV422, if x is even, of two pixels.
     std::vector<int> at(int x, int y, int bytes = 0) const;
 
     int width, height, layers, colorSpace, seconds, microseconds, camera;
@@ -58,13 +58,13 @@ protected:
                           int frameRate = 30) {
         return proxy->subscribeCamera("test", camera, resolution, colorSpace, frameRate);
     }
-    /// The next image, also of a slow camera; waits for a minute at most.
+    /// The next image, even of a slow camera; waits at most a minute.
     Image fetch(const std::string& id);
-    /// Fetches so many images, whose time stamps must increase. \return the last one
+    /// Fetches that many images, whose time stamps must increase. \return the last one
     Image fetchInOrder(const std::string& id, int count, const std::function<void(const Image&)>& check = {});
-    /// Fetches until an image satisfies the condition; for a minute at most, then the test has failed.
+    /// Fetches until an image satisfies the condition, for at most a minute; then the test fails.
     Image fetchUntil(const std::string& id, const std::function<bool(const Image&)>& condition);
-    /// Waits until the condition is true, for a minute at most.
+    /// Waits until the condition is true, for at most a minute.
     void waitUntil(const std::function<bool()>& condition);
 
     boost::shared_ptr<KRBroker> broker = KRBroker::create();

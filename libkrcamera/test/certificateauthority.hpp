@@ -6,11 +6,11 @@
 
 namespace KR {
 
-/// Makes certificates, which are not trusted until trust() is called.
+/// Makes certificates that are trusted only once trust() has been called.
 class CertificateAuthority {
 public:
     CertificateAuthority();
-    /// The authority is no longer trusted afterwards.
+    /// Ends the trust in this authority.
     ~CertificateAuthority();
     CertificateAuthority(const CertificateAuthority&) = delete;
     CertificateAuthority& operator=(const CertificateAuthority&) = delete;

@@ -36,7 +36,7 @@ bool sendAll(GIOStream* stream, const std::string& bytes) {
                                      nullptr, nullptr, nullptr) == TRUE;
 }
 
-/// The header up to the empty line; empty if it does not come.
+/// The header up to the empty line; empty if it does not arrive.
 std::string receiveRequest(GIOStream* stream) {
     std::string request;
     char bytes[1024];
@@ -128,7 +128,7 @@ void HttpServer::serve(int connection) {
     answer(*stream);
     const std::lock_guard lock(mutex_);
     connections_.erase(connection);
-    stream.reset(); // from here on, another connection may get its number
+    stream.reset(); // from here on, its number may be reused
 }
 
 void HttpServer::answer(GIOStream& stream) {

@@ -1,4 +1,4 @@
-// Requirements for every source of the camera service, and for the fake camera of other tests.
+// Requirements for every kind of source, and for the fake camera of other tests.
 
 #include "cameratest.hpp"
 #include "certificateauthority.hpp"
@@ -40,7 +40,7 @@ protected:
         }
         const std::string source = makeSource(kind.name);
         if (source.empty()) {
-            GTEST_SKIP() << "no such camera here";
+            GTEST_SKIP() << "there is no such camera";
         }
         start({source, source == getDevice() ? "test" : source}); // a device can be opened once
     }
@@ -134,7 +134,7 @@ TEST_P(Conformance, UnsupportedSettingsAreRefusedWithTheirValues) {
     EXPECT_THAT(errorOf([&] { subscribe(0, 2, 9, 31); }), HasSubstr("frame rate 31"));
 }
 
-TEST_P(Conformance, EveryResolutionComesAsAskedInEveryColorSpace) {
+TEST_P(Conformance, EveryResolutionIsDeliveredInEveryColorSpace) {
     const std::string id = subscribe();
     const std::array spaces{Space::Luma, Space::Yuv422, Space::Rgb, Space::Bgr, Space::Bgrx};
     for (int resolution = 0; resolution <= 17; ++resolution) {
@@ -153,7 +153,7 @@ TEST_P(Conformance, EveryResolutionComesAsAskedInEveryColorSpace) {
     }
 }
 
-TEST_P(Conformance, EachFetchGetsALaterImageReleasedOrNot) {
+TEST_P(Conformance, EachFetchGetsALaterImageWhetherReleasedOrNot) {
     const std::string id = subscribe(0, Resolution::QuarterVga);
     std::int64_t last = 0;
     for (int i = 0; i < 10; ++i) {
@@ -179,7 +179,7 @@ TEST_P(Conformance, AnImageDoesNotChangeWhileItIsHeld) {
     EXPECT_TRUE(std::equal(copy.begin(), copy.end(), held.data()));
 }
 
-TEST_P(Conformance, SettersRefuseWhatIsNotSupportedAndChangeNothing) {
+TEST_P(Conformance, SettersRefuseUnsupportedValuesAndChangeNothing) {
     const std::string id = subscribe(0, Resolution::QuarterVga, Space::Bgr, 15);
     for (const int bad : {-1, 18}) {
         EXPECT_FALSE(proxy->setResolution(id, bad));
@@ -239,7 +239,7 @@ TEST_P(Conformance, ACameraWithoutSubscribersOpensAgain) {
     }
 }
 
-TEST_P(Conformance, TheModelTellsTheKindOfSource) {
+TEST_P(Conformance, TheModelIsTheKindOfSource) {
     EXPECT_EQ(proxy->getCameraModel(0), GetParam().model);
     EXPECT_EQ(proxy->getCameraModel(-1), -1);
     EXPECT_EQ(proxy->getCameraModel(9), -1);

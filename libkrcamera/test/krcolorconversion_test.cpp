@@ -145,7 +145,7 @@ protected:
     static void SetUpTestSuite() { initGStreamer(); }
     void TearDown() override { forceColorConversionPath(""); }
 
-    /// The largest distance of a level from the exact one.
+    /// The largest difference of a level from the exact one.
     static double getWorst(const Picture& in, const Picture& out) {
         double worst = 0;
         const int components = static_cast<int>(GST_VIDEO_FRAME_N_COMPONENTS(&out.frame));
@@ -191,7 +191,7 @@ TEST_P(ColorConversionPath, GivesTheNearestLevelsAndTouchesNothingElse) {
 INSTANTIATE_TEST_SUITE_P(Ways, ColorConversionPath, testing::ValuesIn(listWays()),
                          [](const testing::TestParamInfo<Way>& way) { return getName(way.param); });
 
-TEST(ColorConversionPaths, AreForcedOneByOne) {
+TEST(ColorConversionPaths, CanBeForcedOneByOne) {
     const std::vector<std::string> paths = listColorConversionPaths();
     EXPECT_EQ(std::ranges::count(paths, paths.front()), 1);
 #if defined(__x86_64__)

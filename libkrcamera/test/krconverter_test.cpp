@@ -143,7 +143,7 @@ protected:
     static void SetUpTestSuite() { initGStreamer(); }
 };
 
-TEST_P(ConverterTest, EveryColorComesOutWithinTwoLevelsInEverySizeAndColorSpace) {
+TEST_P(ConverterTest, EveryColorIsWithinTwoLevelsInEverySizeAndColorSpace) {
     const Squares squares(GetParam());
     KRConverter converter;
     for (int resolution = 0; resolution <= 12; ++resolution) {

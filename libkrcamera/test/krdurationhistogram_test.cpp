@@ -7,7 +7,7 @@ namespace KR {
 using std::chrono::microseconds;
 using std::chrono::milliseconds;
 
-TEST(KRDurationHistogram, WithoutDurationsAllIsZero) {
+TEST(KRDurationHistogram, WithoutDurationsEverythingIsZero) {
     const KRDurations none = KRDurationHistogram().summarize();
     EXPECT_EQ(none.median_ms, 0);
     EXPECT_EQ(none.p99_ms, 0);
@@ -24,7 +24,7 @@ TEST(KRDurationHistogram, OneDurationIsMedianAndMaximum) {
     }
 }
 
-TEST(KRDurationHistogram, QuantilesAreNeverTooSmallAndAtMostATwentyFifthTooGreat) {
+TEST(KRDurationHistogram, QuantilesAreNeverTooSmallAndAtMostATwentyFifthTooLarge) {
     for (const int scale : {1, 7, 1000, 50000}) {
         KRDurationHistogram histogram;
         for (int i = 1; i <= 1000; ++i) {
@@ -40,7 +40,7 @@ TEST(KRDurationHistogram, QuantilesAreNeverTooSmallAndAtMostATwentyFifthTooGreat
     }
 }
 
-TEST(KRDurationHistogram, DurationsOutOfRangeCountAsItsEnds) {
+TEST(KRDurationHistogram, DurationsOutOfRangeCountAsItsLimits) {
     KRDurationHistogram histogram;
     histogram.add(milliseconds(-5));
     EXPECT_EQ(histogram.summarize().max_ms, 0);

@@ -1,4 +1,4 @@
-// Vision extractors on the real camera service, and that everything is released at the end.
+// Vision extractors on the real camera service; everything must be released at the end.
 
 #include "cameratest.hpp"
 
@@ -36,7 +36,7 @@ public:
 
     std::function<void(KRImage*)> onImage; ///< set before images flow
 
-    /// Blocks until so many images of this kind have come since the start. \return whether they have
+    /// Blocks until that many images of this kind have arrived since the start. \return whether they have
     bool waitFor(int camera, int width, int colorSpace, int images) {
         std::unique_lock lock(mutex_);
         return got_.wait_for(lock, std::chrono::seconds(60), [&] {
@@ -73,7 +73,7 @@ protected:
     TemporaryFolder folder;
 };
 
-TEST_F(KRExtractorsOnCameras, EightOnTwoCamerasAllGetTheirImagesAndLeaveNothingBehind) {
+TEST_F(KRExtractorsOnCameras, EightOnTwoCamerasGetTheirImagesAndReleaseEverything) {
     writeFilm(folder / "film.avi");
     start({"test", "file:" + folder / "film.avi"});
     std::vector<KRModuleHandle<ImageCounter>> counters;
@@ -130,7 +130,7 @@ TEST_F(KRExtractorsOnCameras, SettingsChangeWhileImagesFlow) {
     counter->unsubscribe("client");
 }
 
-TEST_F(KRExtractorsOnCameras, ACameraIsPresetOnlyIfTheServiceHasIt) {
+TEST_F(KRExtractorsOnCameras, OnlyAnExistingCameraCanBePreset) {
     start({"test", "test:snow"});
     const auto counter = createModule<ImageCounter>(broker, "Counter");
     EXPECT_FALSE(counter->setActiveCamera(2));
@@ -139,7 +139,7 @@ TEST_F(KRExtractorsOnCameras, ACameraIsPresetOnlyIfTheServiceHasIt) {
     EXPECT_TRUE(counter->waitFor(1, 320, Space::Yuv422, 1));
 }
 
-TEST_F(KRExtractorsOnCameras, ACameraThatCannotBeOpenedMakesItsExtractorExitAndLeavesTheOthersAlone) {
+TEST_F(KRExtractorsOnCameras, ACameraThatCannotBeOpenedMakesOnlyItsExtractorExit) {
     start({"test", "file:" + folder / "missing.mp4"});
     const auto good = createModule<ImageCounter>(broker, "CounterGood", 0);
     const auto bad = createModule<ImageCounter>(broker, "CounterBad", 1);
@@ -150,7 +150,7 @@ TEST_F(KRExtractorsOnCameras, ACameraThatCannotBeOpenedMakesItsExtractorExitAndL
     EXPECT_TRUE(good->waitFor(0, 320, Space::Yuv422, 3));
 }
 
-TEST_F(KRExtractorsOnCameras, ACameraThatEndsLeavesItsExtractorRunningAndItsImagesComeBack) {
+TEST_F(KRExtractorsOnCameras, AnExtractorSurvivesTheEndOfItsCameraAndGetsImagesAgain) {
     start({"gst:videotestsrc num-buffers=3 is-live=true"});
     std::mutex mutex;
     std::condition_variable said;
@@ -174,7 +174,7 @@ TEST_F(KRExtractorsOnCameras, ACameraThatEndsLeavesItsExtractorRunningAndItsImag
     EXPECT_FALSE(counter->isProcessing());
 }
 
-TEST_F(KRExtractorsOnCameras, TheServiceMayGoFirst) {
+TEST_F(KRExtractorsOnCameras, TheServiceMayBeDestroyedFirst) {
     start({"test"});
     const auto counter = createModule<ImageCounter>(broker, "Counter");
     counter->onImage = [&](KRImage*) { service->exit(); };

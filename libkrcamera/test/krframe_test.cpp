@@ -32,7 +32,7 @@ protected:
         return std::make_unique<KRFrame>(1, capture, std::make_shared<KRConverter>());
     }
 
-    /// The pixels of such a frame are the camera's memory itself.
+    /// Whether the pixels of such a frame are the camera's own memory.
     bool isShared(int resolution, int colorSpace, GstVideoFormat format, int width, int height,
                   const char* colorimetry = nullptr) {
         const auto frame = makeFrame(format, width, height, colorimetry);
@@ -42,7 +42,7 @@ protected:
     std::vector<unsigned char> memory;
 };
 
-TEST_F(FrameTest, PixelsThatTheCameraDeliversAsWantedAreNotCopied) {
+TEST_F(FrameTest, PixelsInTheWantedFormatAreNotCopied) {
     EXPECT_TRUE(isShared(2, Space::Yuv422, GST_VIDEO_FORMAT_YUY2, 640, 480));
     EXPECT_TRUE(isShared(5, Space::Yuv422, GST_VIDEO_FORMAT_YUY2, 1280, 720, "bt601"));
     EXPECT_TRUE(isShared(1, Space::Luma, GST_VIDEO_FORMAT_GRAY8, 320, 240));
@@ -65,7 +65,7 @@ TEST_F(FrameTest, PixelsOfAnotherSizeLayoutStrideOrColorimetryAreConverted) {
     EXPECT_EQ(pixels.data()[0], 128);
 }
 
-TEST_F(FrameTest, AConversionIsMadeOnceAndAligned) {
+TEST_F(FrameTest, AConversionIsDoneOnceAndAligned) {
     const auto frame = makeFrame(GST_VIDEO_FORMAT_I420, 320, 240);
     const KRBinary first = frame->getPixels(2, Space::Bgr);
     EXPECT_EQ(frame->getPixels(2, Space::Bgr).data(), first.data());
@@ -75,7 +75,7 @@ TEST_F(FrameTest, AConversionIsMadeOnceAndAligned) {
 }
 
 // As in JPEG.
-TEST_F(FrameTest, ColorsFrom0To255AreBroughtToTheUsualRange) {
+TEST_F(FrameTest, FullRangeColorsAreConvertedToTheUsualRange) {
     const auto frame = makeFrame(GST_VIDEO_FORMAT_I420, 320, 240, "1:4:0:0");
     std::fill(memory.begin(), memory.begin() + 320 * 240, static_cast<unsigned char>(255));
     for (const int resolution : {Resolution::QuarterVga, Resolution::Vga}) {
@@ -86,7 +86,7 @@ TEST_F(FrameTest, ColorsFrom0To255AreBroughtToTheUsualRange) {
     }
 }
 
-TEST_F(FrameTest, TheBordersOfAWideImageAreBlackWhateverTheRange) {
+TEST_F(FrameTest, TheBordersOfAWideImageAreBlackInEveryRange) {
     for (const char* colorimetry : {"bt601", "1:4:0:0"}) {
         const auto frame = makeFrame(GST_VIDEO_FORMAT_I420, 320, 240, colorimetry);
         EXPECT_EQ(frame->getPixels(15, Space::Luma).data()[0], 16) << colorimetry;
@@ -96,7 +96,7 @@ TEST_F(FrameTest, TheBordersOfAWideImageAreBlackWhateverTheRange) {
     }
 }
 
-TEST_F(FrameTest, AConversionToAnySizeKeepsAnEvenPictureEven) {
+TEST_F(FrameTest, AUniformPictureStaysUniformInEverySize) {
     for (const auto& [width, height] : {std::pair{640, 480}, {1280, 720}, {1920, 1080}, {320, 240}}) {
         const auto frame = makeFrame(GST_VIDEO_FORMAT_YUY2, width, height, "bt601");
         for (int resolution = 0; resolution <= 12; ++resolution) {
@@ -126,7 +126,7 @@ TEST_F(FrameTest, AWidePictureFillsAWideImage) {
     EXPECT_TRUE(std::all_of(half.data(), half.data() + half.size(), [](int value) { return value == 128; }));
 }
 
-TEST_F(FrameTest, APictureWiderThanTheImageIsBorderedAboveAndBelow) {
+TEST_F(FrameTest, APictureWiderThanTheImageGetsBordersAboveAndBelow) {
     const auto strip = makeFrame(GST_VIDEO_FORMAT_GRAY8, 640, 90);
     const KRBinary image = strip->getPixels(15, Space::Luma); // 640x180
     EXPECT_EQ(image.data()[20 * 640 + 320], 16);

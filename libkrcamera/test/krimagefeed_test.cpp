@@ -19,7 +19,7 @@ namespace {
 
 constexpr std::int64_t kBeginning_usec = 1'500'000'000'000'000;
 
-/// Images of 160x120 luma, that of number i filled with i; each subscriber gets each of them.
+/// Images of 160x120 luma; number i is filled with i. Each subscriber gets every image.
 class TestFeed : public KRImageFeed {
 public:
     explicit TestFeed(std::uint64_t count) : count_(count) {}
@@ -43,7 +43,7 @@ public:
 
     std::atomic<int> openings = 0;
     std::atomic<int> size = 0;
-    std::atomic<std::uint64_t> available = 1000; ///< highest number that does not have to be waited for
+    std::atomic<std::uint64_t> available = 1000; ///< highest number that is available without waiting
 
 private:
     const std::uint64_t count_;
@@ -58,7 +58,7 @@ protected:
     const std::shared_ptr<TestFeed> feed = std::make_shared<TestFeed>(3);
 };
 
-/// Notes the images that it gets.
+/// Records the images that it gets.
 class FeedExtractor : public KRVisionExtractor {
 public:
     FeedExtractor(boost::shared_ptr<KRBroker> broker, const std::string& name)
@@ -97,7 +97,7 @@ TEST_F(FeedTest, ItsImagesAreThoseOfTheCamera) {
     EXPECT_EQ(feed->openings, 1);
 }
 
-TEST_F(FeedTest, WhatIsNotThereYetIsWaitedForAsLongAsForACamera) {
+TEST_F(FeedTest, AMissingImageIsAwaitedAsLongAsFromACamera) {
     feed->available = 0;
     startWith({feed});
     const std::string id = subscribe(0, 0, Space::Luma);
@@ -107,7 +107,7 @@ TEST_F(FeedTest, WhatIsNotThereYetIsWaitedForAsLongAsForACamera) {
     EXPECT_EQ(fetched.get(), 1);
 }
 
-TEST_F(FeedTest, ASizeThatNoResolutionHasIsRefused) {
+TEST_F(FeedTest, ASizeWithoutAResolutionIsRefused) {
     feed->size = 3; // 1280x960
     startWith({feed});
     EXPECT_EQ(fetch(subscribe(0, 0, Space::Luma)).width, 160);

@@ -44,7 +44,7 @@ TEST_F(SubscriptionAccountTest, AFrameOfThePreviousCameraIsRefused) {
     EXPECT_TRUE(take(1));
 }
 
-TEST_F(SubscriptionAccountTest, OneThatHasEndedTakesNothing) {
+TEST_F(SubscriptionAccountTest, OneThatHasEndedAcceptsNoFrame) {
     const KRImageSubscription::Position before = subscription.getPosition();
     subscription.end();
     EXPECT_TRUE(subscription.getPosition().ended);
@@ -70,7 +70,7 @@ TEST_F(SubscriptionAccountTest, HoldsOneFrameUntilTheNextOrTheReleaseOrTheEnd) {
     EXPECT_FALSE(isHeld(third));
 }
 
-TEST_F(SubscriptionAccountTest, CountsTheFramesOfOneCameraThatItHasNotHad) {
+TEST_F(SubscriptionAccountTest, CountsTheMissedFramesOfOneCamera) {
     EXPECT_TRUE(take(10));
     EXPECT_EQ(countMissed(), 0);
     EXPECT_TRUE(take(11));

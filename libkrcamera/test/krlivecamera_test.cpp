@@ -48,7 +48,7 @@ protected:
         capture.taken = Clock::now();
         return capture;
     }
-    /// Waits longer than the test does, so that the test only passes if the wait is interrupted.
+    /// Waits longer than the test, so the test passes only if the wait is interrupted.
     std::shared_ptr<KRFrame> fetch(std::uint64_t after) {
         return camera->waitForFrame(after, Clock::now() + 2 * test::kPatience);
     }
@@ -80,7 +80,7 @@ protected:
         KRLiveCamera::Silence());
 };
 
-TEST_F(LiveCameraTest, FailsAndComesBackByItselfAndGoesOnCounting) {
+TEST_F(LiveCameraTest, RecoversFromAFailureByItselfAndKeepsCounting) {
     std::atomic<bool> plugged = true;
     open = [&] {
         if (!plugged) {
@@ -128,7 +128,7 @@ TEST_F(LiveCameraTest, AnyExceptionIsAFailure) {
     camera->close(); // before the objects that its thread uses
 }
 
-TEST_F(LiveCameraTest, OneThatFailsAgainAndAgainIsNotLoggedEachTime) {
+TEST_F(LiveCameraTest, RepeatedFailuresAreNotLoggedEachTime) {
     const test::RecordedLog log;
     std::atomic<int> delivered = 0;
     pull = [&]() -> std::optional<KRCapture> {
@@ -147,7 +147,7 @@ TEST_F(LiveCameraTest, OneThatFailsAgainAndAgainIsNotLoggedEachTime) {
     EXPECT_LE(log.find(KRLogLevel::Info, "camera 0 is open").size(), 3U);
 }
 
-TEST_F(LiveCameraTest, ReasonsThatDifferEachTimeDoNotFloodTheLog) {
+TEST_F(LiveCameraTest, FailuresWithChangingReasonsDoNotFloodTheLog) {
     const test::RecordedLog log;
     open = [this] { throw std::runtime_error("error " + std::to_string(attempts)); };
     EXPECT_TRUE(eventually([&] {
@@ -158,7 +158,7 @@ TEST_F(LiveCameraTest, ReasonsThatDifferEachTimeDoNotFloodTheLog) {
     EXPECT_EQ(log.find(KRLogLevel::Error, "camera 0 has failed: error ").size(), 9U);
 }
 
-TEST_F(LiveCameraTest, TriesAgainAtIncreasingIntervals) {
+TEST_F(LiveCameraTest, RetriesAtIncreasingIntervals) {
     const auto start = Clock::now();
     std::vector<std::chrono::milliseconds> times; // used by the capture thread until it has ended
     open = [&] {
@@ -173,7 +173,7 @@ TEST_F(LiveCameraTest, TriesAgainAtIncreasingIntervals) {
     EXPECT_GE(times[3] - times[2], std::chrono::milliseconds(1000));
 }
 
-TEST_F(LiveCameraTest, OpeningOneThatHasFailedTriesAtOnce) {
+TEST_F(LiveCameraTest, OpeningAFailedOneRetriesAtOnce) {
     std::atomic<bool> plugged = false;
     open = [&] {
         if (!plugged) {
@@ -184,7 +184,7 @@ TEST_F(LiveCameraTest, OpeningOneThatHasFailedTriesAtOnce) {
         EXPECT_EQ(errorOf([&] { camera->open(); }), "no device");
         EXPECT_GE(attempts, i);
     }
-    // If each of them waited, they would take too long.
+    // If each of them waited, this would take too long.
     auto opening = std::async(std::launch::async, [&] {
         for (int i = 0; i < 15; ++i) {
             EXPECT_EQ(errorOf([&] { camera->open(); }), "no device");
@@ -207,7 +207,7 @@ TEST_F(LiveCameraTest, ClosingDoesNotWaitForTheNextAttempt) {
     EXPECT_EQ(errorOf([&] { camera->open(); }), "the camera service is shutting down");
 }
 
-TEST_F(LiveCameraTest, OneThatNeverDeliversIsGivenUpWithAHint) {
+TEST_F(LiveCameraTest, OneThatNeverDeliversFailsWithAHint) {
     pull = []() -> std::optional<KRCapture> {
         sleepMilliseconds(50);
         return std::nullopt;
@@ -238,7 +238,7 @@ TEST_F(LiveCameraTest, AWaitingFetchFailsWithTheSource) {
     camera->close();
 }
 
-TEST_F(LiveCameraTest, IsReopenedForALargerPictureThanItServesAndForNoOther) {
+TEST_F(LiveCameraTest, IsReopenedOnlyForALargerPictureThanItServes) {
     std::atomic<bool> failing = false;
     pull = [&]() -> std::optional<KRCapture> {
         if (failing.exchange(false)) {
@@ -260,7 +260,7 @@ TEST_F(LiveCameraTest, IsReopenedForALargerPictureThanItServesAndForNoOther) {
     EXPECT_EQ(attempts, 2);
     EXPECT_EQ(camera->getStatus().failure, "");
 
-    // A size that was asked for counts until the camera closes.
+    // A requested size counts until the camera closes.
     camera->want({160, 120});
     failing = true;
     ASSERT_TRUE(eventually([&] { return attempts > 2 && running == 1; }));
@@ -268,8 +268,8 @@ TEST_F(LiveCameraTest, IsReopenedForALargerPictureThanItServesAndForNoOther) {
     camera->close(); // before the objects that its thread uses
 }
 
-// A frame that is not fetched is released when the next one comes.
-TEST_F(LiveCameraTest, HoldsNoFrameButTheNewest) {
+// A frame that is not fetched is released when the next one arrives.
+TEST_F(LiveCameraTest, HoldsOnlyTheNewestFrame) {
     std::atomic<int> held = 0;
     pull = [&]() -> std::optional<KRCapture> {
         sleepMilliseconds(1);
@@ -321,7 +321,7 @@ TEST_F(LiveCameraTest, SilenceIsAFailureForSourcesThatNeverPause) {
     EXPECT_EQ(steady.getStatus().failure, "no image within 500 ms");
 }
 
-TEST_F(LiveCameraTest, AFetchThatWaitsGetsTheNextFrame) {
+TEST_F(LiveCameraTest, AWaitingFetchGetsTheNextFrame) {
     std::atomic<int> due = 1;
     pull = [&]() -> std::optional<KRCapture> {
         if (due > 0) {
@@ -338,7 +338,7 @@ TEST_F(LiveCameraTest, AFetchThatWaitsGetsTheNextFrame) {
     camera->close(); // before the objects that its thread uses
 }
 
-TEST_F(LiveCameraTest, ASourceThatEndsAtOnceHasBeenOpenedNonetheless) {
+TEST_F(LiveCameraTest, ASourceThatEndsAtOnceCountsAsOpened) {
     for (int i = 0; i < 20; ++i) {
         std::atomic<bool> first = true;
         pull = [&]() -> std::optional<KRCapture> {

@@ -10,8 +10,8 @@ namespace KR {
 
 using namespace std::chrono_literals;
 
-// A message a second for twelve hours.
-TEST(KRLogLimit, AdmitsMessagesAtGrowingIntervalsUpToAnHourAndCountsTheOthers) {
+// One message per second for twelve hours.
+TEST(KRLogLimit, AdmitsMessagesAtGrowingIntervalsUpToAnHourAndCountsTheRest) {
     KRLogLimit limit;
     std::vector<std::pair<std::chrono::seconds, int>> admitted; // when, and how many were refused before
     for (std::chrono::seconds second = 0s; second < 12h; ++second) {

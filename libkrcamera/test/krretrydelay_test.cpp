@@ -18,7 +18,7 @@ TEST(KRRetryDelay, DoublesFrom250MillisecondsUpToFiveSeconds) {
     EXPECT_THAT(delays, testing::ElementsAre(250ms, 500ms, 1s, 2s, 4s, 5s, 5s, 5s));
 }
 
-TEST(KRRetryDelay, StartsOverAfterASourceThatDeliveredForLongerThanTwiceTheDelay) {
+TEST(KRRetryDelay, StartsOverAfterTheSourceDeliveredForMoreThanTwiceTheDelay) {
     KRRetryDelay delay;
     while (delay.next(0ms) < 5s) {
     }

@@ -19,7 +19,7 @@
 namespace KR {
 namespace {
 
-/// Remembers the size and the time stamp of each image.
+/// Records the size and the time stamp of each image.
 class Watcher : public KRVisionExtractor {
 public:
     Watcher(boost::shared_ptr<KRBroker> broker, const std::string& name)
@@ -152,7 +152,7 @@ TEST_F(V4l2Device, EveryControlIsSetReadBackAndReset) {
     EXPECT_TRUE(test::eventually([&] { return errorOf([&] { fetch(id); }) == "no error"; }));
 }
 
-TEST_F(V4l2Device, BrightnessShowsInThePicture) {
+TEST_F(V4l2Device, BrightnessChangesThePicture) {
     const std::string id = subscribe(0, Resolution::QuarterVga, Space::Luma);
     const auto sum = [](const Image& image) {
         return std::accumulate(image.data(), image.data() + image.pixels.size(), 0.0) /

@@ -1,4 +1,4 @@
-// Subscribers in other processes, which may end at any time.
+// Subscribers in other processes that may end at any time.
 
 #include "cameratest.hpp"
 
@@ -14,7 +14,7 @@ namespace KR {
 
 namespace {
 
-/// A call of another process.
+/// A call from another process.
 class Call : public KRIncomingCall {
 public:
     Call(const std::string& from, const std::string& operation, std::vector<KRValue> values)
@@ -114,7 +114,7 @@ TEST_F(CallersTest, ASubscriberThatEndsWhileItsCameraOpensDoesNotKeepItOpen) {
     EXPECT_TRUE(proxy->getSubscribers().empty());
 }
 
-// The call was accepted before its process ended, and gets a thread only after that was reported.
+// The call was accepted before its process ended, but gets a thread only after that end was reported.
 TEST_F(CallersTest, ASubscriberThatEndsBeforeItsCallBeginsLeavesNoCameraOpen) {
     start({"test"});
     const std::shared_ptr<Call> theirs = makeSubscription("4711");
@@ -125,7 +125,7 @@ TEST_F(CallersTest, ASubscriberThatEndsBeforeItsCallBeginsLeavesNoCameraOpen) {
     EXPECT_EQ(proxy->getCameraList()[0].state, "closed");
 }
 
-TEST_F(CallersTest, OthersKeepACameraThatOpensWhileASubscriberEnds) {
+TEST_F(CallersTest, OtherSubscribersKeepACameraOpenWhenOneEnds) {
     start(
         {"gst:videotestsrc ! video/x-raw,width=160,height=120,framerate=1/1 ! identity sleep-time=1500000"});
     const std::shared_ptr<Call> ends = subscribeFrom("4711");

@@ -34,7 +34,7 @@ void PrintTo(const Color& color, std::ostream* out) {
 
 class ColorTest : public CameraTest, public testing::WithParamInterface<Color> {};
 
-TEST_P(ColorTest, ComesOutRightInEveryColorSpace) {
+TEST_P(ColorTest, IsCorrectInEveryColorSpace) {
     const Color& color = GetParam();
     start({"test:" + color.pattern});
     const std::vector<int> bgr(color.rgb.rbegin(), color.rgb.rend());
@@ -70,14 +70,14 @@ INSTANTIATE_TEST_SUITE_P(Patterns, ColorTest,
                                          Color{"black", 16, {16, 128, 16, 128}, {0, 0, 0}}),
                          [](const testing::TestParamInfo<Color>& color) { return color.param.pattern; });
 
-TEST_F(ImageTest, ThePictureFillsTheImageButKeepsItsShapeInWideImages) {
+TEST_F(ImageTest, ThePictureFillsTheImageButKeepsItsProportionsInWideImages) {
     start({"test:white"});
     const std::string id = subscribe(0, 9, Space::Luma); // 16:9 of a 4:3 picture: stretched
     const Image stretched = fetch(id);
     EXPECT_GT(stretched.at(0, 180)[0], 230);
     EXPECT_GT(stretched.at(639, 180)[0], 230);
 
-    ASSERT_TRUE(proxy->setResolution(id, 15)); // 640x180: the picture is 240 wide, in the middle
+    ASSERT_TRUE(proxy->setResolution(id, 15)); // 640x180: the picture is 240 wide, centred
     for (const int colorSpace : {Space::Luma, Space::Yuv422, Space::Bgr}) {
         ASSERT_TRUE(proxy->setColorSpace(id, colorSpace));
         const Image wide = fetch(id);
@@ -146,7 +146,7 @@ class SharingTest : public CameraTest, public testing::WithParamInterface<std::p
 
 TEST_P(SharingTest, SubscribersOfTheSameGeometryGetTheSamePixels) {
     const auto [resolution, colorSpace] = GetParam();
-    // So slow that the second subscriber can always fetch the same frame as the first.
+    // Slow enough for the second subscriber to always fetch the same frame as the first.
     start({"gst:videotestsrc is-live=true pattern=ball ! video/x-raw,width=640,height=480,framerate=8/1"});
     const std::string first = subscribe(0, resolution, colorSpace);
     const std::string second = subscribe(0, resolution, colorSpace);
@@ -190,7 +190,7 @@ TEST_F(ImageTest, OutlivesTheService) {
     EXPECT_GT(converted.at(639, 479)[2], 250);
 }
 
-TEST_F(ImageTest, IsWaitedForTwoFrameIntervalsAndAtLeast200Milliseconds) {
+TEST_F(ImageTest, IsAwaitedForTwoFrameIntervalsAndAtLeast200Milliseconds) {
     start({"gst:videotestsrc is-live=true ! video/x-raw,framerate=1/60"});
     const std::string text = "getImageRemote: camera 0 (gst:videotestsrc is-live=true ! "
                              "video/x-raw,framerate=1/60): no image within ";

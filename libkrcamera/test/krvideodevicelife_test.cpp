@@ -1,4 +1,4 @@
-// Subscriptions to cameras that fail and come back.
+// Subscriptions to cameras that fail and recover.
 
 #include "cameratest.hpp"
 
@@ -39,7 +39,7 @@ protected:
     std::string source;
 };
 
-TEST_F(LifeTest, FramesFlowAgainWithoutNewSubscriptions) {
+TEST_F(LifeTest, SubscriptionsSurviveAFailure) {
     start({source});
     const std::string one = subscribe();
     const std::string two = subscribe(0, Resolution::QuarterVga, Space::Bgr);
@@ -58,7 +58,7 @@ TEST_F(LifeTest, FramesFlowAgainWithoutNewSubscriptions) {
     EXPECT_GT(time, before);
 }
 
-TEST_F(LifeTest, ANewSubscriberMakesAFailedCameraTryAtOnce) {
+TEST_F(LifeTest, ANewSubscriberMakesAFailedCameraRetryAtOnce) {
     start({source});
     const std::string id = subscribe();
     unplug();
@@ -72,7 +72,7 @@ TEST_F(LifeTest, ANewSubscriberMakesAFailedCameraTryAtOnce) {
     EXPECT_TRUE(fetches(id));
 }
 
-TEST_F(LifeTest, ACameraThatHasFailedCanBeLeftAndClosedLikeAnyOther) {
+TEST_F(LifeTest, AFailedCameraCanBeUnsubscribedAndClosed) {
     start({source, "test"});
     const std::string moving = subscribe();
     const std::string leaving = subscribe();
@@ -90,7 +90,7 @@ TEST_F(LifeTest, ACameraThatHasFailedCanBeLeftAndClosedLikeAnyOther) {
     EXPECT_EQ(fetch(moving).camera, 1);
 }
 
-TEST_F(LifeTest, TheControlsOfACameraLastThroughItsFailure) {
+TEST_F(LifeTest, ControlsSurviveAFailure) {
     start({"file:" + film});
     const std::string id = subscribe(0, Resolution::QuarterVga, Space::Rgb);
     EXPECT_TRUE(proxy->setCameraParameter(id, 0x00980914, 1));
@@ -98,7 +98,7 @@ TEST_F(LifeTest, TheControlsOfACameraLastThroughItsFailure) {
         return image.at(314, 5)[1] > 200 && image.at(5, 5)[1] < 200;
     };
     fetchUntil(id, isTurned);
-    std::filesystem::resize_file(film, 100); // it cannot start again at its end
+    std::filesystem::resize_file(film, 100); // it cannot restart at its end
     waitUntil([&] { return !getFailure().empty(); });
     writeFilm(film);
     waitUntil([&] { return getFailure().empty(); });
@@ -106,7 +106,7 @@ TEST_F(LifeTest, TheControlsOfACameraLastThroughItsFailure) {
     fetchUntil(id, isTurned);
 }
 
-TEST_F(LifeTest, APausedSubscriberKeepsItsSubscriptionThroughAFailure) {
+TEST_F(LifeTest, APausedSubscriptionSurvivesAFailure) {
     start({source});
     const std::string paused = subscribe(0, Resolution::QuarterVga, Space::Bgr);
     fetch(paused);

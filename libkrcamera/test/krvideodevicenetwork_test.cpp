@@ -45,7 +45,7 @@ protected:
     }
     /// Fetches, stops the server, fetches the remaining images, starts the server, and fetches again.
     template <class Server>
-    void expectThatItComesBack(Server& server) {
+    void expectRecovery(Server& server) {
         start({server.getUri()});
         const std::string id = subscribe(0, Resolution::QuarterVga, Space::Rgb);
         for (int i = 0; i < 5; ++i) {
@@ -62,7 +62,7 @@ protected:
         server.start();
         EXPECT_TRUE(test::eventually([&] { return errorOf([&] { expectGreen(fetch(id)); }) == "no error"; }));
     }
-    /// The error of a source that cannot be opened names the source and hides its password.
+    /// A source that cannot be opened gives an error that names the source and hides its password.
     void expectRefusal(const std::string& uri, const std::string& shown, const std::string& reason) {
         EXPECT_THAT(openError(uri), AllOf(HasSubstr("camera 0 (" + shown + ") cannot be opened: " + reason),
                                           Not(HasSubstr("mistaken"))));
@@ -72,14 +72,14 @@ protected:
     TemporaryFolder folder;
 };
 
-TEST_F(NetworkTest, AFilmOnAServerIsPlayedAgainAndAgain) {
+TEST_F(NetworkTest, AFilmOnAServerIsLooped) {
     const HttpServer server("video/x-msvideo", makeFilm(), {});
     start({server.getUri()});
     const std::string id = subscribe(0, Resolution::QuarterVga, Space::Rgb);
     fetchInOrder(id, 25, [this](const Image& image) { expectGreen(image); });
 }
 
-TEST_F(NetworkTest, AFilmOnAServerMayBeCodedInEveryWayThatAFileMay) {
+TEST_F(NetworkTest, AFilmOnAServerMayHaveAnyCodingOfAFile) {
     runPipeline("videotestsrc num-buffers=10 pattern=green ! video/x-raw,format=RGB,width=320,height=240,"
                 "framerate=30/1 ! videoconvert ! openh264enc ! h264parse ! matroskamux name=film ! filesink "
                 "location=" +
@@ -90,12 +90,12 @@ TEST_F(NetworkTest, AFilmOnAServerMayBeCodedInEveryWayThatAFileMay) {
     expectGreen(fetch(id));
 }
 
-TEST_F(NetworkTest, AnHttpCameraThatWasUnreachableComesBack) {
+TEST_F(NetworkTest, AnUnreachableHttpCameraRecovers) {
     HttpServer server("multipart/x-mixed-replace; boundary=next", makeStream(), {.endless = true});
-    expectThatItComesBack(server);
+    expectRecovery(server);
 }
 
-TEST_F(NetworkTest, AnRtspCameraShowsWhatMoves) {
+TEST_F(NetworkTest, AnRtspCameraShowsMotion) {
     for (const auto coding : {RtspServer::Coding::Jpeg, RtspServer::Coding::H264}) {
         const RtspServer server(coding);
         start({server.getUri()});
@@ -113,10 +113,10 @@ TEST_F(NetworkTest, AnRtspCameraShowsWhatMoves) {
     }
 }
 
-TEST_F(NetworkTest, AnRtspCameraThatWasUnreachableComesBack) {
+TEST_F(NetworkTest, AnUnreachableRtspCameraRecovers) {
     for (const auto coding : {RtspServer::Coding::Jpeg, RtspServer::Coding::H264}) {
         RtspServer server(coding);
-        expectThatItComesBack(server);
+        expectRecovery(server);
         service.reset();
     }
 }
@@ -140,7 +140,7 @@ TEST_F(NetworkTest, APageThatIsNotAFilmIsRefused) {
     EXPECT_THAT(openError(server.getUri()), HasSubstr("cannot be opened: "));
 }
 
-TEST_F(NetworkTest, AnRtspPathThatTheServerDoesNotKnowIsRefused) {
+TEST_F(NetworkTest, AnUnknownRtspPathIsRefused) {
     const RtspServer server(RtspServer::Coding::Jpeg);
     const std::string uri = server.getUri("", "/attic");
     expectRefusal(uri, uri, "Not found");
@@ -164,12 +164,12 @@ TEST_F(NetworkTest, AWrongPasswordIsRefusedAndHidden) {
     expectRefusal(rtsp.getUri(), rtsp.getUri(), "Unauthorized");
 }
 
-TEST_F(NetworkTest, AServerOfATrustedAuthorityIsACamera) {
+TEST_F(NetworkTest, AServerWithATrustedCertificateIsACamera) {
     const CertificateAuthority authority;
     authority.trust();
     HttpServer server("multipart/x-mixed-replace; boundary=next", makeStream(),
                       {.endless = true, .certificate = authority.certify("127.0.0.1")});
-    expectThatItComesBack(server);
+    expectRecovery(server);
 }
 
 TEST_F(NetworkTest, NothingIsRequestedFromAServerWithAnUntrustedCertificate) {

@@ -6,7 +6,7 @@ namespace KR {
 
 class ParameterTest : public CameraTest {};
 
-TEST_F(ParameterTest, BrightnessShowsInThePictureAndGoesBack) {
+TEST_F(ParameterTest, BrightnessChangesThePictureAndIsReset) {
     start({"test:black"});
     const std::string id = subscribe(0, Resolution::QuarterVga, Space::Luma);
     const std::string other = subscribe(0, Resolution::Vga, Space::Yuv422);
@@ -18,7 +18,7 @@ TEST_F(ParameterTest, BrightnessShowsInThePictureAndGoesBack) {
     fetchUntil(id, [](const Image& image) { return image.at(100, 100)[0] < 20; });
 }
 
-TEST_F(ParameterTest, InitialSettingsAreThoseOfACameraWheneverItOpens) {
+TEST_F(ParameterTest, InitialSettingsApplyWheneverTheCameraOpens) {
     start({"test:black", "test"});
     service->setInitialSettings(0, -1, {{"Brightness", 50}, {"hue", 90}, {"zoom", 3}, {"gain", 900}});
     const auto valueOf = [this](const char* name) {
@@ -41,12 +41,12 @@ TEST_F(ParameterTest, InitialSettingsAreThoseOfACameraWheneverItOpens) {
     EXPECT_THROW(service->setInitialSettings(0, 18, {}), KRError);
 }
 
-TEST_F(ParameterTest, AnotherSourceTakesThePlaceOfACameraForItsSubscribers) {
+TEST_F(ParameterTest, TheSourceOfACameraCanBeReplacedUnderItsSubscribers) {
     start({"test:black", "test:black"});
     service->setInitialSettings(0, -1, {{"hue", 20}});
     const std::string id = subscribe(0, Resolution::QuarterVga, Space::Luma);
     const std::string other = subscribe(1, Resolution::QuarterVga, Space::Luma);
-    for (int i = 0; i < 20; ++i) { // so that the new source begins with smaller numbers
+    for (int i = 0; i < 20; ++i) { // so that the new source's numbers are smaller
         EXPECT_LT(fetch(id).at(100, 100)[0], 20);
     }
     service->setSource(0, "test:white");
@@ -62,7 +62,7 @@ TEST_F(ParameterTest, AnotherSourceTakesThePlaceOfACameraForItsSubscribers) {
                 testing::HasSubstr("camera 7 does not exist"));
 }
 
-TEST_F(ParameterTest, ContrastSaturationAndHueShowInThePicture) {
+TEST_F(ParameterTest, ContrastSaturationAndHueChangeThePicture) {
     start({"test:red"});
     const std::string id = subscribe(0, Resolution::QuarterVga, Space::Rgb);
     EXPECT_TRUE(proxy->setCameraParameter(id, ControlId::Saturation, 0));
@@ -76,7 +76,7 @@ TEST_F(ParameterTest, ContrastSaturationAndHueShowInThePicture) {
     fetchUntil(id, [](const Image& image) { return image.at(9, 9)[2] > image.at(9, 9)[0]; });
 }
 
-TEST_F(ParameterTest, GainMakesThePictureBrighterAndDarkerAndKeepsItsColors) {
+TEST_F(ParameterTest, GainChangesTheBrightnessAndKeepsTheColors) {
     start({"test:red"});
     const std::string id = subscribe(0, Resolution::QuarterVga, Space::Yuv422);
     EXPECT_EQ(fetch(id).at(100, 100, 4), (std::vector{81, 90, 81, 240}));
@@ -89,7 +89,7 @@ TEST_F(ParameterTest, GainMakesThePictureBrighterAndDarkerAndKeepsItsColors) {
     fetchUntil(id, [](const Image& image) { return image.at(100, 100)[0] > 140; });
 }
 
-TEST_F(ParameterTest, ControlsAreListedWithTheirValuesWhetherTheCameraIsOpenOrNot) {
+TEST_F(ParameterTest, ControlsAreListedWithValuesWhetherTheCameraIsOpenOrNot) {
     start({"test", "gst:videotestsrc is-live=true", "v4l2:/dev/nonexistent"});
     const auto valueOfHue = [this] {
         const std::vector<KRCameraControl> controls = proxy->getControls(0);
@@ -113,7 +113,7 @@ TEST_F(ParameterTest, ControlsAreListedWithTheirValuesWhetherTheCameraIsOpenOrNo
               "getControls: camera 3 does not exist; there are cameras 0 to 2");
 }
 
-TEST_F(ParameterTest, FlipsTurnThePicture) {
+TEST_F(ParameterTest, FlipsMirrorThePicture) {
     TemporaryFolder folder;
     writeFilm(folder /
               "film.avi"); // colour bars: white at the upper left, blue at the upper right, dark below
@@ -168,7 +168,7 @@ TEST_F(ParameterTest, UnknownParametersAreRefusedWithTheExistingOnes) {
     fetch(id);
 }
 
-TEST_F(ParameterTest, LastWhenAFilmStartsAgain) {
+TEST_F(ParameterTest, LastWhenAFilmRestarts) {
     TemporaryFolder folder;
     const std::string film = folder / "film.multipart"; // it cannot seek: it is opened again
     runPipeline("videotestsrc pattern=black num-buffers=3 ! video/x-raw,width=320,height=240 ! jpegenc"

@@ -74,7 +74,7 @@ TEST_F(RecordingTest, HasItsOwnTimeStampsAndAnglesAndTheIndexOfTheCamera) {
     }
 }
 
-TEST_F(RecordingTest, AtThePaceOfTheFetchesEachSubscriptionGetsEachImageOnce) {
+TEST_F(RecordingTest, WithPaceFetchEachSubscriptionGetsEachImageOnce) {
     record();
     start({source + "?pace=fetch"});
     const std::string one = subscribe(0, 0, Space::Luma);
@@ -92,13 +92,13 @@ TEST_F(RecordingTest, AtThePaceOfTheFetchesEachSubscriptionGetsEachImageOnce) {
         "getImageRemote: camera 0 (" + source + "?pace=fetch) has failed: the recording has ended";
     EXPECT_EQ(errorOf([&] { fetch(one); }), ended);
     EXPECT_EQ(errorOf([&] { fetch(two); }), ended);
-    EXPECT_EQ(errorOf([&] { fetch(one); }), ended); // and does not start again
+    EXPECT_EQ(errorOf([&] { fetch(one); }), ended); // and it does not restart
     EXPECT_EQ(proxy->getStatistics().at(0).delivered, frames);
     EXPECT_EQ(proxy->getStatistics().at(0).missed, 0);
     EXPECT_EQ(next(subscribe(0, 0, Space::Luma)), 0);
 }
 
-TEST_F(RecordingTest, AtItsOwnPaceItIsPlayedAgainAndAgain) {
+TEST_F(RecordingTest, AtItsOwnPaceItIsLooped) {
     record();
     start({source + "#0", source + "?pace=own"});
     for (const int camera : {0, 1}) {
@@ -117,7 +117,7 @@ TEST_F(RecordingTest, AtItsOwnPaceItIsPlayedAgainAndAgain) {
     }
 }
 
-TEST_F(RecordingTest, AnUnfinishedOneIsPlayedUpToItsLastCompleteImage) {
+TEST_F(RecordingTest, AnUnfinishedRecordingIsPlayedUpToItsLastCompleteImage) {
     record(false);
     std::filesystem::resize_file(path + ".oxv", std::filesystem::file_size(path + ".oxv") - 1);
     start({source + "#1?pace=fetch"});
@@ -128,7 +128,7 @@ TEST_F(RecordingTest, AnUnfinishedOneIsPlayedUpToItsLastCompleteImage) {
     EXPECT_THAT(errorOf([&] { fetch(id); }), HasSubstr("the recording has ended"));
 }
 
-TEST_F(RecordingTest, ASubscriptionThatComesBackBeginsAtTheFirstImage) {
+TEST_F(RecordingTest, ASubscriptionThatReturnsStartsAtTheFirstImage) {
     record();
     start({source + "?pace=fetch", "test"});
     const std::string id = subscribe(0, 0, Space::Luma);
@@ -172,7 +172,7 @@ TEST_F(RecordingTest, AnUnplayableRecordingIsRefusedWithTheReason) {
     EXPECT_THAT(errorOf([&] { start({source + "?pace=slow"}); }), HasSubstr("has an unknown pace"));
 }
 
-TEST_F(RecordingTest, MovingToTheCameraWhereItIsChangesNothing) {
+TEST_F(RecordingTest, MovingToTheSameCameraChangesNothing) {
     record();
     start({source + "?pace=fetch"});
     const std::string id = subscribe(0, 0, Space::Luma);
@@ -181,7 +181,7 @@ TEST_F(RecordingTest, MovingToTheCameraWhereItIsChangesNothing) {
     EXPECT_EQ(fetch(id).time_usec, timeOf(1));
 }
 
-TEST_F(RecordingTest, APathMayHaveAHashAndAQuestionMarkInIt) {
+TEST_F(RecordingTest, APathMayContainAHashAndAQuestionMark) {
     record();
     for (const std::string name : {"take#1.oxv", "take#.oxv", "take?.oxv", "take?pace#2.oxv"}) {
         std::filesystem::copy_file(path + ".oxv", folder / name);
@@ -201,7 +201,7 @@ TEST_F(RecordingTest, IsListedLikeAnyCamera) {
     EXPECT_EQ(proxy->getCameraList()[0].toKRValue(), KRValue::array(0, stepped, 7, "open", "", 320, 240, 1));
 }
 
-TEST_F(RecordingTest, ARecordingIsNotPlayedFasterThanItWasRecorded) {
+TEST_F(RecordingTest, IsNotPlayedFasterThanItWasRecorded) {
     KRVideo video;
     video.recordVideo(path, 0, {{160, 120, 0, 8}});
     std::vector<char> pixels(160 * 120);
@@ -247,8 +247,8 @@ TEST_F(RecordingTest, AnyTimeStampsCanBePlayed) {
     }
 }
 
-// Only the first ones are logged, however long such a recording is played.
-TEST_F(RecordingTest, WrongTimeStampsAreLoggedABoundedNumberOfTimes) {
+// Only the first are logged, however long such a recording is played.
+TEST_F(RecordingTest, TheNumberOfLoggedWrongTimeStampsIsBounded) {
     const test::RecordedLog log;
     std::vector<std::int64_t> times;
     for (int i = 0; i < 50; ++i) {

@@ -74,7 +74,7 @@ TEST_F(ReportTest, ASubscriptionCountsItsImages) {
     EXPECT_LE(statistics.hold.median_ms, statistics.hold.max_ms);
 }
 
-TEST_F(ReportTest, ImagesBeforeTheFirstAndOfThePreviousCameraAreNotMissed) {
+TEST_F(ReportTest, ImagesBeforeTheFirstAndOfThePreviousCameraDoNotCountAsMissed) {
     start({"test", "test:snow"});
     const std::string watcher = subscribe(1);
     for (int i = 0; i < 5; ++i) {

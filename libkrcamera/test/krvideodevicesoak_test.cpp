@@ -1,4 +1,4 @@
-// One minute of all operations on one camera at once.
+// All operations on one camera at once, for one minute.
 
 #include "cameratest.hpp"
 
@@ -11,7 +11,7 @@ namespace KR {
 class SoakTest : public CameraTest {};
 
 // Each of eight threads fetches images of its eight subscriptions and changes the settings of any of the 64.
-TEST_F(SoakTest, SixtyFourSubscribersOfOneCameraWhoseSettingsChangeAllTheTimeGetTheirImages) {
+TEST_F(SoakTest, SixtyFourSubscribersGetTheirImagesWhileSettingsChange) {
     constexpr unsigned threadCount = 8;
     constexpr unsigned ownCount = 8;
     constexpr std::chrono::minutes duration(1);
@@ -56,7 +56,7 @@ TEST_F(SoakTest, SixtyFourSubscribersOfOneCameraWhoseSettingsChangeAllTheTimeGet
                 const std::size_t own = below(ownCount);
                 const std::string& id = ids[thread * ownCount + own];
                 if (const std::string error = errorOf([&] {
-                        const Image image = fetch(id); // which checks that its size is that of its pixels
+                        const Image image = fetch(id); // also checks that the pixels fit the size
                         EXPECT_GT(image.time_usec, last[own]);
                         last[own] = image.time_usec;
                     });

@@ -19,7 +19,7 @@ TEST_F(SubscriptionTest, IdentifiersAreTheNameWithANumberAndUnique) {
     EXPECT_NE(subscribe(), first);
 }
 
-TEST_F(SubscriptionTest, WithoutSourcesGivenThereIsOneTestCamera) {
+TEST_F(SubscriptionTest, WithoutSourcesThereIsOneTestCamera) {
     service = createModule<KRVideoDevice>(broker, "KRVideoDevice");
     proxy = std::make_unique<KRVideoDeviceProxy>(broker);
     EXPECT_EQ(proxy->getCameraModel(0), 1);
@@ -40,7 +40,7 @@ TEST_F(SubscriptionTest, UnknownCamerasAreRefusedWithTheExistingOnes) {
               "subscribeCamera: camera 1 does not exist; there is only camera 0");
 }
 
-TEST_F(SubscriptionTest, UnsupportedSettingsAreRefusedWithTheOnesThatAreAllowed) {
+TEST_F(SubscriptionTest, UnsupportedSettingsAreRefusedWithTheSupportedOnes) {
     start({"test"});
     for (const int resolution : {-1, 18}) {
         EXPECT_EQ(errorOf([&] { subscribe(0, resolution); }), "subscribeCamera: resolution " +
@@ -101,7 +101,7 @@ TEST_F(SubscriptionTest, ASubscriptionEndsOnce) {
     EXPECT_THAT(errorOf([&] { proxy->getImageRemote(id); }), HasSubstr("does not exist"));
 }
 
-TEST_F(SubscriptionTest, SettingsShowInTheNextImage) {
+TEST_F(SubscriptionTest, SettingsApplyToTheNextImage) {
     start({"test"});
     const std::string id = subscribe();
     EXPECT_TRUE(proxy->setFrameRate(id, 1));
@@ -148,7 +148,7 @@ TEST_F(SubscriptionTest, ASubscriptionMovesToAnotherCamera) {
     EXPECT_EQ(fetch(id).camera, 1);
 }
 
-TEST_F(SubscriptionTest, ACameraThatCannotBeOpenedLeavesTheSubscriptionWhereItIs) {
+TEST_F(SubscriptionTest, ASubscriptionDoesNotMoveToACameraThatCannotBeOpened) {
     start({"test", "file:/nonexistent"});
     const std::string id = subscribe();
     EXPECT_THAT(errorOf([&] { proxy->setActiveCamera(id, 1); }),
@@ -162,7 +162,7 @@ TEST_F(SubscriptionTest, ACameraIsOpenFromItsFirstSubscriberToItsLast) {
     EXPECT_EQ(getThreadNames().count("KRCamera 0"), 0U);
     const std::string first = subscribe();
     const std::string second = subscribe();
-    // A thread that the capture thread starts has its name for a moment.
+    // A thread started by the capture thread briefly has its name.
     waitUntil([] { return getThreadNames().count("KRCamera 0") == 1; });
     EXPECT_EQ(getThreadNames().count("KRCamera 1"), 0U);
     proxy->unsubscribe(first);
@@ -174,7 +174,7 @@ TEST_F(SubscriptionTest, ACameraIsOpenFromItsFirstSubscriberToItsLast) {
     fetch(third);
 }
 
-TEST_F(SubscriptionTest, TheModelTellsTheKindOfSource) {
+TEST_F(SubscriptionTest, TheModelIsTheKindOfSource) {
     start({"test", "file:/nonexistent", "v4l2:/dev/nonexistent", "gst:videotestsrc", "http://127.0.0.1/",
            "image:/nonexistent", "oxv:/nonexistent"});
     for (int camera = 0; camera < 7; ++camera) {

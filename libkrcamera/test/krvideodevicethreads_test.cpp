@@ -16,7 +16,7 @@ protected:
     /// \return the error of the fetch
     std::string interruptFetch(const std::function<void(const std::string& id)>& interrupt) {
         std::string error;
-        EXPECT_TRUE(test::eventually([&] { // on a busy machine the fetch may time out before
+        EXPECT_TRUE(test::eventually([&] { // on a busy machine the fetch may time out first
             start({"gst:videotestsrc is-live=true ! video/x-raw,framerate=1/60"});
             const std::string id = subscribe(0, Resolution::Vga, Space::Yuv422, 1);
             fetch(id);
@@ -106,9 +106,9 @@ TEST_F(ThreadTest, EightThreadsChangeSettingsAtRandom) {
     }
 }
 
-TEST_F(ThreadTest, ACameraThatOpensSlowlyBlocksNoOther) {
+TEST_F(ThreadTest, ACameraThatOpensSlowlyDoesNotBlockOthers) {
     start({"test", stalled});
-    proxy->setServiceTimeout(std::chrono::milliseconds(0)); // not for a next service
+    proxy->setServiceTimeout(std::chrono::milliseconds(0)); // do not wait for another service
     std::string error;
     std::atomic<bool> done{false};
     std::thread opening([&] {
@@ -127,18 +127,18 @@ TEST_F(ThreadTest, ACameraThatOpensSlowlyBlocksNoOther) {
                          ") cannot be opened: the camera service is shutting down");
 }
 
-TEST_F(ThreadTest, AFetchThatWaitsEndsWithTheService) {
+TEST_F(ThreadTest, AWaitingFetchEndsWithTheService) {
     EXPECT_EQ(interruptFetch([this](const std::string&) { service.reset(); }),
               "getImageRemote: the camera service is shutting down");
     EXPECT_EQ(getThreadNames().count("KRCamera 0"), 0U);
 }
 
-TEST_F(ThreadTest, AFetchThatWaitsEndsWithItsSubscription) {
+TEST_F(ThreadTest, AWaitingFetchEndsWithItsSubscription) {
     EXPECT_EQ(interruptFetch([this](const std::string& id) { proxy->unsubscribe(id); }),
               "getImageRemote: subscription \"test_1\" has ended");
 }
 
-TEST_F(ThreadTest, AFetchThatWaitsFollowsItsSubscriptionToAnotherCamera) {
+TEST_F(ThreadTest, AWaitingFetchFollowsItsSubscriptionToAnotherCamera) {
     start({"gst:videotestsrc is-live=true ! video/x-raw,framerate=1/60", "test"});
     const std::string id = subscribe(0, Resolution::Vga, Space::Yuv422, 1);
     fetch(id);
@@ -154,7 +154,7 @@ TEST_F(ThreadTest, AFetchThatWaitsFollowsItsSubscriptionToAnotherCamera) {
     EXPECT_EQ(camera, 1);
 }
 
-TEST_F(ThreadTest, TheServiceGoesWithSubscribersAndComesBack) {
+TEST_F(ThreadTest, TheServiceCanRestartWhileItHasSubscribers) {
     for (int i = 0; i < 3; ++i) {
         start({"test", "test"});
         fetch(subscribe(0));

@@ -39,7 +39,7 @@ protected:
     ~OutOfMemoryTest() override { largestAllocation = std::numeric_limits<std::size_t>::max(); }
 };
 
-TEST_F(OutOfMemoryTest, AFetchThatAsksForTooMuchFailsAndTheServiceGoesOn) {
+TEST_F(OutOfMemoryTest, AFetchThatNeedsTooMuchMemoryFailsAndTheServiceContinues) {
     start({"test"});
     const std::string large = subscribe(0, 4, Space::Bgrx);
     const std::string small = subscribe(0, Resolution::QuarterVga, Space::Bgr);

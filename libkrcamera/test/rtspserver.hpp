@@ -8,7 +8,7 @@
 
 namespace KR {
 
-/// A network camera on the loopback interface, rtsp://127.0.0.1:PORT/camera: a white ball that moves on green,
+/// A network camera on the loopback interface, rtsp://127.0.0.1:PORT/camera: a white ball moving on green,
 /// 320x240, 30 times per second.
 class RtspServer {
 public:
