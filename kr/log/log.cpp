@@ -8,6 +8,7 @@
 #include "tool/json.hpp"
 
 #include <krplatform/krerror.hpp>
+#include <krplatform/krlogformat.hpp>
 #include <krplatform/krproxy.hpp>
 #include <krplatform/krtext.hpp>
 
@@ -93,7 +94,7 @@ const VerbRegistration registration(Verb<Options>{
     .run = setLevels,
     .complete =
         [](const std::vector<std::string>& words, const std::string&) {
-            return words.empty() ? std::vector<std::string>{"error", "warning", "info", "verbose"}
+            return words.empty() ? std::vector<std::string>(kLogLevelNames.begin(), kLogLevelNames.end())
                                  : std::vector<std::string>{};
         },
 });

@@ -5,11 +5,11 @@
 
 #include <krplatform/krbroker.hpp>
 #include <krplatform/krerror.hpp>
+#include <krplatform/krlogformat.hpp>
 #include <krplatform/krproxy.hpp>
 #include <krplatform/krtext.hpp>
 
 #include <algorithm>
-#include <array>
 #include <chrono>
 #include <utility>
 
@@ -17,9 +17,10 @@ namespace KR::tool {
 
 namespace {
 
+// Of a number that another process has sent.
 const char* getLevelName(int level) {
-    constexpr std::array kNames{"error", "warning", "info", "verbose"};
-    return kNames[static_cast<std::size_t>(std::clamp(level, 0, 3))];
+    return getLogLevelName(static_cast<KRLogLevel>(
+        std::clamp(level, static_cast<int>(KRLogLevel::Error), static_cast<int>(KRLogLevel::Verbose))));
 }
 
 } // namespace

@@ -10,6 +10,7 @@
 #include "tool/watchoptions.hpp"
 
 #include <krplatform/krdiagnostics.hpp>
+#include <krplatform/krlogformat.hpp>
 
 #include <algorithm>
 #include <chrono>
@@ -41,7 +42,7 @@ struct Options {
             .completes([](const std::string& broker) { return completeModule({}, broker); })
             .repeatable();
         arguments.add("--level", level, "least severe level to print: error, warning, info or verbose")
-            .oneOf({"error", "warning", "info", "verbose"})
+            .oneOf({kLogLevelNames.begin(), kLogLevelNames.end()})
             .showDefault();
         arguments.addFlag("--kept", kept, "also earlier records, of which each process keeps 256 KiB");
         watch.declare(arguments, "records", "a JSON object per record, a line each");
@@ -56,8 +57,7 @@ struct Options {
                (modules.empty() || std::ranges::any_of(peer.modules, isNamed));
     }
     int getLevel() const {
-        const std::vector<std::string> names{"error", "warning", "info", "verbose"};
-        return static_cast<int>(std::ranges::find(names, level) - names.begin());
+        return static_cast<int>(std::ranges::find(kLogLevelNames, level) - kLogLevelNames.begin());
     }
 };
 

@@ -6,10 +6,9 @@
 
 #include <krdds/krdds.hpp>
 #include <krplatform/krerror.hpp>
+#include <krplatform/krlogformat.hpp>
 #include <krplatform/krtext.hpp>
 #include <krvision/krvisiondefinitions.hpp>
-
-#include "krloglevels.hpp"
 
 #include <algorithm>
 #include <array>
@@ -215,7 +214,7 @@ void Reader::readLog(const YAML::Node& node, Robot& robot) {
     section.read("level", robot.logLevel);
     try {
         if (!robot.logLevel.empty()) {
-            KRLogLevels().set(robot.logLevel);
+            checkLogLevels(robot.logLevel);
         }
     } catch (const std::invalid_argument& error) {
         section.report(section.find("level"), error.what());

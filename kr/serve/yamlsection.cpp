@@ -3,9 +3,8 @@
 #include "system/valuejson.hpp"
 #include "tool/command.hpp"
 
+#include <krplatform/krnearestnames.hpp>
 #include <krplatform/krtext.hpp>
-
-#include "krnearestnames.hpp"
 
 #include <algorithm>
 #include <charconv>

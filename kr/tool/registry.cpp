@@ -82,7 +82,7 @@ void declareAll(CLI::App& app, std::function<ExitCode()>& chosen, ValueCompleter
                      "what is logged: error, warning, info or verbose, also by category: "
                      "warning,krdds=verbose")
                 .valueName("LEVELS")
-                .completes({"error", "warning", "info", "verbose"});
+                .completes({kLogLevelNames.begin(), kLogLevelNames.end()});
             arguments.add("--log-format", logOptions.format, "form of the log: text, json or journal")
                 .oneOf({"text", "json", "journal"});
             verb->callback([&chosen, run, verb] {

@@ -93,13 +93,13 @@ std::string formatLogLine(const KRLogLine& line, KRLogFormat format, bool colore
     case KRLogFormat::Text:
         break;
     case KRLogFormat::Json:
-        return R"({"time":")" + formatUtc(line.time) + R"(","level":")" + getLevelName(line.level) +
+        return R"({"time":")" + formatUtc(line.time) + R"(","level":")" + getLogLevelName(line.level) +
                R"(","category":)" + quote(line.category) + R"(,"message":)" + quote(text) +
                (line.repetitions > 0 ? R"(,"repetitions":)" + std::to_string(line.repetitions) : "") + "}";
     case KRLogFormat::Journal:
         return std::string("<") + getPriority(line.level) + ">" + line.category + ": " + text;
     }
-    return formatLocalTime(line.time) + (colored ? getColor(line.level) : "") + getLevelName(line.level) +
+    return formatLocalTime(line.time) + (colored ? getColor(line.level) : "") + getLogLevelName(line.level) +
            " " + line.category + ": " + text + (colored ? "\033[m" : "");
 }
 

@@ -1,5 +1,6 @@
 #include "krloglevels.hpp"
 
+#include "krplatform/krlogformat.hpp"
 #include "krplatform/krtext.hpp"
 
 #include <algorithm>
@@ -13,11 +14,9 @@ KRLogLevel parseLevel(std::string_view name) {
     if (name == "debug") { // the common name elsewhere
         return KRLogLevel::Verbose;
     }
-    for (const KRLogLevel level :
-         {KRLogLevel::Error, KRLogLevel::Warning, KRLogLevel::Info, KRLogLevel::Verbose}) {
-        if (name == getLevelName(level)) {
-            return level;
-        }
+    const auto found = std::ranges::find(kLogLevelNames, name);
+    if (found != kLogLevelNames.end()) {
+        return static_cast<KRLogLevel>(found - kLogLevelNames.begin());
     }
     throw std::invalid_argument("\"" + escapeText(name, 100) +
                                 "\" is not a level of the log; levels are error, warning, info, verbose");
@@ -25,18 +24,8 @@ KRLogLevel parseLevel(std::string_view name) {
 
 } // namespace
 
-const char* getLevelName(KRLogLevel level) noexcept {
-    switch (level) {
-    case KRLogLevel::Error:
-        return "error";
-    case KRLogLevel::Warning:
-        return "warning";
-    case KRLogLevel::Info:
-        return "info";
-    case KRLogLevel::Verbose:
-        return "verbose";
-    }
-    return "error";
+void checkLogLevels(std::string_view levels) {
+    KRLogLevels().set(levels);
 }
 
 void KRLogLevels::set(std::string_view text) {
@@ -99,9 +88,9 @@ KRLogLevel KRLogLevels::getMostVerbose() const noexcept {
 }
 
 std::string KRLogLevels::toText() const {
-    std::string text = getLevelName(set_.value_or(default_));
+    std::string text = getLogLevelName(set_.value_or(default_));
     for (const auto& [category, level] : byCategory_) {
-        text += "," + category + "=" + getLevelName(level);
+        text += "," + category + "=" + getLogLevelName(level);
     }
     return text;
 }

@@ -9,9 +9,6 @@
 
 namespace KR {
 
-/// "error", "warning", "info" or "verbose"
-const char* getLevelName(KRLogLevel level) noexcept;
-
 /// Which records are printed: a level for all categories, and other ones for some. Reentrant.
 class KRLogLevels {
 public:

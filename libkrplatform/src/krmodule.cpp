@@ -3,11 +3,11 @@
 #include "krplatform/krlog.hpp"
 #include "krplatform/krlogformat.hpp"
 #include "krplatform/krmodulehandle.hpp"
+#include "krplatform/krnearestnames.hpp"
 #include "krplatform/krtext.hpp"
 
 #include "krbroker_p.hpp"
 #include "krmodule_p.hpp"
-#include "krnearestnames.hpp"
 
 #include <algorithm>
 #include <array>

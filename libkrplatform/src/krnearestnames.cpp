@@ -1,4 +1,4 @@
-#include "krnearestnames.hpp"
+#include "krplatform/krnearestnames.hpp"
 
 #include <algorithm>
 #include <cctype>

@@ -1,5 +1,6 @@
 #include "krplatform/krlog.hpp"
 
+#include "krplatform/krlogformat.hpp"
 #include "krplatform/krthread.hpp"
 
 #include "patience.hpp"
@@ -139,6 +140,13 @@ TEST(KRLog, AnInvalidLevelIsRefusedAndChangesNothing) {
         many += ",c" + std::to_string(i) + "=error";
     }
     EXPECT_THAT(refusalOf(many), HasSubstr("100 categories"));
+    EXPECT_EQ(getLogLevels(), before);
+}
+
+TEST(KRLog, LevelsAreCheckedWithoutBeingSet) {
+    const std::string before = getLogLevels();
+    checkLogLevels("error,krdds=verbose");
+    EXPECT_THROW(checkLogLevels("error,krdds=loud"), std::invalid_argument);
     EXPECT_EQ(getLogLevels(), before);
 }
 

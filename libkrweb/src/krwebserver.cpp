@@ -3,7 +3,7 @@
 #include <krweb/krweb.hpp>
 
 #include <krplatform/krbroker.hpp>
-#include <krplatform/krlog.hpp>
+#include <krplatform/krlogformat.hpp>
 #include <krplatform/krtext.hpp>
 #include <krplatform/krthread.hpp>
 
@@ -37,20 +37,6 @@ std::string makeModuleName(int port) {
            std::to_string(port);
 }
 
-const char* getLevelName(KRLogLevel level) {
-    switch (level) {
-    case KRLogLevel::Error:
-        return "error";
-    case KRLogLevel::Warning:
-        return "warning";
-    case KRLogLevel::Info:
-        return "info";
-    case KRLogLevel::Verbose:
-        break;
-    }
-    return "verbose";
-}
-
 } // namespace
 
 class KRWebServer::Private {
@@ -68,7 +54,7 @@ public:
                 const auto time =
                     std::chrono::duration_cast<std::chrono::milliseconds>(record.time.time_since_epoch());
                 hub->addLog({{"time", static_cast<double>(time.count()) / 1000},
-                             {"level", getLevelName(record.level)},
+                             {"level", getLogLevelName(record.level)},
                              {"category", record.category},
                              {"text", record.message}});
             }

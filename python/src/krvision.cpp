@@ -6,11 +6,12 @@
 #include "interpreter.hpp"
 #include "module.hpp"
 
-#include <krplatform/krlog.hpp>
+#include <krplatform/krlogformat.hpp>
 #ifdef KR_WITH_DDS
 #include <krdds/krdds.hpp>
 #endif
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 
@@ -19,17 +20,9 @@ namespace KR::python {
 namespace {
 
 KRLogLevel toLogLevel(const std::string& name) {
-    if (name == "error") {
-        return KRLogLevel::Error;
-    }
-    if (name == "warning") {
-        return KRLogLevel::Warning;
-    }
-    if (name == "info") {
-        return KRLogLevel::Info;
-    }
-    if (name == "verbose") {
-        return KRLogLevel::Verbose;
+    const auto found = std::ranges::find(kLogLevelNames, name);
+    if (found != kLogLevelNames.end()) {
+        return static_cast<KRLogLevel>(found - kLogLevelNames.begin());
     }
     throw py::value_error("there is no log level " + name + "; levels are error, warning, info and verbose");
 }

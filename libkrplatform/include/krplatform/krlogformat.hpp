@@ -3,6 +3,8 @@
 #include "krplatform/krexport.hpp"
 #include "krplatform/krlog.hpp"
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -27,6 +29,16 @@ KR_EXPORT KRLogFormat getLogFormat() noexcept;
 KR_EXPORT KRLogFormat parseLogFormat(std::string_view name);
 /// The name that parseLogFormat() accepts.
 KR_EXPORT const char* getLogFormatName(KRLogFormat format) noexcept;
+
+/// Names of the levels, as setLogLevels() takes them, in the order of KRLogLevel.
+inline constexpr std::array kLogLevelNames = {"error", "warning", "info", "verbose"};
+/// The name of a level; "error" for a number that is no level. Reentrant.
+constexpr const char* getLogLevelName(KRLogLevel level) noexcept {
+    const auto number = static_cast<std::size_t>(level);
+    return kLogLevelNames[number < kLogLevelNames.size() ? number : 0];
+}
+/// \throws std::invalid_argument as setLogLevels() with this text would. Reentrant.
+KR_EXPORT void checkLogLevels(std::string_view levels);
 
 /// A record as a line without its end and without colour, escaped as by escapeText(). Reentrant.
 KR_EXPORT std::string formatLogRecord(const KRLogRecord& record, KRLogFormat format);

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "krplatform/krexport.hpp"
+
 #include <cstddef>
 #include <string>
 #include <string_view>
@@ -11,7 +13,7 @@ namespace KR {
 /// remove or replace. Upper and lower case are the same. Equal names count once.
 /// \param count  of names to return at most
 /// Reentrant.
-std::vector<std::string> findNearestNames(std::string_view name, const std::vector<std::string>& names,
-                                          std::size_t count);
+KR_EXPORT std::vector<std::string> findNearestNames(std::string_view name,
+                                                    const std::vector<std::string>& names, std::size_t count);
 
 } // namespace KR
