@@ -1,11 +1,11 @@
 // kr image info
 
 #include "image/picture.hpp"
-#include "tool/colorspace.hpp"
 #include "tool/command.hpp"
 #include "tool/json.hpp"
 #include "tool/timestamp.hpp"
 
+#include <krvision/krcolorspacenames.hpp>
 #include <krvision/kroxifile.hpp>
 
 #include <cstdio>

@@ -1,8 +1,8 @@
 #include "video/diagnosis.hpp"
 
-#include "tool/colorspace.hpp"
 #include "video/timeline.hpp"
 
+#include <krvision/krcolorspacenames.hpp>
 #include <krvision/krvisiondefinitions.hpp>
 
 #include <algorithm>

@@ -1,6 +1,5 @@
 // kr video info
 
-#include "tool/colorspace.hpp"
 #include "tool/command.hpp"
 #include "tool/json.hpp"
 #include "tool/timestamp.hpp"
@@ -9,6 +8,7 @@
 #include "video/mcapinfo.hpp"
 #include "video/timeline.hpp"
 
+#include <krvision/krcolorspacenames.hpp>
 #include <krvision/kroxvfile.hpp>
 
 #include <algorithm>

@@ -1,12 +1,12 @@
 #include "video/mcapinfo.hpp"
 
-#include "tool/colorspace.hpp"
 #include "tool/json.hpp"
 #include "tool/timestamp.hpp"
 #include "video/mcap.hpp"
 #include "video/timeline.hpp"
 
 #include <krplatform/krtext.hpp>
+#include <krvision/krcolorspacenames.hpp>
 
 #include <cstdio>
 

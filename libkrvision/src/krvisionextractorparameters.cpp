@@ -1,5 +1,6 @@
 #include "krvisionextractorparameters.hpp"
 
+#include "krvision/krcolorspacenames.hpp"
 #include "krvision/krvisiondefinitions.hpp"
 #include "krvision/krvisionextractor.hpp"
 
@@ -21,28 +22,12 @@ constexpr int kLastCamera = 99;
 constexpr int kLowestFrameRate = 1;
 constexpr int kHighestFrameRate = 30;
 
-struct ColorSpace {
-    int code;
-    const char* name;
-};
-constexpr std::array kColorSpaces{
-    ColorSpace{kLumaColorSpace, "luma"}, ColorSpace{kYUV422ColorSpace, "YUV422"},
-    ColorSpace{kRgbColorSpace, "RGB"},   ColorSpace{kBgrColorSpace, "BGR"},
-    ColorSpace{kBgrxColorSpace, "BGRx"},
-};
-
 // "640x480"; the number of a code without a size.
 std::string toResolutionName(int resolution) {
     int width = 0;
     int height = 0;
     setSizeFromResolution(resolution, width, height);
     return width < 0 ? std::to_string(resolution) : std::to_string(width) + "x" + std::to_string(height);
-}
-
-// "YUV422"; the number of a code without a name.
-std::string toColorSpaceName(int colorSpace) {
-    const auto found = std::ranges::find(kColorSpaces, colorSpace, &ColorSpace::code);
-    return found == kColorSpaces.end() ? std::to_string(colorSpace) : found->name;
 }
 
 // The code that has this name among those that a parameter offers: 0 to `last`, and the one it began with.
@@ -69,12 +54,12 @@ std::vector<std::string> listResolutions(int initial) {
 
 std::vector<std::string> listColorSpaces(int initial) {
     std::vector<std::string> names;
-    names.reserve(std::size(kColorSpaces) + 1);
-    for (const ColorSpace& each : kColorSpaces) {
+    names.reserve(kColorSpaceNames.size() + 1);
+    for (const KRColorSpaceName& each : kColorSpaceNames) {
         names.emplace_back(each.name);
     }
-    if (std::ranges::find(names, toColorSpaceName(initial)) == names.end()) {
-        names.push_back(toColorSpaceName(initial));
+    if (std::ranges::find(names, getColorSpaceName(initial)) == names.end()) {
+        names.push_back(getColorSpaceName(initial));
     }
     return names;
 }
@@ -150,16 +135,16 @@ void KRVisionExtractor::declareParameters() {
         {.name = kColorSpaceParameter,
          .type = Type::Choice,
          .description = "Colour space of the images.",
-         .defaultValue = toColorSpaceName(initialColorSpace),
+         .defaultValue = getColorSpaceName(initialColorSpace),
          .choices = listColorSpaces(initialColorSpace)},
         [this, refuse, initialColorSpace](const KRValue& value) {
             const int colorSpace =
-                toCode(value.to<std::string>(), kBgrxColorSpace, initialColorSpace, toColorSpaceName);
+                toCode(value.to<std::string>(), kBgrxColorSpace, initialColorSpace, getColorSpaceName);
             if (colorSpace != getColorSpace() && !p_->setOrPresetColorSpace(colorSpace)) {
                 refuse(kColorSpaceParameter, "the camera service does not deliver it");
             }
         },
-        [this] { return KRValue(toColorSpaceName(getColorSpace())); });
+        [this] { return KRValue(getColorSpaceName(getColorSpace())); });
 
     const int initialFrameRate =
         std::clamp(1000 / p_->getDefaultPeriod(), kLowestFrameRate, kHighestFrameRate);

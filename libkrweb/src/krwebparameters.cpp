@@ -6,6 +6,7 @@
 #include "krwebrequest.hpp"
 
 #include <krplatform/krtext.hpp>
+#include <krvision/krcolorspacenames.hpp>
 
 #include <utility>
 
@@ -58,7 +59,7 @@ Hub::Values Hub::getPictureValues(Client& client, const std::set<std::string>& n
         const PictureRequest& picture = getPicture(client, channel.camera);
         for (const auto& [suffix, value] :
              {std::pair(kResolutionSuffix, getResolutionName(picture.resolution)),
-              {kColorSpaceSuffix, getColorSpaceName(picture.colorSpace)}}) {
+              {kColorSpaceSuffix, getColorSpaceOption(picture.colorSpace)}}) {
             const std::string name = channel.info.topic + suffix;
             if (names.empty() || names.contains(name)) {
                 values.emplace_back(name, value);

@@ -1,24 +1,14 @@
 #include "krwebrequest.hpp"
 
 #include <krplatform/krtext.hpp>
+#include <krvision/krcolorspacenames.hpp>
 #include <krvision/krvisiondefinitions.hpp>
 
-#include <algorithm>
-#include <array>
 #include <charconv>
 
 namespace KR::web {
 
 namespace {
-
-struct ColorSpaceName {
-    int code;
-    std::string_view name;
-};
-constexpr std::array kColorSpaces = {
-    ColorSpaceName{kLumaColorSpace, "luma"}, ColorSpaceName{kYUV422ColorSpace, "yuv422"},
-    ColorSpaceName{kRgbColorSpace, "rgb"}, ColorSpaceName{kBgrColorSpace, "bgr"},
-    ColorSpaceName{kBgrxColorSpace, "bgrx"}};
 
 constexpr int kLastResolution = 17;
 constexpr int kLastCamera = 127;
@@ -64,15 +54,13 @@ int parseResolution(const std::string& text) {
     throw BadRequest("resolution=" + escapeText(text, 40) + ": sizes are " + sizes);
 }
 
-int parseColorSpace(std::string text) {
-    std::ranges::transform(text, text.begin(),
-                           [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; });
-    const auto found = std::ranges::find(kColorSpaces, text, &ColorSpaceName::name);
-    if (found == kColorSpaces.end()) {
+int parseColorSpace(const std::string& text) {
+    const int code = findColorSpace(text);
+    if (code < 0) {
         throw BadRequest("color-space=" + escapeText(text, 40) +
                          ": colour spaces are luma, yuv422, rgb, bgr and bgrx");
     }
-    return found->code;
+    return code;
 }
 
 std::string getResolutionName(int resolution) {
@@ -80,11 +68,6 @@ std::string getResolutionName(int resolution) {
     int height = 0;
     setSizeFromResolution(resolution, width, height);
     return std::to_string(width) + "x" + std::to_string(height);
-}
-
-std::string getColorSpaceName(int colorSpace) {
-    const auto found = std::ranges::find(kColorSpaces, colorSpace, &ColorSpaceName::code);
-    return found == kColorSpaces.end() ? std::to_string(colorSpace) : std::string(found->name);
 }
 
 Target parseTarget(std::string_view text) {

@@ -29,9 +29,8 @@ Target parseTarget(std::string_view target);
 /// \throws BadRequest no such name; the text lists those that there are
 ///@{
 int parseResolution(const std::string& text);
-int parseColorSpace(std::string text);
+int parseColorSpace(const std::string& text);
 std::string getResolutionName(int resolution);
-std::string getColorSpaceName(int colorSpace);
 ///@}
 
 /// The target of a request for a picture.

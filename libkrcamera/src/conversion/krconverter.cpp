@@ -4,6 +4,7 @@
 #include "gstreamer/krgstreamer.hpp"
 
 #include <krplatform/krsharedallocation.hpp>
+#include <krvision/krcolorspacenames.hpp>
 #include <krvision/krvisiondefinitions.hpp>
 
 #include <algorithm>
@@ -20,13 +21,12 @@ namespace {
 struct ColorSpace {
     int code;
     GstVideoFormat format;
-    const char* name;
 };
 
 constexpr std::array colorSpaces{
-    ColorSpace{0, GST_VIDEO_FORMAT_GRAY8, "luma"}, ColorSpace{9, GST_VIDEO_FORMAT_YUY2, "YUV422"},
-    ColorSpace{11, GST_VIDEO_FORMAT_RGB, "RGB"},   ColorSpace{13, GST_VIDEO_FORMAT_BGR, "BGR"},
-    ColorSpace{18, GST_VIDEO_FORMAT_BGRx, "BGRx"},
+    ColorSpace{kLumaColorSpace, GST_VIDEO_FORMAT_GRAY8}, ColorSpace{kYUV422ColorSpace, GST_VIDEO_FORMAT_YUY2},
+    ColorSpace{kRgbColorSpace, GST_VIDEO_FORMAT_RGB},    ColorSpace{kBgrColorSpace, GST_VIDEO_FORMAT_BGR},
+    ColorSpace{kBgrxColorSpace, GST_VIDEO_FORMAT_BGRx},
 };
 
 constexpr std::size_t maximumIdleConversions = 8;
@@ -165,7 +165,7 @@ bool isColorSpaceSupported(int colorSpace) noexcept {
 
 std::string listColorSpaces() {
     std::string list;
-    for (const ColorSpace& space : colorSpaces) {
+    for (const KRColorSpaceName& space : kColorSpaceNames) {
         list += (list.empty() ? "" : ", ") + std::to_string(space.code) + " (" + space.name + ")";
     }
     return list;
