@@ -1,6 +1,7 @@
 #include "cameratest.hpp"
 
 #include <krplatform/krthread.hpp>
+#include <krvision/krdefaultangles.hpp>
 
 #include <algorithm>
 
@@ -96,7 +97,7 @@ TEST_F(ImageTest, CarriesCameraAndFieldOfView) {
     start({"test:black", "test:white"});
     const Image image = fetch(subscribe(1));
     EXPECT_EQ(image.camera, 1);
-    EXPECT_EQ(image.angles, (std::array{0.4169222F, 0.3209778F, -0.4169222F, -0.3209778F}));
+    EXPECT_EQ(image.angles, kDefaultAngles);
 }
 
 TEST_F(ImageTest, IsNewAtEveryFetch) {

@@ -1,6 +1,7 @@
 #include "krinterop/krimagemessage.hpp"
 
 #include "krplatform/krtext.hpp"
+#include "krvision/krdefaultangles.hpp"
 #include "krvision/krvisiondefinitions.hpp"
 
 #include <algorithm>
@@ -22,9 +23,6 @@ struct Encoding {
 constexpr std::array kEncodings = {Encoding{kLumaColorSpace, "mono8"},
                                    Encoding{kYUV422ColorSpace, "yuv422_yuy2"}, Encoding{11, "rgb8"},
                                    Encoding{13, "bgr8"}, Encoding{18, "bgra8"}};
-
-// As in docs/oxi.md: for images that do not say.
-constexpr std::array<float, 4> kDefaultAngles = {0.4169222f, 0.32097778f, -0.4169222f, -0.32097778f};
 
 constexpr std::string_view kFramePrefix = "camera_";
 constexpr std::int64_t kUsecPerSecond = 1'000'000;

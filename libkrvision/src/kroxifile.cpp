@@ -2,6 +2,7 @@
 
 #include "krfile.hpp"
 #include "krheaderfields.hpp"
+#include "krvision/krdefaultangles.hpp"
 #include "krvision/krimage.hpp"
 #include "krvision/krvisiondefinitions.hpp"
 

@@ -3,6 +3,7 @@
 #include "krfile.hpp"
 #include "krheaderfields.hpp"
 #include "krownedbytes.hpp"
+#include "krvision/krdefaultangles.hpp"
 #include "krvision/krimage.hpp"
 #include "krvision/krvideo.hpp"
 #include "krvision/krvisiondefinitions.hpp"

@@ -1,9 +1,9 @@
 #include "krvision/krvideo.hpp"
 
 #include "krfile.hpp"
-#include "krheaderfields.hpp"
 #include "krownedbytes.hpp"
 #include "krplatform/krerror.hpp"
+#include "krvision/krdefaultangles.hpp"
 #include "krvision/kroxvfile.hpp"
 #include "krvision/krvisiondefinitions.hpp"
 #include "krwrappingproduct.hpp"

@@ -2,6 +2,8 @@
 
 #include "gstreamer/krgstreamer.hpp"
 
+#include <krvision/krdefaultangles.hpp>
+
 #include <gst/video/video.h>
 
 #include <chrono>
@@ -11,10 +13,10 @@ namespace KR {
 
 /// Field of view, radians. The default is for cameras that do not report theirs.
 struct KRAngles {
-    float left = 0.4169222F;
-    float top = 0.3209778F;
-    float right = -0.4169222F;
-    float bottom = -0.3209778F;
+    float left = kDefaultAngles[0];
+    float top = kDefaultAngles[1];
+    float right = kDefaultAngles[2];
+    float bottom = kDefaultAngles[3];
 };
 
 /// One image from a source.
