@@ -20,9 +20,21 @@ struct Encoding {
     std::string_view name;
 };
 
-constexpr std::array kEncodings = {Encoding{kLumaColorSpace, "mono8"},
-                                   Encoding{kYUV422ColorSpace, "yuv422_yuy2"}, Encoding{11, "rgb8"},
-                                   Encoding{13, "bgr8"}, Encoding{18, "bgra8"}};
+constexpr std::array kEncodings = {
+    Encoding{kLumaColorSpace, "mono8"}, Encoding{kYUV422ColorSpace, "yuv422_yuy2"},
+    Encoding{kRgbColorSpace, "rgb8"}, Encoding{kBgrColorSpace, "bgr8"}, Encoding{kBgrxColorSpace, "bgra8"}};
+
+// What std_msgs/Header refers to, behind the schema of a message that begins with it.
+constexpr std::string_view kHeaderSchema =
+    R"(================================================================================
+MSG: std_msgs/Header
+builtin_interfaces/Time stamp
+string frame_id
+================================================================================
+MSG: builtin_interfaces/Time
+int32 sec
+uint32 nanosec
+)";
 
 constexpr std::string_view kFramePrefix = "camera_";
 constexpr std::int64_t kUsecPerSecond = 1'000'000;
@@ -47,6 +59,13 @@ Stamp toStamp(std::int64_t time_usec) {
         return {std::numeric_limits<std::int32_t>::min(), 0};
     }
     return {static_cast<std::int32_t>(seconds), static_cast<std::uint32_t>(rest) * kNanosecondsPerUsec};
+}
+
+void writeHeader(KRCdrWriter& writer, std::int64_t time_usec, int camera) {
+    const Stamp stamp = toStamp(time_usec);
+    writer.write(stamp.seconds);
+    writer.write(stamp.nanoseconds);
+    writer.write(std::string(kFramePrefix) + std::to_string(camera));
 }
 
 signed char findCamera(std::string_view frameId) {
@@ -84,22 +103,23 @@ bool ownsBytes(const KRImage& image, std::size_t size) {
 } // namespace
 
 std::string_view getImageSchema() noexcept {
-    return R"(std_msgs/Header header
+    static const std::string schema = R"(std_msgs/Header header
 uint32 height
 uint32 width
 string encoding
 uint8 is_bigendian
 uint32 step
 uint8[] data
-================================================================================
-MSG: std_msgs/Header
-builtin_interfaces/Time stamp
-string frame_id
-================================================================================
-MSG: builtin_interfaces/Time
-int32 sec
-uint32 nanosec
-)";
+)" + std::string(kHeaderSchema);
+    return schema;
+}
+
+std::string_view getCompressedImageSchema() noexcept {
+    static const std::string schema = R"(std_msgs/Header header
+string format
+uint8[] data
+)" + std::string(kHeaderSchema);
+    return schema;
 }
 
 std::string getImageEncoding(int colorSpace) {
@@ -150,11 +170,8 @@ KRBytes getPixels(const KRImage& image) {
 
 std::vector<unsigned char> encodeImageHeader(const KRImage& image) {
     const KRBytes pixels = getPixels(image);
-    const Stamp stamp = toStamp(image.timeStamp);
     KRCdrWriter writer;
-    writer.write(stamp.seconds);
-    writer.write(stamp.nanoseconds);
-    writer.write(std::string(kFramePrefix) + std::to_string(image.cameraId));
+    writeHeader(writer, image.timeStamp, image.cameraId);
     writer.write(static_cast<std::uint32_t>(image.height));
     writer.write(static_cast<std::uint32_t>(image.width));
     writer.write(getImageEncoding(image.colorSpace));
@@ -169,6 +186,15 @@ std::vector<unsigned char> encodeImage(const KRImage& image) {
     const KRBytes pixels = getPixels(image);
     message.insert(message.end(), pixels.begin(), pixels.end());
     return message;
+}
+
+std::vector<unsigned char> encodeCompressedImageHeader(std::int64_t time_usec, int camera,
+                                                       std::string_view format) {
+    KRCdrWriter writer;
+    writeHeader(writer, time_usec, camera);
+    writer.write(format);
+    writer.writeLength(0);
+    return writer.takeBytes();
 }
 
 KRImageMessage decodeImageMessage(KRBytes bytes) {

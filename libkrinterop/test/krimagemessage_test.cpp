@@ -38,6 +38,17 @@ TEST(KRImageMessage, HasTheLayoutThatOtherToolsRead) {
     EXPECT_EQ(KR::encodeImage(makeImage(2, 1, KR::kLumaColorSpace)), expected);
 }
 
+TEST(KRImageMessage, OfACompressedImageNamesItsFormat) {
+    const Bytes header = KR::encodeCompressedImageHeader(-1, 12, "jpeg");
+    KR::KRCdrReader reader(header);
+    EXPECT_EQ(reader.read<std::int32_t>(), -1) << "a microsecond before the epoch";
+    EXPECT_EQ(reader.read<std::uint32_t>(), 999'999'000U);
+    EXPECT_EQ(reader.readString(), "camera_12");
+    EXPECT_EQ(reader.readString(), "jpeg");
+    EXPECT_EQ(reader.readLength(1), 0U);
+    EXPECT_EQ(reader.countBytesLeft(), 0U);
+}
+
 TEST(KRImageMessage, KeepsPixelsAndCaptureTimeInEveryColorSpace) {
     for (int colorSpace = 0; KR::isColorSpaceValid(colorSpace); ++colorSpace) {
         const KRImage image = makeImage(6, 4, colorSpace);

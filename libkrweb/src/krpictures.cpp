@@ -2,7 +2,7 @@
 
 #include "krjpeg.hpp"
 
-#include <krinterop/krcdr.hpp>
+#include <krinterop/krimagemessage.hpp>
 #include <krplatform/krerror.hpp>
 #include <krplatform/krlog.hpp>
 #include <krplatform/krmemoryproxy.hpp>
@@ -45,33 +45,7 @@ KRImage referTo(const KRValue& value) {
     return image;
 }
 
-std::string encodeHeader(std::int64_t time_usec, int camera) {
-    KRCdrWriter writer;
-    writer.write(static_cast<std::int32_t>(time_usec / 1'000'000));
-    writer.write(static_cast<std::uint32_t>(time_usec % 1'000'000 * 1000));
-    writer.write("camera_" + std::to_string(camera));
-    writer.write("jpeg");
-    writer.writeLength(0); // set once it is known
-    const std::vector<unsigned char> bytes = writer.takeBytes();
-    return {bytes.begin(), bytes.end()};
-}
-
 } // namespace
-
-std::string_view getCompressedImageSchema() noexcept {
-    return R"(std_msgs/Header header
-string format
-uint8[] data
-================================================================================
-MSG: std_msgs/Header
-builtin_interfaces/Time stamp
-string frame_id
-================================================================================
-MSG: builtin_interfaces/Time
-int32 sec
-uint32 nanosec
-)";
-}
 
 /// One subscription to a camera.
 class Pictures::Feed {
@@ -186,7 +160,9 @@ private:
         }
         const auto picture = std::make_shared<Picture>();
         picture->timeStamp = std::max<std::int64_t>(image.timeStamp, 0);
-        picture->message = encodeHeader(picture->timeStamp, request_.camera);
+        const std::vector<unsigned char> header =
+            encodeCompressedImageHeader(picture->timeStamp, request_.camera, "jpeg");
+        picture->message.assign(header.begin(), header.end());
         picture->jpegStart = picture->message.size();
         picture->message.reserve(lastSize_ + lastSize_ / 4);
         encoder_.append(picture->message, image, request_.quality);

@@ -41,9 +41,6 @@ struct Picture {
 };
 using SharedPicture = std::shared_ptr<const Picture>;
 
-/// Definition of `sensor_msgs/msg/CompressedImage` with those that it refers to.
-std::string_view getCompressedImageSchema() noexcept;
-
 /// The pictures of all cameras. Each distinct request has one subscription and one thread, shared by all its receivers, so an
 /// image is encoded once. They end a second after the last receiver has left. Waits for an absent camera service.
 /// Thread-safe.

@@ -27,7 +27,7 @@ ChannelInfo Hub::describeChannel(Kind kind, const std::string& topic) const {
     switch (kind) {
     case Kind::Image:
         info.encoding = kImageMessageEncoding;
-        info.schemaName = "sensor_msgs/msg/CompressedImage";
+        info.schemaName = kCompressedImageSchemaName;
         info.schemaEncoding = kImageSchemaEncoding;
         info.schema = getCompressedImageSchema();
         break;

@@ -10,7 +10,8 @@
 #include <string_view>
 #include <vector>
 
-/// Images in the common exchange format of robot tools: `sensor_msgs/msg/Image` in CDR.
+/// Images in the common exchange format of robot tools: `sensor_msgs/msg/Image` in CDR. Compressed ones are
+/// `sensor_msgs/msg/CompressedImage`.
 ///
 /// | colour space | encoding |
 /// |---|---|
@@ -31,6 +32,11 @@ inline constexpr const char* kImageMessageEncoding = "cdr"; ///< how its message
 
 /// The definition of `sensor_msgs/msg/Image` with the definitions that it refers to.
 KR_EXPORT std::string_view getImageSchema() noexcept;
+
+/// Name of the message type of compressed images. Its encodings are those of images.
+inline constexpr const char* kCompressedImageSchemaName = "sensor_msgs/msg/CompressedImage";
+/// The definition of `sensor_msgs/msg/CompressedImage` with those that it refers to.
+KR_EXPORT std::string_view getCompressedImageSchema() noexcept;
 
 /// A decoded `sensor_msgs/msg/Image`. Refers to the message that it was decoded from.
 struct KRImageMessage {
@@ -63,6 +69,12 @@ KR_EXPORT std::vector<unsigned char> encodeImageHeader(const KRImage& image);
 KR_EXPORT KRBytes getPixels(const KRImage& image);
 /// The whole message, with a copy of the pixels. \throws std::invalid_argument as encodeImageHeader()
 KR_EXPORT std::vector<unsigned char> encodeImage(const KRImage& image);
+
+/// The message of a compressed image up to its bytes, which follow unchanged. The last four bytes are the number of these, a
+/// uint32 that is 0 and is to be set. The frame and the time stamp are those of encodeImageHeader().
+/// \param format  "jpeg"
+KR_EXPORT std::vector<unsigned char> encodeCompressedImageHeader(std::int64_t time_usec, int camera,
+                                                                 std::string_view format);
 
 /// \throws KRCdrError not well-formed; no pixels, or fewer than `height * step`
 KR_EXPORT KRImageMessage decodeImageMessage(KRBytes message);
