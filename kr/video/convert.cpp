@@ -3,13 +3,13 @@
 #include "image/picture.hpp"
 #include "tool/command.hpp"
 #include "tool/outputfile.hpp"
-#include "video/copy.hpp"
 #include "video/filmreader.hpp"
 #include "video/frames.hpp"
 #include "video/mcap.hpp"
 #include "video/pipelinesink.hpp"
 
 #include <krvision/kroxvfile.hpp>
+#include <krvision/kroxvrepair.hpp>
 #include <krvision/krvideo.hpp>
 #include <krvision/krvisiondefinitions.hpp>
 
@@ -83,7 +83,8 @@ void convertToFile(const Options& options, const std::string& extension, KROxvFi
     OutputFile out(options.out, options.in);
     if (extension == ".oxv") {
         Progress progress(range.count);
-        copyFrames(recording, range.first, range.count, options.stream, out.getPath(), progress);
+        copyFrames(recording, range.first, range.count, options.stream, out.getPath(),
+                   getFinalName(out.getPath()), [&] { progress.advance(); });
     } else if (extension == ".mcap") {
         Progress progress(range.count);
         copyToMcap(recording, range.first, range.count, options.stream, out.getPath(), options.compression,

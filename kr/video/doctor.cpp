@@ -2,12 +2,15 @@
 
 #include "tool/command.hpp"
 #include "tool/json.hpp"
-#include "video/diagnosis.hpp"
+#include "tool/progress.hpp"
 #include "video/mcap.hpp"
 #include "video/mcaprepair.hpp"
 
 #include <krplatform/krtext.hpp>
+#include <krvision/kroxvfile.hpp>
+#include <krvision/kroxvrepair.hpp>
 
+#include <algorithm>
 #include <cstdio>
 #include <memory>
 
@@ -25,18 +28,28 @@ struct Options {
     }
 };
 
-std::vector<Problem> findProblems(const std::string& file) {
+std::vector<KROxvProblem> diagnose(const std::string& file) {
     try {
-        KROxvFile recording(file);
+        const KROxvFile recording(file);
         Progress progress(
             recording.hasFrames() ? recording.countCompleteFrames() * recording.getStreams().size() : 0);
-        return diagnose(recording, progress);
+        std::vector<KROxvProblem> problems = findProblems(recording, [&] { progress.advance(); });
+        const std::uint64_t addressable = recording.countAddressableFrames();
+        const std::uint64_t unreachable = recording.countCompleteFrames() - addressable;
+        if (unreachable > 0) {
+            problems.push_back({recording.getOffset(addressable), addressable, 0,
+                                std::to_string(unreachable) + (unreachable == 1 ? " frame" : " frames") +
+                                    " from here on lie beyond 4 GiB, where readers do not find them; "
+                                    "kr video convert does"});
+            std::ranges::stable_sort(problems, {}, &KROxvProblem::offset);
+        }
+        return problems;
     } catch (const KRNotOxvError&) {
         return {{0, std::nullopt, std::nullopt, "the file does not begin as an oxv or mcap file does"}};
     }
 }
 
-void print(const Problem& problem) {
+void print(const KROxvProblem& problem) {
     std::printf("byte %llu", static_cast<unsigned long long>(problem.offset));
     if (problem.frame) {
         std::printf(", frame %llu", static_cast<unsigned long long>(*problem.frame));
@@ -47,7 +60,7 @@ void print(const Problem& problem) {
     std::printf(": %s\n", problem.text.c_str());
 }
 
-Json toJson(const Problem& problem) {
+Json toJson(const KROxvProblem& problem) {
     Json json = {
         {"byte", problem.offset}, {"frame", nullptr}, {"stream", nullptr}, {"problem", problem.text}};
     if (problem.frame) {
@@ -84,9 +97,9 @@ ExitCode examine(const Options& options) {
     if (isMcap(options.file)) {
         return examineMcap(options);
     }
-    const std::vector<Problem> problems = findProblems(options.file);
+    const std::vector<KROxvProblem> problems = diagnose(options.file);
     Json list = Json::array();
-    for (const Problem& problem : problems) {
+    for (const KROxvProblem& problem : problems) {
         if (options.json) {
             list.push_back(toJson(problem));
         } else {

@@ -39,7 +39,7 @@ std::int64_t FrameClock::next(std::int64_t timeStamp) {
     if (isStarted_) {
         std::int64_t interval = 0;
         const bool isUsable = !__builtin_sub_overflow(timeStamp, previous_, &interval) && interval > 0 &&
-                              interval <= kLongestGap_usec;
+                              interval <= oxv::kLongestGap_usec;
         time_usec_ += isUsable ? interval : interval_usec_;
     }
     isStarted_ = true;

@@ -2,8 +2,8 @@
 
 #include "tool/command.hpp"
 #include "tool/json.hpp"
+#include "tool/progress.hpp"
 #include "tool/timestamp.hpp"
-#include "video/diagnosis.hpp"
 #include "video/mcap.hpp"
 #include "video/mcapinfo.hpp"
 #include "video/timeline.hpp"
@@ -42,7 +42,17 @@ double toMilliseconds(std::int64_t time_usec) {
 
 // Size of the file if no frame were missing.
 std::uint64_t countExpectedBytes(const KROxvFile& recording) {
-    return recording.getDataOffset() + recording.countExpectedFrames() * recording.getFrameSize();
+    return recording.getOffset(recording.countExpectedFrames());
+}
+
+std::vector<std::int64_t> readTimeStamps(const KROxvFile& recording, std::size_t stream, Progress& progress) {
+    std::vector<std::int64_t> timeStamps;
+    const std::uint64_t frames = recording.countCompleteFrames();
+    for (std::uint64_t frame = 0; frame < frames; ++frame) {
+        timeStamps.push_back(recording.readChunkHeader(frame, stream).timeStamp);
+        progress.advance();
+    }
+    return timeStamps;
 }
 
 // A bad recording may have many; --json has them all.
@@ -92,7 +102,7 @@ void print(const KROxvFile& recording, const std::vector<StreamInfo>& streams) {
     std::printf("%s\n", recording.getPath().c_str());
     std::printf("  format            oxv, version %d\n", recording.getVersion());
     std::printf("  frames            %llu", static_cast<Unsigned>(recording.countCompleteFrames()));
-    if (recording.getAnnouncedCount() == oxv::kNeverClosed) {
+    if (!recording.isClosed()) {
         std::printf("; the recording was never closed\n");
     } else if (recording.getAnnouncedCount() != recording.countCompleteFrames()) {
         std::printf("; the header says %u\n", recording.getAnnouncedCount());
@@ -138,17 +148,16 @@ Json toJson(const KROxvFile& recording, const std::vector<StreamInfo>& streams) 
     for (const StreamInfo& stream : streams) {
         list.push_back(toJson(stream));
     }
-    const bool isClosed = recording.getAnnouncedCount() != oxv::kNeverClosed;
     Json json = {{"file", recording.getPath()},
                  {"format", "oxv"},
                  {"version", recording.getVersion()},
                  {"frames", recording.countCompleteFrames()},
-                 {"closed", isClosed},
+                 {"closed", recording.isClosed()},
                  {"announced_frames", nullptr},
                  {"file_bytes", recording.getFileSize()},
                  {"expected_bytes", countExpectedBytes(recording)},
                  {"streams", list}};
-    if (isClosed) {
+    if (recording.isClosed()) {
         json["announced_frames"] = recording.getAnnouncedCount();
     }
     return json;

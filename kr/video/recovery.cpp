@@ -1,9 +1,9 @@
 #include "video/recovery.hpp"
 
+#include "tool/outputfile.hpp"
 #include "tool/progress.hpp"
-#include "video/copy.hpp"
-#include "video/diagnosis.hpp"
 
+#include <krvision/kroxvrepair.hpp>
 #include <krvision/krvideo.hpp>
 
 #include <cstring>
@@ -17,7 +17,7 @@ namespace {
 void requireReadable(const KROxvFile& recording) {
     recording.requireFrames();
     for (const KROxvStream& stream : recording.getStreams()) {
-        const std::string reason = explainUnreadable(stream);
+        const std::string reason = stream.explainUnreadable();
         if (!reason.empty()) {
             throw std::runtime_error(recording.getPath() + ": " + reason + "; kr video convert may help");
         }
@@ -52,7 +52,7 @@ Recovery recover(KROxvFile& recording, const std::string& path) {
     requireReadable(recording);
     const std::uint64_t kept = recording.countAddressableFrames();
     Progress progress(2 * kept); // written once, read once
-    copyFrames(recording, 0, kept, std::nullopt, path, progress);
+    copyFrames(recording, 0, kept, std::nullopt, path, getFinalName(path), [&] { progress.advance(); });
     check(recording, kept, path, progress);
     return {kept, recording.countExpectedFrames() - kept};
 }

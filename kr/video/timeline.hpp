@@ -5,9 +5,6 @@
 
 namespace KR::tool {
 
-/// Longer intervals between two frames are not pauses, but a wrong time stamp or an adjusted clock.
-inline constexpr std::int64_t kLongestGap_usec = 3600LL * 1000 * 1000;
-
 /// Statistics of the time stamps of a stream.
 struct Timeline {
     /// An interval longer than one and a half usual ones.

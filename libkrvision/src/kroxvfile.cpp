@@ -3,9 +3,10 @@
 #include "krfile.hpp"
 #include "krheaderfields.hpp"
 #include "krownedbytes.hpp"
+#include "kroxvlayout.hpp"
+#include "krvision/krcolorspacenames.hpp"
 #include "krvision/krdefaultangles.hpp"
 #include "krvision/krimage.hpp"
-#include "krvision/krvideo.hpp"
 #include "krvision/krvisiondefinitions.hpp"
 
 #include <algorithm>
@@ -41,6 +42,21 @@ std::string KROxvStream::describe() const {
            " bits in colour space " + std::to_string(colorSpace);
 }
 
+std::string KROxvStream::explainUnreadable() const {
+    const int resolution = getResolutionFromSize(static_cast<int>(width), static_cast<int>(height));
+    if (resolution < 0 || resolution > kVGA) {
+        return std::to_string(width) + "x" + std::to_string(height) +
+               " pixels: readers open 160x120, 320x240 and 640x480 only";
+    }
+    if (colorSpace >= oxv::kColorSpaces) {
+        return "colour space " + describeColorSpace(colorSpace) + ": readers open 0 to 16 only";
+    }
+    if (depth != 8) {
+        return "a depth of " + std::to_string(depth) + " bits: images have 8";
+    }
+    return "";
+}
+
 KROxvChunkHeader KROxvChunkHeader::decode(const unsigned char (&bytes)[oxv::kChunkHeaderSize]) noexcept {
     const unsigned char* at = bytes;
     KROxvChunkHeader header;
@@ -73,13 +89,18 @@ bool KROxvChunkHeader::isPlausible() const noexcept {
 
 KROxvFile::KROxvFile(const std::string& path) : path_(path), file_(std::make_unique<KRFile>()) {
     fileSize_ = file_->openRegular(path);
-    if (fileSize_ >= sizeof words_[0]) {
-        readBytes(words_.data(), std::min<std::uint64_t>(fileSize_, oxv::kFileHeaderSize), 0);
+    oxv::FileHeader header = {};
+    if (fileSize_ >= sizeof header.version) {
+        readBytes(&header, std::min<std::uint64_t>(fileSize_, sizeof header), 0);
     }
-    if (words_[0] != oxv::kVersion1 && words_[0] != oxv::kVersion0) {
+    if (header.version != oxv::kVersion1 && header.version != oxv::kVersion0) {
         throw KRNotOxvError(path + ": not an oxv file");
     }
-    if (fileSize_ >= oxv::kFileHeaderSize) {
+    version_ = header.version == oxv::kVersion1 ? 1 : 0;
+    extraHeaderSize_ = header.extraHeaderSize;
+    announcedCount_ = header.frames;
+    announcedStreams_ = header.streams;
+    if (fileSize_ >= sizeof header) {
         readStreams();
     }
 }
@@ -87,14 +108,14 @@ KROxvFile::KROxvFile(const std::string& path) : path_(path), file_(std::make_uni
 KROxvFile::~KROxvFile() = default;
 
 void KROxvFile::readStreams() {
-    const std::uint64_t announced = std::max(words_[3], std::uint32_t{1});
+    const std::uint64_t announced = std::max(announcedStreams_, std::uint32_t{1});
     const std::uint64_t count = std::min<std::uint64_t>(
-        {announced, kMostStreams, (fileSize_ - oxv::kFileHeaderSize) / oxv::kStreamHeaderSize});
+        {announced, kMostStreams, (fileSize_ - sizeof(oxv::FileHeader)) / sizeof(streamHeader)});
     std::uint64_t frameSize = 0;
     bool isSound = count == announced;
     for (std::uint64_t i = 0; i < count; ++i) {
         streamHeader header = {};
-        readBytes(&header, sizeof header, oxv::kFileHeaderSize + oxv::kStreamHeaderSize * i);
+        readBytes(&header, sizeof header, sizeof(oxv::FileHeader) + sizeof header * i);
         const KROxvStream stream = KROxvStream::make(header, frameSize);
         isSound = isSound && stream.chunkSize > 0;
         frameSize += stream.chunkSize;
@@ -109,8 +130,8 @@ void KROxvFile::readStreams() {
 // KRVideo announces an extra header but does not write it; another recorder may have written one.
 std::uint64_t KROxvFile::findFirstFrame() {
     const std::uint64_t without = getHeaderSize();
-    const std::uint64_t with = without + words_[1];
-    if (words_[1] == 0 || fileSize_ < without + frameSize_) {
+    const std::uint64_t with = without + extraHeaderSize_;
+    if (extraHeaderSize_ == 0 || fileSize_ < without + frameSize_) {
         return with;
     }
     const int plausibleWithout = countPlausibleChunks(without);
@@ -142,8 +163,8 @@ int KROxvFile::countPlausibleChunks(std::uint64_t dataOffset) {
 }
 
 std::uint64_t KROxvFile::getHeaderSize() const noexcept {
-    return oxv::kFileHeaderSize +
-           std::uint64_t{oxv::kStreamHeaderSize} * std::max(words_[3], std::uint32_t{1});
+    return sizeof(oxv::FileHeader) +
+           std::uint64_t{sizeof(streamHeader)} * std::max(announcedStreams_, std::uint32_t{1});
 }
 
 void KROxvFile::requireFrames() const {
@@ -151,9 +172,9 @@ void KROxvFile::requireFrames() const {
         throw std::runtime_error(path_ + ": ends within its headers, after " + std::to_string(fileSize_) +
                                  " bytes");
     }
-    if (words_[3] > kMostStreams) {
-        throw std::runtime_error(path_ + ": announces " + std::to_string(words_[3]) + " streams; at most " +
-                                 std::to_string(kMostStreams) + " are supported");
+    if (announcedStreams_ > kMostStreams) {
+        throw std::runtime_error(path_ + ": announces " + std::to_string(announcedStreams_) +
+                                 " streams; at most " + std::to_string(kMostStreams) + " are supported");
     }
     const auto unusable = std::ranges::find(streams_, 0U, &KROxvStream::chunkSize);
     if (unusable != streams_.end()) {
@@ -176,11 +197,11 @@ std::uint64_t KROxvFile::countCutBytes() const noexcept {
 
 std::uint64_t KROxvFile::countExpectedFrames() const noexcept {
     const std::uint64_t begun = countCompleteFrames() + (countCutBytes() > 0 ? 1 : 0);
-    if (!hasFrames() || words_[2] == oxv::kNeverClosed) {
+    if (!hasFrames() || !isClosed()) {
         return begun;
     }
-    const std::uint64_t byChunks = (words_[2] + streams_.size() - 1) / streams_.size();
-    return begun <= byChunks ? byChunks : std::max<std::uint64_t>(begun, words_[2]);
+    const std::uint64_t byChunks = (announcedCount_ + streams_.size() - 1) / streams_.size();
+    return begun <= byChunks ? byChunks : std::max<std::uint64_t>(begun, announcedCount_);
 }
 
 std::uint64_t KROxvFile::countAddressableFrames() const noexcept {

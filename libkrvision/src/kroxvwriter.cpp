@@ -1,11 +1,12 @@
 #include "krfile.hpp"
 #include "krownedbytes.hpp"
+#include "kroxvlayout.hpp"
 #include "krvision/krimage.hpp"
 #include "krvision/kroxvfile.hpp"
-#include "krvision/krvideo.hpp"
 #include "krwrappingproduct.hpp"
 
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
 
 namespace KR {
@@ -21,10 +22,10 @@ KROxvWriter::KROxvWriter(const std::string& path, const std::vector<streamHeader
                                      ": a stream has an impossible geometry: " + streams_.back().describe());
         }
     }
-    const std::array<std::uint32_t, 4> header = {oxv::kVersion1, 0, oxv::kNeverClosed,
-                                                 static_cast<std::uint32_t>(streams.size())};
+    const oxv::FileHeader header = {oxv::kVersion1, 0, oxv::kNeverClosed,
+                                    static_cast<std::uint32_t>(streams.size())};
     if (!file_->openToWrite(path) ||
-        !file_->append(header.data(), sizeof header, streams.data(), streams.size() * sizeof(streamHeader))) {
+        !file_->append(&header, sizeof header, streams.data(), streams.size() * sizeof(streamHeader))) {
         fail();
     }
     size_ = sizeof header + streams.size() * sizeof(streamHeader);
@@ -79,7 +80,7 @@ void KROxvWriter::removeCutFrame() {
 }
 
 void KROxvWriter::close() {
-    if (!file_->writeAt(&frames_, sizeof frames_, oxv::kFrameCountOffset) || !file_->sync() ||
+    if (!file_->writeAt(&frames_, sizeof frames_, offsetof(oxv::FileHeader, frames)) || !file_->sync() ||
         !file_->close()) {
         fail();
     }

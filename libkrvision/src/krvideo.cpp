@@ -2,6 +2,7 @@
 
 #include "krfile.hpp"
 #include "krownedbytes.hpp"
+#include "kroxvlayout.hpp"
 #include "krplatform/krerror.hpp"
 #include "krvision/krdefaultangles.hpp"
 #include "krvision/kroxvfile.hpp"
@@ -9,7 +10,6 @@
 #include "krwrappingproduct.hpp"
 
 #include <algorithm>
-#include <array>
 #include <cassert>
 #include <cstddef>
 #include <cstring>
@@ -22,10 +22,9 @@ namespace KR {
 
 namespace {
 
-static_assert(sizeof(streamHeader) == oxv::kStreamHeaderSize, "written to the file as it is");
-
 std::uint32_t dataOffsetOf(std::uint32_t streams, std::uint32_t extraHeaderSize) {
-    return oxv::kFileHeaderSize + oxv::kStreamHeaderSize * streams + extraHeaderSize;
+    return static_cast<std::uint32_t>(sizeof(oxv::FileHeader) + sizeof(streamHeader) * streams) +
+           extraHeaderSize;
 }
 
 } // namespace
@@ -81,9 +80,8 @@ std::vector<streamProperties> KRVideoPrivate::readStreams(std::uint32_t count) c
     std::vector<streamProperties> found;
     for (std::uint32_t i = 0; i < count; ++i) {
         streamHeader header = {};
-        const bool isComplete =
-            input.readAt(&header, sizeof header, oxv::kFileHeaderSize + std::uint64_t{sizeof header} * i) ==
-            sizeof header;
+        const bool isComplete = input.readAt(&header, sizeof header,
+                                             sizeof(oxv::FileHeader) + sizeof header * i) == sizeof header;
         const int resolution =
             getResolutionFromSize(static_cast<int>(header.width), static_cast<int>(header.height));
         if (!isComplete || resolution < 0 || resolution > kVGA) {
@@ -108,27 +106,27 @@ bool KRVideo::readVideo(std::string path) {
     if (!p.input.openToRead(p.path)) {
         throw KRError("KRVideo", "readVideo", "Can't open file " + p.path + ". Check its path and presence");
     }
-    std::array<std::uint32_t, 4> header = {}; // version, extra header size, frames, streams
-    p.input.readAt(header.data(), sizeof header, 0);
+    oxv::FileHeader header = {};
+    p.input.readAt(&header, sizeof header, 0);
     try {
-        if (header[0] != oxv::kVersion1 && header[0] != oxv::kVersion0) {
+        if (header.version != oxv::kVersion1 && header.version != oxv::kVersion0) {
             throw KRError("KRVideo", "readVideo", "This oxv file version isn't supported");
         }
-        p.streams = p.readStreams(std::max(header[3], std::uint32_t{1}));
+        p.streams = p.readStreams(std::max(header.streams, std::uint32_t{1}));
     } catch (...) {
         p.input.close();
         throw;
     }
     const auto streamCount = static_cast<std::uint32_t>(p.streams.size());
-    p.version = header[0];
-    p.frameCount = header[2];
-    p.dataOffset = dataOffsetOf(streamCount, header[1]);
+    p.version = header.version;
+    p.frameCount = header.frames;
+    p.dataOffset = dataOffsetOf(streamCount, header.extraHeaderSize);
     p.frameSize = 0;
     for (const streamProperties& stream : p.streams) {
         p.frameSize += stream.chunkSize;
     }
     p.currentStream = 0;
-    p.position = oxv::kFileHeaderSize + sizeof(streamHeader) * std::uint64_t{streamCount};
+    p.position = sizeof(oxv::FileHeader) + sizeof(streamHeader) * std::uint64_t{streamCount};
     p.isReading = true;
     return true;
 }
@@ -317,9 +315,8 @@ bool KRVideo::recordVideo(std::string path, unsigned int extraHeaderSize, std::v
         throw KRError("KRVideo", "recordVideo", "Can't open file. Check its path and presence");
     }
     const auto streamCount = static_cast<std::uint32_t>(streams.size());
-    const std::array<std::uint32_t, 4> header = {oxv::kVersion1, extraHeaderSize, oxv::kNeverClosed,
-                                                 streamCount};
-    p_->output.append(header.data(), sizeof header, streams.data(), streams.size() * sizeof(streamHeader));
+    const oxv::FileHeader header = {oxv::kVersion1, extraHeaderSize, oxv::kNeverClosed, streamCount};
+    p_->output.append(&header, sizeof header, streams.data(), streams.size() * sizeof(streamHeader));
     p_->path = std::move(path);
     p_->frameCount = 0;
     // The extra header counts in the offset but is not written: deliberate.
@@ -367,7 +364,7 @@ bool KRVideo::write(int rows, int cols, char* bgr, long long timestamp, char cam
 void KRVideo::closeVideo() {
     if (p_->isRecording) {
         p_->isRecording = false;
-        p_->output.writeAt(&p_->frameCount, sizeof p_->frameCount, oxv::kFrameCountOffset);
+        p_->output.writeAt(&p_->frameCount, sizeof p_->frameCount, offsetof(oxv::FileHeader, frames));
         p_->output.close();
         p_->converted = KRVideoPrivate::makeUnsizedImage();
         std::cout << "stop recording " << p_->path << " file (" << p_->frameCount << " frames)" << std::endl;

@@ -1,5 +1,6 @@
 #include "krvision/kroxvfile.hpp"
 
+#include "krvision/kroxvrepair.hpp"
 #include "krvision/krvisiondefinitions.hpp"
 #include "oxvfile.hpp"
 
@@ -21,6 +22,7 @@ using KR::streamHeader;
 using KR::oxv::kNeverClosed;
 using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::IsEmpty;
 
 constexpr std::size_t kChunkPixels = 160 * 120;
 
@@ -208,6 +210,44 @@ TEST_F(KROxvFile, TheWriterReportsErrorsUnderTheGivenName) {
               "my.oxv: cannot be written: No space left on device");
     EXPECT_EQ(getOxvError([&] { KR::KROxvWriter(path("missing/a.oxv"), {}); }),
               path("missing/a.oxv") + ": cannot be written: No such file or directory");
+}
+
+TEST_F(KROxvFile, ACopyHasTheStreamTheFramesAndTheirCount) {
+    Bytes bytes = makeFile(4, 2, kNeverClosed);
+    bytes.resize(bytes.size() - 1);
+    const KR::KROxvFile file(write(bytes));
+    unsigned copied = 0;
+    copyFrames(file, 1, 2, 1, path("copy.oxv"), "", [&] { ++copied; });
+    EXPECT_EQ(copied, 2u);
+    const KR::KROxvFile copy(path("copy.oxv"));
+    EXPECT_EQ(copy.getAnnouncedCount(), 2u);
+    EXPECT_THAT(findProblems(copy), IsEmpty());
+    ASSERT_EQ(copy.getStreams().size(), 1u);
+    EXPECT_EQ(copy.readChunkHeader(0, 0).timeStamp, timeStampOf(1, 1));
+
+    EXPECT_EQ(getOxvError([&] { copyFrames(file, 0, 1, std::nullopt, "/dev/full", "my.oxv"); }),
+              "my.oxv: cannot be written: No space left on device");
+    EXPECT_THAT(getOxvError([&] { copyFrames(file, 3, 1, std::nullopt, path("copy.oxv")); }),
+                HasSubstr("cannot be read at byte"));
+    EXPECT_THROW(copyFrames(file, 0, 1, 2, path("copy.oxv")), std::out_of_range);
+}
+
+TEST_F(KROxvFile, LocatesTheProblemsThatItHas) {
+    Bytes bytes = makeFile(3, 1, 3);
+    bytes[32 + kChunkPixels + 8] = 7; // another camera, and back again
+    bytes.resize(bytes.size() - 1);
+    unsigned chunks = 0;
+    const std::vector<KR::KROxvProblem> problems =
+        findProblems(KR::KROxvFile(write(bytes)), [&] { ++chunks; });
+    EXPECT_EQ(chunks, 2u);
+    ASSERT_EQ(problems.size(), 3u);
+    EXPECT_EQ(problems[0].offset, 8u);
+    EXPECT_EQ(problems[0].frame, std::nullopt);
+    EXPECT_EQ(problems[0].text, "the header says 3 frames, but there are 2");
+    EXPECT_EQ(problems[1].offset, 32 + kChunkPixels);
+    EXPECT_EQ(problems[1].frame, 1u);
+    EXPECT_EQ(problems[1].stream, 0u);
+    EXPECT_EQ(problems[2].text, "the frame is cut: the file has 19199 of its 19200 bytes");
 }
 
 TEST_F(KROxvFile, TheWriterRefusesAFrameThatWouldShiftLaterOnes) {

@@ -16,27 +16,17 @@ class KRFile;
 class KRImage;
 struct streamHeader;
 
-/// Layout of an oxv file (docs/oxv.md): sizes and offsets in bytes.
+/// Properties of oxv files (docs/oxv.md).
 namespace oxv {
-
-inline constexpr std::uint32_t kVersion1 = 0x4F585631; ///< first word of the file: "1VXO"
-inline constexpr std::uint32_t kVersion0 = 0x4F585630; ///< "0VXO"; its chunks hold no angles
-
-inline constexpr std::uint32_t kFileHeaderSize = 16;       ///< before the stream headers
-inline constexpr std::uint64_t kExtraHeaderSizeOffset = 4; ///< in the file
-inline constexpr std::uint64_t kFrameCountOffset = 8;      ///< in the file
-inline constexpr std::uint64_t kStreamCountOffset = 12;    ///< in the file
-inline constexpr std::uint32_t kStreamHeaderSize = 16;     ///< of each stream
 
 inline constexpr std::uint32_t kNeverClosed = 0xFFFFFFFF; ///< frame count of an unfinished recording
 inline constexpr std::uint32_t kColorSpaces = 17;         ///< KRVideo opens streams of the codes 0 to 16
 
 /// A chunk begins with its header, which replaces as many bytes of pixels.
 inline constexpr std::size_t kChunkHeaderSize = 25;
-inline constexpr std::size_t kAnglesOffset = 9; ///< in a chunk
 
-/// Readers compute offsets in 32 bits: chunks that begin beyond are lost to them.
-inline constexpr std::uint64_t kAddressableSize = std::uint64_t{1} << 32;
+/// A longer interval between two frames is not a pause, but a wrong time stamp or an adjusted clock.
+inline constexpr std::int64_t kLongestGap_usec = 3600LL * 1000 * 1000;
 
 } // namespace oxv
 
@@ -52,6 +42,8 @@ struct KR_EXPORT KROxvStream {
     /// \param offset  where its chunk begins in a frame
     static KROxvStream make(const streamHeader& header, std::uint64_t offset) noexcept;
     std::string describe() const; ///< "640x480 pixels of 8 bits in colour space 9"
+    /// Why KRVideo does not read images from such a stream; empty if it does.
+    std::string explainUnreadable() const;
 };
 
 /// What each chunk of an oxv file begins with.
@@ -96,11 +88,15 @@ public:
 
     /// \name Fields of the file header, unchecked; 0 where the file ends before
     ///@{
-    int getVersion() const noexcept { return words_[0] == oxv::kVersion1 ? 1 : 0; }
-    std::uint32_t getExtraHeaderSize() const noexcept { return words_[1]; }
-    std::uint32_t getAnnouncedCount() const noexcept { return words_[2]; }   ///< frames, or oxv::kNeverClosed
-    std::uint32_t getAnnouncedStreams() const noexcept { return words_[3]; } ///< 0 means 1
+    int getVersion() const noexcept { return version_; }
+    std::uint32_t getExtraHeaderSize() const noexcept { return extraHeaderSize_; }
+    std::uint32_t getAnnouncedCount() const noexcept {
+        return announcedCount_;
+    } ///< frames, or oxv::kNeverClosed
+    std::uint32_t getAnnouncedStreams() const noexcept { return announcedStreams_; } ///< 0 means 1
     ///@}
+    /// Whether the recording was closed, which writes the number of its frames.
+    bool isClosed() const noexcept { return getAnnouncedCount() != oxv::kNeverClosed; }
 
     /// The streams whose headers are in the file, at most kMostStreams; fewer than announced if the file ends before.
     const std::vector<KROxvStream>& getStreams() const noexcept { return streams_; }
@@ -160,7 +156,10 @@ private:
     const std::string path_;
     const std::unique_ptr<KRFile> file_;
     std::uint64_t fileSize_ = 0;
-    std::array<std::uint32_t, 4> words_ = {};
+    int version_ = 0;
+    std::uint32_t extraHeaderSize_ = 0;
+    std::uint32_t announcedCount_ = 0;
+    std::uint32_t announcedStreams_ = 0;
     std::vector<KROxvStream> streams_;
     std::uint64_t dataOffset_ = 0;
     std::uint64_t frameSize_ = 0; // 0: a stream is missing or unusable
