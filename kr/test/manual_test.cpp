@@ -6,7 +6,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
+#include <string>
 
 namespace KR::test {
 namespace {
@@ -35,7 +37,27 @@ TEST_F(KrManual, HasAPageForEachVerbWithTheTextsOfItsHelp) {
     EXPECT_THAT(page,
                 AllOf(HasSubstr("kr\\-image\\-convert \\- Convert an image file to a picture, or back"),
                       HasSubstr("\\-\\-color\\-space"), HasSubstr(".SH EXAMPLES\n.nf\nkr image convert")));
-    EXPECT_THAT(help, HasSubstr("Convert an image file to a picture, or back"));
+    EXPECT_THAT(help, AllOf(HasSubstr("Convert an image file to a picture, or back"),
+                            HasSubstr("Example:\n  kr image convert")));
+    EXPECT_THAT(kr({"completion", "--help"}).out,
+                HasSubstr("Example:\n  source <(kr completion bash)")); // of no group
+}
+
+TEST_F(KrManual, HasAnExampleOfEachVerb) {
+    int verbs = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(folder_.path("man"))) {
+        const std::string page = read(entry.path().filename());
+        if (page.find("\n.SH VERBS\n") != std::string::npos) {
+            continue; // of a group
+        }
+        std::string command = entry.path().stem();
+        std::ranges::replace(command, '-', ' ');
+        const auto example = page.find("\n.SH EXAMPLES\n");
+        ASSERT_NE(example, std::string::npos) << command;
+        EXPECT_THAT(page.substr(example), HasSubstr(command));
+        ++verbs;
+    }
+    EXPECT_GT(verbs, 10);
 }
 
 TEST_F(KrManual, LeavesHiddenVerbsOut) {

@@ -22,12 +22,16 @@ constexpr int kServe = 0; // 1 to 3 are the modules Ring1 to Ring3, each subscri
 
 using Order = std::array<int, 4>;
 
+// The modules are alike but for their number, so of the orders that differ by which of them is called Ring1, one will do: that
+// in which it is the first of them.
 std::vector<Order> listOrders() {
     std::vector<Order> orders;
     Order order;
     std::iota(order.begin(), order.end(), 0);
     do {
-        orders.push_back(order);
+        if (*std::ranges::find_if(order, [](int process) { return process != kServe; }) == 1) {
+            orders.push_back(order);
+        }
     } while (std::next_permutation(order.begin(), order.end()));
     return orders;
 }

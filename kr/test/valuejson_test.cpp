@@ -53,7 +53,7 @@ TEST(ValueJson, RefusesArraysThatAreTooDeep) {
     const auto nest = [](std::size_t depth) { return std::string(depth, '[') + std::string(depth, ']'); };
     EXPECT_TRUE(readValue(nest(64)).isValid());
     EXPECT_THROW(readValue(nest(65)), UsageError);
-    EXPECT_THROW(readValue(nest(1'000'000)), UsageError);
+    EXPECT_THROW(readValue(nest(200'000)), UsageError);
 }
 
 TEST(ValueJson, QuotesNoMoreOfAnArgumentThanTellsWhichItIs) {

@@ -88,7 +88,7 @@ private:
 };
 
 TEST_P(KrVideoKill, LosesNothingThatTheSystemHasBeenGiven) {
-    constexpr int kKills = 20;
+    constexpr int kKills = 10;
     const auto seed = std::random_device()();
     SCOPED_TRACE("seed " + std::to_string(seed));
     std::mt19937 random(seed);
@@ -114,7 +114,7 @@ TEST_P(KrVideoKill, LosesNothingThatTheSystemHasBeenGiven) {
     }
 }
 
-// Three times twenty kills; small chunks are written in one go, large ones are cut now and then.
+// Three times ten kills; small chunks are written in one go, large ones are cut now and then.
 INSTANTIATE_TEST_SUITE_P(EveryKind, KrVideoKill, testing::Values(Kind{0, 1}, Kind{0, 2}, Kind{2, 1}),
                          [](const auto& kind) {
                              return "Resolution" + std::to_string(kind.param.resolution) + "Streams" +

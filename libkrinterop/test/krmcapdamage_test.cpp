@@ -96,12 +96,12 @@ TEST(KRMcapDamage, FilesOfAnotherKindAreRefused) {
 TEST(KRMcapDamage, AWrongByteNeverYieldsAWrongMessage) {
     for (const auto compression :
          {KRMcapCompression::None, KRMcapCompression::Lz4, KRMcapCompression::Zstd}) {
-        const Bytes whole = writeFile(compression);
+        const Bytes whole = writeFile(compression, 8); // the time grows with its square
         const std::vector<Read> written = [&] {
             const auto reader = open(whole);
             return readAllMessages(*reader);
         }();
-        ASSERT_EQ(written.size(), 20u);
+        ASSERT_EQ(written.size(), 8u);
         for (std::size_t i = 8; i < whole.size(); ++i) {
             Bytes bytes = whole;
             bytes[i] ^= 0x41;
