@@ -1,5 +1,5 @@
-// What a call to another process costs, beside a bare request and reply of the same sizes over AF_UNIX and over TCP: all to
-// the same process, with the other cores idle or busy.
+// The cost of a call to another process, compared with a bare request and reply of the same sizes over AF_UNIX and
+// over TCP: all to the same process, with the other cores idle or busy.
 
 #include <krdds/krdds.hpp>
 #include <krplatform/krbroker.hpp>
@@ -58,9 +58,9 @@ public:
     }
     ~Still() override { shutDown(); }
     int addOne(int number) { return number + 1; }
-    /// In memory that others can be given.
+    /// In memory that can be shared with other processes.
     KR::KRValue getImage(int size) { return makeImage(size, true); }
-    /// In memory of this process.
+    /// In this process's own memory.
     KR::KRValue getHeapImage(int size) { return makeImage(size, false); }
 
 private:
@@ -86,7 +86,7 @@ void sendAll(int socket, const void* bytes, std::size_t size) {
     while (size > 0) {
         const ssize_t sent = send(socket, next, size, MSG_NOSIGNAL);
         if (sent <= 0) {
-            throw std::runtime_error("a bare request or reply is not sent");
+            throw std::runtime_error("a bare request or reply cannot be sent");
         }
         next += sent;
         size -= static_cast<std::size_t>(sent);
@@ -108,7 +108,7 @@ bool receiveAll(int socket, void* bytes, std::size_t size) {
 
 void setNoDelay(int socket) {
     const int on = 1;
-    setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on); // fails where there is none to switch off
+    setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on); // fails on sockets without it
 }
 
 /// Answers each request of one client with the number of bytes it asks for.
@@ -147,7 +147,7 @@ int listenAt(Address& address) {
     socklen_t length = sizeof address;
     if (bind(listening, reinterpret_cast<sockaddr*>(&address), length) != 0 || listen(listening, 1) != 0 ||
         getsockname(listening, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-        throw std::runtime_error("a socket does not listen");
+        throw std::runtime_error("cannot listen on a socket");
     }
     return listening;
 }
@@ -243,7 +243,7 @@ public:
         std::memcpy(request.data(), &size, sizeof size);
         sendAll(sockets_.at(way), request.data(), request.size());
         if (!receiveAll(sockets_.at(way), reply.data(), reply.size())) {
-            throw std::runtime_error("a bare reply is not received");
+            throw std::runtime_error("no bare reply received");
         }
     }
 
@@ -253,7 +253,7 @@ private:
         broker->getSession().waitForService("Still");
         const bool local = broker->getDiagnostics().peers.at(0).local;
         if (local != (way == Local)) {
-            throw std::runtime_error("the process to call is reached another way than it should be");
+            throw std::runtime_error("the process to call is reached by another way than expected");
         }
         proxies_[way] = broker->getProxy("Still");
         brokers_.push_back(broker);
@@ -266,7 +266,7 @@ private:
     std::map<Way, boost::shared_ptr<KR::KRProxy>> proxies_;
 };
 
-/// Processes that do nothing, as fast as they can, while this stands.
+/// Processes that loop at full speed while this object exists.
 class BusyLoops {
 public:
     explicit BusyLoops(std::int64_t count) {
@@ -351,7 +351,7 @@ void copy(benchmark::State& state) {
     state.SetLabel(describe(std::to_string(state.range(0)) + " bytes", state.range(1)));
 }
 
-/// Time of one call while so many threads call at once; it is the reciprocal of the throughput.
+/// Time of one call while several threads call at once: the reciprocal of the throughput.
 void callFromThreads(benchmark::State& state) {
     KR::KRProxy& proxy = Server::get().getProxy(Local);
     for ([[maybe_unused]] auto _ : state) {

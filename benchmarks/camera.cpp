@@ -1,5 +1,6 @@
-// What a camera costs: the processor time of one second of images, beside a bare GStreamer pipeline on the same source;
-// and the conversion of its images, beside GStreamer's and beside copying the bytes that it reads and writes.
+// The cost of a camera: the processor time of one second of images, compared with a bare GStreamer pipeline on the
+// same source; and the conversion of its images, compared with GStreamer's and with copying the bytes that
+// it reads and writes.
 
 #include "conversion/krconverter.hpp"
 #include "gstreamer/krgstreamer.hpp"

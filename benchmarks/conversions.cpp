@@ -1,5 +1,5 @@
-// The pixel conversions beside the closest equivalents of other libraries, where they have one, and beside a copy of
-// half the bytes read and written.
+// The pixel conversions compared with the closest equivalents of other libraries, where they have one, and
+// with a copy of half the bytes read and written.
 
 #include "krconversionpath.hpp"
 
@@ -112,7 +112,7 @@ void registerOurs(const std::string& subject, const Conversion& convert) {
     registerForced("scalar", paths.back());
 }
 
-// ---- a copy of half the bytes in and out together
+// ---- a copy of half the bytes read and written
 
 void registerCopy(const std::string& subject, std::size_t halvesPerPixel) {
     registerConversion(subject, "memcpy", [halvesPerPixel](Frame& frame) {
@@ -127,7 +127,7 @@ void registerSwscale(const std::string& subject, AVPixelFormat from, AVPixelForm
     };
     struct Context {
         std::unique_ptr<SwsContext, void (*)(SwsContext*)> made{nullptr, sws_freeContext};
-        int width = 0; // that it was made for
+        int width = 0; // of the scaler
     };
     const auto context = std::make_shared<Context>();
     registerConversion(subject, "swscale", [=](Frame& frame) {
@@ -152,14 +152,14 @@ void registerYuv422FromBgr() {
     const std::string subject = "bgr_to_yuv422";
     registerOurs(subject, [](Frame& frame) {
         KR::KRImage& image = frame.image;
-        if (image.data.get() != frame.out.get()) { // the first time
+        if (image.data.get() != frame.out.get()) { // only the first time
             image.data = KR::KRImage::externalData(frame.out.get());
         }
         image.computeYUV422imageFromBGR(frame.height, frame.width, reinterpret_cast<char*>(frame.in.get()));
     });
     registerCopy(subject, 5);
 #ifdef KR_BENCHMARK_LIBYUV
-    registerConversion(subject, "libyuv", [](Frame& frame) { // by way of ARGB; averages the chroma of a pair
+    registerConversion(subject, "libyuv", [](Frame& frame) { // through ARGB; averages the chroma of a pair
         const int argbStride = 4 * frame.width;
         libyuv::RGB24ToARGB(frame.in.get(), 3 * frame.width, frame.between.get(), argbStride, frame.width,
                             frame.height);
@@ -184,7 +184,7 @@ void registerBgrFromYuv422() {
     registerOurs(subject, [](Frame& frame) { frame.image.computeBGRimageFromYUV422(frame.out.get()); });
     registerCopy(subject, 5);
 #ifdef KR_BENCHMARK_LIBYUV
-    registerConversion(subject, "libyuv", [](Frame& frame) { // by way of planes
+    registerConversion(subject, "libyuv", [](Frame& frame) { // through planes
         const int half = frame.width / 2;
         unsigned char* y = frame.between.get();
         unsigned char* u = y + frame.pixels;
@@ -212,7 +212,7 @@ void registerPlanes444() {
     registerOurs(subject, [](Frame& frame) { frame.image.computeYYYUUUVVVimageFromYUV422(frame.out.get()); });
     registerCopy(subject, 5);
 #ifdef KR_BENCHMARK_LIBYUV
-    registerConversion(subject, "libyuv", [](Frame& frame) { // by way of 4:2:2 planes
+    registerConversion(subject, "libyuv", [](Frame& frame) { // through 4:2:2 planes
         const int half = frame.width / 2;
         unsigned char* y = frame.between.get();
         unsigned char* u = y + frame.pixels;
@@ -251,7 +251,7 @@ void registerPlanes422() {
 
 int main(int argc, char** argv) {
 #ifdef KR_BENCHMARK_OPENCV
-    cv::setNumThreads(1); // as the others
+    cv::setNumThreads(1); // like the others
 #endif
     registerYuv422FromBgr();
     registerBgrFromYuv422();

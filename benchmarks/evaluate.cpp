@@ -1,5 +1,5 @@
-// A module without work on a recording, as kr evaluate gives it the images, beside a bare loop over the same file. The file
-// lies in memory, where no disk makes a difference; with TMPDIR, in that folder.
+// An idle module on a recording, given the images as by kr evaluate, compared with a bare loop over the same file.
+// The file is in memory, so that no disk matters; with TMPDIR set, in that folder.
 
 #include "evaluate/evaluation.hpp"
 #include "tool/interruption.hpp"
@@ -26,7 +26,7 @@ namespace {
 constexpr int kFrames = 300;
 constexpr const char* kLabel = "300 images, 640x480 YUV422";
 
-/// A recording of ten seconds, which goes with the object.
+/// A recording of ten seconds, removed with the object.
 class Recording {
 public:
     Recording()

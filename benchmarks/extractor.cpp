@@ -1,5 +1,6 @@
-// The cost of the platform and the extractors: an iteration of the acquisition loop beside a copy of its pixels, a
-// call, a subscription, and how evenly images are paced beside a bare loop around the kernel's sleep.
+// The cost of the platform and the extractors: an iteration of the acquisition loop compared with a copy of its
+// pixels, a call, a subscription, and how evenly images are paced compared with a bare loop around the kernel's
+// sleep.
 
 #include "stillcamera.hpp"
 
@@ -24,7 +25,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-/// Counts its images; with a period of 0 in force the loop does not sleep.
+/// Counts its images; at a period of 0 the loop does not sleep.
 class Counter : public KR::KRVisionExtractor {
 public:
     Counter(boost::shared_ptr<KR::KRBroker> broker, const std::string& name, bool sleepless)
@@ -56,7 +57,7 @@ public:
 private:
     const bool sleepless_;
     std::atomic<std::size_t> wanted_ = 0;
-    std::vector<Clock::time_point> times_; // the acquisition thread's while wanted_ is not 0
+    std::vector<Clock::time_point> times_; // used by the acquisition thread while wanted_ is not 0
 };
 
 class Adder : public KR::KRModule {
@@ -175,7 +176,7 @@ BENCHMARK(getCurrentPeriod)->Name("getCurrentPeriod/krvision")->Threads(1)->Thre
 constexpr int kPacedImages = 300;
 constexpr int kPeriodMs = 33;
 
-/// Reports the deviation of intervals from the period: the 99th percentile as the measured time, others beside it.
+/// Reports the deviation of intervals from the period: the 99th percentile as the measured time, others as counters.
 void reportPacing(benchmark::State& state, const std::vector<Clock::time_point>& times) {
     std::vector<double> deviations; // seconds
     for (std::size_t i = 1; i < times.size(); ++i) {

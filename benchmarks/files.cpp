@@ -1,5 +1,5 @@
-// Image files and recordings beside plain fread and fwrite of the same bytes, and beside GStreamer's filesink. The
-// files are in memory, so that no disk matters; with TMPDIR set, in that folder.
+// Image files and recordings compared with plain fread and fwrite of the same bytes, and with GStreamer's
+// filesink. The files are in memory, so that no disk matters; with TMPDIR set, in that folder.
 
 #include <krvision/krimage.hpp>
 #include <krvision/krvideo.hpp>

@@ -78,7 +78,7 @@ class Hook(kr.VisionExtractor):
 
 
 def make_film() -> Path:
-    """The same pictures of 640x480 as an uncompressed film, in the formats that both read."""
+    """The same 640x480 pictures as an uncompressed film, in a format for each reader."""
     import cv2
 
     film = Path(tempfile.gettempdir()) / "krvision-benchmark.avi"

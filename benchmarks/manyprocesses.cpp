@@ -1,5 +1,6 @@
 // One of many processes on a domain, for benchmarks/many-processes: hosts a module, and prints a line once it can
-// call those of all the others. With a fourth argument it makes so many more modules first, and prints how long that took.
+// call those of all the others. With a fourth argument it first creates that many more modules, and prints the time
+// taken.
 
 #include <krdds/krdds.hpp>
 #include <krplatform/krbroker.hpp>
@@ -50,7 +51,7 @@ int run(const std::string& url, int number, int count, int more) {
     }
     std::cout << "known" << std::endl;
     std::string line;
-    while (std::getline(std::cin, line)) { // a line asks for a call to the next one
+    while (std::getline(std::cin, line)) { // each line requests a call to the next one
         const std::string next = nameOf((number + 1) % count);
         std::cout << (broker->getProxy(next)->call<int>("echo", number) == number ? "called" : "wrong")
                   << std::endl;

@@ -1,5 +1,5 @@
-// MCAP files beside plain fwrite and fread of the same bytes, and beside the lz4 library on them. The files lie in memory,
-// where no disk makes a difference; with TMPDIR, in that folder.
+// MCAP files compared with plain fwrite and fread of the same bytes, and with the lz4 library on them. The
+// files are in memory, so that no disk matters; with TMPDIR set, in that folder.
 
 #include <krinterop/krimagemessage.hpp>
 #include <krinterop/krmcaptopics.hpp>
@@ -34,7 +34,7 @@ struct Geometry {
 };
 constexpr Geometry kGeometries[] = {{640, 480, "640x480 YUV422"}, {1280, 960, "1280x960 YUV422"}};
 
-/// Smooth shapes and the noise of a sensor: what compresses as camera images do.
+/// Smooth shapes and sensor noise, which compress like camera images.
 KRImage makeImage(const Geometry& geometry) {
     KRImage image(geometry.width, geometry.height, KR::kYUV422ColorSpace, false, 0.4f, 0.3f, -0.4f, -0.3f);
     unsigned random = 1;
@@ -51,7 +51,7 @@ KRImage makeImage(const Geometry& geometry) {
     return image;
 }
 
-/// A name for a file, which goes with the object.
+/// The name of a file that is removed with the object.
 class Place {
 public:
     Place()

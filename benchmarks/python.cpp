@@ -1,5 +1,5 @@
-// What Python costs: a hook in the acquisition loop beside the same one in C++, a call, an array of pixels, and beside
-// them the loop that a script has without KRVision, over cv2.VideoCapture.
+// The cost of Python: a hook in the acquisition loop compared with the same one in C++, a call, an array of pixels;
+// and the loop of a script without KRVision, over cv2.VideoCapture.
 
 #include "stillcamera.hpp"
 
@@ -59,11 +59,11 @@ private:
     std::atomic<int> begin_ = 0;
     std::atomic<int> end_ = 0;
     std::atomic<bool> done_ = false;
-    std::chrono::steady_clock::time_point start_; // the acquisition thread's, as the next one until done_
+    std::chrono::steady_clock::time_point start_; // the acquisition thread's, like the next, until done_
     double time_ = 0;
 };
 
-/// To be called from Python.
+/// Called from Python.
 class Adder : public KR::KRModule {
 public:
     Adder(boost::shared_ptr<KR::KRBroker> broker, const std::string& name)
@@ -99,7 +99,7 @@ void iterateInCpp(benchmark::State& state) {
 }
 BENCHMARK(iterateInCpp)->Name("acquisition hook/C++")->UseManualTime()->Iterations(5);
 
-// Times that a method of hook.py measures, in seconds.
+// Times measured by a method of hook.py, in seconds.
 template <class... Arguments>
 void measure(benchmark::State& state, const std::string& label, bool acquires, const char* method,
              Arguments... arguments) {

@@ -1,6 +1,6 @@
-// The web server: processor time of one and of ten clients beside GStreamer's, and the age of pictures. All of 640x480 at 30
-// per second with JPEG quality 80, from the same test picture. With --benchmark_out=FILE, results go there in the form of
-// Google Benchmark, medians alone: scripts/bench reads it. Processor times are those of a picture.
+// The web server: processor time of one and of ten clients compared with GStreamer's, and the age of pictures. All of
+// 640x480 at 30 per second with JPEG quality 80, from the same test picture. With --benchmark_out=FILE, writes
+// medians there in the format of Google Benchmark, for scripts/bench. Processor times are per picture.
 
 #include "webclient.hpp"
 
@@ -38,7 +38,7 @@ using Clock = std::chrono::steady_clock;
 constexpr std::chrono::seconds kWarmUp{2};
 constexpr std::chrono::seconds kMeasured{10};
 
-/// A program beside this one, with its standard error in a file. Ends with the object.
+/// A child process with its standard error in a file. Ends with the object.
 class Process {
 public:
     explicit Process(const std::vector<std::string>& arguments)
@@ -115,7 +115,7 @@ public:
     Viewer& operator=(const Viewer&) = delete;
 
     int countPictures() const { return pictures_; }
-    /// Once it has been stopped: of each picture, milliseconds from capture to receipt.
+    /// Milliseconds from capture to receipt of each picture; valid once stopped.
     const std::vector<double>& getAges() const { return ages_; }
     void stop() { stopping_ = true; }
 
@@ -139,9 +139,9 @@ private:
 };
 
 struct Result {
-    double processor_us = 0; ///< per picture that the source made
+    double processor_us = 0; ///< per picture of the source
     double age_ms = 0;       ///< median
-    double rate = 0;         ///< pictures per second of a client
+    double rate = 0;         ///< pictures per second and client
 };
 
 Result measureServer(const std::string& program, int clients) {
@@ -224,7 +224,7 @@ int main(int argc, char** argv) try {
             out = argument.substr(kOut.size());
         } else if (argument.starts_with(kFilter)) {
             filter = argument.substr(kFilter.size());
-        } // the others are for programs that repeat what is short
+        } // other options are for programs that repeat short benchmarks
     }
     if (!std::regex_search("web/krvision", filter)) {
         return 0;

@@ -1,5 +1,5 @@
-// Strings that describe camera sources, which come from command lines, configuration files and other modules: each is
-// parsed or refused, and none gives away a password.
+// Strings that describe camera sources, from command lines, configuration files and other modules: each is parsed or
+// refused, and none reveals a password.
 
 #include "recording/krrecordingaddress.hpp"
 #include "source/krsourcestring.hpp"
@@ -13,7 +13,7 @@
 
 namespace {
 
-// Each way of reading an argument; nothing is made of them here.
+// Every kind of argument; no sources are created here.
 constexpr std::array kinds{
     KR::KRSourceKind{"test", "test, test:PATTERN", 1, nullptr, "ball"},
     KR::KRSourceKind{"oxv", "oxv:PATH", 7, nullptr},
@@ -46,7 +46,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
              {text, std::string(kind.scheme) + ":" + text, std::string(kind.scheme) + "://" + text}) {
             try {
                 parse(source);
-            } catch (const std::invalid_argument&) { // is what must happen to most
+            } catch (const std::invalid_argument&) { // expected for most
             }
         }
     }

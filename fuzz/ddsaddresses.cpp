@@ -1,4 +1,4 @@
-// Addresses "dds:..." as users and programs give them: whatever the text, they are understood or refused with a KRError.
+// Addresses "dds:..." from users and programs: any text is parsed or refused with a KRError.
 
 #include "krddsoptions.hpp"
 
@@ -18,7 +18,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             network.loopbackMulticast = network.alone = place;
             (void)options.getConfiguration(network, place);
         }
-    } catch (const KR::KRError&) { // as must happen to most
+    } catch (const KR::KRError&) { // expected for most
     }
     return 0;
 }

@@ -1,5 +1,5 @@
-// Announcements as other brokers send them: whatever their fields, they are accepted or refused. What is accepted can
-// be announced again, and means the same.
+// Announcements of other brokers: with any fields, they are accepted or refused. Accepted ones can be announced
+// again, with the same meaning.
 
 #include "krannouncement.hpp"
 #include "krvaluecode.hpp"
@@ -14,7 +14,7 @@
 
 namespace {
 
-/// Takes the input apart: texts by lengths of two bytes, the rest is left.
+/// Splits the input: texts by lengths of two bytes, then the rest.
 class Input {
 public:
     Input(const std::uint8_t* data, std::size_t size) : data_(data), size_(size) {}
@@ -52,7 +52,7 @@ void parse(KRVision_Announcement& message, std::vector<std::uint8_t> modules) {
             announcement.modules.size()) {
             std::abort();
         }
-    } catch (const KR::KRMalformed&) { // as must happen to most
+    } catch (const KR::KRMalformed&) { // expected for most
     }
 }
 
@@ -69,7 +69,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     message.name = name.data();
     message.host = host.data();
     parse(message, input.takeRest());
-    // The modules by themselves, or most would be refused before because of the identity.
+    // The modules separately: otherwise most would be refused because of the identity.
     std::string identity(32, 'a');
     message.broker = identity.data();
     name = host = "name";

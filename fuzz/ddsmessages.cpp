@@ -1,4 +1,4 @@
-// Requests and replies as other processes send them: whatever the bytes, they are understood or refused.
+// Requests and replies of other processes: any bytes are parsed or refused.
 
 #include "krmessage.hpp"
 #include "krvaluecode.hpp"
@@ -13,7 +13,7 @@ template <class Parse>
 void tryTo(Parse parse) {
     try {
         parse();
-    } catch (const KR::KRMalformed&) { // is what must happen to most
+    } catch (const KR::KRMalformed&) { // expected for most
     }
 }
 
@@ -26,7 +26,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     tryTo([&] { KR::KRReply::parse(received).value.decode(); });
     tryTo([&] {
         const KR::KRValue value = KR::decodeValue(received, 0, size);
-        // What was understood can be sent on, and means the same.
+        // What was parsed can be sent again, with the same meaning.
         const KR::KRComposedBytes composed = KR::encodeValue(value);
         KR::KRReceivedBytes again = KR::KRReceivedBytes::allocate(composed.size());
         for (const auto& piece : composed.getPieces()) {

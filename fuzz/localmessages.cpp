@@ -1,5 +1,5 @@
-// Messages as another process of this machine sends them: whatever the bytes, they are understood or refused. With the
-// first byte as the number of bytes of the first packet, in units of 16, they come in several.
+// Messages of another process on this machine: any bytes are parsed or refused. The first byte is the size of the
+// first packet, in units of 16 bytes, so that messages arrive in several packets.
 
 #include "krlocalchannel.hpp"
 
@@ -17,12 +17,12 @@ void parse(const std::uint8_t* data, std::size_t size) {
     try {
         std::size_t head = 0;
         const KR::KRLocalFrame frame = KR::KRLocalFrame::parse({data, size}, head);
-        // What was understood can be sent on, and means the same.
+        // What was parsed can be sent again, with the same meaning.
         const std::string again = frame.compose();
         if (!std::equal(again.begin(), again.end(), reinterpret_cast<const char*>(data))) {
             __builtin_trap();
         }
-    } catch (const KR::KRLocalMalformed&) { // is what must happen to most
+    } catch (const KR::KRLocalMalformed&) { // expected for most
     }
 }
 

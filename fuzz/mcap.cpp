@@ -65,7 +65,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         selection.startTime = 1;
         reader.select(selection);
         readMessages(reader);
-    } catch (const KR::KRMcapError&) { // NOLINT(bugprone-empty-catch): the one error that there is
+    } catch (const KR::KRMcapError&) { // NOLINT(bugprone-empty-catch): the only possible error
     }
     return 0;
 }

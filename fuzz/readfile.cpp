@@ -1,5 +1,5 @@
-// KRImage::readFile on any bytes, into an image of each kind, and then the other operations on the image; beside it
-// the checked reader, which must accept nothing that KRImage::readFile refuses.
+// KRImage::readFile on any bytes, into an image of each kind, and then the other operations on the image; and the
+// checked reader, which must accept nothing that KRImage::readFile refuses.
 
 #include "memoryfile.hpp"
 
@@ -80,7 +80,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     KRImage owned = makeImage(1, 1, false);
     if (read(owned, file)) {
         use(owned, true);
-        if (!read(owned, file)) { // now of the image's geometry
+        if (!read(owned, file)) { // now with the image's geometry
             std::abort();
         }
     }

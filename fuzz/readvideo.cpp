@@ -35,7 +35,7 @@ public:
     }
 
 private:
-    std::vector<unsigned char> pixels_; // what an external image promises: its geometry, and the chunk
+    std::vector<unsigned char> pixels_; // as large as an external image promises: its geometry, and the chunk
     KRImage small_ = makeImage(1, 1, false);
     KRImage large_ = makeImage(640, 480, false);
     KRImage none_ = makeImage(160, 120, true);
@@ -109,7 +109,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         largestChunk = std::max<std::size_t>(largestChunk, stream.chunkSize);
     }
     constexpr std::size_t kMostMemory = std::size_t{1}
-                                        << 24; // some depths call for gigabytes, which no caller has
+                                        << 24; // some depths need gigabytes, which no caller has
     if (largestChunk > kMostMemory) {
         KRImage image = makeImage(1, 1, false);
         video.getFrame(image, 0, 0, true);

@@ -76,18 +76,18 @@ void writeRecordings(const fs::path& folder) {
                             0.5f, 0.25f, -0.5f, -0.25f);
             }
         }
-        if (kind != 2) { // stays like a recording that was never closed
+        if (kind != 2) { // kept like a recording that was never closed
             video.closeVideo();
         }
         const fs::path written = file.string() + ".oxv";
         writeCut(written, fs::file_size(written) - 1000);
-        writeCut(written, 100); // almost only headers, which are most worth mutating
+        writeCut(written, 100); // mostly headers, the part most worth mutating
         writeVersion0(written);
     }
 }
 
 #ifdef KR_WITH_INTEROP
-// Without checksums, so that a changed byte gets past them.
+// Without checksums, so that changed bytes get through.
 void writeMcapFiles(const fs::path& folder) {
     fs::create_directories(folder);
     for (const auto compression :

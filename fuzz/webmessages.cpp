@@ -1,4 +1,4 @@
-// What clients of the web server send: messages of the protocol, requests for methods, and the targets of HTTP requests.
+// Input from clients of the web server: messages of the protocol, requests for methods, and targets of HTTP requests.
 
 #include "krwebmessages.hpp"
 #include "krwebmethods.hpp"
