@@ -1,4 +1,4 @@
-# Writes OUT, a source file with the files of the folder PAGE in it.
+# Writes OUT, a source file that embeds the files of the folder PAGE.
 file(GLOB_RECURSE files RELATIVE ${PAGE} ${PAGE}/*)
 list(SORT files)
 set(arrays "")
@@ -24,7 +24,7 @@ foreach(file IN LISTS files)
     elseif(extension STREQUAL .json)
         set(type application/json)
     endif()
-    # The byte behind the content keeps an empty file from being an empty array.
+    # The byte after the content keeps an empty file from being an empty array.
     string(APPEND arrays "constexpr unsigned char kFile${number}[] = {\n${bytes}0};\n")
     set(path /${file})
     if(file STREQUAL index.html)

@@ -1,4 +1,4 @@
-// A headless Chromium, driven by the DevTools protocol over a pipe, so that neither a port nor a package is needed.
+// A headless Chromium, driven by the DevTools protocol over a pipe, so it needs neither a port nor a package.
 
 import { spawn } from "node:child_process";
 import { mkdtemp, rm, writeFile } from "node:fs/promises";
@@ -11,7 +11,7 @@ const kPoll_ms = 30;
 export class Browser {
     static async open(program = "chromium") {
         const profile = await mkdtemp(join(tmpdir(), "kr-browser-"));
-        const isRoot = process.getuid() === 0; // whom Chromium's sandbox does not take
+        const isRoot = process.getuid() === 0; // Chromium's sandbox does not work for root
         const options = ["--headless=new", "--remote-debugging-pipe", "--disable-gpu", "--hide-scrollbars", "--no-first-run", `--user-data-dir=${profile}`];
         const child = spawn(program, [...options, ...(isRoot ? ["--no-sandbox"] : []), "about:blank"], {
             stdio: ["ignore", "ignore", "ignore", "pipe", "pipe"],
@@ -80,7 +80,7 @@ class Page {
     constructor(browser, sessionId) {
         this.browser = browser;
         this.sessionId = sessionId;
-        this.errors = []; // exceptions that nobody caught, and dialogues
+        this.errors = []; // uncaught exceptions, and dialogs
     }
 
     send(method, params) {
@@ -135,7 +135,7 @@ class Page {
         throw new Error(`waited ${kPatience_ms / 1000} s for ${what}`);
     }
 
-    /** Clicks with the mouse on an element, once it is there. */
+    /** Clicks with the mouse on an element once it exists. */
     async click(selector) {
         const { x, y } = await this.waitFor(
             `${selector} to be clicked`,
@@ -152,7 +152,7 @@ class Page {
         }
     }
 
-    /** Presses a key where the focus is. */
+    /** Presses a key on the focused element. */
     async press(key, code) {
         const text = key.length === 1 ? key : undefined;
         for (const type of ["keyDown", "keyUp"]) {
@@ -160,7 +160,7 @@ class Page {
         }
     }
 
-    /** Of what the window shows, or of an element. */
+    /** Saves the window's content, or an element. */
     async saveScreenshot(path, selector = undefined) {
         const params = { format: "png" };
         if (selector !== undefined) {

@@ -1,4 +1,4 @@
-// kr in processes of its own, for the programs of this folder.
+// Runs kr in separate processes, for the programs of this folder.
 
 import { spawn, spawnSync } from "node:child_process";
 import { createServer } from "node:net";
@@ -24,7 +24,7 @@ export class KrPrograms {
         this.running = new Set();
     }
 
-    /** Starts a verb, and waits until it says `ready` on standard error. */
+    /** Starts a verb, and waits until it prints `ready` on standard error. */
     async start(ready, ...words) {
         const child = spawn(this.kr, [...words, "--broker", this.broker], { stdio: ["ignore", "ignore", "pipe"] });
         this.running.add(child);

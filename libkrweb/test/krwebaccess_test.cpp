@@ -20,7 +20,7 @@ constexpr const char* kToken = "correct-horse-battery";
 
 class KRWebAccess : public WebTest {
 protected:
-    // Status of the answer to a request to become a WebSocket: 101 if it may.
+    // HTTP status of the answer to a WebSocket upgrade: 101 if allowed.
     int connect(Headers headers, const std::string& target = "/",
                 const std::string& protocol = "foxglove.websocket.v1") const {
         headers.insert(headers.end(), {{"Connection", "Upgrade"},
@@ -33,30 +33,30 @@ protected:
     std::string own() const { return "127.0.0.1:" + std::to_string(getPort()); }
 };
 
-TEST_F(KRWebAccess, PagesOfOtherServersMayNotConnect) {
+TEST_F(KRWebAccess, PagesOfOtherOriginsMayNotConnect) {
     startServer();
-    EXPECT_EQ(connect({}), 101); // no browser
+    EXPECT_EQ(connect({}), 101); // not a browser
     EXPECT_EQ(connect({{"Origin", "http://" + own()}}), 101);
     EXPECT_EQ(connect({{"Origin", "http://evil.example"}}), 403);
     EXPECT_EQ(connect({{"Origin", "http://127.0.0.1:1"}}), 403);
     EXPECT_EQ(connect({{"Origin", "null"}}), 403);
 }
 
-TEST_F(KRWebAccess, PagesOfNamedServersMayConnect) {
+TEST_F(KRWebAccess, PagesOfAllowedOriginsMayConnect) {
     startServer({.allowedOrigins = {"https://viewer.example"}});
     EXPECT_EQ(connect({{"Origin", "https://viewer.example"}}), 101);
     EXPECT_EQ(connect({{"Origin", "https://viewer.example.evil"}}), 403);
 }
 
-TEST_F(KRWebAccess, ANameOfSomebodyElseForThisMachineIsRefused) {
+TEST_F(KRWebAccess, AForeignHostNameForThisMachineIsRefused) {
     startServer();
-    // As after DNS has been changed under the feet of the browser: the origin is the host.
+    // DNS rebinding: the origin equals the host.
     EXPECT_EQ(connect({{"Host", "evil.example"}, {"Origin", "http://evil.example"}}), 403);
     EXPECT_EQ(get(getPort(), "/camera/0.jpg", {{"Host", "evil.example"}}).status, 403);
     EXPECT_EQ(connect({{"Host", "localhost:80"}, {"Origin", "http://localhost:80"}}), 101);
 }
 
-TEST_F(KRWebAccess, PagesOfOtherServersMayNotShowPictures) {
+TEST_F(KRWebAccess, PagesOfOtherOriginsMayNotShowPictures) {
     startServer();
     EXPECT_EQ(
         get(getPort(), "/camera/0.mjpeg", {{"Sec-Fetch-Site", "cross-site"}, {"Sec-Fetch-Mode", "no-cors"}})
@@ -66,10 +66,10 @@ TEST_F(KRWebAccess, PagesOfOtherServersMayNotShowPictures) {
               200); // a link
 }
 
-TEST_F(KRWebAccess, ATokenIsNeededWhereThereIsOne) {
+TEST_F(KRWebAccess, ATokenIsRequiredIfConfigured) {
     startCameras();
     startServer({.token = kToken});
-    EXPECT_EQ(get(getPort(), "/").status, 200); // the page is no secret
+    EXPECT_EQ(get(getPort(), "/").status, 200); // the page is not secret
     EXPECT_EQ(get(getPort(), "/camera/0.jpg").status, 401);
     EXPECT_EQ(get(getPort(), "/camera/0.jpg?token=correct-horse-batterz").status, 401);
     EXPECT_EQ(get(getPort(), "/camera/0.jpg?token=correct-horse").status, 401);
@@ -79,7 +79,7 @@ TEST_F(KRWebAccess, ATokenIsNeededWhereThereIsOne) {
     EXPECT_EQ(connect({}), 401);
     EXPECT_EQ(connect({}, "/?token=wrong"), 401);
     EXPECT_EQ(connect({}, std::string("/?token=") + kToken), 101);
-    EXPECT_EQ(countSubscriptions(), 1U); // of the picture that was allowed
+    EXPECT_EQ(countSubscriptions(), 1U); // for the allowed picture
 }
 
 TEST_F(KRWebAccess, OtherSubprotocolsAreRefused) {
@@ -97,7 +97,7 @@ TEST_F(KRWebAccess, OnlyGetAndHeadAreAnswered) {
     EXPECT_THAT(get(getPort(), "/").fields.at("Content-Security-Policy"), HasSubstr("default-src 'self'"));
 }
 
-TEST_F(KRWebAccess, ListeningElsewhereIsOnPurpose) {
+TEST_F(KRWebAccess, ListeningBeyondLoopbackMustBeExplicit) {
     const auto start = [&](KRWebOptions options) { const KRWebServer server(broker_, options); };
     EXPECT_THAT([&] { start({.address = "0.0.0.0:0"}); },
                 ThrowsMessage<std::invalid_argument>(HasSubstr("give a token")));

@@ -13,7 +13,7 @@ constexpr const char* kUpgrade =
     "Sec-WebSocket-Version: 13\r\nSec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n"
     "Sec-WebSocket-Protocol: foxglove.websocket.v1\r\n\r\n";
 
-// A WebSocket frame of a client, with a mask of zeros.
+// A WebSocket frame of a client, masked with zeros.
 std::string makeFrame(unsigned char operation, const std::string& payload) {
     std::string frame;
     frame.push_back(static_cast<char>(0x80 | operation));
@@ -36,11 +36,11 @@ protected:
     }
 };
 
-TEST_F(KRWebLoad, ARequestThatDoesNotEndIsCutOff) {
+TEST_F(KRWebLoad, AnUnfinishedRequestIsDisconnected) {
     startServer({.patience = std::chrono::milliseconds(500)});
     RawConnection slow(getPort());
     ASSERT_TRUE(slow.write("GET / HTTP/1.1\r\nHost: 127.0.0.1\r\n"));
-    EXPECT_EQ(get(getPort(), "/").status, 200); // the others are served
+    EXPECT_EQ(get(getPort(), "/").status, 200); // others are served
     EXPECT_TRUE(slow.readToEnd());
 }
 
@@ -54,17 +54,17 @@ TEST_F(KRWebLoad, RequestsAreBounded) {
     EXPECT_THAT(garbage.readUntil("\r\n"), HasSubstr("400"));
 }
 
-TEST_F(KRWebLoad, WhatAClientSendsBehindItsUpgradeIsRead) {
+TEST_F(KRWebLoad, FramesSentWithTheUpgradeAreRead) {
     startServer();
     RawConnection client(getPort());
-    // Together, so that the request's parser has the frames, too.
+    // In one piece, so that the request's parser gets the frames, too.
     ASSERT_TRUE(
         client.write(kUpgrade + makeFrame(1, R"({"op":"first"})") + makeFrame(1, R"({"op":"second"})")));
     EXPECT_THAT(client.readUntil("the operation first"), HasSubstr("the operation first"));
     EXPECT_THAT(client.readUntil("the operation second"), HasSubstr("the operation second"));
 }
 
-TEST_F(KRWebLoad, GarbageIsAnsweredWithWhatIsWrong) {
+TEST_F(KRWebLoad, GarbageIsAnsweredWithTheReason) {
     startServer();
     WebClient client(getPort());
     const auto expectStatus = [&](const std::string& text) {
@@ -116,7 +116,7 @@ TEST_F(KRWebLoad, ErrorsOfOneMessageAreCountedNotListed) {
     EXPECT_EQ(errors, 11);
 }
 
-TEST_F(KRWebLoad, NamesThatAClientSubscribesToAreBounded) {
+TEST_F(KRWebLoad, NamesOfSubscriptionsAreBounded) {
     startServer();
     WebClient client(getPort());
     const std::string longName(1025, 'x');
@@ -125,7 +125,7 @@ TEST_F(KRWebLoad, NamesThatAClientSubscribesToAreBounded) {
     EXPECT_THAT(client.readText("status").at("message").get<std::string>(), HasSubstr("at most 1024 bytes"));
 }
 
-TEST_F(KRWebLoad, ClientsThatSeeDifferentPicturesAreBounded) {
+TEST_F(KRWebLoad, TheNumberOfDifferentPicturesIsBounded) {
     startCameras();
     startServer();
     std::vector<std::unique_ptr<RawConnection>> streams;
@@ -141,8 +141,8 @@ TEST_F(KRWebLoad, ClientsThatSeeDifferentPicturesAreBounded) {
     EXPECT_THAT(client.readText("status").at("message").get<std::string>(), HasSubstr("at most 32"));
 }
 
-// Text of control characters: six times as long as JSON.
-TEST_F(KRWebLoad, ValuesThatBecomeTooLongAreLeftOut) {
+// Control characters take six times as much space in JSON.
+TEST_F(KRWebLoad, ValuesTooLongAsJsonAreLeftOut) {
     startServer();
     KRMemoryProxy memory(broker_);
     memory.insertData("Sample/Long", std::string(3 << 20, '\1'));
@@ -166,7 +166,7 @@ TEST_F(KRWebLoad, AClientThatDoesNotReadIsDropped) {
     const Json subscription = {{"id", 1}, {"channelId", channel}};
     ASSERT_TRUE(stalled.write(
         makeFrame(1, Json{{"op", "subscribe"}, {"subscriptions", Json::array({subscription})}}.dump())));
-    // Another one is served meanwhile.
+    // Others are served meanwhile.
     WebClient client(getPort());
     const std::uint32_t log = client.subscribe("/log");
     const std::uint32_t images = client.subscribe("/camera/0/image");
@@ -179,7 +179,7 @@ TEST_F(KRWebLoad, AClientThatDoesNotReadIsDropped) {
     EXPECT_TRUE(stalled.readToEnd());
 }
 
-TEST_F(KRWebLoad, AHundredClientsSeeTheSamePictures) {
+TEST_F(KRWebLoad, AHundredClientsGetTheSamePictures) {
     startCameras();
     startServer();
     std::vector<std::unique_ptr<WebClient>> clients;
@@ -208,7 +208,7 @@ TEST_F(KRWebLoad, ConnectionsAreBounded) {
         RawConnection more(getPort());
         ASSERT_THAT(more.readUntil("\r\n"), HasSubstr("503"));
     }
-    // The log has all of them, but not a line for each.
+    // The log counts all of them, but not one line each.
     int refused = 0;
     int lines = 0;
     for (; refused < 20; ++lines) {
@@ -224,7 +224,7 @@ TEST_F(KRWebLoad, ConnectionsAreBounded) {
     EXPECT_TRUE(becomesTrue([&] { return get(getPort(), "/").status == 200; }));
 }
 
-TEST_F(KRWebLoad, SubscriptionsOfAClientAreBounded) {
+TEST_F(KRWebLoad, SubscriptionsPerClientAreBounded) {
     startServer();
     KRMemoryProxy memory(broker_);
     for (int i = 0; i < 1100; ++i) {

@@ -12,7 +12,7 @@ std::span<const unsigned char> toBytes(const std::string& text) {
     return {reinterpret_cast<const unsigned char*>(text.data()), text.size()};
 }
 
-TEST(KRWebMessages, DataBeginsWithSubscriptionAndTime) {
+TEST(KRWebMessages, DataStartsWithSubscriptionAndTime) {
     const DataHeader header = encodeDataHeader(0x01020304, 0x1112131415161718);
     const DataHeader expected = {1, 4, 3, 2, 1, 0x18, 0x17, 0x16, 0x15, 0x14, 0x13, 0x12, 0x11};
     EXPECT_EQ(header, expected);
@@ -28,7 +28,7 @@ TEST(KRWebMessages, ACallIsReadAndAnswered) {
     EXPECT_EQ(encodeCallResponse(call, "{}"), std::string("\3\1\0\0\0\2\0\0\0\4\0\0\0json{}", 19));
 }
 
-TEST(KRWebMessages, ACutCallIsRefusedWhereverItIsCut) {
+TEST(KRWebMessages, ATruncatedCallIsRefusedAtEveryLength) {
     const std::string bytes("\2\1\0\0\0\2\0\0\0\4\0\0\0json", 17);
     for (std::size_t size = 0; size < bytes.size(); ++size) {
         EXPECT_THROW(decodeBinary(toBytes(bytes.substr(0, size))), ProtocolError) << size;
@@ -48,8 +48,8 @@ TEST(KRWebMessages, TextsAreRead) {
     EXPECT_FALSE(end.subscribe);
 }
 
-// Copying such JSON would end the process for lack of stack.
-TEST(KRWebMessages, JsonIsNotNestedWithoutEnd) {
+// Copying deeply nested JSON would overflow the stack.
+TEST(KRWebMessages, NestingOfJsonIsBounded) {
     const auto nest = [](const std::string& open, const std::string& close, int depth) {
         std::string text = R"({"op":"setParameters","parameters":[{"name":"a\"[[[","value":)";
         for (int i = 0; i < depth; ++i) {
@@ -69,7 +69,7 @@ TEST(KRWebMessages, JsonIsNotNestedWithoutEnd) {
     }
 }
 
-TEST(KRWebMessages, BytesThatAreNotUtf8DoNotReachClients) {
+TEST(KRWebMessages, InvalidUtf8DoesNotReachClients) {
     EXPECT_EQ(encodeStatus(StatusLevel::Warning, "\xFF"),
               "{\"op\":\"status\",\"level\":1,\"message\":\"\xEF\xBF\xBD\"}");
 }

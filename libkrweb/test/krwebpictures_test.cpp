@@ -26,7 +26,7 @@ struct Decoded {
     std::vector<unsigned char> pixels; // R G B, or grey
 };
 
-// Ends the program if it is no JPEG.
+// Ends the program if it is not a JPEG.
 Decoded decode(std::string_view jpeg) {
     jpeg_error_mgr errors;
     jpeg_decompress_struct codec = {};
@@ -72,8 +72,8 @@ std::unique_ptr<KRImage> fetch(const boost::shared_ptr<KRBroker>& broker, int re
 
 class KRWebPictures : public WebTest {};
 
-TEST_F(KRWebPictures, APictureIsWhatTheCameraShows) {
-    startCameras({"test:smpte75"}); // stands still
+TEST_F(KRWebPictures, APictureMatchesTheCamera) {
+    startCameras({"test:smpte75"}); // does not move
     startServer();
     const std::unique_ptr<KRImage> image = fetch(broker_, kVGA, kRgbColorSpace);
     for (const char* space : {"yuv422", "rgb", "bgr", "bgrx"}) {
@@ -85,7 +85,7 @@ TEST_F(KRWebPictures, APictureIsWhatTheCameraShows) {
     }
 }
 
-TEST_F(KRWebPictures, ALumaPictureIsGreyAsItIs) {
+TEST_F(KRWebPictures, ALumaPictureIsGrey) {
     startCameras({"test:smpte75"});
     startServer();
     const std::unique_ptr<KRImage> image = fetch(broker_, kQVGA, kLumaColorSpace);
@@ -94,7 +94,7 @@ TEST_F(KRWebPictures, ALumaPictureIsGreyAsItIs) {
     EXPECT_LT(compare(decode(answer.body), *image), 2);
 }
 
-TEST_F(KRWebPictures, OddSizesAreEncodedToTheirEdges) {
+TEST_F(KRWebPictures, OddSizesAreEncodedUpToTheEdges) {
     web::JpegEncoder encoder;
     for (const auto& [width, height] : {std::pair(1, 1), {2, 3}, {17, 5}, {80, 45}, {33, 31}}) {
         KRImage image(width, height, kYUV422ColorSpace, false, 0, 0, 0, 0);
@@ -107,14 +107,14 @@ TEST_F(KRWebPictures, OddSizesAreEncodedToTheirEdges) {
         const Decoded decoded = decode(jpeg);
         ASSERT_EQ(decoded.width, width);
         ASSERT_EQ(decoded.height, height);
-        if (width % 2 == 0) { // otherwise a row begins with U or V, in turn
+        if (width % 2 == 0) { // otherwise rows begin with U and V alternately
             EXPECT_NEAR(decoded.pixels[0], 254, 12);
             EXPECT_NEAR(decoded.pixels.back(), 0, 12);
         }
     }
 }
 
-TEST_F(KRWebPictures, AStreamShowsImageAfterImage) {
+TEST_F(KRWebPictures, AStreamSendsImageAfterImage) {
     startCameras();
     startServer();
     RawConnection connection(getPort());
@@ -126,7 +126,7 @@ TEST_F(KRWebPictures, AStreamShowsImageAfterImage) {
     }
 }
 
-TEST_F(KRWebPictures, NobodyLooksAndNothingIsSubscribed) {
+TEST_F(KRWebPictures, WithoutViewersNothingIsSubscribed) {
     startCameras();
     startServer();
     EXPECT_EQ(countSubscriptions(), 0U);
@@ -139,7 +139,7 @@ TEST_F(KRWebPictures, NobodyLooksAndNothingIsSubscribed) {
     EXPECT_TRUE(becomesTrue([&] { return countSubscriptions() == 0; }));
 }
 
-TEST_F(KRWebPictures, ManyWhoLookShareOneSubscription) {
+TEST_F(KRWebPictures, ManyViewersShareOneSubscription) {
     startCameras();
     startServer();
     WebClient client(getPort());
@@ -169,7 +169,7 @@ TEST_F(KRWebPictures, AnnotationsOfAModuleAreDrawn) {
     EXPECT_TRUE(becomesTrue([&] { return findBrightest() > 80; }));
 }
 
-TEST_F(KRWebPictures, WrongRequestsAreAnsweredWithWhatWouldBeRight) {
+TEST_F(KRWebPictures, WrongRequestsAreAnsweredWithTheValidValues) {
     startCameras();
     startServer();
     const auto expectRefusal = [&](const std::string& target, int status, const std::string& text) {
@@ -187,7 +187,7 @@ TEST_F(KRWebPictures, WrongRequestsAreAnsweredWithWhatWouldBeRight) {
     expectRefusal("/../etc/passwd", 404, "there is no /../etc/passwd");
 }
 
-TEST_F(KRWebPictures, ACameraServiceThatComesBackIsShownAgain) {
+TEST_F(KRWebPictures, ARestartedCameraServiceIsShownAgain) {
     startServer();
     EXPECT_EQ(get(getPort(), "/camera/0.jpg").status, 503);
     startCameras();
@@ -208,7 +208,7 @@ TEST_F(KRWebPictures, ACameraServiceThatComesBackIsShownAgain) {
     startCameras();
     id = client.subscribe("/camera/0/image");
     EXPECT_FALSE(client.readData(id).payload.empty());
-    // A stream goes on by itself.
+    // A stream continues by itself.
     long long time_usec = 0;
     EXPECT_TRUE(becomesTrue([&] {
         time_usec = readTime_usec();

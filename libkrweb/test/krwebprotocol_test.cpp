@@ -62,7 +62,7 @@ public:
 
 class KRWebProtocol : public WebTest {};
 
-TEST_F(KRWebProtocol, TheServerSaysWhatItCan) {
+TEST_F(KRWebProtocol, TheServerListsItsCapabilities) {
     startServer({.domain = "dds:?domain=7"});
     const WebClient client(getPort());
     const Json info = client.getServerInfo();
@@ -124,7 +124,7 @@ TEST_F(KRWebProtocol, EachClientChoosesItsSize) {
     EXPECT_EQ(client.readText("parameterValues").at("parameters").at(0).at("value"), "yuv422");
 }
 
-TEST_F(KRWebProtocol, ValuesComeAsTheyAreWritten) {
+TEST_F(KRWebProtocol, ValuesArriveAsTheyAreWritten) {
     startServer();
     KRMemoryProxy memory(broker_);
     memory.insertData("Sample/Value", 1);
@@ -133,7 +133,7 @@ TEST_F(KRWebProtocol, ValuesComeAsTheyAreWritten) {
     EXPECT_EQ(client.readJson(id).dump(), R"({"value":1})");
     memory.insertData("Sample/Value", KRValue::array("two", 2.5F));
     Json value;
-    EXPECT_TRUE(becomesTrue([&] { // its first value may come twice
+    EXPECT_TRUE(becomesTrue([&] { // its first value may arrive twice
         value = client.readJson(id);
         return value.at("value") != 1;
     }));
@@ -150,7 +150,7 @@ TEST_F(KRWebProtocol, ChannelsComeAndGoWithTheirKeys) {
     EXPECT_TRUE(client.waitForNoChannel("/memory/Sample/Late"));
 }
 
-TEST_F(KRWebProtocol, AClientThatComesLaterSeesWhatThereIsNow) {
+TEST_F(KRWebProtocol, ALaterClientGetsTheCurrentState) {
     startServer();
     KRMemoryProxy memory(broker_);
     WebClient first(getPort());
@@ -168,12 +168,12 @@ TEST_F(KRWebProtocol, AClientThatComesLaterSeesWhatThereIsNow) {
     sample.reset();
     EXPECT_TRUE(first.waitForNoService("/Sample/scale"));
     WebClient third(getPort());
-    third.waitForService("/KRMemory/insertData"); // behind the channels
+    third.waitForService("/KRMemory/insertData"); // after the channels
     EXPECT_TRUE(third.waitForNoChannel("/memory/Sample/Late"));
     EXPECT_TRUE(third.waitForNoService("/Sample/scale"));
 }
 
-TEST_F(KRWebProtocol, EachEventComesOnce) {
+TEST_F(KRWebProtocol, EachEventArrivesOnce) {
     startServer();
     KRMemoryProxy memory(broker_);
     memory.declareEvent("Sample/Seen");
@@ -182,7 +182,7 @@ TEST_F(KRWebProtocol, EachEventComesOnce) {
     const std::uint32_t seen = client.subscribe("/event/Sample/Seen");
     const std::uint32_t again = client.subscribe("/event/Sample/SeenAgain");
     memory.insertData("Sample/Probe", 0);
-    client.readJson(client.subscribe("/memory/Sample/Probe")); // comes behind the subscriptions before
+    client.readJson(client.subscribe("/memory/Sample/Probe")); // comes after the earlier subscriptions
     for (int i = 0; i < 10; ++i) {
         memory.raiseEvent("Sample/Seen", i);
         memory.raiseEvent("Sample/SeenAgain", i + 10);
@@ -207,7 +207,7 @@ TEST_F(KRWebProtocol, AnnotationsAreInPixelsOfTheImage) {
     EXPECT_EQ(corner.at("y"), 240);
 }
 
-TEST_F(KRWebProtocol, ANameOfCodeIsAName) {
+TEST_F(KRWebProtocol, ANameThatLooksLikeCodeIsJustAName) {
     startServer();
     const std::string name = "<script>\"'\xFF";
     KRMemoryProxy(broker_).insertData(name, "</script>");
@@ -225,7 +225,7 @@ TEST_F(KRWebProtocol, ServicesAreTheMethodsOfModules) {
     EXPECT_EQ(schema.at("required"), Json::array({"value", "factor"}));
     EXPECT_EQ(schema.at("properties").at("factor").at("type"), "number");
     EXPECT_EQ(client.call("/Sample/scale", {{"factor", 2}, {"value", 1.5}}).dump(), R"({"value":3.0})");
-    // A whole number that is no int of 32 bits is a float.
+    // A whole number that does not fit 32 bits becomes a float.
     EXPECT_EQ(client.call("/Sample/scale", {{"value", 0.5}, {"factor", 4294967296}}).at("value"),
               2147483648.0);
     EXPECT_EQ(client.call("/Sample/describe", {{"number", 7}}).at("value"), "number 7");
@@ -261,7 +261,7 @@ TEST_F(KRWebProtocol, ControlsOfCamerasAreParameters) {
     EXPECT_THAT(client.readText("status").at("message").get<std::string>(), HasSubstr("from -100 to 100"));
 }
 
-TEST_F(KRWebProtocol, CamerasAndExtractorsTellTheirState) {
+TEST_F(KRWebProtocol, CamerasAndExtractorsReportTheirState) {
     startCameras();
     startServer();
     const auto looker = createModule<Looker>(broker_, "Looker");
@@ -301,7 +301,7 @@ TEST_F(KRWebProtocol, AReadOnlyServerChangesNothing) {
     client.sendText(R"({"op":"setParameters","parameters":[{"name":"/camera/0/brightness","value":42}]})");
     EXPECT_THAT(client.readText("status").at("message").get<std::string>(), HasSubstr("read-only"));
     EXPECT_EQ(KRVideoDeviceProxy(broker_).getControls(0).at(0).value, 0);
-    client.sendBinary(std::string("\2\1\0\0\0\1\0\0\0\4\0\0\0json{}", 19)); // whatever its number is
+    client.sendBinary(std::string("\2\1\0\0\0\1\0\0\0\4\0\0\0json{}", 19)); // whatever the channel number
     EXPECT_THAT(client.readAnswer(1).at("failure").get<std::string>(), HasSubstr("read-only"));
 }
 

@@ -1,6 +1,6 @@
-// What can be measured in the page. These functions run in the browser, so each stands alone.
+// Measurements in the page. These functions run in the browser, so each is self-contained.
 
-/** Where the white ball of test:ball is, where boxes are drawn, and how bright the picture is; fractions of the picture. */
+/** Where the white ball of test:ball is, where boxes are drawn, and the brightness; as fractions of the picture. */
 export function measureCamera(number) {
     const card = document.querySelector(`[data-camera="${number}"]`);
     const picture = card?.querySelector("canvas.picture");

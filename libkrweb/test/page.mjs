@@ -1,6 +1,6 @@
-// Uses the page as a person does, with mouse and keys, in front of kr serve with a moving ball and the motion module.
+// Uses the page like a person, with mouse and keys, with kr serve, a moving ball and the motion module.
 //   page.mjs KR MOTION-LIBRARY BROKER FOLDER
-// Prints a line per sentence that holds. For one that does not, leaves FOLDER/failed-N.png.
+// Prints a line for each sentence that holds. For one that does not, saves FOLDER/failed-N.png.
 
 import { join } from "node:path";
 import { Browser } from "./browser.mjs";
@@ -38,7 +38,7 @@ const sentences = [
         async (page) => {
             const first = await page.waitFor("a picture with a ball", `(number) => { const m = (${measureCamera})(number); return m?.ball && m; }`, 0);
             await page.waitFor(
-                "the ball elsewhere",
+                "the ball at another place",
                 `(number, x) => { const m = (${measureCamera})(number); return m?.ball && Math.abs(m.ball.x - x) > 0.1; }`,
                 0,
                 first.ball.x,
@@ -51,15 +51,15 @@ const sentences = [
             await page.waitFor("KRMotion to be idle", isShown, "KRMotion", "idle");
             await page.click(`${extractor("KRMotion")} .primary`);
             await page.waitFor("KRMotion to run", isShown, "KRMotion", "running");
-            require(programs.run("call", "KRMotion", "getSubscribersInfo").includes('"web"'), "web is no subscriber");
+            require(programs.run("call", "KRMotion", "getSubscribersInfo").includes('"web"'), "web is not a subscriber");
         },
     ],
     [
-        "a box of the motion module lies over the ball wherever it is",
+        "a box of the motion module follows the ball",
         async (page) => {
-            // In most pictures: a box that is elsewhere is over the ball at times.
+            // In most pictures: a misplaced box is over the ball at times.
             const kPictures = 40;
-            const margin = 0.03; // the box may be of the picture before
+            const margin = 0.03; // the box may be of the previous picture
             const isOver = ({ ball, box }) =>
                 box.right - box.left < 0.3 && ball.x > box.left - margin && ball.x < box.right + margin && ball.y > box.top - margin && ball.y < box.bottom + margin;
             const seen = [];
@@ -68,7 +68,7 @@ const sentences = [
                 seen.push(await page.waitFor(`picture ${seen.length + 1} with a ball and a box`, next, 0, seen.at(-1)?.drawn ?? 0));
             }
             const places = seen.map(({ ball }) => ball.x);
-            require(Math.max(...places) - Math.min(...places) > 0.2, "the ball stands still");
+            require(Math.max(...places) - Math.min(...places) > 0.2, "the ball does not move");
             const over = seen.filter(isOver).length;
             require(over > 0.5 * kPictures, `a box lies over the ball in ${over} of ${kPictures} pictures`);
         },
@@ -87,10 +87,10 @@ const sentences = [
                 }
                 return boxes;
             };
-            require((await countBoxes()) > 5, "there are few boxes to hide");
+            require((await countBoxes()) > 5, "there are too few boxes to hide");
             await page.click(chip);
             await page.waitFor("no box", `(number) => { const m = (${measureCamera})(number); return m && !m.box; }`, 0);
-            require((await countBoxes()) === 0, "there are boxes still");
+            require((await countBoxes()) === 0, "there are still boxes");
             await page.click(chip);
             await page.waitFor("a box", `(number) => (${measureCamera})(number)?.box`, 0);
         },
@@ -101,10 +101,10 @@ const sentences = [
             await page.click(`${extractor("KRMotion")} .pause`);
             await page.waitFor("KRMotion to be paused", isShown, "KRMotion", "paused");
             require(programs.run("call", "KRMotion", "isPaused") === "1", "KRMotion is not paused");
-            await page.waitFor("what it saw before to go", `(number) => { const m = (${measureCamera})(number); return m && !m.box; }`, 0);
+            await page.waitFor("the old box to disappear", `(number) => { const m = (${measureCamera})(number); return m && !m.box; }`, 0);
             await page.evaluate(() => document.querySelector('[data-extractor="KRMotion"] .pause').focus());
             await page.press("p", 80);
-            await page.waitFor("KRMotion to go on", isShown, "KRMotion", "running");
+            await page.waitFor("KRMotion to resume", isShown, "KRMotion", "running");
             require(programs.run("call", "KRMotion", "isPaused") === "0", "KRMotion is still paused");
         },
     ],
@@ -140,7 +140,7 @@ const sentences = [
         },
     ],
     [
-        "the picture is shown in the size and colour space that is chosen",
+        "the picture is shown in the chosen size and colour space",
         async (page) => {
             const choose = (label, value) => {
                 const select = document.querySelector(`[data-camera="0"] select[aria-label="${label} of the picture"]`);
@@ -156,7 +156,7 @@ const sentences = [
             await page.waitFor("a subscription to luma", isSubscribed, "160×120 luma");
             await page.evaluate(choose, "Size", "640x480");
             await page.evaluate(choose, "Colour space", "yuv422");
-            await page.waitFor("the usual picture", isWide, 640);
+            await page.waitFor("the original picture", isWide, 640);
         },
     ],
     [
@@ -171,7 +171,7 @@ const sentences = [
         },
     ],
     [
-        "a slider changes the brightness of the picture",
+        "a slider changes the picture's brightness",
         async (page) => {
             await page.click('[data-camera="0"] .control-part summary');
             const measure = `(number) => (${measureCamera})(number)?.mean`;
@@ -184,14 +184,14 @@ const sentences = [
         },
     ],
     [
-        "a module and a key called <script> show as that",
+        "a module and a key called <script> are shown as text",
         async (page) => {
             programs.run("memory", "set", kKey, JSON.stringify(kKey));
             await page.waitFor("the key", (name) => [...document.querySelectorAll(".keys .name")].some(({ textContent }) => textContent === name), kKey);
             await page.evaluate((name) => [...document.querySelectorAll(".keys .name")].find(({ textContent }) => textContent === name).scrollIntoView(), kKey);
             await page.waitFor("its value", (name) => [...document.querySelectorAll(".keys .value")].some(({ textContent }) => textContent === JSON.stringify(name)), kKey);
             require(await page.evaluate((name) => [...document.querySelectorAll(".extractor h3")].some(({ textContent }) => textContent === name), kScript), "no such extractor");
-            require((await page.evaluate(() => document.scripts.length)) === 1, "there is a script that the page does not have");
+            require((await page.evaluate(() => document.scripts.length)) === 1, "a script was added to the page");
         },
     ],
     [
@@ -202,7 +202,7 @@ const sentences = [
         },
     ],
     [
-        "the end of kr serve shows, and its return heals",
+        "the page shows the end of kr serve and recovers when it returns",
         async (page) => {
             await page.evaluate(() => document.querySelector('[data-camera="0"] canvas.picture').scrollIntoView());
             await programs.end(served, "SIGKILL");
@@ -218,7 +218,7 @@ const sentences = [
         },
     ],
     [
-        "kr web outlives the camera service, shows its end, and heals",
+        "kr web survives the camera service, shows its end and recovers",
         async (page) => {
             served = await serve();
             const web = await programs.start(address, "web", "--listen", address);

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Runs a program of this folder that looks at the page of a system of its own in a headless Chromium. Exits with 77,
-# skipped, where that cannot be done.
+# Runs a program of this folder that tests the page of its own system in a headless Chromium. Exits with 77 (skipped)
+# if that is impossible.
 #   page.sh PROGRAM.mjs KR MOTION-LIBRARY FOLDER [ARGUMENT...]
 set -euo pipefail
 

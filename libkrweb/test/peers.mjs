@@ -1,4 +1,4 @@
-// The web server against the client of the protocol that viewers use.
+// Tests the web server with the client library of viewers.
 //   node peers.mjs SERVER-PROGRAM
 
 import { strict as assert } from "node:assert";

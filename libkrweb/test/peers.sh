@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Runs test/peers.mjs with its packages, which npm installs into FOLDER. Exits with 77, skipped, where that cannot be done.
+# Runs test/peers.mjs with its packages, which npm installs into FOLDER. Exits with 77 (skipped) if that is
+# impossible.
 #   peers.sh SERVER-PROGRAM FOLDER
 set -euo pipefail
 

@@ -1,5 +1,5 @@
-// Makes the pictures of the documentation: what a newcomer sees who opens the page, subscribes to the motion module with
-// a click, and plots the share of the picture that moves; then a system of several cameras.
+// Makes the documentation's pictures: the page after a newcomer has subscribed to the motion module with a click and
+// plotted the moving share of the picture; then a system of several cameras.
 //   screenshot.mjs KR MOTION-LIBRARY BROKER FOLDER CAMERA-SOURCE...
 
 import { join } from "node:path";

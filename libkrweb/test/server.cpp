@@ -1,6 +1,6 @@
-// A web server with a camera that stands still, for the test against other implementations of the protocol.
+// A web server with a camera whose picture does not move, to test against other implementations of the protocol.
 //   krweb_server SNAPSHOT
-// Writes an image of the camera as R G B, prints the port, and ends with its standard input.
+// Writes an image of the camera as R G B, prints the port, and ends when standard input ends.
 
 #include <krcamera/krvideodevice.hpp>
 #include <krplatform/krbroker.hpp>

@@ -127,7 +127,7 @@ bool RawConnection::readToEnd() {
 struct WebClient::Private {
     explicit Private() : stream(context) {}
 
-    /// Reads one message, or to the end. \return false: time is over, or the connection
+    /// Reads one message, or to the end. \return false: out of time, or the connection has ended
     bool read() {
         if (hasEnded) {
             return false;
@@ -294,7 +294,7 @@ void WebClient::unsubscribe(std::uint32_t subscription) {
 WebClient::Data WebClient::readData(std::uint32_t subscription) {
     auto& waiting = p_->data[subscription];
     if (!p_->readUntil([&] { return !waiting.empty(); })) {
-        throw std::runtime_error("no message came");
+        throw std::runtime_error("no message arrived");
     }
     Data first = std::move(waiting.front());
     waiting.pop_front();
@@ -328,7 +328,7 @@ WebClient::Json WebClient::call(const std::string& name, const Json& request) {
 
 WebClient::Json WebClient::readAnswer(std::uint32_t id) {
     if (!p_->readUntil([&] { return p_->answers.contains(id); })) {
-        throw std::runtime_error("no answer came");
+        throw std::runtime_error("no answer arrived");
     }
     return p_->answers[id];
 }

@@ -21,7 +21,7 @@ struct HttpAnswer {
     std::string body;
 };
 
-/// GET on a connection of its own. \param port  of 127.0.0.1
+/// GET on a separate connection. \param port  of 127.0.0.1
 HttpAnswer get(int port, const std::string& target, const Headers& headers = {},
                const std::string& method = "GET");
 
@@ -38,7 +38,7 @@ public:
     std::string readUntil(std::string_view text);
     /// Reads and drops data. \return false: the end, or nothing in time
     bool skip();
-    /// \return whether the server has closed the connection before the patience ended
+    /// \return whether the server closed the connection in time
     bool readToEnd();
 
 private:
@@ -87,7 +87,7 @@ public:
     Json call(const std::string& service, const Json& request);
     /// The answer of a call that was sent as bytes.
     Json readAnswer(std::uint32_t call);
-    /// \return whether the server has ended the connection in time
+    /// \return whether the server ended the connection in time
     bool waitForEnd();
 
 private:

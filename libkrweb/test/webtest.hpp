@@ -36,7 +36,7 @@ inline bool becomesTrue(const std::function<bool()>& condition) {
     return true;
 }
 
-/// A broker with memory, and perhaps a camera service, and a web server on a free port.
+/// A broker with memory, optionally a camera service, and a web server on a free port.
 class WebTest : public testing::Test {
 protected:
     void startCameras(const std::vector<std::string>& sources = {"test:ball"}) {
