@@ -1,16 +1,16 @@
-# How every library, test and installed file of this project is declared.
+# Declares libraries, tests and installed files of this project.
 
-# Warnings and sanitizers of a target that is compiled here; nothing of it reaches an installed target.
+# Warnings and sanitizers of a target that is compiled here; installed targets do not inherit them.
 function(kr_compile_options target)
-    # Records and errors name files as they lie in the source tree, also where a compiler cache that is told a base
-    # folder hands the compiler paths relative to the build folder.
+    # Records and errors name files relative to the source tree, also where a compiler cache with a base folder passes
+    # the compiler paths relative to the build folder.
     cmake_path(RELATIVE_PATH PROJECT_SOURCE_DIR BASE_DIRECTORY ${PROJECT_BINARY_DIR} OUTPUT_VARIABLE relative_source_dir)
     target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wno-sign-conversion
                            -Wnon-virtual-dtor -Woverloaded-virtual -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=
                            -ffile-prefix-map=${relative_source_dir}/=)
     if(CMAKE_UNITY_BUILD AND CMAKE_CXX_COMPILER_ID STREQUAL GNU)
-        # A class with a member of an unnamed namespace is right in a source file, wrong in a header: g++ takes sources
-        # that are compiled together for headers.
+        # A class with a member of an unnamed namespace is fine in a source file, but not in a header: g++ treats
+        # sources that are compiled together as headers.
         target_compile_options(${target} PRIVATE -Wno-subobject-linkage)
     endif()
     if(CMAKE_CXX_COMPILER_ID STREQUAL GNU AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
@@ -44,13 +44,13 @@ function(kr_add_library name)
     set_target_properties(${name} PROPERTIES
         CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON
         VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
-        INSTALL_RPATH "$ORIGIN" # they find each other, wherever they are installed
+        INSTALL_RPATH "$ORIGIN" # libraries find each other, wherever they are installed
         CXX_EXTENSIONS OFF)
     kr_compile_options(${name})
 
     install(TARGETS ${name} EXPORT KRVisionTargets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
     install(DIRECTORY include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
-    # Found from where the file lies, so that an installation can be anywhere.
+    # Relative to the file's location, so that the installation can be anywhere.
     file(RELATIVE_PATH KR_PC_PREFIX /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
     set(KR_PC_NAME ${name})
     list(JOIN arg_PC_REQUIRES " " KR_PC_REQUIRES)
@@ -58,10 +58,10 @@ function(kr_add_library name)
     install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${name}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 endfunction()
 
-# For code that is mostly templates of others and computes little, such as test macros, JSON and HTTP: a test file took
-# 29 s to compile with everything. Leaves out the optimiser under sanitizers, and of UndefinedBehaviorSanitizer the checks
-# of every pointer. AddressSanitizer still reports access through null and outside of an object. The libraries, which
-# read foreign bytes, are compiled with all checks.
+# For code that is mostly templates and computes little, such as test macros, JSON and HTTP: a test file took 29 s to
+# compile with everything. Switches off the optimiser under sanitizers, and UndefinedBehaviorSanitizer's checks of every
+# pointer. AddressSanitizer still reports access through null and outside of an object. The libraries, which read
+# untrusted bytes, are compiled with all checks.
 function(kr_compile_quickly target)
     if(KR_SANITIZE)
         target_compile_options(${target} PRIVATE -O0)
@@ -76,7 +76,7 @@ function(kr_test_compile_options target)
     kr_compile_quickly(${target})
 endfunction()
 
-# What nearly every test includes, parsed once for all of them. kr_test_pch is made by the first test.
+# The headers that nearly every test includes, parsed once for all. kr_test_pch is made by the first test.
 function(kr_add_test_headers)
     file(WRITE ${PROJECT_BINARY_DIR}/kr_test_pch.cpp "// Only to have the headers compiled.\n")
     add_library(kr_test_pch OBJECT ${PROJECT_BINARY_DIR}/kr_test_pch.cpp)
@@ -92,8 +92,8 @@ function(kr_add_test_headers)
 endfunction()
 
 # kr_add_test(<name> [SINGLE_THREADED] [COST <seconds>] SOURCES ... LINK ...): one GoogleTest program; each of its tests is
-# one test of CTest. SINGLE_THREADED: neither the tests nor the programs that they run start a thread, so the program is left
-# out under ThreadSanitizer. Those of the highest cost, which is what the longest of them takes, begin first.
+# a CTest test. SINGLE_THREADED: neither its tests nor the programs that they run start a thread, so it is left out under
+# ThreadSanitizer. COST: duration of its longest test; those with the highest cost start first.
 function(kr_add_test name)
     cmake_parse_arguments(arg "SINGLE_THREADED" "COST" "SOURCES;LINK" ${ARGN})
     if(NOT KR_TESTS OR (arg_SINGLE_THREADED AND KR_SANITIZE MATCHES "thread"))
@@ -107,7 +107,7 @@ function(kr_add_test name)
     target_link_libraries(${name} PRIVATE ${arg_LINK} GTest::gmock GTest::gtest_main)
     kr_test_compile_options(${name})
     target_precompile_headers(${name} REUSE_FROM kr_test_pch)
-    # Sources of the library have options of their own, and are to compile without the headers of the tests.
+    # Sources of the library have their own options, and must compile without the headers of the tests.
     foreach(source IN LISTS arg_SOURCES)
         if(source MATCHES "^src/")
             set_source_files_properties(${source} PROPERTIES SKIP_PRECOMPILE_HEADERS ON)
@@ -130,7 +130,7 @@ function(kr_install_package)
     install(EXPORT KRVisionTargets NAMESPACE KRVision:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/KRVision)
 endfunction()
 
-# A program outside the tree that finds and uses the installed package, headers and all.
+# A program outside the tree that uses the installed package and all its headers.
 function(kr_add_install_test)
     if(KR_SANITIZE)
         return() # the consumer would have to be built with the same sanitizer
@@ -143,7 +143,7 @@ function(kr_add_install_test)
     set_tests_properties(InstalledPackageServesAnotherProject PROPERTIES COST 40)
 endfunction()
 
-# What each library exports is what the lists in abi/ say. Types are read from debug information, which takes seconds.
+# Each library must export what its list in abi/ says. Types are read from debug information, which takes seconds.
 function(kr_add_interface_tests)
     find_program(KR_ABIDW abidw)
     find_program(KR_PYTHON3 python3)
@@ -156,9 +156,9 @@ function(kr_add_interface_tests)
         cmake_path(GET list STEM library)
         string(REGEX REPLACE "^lib" "" target ${library})
         if(TARGET ${target})
-            add_test(NAME InterfaceIsTheListedOne.${library}
+            add_test(NAME InterfaceMatchesItsList.${library}
                 COMMAND ${KR_PYTHON3} ${PROJECT_SOURCE_DIR}/scripts/abi --build ${PROJECT_BINARY_DIR} ${library})
-            set_tests_properties(InterfaceIsTheListedOne.${library} PROPERTIES COST 10)
+            set_tests_properties(InterfaceMatchesItsList.${library} PROPERTIES COST 10)
         endif()
     endforeach()
 endfunction()

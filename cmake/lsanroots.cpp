@@ -1,7 +1,8 @@
-// In every process under AddressSanitizer. LeakSanitizer reads no thread-local storage here (see lsan.supp), and would take
-// for lost what GLib keeps for the main thread. It is suppressed, but to find that out the sanitizer reads the debug
-// information of every library, in each of thousands of short processes. glibc keeps the values of pthread_setspecific in
-// the thread's descriptor, which pthread_self() points to: what these refer to is in use.
+// Linked into every process under AddressSanitizer. LeakSanitizer does not read thread-local storage here (see
+// lsan.supp), so it reports what GLib keeps for the main thread as leaked. That is suppressed, but to match the
+// suppression the sanitizer reads the debug information of every library, in each of thousands of short processes.
+// glibc keeps the values of pthread_setspecific in the thread's descriptor, at pthread_self(): whatever they point to
+// is in use.
 
 #include <cstddef>
 #include <pthread.h>

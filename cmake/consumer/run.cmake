@@ -1,4 +1,4 @@
-# Installs the build into a folder of its own, builds the consumer against it and runs that.
+# Installs the build into a separate folder, builds the consumer against it and runs that.
 file(REMOVE_RECURSE ${WORK})
 function(run)
     execute_process(COMMAND ${ARGV} RESULT_VARIABLE result)
@@ -13,7 +13,7 @@ run(${CMAKE_COMMAND} -G Ninja -S ${CONSUMER} -B ${WORK}/build -DCMAKE_PREFIX_PAT
 run(${CMAKE_COMMAND} --build ${WORK}/build)
 run(${CMAKE_COMMAND} -E env LD_LIBRARY_PATH=${prefix}/${LIBDIR} ${WORK}/build/consumer)
 
-# The same by way of pkg-config.
+# The same through pkg-config.
 execute_process(COMMAND ${CMAKE_COMMAND} -E env PKG_CONFIG_PATH=${prefix}/${LIBDIR}/pkgconfig
                         pkg-config --cflags --libs krvision
                 OUTPUT_VARIABLE flags OUTPUT_STRIP_TRAILING_WHITESPACE RESULT_VARIABLE result)
