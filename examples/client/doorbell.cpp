@@ -31,7 +31,7 @@ void Doorbell::onEvent(const std::string& event, const KR::KRValue& value) {
     ++rings_;
     try {
         memory_.insertData(getName() + "/Rings", rings_);
-    } catch (const KR::KRError& error) { // the bell works without a memory module
+    } catch (const KR::KRError& error) { // the bell also works without a memory module
         KR::logWarning("doorbell", getName() + " cannot write its rings: " + error.what());
     }
 }

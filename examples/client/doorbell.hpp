@@ -11,22 +11,22 @@
 
 /// Rings when another module raises an event, but not twice within a pause.
 ///
-/// It needs no camera and runs nothing in between. The extractor that raises the event works because of this subscription,
-/// which the memory module keeps: also for an extractor that starts later, or again. The memory key "NAME/Rings" has the
+/// Needs no camera and no thread. The extractor that raises the event runs because of this subscription, which the
+/// memory module keeps, even for an extractor that starts later or restarts. The memory key "NAME/Rings" has the
 /// number of rings.
 class Doorbell : public KR::KRModule {
 public:
-    /// What rings, on a call thread; gets the event and its value.
+    /// Function that rings, on a call thread; gets the event and its value.
     using Ring = std::function<void(const std::string& event, const KR::KRValue& value)>;
 
-    /// \param event     to wait for, of whatever module
+    /// \param event     event to wait for, of any module
     /// \param pause_ms  least time between two rings, milliseconds
     /// \throws KRError  the name is taken; there is no memory module
     Doorbell(boost::shared_ptr<KR::KRBroker> broker, const std::string& name, const std::string& event,
              int pause_ms, Ring ring);
 
     void onEvent(const std::string& event, const KR::KRValue& value);
-    /// The memory module calls this if the events came faster than onEvent() took them.
+    /// The memory module calls this if events arrive faster than onEvent() handles them.
     void onEventsLost(const std::string& event, int count);
 
 private:

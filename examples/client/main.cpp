@@ -15,7 +15,7 @@
 
 namespace {
 
-/// Ctrl-C and SIGTERM, which do not end the program where it stands. Made before any thread starts.
+/// Catches Ctrl-C and SIGTERM, so that the program can shut down. Created before any thread starts.
 class EndSignals {
 public:
     EndSignals() {

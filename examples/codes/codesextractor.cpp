@@ -57,7 +57,7 @@ void CodesExtractor::xStartImageProcessing() {
 void CodesExtractor::xStopImageProcessing() {}
 
 void CodesExtractor::xProcessImage(KR::KRImage* image) {
-    if (image->colorSpace != KR::kLumaColorSpace) { // somebody has set the parameter "colorSpace"
+    if (image->colorSpace != KR::kLumaColorSpace) { // the parameter "colorSpace" has been changed
         KR::logError("codes",
                      getName() + " needs luma, not colour space " + std::to_string(image->colorSpace));
         return;
@@ -67,7 +67,7 @@ void CodesExtractor::xProcessImage(KR::KRImage* image) {
         readBarCodes(*image, codes);
         readTags(*image, codes);
         report(*image, codes);
-    } catch (const std::exception& error) { // the next image is another chance
+    } catch (const std::exception& error) { // try again with the next image
         KR::logWarning("codes", getName() + " cannot process an image: " + error.what());
     }
 }
@@ -82,12 +82,12 @@ void CodesExtractor::readBarCodes(KR::KRImage& image, std::vector<Code>& codes) 
             code.outline.push_back({static_cast<float>(symbol->get_location_x(static_cast<unsigned>(i))),
                                     static_cast<float>(symbol->get_location_y(static_cast<unsigned>(i)))});
         }
-        if (code.outline.size() > 4) { // the ends of all lines that cross a bar code
+        if (code.outline.size() > 4) { // for bar codes: the ends of all scan lines
             code.outline = getBox(code.outline);
         }
         codes.push_back(std::move(code));
     }
-    luma.set_data(nullptr, 0); // the pixels are the image's
+    luma.set_data(nullptr, 0); // the pixels belong to the image
 }
 
 void CodesExtractor::readTags(KR::KRImage& image, std::vector<Code>& codes) {

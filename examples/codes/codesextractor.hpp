@@ -14,20 +14,20 @@
 #include <string>
 #include <vector>
 
-/// A code in a picture, and where it is in pixels.
+/// A code in a picture, with its outline in pixels.
 struct Code {
-    std::string kind; ///< "AprilTag", or what ZBar calls it: "QR-Code", "EAN-13", ...
-    std::string text; ///< the number of a tag; the data of any other
+    std::string kind; ///< "AprilTag", or ZBar's name: "QR-Code", "EAN-13", ...
+    std::string text; ///< number of a tag; data of any other code
     std::vector<std::array<float, 2>> outline;
     float score = 1; ///< confidence, 0 to 1
 };
 
-/// Reads QR codes and bar codes, by ZBar, and AprilTags of the family 36h11.
+/// Reads QR codes and bar codes, with ZBar, and AprilTags of the family 36h11.
 ///
-/// Writes an array of [kind, text] under the memory key "NAME/Codes", and KRAnnotations with outlines and texts under
-/// "NAME/Annotations", with every image. Raises the event "NAME/CodeSeen" with [kind, text] for a code that was not in the
-/// image before. The precision in force is the share of the columns and rows in which tags are looked for: 1 for all, 0.5 for
-/// every second.
+/// With every image, writes an array of [kind, text] under the memory key "NAME/Codes", and KRAnnotations with
+/// outlines and texts under "NAME/Annotations". Raises the event "NAME/CodeSeen" with [kind, text] for a code that
+/// was not in the previous image. The current precision is the share of columns and rows that are searched for tags:
+/// 1 for all, 0.5 for every second.
 class CodesExtractor : public KR::KRVisionExtractor {
 public:
     /// \throws KRError  the name is taken
@@ -50,7 +50,7 @@ private:
     void report(const KR::KRImage& image, const std::vector<Code>& codes);
 
     KR::KRMemoryProxy memory_;
-    std::atomic<float> decimation_ = 1.0F; // distance of the columns and rows that are searched
+    std::atomic<float> decimation_ = 1.0F; // distance between searched columns and rows
 
     // Used by the acquisition thread only.
     zbar::ImageScanner scanner_;

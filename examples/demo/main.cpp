@@ -52,7 +52,7 @@ public:
             try {
                 start(static_cast<int>(i));
             } catch (const KR::KRError& error) {
-                std::fprintf(stderr, "demo: camera %zu (%s) does not work, going on without it: %s\n", i,
+                std::fprintf(stderr, "demo: camera %zu (%s) does not work, continuing without it: %s\n", i,
                              options_.cameras[i].c_str(), error.what());
                 failed_ = true;
             }
@@ -81,8 +81,8 @@ public:
         }
     }
 
-    /// Takes everything down. \return whether nothing was left running and no error or warning was logged
-    bool comeDown() {
+    /// Shuts everything down. \return whether nothing was left running and no error or warning was logged
+    bool shutDown() {
         bool clean = !failed_;
         for (const auto& [camera, extractor, direct, byEvent] : watches_) {
             const bool idle = !extractor->isProcessing() && extractor->getSubscribersInfo().getSize() == 0 &&
@@ -96,7 +96,7 @@ public:
         cameras_.reset();
         for (const std::string& module : broker_->getModuleList()) {
             if (module != "KRMemory") {
-                std::printf("module %s is still there\n", module.c_str());
+                std::printf("module %s still exists\n", module.c_str());
                 clean = false;
             }
         }
@@ -133,7 +133,7 @@ private:
     template <class... Arguments>
     void say(const char* format, Arguments... arguments) {
         std::printf("-- ");
-        std::printf(format, arguments...); // NOLINT: the formats are literals of this file
+        std::printf(format, arguments...); // NOLINT: the formats are literals in this file
         std::printf("\n");
         std::fflush(stdout);
     }
@@ -227,7 +227,7 @@ int main(int argc, char** argv) {
     try {
         Demo demo(options);
         demo.run();
-        const bool clean = demo.comeDown();
+        const bool clean = demo.shutDown();
         std::printf(clean ? "all clients have unsubscribed, and all modules shut down cleanly\n"
                           : "not everything shut down cleanly\n");
         return clean ? 0 : 1;

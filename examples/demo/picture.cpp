@@ -17,7 +17,7 @@
 
 namespace {
 
-/// A subscription to RGB images, in the colours of the standard.
+/// A subscription to RGB images, with standard colours.
 class Camera {
 public:
     Camera(const boost::shared_ptr<KR::KRBroker>& broker, int camera)
@@ -26,13 +26,13 @@ public:
     ~Camera() {
         try {
             service_.unsubscribe(id_);
-        } catch (const KR::KRError&) { // the service is gone, and the subscription with it
+        } catch (const KR::KRError&) { // the service has ended, and with it the subscription
         }
     }
     Camera(const Camera&) = delete;
     Camera& operator=(const Camera&) = delete;
 
-    /// The next image, which shares its pixels with nobody.
+    /// The next image, with its own copy of the pixels.
     std::unique_ptr<KR::KRImage> fetch() {
         const std::unique_ptr<KR::KRImage> image(KR::KRImage::fromKRValue(service_.getImageRemote(id_)));
         service_.releaseImage(id_);
@@ -44,7 +44,7 @@ private:
     const std::string id_;
 };
 
-// What the extractor wrote about the image of this time; nullopt if it left that out.
+// The annotations of the image with this time; nullopt if the extractor skipped it.
 std::optional<KR::KRAnnotations> findAnnotations(const KR::KRMemoryProxy& memory,
                                                  const std::string& extractor, std::int64_t timeStamp) {
     constexpr int kTries = 100;
@@ -91,7 +91,7 @@ void Picture::add(const boost::shared_ptr<KR::KRBroker>& broker, int camera, con
                   const std::string& extractor) {
     Camera images(broker, camera);
     const KR::KRMemoryProxy memory(broker);
-    constexpr int kTries = 50; // an extractor that runs at half the rate skips every other image
+    constexpr int kTries = 50; // an extractor at half the rate skips every other image
     for (int i = 0; i < kTries; ++i) {
         auto image = images.fetch();
         auto annotations = findAnnotations(memory, extractor, image->timeStamp);

@@ -8,14 +8,14 @@
 #include <string>
 #include <vector>
 
-/// One picture of every camera side by side, with what an extractor found in just these images.
+/// One picture of every camera side by side, with an extractor's findings in exactly these images.
 class Picture {
 public:
-    /// Fetches an image of the camera from the camera service, finds in the memory what the extractor wrote about this
-    /// image, draws both with a caption, and puts them to the right of the others.
+    /// Fetches an image of the camera, finds the extractor's annotations of this image in the memory, draws both with
+    /// a caption, and appends the result on the right.
     /// \param source  of the camera, for the caption
     /// \throws KRError  the camera service has no image
-    /// \throws std::runtime_error  the extractor wrote nothing about any of many images
+    /// \throws std::runtime_error  the extractor annotated no image of many
     void add(const boost::shared_ptr<KR::KRBroker>& broker, int camera, const std::string& source,
              const std::string& extractor);
     /// \throws std::runtime_error  the file cannot be written

@@ -14,7 +14,7 @@ public:
     using KRMotionExtractor::KRMotionExtractor;
 
     struct Account {
-        int frames = 0;      ///< since the last account
+        int frames = 0;      ///< since the last call
         double rate = 0;     ///< images per second
         double jitterMs = 0; ///< standard deviation of the intervals between images
     };

@@ -67,7 +67,7 @@ void KRMotionExtractor::xProcessImage(KR::KRImage* image) {
     for (int y = 0; y < image->height; y += step) {
         for (int x = 0; x < image->width; x += step) {
             luma_.push_back(
-                pixels[(y * image->width + x) * image->nbLayers]); // luma comes first in both spaces
+                pixels[(y * image->width + x) * image->nbLayers]); // luma comes first in both colour spaces
         }
     }
     const int width = (image->width + step - 1) / step;
@@ -86,7 +86,7 @@ void KRMotionExtractor::xProcessImage(KR::KRImage* image) {
             if (detected) {
                 memory_.raiseEvent(getMotionEvent(), toValue(motion));
             }
-        } catch (const KR::KRError& error) { // the next image is another chance
+        } catch (const KR::KRError& error) { // try again with the next image
             KR::logWarning("motion", getName() + " cannot report motion: " + error.what());
         }
     }

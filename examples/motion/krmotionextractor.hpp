@@ -21,17 +21,18 @@ struct Motion {
     float bottom = 0;
 };
 
-/// Detects where and how much the picture of a camera moves, from the luma of consecutive images.
+/// Detects where and how much a camera's picture moves, from the luma of consecutive images.
 ///
 /// Writes [amount, x, y, left, top, right, bottom] under the memory key "NAME/Motion" with every image but the
-/// first, and raises the event "NAME/MotionDetected" with the same value when at least a share of the pixels changed,
-/// which the parameter "threshold" sets. The key "NAME/Annotations" gets KRAnnotations with a box around what moves. The precision in force chooses
-/// the sampling: 1 takes every pixel, 0.25 every fourth in both directions; every eighth is the coarsest.
+/// first, and raises the event "NAME/MotionDetected" with the same value when the share of changed pixels reaches the
+/// parameter "threshold". The key "NAME/Annotations" gets KRAnnotations with a box around the motion. The current
+/// precision sets the sampling: 1 takes every pixel, 0.25 every fourth in both directions; every eighth is the
+/// coarsest.
 class KRMotionExtractor : public KR::KRVisionExtractor {
 public:
     /// Luma differences of up to this many of 256 levels are camera noise, larger ones are changes.
     static constexpr int kNoise = 20;
-    static constexpr float kThreshold = 0.001F; ///< at the start
+    static constexpr float kThreshold = 0.001F; ///< initial value
 
     /// \param camera  index of the camera at the camera service
     /// \throws KRError  the name is taken
@@ -40,7 +41,7 @@ public:
     std::string getMotionKey() const { return getName() + "/Motion"; }
     std::string getAnnotationsKey() const { return getName() + "/Annotations"; }
     std::string getMotionEvent() const { return getName() + "/MotionDetected"; }
-    /// The motion written last. Thread-safe.
+    /// The last motion written. Thread-safe.
     Motion getMotion() const;
 
     void xUpdateParameters(int period, float precision) override;
@@ -51,7 +52,7 @@ public:
 
 private:
     KR::KRMemoryProxy memory_;
-    std::atomic<int> step_ = 1;                 // distance of sampled pixels
+    std::atomic<int> step_ = 1;                 // distance between sampled pixels
     std::atomic<float> threshold_ = kThreshold; // share of the pixels
 
     // Used by the acquisition thread only.

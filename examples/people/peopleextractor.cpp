@@ -42,15 +42,14 @@ void PeopleExtractor::xProcessImage(KR::KRImage* image) {
             memory_.raiseEvent(getName() + "/CountChanged", static_cast<int>(count));
         }
         countBefore_ = count;
-    } catch (const std::exception&
-                 error) { // of OpenCV, or without a memory module; the next image is another chance
+    } catch (const std::exception& error) { // OpenCV, or no memory module; try the next image
         KR::logWarning("people", getName() + " cannot process an image: " + error.what());
     }
 }
 
 KR::KRAnnotations PeopleExtractor::findPeople(const KR::KRImage& image) const {
     std::vector<cv::Rect> found;
-    std::vector<double> weights; // distances from the border
+    std::vector<double> weights; // distances from the decision boundary
     detector_.detectMultiScale(KR::toMat(image), found, weights, threshold_, cv::Size(8, 8), cv::Size(),
                                scale_);
     KR::KRAnnotations people(image);

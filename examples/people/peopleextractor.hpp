@@ -9,16 +9,16 @@
 #include <atomic>
 #include <string>
 
-/// Finds people who stand or walk upright, with the detector of OpenCV: histograms of oriented gradients, and a support
-/// vector machine that was trained on pedestrians.
+/// Finds people who stand or walk upright, with OpenCV's detector: histograms of oriented gradients, and a support
+/// vector machine trained on pedestrians.
 ///
-/// Writes the number of people under the memory key "NAME/Count" and KRAnnotations with a box for each under
-/// "NAME/Annotations", with every image. Raises the event "NAME/CountChanged" with the number when that is another one than
-/// in the image before. The precision in force sets how close together the sizes are in which people are looked for: 1 for
-/// steps of 5 %, which finds most, 0 for 20 %, which is fastest. A person must be at least 96 pixels high.
+/// With every image, writes the number of people under the memory key "NAME/Count", and KRAnnotations with a box for
+/// each under "NAME/Annotations". Raises the event "NAME/CountChanged" with the number when it differs from that of
+/// the previous image. The current precision sets the ratio between the searched sizes: 1 for steps of 5 %, which
+/// finds most, 0 for 20 %, which is fastest. A person must be at least 96 pixels high.
 class PeopleExtractor : public KR::KRVisionExtractor {
 public:
-    static constexpr float kThreshold = 0.4F; ///< at the start
+    static constexpr float kThreshold = 0.4F; ///< initial value
 
     /// \throws KRError  the name is taken
     PeopleExtractor(boost::shared_ptr<KR::KRBroker> broker, const std::string& name);
@@ -34,8 +34,8 @@ private:
 
     KR::KRMemoryProxy memory_;
     cv::HOGDescriptor detector_;                // constant after construction
-    std::atomic<float> threshold_ = kThreshold; // distance from the border between people and everything else
-    std::atomic<double> scale_ = 1.05;          // of one size to the next
+    std::atomic<float> threshold_ = kThreshold; // distance from the decision boundary
+    std::atomic<double> scale_ = 1.05;          // ratio of one size to the next
 
     std::size_t countBefore_ = 0; // used by the acquisition thread only
 };

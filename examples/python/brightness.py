@@ -1,9 +1,9 @@
-"""A vision extractor in a few lines: writes the mean brightness of the picture into the memory.
+"""A vision extractor in a few lines: writes the mean brightness of the picture to the memory.
 
     kr serve --camera 0=test --run brightness.py --subscribe Brightness
     kr memory watch Brightness
 
-or as a program of its own, beside `kr serve`:
+or as a separate program, with `kr serve` running:
 
     python3 brightness.py
 """

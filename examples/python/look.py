@@ -1,6 +1,6 @@
 # %% [markdown]
-# Looks at a running system cell by cell: open it in an editor with notebooks, or run it as it stands. Needs
-# python3-matplotlib. Without a system, it serves a test picture to itself.
+# Inspects a running system cell by cell: open it in an editor with notebooks, or run it as a script. Needs
+# python3-matplotlib. Without a system, it serves itself a test picture.
 
 # %% What is there
 import sys

@@ -3,7 +3,7 @@
     kr serve --camera 0=file:/usr/share/doc/opencv-doc/examples/data/vtest.avi --run people.py --subscribe People
     kr memory watch People/
 
-The film of pedestrians is that of the package opencv-doc. Started as a program of its own, beside nothing, this plays a
+The film of pedestrians comes from the package opencv-doc. Run as a program without a system, this plays a
 film itself and shows what it finds:
 
     python3 people.py /usr/share/doc/opencv-doc/examples/data/vtest.avi
@@ -18,7 +18,7 @@ import krvision as kr
 
 
 class PeopleExtractor(kr.VisionExtractor):
-    """Looks for upright people; the precision is the share of the scales that it looks at."""
+    """Finds upright people; the precision is the share of scales that are searched."""
 
     def __init__(self, broker: kr.Broker, name: str) -> None:
         super().__init__(broker, name, resolution=kr.Resolution.VGA, color_space=kr.ColorSpace.BGR, fps=10)
@@ -27,7 +27,7 @@ class PeopleExtractor(kr.VisionExtractor):
         self.declare_event(f"{name}/Seen")
         self.declare_memory_key(f"{name}/Annotations")
         self.declare_parameter(
-            "threshold", "Confidence from which on it counts.", 0.3, self.set_threshold, minimum=0.0, maximum=2.0
+            "threshold", "Lowest confidence that counts.", 0.3, self.set_threshold, minimum=0.0, maximum=2.0
         )
         self.detector = cv2.HOGDescriptor()
         self.detector.setSVMDetector(cv2.HOGDescriptor_getDefaultPeopleDetector())

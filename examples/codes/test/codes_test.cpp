@@ -25,7 +25,7 @@ namespace {
 
 using KR::test::eventually;
 
-/// A white picture of 640x480 with codes on it, as a recording of one image.
+/// A white 640x480 picture with codes on it, as a recording of one image.
 class Picture {
 public:
     Picture() : image_(KR::kVGA, KR::kLumaColorSpace, false, 0.5F, 0.4F, -0.5F, -0.4F) {
@@ -80,7 +80,7 @@ public:
         }
     }
 
-    /// \return the source string of a camera that shows it
+    /// Saves it. \return the source string of a camera that shows it
     std::string save() const {
         KR::KROxvWriter writer(folder_.path("codes.oxv"), {{640, 480, KR::kLumaColorSpace, 8}});
         writer.write({&image_});
@@ -155,7 +155,7 @@ TEST_F(Codes, OutlinesATagWhereItIs) {
     EXPECT_EQ(seen.texts[0].text, "AprilTag 3");
 }
 
-TEST_F(Codes, RaisesAnEventForACodeThatWasNotThereBefore) {
+TEST_F(Codes, RaisesAnEventForANewCode) {
     Picture picture;
     picture.drawTag(5, 100, 100);
     show(picture.save());

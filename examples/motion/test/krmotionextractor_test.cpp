@@ -59,7 +59,7 @@ TEST(FindMotion, ReportsTheShareCentreAndBoxOfTheChange) {
     EXPECT_FLOAT_EQ(motion.bottom, 0.8F);
 }
 
-TEST(FindMotion, TakesSmallDifferencesForNoise) {
+TEST(FindMotion, TreatsSmallDifferencesAsNoise) {
     const std::vector<unsigned char> before(16, 100);
     const std::vector<unsigned char> now(16, 100 + KRMotionExtractor::kNoise);
     EXPECT_EQ(findMotion(before, now, 4).amount, 0);
@@ -88,7 +88,7 @@ TEST(KRMotionExtractor, SeesTheBallOfTheTestPictureMove) {
     EXPECT_FALSE(motion->isProcessing());
 }
 
-TEST(KRMotionExtractor, TakesLessMotionThanItsThresholdForNone) {
+TEST(KRMotionExtractor, IgnoresMotionBelowItsThreshold) {
     const auto broker = KR::KRBroker::create("local:");
     const auto camera =
         KR::createModule<KR::KRVideoDevice>(broker, "KRVideoDevice", std::vector<std::string>{"test"});
@@ -104,14 +104,14 @@ TEST(KRMotionExtractor, TakesLessMotionThanItsThresholdForNone) {
     EXPECT_GT(memory.getData("Motion/Motion")[0].to<float>(), 0.0F);
     EXPECT_TRUE(KR::KRAnnotations::fromKRValue(annotations()).boxes.empty());
     proxy->call("setParameterValue", "threshold", 0.0001F);
-    while (KR::KRAnnotations::fromKRValue(annotations()).boxes.empty()) { // until it sees the ball move
+    while (KR::KRAnnotations::fromKRValue(annotations()).boxes.empty()) { // until it detects the ball
         std::this_thread::yield();
     }
     EXPECT_THROW(proxy->call("setParameterValue", "threshold", 1.5F), KR::KRError);
     proxy->call("unsubscribe", "client");
 }
 
-TEST(KRMotionExtractor, SeesNothingMoveInAStillPicture) {
+TEST(KRMotionExtractor, DetectsNothingInAStillPicture) {
     const auto broker = KR::KRBroker::create("local:");
     const auto camera = KR::createModule<KR::KRVideoDevice>(broker, "KRVideoDevice",
                                                             std::vector<std::string>{"test:checkers-8"});

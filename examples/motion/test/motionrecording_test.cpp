@@ -1,4 +1,4 @@
-// What KRMotion finds in a recording is what it found before: kr evaluate with the results in square.jsonl.
+// KRMotion finds the same in a recording as before: kr evaluate against the results in square.jsonl.
 
 #include "program.hpp"
 #include "temporaryfolder.hpp"
@@ -18,7 +18,7 @@ namespace {
 using KR::test::kr;
 using KR::test::Outcome;
 
-/// Records a bright square of 40x40 pixels that moves over a grey ground, rests for five images and moves on.
+/// Records a bright square of 40x40 pixels moving over grey, which rests for five images and moves on.
 std::string recordSquare(const KR::test::TemporaryFolder& folder, int stepsBack = 0) {
     constexpr int kImages = 30;
     const std::string path = folder.path("square.oxv");
@@ -43,7 +43,7 @@ std::string recordSquare(const KR::test::TemporaryFolder& folder, int stepsBack 
     return path;
 }
 
-TEST(KRMotion, FindsInARecordingWhatItFoundBefore) {
+TEST(KRMotion, FindsTheSameInARecordingAsBefore) {
     const KR::test::TemporaryFolder folder;
     const Outcome outcome = kr({"evaluate", KR_MOTION_LIBRARY, recordSquare(folder), "--subscribe", "33,0.5",
                                 "--against", KR_MOTION_RESULTS, "--tolerance", "0.0001"});

@@ -36,7 +36,7 @@ private:
     KR::KRModuleHandle<PeopleExtractor> people_;
 };
 
-TEST_F(People, SeesPedestriansWhereTheyWalk) {
+TEST_F(People, FindsPedestriansWhereTheyWalk) {
     if (!std::filesystem::exists(KR_CLIP)) {
         GTEST_SKIP() << "scripts/clip fetches the clip of pedestrians " KR_CLIP;
     }
@@ -61,7 +61,7 @@ TEST_F(People, SeesPedestriansWhereTheyWalk) {
     broker_->getProxy("People")->call("unsubscribe", "test");
 }
 
-TEST_F(People, SeesNobodyInATestPicture) {
+TEST_F(People, FindsNobodyInATestPicture) {
     show("test:smpte");
     broker_->getProxy("People")->call("subscribe", "test", 100, 0.0F); // returns after the first image
     EXPECT_TRUE(getSeen().boxes.empty());
