@@ -1,4 +1,4 @@
-"""Builds the wheel of krvision with CMake. Needs nothing but Python, so that pip needs no network for it."""
+"""Builds the wheel of krvision with CMake. Needs only Python, so pip needs no network for it."""
 
 from __future__ import annotations
 

@@ -68,7 +68,7 @@ void start() {
     PyConfig_Clear(&config);
     if (PyStatus_Exception(status) != 0) {
         throw std::runtime_error(std::string("Python cannot be started: ") +
-                                 (status.err_msg != nullptr ? status.err_msg : "for unknown reasons"));
+                                 (status.err_msg != nullptr ? status.err_msg : "unknown reason"));
     }
     std::atexit(finish);
     try {
@@ -127,7 +127,7 @@ krLoadPythonClass(const std::string& path, const std::string& className, KR::KRP
     const KR::WithInterpreter interpreter;
     try {
         const py::tuple found = KR::importHost().attr("load")(path, className);
-        // Never released: the class may be needed until the interpreter has gone.
+        // Never released: the class may be needed until the interpreter ends.
         const py::handle moduleClass = py::object(found[0]).release();
         loaded.name = found[1].cast<std::string>();
         loaded.defaultName = found[2].cast<std::string>();

@@ -20,11 +20,11 @@ struct KRPythonClass {
 };
 
 /// Type and name of the function of krpythonhost.so, the library that provides the interpreter to a program not linked with
-/// it. It starts the interpreter, which ends when the program exits. Load the library with RTLD_GLOBAL: modules of
-/// Python that are written in C look for the interpreter among the symbols of the program.
+/// it. It starts the interpreter, which ends when the program exits. Load the library with RTLD_GLOBAL: Python
+/// extension modules resolve the interpreter's symbols in the program.
 ///
-/// Runs the file once, however often it is called, and finds the class: the one of this name, or without a name the only
-/// one. Thread-safe.
+/// Runs the file only once, however often it is called, and finds the class: that of the name, or without a name the
+/// only one. Thread-safe.
 /// \throws std::runtime_error the file cannot be run, with the line; there is no such class
 using KRLoadPythonClass = void(const std::string& path, const std::string& className, KRPythonClass& loaded);
 inline constexpr const char* kLoadPythonClass = "krLoadPythonClass";

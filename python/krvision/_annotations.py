@@ -50,7 +50,7 @@ class Text:
 class Annotations:
     """What a module saw in one image.
 
-    Coordinates are relative to the image: 0, 0 is its upper left corner, 1, 1 its lower right one; they may lie outside. By
+    Coordinates are relative to the image: 0, 0 is its upper left corner, 1, 1 its lower right one; they may be outside. By
     convention a module writes ``annotations.value`` to "NAME/Annotations" with every image, even if it saw nothing.
     """
 
@@ -72,8 +72,8 @@ class Annotations:
         """The value that travels between modules.
 
         Raises:
-            Error: a coordinate or score that is not a number; a box whose right edge is left of its left one, or its lower
-                edge above its upper one; a polyline of fewer than two points.
+            Error: a coordinate or score that is not a number; a box whose right edge is left of its left edge, or its bottom
+                edge above its top edge; a polyline of fewer than two points.
         """
         seconds, microseconds = divmod(self.time_stamp, 1_000_000) if self.time_stamp >= 0 else (0, self.time_stamp)
         value = [

@@ -145,7 +145,7 @@ class Broker(_lifetime.Closable):
             domain, ``"dds:?domain=3&memory=here"`` for instance.
 
     Raises:
-        Error: an invalid address; a domain that cannot be joined as asked for.
+        Error: an invalid address; a domain that cannot be joined as requested.
     """
 
     def __init__(self, url: str = "local:") -> None:
@@ -160,7 +160,7 @@ class Broker(_lifetime.Closable):
     def _open(self, broker: _krvision.Broker, url: str) -> None:
         self._broker = broker
         self._url = url
-        self._clients: dict[_lifetime.Closable, None] = {}  # in the order of their making
+        self._clients: dict[_lifetime.Closable, None] = {}  # in order of creation
         self._proxies: dict[str, Proxy] = {}
         _lifetime.add(self)
 

@@ -61,7 +61,7 @@ class Durations(NamedTuple):
 
 
 class CameraStatistics(NamedTuple):
-    """What a subscription has received since it began."""
+    """What a subscription has received since it started."""
 
     id: str
     camera: int

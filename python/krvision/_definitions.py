@@ -5,7 +5,7 @@ from __future__ import annotations
 import enum
 from typing import Any, Sequence, Union
 
-#: The values passed between modules: None, a number of 32 bits, a text, bytes, or a list of these. A bool travels as an int.
+#: The values passed between modules: None, a number of 32 bits, a text, bytes, or a list of these. A bool is passed as an int.
 Value = Union[None, bool, int, float, str, bytes, bytearray, memoryview, Sequence[Any]]
 
 
@@ -50,7 +50,7 @@ class ColorSpace(enum.IntEnum):
     YUV422 = 9
     #: 3 bytes: R G B. (height, width, 3)
     RGB = 11
-    #: 3 bytes: B G R, as OpenCV has them. (height, width, 3)
+    #: 3 bytes: B G R, as in OpenCV. (height, width, 3)
     BGR = 13
     #: 4 bytes: B G R and an unused one. (height, width, 4)
     BGRX = 18

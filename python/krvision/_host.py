@@ -14,7 +14,7 @@ from ._errors import Error
 from ._modules import Extractor, Module, VisionExtractor
 
 _SUFFIX = "Extractor"
-_files: dict[str, ModuleType] = {}  # that have been run
+_files: dict[str, ModuleType] = {}  # already run
 
 
 class Refusal(Exception):
@@ -50,14 +50,14 @@ def load(path: str, class_name: str) -> Tuple[Type[Module], str, str]:
         raise Refusal(
             f"{path} has several classes of modules: {names}; name one, as in {path}:{offered[0].__name__}"
             if offered
-            else f"{path} has no class of modules: one that is derived from krvision.Module"
+            else f"{path} has no class derived from krvision.Module"
         )
     name = cls.__name__
     return cls, name, name[: -len(_SUFFIX)] if name.endswith(_SUFFIX) and name != _SUFFIX else name
 
 
 def create(cls: Type[Module], path: str, broker: object, name: str) -> object:
-    """Makes a module of a class in the broker of the program.
+    """Creates a module of a class in the broker of the program.
 
     Returns:
         A capsule with the C++ module, which the program owns.
@@ -83,10 +83,10 @@ def _run(file: str, path: str) -> ModuleType:
         name = f"krvision_host_{name}"
     spec = importlib.util.spec_from_file_location(name, file)
     if spec is None or spec.loader is None:
-        raise Refusal(f"{path} is not a file of Python")
+        raise Refusal(f"{path} is not a Python file")
     folder = os.path.dirname(file)
     if folder not in sys.path:
-        sys.path.insert(0, folder)  # as for a program
+        sys.path.insert(0, folder)  # as when run as a program
     sys.argv = [path]
     module = importlib.util.module_from_spec(spec)
     sys.modules[name] = module

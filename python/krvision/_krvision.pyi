@@ -74,9 +74,9 @@ class Roi:
     height: int
 
 class Image:
-    """One camera image: its geometry, where and when it was taken, and its pixels.
+    """One camera image: its geometry, origin, capture time and pixels.
 
-    Image(array) has the pixels of an array, which both use from then on.
+    Image(array) shares the pixels of the array.
     """
 
     def __init__(self, pixels: npt.NDArray[np.uint8], color_space: Optional[int] = None) -> None: ...

@@ -34,7 +34,7 @@ class Closable:
         self.close()
 
 
-_open: dict[Any, None] = {}  # brokers, in the order of their making
+_open: dict[Any, None] = {}  # brokers, in order of creation
 
 
 def add(broker: Any) -> None:
@@ -73,7 +73,7 @@ def wait(timeout: Optional[float] = None) -> bool:
         Whether the program was interrupted; False at the end of the timeout.
 
     Raises:
-        RuntimeError: not called on the main thread, which alone receives signals.
+        RuntimeError: not called on the main thread, the only one that receives signals.
     """
     if threading.current_thread() is not threading.main_thread():
         raise RuntimeError("krvision.wait() waits for signals, which only the main thread gets")

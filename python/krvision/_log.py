@@ -23,7 +23,7 @@ def set_log_levels(levels: str) -> None:
     """Selects what is printed on standard error, like the variable KR_LOG: for example "warning,krdds=verbose".
 
     Raises:
-        ValueError: a malformed choice; nothing has changed then.
+        ValueError: a malformed selection; nothing has changed.
     """
     _krvision.set_log_levels(levels)
 
@@ -37,6 +37,6 @@ def flush_log(timeout: float = 30.0) -> bool:
     """Waits until all records logged so far are written.
 
     Returns:
-        False: the timeout, in seconds, was over first.
+        False: the timeout, in seconds, expired first.
     """
     return _krvision.flush_log(timeout)

@@ -132,7 +132,7 @@ class Module(Closable):
         module hosted by kr is asked to exit. May be called again. Operations of a closed module raise Error.
         """
         body = self.__dict__.get("_body")
-        if body is not None:  # otherwise its constructor has failed
+        if body is not None:  # null if its constructor failed
             body.close()
             self._broker._clients.pop(self, None)
 
@@ -146,7 +146,7 @@ class Extractor(Module):
     """A module that computes something while it has subscribers.
 
     The first subscriber starts the detection with the hook ``start_detection``, the last one to leave stops it. The
-    smallest period and the largest precision of all are in force. The constructor waits for a memory module.
+    smallest period and the largest precision of all apply. The constructor waits for a memory module.
 
     An exception of a hook reaches the client whose call runs the hook as an Error, as with C++; the traceback is logged.
     Hooks run on the threads of subscribing clients, and must not subscribe to or unsubscribe from their own extractor.
@@ -178,10 +178,10 @@ class Extractor(Module):
         return _krvision.make_extractor(self, self._broker._broker, name, *settings)
 
     def start_detection(self, period: int, precision: float) -> None:
-        """Hook: the first subscriber has come. Period in milliseconds."""
+        """Hook: the first subscriber has subscribed. Period in milliseconds."""
 
     def update_parameters(self, period: int, precision: float) -> None:
-        """Hook: other values are in force. May overlap itself and other hooks."""
+        """Hook: period or precision has changed. May overlap itself and other hooks."""
 
     def stop_detection(self) -> None:
         """Hook: the last subscriber has left, or the module is being closed."""
@@ -209,7 +209,7 @@ class Extractor(Module):
 
         Args:
             client: name of the client.
-            period: milliseconds; None: the values in force, or the defaults.
+            period: milliseconds; None: the current values, or the defaults.
             precision: what it means is up to the module; by convention from 0 to 1.
 
         Raises:
@@ -240,19 +240,19 @@ class Extractor(Module):
 
     @property
     def period(self) -> int:
-        """Period in force, milliseconds; -1 without subscribers."""
+        """Current period, milliseconds; -1 without subscribers."""
         return self._body.period()
 
     @property
     def precision(self) -> float:
-        """Precision in force; -1 without subscribers."""
+        """Current precision; -1 without subscribers."""
         return self._body.precision()
 
 
 class VisionExtractor(Extractor):
     """A module that processes camera images while it has subscribers.
 
-    An acquisition thread fetches one image per period in force and calls ``process_image`` with it. Its exceptions are
+    An acquisition thread fetches one image per period and calls ``process_image`` with it. Its exceptions are
     logged with a traceback, and the next image follows; the other hooks are those of an Extractor.
 
     The settings may be changed from everywhere but ``update_parameters``; ``process_image`` must not unsubscribe the last
@@ -287,7 +287,7 @@ class VisionExtractor(Extractor):
         """Hook: a detection starts, before the first image."""
 
     def process_image(self, image: _krvision.Image) -> None:
-        """Hook: an image has come. On the acquisition thread; the image is yours."""
+        """Hook: an image has arrived. On the acquisition thread; the image is yours."""
         raise NotImplementedError(f"{type(self).__name__} needs process_image(self, image)")
 
     def stop_image_processing(self) -> None:

@@ -36,7 +36,7 @@ def published(function: Optional[F] = None, *, name: Optional[str] = None) -> Un
     """Publishes a method of a Module: modules of all processes and languages can call it.
 
     Names and types come from the signature, which needs annotations: bool, int, float, str, bytes, list (also
-    ``list[int]``, whose elements are not checked), or Value for any. Without an annotation the result is none.
+    ``list[int]``, whose elements are not checked), or Value for any. Without an annotation there is no result.
     Descriptions come from the docstring: its first paragraph, and lines ``name: text`` under ``Args:`` and ``Returns:``,
     or ``:param name: text`` and ``:return: text``.
 
@@ -48,7 +48,7 @@ def published(function: Optional[F] = None, *, name: Optional[str] = None) -> Un
             which a call chooses by the number and types of its arguments.
 
     Raises:
-        TypeError: (when a module is made) a parameter without an annotation, with one that is no type of values, or with
+        TypeError: (when a module is created) a parameter without an annotation, with one that is not a type of values, or with
             a default; ``*args``, ``**kwargs``.
     """
 
@@ -105,7 +105,7 @@ def to_type(annotation: Any, place: str) -> str:
         return _TYPES[annotation]
     except (KeyError, TypeError):
         raise TypeError(
-            f"{place} is of {annotation!r}, which does not travel; types are bool, int, float, str, bytes, list and Value"
+            f"{place} is of {annotation!r}, which is not a type of values; types are bool, int, float, str, bytes, list and Value"
         ) from None
 
 

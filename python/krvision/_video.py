@@ -23,13 +23,13 @@ class Video:
     """Reads a recording (an oxv file), even if truncated or not closed.
 
     A sequence of the images of the first stream: ``len(video)``, ``video[0]``, ``for image in video``. Each is read when it
-    is asked for. The first 25 bytes of the pixels are not in the file: they are copied from the row below. Thread-safe.
+    is accessed. The first 25 bytes of the pixels are not in the file: they are copied from the row below. Thread-safe.
 
     Args:
         path: of the file.
 
     Raises:
-        Error: it cannot be read, or is no recording.
+        Error: it cannot be read, or is not a recording.
     """
 
     def __init__(self, path: Path) -> None:

@@ -1,4 +1,4 @@
-"""python -m krvision.demo: a whole system in this process for some seconds.
+"""python -m krvision.demo: a whole system in this process for a few seconds.
 
 A broker with its memory, a camera service with a moving ball, a vision extractor in Python that follows the ball, and a
 client that subscribes to its event, changes its settings and closes everything.
@@ -17,7 +17,7 @@ import krvision as kr
 
 
 class Ball(kr.VisionExtractor):
-    """Finds the centre of what is bright."""
+    """Finds the centre of the bright pixels."""
 
     def __init__(self, broker: kr.Broker, name: str) -> None:
         super().__init__(broker, name, resolution=kr.Resolution.QVGA, color_space=kr.ColorSpace.LUMA, fps=15)
@@ -60,8 +60,8 @@ def main() -> None:
     try:
         run()
         sys.stdout.flush()
-    except BrokenPipeError:  # the reader of the output has gone
-        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())  # or else the flush at exit fails
+    except BrokenPipeError:  # the reader of the output has closed it
+        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())  # otherwise the flush at exit fails
         sys.exit(1)
 
 
@@ -76,7 +76,7 @@ def run() -> None:
         try:
             print(f"the ball is at {x:.2f}, {y:.2f}", flush=True)
         except BrokenPipeError:
-            pass  # the next line of the main thread ends the program
+            pass  # the main thread's next print ends the program
 
     with kr.Broker() as broker, kr.CameraService(broker, [options.camera]):
         broker.create(Ball, "Ball")

@@ -24,7 +24,7 @@ std::shared_ptr<PythonBroker> makeBroker(const std::string& url) {
     return std::make_shared<PythonBroker>(unlocked([&] { return KRBroker::create(url); }));
 }
 
-// A capsule with a boost::shared_ptr<KRBroker>*, of a program that has made the broker itself.
+// Wraps a capsule with a boost::shared_ptr<KRBroker>* of a program that created the broker itself.
 std::shared_ptr<PythonBroker> adoptBroker(const py::capsule& capsule) {
     return std::make_shared<PythonBroker>(
         *static_cast<boost::shared_ptr<KRBroker>*>(PyCapsule_GetPointer(capsule.ptr(), kBrokerCapsule)));

@@ -20,7 +20,7 @@ public:
     virtual ~BrokerClient() = default;
     BrokerClient(const BrokerClient&) = delete;
     BrokerClient& operator=(const BrokerClient&) = delete;
-    /// Releases the reference to the broker. \return it, to be destroyed with the interpreter's lock released
+    /// Releases the reference to the broker. \return the reference, to be destroyed with the interpreter's lock released
     virtual std::shared_ptr<void> drop() noexcept = 0;
 };
 

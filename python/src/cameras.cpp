@@ -30,7 +30,7 @@ PythonImage fetch(const Cameras& self, const std::string& id) {
         const std::unique_ptr<KRImage> image(KRImage::fromKRValue(value));
         cameras.releaseImage(id);
         if (!image) {
-            throw KRError("KRVideoDevice", "getImageRemote", "did not answer with an image");
+            throw KRError("KRVideoDevice", "getImageRemote", "the answer is not an image");
         }
         return *image;
     })};
@@ -45,7 +45,7 @@ py::list listInfos(const std::vector<Info>& infos) {
     return list;
 }
 
-/// The camera service as a part of this process.
+/// The camera service in this process.
 class Service : public BrokerClient {
 public:
     Service(std::shared_ptr<PythonBroker> broker, [[maybe_unused]] const std::string& name,

@@ -13,7 +13,7 @@ namespace {
 
 constexpr const char* kCategory = "krvision.python";
 
-// Never released: threads use it until the process is gone.
+// Never released: threads use it until the process ends.
 py::handle& errorType() {
     static py::handle type;
     return type;
@@ -44,7 +44,7 @@ void registerErrors() {
             std::rethrow_exception(thrown);
         } catch (const KRError& error) {
             if (PyErr_CheckSignals() != 0) {
-                return; // Ctrl-C in a hook, which failed for it
+                return; // Ctrl-C in a hook, which failed because of it
             }
             const CodeRun running; // Error is a class of Python
             try {
@@ -80,7 +80,7 @@ KRError takeError(py::error_already_set& error, const std::string& module, const
         try {
             return {toText(error.value().attr("module")), toText(error.value().attr("method")),
                     toText(error.value().attr("description"))};
-        } catch (py::error_already_set&) { // somebody has put something else there
+        } catch (py::error_already_set&) { // it has been replaced by something else
         }
     }
     const std::string description = describeException(error);

@@ -63,7 +63,7 @@ public:
                     logException(error, getName(), kHook);
                 }
             }
-        } catch (const KRError&) { // the interpreter is exiting, or the object is gone
+        } catch (const KRError&) { // the interpreter is exiting, or the object has been destroyed
         }
     }
     void xStopImageProcessing() override { callHook("stop_image_processing"); }

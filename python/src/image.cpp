@@ -54,8 +54,7 @@ int guessColorSpace(const py::array& pixels) {
 void checkLayout(const py::array& pixels) {
     const std::string shapes = "; pixels are uint8 (height, width) or (height, width, bytes per pixel)";
     if (!py::isinstance<py::array_t<std::uint8_t>>(pixels) || (pixels.ndim() != 2 && pixels.ndim() != 3)) {
-        refuse(PyExc_TypeError,
-               "an array of " + describeShape(pixels) + " has no pixels of an image" + shapes);
+        refuse(PyExc_TypeError, "an array of " + describeShape(pixels) + " is not an image" + shapes);
     }
     constexpr py::ssize_t kLongest = 65536;
     for (int i = 0; i < 2; ++i) {
@@ -193,17 +192,17 @@ py::object getPixels(PythonImage& self) {
 void bindImage(py::module_& m) {
     using Roi = KRImage::ROI;
     py::class_<PythonImage>(m, "Image",
-                            R"(One camera image: its geometry, where and when it was taken, and its pixels.
+                            R"(One camera image: its geometry, origin, capture time and pixels.
 
-Image(array) has the pixels of a NumPy array, which both use from then on: uint8, (height, width) or (height, width,
-bytes per pixel), rows without gaps. Without color_space it is the usual one of as many bytes: luma, YUV422, BGR, BGRx.
+Image(array) shares the pixels of a NumPy array: uint8, (height, width) or (height, width,
+bytes per pixel), rows without gaps. Without color_space, that of as many bytes: luma, YUV422, BGR, BGRx.
 One thread uses an image at a time.
 
 Raises:
     TypeError, ValueError: the layout of the array is not that of an image.)")
         .def(py::init(&makeImage), py::arg("pixels"), py::arg("color_space") = py::none())
         .def_static("blank", &makeBlank, py::arg("width"), py::arg("height"), py::arg("color_space"),
-                    "A black image of a size in pixels. Raises ValueError: there is no such image.")
+                    "A black image of a size in pixels. Raises ValueError: an impossible size.")
         .def_static("read", &readImage, py::arg("path"),
                     "Reads an oxi file. Raises Error: it cannot be read, or is damaged.")
         .def(
@@ -232,7 +231,7 @@ of YUV422. Raises Error: another colour space.)")
                 requirePixels(self.image, "copy");
                 return PythonImage{unlocked([&] { return self.image.deepCopy(); })};
             },
-            "A copy with pixels of its own.")
+            "A copy with its own pixels.")
         .def("draw", &draw, py::arg("annotations"), "Draws the value of Annotations; see Annotations.draw().")
         .def("region", &getRegion, py::arg("x"), py::arg("y"), py::arg("width"), py::arg("height"),
              "A view of a rectangle of the pixels, with the strides of the image. Raises ValueError: it is "

@@ -26,7 +26,7 @@ PythonImage makeImage(const py::array& pixels, py::object colorSpace);
 py::object getPixels(PythonImage& image);
 /// \throws KRError the image has no pixels
 void requirePixels(const KRImage& image, const char* method);
-/// A copy in another colour space: luma, YUV422, RGB, BGR or BGRx. \throws KRError another one
+/// A copy in another colour space: luma, YUV422, RGB, BGR or BGRx. \throws KRError another colour space
 KRImage convert(const KRImage& image, int colorSpace);
 void writeImage(const KRImage& image, const std::string& path);
 

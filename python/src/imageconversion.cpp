@@ -16,13 +16,13 @@ namespace {
 
 using Bytes = std::vector<unsigned char>;
 
-// The conversions of the library need an even number of pixels: adds one to an odd number.
+// The library's conversions need an even number of pixels: rounds up to an even number.
 std::size_t countPaired(const KRImage& image) {
     const std::size_t pixels = static_cast<std::size_t>(image.width) * image.height;
     return pixels + pixels % 2;
 }
 
-// The pixels with those of YUV422 at an odd end completed: the last one has no V, and its U stands for both.
+// The YUV422 pixels; with an odd number, the last one lacks V, so its U stands for both.
 Bytes takeYuv422(const KRImage& image) {
     const std::size_t pixels = static_cast<std::size_t>(image.width) * image.height;
     Bytes yuv422(image.data.get(), image.data.get() + 2 * pixels);
@@ -68,7 +68,7 @@ bool isSupported(int colorSpace) {
     return colorSpace == kLumaColorSpace || colorSpace == kYUV422ColorSpace || isBgrLike(colorSpace);
 }
 
-// B G R of every pixel, the last one twice if their number is odd. The image is BGR, RGB or BGRx.
+// B G R of every pixel of a BGR, RGB or BGRx image; if their number is odd, the last one twice.
 Bytes takeBgr(const KRImage& image) {
     const std::size_t pixels = static_cast<std::size_t>(image.width) * image.height;
     const std::size_t step = image.colorSpace == kBgrxColorSpace ? 4 : 3;

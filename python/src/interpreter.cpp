@@ -60,7 +60,7 @@ bool Interpreter::isClosingThread() noexcept {
 void Interpreter::close() {
     closingThread = std::this_thread::get_id();
     std::uint64_t now = threadsInside.fetch_or(kClosed) | kClosed;
-    const LockReleased released; // threads inside may be waiting for it
+    const LockReleased released; // threads in Python may be waiting for it
     while (now != kClosed) {
         threadsInside.wait(now);
         now = threadsInside.load();
@@ -78,7 +78,7 @@ void Interpreter::endAfter(double seconds, std::string names) {
             return watch.down;
         });
         if (!down) {
-            std::fprintf(stderr, "krvision: did not come down in time: %s\n", names.c_str());
+            std::fprintf(stderr, "krvision: did not shut down in time: %s\n", names.c_str());
             ::_exit(1); // exit() would destroy what their threads still use
         }
     }).detach();
@@ -141,10 +141,10 @@ CodeRun::~CodeRun() {
 
 void bindInterpreter(py::module_& m) {
     m.def("close_interpreter", &Interpreter::close,
-          "Refuse hooks from now on and wait for those that run. For the interpreter's exit.");
+          "Refuse hooks from now on and wait for running ones. For the interpreter's exit.");
     m.def("end_after", &Interpreter::endAfter, py::arg("seconds"), py::arg("names"),
           "End the process with exit code 1 after `seconds`, unless end_not() is called before.");
-    m.def("end_not", &Interpreter::endNot, "Call off end_after().");
+    m.def("end_not", &Interpreter::endNot, "Cancel end_after().");
 }
 
 } // namespace KR::python

@@ -28,7 +28,7 @@ public:
     /// Ends the process with exit code 1 after `seconds`, and prints what did not shut down. For the interpreter's exit,
     /// which waits for modules and cannot be interrupted. \param names  for the message
     static void endAfter(double seconds, std::string names);
-    /// Cancels that: everything is down.
+    /// Cancels that: everything has shut down.
     static void endNot();
 };
 
@@ -49,7 +49,7 @@ class LockTaken {
 public:
     /// \throws KRError the interpreter is exiting
     LockTaken(const std::string& module, const std::string& method);
-    /// For those who cannot throw: see isHeld().
+    /// For callers that must not throw: see isHeld().
     LockTaken() noexcept;
     ~LockTaken();
     LockTaken(const LockTaken&) = delete;
@@ -78,8 +78,8 @@ private:
     const bool counted_;
 };
 
-/// Runs a function with the interpreter's lock released. What the function has captured is destroyed before the lock is
-/// taken again: the last handle of a broker may be in it.
+/// Runs a function with the interpreter's lock released. The function's captures are destroyed before the lock is
+/// taken again: they may include the last handle of a broker.
 template <class Function>
 auto unlocked(Function&& function) {
     const LockReleased released;

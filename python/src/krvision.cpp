@@ -66,11 +66,11 @@ void bind(py::module_& m) {
 } // namespace
 } // namespace KR::python
 
-// PYBIND11_MODULE offers no hook before its first function, which hangs in a subinterpreter.
+// PYBIND11_MODULE offers no hook before its first function, and that hangs in a subinterpreter.
 extern "C" PYBIND11_EXPORT PyObject* PyInit__krvision() {
     if (PyInterpreterState_Get() != PyInterpreterState_Main()) {
         PyErr_SetString(PyExc_ImportError,
-                        "krvision cannot be used in a subinterpreter: its threads come into the main one");
+                        "krvision cannot be used in a subinterpreter: its threads enter the main one");
         return nullptr;
     }
     pybind11::detail::get_internals();

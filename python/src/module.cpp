@@ -25,7 +25,7 @@ KRArgumentType toArgumentType(const std::string& name) {
             return type;
         }
     }
-    throw py::value_error("there is no type of values named " + name);
+    throw py::value_error("there is no value type " + name);
 }
 
 KRArgumentType getTypeOf(const KRValue& value) {
@@ -121,7 +121,7 @@ std::unique_ptr<ModuleBody> makeModuleBody(py::handle self, const PythonBroker& 
 Hosted::~Hosted() {
     if (kept_) {
         const LockTaken lock;
-        if (lock.isHeld()) { // otherwise the interpreter, and the object with it, is going
+        if (lock.isHeld()) { // otherwise the interpreter is exiting, and the object with it
             Py_DECREF(self_);
         }
     }
@@ -158,7 +158,7 @@ void Hosted::detach() noexcept {
         return;
     }
     std::exchange(body_, nullptr)->dropReleased();
-    try { // what else the object has made in the program's broker, which must not outlive main()
+    try { // closes what else the object created in the program's broker: it must not outlive main()
         py::handle(self_).attr("_broker").attr("close")();
     } catch (py::error_already_set& error) {
         logException(error, getModule().getName(), "close");
@@ -204,7 +204,7 @@ void Hosted::setParameter(const std::string& name, const KRValue& value) {
     try {
         running.getSelf().attr("_set_parameter")(name, toPython(value));
     } catch (py::error_already_set& error) {
-        if (error.matches(PyExc_ValueError)) { // the way to refuse a value
+        if (error.matches(PyExc_ValueError)) { // this is how a setter refuses a value
             throw KRError(getModule().getName(), "setParameterValue", toText(py::str(error.value())));
         }
         throwTaken(error, "setParameterValue");
@@ -295,7 +295,7 @@ std::unique_ptr<KRModule> ModuleBody::release() {
     KRModule* const module = module_.get();
     auto end = std::make_shared<End>();
     auto shared = share(module, end, false);
-    // The one that owned it is never destroyed: it must not destroy the module.
+    // The shared pointer that owned the module is never destroyed: it must not destroy the module.
     new std::shared_ptr<KRModule>(std::exchange(module_, std::move(shared))); // NOLINT
     end_ = std::move(end);
     return std::unique_ptr<KRModule>(module);

@@ -58,7 +58,7 @@ protected:
     /// While this exists, a hook of the module runs on this thread with the interpreter's lock held.
     class Hook {
     public:
-        /// \throws KRError the interpreter is exiting, or the object is gone
+        /// \throws KRError the interpreter is exiting, or the object has been destroyed
         Hook(Hosted& hosted, const char* method);
         ~Hook();
         Hook(const Hook&) = delete;
@@ -94,7 +94,7 @@ private:
     ModuleBody* body_ = nullptr; // once released
 };
 
-/// A C++ module, and the Python object whose module it is.
+/// A C++ module and its Python object.
 template <class Base>
 class HostedOn : public Base, public Hosted {
 public:

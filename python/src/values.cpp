@@ -13,7 +13,7 @@ std::string getTypeNameOf(py::handle object) {
     return Py_TYPE(object.ptr())->tp_name;
 }
 
-// For messages: 4294967296, not a number of a thousand digits.
+// For messages: 4294967296, but not a number of a thousand digits.
 std::string describeNumber(py::handle number) {
     constexpr std::size_t kLongest = 40;
     std::string text;
@@ -81,7 +81,7 @@ KRValue fromSequence(PyObject* object) {
 }
 
 bool isNumpyScalar(py::handle object) {
-    // Without NumPy imported there are none.
+    // If NumPy is not imported, there are none.
     static PyObject* const name = PyUnicode_InternFromString("numpy");
     PyObject* const numpy = PyDict_GetItemWithError(PyImport_GetModuleDict(), name);
     if (numpy == nullptr) {

@@ -15,7 +15,7 @@ namespace py = pybind11;
 
 /// The value for a Python object: None, bool (an int), int, float, str, bytes, bytearray, memoryview, a list or tuple of
 /// these, and NumPy's scalars. A float is rounded to 32 bits.
-/// \throws py::error_already_set TypeError: something else; OverflowError: a number that 32 bits do not hold
+/// \throws py::error_already_set TypeError: something else; OverflowError: a number that does not fit 32 bits
 KRValue toValue(py::handle object);
 std::vector<KRValue> toValues(const py::args& objects);
 
@@ -26,7 +26,7 @@ py::object toPython(const KRValue& value);
 py::object toPython(const KRValue& value, KRArgumentType wanted);
 
 py::str toPythonText(std::string_view text);
-/// \throws py::error_already_set not a str; one that is not text
+/// \throws py::error_already_set not a str; a str that is not valid text
 std::string toText(py::handle text);
 
 } // namespace KR::python

@@ -64,7 +64,7 @@ private:
 
 using Stream = std::tuple<std::uint32_t, std::uint32_t, std::uint32_t>; // width, height, colour space
 
-/// Records.
+/// Writes a recording.
 class Writer {
 public:
     Writer(const std::string& path, const std::vector<Stream>& streams)

@@ -23,7 +23,7 @@ def broker() -> Iterator[kr.Broker]:
 
 
 class Diary:
-    """Records what happened, in order. Thread-safe."""
+    """Records events in order. Thread-safe."""
 
     def __init__(self) -> None:
         self._changed = threading.Condition()

@@ -1,4 +1,4 @@
-"""How programs end, and lifetimes of objects: each test runs a separate interpreter."""
+"""Exit of programs and lifetimes of objects: each test runs a separate interpreter."""
 
 from __future__ import annotations
 
@@ -43,22 +43,22 @@ def expect(done: "subprocess.CompletedProcess[str]", code: int, out: str) -> Non
     assert (done.returncode, done.stdout) == (code, out), done.stderr
 
 
-def test_a_broker_that_is_never_closed_is_taken_down_at_exit(run: Run) -> None:
+def test_a_broker_that_is_never_closed_is_shut_down_at_exit(run: Run) -> None:
     expect(run(HEAD + 'print("end", flush=True)'), 0, "end\nstopped Watcher\n")
 
 
-def test_exit_takes_modules_down_the_last_one_first(run: Run) -> None:
+def test_exit_shuts_down_modules_the_last_one_first(run: Run) -> None:
     done = run(HEAD + 'broker.create(Watcher, "Second").subscribe("me"); broker.create(Watcher, "Third").subscribe("me")')
     expect(done, 0, "stopped Third\nstopped Second\nstopped Watcher\n")
 
 
-def test_an_exception_that_flies_takes_modules_down(run: Run) -> None:
+def test_an_uncaught_exception_shuts_down_modules(run: Run) -> None:
     done = run(HEAD + 'raise ValueError("it flies")')
     expect(done, 1, "stopped Watcher\n")
     assert "ValueError: it flies" in done.stderr
 
 
-def test_sys_exit_takes_modules_down(run: Run) -> None:
+def test_sys_exit_shuts_down_modules(run: Run) -> None:
     expect(run(HEAD + "sys.exit(3)"), 3, "stopped Watcher\n")
 
 
@@ -125,7 +125,7 @@ sys.setswitchinterval(1e-6)
 def look():
     kr.Image.blank(4, 4, kr.ColorSpace.LUMA).pixels
     time.sleep(3600)
-class Slow: # so that the interpreter ends the thread before the process is gone
+class Slow: # so that the interpreter ends the thread before the process exits
     def __del__(self):
         end = time.monotonic() + 0.2
         while time.monotonic() < end:
@@ -139,13 +139,13 @@ while "numpy" not in sys.modules:
     expect(done, 0, "")
 
 
-def test_an_exception_that_flies_beside_daemon_threads(run: Run) -> None:
+def test_an_uncaught_exception_with_daemon_threads(run: Run) -> None:
     done = run(HEAD + DAEMONS + 'raise ValueError("it flies")')
     expect(done, 1, "stopped Watcher\n")
     assert done.stderr.count("Traceback") >= 1
 
 
-def test_a_thread_that_still_calls_after_the_exit_began_is_stopped(run: Run) -> None:
+def test_a_thread_that_calls_during_the_exit_is_stopped(run: Run) -> None:
     # The handler runs after the one of krvision, which has closed everything.
     expect(
         run(
@@ -161,12 +161,12 @@ atexit.register(lambda: (time.sleep(0.2), print("last", flush=True)))
     )
 
 
-def test_other_threads_are_waited_for(run: Run) -> None:
+def test_exit_waits_for_other_threads(run: Run) -> None:
     done = run(HEAD + 'threading.Thread(target=lambda: (time.sleep(0.3), print(broker["Watcher"].isProcessing(), flush=True))).start()')
     expect(done, 0, "1\nstopped Watcher\n")
 
 
-def test_a_hook_that_hangs_ends_the_program_in_the_end(run: Run) -> None:
+def test_a_hook_that_hangs_cannot_prevent_the_exit(run: Run) -> None:
     done = run(
         """
 import krvision._lifetime
@@ -186,11 +186,11 @@ hanging.wait()
 """
     )
     assert done.returncode == 1
-    assert "did not come down in time" in done.stderr
+    assert "did not shut down in time" in done.stderr
     assert "Hanging" in done.stderr
 
 
-def test_a_reference_cycle_through_everything_is_taken_down(run: Run) -> None:
+def test_a_reference_cycle_through_everything_is_shut_down(run: Run) -> None:
     expect(
         run(
             HEAD
@@ -208,7 +208,7 @@ gc.collect()
     )
 
 
-def test_an_event_callback_that_runs_at_exit_is_waited_for(run: Run) -> None:
+def test_exit_waits_for_a_running_event_callback(run: Run) -> None:
     done = run(
         HEAD
         + """
@@ -243,7 +243,7 @@ print(krvision.Broker().modules())
 
 
 @growth
-def test_a_hundred_thousand_images_leave_no_growth(run: Run) -> None:
+def test_a_hundred_thousand_images_leak_no_memory(run: Run) -> None:
     done = run(
         """
 import gc
@@ -276,7 +276,7 @@ print(resident() - before < 8 << 20, resident() - before)
 
 
 @growth
-def test_images_of_a_camera_leave_no_growth(run: Run) -> None:
+def test_images_of_a_camera_leak_no_memory(run: Run) -> None:
     done = run(
         HEAD
         + """
@@ -299,7 +299,7 @@ print(resident() - before < 8 << 20, len(gc.get_objects()) - objects < 100)
     expect(done, 0, "True True\nstopped Watcher\n")
 
 
-# Says so once the main thread is in a function, called by those before it.
+# Prints a line once the main thread is in a function, called by those before it.
 TELL = """
 import traceback
 def tell(*functions):
@@ -344,7 +344,7 @@ def test_ctrl_c_ends_a_sleep(tmp_path: Path) -> None:
     assert "KeyboardInterrupt" in err
 
 
-def test_wait_ends_after_its_time_and_waits_on_the_main_thread_only(run: Run) -> None:
+def test_wait_times_out_and_works_on_the_main_thread_only(run: Run) -> None:
     done = run(
         """
 import threading
@@ -363,7 +363,7 @@ thread.join()
     expect(done, 0, "False\nkrvision.wait() waits for signals, which only the main thread gets\n")
 
 
-def test_ctrl_c_in_a_method_that_the_main_thread_calls_arrives(run: Run) -> None:
+def test_ctrl_c_in_a_method_called_by_the_main_thread_is_raised(run: Run) -> None:
     done = run(
         HEAD
         + """

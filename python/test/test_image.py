@@ -99,7 +99,7 @@ def test_a_read_only_array_stays_read_only() -> None:
         ([[1, 2]], TypeError, "array"),
     ],
 )
-def test_an_array_whose_layout_is_not_that_of_an_image_is_refused(array: Any, error: Any, reason: str) -> None:
+def test_an_array_with_an_unsuitable_layout_is_refused(array: Any, error: Any, reason: str) -> None:
     with pytest.raises(error, match=reason):
         kr.Image(array)
 
@@ -144,7 +144,7 @@ def test_a_region_of_yuv422_begins_with_a_pair() -> None:
         image.region(1, 0, 4, 8)
 
 
-def test_bgr_rgb_and_bgrx_become_each_other_exactly() -> None:
+def test_conversions_between_bgr_rgb_and_bgrx_are_exact() -> None:
     bgr = kr.Image(make_array(5, 7, 3))
     rgb = bgr.to(kr.ColorSpace.RGB)
     assert np.array_equal(rgb.pixels, bgr.pixels[:, :, ::-1])
@@ -166,7 +166,7 @@ def test_grey_stays_grey_between_all_color_spaces(width: int, height: int) -> No
     assert np.array_equal(back.to(kr.ColorSpace.LUMA).pixels, back.pixels)
 
 
-def test_a_conversion_keeps_what_belongs_to_the_image() -> None:
+def test_a_conversion_keeps_the_other_properties() -> None:
     image = kr.Image.blank(4, 2, kr.ColorSpace.BGR)
     image.time_stamp, image.camera, image.angles = 2**40 + 1, 3, (0.5, 0.25, -0.5, -0.25)
     other = image.to(kr.ColorSpace.LUMA)
@@ -180,14 +180,14 @@ def test_other_color_spaces_are_not_converted() -> None:
         kr.Image.blank(4, 2, kr.ColorSpace.BGR).to(12)
 
 
-def test_a_copy_has_pixels_of_its_own() -> None:
+def test_a_copy_has_its_own_pixels() -> None:
     image = kr.Image(make_array(4, 6))
     copy = image.copy()
     assert np.array_equal(copy.pixels, image.pixels)
     assert not np.shares_memory(copy.pixels, image.pixels)
 
 
-def test_an_image_comes_back_from_its_file(tmp_path: Path) -> None:
+def test_an_image_survives_the_round_trip_through_a_file(tmp_path: Path) -> None:
     image = kr.Image(make_array(4, 6, 2))
     image.time_stamp, image.camera, image.angles = 1234567, 1, (0.5, 0.25, -0.5, -0.25)
     path = str(tmp_path / "image.oxi")
@@ -204,7 +204,7 @@ def test_a_picture_is_written_as_ppm(tmp_path: Path) -> None:
     assert path.read_bytes() == b"P6\n3 2\n255\n" + image.pixels[:, :, ::-1].tobytes()
 
 
-def test_a_file_that_is_no_image_is_an_error(tmp_path: Path) -> None:
+def test_a_file_that_is_not_an_image_is_an_error(tmp_path: Path) -> None:
     path = tmp_path / "image.oxi"
     path.write_bytes(b"1IXO")
     for file in (path, tmp_path / "absent.oxi"):
@@ -216,7 +216,7 @@ def test_a_file_that_is_no_image_is_an_error(tmp_path: Path) -> None:
         kr.Image.blank(1, 1, 0).write(str(tmp_path / "absent" / "image.oxi"))
 
 
-def test_names_and_sizes_are_those_of_the_library() -> None:
+def test_names_and_sizes_match_the_library() -> None:
     sizes = {name: resolution.size for name, resolution in kr.Resolution.__members__.items()}
     assert sizes.pop("QVGA") == (320, 240)
     assert sizes.pop("VGA") == (640, 480)
@@ -224,7 +224,7 @@ def test_names_and_sizes_are_those_of_the_library() -> None:
     assert sorted(each.value for each in kr.Resolution) == list(range(18))
 
 
-def test_annotations_travel_and_are_drawn() -> None:
+def test_annotations_survive_the_round_trip_and_are_drawn() -> None:
     image = kr.Image.blank(64, 48, kr.ColorSpace.BGR)
     image.time_stamp, image.camera = 5_000_001, 2
     seen = kr.Annotations.of(image)
@@ -242,14 +242,14 @@ def test_annotations_keep_their_time(stamp: int) -> None:
     assert kr.Annotations.from_value(kr.Annotations(time_stamp=stamp).value).time_stamp == stamp
 
 
-def test_annotations_that_cannot_be_are_an_error() -> None:
+def test_invalid_annotations_are_an_error() -> None:
     with pytest.raises(kr.Error):
         _ = kr.Annotations(boxes=[kr.Box(0.5, 0, 0.25, 1)]).value
     with pytest.raises(kr.Error):
         kr.Annotations.from_value([1, 2])
 
 
-def test_a_recording_comes_back(tmp_path: Path) -> None:
+def test_a_recording_survives_the_round_trip(tmp_path: Path) -> None:
     path = tmp_path / "film.oxv"
     images = [kr.Image(make_array(120, 160, 2)) for _ in range(3)]
     with kr.Video.record(path, [(160, 120, kr.ColorSpace.YUV422)]) as recording:

@@ -103,7 +103,7 @@ def test_a_file_without_the_class_is_refused(tmp_path: Path, modules: Path) -> N
     expect_failure(run("run", str(modules)), "several classes", f"{modules}:Base")
     file = tmp_path / "empty.py"
     file.write_text("from krvision import *\n")
-    expect_failure(run("run", str(file)), "no class of modules")
+    expect_failure(run("run", str(file)), "no class derived from krvision.Module")
     expect_failure(run("run", f"{file}:Module"), "no class Module")
     expect_failure(run("run", str(tmp_path / "absent.py")), "there is no such file")
 
@@ -136,7 +136,7 @@ def test_a_hosted_module_that_closes_itself_has_exited(modules: Path, domain: st
     assert "module Leaving has exited by itself" in err
 
 
-def test_kr_serve_hosts_files_beside_the_cameras(modules: Path, domain: str, diary: Diary) -> None:
+def test_kr_serve_hosts_files_with_the_cameras(modules: Path, domain: str, diary: Diary) -> None:
     served = Served(
         "serve", "--camera", "0=test:ball", "--run", f"Light={modules}:BrightnessExtractor", "--run",
         f"{modules}:Adder", "--run", str(EXAMPLES / "brightness.py"), "--subscribe", "Light:50:1.0", "--broker", domain,
@@ -175,7 +175,7 @@ def make_recording(path: Path) -> List[float]:
     return means
 
 
-def test_kr_evaluate_judges_a_file_on_a_recording(tmp_path: Path, modules: Path) -> None:
+def test_kr_evaluate_runs_a_file_on_a_recording(tmp_path: Path, modules: Path) -> None:
     recording, results = tmp_path / "film.oxv", tmp_path / "results.jsonl"
     means = make_recording(recording)
     done = run("evaluate", f"{modules}:BrightnessExtractor", str(recording), "--name", "Light", "--out", str(results))
@@ -197,7 +197,7 @@ def test_the_demonstration_follows_the_ball(run_module: "subprocess.CompletedPro
     assert int(run_module.stdout.rsplit("images: ", 1)[1]) > 3
 
 
-def test_the_demonstration_ends_quietly_when_nobody_reads_it() -> None:
+def test_the_demonstration_ends_quietly_when_its_reader_closes() -> None:
     import sys
 
     command = [sys.executable, "-m", "krvision.demo", "--seconds", "1"]

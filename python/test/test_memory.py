@@ -61,7 +61,7 @@ def test_without_a_memory_module_a_read_is_an_error() -> None:
 def test_an_event_calls_back_in_order(broker: kr.Broker, diary: Diary) -> None:
     memory = kr.Memory(broker)
     memory.on("Seen", lambda event, value: diary.note((event, value)))
-    gc.collect()  # nobody needs to keep the subscription
+    gc.collect()  # the subscription need not be kept
     for number in range(100):
         memory.raise_event("Seen", number)
     assert diary.wait_for(100) == [("Seen", number) for number in range(100)]
@@ -100,7 +100,7 @@ def test_a_subscription_ends_in_its_own_callback(broker: kr.Broker, diary: Diary
     assert diary.wait_for(2) == [1, 3]
 
 
-def test_an_exception_in_a_callback_is_logged_and_the_next_event_comes(
+def test_an_exception_in_a_callback_is_logged_and_the_next_event_arrives(
     broker: kr.Broker, diary: Diary, capfd: pytest.CaptureFixture[str]
 ) -> None:
     memory = kr.Memory(broker)
@@ -150,6 +150,6 @@ def test_a_callback_may_use_the_memory(broker: kr.Broker) -> None:
     assert memory["answer"] == 5
 
 
-def test_what_cannot_be_called_is_refused(broker: kr.Broker) -> None:
+def test_a_callback_that_cannot_be_called_is_refused(broker: kr.Broker) -> None:
     with pytest.raises(TypeError, match="cannot be called"):
         kr.Memory(broker).on("Seen", 7)  # type: ignore[arg-type]

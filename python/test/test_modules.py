@@ -88,7 +88,7 @@ def test_arguments_have_the_types_of_the_signature(broker: kr.Broker, adder: Add
     assert broker["Adder"].describe(1, 2, 3, [4], b"5") == ["bool", "float", "int", "list", "bytes"]
 
 
-def test_an_int_result_becomes_the_float_that_is_published(broker: kr.Broker, adder: Adder) -> None:
+def test_an_int_result_becomes_the_published_float(broker: kr.Broker, adder: Adder) -> None:
     result = broker["Adder"].halve(5)
     assert (result, type(result)) == (2.0, float)
 
@@ -112,7 +112,7 @@ def test_help_shows_what_a_module_publishes(broker: kr.Broker, adder: Adder, cap
     assert "add" in dir(broker["Adder"])
 
 
-def test_help_on_an_absent_module_says_so(broker: kr.Broker, capsys: pytest.CaptureFixture[str]) -> None:
+def test_help_on_a_missing_module_says_so(broker: kr.Broker, capsys: pytest.CaptureFixture[str]) -> None:
     help(broker["Nobody"])
     assert "Nobody cannot be queried" in capsys.readouterr().out
 
@@ -167,7 +167,7 @@ def test_a_posted_call_runs_on_a_call_thread(broker: kr.Broker, diary: Diary) ->
         (lambda: no_annotation, "has no annotation"),
         (lambda: with_default, "has a default"),
         (lambda: with_star, "is not positional"),
-        (lambda: with_dict, "does not travel"),
+        (lambda: with_dict, "is not a type of values"),
     ],
 )
 def test_a_method_that_cannot_be_published_is_refused(broker: kr.Broker, make: Callable[[], Any], reason: str) -> None:
@@ -196,7 +196,7 @@ def test_a_name_is_free_after_close_and_taken_before(broker: kr.Broker) -> None:
     assert "Adder" not in broker.modules()
 
 
-def test_a_method_that_was_kept_reaches_the_next_module_of_the_name(broker: kr.Broker) -> None:
+def test_a_kept_method_reaches_the_next_module_of_the_name(broker: kr.Broker) -> None:
     add = broker["Adder"].add
     for _ in range(2):
         with pytest.raises(kr.Error, match="no module named Adder"):
@@ -205,14 +205,14 @@ def test_a_method_that_was_kept_reaches_the_next_module_of_the_name(broker: kr.B
             assert add(1, 2) == broker["Adder"].add(1, 2) == 3
 
 
-def test_dir_lists_what_is_published_and_nothing_that_was_only_tried(broker: kr.Broker, adder: Adder) -> None:
+def test_dir_lists_published_methods_but_not_failed_attempts(broker: kr.Broker, adder: Adder) -> None:
     with pytest.raises(kr.Error):
         broker["Adder"].subtract(2, 1)
     assert {"add", "crash", "call", "methods"} <= set(dir(broker["Adder"]))
     assert "subtract" not in dir(broker["Adder"])
 
 
-def test_proxies_of_many_modules_are_not_kept_for_ever(broker: kr.Broker) -> None:
+def test_proxies_of_many_modules_are_not_kept_forever(broker: kr.Broker) -> None:
     first = weakref.ref(broker["Module0"])
     for number in range(1000):
         broker[f"Module{number}"]
@@ -271,7 +271,7 @@ def test_a_closed_module_is_collected_although_it_refers_to_itself(broker: kr.Br
     assert gone() is None
 
 
-def test_a_module_that_nobody_keeps_stays_until_its_broker_is_closed(broker: kr.Broker) -> None:
+def test_an_unreferenced_module_lives_until_its_broker_is_closed(broker: kr.Broker) -> None:
     broker.create(Adder, "Adder")
     gc.collect()
     assert broker["Adder"].add(1, 2) == 3
@@ -315,7 +315,7 @@ def test_a_module_closes_itself_in_its_own_method(broker: kr.Broker, diary: Diar
     assert broker["Leaving"].leave() == 7
     assert diary.wait_for(2) == ["closed", "gone"]
     deadline = time.monotonic() + PATIENCE_S
-    while True:  # the C++ side goes a little later
+    while True:  # the C++ side is destroyed a little later
         try:
             broker.create(Adder, "Leaving").close()
             break
@@ -354,7 +354,7 @@ def test_a_broker_closes_its_modules_the_last_one_first(diary: Diary) -> None:
     assert diary.entries == ["C", "B", "A"]
 
 
-def test_what_is_left_of_a_closed_broker_raises() -> None:
+def test_objects_of_a_closed_broker_raise() -> None:
     broker = kr.Broker()
     proxy, memory = broker["KRMemory"], kr.Memory(broker)
     broker.close()
@@ -370,7 +370,7 @@ def test_an_invalid_address_is_an_error() -> None:
         kr.Broker("nothing:")
 
 
-def test_parameters_are_set_from_outside(broker: kr.Broker, diary: Diary) -> None:
+def test_parameters_are_set_remotely(broker: kr.Broker, diary: Diary) -> None:
     class Tuned(kr.Module):
         def __init__(self, broker: kr.Broker, name: str) -> None:
             super().__init__(broker, name)

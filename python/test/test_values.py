@@ -20,7 +20,7 @@ def memory(broker: kr.Broker) -> kr.Memory:
     "value",
     [None, 0, 2147483647, -2147483648, 0.5, -0.25, "", "text", "größer 🤖", "a\0b", b"", b"\0\xff", [], [1, [2.5, "x", None], b"y"]],
 )
-def test_a_value_comes_back_as_it_was(memory: kr.Memory, value: Any) -> None:
+def test_a_value_survives_the_round_trip(memory: kr.Memory, value: Any) -> None:
     memory["value"] = value
     assert memory["value"] == value
     assert type(memory["value"]) is type(value)
@@ -44,7 +44,7 @@ def test_a_value_comes_back_as_it_was(memory: kr.Memory, value: Any) -> None:
         ("\udcff", "\udcff"),
     ],
 )
-def test_other_forms_are_taken(memory: kr.Memory, given: Any, read: Any) -> None:
+def test_other_forms_are_accepted(memory: kr.Memory, given: Any, read: Any) -> None:
     memory["value"] = given
     assert memory["value"] == read
 
@@ -67,13 +67,13 @@ def test_a_number_beyond_32_bits_is_refused(memory: kr.Memory, number: Any) -> N
     assert "value" not in memory
 
 
-def test_a_number_of_more_digits_than_python_writes_is_refused(memory: kr.Memory) -> None:
+def test_a_number_with_too_many_digits_to_print_is_refused(memory: kr.Memory) -> None:
     with pytest.raises(OverflowError, match="the number does not fit a value's 32 bits"):
         memory["value"] = 10**5000
 
 
 @pytest.mark.parametrize("thing", [{}, {"a": 1}, set(), object(), 1j, range(3), iter([]), np.zeros(3), np.complex64(1j), len, int, "\ud800"], ids=repr)
-def test_what_is_no_value_is_refused(memory: kr.Memory, thing: Any) -> None:
+def test_an_object_that_is_not_a_value_is_refused(memory: kr.Memory, thing: Any) -> None:
     with pytest.raises((TypeError, UnicodeEncodeError)):
         memory["value"] = thing
     with pytest.raises((TypeError, UnicodeEncodeError)):
@@ -93,7 +93,7 @@ def test_a_list_that_holds_itself_is_refused(memory: kr.Memory) -> None:
         memory["value"] = endless
 
 
-def test_a_list_that_shrinks_while_it_is_read_does_no_harm(memory: kr.Memory) -> None:
+def test_a_list_that_shrinks_while_it_is_read_is_harmless(memory: kr.Memory) -> None:
     class Shrinking(np.float64):
         def item(self) -> float:  # type: ignore[override]
             values.clear()

@@ -21,7 +21,7 @@ def cameras(broker: kr.Broker) -> Iterator[kr.Cameras]:
 
 
 class Watcher(kr.VisionExtractor):
-    """Notes what happens."""
+    """Records its hooks."""
 
     def __init__(self, broker: kr.Broker, name: str, diary: Diary, **settings: Any) -> None:
         super().__init__(broker, name, **settings)
@@ -37,7 +37,7 @@ class Watcher(kr.VisionExtractor):
         self.diary.note("stop")
 
 
-def test_images_come_while_there_are_subscribers(broker: kr.Broker, cameras: kr.Cameras, diary: Diary) -> None:
+def test_images_arrive_while_there_are_subscribers(broker: kr.Broker, cameras: kr.Cameras, diary: Diary) -> None:
     with broker.create(Watcher, "Watcher", diary, resolution=kr.Resolution.QVGA, color_space=kr.ColorSpace.LUMA) as watcher:
         broker["Watcher"].subscribe("me", 33, 1.0)
         assert watcher.processing
@@ -67,7 +67,7 @@ def test_an_array_outlives_the_hook_the_module_and_the_broker(diary: Diary) -> N
     pixels[:] = 0
 
 
-def test_an_exception_in_process_image_is_logged_and_the_next_image_comes(
+def test_an_exception_in_process_image_is_logged_and_the_next_image_arrives(
     broker: kr.Broker, cameras: kr.Cameras, diary: Diary, capfd: pytest.CaptureFixture[str]
 ) -> None:
     class Failing(kr.VisionExtractor):
@@ -86,7 +86,7 @@ def test_an_exception_in_process_image_is_logged_and_the_next_image_comes(
     assert "in process_image" in log
 
 
-def test_an_error_that_process_image_raises_is_logged_too(
+def test_an_error_raised_by_process_image_is_also_logged(
     broker: kr.Broker, cameras: kr.Cameras, diary: Diary, capfd: pytest.CaptureFixture[str]
 ) -> None:
     class Failing(kr.VisionExtractor):
@@ -111,7 +111,7 @@ def test_an_exception_in_start_reaches_the_subscriber(broker: kr.Broker, cameras
             broker["Failing"].subscribe("me", 100, 1.0)
 
 
-def test_settings_are_changed_while_images_come(broker: kr.Broker, cameras: kr.Cameras, diary: Diary) -> None:
+def test_settings_are_changed_while_images_arrive(broker: kr.Broker, cameras: kr.Cameras, diary: Diary) -> None:
     with broker.create(Watcher, "Watcher", diary, resolution=kr.Resolution.QVGA, fps=15) as watcher:
         assert (watcher.resolution, watcher.color_space, watcher.camera) == (kr.Resolution.QVGA, kr.ColorSpace.BGR, 0)
         assert watcher.frame_rate == -1
@@ -169,7 +169,7 @@ def test_a_module_closes_itself_in_process_image(broker: kr.Broker, cameras: kr.
     assert diary.wait_for(2) == ["closed", "gone"]
 
 
-def test_a_hook_in_python_does_not_delay_another_thread(broker: kr.Broker, cameras: kr.Cameras, diary: Diary) -> None:
+def test_a_hook_in_python_does_not_block_other_threads(broker: kr.Broker, cameras: kr.Cameras, diary: Diary) -> None:
     class Slow(kr.VisionExtractor):
         def process_image(self, image: kr.Image) -> None:
             entered.set()
@@ -186,7 +186,7 @@ def test_a_hook_in_python_does_not_delay_another_thread(broker: kr.Broker, camer
         thread.join()
 
 
-def test_the_smallest_period_and_largest_precision_are_in_force(broker: kr.Broker, diary: Diary) -> None:
+def test_the_smallest_period_and_largest_precision_apply(broker: kr.Broker, diary: Diary) -> None:
     class Plain(kr.Extractor):
         def start_detection(self, period: int, precision: float) -> None:
             diary.note(("start", period, precision))
@@ -228,7 +228,7 @@ def test_declared_outputs_are_listed(broker: kr.Broker) -> None:
         assert kr.Memory(broker)["Plain/Last"] == []
 
 
-def test_closing_a_module_stops_its_detection_while_its_class_stands(
+def test_closing_a_module_stops_its_detection_before_its_destruction(
     broker: kr.Broker, cameras: kr.Cameras, diary: Diary
 ) -> None:
     with broker.create(Watcher, "Watcher", diary) as watcher:
@@ -248,7 +248,7 @@ def test_many_threads_use_a_module_while_it_is_closed(broker: kr.Broker, cameras
                 _ = (watcher.processing, watcher.period, watcher.resolution)
                 broker["Watcher"].getCurrentPeriod()
         except kr.Error:
-            pass  # it is closed
+            pass  # the module is closed
         except BaseException as error:
             unexpected.append(error)
 
@@ -295,4 +295,4 @@ def test_a_camera_that_does_not_exist_is_an_error(broker: kr.Broker, cameras: kr
     with pytest.raises(kr.Error, match="7"):
         cameras.subscribe("me", 7)
     with pytest.raises(kr.Error):
-        kr.CameraService(broker)  # there is one
+        kr.CameraService(broker)  # there already is one

@@ -5,7 +5,8 @@ set(environment
     PYTHONDONTWRITEBYTECODE=1
     PYTHONFAULTHANDLER=1)
 if(KR_SANITIZE)
-    # The interpreter is not built with it, so its runtime must be there first. What the interpreter leaves behind is no leak.
+    # The interpreter is not built with it, so its runtime must be loaded first. What the interpreter does not free is
+    # not a leak.
     execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=libasan.so OUTPUT_VARIABLE runtime
                     OUTPUT_STRIP_TRAILING_WHITESPACE)
     execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=libstdc++.so.6 OUTPUT_VARIABLE standard_library
