@@ -63,7 +63,7 @@ private:
         for (const std::string& module : up_) {
             left += (left.empty() ? "" : ", ") + module;
         }
-        printError("did not come down in time: " + left);
+        printError("did not shut down in time: " + left);
         ::_exit(static_cast<int>(ExitCode::Failed)); // exit() would destroy what their threads still use
     }
 

@@ -25,7 +25,7 @@ public:
     /// Changes the initial values from the next start on.
     void setParameters(std::vector<std::pair<std::string, Json>> parameters);
     /// Releases the module; empty if there is none. An unfinished constructor is waited for until `deadline`.
-    /// \param isStuck  set if the constructor has not finished by then, or an earlier module has not come down
+    /// \param isStuck  set if the constructor has not finished by then, or an earlier module has not shut down
     KRModuleHandle<KRModule> release(Clock::time_point deadline, bool& isStuck);
 
 protected:

@@ -348,7 +348,7 @@ void RobotHost::takeDown(ExitCode code) {
     const auto deadline = Supervised::Clock::now() + SupervisedProcess::kTimeToEnd + kTimeToComeUp;
     while (std::erase_if(retired_, [](const auto& each) { return each->isGone(); }), !retired_.empty()) {
         if (Supervised::Clock::now() > deadline) {
-            printError(retired_.front()->getTitle() + " did not come down in time");
+            printError(retired_.front()->getTitle() + " did not shut down in time");
             ::_exit(static_cast<int>(ExitCode::Failed));
         }
         std::this_thread::sleep_for(kStep);

@@ -25,7 +25,7 @@ using testing::AllOf;
 using testing::HasSubstr;
 using testing::MatchesRegex;
 
-TEST(KrCamera, ListsTheCamerasThatItIsGiven) {
+TEST(KrCamera, ListsTheGivenCameras) {
     const Outcome one = kr({"camera", "list", "--camera", "0=test"});
     EXPECT_EQ(one.exitCode, 0) << one.err;
     EXPECT_EQ(one.out, "  0  test\n");
@@ -57,18 +57,18 @@ TEST(KrCamera, MalformedCamerasAreRefused) {
     EXPECT_THAT(none.err, HasSubstr("there is no camera 3; there is only camera 0"));
 }
 
-TEST(KrCamera, ShowsWhatACameraDelivers) {
+TEST(KrCamera, ShowsTheImagesOfACamera) {
     const Outcome outcome = kr({"camera", "info", "0", "--json", "--camera", "0=test"});
     EXPECT_EQ(outcome.exitCode, 0) << outcome.err;
     const json info = json::parse(outcome.out);
     EXPECT_EQ(info["width"], 640);
     EXPECT_EQ(info["height"], 480);
     EXPECT_EQ(info["controls"], 7);
-    EXPECT_GT(info["rate_per_s"], 1); // less than 30 where a busy machine misses images
+    EXPECT_GT(info["rate_per_s"], 1); // less than 30 if a busy machine misses images
     EXPECT_LT(info["rate_per_s"], 32);
 }
 
-TEST(KrCamera, TheRateOfAShortRecordingIsThatOfItsImages) {
+TEST(KrCamera, ShowsTheRateOfAShortRecording) {
     const test::TemporaryFolder folder;
     KRVideo video;
     video.recordVideo(folder.path("short"), 0, {{160, 120, 0, 8}});
@@ -81,11 +81,11 @@ TEST(KrCamera, TheRateOfAShortRecordingIsThatOfItsImages) {
         kr({"camera", "info", "0", "--json", "--camera", "0=oxv:" + folder.path("short.oxv")});
     EXPECT_EQ(outcome.exitCode, 0) << outcome.err;
     const double rate = json::parse(outcome.out)["rate_per_s"];
-    EXPECT_GT(rate, 9) << "where it fetched every other image";
+    EXPECT_GT(rate, 9) << "if it fetched every other image";
     EXPECT_LT(rate, 21);
 }
 
-TEST(KrCamera, ControlsAreListedAndSetByNumberOrName) {
+TEST(KrCamera, ListsControlsAndSetsThemByNumberOrName) {
     const Outcome list = kr({"camera", "controls", "0", "--camera", "0=test"});
     EXPECT_EQ(list.exitCode, 0) << list.err;
     EXPECT_THAT(list.out, AllOf(HasSubstr("0x00980900  brightness"), HasSubstr("-100 to 100")));
@@ -113,7 +113,7 @@ TEST(KrCamera, WatchShowsALinePerImageAndASummary) {
                                    HasSubstr("4 images, "), HasSubstr("interval  median")));
 }
 
-TEST(KrCamera, WatchReportsACameraThatEndsAndGoesOnWhenItIsBack) {
+TEST(KrCamera, WatchReportsTheEndOfACameraAndContinuesWhenItReturns) {
     const Outcome outcome = kr({"camera", "watch", "0", "--count", "10", "--camera",
                                 "0=gst:videotestsrc is-live=true num-buffers=3"});
     EXPECT_EQ(outcome.exitCode, 0);
@@ -121,7 +121,7 @@ TEST(KrCamera, WatchReportsACameraThatEndsAndGoesOnWhenItIsBack) {
     EXPECT_THAT(outcome.out, HasSubstr("\n10 images, "));
 }
 
-TEST(KrCamera, WhatRunsUntilItIsInterruptedEndsWell) {
+TEST(KrCamera, AnInterruptIsANormalEnd) {
     const test::TemporaryFolder folder;
     const std::string path = folder.path("film.oxv");
     for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
@@ -144,10 +144,9 @@ TEST(KrCamera, WhatRunsUntilItIsInterruptedEndsWell) {
     }
 }
 
-TEST(KrCamera, WhatWaitsForACameraToOpenIsInterruptedAtOnce) {
+TEST(KrCamera, AWaitForACameraToOpenIsInterruptedAtOnce) {
     const test::TemporaryFolder folder;
-    const std::string silent =
-        "0=gst:videotestsrc ! identity drop-probability=1.0"; // which takes ten seconds
+    const std::string silent = "0=gst:videotestsrc ! identity drop-probability=1.0"; // takes ten seconds
     const auto isOpening = [](pid_t process) {
         const auto tasks = std::filesystem::directory_iterator("/proc/" + std::to_string(process) + "/task");
         return std::ranges::any_of(tasks, [](const auto& task) {
@@ -172,7 +171,7 @@ TEST(KrCamera, WhatWaitsForACameraToOpenIsInterruptedAtOnce) {
     EXPECT_TRUE(std::filesystem::is_empty(folder.path("")));
 }
 
-TEST(KrCamera, WatchingEndsWhenNobodyReadsIt) {
+TEST(KrCamera, WatchingEndsWhenItsReaderCloses) {
     const test::TemporaryFolder folder;
     for (const std::string command : {"camera watch 0 --camera 0=test", "camera top --camera 0=test"}) {
         const std::string reader = "trap '' PIPE; { timeout 30 '" KR_PROGRAM "' " + command + "; echo $? > " +
@@ -183,7 +182,7 @@ TEST(KrCamera, WatchingEndsWhenNobodyReadsIt) {
     }
 }
 
-TEST(KrCamera, SnapshotsAreImageFilesOrPictures) {
+TEST(KrCamera, SnapshotsAreOxiFilesOrPictures) {
     const test::TemporaryFolder folder;
     const std::string oxi = folder.path("now.oxi");
     EXPECT_EQ(kr({"camera", "snapshot", "0", oxi, "--resolution", "320x240", "--color-space", "bgr",
@@ -209,7 +208,7 @@ TEST(KrCamera, SeveralCamerasAreStreamsOfOneRecording) {
     const Outcome outcome =
         kr({"camera", "record", "0", "1", path, "--seconds", "1", "--resolution", "160x120", "--color-space",
             "luma", "--camera", "0=test:white", "--camera", "1=test:black"});
-    EXPECT_THAT(outcome.exitCode, testing::AnyOf(0, 3)) << outcome.err; // 3: an image came too late
+    EXPECT_THAT(outcome.exitCode, testing::AnyOf(0, 3)) << outcome.err; // 3: an image was too late
     KRVideo video;
     ASSERT_TRUE(video.readVideo(path));
     EXPECT_EQ(video.getStreams().size(), 2U);
@@ -229,7 +228,7 @@ TEST(KrCamera, SeveralCamerasAreStreamsOfOneRecording) {
     }
 }
 
-TEST(KrCamera, RecordsWhatARecordingCanHoldAndSaysWhatNot) {
+TEST(KrCamera, RefusesToRecordWhatARecordingCannotHold) {
     const test::TemporaryFolder folder;
     const std::string path = folder.path("film.oxv");
     EXPECT_THAT(kr({"camera", "record", "0", path, "--seconds", "1", "--resolution", "1280x960", "--camera",
@@ -249,15 +248,15 @@ TEST(KrCamera, RecordsWhatARecordingCanHoldAndSaysWhatNot) {
     EXPECT_FALSE(std::filesystem::exists(path));
 }
 
-TEST(KrCamera, ARecordingThatFailsLeavesWhatWasThere) {
+TEST(KrCamera, AFailedRecordingLeavesTheOldFile) {
     const test::TemporaryFolder folder;
     const std::string path = folder.path("film.oxv");
-    std::ofstream(path) << "what was there";
+    std::ofstream(path) << "the old file";
     const Outcome outcome = kr(
         {"camera", "record", "0", path, "--seconds", "1", "--camera", "0=file:" + folder.path("none.mp4")});
     EXPECT_EQ(outcome.exitCode, 1);
     const test::Bytes left = test::readAll(path);
-    EXPECT_EQ(std::string(left.begin(), left.end()), "what was there");
+    EXPECT_EQ(std::string(left.begin(), left.end()), "the old file");
 
     const Outcome folderless =
         kr({"camera", "record", "0", folder.path("none/film.oxv"), "--seconds", "1", "--camera", "0=test"});
@@ -272,7 +271,7 @@ TEST(KrCamera, ARecordingThatFailsLeavesWhatWasThere) {
     EXPECT_THAT(link.err, HasSubstr("null.oxv: a recording is written to a regular file"));
 }
 
-TEST(KrCamera, ARecordingOnAFullDiskHoldsWhatFitted) {
+TEST(KrCamera, ARecordingOnAFullDiskHoldsTheFramesThatFit) {
     const test::TemporaryFolder folder;
     const std::string path = folder.path("film.oxv");
     // The header, two frames, and a part of the third.
@@ -288,7 +287,7 @@ TEST(KrCamera, ARecordingOnAFullDiskHoldsWhatFitted) {
     EXPECT_EQ(kr({"video", "doctor", path}).exitCode, 0);
 }
 
-TEST(KrCamera, NoFileTakesThePlaceOfAStreamThatIsClosed) {
+TEST(KrCamera, NoFileReplacesAClosedStandardStream) {
     const test::TemporaryFolder folder;
     const std::string path = folder.path("film.oxv");
     const pid_t process = test::start(
@@ -313,10 +312,10 @@ TEST(KrCamera, TopShowsTheStatisticsOfEverySubscription) {
     EXPECT_THAT(outcome.out, AllOf(HasSubstr("subscriber"), HasSubstr("kr_1 "), HasSubstr("kr_2 ")));
 }
 
-TEST(KrCamera, ARecordingThatMissesImagesIsKeptAndTheLossReported) {
+TEST(KrCamera, ARecordingWithMissedImagesIsKeptAndTheLossReported) {
     const test::TemporaryFolder folder;
     const std::string path = folder.path("film.oxv");
-    // The camera breaks again and again, for a quarter of a second at least.
+    // The camera fails repeatedly, each time for at least a quarter of a second.
     const Outcome outcome = kr(
         {"camera", "record", "0", path, "--seconds", "2", "--resolution", "160x120", "--color-space", "luma",
          "--camera", "0=gst:videotestsrc is-live=true num-buffers=5 ! video/x-raw,width=160,height=120"});

@@ -13,7 +13,7 @@ namespace {
 using namespace KR::test;
 using testing::HasSubstr;
 
-TEST(KrCommand, HelpIsDataAndDone) {
+TEST(KrCommand, HelpGoesToStandardOutputWithCode0) {
     const Outcome run = kr({"--help"});
     EXPECT_EQ(run.exitCode, 0);
     EXPECT_EQ(run.err, "");
@@ -21,13 +21,13 @@ TEST(KrCommand, HelpIsDataAndDone) {
     EXPECT_THAT(run.out, HasSubstr("3 done but data was lost"));
 }
 
-TEST(KrCommand, SaysItsVersion) {
+TEST(KrCommand, PrintsItsVersion) {
     const Outcome run = kr({"--version"});
     EXPECT_EQ(run.exitCode, 0);
     EXPECT_THAT(run.out, testing::MatchesRegex("kr [0-9]+\\.[0-9]+\\.[0-9]+\n"));
 }
 
-TEST(KrCommand, ALogLevelThatIsNoneIsRefused) {
+TEST(KrCommand, AnUnknownLogLevelIsRefused) {
     const Outcome run = kr({"completion", "bash", "--log-level", "loud"});
     EXPECT_EQ(run.exitCode, 2);
     EXPECT_THAT(run.err, HasSubstr("--log-level: \"loud\" is not a level of the log"));
@@ -48,7 +48,7 @@ TEST(KrCommand, WrongUsageIsReportedOnStandardErrorWithCode2) {
     }
 }
 
-TEST(KrCommand, WhatItDoesNotKnowIsNamed) {
+TEST(KrCommand, UnknownVerbsAndOptionsAreNamed) {
     const auto errorOf = [](const std::vector<std::string>& arguments) { return kr(arguments).err; };
     EXPECT_THAT(errorOf({"painting"}), HasSubstr("kr: kr has no verb \"painting\"\n"));
     EXPECT_THAT(errorOf({"--wrong"}), HasSubstr("kr: kr has no option \"--wrong\"\n"));
@@ -61,7 +61,7 @@ TEST(KrCommand, WhatItDoesNotKnowIsNamed) {
     EXPECT_THAT(errorOf({"image", "dump"}), HasSubstr("kr: FILE is required\n"));
 }
 
-TEST(KrCommand, AMissingVerbIsReportedWithTheVerbsThereAre) {
+TEST(KrCommand, AMissingVerbIsReportedWithTheAvailableOnes) {
     EXPECT_THAT(kr({}).err, testing::ContainsRegex("kr: kr needs a verb: .*, image, .*, video"));
     EXPECT_THAT(kr({"image"}).err, HasSubstr("kr: kr image needs a verb: convert, dump, info\n"));
 }
@@ -85,7 +85,7 @@ TEST(KrCommand, MalformedNumbersAreRefused) {
     }
 }
 
-TEST(KrCommand, ANumberMayHaveZerosInFront) {
+TEST(KrCommand, ANumberMayHaveLeadingZeros) {
     EXPECT_THAT(kr({"camera", "info", "010", "--camera", "0=test"}).err, HasSubstr("there is no camera 10;"));
 }
 

@@ -26,7 +26,7 @@ TEST(KrCompletion, OffersOptions) {
     EXPECT_EQ(kr({"complete", "--", "image", "info", "--js"}).out, "--json\n");
 }
 
-TEST(KrCompletion, OffersNothingWhereNothingIsKnown) {
+TEST(KrCompletion, OffersNothingForArbitraryText) {
     EXPECT_EQ(kr({"complete", "--", "nonsense", "x"}).out, "");
     EXPECT_EQ(kr({"complete", "--", "image", "info", ""}).out, "");
 }
@@ -74,7 +74,7 @@ TEST(KrCompletion, OffersValuesWhereBashSplitsTheWord) {
     EXPECT_EQ(std::string(out.begin(), out.end()), "yuv422\nluma\nyuv422\nrgb\nbgr\nbgrx\nlz4\n");
 }
 
-TEST(KrCompletion, NamesTheShellsItKnows) {
+TEST(KrCompletion, NamesTheSupportedShells) {
     EXPECT_EQ(kr({"completion", "cmd"}).exitCode, 2);
     EXPECT_THAT(kr({"completion", "fish"}).out, HasSubstr("complete -c kr"));
     EXPECT_THAT(kr({"completion", "zsh"}).out, HasSubstr("#compdef kr"));

@@ -1,4 +1,4 @@
-// A module that ends its process when asked to.
+// A module that kills its process on request.
 
 #include <krplatform/krbroker.hpp>
 #include <krplatform/krmodule.hpp>

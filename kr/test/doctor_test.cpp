@@ -17,7 +17,7 @@ using testing::AllOf;
 using testing::HasSubstr;
 using testing::StartsWith;
 
-TEST_F(KrSystem, IsFoundWellByItsDoctor) {
+TEST_F(KrSystem, DoctorFindsNothingWrongWithAHealthySystem) {
     RunningProgram server = serve();
     ASSERT_TRUE(server.isUp()) << server.readErr();
     const json findings = json::parse(krOnDomain({"doctor", "--json"}).out);
@@ -38,13 +38,13 @@ TEST_F(KrSystem, IsFoundWellByItsDoctor) {
     EXPECT_EQ(findings.size(), 10U);
 }
 
-TEST_F(KrSystem, ItsDoctorFindsABrokerOfAnotherVersion) {
-    const auto broker = domain_.createBroker(); // so that the stranger is on the loopback as well
+TEST_F(KrSystem, DoctorFindsABrokerOfAnotherVersion) {
+    const auto broker = domain_.createBroker(); // so that the stranger is on the loopback interface, too
     Stranger stranger(domain_.getNumber());
     stranger.announce(99, {});
     Outcome outcome;
     json brokers;
-    EXPECT_TRUE(eventually([&] { // the doctor does not wait for long
+    EXPECT_TRUE(eventually([&] { // the doctor waits only briefly
         outcome = krOnDomain({"doctor", "--json"});
         for (const json& finding : json::parse(outcome.out)) {
             if (finding["subject"] == "brokers") {
@@ -57,7 +57,7 @@ TEST_F(KrSystem, ItsDoctorFindsABrokerOfAnotherVersion) {
     EXPECT_THAT(brokers["text"].get<std::string>(), HasSubstr("protocol 99"));
 }
 
-TEST_F(KrSystem, ItsDoctorFindsTwoModulesThatDeclareTheSameOutput) {
+TEST_F(KrSystem, DoctorFindsTwoModulesThatDeclareTheSameOutput) {
     const auto broker = domain_.createBroker();
     const auto declare = [](TestModule& module) {
         module.add("getOutputNames", [] { return std::vector<std::string>{"Seen", "Seen"}; });
@@ -69,11 +69,11 @@ TEST_F(KrSystem, ItsDoctorFindsTwoModulesThatDeclareTheSameOutput) {
                 HasSubstr("BAD  outputs          First and Second declare Seen\n"));
 }
 
-TEST_F(KrSystem, ItsDoctorFindsTwoModulesOfOneNameAndTheirProcesses) {
+TEST_F(KrSystem, DoctorFindsTwoModulesOfTheSameNameAndTheirProcesses) {
     const std::string url = domain_.getUrl("lease=2");
     RunningProgram first({"serve", "--broker", url}, "serving on");
     ASSERT_TRUE(first.isUp()) << first.readErr();
-    ::kill(first.getPid(), SIGSTOP); // as if its network were cut off
+    ::kill(first.getPid(), SIGSTOP); // as if disconnected from the network
     RunningProgram second({"serve", "--broker", url}, "serving on");
     ASSERT_TRUE(second.isUp()) << second.readErr();
     ::kill(first.getPid(), SIGCONT);
@@ -93,7 +93,7 @@ TEST_F(KrSystem, ItsDoctorFindsTwoModulesOfOneNameAndTheirProcesses) {
     }
 }
 
-TEST_F(KrSystem, IsMissedByItsDoctor) {
+TEST_F(KrSystem, DoctorReportsMissingServices) {
     const Outcome outcome = krOnDomain({"doctor"});
     EXPECT_EQ(outcome.exitCode, 1);
     EXPECT_THAT(outcome.out, AllOf(HasSubstr("there is no KRMemory and KRVideoDevice"),

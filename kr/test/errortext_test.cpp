@@ -5,12 +5,12 @@
 namespace KR::tool {
 namespace {
 
-TEST(KrErrorText, SaysModuleMethodAndDescription) {
+TEST(KrErrorText, HasModuleMethodAndDescription) {
     EXPECT_EQ(describe(KRError("KRMemory", "getData", "there is no data named x")),
               "KRMemory.getData: there is no data named x");
 }
 
-TEST(KrErrorText, AnExplanationInPlaceOfTheMethodIsPartOfTheSentence) {
+TEST(KrErrorText, AnExplanationInPlaceOfTheMethodIsPartOfTheText) {
     const KRError error("KRExtractor", "getMyPeriod: unknown module name: ", "nobody");
     EXPECT_EQ(describe(error), "KRExtractor: getMyPeriod: unknown module name: nobody");
     EXPECT_EQ(describeFailedCall("KRMotion", "getMyPeriod", error),
@@ -20,7 +20,7 @@ TEST(KrErrorText, AnExplanationInPlaceOfTheMethodIsPartOfTheSentence) {
               "KRMotion.unsubscribe: received unsubscribe from a stranger: nobody");
 }
 
-TEST(KrErrorText, AFailedCallIsNamedOnceAndSoIsTheOriginOfItsError) {
+TEST(KrErrorText, NamesTheFailedCallAndTheOriginOfTheErrorOnceEach) {
     EXPECT_EQ(describeFailedCall("KRMotion", "subscribe", KRError("KRMotion", "subscribe", "shutting down")),
               "KRMotion.subscribe: shutting down");
     EXPECT_EQ(describeFailedCall("KRMotion", "subscribe",

@@ -53,8 +53,8 @@ protected:
     }
 };
 
-TEST_F(KrEvaluate, GivesEachImageToTheModuleOnceAndInOrderWhateverItsPeriod) {
-    // 300 images at one per second would take five minutes.
+TEST_F(KrEvaluate, GivesEachImageToTheModuleOnceInOrderAtAnyPeriod) {
+    // 300 images, one per second, would take five minutes.
     const std::string recording = makeRecording(300);
     const Outcome outcome = evaluate(recording, {"--subscribe", "1000,0.5", "--out", path("out.jsonl")});
     EXPECT_EQ(outcome.exitCode, 0);
@@ -69,14 +69,14 @@ TEST_F(KrEvaluate, GivesEachImageToTheModuleOnceAndInOrderWhateverItsPeriod) {
             EXPECT_EQ(result["frame"], seen);
             EXPECT_EQ(result["time_stamp_usec"], timeStampOf(static_cast<unsigned>(seen), 0));
             EXPECT_EQ(result["value"][0], seen);
-            EXPECT_EQ(result["value"][2], 0) << "the clock does not show the time of the image";
+            EXPECT_EQ(result["value"][2], 0) << "the clock differs from the image's time";
             ++seen;
         }
     }
     EXPECT_EQ(seen, 300U);
 }
 
-TEST_F(KrEvaluate, TheSameRunGivesTheSameFileToTheByte) {
+TEST_F(KrEvaluate, TheSameRunGivesTheSameBytes) {
     const std::string recording = makeRecording();
     for (const std::string extension : {"jsonl", "mcap"}) {
         const auto run = [&](const std::string& name) {
@@ -91,7 +91,7 @@ TEST_F(KrEvaluate, TheSameRunGivesTheSameFileToTheByte) {
     }
 }
 
-// The first image comes before the subscription is complete, all others after it.
+// The first image arrives before the subscription is complete, all others after it.
 TEST_F(KrEvaluate, TheSubscriptionIsCompleteBeforeTheSecondImage) {
     ASSERT_EQ(evaluate(makeRecording(3), {"--subscribe", "33,0.25", "--out", path("out.jsonl")}).exitCode, 0);
     const std::vector<Json> seen = readSeen("out.jsonl");
@@ -101,13 +101,13 @@ TEST_F(KrEvaluate, TheSubscriptionIsCompleteBeforeTheSecondImage) {
     EXPECT_EQ(seen[2][3], 0.25);
 }
 
-TEST_F(KrEvaluate, ARecordingOfOneImageIsOne) {
+TEST_F(KrEvaluate, ARecordingOfOneImageIsEvaluated) {
     const Outcome outcome = evaluate(makeRecording(1), {"--out", path("out.jsonl")});
     EXPECT_EQ(outcome.exitCode, 0);
     EXPECT_EQ(readSeen("out.jsonl").size(), 1U);
 }
 
-TEST_F(KrEvaluate, AnMcapFileGivesTheSameAsTheRecordingThatItWasMadeFrom) {
+TEST_F(KrEvaluate, AnMcapFileGivesTheSameResultsAsItsRecording) {
     const std::string recording = makeRecording();
     ASSERT_EQ(kr({"video", "convert", recording, path("in.mcap"), "--compression", "lz4"}).exitCode, 0);
     EXPECT_EQ(evaluate(recording, {"--out", path("a.jsonl")}).exitCode, 0);
@@ -132,7 +132,7 @@ TEST_F(KrEvaluate, ResultsInAnMcapFileAreOnTheTopicsOfMemoryEventsAndAnnotations
     EXPECT_EQ(counts["/Probe/annotations"], kFrames);
 }
 
-TEST_F(KrEvaluate, SettingsAreMadeBeforeItStarts) {
+TEST_F(KrEvaluate, SettingsApplyBeforeItStarts) {
     const Outcome outcome =
         evaluate(makeRecording(), {"--set", "resolution=1", "--set", "offset=1000.0", "--call", "setWord",
                                    "one", "two", "--call", "setExitAt", "1000", "--out", path("out.jsonl")});
@@ -184,7 +184,7 @@ TEST_F(KrEvaluate, AModuleThatExitsIsReported) {
     EXPECT_THAT(outcome.err, HasSubstr("module Probe has exited by itself in frame "));
 }
 
-TEST_F(KrEvaluate, AModuleThatHangsIsLeftAfterCtrlC) {
+TEST_F(KrEvaluate, AModuleThatHangsIsAbandonedAfterCtrlC) {
     RunningProgram program({"evaluate", KR_PROBE_MODULE, makeRecording(), "--set", "hangAt=7"}, "hangs");
     ASSERT_TRUE(program.isUp());
     const Outcome outcome = program.stop(SIGINT);
@@ -192,13 +192,13 @@ TEST_F(KrEvaluate, AModuleThatHangsIsLeftAfterCtrlC) {
     EXPECT_THAT(outcome.err, HasSubstr("module Probe does not stop, in frame 7"));
 }
 
-TEST_F(KrEvaluate, AModuleThatIsNoVisionExtractorIsRefused) {
+TEST_F(KrEvaluate, AModuleThatIsNotAVisionExtractorIsRefused) {
     const Outcome outcome = kr({"evaluate", KR_FAILING_MODULE, makeRecording()});
     EXPECT_EQ(outcome.exitCode, 1);
     EXPECT_THAT(outcome.err, HasSubstr("subscribing to Failing failed: no such method"));
 }
 
-TEST_F(KrEvaluate, TheSameResultsAreNoDifference) {
+TEST_F(KrEvaluate, EqualResultsAreNoDifference) {
     const std::string recording = makeRecording();
     ASSERT_EQ(evaluate(recording, {"--out", path("expected.jsonl")}).exitCode, 0);
     const Outcome outcome = evaluate(recording, {"--against", path("expected.jsonl")});
@@ -206,7 +206,7 @@ TEST_F(KrEvaluate, TheSameResultsAreNoDifference) {
     EXPECT_THAT(outcome.out, HasSubstr("no difference from " + path("expected.jsonl")));
 }
 
-TEST_F(KrEvaluate, DifferencesAreShownWithBothValuesTheFirstTenOfThem) {
+TEST_F(KrEvaluate, TheFirstTenDifferencesAreShownWithBothValues) {
     const std::string recording = makeRecording();
     ASSERT_EQ(evaluate(recording, {"--out", path("expected.jsonl")}).exitCode, 0);
     const Outcome outcome = evaluate(recording, {"--against", path("expected.jsonl"), "--set", "offset=0.5"});
@@ -227,7 +227,7 @@ TEST_F(KrEvaluate, DifferencesAreShownWithBothValuesTheFirstTenOfThem) {
               1);
 }
 
-TEST_F(KrEvaluate, WhatIsMissingOrNewIsADifference) {
+TEST_F(KrEvaluate, MissingAndNewResultsAreDifferences) {
     const std::string shorter = write("shorter.oxv", make(38, 38));
     const std::string recording = makeRecording();
     ASSERT_EQ(evaluate(recording, {"--out", path("longer.jsonl")}).exitCode, 0);
@@ -242,7 +242,7 @@ TEST_F(KrEvaluate, WhatIsMissingOrNewIsADifference) {
                                  HasSubstr("5 values in 2 frames differ")));
 }
 
-TEST_F(KrEvaluate, AFileThatHoldsNoResultsIsRefused) {
+TEST_F(KrEvaluate, AFileWithoutResultsIsRefused) {
     const std::string recording = makeRecording();
     const auto refuses = [&](const std::string& text, const std::string& why) {
         const std::string expected = write("expected.jsonl", Bytes(text.begin(), text.end()));
@@ -258,7 +258,7 @@ TEST_F(KrEvaluate, AFileThatHoldsNoResultsIsRefused) {
     EXPECT_THAT(evaluate(recording, {"--against", path("none.jsonl")}).err, HasSubstr("cannot be read"));
 }
 
-TEST_F(KrEvaluate, ARecordingThatIsNoneIsRefused) {
+TEST_F(KrEvaluate, AFileThatIsNotARecordingIsRefused) {
     EXPECT_THAT(evaluate(path("none.oxv")).err, HasSubstr("none.oxv"));
     const Outcome outcome = evaluate(write("a.oxv", Bytes(1000, 'x')));
     EXPECT_EQ(outcome.exitCode, 1);
@@ -268,7 +268,7 @@ TEST_F(KrEvaluate, ARecordingThatIsNoneIsRefused) {
     EXPECT_THAT(evaluate(path("results.mcap")).err, HasSubstr("there is no topic with images in it"));
 }
 
-TEST_F(KrEvaluate, ATruncatedRecordingIsReadAsFarAsItIsWhole) {
+TEST_F(KrEvaluate, ATruncatedRecordingIsReadUpToItsLastCompleteFrame) {
     Bytes bytes = make(10, 10);
     bytes.resize(bytes.size() - 5);
     const Outcome outcome = evaluate(write("cut.oxv", bytes), {"--out", path("out.jsonl")});
@@ -277,10 +277,10 @@ TEST_F(KrEvaluate, ATruncatedRecordingIsReadAsFarAsItIsWhole) {
     EXPECT_EQ(readSeen("out.jsonl").size(), 9U);
 }
 
-TEST_F(KrEvaluate, AnMcapFileWithDamageIsReadAsFarAsItIsWhole) {
+TEST_F(KrEvaluate, OfADamagedMcapFileTheIntactChunksAreRead) {
     ASSERT_EQ(kr({"video", "convert", write("in.oxv", make(160, 160)), path("in.mcap")}).exitCode, 0);
     Bytes bytes = readAll(path("in.mcap"));
-    bytes[bytes.size() / 2] ^= 1U; // a pixel
+    bytes[bytes.size() / 2] ^= 1U; // of a pixel
     const Outcome outcome = evaluate(write("bad.mcap", bytes), {"--out", path("out.jsonl")});
     EXPECT_EQ(outcome.exitCode, 3);
     EXPECT_THAT(outcome.err, HasSubstr("CRC"));
@@ -298,7 +298,7 @@ TEST_F(KrEvaluate, AnMcapFileWithoutAReadableImageIsReported) {
                 AllOf(HasSubstr("CRC"), HasSubstr("there is no readable image of /camera/0/image")));
 }
 
-TEST_F(KrEvaluate, ADiskThatIsFullIsReported) {
+TEST_F(KrEvaluate, AFullDiskIsReported) {
     std::filesystem::create_symlink("/dev/full", path("full.jsonl"));
     std::filesystem::create_symlink("/dev/full", path("full.mcap"));
     for (const char* name : {"full.jsonl", "full.mcap"}) {
@@ -308,7 +308,7 @@ TEST_F(KrEvaluate, ADiskThatIsFullIsReported) {
     }
 }
 
-TEST_F(KrEvaluate, ACameraThatWasNotRecordedIsNamed) {
+TEST_F(KrEvaluate, AnUnrecordedCameraIsNamed) {
     Bytes bytes = make(3, 3, 2);
     for (unsigned frame = 0; frame < 3; ++frame) {
         for (unsigned stream = 0; stream < 2; ++stream) {

@@ -1,4 +1,4 @@
-// A module that looks like an extractor and fails or exits when asked to.
+// A module that looks like an extractor and fails or exits on request.
 
 #include <krplatform/krbroker.hpp>
 #include <krplatform/krmodule.hpp>

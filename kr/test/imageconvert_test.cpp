@@ -85,10 +85,10 @@ private:
     const TemporaryFolder folder_;
 };
 
-TEST_F(KrImageConvert, EveryColorSpaceComesOutInTheRightColoursInEveryFormat) {
+TEST_F(KrImageConvert, EveryColorSpaceGivesTheRightColoursInEveryFormat) {
     struct Case {
         int colorSpace;
-        int tolerance; // of a picture without loss
+        int tolerance; // for lossless formats
     };
     for (const Case& c : {Case{KR::kYUV422ColorSpace, 2}, Case{KR::kRgbColorSpace, 0},
                           Case{KR::kBgrColorSpace, 0}, Case{KR::kBgrxColorSpace, 0}}) {
@@ -106,7 +106,7 @@ TEST_F(KrImageConvert, EveryColorSpaceComesOutInTheRightColoursInEveryFormat) {
     }
 }
 
-TEST_F(KrImageConvert, ColoursAreThoseOfTheStandard) {
+TEST_F(KrImageConvert, ColoursFollowTheStandard) {
     // Levels of ITU-R BT.601: red, green, blue and grey.
     const Bytes yuv422 = {81, 90, 81, 240, 145, 54, 145, 34, 41, 240, 41, 110, 126, 128, 126, 128};
     const Bytes rgb = {254, 0, 0,   254, 0, 0,   0,   255, 1,   0,   255, 1,
@@ -122,7 +122,7 @@ TEST_F(KrImageConvert, ColoursAreThoseOfTheStandard) {
     EXPECT_EQ(Bytes(back.data.get(), back.data.get() + 16), yuv422);
 }
 
-TEST_F(KrImageConvert, APairOfPixelsHasTheirMeanColour) {
+TEST_F(KrImageConvert, APairOfPixelsHasItsMeanColour) {
     Picture pair;
     pair.width = 2;
     pair.height = 1;
@@ -131,7 +131,7 @@ TEST_F(KrImageConvert, APairOfPixelsHasTheirMeanColour) {
     EXPECT_EQ(Bytes(image.data.get(), image.data.get() + 4), (Bytes{81, 165, 41, 175}));
 }
 
-TEST_F(KrImageConvert, Yuv422ComesOutAsModulesSeeItIfAsked) {
+TEST_F(KrImageConvert, Yuv422CanBeWrittenAsModulesSeeIt) {
     KRImage image = makeImage(picture, KR::kYUV422ColorSpace);
     ASSERT_TRUE(image.writeFile(path("a.oxi").c_str()));
     Bytes bgr(picture.rgb.size());
@@ -144,7 +144,7 @@ TEST_F(KrImageConvert, Yuv422ComesOutAsModulesSeeItIfAsked) {
     }
 }
 
-TEST_F(KrImageConvert, LumaComesOutAsGreyFromBlackToWhite) {
+TEST_F(KrImageConvert, LumaBecomesGreyFromBlackToWhite) {
     KRImage luma(3, 1, KR::kLumaColorSpace, false, 0.0f, 0.0f, 0.0f, 0.0f);
     luma.data[0] = 16;
     luma.data[1] = 126;
@@ -158,7 +158,7 @@ TEST_F(KrImageConvert, LumaComesOutAsGreyFromBlackToWhite) {
     EXPECT_EQ(readPicture(path("b.png")).rgb, (Bytes{0, 0, 0, 128, 128, 128, 254, 254, 254}));
 }
 
-TEST_F(KrImageConvert, PicturesComeBackAsTheyWere) {
+TEST_F(KrImageConvert, PicturesSurviveTheRoundTrip) {
     for (const std::string format : {"ppm", "png"}) {
         writePicture(picture, path("a." + format));
         for (const std::string space : {"bgr", "rgb", "BGRx"}) {
@@ -191,7 +191,7 @@ TEST_F(KrImageConvert, APictureBecomesYuv422AndAGreyOneLuma) {
     EXPECT_LE(largestDifference(makePicture(image), grey), 2);
 }
 
-TEST_F(KrImageConvert, FromOxiToOxiKeepsWhatTheImageSaysOfItself) {
+TEST_F(KrImageConvert, FromOxiToOxiKeepsTheImagesProperties) {
     writeOxi("a.oxi", KR::kRgbColorSpace);
     EXPECT_EQ(convert("a.oxi", "b.oxi").exitCode, 0);
     EXPECT_EQ(readAll(path("b.oxi")), readAll(path("a.oxi")));
@@ -199,7 +199,7 @@ TEST_F(KrImageConvert, FromOxiToOxiKeepsWhatTheImageSaysOfItself) {
     EXPECT_EQ(readAll(path("b.oxi")), readAll(writeOxi("c.oxi", KR::kYUV422ColorSpace)));
 }
 
-TEST_F(KrImageConvert, TheLastOfAnOddNumberOfPixelsIsConvertedToo) {
+TEST_F(KrImageConvert, TheLastOfAnOddNumberOfPixelsIsConverted) {
     Picture odd;
     odd.width = 3;
     odd.height = 3;
@@ -214,7 +214,7 @@ TEST_F(KrImageConvert, TheLastOfAnOddNumberOfPixelsIsConvertedToo) {
     EXPECT_EQ(makePicture(yuv422).rgb, Bytes(27, 255));
 }
 
-TEST_F(KrImageConvert, TheLastOfAnOddNumberOfPixelsIsItsOwnPartner) {
+TEST_F(KrImageConvert, AnUnpairedLastPixelUsesItsOwnChromaOnly) {
     const Bytes yuv422 = {40, 77, 114, 151, 188, 225};
     KRImage odd(3, 1, KR::kYUV422ColorSpace, false, 0.0f, 0.0f, 0.0f, 0.0f);
     std::copy(yuv422.begin(), yuv422.end(), odd.data.get());
@@ -229,7 +229,7 @@ TEST_F(KrImageConvert, TheLastOfAnOddNumberOfPixelsIsItsOwnPartner) {
     EXPECT_EQ(makePicture(odd).rgb, expected);
 }
 
-TEST_F(KrImageConvert, WhatCannotBeConvertedIsReported) {
+TEST_F(KrImageConvert, UnconvertibleInputIsReported) {
     Picture odd;
     odd.width = 3;
     odd.height = 1;
@@ -277,14 +277,14 @@ TEST_F(KrImageConvert, WhatCannotBeConvertedIsReported) {
                                                             "ppm.ppm", "deep.ppm", "cut.png"));
 }
 
-TEST_F(KrImageConvert, AResultThatFailsLeavesWhatWasThere) {
+TEST_F(KrImageConvert, AFailedConversionLeavesTheOldFile) {
     writeAll(path("a.oxi"), {'1', 'I', 'X', 'O'});
     writeAll(path("a.png"), {1, 2, 3});
     EXPECT_EQ(convert("a.oxi", "a.png").exitCode, 1);
     EXPECT_EQ(readAll(path("a.png")), (Bytes{1, 2, 3}));
 }
 
-TEST_F(KrImageConvert, ADiskThatIsFullIsAFailure) {
+TEST_F(KrImageConvert, AFullDiskIsAFailure) {
     const std::string in = writeOxi("a.oxi", KR::kRgbColorSpace);
     for (const std::string format : {"oxi", "ppm", "png", "jpg"}) {
         std::filesystem::create_symlink("/dev/full", path("full." + format));
@@ -314,7 +314,7 @@ TEST_F(KrImageConvert, PpmHeadersMayHaveCommentsAndOtherMaxima) {
     EXPECT_EQ(result.rgb, (Bytes{0, 0, 0, 255, 255, 255}));
 }
 
-TEST_F(KrImageConvert, InfoShowsPicturesToo) {
+TEST_F(KrImageConvert, InfoAlsoShowsPictures) {
     writePicture(picture, path("a.png"));
     const Outcome outcome = kr({"image", "info", path("a.png")});
     EXPECT_EQ(outcome.exitCode, 0);
@@ -332,7 +332,7 @@ TEST_F(KrImageConvert, DumpShowsTheFieldsOfTheImage) {
     EXPECT_EQ(kr({"image", "dump", path("missing.oxi")}).exitCode, 1);
 }
 
-TEST_F(KrImageConvert, AJpegThatIsCutIsRefusedAndItsQualityIsAsAskedFor) {
+TEST_F(KrImageConvert, ATruncatedJpegIsRefusedAndTheQualityCanBeSet) {
     writePicture(picture, path("a.png"));
     EXPECT_EQ(convert("a.png", "good.jpg", {"--quality", "100"}).exitCode, 0);
     EXPECT_EQ(convert("a.png", "small.jpg", {"--quality", "1"}).exitCode, 0);

@@ -35,7 +35,7 @@ private:
     const TemporaryFolder folder_;
 };
 
-TEST_F(KrImageInfo, ShowsWhatTheFileSays) {
+TEST_F(KrImageInfo, ShowsTheHeader) {
     const std::string file = write("a.oxi");
     const Outcome run = kr({"image", "info", file});
     EXPECT_EQ(run.exitCode, 0);
@@ -65,7 +65,7 @@ TEST_F(KrImageInfo, ShowsTheSameAsJson) {
     EXPECT_EQ(json[1]["problems"].size(), 0u);
 }
 
-TEST_F(KrImageInfo, AFileOfAnotherKindFailsAndTheOthersAreShown) {
+TEST_F(KrImageInfo, AFileOfAnotherKindFailsButTheOthersAreShown) {
     const std::string file = write("a.oxi");
     writeAll(path("other"), Bytes(100, 'x'));
     writeAll(path("short"), {'1', 'I', 'X', 'O', 0});
@@ -78,7 +78,7 @@ TEST_F(KrImageInfo, AFileOfAnotherKindFailsAndTheOthersAreShown) {
     EXPECT_THAT(run.out, HasSubstr(file));
 }
 
-TEST_F(KrImageInfo, TellsWhatIsWrong) {
+TEST_F(KrImageInfo, ReportsProblems) {
     Bytes bytes = readAll(write("a.oxi"));
     bytes[12] = 3; // layers
     writeAll(path("layers.oxi"), bytes);
@@ -91,7 +91,7 @@ TEST_F(KrImageInfo, TellsWhatIsWrong) {
     EXPECT_THAT(run.err, HasSubstr("no image has 1879048512x240 pixels of 3 bytes"));
 }
 
-// Of a chunk of a png file: length, type, data, and a checksum that nobody checks here.
+// Appends a chunk of a png file: length, type, data, and a checksum that nothing checks here.
 void appendChunk(Bytes& png, const std::string& type, const Bytes& data) {
     const auto size = static_cast<std::uint32_t>(data.size());
     for (const unsigned shift : {24, 16, 8, 0}) {
@@ -113,7 +113,7 @@ Bytes makePng(unsigned char depth, unsigned char colorType, std::size_t compress
 
 constexpr long kMuchMemory_kB = 300000; // much less than the pixels of such pictures
 
-TEST_F(KrImageInfo, APngThatCannotHoldItsPixelsIsRefusedBeforeMemoryIsTaken) {
+TEST_F(KrImageInfo, APngTooShortForItsPixelsIsRefusedBeforeAllocation) {
     writeAll(path("a.png"), makePng(8, 2, 5));
     for (const std::vector<std::string>& verb : std::vector<std::vector<std::string>>{
              {"image", "info", path("a.png")}, {"image", "convert", path("a.png"), path("a.oxi")}}) {
@@ -125,14 +125,14 @@ TEST_F(KrImageInfo, APngThatCannotHoldItsPixelsIsRefusedBeforeMemoryIsTaken) {
 }
 
 TEST_F(KrImageInfo, OnlyTheHeaderOfALargePictureIsRead) {
-    writeAll(path("a.png"), makePng(1, 0, 66000)); // which could be all of one colour
+    writeAll(path("a.png"), makePng(1, 0, 66000)); // enough if all pixels have one colour
     const Outcome run = kr({"image", "info", path("a.png")});
     EXPECT_EQ(run.exitCode, 0) << run.err;
     EXPECT_THAT(run.out, HasSubstr("format        png, grey\n  size          23170x23170 pixels\n"));
     EXPECT_LT(run.peakMemory_kB, kMuchMemory_kB);
 }
 
-TEST_F(KrImageInfo, APictureThatIsCutIsReported) {
+TEST_F(KrImageInfo, ATruncatedPictureIsReported) {
     Bytes png = makePng(1, 0, 66000);
     png.resize(png.size() - 12);
     writeAll(path("a.png"), png);
@@ -145,7 +145,7 @@ TEST_F(KrImageInfo, APictureThatIsCutIsReported) {
     EXPECT_THAT(kr({"image", "info", path("a.jpg")}).err, HasSubstr("a.jpg: ends within the pixels\n"));
 }
 
-TEST_F(KrImageInfo, AJpegThatCannotHoldItsPixelsIsRefusedBeforeMemoryIsTaken) {
+TEST_F(KrImageInfo, AJpegTooShortForItsPixelsIsRefusedBeforeAllocation) {
     ASSERT_EQ(kr({"image", "convert", write("a.oxi"), path("a.jpg")}).exitCode, 0);
     Bytes jpeg = readAll(path("a.jpg"));
     const Bytes frame = {0xFF, 0xC0, 0, 17, 8}; // of a baseline jpeg, then height and width

@@ -25,7 +25,7 @@ using testing::StartsWith;
 
 class KrLog : public KrSystem {};
 
-TEST_F(KrLog, EveryLineOfAProgramHasTheFormThatIsAskedFor) {
+TEST_F(KrLog, EveryLineOfAProgramHasTheRequestedForm) {
     RunningProgram server(onDomain({"serve", "--log-format", "json"}), "serving on");
     ASSERT_TRUE(server.isUp()) << server.readErr();
     RunningProgram journal(onDomain({"run", KR_MOTION_LIBRARY, "--log-format", "journal"}), "KRMotion runs");
@@ -61,14 +61,14 @@ TEST_F(KrLog, TheEnvironmentAndTheFileOfASystemChooseTheForm) {
            "modules: [{library: " KR_CRASHING_MODULE ", name: Beside, process: own}]\n";
     RunningProgram file({"serve", folder.path("robot.yaml")}, "<6>kr: serving on");
     ASSERT_TRUE(file.isUp()) << file.readErr();
-    EXPECT_TRUE(file.waitFor("<6>kr: module Beside runs")) << "a process beside it logs in the same form";
+    EXPECT_TRUE(file.waitFor("<6>kr: module Beside runs")) << "its child process logs in the same form";
     EXPECT_THAT(file.readErr(), Not(HasSubstr("krdds: broker"))) << "the level";
     EXPECT_THAT(krOnDomain({"log", "--module", "Beside"}).out, HasSubstr("warning,kr.serve=info"));
     RunningProgram verbose({"serve", folder.path("robot.yaml"), "--log-format", "text", "--log-level",
                             "error", "--broker", domain_.getUrl()},
                            "KRMemory");
     EXPECT_THAT(verbose.wait().err, StartsWith("kr: "))
-        << "the command line counts more; the domain has a memory";
+        << "the command line takes precedence; the domain has a memory";
 }
 
 TEST_F(KrLog, WatchPrintsTheLogsOfAllProcesses) {
@@ -81,7 +81,7 @@ TEST_F(KrLog, WatchPrintsTheLogsOfAllProcesses) {
                             "watching");
     ASSERT_TRUE(watch.isUp() && filtered.isUp());
     const auto logs = [&](const RunningProgram& program, const std::string& sign) {
-        return eventually([&] { // what is logged before the first look is not shown
+        return eventually([&] { // lines from before the first poll are not shown
             krOnDomain({"log", "info", "--module", "Here"});
             krOnDomain({"log", "info", "--module", "There"});
             return program.readOut().find(sign) != std::string::npos;
@@ -90,7 +90,7 @@ TEST_F(KrLog, WatchPrintsTheLogsOfAllProcesses) {
     EXPECT_TRUE(logs(watch, "process " + std::to_string(server.getPid()) + " (kr) on ")) << watch.readErr();
     EXPECT_TRUE(logs(watch, "  info krplatform.module: There was asked to log info")) << watch.readOut();
     EXPECT_THAT(watch.readOut(), HasSubstr("process " + std::to_string(other.getPid())));
-    EXPECT_THAT(watch.readOut(), Not(HasSubstr("is on DDS domain"))) << "that was before";
+    EXPECT_THAT(watch.readOut(), Not(HasSubstr("is on DDS domain"))) << "logged before";
     EXPECT_EQ(filtered.readOut(), "");
 
     const Outcome kept =
@@ -104,11 +104,11 @@ TEST_F(KrLog, WatchPrintsTheLogsOfAllProcesses) {
                 StartsWith("process " + std::to_string(other.getPid())));
 
     RunningProgram late(onDomain({"run", KR_MOTION_LIBRARY, "--name", "Late"}), "Late runs");
-    EXPECT_TRUE(watch.waitFor("process " + std::to_string(late.getPid()))) << "a process that comes later";
+    EXPECT_TRUE(watch.waitFor("process " + std::to_string(late.getPid()))) << "a process started later";
     EXPECT_EQ(watch.stop(SIGINT).exitCode, 0);
 }
 
-TEST_F(KrLog, AFrozenProcessDoesNotHoldUpTheOthers) {
+TEST_F(KrLog, AFrozenProcessDoesNotDelayTheOthers) {
     RunningProgram server = serve();
     RunningProgram frozen(onDomain({"run", KR_MOTION_LIBRARY, "--name", "Frozen"}), "Frozen runs");
     ASSERT_TRUE(server.isUp() && frozen.isUp());

@@ -60,7 +60,7 @@ TEST_F(KrManual, HasAnExampleOfEachVerb) {
     EXPECT_GT(verbs, 10);
 }
 
-TEST_F(KrManual, LeavesHiddenVerbsOut) {
+TEST_F(KrManual, LeavesOutHiddenVerbs) {
     EXPECT_FALSE(std::filesystem::exists(folder_.path("man/kr-complete.1")));
     EXPECT_THAT(kr({"manual", "table"}).out,
                 AllOf(HasSubstr("kr completion"), Not(HasSubstr("kr complete "))));
@@ -75,7 +75,7 @@ TEST_F(KrManual, TheDocumentationListsTheVerbsOfThisProgram) {
 }
 #endif
 
-TEST_F(KrManual, NoLineOfAPageIsTakenForACommandOfTheFormatter) {
+TEST_F(KrManual, NoLineOfTextIsAFormatterCommand) {
     for (const auto& entry : std::filesystem::directory_iterator(folder_.path("man"))) {
         const Bytes bytes = readAll(entry.path());
         std::string line;

@@ -1,4 +1,4 @@
-// kr new: what it refuses, and what it writes. newproject_test.cpp builds and runs that.
+// kr new: what it refuses and what it writes. newproject_test.cpp builds and runs the result.
 
 #include "program.hpp"
 #include "temporaryfolder.hpp"
@@ -50,7 +50,7 @@ TEST_F(KrNew, FillsInTheNamesEverywhere) {
     EXPECT_NE(rights & std::filesystem::perms::owner_exec, std::filesystem::perms::none);
 }
 
-TEST_F(KrNew, LeavesAFolderThatExistsAlone) {
+TEST_F(KrNew, DoesNotTouchAnExistingFolder) {
     std::filesystem::create_directory(folder_.path("ball"));
     const Outcome outcome = kr({"new", "ball"});
     EXPECT_EQ(outcome.exitCode, 1);
@@ -58,9 +58,9 @@ TEST_F(KrNew, LeavesAFolderThatExistsAlone) {
     EXPECT_TRUE(std::filesystem::is_empty(folder_.path("ball")));
 }
 
-TEST_F(KrNew, LeavesNothingWhereItCannotWrite) {
+TEST_F(KrNew, LeavesNothingIfItCannotWrite) {
     if (::geteuid() == 0) {
-        // Root may write anywhere but here.
+        // The only place where not even root may write.
         std::filesystem::current_path("/proc");
     } else {
         std::filesystem::permissions(folder_.path(""), std::filesystem::perms::owner_read);

@@ -37,7 +37,7 @@ namespace {
 using namespace KR::test;
 using testing::HasSubstr;
 
-/// \return exit code and everything that the command wrote
+/// \return exit code and all output of the command
 Outcome run(std::vector<std::string> command) {
     const detail::File out = detail::makeTemporaryFile();
     const pid_t process = start(std::move(command), ::fileno(out.get()), ::fileno(out.get()));
@@ -56,7 +56,7 @@ Installation::Installation() {
 
 class KrNewProject : public KrSystem {
 protected:
-    /// Writes the project, builds it and runs its tests, as somebody does who reads its README.
+    /// Writes the project, builds it and runs its tests, like somebody who reads its README.
     void make(const std::string& name, const std::vector<std::string>& options = {}) const {
         std::vector<std::string> arguments{"new", name};
         arguments.insert(arguments.end(), options.begin(), options.end());
@@ -67,7 +67,7 @@ protected:
         ASSERT_EQ(tested.exitCode, 0) << tested.out;
         ASSERT_THAT(tested.out, HasSubstr("100% tests passed"));
     }
-    /// The same in Python, that of the system, where names have "_" for "-".
+    /// The same in Python, with the system's interpreter; names have "_" for "-".
     void makeInPython(const std::string& name, const std::string& kind) const {
         ASSERT_EQ(kr({"new", name, "--python", kind}).exitCode, 0);
         ::setenv("PATH", (path("prefix/bin:/usr/bin:") + std::getenv("PATH")).c_str(), 1);
@@ -76,7 +76,7 @@ protected:
         ASSERT_EQ(tested.exitCode, 0) << tested.out;
         ASSERT_THAT(tested.out, HasSubstr(" passed"));
     }
-    /// An extractor RedBall works in kr run beside kr serve.
+    /// An extractor RedBall works in kr run with kr serve.
     void expectToRun(const std::string& module) const {
         const RunningProgram serving = serve({"--camera", "0=test:smpte"});
         RunningProgram running(onDomain({"run", path(module), "--subscribe", "RedBall"}),
@@ -84,7 +84,7 @@ protected:
         ASSERT_TRUE(running.isUp()) << running.readErr();
         EXPECT_THAT(
             krOnDomain({"memory", "watch", "RedBall/Brightness", "--count", "2", "--seconds", "30"}).out,
-            testing::ContainsRegex("RedBall/Brightness +1[0-9][0-9]")); // after the empty list at the start
+            testing::ContainsRegex("RedBall/Brightness +1[0-9][0-9]")); // follows the initial empty list
         EXPECT_EQ(running.stop().exitCode, 0) << running.readErr();
     }
     static std::string path(const std::string& name) { return Installation::get().path(name); }

@@ -18,7 +18,7 @@ namespace fs = std::filesystem;
 using test::Bytes;
 using testing::HasSubstr;
 
-/// Gives up the rights of root, if the test has them, until it goes.
+/// Drops the rights of root, if the test has them, while this object exists.
 class OrdinaryUser {
 public:
     OrdinaryUser() {
@@ -41,20 +41,20 @@ private:
 
 TEST(KrOutputFile, DoesNotReplaceAFileThatMayNotBeWritten) {
     const test::TemporaryFolder folder;
-    fs::permissions(folder.path(""), fs::perms::all); // the folder would allow it
+    fs::permissions(folder.path(""), fs::perms::all); // the folder allows it
     const std::string path = folder.path("protected.oxi");
     test::writeAll(path, {1, 2, 3});
     fs::permissions(path, fs::perms::owner_read | fs::perms::group_read | fs::perms::others_read);
     const OrdinaryUser user;
     try {
         const OutputFile out(path, "");
-        FAIL() << "it would be replaced";
+        FAIL() << "the file would be replaced";
     } catch (const std::runtime_error& error) {
         EXPECT_THAT(error.what(), HasSubstr("protected.oxi cannot be written: Permission denied"));
     }
 }
 
-TEST(KrOutputFile, KeepsThePermissionsOfTheFileThatItReplaces) {
+TEST(KrOutputFile, KeepsThePermissionsOfTheReplacedFile) {
     const test::TemporaryFolder folder;
     const std::string path = folder.path("private.oxi");
     test::writeAll(path, {1});

@@ -1,4 +1,4 @@
-// kr param, and the parameters that kr run and kr serve give
+// kr param, and parameters given to kr run and kr serve
 
 #include "krsystem.hpp"
 #include "temporaryfolder.hpp"
@@ -60,7 +60,7 @@ TEST_F(KrParam, ShowsSetsAndReadsTheParametersOfAnotherProcess) {
     EXPECT_EQ(list[5]["maximum"], 1.0);
 }
 
-TEST_F(KrParam, SaysWhyAParameterIsNotSet) {
+TEST_F(KrParam, ReportsWhyAParameterIsRefused) {
     RunningProgram server = serve({"--run", KR_MOTION_LIBRARY});
     ASSERT_TRUE(server.isUp()) << server.readErr();
     const auto fail = [&](const std::string& name, const std::string& value) {
@@ -81,7 +81,7 @@ TEST_F(KrParam, SaysWhyAParameterIsNotSet) {
     EXPECT_THAT(unknown.err, HasSubstr("KRMotion has no parameter treshold; parameters are camera"));
 }
 
-TEST_F(KrParam, LoadsWhatItHasSaved) {
+TEST_F(KrParam, LoadsWhatItSaved) {
     RunningProgram server = serve({"--run", "Left=" KR_MOTION_LIBRARY, "--run", "Right=" KR_MOTION_LIBRARY});
     ASSERT_TRUE(server.isUp()) << server.readErr();
     ASSERT_EQ(krOnDomain({"param", "set", "Left", "threshold", "0.5"}).exitCode, 0);
@@ -102,7 +102,7 @@ TEST_F(KrParam, LoadsWhatItHasSaved) {
     EXPECT_EQ(read(file).size(), 1U);
 }
 
-TEST_F(KrParam, AFileWithMistakesIsNotApplied) {
+TEST_F(KrParam, AFileWithErrorsIsNotApplied) {
     RunningProgram server = serve({"--run", KR_MOTION_LIBRARY});
     ASSERT_TRUE(server.isUp()) << server.readErr();
     const std::string file = write(
@@ -124,7 +124,7 @@ TEST_F(KrParam, AFileWithMistakesIsNotApplied) {
                 HasSubstr("missing.json: No such file"));
 }
 
-TEST_F(KrParam, WhatAModuleRefusesIsReportedAndTheRestIsSet) {
+TEST_F(KrParam, RefusedValuesAreReportedAndTheRestIsSet) {
     RunningProgram server = serve({"--run", KR_MOTION_LIBRARY});
     ASSERT_TRUE(server.isUp()) << server.readErr();
     const std::string file =
@@ -135,7 +135,7 @@ TEST_F(KrParam, WhatAModuleRefusesIsReportedAndTheRestIsSet) {
     EXPECT_EQ(get("KRMotion", "threshold"), "0.5\n");
 }
 
-TEST_F(KrParam, ModulesBeginWithTheValuesOfTheCommandLine) {
+TEST_F(KrParam, ModulesStartWithTheValuesOfTheCommandLine) {
     RunningProgram server = serve({"--camera", "0=test", "--camera", "1=test"});
     ASSERT_TRUE(server.isUp()) << server.readErr();
     const std::string file = write(folder_.path("robot.json"),
@@ -145,19 +145,19 @@ TEST_F(KrParam, ModulesBeginWithTheValuesOfTheCommandLine) {
                         "module Door runs");
     ASSERT_TRUE(host.isUp()) << host.readErr();
     EXPECT_THAT(host.readErr(), HasSubstr("robot.json: left out what is for Other, not hosted here"));
-    EXPECT_EQ(get("Door", "threshold"), "0.25\n") << "--param counts more than the file";
+    EXPECT_EQ(get("Door", "threshold"), "0.25\n") << "--param takes precedence over the file";
     EXPECT_EQ(get("Door", "camera"), "1\n");
     EXPECT_EQ(get("Door", "colorSpace"), "\"luma\"\n");
 }
 
-TEST_F(KrParam, AModuleCanBeGivenItsCameraBeforeThereIsAService) {
+TEST_F(KrParam, TheCameraCanBeSetBeforeTheServiceExists) {
     const auto broker = domain_.createBroker("lease=30&memory=here");
     RunningProgram host(onDomain({"run", KR_MOTION_LIBRARY, "--param", "camera=1"}), "module KRMotion runs");
     ASSERT_TRUE(host.isUp()) << host.readErr();
     EXPECT_EQ(get("KRMotion", "camera"), "1\n");
 }
 
-TEST_F(KrParam, NoModuleRunsWithOtherValuesThanAskedFor) {
+TEST_F(KrParam, NoModuleRunsWithoutTheRequestedValues) {
     const auto broker = domain_.createBroker("lease=30&memory=here");
     const Outcome outcome =
         krOnDomain({"run", KR_MOTION_LIBRARY, "--param", "threshold=7", "--param", "size=3"});
@@ -189,7 +189,7 @@ TEST_F(KrParam, WithSeveralModulesAParameterNeedsTheNameOfItsModule) {
     EXPECT_THAT(refuse("A.threshold"), HasSubstr("is not NAME=VALUE"));
 }
 
-TEST_F(KrParam, AChangeCanBeWatchedAsAnEvent) {
+TEST_F(KrParam, ChangesCanBeWatchedAsEvents) {
     RunningProgram server = serve({"--run", KR_MOTION_LIBRARY});
     ASSERT_TRUE(server.isUp()) << server.readErr();
     RunningProgram watch(onDomain({"event", "watch", "KRMotion/ParameterChanged", "--count", "2"}),
@@ -200,7 +200,8 @@ TEST_F(KrParam, AChangeCanBeWatchedAsAnEvent) {
     EXPECT_THAT(watch.wait().out,
                 AllOf(HasSubstr("KRMotion/ParameterChanged [\"threshold\",0.5]\n"),
                       HasSubstr("KRMotion/ParameterChanged [\"resolution\",\"640x480\"]\n")));
-    EXPECT_EQ(krOnDomain({"call", "KRMotion", "isProcessing"}).out, "0\n") << "watching starts nothing";
+    EXPECT_EQ(krOnDomain({"call", "KRMotion", "isProcessing"}).out, "0\n")
+        << "watching does not start the module";
 }
 
 TEST_F(KrParam, CompletesParametersAndTheirChoices) {

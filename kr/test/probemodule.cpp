@@ -1,4 +1,4 @@
-// A vision extractor that says of each image what it has seen, and does what the test of kr evaluate asks it to.
+// A vision extractor that reports what it saw of each image, and misbehaves as the tests of kr evaluate request.
 
 #include <krplatform/krbroker.hpp>
 #include <krplatform/krclock.hpp>
@@ -16,8 +16,8 @@
 
 namespace {
 
-/// Writes NAME/Seen = [images so far, a byte of the image, its time as the broker's clock has it, precision, width, word] and
-/// NAME/Annotations, and raises NAME/Tenth with each tenth image.
+/// Writes NAME/Seen = [images so far, a byte of the image, its time by the broker's clock, precision, width, word]
+/// and NAME/Annotations, and raises NAME/Tenth at each tenth image.
 class Probe : public KR::KRVisionExtractor {
 public:
     Probe(boost::shared_ptr<KR::KRBroker> broker, const std::string& name)

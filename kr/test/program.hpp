@@ -46,7 +46,7 @@ inline std::string readFromStart(std::FILE* file) {
 
 } // namespace detail
 
-/// Starts a program with its output and errors going to these files. \return its process
+/// Starts a program with output and errors going to these files. \return its process
 inline pid_t start(std::vector<std::string> command, int out, int err) {
     std::vector<char*> arguments;
     for (std::string& argument : command) {
@@ -75,7 +75,7 @@ inline Outcome kr(std::vector<std::string> arguments) {
     int status = 0;
     rusage usage{};
     if (::wait4(process, &status, 0, &usage) != process) {
-        throw std::runtime_error("a process got lost");
+        throw std::runtime_error("a process was lost");
     }
     return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, detail::readFromStart(out.get()),
             detail::readFromStart(err.get()), usage.ru_maxrss};

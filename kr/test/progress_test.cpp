@@ -34,7 +34,7 @@ private:
     std::optional<Progress> progress_;
 };
 
-TEST_F(ProgressLine, IsNotShownForWorkOfLessThanASecond) {
+TEST_F(ProgressLine, IsNotShownInTheFirstSecond) {
     begin(100);
     advance(500ms, 50);
     advance(499ms, 50);
@@ -58,13 +58,13 @@ TEST_F(ProgressLine, ShowsMinutesAndHours) {
     EXPECT_THAT(shown(), EndsWith("5 frames/s, 55 h 33 min left"));
 }
 
-TEST_F(ProgressLine, OfUnknownLengthHasNoBar) {
+TEST_F(ProgressLine, WithUnknownLengthHasNoBar) {
     begin(0);
     advance(2s, 250);
     EXPECT_EQ(shown(), "\r\033[K250 frames, 125 frames/s");
 }
 
-TEST_F(ProgressLine, IsDrawnAtMostTenTimesASecond) {
+TEST_F(ProgressLine, IsDrawnAtMostTenTimesPerSecond) {
     begin(1000);
     advance(2s, 250);
     const std::string once = shown();
@@ -74,7 +74,7 @@ TEST_F(ProgressLine, IsDrawnAtMostTenTimesASecond) {
     EXPECT_THAT(shown(), HasSubstr("252 of 1000"));
 }
 
-TEST_F(ProgressLine, IsGoneAtTheEnd) {
+TEST_F(ProgressLine, IsErasedAtTheEnd) {
     begin(1000);
     advance(2s, 1000);
     end();

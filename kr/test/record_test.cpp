@@ -21,7 +21,7 @@ namespace {
 using testing::AllOf;
 using testing::HasSubstr;
 
-/// Messages of each topic.
+/// The number of messages per topic.
 std::map<std::string, int> countMessages(const std::string& path) {
     KRMcapReader reader(path);
     std::map<std::string, int> counts;
@@ -56,7 +56,7 @@ TEST_F(KrRecord, RecordsCamerasValuesAndEvents) {
     ASSERT_TRUE(server.isUp()) << server.readErr();
     EXPECT_EQ(krOnDomain({"memory", "set", "Before", "1"}).exitCode, 0);
     RunningProgram recorder = record({"--all"});
-    ASSERT_TRUE(recorder.waitFor("1 values")) << recorder.readOut() << recorder.readErr(); // that was there
+    ASSERT_TRUE(recorder.waitFor("1 values")) << recorder.readOut() << recorder.readErr(); // the existing one
     EXPECT_EQ(krOnDomain({"memory", "set", "Door", "0.5"}).exitCode, 0);
     EXPECT_EQ(krOnDomain({"event", "raise", "Bell", "[1, \"rings\"]"}).exitCode, 0);
     ASSERT_TRUE(recorder.waitFor("2 values  1 events")) << recorder.readOut() << recorder.readErr();
@@ -72,7 +72,7 @@ TEST_F(KrRecord, RecordsCamerasValuesAndEvents) {
     EXPECT_TRUE(KRMcapReader(path("out.mcap")).isIndexed());
 }
 
-TEST_F(KrRecord, RecordsWhatWasAskedForOnly) {
+TEST_F(KrRecord, RecordsOnlyTheSelection) {
     RunningProgram server = serve({"--camera", "0=test:ball"});
     ASSERT_TRUE(server.isUp()) << server.readErr();
     RunningProgram recorder = record({"--memory", "Door/", "--event", "Bell"});
@@ -128,7 +128,7 @@ TEST_F(KrRecord, SplitsIntoARingOfFiles) {
     }
 }
 
-TEST_F(KrRecord, GoesOnAfterTheServicesHaveBeenAway) {
+TEST_F(KrRecord, ContinuesAfterTheServicesWereAway) {
     std::optional<RunningProgram> server;
     server.emplace(onDomain({"serve", "--camera", "0=test:ball"}), "serving on");
     ASSERT_TRUE(server->isUp()) << server->readErr();
@@ -150,7 +150,7 @@ TEST_F(KrRecord, GoesOnAfterTheServicesHaveBeenAway) {
     EXPECT_EQ(counts["/memory/Second"], 1);
 }
 
-TEST_F(KrRecord, WaitsForServicesThatComeLater) {
+TEST_F(KrRecord, WaitsForServicesThatStartLater) {
     RunningProgram recorder = record({"--camera", "0"});
     ASSERT_TRUE(recorder.isUp());
     RunningProgram server = serve({"--camera", "0=test:ball"});
@@ -170,7 +170,7 @@ TEST_F(KrRecord, WrongUsageIsRefused) {
     refuses({"record", path("a.mcap"), "--camera", "x"}, "whole number");
 }
 
-TEST_F(KrRecord, ADiskThatIsFullIsReported) {
+TEST_F(KrRecord, AFullDiskIsReported) {
     std::filesystem::create_symlink("/dev/full", path("full.mcap"));
     const Outcome outcome = krOnDomain({"record", path("full.mcap"), "--all"});
     EXPECT_EQ(outcome.exitCode, 1);
@@ -184,7 +184,7 @@ tool::Recorded makeValue(const std::string& key, std::size_t bytes) {
             .time = 0};
 }
 
-TEST(RecordQueue, CountsWhatDoesNotFit) {
+TEST(RecordQueue, CountsEntriesThatDoNotFit) {
     tool::RecordQueue queue(100'000);
     for (int i = 0; i < 5; ++i) {
         queue.offer(makeValue("a", 30'000));
@@ -200,7 +200,7 @@ TEST(RecordQueue, CountsWhatDoesNotFit) {
     EXPECT_EQ(queue.getCounts().at("/memory/b").came, 1U);
 }
 
-TEST(RecordQueue, TakesOneThatIsTooLargeWhenNothingWaits) {
+TEST(RecordQueue, AcceptsATooLargeEntryWhenEmpty) {
     tool::RecordQueue queue(100);
     queue.offer(makeValue("a", 30'000));
     queue.offer(makeValue("a", 1));
@@ -208,7 +208,7 @@ TEST(RecordQueue, TakesOneThatIsTooLargeWhenNothingWaits) {
     EXPECT_EQ(queue.getCounts().at("/memory/a").missed, 1U);
 }
 
-TEST(RecordQueue, IsEmptiedAfterItWasClosed) {
+TEST(RecordQueue, CanBeEmptiedAfterItsEnd) {
     tool::RecordQueue queue(100'000);
     queue.offer(makeValue("a", 1));
     queue.close();

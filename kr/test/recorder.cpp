@@ -1,5 +1,5 @@
-// Records until it is killed: RESOLUTION STREAMS PATH. Standard output is a file whose first 4 bytes tell, at any
-// moment, how many chunks the recorder has finished with.
+// Records until killed: RESOLUTION STREAMS PATH. Standard output is a file whose first 4 bytes hold, at any moment,
+// how many chunks the recorder has finished.
 
 #include "oxvfile.hpp"
 

@@ -12,7 +12,7 @@
 
 namespace KR::test {
 
-constexpr std::size_t kChunk = 160 * 120; // of a stream of luma
+constexpr std::size_t kChunk = 160 * 120; // of a luma stream
 constexpr std::uint32_t kNeverClosed = 0xFFFFFFFF;
 
 /// A folder with recordings of streams of 160x120 luma.

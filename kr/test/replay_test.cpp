@@ -27,7 +27,7 @@ class KrReplay : public KrSystem {
 protected:
     static constexpr std::int64_t kBeginning_usec = 1'500'000'000'000'000;
 
-    /// A second of two cameras at 20 images per second, with a value and an event with each tenth image of camera 1.
+    /// A second of two cameras at 20 images per second, with a value and an event at each tenth image of camera 1.
     std::string makeRecording() const {
         const std::string path = folder_.path("in.mcap");
         KRMcapWriter writer(path);
@@ -62,7 +62,7 @@ private:
     const TemporaryFolder folder_;
 };
 
-TEST_F(KrReplay, IsTheRecordedSystem) {
+TEST_F(KrReplay, ReplaysTheRecordedSystem) {
     RunningProgram replayed = replay({makeRecording(), "--loop"});
     ASSERT_TRUE(replayed.isUp()) << replayed.readErr();
     EXPECT_THAT(replayed.readErr(), HasSubstr("/other is not replayed"));
@@ -98,7 +98,7 @@ TEST_F(KrReplay, ReplaysAnOxvFile) {
     EXPECT_EQ(replayed.stop().exitCode, 0);
 }
 
-TEST_F(KrReplay, ReplaysTheTopicsThatWereAsked) {
+TEST_F(KrReplay, ReplaysTheSelectedTopics) {
     RunningProgram replayed = replay({makeRecording(), "--loop", "--only", "/memory/Door"});
     ASSERT_TRUE(replayed.isUp()) << replayed.readErr();
     EXPECT_TRUE(eventually([&] { return krOnDomain({"memory", "get", "Door"}).exitCode == 0; }));
@@ -106,7 +106,7 @@ TEST_F(KrReplay, ReplaysTheTopicsThatWereAsked) {
     EXPECT_EQ(replayed.stop().exitCode, 0);
 }
 
-TEST_F(KrReplay, WhatIsNotThereIsNamed) {
+TEST_F(KrReplay, MissingTopicsAndTimesAreNamed) {
     const std::string recording = makeRecording();
     const auto refuses = [&](std::vector<std::string> options, const std::string& why) {
         options.insert(options.begin(), {"replay", recording});
@@ -148,7 +148,7 @@ public:
     TerminalProgram& operator=(const TerminalProgram&) = delete;
 
     void press(char key) const { EXPECT_EQ(::write(terminal_, &key, 1), 1); }
-    /// Reads until the text comes. \return whether it came
+    /// Reads until the text appears. \return whether it appeared
     [[nodiscard]] bool waitFor(const std::string& text) {
         return eventually([&] {
             pollfd input{terminal_, POLLIN, 0};

@@ -34,7 +34,7 @@ protected:
     std::string call(const std::string& module, const std::string& method) const {
         return krOnDomain({"call", module, method}).out;
     }
-    /// The process of a module that crashes; waits until it is there.
+    /// The process of a module that crashes; waits until it exists.
     std::string processOf(const std::string& module) const {
         std::string process;
         EXPECT_TRUE(eventually([&] {
@@ -54,7 +54,7 @@ protected:
     const std::string file_ = folder_.path("robot.yaml");
 };
 
-TEST_F(KrRobot, ServesWhatTheFileSays) {
+TEST_F(KrRobot, ServesTheSystemOfTheFile) {
     RunningProgram server =
         serveFile("cameras:\n"
                   "  - test:ball\n"
@@ -83,11 +83,11 @@ TEST_F(KrRobot, ServesWhatTheFileSays) {
     EXPECT_EQ(cameras[1]["source"], "test:smpte");
     const Outcome ended = server.stop();
     EXPECT_EQ(ended.exitCode, 0) << ended.err;
-    EXPECT_THAT(ended.err, Not(HasSubstr("did not come down")));
-    EXPECT_EQ(krOnDomain({"module", "list"}).out, "") << "the process beside it has ended, too";
+    EXPECT_THAT(ended.err, Not(HasSubstr("did not shut down")));
+    EXPECT_EQ(krOnDomain({"module", "list"}).out, "") << "its child process has ended, too";
 }
 
-TEST_F(KrRobot, AModuleThatCrashesInItsProcessIsStartedAgainAfterAGrowingPause) {
+TEST_F(KrRobot, AModuleThatCrashesItsProcessIsRestartedAfterAGrowingPause) {
     RunningProgram server = serveFile("modules:\n  - {library: " KR_CRASHING_MODULE
                                       ", name: Beside, process: own, parameters: {size: 7}}\n");
     ASSERT_TRUE(server.isUp()) << server.readErr();
@@ -105,7 +105,7 @@ TEST_F(KrRobot, AModuleThatCrashesInItsProcessIsStartedAgainAfterAGrowingPause) 
     EXPECT_EQ(server.stop().exitCode, 0);
 }
 
-TEST_F(KrRobot, AModuleThatFailsOrExitsInThisProcessIsStartedAgain) {
+TEST_F(KrRobot, AModuleThatFailsOrExitsInThisProcessIsRestarted) {
     RunningProgram server = serveFile("modules:\n  - " KR_FAILING_MODULE "\n  - {library: " KR_FAILING_MODULE
                                       ", name: Other, restart: false}\n");
     ASSERT_TRUE(server.isUp()) << server.readErr();
@@ -117,11 +117,11 @@ TEST_F(KrRobot, AModuleThatFailsOrExitsInThisProcessIsStartedAgain) {
     EXPECT_TRUE(eventually([&] { return call("Failing", "getCurrentPeriod") == "100\n"; }));
     krOnDomain({"call", "Other", "leave"});
     EXPECT_TRUE(server.waitFor("module Other has exited by itself\n"));
-    EXPECT_EQ(call("Failing", "getCurrentPeriod"), "100\n") << "it goes on";
-    EXPECT_EQ(server.stop().exitCode, 1) << "one was not to be started again";
+    EXPECT_EQ(call("Failing", "getCurrentPeriod"), "100\n") << "it keeps running";
+    EXPECT_EQ(server.stop().exitCode, 1) << "one was not to be restarted";
 }
 
-TEST_F(KrRobot, AModuleThatCannotBeMadeIsTriedAgainWhileTheOthersWork) {
+TEST_F(KrRobot, AModuleThatCannotBeCreatedIsRetriedWhileOthersWork) {
     RunningProgram server = serveFile("modules:\n  - " KR_THROWING_MODULE "\n  - " KR_FAILING_MODULE "\n");
     ASSERT_TRUE(server.isUp()) << server.readErr();
     EXPECT_TRUE(server.waitFor("thrown when made; restarting in 0.5 s")) << server.readErr();
@@ -129,7 +129,7 @@ TEST_F(KrRobot, AModuleThatCannotBeMadeIsTriedAgainWhileTheOthersWork) {
     EXPECT_EQ(server.stop().exitCode, 0);
 }
 
-TEST_F(KrRobot, ProcessesBesideItEndWhenItIsKilled) {
+TEST_F(KrRobot, ItsChildProcessesEndWhenItIsKilled) {
     RunningProgram server =
         serveFile("modules:\n  - {library: " KR_CRASHING_MODULE ", name: Beside, process: own}\n");
     ASSERT_TRUE(server.isUp()) << server.readErr();
@@ -138,7 +138,7 @@ TEST_F(KrRobot, ProcessesBesideItEndWhenItIsKilled) {
     EXPECT_TRUE(eventually([&] { return ::kill(process, 0) != 0; }));
 }
 
-TEST_F(KrRobot, AHangUpAppliesWhatHasChangedAndLeavesAloneWhatHasNot) {
+TEST_F(KrRobot, AHangUpAppliesOnlyTheChanges) {
     const std::string same = "cameras: [test:ball]\n"
                              "modules:\n"
                              "  - {library: " KR_CRASHING_MODULE ", name: Same, process: own}\n";
@@ -164,7 +164,7 @@ TEST_F(KrRobot, AHangUpAppliesWhatHasChangedAndLeavesAloneWhatHasNot) {
     EXPECT_TRUE(waitForValue("Door", "threshold", "0.001")) << "the default";
     EXPECT_EQ(processOf("Same"), process);
     EXPECT_TRUE(eventually([&] { return krOnDomain({"memory", "get", "b"}).out == "3\n"; }));
-    EXPECT_EQ(krOnDomain({"memory", "get", "a"}).out, "5\n") << "the file has not changed there";
+    EXPECT_EQ(krOnDomain({"memory", "get", "a"}).out, "5\n") << "this entry of the file has not changed";
     EXPECT_TRUE(eventually([&] {
         const json table = json::parse(call("Door", "getSubscribersInfo"));
         return table.size() == 1 && table[0][1] == 90;
@@ -174,7 +174,7 @@ TEST_F(KrRobot, AHangUpAppliesWhatHasChangedAndLeavesAloneWhatHasNot) {
     }));
     EXPECT_THAT(server.readErr(), AllOf(Not(HasSubstr("restarting the camera service")),
                                         Not(HasSubstr("replaces another source"))));
-    EXPECT_THAT(server.readErr(), Not(HasSubstr("module Left was ended"))) << "it was asked to";
+    EXPECT_THAT(server.readErr(), Not(HasSubstr("module Left was ended"))) << "it ended on request";
 
     write("cameras: [test:ball]\nmodule: []\n");
     reload(server);
@@ -183,7 +183,7 @@ TEST_F(KrRobot, AHangUpAppliesWhatHasChangedAndLeavesAloneWhatHasNot) {
     EXPECT_EQ(server.stop().exitCode, 0);
 }
 
-TEST_F(KrRobot, AnotherSourceReachesModulesThatWorkOnAndLeavesOtherCamerasAlone) {
+TEST_F(KrRobot, AnotherSourceReachesRunningModulesAndLeavesOtherCamerasAlone) {
     const std::string modules =
         "modules: [" KR_MOTION_LIBRARY ", {library: " KR_MOTION_LIBRARY
         ", name: Other, parameters: {camera: 1}}]\n"
@@ -207,9 +207,9 @@ TEST_F(KrRobot, AnotherSourceReachesModulesThatWorkOnAndLeavesOtherCamerasAlone)
     EXPECT_EQ(server.stop().exitCode, 0);
 }
 
-TEST_F(KrRobot, HasAWebServerIfTheFileSaysSo) {
+TEST_F(KrRobot, HasAWebServerIfTheFileHasOne) {
     if (kr({"web", "--help"}).exitCode != 0) {
-        GTEST_SKIP() << "this build has none";
+        GTEST_SKIP() << "this build has no web server";
     }
     RunningProgram server = serveFile("cameras: [test]\nweb: {listen: '127.0.0.1:0', read-only: true}\n");
     ASSERT_TRUE(server.isUp()) << server.readErr();
@@ -229,7 +229,7 @@ TEST_F(KrRobot, RecordsIntoAFileNamedAfterTheTime) {
     ASSERT_TRUE(server.waitFor("recording")) << server.readErr();
     const Outcome outcome = server.stop();
     EXPECT_EQ(outcome.exitCode, 0);
-    EXPECT_EQ(outcome.out, ""); // nor the state of the recording, each second
+    EXPECT_EQ(outcome.out, ""); // no state of the recording each second either
     std::string name;
     for (const auto& each : std::filesystem::directory_iterator(std::filesystem::path(file_).parent_path())) {
         name += each.path().extension() == ".mcap" ? each.path().filename().string() : "";

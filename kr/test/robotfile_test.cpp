@@ -25,13 +25,13 @@ protected:
         return folder_.path("robot.yaml");
     }
     Outcome check(const std::string& text) const { return kr({"serve", "--check", write(text)}); }
-    /// What is said about the place "LINE:COLUMN".
+    /// The beginning of the messages about the place "LINE:COLUMN".
     std::string at(const std::string& place) const { return folder_.path("robot.yaml") + ":" + place + ": "; }
 
     const TemporaryFolder folder_;
 };
 
-TEST_F(KrRobotFile, CheckFindsEverythingThatIsWrongAtOnce) {
+TEST_F(KrRobotFile, CheckReportsAllErrorsAtOnce) {
     const Outcome outcome = check("broker: dds:?domain=999\n"
                                   "camera: []\n"
                                   "cameras:\n"
@@ -86,7 +86,7 @@ TEST_F(KrRobotFile, CheckFindsEverythingThatIsWrongAtOnce) {
     EXPECT_LT(outcome.out.find(at("4:5")), outcome.out.find(at("5:5"))) << "in the order of the file";
 }
 
-TEST_F(KrRobotFile, WhatIsNotYamlIsNamedWithItsPlace) {
+TEST_F(KrRobotFile, InvalidYamlIsReportedWithItsPlace) {
     const Outcome outcome = check("cameras:\n  - test\n modules: [\n");
     EXPECT_EQ(outcome.exitCode, 1);
     EXPECT_THAT(outcome.out, HasSubstr(at("3:2") + "is not YAML: "));
@@ -98,7 +98,7 @@ TEST_F(KrRobotFile, WhatIsNotYamlIsNamedWithItsPlace) {
     EXPECT_THAT(missing.err, HasSubstr("none.yaml: No such file"));
 }
 
-TEST_F(KrRobotFile, NothingIsServedFromAFileThatIsWrong) {
+TEST_F(KrRobotFile, NothingIsServedFromAFileWithErrors) {
     const Outcome outcome = kr({"serve", write("cameras: [test]\nmoduls: []\n")});
     EXPECT_EQ(outcome.exitCode, 1);
     EXPECT_THAT(outcome.err,
@@ -109,7 +109,7 @@ TEST_F(KrRobotFile, NothingIsServedFromAFileThatIsWrong) {
     EXPECT_THAT(both.err, HasSubstr("with a file, cameras"));
 }
 
-TEST_F(KrRobotFile, TheFileThatACommandLineAmountsToServesTheSame) {
+TEST_F(KrRobotFile, TheFilePrintedForACommandLineServesTheSame) {
     const Outcome print =
         krOnDomain({"serve", "--print", "--camera", "0=test:smpte", "--camera", "1=file:clip.mp4", "--run",
                     "Door=" KR_MOTION_LIBRARY, "--param", "threshold=0.01", "--param", "colorSpace=luma",
@@ -134,14 +134,14 @@ TEST_F(KrRobotFile, TheFileThatACommandLineAmountsToServesTheSame) {
                              "    period: 100\n"
                              "    precision: 0.5\n"
                              "  - module: \"3\"\n");
-    EXPECT_EQ(kr({"serve", "--print", write(print.out)}).exitCode, 1) << "clip.mp4 is not there";
+    EXPECT_EQ(kr({"serve", "--print", write(print.out)}).exitCode, 1) << "clip.mp4 does not exist";
     std::string text = print.out;
     const std::string clip = "  - source: file:" + std::filesystem::current_path().string() + "/clip.mp4\n";
     text.erase(text.find(clip), clip.size());
     EXPECT_EQ(kr({"serve", "--print", write(text)}).out, text);
 }
 
-TEST_F(KrRobotFile, ValuesKeepTheirTypesThroughTheFile) {
+TEST_F(KrRobotFile, ValuesKeepTheirTypesInTheFile) {
     std::vector<tool::RobotProblem> problems;
     const std::string text = "broker: \"dds:\"\nmemory: {a: 1, b: 0.5, c: \"1\", d: true, e: [1, [x, ~]], f: "
                              "yes, g: \"true\", h: \"a: b\"}\n";
@@ -157,7 +157,7 @@ TEST_F(KrRobotFile, ValuesKeepTheirTypesThroughTheFile) {
         << tool::formatRobot(robot);
 }
 
-TEST_F(KrRobotFile, TheSchemaKnowsTheKeysThatTheProgramKnows) {
+TEST_F(KrRobotFile, TheSchemaHasTheKeysOfTheProgram) {
     std::ifstream file(KR_SOURCE_FOLDER "/serve/robot.schema.json");
     const nlohmann::json schema = nlohmann::json::parse(file);
     const auto keysOf = [](const nlohmann::json& object) {

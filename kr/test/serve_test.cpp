@@ -31,7 +31,7 @@ TEST_F(KrSystem, HostsAModuleLibraryThatOthersSubscribeTo) {
     EXPECT_TRUE(watch.isUp()) << watch.readOut() << watch.readErr();
 
     json extractors;
-    EXPECT_TRUE(eventually([&] { // on a busy machine there may be no frame between two looks
+    EXPECT_TRUE(eventually([&] { // on a busy machine there may be no frame between two polls
         const Outcome top = krOnDomain({"extractor", "top", "--count", "1", "--interval", "0.5", "--json"});
         EXPECT_EQ(top.exitCode, 0);
         extractors = json::parse(top.out);
@@ -45,14 +45,14 @@ TEST_F(KrSystem, HostsAModuleLibraryThatOthersSubscribeTo) {
     EXPECT_EQ(extractors[0]["subscribers"][0]["name"], "somebody");
     EXPECT_EQ(extractors[0]["subscribers"][0]["period_ms"], 50);
 
-    // Both come down while images are being fetched.
+    // Both shut down while images are being fetched.
     const Outcome ended = motion.stop();
     EXPECT_EQ(ended.exitCode, 0) << ended.err;
-    EXPECT_THAT(ended.err, Not(HasSubstr("did not come down")));
+    EXPECT_THAT(ended.err, Not(HasSubstr("did not shut down")));
     EXPECT_EQ(server.stop(SIGINT).exitCode, 0);
 }
 
-TEST_F(KrSystem, SaysAllOfAnErrorAndReportsASetterThatRefuses) {
+TEST_F(KrSystem, ShowsTheWholeErrorAndReportsARefusingSetter) {
     RunningProgram server = serve({"--run", KR_MOTION_LIBRARY});
     ASSERT_TRUE(server.isUp()) << server.readErr();
     const Outcome stranger = krOnDomain({"call", "KRMotion", "unsubscribe", "nobody"});
@@ -74,7 +74,7 @@ TEST_F(KrSystem, SaysAllOfAnErrorAndReportsASetterThatRefuses) {
     EXPECT_EQ(getter.err, "");
 }
 
-TEST_F(KrSystem, ShowsInternalMethodsOnlyIfAsked) {
+TEST_F(KrSystem, ShowsInternalMethodsOnlyOnRequest) {
     RunningProgram server = serve({"--run", KR_MOTION_LIBRARY});
     ASSERT_TRUE(server.isUp()) << server.readErr();
     EXPECT_THAT(krOnDomain({"module", "info", "KRMotion"}).out, Not(HasSubstr("_run")));
@@ -83,10 +83,10 @@ TEST_F(KrSystem, ShowsInternalMethodsOnlyIfAsked) {
         kr({"complete", "--", "call", "--broker", domain_.getUrl(), "KRMotion", ""}).out;
     EXPECT_THAT(methods, Not(HasSubstr("_run")));
     EXPECT_EQ(methods.find("subscribe\n", methods.find("subscribe\n") + 1), methods.find("unsubscribe\n") + 2)
-        << "overloads are one name";
+        << "overloads share one name";
 }
 
-TEST_F(KrSystem, SetsWhatAModuleLogsWhileItRuns) {
+TEST_F(KrSystem, SetsTheLogLevelsOfARunningModule) {
     RunningProgram server = serve({"--run", KR_MOTION_LIBRARY, "--log-level", "warning,KRImage=error"});
     ASSERT_TRUE(server.isUp()) << server.readErr();
     EXPECT_THAT(server.readErr(), Not(HasSubstr("] info ")));
@@ -102,7 +102,7 @@ TEST_F(KrSystem, SetsWhatAModuleLogsWhileItRuns) {
     EXPECT_THAT(wrong.err, HasSubstr("KRMotion.setLogLevels: \"loud\" is not a level of the log"));
 }
 
-TEST_F(KrSystem, LogsWhatTheEnvironmentSays) {
+TEST_F(KrSystem, LogsAtTheLevelsOfTheEnvironment) {
     ASSERT_EQ(::setenv("KR_LOG", "warning,krdds=verbose", 1), 0);
     RunningProgram server = serve();
     ::unsetenv("KR_LOG");
@@ -116,7 +116,7 @@ TEST_F(KrSystem, LogsWhatTheEnvironmentSays) {
     EXPECT_THAT(used.err, HasSubstr("KR_LOG has no effect: \"loud\" is not a level of the log"));
 }
 
-TEST_F(KrSystem, ComesDownWhileAModuleWaitsForACameraThatDeliversNothing) {
+TEST_F(KrSystem, ShutsDownWhileAModuleWaitsForASilentCamera) {
     RunningProgram server =
         serve({"--camera", "0=gst:videotestsrc ! identity drop-probability=1.0", "--run", KR_MOTION_LIBRARY});
     ASSERT_TRUE(server.isUp()) << server.readErr();
@@ -127,10 +127,10 @@ TEST_F(KrSystem, ComesDownWhileAModuleWaitsForACameraThatDeliversNothing) {
     }));
     const Outcome ended = server.stop();
     EXPECT_EQ(ended.exitCode, 0) << ended.err;
-    EXPECT_THAT(ended.err, Not(HasSubstr("did not come down")));
+    EXPECT_THAT(ended.err, Not(HasSubstr("did not shut down")));
 }
 
-TEST_F(KrSystem, ServesOnWhenNobodyReadsItsLogAnyMore) {
+TEST_F(KrSystem, KeepsServingWhenNobodyReadsItsLog) {
     const TemporaryFolder folder;
     // The shell's process becomes that of the program.
     const std::string server = "{ echo \\$\\$ > " + folder.path("pid") +
@@ -159,7 +159,7 @@ TEST_F(KrSystem, EndsWhileAModuleStillWaitsForTheMemory) {
     }
 }
 
-TEST_F(KrSystem, HostsModulesBesideTheServicesUnderNamesOfTheirOwn) {
+TEST_F(KrSystem, HostsModulesWithTheServicesUnderGivenNames) {
     RunningProgram server = serve(
         {"--camera", "0=test:ball", "--run", "Left=" KR_MOTION_LIBRARY, "--run", "Right=" KR_MOTION_LIBRARY});
     ASSERT_TRUE(server.isUp()) << server.readErr();
@@ -169,7 +169,7 @@ TEST_F(KrSystem, HostsModulesBesideTheServicesUnderNamesOfTheirOwn) {
     EXPECT_EQ(server.stop().exitCode, 0);
 }
 
-TEST_F(KrSystem, SaysWhyALibraryCannotBeHosted) {
+TEST_F(KrSystem, ReportsWhyALibraryCannotBeHosted) {
     const TemporaryFolder folder;
     const std::string text = folder.path("text.so");
     std::ofstream(text) << "no library";
@@ -189,7 +189,7 @@ TEST_F(KrSystem, SaysWhyALibraryCannotBeHosted) {
     }
 }
 
-TEST_F(KrSystem, SaysWhatTheConstructorOfAModuleHasThrown) {
+TEST_F(KrSystem, ReportsTheExceptionOfAModulesConstructor) {
     RunningProgram server = serve();
     ASSERT_TRUE(server.isUp()) << server.readErr();
     const Outcome made = krOnDomain({"run", KR_THROWING_MODULE});
@@ -197,7 +197,7 @@ TEST_F(KrSystem, SaysWhatTheConstructorOfAModuleHasThrown) {
     EXPECT_THAT(made.err, HasSubstr("no module ThrowingModule of " KR_THROWING_MODULE ": thrown when made"));
 }
 
-TEST_F(KrSystem, ReportsWhyAModuleCannotBeMade) {
+TEST_F(KrSystem, ReportsWhyAModuleCannotBeCreated) {
     RunningProgram server = serve({"--run", KR_MOTION_LIBRARY});
     ASSERT_TRUE(server.isUp()) << server.readErr();
     const Outcome outcome = krOnDomain({"run", KR_MOTION_LIBRARY}); // the name is taken, in another process
@@ -221,12 +221,12 @@ TEST_F(KrSystem, RefusesCamerasThatLeaveAGap) {
     EXPECT_THAT(unknown.err, HasSubstr("nothing:x"));
 }
 
-TEST_F(KrSystem, NamesAModuleThatDoesNotComeDownAndLeavesItBehind) {
+TEST_F(KrSystem, NamesAndAbandonsAModuleThatDoesNotShutDown) {
     RunningProgram stuck(onDomain({"run", KR_STUCK_MODULE}), "module Stuck runs");
     ASSERT_TRUE(stuck.isUp()) << stuck.readErr();
     const Outcome outcome = stuck.stop(SIGINT);
     EXPECT_EQ(outcome.exitCode, 1);
-    EXPECT_THAT(outcome.err, HasSubstr("did not come down in time: Stuck\n"));
+    EXPECT_THAT(outcome.err, HasSubstr("did not shut down in time: Stuck\n"));
 }
 
 TEST_F(KrSystem, EndsWithCode1WhenItsModuleFails) {
@@ -247,7 +247,7 @@ TEST_F(KrSystem, EndsWithCode1WhenItsModuleExitsByItself) {
     EXPECT_THAT(outcome.err, HasSubstr("module Failing has exited by itself\n"));
 }
 
-TEST_F(KrSystem, ShowsAModuleThatHasFailedAndGoesOnWithTheOthers) {
+TEST_F(KrSystem, ShowsAFailedModuleAndKeepsServingTheOthers) {
     RunningProgram server = serve({"--run", KR_FAILING_MODULE, "--run", KR_MOTION_LIBRARY});
     ASSERT_TRUE(server.isUp()) << server.readErr();
     EXPECT_EQ(krOnDomain({"call", "Failing", "fail", "the lens\x1b[2J is dirty"}).exitCode, 0);

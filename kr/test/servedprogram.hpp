@@ -12,7 +12,7 @@
 
 namespace KR::test {
 
-/// The command line program, running beside the test until it is stopped.
+/// The command line program, running in the background until it is stopped.
 class RunningProgram {
 public:
     /// Returns once the program has written `sign` to standard output or standard error, or has ended.
@@ -42,7 +42,7 @@ public:
     pid_t getPid() const { return process_; }
     std::string readOut() const { return readBeside(out_.get()); }
     std::string readErr() const { return readBeside(err_.get()); }
-    /// \return whether `sign` came before the patience ended
+    /// \return whether `sign` appeared in time
     [[nodiscard]] bool waitFor(const std::string& sign) const {
         return eventually([&] {
                    return readOut().find(sign) != std::string::npos ||
@@ -50,12 +50,12 @@ public:
                }) &&
                (readOut() + readErr()).find(sign) != std::string::npos;
     }
-    /// Sends the signal and waits for the end. \return its result
+    /// Sends the signal and waits for the process to end. \return its result
     Outcome stop(int signal = SIGTERM) {
         ::kill(process_, signal);
         return wait();
     }
-    /// \return its result; with exit code -1 if it did not end before the patience did
+    /// \return its result; with exit code -1 if it did not end in time
     Outcome wait() {
         int status = 0;
         if (!eventually([&] { return ::waitpid(process_, &status, WNOHANG) == process_; })) {

@@ -56,7 +56,7 @@ public:
         message.resize(static_cast<std::size_t>(::recv(socket_, message.data(), message.size(), 0)));
         return message;
     }
-    /// The next message that begins like this; those before it go to `before`.
+    /// The next message that begins like this; earlier ones are appended to `before`.
     std::string receive(const std::string& beginning, std::string& before) {
         for (;;) {
             std::string message = receive();
@@ -101,7 +101,7 @@ TEST_F(KrService, IsReadyOnceAllModulesCanBeCalled) {
     EXPECT_EQ(server.wait().exitCode, 0);
 }
 
-TEST_F(KrService, IsNotReadyWhileAModuleCannotBeMade) {
+TEST_F(KrService, IsNotReadyWhileAModuleCannotBeCreated) {
     Manager manager("@krvision-test-" + std::to_string(::getpid()));
     RunningProgram server = serveFile("modules: [" KR_THROWING_MODULE "]\n");
     EXPECT_TRUE(server.waitFor("restarting in 0.5 s")) << server.readErr();
@@ -111,7 +111,7 @@ TEST_F(KrService, IsNotReadyWhileAModuleCannotBeMade) {
     EXPECT_EQ(before, "STATUS=0 of 1 modules work\n");
 }
 
-TEST_F(KrService, ReportsThatItWorksForAsLongAsItDoes) {
+TEST_F(KrService, FeedsTheWatchdogWhileItWorks) {
     Manager manager(folder_.path("socket"));
     ::setenv("WATCHDOG_USEC", "300000", 1);
     RunningProgram server = serveFile("cameras: [test]\n");
@@ -127,7 +127,7 @@ TEST_F(KrService, ReportsThatItWorksForAsLongAsItDoes) {
     EXPECT_EQ(server.stop().exitCode, 0);
 }
 
-TEST_F(KrService, TheWatchdogOfAnotherProcessIsNotAnswered) {
+TEST_F(KrService, TheWatchdogOfAnotherProcessIsNotFed) {
     Manager manager(folder_.path("socket"));
     ::setenv("WATCHDOG_USEC", "30000", 1);
     ::setenv("WATCHDOG_PID", "1", 1);

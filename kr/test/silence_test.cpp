@@ -9,7 +9,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-/// A camera whose fetches fail, by a clock of the test.
+/// A camera whose fetches fail, on the test's own clock.
 class KrSilence : public testing::Test {
 protected:
     bool fetchAndFail(std::chrono::milliseconds duration) {
@@ -24,21 +24,21 @@ private:
     Interruption interruption_;
 };
 
-TEST_F(KrSilence, IsEnduredForTenSeconds) {
+TEST_F(KrSilence, IsToleratedForTenSeconds) {
     for (int i = 0; i < 9; ++i) {
         EXPECT_TRUE(fetchAndFail(1s)) << i;
     }
     EXPECT_FALSE(fetchAndFail(1s));
 }
 
-TEST_F(KrSilence, IsOverWithTheNextImage) {
+TEST_F(KrSilence, EndsWithTheNextImage) {
     for (int i = 0; i < 30; ++i) {
         EXPECT_TRUE(fetchAndFail(1s)) << i;
         silence_.end();
     }
 }
 
-TEST_F(KrSilence, DoesNotCountTheTimeInWhichTheProgramWasStopped) {
+TEST_F(KrSilence, DoesNotCountTimeInWhichTheProgramWasStopped) {
     EXPECT_TRUE(fetchAndFail(15s));
     EXPECT_TRUE(fetchAndFail(1s));
 }

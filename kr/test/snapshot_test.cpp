@@ -15,7 +15,7 @@ namespace {
 
 using testing::HasSubstr;
 
-/// The edges of what has the colour of boxes in an RGB image.
+/// The edges of the area with the colour of boxes in an RGB image.
 struct Box {
     int left = 1 << 20;
     int top = 1 << 20;
@@ -58,11 +58,11 @@ TEST_F(KrSnapshot, ShowsWhatAModuleSawInThisImage) {
     const Box box = findBox(image);
     ASSERT_GT(box.right, box.left) << "no box";
     const int centre = (box.top + box.bottom) / 2 * image.width + (box.left + box.right) / 2;
-    EXPECT_GT(image.data[3 * centre], 200) << "the white ball, which alone moves";
+    EXPECT_GT(image.data[3 * centre], 200) << "the white ball, the only thing that moves";
     EXPECT_LT(box.right - box.left, image.width / 4);
 }
 
-TEST_F(KrSnapshot, SaysWhyThereIsNothingToDraw) {
+TEST_F(KrSnapshot, ReportsWhyThereIsNothingToDraw) {
     RunningProgram server = serve();
     ASSERT_TRUE(server.isUp()) << server.readErr();
     const std::string path = folder_.path("ball.oxi");

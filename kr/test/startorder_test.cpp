@@ -1,4 +1,4 @@
-// Four processes that need each other come up in any order, and go on when they are restarted in any order.
+// Four processes that need each other start in any order, and continue after restarts in any order.
 
 #include "servedprogram.hpp"
 #include "testdomain.hpp"
@@ -56,7 +56,7 @@ protected:
                          "");
     }
 
-    // Each module hears the images of the next one, so the number that it heard last goes on changing.
+    // Each module gets events of the next one's images, so its last number keeps changing.
     void expectAllHear(const std::array<std::unique_ptr<RunningProgram>, 4>& programs, const char* when) {
         for (int ring = 1; ring <= 3; ++ring) {
             const std::string key = "Ring" + std::to_string(ring) + "/Heard";

@@ -1,4 +1,4 @@
-// A module that never comes down.
+// A module that never shuts down.
 
 #include <krplatform/krmodule.hpp>
 #include <krplatform/krmoduleclass.hpp>

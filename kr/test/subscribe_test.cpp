@@ -43,11 +43,11 @@ TEST_F(KrSubscribe, ServeSubscribesToAModuleThatItHosts) {
     EXPECT_EQ(subscriber[2], 0.5);
     const Outcome ended = server.stop();
     EXPECT_EQ(ended.exitCode, 0) << ended.err;
-    EXPECT_THAT(ended.err, Not(HasSubstr("did not come down")));
+    EXPECT_THAT(ended.err, Not(HasSubstr("did not shut down")));
 }
 
 TEST_F(KrSubscribe, ASubscriptionFollowsTheModuleThroughARestart) {
-    RunningProgram server = serve({"--subscribe", "KRMotion"}); // which is yet to come
+    RunningProgram server = serve({"--subscribe", "KRMotion"}); // not started yet
     ASSERT_TRUE(server.isUp()) << server.readErr();
     for (int i = 0; i < 2; ++i) {
         RunningProgram motion(onDomain({"run", KR_MOTION_LIBRARY}), "module KRMotion runs");
@@ -73,8 +73,8 @@ TEST_F(KrSubscribe, ASubscriptionEndsWithItsProgram) {
     EXPECT_EQ(krOnDomain({"call", "Left", "isProcessing"}).out, "0\n");
 }
 
-TEST_F(KrSubscribe, ARefusalIsLoggedAndTheProgramGoesOn) {
-    RunningProgram server = serve({"--subscribe", "KRVideoDevice:100"}); // no extractor
+TEST_F(KrSubscribe, ARefusalIsLoggedAndTheProgramContinues) {
+    RunningProgram server = serve({"--subscribe", "KRVideoDevice:100"}); // not an extractor
     ASSERT_TRUE(server.isUp()) << server.readErr();
     EXPECT_TRUE(server.waitFor("KRVideoDevice refuses the subscription of kr-"));
     EXPECT_EQ(server.stop().exitCode, 0);

@@ -1,4 +1,4 @@
-// Verbs that look into a running system.
+// Verbs that inspect a running system.
 
 #include "krsystem.hpp"
 #include "temporaryfolder.hpp"
@@ -62,7 +62,7 @@ TEST_F(KrSystem, ShowsTheMethodsOfAModuleAsPublished) {
     EXPECT_EQ(info["methods"][0]["parameters"][0]["type"], "string");
 }
 
-TEST_F(KrSystem, CallsAMethodAndAnswersWrongArgumentsWithTheSignatures) {
+TEST_F(KrSystem, CallsAMethodAndReportsWrongArgumentsWithTheSignatures) {
     RunningProgram server = serve();
     ASSERT_TRUE(server.isUp()) << server.readErr();
     EXPECT_EQ(krOnDomain({"call", "KRMemory", "insertData", "greeting",
@@ -87,7 +87,7 @@ TEST_F(KrSystem, CallsAMethodAndAnswersWrongArgumentsWithTheSignatures) {
               "kr: KRMemory.insertdat: no such method; the nearest names are insertData, g");
 }
 
-TEST_F(KrSystem, NamesTheModuleThatIsNotThere) {
+TEST_F(KrSystem, NamesAMissingModule) {
     RunningProgram server = serve();
     ASSERT_TRUE(server.isUp()) << server.readErr();
     const Outcome outcome = krOnDomain({"call", "KRNobody", "go"});
@@ -95,7 +95,7 @@ TEST_F(KrSystem, NamesTheModuleThatIsNotThere) {
     EXPECT_THAT(outcome.err, AllOf(HasSubstr("KRNobody"), HasSubstr("KRMemory, KRVideoDevice")));
 }
 
-TEST_F(KrSystem, RefusesArgumentsThatAreNoValues) {
+TEST_F(KrSystem, RefusesArgumentsThatAreNotValues) {
     for (const char* argument : {"[1", "12x", R"({"a": 1})", "99999999999", R"({"base64": "A"})"}) {
         const Outcome outcome = krOnDomain({"call", "KRMemory", "getData", argument});
         EXPECT_EQ(outcome.exitCode, 2) << argument;
@@ -138,7 +138,7 @@ TEST_F(KrSystem, ShowsWhenAValueWasWritten) {
     EXPECT_EQ(list, json({{{"key", "Door/Open"}, {"time_usec", got["time_usec"]}}}));
 }
 
-TEST_F(KrSystem, LooksAtTheCamerasOfTheRunningService) {
+TEST_F(KrSystem, InspectsTheCamerasOfTheRunningService) {
     RunningProgram server = serve({"--camera", "0=test:black", "--camera", "1=test:white"});
     ASSERT_TRUE(server.isUp()) << server.readErr();
     EXPECT_EQ(krOnDomain({"camera", "list"}).out, "  0  test:black\n  1  test:white\n");
@@ -168,7 +168,7 @@ TEST_F(KrSystem, LooksAtTheCamerasOfTheRunningService) {
     EXPECT_THAT(none.err, HasSubstr("there are cameras 0 to 1"));
 }
 
-TEST_F(KrSystem, CompletesNamesOfModulesAndMethodsThatAreThere) {
+TEST_F(KrSystem, CompletesNamesOfRunningModulesAndTheirMethods) {
     RunningProgram server = serve();
     ASSERT_TRUE(server.isUp()) << server.readErr();
     const std::string url = domain_.getUrl();
@@ -184,7 +184,7 @@ TEST_F(KrSystem, CompletesKeysOfTheMemoryAndNamesOfEvents) {
     ASSERT_EQ(krOnDomain({"event", "raise", "Door/Opened"}).exitCode, 0);
     const std::string url = domain_.getUrl();
     EXPECT_EQ(kr({"complete", "--", "memory", "get", "--broker", url, "Do"}).out,
-              "Door/Open\nDoor/Opened\n"); // the value that an event was raised with last is data, too
+              "Door/Open\nDoor/Opened\n"); // the last value of an event is data, too
     EXPECT_EQ(kr({"complete", "--", "event", "watch", "--broker", url, "Do"}).out, "Door/Opened\n");
 }
 

@@ -1,4 +1,4 @@
-// A module library of which nothing comes.
+// A module library whose module cannot be created.
 
 #include <krplatform/krbroker.hpp>
 #include <krplatform/krmodule.hpp>

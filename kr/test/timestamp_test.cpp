@@ -14,7 +14,7 @@ std::string ageOf(std::int64_t age) {
     return formatAge(kNow - age, kNow);
 }
 
-TEST(KrTimestamp, AgesHaveTheUnitThatSuitsThem) {
+TEST(KrTimestamp, AgesHaveASuitableUnit) {
     EXPECT_EQ(ageOf(0), "0 ms");
     EXPECT_EQ(ageOf(250'000), "250 ms");
     EXPECT_EQ(ageOf(7'500'000), "7.5 s");
@@ -24,14 +24,14 @@ TEST(KrTimestamp, AgesHaveTheUnitThatSuitsThem) {
     EXPECT_EQ(ageOf(12 * 86400 * kSecond), "12 d");
 }
 
-TEST(KrTimestamp, AgesRoundIntoTheNextUnit) {
+TEST(KrTimestamp, AgesRoundUpToTheNextUnit) {
     EXPECT_EQ(ageOf(999'499), "999 ms");
     EXPECT_EQ(ageOf(999'500), "1.0 s");
     EXPECT_EQ(ageOf(9'950'000), "10 s");
     EXPECT_EQ(ageOf(99'500'000), "2 min");
 }
 
-TEST(KrTimestamp, AnAgeInTheFutureHasAMinus) {
+TEST(KrTimestamp, AnAgeInTheFutureIsNegative) {
     EXPECT_EQ(ageOf(-3 * kSecond), "-3.0 s");
 }
 

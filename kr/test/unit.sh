@@ -9,7 +9,7 @@ unit=$folder/krvision@.service
 sed "s|^ExecStart=[^ ]*/kr |ExecStart=$2 |" "$1" >"$unit"
 grep -q "^ExecStart=$2 serve" "$unit" || { echo "ExecStart is not kr serve"; exit 1; }
 
-# It reports what it does not understand on standard error, often with exit code 0.
+# It reports problems on standard error, often with exit code 0.
 problems=$(systemd-analyze verify --man=no "$unit" 2>&1 | grep "krvision@" || true)
 [ -z "$problems" ] || { echo "$problems"; exit 1; }
 

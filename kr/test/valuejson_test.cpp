@@ -20,7 +20,7 @@ TEST(ValueJson, ReadsJsonOfEachKind) {
     EXPECT_EQ(readValue("[1, [\"a\"]]"), KRValue::array(1, KRValue::array("a")));
 }
 
-TEST(ValueJson, TakesAWordForAString) {
+TEST(ValueJson, ReadsAWordAsAString) {
     EXPECT_EQ(readValue("front"), KRValue("front"));
     EXPECT_EQ(readValue("Door/Open"), KRValue("Door/Open"));
     EXPECT_EQ(readValue(""), KRValue(""));
@@ -49,14 +49,14 @@ TEST(ValueJson, RefusesAFloatOfMoreThan32Bits) {
     EXPECT_THROW(readValue("1e400"), UsageError);
 }
 
-TEST(ValueJson, RefusesArraysThatAreTooDeep) {
+TEST(ValueJson, RefusesTooDeepArrays) {
     const auto nest = [](std::size_t depth) { return std::string(depth, '[') + std::string(depth, ']'); };
     EXPECT_TRUE(readValue(nest(64)).isValid());
     EXPECT_THROW(readValue(nest(65)), UsageError);
     EXPECT_THROW(readValue(nest(200'000)), UsageError);
 }
 
-TEST(ValueJson, QuotesNoMoreOfAnArgumentThanTellsWhichItIs) {
+TEST(ValueJson, QuotesOnlyTheBeginningOfALongArgument) {
     try {
         readValue("[" + std::string(100'000, 'x'));
         FAIL();
@@ -65,7 +65,7 @@ TEST(ValueJson, QuotesNoMoreOfAnArgumentThanTellsWhichItIs) {
     }
 }
 
-TEST(ValueJson, ShowsNoDigitsThatAFloatDoesNotHave) {
+TEST(ValueJson, ShowsOnlyTheDigitsOfAFloat) {
     EXPECT_EQ(toJson(KRValue(0.1F)).dump(), "0.1");
     EXPECT_EQ(toJson(KRValue(1.0F)).dump(), "1.0");
     EXPECT_EQ(toJson(KRValue(-2.5e-7F)).dump(), "-2.5e-07");
@@ -83,7 +83,7 @@ TEST(ValueJson, KeepsBytesOfEachLength) {
     EXPECT_EQ(toJson(KRValue(KRBinary::copyOf("Ma", 2))), Json::parse(R"({"base64": "TWE="})"));
 }
 
-TEST(ValueJson, RefusesBytesThatAreNoBase64) {
+TEST(ValueJson, RefusesInvalidBase64) {
     for (const char* text : {"A", "AAA", "A===", "=AAA", "AA=A", "A\nAA",
                              "AA=="
                              "AAAA"}) {

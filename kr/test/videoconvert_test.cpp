@@ -69,7 +69,7 @@ protected:
         EXPECT_EQ(outcome.out, "");
         EXPECT_EQ(outcome.err, "");
     }
-    /// The whole picture has the frame's colour, as the library converts it.
+    /// Expects the whole picture to have the frame's colour, as the library converts it.
     static void expectColor(const Picture& picture, unsigned frame, unsigned stream, int tolerance) {
         const std::array<unsigned char, 4> color = colorOf(frame, stream);
         KRImage pair(2, 1, kYuv422, false, 0.0f, 0.0f, 0.0f, 0.0f);
@@ -83,7 +83,7 @@ protected:
     }
 };
 
-TEST_F(KrVideoConvert, AFilmHasTheFramesTheColoursAndTheRateOfTheRecording) {
+TEST_F(KrVideoConvert, AFilmHasTheFramesColoursAndRateOfTheRecording) {
     const std::string in = record("in");
     struct Case {
         std::string name;
@@ -109,7 +109,7 @@ TEST_F(KrVideoConvert, AFilmHasTheFramesTheColoursAndTheRateOfTheRecording) {
     }
 }
 
-TEST_F(KrVideoConvert, NumberedPicturesAreOfTheFramesThatWereAskedFor) {
+TEST_F(KrVideoConvert, NumberedPicturesAreOfTheSelectedFrames) {
     const std::string in = record("in");
     expectDone(convert(in, "p-%03d.png", {"--from", "3", "--to", "5"}));
     expectDone(convert(in, "q.ppm", {"--from", "11", "--stream", "1", "--to", "1000"}));
@@ -122,14 +122,14 @@ TEST_F(KrVideoConvert, NumberedPicturesAreOfTheFramesThatWereAskedFor) {
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(path("")), {}), 5);
 }
 
-TEST_F(KrVideoConvert, NumbersGoWhereTheyAreAskedFor) {
+TEST_F(KrVideoConvert, NumbersReplaceTheirPlaceholder) {
     EXPECT_EQ(numberPath("a.png", 7), "a-000007.png");
     EXPECT_EQ(numberPath("x/a%d.png", 7), "x/a7.png");
     EXPECT_EQ(numberPath("a%04d-%d.png", 12345), "a12345-%d.png");
     EXPECT_EQ(numberPath("a%s%99d.png", 7), "a%s%99d-000007.png");
 }
 
-TEST_F(KrVideoConvert, FromOxvToOxvCopiesWhatWasAskedFor) {
+TEST_F(KrVideoConvert, FromOxvToOxvCopiesTheSelection) {
     const std::string in = record("in");
     expectDone(convert(in, "all.oxv", {"--from", "2", "--to", "4"}));
     KRVideo video;
@@ -189,7 +189,7 @@ TEST_F(KrVideoConvert, ResolutionsThatReadersRefuseAreConverted) {
     EXPECT_EQ(picture.rgb, Bytes(3 * 1280 * 960, 130));
 }
 
-TEST_F(KrVideoConvert, WhatCannotBeConvertedIsReportedAndLeavesNothing) {
+TEST_F(KrVideoConvert, UnconvertibleInputIsReportedAndLeavesNothing) {
     const std::string in = record("in");
     const std::string empty = write("empty.oxv", make(0, 0));
     const std::string text = write("text.mkv", Bytes(1000, 'x'));
@@ -231,7 +231,7 @@ TEST_F(KrVideoConvert, WhatCannotBeConvertedIsReportedAndLeavesNothing) {
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(path("")), {}), 4);
 }
 
-TEST_F(KrVideoConvert, AFileWithoutVideoIsRefusedRatherThanWaitedFor) {
+TEST_F(KrVideoConvert, AFileWithoutVideoIsRefusedAtOnce) {
     // GStreamer takes either for subtitles.
     Bytes header = {'[', 'U', 'V', '4', 'M', 'P', 'E', 'G', '2',  ' ', 0xFF,
                     '1', '6', 2,   4,   0,   0,   '2', '0', 0x8A, 0xDC};
@@ -246,7 +246,7 @@ TEST_F(KrVideoConvert, AFileWithoutVideoIsRefusedRatherThanWaitedFor) {
     EXPECT_FALSE(std::filesystem::exists(path("a.oxv")));
 }
 
-TEST_F(KrVideoConvert, AFilmThatDeliversNoFrameIsGivenUp) {
+TEST_F(KrVideoConvert, AFilmThatDeliversNoFrameTimesOut) {
     const std::string film = path("film.mkv");
     ASSERT_EQ(convert(record("in"), "film.mkv").exitCode, 0);
     // The headers of the film, then a hole whose reading takes hours.
@@ -264,7 +264,7 @@ TEST_F(KrVideoConvert, AFilmThatDeliversNoFrameIsGivenUp) {
     }
 }
 
-TEST_F(KrVideoConvert, ADiskThatIsFullIsAFailure) {
+TEST_F(KrVideoConvert, AFullDiskIsAFailure) {
     const std::string in = record("in");
     for (const std::string format : {"mkv", "y4m", "oxv"}) {
         std::filesystem::create_symlink("/dev/full", path("full." + format));
@@ -277,11 +277,11 @@ TEST_F(KrVideoConvert, ADiskThatIsFullIsAFailure) {
     const Outcome outcome = kr({"video", "extract", in, "--frame", "0", picture});
     EXPECT_EQ(outcome.exitCode, 1);
     EXPECT_THAT(outcome.err, HasSubstr("kr: " + picture + ": "));
-    EXPECT_TRUE(std::filesystem::is_symlink(picture)) << "what it could not write to is no more";
+    EXPECT_TRUE(std::filesystem::is_symlink(picture)) << "the link was replaced";
 }
 
 TEST_F(KrVideoConvert, InterruptedLeavesNothing) {
-    // Of frames that are holes in the file: far too many to be done with them.
+    // The frames are holes in the file: too many to finish.
     const std::string in = write("in.oxv", makeOxvHeader(kOxvVersion1, 0, 5000, 1, {{640, 480, kYuv422, 8}}));
     std::filesystem::resize_file(in, 32 + 5000 * 614400ull);
     const auto countFiles = [&] { return std::distance(std::filesystem::directory_iterator(path("")), {}); };
@@ -311,7 +311,7 @@ TEST_F(KrVideoConvert, ExtractWritesAPictureOfOneFrame) {
     EXPECT_THAT(outcome.err, HasSubstr("there is no frame 12; there are 12"));
 }
 
-TEST_F(KrVideoConvert, PlaySaysWhatToDoWhereThereIsNoDisplay) {
+TEST_F(KrVideoConvert, PlaySaysWhatToDoWithoutADisplay) {
     const std::string in = record("in");
     ::unsetenv("DISPLAY");
     ::unsetenv("WAYLAND_DISPLAY");
@@ -344,7 +344,7 @@ TEST_F(KrVideoConvert, Y4mOfRgbHoldsThePlanesOfItsYuv422) {
         std::all_of(planes.begin() + 19200, planes.end(), [](int c) { return std::abs(c - 128) <= 1; }));
 }
 
-TEST_F(KrVideoConvert, OfAFilmTheFramesThatWereAskedForAreTaken) {
+TEST_F(KrVideoConvert, SelectsFramesOfAFilm) {
     expectDone(convert(record("in"), "a.mkv"));
     expectDone(convert(path("a.mkv"), "part.oxv", {"--size", "160x120", "--from", "3", "--to", "5"}));
     KR::KROxvFile part(path("part.oxv"));
@@ -359,10 +359,10 @@ TEST_F(KrVideoConvert, OfAFilmTheFramesThatWereAskedForAreTaken) {
     const Outcome stream = convert(path("a.mkv"), "none.oxv", {"--stream", "0"});
     EXPECT_EQ(stream.exitCode, 2);
     EXPECT_THAT(stream.err, HasSubstr("--stream is for recordings"));
-    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(path("")), {}), 3); // no part of it either
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(path("")), {}), 3); // nor an incomplete file
 }
 
-TEST_F(KrVideoConvert, BesidePicturesOfAnotherShapeThereIsBlack) {
+TEST_F(KrVideoConvert, PicturesOfAnotherShapeGetBlackBorders) {
     KRVideo video;
     video.recordVideo(path("wide"), 0, {{1280, 720, kYuv422, 8}});
     Bytes image(1280 * 720 * 2, 128);
@@ -378,7 +378,7 @@ TEST_F(KrVideoConvert, BesidePicturesOfAnotherShapeThereIsBlack) {
     EXPECT_NEAR(film.data[(60 * 160 + 80) * 2], 128, 4);
 }
 
-TEST_F(KrVideoConvert, WithoutTimeStampsThatRiseThereAreThirtyFramesPerSecond) {
+TEST_F(KrVideoConvert, WithoutIncreasingTimeStampsThereAreThirtyFramesPerSecond) {
     Bytes file = make(3, 3);
     for (unsigned frame = 0; frame < 3; ++frame) {
         put(file, 32 + frame * kChunk, std::int64_t{-1});
@@ -390,7 +390,7 @@ TEST_F(KrVideoConvert, WithoutTimeStampsThatRiseThereAreThirtyFramesPerSecond) {
 
 // ---- time
 
-TEST(KrFrameClock, GoesByTheTimeStampsWhereTheyRise) {
+TEST(KrFrameClock, FollowsTheTimeStampsWhereTheyIncrease) {
     FrameClock clock(100);
     EXPECT_EQ(clock.next(5000), 0);
     EXPECT_EQ(clock.next(5030), 30);

@@ -46,7 +46,7 @@ TEST(KrTimeline, FindsGapsAndJumpsByTheUsualInterval) {
     EXPECT_NEAR(timeline.getRate(), 8 / 790e-6, 1e-6);
 }
 
-TEST(KrTimeline, OfFewOrEqualTimeStampsKnowsNoRate) {
+TEST(KrTimeline, HasNoRateForFewOrEqualTimeStamps) {
     for (const std::vector<std::int64_t>& timeStamps :
          {std::vector<std::int64_t>{}, {5}, {-1, -1, -1}, {std::vector<std::int64_t>{7, 6}}}) {
         const Timeline timeline = makeTimeline(timeStamps);
@@ -56,7 +56,7 @@ TEST(KrTimeline, OfFewOrEqualTimeStampsKnowsNoRate) {
     }
 }
 
-TEST(KrTimeline, TakesAnyNumbers) {
+TEST(KrTimeline, AcceptsAnyNumbers) {
     constexpr auto kLowest = std::numeric_limits<std::int64_t>::min();
     constexpr auto kHighest = std::numeric_limits<std::int64_t>::max();
     const Timeline timeline = makeTimeline({0, 10, 20, kLowest, kHighest, kLowest, 0});
@@ -87,7 +87,7 @@ TEST_F(KrVideoInfo, ShowsTheStreamsAndTheirTimes) {
                                   "    backward jumps  0\n");
 }
 
-TEST_F(KrVideoInfo, ShowsGapsJumpsAndWhatIsMissingOnDisk) {
+TEST_F(KrVideoInfo, ShowsGapsJumpsAndMissingBytes) {
     Bytes file = make(20, 25, 2);
     file.resize(file.size() - 100);
     for (unsigned frame = 10; frame < 20; ++frame) { // stream 1, a second later
@@ -122,7 +122,7 @@ TEST_F(KrVideoInfo, ShowsTheSameAsJson) {
     EXPECT_EQ(json["streams"][1]["gaps"].size(), 0u);
 }
 
-TEST_F(KrVideoInfo, OfWhatIsNoRecordingFails) {
+TEST_F(KrVideoInfo, FailsForAFileThatIsNotARecording) {
     writeAll(path("other"), Bytes(100, 'x'));
     writeAll(path("short"), {'1', 'V', 'X', 'O', 0});
     write("bad", makeOxvHeader(kOxvVersion1, 0, 1, 1, {{0, 0, 0, 8}}));
@@ -153,7 +153,7 @@ TEST_F(KrVideoDoctor, FindsNothingWrongWithAGoodRecording) {
     EXPECT_EQ(problemsOf(make(3, 3, 1, 1000, 1000), 0), "");
 }
 
-TEST_F(KrVideoDoctor, FindsACountThatIsMissingOrWrong) {
+TEST_F(KrVideoDoctor, FindsAMissingOrWrongCount) {
     EXPECT_EQ(
         problemsOf(make(3, kNeverClosed)),
         "byte 8: the recording was never closed: the header does not say how many frames there are (3)\n");
@@ -164,7 +164,7 @@ TEST_F(KrVideoDoctor, FindsACountThatIsMissingOrWrong) {
               "chunks, and a frame has one of each of the 2 streams\n");
 }
 
-TEST_F(KrVideoDoctor, FindsAFrameThatIsCut) {
+TEST_F(KrVideoDoctor, FindsATruncatedFrame) {
     Bytes file = make(3, 2);
     file.resize(file.size() - 200);
     EXPECT_EQ(problemsOf(file),
@@ -172,7 +172,7 @@ TEST_F(KrVideoDoctor, FindsAFrameThatIsCut) {
               "bytes\n");
 }
 
-TEST_F(KrVideoDoctor, FindsWhatIsWrongInTheHeaders) {
+TEST_F(KrVideoDoctor, FindsErrorsInTheHeaders) {
     EXPECT_EQ(problemsOf({1, 2, 3}), "byte 0: the file does not begin as an oxv or mcap file does\n");
     EXPECT_EQ(problemsOf({'1', 'V', 'X', 'O'}),
               "byte 4: the file ends within its headers, which need 32 bytes\n");
@@ -192,7 +192,7 @@ TEST_F(KrVideoDoctor, FindsWhatIsWrongInTheHeaders) {
               "readers look for the first frame that far behind it\n");
 }
 
-TEST_F(KrVideoDoctor, FindsWhatIsWrongInTheChunks) {
+TEST_F(KrVideoDoctor, FindsErrorsInTheChunks) {
     Bytes file = make(6, 6);
     put(file, 32 + 2 * kChunk, timeStampOf(0, 0)); // back, and forth again
     file[32 + 4 * kChunk + 8] = 7;                 // another camera, and back again
@@ -228,7 +228,7 @@ TEST_F(KrVideoDoctor, NamesATimeStampThatJumpsForward) {
     }
     EXPECT_THAT(problemsOfStamp(INT64_MAX), HasSubstr(named(INT64_MAX)));
 
-    Bytes late = make(3, 3); // the clock was set, and stays so
+    Bytes late = make(3, 3); // the clock was set once
     put(late, 32 + 2 * kChunk, timeStampOf(2, 0) + kHour);
     EXPECT_EQ(problemsOf(late), named(timeStampOf(2, 0) + kHour));
     put(late, 32 + 2 * kChunk, timeStampOf(2, 0) + kMinute); // a pause
@@ -236,7 +236,7 @@ TEST_F(KrVideoDoctor, NamesATimeStampThatJumpsForward) {
 }
 
 TEST_F(KrVideoDoctor, FindsFramesThatReadersCannotReach) {
-    // A file with holes, of which the disk holds but a few blocks.
+    // A file with holes, of which the disk holds only a few blocks.
     constexpr std::uint64_t kFrame = 640 * 480 * 3;
     constexpr std::uint64_t kFrames = 4700;
     const std::string file = write("a.oxv", makeOxvHeader(kOxvVersion1, 0, kFrames, 1, {{640, 480, 13, 8}}));

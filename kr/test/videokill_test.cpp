@@ -1,4 +1,4 @@
-// A recording process that is killed loses nothing that the operating system has been given.
+// A killed recording process loses nothing that it has passed to the operating system.
 
 #include "patience.hpp"
 #include "recordings.hpp"
@@ -34,7 +34,7 @@ protected:
         return error ? 0 : size;
     }
 
-    /// Records for a while, and kills. \return how many chunks the recorder had finished with
+    /// Records for a while, then is killed. \return how many chunks the recorder had finished
     std::uint32_t recordAndKill(std::chrono::microseconds delay) const {
         std::filesystem::remove(path("in.oxv"));
         const detail::File counter = detail::makeTemporaryFile();
@@ -43,7 +43,7 @@ protected:
                                       std::to_string(GetParam().streams), path("in")},
                                      ::fileno(counter.get()), STDERR_FILENO);
         EXPECT_TRUE(eventually([&] { return getFileSize() > 0; }));
-        std::this_thread::sleep_for(delay); // not for luck: any moment will do
+        std::this_thread::sleep_for(delay); // not a wait for anything: any moment will do
         ::kill(recorder, SIGKILL);
         int status = 0;
         EXPECT_EQ(::waitpid(recorder, &status, 0), recorder);
@@ -84,10 +84,10 @@ protected:
     }
 
 private:
-    std::vector<Bytes> contents_; // what is in the chunks behind their headers
+    std::vector<Bytes> contents_; // the chunks without their headers
 };
 
-TEST_P(KrVideoKill, LosesNothingThatTheSystemHasBeenGiven) {
+TEST_P(KrVideoKill, LosesNothingPassedToTheSystem) {
     constexpr int kKills = 10;
     const auto seed = std::random_device()();
     SCOPED_TRACE("seed " + std::to_string(seed));
@@ -102,7 +102,7 @@ TEST_P(KrVideoKill, LosesNothingThatTheSystemHasBeenGiven) {
         const std::uint64_t frames = (size - headers) / frameSize;
         const bool isCut = (size - headers) % frameSize != 0;
         EXPECT_GE((size - headers) / getChunkSize(), chunks)
-            << "what write() has returned from is with the system";
+            << "data of a completed write() belongs to the system";
 
         const Outcome outcome = kr({"video", "recover", "--json", path("in.oxv"), path("out.oxv")});
         ASSERT_EQ(outcome.exitCode, isCut ? 3 : 0) << outcome.err;
@@ -114,7 +114,7 @@ TEST_P(KrVideoKill, LosesNothingThatTheSystemHasBeenGiven) {
     }
 }
 
-// Three times ten kills; small chunks are written in one go, large ones are cut now and then.
+// Three times ten kills; small chunks are written at once, large ones are sometimes truncated.
 INSTANTIATE_TEST_SUITE_P(EveryKind, KrVideoKill, testing::Values(Kind{0, 1}, Kind{0, 2}, Kind{2, 1}),
                          [](const auto& kind) {
                              return "Resolution" + std::to_string(kind.param.resolution) + "Streams" +

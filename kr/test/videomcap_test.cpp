@@ -23,7 +23,7 @@ protected:
         EXPECT_EQ(outcome.exitCode, 0);
         EXPECT_EQ(outcome.err, "");
     }
-    /// Three frames of two streams, with angles that are no numbers among them.
+    /// Three frames of two streams; some angles are NaN.
     static Bytes makeRecording() {
         Bytes file = make(3, 3, 2);
         put(file, 48 + 13, 0x7FC00001u); // top angle of the first chunk: a NaN with a payload
@@ -32,7 +32,7 @@ protected:
     }
 };
 
-TEST_F(KrVideoMcap, ARecordingComesBackByteForByte) {
+TEST_F(KrVideoMcap, ARecordingSurvivesTheRoundTripByteForByte) {
     const Bytes recording = makeRecording();
     const std::string in = write("in.oxv", recording);
     for (const std::string compression : {"none", "lz4", "zstd"}) {
@@ -42,7 +42,7 @@ TEST_F(KrVideoMcap, ARecordingComesBackByteForByte) {
     }
 }
 
-TEST_F(KrVideoMcap, ConvertsTheStreamAndTheFramesThatWereAsked) {
+TEST_F(KrVideoMcap, ConvertsTheSelectedStreamAndFrames) {
     const Bytes recording = makeRecording();
     const std::string in = write("in.oxv", recording);
     expectDone({"video", "convert", in, path("a.mcap"), "--stream", "1", "--from", "1"});
@@ -52,7 +52,7 @@ TEST_F(KrVideoMcap, ConvertsTheStreamAndTheFramesThatWereAsked) {
     EXPECT_EQ(kr({"video", "convert", path("a.mcap"), path("out.oxv"), "--from", "2"}).exitCode, 1);
 }
 
-TEST_F(KrVideoMcap, AFileThatWasCutGivesWhatIsWholeAndSaysSo) {
+TEST_F(KrVideoMcap, ATruncatedFileIsConvertedUpToItsLastCompleteChunk) {
     const std::string in = write("in.oxv", make(8, 8));
     expectDone({"video", "convert", in, path("a.mcap"), "--compression", "none"});
     // The same in chunks of two images.
@@ -97,7 +97,7 @@ TEST_F(KrVideoMcap, InfoShowsTopicsAndImages) {
     EXPECT_EQ(json["damage"], nlohmann::json::array());
 }
 
-TEST_F(KrVideoMcap, RecoverClosesAFileAndKeepsWhatIsWhole) {
+TEST_F(KrVideoMcap, RecoverClosesAFileAndKeepsIntactChunks) {
     KR::KRMcapWriterOptions options;
     options.chunkSize = 30000;
     options.compression = KR::KRMcapCompression::Lz4;

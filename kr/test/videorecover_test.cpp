@@ -19,7 +19,7 @@ using testing::HasSubstr;
 
 class KrVideoRecover : public Recordings {
 protected:
-    /// Recovers a file, and sees that that stays as it is.
+    /// Recovers a file, and checks that the file stays unchanged.
     Outcome recover(const Bytes& file) const {
         const std::string in = write("in.oxv", file);
         Outcome outcome = kr({"video", "recover", in, path("out.oxv")});
@@ -46,13 +46,13 @@ protected:
     }
 };
 
-TEST_F(KrVideoRecover, ClosesARecordingThatNeverWas) {
+TEST_F(KrVideoRecover, ClosesARecordingThatWasNeverClosed) {
     expectKept(make(5, kNeverClosed), 5, 0);
     EXPECT_EQ(readAll(path("out.oxv")), make(5, 5));
     expectKept(make(0, kNeverClosed), 0, 0);
 }
 
-TEST_F(KrVideoRecover, KeepsEveryCompleteFrameOfOneThatWasCut) {
+TEST_F(KrVideoRecover, KeepsEveryCompleteFrameOfATruncatedRecording) {
     for (const std::size_t missing : {std::size_t{1}, kChunk - 1, kChunk - 25}) {
         for (const std::uint32_t count : {kNeverClosed, 5u}) {
             Bytes file = make(5, count);
@@ -77,18 +77,18 @@ TEST_F(KrVideoRecover, CountsFramesOfSeveralStreamsNotTheirChunks) {
     expectKept(make(3, 6, 2), 3, 0, 2);
     expectKept(make(3, 3, 2), 3, 0, 2);
     expectKept(make(3, kNeverClosed, 3), 3, 0, 3);
-    Bytes file = make(3, 5, 2); // of the last frame, one camera has not been written
+    Bytes file = make(3, 5, 2); // the last frame lacks one camera
     file.resize(file.size() - kChunk);
     expectKept(file, 2, 1, 2);
 }
 
-TEST_F(KrVideoRecover, TakesNoStreamForOne) {
+TEST_F(KrVideoRecover, ReadsNoStreamsAsOne) {
     Bytes file = make(3, 3);
     put(file, 12, std::uint32_t{0});
     expectKept(file, 3, 0);
 }
 
-TEST_F(KrVideoRecover, FindsTheFramesWhereTheExtraHeaderIsMissing) {
+TEST_F(KrVideoRecover, FindsTheFramesIfTheExtraHeaderIsMissing) {
     expectKept(make(3, 3, 1, 1000), 3, 0);
     EXPECT_EQ(readAll(path("out.oxv")), make(3, 3));
     expectKept(make(3, kNeverClosed, 2, 1000), 3, 0, 2);
@@ -97,7 +97,7 @@ TEST_F(KrVideoRecover, FindsTheFramesWhereTheExtraHeaderIsMissing) {
     expectKept(file, 2, 1);
 }
 
-TEST_F(KrVideoRecover, KeepsAnExtraHeaderThatIsThere) {
+TEST_F(KrVideoRecover, KeepsAnExtraHeader) {
     expectKept(make(3, kNeverClosed, 1, 1000, 1000), 3, 0);
     EXPECT_EQ(readAll(path("out.oxv")), make(3, 3, 1, 1000, 1000));
 }
@@ -108,7 +108,7 @@ TEST_F(KrVideoRecover, KeepsTheVersion) {
     EXPECT_EQ(readAll(path("out.oxv")), make(3, 3, 1, 0, 0, kOxvVersion0));
 }
 
-TEST_F(KrVideoRecover, NeverWritesToWhatItReads) {
+TEST_F(KrVideoRecover, NeverWritesToItsInput) {
     const Bytes file = make(3, kNeverClosed);
     const std::string in = write("in.oxv", file);
     std::filesystem::create_symlink(in, path("link.oxv"));
@@ -123,7 +123,7 @@ TEST_F(KrVideoRecover, NeverWritesToWhatItReads) {
     EXPECT_EQ(kr({"video", "recover", in, path("out.oxv")}).exitCode, 0);
 }
 
-TEST_F(KrVideoRecover, WhatCannotBeRecoveredIsReportedAndNothingIsWritten) {
+TEST_F(KrVideoRecover, AnUnrecoverableFileIsReportedAndNothingIsWritten) {
     const std::vector<std::pair<Bytes, std::string>> cases = {
         {{}, "not an oxv file"},
         {{'1', 'V', 'X', 'O', 0}, "ends within its headers, after 5 bytes"},
@@ -145,14 +145,14 @@ TEST_F(KrVideoRecover, WhatCannotBeRecoveredIsReportedAndNothingIsWritten) {
     EXPECT_EQ(kr({"video", "recover", path("missing.oxv"), path("out.oxv")}).exitCode, 1);
 }
 
-TEST_F(KrVideoRecover, ADiskThatIsFullIsAFailure) {
+TEST_F(KrVideoRecover, AFullDiskIsAFailure) {
     const Outcome outcome = kr({"video", "recover", write("in.oxv", make(3, kNeverClosed)), "/dev/full"});
     EXPECT_EQ(outcome.exitCode, 1);
     EXPECT_EQ(outcome.err, "kr: /dev/full: cannot be written: No space left on device\n");
     EXPECT_EQ(outcome.out, "");
 }
 
-TEST_F(KrVideoRecover, TellsTheSameAsJson) {
+TEST_F(KrVideoRecover, ReportsTheSameAsJson) {
     Bytes file = make(3, kNeverClosed);
     file.resize(file.size() - 1);
     const Outcome outcome = kr({"video", "recover", "--json", write("in.oxv", file), path("out.oxv")});

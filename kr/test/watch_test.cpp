@@ -1,4 +1,4 @@
-// Verbs that run until they are interrupted, on a running system
+// Verbs that run until interrupted, on a running system.
 
 #include "krsystem.hpp"
 
@@ -43,7 +43,7 @@ TEST_F(KrSystem, WatchesTheMemoryAsItChanges) {
     EXPECT_THAT(outcome.out, MatchesRegex(" *[0-9.]+ m?s  Door/Open 0\n *[0-9.]+ m?s  Door/Open 1\n"));
 }
 
-TEST_F(KrSystem, WatchesTheSizeOfALargeValueAndNotItsBytes) {
+TEST_F(KrSystem, ShowsTheSizeOfALargeWatchedValueNotItsBytes) {
     RunningProgram server = serve();
     ASSERT_TRUE(server.isUp()) << server.readErr();
     ASSERT_EQ(krOnDomain({"memory", "set", "Image/Small", "1"}).exitCode, 0);
@@ -74,7 +74,7 @@ TEST_F(KrSystem, WatchesEventsThatItRaises) {
                 testing::MatchesRegex(".* UTC  Door/Opened \\[\"front\",0.5\\]\n.* UTC  Door/Opened null\n"));
 }
 
-TEST_F(KrSystem, WatchesOnWhenTheMemoryIsRestarted) {
+TEST_F(KrSystem, KeepsWatchingWhenTheMemoryIsRestarted) {
     auto server = std::make_unique<RunningProgram>(onDomain({"serve"}), "serving on");
     ASSERT_TRUE(server->isUp()) << server->readErr();
     ASSERT_EQ(krOnDomain({"memory", "set", "Door/Open", "0"}).exitCode, 0);
@@ -96,7 +96,7 @@ TEST_F(KrSystem, WatchesOnWhenTheMemoryIsRestarted) {
     EXPECT_THAT(events.wait().out, HasSubstr(" UTC  Door/Opened 5\n"));
 }
 
-// A line of JSON each.
+// Parses one JSON value per line.
 std::vector<json> parseLines(const std::string& text) {
     std::vector<json> lines;
     std::istringstream stream(text);
@@ -106,7 +106,7 @@ std::vector<json> parseLines(const std::string& text) {
     return lines;
 }
 
-TEST_F(KrSystem, WatchesAsLinesOfJsonUntilItsTimeIsOver) {
+TEST_F(KrSystem, WatchesAsLinesOfJsonUntilItsTimeIsUp) {
     RunningProgram server = serve();
     ASSERT_TRUE(server.isUp()) << server.readErr();
     ASSERT_EQ(krOnDomain({"memory", "set", "Door/Open", "0"}).exitCode, 0);
@@ -163,7 +163,7 @@ public:
     Pipe& operator=(const Pipe&) = delete;
 
     int getWriter() const { return ends_[1]; }
-    /// Until another byte would block the writer.
+    /// Fills it until another byte would block the writer.
     void fill() const {
         ::fcntl(ends_[1], F_SETFL, O_NONBLOCK);
         for (const std::string& size : {std::string(4096, '.'), std::string(1, '.')}) {
@@ -192,7 +192,7 @@ private:
     std::array<int, 2> ends_{};
 };
 
-// Whether the program leaves SIGTERM to its own handling.
+// Whether the program handles SIGTERM itself.
 bool blocksTermination(pid_t process) {
     std::ifstream status("/proc/" + std::to_string(process) + "/status");
     for (std::string line; std::getline(status, line);) {
@@ -203,7 +203,7 @@ bool blocksTermination(pid_t process) {
     return false;
 }
 
-TEST_F(KrSystem, WhatNobodyReadsEndsWhenItIsInterrupted) {
+TEST_F(KrSystem, AnUnreadWatchEndsWhenInterrupted) {
     RunningProgram server = serve({"--run", KR_MOTION_LIBRARY});
     ASSERT_TRUE(server.isUp()) << server.readErr();
     ASSERT_EQ(krOnDomain({"memory", "set", "Door/Open", "1"}).exitCode, 0);
@@ -227,7 +227,7 @@ TEST_F(KrSystem, WhatNobodyReadsEndsWhenItIsInterrupted) {
     }
 }
 
-TEST_F(KrSystem, CountsTheEventsThatAStalledReaderHasMissed) {
+TEST_F(KrSystem, CountsTheEventsThatAStalledReaderMissed) {
     RunningProgram server = serve();
     ASSERT_TRUE(server.isUp()) << server.readErr();
     Pipe pipe;
@@ -248,7 +248,7 @@ TEST_F(KrSystem, CountsTheEventsThatAStalledReaderHasMissed) {
     const std::string text = pipe.readToEnd();
     const auto printed = std::count(text.begin(), text.end(), '\n');
     const auto lost = [](auto count) { return HasSubstr("kr: lost " + std::to_string(count) + " events: "); };
-    // The memory counts an event before the call that delivers it: the last one may come too late.
+    // The memory counts an event before the call that delivers it: the last one may arrive too late.
     EXPECT_THAT(outcome.err, testing::AnyOf(lost(kEvents - printed), lost(kEvents - printed - 1)));
 }
 
@@ -272,7 +272,7 @@ TEST_F(KrSystem, WatchesACameraAcrossARestartOfItsService) {
     EXPECT_THAT(outcome.out, HasSubstr(" images, "));
 }
 
-TEST_F(KrSystem, NamesOfOthersDoNotControlTheTerminal) {
+TEST_F(KrSystem, NamesOfModulesCannotControlTheTerminal) {
     RunningProgram server = serve();
     ASSERT_TRUE(server.isUp()) << server.readErr();
     ASSERT_EQ(krOnDomain({"memory", "set", "a\x1b[2Jb", "1"}).exitCode, 0);

@@ -9,7 +9,7 @@
 namespace KR::test {
 namespace {
 
-// The port that the program says to open.
+// The port in the address that the program prints.
 int findPort(const RunningProgram& program) {
     const std::string text = program.readErr();
     const std::string address = "open http://127.0.0.1:";
@@ -47,7 +47,7 @@ TEST_F(KrWeb, ShowsARestartedService) {
     EXPECT_FALSE(client.readData(images).payload.empty());
 }
 
-TEST_F(KrWeb, ServeHasItToo) {
+TEST_F(KrWeb, IsPartOfServe) {
     RunningProgram service = serve({"--web", "127.0.0.1:0", "--web-read-only"});
     WebClient client(findPort(service));
     EXPECT_EQ(client.getServerInfo().at("metadata").at("readOnly"), "true");
@@ -55,7 +55,7 @@ TEST_F(KrWeb, ServeHasItToo) {
     EXPECT_EQ(service.stop().exitCode, 0);
 }
 
-TEST_F(KrWeb, RefusesWhatWouldLetEverybodyIn) {
+TEST_F(KrWeb, RefusesToServeEverybody) {
     const Outcome open = krOnDomain({"web", "--listen", "0.0.0.0:0"});
     EXPECT_EQ(open.exitCode, 2);
     EXPECT_NE(open.err.find("give a token"), std::string::npos) << open.err;
