@@ -194,7 +194,7 @@ TEST(KRExtractorConcurrency, DestroyingTheModuleDuringSubscriptionsLeavesNoDetec
                         proxy->call("subscribe", name, 10, 0.0F);
                         proxy->call("unsubscribe", name);
                     }
-                } catch (const KRError&) { // the module has gone
+                } catch (const KRError&) { // the module was destroyed
                 }
             });
         }

@@ -22,7 +22,7 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::ThrowsMessage;
 
-auto saysExiting() {
+auto refusesAsExiting() {
     return ThrowsMessage<KRError>(HasSubstr("the module is exiting"));
 }
 
@@ -36,7 +36,7 @@ TEST(KRModuleExit, FromAConstructorTheModuleNeverBecomesReachable) {
         m.add("stop", [] {}); // what a constructor does afterwards still works
     });
     EXPECT_TRUE(module->isExiting());
-    EXPECT_THAT([&] { broker->getProxy("m")->call("go"); }, saysExiting());
+    EXPECT_THAT([&] { broker->getProxy("m")->call("go"); }, refusesAsExiting());
     EXPECT_THAT(broker->getModuleList(), ElementsAre("KRMemory"));
     EXPECT_FALSE(broker->getSession().waitForService("m", std::chrono::milliseconds(0)));
 }
@@ -47,9 +47,9 @@ TEST(KRModuleExit, FromACallThatCallContinuesAndNewOnesAreRefused) {
     const auto module = makeModule(broker, "m", [&](TestModule& m) {
         m.add("leave", [&] {
             m.exit();
-            EXPECT_THAT([&] { broker->getProxy("m")->call("leave"); }, saysExiting());
-            EXPECT_THAT([&] { broker->getProxy("m")->post("leave"); }, saysExiting());
-            EXPECT_THAT([&] { m.xPost("more", [] {}); }, saysExiting());
+            EXPECT_THAT([&] { broker->getProxy("m")->call("leave"); }, refusesAsExiting());
+            EXPECT_THAT([&] { broker->getProxy("m")->post("leave"); }, refusesAsExiting());
+            EXPECT_THAT([&] { m.xPost("more", [] {}); }, refusesAsExiting());
             reachedTheEnd = true;
         });
     });

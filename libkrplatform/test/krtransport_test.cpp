@@ -263,10 +263,10 @@ TEST_F(Transport, ArgumentsOfARemoteCallAreReleasedBeforeTheModuleIsDestroyed) {
 }
 
 /// Records which callers have left.
-class Bereaved : public KRModule {
+class CallerObserver : public KRModule {
 public:
     using KRModule::KRModule;
-    ~Bereaved() override { shutDown(); }
+    ~CallerObserver() override { shutDown(); }
     Event heard;
 
 protected:
@@ -277,8 +277,8 @@ protected:
 };
 
 TEST_F(Transport, EveryModuleIsNotifiedOfACallerThatLeft) {
-    const auto one = createModule<Bereaved>(broker, "One");
-    const auto two = createModule<Bereaved>(broker, "Two");
+    const auto one = createModule<CallerObserver>(broker, "One");
+    const auto two = createModule<CallerObserver>(broker, "Two");
     wire->host->noticeCallerGone("another process");
     EXPECT_TRUE(one->heard.wait());
     EXPECT_TRUE(two->heard.wait());
@@ -425,7 +425,7 @@ protected:
     }
 
     /// Whether the memory got exactly these calls, in any order.
-    static bool isTold(const FakeRemote& memory, std::vector<KRValue> expected) {
+    static bool wasCalled(const FakeRemote& memory, std::vector<KRValue> expected) {
         return eventually([&] {
             const auto calls = memory.getCalls();
             return calls.size() >= expected.size() &&
@@ -449,16 +449,16 @@ TEST_F(RemoteMemory, ANewMemoryGetsWhatTheLastOneHeld) {
     leaving.reset();
     wire->host->removeRemoteModule(before);
     const auto after = addRemote("KRMemory");
-    EXPECT_TRUE(isTold(*after, {KRValue::array("declareEvent", "Own", "Listener"),
-                                KRValue::array("declareEvent", "Nobodys"),
-                                KRValue::array("subscribeToEvent", "Own", "Listener", "onEvent")}));
+    EXPECT_TRUE(wasCalled(*after, {KRValue::array("declareEvent", "Own", "Listener"),
+                                   KRValue::array("declareEvent", "Nobodys"),
+                                   KRValue::array("subscribeToEvent", "Own", "Listener", "onEvent")}));
 
     // And the next one again.
     wire->host->removeRemoteModule(after);
     const auto third = addRemote("KRMemory");
-    EXPECT_TRUE(isTold(*third, {KRValue::array("declareEvent", "Own", "Listener"),
-                                KRValue::array("declareEvent", "Nobodys"),
-                                KRValue::array("subscribeToEvent", "Own", "Listener", "onEvent")}));
+    EXPECT_TRUE(wasCalled(*third, {KRValue::array("declareEvent", "Own", "Listener"),
+                                   KRValue::array("declareEvent", "Nobodys"),
+                                   KRValue::array("subscribeToEvent", "Own", "Listener", "onEvent")}));
     EXPECT_EQ(after->getCalls().size(), 3U);
 }
 
@@ -472,7 +472,7 @@ TEST_F(RemoteMemory, AMemoryThatDoesNotKnowTheSubscriberYetIsRetried) {
     after->fail(2);
     wire->host->setRemoteModule(after, KRModuleState::Open);
     const KRValue call = KRValue::array("subscribeToEvent", "Event", "Listener", "onEvent");
-    EXPECT_TRUE(isTold(*after, {call, call, call}));
+    EXPECT_TRUE(wasCalled(*after, {call, call, call}));
 }
 
 TEST_F(RemoteMemory, AWriteBeforeTheFirstMemoryReachesIt) {
@@ -481,7 +481,7 @@ TEST_F(RemoteMemory, AWriteBeforeTheFirstMemoryReachesIt) {
     wire->host->removeRemoteModule(before);
     memory.insertData("Key", 1);
     const auto after = addRemote("KRMemory");
-    EXPECT_TRUE(isTold(*after, {KRValue::array("insertData", "Key", 1)}));
+    EXPECT_TRUE(wasCalled(*after, {KRValue::array("insertData", "Key", 1)}));
 }
 
 TEST_F(RemoteMemory, AnExitingOneThatRefusesAWriteCountsAsAway) {
@@ -492,7 +492,7 @@ TEST_F(RemoteMemory, AnExitingOneThatRefusesAWriteCountsAsAway) {
     memory.insertData("Key", 2);
     wire->host->removeRemoteModule(before);
     const auto after = addRemote("KRMemory");
-    EXPECT_TRUE(isTold(*after, {KRValue::array("insertData", "Key", 2)}));
+    EXPECT_TRUE(wasCalled(*after, {KRValue::array("insertData", "Key", 2)}));
 }
 
 TEST_F(RemoteMemory, OneThatRefusesAWriteForAnotherReasonDoesNot) {

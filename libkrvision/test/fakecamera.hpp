@@ -64,7 +64,7 @@ inline KRValue makeImageValue(int width, int height, int layers, int colorSpace)
 }
 
 /// Which settings a fake camera accepts; one that accepts everything also accepts any identifier.
-enum class Taste { OfItsOwn, TakesEverything, RefusesEverything };
+enum class Acceptance { Real, Everything, Nothing };
 
 /// A camera service for tests: records each call, and answers like the real one unless instructed otherwise.
 /// It has three cameras with the parameters 11 and 12, from 0 to 100; each fetch finds a new image.
@@ -134,7 +134,7 @@ public:
     int getFrameRate(const std::string& id) {
         note("getFrameRate", "getFrameRate " + id);
         const int own = find("getFrameRate", id).frameRate;
-        return toldFrameRate > 0 ? toldFrameRate.load() : own;
+        return reportedFrameRate > 0 ? reportedFrameRate.load() : own;
     }
     bool setResolution(const std::string& id, int value) {
         return set("setResolution", id, value, isResolution(value), &Subscription::resolution);
@@ -178,8 +178,8 @@ public:
         image_ = image;
     }
 
-    std::atomic<Taste> taste = Taste::OfItsOwn;
-    std::atomic<int> toldFrameRate = 0; ///< what getFrameRate returns; 0: the rate that was set
+    std::atomic<Acceptance> acceptance = Acceptance::Real;
+    std::atomic<int> reportedFrameRate = 0; ///< what getFrameRate returns; 0: the rate that was set
     Journal& journal;
 
 private:
@@ -220,7 +220,7 @@ private:
         const std::lock_guard lock(mutex_);
         const auto found = subscriptions_.find(id);
         if (found == subscriptions_.end()) {
-            if (taste == Taste::TakesEverything) {
+            if (acceptance == Acceptance::Everything) {
                 return {};
             }
             refuse(method, "subscription \"" + id + "\" does not exist");
@@ -228,7 +228,7 @@ private:
         return found->second;
     }
     bool takes(bool supported) const {
-        return taste == Taste::OfItsOwn ? supported : taste == Taste::TakesEverything;
+        return acceptance == Acceptance::Real ? supported : acceptance == Acceptance::Everything;
     }
     bool set(const std::string& operation, const std::string& id, int value, bool supported,
              int Subscription::*setting) {
@@ -306,7 +306,7 @@ private:
 struct Stage {
     explicit Stage(int frameRate = 30, int cameraIndex = 0)
         : extractor(createModule<TestExtractor>(broker, "Motion", journal, 0, 9, frameRate, cameraIndex)) {
-        camera->taste = Taste::TakesEverything;
+        camera->acceptance = Acceptance::Everything;
     }
 
     /// Level and text of each line in the category of vision extractors.

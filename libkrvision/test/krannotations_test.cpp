@@ -33,7 +33,7 @@ KRImage makeCanvas(int width, int height, int colorSpace) {
     return KRImage(width, height, colorSpace, false, 0, 0, 0, 0);
 }
 
-std::string whatIsWrongWith(const KRValue& value) {
+std::string refusalOf(const KRValue& value) {
     try {
         KRAnnotations::fromKRValue(value);
         return "nothing";
@@ -76,12 +76,12 @@ TEST(KRAnnotations, ElementsOfLaterVersionsAreIgnored) {
 }
 
 TEST(KRAnnotations, AMalformedValueIsRefusedNamingTheElement) {
-    EXPECT_THAT(whatIsWrongWith(KRValue(1)), HasSubstr("not an array of at least 8"));
-    EXPECT_THAT(whatIsWrongWith(KRValue::array(1, 2)), HasSubstr("not an array of at least 8"));
+    EXPECT_THAT(refusalOf(KRValue(1)), HasSubstr("not an array of at least 8"));
+    EXPECT_THAT(refusalOf(KRValue::array(1, 2)), HasSubstr("not an array of at least 8"));
     const auto change = [](auto edit) {
         KRValue value = makeAnnotations().toKRValue();
         edit(value);
-        return whatIsWrongWith(value);
+        return refusalOf(value);
     };
     EXPECT_THAT(change([](KRValue& v) { v[0] = 2; }), HasSubstr("version 2; version 1 is supported"));
     EXPECT_THAT(change([](KRValue& v) { v[4][1][2] = -0.75F; }), HasSubstr("box 1 has its right edge"));

@@ -50,7 +50,7 @@ TEST(KRVisionExtractorFailures, ARefusedCameraSubscriptionIsLoggedAndMakesTheMod
 
 TEST(KRVisionExtractorFailures, ASubscriberGetsTheReasonForARefusedCamera) {
     Stage stage;
-    stage.camera->taste = Taste::OfItsOwn;
+    stage.camera->acceptance = Acceptance::Real;
     const std::string cause = "camera 0 (v4l2:/dev/video9) cannot be opened: No such file or directory";
     stage.camera->on("subscribeCamera", [&] { throw KRError("KRVideoDevice", "subscribeCamera", cause); });
     for (int i = 0; i < 2; ++i) {
@@ -77,7 +77,7 @@ TEST(KRVisionExtractorFailures, ARefusedCameraParameterIsLoggedAsARefusedSubscri
     EXPECT_THAT(stage.getLog(), Contains("error|Motion: Could not subscribe to KRVideoDevice"));
     EXPECT_EQ(stage.journal.count("setCameraParameter " + kId + " 12 2"), 0);
     EXPECT_TRUE(stage.extractor->isExiting());
-    EXPECT_TRUE(stage.extractor->isProcessing()); // images flow all the same
+    EXPECT_TRUE(stage.extractor->isProcessing()); // images still flow
     stage.extractor->unsubscribe("client");
     EXPECT_EQ(stage.journal.count("unsubscribe " + kId), 1);
 }
@@ -127,7 +127,7 @@ TEST(KRVisionExtractorFailures, ARefusedResetOrUnsubscriptionIsLoggedAndTheSubsc
     for (const char* operation : {"setAllCameraParametersToDefault", "unsubscribe"}) {
         SCOPED_TRACE(operation);
         Stage stage;
-        stage.camera->toldFrameRate = 24;
+        stage.camera->reportedFrameRate = 24;
         stage.extractor->subscribe("client", 33, 0.0F);
         stage.camera->fail(operation);
         stage.extractor->unsubscribe("client");

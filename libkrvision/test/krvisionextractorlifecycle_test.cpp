@@ -282,7 +282,7 @@ TEST(KRVisionExtractorLifecycle, DestroyingTheModuleDuringStartsLeavesNoCameraSu
                         proxy->call("subscribe", name, 33, 0.0F);
                         proxy->call("unsubscribe", name);
                     }
-                } catch (const KRError&) { // the module has gone
+                } catch (const KRError&) { // the module was destroyed
                 }
             });
         }

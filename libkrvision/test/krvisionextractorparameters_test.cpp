@@ -21,7 +21,7 @@ using testing::ThrowsMessage;
 
 class KRVisionExtractorParameters : public testing::Test {
 protected:
-    KRVisionExtractorParameters() { stage.camera->taste = Taste::OfItsOwn; }
+    KRVisionExtractorParameters() { stage.camera->acceptance = Acceptance::Real; }
     ~KRVisionExtractorParameters() override { unsubscribe(); }
 
     void subscribe() { proxy->call("subscribe", "client", 100, 0.0F); }
@@ -148,13 +148,13 @@ TEST_F(KRVisionExtractorParameters, RefusalsStateTheReason) {
     subscribe();
     refused("camera", 7, "7 now: camera 7 does not exist");
     EXPECT_FALSE(stage.extractor->isPaused());
-    stage.camera->taste = Taste::RefusesEverything;
+    stage.camera->acceptance = Acceptance::Nothing;
     refused("resolution", "320x240", "320x240 now: the camera service does not deliver it");
     refused("colorSpace", "luma", "luma now: the camera service does not deliver it");
     refused("frameRate", 5, "5 now: the camera service refuses it");
     EXPECT_EQ(get("resolution"), "160x120");
     EXPECT_EQ(get("camera"), 0);
-    stage.camera->taste = Taste::OfItsOwn;
+    stage.camera->acceptance = Acceptance::Real;
     stage.camera->fail("setActiveCamera");
     refused("camera", 1, "1 now: injected");
     EXPECT_FALSE(stage.extractor->isPaused()) << "a refused value changes nothing";

@@ -79,7 +79,7 @@ TEST(KRVisionExtractorSettings, WhileSubscribedAChangeIsKeptOnlyIfTheCameraAccep
     EXPECT_EQ(stage.extractor->getResolution(), 12);
     EXPECT_EQ(stage.extractor->getColorSpace(), 0);
     EXPECT_EQ(stage.extractor->getActiveCamera(), 2);
-    stage.camera->taste = Taste::RefusesEverything;
+    stage.camera->acceptance = Acceptance::Nothing;
     EXPECT_FALSE(stage.extractor->setResolution(1));
     EXPECT_FALSE(stage.extractor->setColorSpace(9));
     EXPECT_FALSE(stage.extractor->setActiveCamera(0));
@@ -133,7 +133,7 @@ TEST(KRVisionExtractorSettings, ChangingTheCameraPausesAndResumesTheLoop) {
 
 TEST(KRVisionExtractorSettings, TheFrameRateSetsThePeriodOfAllSubscribers) {
     Stage stage;
-    stage.camera->toldFrameRate = 24;
+    stage.camera->reportedFrameRate = 24;
     stage.extractor->subscribe("A", 100, 0.0F);
     stage.extractor->subscribe("B", 500, 0.0F);
     EXPECT_TRUE(stage.extractor->setFrameRate(15));
