@@ -89,9 +89,9 @@ TEST_F(KrParam, LoadsWhatItSaved) {
     const std::string file = folder_.path("robot.json");
     ASSERT_EQ(krOnDomain({"param", "save", file}).exitCode, 0);
     const json saved = read(file);
-    EXPECT_EQ(saved["Left"]["threshold"], 0.5);
-    EXPECT_EQ(saved["Right"]["colorSpace"], "luma");
-    EXPECT_FALSE(saved["Left"].contains("pause"));
+    EXPECT_EQ(saved.at("Left").at("threshold"), 0.5) << saved;
+    EXPECT_EQ(saved.at("Right").at("colorSpace"), "luma") << saved;
+    EXPECT_FALSE(saved.at("Left").contains("pause")) << saved;
 
     ASSERT_EQ(krOnDomain({"param", "set", "Left", "threshold", "0.75"}).exitCode, 0);
     const Outcome loaded = krOnDomain({"param", "load", file});
