@@ -2,6 +2,7 @@
 
 #include <krplatform/krproxy.hpp>
 #include <krplatform/krvideodeviceproxy.hpp>
+#include <krvision/krsubscribername.hpp>
 
 #include <algorithm>
 
@@ -70,18 +71,11 @@ std::vector<ExtractorState> ExtractorOverview::poll() {
         } catch (const KRError&) { // it has just exited
         }
     }
-    // A vision extractor subscribes as "VisionExtractor" and its name; the camera service adds an underscore and a
-    // number.
     std::map<std::string, Fetched> now;
     for (const auto& [id, frames] : framesById) {
-        const ExtractorState* subscriber = nullptr;
-        for (const ExtractorState& state : states) {
-            const bool fits = id.starts_with("VisionExtractor" + state.name + "_");
-            if (fits && (subscriber == nullptr || state.name.size() > subscriber->name.size())) {
-                subscriber = &state;
-            }
-        }
-        if (subscriber != nullptr) {
+        const auto subscriber = std::ranges::find_if(
+            states, [&](const ExtractorState& state) { return isSubscriptionOf(id, state.name); });
+        if (subscriber != states.end()) {
             Fetched& fetched = now[subscriber->name];
             fetched.when = when;
             fetched.frames += frames;

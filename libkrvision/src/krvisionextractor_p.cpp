@@ -4,6 +4,7 @@
 #include "krplatform/krclock.hpp"
 #include "krplatform/krlog.hpp"
 #include "krplatform/krthread.hpp"
+#include "krvision/krsubscribername.hpp"
 
 #include <boost/smart_ptr/make_shared.hpp>
 
@@ -267,7 +268,7 @@ void KRVisionExtractorPrivate::stop() {
 }
 
 std::string KRVisionExtractorPrivate::getUnsubscribedId() const {
-    return "VisionExtractor" + owner->getName();
+    return getSubscriberName(owner->getName());
 }
 
 std::string KRVisionExtractorPrivate::getSubscriberId() {

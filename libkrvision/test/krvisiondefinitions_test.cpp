@@ -1,9 +1,13 @@
 #include "krvision/krvisiondefinitions.hpp"
 
+#include "krvision/krcolorspacenames.hpp"
+#include "krvision/krsubscribername.hpp"
+
 #include <gtest/gtest.h>
 
 #include <array>
 #include <limits>
+#include <string>
 
 namespace {
 
@@ -143,6 +147,28 @@ TEST(KRVisionDefinitions, NamedCodesMatchTheTables) {
     EXPECT_EQ(KR::getResolutionFromSize(320, 240), KR::kQVGA);
     EXPECT_EQ(KR::getResolutionFromSize(640, 480), KR::kVGA);
     EXPECT_EQ(KR::kYUV422ColorSpace, 9);
+}
+
+TEST(KRVisionDefinitions, ColorSpacesAreFoundByTheirNames) {
+    for (const KR::KRColorSpaceName& space : KR::kColorSpaceNames) {
+        EXPECT_EQ(KR::getColorSpaceName(space.code), space.name);
+        EXPECT_EQ(KR::findColorSpace(space.name), space.code);
+        EXPECT_EQ(KR::findColorSpace(KR::getColorSpaceOption(space.code)), space.code);
+    }
+    EXPECT_EQ(KR::getColorSpaceOption(9), "yuv422");
+    EXPECT_EQ(KR::describeColorSpace(9), "YUV422 (9)");
+    EXPECT_EQ(KR::describeColorSpace(12), "12");
+    EXPECT_EQ(KR::findColorSpace("yuv"), -1);
+    EXPECT_EQ(KR::findColorSpace(""), -1);
+}
+
+TEST(KRSubscriberName, IsFoundInTheIdentifierOfASubscription) {
+    const std::string id = KR::getSubscriberName("Motion") + "_12";
+    EXPECT_TRUE(KR::isSubscriptionOf(id, "Motion"));
+    EXPECT_FALSE(KR::isSubscriptionOf(id + "_3", "Motion")) << "of a module named Motion_12";
+    EXPECT_TRUE(KR::isSubscriptionOf(id + "_3", "Motion_12"));
+    EXPECT_FALSE(KR::isSubscriptionOf(KR::getSubscriberName("Motion") + "_", "Motion"));
+    EXPECT_FALSE(KR::isSubscriptionOf("Watcher_1", "Motion"));
 }
 
 } // namespace

@@ -11,6 +11,7 @@
 #include <krplatform/krtext.hpp>
 #include <krplatform/krthread.hpp>
 #include <krplatform/krvideodeviceproxy.hpp>
+#include <krvision/krsubscribername.hpp>
 #include <krvision/krvisiondefinitions.hpp>
 
 #include <algorithm>
@@ -294,11 +295,8 @@ void System::askExtractors() {
                         extractor[field] = value->to<int>();
                     }
                 }
-                // A vision extractor subscribes as "VisionExtractor" and its name; the camera service adds "_" and a number.
-                const std::string prefix = "VisionExtractor" + module + "_";
                 for (const KRSubscriptionStatistics& each : statistics) {
-                    if (!each.id.starts_with(prefix) ||
-                        each.id.find_first_not_of("0123456789", prefix.size()) != std::string::npos) {
+                    if (!isSubscriptionOf(each.id, module)) {
                         continue;
                     }
                     fetched[each.id] = {now, each.delivered};
