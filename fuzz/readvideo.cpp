@@ -6,6 +6,7 @@
 
 #include <krplatform/krerror.hpp>
 #include <krvision/kroxvfile.hpp>
+#include <krvision/kroxvrepair.hpp>
 #include <krvision/krvideo.hpp>
 #include <krvision/krvisiondefinitions.hpp>
 
@@ -72,6 +73,9 @@ void readChecked(const MemoryFile& file) {
         if (recording.countExpectedFrames() < frames || recording.countAddressableFrames() > frames ||
             (frames > 0 && recording.getOffset(frames) > recording.getFileSize())) {
             std::abort();
+        }
+        if (frames < 16 * kMostFrames) {
+            findProblems(recording);
         }
         recording.requireFrames();
         if (!recording.hasFrames()) {
