@@ -9,6 +9,7 @@
 #include "tool/interruption.hpp"
 #include "tool/output.hpp"
 
+#include <krinterop/krmcaptopics.hpp>
 #include <krplatform/krtext.hpp>
 #include <krplatform/krthread.hpp>
 
@@ -138,12 +139,12 @@ public:
         std::string line = format("%4.0f s", elapsed.count());
         for (const auto& [topic, count] : now) {
             missed += count.missed;
-            if (topic.starts_with("/camera/")) {
+            if (findCameraOfImageTopic(topic)) {
                 line +=
                     format("  %s %llu (%llu/s)", topic.c_str(), static_cast<unsigned long long>(count.came),
                            static_cast<unsigned long long>(count.came - before_[topic].came));
             } else {
-                (topic.starts_with("/event/") ? events : values) += count.came;
+                (findEventOfTopic(topic) ? events : values) += count.came;
             }
         }
         before_ = now;

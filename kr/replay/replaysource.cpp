@@ -20,9 +20,6 @@ namespace KR::tool {
 
 namespace {
 
-constexpr std::string_view kMemoryPrefix = "/memory/";
-constexpr std::string_view kEventPrefix = "/event/";
-
 bool isWanted(const std::vector<std::string>& only, const std::string& topic) {
     return only.empty() || std::ranges::find(only, topic) != only.end();
 }
@@ -192,11 +189,11 @@ public:
 
 private:
     void addTopic(const std::string& topic, bool isImage) {
-        const bool isValue = topic.starts_with(kMemoryPrefix) || topic.starts_with(kEventPrefix);
+        const bool isValue = findKeyOfMemoryTopic(topic) || findEventOfTopic(topic);
         const std::optional<int> camera = findCameraOfImageTopic(topic);
         if (isValue || (isImage && camera && *camera < kMostCameras)) {
             topics_.push_back(topic);
-        } else if (!topic.ends_with("/properties") && !topic.ends_with("/annotations")) {
+        } else if (!isDescribingTopic(topic)) {
             ignored_.push_back(topic);
         }
     }
@@ -210,15 +207,13 @@ private:
     bool read(const KRMcapMessage& message, ReplayMessage& replayed) {
         const std::string& topic = message.channel->topic;
         try {
-            for (const std::string_view prefix : {kMemoryPrefix, kEventPrefix}) {
-                if (topic.starts_with(prefix)) {
-                    replayed.kind =
-                        prefix == kEventPrefix ? ReplayMessage::Kind::Event : ReplayMessage::Kind::Value;
-                    replayed.name = topic.substr(prefix.size());
-                    const auto json = nlohmann::ordered_json::parse(message.data.begin(), message.data.end());
-                    replayed.value = KR::toValue(json.at("value"));
-                    return true;
-                }
+            const std::optional<std::string_view> event = findEventOfTopic(topic);
+            if (const auto name = event ? event : findKeyOfMemoryTopic(topic)) {
+                replayed.kind = event ? ReplayMessage::Kind::Event : ReplayMessage::Kind::Value;
+                replayed.name = *name;
+                const auto json = nlohmann::ordered_json::parse(message.data.begin(), message.data.end());
+                replayed.value = KR::toValue(json.at("value"));
+                return true;
             }
             KRImage image(1, 1, 0, true, 0.0f, 0.0f, 0.0f, 0.0f); // without a buffer
             if (!images_.take(message, image)) {

@@ -21,6 +21,9 @@ using Json = nlohmann::ordered_json;
 constexpr std::string_view kCameraPrefix = "/camera/";
 constexpr std::string_view kImageSuffix = "/image";
 constexpr std::string_view kPropertiesSuffix = "/properties";
+constexpr std::string_view kMemoryPrefix = "/memory/";
+constexpr std::string_view kEventPrefix = "/event/";
+constexpr std::string_view kAnnotationsTopicSuffix = "/annotations";
 constexpr std::string_view kAnnotationsSuffix = "/Annotations"; // of a key
 
 constexpr std::array kAngleNames = {"left_angle", "top_angle", "right_angle", "bottom_angle"};
@@ -36,6 +39,10 @@ std::optional<int> findCamera(std::string_view topic, std::string_view suffix) n
     int camera = 0;
     const auto [last, error] = std::from_chars(first, end, camera);
     return error == std::errc() && last == end && *first != '-' ? std::optional(camera) : std::nullopt;
+}
+
+std::optional<std::string_view> removePrefix(std::string_view topic, std::string_view prefix) noexcept {
+    return topic.starts_with(prefix) ? std::optional(topic.substr(prefix.size())) : std::nullopt;
 }
 
 KRBytes toBytes(std::string_view text) {
@@ -70,19 +77,31 @@ std::string getImagePropertiesTopic(int camera) {
 }
 
 std::string getMemoryTopic(const std::string& key) {
-    return "/memory/" + key;
+    return std::string(kMemoryPrefix) + key;
 }
 
 std::string getEventTopic(const std::string& name) {
-    return "/event/" + name;
+    return std::string(kEventPrefix) + name;
 }
 
 std::string getAnnotationsTopic(const std::string& module) {
-    return "/" + module + "/annotations";
+    return "/" + module + std::string(kAnnotationsTopicSuffix);
 }
 
 std::optional<int> findCameraOfImageTopic(std::string_view topic) noexcept {
     return findCamera(topic, kImageSuffix);
+}
+
+std::optional<std::string_view> findKeyOfMemoryTopic(std::string_view topic) noexcept {
+    return removePrefix(topic, kMemoryPrefix);
+}
+
+std::optional<std::string_view> findEventOfTopic(std::string_view topic) noexcept {
+    return removePrefix(topic, kEventPrefix);
+}
+
+bool isDescribingTopic(std::string_view topic) noexcept {
+    return topic.ends_with(kPropertiesSuffix) || topic.ends_with(kAnnotationsTopicSuffix);
 }
 
 std::string_view getValueSchema() noexcept {

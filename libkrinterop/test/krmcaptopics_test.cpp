@@ -29,6 +29,13 @@ TEST(KRMcapTopics, AreNamedAsDocumented) {
     EXPECT_EQ(KR::getEventTopic("KRMotion/MotionDetected"), "/event/KRMotion/MotionDetected");
     EXPECT_EQ(KR::getAnnotationsTopic("KRMotion"), "/KRMotion/annotations");
     EXPECT_EQ(KR::findCameraOfImageTopic("/camera/12/image"), 12);
+    EXPECT_EQ(KR::findKeyOfMemoryTopic(KR::getMemoryTopic("KRMotion/Area")), "KRMotion/Area");
+    EXPECT_EQ(KR::findKeyOfMemoryTopic("/event/memory/"), std::nullopt);
+    EXPECT_EQ(KR::findEventOfTopic(KR::getEventTopic("Moved")), "Moved");
+    EXPECT_EQ(KR::findEventOfTopic("/memory/event/"), std::nullopt);
+    EXPECT_TRUE(KR::isDescribingTopic(KR::getImagePropertiesTopic(0)));
+    EXPECT_TRUE(KR::isDescribingTopic(KR::getAnnotationsTopic("KRMotion")));
+    EXPECT_FALSE(KR::isDescribingTopic(KR::getImageTopic(0)));
     for (const char* other : {"/camera//image", "/camera/x/image", "/camera/-1/image", "/camera/1/images",
                               "/camera/image", "/camera/1x/image", "/camera/99999999999/image", ""}) {
         EXPECT_EQ(KR::findCameraOfImageTopic(other), std::nullopt) << other;

@@ -26,6 +26,12 @@ KR_EXPORT std::string getAnnotationsTopic(const std::string& module);
 
 /// The camera of an image topic; nullopt if it is not one.
 KR_EXPORT std::optional<int> findCameraOfImageTopic(std::string_view topic) noexcept;
+/// The key of a topic of values in memory; nullopt if it is not one. Refers to `topic`.
+KR_EXPORT std::optional<std::string_view> findKeyOfMemoryTopic(std::string_view topic) noexcept;
+/// The event of a topic of events; nullopt if it is not one. Refers to `topic`.
+KR_EXPORT std::optional<std::string_view> findEventOfTopic(std::string_view topic) noexcept;
+/// Whether messages of a topic only describe others: properties of images, and annotations.
+KR_EXPORT bool isDescribingTopic(std::string_view topic) noexcept;
 
 /// JSON schema of messages on memory and event topics: `{"value": ...}`, the value as in krjson.hpp, and
 /// optionally "frame".
