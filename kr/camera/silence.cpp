@@ -20,7 +20,7 @@ bool Silence::goOn(const KRError& error, Interruption& interruption) {
         return false;
     }
     if (isNew) {
-        printError(describe(error) + "; going on without");
+        printError(describe(error) + "; continuing without it");
     }
     interruption.waitFor(kPause);
     return true;

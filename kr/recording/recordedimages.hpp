@@ -54,7 +54,7 @@ protected:
     std::vector<RecordedCamera> cameras_;
 };
 
-/// \throws std::runtime_error with the path: it cannot be read, is no recording, or has no images
+/// \throws std::runtime_error with the path: it cannot be read, is not a recording, or has no images
 std::unique_ptr<RecordedImages> openRecordedImages(const std::string& path);
 
 } // namespace KR::tool

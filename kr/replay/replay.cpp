@@ -172,7 +172,7 @@ private:
             return;
         }
         printError(format("%s at %.3f s",
-                          !clock_.isPaused() ? "goes on"
+                          !clock_.isPaused() ? "resumes"
                           : isStepping_      ? "steps"
                                              : "pauses",
                           static_cast<double>(clock_.getPlace()) / 1e6));

@@ -50,7 +50,7 @@ protected:
 };
 
 /// \param only  the topics to replay; empty: all of them. An oxv file has a topic /camera/N/image per stream
-/// \throws std::runtime_error with the path: it cannot be read, is no recording, does not have such a topic, or has nothing to
+/// \throws std::runtime_error with the path: it cannot be read, is not a recording, does not have such a topic, or has nothing to
 /// replay
 std::unique_ptr<ReplaySource> openReplaySource(const std::string& path, const std::vector<std::string>& only);
 

@@ -16,7 +16,7 @@ namespace {
 
 constexpr const char* kExtension = ".py";
 
-// The end of the file's name; npos if this is no file of Python.
+// The end of the file's name; npos if this is not a Python file.
 std::size_t findEndOfFile(const std::string& text) {
     if (text.ends_with(kExtension)) {
         return text.size();

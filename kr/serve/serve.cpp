@@ -314,7 +314,7 @@ const VerbRegistration registration(Verb<Options>{
         "  kr serve --run DoorMotion=./krmotion.so --broker 'dds:?domain=3'\n"
         "  kr serve --run ./krmotion.so --param-file robot.json --subscribe KRMotion:100:1.0\n"
         "  kr serve robot.yaml                       the same from a file; SIGHUP reloads it\n"
-        "A module that fails or exits by itself is reported, and the exit code is 1 then; the others go on.\n"
+        "A module that fails or exits by itself is reported, and the exit code is then 1; others continue.\n"
         "A module of a file is restarted, after an increasing delay.",
     .run = serve,
 });

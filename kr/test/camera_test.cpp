@@ -117,7 +117,7 @@ TEST(KrCamera, WatchReportsTheEndOfACameraAndContinuesWhenItReturns) {
     const Outcome outcome = kr({"camera", "watch", "0", "--count", "10", "--camera",
                                 "0=gst:videotestsrc is-live=true num-buffers=3"});
     EXPECT_EQ(outcome.exitCode, 0);
-    EXPECT_THAT(outcome.err, HasSubstr("has failed: the source has ended; going on without"));
+    EXPECT_THAT(outcome.err, HasSubstr("has failed: the source has ended; continuing without it"));
     EXPECT_THAT(outcome.out, HasSubstr("\n10 images, "));
 }
 
@@ -320,7 +320,7 @@ TEST(KrCamera, ARecordingWithMissedImagesIsKeptAndTheLossReported) {
         {"camera", "record", "0", path, "--seconds", "2", "--resolution", "160x120", "--color-space", "luma",
          "--camera", "0=gst:videotestsrc is-live=true num-buffers=5 ! video/x-raw,width=160,height=120"});
     EXPECT_EQ(outcome.exitCode, 3);
-    EXPECT_THAT(outcome.err, HasSubstr("has failed: the source has ended; going on without"));
+    EXPECT_THAT(outcome.err, HasSubstr("has failed: the source has ended; continuing without it"));
     KRVideo video;
     ASSERT_TRUE(video.readVideo(path));
     EXPECT_GE(video.getFrameCount(), 1U);

@@ -188,7 +188,7 @@ TEST_F(KrReplay, PausesAndStepsOnATerminal) {
     })) << watch.readOut()
         << watch.readErr();
     program.press(' ');
-    EXPECT_TRUE(program.waitFor("goes on at ")) << program.getSeen();
+    EXPECT_TRUE(program.waitFor("resumes at ")) << program.getSeen();
 }
 
 } // namespace

@@ -258,7 +258,7 @@ TEST_F(KrSystem, WatchesACameraAcrossARestartOfItsService) {
     RunningProgram watch(onDomain({"camera", "watch", "0"}), " missed\n");
     ASSERT_TRUE(watch.isUp()) << watch.readErr();
     EXPECT_EQ(server->stop().exitCode, 0);
-    EXPECT_TRUE(watch.waitFor("; going on without\n"));
+    EXPECT_TRUE(watch.waitFor("; continuing without it\n"));
     server = std::make_unique<RunningProgram>(onDomain({"serve"}), "serving on");
     ASSERT_TRUE(server->isUp()) << server->readErr();
     const auto countLines = [&] {

@@ -109,7 +109,7 @@ private:
             try {
                 context_.run();
                 return;
-            } catch (...) { // of one connection: the others go on
+            } catch (...) { // of one connection: the others continue
                 logError("krweb", describeCurrentException());
             }
         }
