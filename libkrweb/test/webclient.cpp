@@ -1,37 +1,23 @@
 #include "webclient.hpp"
 
+#include "webstream.hpp"
+
 #include <nlohmann/json.hpp>
 
-#include <boost/asio/connect.hpp>
-#include <boost/asio/io_context.hpp>
-#include <boost/asio/ip/tcp.hpp>
-#include <boost/beast/core.hpp>
-#include <boost/beast/http.hpp>
-#include <boost/beast/websocket.hpp>
-
+#include <cerrno>
 #include <deque>
 #include <stdexcept>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 namespace KR::test {
 
 namespace {
 
-namespace asio = boost::asio;
-namespace beast = boost::beast;
-namespace http = boost::beast::http;
-namespace websocket = boost::beast::websocket;
-
-constexpr std::chrono::seconds kClientPatience{20};
-
-asio::ip::tcp::endpoint at(int port) {
-    return {asio::ip::make_address("127.0.0.1"), static_cast<unsigned short>(port)};
-}
+// The example of RFC 6455.
+constexpr const char* kKey = "dGhlIHNhbXBsZSBub25jZQ==";
+constexpr const char* kAccepted = "s3pPLMBiTxaQ9kYGzzhZRbK+xOo=";
 
 std::uint64_t readNumber(const std::string& bytes, std::size_t start, std::size_t size) {
     std::uint64_t number = 0;
@@ -50,48 +36,29 @@ void appendNumber(std::string& bytes, std::uint32_t number) {
 } // namespace
 
 HttpAnswer get(int port, const std::string& target, const Headers& headers, const std::string& method) {
-    asio::io_context context;
-    beast::tcp_stream stream(context);
-    stream.socket().connect(at(port));
-    http::request<http::empty_body> request(http::string_to_verb(method), target, 11);
-    request.set(http::field::host, "127.0.0.1:" + std::to_string(port));
-    request.keep_alive(false);
-    for (const auto& [name, value] : headers) {
-        request.set(name, value);
-    }
-    beast::error_code error;
-    http::write(stream.socket(), request, error);
-    beast::flat_buffer buffer;
-    http::response_parser<http::string_body> parser;
-    parser.skip(method == "HEAD");
-    http::read(stream.socket(), buffer, parser, error);
-    if (error && error != http::error::end_of_stream) {
+    Stream stream(port);
+    stream.write(makeRequest(method, target, {{"Host", nameHost(port)}, {"Connection", "close"}}, headers));
+    auto answer = readHead(stream);
+    if (!answer) {
         return {};
     }
-    HttpAnswer answer;
-    answer.status = static_cast<int>(parser.get().result_int());
-    for (const auto& field : parser.get()) {
-        answer.fields[std::string(field.name_string())] = std::string(field.value());
+    const auto length = answer->fields.find("Content-Length");
+    if (method == "HEAD" || answer->status == 101) { // the protocol has changed
+        return *answer;
     }
-    answer.body = parser.get().body();
-    return answer;
+    if (length == answer->fields.end()) {
+        answer->body = stream.readToEnd();
+        return *answer;
+    }
+    const auto body = stream.read(std::stoul(length->second));
+    if (!body) {
+        return {};
+    }
+    answer->body = *body;
+    return *answer;
 }
 
-RawConnection::RawConnection(int port, int receiveBuffer) : socket_(::socket(AF_INET, SOCK_STREAM, 0)) {
-    if (receiveBuffer > 0) {
-        ::setsockopt(socket_, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
-    }
-    const timeval patience{kClientPatience.count(), 0};
-    ::setsockopt(socket_, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
-    ::setsockopt(socket_, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<std::uint16_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (::connect(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-        throw std::runtime_error("the server does not accept connections");
-    }
-}
+RawConnection::RawConnection(int port, int receiveBuffer) : socket_(connectTo(port, receiveBuffer)) {}
 
 RawConnection::~RawConnection() {
     ::close(socket_);
@@ -125,36 +92,79 @@ bool RawConnection::readToEnd() {
 }
 
 struct WebClient::Private {
-    explicit Private() : stream(context) {}
+    explicit Private(int port) : stream(port) {}
 
-    /// Reads one message, or to the end. \return false: out of time, or the connection has ended
+    void send(Opcode kind, const std::string& bytes) {
+        if (!stream.write(makeFrame(kind, bytes))) {
+            throw std::runtime_error("the server takes no message");
+        }
+    }
+
+    struct Message {
+        Opcode kind;
+        std::string bytes;
+    };
+
+    /// Reads one message, and answers what the protocol asks for. \return none: out of time, or the connection has ended
+    std::optional<Message> readMessage() {
+        Message message{Text, ""};
+        for (;;) {
+            const auto head = stream.read(2);
+            if (!head) {
+                return {};
+            }
+            const auto first = static_cast<unsigned char>(head->at(0));
+            std::size_t size =
+                static_cast<unsigned char>(head->at(1)); // without a mask, which only clients use
+            if (size > 127) {
+                throw std::runtime_error("the server masks a frame");
+            }
+            if (size > 125) {
+                const auto bytes = stream.read(size == 126 ? 2 : 8);
+                if (!bytes) {
+                    return {};
+                }
+                size = 0;
+                for (const char byte : *bytes) {
+                    size = size << 8 | static_cast<unsigned char>(byte);
+                }
+            }
+            const auto payload = stream.read(size);
+            if (!payload) {
+                return {};
+            }
+            const auto opcode = static_cast<Opcode>(first & 15);
+            if (opcode == Close || opcode == Ping) {
+                stream.write(makeFrame(opcode == Close ? Close : Pong, *payload));
+            }
+            if (opcode == Close) {
+                return {};
+            }
+            if (opcode >= Ping) {
+                continue;
+            }
+            if (opcode != 0) { // 0: the message goes on
+                message.kind = opcode;
+            }
+            message.bytes += *payload;
+            if ((first & 0x80) != 0) {
+                return message;
+            }
+        }
+    }
+
+    /// Reads one message and keeps it. \return false: out of time, or the connection has ended
     bool read() {
         if (hasEnded) {
             return false;
         }
-        bool isDone = false;
-        beast::error_code result;
-        stream.async_read(buffer, [&](beast::error_code error, std::size_t) {
-            isDone = true;
-            result = error;
-        });
-        context.restart();
-        context.run_for(kClientPatience);
-        if (!isDone) {
-            beast::get_lowest_layer(stream).close();
-            context.restart();
-            context.run();
-            hasEnded = true;
-            isTimeOver = true;
-            return false;
-        }
-        if (result) {
+        const auto message = readMessage();
+        if (!message) {
             hasEnded = true;
             return false;
         }
-        std::string bytes = beast::buffers_to_string(buffer.data());
-        buffer.consume(buffer.size());
-        if (stream.got_text()) {
+        const std::string& bytes = message->bytes;
+        if (message->kind == Text) {
             take(Json::parse(bytes));
         } else if (bytes.at(0) == 1) {
             const auto subscription = static_cast<std::uint32_t>(readNumber(bytes, 1, 4));
@@ -204,11 +214,8 @@ struct WebClient::Private {
         return true;
     }
 
-    asio::io_context context;
-    websocket::stream<beast::tcp_stream> stream;
-    beast::flat_buffer buffer;
+    Stream stream;
     bool hasEnded = false;
-    bool isTimeOver = false;
     Json serverInfo;
     std::map<std::string, Json> channels;
     std::map<std::string, Json> services;
@@ -220,24 +227,21 @@ struct WebClient::Private {
 
 WebClient::WebClient(int port, const Headers& headers, const std::string& target,
                      const std::string& subprotocol)
-    : p_(std::make_unique<Private>()) {
-    beast::get_lowest_layer(p_->stream).socket().connect(at(port));
-    beast::get_lowest_layer(p_->stream).socket().set_option(asio::ip::tcp::no_delay(true));
-    p_->stream.set_option(websocket::stream_base::decorator([&](websocket::request_type& request) {
-        if (!subprotocol.empty()) {
-            request.set(http::field::sec_websocket_protocol, subprotocol);
-        }
-        for (const auto& [name, value] : headers) {
-            request.set(name, value);
-        }
-    }));
-    websocket::response_type response;
-    beast::error_code error;
-    p_->stream.handshake(response, "127.0.0.1:" + std::to_string(port), target, error);
-    if (error) {
-        throw std::runtime_error("the server refuses: " + error.message());
+    : p_(std::make_unique<Private>(port)) {
+    Headers fields{{"Host", nameHost(port)},
+                   {"Upgrade", "websocket"},
+                   {"Connection", "Upgrade"},
+                   {"Sec-WebSocket-Version", "13"},
+                   {"Sec-WebSocket-Key", kKey}};
+    if (!subprotocol.empty()) {
+        fields.emplace_back("Sec-WebSocket-Protocol", subprotocol);
     }
-    p_->stream.read_message_max(64 << 20);
+    p_->stream.write(makeRequest("GET", target, fields, headers));
+    const auto answer = readHead(p_->stream);
+    if (!answer || answer->status != 101 || answer->fields.at("Sec-WebSocket-Accept") != kAccepted) {
+        throw std::runtime_error("the server refuses: " +
+                                 (answer ? std::to_string(answer->status) : "no answer"));
+    }
     p_->readUntil([&] { return !p_->serverInfo.is_null(); });
 }
 
@@ -248,13 +252,11 @@ const WebClient::Json& WebClient::getServerInfo() const {
 }
 
 void WebClient::sendText(const std::string& text) {
-    p_->stream.text(true);
-    p_->stream.write(asio::buffer(text));
+    p_->send(Text, text);
 }
 
 void WebClient::sendBinary(const std::string& bytes) {
-    p_->stream.binary(true);
-    p_->stream.write(asio::buffer(bytes));
+    p_->send(Binary, bytes);
 }
 
 WebClient::Json WebClient::waitForChannel(const std::string& topic) {
@@ -336,7 +338,7 @@ WebClient::Json WebClient::readAnswer(std::uint32_t id) {
 bool WebClient::waitForEnd() {
     while (p_->read()) {
     }
-    return !p_->isTimeOver;
+    return !p_->stream.isTimeOver();
 }
 
 } // namespace KR::test
