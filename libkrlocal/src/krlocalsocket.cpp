@@ -6,9 +6,7 @@
 #include <grp.h>
 #include <poll.h>
 #include <sys/random.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 
 #include <algorithm>
 #include <array>
@@ -24,18 +22,6 @@ namespace {
 
 [[noreturn]] void fail(const char* method, const std::string& why) {
     throw KRError("KRLocalEndpoint", method, why);
-}
-
-/// Abstract: a killed process leaves no file behind.
-socklen_t toAbstract(const std::string& name, sockaddr_un& address) {
-    address = {};
-    address.sun_family = AF_UNIX;
-    if (name.empty() || name.size() >= sizeof address.sun_path) {
-        fail("connect", "a socket's name has 1 to " + std::to_string(sizeof address.sun_path - 1) +
-                            " bytes, not " + std::to_string(name.size()));
-    }
-    std::copy(name.begin(), name.end(), address.sun_path + 1); // after the zero byte of abstract names
-    return static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
 }
 
 KRDescriptor createSocket() {
@@ -108,6 +94,17 @@ std::string drawSecret() {
         text += {kDigits[byte >> 4], kDigits[byte & 15]};
     }
     return text;
+}
+
+socklen_t toAbstract(const std::string& name, sockaddr_un& address) {
+    address = {};
+    address.sun_family = AF_UNIX;
+    if (name.empty() || name.size() >= sizeof address.sun_path) {
+        fail("connect", "a socket's name has 1 to " + std::to_string(sizeof address.sun_path - 1) +
+                            " bytes, not " + std::to_string(name.size()));
+    }
+    std::copy(name.begin(), name.end(), address.sun_path + 1); // after the zero byte of abstract names
+    return static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
 }
 
 KRDescriptor listenAt(const std::string& name) {

@@ -2,7 +2,9 @@
 
 #include "krdescriptor.hpp"
 
+#include <sys/socket.h>
 #include <sys/types.h>
+#include <sys/un.h>
 
 #include <chrono>
 #include <optional>
@@ -28,6 +30,10 @@ std::string getMachineIdentity();
 
 /// 128 unguessable bits, in hexadecimal digits. \throws KRError
 std::string drawSecret();
+
+/// The address of an abstract name, for bind() and sendto(): a killed process leaves no file behind. \return its size
+/// \throws KRError the name is empty or too long
+socklen_t toAbstract(const std::string& name, sockaddr_un& address);
 
 /// A socket that listens under this name. \throws KRError
 KRDescriptor listenAt(const std::string& name);

@@ -54,7 +54,7 @@ KRSharedMemory::~KRSharedMemory() {
     munmap(data_, size_);
 }
 
-KRForeignMemory::KRForeignMemory(const KRDescriptor& descriptor, std::size_t size) : size_(size) {
+void checkForeignMemory(const KRDescriptor& descriptor, std::size_t size) {
     const int seals = fcntl(descriptor.get(), F_GET_SEALS);
     if (seals < 0 || (seals & kSeals) != kSeals) {
         throw KRLocalMalformed(
@@ -65,6 +65,10 @@ KRForeignMemory::KRForeignMemory(const KRDescriptor& descriptor, std::size_t siz
         static_cast<std::uint64_t>(status.st_size) != size) {
         throw KRLocalMalformed("shared memory that is not of the size announced");
     }
+}
+
+KRForeignMemory::KRForeignMemory(const KRDescriptor& descriptor, std::size_t size) : size_(size) {
+    checkForeignMemory(descriptor, size);
     void* mapped = mmap(nullptr, size, PROT_READ, MAP_SHARED, descriptor.get(), 0);
     if (mapped == MAP_FAILED) {
         throw std::system_error(errno, std::generic_category(), "shared memory of another process: mmap");

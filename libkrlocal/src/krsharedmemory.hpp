@@ -28,6 +28,10 @@ private:
     unsigned char* data_ = nullptr;
 };
 
+/// Checks a descriptor of such memory from another process.
+/// \throws KRLocalMalformed not a memfd with the required seals, or of another size
+void checkForeignMemory(const KRDescriptor& descriptor, std::size_t size);
+
 /// Such memory of another process, read-only. That process can change the bytes at any time.
 class KRForeignMemory {
 public:

@@ -1,5 +1,6 @@
 // Another process for the tests: serves images, or fetches them again and again.
 
+#include "krlocal/krhostdirectory.hpp"
 #include "krlocal/krlocalendpoint.hpp"
 
 #include "images.hpp"
@@ -67,9 +68,45 @@ int fetch(const KR::KRLocalAddress& address, const std::string& group) {
     return good ? 0 : 1;
 }
 
+/// Publishes a text, and after it what the broker "here" publishes and which others have ended.
+int meet(const std::string& name, const std::string& broker, const std::string& text) {
+    using News = KR::KRHostDirectory::News;
+    KR::KRHostDirectory directory;
+    directory.join({name, broker, true});
+    directory.publish(text);
+    std::atomic<bool> ending = false;
+    std::thread reading([&] {
+        for (std::string line; std::getline(std::cin, line);) {
+        }
+        ending = true;
+        directory.interrupt();
+    });
+    bool isReady = false;
+    std::string ended;
+    while (!ending) {
+        directory.wait(std::chrono::milliseconds(10));
+        for (const News& news : directory.takeNews()) {
+            if (news.kind == News::Kind::Ended) {
+                ended += ", " + news.broker + " ended";
+            } else if (news.broker == "here" && news.kind == News::Kind::Published) {
+                directory.publish(text + ended + ", here:" + news.text);
+            }
+        }
+        directory.settle();
+        directory.beat(2, std::chrono::seconds(10));
+        if (!isReady && directory.hasMetAll()) {
+            isReady = true;
+            std::cout << "ready" << std::endl;
+        }
+    }
+    reading.join();
+    directory.leave();
+    return 0;
+}
+
 } // namespace
 
-// [as UID GID] [in GROUP] serve | fetch MACHINE SOCKET SECRET
+// [as UID GID] [in GROUP] serve | fetch MACHINE SOCKET SECRET | meet DIRECTORY BROKER TEXT
 int main(int count, char** arguments) {
     KR::setLogLevel(KR::KRLogLevel::Error);
     std::vector<std::string> words(arguments + 1, arguments + count);
@@ -90,6 +127,9 @@ int main(int count, char** arguments) {
         }
         if (words.size() == 1 && words[0] == "serve") {
             return serve(group);
+        }
+        if (words.size() == 4 && words[0] == "meet") {
+            return meet(words[1], words[2], words[3]);
         }
         if (words.size() == 4 && words[0] == "fetch") {
             return fetch({words[1], words[2], words[3], 0, 0}, group);

@@ -1,0 +1,326 @@
+// Brokers of several processes that meet in a host directory.
+
+#include "krlocal/krhostdirectory.hpp"
+
+#include "krhostentry.hpp"
+#include "krhostmeeting.hpp"
+#include "krlocalsocket.hpp"
+#include "otherprocess.hpp"
+#include "patience.hpp"
+
+#include <krplatform/krerror.hpp>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <future>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace KR {
+namespace {
+
+using test::eventually;
+using test::OtherProcess;
+using News = KRHostDirectory::News;
+
+/// A directory in this process, and what has been read in it.
+class Here {
+public:
+    explicit Here(const std::string& name, bool publishes = true) {
+        directory.join({name, "here", publishes});
+    }
+
+    /// Whether such news comes.
+    bool gets(News::Kind kind, const std::string& broker, const std::string& text = {}) {
+        return eventually([&] {
+            look();
+            return std::any_of(news.begin(), news.end(), [&](const News& each) {
+                return each.kind == kind && each.broker == broker && each.text == text;
+            });
+        });
+    }
+    void look() {
+        directory.wait(std::chrono::milliseconds(5));
+        for (News& each : directory.takeNews()) {
+            news.push_back(std::move(each));
+        }
+        directory.settle();
+    }
+    void beat() {
+        directory.beat(2, std::chrono::milliseconds(20));
+        look();
+    }
+
+    KRHostDirectory directory;
+    std::vector<News> news;
+};
+
+class KRHostDirectoryTest : public testing::Test {
+protected:
+    /// Another process whose broker publishes the text, and what it reads: "TEXT, here:..." for what this process publishes.
+    std::unique_ptr<OtherProcess> start(const std::string& broker, const std::string& text) const {
+        auto process = std::make_unique<OtherProcess>(std::vector<std::string>{"meet", name, broker, text});
+        EXPECT_EQ(process->getAnswer(), "ready");
+        return process;
+    }
+    /// The same, while the directory in this process meets it.
+    std::unique_ptr<OtherProcess> startBeside(Here& here, const std::string& broker,
+                                              const std::string& text) const {
+        auto starting = std::async(std::launch::async, [&] { return start(broker, text); });
+        while (starting.wait_for(std::chrono::seconds(0)) != std::future_status::ready) {
+            here.look();
+        }
+        return starting.get();
+    }
+    /// A connection to the broker that has come first.
+    KRDescriptor connectToFirst() const {
+        return connectTo("krvision-host-" + name + "-" + std::to_string(geteuid()) + "-0",
+                         std::chrono::steady_clock::now() + test::kPatience);
+    }
+
+    const std::string name = "test" + std::to_string(getpid());
+};
+
+TEST_F(KRHostDirectoryTest, TwoProcessesReadWhatEachOtherPublishes) {
+    const auto other = start("there", "hello");
+    Here here(name);
+    here.directory.publish("good day");
+    EXPECT_TRUE(here.gets(News::Kind::Published, "there", "hello, here:good day"));
+    EXPECT_EQ(here.news.front().process, other->getPid());
+    EXPECT_TRUE(eventually([&] {
+        here.look();
+        return here.directory.hasMetAll() && !here.directory.isMeeting();
+    }));
+    here.directory.publish("bye");
+    EXPECT_TRUE(here.gets(News::Kind::Published, "there", "hello, here:bye"));
+}
+
+TEST_F(KRHostDirectoryTest, ATextMayTakeAMegabyte) {
+    Here here(name);
+    const std::string text(KRHostDirectory::kMaxText - 100, 'x');
+    here.directory.publish(text);
+    const auto other = startBeside(here, "there", "hello");
+    EXPECT_TRUE(here.gets(News::Kind::Published, "there", "hello, here:" + text));
+    EXPECT_THROW(here.directory.publish(std::string(KRHostDirectory::kMaxText + 1, 'x')), KRError);
+}
+
+TEST_F(KRHostDirectoryTest, ManyProcessesMeetInAnyOrder) {
+    std::vector<std::unique_ptr<OtherProcess>> others;
+    for (int i = 0; i < 4; ++i) {
+        others.push_back(start(std::to_string(i), "first"));
+    }
+    others[1]->stop(); // its slot is free
+    Here here(name);
+    others.push_back(startBeside(here, "4", "second"));
+    for (const int i : {0, 2, 3, 4}) {
+        EXPECT_TRUE(here.gets(News::Kind::Published, std::to_string(i), i < 4 ? "first" : "second"));
+    }
+    EXPECT_EQ(here.directory.getCount(), 4U);
+}
+
+TEST_F(KRHostDirectoryTest, AProcessThatIsKilledHasEnded) {
+    const auto other = start("there", "hello");
+    Here here(name);
+    ASSERT_TRUE(here.gets(News::Kind::Published, "there", "hello"));
+    other->kill();
+    EXPECT_TRUE(eventually([&] {
+        here.beat();
+        return here.news.back().kind == News::Kind::Ended;
+    }));
+    EXPECT_EQ(here.directory.getCount(), 0U);
+}
+
+TEST_F(KRHostDirectoryTest, ABrokerThatLeavesHasLeft) {
+    const auto other = start("there", "hello");
+    Here here(name);
+    ASSERT_TRUE(here.gets(News::Kind::Published, "there", "hello"));
+    other->stop();
+    EXPECT_TRUE(here.gets(News::Kind::Left, "there"));
+    EXPECT_EQ(here.directory.getCount(), 0U);
+}
+
+TEST_F(KRHostDirectoryTest, AFrozenProcessIsReportedUntilItIsThawed) {
+    const auto other = start("there", "hello");
+    Here here(name);
+    ASSERT_TRUE(here.gets(News::Kind::Published, "there", "hello"));
+    other->freeze();
+    EXPECT_TRUE(eventually([&] {
+        here.beat();
+        return here.news.back().kind == News::Kind::Frozen;
+    }));
+    here.news.clear();
+    here.beat();
+    ASSERT_EQ(here.news.size(), 1U);
+    EXPECT_EQ(here.news.back().kind, News::Kind::Frozen);
+    other->thaw();
+    EXPECT_TRUE(eventually([&] {
+        here.beat();
+        return here.news.back().kind == News::Kind::Published;
+    }));
+}
+
+TEST_F(KRHostDirectoryTest, AProcessFrozenBeforeIsNotWaitedForAndMetLater) {
+    const auto other = start("there", "hello");
+    other->freeze();
+    Here here(name);
+    EXPECT_TRUE(eventually([&] {
+        here.look();
+        return here.directory.hasMetAll() && !here.directory.isMeeting();
+    }));
+    EXPECT_EQ(here.directory.getCount(), 0U);
+    other->thaw();
+    EXPECT_TRUE(here.gets(News::Kind::Published, "there", "hello"));
+}
+
+TEST_F(KRHostDirectoryTest, WhoeverPublishesNothingIsWatchedAsWell) {
+    const auto other = start("there", "hello");
+    Here here(name, false);
+    here.directory.publish("unread");
+    ASSERT_TRUE(here.gets(News::Kind::Published, "there", "hello"));
+    const auto third = startBeside(here, "third", "hi");
+    ASSERT_TRUE(here.gets(News::Kind::Published, "third", "hi"));
+    for (const News& each : here.news) { // they would add what they read
+        EXPECT_THAT(each.text, testing::Not(testing::HasSubstr("unread")));
+    }
+}
+
+TEST_F(KRHostDirectoryTest, DirectoriesOfOtherNamesOrUsersDoNotMeet) {
+    const auto other = start("there", "hello");
+    std::unique_ptr<OtherProcess> stranger;
+    if (geteuid() == 0) {
+        stranger = std::make_unique<OtherProcess>(
+            std::vector<std::string>{"as", "65534", "65534", "meet", name, "stranger", "hi"});
+        ASSERT_EQ(stranger->getAnswer(), "ready");
+    }
+    Here elsewhere(name + "b");
+    Here here(name);
+    ASSERT_TRUE(here.gets(News::Kind::Published, "there", "hello"));
+    elsewhere.look();
+    EXPECT_EQ(here.directory.getCount(), 1U);
+    EXPECT_EQ(elsewhere.directory.getCount(), 0U);
+}
+
+/// Sends a packet, with a descriptor if it is not negative.
+void send(const KRDescriptor& socket, const std::string& packet, int descriptor) {
+    iovec part{const_cast<char*>(packet.data()), packet.size()};
+    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> control{};
+    msghdr message{};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    if (descriptor >= 0) {
+        message.msg_control = control.data();
+        message.msg_controllen = control.size();
+        cmsghdr* const rights = CMSG_FIRSTHDR(&message);
+        rights->cmsg_level = SOL_SOCKET;
+        rights->cmsg_type = SCM_RIGHTS;
+        rights->cmsg_len = CMSG_LEN(sizeof(int));
+        std::memcpy(CMSG_DATA(rights), &descriptor, sizeof descriptor);
+    }
+    sendmsg(socket.get(), &message, MSG_NOSIGNAL);
+}
+
+std::string toPacket(const KRHostGreeting& greeting) {
+    return {reinterpret_cast<const char*>(&greeting), sizeof greeting};
+}
+
+TEST_F(KRHostDirectoryTest, WhoeverBreaksTheProtocolIsDisconnected) {
+    const auto other = start("there", "hello");
+    const KRHostEntryWriter entry;
+    const KRDescriptor unsealed(memfd_create("test", MFD_CLOEXEC));
+    ASSERT_EQ(ftruncate(unsealed.get(), sizeof(KRHostEntry)), 0);
+    const KRSharedMemory small(4096);
+    const std::string good = toPacket({"liar", true});
+    KRHostGreeting endless("liar", true);
+    endless.broker.fill('x');
+    KRHostGreeting nameless("liar", true);
+    nameless.broker.fill(0);
+    KRHostGreeting beyond("liar", true);
+    beyond.slot = 100000;
+    const std::vector<std::pair<std::string, int>> lies{
+        {"", -1},
+        {"x", -1},
+        {good, -1},
+        {good.substr(0, good.size() - 1), entry.getDescriptor()},
+        {good + "x", entry.getDescriptor()},
+        {std::string(100000, 'x'), entry.getDescriptor()},
+        {toPacket(endless), entry.getDescriptor()},
+        {toPacket(nameless), entry.getDescriptor()},
+        {toPacket(beyond), entry.getDescriptor()}};
+    for (const auto& [packet, descriptor] : lies) {
+        const KRDescriptor liar = connectToFirst();
+        send(liar, packet, descriptor);
+        char byte = 0;
+        EXPECT_LE(recv(liar.get(), &byte, 1, 0), 0) << packet.size();
+    }
+    // These are found out when the entry is used.
+    for (const int descriptor : {unsealed.get(), small.getDescriptor(), 0}) {
+        const KRDescriptor liar = connectToFirst();
+        send(liar, good, descriptor);
+        std::array<char, 200> answer{};
+        EXPECT_EQ(recv(liar.get(), answer.data(), answer.size(), 0), static_cast<ssize_t>(good.size()));
+        send(liar, "x", -1);
+        EXPECT_EQ(recv(liar.get(), answer.data(), answer.size(), 0), 0);
+    }
+    Here here(name);
+    EXPECT_TRUE(here.gets(News::Kind::Published, "there", "hello"));
+}
+
+TEST_F(KRHostDirectoryTest, AnEntryThatIsNotValidCountsAsEnded) {
+    const auto other = start("there", "hello");
+    KRSharedMemory memory(sizeof(KRHostEntry));
+    auto& entry = *reinterpret_cast<KRHostEntry*>(memory.data());
+    entry.version = 2;
+    entry.state = KRHostEntry::Published;
+    entry.size = ~std::uint64_t{0};
+    const KRDescriptor liar = connectToFirst();
+    send(liar, toPacket({"liar", true}), memory.getDescriptor());
+    char byte = 0;
+    ASSERT_EQ(recv(liar.get(), &byte, 1, 0), 1);
+    send(liar, "x", -1);
+    EXPECT_EQ(recv(liar.get(), &byte, 1, 0), 0);
+    Here here(name);
+    here.directory.publish("good day");
+    EXPECT_TRUE(here.gets(News::Kind::Published, "there", "hello, liar ended, here:good day"));
+}
+
+TEST_F(KRHostDirectoryTest, AnEntryThatIsAlwaysBeingChangedDelaysNobody) {
+    const auto other = start("there", "hello");
+    KRSharedMemory memory(sizeof(KRHostEntry));
+    reinterpret_cast<KRHostEntry*>(memory.data())->version = 3;
+    const KRDescriptor liar = connectToFirst();
+    send(liar, toPacket({"liar", true}), memory.getDescriptor());
+    char byte = 0;
+    ASSERT_EQ(recv(liar.get(), &byte, 1, 0), 1);
+    send(liar, "x", -1);
+    Here here(name);
+    here.directory.publish("good day");
+    EXPECT_TRUE(here.gets(News::Kind::Published, "there", "hello, here:good day"));
+}
+
+TEST_F(KRHostDirectoryTest, ConnectionsThatSayNothingHoldUpNobody) {
+    const auto other = start("there", "hello");
+    std::vector<KRDescriptor> silent;
+    for (int i = 0; i < 60; ++i) {
+        silent.push_back(connectToFirst());
+    }
+    Here here(name);
+    EXPECT_TRUE(here.gets(News::Kind::Published, "there", "hello"));
+}
+
+TEST_F(KRHostDirectoryTest, AnIdentityThatIsEmptyOrTooLongIsRefused) {
+    EXPECT_THROW(KRHostDirectory().join({name, "", true}), KRError);
+    EXPECT_THROW(KRHostDirectory().join({name, std::string(64, 'x'), true}), KRError);
+}
+
+} // namespace
+} // namespace KR
