@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace {
@@ -56,6 +57,14 @@ void parse(KRVision_Announcement& message, std::vector<std::uint8_t> modules) {
     }
 }
 
+void parseOnHost(std::string_view text) {
+    try {
+        const auto read = KR::KRHostAnnouncement::parse(text, 1);
+        (void)read.announcement.getLocation();
+    } catch (const KR::KRMalformed&) { // expected for most
+    }
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -76,5 +85,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     message.name = name.data();
     message.host = host.data();
     parse(message, {data, data + size});
+    const std::string_view text(reinterpret_cast<const char*>(data), size);
+    parseOnHost(text);
+    // The fields after the identity, the protocol and the names.
+    parseOnHost(identity + std::string("\0001\0name\0host\0", 13) + std::string(text));
     return 0;
 }

@@ -8,6 +8,7 @@
 #include <krplatform/krtext.hpp>
 
 #include <algorithm>
+#include <charconv>
 #include <cstring>
 
 namespace KR {
@@ -124,6 +125,69 @@ KRAnnouncement KRAnnouncement::parse(const KRVision_Announcement& message, std::
         announcement.modules = readModules(message.modules);
     }
     return announcement;
+}
+
+// Fields that each end with a zero byte, the modules last.
+std::string KRHostAnnouncement::compose(const KRVision_Announcement& message, const std::string& local,
+                                        std::uint32_t port, const std::set<std::string>& overDDS) {
+    std::string text;
+    for (const std::string& field :
+         {std::string(message.broker), std::to_string(message.protocol), std::string(message.name),
+          std::string(message.host), std::to_string(message.pid), local, std::to_string(port),
+          std::to_string(overDDS.size())}) {
+        text.append(field) += '\0';
+    }
+    for (const std::string& broker : overDDS) {
+        text.append(broker) += '\0';
+    }
+    return text.append(reinterpret_cast<const char*>(message.modules._buffer), message.modules._length);
+}
+
+KRHostAnnouncement KRHostAnnouncement::parse(std::string_view text, std::uint32_t own) {
+    const auto next = [&] {
+        const auto end = text.find('\0');
+        if (end == std::string_view::npos) {
+            refuse("a field is missing");
+        }
+        const std::string field(text.substr(0, end));
+        text.remove_prefix(end + 1);
+        return field;
+    };
+    const auto nextNumber = [&] {
+        const std::string field = next();
+        std::uint32_t number = 0;
+        const auto [end, error] = std::from_chars(field.data(), field.data() + field.size(), number);
+        if (error != std::errc() || end != field.data() + field.size()) {
+            refuse("\"" + escapeText(field, kIdDigits) + "\" is not a number");
+        }
+        return number;
+    };
+    std::string broker = next();
+    KRVision_Announcement message{};
+    message.broker = broker.data();
+    message.protocol = nextNumber();
+    std::string name = next();
+    message.name = name.data();
+    std::string host = next();
+    message.host = host.data();
+    message.pid = nextNumber();
+    KRHostAnnouncement read;
+    std::string local = next();
+    const std::uint32_t port = nextNumber();
+    for (std::uint32_t count = nextNumber(); count > 0; --count) {
+        std::string other = next();
+        if (!isBrokerId(other.c_str())) {
+            refuse("the identity of a broker called over DDS is none");
+        }
+        read.overDDS.insert(std::move(other));
+    }
+    std::string modules(text);
+    message.modules._buffer = reinterpret_cast<std::uint8_t*>(modules.data());
+    message.modules._length = message.modules._maximum = static_cast<std::uint32_t>(modules.size());
+    read.announcement = KRAnnouncement::parse(message, own);
+    read.announcement.local = std::move(local);
+    read.announcement.port = port;
+    return read;
 }
 
 std::string encodeModules(const KRAnnouncedModules& modules) {

@@ -4,7 +4,9 @@
 
 #include <cstdint>
 #include <map>
+#include <set>
 #include <string>
+#include <string_view>
 #include <utility>
 
 struct KRVision_Announcement;
@@ -36,6 +38,7 @@ struct KRAnnouncement {
     std::string host;
     std::uint32_t pid = 0;
     std::string local;          ///< argument of KRLocalWay::reach(); empty: none
+    std::uint32_t port = 0;     ///< of its process; 0: unknown
     KRAnnouncedModules modules; ///< empty if the protocol is not `own`
 
     /// "in process 4711 (kr) on robot1", escaped for printing.
@@ -44,6 +47,18 @@ struct KRAnnouncement {
     /// \param own  the protocol version whose module lists are read
     /// \throws KRMalformed not a valid announcement
     static KRAnnouncement parse(const KRVision_Announcement& message, std::uint32_t own);
+};
+
+/// What a broker publishes for others on its host: its announcement, and more.
+struct KRHostAnnouncement {
+    KRAnnouncement announcement;
+    std::set<std::string> overDDS; ///< identities of brokers that it calls over DDS
+
+    /// \param local  see KRAnnouncement::local
+    static std::string compose(const KRVision_Announcement& message, const std::string& local,
+                               std::uint32_t port, const std::set<std::string>& overDDS);
+    /// \param own  as for KRAnnouncement::parse() \throws KRMalformed
+    static KRHostAnnouncement parse(std::string_view text, std::uint32_t own);
 };
 
 /// Whether the text is a broker's identity: 32 hexadecimal digits in lower case.

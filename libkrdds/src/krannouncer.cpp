@@ -46,6 +46,7 @@ void KRAnnouncer::start(ddsi_domaingv* engine, dds_entity_t participant, dds_ent
     checkDDS(dds_get_guid(writer_, &writerGuid_), "identity of a writer");
     engine_ = engine;
     id_ = id;
+    local_ = local;
     hostName_ = getHostName();
 }
 
@@ -55,6 +56,7 @@ void KRAnnouncer::stop() noexcept {
     if (writer_ == 0) {
         return;
     }
+    onHost_.leave();
     KRVision_Announcement self{};
     self.broker = id_.data();
     for (int i = 0; i < kAttempts && dds_dispose(writer_, &self) == DDS_RETCODE_TIMEOUT; ++i) {
@@ -66,6 +68,14 @@ void KRAnnouncer::stop() noexcept {
 void KRAnnouncer::announce() {
     const KRLock lock(mutex_);
     announceNow();
+}
+
+void KRAnnouncer::setOverDDS(std::set<std::string> brokers) {
+    const KRLock lock(mutex_);
+    if (brokers != overDDS_) {
+        overDDS_ = std::move(brokers);
+        announceNow();
+    }
 }
 
 void KRAnnouncer::poll() {
@@ -130,6 +140,8 @@ void KRAnnouncer::announceNow() {
     announcement.modules._buffer = reinterpret_cast<std::uint8_t*>(encoded.data());
     announcement.modules._length = static_cast<std::uint32_t>(encoded.size());
     announcement.modules._maximum = announcement.modules._length;
+    onHost_.publish(KRHostAnnouncement::compose(announcement, local_,
+                                                engine_ == nullptr ? 0 : krGetPort(engine_), overDDS_));
     const dds_return_t written = dds_write(writer_, &announcement);
     pending_ = written == DDS_RETCODE_TIMEOUT;
     if (!pending_) {

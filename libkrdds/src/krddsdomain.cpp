@@ -68,13 +68,16 @@ dds_entity_t createDomain(const KRDDSOptions& options, const KRHostNetwork& netw
         lastError.clear();
         return dds_create_domain(options.domain, options.getConfiguration(network, place).c_str());
     };
-    dds_entity_t domain = create(true);
-    if (domain < 0 && options.usesMulticast(network)) {
-        constexpr std::size_t kFew = 5; // margin for changes since
-        const std::size_t taken = KRHostNetwork::examine().findPlaces(options.domain).size();
-        if (taken + kFew >= static_cast<std::size_t>(kMaxDDSProcesses)) {
-            domain = create(false); // processes with a well-known port find it anyway
-        }
+    // Without a free place, others find it by multicast. The margin is for those who take one at this moment.
+    constexpr std::size_t kFew = 5;
+    const bool isPlaceFree =
+        network.findPlaces(options.domain).size() + kFew < static_cast<std::size_t>(kMaxDDSProcesses);
+    const bool needsPlace = !options.usesMulticast(network);
+    dds_entity_t domain = create(isPlaceFree || needsPlace);
+    if (domain < 0 && isPlaceFree && !needsPlace &&
+        KRHostNetwork::examine().findPlaces(options.domain).size() + kFew >=
+            static_cast<std::size_t>(kMaxDDSProcesses)) {
+        domain = create(false); // many have started at once
     }
     return checkDDS(domain, "domain " + std::to_string(options.domain));
 }
@@ -104,7 +107,7 @@ void flushEngineLog() {
     getWarnings().flush();
 }
 
-std::shared_ptr<KRDDSDomain> KRDDSDomain::join(const KRDDSOptions& options) {
+std::shared_ptr<KRDDSDomain> KRDDSDomain::join(const KRDDSOptions& options, bool hidden) {
     if (!options.security.empty()) {
         checkSecurityFiles(options.security);
     }
@@ -115,6 +118,9 @@ std::shared_ptr<KRDDSDomain> KRDDSDomain::join(const KRDDSOptions& options) {
         dds_set_log_sink(writeLog, nullptr);
         const KRHostNetwork network = KRHostNetwork::examine();
         const dds_entity_t domain = createDomain(options, network);
+        if (hidden) {
+            dds_domain_set_deafmute(domain, true, true, DDS_INFINITY);
+        }
         domains.emplace(options.domain, Joined{options, options.staysOnHost(network), domain, 1});
     } else if (!found->second.options.agreesWith(options)) {
         throw KRError("KRBroker", "create",
@@ -123,8 +129,12 @@ std::shared_ptr<KRDDSDomain> KRDDSDomain::join(const KRDDSOptions& options) {
     } else {
         ++found->second.brokers;
     }
-    return std::shared_ptr<KRDDSDomain>(
-        new KRDDSDomain(options.domain, domains.at(options.domain).staysOnHost));
+    const Joined& joined = domains.at(options.domain);
+    return std::shared_ptr<KRDDSDomain>(new KRDDSDomain(options.domain, joined.staysOnHost, joined.domain));
+}
+
+void KRDDSDomain::show() noexcept {
+    dds_domain_set_deafmute(domain_, false, false, DDS_INFINITY);
 }
 
 KRDDSDomain::~KRDDSDomain() {

@@ -26,8 +26,9 @@ void flushEngineLog();
 /// once, so they must have the same.
 class KRDDSDomain {
 public:
+    /// \param hidden  whether a new instance neither sends nor receives anything before show()
     /// \throws KRError the engine refuses; another broker of this process is on the domain with other options
-    static std::shared_ptr<KRDDSDomain> join(const KRDDSOptions& options);
+    static std::shared_ptr<KRDDSDomain> join(const KRDDSOptions& options, bool hidden);
     ~KRDDSDomain();
     KRDDSDomain(const KRDDSDomain&) = delete;
     KRDDSDomain& operator=(const KRDDSDomain&) = delete;
@@ -35,11 +36,15 @@ public:
     std::uint32_t getNumber() const noexcept { return number_; }
     /// Whether no other host can be reached.
     bool staysOnHost() const noexcept { return staysOnHost_; }
+    /// Begins to send and receive.
+    void show() noexcept;
 
 private:
-    KRDDSDomain(std::uint32_t number, bool staysOnHost) : number_(number), staysOnHost_(staysOnHost) {}
+    KRDDSDomain(std::uint32_t number, bool staysOnHost, dds_entity_t domain)
+        : number_(number), staysOnHost_(staysOnHost), domain_(domain) {}
     const std::uint32_t number_;
     const bool staysOnHost_;
+    const dds_entity_t domain_;
 };
 
 /// An entity of the engine, deleted with this.

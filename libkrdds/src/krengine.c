@@ -9,11 +9,15 @@
 #include <dds/ddsi/ddsi_entity_index.h>
 #include <dds/ddsi/q_radmin.h>
 #include <dds/ddsi/ddsi_endpoint.h>
+#include <dds/ddsi/ddsi_participant.h>
 #include <dds/ddsi/ddsi_proxy_participant.h>
 // clang-format on
 #include <dds/ddsi/q_bswap.h>
 #include <dds/ddsi/q_thread.h>
 
+#include <dds/ddsrt/heap.h>
+
+#include <stddef.h>
 #include <string.h>
 
 static ddsi_guid_t convert(const dds_guid_t* guid) {
@@ -47,4 +51,37 @@ void krHastenAcknowledgement(struct ddsi_domaingv* engine, const dds_guid_t* wri
 
 void krSetHeartbeatInterval(struct ddsi_domaingv* engine, int64_t interval) {
     __atomic_store_n(&engine->config.const_hb_intv_sched, interval, __ATOMIC_RELAXED);
+}
+
+uint32_t krGetPort(const struct ddsi_domaingv* engine) {
+    return engine->loc_meta_uc.port;
+}
+
+// Announcements of a participant that was deleted a moment ago may still be under way: the engine keeps a list of those that
+// it ignores for a while, in this order.
+static const ddsrt_avl_treedef_t ignoredOrder =
+    DDSRT_AVL_TREEDEF_INITIALIZER(offsetof(struct deleted_participant, avlnode),
+                                  offsetof(struct deleted_participant, guid), ddsi_compare_guid, 0);
+
+bool krIgnoreParticipant(struct ddsi_domaingv* engine, const dds_guid_t* participant, bool ignored) {
+    const ddsi_guid_t wanted = convert(participant);
+    struct deleted_participants_admin* const list = engine->deleted_participants;
+    ddsrt_avl_ipath_t place;
+    ddsrt_mutex_lock(&list->deleted_participants_lock);
+    struct deleted_participant* found =
+        ddsrt_avl_lookup_ipath(&ignoredOrder, &list->deleted_participants, &wanted, &place);
+    if (found == NULL && ignored && (found = ddsrt_malloc_s(sizeof *found)) != NULL) {
+        found->guid = wanted;
+        ddsrt_avl_insert_ipath(&ignoredOrder, &list->deleted_participants, found, &place);
+    }
+    if (found != NULL) { // for ever, or no longer: the engine removes it
+        found->for_what = ignored ? DPG_REMOTE : 0;
+        found->t_prune.v = ignored ? DDS_NEVER : 0;
+    }
+    ddsrt_mutex_unlock(&list->deleted_participants_lock);
+    struct thread_state* const self = lookup_thread_state();
+    thread_state_awake(self, engine);
+    const bool known = entidx_lookup_proxy_participant_guid(engine->entity_index, &wanted) != NULL;
+    thread_state_asleep(self);
+    return known;
 }

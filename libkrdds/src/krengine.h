@@ -11,6 +11,9 @@ extern "C" {
 
 struct ddsi_domaingv; // the engine's instance of a domain; createMessageTopic() gives it
 
+/// Port at which other participants address this process.
+uint32_t krGetPort(const struct ddsi_domaingv* engine);
+
 /// Forgets a remote participant, as if its lease had expired. No effect if it is unknown. It is rediscovered when it
 /// sends its next announcement. Thread-safe.
 void krForgetParticipant(struct ddsi_domaingv* engine, const dds_guid_t* participant);
@@ -22,6 +25,10 @@ void krHastenAcknowledgement(struct ddsi_domaingv* engine, const dds_guid_t* wri
 /// Sets how long writers of this process wait for acknowledgements before they repeat their heartbeat. Thread-safe.
 /// \param interval  nanoseconds
 void krSetHeartbeatInterval(struct ddsi_domaingv* engine, int64_t interval);
+
+/// Has the engine ignore announcements of a remote participant, or take notice of them again: then it is discovered when it
+/// sends the next one. \return whether the engine has discovered it already, which this does not change. Thread-safe.
+bool krIgnoreParticipant(struct ddsi_domaingv* engine, const dds_guid_t* participant, bool ignored);
 
 #pragma GCC visibility pop
 #ifdef __cplusplus

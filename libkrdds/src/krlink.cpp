@@ -24,7 +24,8 @@ namespace KR {
 namespace {
 
 constexpr const char* kCategory = "krdds";
-constexpr int kStartPoll_ms = 2;
+constexpr int kStartPoll_ms = 1;
+constexpr int kLongestStartPoll_ms = 16;
 constexpr std::chrono::milliseconds kStartPatience{1000};
 constexpr std::chrono::milliseconds kSilencePatience{
     300}; // with processes of this host that may not be brokers
@@ -129,14 +130,22 @@ std::vector<std::uint64_t> decodeInquiry(const KRRequest& request) {
 } // namespace
 
 KRLink::KRLink(KRDDSOptions options, KRTransportHost& host)
-    : options_(std::move(options)), host_(host), domain_(KRDDSDomain::join(options_)),
-      announcer_(host, options_.name), calls_(std::make_shared<KRIncomingCalls>(host, [this] { wake(); })),
+    : options_(std::move(options)), host_(host), meetsOnHost_(options_.local && options_.security.empty()),
+      domain_(KRDDSDomain::join(options_, meetsOnHost_)), announcer_(host, onHost_, options_.name),
+      calls_(std::make_shared<KRIncomingCalls>(host, [this] { wake(); })),
       way_(host, {[this](std::function<void()> job) { return post(std::move(job)); },
                   [this](const std::string& broker) { noticeGone(broker); },
                   [this](const std::string& broker) { noticeCallerGone(broker); },
                   [this](const std::string& broker, pid_t process) { return admit(broker, process); },
                   [this] { wake(); }, [this](const char* why) { countMalformed(why); }}),
       directory_(host, *calls_, way_, options_.lease) {}
+
+KRLink::~KRLink() {
+    KRLink::stop();
+    if (isHidden_) {
+        domain_->show(); // others may use it
+    }
+}
 
 // ---- entities of the engine
 
@@ -202,9 +211,6 @@ void KRLink::createEntities() {
     dds_guid_t guid{};
     checkDDS(dds_get_guid(participant, &guid), "identity");
     id_ = toText(guid);
-    if (domain_->staysOnHost()) {
-        pulse_ = std::make_unique<KRPulse>(id_); // before others discover this broker
-    }
 
     const auto createAnnouncementTopic = [&] {
         return checkDDS(
@@ -218,7 +224,8 @@ void KRLink::createEntities() {
         createMessageTopic(participant, (prefix + "/Reply").c_str(), "KRVision::Reply"),
         id_,
         std::max(options_.lease, kFewestAckPatience),
-        [this] { wake(); }};
+        [this] { wake(); },
+        [this](const std::string& broker) { requireDDS(broker); }};
     if (!options_.security.empty()) {
         checkPermissions();
     }
@@ -244,6 +251,20 @@ void KRLink::createEntities() {
     announcementReader_ = createReader(admitted, announcements.get(), onAnnouncement);
     way_.start(options_, id_);
     announcer_.start(engine_, participant, createAnnouncementTopic(), id_, way_.getAddress());
+    publishesOnHost_ = meetsOnHost_ && !way_.getAddress().empty();
+    if (publishesOnHost_ || domain_->staysOnHost()) {
+        joinHostDirectory();
+    }
+}
+
+void KRLink::joinHostDirectory() {
+    try {
+        onHost_.join({"dds" + std::to_string(options_.domain), id_, publishesOnHost_});
+    } catch (const KRError& error) {
+        publishesOnHost_ = false;
+        logWarning(kCategory,
+                   "brokers of this host are discovered through the network: " + error.getDescription());
+    }
 }
 
 // Writers to other brokers are created at the first call. This checks that it is permitted, so that the error reaches
@@ -271,6 +292,9 @@ void KRLink::start() {
     setHeartbeats();
     announcer_.announce();
     thread_ = std::thread([this] { run(); });
+    while (!hasMet_) {
+        sleepMilliseconds(kStartPoll_ms);
+    }
     waitForBrokersThatAreThere();
     logInfo(kCategory,
             "broker " + escapeText(options_.name) + " is on DDS domain " + std::to_string(options_.domain));
@@ -283,23 +307,34 @@ void KRLink::waitForBrokersThatAreThere() const {
         checkDDS(dds_create_reader(participant_.get(), DDS_BUILTIN_TOPIC_DCPSPARTICIPANT, nullptr, nullptr),
                  "reader"));
     const auto begin = Clock::now();
-    const auto places = KRHostNetwork::examine().findPlaces(options_.domain);
+    const auto places = findPlaces();
     const auto isComplete = [&] {
         const auto waited = Clock::now() - begin;
         const Discovered discovered = readParticipants(reader.get());
+        const auto onHost = directory_.getPortsOnHost();
         const auto heard = std::count_if(places.begin(), places.end(), [&](std::uint16_t port) {
-            return discovered.ports.contains(":" + std::to_string(port) + "@");
+            return onHost.contains(port) || discovered.ports.contains(":" + std::to_string(port) + "@");
         });
         const bool allHeard = heard + 1 >= std::ssize(places); // one is our own
         const bool allKnown =
             std::all_of(discovered.brokers.begin(), discovered.brokers.end(),
                         [&](const std::string& id) { return id == id_ || directory_.isSettled(id); });
-        return allKnown && (allHeard || waited >= kSilencePatience) &&
+        const auto peers = directory_.list();
+        const bool isConnecting =
+            std::any_of(peers.begin(), peers.end(), [](const auto& peer) { return peer->isConnecting(); });
+        return allKnown && !isConnecting && (allHeard || waited >= kSilencePatience) &&
                (domain_->staysOnHost() || waited >= kNetworkPatience);
     };
-    while (!isComplete() && Clock::now() - begin < kStartPatience) {
-        sleepMilliseconds(kStartPoll_ms);
+    for (int pause = kStartPoll_ms; !isComplete() && Clock::now() - begin < kStartPatience;
+         pause = std::min(2 * pause, kLongestStartPoll_ms)) {
+        sleepMilliseconds(pause);
     }
+}
+
+std::vector<std::uint16_t> KRLink::findPlaces() const {
+    KRHostNetwork network;
+    network.takenPorts = KRHostNetwork::findTakenPorts();
+    return network.findPlaces(options_.domain);
 }
 
 void KRLink::stop() noexcept {
@@ -414,7 +449,7 @@ void KRLink::countForged(const std::string& sender, const std::string& named) {
 
 KRLocalWay::Admission KRLink::admit(const std::string& broker, pid_t process) {
     // A call through a socket may overtake earlier announcements, for example of its caller's modules.
-    if (announcementsTaken_ != announced_) {
+    if (announcementsTaken_ != announced_ || onHost_.hasNews(broker)) {
         waitForPoll();
     }
     if (auto peer = directory_.find(broker)) {
@@ -448,6 +483,20 @@ void KRLink::noticeCallerGone(const std::string& broker) {
         }
     } else if (peer->getRoute()) {
         peer->getRoute()->connectLater();
+    }
+}
+
+void KRLink::requireDDS(const std::string& broker) {
+    if (!directory_.isOnHost(broker)) {
+        return; // connected already
+    }
+    bool isNew = false;
+    {
+        const KRLock lock(overDDSMutex_);
+        isNew = overDDS_.insert(broker).second;
+    }
+    if (isNew) {
+        wake();
     }
 }
 

@@ -6,9 +6,9 @@
 #include "krincomingcalls.hpp"
 #include "krlocalway.hpp"
 #include "krpeerdirectory.hpp"
-#include "krpulse.hpp"
 #include "krsenders.hpp"
 
+#include <krlocal/krhostdirectory.hpp>
 #include <krplatform/krmutex.hpp>
 #include <krplatform/krtransport.hpp>
 
@@ -21,12 +21,16 @@
 #include <string>
 #include <string_view>
 #include <thread>
+#include <vector>
 
 struct ddsi_domaingv;
 
 namespace KR {
 
 /// A broker's place on a DDS domain: announces its modules, discovers those of others, and carries calls both ways.
+///
+/// Brokers of the same user on this host meet in the host directory, which costs no messages; the engine ignores them unless
+/// calls between them have to use DDS.
 ///
 /// Threads: the engine's receive threads pass requests to call threads and replies to waiting callers; the thread "KRDDS"
 /// maintains the directory. None of them ever waits for another process.
@@ -37,7 +41,7 @@ public:
         "KRVision"; ///< prefix of the user data of a broker's participant
 
     KRLink(KRDDSOptions options, KRTransportHost& host);
-    ~KRLink() override { KRLink::stop(); }
+    ~KRLink() override;
 
     /// Starts serving, and waits until existing brokers are discovered, for about a second at most.
     void start() override;
@@ -56,9 +60,12 @@ private:
     static void onAnnouncerMatched(dds_entity_t reader, dds_subscription_matched_status_t status, void* link);
 
     void createEntities();
+    void joinHostDirectory();
     void checkPermissions();
     dds_entity_t createReader(dds_entity_t topic, const dds_qos_t* qos, dds_on_data_available_fn onData);
     void waitForBrokersThatAreThere() const;
+    /// Well-known ports that processes of this host listen on.
+    std::vector<std::uint16_t> findPlaces() const;
 
     // On the threads of the engine.
     void noticeRequests() KR_EXCLUDES(requestsMutex_);
@@ -77,18 +84,28 @@ private:
     void noticeGone(const std::string& broker);
     void noticeCallerGone(const std::string& broker);
 
+    /// Has DDS connect this broker to one that it knows from the host directory. Thread-safe.
+    void requireDDS(const std::string& broker) KR_EXCLUDES(overDDSMutex_);
+
     // On the thread KRDDS.
     void run() noexcept;
     /// \param news  something has happened since the last tick
     void pollDiscovery(bool news);
+    /// Takes news from the host directory. \return whether there were any
+    bool takeHostNews();
+    void acceptOnHost(const std::string& broker, pid_t process, std::string_view text);
+    void remove(const std::string& broker, const std::string& why);
+    void connectOverDDS() KR_EXCLUDES(overDDSMutex_);
     void takeAnnouncements();
     void takeAnnouncement(const void* sample, const dds_sample_info_t& info);
     std::set<dds_instance_handle_t> getAnnouncers() const;
     void openReplies();
     void inquireOfPeers();
-    /// Advances this process's pulse, and forgets processes of this host without a pulse.
-    void watchPulses();
-    /// Counts the processes of this host, some of which may not be discovered yet.
+    /// Shows in the host directory that this process is alive, and repeats its announcement on DDS where that may help.
+    void beat();
+    /// Has the engine delete participants of this host that it has discovered in vain.
+    void forgetIgnored();
+    /// Counts the processes of this host that DDS has to discover, some of which may not be discovered yet.
     void countPlaces();
     /// Sets the interval of heartbeats: the more other processes, the longer.
     void setHeartbeats();
@@ -102,14 +119,20 @@ private:
     /// Runs the job on a call thread, which may wait for other processes. \return whether one is available
     bool post(std::function<void()> job);
 
+    struct Forgotten {
+        std::string broker;
+        int beats = 0; // since it was known
+    };
+
     // Constant after start().
     const KRDDSOptions options_;
-    KRTransportHost& host_; // not used after stop()
+    KRTransportHost& host_;  // not used after stop()
+    const bool meetsOnHost_; // so DDS does not have to discover brokers there
     const std::shared_ptr<KRDDSDomain> domain_;
     KRDDSEntity participant_;
     ddsi_domaingv* engine_ = nullptr;
     std::string id_;
-    std::unique_ptr<KRPulse> pulse_; // null: other hosts are reachable, so the engine sends heartbeats
+    bool publishesOnHost_ = false;
     KRPeer::Connection connection_;
     dds_entity_t announcementReader_ = 0;
     dds_entity_t requestReader_ = 0;
@@ -118,7 +141,8 @@ private:
 
     std::atomic<bool> serving_ = false;
     std::atomic<bool> stopping_ = false;
-    std::atomic<int> listening_ = 0; // threads of the engine inside functions of this class
+    std::atomic<bool> hasMet_ = false; // the brokers of this host
+    std::atomic<int> listening_ = 0;   // threads of the engine inside functions of this class
     std::atomic<std::uint64_t> malformed_ = 0;
     std::atomic<std::uint64_t> forged_ = 0;
     std::atomic<int> inquiriesAnswered_ = 0; // at the moment
@@ -126,6 +150,7 @@ private:
     KRSenders senders_;
     KRLimitedLog forgeries_{"krdds", "messages in another broker's name"};
     KRLimitedLog failures_{"krdds", "failures"};
+    KRHostDirectory onHost_;
     KRAnnouncer announcer_;
     const std::shared_ptr<KRIncomingCalls> calls_; // calls that run share it
     KRLocalWay way_;
@@ -133,13 +158,18 @@ private:
     std::chrono::steady_clock::time_point lastInquiry_; // this and the next are used by the thread KRDDS
     std::chrono::steady_clock::time_point started_;
     std::chrono::steady_clock::time_point lastBeat_;
-    int shownAgain_ = 0;     // times
-    std::size_t places_ = 0; // of this host that were taken when it was shown last
-    KRPulses pulses_;
+    bool isHidden_ = meetsOnHost_;           // from the network
+    int shownAgain_ = 0;                     // times
+    std::size_t repeats_ = 0;                // of the announcement, because packets may be lost
+    std::size_t places_ = 0;                 // of this host that DDS has to discover
+    std::set<std::string> connectedOverDDS_; // brokers of this host; used by the thread KRDDS
+    std::vector<Forgotten> toForget_;        // the same
 
     KRMutex requestsMutex_; // held while requests are taken from the reader
-    KRMutex wakeMutex_;     // taken last
-    KRCondition woken_;
+    KRMutex overDDSMutex_;
+    std::set<std::string>
+        overDDS_ KR_GUARDED_BY(overDDSMutex_); // brokers of this host to be connected over DDS
+    KRMutex wakeMutex_;                        // taken last
     KRCondition polled_;
     std::atomic<std::uint64_t> announced_ = 0;          // announcements that have come, about
     std::atomic<std::uint64_t> announcementsTaken_ = 0; // of those, when the last poll began

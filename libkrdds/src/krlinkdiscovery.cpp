@@ -32,6 +32,9 @@ constexpr std::chrono::nanoseconds kHeartbeat = std::chrono::milliseconds(500);
 constexpr std::chrono::nanoseconds kHeartbeatForEach = std::chrono::milliseconds(20);
 constexpr int kTicksOfQuiet = 20;                 // everything is reported; this is a fallback
 constexpr std::chrono::seconds kPollPatience{10}; // much longer than a poll takes on a busy machine
+// While many processes start, each change wakes all of them: they rest for a multiple of the time that a poll took.
+constexpr int kRest = 8;
+constexpr std::chrono::milliseconds kLongestRest{20};
 
 } // namespace
 
@@ -43,19 +46,21 @@ void KRLink::run() noexcept {
         bool news = false;
         std::uint64_t poll = 0;
         std::uint64_t announced = 0;
+        try {
+            onHost_.wait(tick);
+        } catch (const std::exception& error) {
+            failures_.write(KRLogLevel::Error, std::string("host directory: ") + error.what());
+        }
+        const auto begin = std::chrono::steady_clock::now();
         {
-            KRLock lock(wakeMutex_);
-            news = woken_.waitFor(lock, tick, [this] {
-                wakeMutex_.assertHeld();
-                return wake_;
-            });
-            wake_ = false;
+            const KRLock lock(wakeMutex_);
+            news = std::exchange(wake_, false);
             poll = ++pollsBegun_;
             announced = announced_;
         }
         try {
-            if (!stopping_ && pulse_ && std::chrono::steady_clock::now() - lastBeat_ >= tick) {
-                watchPulses();
+            if (!stopping_ && std::chrono::steady_clock::now() - lastBeat_ >= tick) {
+                beat();
             }
             if (!stopping_) {
                 pollDiscovery(news || ticks % kTicksOfQuiet == 0);
@@ -66,19 +71,32 @@ void KRLink::run() noexcept {
         } catch (const std::exception& error) { // out of memory, for example; continues next time
             failures_.write(KRLogLevel::Error, std::string("discovery: ") + error.what());
         }
-        const KRLock lock(wakeMutex_);
-        pollsDone_ = poll;
-        polled_.notifyAll();
+        {
+            const KRLock lock(wakeMutex_);
+            pollsDone_ = poll;
+            polled_.notifyAll();
+        }
+        onHost_.pause(
+            std::chrono::duration_cast<std::chrono::microseconds>(std::min<std::chrono::nanoseconds>(
+                kRest * (std::chrono::steady_clock::now() - begin), kLongestRest)));
     }
 }
 
 void KRLink::pollDiscovery(bool news) {
-    if (news || directory_.hasConflicts()) {
+    const bool hostNews = takeHostNews();
+    if (news || hostNews || directory_.hasConflicts()) {
         takeAnnouncements();
+        connectOverDDS();
         openReplies();
         directory_.poll(getAnnouncers());
-        pulses_.keep([this](const std::string& id) { return directory_.knows(id); });
         takeRequests(); // those that waited for announcements
+    }
+    onHost_.settle();
+    hasMet_ = hasMet_ || !onHost_.isMeeting();
+    if (isHidden_ && onHost_.hasMetAll()) {
+        isHidden_ = false;
+        domain_->show();
+        showAgain();
     }
     calls_->poll();
     announcer_.poll();
@@ -86,6 +104,90 @@ void KRLink::pollDiscovery(bool news) {
     forgeries_.flush();
     failures_.flush();
     flushEngineLog();
+}
+
+bool KRLink::takeHostNews() {
+    using News = KRHostDirectory::News;
+    const std::vector<News> list = onHost_.takeNews();
+    for (const News& news : list) {
+        if (news.kind == News::Kind::Published) {
+            try {
+                acceptOnHost(news.broker, news.process, news.text);
+            } catch (const KRMalformed& error) {
+                countMalformed(error.what());
+            }
+            continue;
+        }
+        const bool hasLeft = news.kind == News::Kind::Left;
+        if (!hasLeft || directory_.isOnHost(news.broker)) { // otherwise it says so on DDS
+            remove(news.broker, hasLeft ? "has left the domain" : "is gone or cannot be reached");
+        }
+        const dds_guid_t guid = toGuid(news.broker);
+        if (!hasLeft) {
+            krForgetParticipant(engine_, &guid);
+        }
+        if (news.kind != News::Kind::Frozen) { // a frozen one comes back by way of the host directory
+            krIgnoreParticipant(engine_, &guid, false);
+        }
+    }
+    return !list.empty();
+}
+
+void KRLink::acceptOnHost(const std::string& broker, pid_t process, std::string_view text) {
+    if (!publishesOnHost_) {
+        return;
+    }
+    KRHostAnnouncement read = KRHostAnnouncement::parse(text, kProtocol);
+    const KRAnnouncement& announcement = read.announcement;
+    const auto known = directory_.find(broker);
+    const bool isNew = !directory_.isOnHost(broker);
+    if (announcement.broker != broker || broker == id_ ||
+        announcement.pid != static_cast<std::uint32_t>(process) ||
+        (known && known->getProcess() != process)) {
+        countForged("of process " + std::to_string(process), announcement.broker);
+        return;
+    }
+    bool isDiscovered = false;
+    if (isNew) {
+        const dds_guid_t guid = toGuid(broker);
+        isDiscovered = krIgnoreParticipant(engine_, &guid, true);
+    }
+    directory_.accept(connection_, std::move(read.announcement), KRPeerDirectory::kOnHost);
+    const auto peer = directory_.find(broker);
+    if (isDiscovered && isHidden_) { // in the moment before it was hidden; the other does not know this one
+        toForget_.push_back({broker, 0});
+        isDiscovered = false;
+    }
+    if (isDiscovered || read.overDDS.contains(id_) || (peer && !peer->getRoute())) {
+        requireDDS(broker);
+    }
+}
+
+void KRLink::remove(const std::string& broker, const std::string& why) {
+    directory_.remove(broker, why);
+    if (connectedOverDDS_.erase(broker) > 0) {
+        announcer_.setOverDDS(connectedOverDDS_);
+    }
+    const KRLock lock(overDDSMutex_);
+    overDDS_.erase(broker);
+}
+
+void KRLink::connectOverDDS() {
+    bool isNew = false;
+    {
+        const KRLock lock(overDDSMutex_);
+        for (const std::string& broker : overDDS_) {
+            if (directory_.isOnHost(broker) && connectedOverDDS_.insert(broker).second) {
+                const dds_guid_t guid = toGuid(broker);
+                krIgnoreParticipant(engine_, &guid, false);
+                isNew = true;
+            }
+        }
+    }
+    if (isNew) {
+        announcer_.setOverDDS(connectedOverDDS_);
+        showAgain();
+    }
 }
 
 void KRLink::takeAnnouncements() {
@@ -117,13 +219,13 @@ void KRLink::takeAnnouncement(const void* sample, const dds_sample_info_t& info)
     }
     if (info.valid_data) {
         KRAnnouncement announcement = KRAnnouncement::parse(message, kProtocol);
-        if (pulse_) {
-            pulses_.watch(announcement.broker, announcement.host, static_cast<pid_t>(announcement.pid));
+        if (directory_.isOnHost(announcement.broker)) {
+            return; // the host directory has the latest
         }
         announcement.local = KRSenders::readUserData(announcementReader_, info.publication_handle);
         directory_.accept(connection_, std::move(announcement), info.publication_handle);
     }
-    if (disposed) {
+    if (disposed && !directory_.isOnHost(message.broker)) {
         directory_.remove(message.broker, "has left the domain");
     }
 }
@@ -155,41 +257,64 @@ void KRLink::openReplies() {
     }
 }
 
-void KRLink::watchPulses() {
+void KRLink::beat() {
     const auto now = std::chrono::steady_clock::now();
-    pulse_->beat();
+    onHost_.beat(kBeatsInLease, options_.lease);
     const bool wasFrozen = now - lastBeat_ >= options_.lease; // so others may have forgotten this process
     lastBeat_ = now;
-    const auto shown = static_cast<std::size_t>(shownAgain_);
-    if (wasFrozen || (shown < kShowAgainAfter_ms.size() &&
-                      now - started_ >= std::chrono::milliseconds(kShowAgainAfter_ms[shown]))) {
+    forgetIgnored();
+    if (!domain_->staysOnHost()) {
+        return;
+    }
+    const bool isDue = repeats_ < kShowAgainAfter_ms.size() &&
+                       now - started_ >= std::chrono::milliseconds(kShowAgainAfter_ms[repeats_]);
+    if (isDue) {
+        ++repeats_;
+        countPlaces();
+    }
+    if (wasFrozen || (isDue && places_ > 0)) {
         showAgain();
     }
     setHeartbeats();
-    for (const std::string& id : pulses_.findSilent(kBeatsInLease, options_.lease)) {
-        const dds_guid_t guid = toGuid(id);
-        krForgetParticipant(engine_, &guid);
+}
+
+// Not at once: the engine must not be working on what the other has sent. Deleting a participant ends its being ignored.
+void KRLink::forgetIgnored() {
+    constexpr int kForgetAt = 4; // beats
+    constexpr int kDone = 10;
+    for (Forgotten& each : toForget_) {
+        const dds_guid_t guid = toGuid(each.broker);
+        if (!directory_.isOnHost(each.broker) || connectedOverDDS_.contains(each.broker)) {
+            each.beats = kDone;
+            continue;
+        }
+        if (++each.beats == kForgetAt) {
+            krForgetParticipant(engine_, &guid);
+        }
+        krIgnoreParticipant(engine_, &guid, true);
     }
+    std::erase_if(toForget_, [](const Forgotten& each) { return each.beats >= kDone; });
 }
 
 void KRLink::countPlaces() {
-    KRHostNetwork network;
-    network.takenPorts = KRHostNetwork::findTakenPorts();
-    places_ = network.findPlaces(options_.domain).size();
+    const auto places = findPlaces();
+    auto known = directory_.getPortsOnHost();
+    known.insert(krGetPort(engine_));
+    places_ = static_cast<std::size_t>(std::count_if(
+        places.begin(), places.end(), [&](std::uint16_t port) { return !known.contains(port); }));
 }
 
 // A heartbeat of a writer that waits for acknowledgements wakes all processes. When many start at once, all wait, and would
 // leave each other no processor time to acknowledge.
 void KRLink::setHeartbeats() {
     if (domain_->staysOnHost()) {
-        const auto others = static_cast<std::int64_t>(std::max(directory_.getCount(), places_));
+        const auto others = static_cast<std::int64_t>(std::max(directory_.getCountOverDDS(), places_));
         krSetHeartbeatInterval(
             engine_, std::max<std::int64_t>(kHeartbeat.count(), others * kHeartbeatForEach.count()));
     }
 }
 
 void KRLink::showAgain() {
-    countPlaces();
     // Changes something, as the engine only sends changes.
     ++shownAgain_;
     const std::string mark = std::string(kMark) + (shownAgain_ % 2 == 0 ? "" : " ");
@@ -217,14 +342,14 @@ void KRLink::inquireOfPeers() {
 void KRLink::wake() {
     const KRLock lock(wakeMutex_);
     wake_ = true;
-    woken_.notifyOne();
+    onHost_.interrupt();
 }
 
 void KRLink::waitForPoll() {
     KRLock lock(wakeMutex_);
     const std::uint64_t wanted = pollsBegun_ + 1;
     wake_ = true;
-    woken_.notifyOne();
+    onHost_.interrupt();
     polled_.waitFor(lock, kPollPatience, [&] {
         wakeMutex_.assertHeld();
         return pollsDone_ >= wanted || stopping_;

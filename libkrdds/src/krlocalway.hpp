@@ -16,7 +16,7 @@
 namespace KR {
 
 /// Connects a broker to others on its machine: offers connections, serves calls received through them, and creates routes.
-/// DDS discovers the other brokers and carries everything else. Thread-safe after start().
+/// Its owner discovers the other brokers; DDS carries everything else. Thread-safe after start().
 class KRLocalWay : public KRLocalService {
 public:
     /// Number of brokers to connect to on discovery, so that their end is noticed at once. Connections to others wait for

@@ -44,13 +44,11 @@ KRValue readAnswer(std::uint32_t status, const Decode& decode, const std::string
 KRPeer::KRPeer(const Connection& connection, std::string id, std::string location, pid_t process,
                KRLocalWay::Reach reach)
     : own_(connection.id), id_(std::move(id)), location_(std::move(location)), process_(process),
-      reach_(std::move(reach)), patience_(connection.patience),
+      reach_(std::move(reach)), patience_(connection.patience), onCallOverDDS_(connection.onCallOverDDS),
       requests_(connection.participant, connection.requestTopic, id_, connection.onMatched),
       replies_(connection.participant, connection.replyTopic, id_, connection.onMatched) {}
 
 void KRPeer::setGone(const std::string& why) {
-    requests_.interrupt();
-    replies_.interrupt();
     {
         const KRLock lock(mutex_);
         if (gone_.empty()) {
@@ -61,6 +59,8 @@ void KRPeer::setGone(const std::string& why) {
         }
         goneChanged_.notifyAll();
     }
+    requests_.interrupt(); // now that the reason is known
+    replies_.interrupt();
     if (reach_.route) {
         reach_.route->close(why);
     }
@@ -106,6 +106,7 @@ KRValue KRPeer::call(const std::string& module, std::string_view method, std::sp
             return callLocally(*connection, module, method, arguments);
         }
     }
+    onCallOverDDS_(id_);
     return callOverDDS(module, method, arguments);
 }
 

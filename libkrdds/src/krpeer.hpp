@@ -35,6 +35,8 @@ public:
         std::chrono::milliseconds patience; ///< how long to wait without any acknowledgement
         std::function<void()>
             onMatched; ///< called when a peer starts reading requests or replies, on a thread of the engine
+        /// Called before a call over DDS to a peer with this identity, on the calling thread.
+        std::function<void(const std::string& id)> onCallOverDDS;
     };
 
     /// \param process  announced by the broker \param reach  local route
@@ -104,6 +106,7 @@ private:
     const pid_t process_;
     const KRLocalWay::Reach reach_;
     const std::chrono::milliseconds patience_;
+    const std::function<void(const std::string& id)> onCallOverDDS_;
     KRMessageWriter requests_;
     KRMessageWriter replies_;
     std::atomic<bool> inquiring_ = false;

@@ -7,6 +7,7 @@
 #include <krplatform/krlog.hpp>
 #include <krplatform/krtext.hpp>
 
+#include <algorithm>
 #include <utility>
 
 namespace KR {
@@ -48,21 +49,34 @@ std::vector<std::shared_ptr<KRPeer>> KRPeerDirectory::list() const {
     return peers;
 }
 
-bool KRPeerDirectory::knows(const std::string& id) const {
-    const KRLock lock(mutex_);
-    const auto found = neighbors_.find(id);
-    return found != neighbors_.end();
-}
-
 bool KRPeerDirectory::isSettled(const std::string& id) const {
     const KRLock lock(mutex_);
     const auto found = neighbors_.find(id);
     return found != neighbors_.end() && !(found->second.peer && found->second.peer->isConnecting());
 }
 
-std::size_t KRPeerDirectory::getCount() const {
+std::size_t KRPeerDirectory::getCountOverDDS() const {
     const KRLock lock(mutex_);
-    return neighbors_.size();
+    return static_cast<std::size_t>(std::count_if(neighbors_.begin(), neighbors_.end(), [](const auto& each) {
+        return each.second.writer != kOnHost;
+    }));
+}
+
+bool KRPeerDirectory::isOnHost(const std::string& id) const {
+    const KRLock lock(mutex_);
+    const auto found = neighbors_.find(id);
+    return found != neighbors_.end() && found->second.writer == kOnHost;
+}
+
+std::set<std::uint32_t> KRPeerDirectory::getPortsOnHost() const {
+    std::set<std::uint32_t> ports;
+    const KRLock lock(mutex_);
+    for (const auto& [id, neighbor] : neighbors_) {
+        if (neighbor.writer == kOnHost) {
+            ports.insert(neighbor.port);
+        }
+    }
+    return ports;
 }
 
 KRPeerDirectory::OtherClaims KRPeerDirectory::findOtherClaims(const std::string& module,
@@ -162,6 +176,7 @@ void KRPeerDirectory::accept(const KRPeer::Connection& connection, KRAnnouncemen
         neighbor.location = announcement.getLocation();
         neighbor.protocol = announcement.protocol;
         neighbor.writer = writer;
+        neighbor.port = announcement.port;
         neighbor.modules = std::move(announcement.modules);
         for (const auto& [name, module] : neighbor.modules) {
             neighbor.hostedModules |= module.state == KRModuleState::Open;
@@ -193,7 +208,7 @@ void KRPeerDirectory::poll(const std::set<dds_instance_handle_t>& announcers) {
     {
         const KRLock lock(mutex_);
         for (const auto& [id, neighbor] : neighbors_) {
-            if (neighbor.gone || !announcers.contains(neighbor.writer)) {
+            if (neighbor.gone || (neighbor.writer != kOnHost && !announcers.contains(neighbor.writer))) {
                 lost.push_back(id);
             }
         }

@@ -32,6 +32,7 @@ class KRPeerDirectory {
 public:
     static constexpr std::size_t kMaxBrokers = 1024;
     static constexpr std::size_t kMaxModules = 100000; ///< of all brokers
+    static constexpr dds_instance_handle_t kOnHost = DDS_HANDLE_NIL;
 
     /// \param lease  after which a silent process counts as gone
     KRPeerDirectory(KRTransportHost& host, KRIncomingCalls& calls, KRLocalWay& way,
@@ -42,11 +43,14 @@ public:
 
     std::shared_ptr<KRPeer> find(const std::string& id) const KR_EXCLUDES(mutex_);
     std::vector<std::shared_ptr<KRPeer>> list() const KR_EXCLUDES(mutex_);
-    /// Whether a broker has announced itself; it may have been refused.
-    bool knows(const std::string& id) const KR_EXCLUDES(mutex_);
-    /// The same, and no connection to it is pending.
+    /// Whether a broker has announced itself, even if it was refused, and no connection to it is pending.
     bool isSettled(const std::string& id) const KR_EXCLUDES(mutex_);
-    std::size_t getCount() const KR_EXCLUDES(mutex_);
+    /// Number of brokers that are not in the host directory.
+    std::size_t getCountOverDDS() const KR_EXCLUDES(mutex_);
+    /// Whether the broker is known from the host directory.
+    bool isOnHost(const std::string& id) const KR_EXCLUDES(mutex_);
+    /// Ports of the processes of all such brokers.
+    std::set<std::uint32_t> getPortsOnHost() const KR_EXCLUDES(mutex_);
 
     struct OtherClaims {
         std::string
@@ -67,7 +71,7 @@ public:
     // ---- on one thread
 
     /// A broker has announced itself, for the first time or again.
-    /// \param writer  publication handle of the announcement
+    /// \param writer  publication handle of the announcement; kOnHost: from the host directory
     void accept(const KRPeer::Connection& connection, KRAnnouncement announcement,
                 dds_instance_handle_t writer) KR_EXCLUDES(mutex_);
     /// A broker is gone. \param why  for messages: "has left the domain"
@@ -85,6 +89,7 @@ private:
         std::string location;
         std::uint32_t protocol = 0;
         dds_instance_handle_t writer = 0;
+        std::uint32_t port = 0;
         KRAnnouncedModules modules;
         bool hostedModules = false; // has announced a callable module
         bool gone = false;          // according to its socket

@@ -17,9 +17,17 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstddef>
+#include <deque>
+#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <future>
 #include <random>
+#include <set>
+#include <sstream>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <thread>
 #include <unistd.h>
 
@@ -350,6 +358,75 @@ TEST(KRDDSWays, ABrokerThatOffersNoSocketIsCalledOverDDS) { // as those of earli
     const TestDomain domain;
     const OtherProcess other(domain.getUrl("local=off&lease=30"), kServer);
     checkCalls(domain, kOptions, other, "DDS: it offers no other way");
+}
+
+/// Name of the socket on which the process accepts calls.
+std::string findSocketOf(const OtherProcess& process) {
+    std::set<std::string> inodes;
+    for (const auto& file :
+         std::filesystem::directory_iterator("/proc/" + std::to_string(process.getPid()) + "/fd")) {
+        std::error_code ignored;
+        const std::string target = std::filesystem::read_symlink(file.path(), ignored).string();
+        if (target.starts_with("socket:[")) {
+            inodes.insert(target.substr(8, target.size() - 9));
+        }
+    }
+    std::ifstream table("/proc/net/unix");
+    for (std::string line; std::getline(table, line);) {
+        std::istringstream fields(line);
+        std::string number, references, protocol, flags, type, state, inode, path;
+        fields >> number >> references >> protocol >> flags >> type >> state >> inode >> path;
+        if (inodes.contains(inode) && path.starts_with("@krvision-") &&
+            !path.starts_with("@krvision-host-")) {
+            return path.substr(1);
+        }
+    }
+    return {};
+}
+
+/// A connection to a name in the abstract namespace of sockets.
+int connectTo(const std::string& name) {
+    const int file = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    name.copy(address.sun_path + 1, sizeof address.sun_path - 1);
+    (void)connect(file, reinterpret_cast<const sockaddr*>(&address),
+                  static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size()));
+    return file;
+}
+
+TEST_F(KRDDSLocal, ABrokerWhoseSocketIsTakenUpIsCalledOverDDS) {
+    const std::string name = findSocketOf(server);
+    ASSERT_NE(name, "");
+    // It accepts a limited number of connections that say nothing, for some seconds.
+    std::deque<int> silent;
+    const auto connectOnce = [&] {
+        silent.push_back(connectTo(name));
+        if (silent.size() > 200) {
+            close(silent.front());
+            silent.pop_front();
+        }
+    };
+    ASSERT_TRUE(eventually([&] {
+        connectOnce();
+        char byte = 0;
+        return recv(silent.back(), &byte, 1, MSG_DONTWAIT) == 0; // refused
+    }));
+    std::atomic<bool> ending = false;
+    std::thread flooding([&] {
+        while (!ending) {
+            connectOnce();
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    });
+    const OtherProcess late(domain.getUrl(kOptions), {"module", "Late"});
+    EXPECT_TRUE(broker->getSession().waitForService("Late", kPatience));
+    EXPECT_EQ(broker->getProxy("Late")->call<int>("callOther", "Server", "pidOf", ""), server.getPid());
+    ending = true;
+    flooding.join();
+    for (const int file : silent) {
+        close(file);
+    }
 }
 
 TEST(KRDDSWays, ABrokerThatIsToTakeDDSTakesIt) {

@@ -13,10 +13,15 @@
 
 #include <cstdlib>
 #include <fcntl.h>
+#include <fstream>
+#include <memory>
 #include <sched.h>
+#include <sstream>
 #include <stdexcept>
+#include <string>
 #include <thread>
 #include <unistd.h>
+#include <vector>
 
 namespace KR::test {
 
@@ -58,6 +63,8 @@ public:
     bool areComplete() const noexcept { return complete_; }
     /// Prefix of a command that is to run on the host.
     std::vector<std::string> on(int host) const { return {"ip", "netns", "exec", getName(host)}; }
+    /// Leaves the host its loopback interface alone.
+    bool isolate(int host) const { return run("ip -n " + getName(host) + " link del kr0"); }
     void setCable(int host, bool plugged) const {
         run("ip -n " + getName(0) + " link set port" + std::to_string(host) + (plugged ? " up" : " down"));
     }
@@ -111,6 +118,52 @@ TEST(KRDDSNetwork, ThreeHostsRecoverFromACableThatWasUnpluggedForFiveSeconds) {
         ASSERT_TRUE(broker->getSession().waitForService("Counter", kPatience));
         const std::size_t before = listener->waitForEvents(0).size();
         EXPECT_GE(listener->waitForEvents(before + 10).size(), before + 10);
+    }).join();
+}
+
+/// Packets that were sent over the loopback interface in the network namespace of the calling thread.
+long countLoopbackPackets() {
+    std::ifstream table("/proc/thread-self/net/dev");
+    for (std::string line; std::getline(table, line);) {
+        std::istringstream fields(line);
+        std::string name;
+        fields >> name;
+        if (name == "lo:") {
+            long ignored = 0, packets = 0; // received and sent are the same
+            fields >> ignored >> packets;
+            return packets;
+        }
+    }
+    return -1;
+}
+
+TEST(KRDDSNetwork, ProcessesOfOneHostMeetWithoutBeingDiscovered) {
+    const Hosts hosts(1);
+    if (!hosts.areComplete()) {
+        GTEST_SKIP() << "this needs the right to make network namespaces, as root has it, and the tool ip";
+    }
+    ASSERT_TRUE(hosts.isolate(1));
+    const TestDomain domain;
+    constexpr int kProcesses = 10;
+    std::thread([&] {
+        hosts.enter(1);
+        const long before = countLoopbackPackets();
+        std::vector<std::unique_ptr<OtherProcess>> processes;
+        for (int i = 0; i < kProcesses; ++i) {
+            processes.push_back(std::make_unique<OtherProcess>(
+                domain.getUrl("local=on"), std::vector<std::string>{"module", "Member" + std::to_string(i)}));
+            ASSERT_EQ(processes.back()->getAnswer(), "ready");
+        }
+        // Each sends a few announcements to whom it may concern; discovery takes some seventy packets for each pair.
+        EXPECT_LT(countLoopbackPackets() - before, 20 * kProcesses);
+        const auto broker = domain.createBroker("local=off");
+        ASSERT_EQ(broker->getModuleList().size(), static_cast<std::size_t>(kProcesses));
+        for (int i = 0; i < kProcesses; ++i) {
+            const auto member = broker->getProxy("Member" + std::to_string(i));
+            for (int k = 0; k < kProcesses; ++k) {
+                EXPECT_TRUE(member->call<bool>("isReachable", "Member" + std::to_string(k)));
+            }
+        }
     }).join();
 }
 

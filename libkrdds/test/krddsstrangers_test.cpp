@@ -175,7 +175,8 @@ long getResidentKilobytes(pid_t process) {
 }
 
 TEST_F(KRDDSStrangers, AnnouncementsInEverNewNamesTakeNoMemory) {
-    const OtherProcess other(domain.getUrl(), {"module", "Other"});
+    // So that DDS connects it to this process.
+    const OtherProcess other(domain.getUrl("local=off"), {"module", "Other"});
     const auto proxy = broker->getProxy("Other");
     ASSERT_TRUE(broker->getSession().waitForService("Other", kPatience));
     const long before = getResidentKilobytes(other.getPid());
