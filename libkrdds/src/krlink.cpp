@@ -27,6 +27,7 @@ constexpr const char* kCategory = "krdds";
 constexpr int kStartPoll_ms = 1;
 constexpr int kLongestStartPoll_ms = 16;
 constexpr std::chrono::milliseconds kStartPatience{1000};
+constexpr std::chrono::seconds kMeetPatience{15}; // longer than the host directory's
 constexpr std::chrono::milliseconds kSilencePatience{
     300}; // with processes of this host that may not be brokers
 constexpr std::chrono::milliseconds kNetworkPatience{30}; // with the first answer of another host
@@ -292,7 +293,8 @@ void KRLink::start() {
     setHeartbeats();
     announcer_.announce();
     thread_ = std::thread([this] { run(); });
-    while (!hasMet_) {
+    const auto deadline = std::chrono::steady_clock::now() + kMeetPatience;
+    while (!hasMet_ && std::chrono::steady_clock::now() < deadline) {
         sleepMilliseconds(kStartPoll_ms);
     }
     waitForBrokersThatAreThere();

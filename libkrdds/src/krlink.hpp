@@ -93,6 +93,7 @@ private:
     void pollDiscovery(bool news);
     /// Takes news from the host directory. \return whether there were any
     bool takeHostNews();
+    void takeDeparture(const KRHostDirectory::News& news);
     void acceptOnHost(const std::string& broker, pid_t process, std::string_view text);
     void remove(const std::string& broker, const std::string& why);
     void connectOverDDS() KR_EXCLUDES(overDDSMutex_);

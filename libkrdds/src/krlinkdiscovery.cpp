@@ -110,27 +110,36 @@ bool KRLink::takeHostNews() {
     using News = KRHostDirectory::News;
     const std::vector<News> list = onHost_.takeNews();
     for (const News& news : list) {
-        if (news.kind == News::Kind::Published) {
-            try {
+        try {
+            if (!isBrokerId(news.broker.c_str())) {
+                countMalformed("an entry of the host directory is malformed: its broker is not an identity");
+            } else if (news.kind == News::Kind::Published) {
                 acceptOnHost(news.broker, news.process, news.text);
-            } catch (const KRMalformed& error) {
-                countMalformed(error.what());
+            } else {
+                takeDeparture(news);
             }
-            continue;
-        }
-        const bool hasLeft = news.kind == News::Kind::Left;
-        if (!hasLeft || directory_.isOnHost(news.broker)) { // otherwise it says so on DDS
-            remove(news.broker, hasLeft ? "has left the domain" : "is gone or cannot be reached");
-        }
-        const dds_guid_t guid = toGuid(news.broker);
-        if (!hasLeft) {
-            krForgetParticipant(engine_, &guid);
-        }
-        if (news.kind != News::Kind::Frozen) { // a frozen one comes back by way of the host directory
-            krIgnoreParticipant(engine_, &guid, false);
+        } catch (const KRMalformed& error) {
+            countMalformed(error.what());
+        } catch (const std::exception& error) { // the other news must not be lost
+            failures_.write(KRLogLevel::Error, std::string("host directory: ") + error.what());
         }
     }
     return !list.empty();
+}
+
+void KRLink::takeDeparture(const KRHostDirectory::News& news) {
+    using Kind = KRHostDirectory::News::Kind;
+    const bool hasLeft = news.kind == Kind::Left;
+    if (!hasLeft || directory_.isOnHost(news.broker)) { // otherwise it says so on DDS
+        remove(news.broker, hasLeft ? "has left the domain" : "is gone or cannot be reached");
+    }
+    const dds_guid_t guid = toGuid(news.broker);
+    if (!hasLeft) {
+        krForgetParticipant(engine_, &guid);
+    }
+    if (news.kind != Kind::Frozen) { // a frozen one comes back by way of the host directory
+        krIgnoreParticipant(engine_, &guid, false);
+    }
 }
 
 void KRLink::acceptOnHost(const std::string& broker, pid_t process, std::string_view text) {

@@ -9,6 +9,7 @@
 #include <recordedlog.hpp>
 #include <testmodule.hpp>
 
+#include <krlocal/krhostdirectory.hpp>
 #include <krlocal/krlocalendpoint.hpp>
 #include <krplatform/krproxy.hpp>
 
@@ -358,6 +359,31 @@ TEST(KRDDSWays, ABrokerThatOffersNoSocketIsCalledOverDDS) { // as those of earli
     const TestDomain domain;
     const OtherProcess other(domain.getUrl("local=off&lease=30"), kServer);
     checkCalls(domain, kOptions, other, "DDS: it offers no other way");
+}
+
+TEST_F(KRDDSLocal, WhatIsNoAnnouncementInTheHostDirectoryDisturbsNobody) {
+    const std::vector<std::pair<std::string, std::string>> lies{
+        {"liar", "text"},
+        {std::string(32, 'a'), "text"},
+        {std::string(32, 'b'),
+         std::string(32, 'b') + std::string("\0001\0name\0host\0007\0\0007\0000\0\x90", 20)},
+        {std::string(32, 'c'),
+         std::string(32, 'd') + std::string("\0001\0name\0host\0007\0\0007\0000\0\x90", 20)}};
+    for (const auto& [id, text] : lies) {
+        KRHostDirectory liar;
+        liar.join({"dds" + std::to_string(domain.getNumber()), id, true});
+        liar.publish(text);
+        EXPECT_TRUE(eventually([&] {
+            liar.wait(std::chrono::milliseconds(5));
+            liar.takeNews();
+            liar.settle();
+            return liar.hasMetAll();
+        }));
+        EXPECT_EQ(proxy->call<int>("getPid"), server.getPid());
+        liar.leave();
+    }
+    const OtherProcess late(domain.getUrl(kOptions), {"module", "Late"});
+    EXPECT_TRUE(eventually([&] { return proxy->call<bool>("isReachable", "Late"); }));
 }
 
 /// Name of the socket on which the process accepts calls.

@@ -231,6 +231,7 @@ private:
                 other.over = true;
                 news.push_back({News::Kind::Left, id, other.process, {}});
             }
+        } catch (const std::system_error&) { // out of memory: next time
         } catch (const KRLocalMalformed& error) {
             other.over = true;
             logWarning(kCategory, "the entry of process " + std::to_string(other.process) +

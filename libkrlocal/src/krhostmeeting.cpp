@@ -11,7 +11,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
+#include <iterator>
 #include <set>
 
 namespace KR {
@@ -20,12 +22,16 @@ namespace {
 
 constexpr int kSlots = static_cast<int>(KRHostDirectory::kMaxBrokers);
 constexpr int kBacklog = 1024;
+constexpr int kMaxWakes = 64;             // to take at once: anybody can send them
 constexpr std::size_t kMaxAtOnce = 32;    // meetings
 constexpr std::size_t kMaxNewcomers = 64; // the rest wait in the backlog
 constexpr std::chrono::seconds kNewcomerPatience{5};
 constexpr std::chrono::milliseconds kRetry{50};
 constexpr std::chrono::milliseconds kSilencePatience{1000}; // after which the rest are taken to be frozen
 constexpr std::chrono::seconds kBusyPatience{10};
+// A few that do not answer cost little if they are discovered by other means instead.
+constexpr std::ptrdiff_t kFew = 4;
+constexpr std::chrono::seconds kManyPatience{3};
 constexpr std::chrono::seconds kCompletePatience{30};
 constexpr std::chrono::milliseconds kStoppedCheck{100};
 constexpr std::chrono::hours kForever{1};
@@ -178,7 +184,8 @@ std::size_t KRHostMeeting::countNewcomers() const {
 std::vector<KRHostMeeting::Met> KRHostMeeting::advance(const std::vector<pollfd>& sockets) {
     const auto now = Clock::now();
     std::array<char, 16> ignored{};
-    while (recv(waking_.get(), ignored.data(), ignored.size(), MSG_DONTWAIT) >= 0) {
+    for (int i = 0; i < kMaxWakes && recv(waking_.get(), ignored.data(), ignored.size(), MSG_DONTWAIT) >= 0;
+         ++i) {
     }
     std::set<int> ready;
     for (const pollfd& each : sockets) {
@@ -218,20 +225,23 @@ void KRHostMeeting::updateProgress(Clock::time_point now) {
     if (complete_) {
         return;
     }
-    const bool isWaiting = !unprobed_.empty() || countNewcomers() < guests_.size();
+    const auto silence = now - progress_;
+    const auto waiting = std::ssize(guests_) - static_cast<std::ptrdiff_t>(countNewcomers());
     const bool isUnmet = std::any_of(guests_.begin(), guests_.end(),
                                      [](const Guest& guest) { return !guest.isNewcomer && !guest.isMet; });
-    busy_ =
-        (isUnmet || !unprobed_.empty()) && now - progress_ < kSilencePatience && now - begin_ < kBusyPatience;
-    if (!isWaiting || now - begin_ >= kCompletePatience) {
+    busy_ = (isUnmet || !unprobed_.empty()) && silence < kSilencePatience && now - begin_ < kBusyPatience;
+    if (now - begin_ >= kCompletePatience || silence >= kManyPatience) {
         complete_ = true;
-    } else if (unprobed_.empty() && now - progress_ >= kStoppedCheck && now - checked_ >= kStoppedCheck) {
-        checked_ = now;
-        complete_ = std::all_of(guests_.begin(), guests_.end(), [](const Guest& guest) {
-            return guest.isNewcomer || isStopped(guest.process);
-        });
-        busy_ = busy_ && !complete_;
+    } else if (unprobed_.empty()) {
+        complete_ = waiting == 0 || (waiting <= kFew && silence >= kSilencePatience);
+        if (!complete_ && silence >= kStoppedCheck && now - checked_ >= kStoppedCheck) {
+            checked_ = now;
+            complete_ = std::all_of(guests_.begin(), guests_.end(), [](const Guest& guest) {
+                return guest.isNewcomer || isStopped(guest.process);
+            });
+        }
     }
+    busy_ = busy_ && !complete_;
 }
 
 void KRHostMeeting::probe(Clock::time_point now) {

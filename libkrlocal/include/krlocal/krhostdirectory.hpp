@@ -64,8 +64,8 @@ public:
     /// Whether brokers that were there at join() have not been met yet. False once none of them has answered for a
     /// while, as they may be frozen.
     bool isMeeting() const noexcept;
-    /// Whether all brokers that were there at join() have been met, except those of stopped processes; true after half a
-    /// minute in any case.
+    /// Whether all brokers that were there at join() have been met, except those of stopped processes. True once none of
+    /// them has answered for a second, or three if there are more than four, and after half a minute in any case.
     bool hasMetAll() const noexcept;
     /// Makes wait() return.
     void interrupt() noexcept;
