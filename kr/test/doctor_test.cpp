@@ -39,7 +39,8 @@ TEST_F(KrSystem, DoctorFindsNothingWrongWithAHealthySystem) {
 }
 
 TEST_F(KrSystem, DoctorFindsABrokerOfAnotherVersion) {
-    const auto broker = domain_.createBroker(); // so that the stranger is on the loopback interface, too
+    // So that the stranger is on the loopback interface, too, and discovers others over DDS.
+    const auto broker = domain_.createBroker("local=off");
     Stranger stranger(domain_.getNumber());
     stranger.announce(99, {});
     Outcome outcome;

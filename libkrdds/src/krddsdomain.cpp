@@ -59,7 +59,8 @@ struct Joined {
     KRDDSOptions options;
     bool staysOnHost;
     dds_entity_t domain;
-    int brokers;
+    int brokers = 0;
+    int discovering = 0; // of these, those that do not meet others in the host directory
 };
 
 /// Creates the engine's instance of a domain. \throws KRError the engine refuses
@@ -107,7 +108,7 @@ void flushEngineLog() {
     getWarnings().flush();
 }
 
-std::shared_ptr<KRDDSDomain> KRDDSDomain::join(const KRDDSOptions& options, bool hidden) {
+std::shared_ptr<KRDDSDomain> KRDDSDomain::join(const KRDDSOptions& options, bool meetsOnHost) {
     if (!options.security.empty()) {
         checkSecurityFiles(options.security);
     }
@@ -118,29 +119,36 @@ std::shared_ptr<KRDDSDomain> KRDDSDomain::join(const KRDDSOptions& options, bool
         dds_set_log_sink(writeLog, nullptr);
         const KRHostNetwork network = KRHostNetwork::examine();
         const dds_entity_t domain = createDomain(options, network);
-        if (hidden) {
+        if (meetsOnHost) {
             dds_domain_set_deafmute(domain, true, true, DDS_INFINITY);
         }
-        domains.emplace(options.domain, Joined{options, options.staysOnHost(network), domain, 1});
+        domains.emplace(options.domain, Joined{options, options.staysOnHost(network), domain});
     } else if (!found->second.options.agreesWith(options)) {
         throw KRError("KRBroker", "create",
                       "another broker of this process is on DDS domain " + std::to_string(options.domain) +
                           " with other peers, interfaces, lease, fragment or security");
-    } else {
-        ++found->second.brokers;
     }
-    const Joined& joined = domains.at(options.domain);
-    return std::shared_ptr<KRDDSDomain>(new KRDDSDomain(options.domain, joined.staysOnHost, joined.domain));
+    Joined& joined = domains.at(options.domain);
+    ++joined.brokers;
+    joined.discovering += meetsOnHost ? 0 : 1;
+    return std::shared_ptr<KRDDSDomain>(
+        new KRDDSDomain(options.domain, joined.staysOnHost, meetsOnHost, joined.domain));
 }
 
 void KRDDSDomain::show() noexcept {
     dds_domain_set_deafmute(domain_, false, false, DDS_INFINITY);
 }
 
+bool KRDDSDomain::needsDiscovery() const {
+    const KRLock lock(domainsMutex);
+    return getDomains().at(number_).discovering > 0;
+}
+
 KRDDSDomain::~KRDDSDomain() {
     const KRLock lock(domainsMutex);
     auto& domains = getDomains();
     const auto found = domains.find(number_);
+    found->second.discovering -= meetsOnHost_ ? 0 : 1;
     if (--found->second.brokers == 0) {
         dds_delete(found->second.domain);
         domains.erase(found);

@@ -26,9 +26,10 @@ void flushEngineLog();
 /// once, so they must have the same.
 class KRDDSDomain {
 public:
-    /// \param hidden  whether a new instance neither sends nor receives anything before show()
+    /// \param meetsOnHost  whether the broker meets others in the host directory: then a new instance neither sends nor
+    ///                     receives anything before show()
     /// \throws KRError the engine refuses; another broker of this process is on the domain with other options
-    static std::shared_ptr<KRDDSDomain> join(const KRDDSOptions& options, bool hidden);
+    static std::shared_ptr<KRDDSDomain> join(const KRDDSOptions& options, bool meetsOnHost);
     ~KRDDSDomain();
     KRDDSDomain(const KRDDSDomain&) = delete;
     KRDDSDomain& operator=(const KRDDSDomain&) = delete;
@@ -38,12 +39,16 @@ public:
     bool staysOnHost() const noexcept { return staysOnHost_; }
     /// Begins to send and receive.
     void show() noexcept;
+    /// Whether a broker of this process on the domain does not meet others in the host directory, so the engine must not ignore
+    /// any.
+    bool needsDiscovery() const;
 
 private:
-    KRDDSDomain(std::uint32_t number, bool staysOnHost, dds_entity_t domain)
-        : number_(number), staysOnHost_(staysOnHost), domain_(domain) {}
+    KRDDSDomain(std::uint32_t number, bool staysOnHost, bool meetsOnHost, dds_entity_t domain)
+        : number_(number), staysOnHost_(staysOnHost), meetsOnHost_(meetsOnHost), domain_(domain) {}
     const std::uint32_t number_;
     const bool staysOnHost_;
+    const bool meetsOnHost_;
     const dds_entity_t domain_;
 };
 

@@ -167,7 +167,8 @@ void KRLink::acceptOnHost(const std::string& broker, pid_t process, std::string_
         toForget_.push_back({broker, 0});
         isDiscovered = false;
     }
-    if (isDiscovered || read.overDDS.contains(id_) || (peer && !peer->getRoute())) {
+    if (isDiscovered || domain_->needsDiscovery() || read.overDDS.contains(id_) ||
+        (peer && !peer->getRoute())) {
         requireDDS(broker);
     }
 }
@@ -272,6 +273,11 @@ void KRLink::beat() {
     const bool wasFrozen = now - lastBeat_ >= options_.lease; // so others may have forgotten this process
     lastBeat_ = now;
     forgetIgnored();
+    if (domain_->needsDiscovery()) {
+        for (const std::string& broker : directory_.listOnHost()) {
+            requireDDS(broker); // another broker of this process has to discover it
+        }
+    }
     if (!domain_->staysOnHost()) {
         return;
     }

@@ -68,6 +68,17 @@ bool KRPeerDirectory::isOnHost(const std::string& id) const {
     return found != neighbors_.end() && found->second.writer == kOnHost;
 }
 
+std::vector<std::string> KRPeerDirectory::listOnHost() const {
+    std::vector<std::string> list;
+    const KRLock lock(mutex_);
+    for (const auto& [id, neighbor] : neighbors_) {
+        if (neighbor.writer == kOnHost) {
+            list.push_back(id);
+        }
+    }
+    return list;
+}
+
 std::set<std::uint32_t> KRPeerDirectory::getPortsOnHost() const {
     std::set<std::uint32_t> ports;
     const KRLock lock(mutex_);

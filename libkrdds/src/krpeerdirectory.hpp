@@ -49,6 +49,7 @@ public:
     std::size_t getCountOverDDS() const KR_EXCLUDES(mutex_);
     /// Whether the broker is known from the host directory.
     bool isOnHost(const std::string& id) const KR_EXCLUDES(mutex_);
+    std::vector<std::string> listOnHost() const KR_EXCLUDES(mutex_);
     /// Ports of the processes of all such brokers.
     std::set<std::uint32_t> getPortsOnHost() const KR_EXCLUDES(mutex_);
 

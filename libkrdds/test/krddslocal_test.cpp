@@ -455,6 +455,18 @@ TEST_F(KRDDSLocal, ABrokerWhoseSocketIsTakenUpIsCalledOverDDS) {
     }
 }
 
+TEST(KRDDSWays, BrokersOfOneProcessMayTakeDifferentWays) {
+    const TestDomain domain;
+    const OtherProcess other(domain.getUrl(kOptions), kServer);
+    const auto local = domain.createBroker(kOptions);
+    ASSERT_TRUE(local->getSession().waitForService("Server", kPatience));
+    const auto plain = domain.createBroker("local=off&lease=300");
+    for (const auto& broker : {local, plain}) {
+        ASSERT_TRUE(broker->getSession().waitForService("Server", kPatience));
+        EXPECT_EQ(broker->getProxy("Server")->call<int>("getPid"), other.getPid());
+    }
+}
+
 TEST(KRDDSWays, ABrokerThatIsToTakeDDSTakesIt) {
     const TestDomain domain;
     const OtherProcess other(domain.getUrl(kOptions), kServer);
