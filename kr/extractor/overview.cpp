@@ -74,7 +74,7 @@ std::vector<ExtractorState> ExtractorOverview::poll() {
     std::map<std::string, Fetched> now;
     for (const auto& [id, frames] : framesById) {
         const auto subscriber = std::ranges::find_if(
-            states, [&](const ExtractorState& state) { return isSubscriptionOf(id, state.name); });
+            states, [&id = id](const ExtractorState& state) { return isSubscriptionOf(id, state.name); });
         if (subscriber != states.end()) {
             Fetched& fetched = now[subscriber->name];
             fetched.when = when;

@@ -149,7 +149,7 @@ KRHostAnnouncement KRHostAnnouncement::parse(std::string_view text, std::uint32_
         if (end == std::string_view::npos) {
             refuse("a field is missing");
         }
-        const std::string field(text.substr(0, end));
+        std::string field(text.substr(0, end));
         text.remove_prefix(end + 1);
         return field;
     };

@@ -28,7 +28,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr const char* kCategory = "krlocal";
+constexpr const char* kHostCategory = "krlocal";
 constexpr int kSuspicious = 2; // checks without a beat
 constexpr int kPatience = 10;  // factor for a process that may be waiting for a processor
 
@@ -194,8 +194,8 @@ private:
         try {
             other.entry = std::make_unique<KRHostEntryReader>(met.memory);
         } catch (const std::exception& error) {
-            logWarning(kCategory, "the entry of process " + std::to_string(met.process) +
-                                      " is not used: " + error.what());
+            logWarning(kHostCategory, "the entry of process " + std::to_string(met.process) +
+                                          " is not used: " + error.what());
             return;
         }
         other.newcomer = std::move(met.newcomer);
@@ -210,9 +210,9 @@ private:
         const auto found = others_.find(met.broker);
         if (found != others_.end() && found->second.process != met.process &&
             !isOver(found->second.process)) {
-            logWarning(kCategory, "the entry of process " + std::to_string(met.process) +
-                                      " is not used: its broker " + escapeText(met.broker) +
-                                      " is that of process " + std::to_string(found->second.process));
+            logWarning(kHostCategory, "the entry of process " + std::to_string(met.process) +
+                                          " is not used: its broker " + escapeText(met.broker) +
+                                          " is that of process " + std::to_string(found->second.process));
             return;
         }
         others_.insert_or_assign(met.broker, std::move(other));
@@ -234,8 +234,8 @@ private:
         } catch (const std::system_error&) { // out of memory: next time
         } catch (const KRLocalMalformed& error) {
             other.over = true;
-            logWarning(kCategory, "the entry of process " + std::to_string(other.process) +
-                                      " is not used any more: " + error.what());
+            logWarning(kHostCategory, "the entry of process " + std::to_string(other.process) +
+                                          " is not used any more: " + error.what());
             news.push_back({News::Kind::Ended, id, other.process, {}});
         }
     }

@@ -25,6 +25,7 @@ public:
                                         static_cast<std::uint32_t>(frames),
                                         static_cast<std::uint32_t>(streams.size())};
         std::vector<streamHeader> headers;
+        headers.reserve(streams.size());
         for (const KROxvStream& stream : streams) {
             headers.push_back({stream.width, stream.height, stream.colorSpace, stream.depth});
         }
