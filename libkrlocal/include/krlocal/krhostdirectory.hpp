@@ -22,8 +22,9 @@ namespace KR {
 class KR_EXPORT KRHostDirectory {
 public:
     static constexpr std::size_t kMaxText = (std::size_t{1} << 20) + (std::size_t{1} << 16); ///< bytes
-    static constexpr std::size_t kMaxBrokers = 1024;
+    static constexpr std::size_t kMaxBrokers = 1024;                                         ///< of one user
 
+    /// What a broker joins, and as whom.
     struct Options {
         std::string name;       ///< of the directory; up to 32 bytes
         std::string broker;     ///< own identity, 1 to 63 bytes
@@ -31,16 +32,17 @@ public:
     };
     /// What has happened to another broker.
     struct News {
+        /// A frozen process is reported after each beat(); after a thaw, its text counts as published again.
         enum class Kind {
             Published, ///< its text is new
             Left,      ///< it has left
             Ended,     ///< its process has ended, or writes what is not valid
-            Frozen ///< its process is frozen, reported after each beat(); after a thaw, its text is published again
+            Frozen     ///< its process is frozen
         };
-        Kind kind;
-        std::string broker;
-        pid_t process = 0;
-        std::string text; ///< with Published; written by another process, which may write anything
+        Kind kind;          ///< of news
+        std::string broker; ///< its identity
+        pid_t process = 0;  ///< its process, as the kernel says
+        std::string text;   ///< with Published; written by another process, which may write anything
     };
 
     /// An empty directory; wait() works. \throws std::system_error
