@@ -6,15 +6,16 @@
 
 namespace KR::test {
 
-/// Shared memory for binaries mapped by this process, its own and that of others.
+/// Shared memory for binaries mapped by a process, its own and that of others.
 struct MappedMemory {
     std::size_t mappings = 0;
     std::size_t resident_kB = 0;
 };
 
-inline MappedMemory readMappedMemory() {
+/// \param process  folder of the process in /proc
+inline MappedMemory readMappedMemory(const std::string& process = "/proc/self") {
     MappedMemory memory;
-    std::ifstream maps("/proc/self/smaps");
+    std::ifstream maps(process + "/smaps");
     bool ours = false;
     for (std::string line; std::getline(maps, line);) {
         if (line.find("memfd:krvision") != std::string::npos) {
@@ -29,6 +30,17 @@ inline MappedMemory readMappedMemory() {
         }
     }
     return memory;
+}
+
+/// Resident memory of a process that belongs to no file and is not shared, in kB.
+inline std::size_t readAnonymousMemory(const std::string& process) {
+    std::ifstream rollup(process + "/smaps_rollup");
+    for (std::string line; std::getline(rollup, line);) {
+        if (line.rfind("Anonymous:", 0) == 0) {
+            return std::stoul(line.substr(10));
+        }
+    }
+    return 0;
 }
 
 } // namespace KR::test

@@ -1,8 +1,9 @@
-// Another process for the tests: serves images, or fetches them again and again.
+// Another process for the tests: serves images, fetches them again and again, or both.
 
 #include "krlocal/krhostdirectory.hpp"
 #include "krlocal/krlocalendpoint.hpp"
 
+#include "exchange.hpp"
 #include "images.hpp"
 #include "patience.hpp"
 #include "testservice.hpp"
@@ -68,6 +69,17 @@ int fetch(const KR::KRLocalAddress& address, const std::string& group) {
     return good ? 0 : 1;
 }
 
+int exchangeImages(const std::string& id, const std::vector<std::string>& sources) {
+    KR::test::Exchange exchange(id);
+    for (const std::string& source : sources) {
+        exchange.fetchFrom(KR::KRLocalAddress::parse(source).value());
+    }
+    std::cout << exchange.getEndpoint().getAddress().toText() << std::endl;
+    for (std::string line; std::getline(std::cin, line);) {
+    }
+    return exchange.report().overwritten == 0 ? 0 : 1;
+}
+
 /// Publishes a text, and after it what the broker "here" publishes and which others have ended.
 int meet(const std::string& name, const std::string& broker, const std::string& text) {
     using News = KR::KRHostDirectory::News;
@@ -106,7 +118,7 @@ int meet(const std::string& name, const std::string& broker, const std::string& 
 
 } // namespace
 
-// [as UID GID] [in GROUP] serve | fetch MACHINE SOCKET SECRET | meet DIRECTORY BROKER TEXT
+// [as UID GID] [in GROUP] serve | fetch MACHINE SOCKET SECRET | exchange ID [ADDRESS]... | meet DIRECTORY BROKER TEXT
 int main(int count, char** arguments) {
     KR::setLogLevel(KR::KRLogLevel::Error);
     std::vector<std::string> words(arguments + 1, arguments + count);
@@ -127,6 +139,9 @@ int main(int count, char** arguments) {
         }
         if (words.size() == 1 && words[0] == "serve") {
             return serve(group);
+        }
+        if (words.size() >= 2 && words[0] == "exchange") {
+            return exchangeImages(words[1], {words.begin() + 2, words.end()});
         }
         if (words.size() == 4 && words[0] == "meet") {
             return meet(words[1], words[2], words[3]);

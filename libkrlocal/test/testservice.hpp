@@ -2,12 +2,13 @@
 
 #include "krlocal/krlocalendpoint.hpp"
 
+#include <chrono>
 #include <functional>
+#include <future>
 #include <list>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace KR::test {
@@ -18,15 +19,13 @@ public:
     using Function = std::function<void(KRLocalRequest&)>;
 
     explicit TestService(Function function = {}) : function_(std::move(function)) {}
-    ~TestService() override {
-        for (std::thread& thread : threads_) {
-            thread.join();
-        }
-    }
 
     void post(std::function<void()> job) override {
         const std::lock_guard lock(mutex_);
-        threads_.emplace_back(std::move(job));
+        threads_.remove_if([](std::future<void>& each) {
+            return each.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+        });
+        threads_.push_back(std::async(std::launch::async, std::move(job)));
     }
     void serve(std::shared_ptr<KRLocalRequest> request) noexcept override { function_(*request); }
     void noticeCallerGone(const std::string& caller) noexcept override {
@@ -41,8 +40,8 @@ public:
 private:
     const Function function_;
     mutable std::mutex mutex_;
-    std::list<std::thread> threads_;
-    std::vector<std::string> gone_; // guarded by mutex_
+    std::vector<std::string> gone_;        // guarded by mutex_
+    std::list<std::future<void>> threads_; // guarded by mutex_; joined when they are destroyed
 };
 
 /// A binary outside every pool.
