@@ -5,7 +5,9 @@
 #include "krprocess.hpp"
 
 #include <krplatform/krerror.hpp>
+#include <krplatform/krlog.hpp>
 
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -15,6 +17,7 @@
 #include <cstring>
 #include <iterator>
 #include <set>
+#include <utility>
 
 namespace KR {
 
@@ -167,6 +170,9 @@ void KRHostMeeting::wake(int slot) const noexcept {
 
 std::chrono::milliseconds KRHostMeeting::addSockets(std::vector<pollfd>& sockets) const {
     sockets.push_back({waking_.get(), POLLIN, 0});
+    if (Clock::now() < retry_) {
+        return kRetry;
+    }
     if (countNewcomers() < kMaxNewcomers) {
         sockets.push_back({listening_.get(), POLLIN, 0});
     }
@@ -281,11 +287,14 @@ bool KRHostMeeting::connectTo(int slot, Clock::time_point now) {
 }
 
 void KRHostMeeting::acceptNewcomers(Clock::time_point now) {
-    for (std::size_t count = countNewcomers(); count < kMaxNewcomers; ++count) {
+    for (std::size_t count = countNewcomers(); count < kMaxNewcomers && now >= retry_; ++count) {
         Guest guest;
         guest.socket =
             KRDescriptor(accept4(listening_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
         if (!guest.socket) {
+            if (errno != EAGAIN) {
+                hasRoom(now);
+            }
             return;
         }
         guest.isNewcomer = true;
@@ -297,7 +306,27 @@ void KRHostMeeting::acceptNewcomers(Clock::time_point now) {
     }
 }
 
+/// Whether a descriptor is free. If not, there is a pause.
+bool KRHostMeeting::hasRoom(Clock::time_point now) {
+    if (now < retry_) {
+        return false;
+    }
+    if (const KRDescriptor spare(fcntl(waking_.get(), F_DUPFD_CLOEXEC, 0)); spare) {
+        isShort_ = false;
+        return true;
+    }
+    if (!std::exchange(isShort_, true)) {
+        logWarning("krlocal",
+                   std::string("others of this host have to wait to be met: ") + std::strerror(errno));
+    }
+    retry_ = now + kRetry;
+    return false;
+}
+
 KRHostMeeting::Step KRHostMeeting::advance(Guest& guest) {
+    if (!guest.isGreeted && !guest.isMet && !hasRoom(Clock::now())) {
+        return Step::Waiting; // what is received now would be lost
+    }
     Received received = receive(guest.socket.get());
     if (received.outcome == Received::Outcome::Nothing) {
         return Step::Waiting;

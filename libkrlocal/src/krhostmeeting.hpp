@@ -90,6 +90,7 @@ private:
     Step advance(Guest& guest);
     Step greet(Guest& guest);
     void updateProgress(Clock::time_point now);
+    bool hasRoom(Clock::time_point now);
     Sent send(int socket) const noexcept;
 
     const std::string prefix_; // of the names of sockets
@@ -103,6 +104,8 @@ private:
     Clock::time_point progress_;
     Clock::time_point begin_;
     Clock::time_point checked_; // which are stopped
+    Clock::time_point retry_;   // when there may be a free descriptor again
+    bool isShort_ = false;      // of descriptors
     std::atomic<bool> busy_ = true;
     std::atomic<bool> complete_ = false;
     std::atomic<bool> greeted_ = false;

@@ -6,6 +6,7 @@
 #include <sys/syscall.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 
 namespace KR {
@@ -45,7 +46,8 @@ KRBinary KRLendings::toShared(const KRBinary& binary) {
 }
 
 bool KRLendings::lend(const KRBinary& binary, KRLocalFrame& frame,
-                      std::vector<std::shared_ptr<const KRSharedMemory>>& memories) {
+                      std::vector<std::shared_ptr<const KRSharedMemory>>& memories,
+                      std::size_t mostMemories) {
     const auto place = pool_->find(binary.data(), binary.size());
     // A process that returns nothing can only take half of the pool from the others.
     const std::size_t limit = pool_->getLimit() / 2;
@@ -65,7 +67,7 @@ bool KRLendings::lend(const KRBinary& binary, KRLocalFrame& frame,
         return false;
     }
     const bool isNew = !known_.contains(place->id);
-    if (isNew && frame.memories.size() == KRLocalFrame::kMaxMemories) {
+    if (isNew && frame.memories.size() >= mostMemories) {
         return false;
     }
     const std::uint32_t number = free_.back();
@@ -88,6 +90,27 @@ bool KRLendings::lend(const KRBinary& binary, KRLocalFrame& frame,
     ++ticket.generation;
     frame.binaries.push_back({place->id, number, ticket.generation, place->offset, binary.size()});
     return true;
+}
+
+void KRLendings::takeBack(const KRLocalFrame& frame) {
+    std::vector<KRBinary> returned;
+    const KRLock lock(mutex_);
+    for (const KRLocalFrame::Binary& binary : frame.binaries) {
+        const auto lent = std::find(lent_.begin(), lent_.end(), binary.ticket);
+        if (binary.memory == 0 || lent == lent_.end()) { // not lent, or all has been taken back
+            continue;
+        }
+        Ticket& ticket = tickets_[binary.ticket];
+        *lentBytes_ -= ticket.binary.size();
+        returned.push_back(std::move(ticket.binary));
+        ticket.binary = {};
+        --ticket.generation;
+        free_.push_back(binary.ticket);
+        lent_.erase(lent);
+    }
+    for (const KRLocalFrame::Memory& memory : frame.memories) {
+        known_.erase(memory.id);
+    }
 }
 
 void KRLendings::collectLocked(std::vector<KRBinary>& returned) {
@@ -123,6 +146,9 @@ std::size_t KRLendings::collect() {
     std::vector<KRBinary> returned;
     const KRLock lock(mutex_);
     collectLocked(returned);
+    if (holder_ > 0) {
+        watchHolder(returned);
+    }
     if (process_ && !lent_.empty()) {
         pollfd ended{process_.get(), POLLIN, 0};
         if (::poll(&ended, 1, 0) == 1) {
@@ -177,13 +203,23 @@ bool KRLendings::close(pid_t process) noexcept {
     const bool again = closed_;
     closed_ = true;
     collectLocked(returned);
-    if (!process_ && process > 0 && !lent_.empty()) {
-        process_ = KRDescriptor(static_cast<int>(syscall(SYS_pidfd_open, process, 0)));
-    }
-    if (!process_ || process == 0) { // it has ended, or its end cannot be observed
+    if (process == 0) {
         takeAll(returned);
+    } else {
+        holder_ = process;
+        watchHolder(returned);
     }
     return !again && !lent_.empty();
+}
+
+void KRLendings::watchHolder(std::vector<KRBinary>& returned) {
+    if (process_ || lent_.empty()) {
+        return;
+    }
+    process_ = KRDescriptor(static_cast<int>(syscall(SYS_pidfd_open, holder_, 0)));
+    if (!process_ && errno != EMFILE && errno != ENFILE && errno != ENOMEM) { // otherwise later
+        takeAll(returned); // it has ended, or its end cannot be observed
+    }
 }
 
 } // namespace KR

@@ -33,9 +33,13 @@ public:
     KRBinary toShared(const KRBinary& binary) KR_EXCLUDES(mutex_);
     /// Lends a binary that is in the pool, and adds it to the frame. Also adds its memory to `memories` if the other
     /// does not have it yet. Send frames in the order in which they are made.
+    /// \param mostMemories  that may be in the frame
     /// \return false, and nothing is added: the limit of one process is reached \throws KRLocalMalformed see check()
     bool lend(const KRBinary& binary, KRLocalFrame& frame,
-              std::vector<std::shared_ptr<const KRSharedMemory>>& memories) KR_EXCLUDES(mutex_);
+              std::vector<std::shared_ptr<const KRSharedMemory>>& memories,
+              std::size_t mostMemories = KRLocalFrame::kMaxMemories) KR_EXCLUDES(mutex_);
+    /// The frame was not sent: undoes what lend() has added to it.
+    void takeBack(const KRLocalFrame& frame) KR_EXCLUDES(mutex_);
     /// Collects returned binaries. \return number that the other still holds
     std::size_t collect() KR_EXCLUDES(mutex_);
     std::size_t getCount() const KR_EXCLUDES(mutex_);
@@ -66,6 +70,8 @@ private:
     void addTickets() KR_REQUIRES(mutex_);
     void collectLocked(std::vector<KRBinary>& returned) KR_REQUIRES(mutex_);
     void takeAll(std::vector<KRBinary>& returned) KR_REQUIRES(mutex_);
+    /// Begins to watch for the end of the holder. Takes all back if it has ended.
+    void watchHolder(std::vector<KRBinary>& returned) KR_REQUIRES(mutex_);
 
     const std::shared_ptr<KRLocalPool> pool_;
     const std::shared_ptr<Bytes> lentBytes_;
@@ -79,7 +85,8 @@ private:
     std::vector<std::uint32_t> forgotten_ KR_GUARDED_BY(mutex_);
     bool closed_ KR_GUARDED_BY(mutex_) = false;
     std::string lie_ KR_GUARDED_BY(mutex_);
-    KRDescriptor process_ KR_GUARDED_BY(mutex_); // readable when the other has ended; after close()
+    pid_t holder_ KR_GUARDED_BY(mutex_) = 0;     // the other process; after close()
+    KRDescriptor process_ KR_GUARDED_BY(mutex_); // readable when it has ended; empty: not watched yet
 };
 
 } // namespace KR

@@ -15,6 +15,7 @@
 #include <cstring>
 #include <mutex>
 #include <string_view>
+#include <system_error>
 
 namespace KR {
 
@@ -50,6 +51,14 @@ struct KRLocalChannel::Packet {
     std::vector<KRDescriptor> descriptors;
 };
 
+struct KRLocalChannel::Outgoing {
+    KRLocalFrame frame;
+    std::vector<std::span<const unsigned char>> rest;            // after the head
+    std::vector<std::shared_ptr<const KRSharedMemory>> memories; // that go with it
+    std::uint64_t lent = 0;
+    std::uint64_t streamed = 0;
+};
+
 KRLocalChannel::KRLocalChannel(KRDescriptor socket, pid_t process, std::shared_ptr<KRLocalCounts> counts)
     : socket_(std::move(socket)), process_(process), counts_(std::move(counts)) {}
 
@@ -74,7 +83,7 @@ void KRLocalChannel::disown() noexcept {
     }
 }
 
-void KRLocalChannel::sendGreeting(KRLocalFrame::Kind kind, std::uint64_t number, const std::string& body,
+bool KRLocalChannel::sendGreeting(KRLocalFrame::Kind kind, std::uint64_t number, const std::string& body,
                                   int bell) {
     KRLocalFrame frame;
     frame.kind = kind;
@@ -86,7 +95,7 @@ void KRLocalChannel::sendGreeting(KRLocalFrame::Kind kind, std::uint64_t number,
         descriptors.push_back(bell);
     }
     const KRLock lock(sendMutex_);
-    write(frame.compose(), {toBytes(body)}, descriptors, true);
+    return write(frame.compose(), {toBytes(body)}, descriptors, true);
 }
 
 std::optional<KRLocalChannel::Received> KRLocalChannel::receiveGreeting() {
@@ -135,15 +144,10 @@ void KRLocalChannel::send(KRLocalFrame::Kind kind, std::uint64_t number, const K
         shared.push_back(binary.size() >= KRLocalMessage::kSharedFrom ? lendings_->toShared(binary)
                                                                       : KRBinary());
     }
-    KRLocalFrame frame;
+    Outgoing outgoing;
+    KRLocalFrame& frame = outgoing.frame;
     frame.code = message.code;
     frame.number = number;
-    frame.bodySize = message.body.size();
-    std::vector<std::span<const unsigned char>> rest{toBytes(message.body)};
-    std::vector<std::shared_ptr<const KRSharedMemory>> memories;
-    std::vector<int> descriptors;
-    std::uint64_t lent = 0;
-    std::uint64_t streamed = 0;
     const KRLock lock(sendMutex_);
     frame.kind = kind;
     if (kind == KRLocalFrame::Request && unanswered_++ > 0) {
@@ -151,25 +155,46 @@ void KRLocalChannel::send(KRLocalFrame::Kind kind, std::uint64_t number, const K
         eventfd_write(bell_.get(), 1); // fails if the server has missed 2^64 of them
     }
     frame.forgotten = lendings_->takeForgotten();
+    compose(outgoing, message, shared, KRLocalFrame::kMaxMemories);
+    std::vector<int> descriptors;
+    for (const auto& memory : outgoing.memories) {
+        descriptors.push_back(memory->getDescriptor());
+    }
+    if (!write(frame.compose(), std::move(outgoing.rest), descriptors, true)) {
+        lendings_->takeBack(frame);
+        counts_->shared -= outgoing.lent;
+        counts_->streamed -= outgoing.streamed;
+        compose(outgoing, message, shared, 0);
+        write(frame.compose(), std::move(outgoing.rest), {}, true);
+    }
+}
+
+void KRLocalChannel::compose(Outgoing& outgoing, const KRLocalMessage& message,
+                             const std::vector<KRBinary>& shared, std::size_t mostMemories) {
+    KRLocalFrame& frame = outgoing.frame;
+    frame.bodySize = message.body.size();
+    frame.memories.clear();
+    frame.binaries.clear();
+    outgoing.memories.clear();
+    outgoing.rest = {toBytes(message.body)};
+    outgoing.lent = outgoing.streamed = 0;
     for (std::size_t i = 0; i < shared.size(); ++i) {
         const KRBinary& binary = message.binaries[i];
-        if (shared[i].size() > 0 && lendings_->lend(shared[i], frame, memories)) {
-            ++lent;
+        if (shared[i].size() > 0 && lendings_->lend(shared[i], frame, outgoing.memories, mostMemories)) {
+            ++outgoing.lent;
             continue;
         }
         frame.binaries.push_back({0, 0, 0, 0, binary.size()});
-        rest.emplace_back(binary.data(), binary.size());
+        outgoing.rest.emplace_back(binary.data(), binary.size());
         if (binary.size() >= KRLocalMessage::kSharedFrom) {
-            ++streamed;
+            ++outgoing.streamed;
         }
     }
-    descriptors.reserve(memories.size());
-    for (const auto& memory : memories) {
-        descriptors.push_back(memory->getDescriptor());
+    if (lendings_->isClosed()) { // nothing will be sent
+        outgoing.streamed = 0;
     }
-    counts_->shared += lent;
-    counts_->streamed += lendings_->isClosed() ? 0 : streamed; // otherwise nothing is sent
-    write(frame.compose(), std::move(rest), descriptors, true);
+    counts_->shared += outgoing.lent;
+    counts_->streamed += outgoing.streamed;
 }
 
 void KRLocalChannel::sendNotice() {
@@ -236,6 +261,9 @@ bool KRLocalChannel::writePacket(std::span<const std::span<const unsigned char>>
         if (!wait && (errno == EAGAIN || errno == EWOULDBLOCK)) {
             return false;
         }
+        if (errno == ETOOMANYREFS && !descriptors.empty()) {
+            return false;
+        }
         if (errno != EINTR) {
             const std::string why = std::strerror(errno);
             ::shutdown(socket_.get(), SHUT_RDWR);
@@ -285,7 +313,10 @@ bool KRLocalChannel::receivePacket(Packet& packet, bool wait) {
         throw KRLocalClosed("it has closed the connection or ended");
     }
     if ((message.msg_flags & MSG_CTRUNC) != 0) {
-        throw KRLocalMalformed("more descriptors than allowed, or than this process has room for");
+        if (packet.descriptors.size() == kMaxDescriptors) {
+            throw KRLocalMalformed("more descriptors than allowed");
+        }
+        throw std::system_error(EMFILE, std::generic_category(), "shared memory cannot be received");
     }
     if ((message.msg_flags & MSG_TRUNC) != 0) {
         throw KRLocalMalformed("a packet of more than " + std::to_string(KRLocalFrame::kPacket) + " bytes");

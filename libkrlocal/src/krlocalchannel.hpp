@@ -56,8 +56,9 @@ public:
     pid_t getProcess() const noexcept { return process_; }
 
     /// Sends the first message, with the page for returning binaries.
-    /// \param bell  eventfd that accompanies a Welcome \throws KRLocalClosed
-    void sendGreeting(KRLocalFrame::Kind kind, std::uint64_t number, const std::string& body, int bell = -1)
+    /// \param bell  eventfd that accompanies a Welcome
+    /// \return false: not sent, as too many descriptors of this user are under way \throws KRLocalClosed
+    bool sendGreeting(KRLocalFrame::Kind kind, std::uint64_t number, const std::string& body, int bell = -1)
         KR_EXCLUDES(sendMutex_);
     /// Receives the first message of the other. \return nullopt: it has not arrived
     /// \throws KRLocalClosed \throws KRLocalMalformed \throws std::system_error
@@ -90,6 +91,7 @@ public:
 
 private:
     struct Packet;
+    struct Outgoing;
     struct Assembly {
         Received received;
         std::vector<boost::shared_ptr<unsigned char[]>> streamed; // null where a binary is in shared memory
@@ -105,7 +107,13 @@ private:
 
     bool receivePacket(Packet& packet, bool wait);
     Assembly begin(const KRLocalFrame& frame);
-    /// \return false: nothing was sent, as that would block
+    /// Composes and counts a message and its binaries, as many of them in shared memory as possible.
+    /// \param shared  the binaries in the pool; empty where they are not
+    /// \param mostMemories  that the other may be given with it
+    void compose(Outgoing& outgoing, const KRLocalMessage& message, const std::vector<KRBinary>& shared,
+                 std::size_t mostMemories) KR_REQUIRES(sendMutex_);
+    /// \return false: nothing was sent, as that would block, or as too many descriptors of this user are under way to
+    ///                 processes that have not read them
     bool write(const std::string& head, std::vector<std::span<const unsigned char>> rest,
                const std::vector<int>& descriptors, bool wait) KR_REQUIRES(sendMutex_);
     bool writePacket(std::span<const std::span<const unsigned char>> pieces,

@@ -42,6 +42,9 @@ constexpr std::chrono::seconds kGreetingPatience{5};
 constexpr std::chrono::seconds kTick{1};
 constexpr std::chrono::seconds kIdleTick{30};  // without connections
 constexpr std::chrono::seconds kIdleMemory{5}; // after which unused memory is freed
+constexpr const char* kTooManyUnderWay =
+    "too many descriptors of this user are under way to processes that do not receive them";
+constexpr int kUnderWayPause_ms = 10;
 constexpr std::uint64_t kWakeId = 0;
 constexpr std::uint64_t kListeningId = 1;
 
@@ -158,7 +161,12 @@ public:
         }
         auto channel = std::make_unique<KRLocalChannel>(std::move(socket), process, counts_);
         try {
-            channel->sendGreeting(KRLocalFrame::Hello, kVersion, address.secret + options_.id);
+            while (!channel->sendGreeting(KRLocalFrame::Hello, kVersion, address.secret + options_.id)) {
+                if (Clock::now() >= deadline) {
+                    fail(kTooManyUnderWay);
+                }
+                sleepMilliseconds(kUnderWayPause_ms);
+            }
             pollfd readable{channel->getSocket(), POLLIN, 0};
             const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
             if (::poll(&readable, 1, static_cast<int>(std::max<std::int64_t>(0, left.count()))) != 1) {
@@ -360,11 +368,15 @@ private:
         KRDescriptor socket(::accept4(listening_.get(), nullptr, nullptr, SOCK_CLOEXEC));
         if (!socket) {
             if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
-                refuse(std::strerror(errno));
+                if (!std::exchange(isShort_, true)) {
+                    logWarning(kCategory, std::string("connections have to wait to be accepted: ") +
+                                              std::strerror(errno));
+                }
                 sleepMilliseconds(50); // it would fail again immediately
             }
             return;
         }
+        isShort_ = false;
         if (greeting_.size() >= kMaxGreeting || server_->getCount() >= kMaxSessions) {
             refuse("there are too many");
             return;
@@ -418,7 +430,9 @@ private:
                     caller = std::make_shared<KRLocalCaller>(name);
                 }
                 channel.open(pool_, caller->getLentBytes());
-                channel.sendGreeting(KRLocalFrame::Welcome, kVersion, "", bell.get());
+                if (!channel.sendGreeting(KRLocalFrame::Welcome, kVersion, "", bell.get())) {
+                    throw KRError("KRLocalEndpoint", "accept", kTooManyUnderWay);
+                }
                 epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, channel.getSocket(), nullptr);
                 server_->add(std::move(owner), std::move(bell), std::move(caller));
             }
@@ -485,6 +499,7 @@ private:
 
     // Used by that thread.
     KRDescriptor listening_; // until it ends
+    bool isShort_ = false;   // of descriptors for connections
     std::map<std::uint64_t, Greeting> greeting_;
 
     mutable KRMutex mutex_;

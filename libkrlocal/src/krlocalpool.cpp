@@ -72,7 +72,10 @@ boost::shared_ptr<unsigned char[]> KRLocalPool::allocate(std::size_t size) noexc
         }
         return grow(slotSize) ? takeFree(slotSize) : nullptr;
     } catch (const std::exception& error) { // no memory, no descriptors: the caller uses the heap
-        logVerbose("krlocal", std::string("no shared memory: ") + error.what());
+        if (!isShort_.exchange(true)) {
+            logWarning("krlocal",
+                       std::string("images go through sockets for want of shared memory: ") + error.what());
+        }
         return nullptr;
     }
 }
@@ -150,6 +153,7 @@ bool KRLocalPool::grow(std::size_t slotSize) {
         for (const auto& [address, other] : memories_) {
             all += other->slotSize == slotSize ? other->shared->size() / slotSize : 0;
         }
+        isShort_ = false;
         std::vector<Slot>& list = free_[slotSize];
         list.reserve(all);
         Memory* const added = memory.get();

@@ -5,6 +5,7 @@
 #include <krplatform/krmutex.hpp>
 #include <krplatform/krvalue.hpp>
 
+#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -83,6 +84,8 @@ private:
                             std::vector<std::uint32_t>& ids) KR_REQUIRES(mutex_);
     void reportDropped(const std::vector<std::uint32_t>& ids) KR_EXCLUDES(mutex_);
     std::vector<std::shared_ptr<KRLendings>> getAttached() const KR_EXCLUDES(mutex_);
+
+    std::atomic<bool> isShort_ = false; // of memory or descriptors for growing
 
     mutable KRMutex mutex_;
     std::size_t limit_ KR_GUARDED_BY(mutex_);

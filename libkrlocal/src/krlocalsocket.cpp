@@ -74,8 +74,12 @@ pid_t KRLocalAdmission::admit(int socket) const {
 }
 
 std::string getMachineIdentity() {
-    std::string boot;
-    std::ifstream("/proc/sys/kernel/random/boot_id") >> boot;
+    // Read once: later no descriptor may be free.
+    static const std::string boot = [] {
+        std::string id;
+        std::ifstream("/proc/sys/kernel/random/boot_id") >> id;
+        return id;
+    }();
     struct stat network {};
     if (boot.empty() || stat("/proc/self/ns/net", &network) != 0) {
         return {}; // equals no other

@@ -5,8 +5,10 @@
 #include "krhostentry.hpp"
 #include "krhostmeeting.hpp"
 #include "krlocalsocket.hpp"
+#include "limits.hpp"
 #include "otherprocess.hpp"
 #include "patience.hpp"
+#include "recordedlog.hpp"
 
 #include <krplatform/krerror.hpp>
 
@@ -315,6 +317,58 @@ TEST_F(KRHostDirectoryTest, ConnectionsThatSayNothingHoldUpNobody) {
     }
     Here here(name);
     EXPECT_TRUE(here.gets(News::Kind::Published, "there", "hello"));
+}
+
+TEST_F(KRHostDirectoryTest, ANewcomerWithoutADescriptorMeetsTheOthersLater) {
+    const auto other = start("there", "hello");
+    Here here(name);
+    {
+        const test::AllDescriptorsTaken all;
+        here.look();
+        EXPECT_TRUE(here.directory.isMeeting());
+    }
+    EXPECT_TRUE(here.gets(News::Kind::Published, "there", "hello"));
+}
+
+TEST_F(KRHostDirectoryTest, ABrokerWithoutADescriptorMeetsNewcomersLater) {
+    Here here(name);
+    const auto other = start("there", "hello"); // waits in vain
+    const test::RecordedLog log;
+    {
+        test::AllDescriptorsTaken all;
+        here.look();
+        EXPECT_EQ(log.find(KRLogLevel::Warning, "have to wait to be met: Too many open files").size(), 1U);
+        all.freeOne(); // for its connection, not for its entry
+        for (int i = 0; i < 30; ++i) {
+            here.look();
+        }
+        EXPECT_TRUE(here.news.empty());
+    }
+    EXPECT_TRUE(here.gets(News::Kind::Published, "there", "hello"));
+}
+
+/// In another process of an ordinary user.
+void meetOnceDescriptorsCanBeHandedOver(const std::string& name) {
+    {
+        const OtherProcess other(test::asOrdinaryUser({"meet", name, "there", "hello"}));
+        test::becomeOrdinaryUser();
+        Here here(name);
+        {
+            const test::TooManyUnderWay many;
+            for (int i = 0; i < 30; ++i) {
+                here.look();
+            }
+            EXPECT_TRUE(here.news.empty());
+            EXPECT_TRUE(here.directory.isMeeting());
+        }
+        EXPECT_TRUE(here.gets(News::Kind::Published, "there", "hello"));
+    }
+    test::exitWithTestResult();
+}
+
+TEST_F(KRHostDirectoryTest, BrokersMeetOnceTheirDescriptorsCanBeHandedOver) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(meetOnceDescriptorsCanBeHandedOver(name), testing::ExitedWithCode(0), "");
 }
 
 TEST_F(KRHostDirectoryTest, AnIdentityThatIsEmptyOrTooLongIsRefused) {

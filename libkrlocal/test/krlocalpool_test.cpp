@@ -1,6 +1,7 @@
 #include "krborrowings.hpp"
 #include "krlendings.hpp"
 #include "krlocalpool.hpp"
+#include "limits.hpp"
 
 #include <gtest/gtest.h>
 
@@ -208,6 +209,41 @@ TEST_F(Lending, WhatIsHeldWhenTheConnectionClosesStaysAsItIs) {
     got = {};
     pool->trim(std::chrono::hours(1));
     EXPECT_EQ(pool->getUsedSlots(), 0u);
+}
+
+TEST_F(Lending, WhatIsHeldStaysAsItIsThoughNoDescriptorIsFreeWhenTheConnectionCloses) {
+    KRBinary got = pass(share(*pool, kPixels, 5));
+    {
+        const test::AllDescriptorsTaken all;
+        ASSERT_TRUE(lendings->close(getpid()));
+        EXPECT_EQ(lendings->collect(), 1U);
+    }
+    EXPECT_EQ(lendings->collect(), 1U);
+    EXPECT_EQ(pool->getUsedSlots(), 1U);
+    got = {};
+    EXPECT_EQ(lendings->collect(), 0U);
+    EXPECT_EQ(pool->getUsedSlots(), 0U);
+}
+
+TEST_F(Lending, WhatIsNotSentAfterAllIsTakenBack) {
+    const KRBinary first = share(*pool, kPixels, 5);
+    const KRBinary held = pass(first);
+    for (int round = 0; round < 3; ++round) {
+        KRLocalFrame frame;
+        std::vector<std::shared_ptr<const KRSharedMemory>> memories;
+        const KRBinary large = share(*pool, 4 * kMega, 6);
+        EXPECT_FALSE(lendings->lend(large, frame, memories, 0)); // the other does not have that memory
+        ASSERT_TRUE(lendings->lend(first, frame, memories, 0));
+        ASSERT_TRUE(lendings->lend(large, frame, memories));
+        ASSERT_EQ(memories.size(), 1U);
+        lendings->takeBack(frame);
+        EXPECT_EQ(lendings->collect(), 1U);
+    }
+    EXPECT_EQ(pool->getUsedSlots(), 1U);
+    EXPECT_EQ(pass(share(*pool, 4 * kMega, 7)).data()[0], 7); // with its memory
+    EXPECT_EQ(lendings->collect(), 1U);
+    EXPECT_EQ(held.data()[0], 5);
+    EXPECT_NO_THROW(lendings->check());
 }
 
 TEST_F(Lending, MemoryThatIsGoneIsReportedToWhoeverHasIt) {
