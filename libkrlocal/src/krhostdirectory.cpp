@@ -166,11 +166,6 @@ public:
         }
     }
 
-    std::size_t getCount() const {
-        const KRLock lock(mutex_);
-        return others_.size();
-    }
-
 private:
     static constexpr std::uint64_t kNone = 1; // a version that no entry has when it is stable
 
@@ -299,10 +294,6 @@ void KRHostDirectory::settle() {
 
 void KRHostDirectory::beat(int looks, std::chrono::milliseconds time) {
     private_->beat(looks, time);
-}
-
-std::size_t KRHostDirectory::getCount() const {
-    return private_->getCount();
 }
 
 } // namespace KR

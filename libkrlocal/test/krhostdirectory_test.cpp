@@ -25,6 +25,7 @@
 #include <cstring>
 #include <future>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -57,6 +58,21 @@ public:
             news.push_back(std::move(each));
         }
         directory.settle();
+    }
+    std::set<std::string> getBrokers() const {
+        std::set<std::string> brokers;
+        for (const News& each : news) {
+            brokers.insert(each.broker);
+        }
+        return brokers;
+    }
+    /// Whether all who had news are forgotten.
+    bool hasNoMoreNews() {
+        news.clear();
+        for (int i = 0; i < 10; ++i) {
+            beat();
+        }
+        return news.empty();
     }
     void beat() {
         directory.beat(2, std::chrono::milliseconds(20));
@@ -122,12 +138,14 @@ TEST_F(KRHostDirectoryTest, ManyProcessesMeetInAnyOrder) {
         others.push_back(start(std::to_string(i), "first"));
     }
     others[1]->stop(); // its slot is free
+    others[2]->stop();
     Here here(name);
+    EXPECT_TRUE(here.gets(News::Kind::Published, "3", "first")); // beyond a free slot
     others.push_back(startBeside(here, "4", "second"));
-    for (const int i : {0, 2, 3, 4}) {
+    for (const int i : {0, 3, 4}) {
         EXPECT_TRUE(here.gets(News::Kind::Published, std::to_string(i), i < 4 ? "first" : "second"));
     }
-    EXPECT_EQ(here.directory.getCount(), 4U);
+    EXPECT_EQ(here.getBrokers(), (std::set<std::string>{"0", "3", "4"}));
 }
 
 TEST_F(KRHostDirectoryTest, AProcessThatIsKilledHasEnded) {
@@ -139,7 +157,7 @@ TEST_F(KRHostDirectoryTest, AProcessThatIsKilledHasEnded) {
         here.beat();
         return here.news.back().kind == News::Kind::Ended;
     }));
-    EXPECT_EQ(here.directory.getCount(), 0U);
+    EXPECT_TRUE(here.hasNoMoreNews());
 }
 
 TEST_F(KRHostDirectoryTest, ABrokerThatLeavesHasLeft) {
@@ -148,7 +166,7 @@ TEST_F(KRHostDirectoryTest, ABrokerThatLeavesHasLeft) {
     ASSERT_TRUE(here.gets(News::Kind::Published, "there", "hello"));
     other->stop();
     EXPECT_TRUE(here.gets(News::Kind::Left, "there"));
-    EXPECT_EQ(here.directory.getCount(), 0U);
+    EXPECT_TRUE(here.hasNoMoreNews());
 }
 
 TEST_F(KRHostDirectoryTest, AFrozenProcessIsReportedUntilItIsThawed) {
@@ -179,18 +197,34 @@ TEST_F(KRHostDirectoryTest, AProcessFrozenBeforeIsNotWaitedForAndMetLater) {
         here.look();
         return here.directory.hasMetAll() && !here.directory.isMeeting();
     }));
-    EXPECT_EQ(here.directory.getCount(), 0U);
+    EXPECT_TRUE(here.news.empty());
     other->thaw();
     EXPECT_TRUE(here.gets(News::Kind::Published, "there", "hello"));
 }
 
 TEST_F(KRHostDirectoryTest, WhoeverPublishesNothingIsWatchedAsWell) {
+    Here here(name);
+    const auto silent = startBeside(here, "silent", "");
+    EXPECT_TRUE(here.news.empty());
+    silent->kill();
+    ASSERT_TRUE(eventually([&] {
+        here.beat();
+        return !here.news.empty();
+    }));
+    EXPECT_EQ(here.news.front().kind, News::Kind::Ended);
+    EXPECT_EQ(here.news.front().broker, "silent");
+}
+
+TEST_F(KRHostDirectoryTest, WhoeverPublishesNothingReadsWhatOthersPublish) {
     const auto other = start("there", "hello");
     Here here(name, false);
     here.directory.publish("unread");
     ASSERT_TRUE(here.gets(News::Kind::Published, "there", "hello"));
     const auto third = startBeside(here, "third", "hi");
     ASSERT_TRUE(here.gets(News::Kind::Published, "third", "hi"));
+    here.directory.publish("unread as well");
+    third->kill();
+    EXPECT_TRUE(here.gets(News::Kind::Published, "there", "hello, third ended"));
     for (const News& each : here.news) { // they would add what they read
         EXPECT_THAT(each.text, testing::Not(testing::HasSubstr("unread")));
     }
@@ -208,8 +242,8 @@ TEST_F(KRHostDirectoryTest, DirectoriesOfOtherNamesOrUsersDoNotMeet) {
     Here here(name);
     ASSERT_TRUE(here.gets(News::Kind::Published, "there", "hello"));
     elsewhere.look();
-    EXPECT_EQ(here.directory.getCount(), 1U);
-    EXPECT_EQ(elsewhere.directory.getCount(), 0U);
+    EXPECT_EQ(here.getBrokers(), std::set<std::string>{"there"});
+    EXPECT_TRUE(elsewhere.news.empty());
 }
 
 /// Sends a packet, with a descriptor if it is not negative.
@@ -238,10 +272,19 @@ std::string toPacket(const KRHostGreeting& greeting) {
 TEST_F(KRHostDirectoryTest, WhoeverBreaksTheProtocolIsDisconnected) {
     const auto other = start("there", "hello");
     const KRHostEntryWriter entry;
+    // What they contain would be seen in the text of the other.
+    KRHostEntry forged{};
+    forged.version = 2;
+    forged.state = KRHostEntry::Published;
+    forged.size = 1;
+    forged.text[0] = 'x';
     const KRDescriptor unsealed(memfd_create("test", MFD_CLOEXEC));
-    ASSERT_EQ(ftruncate(unsealed.get(), sizeof(KRHostEntry)), 0);
+    ASSERT_EQ(::write(unsealed.get(), &forged, sizeof forged), static_cast<ssize_t>(sizeof forged));
     const KRSharedMemory small(4096);
+    std::memcpy(small.data(), &forged, small.size());
     const std::string good = toPacket({"liar", true});
+    KRHostGreeting unmarked("liar", true);
+    unmarked.mark = {};
     KRHostGreeting endless("liar", true);
     endless.broker.fill('x');
     KRHostGreeting nameless("liar", true);
@@ -255,6 +298,7 @@ TEST_F(KRHostDirectoryTest, WhoeverBreaksTheProtocolIsDisconnected) {
         {good.substr(0, good.size() - 1), entry.getDescriptor()},
         {good + "x", entry.getDescriptor()},
         {std::string(100000, 'x'), entry.getDescriptor()},
+        {toPacket(unmarked), entry.getDescriptor()},
         {toPacket(endless), entry.getDescriptor()},
         {toPacket(nameless), entry.getDescriptor()},
         {toPacket(beyond), entry.getDescriptor()}};
@@ -267,7 +311,7 @@ TEST_F(KRHostDirectoryTest, WhoeverBreaksTheProtocolIsDisconnected) {
     // These are found out when the entry is used.
     for (const int descriptor : {unsealed.get(), small.getDescriptor(), 0}) {
         const KRDescriptor liar = connectToFirst();
-        send(liar, good, descriptor);
+        send(liar, toPacket({"here", true}), descriptor);
         std::array<char, 200> answer{};
         EXPECT_EQ(recv(liar.get(), answer.data(), answer.size(), 0), static_cast<ssize_t>(good.size()));
         send(liar, "x", -1);
@@ -332,6 +376,7 @@ TEST_F(KRHostDirectoryTest, ANewcomerWithoutADescriptorMeetsTheOthersLater) {
 
 TEST_F(KRHostDirectoryTest, ABrokerWithoutADescriptorMeetsNewcomersLater) {
     Here here(name);
+    here.look();                                // nobody is there yet
     const auto other = start("there", "hello"); // waits in vain
     const test::RecordedLog log;
     {

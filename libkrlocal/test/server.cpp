@@ -80,11 +80,11 @@ int exchangeImages(const std::string& id, const std::vector<std::string>& source
     return exchange.report().overwritten == 0 ? 0 : 1;
 }
 
-/// Publishes a text, and after it what the broker "here" publishes and which others have ended.
+/// Publishes a text unless it is empty, and after it what the broker "here" publishes and which others have ended.
 int meet(const std::string& name, const std::string& broker, const std::string& text) {
     using News = KR::KRHostDirectory::News;
     KR::KRHostDirectory directory;
-    directory.join({name, broker, true});
+    directory.join({name, broker, !text.empty()});
     directory.publish(text);
     std::atomic<bool> ending = false;
     std::thread reading([&] {
@@ -95,14 +95,18 @@ int meet(const std::string& name, const std::string& broker, const std::string& 
     });
     bool isReady = false;
     std::string ended;
+    std::string here;
     while (!ending) {
         directory.wait(std::chrono::milliseconds(10));
         for (const News& news : directory.takeNews()) {
             if (news.kind == News::Kind::Ended) {
                 ended += ", " + news.broker + " ended";
             } else if (news.broker == "here" && news.kind == News::Kind::Published) {
-                directory.publish(text + ended + ", here:" + news.text);
+                here = ", here:" + news.text;
+            } else {
+                continue;
             }
+            directory.publish(text + ended + here);
         }
         directory.settle();
         directory.beat(2, std::chrono::seconds(10));

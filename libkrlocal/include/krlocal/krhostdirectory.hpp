@@ -84,8 +84,6 @@ public:
     /// \param looks  a broker without a beat in so many calls and for `time` is frozen if its process is stopped. After
     ///               ten times as long also if not, as it may be waiting for a processor
     void beat(int looks, std::chrono::milliseconds time);
-    /// Number of the others.
-    std::size_t getCount() const;
 
 private:
     class Private;
