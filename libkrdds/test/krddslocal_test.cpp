@@ -145,47 +145,6 @@ TEST_F(KRDDSLocal, ABrokerThatLeavesIsNoticedThoughItsProcessStays) {
     EXPECT_EQ(proxy->call<int>("echo", 5), 5);
 }
 
-TEST_F(KRDDSLocal, ProcessesThatAreKilledWhileImagesFlowDisturbNobodyElse) {
-    std::mt19937 random{8};
-    for (int round = 0; round < 6; ++round) {
-        const std::string name = "Mortal" + std::to_string(round);
-        OtherProcess mortal(domain.getUrl(kOptions), {"module", name});
-        ASSERT_TRUE(broker->getSession().waitForService(name, kPatience));
-        std::vector<std::thread> callers;
-        for (int i = 0; i < 3; ++i) {
-            callers.emplace_back([&] {
-                const auto called = broker->getProxy(name);
-                try {
-                    for (;;) {
-                        EXPECT_TRUE(isStillImage(called->call<KRBinary>("allocateImage", kImage), kImage));
-                    }
-                } catch (const KRError& error) { // as it must end
-                    EXPECT_THAT(error.getDescription(),
-                                testing::AnyOf(HasSubstr("is gone or cannot be reached"),
-                                               HasSubstr("there is no module")));
-                }
-            });
-        }
-        // It fetches from the other server at the same time.
-        std::thread feeding([&] {
-            try {
-                for (;;) {
-                    broker->getProxy(name)->call<int>("keepImages", "Server", 3, kImage);
-                    broker->getProxy(name)->call("dropImages");
-                }
-            } catch (const KRError&) { // as it must end
-            }
-        });
-        std::this_thread::sleep_for(std::chrono::microseconds(random() % 20000));
-        mortal.kill();
-        for (std::thread& caller : callers) {
-            caller.join();
-        }
-        feeding.join();
-        EXPECT_TRUE(isInSharedMemory(proxy->call<KRBinary>("allocateImage", kImage)));
-    }
-}
-
 TEST_F(KRDDSLocal, AProcessThatIsFrozenForAMomentGoesOn) {
     std::mt19937 random{8};
     std::atomic<bool> ending = false;

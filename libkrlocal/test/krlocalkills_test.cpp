@@ -1,18 +1,13 @@
 // Processes that are killed and stopped at random moments, again and again, while images flow between all.
-//
-// KR_TEST_KILLS is the number of rounds, 20 without it; KR_TEST_SEED repeats the random numbers of a failed run.
 
 #include "exchange.hpp"
-#include "mappedmemory.hpp"
 #include "otherprocess.hpp"
+#include "processuse.hpp"
+#include "randomkills.hpp"
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <filesystem>
-#include <iterator>
 #include <memory>
-#include <random>
 
 namespace KR {
 namespace {
@@ -22,37 +17,7 @@ using test::Exchange;
 using test::ExchangeReport;
 using test::kPatience;
 using test::OtherProcess;
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool kIsHeapExact = false; // they keep freed memory
-#else
-constexpr bool kIsHeapExact = true;
-#endif
-
-unsigned readNumber(const char* variable, unsigned otherwise) {
-    const char* const text = std::getenv(variable);
-    return text == nullptr ? otherwise : static_cast<unsigned>(std::stoul(text));
-}
-
-/// What a process takes of the machine.
-struct Use {
-    std::size_t descriptors = 0;
-    std::size_t mappings = 0; // of shared memory
-    std::size_t shared_kB = 0;
-    std::size_t heap_kB = 0;
-
-    std::string toText() const {
-        return std::to_string(descriptors) + " descriptors, " + std::to_string(mappings) + " memories, " +
-               std::to_string(shared_kB) + " kB shared, " + std::to_string(heap_kB) + " kB of its own";
-    }
-    static Use of(pid_t process) {
-        const std::string folder = "/proc/" + std::to_string(process);
-        const test::MappedMemory memory = test::readMappedMemory(folder);
-        const std::filesystem::directory_iterator open(folder + "/fd");
-        return {static_cast<std::size_t>(std::distance(begin(open), end(open))), memory.mappings,
-                memory.resident_kB, test::readAnonymousMemory(folder)};
-    }
-};
+using test::ProcessUse;
 
 /// A process that exchanges images with others, and a connection for controlling it.
 class Member {
@@ -66,7 +31,7 @@ public:
     ExchangeReport report() const { return ExchangeReport::parse(call("report")); }
     void fetchFrom(const Member& other) const { call("from " + other.address_.toText()); }
     void rest() const { call("rest"); }
-    Use getUse() const { return Use::of(process_.getPid()); }
+    ProcessUse getUse() const { return ProcessUse::of(process_.getPid()); }
     /// Whether it continues to get images.
     bool goesOn() const {
         constexpr std::uint64_t kSome = 10;
@@ -119,7 +84,9 @@ protected:
         EXPECT_TRUE(first.goesOn());
         EXPECT_TRUE(second.goesOn());
     }
-    std::vector<Use> getUse() const { return {Use::of(getpid()), first.getUse(), second.getUse()}; }
+    std::vector<ProcessUse> getUse() const {
+        return {ProcessUse::of(getpid()), first.getUse(), second.getUse()};
+    }
 
     Exchange here{"here"};
     Member first{here, "first", {}};
@@ -129,26 +96,22 @@ protected:
 
 TEST_F(KRLocalKills, AndStopsAtRandomMomentsDisturbNobodyElseAndLoseNothing) {
     constexpr int kSettled = 8; // rounds until all have had as many images at once as ever
-    const int rounds = static_cast<int>(readNumber("KR_TEST_KILLS", 20));
-    const unsigned seed = readNumber("KR_TEST_SEED", std::random_device()());
-    RecordProperty("seed", std::to_string(seed));
-    std::mt19937 random(seed);
-    const auto waitForSomeMoment = [&] {
-        std::this_thread::sleep_for(std::chrono::microseconds(random() % 20000));
-    };
-    std::vector<Use> before;
-    for (int round = 0; round < rounds && !HasFailure(); ++round) {
-        SCOPED_TRACE("round " + std::to_string(round) + " of seed " + std::to_string(seed));
+    test::RandomKills kills(20);
+    const std::string seed = "seed " + std::to_string(kills.getSeed());
+    RecordProperty("seed", seed);
+    std::vector<ProcessUse> before;
+    for (int round = 0; round < kills.getRounds() && !HasFailure(); ++round) {
+        SCOPED_TRACE("round " + std::to_string(round) + " of " + seed);
         if (!victim) {
             startVictim();
         }
-        waitForSomeMoment();
-        const bool isStopped = random() % 2 == 0;
+        kills.waitForSomeMoment();
+        const bool isStopped = kills.decide();
         if (isStopped) {
             victim->getProcess().freeze();
             checkThatItKeepsItsOwnSlots();
         }
-        if (!isStopped || random() % 2 == 0 || round == kSettled || round == rounds - 1) {
+        if (!isStopped || kills.decide() || round == kSettled || round == kills.getRounds() - 1) {
             killVictim();
         } else {
             victim->getProcess().thaw();
@@ -162,23 +125,24 @@ TEST_F(KRLocalKills, AndStopsAtRandomMomentsDisturbNobodyElseAndLoseNothing) {
     }
     EXPECT_TRUE(first.goesOn());
     EXPECT_TRUE(second.goesOn());
-    SCOPED_TRACE("seed " + std::to_string(seed));
+    SCOPED_TRACE(seed);
     ASSERT_EQ(before.size(), 3U);
     EXPECT_TRUE(eventually([&] {
-        const std::vector<Use> after = getUse();
-        return std::equal(after.begin(), after.end(), before.begin(), [](const Use& now, const Use& then) {
-            return now.descriptors <= then.descriptors && now.mappings <= then.mappings;
-        });
+        const std::vector<ProcessUse> after = getUse();
+        return std::equal(after.begin(), after.end(), before.begin(),
+                          [](const ProcessUse& now, const ProcessUse& then) {
+                              return now.descriptors <= then.descriptors && now.mappings <= then.mappings;
+                          });
     }));
-    const std::vector<Use> after = getUse();
+    const std::vector<ProcessUse> after = getUse();
     for (std::size_t i = 0; i < after.size(); ++i) {
         const std::string process = "process" + std::to_string(i);
         SCOPED_TRACE(process);
         RecordProperty(process, before[i].toText() + " -> " + after[i].toText());
         EXPECT_LE(after[i].shared_kB,
                   before[i].shared_kB + 2 * test::kLargeImage / 1024); // slots not used until then
-        if (kIsHeapExact) {
-            EXPECT_LE(after[i].heap_kB, before[i].heap_kB + 2048); // far less than an image for each round
+        if (test::kIsHeapExact) {
+            EXPECT_LE(after[i].own_kB, before[i].own_kB + 2048); // far less than an image for each round
         }
     }
     first.rest();

@@ -3,9 +3,9 @@
 #include "krlocal/krlocalendpoint.hpp"
 
 #include "images.hpp"
-#include "mappedmemory.hpp"
 #include "otherprocess.hpp"
 #include "patience.hpp"
+#include "processuse.hpp"
 #include "testservice.hpp"
 
 #include <krplatform/krerror.hpp>

@@ -36,6 +36,14 @@ private:
     rlimit before_{};
 };
 
+/// Whether a test may take all descriptors: the sanitizer of undefined behavior opens pipes to find out whether memory can be
+/// read, and takes objects for destroyed without them.
+#ifdef __SANITIZE_ADDRESS__
+constexpr bool kCanTakeAllDescriptors = false;
+#else
+constexpr bool kCanTakeAllDescriptors = true;
+#endif
+
 /// Takes all descriptors that this process may have, while it exists.
 class AllDescriptorsTaken {
 public:

@@ -1,8 +1,11 @@
 #pragma once
 
 #include <cstddef>
+#include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <string>
+#include <sys/types.h>
 
 namespace KR::test {
 
@@ -42,5 +45,31 @@ inline std::size_t readAnonymousMemory(const std::string& process) {
     }
     return 0;
 }
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kIsHeapExact = false; ///< they keep freed memory
+#else
+constexpr bool kIsHeapExact = true;
+#endif
+
+/// What a process takes of the machine.
+struct ProcessUse {
+    std::size_t descriptors = 0;
+    std::size_t mappings = 0;  ///< of shared memory for binaries
+    std::size_t shared_kB = 0; ///< resident in these
+    std::size_t own_kB = 0;    ///< resident and not shared
+
+    static ProcessUse of(pid_t process) {
+        const std::string folder = "/proc/" + std::to_string(process);
+        const MappedMemory memory = readMappedMemory(folder);
+        const std::filesystem::directory_iterator open(folder + "/fd");
+        return {static_cast<std::size_t>(std::distance(begin(open), end(open))), memory.mappings,
+                memory.resident_kB, readAnonymousMemory(folder)};
+    }
+    std::string toText() const {
+        return std::to_string(descriptors) + " descriptors, " + std::to_string(mappings) + " memories, " +
+               std::to_string(shared_kB) + " kB shared, " + std::to_string(own_kB) + " kB of its own";
+    }
+};
 
 } // namespace KR::test
