@@ -22,6 +22,8 @@ struct KRAnnouncedModule {
     KRModuleState state = KRModuleState::Claimed;
     KRClaimTime claimed;
     bool asked = false; ///< the broker requests the name but does not own it yet
+
+    bool operator==(const KRAnnouncedModule&) const = default;
 };
 
 using KRAnnouncedModules = std::map<std::string, KRAnnouncedModule>; ///< by name

@@ -1,6 +1,7 @@
 #include "krddsdomain.hpp"
 
 #include "krdds/krdds.hpp"
+#include "krengine.h"
 #include "krhostnetwork.hpp"
 #include "krlimitedlog.hpp"
 #include "krsecurityfiles.hpp"
@@ -60,7 +61,9 @@ struct Joined {
     bool staysOnHost;
     dds_entity_t domain;
     int brokers = 0;
-    int discovering = 0; // of these, those that do not meet others in the host directory
+    bool hidden = false;             // it neither sends nor receives
+    ddsi_domaingv* engine = nullptr; // if the kernel drops what it would receive
+    int discovering = 0;             // of these, those that do not meet others in the host directory
 };
 
 /// Creates the engine's instance of a domain. \throws KRError the engine refuses
@@ -81,6 +84,15 @@ dds_entity_t createDomain(const KRDDSOptions& options, const KRHostNetwork& netw
         domain = create(false); // many have started at once
     }
     return checkDDS(domain, "domain " + std::to_string(options.domain));
+}
+
+void show(Joined& joined) noexcept {
+    if (std::exchange(joined.hidden, false)) {
+        if (joined.engine != nullptr) {
+            krSetDiscoveryDeaf(std::exchange(joined.engine, nullptr), false);
+        }
+        dds_domain_set_deafmute(joined.domain, false, false, DDS_INFINITY);
+    }
 }
 
 KRMutex domainsMutex;
@@ -122,7 +134,8 @@ std::shared_ptr<KRDDSDomain> KRDDSDomain::join(const KRDDSOptions& options, bool
         if (meetsOnHost) {
             dds_domain_set_deafmute(domain, true, true, DDS_INFINITY);
         }
-        domains.emplace(options.domain, Joined{options, options.staysOnHost(network), domain});
+        domains.emplace(options.domain,
+                        Joined{options, options.staysOnHost(network), domain, 0, meetsOnHost});
     } else if (!found->second.options.agreesWith(options)) {
         throw KRError("KRBroker", "create",
                       "another broker of this process is on DDS domain " + std::to_string(options.domain) +
@@ -135,8 +148,24 @@ std::shared_ptr<KRDDSDomain> KRDDSDomain::join(const KRDDSOptions& options, bool
         new KRDDSDomain(options.domain, joined.staysOnHost, meetsOnHost, joined.domain));
 }
 
+// While the engine is deaf, it wakes itself ten times a second by multicast, and so all other processes.
+void KRDDSDomain::noticeEngine(ddsi_domaingv* engine) {
+    const KRLock lock(domainsMutex);
+    Joined& joined = getDomains().at(number_);
+    if (!joined.hidden || joined.engine != nullptr) {
+        return;
+    }
+    if (krSetDiscoveryDeaf(engine, true)) {
+        joined.engine = engine;
+        dds_domain_set_deafmute(domain_, false, true, DDS_INFINITY);
+    } else {
+        krSetDiscoveryDeaf(engine, false);
+    }
+}
+
 void KRDDSDomain::show() noexcept {
-    dds_domain_set_deafmute(domain_, false, false, DDS_INFINITY);
+    const KRLock lock(domainsMutex);
+    KR::show(getDomains().find(number_)->second);
 }
 
 bool KRDDSDomain::needsDiscovery() const {
@@ -150,6 +179,7 @@ KRDDSDomain::~KRDDSDomain() {
     const auto found = domains.find(number_);
     found->second.discovering -= meetsOnHost_ ? 0 : 1;
     if (--found->second.brokers == 0) {
+        KR::show(found->second); // the engine wakes its threads through the sockets
         dds_delete(found->second.domain);
         domains.erase(found);
     }

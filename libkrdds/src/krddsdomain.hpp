@@ -10,6 +10,8 @@
 #include <string>
 #include <utility>
 
+struct ddsi_domaingv;
+
 namespace KR {
 
 /// Checks what a function of the engine returned.
@@ -37,6 +39,8 @@ public:
     std::uint32_t getNumber() const noexcept { return number_; }
     /// Whether no other host can be reached.
     bool staysOnHost() const noexcept { return staysOnHost_; }
+    /// The participant has been created. \param engine  of the domain
+    void noticeEngine(ddsi_domaingv* engine);
     /// Begins to send and receive.
     void show() noexcept;
     /// Whether a broker of this process on the domain does not meet others in the host directory, so the engine must not ignore

@@ -11,11 +11,15 @@
 #include <dds/ddsi/ddsi_endpoint.h>
 #include <dds/ddsi/ddsi_participant.h>
 #include <dds/ddsi/ddsi_proxy_participant.h>
+#include <dds/ddsi/ddsi_tran.h>
 // clang-format on
 #include <dds/ddsi/q_bswap.h>
 #include <dds/ddsi/q_thread.h>
 
 #include <dds/ddsrt/heap.h>
+
+#include <linux/filter.h>
+#include <sys/socket.h>
 
 #include <stddef.h>
 #include <string.h>
@@ -55,6 +59,22 @@ void krSetHeartbeatInterval(struct ddsi_domaingv* engine, int64_t interval) {
 
 uint32_t krGetPort(const struct ddsi_domaingv* engine) {
     return engine->loc_meta_uc.port;
+}
+
+bool krSetDiscoveryDeaf(struct ddsi_domaingv* engine, bool deaf) {
+    struct sock_filter none = BPF_STMT(BPF_RET | BPF_K, 0); // of a packet passes
+    const struct sock_fprog program = {1, &none};
+    struct ddsi_tran_conn* const connections[] = {engine->disc_conn_mc, engine->disc_conn_uc};
+    bool succeeds = true;
+    for (size_t i = 0; i < sizeof connections / sizeof connections[0]; ++i) {
+        if (connections[i] != NULL) {
+            const int option = deaf ? SO_ATTACH_FILTER : SO_DETACH_FILTER;
+            succeeds = setsockopt(ddsi_conn_handle(connections[i]), SOL_SOCKET, option, &program,
+                                  sizeof program) == 0 &&
+                       succeeds;
+        }
+    }
+    return succeeds;
 }
 
 // Announcements of a participant that was deleted a moment ago may still be under way: the engine keeps a list of those that

@@ -26,6 +26,9 @@ void krHastenAcknowledgement(struct ddsi_domaingv* engine, const dds_guid_t* wri
 /// \param interval  nanoseconds
 void krSetHeartbeatInterval(struct ddsi_domaingv* engine, int64_t interval);
 
+/// Has the kernel drop what others send to the sockets for discovery, or no longer. \return false: it refuses. Thread-safe.
+bool krSetDiscoveryDeaf(struct ddsi_domaingv* engine, bool deaf);
+
 /// Has the engine ignore announcements of a remote participant, or take notice of them again: then it is discovered when it
 /// sends the next one. \return whether the engine has discovered it already, which this does not change. Thread-safe.
 bool krIgnoreParticipant(struct ddsi_domaingv* engine, const dds_guid_t* participant, bool ignored);

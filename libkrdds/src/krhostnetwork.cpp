@@ -12,7 +12,6 @@
 
 #include <cstdlib>
 #include <fstream>
-#include <sstream>
 
 namespace KR {
 
@@ -67,13 +66,9 @@ std::set<std::uint16_t> KRHostNetwork::findTakenPorts() {
     for (const char* table : {"/proc/net/udp", "/proc/net/udp6"}) {
         std::ifstream file(table);
         for (std::string line; std::getline(file, line);) {
-            std::istringstream fields(line);
-            std::string number, address;
-            fields >> number >> address;
-            const auto colon = address.rfind(':');
+            const auto colon = line.find(':', line.find(':') + 1); // "   4: 0100007F:1CEA 00000000:0000 07"
             if (colon != std::string::npos) {
-                ports.insert(
-                    static_cast<std::uint16_t>(std::strtoul(address.c_str() + colon + 1, nullptr, 16)));
+                ports.insert(static_cast<std::uint16_t>(std::strtoul(line.c_str() + colon + 1, nullptr, 16)));
             }
         }
     }

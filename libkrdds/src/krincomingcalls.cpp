@@ -105,6 +105,7 @@ void KRIncomingCalls::take(const KRRequest& request) {
         } else if (const std::string problem = findProblem(caller, bytes); problem.empty()) {
             caller.waiting.emplace(request.sequence, std::move(call));
             caller.waitingBytes += bytes;
+            ++waiting_;
             if (caller.peer && caller.peer->wantReplies()) {
                 wake_();
             }
@@ -142,7 +143,7 @@ void KRIncomingCalls::poll() {
         if (stopped_) {
             return;
         }
-        for (auto each = callers_.begin(); each != callers_.end();) {
+        for (auto each = callers_.begin(); waiting_ > 0 && each != callers_.end();) {
             Caller& caller = each->second;
             while (!caller.waiting.empty()) {
                 const auto first = caller.waiting.begin();
@@ -162,6 +163,7 @@ void KRIncomingCalls::poll() {
                     break;
                 }
                 caller.waiting.erase(first);
+                --waiting_;
             }
             each = caller.isIdle() ? callers_.erase(each) : std::next(each);
         }
@@ -225,6 +227,7 @@ void KRIncomingCalls::removePeer(const std::string& id) {
     }
     found->second.peer.reset();
     dropped.swap(found->second.waiting);
+    waiting_ -= dropped.size();
     found->second.waitingBytes = 0;
     if (found->second.isIdle()) {
         callers_.erase(found);
@@ -244,6 +247,7 @@ void KRIncomingCalls::stop(std::chrono::milliseconds patience) {
         return true;
     });
     callers_.clear();
+    waiting_ = 0;
 }
 
 } // namespace KR

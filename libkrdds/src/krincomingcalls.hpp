@@ -96,6 +96,7 @@ private:
     KRMutex mutex_;
     KRCondition finished_;
     bool stopped_ KR_GUARDED_BY(mutex_) = false;
+    std::size_t waiting_ KR_GUARDED_BY(mutex_) = 0;               // calls of all callers
     std::map<std::string, Caller> callers_ KR_GUARDED_BY(mutex_); // by identity
 };
 

@@ -226,7 +226,9 @@ void KRLink::createEntities() {
         id_,
         std::max(options_.lease, kFewestAckPatience),
         [this] { wake(); },
-        [this](const std::string& broker) { requireDDS(broker); }};
+        [this](const std::string& broker) { requireDDS(broker); },
+        callsOverDDS_};
+    domain_->noticeEngine(engine_);
     if (!options_.security.empty()) {
         checkPermissions();
     }
@@ -289,27 +291,27 @@ void KRLink::start() {
     serving_ = true;
     takeRequests();
     takeReplies();
-    countPlaces();
+    const auto places = findPlaces();
+    countPlaces(places);
     setHeartbeats();
     announcer_.announce();
     thread_ = std::thread([this] { run(); });
-    const auto deadline = std::chrono::steady_clock::now() + kMeetPatience;
-    while (!hasMet_ && std::chrono::steady_clock::now() < deadline) {
-        sleepMilliseconds(kStartPoll_ms);
+    {
+        KRLock lock(wakeMutex_);
+        polled_.waitFor(lock, kMeetPatience, [this] { return hasMet_.load(); });
     }
-    waitForBrokersThatAreThere();
+    waitForBrokersThatAreThere(places);
     logInfo(kCategory,
             "broker " + escapeText(options_.name) + " is on DDS domain " + std::to_string(options_.domain));
 }
 
 // A broker's participant is discovered before its modules. The ports in use show the number of processes of this host.
-void KRLink::waitForBrokersThatAreThere() const {
+void KRLink::waitForBrokersThatAreThere(const std::vector<std::uint16_t>& places) const {
     using Clock = std::chrono::steady_clock;
     const KRDDSEntity reader(
         checkDDS(dds_create_reader(participant_.get(), DDS_BUILTIN_TOPIC_DCPSPARTICIPANT, nullptr, nullptr),
                  "reader"));
     const auto begin = Clock::now();
-    const auto places = findPlaces();
     const auto isComplete = [&] {
         const auto waited = Clock::now() - begin;
         const Discovered discovered = readParticipants(reader.get());

@@ -63,7 +63,8 @@ private:
     void joinHostDirectory();
     void checkPermissions();
     dds_entity_t createReader(dds_entity_t topic, const dds_qos_t* qos, dds_on_data_available_fn onData);
-    void waitForBrokersThatAreThere() const;
+    /// \param places  findPlaces() when this one came
+    void waitForBrokersThatAreThere(const std::vector<std::uint16_t>& places) const;
     /// Well-known ports that processes of this host listen on.
     std::vector<std::uint16_t> findPlaces() const;
 
@@ -107,7 +108,7 @@ private:
     /// Has the engine delete participants of this host that it has discovered in vain.
     void forgetIgnored();
     /// Counts the processes of this host that DDS has to discover, some of which may not be discovered yet.
-    void countPlaces();
+    void countPlaces(const std::vector<std::uint16_t>& places);
     /// Sets the interval of heartbeats: the more other processes, the longer.
     void setHeartbeats();
     /// Has the engine announce this process to all others again.
@@ -147,6 +148,7 @@ private:
     std::atomic<std::uint64_t> malformed_ = 0;
     std::atomic<std::uint64_t> forged_ = 0;
     std::atomic<int> inquiriesAnswered_ = 0; // at the moment
+    const std::shared_ptr<std::atomic<int>> callsOverDDS_ = std::make_shared<std::atomic<int>>(0);
 
     KRSenders senders_;
     KRLimitedLog forgeries_{"krdds", "messages in another broker's name"};

@@ -24,7 +24,8 @@ namespace {
 constexpr std::chrono::seconds kInquiryAge{1}; // of inquired calls, and interval of inquiries
 constexpr std::chrono::milliseconds kTick{500};
 constexpr std::chrono::milliseconds kShortestTick{25};
-constexpr int kBeatsInLease = 4;
+constexpr int kTicksInLease = 4;
+constexpr std::size_t kMany = 32; // other processes of this host: ticks are rarer
 // When many processes start at once, discovery packets may be lost; the engine sends the next one much later.
 constexpr std::array<int, 4> kShowAgainAfter_ms{500, 1500, 4000, 10000};
 // Interval of heartbeats; with more than 25 other processes longer, so that together they send about 50 a second.
@@ -32,22 +33,25 @@ constexpr std::chrono::nanoseconds kHeartbeat = std::chrono::milliseconds(500);
 constexpr std::chrono::nanoseconds kHeartbeatForEach = std::chrono::milliseconds(20);
 constexpr int kTicksOfQuiet = 20;                 // everything is reported; this is a fallback
 constexpr std::chrono::seconds kPollPatience{10}; // much longer than a poll takes on a busy machine
-// While many processes start, each change wakes all of them: they rest for a multiple of the time that a poll took.
+// Each change wakes all processes of a host. They rest for a multiple of the time that a poll took: many processes for longer, so
+// that together they take one core at most.
 constexpr int kRest = 8;
-constexpr std::chrono::milliseconds kLongestRest{20};
+constexpr std::chrono::milliseconds kLongestRest{250};
 
 } // namespace
 
 void KRLink::run() noexcept {
     setThreadName("KRDDS");
-    const auto tick = std::clamp(options_.lease / kBeatsInLease, kShortestTick, kTick);
+    const auto shortTick = std::clamp(options_.lease / kTicksInLease, kShortestTick, kTick);
     started_ = lastBeat_ = std::chrono::steady_clock::now();
     for (int ticks = 0; !stopping_; ++ticks) {
+        const auto tick = shortTick * (directory_.getCountOnHost() > kMany ? 2 : 1);
         bool news = false;
+        bool isWoken = true;
         std::uint64_t poll = 0;
         std::uint64_t announced = 0;
         try {
-            onHost_.wait(tick);
+            isWoken = onHost_.wait(tick);
         } catch (const std::exception& error) {
             failures_.write(KRLogLevel::Error, std::string("host directory: ") + error.what());
         }
@@ -76,9 +80,12 @@ void KRLink::run() noexcept {
             pollsDone_ = poll;
             polled_.notifyAll();
         }
-        onHost_.pause(
-            std::chrono::duration_cast<std::chrono::microseconds>(std::min<std::chrono::nanoseconds>(
-                kRest * (std::chrono::steady_clock::now() - begin), kLongestRest)));
+        if (isWoken) {
+            const auto rest = std::max(kRest, static_cast<int>(directory_.getCountOnHost()));
+            onHost_.pause(
+                std::chrono::duration_cast<std::chrono::microseconds>(std::min<std::chrono::nanoseconds>(
+                    rest * (std::chrono::steady_clock::now() - begin), kLongestRest)));
+        }
     }
 }
 
@@ -269,7 +276,7 @@ void KRLink::openReplies() {
 
 void KRLink::beat() {
     const auto now = std::chrono::steady_clock::now();
-    onHost_.beat(kBeatsInLease, options_.lease);
+    onHost_.beat(options_.lease);
     const bool wasFrozen = now - lastBeat_ >= options_.lease; // so others may have forgotten this process
     lastBeat_ = now;
     forgetIgnored();
@@ -285,7 +292,7 @@ void KRLink::beat() {
                        now - started_ >= std::chrono::milliseconds(kShowAgainAfter_ms[repeats_]);
     if (isDue) {
         ++repeats_;
-        countPlaces();
+        countPlaces(findPlaces());
     }
     if (wasFrozen || (isDue && places_ > 0)) {
         showAgain();
@@ -311,8 +318,7 @@ void KRLink::forgetIgnored() {
     std::erase_if(toForget_, [](const Forgotten& each) { return each.beats >= kDone; });
 }
 
-void KRLink::countPlaces() {
-    const auto places = findPlaces();
+void KRLink::countPlaces(const std::vector<std::uint16_t>& places) {
     auto known = directory_.getPortsOnHost();
     known.insert(krGetPort(engine_));
     places_ = static_cast<std::size_t>(std::count_if(
@@ -340,7 +346,7 @@ void KRLink::showAgain() {
 
 void KRLink::inquireOfPeers() {
     const auto now = std::chrono::steady_clock::now();
-    if (now - lastInquiry_ < kInquiryAge) {
+    if (*callsOverDDS_ == 0 || now - lastInquiry_ < kInquiryAge) {
         return;
     }
     lastInquiry_ = now;

@@ -39,12 +39,25 @@ KRValue readAnswer(std::uint32_t status, const Decode& decode, const std::string
     }
 }
 
+/// Counts something for its lifetime.
+class KRCounted {
+public:
+    explicit KRCounted(std::atomic<int>& count) : count_(count) { ++count_; }
+    ~KRCounted() { --count_; }
+    KRCounted(const KRCounted&) = delete;
+    KRCounted& operator=(const KRCounted&) = delete;
+
+private:
+    std::atomic<int>& count_;
+};
+
 } // namespace
 
 KRPeer::KRPeer(const Connection& connection, std::string id, std::string location, pid_t process,
                KRLocalWay::Reach reach)
     : own_(connection.id), id_(std::move(id)), location_(std::move(location)), process_(process),
       reach_(std::move(reach)), patience_(connection.patience), onCallOverDDS_(connection.onCallOverDDS),
+      callsOverDDS_(connection.callsOverDDS),
       requests_(connection.participant, connection.requestTopic, id_, connection.onMatched),
       replies_(connection.participant, connection.replyTopic, id_, connection.onMatched) {}
 
@@ -142,6 +155,7 @@ KRValue KRPeer::callOverDDS(const std::string& module, std::string_view method,
     KRRequest request{own_, drawSequence(), KRRequest::Call, module, std::string(method), {}};
     KRComposedBytes message = request.compose(std::vector<KRValue>(arguments.begin(), arguments.end()));
     Pending pending{std::chrono::steady_clock::now(), {}, {}};
+    const KRCounted counted(*callsOverDDS_);
     std::string failure;
     {
         const KRLock lock(mutex_);

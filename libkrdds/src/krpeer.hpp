@@ -37,6 +37,7 @@ public:
             onMatched; ///< called when a peer starts reading requests or replies, on a thread of the engine
         /// Called before a call over DDS to a peer with this identity, on the calling thread.
         std::function<void(const std::string& id)> onCallOverDDS;
+        std::shared_ptr<std::atomic<int>> callsOverDDS; ///< under way, to all peers
     };
 
     /// \param process  announced by the broker \param reach  local route
@@ -107,6 +108,7 @@ private:
     const KRLocalWay::Reach reach_;
     const std::chrono::milliseconds patience_;
     const std::function<void(const std::string& id)> onCallOverDDS_;
+    const std::shared_ptr<std::atomic<int>> callsOverDDS_;
     KRMessageWriter requests_;
     KRMessageWriter replies_;
     std::atomic<bool> inquiring_ = false;

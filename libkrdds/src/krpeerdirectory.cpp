@@ -55,11 +55,9 @@ bool KRPeerDirectory::isSettled(const std::string& id) const {
     return found != neighbors_.end() && !(found->second.peer && found->second.peer->isConnecting());
 }
 
-std::size_t KRPeerDirectory::getCountOverDDS() const {
+std::size_t KRPeerDirectory::getCountOnHost() const {
     const KRLock lock(mutex_);
-    return static_cast<std::size_t>(std::count_if(neighbors_.begin(), neighbors_.end(), [](const auto& each) {
-        return each.second.writer != kOnHost;
-    }));
+    return neighbors_.size() - countOverDDS_;
 }
 
 bool KRPeerDirectory::isOnHost(const std::string& id) const {
@@ -95,12 +93,14 @@ KRPeerDirectory::OtherClaims KRPeerDirectory::findOtherClaims(const std::string&
                                                               const std::string& own) const {
     OtherClaims claims;
     const KRLock lock(mutex_);
-    for (const auto& [id, neighbor] : neighbors_) {
-        const auto found = neighbor.modules.find(module);
-        if (found == neighbor.modules.end()) {
-            continue;
-        }
-        if (!found->second.asked || std::pair(found->second.claimed, id) < std::pair(claimed, own)) {
+    const auto hosts = hosts_.find(module);
+    if (hosts == hosts_.end()) {
+        return claims;
+    }
+    for (const std::string& id : hosts->second) {
+        const Neighbor& neighbor = neighbors_.at(id);
+        const KRAnnouncedModule& announced = neighbor.modules.at(module);
+        if (!announced.asked || std::pair(announced.claimed, id) < std::pair(claimed, own)) {
             claims.location = neighbor.location;
             return claims;
         }
@@ -144,14 +144,38 @@ void KRPeerDirectory::describe(KRBrokerDiagnostics& diagnostics) const {
 }
 
 bool KRPeerDirectory::hasRoom(const std::string& id, std::size_t modules) const {
-    std::size_t others = 0;
-    for (const auto& [other, neighbor] : neighbors_) {
-        if (other != id) {
-            ++others;
-            modules += neighbor.modules.size();
+    const auto found = neighbors_.find(id);
+    const bool isKnown = found != neighbors_.end();
+    const std::size_t others = neighbors_.size() - (isKnown ? 1 : 0);
+    const std::size_t otherModules = moduleCount_ - (isKnown ? found->second.modules.size() : 0);
+    return others < kMaxBrokers && otherModules + modules <= kMaxModules;
+}
+
+void KRPeerDirectory::setModules(const std::string& id, Neighbor& neighbor, KRAnnouncedModules modules) {
+    const auto compare = [&](const KRAnnouncedModules& some, const KRAnnouncedModules& others,
+                             const auto& act) {
+        for (const auto& [name, module] : some) {
+            const auto found = others.find(name);
+            if (found == others.end() || found->second != module) {
+                changed_.insert(name);
+                if (found == others.end()) {
+                    act(name);
+                }
+            }
         }
-    }
-    return others < kMaxBrokers && modules <= kMaxModules;
+    };
+    compare(neighbor.modules, modules, [&](const std::string& gone) KR_REQUIRES(mutex_) {
+        const auto hosts = hosts_.find(gone);
+        std::erase(hosts->second, id);
+        if (hosts->second.empty()) {
+            hosts_.erase(hosts);
+        }
+    });
+    compare(modules, neighbor.modules,
+            [&](const std::string& added) KR_REQUIRES(mutex_) { hosts_[added].push_back(id); });
+    moduleCount_ += modules.size();
+    moduleCount_ -= neighbor.modules.size();
+    neighbor.modules = std::move(modules);
 }
 
 void KRPeerDirectory::accept(const KRPeer::Connection& connection, KRAnnouncement announcement,
@@ -181,14 +205,17 @@ void KRPeerDirectory::accept(const KRPeer::Connection& connection, KRAnnouncemen
     }
     {
         const KRLock lock(mutex_);
-        std::erase(departed_, id);           // it is back
-        Neighbor& neighbor = neighbors_[id]; // also if it is refused: it is known
+        std::erase(departed_, id);                              // it is back
+        const auto [found, isNew] = neighbors_.try_emplace(id); // also if it is refused: it is known
+        Neighbor& neighbor = found->second;
+        const bool wasOverDDS = !isNew && neighbor.writer != kOnHost;
+        countOverDDS_ += (writer != kOnHost ? 1 : 0) - (wasOverDDS ? 1 : 0);
         neighbor.peer = peer;
         neighbor.location = announcement.getLocation();
         neighbor.protocol = announcement.protocol;
         neighbor.writer = writer;
         neighbor.port = announcement.port;
-        neighbor.modules = std::move(announcement.modules);
+        setModules(id, neighbor, std::move(announcement.modules));
         for (const auto& [name, module] : neighbor.modules) {
             neighbor.hostedModules |= module.state == KRModuleState::Open;
         }
@@ -256,6 +283,8 @@ void KRPeerDirectory::remove(const std::string& id, const std::string& why) {
         if (found == neighbors_.end()) {
             return;
         }
+        countOverDDS_ -= found->second.writer != kOnHost ? 1 : 0;
+        setModules(id, found->second, {});
         neighbor = std::move(found->second);
         neighbors_.erase(found);
         if (neighbor.peer) {
@@ -284,61 +313,75 @@ void KRPeerDirectory::closeLater(std::shared_ptr<KRPeer> peer) {
     }
 }
 
-std::map<std::string, KRPeerDirectory::Wanted> KRPeerDirectory::chooseModules(Conflicts& conflicts) const {
+std::optional<KRPeerDirectory::Wanted> KRPeerDirectory::chooseModule(const std::string& name, bool isOpenHere,
+                                                                     Conflicts& conflicts) const {
     // Duplicate names are only possible between brokers that had not discovered each other. All brokers choose the oldest
     // module.
-    std::map<std::string, Wanted> wanted;
-    const auto note = [&](const std::string& name, const std::string& one, const std::string& other) {
+    const auto note = [&](const std::string& one, const std::string& other) {
         conflicts[{name, one + other}] =
             "there are two modules named " + escapeText(name) + ": one " + one + ", one " + other;
     };
-    {
-        const KRLock lock(mutex_);
-        for (const auto& [id, neighbor] : neighbors_) {
-            if (!neighbor.peer) {
-                continue;
-            }
-            for (const auto& [name, announced] : neighbor.modules) {
-                if (announced.asked) {
-                    continue;
-                }
-                Wanted& best = wanted[name];
-                if (best.peer && announced.state == KRModuleState::Open &&
-                    best.announced.state == KRModuleState::Open) {
-                    note(name, neighbor.location, best.peer->getLocation());
-                }
-                if (!best.peer || std::pair(announced.claimed, id) <
-                                      std::pair(best.announced.claimed, best.peer->getId())) {
-                    best = {neighbor.peer, announced};
-                }
-            }
+    std::optional<Wanted> best;
+    const KRLock lock(mutex_);
+    const auto hosts = hosts_.find(name);
+    if (hosts == hosts_.end()) {
+        return best;
+    }
+    for (const std::string& id : hosts->second) {
+        const Neighbor& neighbor = neighbors_.at(id);
+        const KRAnnouncedModule& announced = neighbor.modules.at(name);
+        if (!neighbor.peer || announced.asked) {
+            continue;
+        }
+        if (best && announced.state == KRModuleState::Open && best->announced.state == KRModuleState::Open) {
+            note(neighbor.location, best->peer->getLocation());
+        }
+        if (!best ||
+            std::pair(announced.claimed, id) < std::pair(best->announced.claimed, best->peer->getId())) {
+            best = Wanted{neighbor.peer, announced};
         }
     }
-    for (const KRLocalModule& own : host_.listModules()) { // this process keeps calling its own
-        const auto found = wanted.find(own.name);
-        if (found != wanted.end() && own.state == KRModuleState::Open &&
-            found->second.announced.state == KRModuleState::Open) {
-            note(own.name, "in this process", found->second.peer->getLocation());
-        }
+    if (best && isOpenHere &&
+        best->announced.state == KRModuleState::Open) { // this process keeps calling its own
+        note("in this process", best->peer->getLocation());
     }
-    return wanted;
+    return best;
 }
 
 void KRPeerDirectory::registerModules() {
-    Conflicts conflicts;
-    const std::map<std::string, Wanted> wanted = chooseModules(conflicts);
-    logConflicts(conflicts);
-    for (auto registered = registered_.begin(); registered != registered_.end();) {
-        const auto found = wanted.find(registered->first);
-        const bool stays = found != wanted.end() && found->second.peer == registered->second.peer &&
-                           found->second.announced.number == registered->second.number;
-        if (stays) {
-            ++registered;
-            continue;
+    std::set<std::string> openHere;
+    std::set<std::string> names;
+    const auto own = host_.listModules();
+    {
+        const KRLock lock(mutex_);
+        names = changed_;
+        for (const KRLocalModule& module : own) {
+            if (module.state == KRModuleState::Open && hosts_.contains(module.name)) {
+                openHere.insert(module.name);
+            }
         }
-        host_.removeRemoteModule(registered->second.module);
-        registered = registered_.erase(registered);
     }
+    names.insert(openHere.begin(), openHere.end());
+    for (const auto& [key, conflict] : conflicts_) {
+        names.insert(key.first);
+    }
+    Conflicts conflicts;
+    std::map<std::string, Wanted> wanted;
+    for (const std::string& name : names) {
+        if (auto chosen = chooseModule(name, openHere.contains(name), conflicts)) {
+            wanted.emplace(name, std::move(*chosen));
+        }
+        const auto registered = registered_.find(name);
+        const auto found = wanted.find(name);
+        const bool stays = registered == registered_.end() ||
+                           (found != wanted.end() && found->second.peer == registered->second.peer &&
+                            found->second.announced.number == registered->second.number);
+        if (!stays) {
+            host_.removeRemoteModule(registered->second.module);
+            registered_.erase(registered);
+        }
+    }
+    logConflicts(conflicts);
     for (const auto& [name, found] : wanted) {
         Registered& registered = registered_[name];
         if (!registered.module) {
@@ -349,6 +392,8 @@ void KRPeerDirectory::registerModules() {
             host_.setRemoteModule(registered.module, found.announced.state);
         }
     }
+    const KRLock lock(mutex_);
+    changed_.clear(); // now that nothing has failed
 }
 
 // After a kill and restart, a module appears twice until the lease of the killed process is over, so only longer

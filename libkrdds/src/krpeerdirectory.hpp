@@ -16,8 +16,10 @@
 #include <deque>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 namespace KR {
@@ -46,7 +48,8 @@ public:
     /// Whether a broker has announced itself, even if it was refused, and no connection to it is pending.
     bool isSettled(const std::string& id) const KR_EXCLUDES(mutex_);
     /// Number of brokers that are not in the host directory.
-    std::size_t getCountOverDDS() const KR_EXCLUDES(mutex_);
+    std::size_t getCountOverDDS() const noexcept { return countOverDDS_; }
+    std::size_t getCountOnHost() const KR_EXCLUDES(mutex_);
     /// Whether the broker is known from the host directory.
     bool isOnHost(const std::string& id) const KR_EXCLUDES(mutex_);
     std::vector<std::string> listOnHost() const KR_EXCLUDES(mutex_);
@@ -115,8 +118,13 @@ private:
                                      const KRAnnouncement& announcement);
     /// Whether there is room for this broker with so many modules.
     bool hasRoom(const std::string& id, std::size_t modules) const KR_REQUIRES(mutex_);
+    void setModules(const std::string& id, Neighbor& neighbor, KRAnnouncedModules modules)
+        KR_REQUIRES(mutex_);
+    /// Reports the modules to the host whose names or states have changed.
     void registerModules() KR_EXCLUDES(mutex_);
-    std::map<std::string, Wanted> chooseModules(Conflicts& conflicts) const KR_EXCLUDES(mutex_);
+    /// The module to be called by this name. \return nullopt: there is none
+    std::optional<Wanted> chooseModule(const std::string& name, bool isOpenHere, Conflicts& conflicts) const
+        KR_EXCLUDES(mutex_);
     void logConflicts(const Conflicts& conflicts);
     void closeLater(std::shared_ptr<KRPeer> peer);
 
@@ -125,10 +133,15 @@ private:
     KRLocalWay& way_;
     const std::chrono::milliseconds lease_;
     std::atomic<std::uint64_t> refused_ = 0;
+    std::atomic<std::size_t> countOverDDS_ = 0; // neighbors
 
     mutable KRMutex mutex_;
     std::map<std::string, Neighbor> neighbors_ KR_GUARDED_BY(mutex_); // by identity
-    std::deque<std::string> departed_ KR_GUARDED_BY(mutex_);          // the latest
+    std::unordered_map<std::string, std::vector<std::string>>
+        hosts_ KR_GUARDED_BY(mutex_);                     // brokers that have announced a module, by its name
+    std::set<std::string> changed_ KR_GUARDED_BY(mutex_); // names to be reported
+    std::size_t moduleCount_ KR_GUARDED_BY(mutex_) = 0;   // of all neighbors
+    std::deque<std::string> departed_ KR_GUARDED_BY(mutex_); // the latest
 
     // Used on the one thread.
     std::map<std::string, Registered> registered_; // by name

@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstddef>
 #include <cstdlib>
 #include <fcntl.h>
 #include <fstream>
@@ -19,6 +20,8 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -164,6 +167,42 @@ TEST(KRDDSNetwork, ProcessesOfOneHostMeetWithoutBeingDiscovered) {
                 EXPECT_TRUE(member->call<bool>("isReachable", "Member" + std::to_string(k)));
             }
         }
+    }).join();
+}
+
+/// Binds a socket to a name in the abstract namespace.
+int bindTo(const std::string& name, int type) {
+    const int file = socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    name.copy(address.sun_path + 1, sizeof address.sun_path - 1);
+    EXPECT_EQ(bind(file, reinterpret_cast<const sockaddr*>(&address),
+                   static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size())),
+              0);
+    return file;
+}
+
+TEST(KRDDSNetwork, AProcessIsSilentWhileItMeetsOthersOfItsHost) {
+    const Hosts hosts(1);
+    if (!hosts.areComplete()) {
+        GTEST_SKIP() << "this needs the right to make network namespaces, as root has it, and the tool ip";
+    }
+    ASSERT_TRUE(hosts.isolate(1));
+    const TestDomain domain;
+    std::thread([&] {
+        hosts.enter(1);
+        // A broker that does not answer.
+        const std::string name = "krvision-host-dds" + std::to_string(domain.getNumber()) + "-" +
+                                 std::to_string(geteuid()) + "-0";
+        const int waking = bindTo(name + "-wake", SOCK_DGRAM);
+        const int listening = bindTo(name, SOCK_SEQPACKET);
+        ASSERT_EQ(listen(listening, 10), 0);
+        const long before = countLoopbackPackets();
+        const OtherProcess process(domain.getUrl("local=on"), {"module", "Member"});
+        EXPECT_EQ(process.getAnswer(), "ready");
+        EXPECT_LT(countLoopbackPackets() - before, 10); // it waits for a second
+        close(listening);
+        close(waking);
     }).join();
 }
 

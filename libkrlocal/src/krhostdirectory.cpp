@@ -85,24 +85,35 @@ public:
         (void)!write(interrupt_.get(), &one, sizeof one); // fails only when it is readable anyway
     }
 
-    void wait(std::chrono::milliseconds time) {
+    bool wait(std::chrono::milliseconds time) {
         std::vector<pollfd> sockets{{interrupt_.get(), POLLIN, 0}};
         if (meeting_) {
             time = std::min(time, meeting_->addSockets(sockets));
         }
-        poll(sockets.data(), sockets.size(), static_cast<int>(time.count()));
-        std::uint64_t count = 0;
-        (void)!read(interrupt_.get(), &count, sizeof count);
-        if (meeting_) {
+        const bool isWoken = poll(sockets.data(), sockets.size(), static_cast<int>(time.count())) != 0;
+        if (isWoken) {
+            std::uint64_t count = 0;
+            (void)!read(interrupt_.get(), &count, sizeof count);
+        }
+        if (meeting_ && (isWoken || !meeting_->isAtRest())) {
             for (KRHostMeeting::Met& met : meeting_->advance(sockets)) {
                 add(std::move(met));
             }
         }
+        if (isWoken) {
+            const KRLock lock(mutex_);
+            mayHaveNews_ = true;
+        }
+        return isWoken;
     }
 
     std::vector<News> takeNews() {
         std::vector<News> news;
         const KRLock lock(mutex_);
+        if (!std::exchange(mayHaveNews_, false)) {
+            return news;
+        }
+        isSettled_ = false;
         for (auto other = others_.begin(); other != others_.end();) {
             const std::string& id = other->first;
             Other& each = other->second;
@@ -122,6 +133,9 @@ public:
 
     void settle() {
         const KRLock lock(mutex_);
+        if (std::exchange(isSettled_, true)) {
+            return;
+        }
         for (auto& [id, other] : others_) {
             other.settled = other.taken;
             other.newcomer = {};
@@ -135,7 +149,7 @@ public:
         ppoll(&interrupted, 1, &limit, nullptr);
     }
 
-    void beat(int looks, std::chrono::milliseconds time) {
+    void beat(std::chrono::milliseconds time) {
         const auto now = Clock::now();
         const KRLock lock(mutex_);
         if (own_) {
@@ -151,14 +165,17 @@ public:
                     other.reported = false;
                     other.taken = other.settled = kNone;
                 }
+                // Its message may have been lost.
+                mayHaveNews_ = mayHaveNews_ || other.entry->readVersion() != other.taken;
                 continue;
             }
             ++other.missed;
             if (other.missed < kSuspicious) {
                 continue;
             }
+            mayHaveNews_ = true;
             const auto silence = now - other.since;
-            const bool isLate = other.missed >= looks && silence >= time;
+            const bool isLate = silence >= time;
             other.over = isOver(other.process);
             other.frozen =
                 other.frozen || (isLate && (silence >= kPatience * time || isStopped(other.process)));
@@ -211,13 +228,15 @@ private:
             return;
         }
         others_.insert_or_assign(met.broker, std::move(other));
+        mayHaveNews_ = true;
     }
 
     void takeEntry(const std::string& id, Other& other, std::vector<News>& news) KR_REQUIRES(mutex_) {
         try {
             auto content = other.entry->read();
             if (!content) {
-                return; // next time
+                mayHaveNews_ = true; // next time
+                return;
             }
             other.taken = content->version;
             if (content->state == KRHostEntry::Published) {
@@ -227,6 +246,7 @@ private:
                 news.push_back({News::Kind::Left, id, other.process, {}});
             }
         } catch (const std::system_error&) { // out of memory: next time
+            mayHaveNews_ = true;
         } catch (const KRLocalMalformed& error) {
             other.over = true;
             logWarning(kHostCategory, "the entry of process " + std::to_string(other.process) +
@@ -241,6 +261,8 @@ private:
     mutable KRMutex mutex_;
     std::unique_ptr<KRHostEntryWriter> own_ KR_GUARDED_BY(mutex_); // null before join()
     bool publishes_ KR_GUARDED_BY(mutex_) = false;
+    bool mayHaveNews_ KR_GUARDED_BY(mutex_) = false;            // takeNews() has to look
+    bool isSettled_ KR_GUARDED_BY(mutex_) = true;               // nothing taken since settle()
     std::map<std::string, Other> others_ KR_GUARDED_BY(mutex_); // by identity
 };
 
@@ -276,8 +298,8 @@ void KRHostDirectory::interrupt() noexcept {
     private_->interrupt();
 }
 
-void KRHostDirectory::wait(std::chrono::milliseconds time) {
-    private_->wait(time);
+bool KRHostDirectory::wait(std::chrono::milliseconds time) {
+    return private_->wait(time);
 }
 
 void KRHostDirectory::pause(std::chrono::microseconds time) {
@@ -292,8 +314,8 @@ void KRHostDirectory::settle() {
     private_->settle();
 }
 
-void KRHostDirectory::beat(int looks, std::chrono::milliseconds time) {
-    private_->beat(looks, time);
+void KRHostDirectory::beat(std::chrono::milliseconds time) {
+    private_->beat(time);
 }
 
 } // namespace KR

@@ -61,6 +61,8 @@ public:
     /// Whether a newcomer is being met.
     bool isGreeted() const noexcept { return greeted_; }
 
+    /// Whether there is nobody to meet. On the thread of advance().
+    bool isAtRest() const noexcept { return complete_ && guests_.empty(); }
     /// Adds what to wait for. \return for how long at most
     std::chrono::milliseconds addSockets(std::vector<pollfd>& sockets) const;
     /// Continues all meetings. \param sockets  after poll() \return the brokers met

@@ -59,8 +59,9 @@ struct KRLocalChannel::Outgoing {
     std::uint64_t streamed = 0;
 };
 
-KRLocalChannel::KRLocalChannel(KRDescriptor socket, pid_t process, std::shared_ptr<KRLocalCounts> counts)
-    : socket_(std::move(socket)), process_(process), counts_(std::move(counts)) {}
+KRLocalChannel::KRLocalChannel(KRDescriptor socket, pid_t process, std::shared_ptr<KRLocalCounts> counts,
+                               std::shared_ptr<const KRLocalWaker> waker)
+    : socket_(std::move(socket)), process_(process), counts_(std::move(counts)), waker_(std::move(waker)) {}
 
 void KRLocalChannel::open(const std::shared_ptr<KRLocalPool>& pool,
                           const std::shared_ptr<KRLendings::Bytes>& lentBytes) {
@@ -197,18 +198,20 @@ void KRLocalChannel::compose(Outgoing& outgoing, const KRLocalMessage& message,
     counts_->streamed += outgoing.streamed;
 }
 
-void KRLocalChannel::sendNotice() {
+bool KRLocalChannel::sendNotice() {
     lendings_->check();
     const std::unique_lock lock(sendMutex_, std::try_to_lock);
     if (!lock) {
-        return; // another thread is sending; next time
+        return true; // another thread is sending; next time
     }
     KRLocalFrame frame;
     frame.kind = KRLocalFrame::Notice;
     frame.forgotten = lendings_->takeForgotten();
     if (!frame.forgotten.empty() && !write(frame.compose(), {}, {}, false)) {
         lendings_->returnForgotten(frame.forgotten);
+        return true;
     }
+    return frame.forgotten.size() == KRLocalFrame::kMaxForgotten; // there may be more
 }
 
 bool KRLocalChannel::write(const std::string& head, std::vector<std::span<const unsigned char>> rest,
@@ -351,12 +354,7 @@ std::optional<KRLocalChannel::Received> KRLocalChannel::receive(bool wait) {
                 throw KRLocalMalformed(std::to_string(packet.descriptors.size()) + " descriptors for " +
                                        std::to_string(frame.memories.size()) + " new memories");
             }
-            for (const std::uint32_t id : frame.forgotten) {
-                borrowings_.forget(id);
-            }
-            for (std::size_t i = 0; i < frame.memories.size(); ++i) {
-                borrowings_.add(frame.memories[i], packet.descriptors[i]);
-            }
+            updateBorrowings(frame, packet);
             assembly_ = begin(frame);
             assembly_->fill(packet.bytes.subspan(headSize));
         } else {
@@ -373,6 +371,22 @@ std::optional<KRLocalChannel::Received> KRLocalChannel::receive(bool wait) {
             }
             return received;
         }
+    }
+}
+
+void KRLocalChannel::updateBorrowings(const KRLocalFrame& frame, const Packet& packet) {
+    if (frame.forgotten.empty() && frame.memories.empty()) {
+        return;
+    }
+    for (const std::uint32_t id : frame.forgotten) {
+        borrowings_.forget(id);
+    }
+    for (std::size_t i = 0; i < frame.memories.size(); ++i) {
+        borrowings_.add(frame.memories[i], packet.descriptors[i]);
+    }
+    const bool borrows = !borrowings_.isEmpty();
+    if (borrows_.exchange(borrows) != borrows && borrows) {
+        waker_->wake();
     }
 }
 

@@ -4,6 +4,7 @@
 #include "krdescriptor.hpp"
 #include "krlendings.hpp"
 #include "krlocalframe.hpp"
+#include "krlocalwaker.hpp"
 
 #include "krlocal/krlocalmessage.hpp"
 
@@ -47,7 +48,9 @@ public:
         KRLocalMessage message;
     };
     /// Before open() only the first message of each side can be sent and received.
-    KRLocalChannel(KRDescriptor socket, pid_t process, std::shared_ptr<KRLocalCounts> counts);
+    /// \param waker  woken when the other begins to share memory
+    KRLocalChannel(KRDescriptor socket, pid_t process, std::shared_ptr<KRLocalCounts> counts,
+                   std::shared_ptr<const KRLocalWaker> waker);
     ~KRLocalChannel() { close(); }
     KRLocalChannel(const KRLocalChannel&) = delete;
     KRLocalChannel& operator=(const KRLocalChannel&) = delete;
@@ -73,16 +76,16 @@ public:
     void send(KRLocalFrame::Kind kind, std::uint64_t number, const KRLocalMessage& message)
         KR_EXCLUDES(sendMutex_);
     /// Reports freed memory to the other, if there is any and the socket has room; does not block.
-    /// \throws KRLocalClosed \throws KRLocalMalformed the other has broken the protocol
-    void sendNotice() KR_NO_THREAD_SAFETY_ANALYSIS;
+    /// \return whether something is left to report \throws KRLocalClosed \throws KRLocalMalformed the other has broken the protocol
+    bool sendNotice() KR_NO_THREAD_SAFETY_ANALYSIS;
 
     /// Timeout of receive(true) for a packet; without it, receive() waits indefinitely.
     void setPatience(std::chrono::milliseconds patience);
     /// Receives a message. \param wait  whether to block until it is complete \return nullopt: it is not complete yet
     /// \throws KRLocalClosed \throws KRLocalMalformed \throws std::exception no memory, no descriptors
     std::optional<Received> receive(bool wait);
-    /// Whether the other has shared any memory with this process. On the receiving thread.
-    bool hasBorrowings() const noexcept { return !borrowings_.isEmpty(); }
+    /// Whether the other has shared any memory with this process.
+    bool hasBorrowings() const noexcept { return borrows_; }
 
     /// Wakes blocked operations on both sides. Binaries that the other holds stay valid until returned or until it ends.
     void close() noexcept;
@@ -106,6 +109,8 @@ private:
     };
 
     bool receivePacket(Packet& packet, bool wait);
+    /// Takes over the memories that the frame announces, and drops those that it ends.
+    void updateBorrowings(const KRLocalFrame& frame, const Packet& packet);
     Assembly begin(const KRLocalFrame& frame);
     /// Composes and counts a message and its binaries, as many of them in shared memory as possible.
     /// \param shared  the binaries in the pool; empty where they are not
@@ -122,6 +127,7 @@ private:
     const KRDescriptor socket_;
     const pid_t process_;
     const std::shared_ptr<KRLocalCounts> counts_;
+    const std::shared_ptr<const KRLocalWaker> waker_;
     std::shared_ptr<KRLendings> lendings_; // constant after open()
     std::shared_ptr<KRLocalPool> pool_;    // constant after open()
 
@@ -130,8 +136,9 @@ private:
     std::unique_ptr<const KRForeignMemory> returns_; // from the greeting to open()
     std::optional<Assembly> assembly_;
 
-    KRDescriptor bell_;               // of the server, constant after its welcome
-    std::atomic<int> unanswered_ = 0; // requests sent
+    std::atomic<bool> borrows_ = false; // borrowings_ is not empty
+    KRDescriptor bell_;                 // of the server, constant after its welcome
+    std::atomic<int> unanswered_ = 0;   // requests sent
 
     KRMutex sendMutex_; // held while a message is written to the socket
 };

@@ -170,24 +170,21 @@ void KRLocalClient::poll() {
     giveLead();
 }
 
-void KRLocalClient::tick() {
+bool KRLocalClient::tick() {
+    bool isLeft = false;
     try {
-        channel_->sendNotice();
+        isLeft = channel_->sendNotice();
     } catch (const KRLocalClosed&) {
         poll(); // the reason is found by reading
-        return;
+        return false;
     } catch (const KRLocalMalformed& error) {
         disconnect(error.what());
-        return;
+        return false;
     }
-    bool polls = false;
-    {
-        const KRLock lock(mutex_);
-        polls = !reading_ && channel_->hasBorrowings(); // otherwise there is nothing to report
-    }
-    if (polls) {
+    if (channel_->hasBorrowings()) { // otherwise there is nothing to report
         poll();
     }
+    return isLeft || channel_->hasBorrowings();
 }
 
 void KRLocalClient::disconnect(const std::string& why) noexcept {

@@ -36,8 +36,8 @@ public:
     void closeSilently(const std::string& why) KR_EXCLUDES(mutex_);
     /// Reads while no thread waits: notices of shared memory, and the end of the connection.
     void poll() KR_EXCLUDES(mutex_);
-    /// Periodic work: notices of shared memory in both directions.
-    void tick() KR_EXCLUDES(mutex_);
+    /// Periodic work: notices of shared memory in both directions. \return whether there will be more of it
+    bool tick() KR_EXCLUDES(mutex_);
     int getSocket() const noexcept { return channel_->getSocket(); }
 
 private:

@@ -40,7 +40,7 @@ constexpr std::size_t kMaxSocketsForLanes = 128; // of either side; beyond, each
 constexpr std::size_t kMaxIdentity = 1024;
 constexpr std::chrono::seconds kGreetingPatience{5};
 constexpr std::chrono::seconds kTick{1};
-constexpr std::chrono::seconds kIdleTick{30};  // without connections
+constexpr std::chrono::seconds kIdleTick{30};  // when nothing is to be done
 constexpr std::chrono::seconds kIdleMemory{5}; // after which unused memory is freed
 constexpr const char* kTooManyUnderWay =
     "too many descriptors of this user are under way to processes that do not receive them";
@@ -100,11 +100,11 @@ public:
         listening_ = listenAt(address_.socket);
         fcntl(listening_.get(), F_SETFL, O_NONBLOCK);
         epoll_ = KRDescriptor(epoll_create1(EPOLL_CLOEXEC));
-        wake_ = KRDescriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-        if (!epoll_ || !wake_ || !watch(wake_.get(), EPOLLIN, kWakeId) ||
+        if (!epoll_ || !waker_->getDescriptor() || !watch(waker_->getDescriptor().get(), EPOLLIN, kWakeId) ||
             !watch(listening_.get(), EPOLLIN, kListeningId)) {
             throw KRError("KRLocalEndpoint", "create", std::string("epoll: ") + std::strerror(errno));
         }
+        pool_->addWaker(waker_);
         pool_->setLimit(options_.memory);
     }
 
@@ -159,7 +159,7 @@ public:
             fail("process " + std::to_string(process) + " listens, not process " +
                  std::to_string(address.process) + " of the address");
         }
-        auto channel = std::make_unique<KRLocalChannel>(std::move(socket), process, counts_);
+        auto channel = std::make_unique<KRLocalChannel>(std::move(socket), process, counts_, waker_);
         try {
             while (!channel->sendGreeting(KRLocalFrame::Hello, kVersion, address.secret + options_.id)) {
                 if (Clock::now() >= deadline) {
@@ -205,7 +205,7 @@ public:
                 fail(std::string("epoll: ") + std::strerror(errno));
             }
         }
-        wake();
+        waker_->wake();
         return client;
     }
 
@@ -230,7 +230,7 @@ public:
             clients.swap(clients_);
             connections.swap(connections_);
         }
-        wake();
+        waker_->wake();
         if (thread_.joinable()) {
             if (thread_.get_id() == std::this_thread::get_id()) {
                 thread_.detach();
@@ -270,11 +270,6 @@ private:
         return epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, descriptor, &event) == 0;
     }
 
-    void wake() const noexcept {
-        constexpr std::uint64_t kOne = 1;
-        [[maybe_unused]] const auto written = ::write(wake_.get(), &kOne, sizeof kOne);
-    }
-
     bool hasRoomForLanes() const KR_EXCLUDES(mutex_) {
         const KRLock lock(mutex_);
         return clients_.size() < kMaxSocketsForLanes;
@@ -304,9 +299,12 @@ private:
     void run() KR_EXCLUDES(mutex_) {
         setThreadName("KRLocal");
         auto nextTick = Clock::now() + kTick;
+        bool isBusy = false; // there may be something to do at the next tick
         for (;;) {
             epoll_event event{};
-            const int count = epoll_wait(epoll_.get(), &event, 1, getPatience_ms());
+            const auto patience = isBusy || !greeting_.empty() ? kTick : kIdleTick;
+            const int count = epoll_wait(epoll_.get(), &event, 1,
+                                         static_cast<int>(std::chrono::milliseconds(patience).count()));
             {
                 const KRLock lock(mutex_);
                 if (stopped_) {
@@ -315,10 +313,11 @@ private:
             }
             try {
                 if (count == 1) {
+                    isBusy = isBusy || event.data.u64 == kWakeId;
                     handle(event.data.u64);
                 }
                 if (Clock::now() >= nextTick) {
-                    tick();
+                    isBusy = tick();
                     nextTick = Clock::now() + kTick;
                 }
             } catch (const std::exception& error) { // no memory
@@ -329,18 +328,9 @@ private:
         listening_ = KRDescriptor(); // so that others find that this endpoint is gone
     }
 
-    /// Without connections there is little to do until the next one.
-    int getPatience_ms() KR_EXCLUDES(mutex_) {
-        bool idle = greeting_.empty() && server_->getCount() == 0;
-        const KRLock lock(mutex_);
-        idle = idle && clients_.empty();
-        return static_cast<int>(std::chrono::milliseconds(idle ? kIdleTick : kTick).count());
-    }
-
     void handle(std::uint64_t id) KR_EXCLUDES(mutex_) {
         if (id == kWakeId) {
-            std::uint64_t count = 0;
-            [[maybe_unused]] const auto got = ::read(wake_.get(), &count, sizeof count);
+            waker_->reset();
         } else if (id == kListeningId) {
             accept();
         } else if (const auto greeting = greeting_.find(id); greeting != greeting_.end()) {
@@ -393,7 +383,7 @@ private:
             const KRLock lock(mutex_);
             id = ++lastId_;
         }
-        auto channel = std::make_unique<KRLocalChannel>(std::move(socket), process, counts_);
+        auto channel = std::make_unique<KRLocalChannel>(std::move(socket), process, counts_, waker_);
         if (watch(channel->getSocket(), EPOLLIN | EPOLLRDHUP, id)) {
             greeting_.emplace(id, Greeting{std::move(channel), Clock::now() + kGreetingPatience});
         }
@@ -445,7 +435,8 @@ private:
         return false;
     }
 
-    void tick() KR_EXCLUDES(mutex_) {
+    /// \return whether shared memory or unused lanes are left to look after
+    bool tick() KR_EXCLUDES(mutex_) {
         for (auto each = greeting_.begin(); each != greeting_.end();) {
             if (Clock::now() < each->second.deadline) {
                 ++each;
@@ -455,8 +446,8 @@ private:
                    " does not say who it is");
             each = greeting_.erase(each);
         }
-        pool_->trim(kIdleMemory);
-        server_->sendNotices();
+        bool isLeft = pool_->trim(kIdleMemory);
+        isLeft = server_->sendNotices() || isLeft;
         std::vector<std::shared_ptr<KRLocalClient>> clients;
         std::vector<std::shared_ptr<KRLocalLanes>> connections;
         {
@@ -478,8 +469,9 @@ private:
             connection->trim();
         }
         for (const auto& client : clients) {
-            client->tick();
+            isLeft = client->tick() || isLeft;
         }
+        return isLeft || clients.size() > connections.size();
     }
 
     const KRLocalOptions options_;
@@ -489,12 +481,12 @@ private:
     const std::shared_ptr<std::atomic<std::uint64_t>> disconnected_ =
         std::make_shared<std::atomic<std::uint64_t>>(0);
     std::atomic<std::uint64_t> refused_ = 0;
+    const std::shared_ptr<const KRLocalWaker> waker_ = std::make_shared<const KRLocalWaker>();
     const std::shared_ptr<KRLocalPool> pool_ = KRLocalPool::ofProcess();
     const std::shared_ptr<KRLocalServer> server_;
     // Constant after construction.
     KRLocalAddress address_;
     KRDescriptor epoll_;
-    KRDescriptor wake_;
     std::thread thread_; // accepts connections, and notices closed ones
 
     // Used by that thread.

@@ -156,6 +156,9 @@ bool KRLocalPool::grow(std::size_t slotSize) {
         isShort_ = false;
         std::vector<Slot>& list = free_[slotSize];
         list.reserve(all);
+        if (memories_.empty()) {
+            wakeTrimmers();
+        }
         Memory* const added = memory.get();
         memories_.emplace(added->shared->data(), std::move(memory));
         for (std::size_t i = slots; i > 0; --i) { // the first slot is used first
@@ -167,6 +170,20 @@ bool KRLocalPool::grow(std::size_t slotSize) {
         size_ -= slots * slotSize;
         throw;
     }
+}
+
+void KRLocalPool::addWaker(const std::shared_ptr<const KRLocalWaker>& waker) {
+    const KRLock lock(mutex_);
+    wakers_.push_back(waker);
+}
+
+void KRLocalPool::wakeTrimmers() {
+    for (const auto& each : wakers_) {
+        if (const auto waker = each.lock()) {
+            waker->wake();
+        }
+    }
+    std::erase_if(wakers_, [](const auto& each) { return each.expired(); });
 }
 
 KRLocalPool::Memories::iterator KRLocalPool::drop(Memories::iterator memory,

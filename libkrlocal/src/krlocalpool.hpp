@@ -1,5 +1,6 @@
 #pragma once
 
+#include "krlocalwaker.hpp"
 #include "krsharedmemory.hpp"
 
 #include <krplatform/krmutex.hpp>
@@ -51,6 +52,8 @@ public:
     /// The connection is closed, but the other process may still hold binaries: keeps their slots until they are returned.
     void keepUntilReturned(std::shared_ptr<KRLendings> lendings) KR_EXCLUDES(mutex_);
 
+    /// Wakes somebody who calls trim() when there is memory after there was none.
+    void addWaker(const std::shared_ptr<const KRLocalWaker>& waker) KR_EXCLUDES(mutex_);
     /// Frees memory with no slot in use, if it has been idle for that long or is beyond the limit.
     /// \return whether any memory is left
     bool trim(std::chrono::steady_clock::duration idle) KR_EXCLUDES(mutex_);
@@ -78,6 +81,7 @@ private:
 
     boost::shared_ptr<unsigned char[]> takeFree(std::size_t slotSize) KR_EXCLUDES(mutex_);
     bool grow(std::size_t slotSize) KR_EXCLUDES(mutex_);
+    void wakeTrimmers() KR_REQUIRES(mutex_);
     void release(Slot slot) noexcept KR_EXCLUDES(mutex_);
     /// Frees a memory with no slot in use. \return the next one
     Memories::iterator drop(Memories::iterator memory, std::vector<std::shared_ptr<KRSharedMemory>>& dropped,
@@ -96,6 +100,7 @@ private:
         free_ KR_GUARDED_BY(mutex_); // by size; the last used is the last
     std::vector<std::weak_ptr<KRLendings>> attached_ KR_GUARDED_BY(mutex_);
     std::vector<std::shared_ptr<KRLendings>> closed_ KR_GUARDED_BY(mutex_);
+    std::vector<std::weak_ptr<const KRLocalWaker>> wakers_ KR_GUARDED_BY(mutex_);
 };
 
 } // namespace KR

@@ -338,7 +338,7 @@ void KRLocalServer::remove(const std::shared_ptr<KRLocalSession>& session) {
     }
 }
 
-void KRLocalServer::sendNotices() {
+bool KRLocalServer::sendNotices() {
     std::vector<std::shared_ptr<KRLocalSession>> sessions;
     {
         const KRLock lock(mutex_);
@@ -346,14 +346,16 @@ void KRLocalServer::sendNotices() {
             sessions.push_back(session);
         }
     }
+    bool isLeft = false;
     for (const auto& session : sessions) {
         try {
-            session->getChannel().sendNotice();
+            isLeft = session->getChannel().sendNotice() || isLeft;
         } catch (const KRLocalClosed&) { // noticed by the thread that reads
         } catch (const KRLocalMalformed& error) {
             session->disconnect(error.what());
         }
     }
+    return isLeft;
 }
 
 void KRLocalServer::stop() noexcept {

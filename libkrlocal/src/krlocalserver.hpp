@@ -95,8 +95,8 @@ public:
     std::size_t getCount() const KR_EXCLUDES(mutex_);
     /// \return null: it has no socket here
     std::shared_ptr<KRLocalCaller> findCaller(const std::string& name) const KR_EXCLUDES(mutex_);
-    /// Reports freed memory to callers.
-    void sendNotices() KR_EXCLUDES(mutex_);
+    /// Reports freed memory to callers. \return whether something is left to report
+    bool sendNotices() KR_EXCLUDES(mutex_);
     /// Closes all connections, and waits for other threads than this one to leave the service.
     void stop() noexcept KR_EXCLUDES(mutex_);
 

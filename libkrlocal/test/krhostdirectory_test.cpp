@@ -75,7 +75,7 @@ public:
         return news.empty();
     }
     void beat() {
-        directory.beat(2, std::chrono::milliseconds(20));
+        directory.beat(std::chrono::milliseconds(20));
         look();
     }
 

@@ -16,6 +16,8 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <filesystem>
+#include <fstream>
 #include <random>
 #include <sstream>
 #include <thread>
@@ -220,6 +222,42 @@ TEST_F(KRLocalServers, GetTheirMemoryBackFromAnIdleClient) {
     // The server frees it after a few idle seconds, and says so.
     EXPECT_TRUE(test::eventually([&] { return readMappedMemory().mappings < before; }));
     EXPECT_TRUE(isImage(fetchImage(*connection, kLarge)));
+}
+
+/// How often the threads of endpoints in this process have waited for something.
+long countWaits() {
+    long count = 0;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::string name;
+        std::getline(std::ifstream(task.path() / "comm"), name);
+        std::ifstream status(task.path() / "status");
+        for (std::string line; name == "KRLocal" && std::getline(status, line);) {
+            if (line.starts_with("voluntary_ctxt_switches:")) {
+                count += std::stol(line.substr(line.find('\t')));
+            }
+        }
+    }
+    return count;
+}
+
+TEST_F(KRLocalServers, DoNotWakeTheThreadOfAClientUntilThereIsMemoryToLookAfter) {
+    const OtherProcess server({"serve"});
+    const auto connection = connect(server);
+    EXPECT_EQ(connection->call(test::makeMessage(7, "")).code, 7U);
+    EXPECT_TRUE(test::eventually([] { // with memory it wakes once a second
+        const long before = countWaits();
+        std::this_thread::sleep_for(std::chrono::milliseconds(2500));
+        return countWaits() == before;
+    }));
+    fetchImage(*connection, kLarge);
+    const std::size_t before = readMappedMemory().mappings;
+    EXPECT_TRUE(test::eventually([&] { return readMappedMemory().mappings < before; }));
+}
+
+TEST_F(KRLocalReaders, MayComeLaterThanMemoryThatIsNotUsed) {
+    KRBinary::allocate(kLarge);
+    EXPECT_GT(endpoint.getStatistics().memory, 0U);
+    EXPECT_TRUE(test::eventually([&] { return endpoint.getStatistics().memory == 0; }));
 }
 
 std::vector<std::string> operator+(std::vector<std::string> words, const std::vector<std::string>& more) {

@@ -109,7 +109,7 @@ int meet(const std::string& name, const std::string& broker, const std::string& 
             directory.publish(text + ended + here);
         }
         directory.settle();
-        directory.beat(2, std::chrono::seconds(10));
+        directory.beat(std::chrono::seconds(10));
         if (!isReady && directory.hasMetAll()) {
             isReady = true;
             std::cout << "ready" << std::endl;

@@ -73,7 +73,8 @@ public:
     void interrupt() noexcept;
 
     /// Waits until there may be news, interrupt() was called or the time is over; meets others meanwhile.
-    void wait(std::chrono::milliseconds time);
+    /// \return false: the time is over
+    bool wait(std::chrono::milliseconds time);
     /// Waits for interrupt() only: between looks at a busy directory.
     void pause(std::chrono::microseconds time);
     /// What has happened since the last call.
@@ -81,9 +82,9 @@ public:
     /// What takeNews() returned last has taken effect. Newcomers wait for that in hasMetAll().
     void settle();
     /// Increments the beats of the own entry, and checks those of the others.
-    /// \param looks  a broker without a beat in so many calls and for `time` is frozen if its process is stopped. After
-    ///               ten times as long also if not, as it may be waiting for a processor
-    void beat(int looks, std::chrono::milliseconds time);
+    /// \param time  a broker without a beat in two calls and for this time is frozen if its process is stopped. After ten
+    ///              times as long also if not, as it may be waiting for a processor
+    void beat(std::chrono::milliseconds time);
 
 private:
     class Private;
