@@ -192,8 +192,8 @@ TEST(KRDDSNetwork, AProcessIsSilentWhileItMeetsOthersOfItsHost) {
     std::thread([&] {
         hosts.enter(1);
         // A broker that does not answer.
-        const std::string name = "krvision-host-dds" + std::to_string(domain.getNumber()) + "-" +
-                                 std::to_string(geteuid()) + "-0";
+        const std::string name =
+            "krvision-host-dds" + std::to_string(domain.getNumber()) + "-" + std::to_string(geteuid()) + "-0";
         const int waking = bindTo(name + "-wake", SOCK_DGRAM);
         const int listening = bindTo(name, SOCK_SEQPACKET);
         ASSERT_EQ(listen(listening, 10), 0);
