@@ -25,12 +25,12 @@ KRClaimTime getWallClock() {
     return {static_cast<std::int32_t>(now / 1000000), static_cast<std::int32_t>(now % 1000000)};
 }
 
+} // namespace
+
 std::string getHostName() {
     utsname names{};
     return uname(&names) == 0 ? names.nodename : "";
 }
-
-} // namespace
 
 void KRAnnouncer::start(ddsi_domaingv* engine, dds_entity_t participant, dds_entity_t topic,
                         const std::string& id, const std::string& local) {

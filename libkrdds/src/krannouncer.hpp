@@ -17,6 +17,9 @@ struct ddsi_domaingv;
 
 namespace KR {
 
+/// Name of this machine, as announced.
+std::string getHostName();
+
 /// Announces this broker and the names that it requests: to brokers on this host in the host directory, to others over DDS.
 /// Thread-safe; only waitForAcks() waits for other brokers.
 class KRAnnouncer {

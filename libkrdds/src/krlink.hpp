@@ -6,6 +6,7 @@
 #include "krincomingcalls.hpp"
 #include "krlocalway.hpp"
 #include "krpeerdirectory.hpp"
+#include "krpulses.hpp"
 #include "krsenders.hpp"
 
 #include <krlocal/krhostdirectory.hpp>
@@ -167,6 +168,7 @@ private:
     std::size_t places_ = 0;                 // of this host that DDS has to discover
     std::set<std::string> connectedOverDDS_; // brokers of this host; used by the thread KRDDS
     std::vector<Forgotten> toForget_;        // the same
+    KRPulses pulses_;                        // the same
 
     KRMutex requestsMutex_; // held while requests are taken from the reader
     KRMutex overDDSMutex_;

@@ -96,6 +96,7 @@ void KRLink::pollDiscovery(bool news) {
         connectOverDDS();
         openReplies();
         directory_.poll(getAnnouncers());
+        pulses_.keep([this](const std::string& broker) { return directory_.find(broker) != nullptr; });
         takeRequests(); // those that waited for announcements
     }
     onHost_.settle();
@@ -239,6 +240,9 @@ void KRLink::takeAnnouncement(const void* sample, const dds_sample_info_t& info)
         if (directory_.isOnHost(announcement.broker)) {
             return; // the host directory has the latest
         }
+        if (domain_->staysOnHost() && !onHost_.knows(announcement.broker)) { // otherwise its lease will do
+            pulses_.watch(announcement.broker, announcement.host, static_cast<pid_t>(announcement.pid));
+        }
         announcement.local = KRSenders::readUserData(announcementReader_, info.publication_handle);
         directory_.accept(connection_, std::move(announcement), info.publication_handle);
     }
@@ -279,6 +283,10 @@ void KRLink::beat() {
     onHost_.beat(options_.lease);
     const bool wasFrozen = now - lastBeat_ >= options_.lease; // so others may have forgotten this process
     lastBeat_ = now;
+    for (const std::string& broker : pulses_.findSilent(options_.lease)) {
+        const dds_guid_t guid = toGuid(broker);
+        krForgetParticipant(engine_, &guid);
+    }
     forgetIgnored();
     if (domain_->needsDiscovery()) {
         for (const std::string& broker : directory_.listOnHost()) {

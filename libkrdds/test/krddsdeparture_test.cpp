@@ -1,4 +1,5 @@
 #include "otherprocess.hpp"
+#include "stranger.hpp"
 #include "testdomain.hpp"
 
 #include <eventmodules.hpp>
@@ -11,7 +12,16 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <array>
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <optional>
+#include <string>
+#include <sys/mman.h>
 #include <thread>
+#include <unistd.h>
+#include <vector>
 
 namespace KR::test {
 
@@ -66,6 +76,74 @@ TEST(KRDDSDeparture, AProcessThatOffersNoSocketIsWatchedAsWell) {
     ASSERT_TRUE(broker->getSession().waitForService("Server", kPatience));
     server.kill();
     EXPECT_TRUE(eventually([&] { return broker->getModuleList().empty(); }));
+}
+
+/// A broker of an earlier version, not in the host directory, with the module "Earlier". It belongs to a process that keeps
+/// its pulse open, as those versions do, and "Server" in another process discovers it.
+class KRDDSEarlierBroker : public testing::Test {
+protected:
+    void SetUp() override {
+        const int pulse = memfd_create(("krvision-pulse-" + stranger.getId()).c_str(), 0);
+        process.emplace(std::vector<std::string>{"sh", "-c", "echo ready; read line"}); // inherits it
+        close(pulse);
+        std::array<char, 256> host{};
+        gethostname(host.data(), host.size() - 1);
+        std::string id = stranger.getId();
+        std::string name = "earlier";
+        std::vector<std::uint8_t> modules{0x91, 0x95, 0xa7, 'E', 'a', 'r', 'l', 'i', 'e', 'r', 1, 1, 100, 0};
+        KRVision_Announcement announcement{};
+        announcement.broker = id.data();
+        announcement.name = name.data();
+        announcement.host = host.data();
+        announcement.pid = static_cast<std::uint32_t>(process->getPid());
+        announcement.protocol = 1;
+        announcement.modules._buffer = modules.data();
+        announcement.modules._length = announcement.modules._maximum =
+            static_cast<std::uint32_t>(modules.size());
+        stranger.announce(announcement);
+        ASSERT_TRUE(broker->getSession().waitForService("Server", kPatience));
+        ASSERT_TRUE(eventually([&] { return isKnown(); }));
+    }
+    bool isKnown() const { return broker->getProxy("Server")->call<bool>("isReachable", "Earlier"); }
+
+    TestDomain domain;
+    const std::string options =
+        "lease=1&local=off"; // otherwise DDS ignores the broker and the stranger beside it
+    boost::shared_ptr<KRBroker> broker = domain.createBroker(options);
+    OtherProcess server{domain.getUrl(options), {"module", "Server"}};
+    Stranger stranger{domain.getNumber()};
+    std::optional<StartedProcess> process;
+};
+
+TEST_F(KRDDSEarlierBroker, IsGoneWhenItsProcessIsKilled) {
+    process->kill();
+    EXPECT_TRUE(eventually([&] { return !isKnown(); }));
+}
+
+TEST_F(KRDDSEarlierBroker, IsGoneWhenItsProcessHasBeenFrozenForItsLease) {
+    process->freeze();
+    EXPECT_TRUE(eventually([&] { return !isKnown(); }));
+    process->thaw();
+}
+
+TEST_F(KRDDSEarlierBroker, FindsAPulseInProcessesOfThisVersion) {
+    const std::string wanted = "/memfd:krvision-pulse-" + stranger.findBrokerOf(server.getPid());
+    std::string found;
+    for (const auto& file :
+         std::filesystem::directory_iterator("/proc/" + std::to_string(server.getPid()) + "/fd")) {
+        std::error_code ignored;
+        if (std::filesystem::read_symlink(file.path(), ignored).string().starts_with(wanted)) {
+            found = file.path();
+        }
+    }
+    const auto readPulse = [&] {
+        std::uint64_t pulse = 0;
+        std::ifstream(found, std::ios::binary).read(reinterpret_cast<char*>(&pulse), sizeof pulse);
+        return pulse;
+    };
+    EXPECT_TRUE(eventually([&] { return readPulse() > 0; }));
+    const auto first = readPulse();
+    EXPECT_TRUE(eventually([&] { return readPulse() > first; }));
 }
 
 TEST(KRDDSDeparture, AProcessThatIsFrozenCountsAsGoneUntilItIsBack) {

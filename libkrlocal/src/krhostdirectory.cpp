@@ -2,8 +2,8 @@
 
 #include "krhostentry.hpp"
 #include "krhostmeeting.hpp"
+#include "krlocal/krprocess.hpp"
 #include "krlocalframe.hpp"
-#include "krprocess.hpp"
 
 #include <krplatform/krerror.hpp>
 #include <krplatform/krlog.hpp>
@@ -45,7 +45,7 @@ public:
     void join(const Options& options) {
         std::unique_ptr<KRHostEntryWriter> own;
         try {
-            own = std::make_unique<KRHostEntryWriter>();
+            own = std::make_unique<KRHostEntryWriter>(options.broker);
         } catch (const std::system_error& error) {
             throw KRError("KRHostDirectory", "join", std::string("no shared memory: ") + error.what());
         }
@@ -183,6 +183,11 @@ public:
         }
     }
 
+    bool knows(const std::string& broker) const {
+        const KRLock lock(mutex_);
+        return others_.contains(broker);
+    }
+
 private:
     static constexpr std::uint64_t kNone = 1; // a version that no entry has when it is stable
 
@@ -316,6 +321,10 @@ void KRHostDirectory::settle() {
 
 void KRHostDirectory::beat(std::chrono::milliseconds time) {
     private_->beat(time);
+}
+
+bool KRHostDirectory::knows(const std::string& broker) const {
+    return private_->knows(broker);
 }
 
 } // namespace KR

@@ -25,8 +25,10 @@ struct KRHostEntry {
 /// The own entry. One thread at a time.
 class KRHostEntryWriter {
 public:
-    /// \throws std::system_error
-    KRHostEntryWriter() : memory_(sizeof(KRHostEntry)) {}
+    /// Brokers of earlier versions watch the number at the beginning of the memory of this name, as a pulse.
+    /// \param broker  identity \throws std::system_error
+    explicit KRHostEntryWriter(const std::string& broker)
+        : memory_(sizeof(KRHostEntry), "krvision-pulse-" + broker) {}
 
     int getDescriptor() const noexcept { return memory_.getDescriptor(); }
     void beat() noexcept;

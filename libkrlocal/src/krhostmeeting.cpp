@@ -1,8 +1,8 @@
 #include "krhostmeeting.hpp"
 
 #include "krlocal/krhostdirectory.hpp"
+#include "krlocal/krprocess.hpp"
 #include "krlocalsocket.hpp"
-#include "krprocess.hpp"
 
 #include <krplatform/krerror.hpp>
 #include <krplatform/krlog.hpp>

@@ -1,4 +1,4 @@
-#include "krprocess.hpp"
+#include "krlocal/krprocess.hpp"
 
 #include "krdescriptor.hpp"
 

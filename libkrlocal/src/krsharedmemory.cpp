@@ -22,8 +22,8 @@ constexpr int kSeals = F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_FUTURE_WRITE;
     throw std::system_error(errno, std::generic_category(), what);
 }
 
-KRDescriptor create(std::size_t size) {
-    KRDescriptor descriptor(memfd_create("krvision", MFD_CLOEXEC | MFD_ALLOW_SEALING));
+KRDescriptor create(std::size_t size, const std::string& name) {
+    KRDescriptor descriptor(memfd_create(name.c_str(), MFD_CLOEXEC | MFD_ALLOW_SEALING));
     if (!descriptor) {
         fail("memfd_create");
     }
@@ -35,7 +35,8 @@ KRDescriptor create(std::size_t size) {
 
 } // namespace
 
-KRSharedMemory::KRSharedMemory(std::size_t size) : size_(size), descriptor_(create(size)) {
+KRSharedMemory::KRSharedMemory(std::size_t size, const std::string& name)
+    : size_(size), descriptor_(create(size, name)) {
     void* mapped = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, descriptor_.get(), 0);
     if (mapped == MAP_FAILED) {
         fail("mmap");

@@ -5,15 +5,17 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <string>
 
 namespace KR {
 
-/// Memory of this process that others can map read-only: an unnamed memfd, which the kernel frees with its last mapping.
+/// Memory of this process that others can map read-only: a memfd, which the kernel frees with its last mapping.
 /// Its size is sealed, and no other process can ever map it for writing.
 class KRSharedMemory {
 public:
-    /// Filled with zeros; pages are allocated when touched. \throws std::system_error
-    explicit KRSharedMemory(std::size_t size);
+    /// Filled with zeros; pages are allocated when touched.
+    /// \param name  shown in /proc \throws std::system_error
+    explicit KRSharedMemory(std::size_t size, const std::string& name = "krvision");
     ~KRSharedMemory();
     KRSharedMemory(const KRSharedMemory&) = delete;
     KRSharedMemory& operator=(const KRSharedMemory&) = delete;

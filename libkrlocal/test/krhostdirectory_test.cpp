@@ -271,7 +271,7 @@ std::string toPacket(const KRHostGreeting& greeting) {
 
 TEST_F(KRHostDirectoryTest, WhoeverBreaksTheProtocolIsDisconnected) {
     const auto other = start("there", "hello");
-    const KRHostEntryWriter entry;
+    const KRHostEntryWriter entry("liar");
     // What they contain would be seen in the text of the other.
     KRHostEntry forged{};
     forged.version = 2;

@@ -3,8 +3,8 @@
 #include "krlocal/krlocalendpoint.hpp"
 
 #include "images.hpp"
+#include "krlocal/krprocess.hpp"
 #include "krlocalsocket.hpp"
-#include "krprocess.hpp"
 #include "limits.hpp"
 #include "otherprocess.hpp"
 #include "patience.hpp"

@@ -85,6 +85,8 @@ public:
     /// \param time  a broker without a beat in two calls and for this time is frozen if its process is stopped. After ten
     ///              times as long also if not, as it may be waiting for a processor
     void beat(std::chrono::milliseconds time);
+    /// Whether the broker is one of the others.
+    bool knows(const std::string& broker) const;
 
 private:
     class Private;
