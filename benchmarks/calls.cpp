@@ -7,24 +7,22 @@
 #include <krplatform/krmodulehandle.hpp>
 #include <krplatform/krproxy.hpp>
 
+#include "baresocket.hpp"
+#include "circumstances.hpp"
+
 #include <benchmark/benchmark.h>
 
-#include <arpa/inet.h>
 #include <fcntl.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <spawn.h>
-#include <sys/prctl.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
-#include <csignal>
+#include <chrono>
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <iostream>
 #include <map>
 #include <mutex>
@@ -38,7 +36,9 @@ extern char** environ;
 
 namespace {
 
-constexpr std::size_t kRequestSize = 64;
+using Clock = std::chrono::steady_clock;
+
+constexpr std::array<int, 2> kSizes{614400, 2457600}; // of images, in bytes
 const std::string kUrl = "dds:?domain=99&interfaces=lo&lease=10";
 
 /// Serves images of any size, always with the same pixels.
@@ -55,6 +55,9 @@ public:
         functionName("getHeapImage", "Still", "");
         addParam("size", "bytes");
         advertiseMethod(getCurrentMethodDescription(), this, &Still::getHeapImage);
+        functionName("copyHeapImage", "Still", "");
+        addParam("size", "bytes");
+        advertiseMethod(getCurrentMethodDescription(), this, &Still::copyHeapImage);
     }
     ~Still() override { shutDown(); }
     int addOne(int number) { return number + 1; }
@@ -62,6 +65,19 @@ public:
     KR::KRValue getImage(int size) { return makeImage(size, true); }
     /// In this process's own memory.
     KR::KRValue getHeapImage(int size) { return makeImage(size, false); }
+    /// Copies the pixels of getHeapImage(), to the same memory each time. Returns the time that takes in nanoseconds.
+    int copyHeapImage(int size) {
+        const KR::KRValue image = getHeapImage(size);
+        const KR::KRBinary& pixels = image[6].GetBinary();
+        const std::lock_guard lock(mutex_);
+        std::vector<unsigned char>& copy = copies_[size];
+        copy.resize(pixels.size());
+        const auto begin = Clock::now();
+        std::memcpy(copy.data(), pixels.data(), pixels.size());
+        benchmark::DoNotOptimize(copy.data());
+        benchmark::ClobberMemory();
+        return static_cast<int>(std::chrono::nanoseconds(Clock::now() - begin).count());
+    }
 
 private:
     KR::KRValue makeImage(int size, bool shared) {
@@ -79,89 +95,8 @@ private:
 
     std::mutex mutex_;
     std::map<std::pair<int, bool>, KR::KRBinary> images_; // guarded by mutex_
+    std::map<int, std::vector<unsigned char>> copies_;    // guarded by mutex_, by size
 };
-
-void sendAll(int socket, const void* bytes, std::size_t size) {
-    const char* next = static_cast<const char*>(bytes);
-    while (size > 0) {
-        const ssize_t sent = send(socket, next, size, MSG_NOSIGNAL);
-        if (sent <= 0) {
-            throw std::runtime_error("a bare request or reply cannot be sent");
-        }
-        next += sent;
-        size -= static_cast<std::size_t>(sent);
-    }
-}
-
-bool receiveAll(int socket, void* bytes, std::size_t size) {
-    char* next = static_cast<char*>(bytes);
-    while (size > 0) {
-        const ssize_t received = recv(socket, next, size, 0);
-        if (received <= 0) {
-            return false;
-        }
-        next += received;
-        size -= static_cast<std::size_t>(received);
-    }
-    return true;
-}
-
-void setNoDelay(int socket) {
-    const int on = 1;
-    setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on); // fails on sockets without it
-}
-
-/// Answers each request of one client with the number of bytes it asks for.
-void serveBare(int listening) {
-    const int socket = accept(listening, nullptr, nullptr);
-    setNoDelay(socket);
-    const std::vector<char> pixels(4 << 20, 100);
-    std::array<char, kRequestSize> request{};
-    while (receiveAll(socket, request.data(), request.size())) {
-        std::uint32_t size = 0;
-        std::memcpy(&size, request.data(), sizeof size);
-        sendAll(socket, pixels.data(), size);
-    }
-    close(socket);
-}
-
-sockaddr_in getLoopback(std::uint16_t port) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(port);
-    return address;
-}
-
-sockaddr_un getAbstract(const std::string& name) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::copy(name.begin(), name.end(), address.sun_path + 1);
-    return address;
-}
-
-template <class Address>
-int listenAt(Address& address) {
-    const int listening =
-        socket(reinterpret_cast<const sockaddr&>(address).sa_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    socklen_t length = sizeof address;
-    if (bind(listening, reinterpret_cast<sockaddr*>(&address), length) != 0 || listen(listening, 1) != 0 ||
-        getsockname(listening, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-        throw std::runtime_error("cannot listen on a socket");
-    }
-    return listening;
-}
-
-template <class Address>
-int connectTo(const Address& address) {
-    const int connected =
-        socket(reinterpret_cast<const sockaddr&>(address).sa_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (connect(connected, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-        throw std::runtime_error("the process to call does not start");
-    }
-    setNoDelay(connected);
-    return connected;
-}
 
 int serve() {
     const std::string name = "krvision-benchmark-" + std::to_string(getpid());
@@ -235,6 +170,7 @@ public:
         return server;
     }
 
+    pid_t getProcess() const { return pid_; }
     KR::KRProxy& getProxy(Way way) { return *proxies_.at(way); }
 
     void fetchBare(Way way, std::vector<char>& reply) const {
@@ -266,89 +202,125 @@ private:
     std::map<Way, boost::shared_ptr<KR::KRProxy>> proxies_;
 };
 
-/// Processes that loop at full speed while this object exists.
-class BusyLoops {
+/// Median times of all kinds of calls in microseconds, as counters named subject/implementation/size. A few calls of
+/// each kind in turn, many times, so that what disturbs one disturbs all.
+class Comparison {
 public:
-    explicit BusyLoops(std::int64_t count) {
-        for (std::int64_t i = 0; i < count; ++i) {
-            const pid_t pid = fork();
-            if (pid == 0) {
-                prctl(PR_SET_PDEATHSIG, SIGKILL);
-                for (volatile bool forever = true; forever;) {
-                }
-                _exit(0);
+    explicit Comparison(std::string circumstances) : circumstances_(std::move(circumstances)) {}
+
+    /// A bare round trip, and calls through the socket and shared memory.
+    void addLocalCalls() {
+        add("remote call/unix/int to int", [this] { fetchBare(Unix, kRequestSize); });
+        add("remote call/krvision/int to int", [this] { call(Local); });
+        for (const int size : kSizes) {
+            addImage("krvision", size, [this, size] { fetch(Local, "getImage", size); });
+            addImage("krvision copied", size, [this, size] { fetch(Local, "getHeapImage", size); });
+            addImage("memcpy in a call", size, [this, size] {
+                const int time_ns = server_.getProxy(Local).call<int>("copyHeapImage", size);
+                times_us_[nameImage("memcpy", size)].push_back(time_ns / 1000.0);
+            });
+        }
+    }
+
+    /// The same calls over DDS, bare ones over TCP, and images over bare sockets.
+    void addOtherCalls() {
+        add("remote call/tcp/int to int", [this] { fetchBare(TCP, kRequestSize); });
+        add("remote call/over DDS/int to int", [this] { call(DDS); });
+        for (const int size : kSizes) {
+            addImage("unix", size, [this, size] { fetchBare(Unix, static_cast<std::size_t>(size)); });
+            addImage("tcp", size, [this, size] { fetchBare(TCP, static_cast<std::size_t>(size)); });
+            addImage("over DDS", size, [this, size] { fetch(DDS, "getImage", size); });
+        }
+    }
+
+    void warmUp() const {
+        for (const auto& [name, run] : kinds_) {
+            run();
+        }
+    }
+
+    void runEach() {
+        constexpr int kAtATime = 16;
+        for (const auto& [name, run] : kinds_) {
+            for (int i = 0; i < kAtATime; ++i) {
+                const auto begin = Clock::now();
+                run();
+                const std::chrono::duration<double, std::micro> time_us = Clock::now() - begin;
+                times_us_[name].push_back(time_us.count());
             }
-            pids_.push_back(pid);
         }
     }
-    ~BusyLoops() {
-        for (const pid_t pid : pids_) {
-            kill(pid, SIGKILL);
-            waitpid(pid, nullptr, 0);
+
+    void report(benchmark::State& state) {
+        for (auto& [name, times] : times_us_) {
+            const auto middle = times.begin() + static_cast<std::ptrdiff_t>(times.size() / 2);
+            std::nth_element(times.begin(), middle, times.end());
+            state.counters[name + circumstances_] = *middle;
         }
     }
-    BusyLoops(const BusyLoops&) = delete;
-    BusyLoops& operator=(const BusyLoops&) = delete;
 
 private:
-    std::vector<pid_t> pids_;
-};
-
-std::string describe(const std::string& size, std::int64_t busy) {
-    return size + (busy == 0 ? "" : ", " + std::to_string(busy) + " busy");
-}
-
-void call(benchmark::State& state, Way way) {
-    KR::KRProxy& proxy = Server::get().getProxy(way);
-    const BusyLoops busy(state.range(0));
-    int number = 0;
-    for ([[maybe_unused]] auto _ : state) {
-        number = proxy.call<int>("addOne", number & 0xffff);
+    static std::string nameImage(const std::string& implementation, int size) {
+        return "remote image/" + implementation + "/" + std::to_string(size) + " bytes";
     }
-    state.SetLabel(describe("int to int", state.range(0)));
-}
-
-void callBare(benchmark::State& state, Way way) {
-    const Server& server = Server::get();
-    const BusyLoops busy(state.range(0));
-    std::vector<char> reply(kRequestSize);
-    for ([[maybe_unused]] auto _ : state) {
-        server.fetchBare(way, reply);
+    void add(const std::string& name, std::function<void()> run) {
+        kinds_.emplace_back(name, std::move(run));
     }
-    state.SetLabel(describe("int to int", state.range(0)));
-}
+    void addImage(const std::string& implementation, int size, std::function<void()> run) {
+        add(nameImage(implementation, size), std::move(run));
+    }
 
-void fetch(benchmark::State& state, Way way, const char* method) {
-    KR::KRProxy& proxy = Server::get().getProxy(way);
-    const BusyLoops busy(state.range(1));
-    const int size = static_cast<int>(state.range(0));
-    for ([[maybe_unused]] auto _ : state) {
-        const KR::KRValue image = proxy.call<KR::KRValue>(method, size);
+    void call(Way way) { benchmark::DoNotOptimize(server_.getProxy(way).call<int>("addOne", 1)); }
+    void fetch(Way way, const char* method, int size) {
+        const KR::KRValue image = server_.getProxy(way).call<KR::KRValue>(method, size);
         benchmark::DoNotOptimize(image[6].GetBinary().data()[0]);
     }
-    state.SetLabel(describe(std::to_string(size) + " bytes", state.range(1)));
+    void fetchBare(Way way, std::size_t size) {
+        reply_.resize(size);
+        server_.fetchBare(way, reply_);
+    }
+
+    Server& server_ = Server::get();
+    const std::string circumstances_;
+    std::vector<std::pair<std::string, std::function<void()>>> kinds_;
+    std::map<std::string, std::vector<double>> times_us_;
+    std::vector<char> reply_ = std::vector<char>(kSizes.back()); // capacity for all
+};
+
+std::string describeLoad(std::int64_t loops) {
+    return loops == 0 ? "" : ", " + std::to_string(loops) + " busy";
 }
 
-void fetchBare(benchmark::State& state, Way way) {
-    const Server& server = Server::get();
-    const BusyLoops busy(state.range(1));
-    std::vector<char> reply(static_cast<std::size_t>(state.range(0)));
-    for ([[maybe_unused]] auto _ : state) {
-        server.fetchBare(way, reply);
+void compareCalls(benchmark::State& state, Placement placement, const std::string& place) {
+    if (placement == TwoCores && std::thread::hardware_concurrency() < 2) {
+        state.SkipWithError("there is one core only");
+        return;
     }
-    state.SetLabel(describe(std::to_string(state.range(0)) + " bytes", state.range(1)));
+    Comparison comparison(place + describeLoad(state.range(0)));
+    comparison.addLocalCalls();
+    const pid_t other = Server::get().getProcess();
+    {
+        const Placed together(other,
+                              OneCore); // no pair of threads starts apart, where the kernel would leave it
+        comparison.warmUp();
+    }
+    const Placed placed(other, placement);
+    const BusyLoops busy(state.range(0));
+    for ([[maybe_unused]] auto _ : state) {
+        comparison.runEach();
+    }
+    comparison.report(state);
 }
 
-void copy(benchmark::State& state) {
-    const BusyLoops busy(state.range(1));
-    const std::vector<char> from(static_cast<std::size_t>(state.range(0)), 1);
-    std::vector<char> to(from.size());
+/// Apart from the others, as DDS works on for a while after a call.
+void compareOtherCalls(benchmark::State& state) {
+    Comparison comparison(describeLoad(state.range(0)));
+    comparison.addOtherCalls();
+    const BusyLoops busy(state.range(0));
     for ([[maybe_unused]] auto _ : state) {
-        std::memcpy(to.data(), from.data(), from.size());
-        benchmark::DoNotOptimize(to.data());
-        benchmark::ClobberMemory();
+        comparison.runEach();
     }
-    state.SetLabel(describe(std::to_string(state.range(0)) + " bytes", state.range(1)));
+    comparison.report(state);
 }
 
 /// Time of one call while several threads call at once: the reciprocal of the throughput.
@@ -362,22 +334,18 @@ void callFromThreads(benchmark::State& state) {
     }
 }
 
-void atEverySize(benchmark::internal::Benchmark* each) {
-    each->ArgsProduct({{614400, 2457600}, {0, 1, 2}})->UseRealTime();
+void withLoads(benchmark::internal::Benchmark* each) {
+    each->DenseRange(0, 2)->Iterations(10);
 }
 
-BENCHMARK_CAPTURE(call, local, Local)->Name("remote call/krvision")->DenseRange(0, 2)->UseRealTime();
-BENCHMARK_CAPTURE(call, dds, DDS)->Name("remote call/over DDS")->DenseRange(0, 2)->UseRealTime();
-BENCHMARK_CAPTURE(callBare, unix, Unix)->Name("remote call/unix")->DenseRange(0, 2)->UseRealTime();
-BENCHMARK_CAPTURE(callBare, tcp, TCP)->Name("remote call/tcp")->DenseRange(0, 2)->UseRealTime();
-BENCHMARK_CAPTURE(fetch, local, Local, "getImage")->Name("remote image/krvision")->Apply(atEverySize);
-BENCHMARK_CAPTURE(fetch, copied, Local, "getHeapImage")
-    ->Name("remote image/krvision copied")
-    ->Apply(atEverySize);
-BENCHMARK_CAPTURE(fetch, dds, DDS, "getImage")->Name("remote image/over DDS")->Apply(atEverySize);
-BENCHMARK_CAPTURE(fetchBare, unix, Unix)->Name("remote image/unix")->Apply(atEverySize);
-BENCHMARK_CAPTURE(fetchBare, tcp, TCP)->Name("remote image/tcp")->Apply(atEverySize);
-BENCHMARK(copy)->Name("remote image/memcpy")->Apply(atEverySize);
+BENCHMARK_CAPTURE(compareCalls, any, AnyCore, "")->Name("remote call and image")->Apply(withLoads);
+BENCHMARK_CAPTURE(compareCalls, one, OneCore, ", one core")
+    ->Name("remote call and image, one core")
+    ->Apply(withLoads);
+BENCHMARK_CAPTURE(compareCalls, two, TwoCores, ", two cores")
+    ->Name("remote call and image, two cores")
+    ->Apply(withLoads);
+BENCHMARK(compareOtherCalls)->Name("remote call and image, other ways")->Apply(withLoads);
 BENCHMARK(callFromThreads)->Name("remote calls/krvision")->ThreadRange(1, 32)->UseRealTime();
 
 } // namespace
