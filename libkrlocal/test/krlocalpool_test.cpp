@@ -137,6 +137,36 @@ TEST_F(Lending, ASlotIsUsedAgainOnlyWhenTheReceiversLastCopyIsGone) {
     EXPECT_EQ(pool->allocate(kPixels).get(), address);
 }
 
+TEST_F(Lending, ACopyIsMadeInTheSlotThatHasJustBeenReturned) {
+    const std::vector<unsigned char> pixels(kPixels, 5);
+    const KRBinary outside = KRBinary::copyOf(pixels.data(), pixels.size());
+    const unsigned char* slot = nullptr;
+    for (int i = 0; i < 5; ++i) {
+        KRBinary copy = lendings->toShared(outside);
+        ASSERT_EQ(copy, outside);
+        if (i > 0) {
+            EXPECT_EQ(copy.data(), slot) << i; // still in the cache
+        }
+        slot = copy.data();
+        const KRBinary got = pass(copy);
+        copy = {};
+        EXPECT_EQ(got, outside);
+    }
+}
+
+TEST_F(Lending, ACopyStartsAsFarIntoACacheLineAsItsOriginal) {
+    const auto position = [](const KRBinary& binary) {
+        return reinterpret_cast<std::uintptr_t>(binary.data()) % 64;
+    };
+    const boost::shared_ptr<unsigned char[]> bytes(new unsigned char[kPixels + 64]());
+    for (std::size_t shift = 0; shift < 64; ++shift) {
+        const KRBinary outside(boost::shared_ptr<unsigned char[]>(bytes, bytes.get() + shift), kPixels);
+        const KRBinary copy = lendings->toShared(outside);
+        ASSERT_EQ(copy, outside);
+        EXPECT_EQ(position(copy), position(outside));
+    }
+}
+
 TEST_F(Lending, APoolThatIsShortTakesWhatHasBeenGivenBack) {
     std::vector<KRBinary> got;
     const std::size_t size = 5 * kMega / 2;

@@ -16,8 +16,10 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdint>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <random>
 #include <sstream>
 #include <thread>
@@ -212,6 +214,42 @@ TEST_F(KRLocalServers, AnswerAHundredCallersAtOnce) {
         caller.join();
     }
     EXPECT_EQ(wrong, 0);
+}
+
+/// How often threads of a process have waited.
+std::int64_t countWaits(pid_t process) {
+    std::int64_t count = 0;
+    for (const auto& thread :
+         std::filesystem::directory_iterator("/proc/" + std::to_string(process) + "/task")) {
+        std::ifstream status(thread.path() / "status");
+        for (std::string line; std::getline(status, line);) {
+            if (line.starts_with("voluntary_ctxt_switches:")) {
+                count += std::stoll(line.substr(line.find(':') + 1));
+            }
+        }
+    }
+    return count;
+}
+
+TEST_F(KRLocalServers, WakeOneThreadOnEachSideForACallWithOrWithoutAnImage) {
+    const OtherProcess server({"serve"});
+    const auto connection = connect(server);
+    const KRBinary outside = test::makeBinary(kSmall, 5); // copied on its way there and back
+    const std::vector<std::function<void()>> kinds{
+        [&] { connection->call(test::makeMessage(1, "")); },
+        [&] { fetchImage(*connection, kSmall); },
+        [&] { connection->call(test::makeMessage(1, "", {outside})); },
+    };
+    constexpr int kCalls = 400;
+    for (std::size_t kind = 0; kind < kinds.size(); ++kind) {
+        kinds[kind]();
+        const std::int64_t before = countWaits(getpid()) + countWaits(server.getPid());
+        for (int i = 0; i < kCalls; ++i) {
+            kinds[kind]();
+        }
+        const std::int64_t waits = countWaits(getpid()) + countWaits(server.getPid()) - before;
+        EXPECT_LE(waits, 2 * kCalls + kCalls / 4) << kind; // the threads that tick wait, too
+    }
 }
 
 TEST_F(KRLocalServers, GetTheirMemoryBackFromAnIdleClient) {
