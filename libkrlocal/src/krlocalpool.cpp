@@ -175,6 +175,9 @@ bool KRLocalPool::grow(std::size_t slotSize) {
 void KRLocalPool::addWaker(const std::shared_ptr<const KRLocalWaker>& waker) {
     const KRLock lock(mutex_);
     wakers_.push_back(waker);
+    if (!memories_.empty()) {
+        waker->wake(); // whoever was woken when the first was made may be gone
+    }
 }
 
 void KRLocalPool::wakeTrimmers() {

@@ -216,8 +216,8 @@ TEST_F(KRLocalServers, AnswerAHundredCallersAtOnce) {
     EXPECT_EQ(wrong, 0);
 }
 
-/// How often threads of a process have waited.
-std::int64_t countWaits(pid_t process) {
+/// How often the threads of a process have waited.
+std::int64_t countAllWaits(pid_t process) {
     std::int64_t count = 0;
     for (const auto& thread :
          std::filesystem::directory_iterator("/proc/" + std::to_string(process) + "/task")) {
@@ -243,11 +243,11 @@ TEST_F(KRLocalServers, WakeOneThreadOnEachSideForACallWithOrWithoutAnImage) {
     constexpr int kCalls = 400;
     for (std::size_t kind = 0; kind < kinds.size(); ++kind) {
         kinds[kind]();
-        const std::int64_t before = countWaits(getpid()) + countWaits(server.getPid());
+        const std::int64_t before = countAllWaits(getpid()) + countAllWaits(server.getPid());
         for (int i = 0; i < kCalls; ++i) {
             kinds[kind]();
         }
-        const std::int64_t waits = countWaits(getpid()) + countWaits(server.getPid()) - before;
+        const std::int64_t waits = countAllWaits(getpid()) + countAllWaits(server.getPid()) - before;
         EXPECT_LE(waits, 2 * kCalls + kCalls / 4) << kind; // the threads that tick wait, too
     }
 }
@@ -296,6 +296,19 @@ TEST_F(KRLocalReaders, MayComeLaterThanMemoryThatIsNotUsed) {
     KRBinary::allocate(kLarge);
     EXPECT_GT(endpoint.getStatistics().memory, 0U);
     EXPECT_TRUE(test::eventually([&] { return endpoint.getStatistics().memory == 0; }));
+}
+
+TEST(KRLocalEndpoint, FreesMemoryThatAnEarlierOneHasLeft) {
+    test::TestService service;
+    {
+        KRLocalEndpoint earlier(KRLocalOptions{"earlier", ""}, service);
+        KRBinary::allocate(kLarge);
+        earlier.stop();
+    }
+    KRLocalEndpoint endpoint(KRLocalOptions{"this process", ""}, service);
+    EXPECT_GT(endpoint.getStatistics().memory, 0U);
+    EXPECT_TRUE(test::eventually([&] { return endpoint.getStatistics().memory == 0; }));
+    endpoint.stop();
 }
 
 std::vector<std::string> operator+(std::vector<std::string> words, const std::vector<std::string>& more) {
