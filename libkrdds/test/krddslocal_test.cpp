@@ -12,6 +12,7 @@
 #include <krlocal/krhostdirectory.hpp>
 #include <krlocal/krlocalendpoint.hpp>
 #include <krplatform/krproxy.hpp>
+#include <krplatform/krtext.hpp>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -320,15 +321,27 @@ TEST(KRDDSWays, ABrokerThatOffersNoSocketIsCalledOverDDS) { // as those of earli
     checkCalls(domain, kOptions, other, "DDS: it offers no other way");
 }
 
+/// An announcement in the host directory: the broker has a module "Ghost".
+std::string announceGhost(const std::string& broker, pid_t process) {
+    using namespace std::string_literals;
+    return broker + "\0"s + "1\0name\0host\0"s + std::to_string(process) +
+           "\0\0"
+           "0\0"
+           "0\0"s +
+           "\x91\x95\xa5Ghost\x01\x01\x64\0"s;
+}
+
 TEST_F(KRDDSLocal, WhatIsNoAnnouncementInTheHostDirectoryDisturbsNobody) {
-    const std::vector<std::pair<std::string, std::string>> lies{
-        {"liar", "text"},
-        {std::string(32, 'a'), "text"},
-        {std::string(32, 'b'),
-         std::string(32, 'b') + std::string("\0001\0name\0host\0007\0\0007\0000\0\x90", 20)},
-        {std::string(32, 'c'),
-         std::string(32, 'd') + std::string("\0001\0name\0host\0007\0\0007\0000\0\x90", 20)}};
-    for (const auto& [id, text] : lies) {
+    const std::string honest(32, 'a');
+    const std::string other(32, 'b');
+    const std::vector<std::pair<std::string, std::string>> announcements{
+        {honest, announceGhost(honest, getpid())},
+        {"liar", announceGhost("liar", getpid())},
+        {honest, "text"},
+        {honest, announceGhost(honest, getpid() + 1)},
+        {honest, announceGhost(other, getpid())},
+        {honest, announceGhost(honest, getpid()).substr(0, 60)}};
+    for (const auto& [id, text] : announcements) {
         KRHostDirectory liar;
         liar.join({"dds" + std::to_string(domain.getNumber()), id, true});
         liar.publish(text);
@@ -338,8 +351,16 @@ TEST_F(KRDDSLocal, WhatIsNoAnnouncementInTheHostDirectoryDisturbsNobody) {
             liar.settle();
             return liar.hasMetAll();
         }));
-        EXPECT_EQ(proxy->call<int>("getPid"), server.getPid());
+        // Once they have met, the announcement has taken effect.
+        EXPECT_EQ(proxy->call<bool>("take", "Ghost"), &text != &announcements.front().second)
+            << escapeText(text);
+        proxy->call("giveBack");
         liar.leave();
+        EXPECT_TRUE(eventually([&] { // it has left
+            const bool isFree = proxy->call<bool>("take", "Ghost");
+            proxy->call("giveBack");
+            return isFree;
+        }));
     }
     const OtherProcess late(domain.getUrl(kOptions), {"module", "Late"});
     EXPECT_TRUE(eventually([&] { return proxy->call<bool>("isReachable", "Late"); }));

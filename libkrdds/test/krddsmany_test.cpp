@@ -154,6 +154,37 @@ TEST(KRDDSMany, BrokersThatDoNotCallEachOtherHaveNoWritersForThat) {
     dds_delete(observer);
 }
 
+/// How many participants of other processes the engine of this one has discovered on the domain.
+int countParticipants(const TestDomain& domain) {
+    const dds_entity_t observer = dds_create_participant(domain.getNumber(), nullptr, nullptr);
+    const dds_entity_t reader =
+        dds_create_reader(observer, DDS_BUILTIN_TOPIC_DCPSPARTICIPANT, nullptr, nullptr);
+    std::vector<void*> samples(1000);
+    std::vector<dds_sample_info_t> info(samples.size());
+    const dds_return_t taken = dds_read(reader, samples.data(), info.data(), samples.size(), 1000);
+    int count = -2; // the broker's and this one
+    for (dds_return_t i = 0; i < taken; ++i) {
+        count += info[i].valid_data && info[i].instance_state == DDS_ALIVE_INSTANCE_STATE ? 1 : 0;
+    }
+    if (taken > 0) {
+        dds_return_loan(reader, samples.data(), taken);
+    }
+    dds_delete(observer);
+    return count;
+}
+
+TEST(KRDDSMany, BrokersThatHaveMetOnTheHostAreNotDiscoveredOverDDS) {
+    const TestDomain domain;
+    const OtherProcess met(domain.getUrl("local=on&lease=30"), {"module", "Met"});
+    const auto broker = domain.createBroker("local=on&lease=30");
+    ASSERT_TRUE(broker->getSession().waitForService("Met", kPatience));
+    EXPECT_EQ(broker->getProxy("Met")->call<int>("getPid"), met.getPid());
+    EXPECT_EQ(countParticipants(domain), 0);
+    const OtherProcess discovered(domain.getUrl("local=off&lease=30"), {"module", "Discovered"});
+    ASSERT_TRUE(broker->getSession().waitForService("Discovered", kPatience));
+    EXPECT_EQ(countParticipants(domain), 1);
+}
+
 TEST(KRDDSMany, ProcessesForWhichThereIsNoPlaceAreDiscoveredByMulticast) {
     const TestDomain domain;
     std::vector<int> sockets;
