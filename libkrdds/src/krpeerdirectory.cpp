@@ -166,8 +166,7 @@ void KRPeerDirectory::setModules(const std::string& id, Neighbor& neighbor, KRAn
     };
     compare(neighbor.modules, modules, [&](const std::string& gone) KR_REQUIRES(mutex_) {
         const auto hosts = hosts_.find(gone);
-        std::erase(hosts->second, id);
-        if (hosts->second.empty()) {
+        if (hosts != hosts_.end() && std::erase(hosts->second, id) > 0 && hosts->second.empty()) {
             hosts_.erase(hosts);
         }
     });

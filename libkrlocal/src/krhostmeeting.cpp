@@ -179,7 +179,7 @@ std::chrono::milliseconds KRHostMeeting::addSockets(std::vector<pollfd>& sockets
     for (const Guest& guest : guests_) {
         sockets.push_back({guest.socket.get(), POLLIN, 0});
     }
-    return complete_ ? kForever : kRetry;
+    return complete_ ? kForever : hasBegun_ ? kRetry : std::chrono::milliseconds(0);
 }
 
 std::size_t KRHostMeeting::countNewcomers() const {
@@ -199,6 +199,7 @@ std::vector<KRHostMeeting::Met> KRHostMeeting::advance(const std::vector<pollfd>
             ready.insert(each.fd);
         }
     }
+    hasBegun_ = true;
     probe(now);
     acceptNewcomers(now);
     std::vector<Met> met;

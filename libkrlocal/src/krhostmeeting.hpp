@@ -103,6 +103,7 @@ private:
     KRDescriptor trying_; // not connected yet
     std::vector<int> unprobed_;
     std::list<Guest> guests_;
+    bool hasBegun_ = false; // to meet others
     Clock::time_point progress_;
     Clock::time_point begin_;
     Clock::time_point checked_; // which are stopped

@@ -73,7 +73,7 @@ public:
     void interrupt() noexcept;
 
     /// Waits until there may be news, interrupt() was called or the time is over; meets others meanwhile.
-    /// \return false: the time is over
+    /// \return whether something has woken it
     bool wait(std::chrono::milliseconds time);
     /// Waits for interrupt() only: between looks at a busy directory.
     void pause(std::chrono::microseconds time);
