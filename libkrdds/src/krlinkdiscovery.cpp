@@ -28,8 +28,9 @@ constexpr int kTicksInLease = 4;
 constexpr std::size_t kMany = 32; // other processes of this host: ticks are rarer
 // When many processes start at once, discovery packets may be lost; the engine sends the next one much later.
 constexpr std::array<int, 4> kShowAgainAfter_ms{500, 1500, 4000, 10000};
-// Interval of heartbeats; with more than 25 other processes longer, so that together they send about 50 a second.
-constexpr std::chrono::nanoseconds kHeartbeat = std::chrono::milliseconds(500);
+// Interval of heartbeats; with more than 5 other processes longer, so that together they send about 50 a second. The first
+// call between two processes waits for some.
+constexpr std::chrono::nanoseconds kHeartbeat = std::chrono::milliseconds(100);
 constexpr std::chrono::nanoseconds kHeartbeatForEach = std::chrono::milliseconds(20);
 constexpr int kTicksOfQuiet = 20;                 // everything is reported; this is a fallback
 constexpr std::chrono::seconds kPollPatience{10}; // much longer than a poll takes on a busy machine
