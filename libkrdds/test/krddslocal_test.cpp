@@ -5,6 +5,7 @@
 #include "stranger.hpp"
 #include "testdomain.hpp"
 
+#include <descriptorlimits.hpp>
 #include <patience.hpp>
 #include <recordedlog.hpp>
 #include <testmodule.hpp>
@@ -163,6 +164,29 @@ TEST_F(KRDDSLocal, AProcessThatIsFrozenForAMomentGoesOn) {
     ending = true;
     caller.join();
     EXPECT_TRUE(describe(*broker, server).local);
+}
+
+TEST_F(KRDDSLocal, ABrokerWithoutADescriptorCallsOverDDSAndDisturbsNobody) {
+    if (!kCanTakeAllDescriptors) {
+        GTEST_SKIP() << "the sanitizer needs descriptors";
+    }
+    const RecordedLog log;
+    const OtherProcess other(domain.getUrl(kOptions), {"module", "Other"});
+    ASSERT_TRUE(broker->getSession().waitForService("Other", kPatience));
+    EXPECT_EQ(broker->getProxy("Other")->call<int>("getPid"), other.getPid());
+    {
+        const AllDescriptorsTaken all;
+        EXPECT_THROW(proxy->call<KRBinary>("allocateImage", kImage),
+                     KRError); // its memory cannot be received
+        EXPECT_TRUE(
+            log.waitFor(KRLogLevel::Warning, "shared memory cannot be received: Too many open files"));
+        EXPECT_TRUE(isStillImage(proxy->call<KRBinary>("allocateImage", kImage), kImage));
+        EXPECT_THAT(describe(*broker, server).way, HasSubstr("DDS: no socket: Too many open files"));
+        EXPECT_EQ(broker->getProxy("Other")->call<int>("getPid"), other.getPid());
+        EXPECT_TRUE(describe(*broker, other).local);
+    }
+    EXPECT_TRUE(isStillImage(proxy->call<KRBinary>("allocateImage", kImage), kImage));
+    EXPECT_EQ(proxy->call<std::vector<std::string>>("getGone").size(), 0U);
 }
 
 /// A module "Source" here that shares 8 MiB, and two processes that fetch images from it.

@@ -2,10 +2,10 @@
 
 #include "krlocal/krhostdirectory.hpp"
 
+#include "descriptorlimits.hpp"
 #include "krhostentry.hpp"
 #include "krhostmeeting.hpp"
 #include "krlocalsocket.hpp"
-#include "limits.hpp"
 #include "otherprocess.hpp"
 #include "patience.hpp"
 #include "recordedlog.hpp"

@@ -2,10 +2,10 @@
 
 #include "krlocal/krlocalendpoint.hpp"
 
+#include "descriptorlimits.hpp"
 #include "images.hpp"
 #include "krlocal/krprocess.hpp"
 #include "krlocalsocket.hpp"
-#include "limits.hpp"
 #include "otherprocess.hpp"
 #include "patience.hpp"
 #include "recordedlog.hpp"

@@ -1,7 +1,7 @@
+#include "descriptorlimits.hpp"
 #include "krborrowings.hpp"
 #include "krlendings.hpp"
 #include "krlocalpool.hpp"
-#include "limits.hpp"
 
 #include <gtest/gtest.h>
 

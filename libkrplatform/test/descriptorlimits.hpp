@@ -1,7 +1,5 @@
 #pragma once
 
-#include "krdescriptor.hpp"
-
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
@@ -13,7 +11,6 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -49,29 +46,37 @@ class AllDescriptorsTaken {
 public:
     AllDescriptorsTaken() {
         for (;;) {
-            KRDescriptor next(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0));
-            if (!next) {
+            const int next = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0);
+            if (next < 0) {
                 break;
             }
-            taken_.push_back(std::move(next));
+            taken_.push_back(next);
         }
         EXPECT_FALSE(taken_.empty());
     }
-    void freeOne() { taken_.pop_back(); }
+    ~AllDescriptorsTaken() {
+        while (!taken_.empty()) {
+            freeOne();
+        }
+    }
+    AllDescriptorsTaken(const AllDescriptorsTaken&) = delete;
+    AllDescriptorsTaken& operator=(const AllDescriptorsTaken&) = delete;
+
+    void freeOne() {
+        close(taken_.back());
+        taken_.pop_back();
+    }
 
 private:
     const LoweredLimit limit_{256};
-    std::vector<KRDescriptor> taken_;
+    std::vector<int> taken_;
 };
 
 /// More descriptors of this user under way in sockets than the kernel allows, while it exists.
 class TooManyUnderWay {
 public:
     TooManyUnderWay() {
-        std::array<int, 2> pair{};
-        EXPECT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair.data()), 0);
-        sending_ = KRDescriptor(pair[0]);
-        receiving_ = KRDescriptor(pair[1]);
+        EXPECT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, sockets_.data()), 0);
         std::array<int, 250> descriptors{};
         alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof descriptors)> control{};
         char byte = 0;
@@ -87,12 +92,18 @@ public:
         rights->cmsg_len = CMSG_LEN(sizeof descriptors);
         descriptors.fill(STDERR_FILENO);
         std::memcpy(CMSG_DATA(rights), descriptors.data(), sizeof descriptors);
-        EXPECT_EQ(sendmsg(sending_.get(), &message, 0), 1);
+        EXPECT_EQ(sendmsg(sockets_[0], &message, 0), 1);
     }
+    ~TooManyUnderWay() {
+        for (const int each : sockets_) {
+            close(each);
+        }
+    }
+    TooManyUnderWay(const TooManyUnderWay&) = delete;
+    TooManyUnderWay& operator=(const TooManyUnderWay&) = delete;
 
 private:
-    KRDescriptor sending_;
-    KRDescriptor receiving_;
+    std::array<int, 2> sockets_{}; // nobody receives from them
     const LoweredLimit limit_{128};
 };
 
