@@ -168,6 +168,13 @@ void KRDDSDomain::show() noexcept {
     KR::show(getDomains().find(number_)->second);
 }
 
+void KRDDSDomain::filterIgnored(ddsi_domaingv* engine) noexcept {
+    const KRLock lock(domainsMutex);
+    if (!getDomains().find(number_)->second.hidden) {
+        krFilterIgnored(engine);
+    }
+}
+
 bool KRDDSDomain::needsDiscovery() const {
     const KRLock lock(domainsMutex);
     return getDomains().at(number_).discovering > 0;

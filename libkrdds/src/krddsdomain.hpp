@@ -43,6 +43,8 @@ public:
     void noticeEngine(ddsi_domaingv* engine);
     /// Begins to send and receive.
     void show() noexcept;
+    /// The engine ignores other participants than before. No effect before show().
+    void filterIgnored(ddsi_domaingv* engine) noexcept;
     /// Whether a broker of this process on the domain does not meet others in the host directory, so the engine must not ignore
     /// any.
     bool needsDiscovery() const;

@@ -61,20 +61,17 @@ uint32_t krGetPort(const struct ddsi_domaingv* engine) {
     return engine->loc_meta_uc.port;
 }
 
+static bool setFilter(struct ddsi_tran_conn* connection, const struct sock_fprog* program) {
+    return connection == NULL ||
+           setsockopt(ddsi_conn_handle(connection), SOL_SOCKET,
+                      program->len > 0 ? SO_ATTACH_FILTER : SO_DETACH_FILTER, program, sizeof *program) == 0;
+}
+
 bool krSetDiscoveryDeaf(struct ddsi_domaingv* engine, bool deaf) {
     struct sock_filter none = BPF_STMT(BPF_RET | BPF_K, 0); // of a packet passes
-    const struct sock_fprog program = {1, &none};
-    struct ddsi_tran_conn* const connections[] = {engine->disc_conn_mc, engine->disc_conn_uc};
-    bool succeeds = true;
-    for (size_t i = 0; i < sizeof connections / sizeof connections[0]; ++i) {
-        if (connections[i] != NULL) {
-            const int option = deaf ? SO_ATTACH_FILTER : SO_DETACH_FILTER;
-            succeeds = setsockopt(ddsi_conn_handle(connections[i]), SOL_SOCKET, option, &program,
-                                  sizeof program) == 0 &&
-                       succeeds;
-        }
-    }
-    return succeeds;
+    const struct sock_fprog program = {deaf ? 1 : 0, &none};
+    const bool succeeds = setFilter(engine->disc_conn_mc, &program);
+    return setFilter(engine->disc_conn_uc, &program) && succeeds;
 }
 
 // Announcements of a participant that was deleted a moment ago may still be under way: the engine keeps a list of those that
@@ -104,4 +101,47 @@ bool krIgnoreParticipant(struct ddsi_domaingv* engine, const dds_guid_t* partici
     const bool known = entidx_lookup_proxy_participant_guid(engine->entity_index, &wanted) != NULL;
     thread_state_asleep(self);
     return known;
+}
+
+void krFilterIgnored(struct ddsi_domaingv* engine) {
+    enum {
+        kHeader =
+            8 +
+            20, // of UDP and RTPS (DDSI-RTPS, 9.4.4); the prefix of the sender's GUID is the last 12 bytes
+        kMost = 400, // as many as the kernel takes by default (net.core.optmem_max)
+        kForEach = 5,
+        kPass = 0xffff
+    };
+    struct sock_filter* const code = ddsrt_malloc_s((5 + kForEach * kMost) * sizeof *code);
+    if (code == NULL) {
+        return; // the engine ignores them
+    }
+    unsigned short length = 0;
+    code[length++] = (struct sock_filter)BPF_STMT(BPF_LD | BPF_W | BPF_LEN, 0);
+    code[length++] = (struct sock_filter)BPF_JUMP(BPF_JMP | BPF_JGE | BPF_K, kHeader, 1, 0);
+    code[length++] = (struct sock_filter)BPF_STMT(BPF_RET | BPF_K, kPass);
+    code[length++] = (struct sock_filter)BPF_STMT(BPF_LD | BPF_W | BPF_ABS, kHeader - 8);
+    const unsigned short begin = length;
+    struct deleted_participants_admin* const list = engine->deleted_participants;
+    ddsrt_mutex_lock(&list->deleted_participants_lock);
+    const struct deleted_participant* each = ddsrt_avl_find_min(&ignoredOrder, &list->deleted_participants);
+    for (; each != NULL && length < begin + kForEach * (kMost - 1);
+         each = ddsrt_avl_find_succ(&ignoredOrder, &list->deleted_participants, each)) {
+        if (each->for_what == 0 || each->t_prune.v != DDS_NEVER) {
+            continue;
+        }
+        // The last eight bytes of a prefix are unique: the engine draws them.
+        const ddsi_guid_prefix_t* const prefix = &each->guid.prefix;
+        code[length++] =
+            (struct sock_filter)BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, prefix->u[1], 0, kForEach - 1);
+        code[length++] = (struct sock_filter)BPF_STMT(BPF_LD | BPF_W | BPF_ABS, kHeader - 4);
+        code[length++] = (struct sock_filter)BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, prefix->u[2], 0, 1);
+        code[length++] = (struct sock_filter)BPF_STMT(BPF_RET | BPF_K, 0);
+        code[length++] = (struct sock_filter)BPF_STMT(BPF_RET | BPF_K, kPass);
+    }
+    ddsrt_mutex_unlock(&list->deleted_participants_lock);
+    code[length] = (struct sock_filter)BPF_STMT(BPF_RET | BPF_K, kPass);
+    const struct sock_fprog program = {length > begin ? length + 1 : 0, code};
+    (void)setFilter(engine->disc_conn_mc, &program); // otherwise the engine ignores them
+    ddsrt_free(code);
 }

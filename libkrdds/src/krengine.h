@@ -33,6 +33,10 @@ bool krSetDiscoveryDeaf(struct ddsi_domaingv* engine, bool deaf);
 /// sends the next one. \return whether the engine has discovered it already, which this does not change. Thread-safe.
 bool krIgnoreParticipant(struct ddsi_domaingv* engine, const dds_guid_t* participant, bool ignored);
 
+/// Has the kernel drop what ignored participants send to everybody's socket for discovery, which costs a tenth of having
+/// the engine do it. Call it after krIgnoreParticipant(). Thread-safe.
+void krFilterIgnored(struct ddsi_domaingv* engine);
+
 #pragma GCC visibility pop
 #ifdef __cplusplus
 }

@@ -99,6 +99,10 @@ private:
     void acceptOnHost(const std::string& broker, pid_t process, std::string_view text);
     void remove(const std::string& broker, const std::string& why);
     void connectOverDDS() KR_EXCLUDES(overDDSMutex_);
+    /// Whether the engine is to ignore the broker. \return whether the engine has discovered it already
+    bool ignore(const std::string& broker, bool ignored);
+    /// Has the kernel drop what ignored brokers send.
+    void filterIgnored();
     void takeAnnouncements();
     void takeAnnouncement(const void* sample, const dds_sample_info_t& info);
     std::set<dds_instance_handle_t> getAnnouncers() const;
@@ -163,6 +167,7 @@ private:
     std::chrono::steady_clock::time_point started_;
     std::chrono::steady_clock::time_point lastBeat_;
     bool isHidden_ = meetsOnHost_;           // from the network
+    bool ignoresOthers_ = false;             // than the kernel's filter knows
     int shownAgain_ = 0;                     // times
     std::size_t repeats_ = 0;                // of the announcement, because packets may be lost
     std::size_t places_ = 0;                 // of this host that DDS has to discover

@@ -105,6 +105,7 @@ void KRLink::pollDiscovery(bool news) {
     if (isHidden_ && onHost_.hasMetAll()) {
         isHidden_ = false;
         domain_->show();
+        filterIgnored();
         showAgain();
     }
     calls_->poll();
@@ -147,7 +148,7 @@ void KRLink::takeDeparture(const KRHostDirectory::News& news) {
         krForgetParticipant(engine_, &guid);
     }
     if (news.kind != Kind::Frozen) { // a frozen one comes back by way of the host directory
-        krIgnoreParticipant(engine_, &guid, false);
+        ignore(news.broker, false);
     }
 }
 
@@ -167,8 +168,7 @@ void KRLink::acceptOnHost(const std::string& broker, pid_t process, std::string_
     }
     bool isDiscovered = false;
     if (isNew) {
-        const dds_guid_t guid = toGuid(broker);
-        isDiscovered = krIgnoreParticipant(engine_, &guid, true);
+        isDiscovered = ignore(broker, true);
     }
     directory_.accept(connection_, std::move(read.announcement), KRPeerDirectory::kOnHost);
     const auto peer = directory_.find(broker);
@@ -197,16 +197,27 @@ void KRLink::connectOverDDS() {
         const KRLock lock(overDDSMutex_);
         for (const std::string& broker : overDDS_) {
             if (directory_.isOnHost(broker) && connectedOverDDS_.insert(broker).second) {
-                const dds_guid_t guid = toGuid(broker);
-                krIgnoreParticipant(engine_, &guid, false);
+                ignore(broker, false);
                 isNew = true;
             }
         }
     }
     if (isNew) {
+        filterIgnored();
         announcer_.setOverDDS(connectedOverDDS_);
         showAgain();
     }
+}
+
+bool KRLink::ignore(const std::string& broker, bool ignored) {
+    const dds_guid_t guid = toGuid(broker);
+    ignoresOthers_ = true;
+    return krIgnoreParticipant(engine_, &guid, ignored);
+}
+
+void KRLink::filterIgnored() {
+    ignoresOthers_ = false;
+    domain_->filterIgnored(engine_);
 }
 
 void KRLink::takeAnnouncements() {
@@ -289,6 +300,9 @@ void KRLink::beat() {
         krForgetParticipant(engine_, &guid);
     }
     forgetIgnored();
+    if (ignoresOthers_) {
+        filterIgnored();
+    }
     if (domain_->needsDiscovery()) {
         for (const std::string& broker : directory_.listOnHost()) {
             requireDDS(broker); // another broker of this process has to discover it
@@ -322,7 +336,7 @@ void KRLink::forgetIgnored() {
         if (++each.beats == kForgetAt) {
             krForgetParticipant(engine_, &guid);
         }
-        krIgnoreParticipant(engine_, &guid, true);
+        ignore(each.broker, true);
     }
     std::erase_if(toForget_, [](const Forgotten& each) { return each.beats >= kDone; });
 }

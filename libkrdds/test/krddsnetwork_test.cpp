@@ -11,11 +11,13 @@
 
 #include <gtest/gtest.h>
 
+#include <arpa/inet.h>
 #include <cstddef>
 #include <cstdlib>
 #include <fcntl.h>
 #include <fstream>
 #include <memory>
+#include <netinet/in.h>
 #include <sched.h>
 #include <sstream>
 #include <stdexcept>
@@ -203,6 +205,66 @@ TEST(KRDDSNetwork, AProcessIsSilentWhileItMeetsOthersOfItsHost) {
         EXPECT_LT(countLoopbackPackets() - before, 10); // it waits for a second
         close(listening);
         close(waking);
+    }).join();
+}
+
+/// Packets that the sockets at a port have dropped, in the network namespace of the calling thread.
+long countDropped(int port) {
+    std::ifstream table("/proc/thread-self/net/udp");
+    long count = 0;
+    for (std::string line; std::getline(table, line);) {
+        const auto colon = line.find(':', line.find(':') + 1); // "   4: 0100007F:1CEA ... 0"
+        if (colon != std::string::npos && std::stoi(line.substr(colon + 1, 4), nullptr, 16) == port) {
+            count += std::stol(line.substr(line.find_last_of(' ', line.find_last_not_of(' '))));
+        }
+    }
+    return count;
+}
+
+/// Sends the head of a discovery packet of this broker to all on the loopback interface.
+void sendAsBroker(const std::string& id, int port) {
+    std::string packet("RTPS\2\1\1\20", 8);
+    for (std::size_t i = 0; i < 24; i += 2) {
+        packet += static_cast<char>(std::stoi(id.substr(i, 2), nullptr, 16));
+    }
+    const int file = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const in_addr loopback{htonl(INADDR_LOOPBACK)};
+    EXPECT_EQ(setsockopt(file, IPPROTO_IP, IP_MULTICAST_IF, &loopback, sizeof loopback), 0);
+    sockaddr_in all{};
+    all.sin_family = AF_INET;
+    all.sin_port = htons(static_cast<std::uint16_t>(port));
+    all.sin_addr.s_addr = inet_addr("239.255.0.1");
+    EXPECT_EQ(
+        sendto(file, packet.data(), packet.size(), 0, reinterpret_cast<const sockaddr*>(&all), sizeof all),
+        static_cast<ssize_t>(packet.size()));
+    close(file);
+}
+
+TEST(KRDDSNetwork, TheKernelDropsWhatBrokersThatHaveMetSendForDiscovery) {
+    const Hosts hosts(1);
+    if (!hosts.areComplete()) {
+        GTEST_SKIP() << "this needs the right to make network namespaces, as root has it, and the tool ip";
+    }
+    ASSERT_TRUE(hosts.isolate(1));
+    const TestDomain domain;
+    std::thread([&] {
+        hosts.enter(1);
+        const OtherProcess first(domain.getUrl("local=on"), {"module", "First"});
+        ASSERT_EQ(first.getAnswer(), "ready");
+        const OtherProcess second(domain.getUrl("local=on"), {"module", "Second"});
+        ASSERT_EQ(second.getAnswer(), "ready");
+        const auto broker = domain.createBroker("local=off");
+        ASSERT_TRUE(broker->getSession().waitForService("Second", kPatience));
+        const auto id = broker->getProxy("Second")->call<std::string>("callOther", "First", "callerOf", 0);
+        const int port = 7400 + 250 * static_cast<int>(domain.getNumber());
+        EXPECT_TRUE(eventually([&] {
+            const long before = countDropped(port);
+            sendAsBroker(id, port);
+            return countDropped(port) > before;
+        }));
+        const long before = countDropped(port);
+        sendAsBroker("0110" + std::string(20, '7'), port); // one that has not met
+        EXPECT_EQ(countDropped(port), before);
     }).join();
 }
 

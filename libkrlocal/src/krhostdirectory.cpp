@@ -138,7 +138,9 @@ public:
         }
         for (auto& [id, other] : others_) {
             other.settled = other.taken;
-            other.newcomer = {};
+            if (other.newcomer) {
+                KRHostMeeting::confirm(std::exchange(other.newcomer, {}));
+            }
         }
     }
 

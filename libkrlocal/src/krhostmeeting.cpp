@@ -215,13 +215,12 @@ std::vector<KRHostMeeting::Met> KRHostMeeting::advance(const std::vector<pollfd>
         }
         progress_ = now;
         if (step == Step::Met) {
-            guest->isMet = !guest->isNewcomer;
             if (guest->isNewcomer) {
                 guest->met.newcomer = std::move(guest->socket);
             }
             met.push_back(std::move(guest->met));
         }
-        guest = guest->isMet && step == Step::Met ? std::next(guest) : guests_.erase(guest);
+        guest = guests_.erase(guest);
     }
     greeted_ = countNewcomers() > 0;
     updateProgress(now);
@@ -234,9 +233,7 @@ void KRHostMeeting::updateProgress(Clock::time_point now) {
     }
     const auto silence = now - progress_;
     const auto waiting = std::ssize(guests_) - static_cast<std::ptrdiff_t>(countNewcomers());
-    const bool isUnmet = std::any_of(guests_.begin(), guests_.end(),
-                                     [](const Guest& guest) { return !guest.isNewcomer && !guest.isMet; });
-    busy_ = (isUnmet || !unprobed_.empty()) && silence < kSilencePatience && now - begin_ < kBusyPatience;
+    busy_ = (waiting > 0 || !unprobed_.empty()) && silence < kSilencePatience && now - begin_ < kBusyPatience;
     if (now - begin_ >= kCompletePatience || silence >= kManyPatience) {
         complete_ = true;
     } else if (unprobed_.empty()) {
@@ -325,7 +322,7 @@ bool KRHostMeeting::hasRoom(Clock::time_point now) {
 }
 
 KRHostMeeting::Step KRHostMeeting::advance(Guest& guest) {
-    if (!guest.isGreeted && !guest.isMet && !hasRoom(Clock::now())) {
+    if (!guest.isGreeted && !hasRoom(Clock::now())) {
         return Step::Waiting; // what is received now would be lost
     }
     Received received = receive(guest.socket.get());
@@ -335,22 +332,22 @@ KRHostMeeting::Step KRHostMeeting::advance(Guest& guest) {
     if (guest.isGreeted) {
         return received.outcome == Received::Outcome::Byte ? Step::Met : Step::Over;
     }
-    if (guest.isMet) {
-        return Step::Over;
-    }
     if (received.outcome != Received::Outcome::Greeting) {
         return Step::Over;
     }
     guest.met.broker = received.greeting.broker.data();
     guest.met.publishes = received.greeting.publishes != 0;
     guest.met.memory = std::move(received.memory);
+    guest.isGreeted = true;
     if (guest.isNewcomer) {
         guest.met.slot = static_cast<int>(received.greeting.slot);
-        guest.isGreeted = true;
         return greet(guest);
     }
-    const char taken = 0;
-    return ::send(guest.socket.get(), &taken, 1, MSG_DONTWAIT | MSG_NOSIGNAL) == 1 ? Step::Met : Step::Over;
+    return confirm(guest.socket) ? Step::Waiting : Step::Over;
+}
+
+bool KRHostMeeting::confirm(const KRDescriptor& socket) noexcept {
+    return ::send(socket.get(), "", 1, MSG_DONTWAIT | MSG_NOSIGNAL) == 1;
 }
 
 KRHostMeeting::Step KRHostMeeting::greet(Guest& guest) {

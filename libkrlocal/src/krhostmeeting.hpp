@@ -16,7 +16,7 @@ namespace KR {
 
 /// The message with which brokers hand each other their entry, in the byte order of the machine.
 struct KRHostGreeting {
-    static constexpr std::array<char, 8> kMark{'K', 'R', 'H', 'o', 's', 't', '/', '1'};
+    static constexpr std::array<char, 8> kMark{'K', 'R', 'H', 'o', 's', 't', '/', '2'};
 
     KRHostGreeting() = default;
     /// \throws KRError the identity is empty or too long
@@ -34,8 +34,9 @@ struct KRHostGreeting {
 ///     newcomer  -> greeting with descriptor
 ///     the other -> greeting with descriptor
 ///     newcomer  -> one byte: it has the entry
-///     the other -> disconnects once the newcomer's entry has taken effect
+///     the other -> one byte, once the newcomer's entry has taken effect, and disconnects
 ///
+/// A newcomer that does not get the last byte has not met the other, nor the other it: either may have been too slow.
 /// A second socket of each only wakes its owner. wake(), isBusy(), isComplete() and isGreeted() may be called on any thread, the rest on one.
 class KRHostMeeting {
 public:
@@ -49,9 +50,11 @@ public:
         bool publishes = false;
         KRDescriptor memory;
         KRDescriptor
-            newcomer; // its connection, to be closed when the entry has taken effect; empty: not a newcomer
+            newcomer; // its connection, for confirm() when the entry has taken effect; empty: not a newcomer
     };
 
+    /// Sends the byte that ends the part of this broker.
+    static bool confirm(const KRDescriptor& socket) noexcept;
     /// Has the broker with this slot look for news. Never blocks.
     void wake(int slot) const noexcept;
     /// Whether brokers that were there before are still answering.
@@ -75,8 +78,7 @@ private:
         KRDescriptor socket;
         pid_t process = 0;
         bool isNewcomer = false; // it has connected to this broker
-        bool isGreeted = false;  // a newcomer that has been answered
-        bool isMet = false;      // not a newcomer, and it has yet to disconnect
+        bool isGreeted = false;  // its greeting has come
         bool isUnsent = false;   // the greeting to it
         Met met;
         Clock::time_point since;
