@@ -39,8 +39,8 @@ using News = KRHostDirectory::News;
 /// A directory in this process, and what has been read in it.
 class Here {
 public:
-    explicit Here(const std::string& name, bool publishes = true) {
-        directory.join({name, "here", publishes});
+    explicit Here(const std::string& name, bool publishes = true, const std::string& broker = "here") {
+        directory.join({name, broker, publishes});
     }
 
     /// Whether such news comes.
@@ -319,6 +319,28 @@ TEST_F(KRHostDirectoryTest, WhoeverBreaksTheProtocolIsDisconnected) {
     }
     Here here(name);
     EXPECT_TRUE(here.gets(News::Kind::Published, "there", "hello"));
+}
+
+TEST_F(KRHostDirectoryTest, ANewcomerHasMetOnlyWhoConfirmsIt) {
+    KRHostEntryWriter entry("here");
+    entry.write(KRHostEntry::Published, "old");
+    for (const bool confirms : {false, true}) {
+        const KRDescriptor listening =
+            listenAt("krvision-host-" + name + "-" + std::to_string(geteuid()) + "-0");
+        auto starting = std::async(std::launch::async, [&] { return start("there", "hello"); });
+        const KRDescriptor newcomer(accept4(listening.get(), nullptr, nullptr, SOCK_CLOEXEC));
+        std::array<char, 200> received{};
+        recv(newcomer.get(), received.data(), received.size(), 0);
+        send(newcomer, toPacket({"here", true}), entry.getDescriptor());
+        EXPECT_EQ(recv(newcomer.get(), received.data(), received.size(), 0), 1);
+        if (confirms) {
+            send(newcomer, "x", -1);
+        }
+        shutdown(newcomer.get(), SHUT_RDWR);
+        const auto other = starting.get();
+        Here third(name, false, "third");
+        EXPECT_TRUE(third.gets(News::Kind::Published, "there", confirms ? "hello, here:old" : "hello"));
+    }
 }
 
 TEST_F(KRHostDirectoryTest, AnEntryThatIsNotValidCountsAsEnded) {
