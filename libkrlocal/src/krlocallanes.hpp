@@ -23,7 +23,7 @@ namespace KR {
 /// lane is opened for later calls.
 class KRLocalLanes : public KRLocalConnection, public std::enable_shared_from_this<KRLocalLanes> {
 public:
-    static constexpr std::size_t kMaxLanes = 16;
+    static constexpr std::size_t kMaxLanes = 32;
     static constexpr std::chrono::seconds kIdleTime{2}; // unused lanes are closed after it, except the first
     static constexpr std::chrono::seconds kRetry{5};    // pause after a lane could not be opened
 

@@ -102,7 +102,7 @@ public:
 
 private:
     static constexpr int kWaiting = 2;     // threads that wait even if all connections are idle
-    static constexpr int kMaxReading = 16; // threads that wait for one caller each
+    static constexpr int kMaxReading = 32; // threads that wait for one caller each
 
     void startThread() KR_EXCLUDES(mutex_);
     void run() KR_EXCLUDES(mutex_);

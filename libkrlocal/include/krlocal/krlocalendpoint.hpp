@@ -88,7 +88,7 @@ public:
     virtual void noticeCallerGone(const std::string& caller) noexcept = 0;
 };
 
-/// A connection that carries calls to another process, through a socket of its own for each of up to 16 calls at once.
+/// A connection that carries calls to another process, through a socket of its own for each of up to 32 calls at once.
 /// Thread-safe.
 class KR_EXPORT KRLocalConnection {
 public:
