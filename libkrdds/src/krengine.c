@@ -106,9 +106,8 @@ bool krIgnoreParticipant(struct ddsi_domaingv* engine, const dds_guid_t* partici
 void krFilterIgnored(struct ddsi_domaingv* engine) {
     enum {
         kHeader =
-            8 +
-            20, // of UDP and RTPS (DDSI-RTPS, 9.4.4); the prefix of the sender's GUID is the last 12 bytes
-        kMost = 400, // as many as the kernel takes by default (net.core.optmem_max)
+            8 + 20,  // of UDP and RTPS, which ends with the prefix of the sender's GUID (DDSI-RTPS, 9.4.4)
+        kMost = 400, // as many as fit net.core.optmem_max by default
         kForEach = 5,
         kPass = 0xffff
     };
@@ -142,6 +141,11 @@ void krFilterIgnored(struct ddsi_domaingv* engine) {
     ddsrt_mutex_unlock(&list->deleted_participants_lock);
     code[length] = (struct sock_filter)BPF_STMT(BPF_RET | BPF_K, kPass);
     const struct sock_fprog program = {length > begin ? length + 1 : 0, code};
-    (void)setFilter(engine->disc_conn_mc, &program); // otherwise the engine ignores them
+    // If it fails, the last one must not stay, and without that one there may be room.
+    if (!setFilter(engine->disc_conn_mc, &program)) {
+        const struct sock_fprog nothing = {0, NULL};
+        setFilter(engine->disc_conn_mc, &nothing);
+        setFilter(engine->disc_conn_mc, &program); // otherwise the engine ignores them
+    }
     ddsrt_free(code);
 }
