@@ -152,26 +152,23 @@ bool KRPeerDirectory::hasRoom(const std::string& id, std::size_t modules) const 
 }
 
 void KRPeerDirectory::setModules(const std::string& id, Neighbor& neighbor, KRAnnouncedModules modules) {
-    const auto compare = [&](const KRAnnouncedModules& some, const KRAnnouncedModules& others,
-                             const auto& act) {
-        for (const auto& [name, module] : some) {
-            const auto found = others.find(name);
-            if (found == others.end() || found->second != module) {
-                changed_.insert(name);
-                if (found == others.end()) {
-                    act(name);
-                }
-            }
+    for (const auto& [name, module] : neighbor.modules) {
+        const auto found = modules.find(name);
+        if (found == modules.end() || found->second != module) {
+            changed_.insert(name);
         }
-    };
-    compare(neighbor.modules, modules, [&](const std::string& gone) KR_REQUIRES(mutex_) {
-        const auto hosts = hosts_.find(gone);
-        if (hosts != hosts_.end() && std::erase(hosts->second, id) > 0 && hosts->second.empty()) {
+        const auto hosts = hosts_.find(name);
+        if (found == modules.end() && hosts != hosts_.end() && std::erase(hosts->second, id) > 0 &&
+            hosts->second.empty()) {
             hosts_.erase(hosts);
         }
-    });
-    compare(modules, neighbor.modules,
-            [&](const std::string& added) KR_REQUIRES(mutex_) { hosts_[added].push_back(id); });
+    }
+    for (const auto& [name, module] : modules) {
+        if (!neighbor.modules.contains(name)) {
+            changed_.insert(name);
+            hosts_[name].push_back(id);
+        }
+    }
     moduleCount_ += modules.size();
     moduleCount_ -= neighbor.modules.size();
     neighbor.modules = std::move(modules);
