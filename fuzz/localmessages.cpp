@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 
 namespace {
 
@@ -32,7 +33,8 @@ void receive(const std::uint8_t* data, std::size_t size) {
         return;
     }
     const KR::KRDescriptor sender(sockets[0]);
-    KR::KRLocalChannel channel(KR::KRDescriptor(sockets[1]), 0, std::make_shared<KR::KRLocalCounts>());
+    static const auto waker = std::make_shared<const KR::KRLocalWaker>();
+    KR::KRLocalChannel channel(KR::KRDescriptor(sockets[1]), 0, std::make_shared<KR::KRLocalCounts>(), waker);
     std::size_t packet = std::max<std::size_t>(1, data[0] * 16U);
     for (++data, --size; size > 0;) {
         const std::size_t count = std::min(packet, size);
