@@ -81,6 +81,7 @@ public:
     bool hasMetAll() const noexcept { return !meeting_ || meeting_->isComplete(); }
 
     void interrupt() noexcept {
+        mayHaveNews_ = true; // not only in wait(), which may be over by now
         const std::uint64_t one = 1;
         (void)!write(interrupt_.get(), &one, sizeof one); // fails only when it is readable anyway
     }
@@ -101,7 +102,6 @@ public:
             }
         }
         if (isWoken) {
-            const KRLock lock(mutex_);
             mayHaveNews_ = true;
         }
         return isWoken;
@@ -110,7 +110,7 @@ public:
     std::vector<News> takeNews() {
         std::vector<News> news;
         const KRLock lock(mutex_);
-        if (!std::exchange(mayHaveNews_, false)) {
+        if (!mayHaveNews_.exchange(false)) {
             return news;
         }
         isSettled_ = false;
@@ -168,7 +168,9 @@ public:
                     other.taken = other.settled = kNone;
                 }
                 // Its message may have been lost.
-                mayHaveNews_ = mayHaveNews_ || other.entry->readVersion() != other.taken;
+                if (other.entry->readVersion() != other.taken) {
+                    mayHaveNews_ = true;
+                }
                 continue;
             }
             ++other.missed;
@@ -263,12 +265,12 @@ private:
     }
 
     const KRDescriptor interrupt_;
-    std::optional<KRHostMeeting> meeting_; // constant after join()
+    std::atomic<bool> mayHaveNews_ = false; // takeNews() has to look
+    std::optional<KRHostMeeting> meeting_;  // constant after join()
 
     mutable KRMutex mutex_;
     std::unique_ptr<KRHostEntryWriter> own_ KR_GUARDED_BY(mutex_); // null before join()
     bool publishes_ KR_GUARDED_BY(mutex_) = false;
-    bool mayHaveNews_ KR_GUARDED_BY(mutex_) = false;            // takeNews() has to look
     bool isSettled_ KR_GUARDED_BY(mutex_) = true;               // nothing taken since settle()
     std::map<std::string, Other> others_ KR_GUARDED_BY(mutex_); // by identity
 };

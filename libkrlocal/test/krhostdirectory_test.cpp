@@ -123,6 +123,19 @@ TEST_F(KRHostDirectoryTest, TwoProcessesReadWhatEachOtherPublishes) {
     EXPECT_TRUE(here.gets(News::Kind::Published, "there", "hello, here:bye"));
 }
 
+TEST_F(KRHostDirectoryTest, AnInterruptedDirectoryIsLookedAtThoughNobodyWaits) {
+    const auto other = start("there", "hello");
+    Here here(name);
+    ASSERT_TRUE(here.gets(News::Kind::Published, "there", "hello"));
+    here.directory.publish("again"); // which the other repeats
+    EXPECT_TRUE(eventually([&] {
+        here.directory.interrupt();
+        const std::vector<News> news = here.directory.takeNews();
+        return std::any_of(news.begin(), news.end(),
+                           [](const News& each) { return each.text == "hello, here:again"; });
+    }));
+}
+
 TEST_F(KRHostDirectoryTest, ATextMayTakeAMegabyte) {
     Here here(name);
     const std::string text(KRHostDirectory::kMaxText - 100, 'x');

@@ -69,7 +69,7 @@ public:
     /// Whether all brokers that were there at join() have been met, except those of stopped processes. True once none of
     /// them has answered for a second, or three if there are more than four, and after half a minute in any case.
     bool hasMetAll() const noexcept;
-    /// Makes wait() return.
+    /// Makes wait() return, and takeNews() look at all others.
     void interrupt() noexcept;
 
     /// Waits until there may be news, interrupt() was called or the time is over; meets others meanwhile.
